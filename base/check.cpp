@@ -1,0 +1,14 @@
+#include "base/check.h"
+
+#include <pthread.h>
+
+#include <cstdlib>
+
+#include "base/diag.h"
+
+void check_failed(const char* expression, const char* function) {
+    // A thread with a pending cancellation must still get to say why the process ends.
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+    diag("v9_rtmp_server: %s: Assertion '%s' failed.\n", function, expression);
+    std::abort();
+}
