@@ -1,0 +1,265 @@
+#include "comm_socket/packet.h"
+
+#include <cerrno>
+#include <exception>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+
+namespace comm_socket {
+
+comm_socket_v4_packet* make_packet(const FrameHead& head, FrameText&& text) {
+    auto content = std::make_unique<comm_socket_v4_content>();
+    content->text = std::move(text);
+    content->state = PacketState::COMPLETE;
+    return new comm_socket_v4_packet{head.flags, head.request_id, head.status, content.release()};
+}
+
+void hold_request(comm_socket_v4_packet* packet, HeldRequests* held,
+                  const std::shared_ptr<std::size_t>& unreleased) {
+    comm_socket_v4_content* content = packet->content;
+    content->position = held->insert(held->end(), packet);
+    content->held = held;
+    content->unreleased = unreleased;
+    ++*unreleased;
+}
+
+FrameHead head_of(const comm_socket_v4_packet* packet) {
+    return {packet->flags, packet->request_id, packet->status};
+}
+
+namespace {
+
+int refuse(int error) {
+    errno = error;
+    return -1;
+}
+
+// Whether a packet is being written and has room for added bytes; 0 or the errno. No sum may have overflowed:
+// a string above the limit is refused by is_too_long.
+int test_writable(const comm_socket_v4_packet* packet, std::uint64_t added) {
+    if (packet == nullptr || packet->content->state != PacketState::WRITING)
+        return EINVAL;
+    return packet->content->body_bytes + added > REPLY_LIMITS.body_bytes ? EMSGSIZE : 0;
+}
+
+bool is_too_long(std::string_view string) {
+    return string.size() > REPLY_LIMITS.body_bytes;
+}
+
+int write_argument(comm_socket_v4_packet* packet, const std::optional<std::string_view>& argument) {
+    if (argument && is_too_long(*argument))
+        return refuse(EMSGSIZE);
+    const std::uint64_t added = encoded_argument_bytes(argument);
+    if (const int error = test_writable(packet, added); error != 0)
+        return refuse(error);
+    auto& arguments = packet->content->text.arguments;
+    if (arguments.size() >= REPLY_LIMITS.arguments)
+        return refuse(EMSGSIZE);
+    try {
+        arguments.emplace_back(argument);
+    } catch (const std::exception&) {
+        return refuse(ENOMEM);
+    }
+    packet->content->body_bytes += added;
+    return 0;
+}
+
+int write_pair(comm_socket_v4_packet* packet, std::string_view name, std::string_view value) {
+    if (is_too_long(name) || is_too_long(value))
+        return refuse(EMSGSIZE);
+    const std::uint64_t added = encoded_pair_bytes(name, value);
+    if (const int error = test_writable(packet, added); error != 0)
+        return refuse(error);
+    auto& pairs = packet->content->text.pairs;
+    if (pairs.size() >= REPLY_LIMITS.pairs)
+        return refuse(EMSGSIZE);
+    try {
+        pairs.emplace_back(name, value);
+    } catch (const std::exception&) {
+        return refuse(ENOMEM);
+    }
+    packet->content->body_bytes += added;
+    return 0;
+}
+
+// Null bytes are allowed only for a length of 0.
+bool is_bytes(const void* bytes, size_t length) {
+    return bytes != nullptr || length == 0;
+}
+
+std::string_view view_bytes(const void* bytes, size_t length) {
+    return length == 0 ? std::string_view() : std::string_view(static_cast<const char*>(bytes), length);
+}
+
+const std::string* argument_at(const comm_socket_v4_packet* packet, size_t idx) {
+    if (packet == nullptr || idx >= packet->content->text.arguments.size())
+        return nullptr;
+    const auto& argument = packet->content->text.arguments[idx];
+    return argument ? &*argument : nullptr;
+}
+
+const std::string* pair_name_at(const comm_socket_v4_packet* packet, size_t idx) {
+    if (packet == nullptr || idx >= packet->content->text.pairs.size())
+        return nullptr;
+    return &packet->content->text.pairs[idx].first;
+}
+
+const std::string* pair_value_at(const comm_socket_v4_packet* packet, size_t idx) {
+    if (packet == nullptr || idx >= packet->content->text.pairs.size())
+        return nullptr;
+    return &packet->content->text.pairs[idx].second;
+}
+
+const char* c_string(const std::string* string) {
+    return string == nullptr ? nullptr : string->c_str();
+}
+size_t length_of(const std::string* string) {
+    return string == nullptr ? 0 : string->size();
+}
+
+}  // namespace
+}  // namespace comm_socket
+
+using comm_socket::PacketState;
+
+comm_socket_v4_packet* comm_socket_v4_packet_create(void) {
+    try {
+        auto content = std::make_unique<comm_socket_v4_content>();
+        return new comm_socket_v4_packet{COMM_SOCKET_V4_REQUEST, 0, 0, content.release()};
+    } catch (const std::exception&) {
+        errno = ENOMEM;
+        return nullptr;
+    }
+}
+
+comm_socket_v4_packet* comm_socket_v4_packet_release(comm_socket_v4_packet* packet) {
+    if (packet == nullptr)
+        return nullptr;
+    comm_socket_v4_content* content = packet->content;
+    if (content->held != nullptr) {
+        content->held->erase(content->position);
+        --*content->unreleased;
+    }
+    delete content;
+    delete packet;
+    return nullptr;
+}
+
+void comm_socket_v4_packet_make_response(comm_socket_v4_packet* packet) {
+    if (packet != nullptr)
+        packet->flags &= ~COMM_SOCKET_V4_REQUEST;
+}
+
+void comm_socket_v4_packet_set_async(comm_socket_v4_packet* packet, int async) {
+    if (packet == nullptr)
+        return;
+    if (async != 0) {
+        packet->flags |= COMM_SOCKET_V4_ASYNC;
+    } else {
+        packet->flags &= ~COMM_SOCKET_V4_ASYNC;
+    }
+}
+
+int comm_socket_v4_packet_begin_writing(comm_socket_v4_packet* packet, int reserved, const char* command,
+                                        const char* message) {
+    if (packet == nullptr || reserved != 0 || command == nullptr || message == nullptr)
+        return comm_socket::refuse(EINVAL);
+    try {
+        comm_socket::FrameText text;
+        text.command = command;
+        text.message = message;
+        const std::uint64_t body_bytes = comm_socket::encoded_body_bytes(text);
+        if (body_bytes > comm_socket::REPLY_LIMITS.body_bytes)
+            return comm_socket::refuse(EMSGSIZE);
+        packet->content->text = std::move(text);
+        packet->content->body_bytes = body_bytes;
+        packet->content->state = PacketState::WRITING;
+    } catch (const std::exception&) {
+        return comm_socket::refuse(ENOMEM);
+    }
+    return 0;
+}
+
+int comm_socket_v4_packet_write_argv(comm_socket_v4_packet* packet, const char* argument) {
+    if (argument == nullptr)
+        return comm_socket::write_argument(packet, std::nullopt);
+    return comm_socket::write_argument(packet, std::string_view(argument));
+}
+
+int comm_socket_v4_packet_write_argv_bytes(comm_socket_v4_packet* packet, const void* argument,
+                                           size_t length) {
+    if (!comm_socket::is_bytes(argument, length))
+        return comm_socket::refuse(EINVAL);
+    return comm_socket::write_argument(packet, comm_socket::view_bytes(argument, length));
+}
+
+int comm_socket_v4_packet_write_nv_pair(comm_socket_v4_packet* packet, const char* name, const char* value) {
+    if (name == nullptr || value == nullptr)
+        return comm_socket::refuse(EINVAL);
+    return comm_socket::write_pair(packet, name, value);
+}
+
+int comm_socket_v4_packet_write_nv_pair_bytes(comm_socket_v4_packet* packet, const void* name,
+                                              size_t name_length, const void* value, size_t value_length) {
+    if (!comm_socket::is_bytes(name, name_length) || !comm_socket::is_bytes(value, value_length))
+        return comm_socket::refuse(EINVAL);
+    return comm_socket::write_pair(packet, comm_socket::view_bytes(name, name_length),
+                                   comm_socket::view_bytes(value, value_length));
+}
+
+int comm_socket_v4_packet_write_end(comm_socket_v4_packet* packet) {
+    if (packet == nullptr || packet->content->state != PacketState::WRITING)
+        return comm_socket::refuse(EINVAL);
+    packet->content->state = PacketState::COMPLETE;
+    return 0;
+}
+
+const char* comm_socket_v4_packet_get_command(const comm_socket_v4_packet* packet) {
+    return packet == nullptr ? nullptr : packet->content->text.command.c_str();
+}
+
+size_t comm_socket_v4_packet_get_command_length(const comm_socket_v4_packet* packet) {
+    return packet == nullptr ? 0 : packet->content->text.command.size();
+}
+
+const char* comm_socket_v4_packet_get_message(const comm_socket_v4_packet* packet) {
+    return packet == nullptr ? nullptr : packet->content->text.message.c_str();
+}
+
+size_t comm_socket_v4_packet_get_message_length(const comm_socket_v4_packet* packet) {
+    return packet == nullptr ? 0 : packet->content->text.message.size();
+}
+
+size_t comm_socket_v4_packet_get_argv_count(const comm_socket_v4_packet* packet) {
+    return packet == nullptr ? 0 : packet->content->text.arguments.size();
+}
+
+const char* comm_socket_v4_packet_get_argv(const comm_socket_v4_packet* packet, size_t idx) {
+    return comm_socket::c_string(comm_socket::argument_at(packet, idx));
+}
+
+size_t comm_socket_v4_packet_get_argv_length(const comm_socket_v4_packet* packet, size_t idx) {
+    return comm_socket::length_of(comm_socket::argument_at(packet, idx));
+}
+
+size_t comm_socket_v4_packet_get_pair_count(const comm_socket_v4_packet* packet) {
+    return packet == nullptr ? 0 : packet->content->text.pairs.size();
+}
+
+const char* comm_socket_v4_packet_get_pair_name(const comm_socket_v4_packet* packet, size_t idx) {
+    return comm_socket::c_string(comm_socket::pair_name_at(packet, idx));
+}
+
+size_t comm_socket_v4_packet_get_pair_name_length(const comm_socket_v4_packet* packet, size_t idx) {
+    return comm_socket::length_of(comm_socket::pair_name_at(packet, idx));
+}
+
+const char* comm_socket_v4_packet_get_pair_value(const comm_socket_v4_packet* packet, size_t idx) {
+    return comm_socket::c_string(comm_socket::pair_value_at(packet, idx));
+}
+
+size_t comm_socket_v4_packet_get_pair_value_length(const comm_socket_v4_packet* packet, size_t idx) {
+    return comm_socket::length_of(comm_socket::pair_value_at(packet, idx));
+}

@@ -1,0 +1,198 @@
+#include "comm_socket/wire.h"
+
+#include <cstring>
+
+#include "comm_socket/include/comm_socket_v4.h"
+
+namespace comm_socket {
+
+const FrameLimits REQUEST_LIMITS = {COMM_SOCKET_V4_MAX_REQUEST_BYTES, COMM_SOCKET_V4_MAX_ARGUMENTS,
+                                    COMM_SOCKET_V4_MAX_REQUEST_PAIRS};
+const FrameLimits REPLY_LIMITS = {COMM_SOCKET_V4_MAX_REPLY_BYTES, COMM_SOCKET_V4_MAX_ARGUMENTS,
+                                  COMM_SOCKET_V4_MAX_REPLY_PAIRS};
+
+namespace {
+
+constexpr unsigned char PREAMBLE[4] = {'C', 'S', WIRE_VERSION, 0};
+constexpr std::uint32_t KNOWN_FLAGS = COMM_SOCKET_V4_REQUEST | COMM_SOCKET_V4_ASYNC;
+constexpr std::size_t LENGTH_BYTES = 4;
+constexpr std::size_t SMALLEST_PAIR_BYTES = 2 * LENGTH_BYTES;
+constexpr std::uint64_t FIXED_BODY_BYTES = 4 + 8 + 8 + 4 * LENGTH_BYTES;  // all but the strings
+
+std::size_t room(const unsigned char* s, const unsigned char* end) {
+    return static_cast<std::size_t>(end - s);
+}
+
+bool take_u32(const unsigned char*& s, const unsigned char* end, std::uint32_t* value) {
+    if (room(s, end) < 4)
+        return false;
+    *value = std::uint32_t{s[0]} << 24 | std::uint32_t{s[1]} << 16 | std::uint32_t{s[2]} << 8 | s[3];
+    s += 4;
+    return true;
+}
+
+bool take_u64(const unsigned char*& s, const unsigned char* end, std::uint64_t* value) {
+    std::uint32_t high = 0;
+    std::uint32_t low = 0;
+    if (room(s, end) < 8 || !take_u32(s, end, &high) || !take_u32(s, end, &low))
+        return false;
+    *value = std::uint64_t{high} << 32 | low;
+    return true;
+}
+
+bool take_bytes(const unsigned char*& s, const unsigned char* end, std::uint32_t length, std::string* value) {
+    if (room(s, end) < length)
+        return false;
+    value->assign(reinterpret_cast<const char*>(s), length);
+    s += length;
+    return true;
+}
+
+bool take_string(const unsigned char*& s, const unsigned char* end, std::string* value) {
+    std::uint32_t length = 0;
+    return take_u32(s, end, &length) && take_bytes(s, end, length, value);
+}
+
+bool take_arguments(const unsigned char*& s, const unsigned char* end, std::size_t limit, FrameText* text) {
+    std::uint32_t count = 0;
+    if (!take_u32(s, end, &count) || count > limit)
+        return false;
+    for (std::uint32_t i = 0; i < count; i++) {
+        std::uint32_t length = 0;
+        if (!take_u32(s, end, &length))
+            return false;
+        auto& argument = text->arguments.emplace_back();
+        if (length != ABSENT && !take_bytes(s, end, length, &argument.emplace()))
+            return false;
+    }
+    return true;
+}
+
+bool take_pairs(const unsigned char*& s, const unsigned char* end, std::size_t limit, FrameText* text) {
+    std::uint32_t count = 0;
+    if (!take_u32(s, end, &count) || count > limit || room(s, end) / SMALLEST_PAIR_BYTES < count)
+        return false;
+    text->pairs.reserve(count);
+    for (std::uint32_t i = 0; i < count; i++) {
+        auto& [name, value] = text->pairs.emplace_back();
+        if (!take_string(s, end, &name) || !take_string(s, end, &value))
+            return false;
+    }
+    return true;
+}
+
+void put_u32(unsigned char*& d, std::uint32_t value) {
+    for (int shift = 24; shift >= 0; shift -= 8)
+        *d++ = static_cast<unsigned char>(value >> shift);
+}
+
+void put_u64(unsigned char*& d, std::uint64_t value) {
+    put_u32(d, static_cast<std::uint32_t>(value >> 32));
+    put_u32(d, static_cast<std::uint32_t>(value));
+}
+
+void put_string(unsigned char*& d, const std::string& value) {
+    put_u32(d, static_cast<std::uint32_t>(value.size()));
+    std::memcpy(d, value.data(), value.size());
+    d += value.size();
+}
+
+}  // namespace
+
+FrameState decode_header(const unsigned char* s, const unsigned char* end, const FrameLimits& limits,
+                         std::size_t* body_bytes) {
+    for (unsigned char expected : PREAMBLE) {
+        if (s == end)
+            return FrameState::INCOMPLETE;
+        if (*s++ != expected)
+            return FrameState::BROKEN;
+    }
+    std::uint32_t length = 0;
+    if (!take_u32(s, end, &length))
+        return FrameState::INCOMPLETE;
+    if (length < FIXED_BODY_BYTES || length > limits.body_bytes)
+        return FrameState::BROKEN;
+    *body_bytes = length;
+    return FrameState::COMPLETE;
+}
+
+bool decode_body(const unsigned char* s, const unsigned char* end, const FrameLimits& limits, FrameHead* head,
+                 FrameText* text) {
+    FrameHead new_head;
+    FrameText new_text;
+    if (room(s, end) > limits.body_bytes)
+        return false;
+    if (!take_u32(s, end, &new_head.flags) || (new_head.flags & ~KNOWN_FLAGS) != 0)
+        return false;
+    if (!take_u64(s, end, &new_head.request_id) || !take_u64(s, end, &new_head.status))
+        return false;
+    if (!take_string(s, end, &new_text.command) || !take_string(s, end, &new_text.message))
+        return false;
+    if (!take_arguments(s, end, limits.arguments, &new_text) || !take_pairs(s, end, limits.pairs, &new_text))
+        return false;
+    if (s != end)
+        return false;
+    *head = new_head;
+    *text = std::move(new_text);
+    return true;
+}
+
+std::uint64_t encoded_argument_bytes(const std::optional<std::string_view>& argument) {
+    return LENGTH_BYTES + (argument ? argument->size() : 0);
+}
+
+std::uint64_t encoded_pair_bytes(std::string_view name, std::string_view value) {
+    return SMALLEST_PAIR_BYTES + std::uint64_t{name.size()} + value.size();
+}
+
+std::uint64_t encoded_body_bytes(const FrameText& text) {
+    std::uint64_t bytes = FIXED_BODY_BYTES + text.command.size() + text.message.size();
+    for (const auto& argument : text.arguments)
+        bytes += encoded_argument_bytes(argument);
+    for (const auto& [name, value] : text.pairs)
+        bytes += encoded_pair_bytes(name, value);
+    return bytes;
+}
+
+bool within_limits(const FrameHead& head, const FrameText& text, const FrameLimits& limits) {
+    return (head.flags & ~KNOWN_FLAGS) == 0 && text.arguments.size() <= limits.arguments &&
+           text.pairs.size() <= limits.pairs && encoded_body_bytes(text) <= limits.body_bytes;
+}
+
+bool encode_frame(unsigned char*& d, const unsigned char* end, const FrameHead& head, const FrameText& text) {
+    const std::uint64_t body_bytes = encoded_body_bytes(text);
+    if (room(d, end) < FRAME_HEADER_BYTES || room(d, end) - FRAME_HEADER_BYTES < body_bytes)
+        return false;
+    for (unsigned char byte : PREAMBLE)
+        *d++ = byte;
+    put_u32(d, static_cast<std::uint32_t>(body_bytes));
+    put_u32(d, head.flags);
+    put_u64(d, head.request_id);
+    put_u64(d, head.status);
+    put_string(d, text.command);
+    put_string(d, text.message);
+    put_u32(d, static_cast<std::uint32_t>(text.arguments.size()));
+    for (const auto& argument : text.arguments) {
+        if (argument) {
+            put_string(d, *argument);
+        } else {
+            put_u32(d, ABSENT);
+        }
+    }
+    put_u32(d, static_cast<std::uint32_t>(text.pairs.size()));
+    for (const auto& [name, value] : text.pairs) {
+        put_string(d, name);
+        put_string(d, value);
+    }
+    return true;
+}
+
+std::string encode_frame(const FrameHead& head, const FrameText& text) {
+    std::string frame(FRAME_HEADER_BYTES + encoded_body_bytes(text), '\0');
+    unsigned char* d = reinterpret_cast<unsigned char*>(frame.data());
+    if (!encode_frame(d, d + frame.size(), head, text))
+        frame.clear();  // the buffer has the exact size, so this is never reached
+    return frame;
+}
+
+}  // namespace comm_socket

@@ -1,0 +1,203 @@
+// What a broken or hostile client does costs it its own connection, and a well-behaved client next to it
+// nothing.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "comm_socket/include/comm_socket_v4.h"
+#include "tests/comm_socket/fake_clock.h"
+#include "tests/comm_socket/raw_peer.h"
+
+namespace {
+
+class HostileClientTest : public testing::Test {
+  public:
+    TemporaryDirectory directory;
+    DrivenServer server{directory.file("socket")};
+    RawPeer good{server.path};
+    std::uint64_t last_id = 0;
+
+    // One pass of a server's loop, in the order of a server's loop.
+    void serve() const {
+        server.idle();
+        comm_socket_v4_accept_connection(server.handle);
+        comm_socket_v4_free_client(comm_socket_v4_get_disconnected_client(server.handle));
+        server.answer_all();
+    }
+    // The well-behaved client gets its answer in one pass.
+    void expect_good_is_served() {
+        const std::string expected = reply_frame(++last_id, "hello", "yes");
+        good.send_all(request_frame(last_id, "hello"));
+        serve();
+        EXPECT_EQ(good.read_bytes(expected.size()), expected);
+    }
+};
+
+std::string arguments_frame(std::size_t count) {
+    return request_frame(1, "x", Arguments(count));
+}
+
+}  // namespace
+
+TEST_F(HostileClientTest, a_broken_frame_costs_the_connection) {
+    const struct {
+        const char* what;
+        std::string bytes;
+    } rows[] = {
+        {"text", "hello\n"},
+        {"a request of another protocol", "GET / HTTP/1.1\r\n\r\n"},
+        {"version 3", frame_around(frame_body(1, 1, 0, "hello", "", {}, {}), 3)},
+        {"version 5", frame_around(frame_body(1, 1, 0, "hello", "", {}, {}), 5)},
+        {"above 2 MiB", std::string("CS\4\0", 4) + be32(2097153)},
+        {"a body too short", frame_around("short")},
+        {"65 arguments", arguments_frame(65)},
+        {"65 pairs", frame_around(frame_body(1, 1, 0, "x", "", {}, Pairs(65)))},
+        {"unknown flags", frame_around(frame_body(5, 1, 0, "x", "", {}, {}))},
+        {"bytes left over", frame_around(frame_body(1, 1, 0, "x", "", {}, {}) + "surplus")},
+        {"a string beyond the end",
+         frame_around(be32(1) + be64(1) + be64(0) + be32(1000) + std::string(20, 'x'))},
+        {"only zeros", std::string(4096, '\0')},
+    };
+    for (const auto& row : rows) {
+        const RawPeer hostile(server.path);
+        hostile.send_all(row.bytes);
+        expect_good_is_served();
+        EXPECT_TRUE(hostile.is_closed()) << row.what;
+    }
+}
+
+TEST_F(HostileClientTest, what_is_just_within_the_limits_is_served) {
+    for (const std::string& bytes :
+         {arguments_frame(64), frame_around(frame_body(1, 1, 0, "x", "", {}, Pairs(64)))}) {
+        const RawPeer peer(server.path);
+        peer.send_all(bytes);
+        expect_good_is_served();
+        EXPECT_EQ(peer.read_bytes(2), "CS");
+    }
+}
+
+TEST_F(HostileClientTest, a_request_of_2_mib_is_served) {
+    const RawPeer peer(server.path);
+    const std::string frame = request_frame(1, std::string(2097152 - 36, 'c'));
+    ASSERT_EQ(frame.size(), 2097152u + 8);
+    std::size_t sent = 0;
+    std::size_t answer = 0;
+    ASSERT_TRUE(eventually([&] {
+        sent += peer.send_some(frame.substr(sent, 100000));
+        serve();
+        answer += peer.read_available().size();
+        return answer == frame.size() + 3;  // the command comes back, with "yes"
+    }));
+    EXPECT_EQ(sent, frame.size());
+    expect_good_is_served();
+}
+
+TEST_F(HostileClientTest, garbage_after_a_good_request_costs_the_connection_after_the_answer) {
+    const RawPeer hostile(server.path);
+    hostile.send_all(request_frame(1, "hello") + "garbage");
+    serve();
+    const std::string expected = reply_frame(1, "hello", "yes");
+    EXPECT_EQ(hostile.read_bytes(expected.size()), expected);
+    expect_good_is_served();
+    EXPECT_TRUE(hostile.is_closed());
+}
+
+TEST_F(HostileClientTest, disconnecting_at_any_byte_is_harmless) {
+    const std::string frame = request_frame(1, "hello", {"argument", std::nullopt});
+    for (std::size_t length = 0; length <= frame.size(); length++) {
+        RawPeer hostile(server.path);
+        hostile.send_all(frame.substr(0, length));
+        if (length % 2 == 0)
+            serve();
+        hostile.close_now();
+        serve();
+    }
+    expect_good_is_served();
+    while (comm_socket_v4_client* client = comm_socket_v4_get_disconnected_client(server.handle))
+        comm_socket_v4_free_client(client);
+}
+
+TEST_F(HostileClientTest, half_a_frame_and_silence_costs_the_connection_after_ten_seconds) {
+    const RawPeer hostile(server.path);
+    hostile.send_all(request_frame(1, "hello").substr(0, 30));
+    expect_good_is_served();
+    EXPECT_FALSE(hostile.is_closed());
+    put_clock_forward(COMM_SOCKET_V4_CLIENT_TIMEOUT_US);
+    expect_good_is_served();
+    EXPECT_TRUE(hostile.is_closed());
+}
+
+TEST_F(HostileClientTest, ten_thousand_requests_and_no_reading_hold_nobody_up) {
+    const RawPeer hostile(server.path);
+    const std::string request = request_frame(1, "hello");
+    std::string flood;
+    for (int i = 0; i < 10000; i++)
+        flood += request;
+    std::size_t sent = 0;
+    auto slowest = std::chrono::steady_clock::duration::zero();
+    for (int pass = 0; pass < 400; pass++) {
+        sent += hostile.send_some(flood.substr(sent));
+        const auto start = std::chrono::steady_clock::now();
+        expect_good_is_served();
+        slowest = std::max(slowest, std::chrono::steady_clock::now() - start);
+    }
+    EXPECT_EQ(sent, flood.size()) << "the replies fit the queue, so all requests were taken";
+    EXPECT_LT(slowest, std::chrono::milliseconds(200));
+}
+
+TEST_F(HostileClientTest, a_flood_of_long_replies_and_no_reading_costs_the_connection) {
+    const RawPeer hostile(server.path);
+    std::string flood;
+    for (int i = 0; i < 100; i++)
+        flood += request_frame(1, "long");
+    hostile.send_all(flood);
+    const std::string four_megabytes(4u << 20, 'm');
+    int answered = 0;
+    for (int pass = 0; pass < 10; pass++) {
+        server.idle();
+        answered += server.answer_all(four_megabytes);  // fails the test if a reply is not taken over at once
+    }
+    EXPECT_EQ(answered, 5) << "one under way, 16 MiB with their headers behind it, and no further request";
+    expect_good_is_served();
+    EXPECT_FALSE(hostile.read_available().empty()) << "it is still connected";
+    // What it has read makes room for a little more; then nothing moves again.
+    ASSERT_TRUE(eventually([this, &hostile] {
+        put_clock_forward(COMM_SOCKET_V4_CLIENT_TIMEOUT_US);
+        expect_good_is_served();
+        return hostile.is_hung_up();
+    }));
+}
+
+TEST_F(HostileClientTest, many_connections_that_come_and_go_leave_nothing_behind) {
+    expect_good_is_served();
+    const int descriptors = count_descriptors();
+    for (int round = 0; round < 50; round++) {
+        std::vector<RawPeer> peers;
+        for (int i = 0; i < 100; i++)
+            peers.emplace_back(server.path);
+        for (const RawPeer& peer : peers)
+            (void)peer.send_some(round % 2 == 0 ? "garbage" : "CS");
+        peers.clear();
+        serve();
+    }
+    server.idle();
+    EXPECT_EQ(count_descriptors(), descriptors);
+    expect_good_is_served();
+}
+
+TEST_F(HostileClientTest, random_changes_of_a_good_request_never_disturb_the_others) {
+    std::srand(1);
+    const std::string good_frame = request_frame(1, "hello", {"argument", std::nullopt, ""});
+    for (int round = 0; round < 300; round++) {
+        std::string frame = good_frame;
+        for (int change = 0; change < 3; change++)
+            frame[static_cast<std::size_t>(std::rand()) % frame.size()] = static_cast<char>(std::rand());
+        const RawPeer hostile(server.path);
+        hostile.send_all(frame);
+        serve();
+    }
+    expect_good_is_served();
+}

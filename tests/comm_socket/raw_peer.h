@@ -1,0 +1,107 @@
+// What the tests of the control-socket library share: a directory for sockets, bytes on a plain socket,
+// frames made byte by byte without the library, and a server that answers like a small program would.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "comm_socket/include/comm_socket_v4.h"
+
+// An empty directory of its own, removed with what is in it.
+class TemporaryDirectory {
+  public:
+    TemporaryDirectory();
+    ~TemporaryDirectory();
+    TemporaryDirectory(const TemporaryDirectory&) = delete;
+    TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
+    [[nodiscard]] std::string file(const std::string& name) const { return path + "/" + name; }
+    std::string path;
+};
+
+using Arguments = std::vector<std::optional<std::string>>;
+using Pairs = std::vector<std::pair<std::string, std::string>>;
+
+std::string be32(std::uint64_t value);
+std::string be64(std::uint64_t value);
+std::string counted(const std::string& bytes);  // length and bytes
+// A frame around this body, with a header that is right unless told otherwise.
+std::string frame_around(const std::string& body, unsigned version = 4);
+std::string frame_body(std::uint64_t flags, std::uint64_t id, std::uint64_t status,
+                       const std::string& command, const std::string& message, const Arguments& arguments,
+                       const Pairs& pairs);
+std::string request_frame(std::uint64_t id, const std::string& command, const Arguments& arguments = {});
+std::string reply_frame(std::uint64_t id, const std::string& command, const std::string& message,
+                        const Pairs& pairs = {}, std::uint64_t status = 0);
+
+// One end of a Unix stream socket, with no idea of frames.
+class RawPeer {
+  public:
+    RawPeer() = default;
+    explicit RawPeer(int connected_fd) : fd(connected_fd) {}
+    explicit RawPeer(const std::string& path);  // connects; fd is -1 if that fails
+    ~RawPeer() { close_now(); }
+    RawPeer(RawPeer&& other) noexcept : fd(std::exchange(other.fd, -1)) {}
+    RawPeer& operator=(RawPeer&& other) noexcept;
+
+    void send_all(const std::string& bytes) const;
+    // Sends without blocking; how many bytes the socket took.
+    [[nodiscard]] std::size_t send_some(const std::string& bytes) const;
+    // Reads until there are this many bytes, the end, or 5 s are over.
+    [[nodiscard]] std::string read_bytes(std::size_t count) const;
+    [[nodiscard]] std::string read_available() const;
+    // The connection has ended: a read gives the end or a reset. Waits up to wait_ms for it.
+    [[nodiscard]] bool is_closed(int wait_ms = 0) const;
+    // The other side has closed, whatever is still to be read.
+    [[nodiscard]] bool is_hung_up() const;
+    void shut_sending() const;
+    void close_now();
+
+    int fd = -1;
+};
+
+// A server of the library at dir/"socket", driven by hand.
+class DrivenServer {
+  public:
+    explicit DrivenServer(const std::string& socket_path);
+    ~DrivenServer() { comm_socket_v4_destroy(handle); }
+    DrivenServer(const DrivenServer&) = delete;
+    DrivenServer& operator=(const DrivenServer&) = delete;
+
+    // idle; fails the test if that fails.
+    void idle() const;
+    // The next request, or null.
+    [[nodiscard]] comm_socket_v4_packet* take(comm_socket_v4_client** client = nullptr) const;
+    // Answers all requests of one service with their own command and this message; how many they were.
+    int answer_all(const std::string& message = "yes") const;
+
+    std::string path;
+    comm_socket_v4* handle;
+};
+
+// A complete response to id with this message.
+comm_socket_v4_packet* make_reply(std::uint64_t id, const std::string& command, const std::string& message);
+
+// Runs a service loop of its own on a thread: answers "hello" with "How are you?", "echo" with a pair per
+// argument (absent: the name "absent"), and everything else with status 6 and "Unknown command".
+class EchoServer {
+  public:
+    explicit EchoServer(const std::string& socket_path);
+    ~EchoServer();
+    EchoServer(const EchoServer&) = delete;
+    EchoServer& operator=(const EchoServer&) = delete;
+
+  private:
+    void run(std::stop_token stop);
+    DrivenServer server;
+    std::jthread thread;
+};
+
+// Open descriptors of this process.
+int count_descriptors();
+// Calls step every millisecond or so until it returns true; false after 10 s of real time.
+bool eventually(const std::function<bool()>& step);

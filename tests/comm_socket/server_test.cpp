@@ -1,0 +1,444 @@
+// A server at a real path, driven by hand, with plain sockets as its clients.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "comm_socket/include/comm_socket_v4.h"
+#include "tests/comm_socket/raw_peer.h"
+
+namespace {
+
+class ServerTest : public testing::Test {
+  public:
+    TemporaryDirectory directory;
+    std::string path = directory.file("socket");
+
+    [[nodiscard]] static bool exists(const std::string& file) { return access(file.c_str(), F_OK) == 0; }
+};
+
+int create_at(comm_socket_v4* server, const std::string& path) {
+    errno = 0;
+    return comm_socket_v4_create_server(server, path.c_str());
+}
+
+}  // namespace
+
+TEST_F(ServerTest, answers_a_request_with_its_id) {
+    DrivenServer server(path);
+    const RawPeer peer(path);
+    peer.send_all(request_frame(77, "hello", {"a", std::nullopt, ""}));
+    server.idle();
+    comm_socket_v4_client* client = nullptr;
+    comm_socket_v4_packet* request = server.take(&client);
+    ASSERT_NE(request, nullptr);
+    ASSERT_NE(client, nullptr);
+    EXPECT_EQ(request->flags, COMM_SOCKET_V4_REQUEST);
+    EXPECT_EQ(request->request_id, 77u);
+    EXPECT_STREQ(comm_socket_v4_packet_get_command(request), "hello");
+    EXPECT_STREQ(comm_socket_v4_packet_get_argv(request, 0), "a");
+    EXPECT_EQ(comm_socket_v4_packet_get_argv(request, 1), nullptr);
+    EXPECT_STREQ(comm_socket_v4_packet_get_argv(request, 2), "");
+    EXPECT_EQ(comm_socket_v4_packet_get_argv(request, 3), nullptr);
+    EXPECT_EQ(server.take(), nullptr);
+
+    comm_socket_v4_packet* reply = make_reply(77, "hello", "How are you?");
+    reply->status = 6;
+    EXPECT_GT(comm_socket_v4_packet_send_to_client(client, reply), 0);
+    EXPECT_EQ(comm_socket_v4_packet_release(reply), nullptr);
+    EXPECT_EQ(comm_socket_v4_packet_release(request), nullptr);
+    const std::string expected = reply_frame(77, "hello", "How are you?", {}, 6);
+    EXPECT_EQ(peer.read_bytes(expected.size()), expected);
+}
+
+TEST_F(ServerTest, a_packet_can_be_sent_to_several_clients) {
+    DrivenServer server(path);
+    const RawPeer first(path);
+    const RawPeer second(path);
+    server.idle();
+    comm_socket_v4_packet* packet = make_reply(1, "notice", "x");
+    for (int i = 0; i < 2; i++) {
+        comm_socket_v4_client* client = comm_socket_v4_accept_connection(server.handle);
+        ASSERT_NE(client, nullptr);
+        EXPECT_GT(comm_socket_v4_packet_send_to_client(client, packet), 0);
+    }
+    EXPECT_EQ(comm_socket_v4_accept_connection(server.handle), nullptr);
+    comm_socket_v4_packet_release(packet);
+    const std::string expected = reply_frame(1, "notice", "x");
+    EXPECT_EQ(first.read_bytes(expected.size()), expected);
+    EXPECT_EQ(second.read_bytes(expected.size()), expected);
+}
+
+TEST_F(ServerTest, hands_out_a_packet_that_is_no_request) {
+    DrivenServer server(path);
+    const RawPeer peer(path);
+    peer.send_all(reply_frame(5, "odd", "message", {{"a", "b"}}));
+    server.idle();
+    comm_socket_v4_packet* packet = server.take();
+    ASSERT_NE(packet, nullptr);
+    EXPECT_EQ(packet->flags & COMM_SOCKET_V4_REQUEST, 0u);
+    EXPECT_STREQ(comm_socket_v4_packet_get_pair_value(packet, 0), "b");
+    comm_socket_v4_packet_release(packet);
+}
+
+TEST_F(ServerTest, an_incomplete_packet_or_one_with_unknown_flags_is_not_sent) {
+    DrivenServer server(path);
+    const RawPeer peer(path);
+    server.idle();
+    comm_socket_v4_client* client = comm_socket_v4_accept_connection(server.handle);
+    comm_socket_v4_packet* packet = comm_socket_v4_packet_create();
+    EXPECT_EQ(comm_socket_v4_packet_send_to_client(client, packet), -1);
+    EXPECT_EQ(errno, EINVAL);
+    ASSERT_EQ(comm_socket_v4_packet_begin_writing(packet, 0, "c", "m"), 0);
+    EXPECT_EQ(comm_socket_v4_packet_send_to_client(client, packet), -1);
+    ASSERT_EQ(comm_socket_v4_packet_write_end(packet), 0);
+    packet->flags = 4;
+    EXPECT_EQ(comm_socket_v4_packet_send_to_client(client, packet), -1);
+    EXPECT_EQ(comm_socket_v4_packet_send_to_client(nullptr, packet), -1);
+    EXPECT_EQ(comm_socket_v4_packet_send_to_client(client, nullptr), -1);
+    packet->flags = 0;
+    EXPECT_GT(comm_socket_v4_packet_send_to_client(client, packet), 0);
+    comm_socket_v4_packet_release(packet);
+}
+
+TEST_F(ServerTest, hands_out_64_requests_between_two_idles) {
+    DrivenServer server(path);
+    const RawPeer peer(path);
+    std::string requests;
+    for (std::uint64_t id = 0; id < 150; id++)
+        requests += request_frame(id, "hello");
+    peer.send_all(requests);
+    for (const int expected : {64, 64, 22, 0}) {
+        server.idle();
+        EXPECT_EQ(server.answer_all(), expected);
+        EXPECT_EQ(server.take(), nullptr);
+    }
+}
+
+TEST_F(ServerTest, clients_take_turns) {
+    DrivenServer server(path);
+    const RawPeer flooder(path);
+    const RawPeer other(path);
+    std::string flood;
+    for (std::uint64_t id = 0; id < 1000; id++)
+        flood += request_frame(id, "flood");
+    flooder.send_all(flood);
+    for (std::uint64_t id = 0; id < 3; id++)
+        other.send_all(request_frame(id, "other"));
+    server.idle();
+    std::vector<std::string> order;
+    for (int i = 0; i < 6; i++) {
+        comm_socket_v4_packet* request = server.take();
+        ASSERT_NE(request, nullptr);
+        order.emplace_back(comm_socket_v4_packet_get_command(request));
+        comm_socket_v4_packet_release(request);
+    }
+    EXPECT_EQ(order, (std::vector<std::string>{"flood", "other", "flood", "other", "flood", "other"}));
+}
+
+TEST_F(ServerTest, serves_64_clients_and_closes_the_next_at_once) {
+    DrivenServer server(path);
+    std::vector<RawPeer> peers;
+    for (std::uint64_t id = 0; id < 64; id++) {
+        peers.emplace_back(path);
+        peers.back().send_all(request_frame(id, "hello"));
+    }
+    const RawPeer surplus(path);
+    server.idle();
+    EXPECT_TRUE(surplus.is_closed());
+    EXPECT_EQ(server.answer_all(), 64);
+    for (const RawPeer& peer : peers)
+        EXPECT_EQ(peer.read_available().substr(0, 2), "CS");
+    // One leaves, and there is room for one at the same service.
+    peers.pop_back();
+    const RawPeer next(path);
+    server.idle();
+    EXPECT_FALSE(next.is_closed());
+}
+
+TEST_F(ServerTest, a_disconnected_client_stays_valid_until_it_is_freed) {
+    DrivenServer server(path);
+    RawPeer peer(path);
+    peer.send_all(request_frame(1, "hello"));
+    server.idle();
+    comm_socket_v4_client* client = nullptr;
+    comm_socket_v4_packet* request = server.take(&client);
+    ASSERT_NE(request, nullptr);
+    peer.close_now();
+    server.idle();
+    EXPECT_EQ(comm_socket_v4_get_disconnected_client(server.handle), nullptr)
+        << "its request is being answered";
+    comm_socket_v4_packet* reply = make_reply(1, "hello", "x");
+    EXPECT_EQ(comm_socket_v4_packet_send_to_client(client, reply), -1);
+    EXPECT_EQ(errno, EPIPE);
+    comm_socket_v4_wait_for_server_to_client_writeable(client, UINT64_MAX);
+    comm_socket_v4_packet_release(request);
+    EXPECT_EQ(comm_socket_v4_get_disconnected_client(server.handle), client);
+    EXPECT_EQ(comm_socket_v4_packet_send_to_client(client, reply), -1);
+    comm_socket_v4_free_client(client);
+    EXPECT_EQ(comm_socket_v4_get_disconnected_client(server.handle), nullptr);
+    comm_socket_v4_packet_release(reply);
+}
+
+TEST_F(ServerTest, a_request_survives_its_freed_client) {
+    DrivenServer server(path);
+    const RawPeer peer(path);
+    peer.send_all(request_frame(1, "hello"));
+    server.idle();
+    comm_socket_v4_client* client = nullptr;
+    comm_socket_v4_packet* request = server.take(&client);
+    comm_socket_v4_free_client(client);
+    EXPECT_TRUE(peer.is_closed());
+    EXPECT_STREQ(comm_socket_v4_packet_get_command(request), "hello");
+    comm_socket_v4_packet_release(request);
+    server.idle();
+}
+
+TEST_F(ServerTest, what_was_sent_before_closing_is_handed_out) {
+    DrivenServer server(path);
+    RawPeer peer(path);
+    peer.send_all(request_frame(1, "one") + request_frame(2, "two"));
+    peer.close_now();
+    server.idle();
+    EXPECT_EQ(comm_socket_v4_get_disconnected_client(server.handle), nullptr);
+    comm_socket_v4_packet* one = server.take();
+    comm_socket_v4_packet* two = server.take();
+    ASSERT_NE(one, nullptr);
+    ASSERT_NE(two, nullptr);
+    EXPECT_STREQ(comm_socket_v4_packet_get_command(two), "two");
+    comm_socket_v4_packet_release(one);
+    comm_socket_v4_packet_release(two);
+    EXPECT_NE(comm_socket_v4_get_disconnected_client(server.handle), nullptr);
+}
+
+TEST_F(ServerTest, a_client_that_closed_its_sending_side_gets_its_reply) {
+    DrivenServer server(path);
+    const RawPeer peer(path);
+    peer.send_all(request_frame(9, "hello"));
+    peer.shut_sending();
+    server.idle();
+    EXPECT_EQ(server.answer_all(), 1);
+    const std::string expected = reply_frame(9, "hello", "yes");
+    EXPECT_EQ(peer.read_bytes(expected.size()), expected);
+    server.idle();
+    EXPECT_TRUE(peer.is_closed());
+    EXPECT_NE(comm_socket_v4_get_disconnected_client(server.handle), nullptr);
+}
+
+TEST_F(ServerTest, returns_0_only_beyond_16_mib_and_then_times_out) {
+    DrivenServer server(path);
+    const RawPeer peer(path);
+    server.idle();
+    comm_socket_v4_client* client = comm_socket_v4_accept_connection(server.handle);
+    comm_socket_v4_packet* reply = make_reply(1, "long", std::string(4u << 20, 'm'));
+    int sent = 0;
+    int result = 0;
+    while ((result = comm_socket_v4_packet_send_to_client(client, reply)) > 0)
+        sent++;
+    EXPECT_EQ(result, 0);
+    EXPECT_EQ(sent, 5) << "one under way, and 16 MiB with their headers behind it";
+    EXPECT_EQ(comm_socket_v4_packet_send_to_client(client, reply), 0) << "it stays so, and costs nothing";
+    comm_socket_v4_wait_for_server_to_client_writeable(client, 0);
+    EXPECT_EQ(comm_socket_v4_packet_send_to_client(client, reply), -1);
+    EXPECT_EQ(errno, ETIMEDOUT);
+    comm_socket_v4_packet_release(reply);
+    EXPECT_EQ(comm_socket_v4_get_disconnected_client(server.handle), client);
+}
+
+TEST_F(ServerTest, sets_mode_0660_whatever_the_umask) {
+    for (const mode_t mask : {mode_t{0}, mode_t{0022}, mode_t{0777}}) {
+        const mode_t before = umask(mask);
+        DrivenServer server(path);
+        umask(before);
+        struct stat found {};
+        ASSERT_EQ(stat(path.c_str(), &found), 0);
+        EXPECT_TRUE(S_ISSOCK(found.st_mode));
+        EXPECT_EQ(found.st_mode & 07777, 0660u);
+    }
+}
+
+TEST_F(ServerTest, replaces_whatever_socket_or_file_is_at_the_path) {
+    {
+        std::ofstream(path) << "a file";
+        DrivenServer server(path);
+        EXPECT_NE(RawPeer(path).fd, -1);
+    }
+    ASSERT_EQ(symlink("/nowhere/at/all", path.c_str()), 0);
+    DrivenServer server(path);
+    EXPECT_NE(RawPeer(path).fd, -1);
+}
+
+TEST_F(ServerTest, replaces_a_stale_socket) {
+    const pid_t child = fork();
+    if (child == 0) {
+        comm_socket_v4* server = comm_socket_v4_create();
+        _exit(comm_socket_v4_create_server(server, path.c_str()) == 0 ? 0 : 1);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    ASSERT_EQ(status, 0);
+    ASSERT_TRUE(exists(path));
+    ASSERT_EQ(RawPeer(path).fd, -1);
+    DrivenServer server(path);
+    EXPECT_NE(RawPeer(path).fd, -1);
+}
+
+TEST_F(ServerTest, fails_where_it_cannot_bind_and_may_be_tried_again) {
+    ASSERT_EQ(mkdir(directory.file("folder").c_str(), 0700), 0);
+    comm_socket_v4* server = comm_socket_v4_create();
+    const int descriptors = count_descriptors();
+    EXPECT_EQ(create_at(server, directory.file("folder")), -1);
+    EXPECT_EQ(errno, EISDIR);
+    EXPECT_TRUE(exists(directory.file("folder")));
+    EXPECT_EQ(create_at(server, directory.file("missing/socket")), -1);
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_EQ(create_at(server, ""), -1);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(comm_socket_v4_create_server(server, nullptr), -1);
+    EXPECT_EQ(comm_socket_v4_create_server(nullptr, path.c_str()), -1);
+    EXPECT_EQ(comm_socket_v4_is_open(server), 0);
+    EXPECT_EQ(comm_socket_v4_idle(server), -1);
+    EXPECT_EQ(errno, EBADF);
+    EXPECT_EQ(count_descriptors(), descriptors);
+    EXPECT_EQ(create_at(server, path), 0);
+    EXPECT_EQ(create_at(server, path), -1);
+    EXPECT_EQ(errno, EALREADY);
+    EXPECT_NE(comm_socket_v4_is_open(server), 0);
+    comm_socket_v4_destroy(server);
+}
+
+TEST_F(ServerTest, fails_without_the_permission_to_write_the_directory) {
+    std::ofstream(path) << "a file";
+    ASSERT_EQ(chmod(directory.path.c_str(), 0555), 0);
+    const pid_t child = fork();
+    if (child == 0) {
+        if (geteuid() == 0 && seteuid(65534) != 0)
+            _exit(3);
+        comm_socket_v4* server = comm_socket_v4_create();
+        if (comm_socket_v4_create_server(server, path.c_str()) != -1)
+            _exit(2);
+        _exit(errno == EACCES ? 0 : 1);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+    ASSERT_EQ(chmod(directory.path.c_str(), 0755), 0);
+    EXPECT_TRUE(exists(path));
+}
+
+TEST_F(ServerTest, takes_a_path_of_107_bytes_and_not_of_108) {
+    const std::string longest = path + std::string(107 - path.size(), 'x');
+    comm_socket_v4* server = comm_socket_v4_create();
+    EXPECT_EQ(create_at(server, longest + "x"), -1);
+    EXPECT_EQ(errno, ENAMETOOLONG);
+    EXPECT_EQ(create_at(server, longest), 0);
+    EXPECT_TRUE(exists(longest));
+    comm_socket_v4_destroy(server);
+    EXPECT_FALSE(exists(longest));
+}
+
+TEST_F(ServerTest, is_lost_when_its_path_is_removed_and_still_serves_its_clients) {
+    DrivenServer server(path);
+    const RawPeer peer(path);
+    server.idle();
+    EXPECT_NE(comm_socket_v4_is_open(server.handle), 0);
+    ASSERT_EQ(unlink(path.c_str()), 0);
+    EXPECT_EQ(comm_socket_v4_is_open(server.handle), 0);
+    peer.send_all(request_frame(1, "hello"));
+    server.idle();
+    EXPECT_EQ(server.answer_all(), 1);
+}
+
+TEST_F(ServerTest, is_lost_when_a_file_takes_its_path_and_leaves_that_there) {
+    {
+        DrivenServer server(path);
+        ASSERT_EQ(unlink(path.c_str()), 0);
+        std::ofstream(path) << "a file";
+        EXPECT_EQ(comm_socket_v4_is_open(server.handle), 0);
+    }
+    EXPECT_TRUE(exists(path));
+}
+
+TEST_F(ServerTest, a_second_server_takes_the_path_and_keeps_it_when_the_first_goes) {
+    auto first = std::make_unique<DrivenServer>(path);
+    DrivenServer second(path);
+    EXPECT_EQ(comm_socket_v4_is_open(first->handle), 0);
+    EXPECT_NE(comm_socket_v4_is_open(second.handle), 0);
+    first.reset();
+    EXPECT_TRUE(exists(path));
+    EXPECT_NE(comm_socket_v4_is_open(second.handle), 0);
+    EXPECT_NE(RawPeer(path).fd, -1);
+}
+
+TEST_F(ServerTest, an_unusable_listening_descriptor_is_noticed) {
+    const int next_fd = dup(0);
+    close(next_fd);
+    DrivenServer server(path);  // its socket gets the lowest free descriptor, which is next_fd
+    ASSERT_NE(comm_socket_v4_is_open(server.handle), 0);
+    const int other = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    ASSERT_EQ(dup2(other, next_fd), next_fd);
+    close(other);
+    EXPECT_EQ(comm_socket_v4_is_open(server.handle), 0);
+    EXPECT_EQ(comm_socket_v4_idle(server.handle), -1);
+    EXPECT_EQ(errno, ENOTSOCK);
+}
+
+TEST_F(ServerTest, destroying_removes_the_own_path_and_closes_everything) {
+    const int descriptors = count_descriptors();
+    RawPeer peer;
+    {
+        DrivenServer server(path);
+        peer = RawPeer(path);
+        server.idle();
+        EXPECT_TRUE(exists(path));
+    }
+    EXPECT_FALSE(exists(path));
+    EXPECT_TRUE(peer.is_closed());
+    peer.close_now();
+    EXPECT_EQ(count_descriptors(), descriptors);
+}
+
+// The leak checker of the sanitizer build is the judge here.
+TEST_F(ServerTest, destroying_frees_requests_that_nobody_released) {
+    DrivenServer server(path);
+    RawPeer gone(path);
+    const RawPeer there(path);
+    gone.send_all(request_frame(1, "never released") + request_frame(2, "never taken"));
+    there.send_all(request_frame(3, "never released"));
+    gone.close_now();
+    server.idle();
+    EXPECT_NE(server.take(), nullptr);
+    EXPECT_NE(server.take(), nullptr);
+    EXPECT_EQ(comm_socket_v4_get_disconnected_client(server.handle), nullptr);
+}
+
+TEST_F(ServerTest, destroying_frees_clients_that_were_returned_and_not_freed) {
+    DrivenServer server(path);
+    RawPeer peer(path);
+    server.idle();
+    comm_socket_v4_client* client = comm_socket_v4_accept_connection(server.handle);
+    peer.close_now();
+    server.idle();
+    EXPECT_EQ(comm_socket_v4_get_disconnected_client(server.handle), client);
+}
+
+TEST_F(ServerTest, null_handles_do_nothing) {
+    EXPECT_EQ(comm_socket_v4_destroy(nullptr), nullptr);
+    EXPECT_EQ(comm_socket_v4_is_open(nullptr), 0);
+    EXPECT_EQ(comm_socket_v4_idle(nullptr), -1);
+    EXPECT_EQ(comm_socket_v4_accept_connection(nullptr), nullptr);
+    EXPECT_EQ(comm_socket_v4_get_disconnected_client(nullptr), nullptr);
+    comm_socket_v4_free_client(nullptr);
+    comm_socket_v4_client* client = reinterpret_cast<comm_socket_v4_client*>(&path);
+    EXPECT_EQ(comm_socket_v4_server_get_packet(nullptr, &client), nullptr);
+    EXPECT_EQ(client, nullptr);
+    comm_socket_v4_wait_for_server_to_client_writeable(nullptr, UINT64_MAX);
+}
