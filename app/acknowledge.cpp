@@ -1,0 +1,13 @@
+#include "app/command_table.h"
+#include "app/reply.h"
+
+bool handle_acknowledge(RTMPConnection& conn, const RTMP_Packet& request, CommandArgs args) {
+    AMF_Value transaction_id;
+    AMF_Value ignored;  // The stream name that clients send behind it is not looked at.
+    if (!args.read_followed_by_more(transaction_id) || !args.read(ignored)) {
+        return false;
+    }
+    const AMF_Value result = string_value("_result");
+    const AMF_Value null = null_value();
+    return queue_reply(conn, request, {&result, &transaction_id, &null});
+}

@@ -1,0 +1,49 @@
+#include "app/command_table.h"
+
+#include <array>
+#include <string_view>
+
+#include "base/diag.h"
+
+namespace {
+
+// Known, and needs no answer.
+bool ignore_command(RTMPConnection& /*conn*/, const RTMP_Packet& /*request*/, CommandArgs /*args*/) {
+    return true;
+}
+
+// The client is done: dropping it is the answer.
+bool handle_delete_stream(RTMPConnection& /*conn*/, const RTMP_Packet& /*request*/, CommandArgs /*args*/) {
+    diag("deleteStream, drop connection\n");
+    return false;
+}
+
+struct Command {
+    std::string_view name;
+    CommandHandler handler;
+};
+
+constexpr std::array<Command, 9> COMMANDS{{
+    {"connect", handle_connect},
+    {"play", handle_play},
+    {"getStreamLength", ignore_command},
+    {"releaseStream", handle_acknowledge},
+    {"FCPublish", handle_acknowledge},
+    {"createStream", handle_create_stream},
+    {"publish", handle_publish},
+    {"deleteStream", handle_delete_stream},
+    {"FCUnpublish", handle_acknowledge},
+}};
+
+}  // namespace
+
+bool run_command(RTMPConnection& conn, const RTMP_Packet& request, const std::string& name,
+                 CommandArgs args) {
+    for (const Command& command : COMMANDS) {
+        if (name == command.name) {
+            return command.handler(conn, request, args);
+        }
+    }
+    diag("Unknown command '%s'\n", name.c_str());
+    return false;
+}

@@ -1,0 +1,80 @@
+// NetConnection connect: which application, and what the server says of itself.
+#include <string>
+
+#include "amf/amf_dump.h"
+#include "app/command_table.h"
+#include "app/random_number.h"
+#include "app/reply.h"
+#include "base/diag.h"
+
+namespace {
+
+constexpr const char* DUMP_INDENT = "\t";
+
+// connect is the first command of a session, and numbered so.
+bool is_first_transaction(const AMF_Value& transaction_id) {
+    if (transaction_id.type == AMF_Type::Number) {
+        return transaction_id.number == 1.0;
+    }
+    return transaction_id.type == AMF_Type::Boolean && transaction_id.boolean != 0;
+}
+
+AMF_Value server_properties() {
+    AMF_Value properties;
+    properties.type = AMF_Type::Object;
+    properties.member("fmsVer").set_string("FMS/3,5,5,2004");
+    properties.member("capabilities").set_number(31);
+    properties.member("mode").set_number(1);
+    return properties;
+}
+
+AMF_Value connect_information(std::uint32_t client_id) {
+    AMF_Value information;
+    information.type = AMF_Type::Object;
+    information.member("level").set_string("status");
+    information.member("code").set_string("NetConnection.Connect.Success");
+    information.member("description").set_string("Connection succeeded");
+    information.member("version").set_string("3,5,5,2004");
+    information.member("objectEncoding").set_number(0);
+    information.member("serverImplementation").set_string("Ombrex RTMP server/1.0");
+    information.member("clientId").set_number(client_id);
+    return information;
+}
+
+// The "app" that the client asks for, less one trailing slash. Whatever type has a string is taken.
+std::string requested_application(const AMF_Value& command_object) {
+    std::string name = command_object.find_member("app").string;
+    if (name.ends_with('/')) {
+        name.pop_back();
+    }
+    return name;
+}
+
+}  // namespace
+
+bool handle_connect(RTMPConnection& conn, const RTMP_Packet& request, CommandArgs args) {
+    AMF_Value transaction_id;
+    AMF_Value command_object;
+    if (!args.read(transaction_id) || !is_first_transaction(transaction_id) || args.at_end() ||
+        !args.read(command_object)) {
+        return false;
+    }
+    AMF_DumpValue(command_object, DUMP_INDENT);
+    if (!args.skip_optional()) {
+        return false;
+    }
+    conn.client_id = random_product();
+    const std::string name = requested_application(command_object);
+    // Both names are only admitted here; afterwards they are alike.
+    if (name != "ombrex-live" && name != "ombrex-output") {
+        diag("rejected app %s\n", name.c_str());
+        return false;
+    }
+    diag("accepted app %s\n", name.c_str());
+    conn.app_name = name;
+
+    const AMF_Value result = string_value("_result");
+    const AMF_Value properties = server_properties();
+    const AMF_Value information = connect_information(conn.client_id);
+    return queue_reply(conn, request, {&result, &transaction_id, &properties, &information});
+}

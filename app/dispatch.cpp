@@ -1,0 +1,83 @@
+// One pass of the main loop over one connection: a requested close, then its queued messages, then its
+// threads.
+#include "app/command_table.h"
+#include "app/metadata.h"
+#include "app/publisher_media.h"
+#include "base/check.h"
+#include "base/diag.h"
+#include "core/connection.h"
+#include "rtmp/message_types.h"
+
+namespace {
+
+// What one connection may take of a pass.
+constexpr int MAX_MESSAGES_PER_PASS = 1000;
+
+bool run_command_message(RTMPConnection& conn, const RTMP_Packet& pkt) REQUIRES(conn.mutex, MAIN_THREAD) {
+    const RTMP_Packet::chunk_t::message_t& message = pkt.chunk.message;
+    if (message.data_length == 0) {
+        return true;
+    }
+    if (message.data == nullptr) {
+        return false;
+    }
+    const unsigned char* s = message.data;
+    const unsigned char* const sf = s + message.data_length;
+    AMF_Value name;
+    // A first value that is not a string names the command with nothing, and nothing is known by that name.
+    return AMF_ReadValue(name, s, sf) && run_command(conn, pkt, name.string, {s, sf});
+}
+
+// Acts on the message at the front of the queue, which stays there meanwhile.
+MediaResult handle_message(RTMPConnection& conn, RTMP_Packet& pkt) REQUIRES(conn.mutex, MAIN_THREAD) {
+    switch (pkt.chunk.message_type_id) {
+        case MESSAGE_AMF0_COMMAND:
+            if (!run_command_message(conn, pkt)) {
+                diag("AMF0 error command\n");
+                conn.close_requested = true;
+            }
+            return MediaResult::DONE;
+        case MESSAGE_AMF0_DATA:
+            if (!handle_data_message(conn, pkt)) {
+                diag("AMF0 error notify\n");
+                conn.close_requested = true;
+            }
+            return MediaResult::DONE;
+        case MESSAGE_AUDIO:
+        case MESSAGE_VIDEO:
+            return handle_media(conn, pkt);
+        default:
+            return MediaResult::DONE;
+    }
+}
+
+// False when the pass is over for this connection: nothing waits, the front message is held back, or no lock.
+bool dispatch_front_message(RTMPConnection& conn) ON_MAIN_THREAD {
+    // Held while the message is handled: the reader thread cannot move the front of the queue.
+    const ConnectionLock lock(conn);
+    if (!lock.held() || conn.connection_in.empty()) {
+        return false;
+    }
+    std::deque<RTMP_Packet>& connection_in = conn.connection_in;
+    RTMP_Packet& in_pkt = connection_in.front();
+    if (handle_message(conn, in_pkt) == MediaResult::HELD) {
+        return false;
+    }
+    CHECK(&in_pkt == &connection_in.front());
+    connection_in.pop_front();
+    return true;
+}
+
+}  // namespace
+
+void RTMPConnection::idle() {
+    if (close_requested) {
+        close_connection();
+    }
+    if (fd >= 0) {
+        // intended: a message that asks for the close does not end the loop.
+        for (int left = MAX_MESSAGES_PER_PASS; left > 0 && dispatch_front_message(*this); --left) {
+        }
+    }
+    reap_dead_threads();
+}

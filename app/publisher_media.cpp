@@ -1,0 +1,92 @@
+#include "app/publisher_media.h"
+
+#include "base/clock.h"
+#include "base/diag.h"
+#include "core/connection_table.h"
+#include "core/switches.h"
+#include "relay/av_relay.h"
+#include "relay/stream_registry.h"
+#include "relay/time_reset.h"
+
+namespace {
+
+constexpr std::uint64_t STALL_US = 2500000;
+constexpr std::uint64_t US_PER_MS = 1000;
+
+// Some encoders use message stream 1 whatever createStream told them: once, they are believed.
+void adopt_stream_id(RTMPConnection& conn, std::uint32_t message_stream_id) ON_MAIN_THREAD {
+    if (message_stream_id != conn.stream_id && conn.stream_id_unconfirmed) {
+        conn.stream_id_unconfirmed = false;
+        conn.stream_id = message_stream_id;
+        diag("Hrmph, RTMP publisher ignored stream ID in reply. Using %lu\n",
+             static_cast<unsigned long>(message_stream_id));
+    }
+}
+
+// Starts the pacing clock. A first timestamp of 0 leaves the base open for the next message, on purpose.
+void note_media(RTMPConnection& conn, std::uint32_t timestamp, std::uint64_t now_us) ON_MAIN_THREAD {
+    if (conn.av_start_us == 0) {
+        conn.av_start_us = now_us;
+    }
+    if (conn.av_start_ts == 0) {
+        conn.av_start_ts = timestamp;
+    }
+    // Also for a message that is then held back: its publisher is ahead, not stalled.
+    conn.stall_deadline_us = now_us + STALL_US;
+}
+
+// Whether the stream's publisher is another connection that has stalled; it is dropped then.
+bool displace_stalled_publisher(const RTMPConnection& conn, std::size_t publisher_idx,
+                                std::uint64_t now_us) ON_MAIN_THREAD {
+    RTMPConnection* const publisher = get_connection(publisher_idx);
+    if (publisher == nullptr || publisher->stream_mode != "publish" ||
+        publisher->stall_deadline_us > now_us) {
+        return false;
+    }
+    diag("Existing RTMP publisher for stream stalled, taking over as publisher\n");
+    publisher->stall_deadline_us = 0;
+    publisher->close_requested = true;
+    stream_unsubscribe_for_play(conn.stream_name, conn.conn_idx);
+    return true;
+}
+
+// Makes the connection the publisher of its stream where there is none, or a stalled one.
+void claim_stream(const RTMPConnection& conn, std::uint64_t now_us) ON_MAIN_THREAD {
+    StreamRecord& record = find_or_insert_stream(conn.stream_name);
+    if (record.publisher == conn.conn_idx) {
+        return;
+    }
+    if (record.publisher == NO_CONNECTION || displace_stalled_publisher(conn, record.publisher, now_us)) {
+        record.publisher = conn.conn_idx;
+        notify_time_reset(record);
+    }
+}
+
+}  // namespace
+
+std::uint32_t pacing_limit(std::uint64_t av_start_us, std::uint32_t av_start_ts, std::uint64_t now_us) {
+    const std::uint64_t elapsed_us = now_us > av_start_us ? now_us - av_start_us : 0;
+    return av_start_ts + static_cast<std::uint32_t>(elapsed_us / US_PER_MS);
+}
+
+MediaResult handle_media(RTMPConnection& conn, RTMP_Packet& pkt) {
+    const std::uint32_t timestamp = pkt.chunk.timestamp;
+    if (opt_dbg_pkt) {
+        diag_stdout("A/V %lu %p\n", static_cast<unsigned long>(timestamp), static_cast<const void*>(&pkt));
+    }
+    if (conn.stream_mode != "publish") {
+        return MediaResult::DONE;
+    }
+    const std::uint64_t now_us = monotonic_clock_us();
+    adopt_stream_id(conn, pkt.chunk.message_stream_id);
+    note_media(conn, timestamp, now_us);
+    claim_stream(conn, now_us);
+    if (timestamp > pacing_limit(conn.av_start_us, conn.av_start_ts, now_us)) {
+        return MediaResult::HELD;
+    }
+    if (!relay_published_packet(conn, pkt)) {
+        diag("A/V error\n");
+        conn.close_requested = true;
+    }
+    return MediaResult::DONE;
+}

@@ -1,0 +1,69 @@
+#include "app/reply.h"
+
+#include <cstring>
+#include <memory>
+#include <new>
+#include <utility>
+
+#include "amf/amf_write.h"
+
+bool encode_values(std::initializer_list<const AMF_Value*> values, RTMP_Packet::chunk_t::message_t& message) {
+    const std::unique_ptr<unsigned char[]> buffer(new (std::nothrow) unsigned char[MAX_ENCODED_BYTES]);
+    if (buffer == nullptr) {
+        return false;
+    }
+    unsigned char* d = buffer.get();
+    unsigned char* const df = d + MAX_ENCODED_BYTES;
+    for (const AMF_Value* const value : values) {
+        if (!AMF_WriteValue(d, df, *value)) {
+            return false;
+        }
+    }
+    // A client that does not read its replies costs what they hold, not the buffer they were made in.
+    if (!message.allocate(static_cast<std::uint32_t>(d - buffer.get()))) {
+        return false;
+    }
+    std::memcpy(message.data, buffer.get(), message.data_length);
+    return true;
+}
+
+bool queue_reply(RTMPConnection& conn, const RTMP_Packet& request,
+                 std::initializer_list<const AMF_Value*> values) {
+    RTMP_Packet reply;
+    reply.copy_header_from(request);
+    if (!encode_values(values, reply.chunk.message)) {
+        return false;
+    }
+    conn.connection_out.push_back(std::move(reply));
+    return true;
+}
+
+bool queue_on_status(RTMPConnection& conn, const RTMP_Packet& request, const AMF_Value& transaction_id,
+                     const char* code, const char* description) {
+    AMF_Value information;
+    information.type = AMF_Type::Object;
+    information.member("level").set_string("status");
+    information.member("code").set_string(code);
+    information.member("description").set_string(description);
+    const AMF_Value name = string_value("onStatus");
+    const AMF_Value null = null_value();
+    return queue_reply(conn, request, {&name, &transaction_id, &null, &information});
+}
+
+AMF_Value string_value(const char* text) {
+    AMF_Value value;
+    value.set_string(text);
+    return value;
+}
+
+AMF_Value number_value(double number) {
+    AMF_Value value;
+    value.set_number(number);
+    return value;
+}
+
+AMF_Value null_value() {
+    AMF_Value value;
+    value.set_null();
+    return value;
+}

@@ -1,0 +1,35 @@
+#include "core/main_loop.h"
+
+#include <unistd.h>
+
+#include "control/control_server.h"
+#include "core/connection_table.h"
+#include "core/listener.h"
+#include "core/quit_signals.h"
+
+namespace {
+
+constexpr useconds_t PASS_SLEEP_US = 10000;
+
+}  // namespace
+
+int run_server() {
+    if (!start_control_server()) {
+        return 1;
+    }
+    if (!ensure_listener()) {
+        return 1;  // intended: the control socket stays as it is.
+    }
+    install_quit_handler();
+
+    while (quit_signals == 0) {
+        usleep(PASS_SLEEP_US);
+        server_idle();
+        accept_connections();
+        idle_all_connections();
+    }
+
+    stop_control_server();
+    server_shutdown();
+    return 0;
+}

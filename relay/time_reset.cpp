@@ -1,0 +1,23 @@
+#include "relay/time_reset.h"
+
+#include "base/diag.h"
+#include "core/connection.h"
+#include "core/connection_table.h"
+
+void notify_time_reset(const StreamRecord& record) {
+    diag("Notifing subscribers of time reset\n");
+    for (const std::size_t player_idx : record.players) {
+        RTMPConnection* const player = get_connection(player_idx);
+        if (player == nullptr) {
+            continue;
+        }
+        reset_timebase(player->timebase);
+        player->av_start_ts = 0;
+        const bool has_had_media =
+            player->timebase.audio_header_delivered || player->timebase.video_header_delivered;
+        if (player->stream_mode == "play" && has_had_media) {
+            diag("Dropping subscriber because format change\n");
+            player->close_requested = true;
+        }
+    }
+}

@@ -1,0 +1,57 @@
+// The bytes of chunk headers, both ways, without any I/O.
+//
+//   basic header                        message header
+//   +--------+                          format 0  timestamp 3 | length 3 | type 1 | message stream id 4 (LE)
+//   |fmt| id |  id 2..63                format 1  delta 3     | length 3 | type 1
+//   +--------+--------+                 format 2  delta 3
+//   |fmt|  0 | id-64  |  id 64..319     format 3  nothing
+//   +--------+--------+--------+
+//   |fmt|  1 |  id-64 (LE)     |        A format 0 timestamp of 0xFFFFFF is followed by the real one in 4
+//   bytes.
+//   +--------+--------+--------+
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+
+#include "rtmp/rtmp_packet.h"
+
+constexpr std::uint32_t DEFAULT_CHUNK_SIZE = 128;
+constexpr std::uint32_t EXTENDED_TIMESTAMP = 0xFFFFFF;
+constexpr std::size_t MAX_BASIC_HEADER_BYTES = 3;
+constexpr std::size_t MAX_MESSAGE_HEADER_BYTES = 15;
+
+// What a chunk stream remembers of its last message, for the compressed header formats.
+struct ChunkStreamState {
+    std::uint32_t timestamp = 0;  // absolute
+    std::uint32_t message_length = 0;
+    std::uint8_t message_type_id = 0;
+    std::uint32_t message_stream_id = 0;
+    std::uint32_t timestamp_delta = 0;  // 0 after a format 0 header
+};
+
+// Bytes of the message header of a format 0..3, without an extended timestamp.
+[[nodiscard]] constexpr std::size_t message_header_bytes(std::uint8_t fmt) {
+    constexpr std::array<std::size_t, 4> BYTES{11, 7, 3, 0};
+    return BYTES[fmt & 3U];
+}
+
+// Whether the 4 bytes of an extended timestamp follow a message header. intended: only format 0 has one; a
+// delta of 0xFFFFFF in formats 1 and 2 is a plain number.
+[[nodiscard]] bool has_extended_timestamp(std::uint8_t fmt, const unsigned char* header);
+
+// Resolves a message header against its chunk stream: updates state, then fills timestamp, message_length,
+// message_type_id and message_stream_id of chunk from it. header holds message_header_bytes(fmt) bytes;
+// extended_timestamp counts only where has_extended_timestamp() says so. Timestamps wrap.
+void resolve_message_header(std::uint8_t fmt, const unsigned char* header, std::uint32_t extended_timestamp,
+                            ChunkStreamState& state, RTMP_Packet::chunk_t& chunk);
+
+// Writes a basic header for chunk stream id 2..65599 at d, which has room for MAX_BASIC_HEADER_BYTES; returns
+// its length. The server writes formats 0 and 3 only.
+[[nodiscard]] std::size_t write_basic_header(unsigned char* d, std::uint8_t fmt,
+                                             std::uint32_t chunk_stream_id);
+
+// Writes a format 0 message header at d, which has room for MAX_MESSAGE_HEADER_BYTES; returns its length: 11,
+// or 15 when the timestamp needs the extension. The length field is the low 24 bits of data_length.
+[[nodiscard]] std::size_t write_message_header(unsigned char* d, const RTMP_Packet::chunk_t& chunk);

@@ -1,0 +1,104 @@
+// What the transport itself does with a message before the main thread sees it: set chunk size, window
+// acknowledgement size, acknowledgements, back-pressure. Reader thread.
+#include <utility>
+
+#include "base/bytes.h"
+#include "base/diag.h"
+#include "core/connection.h"
+#include "rtmp/message_types.h"
+#include "rtmp/packet_queues.h"
+
+namespace {
+
+constexpr std::uint32_t MAX_CHUNK_SIZE = 0x400000;
+constexpr std::uint32_t CONTROL_VALUE_BYTES = 4;
+
+// False for a payload without a size, and for a size that is 0 or too large.
+bool read_chunk_size(const RTMP_Packet::chunk_t::message_t& message, std::uint32_t& chunk_size) {
+    if (message.data_length < CONTROL_VALUE_BYTES) {
+        return false;
+    }
+    chunk_size = read_be32(message.data);
+    if (chunk_size - 1 >= MAX_CHUNK_SIZE) {
+        diag("RTMP: New chunk size %lu rejected\n", static_cast<unsigned long>(chunk_size));
+        return false;
+    }
+    return true;
+}
+
+// intended: the client is told its own size back, and the server sends with that size from then on. The echo
+// and everything queued before it still go out under the old one: the writer adopts the size when it has sent
+// the echo.
+bool accept_chunk_size(RTMPConnection& conn, const RTMP_Packet& pkt) {
+    std::uint32_t chunk_size = 0;
+    if (!read_chunk_size(pkt.chunk.message, chunk_size)) {
+        diag("Chunk size rejected\n");
+        return false;
+    }
+    diag("RTMP: New chunk size %lu accepted\n", static_cast<unsigned long>(chunk_size));
+    conn.conn_g_client.chunk_size.store(chunk_size, std::memory_order_relaxed);
+
+    // No print from here to the queue: this packet is a local, and cancellation must not find it half made.
+    RTMP_Packet echo;
+    echo.copy_header_from(pkt);
+    // Without memory it stays empty, nothing is sent, and the old output size stays.
+    static_cast<void>(pkt.chunk.message.copy_to(echo.chunk.message));
+    return queue_outgoing(conn, std::move(echo));
+}
+
+void accept_window_ack_size(RTMPConnection& conn, const RTMP_Packet::chunk_t::message_t& message) {
+    if (message.data_length < CONTROL_VALUE_BYTES) {
+        return;
+    }
+    const std::uint32_t window = read_be32(message.data);
+    conn.conn_g_server.window_ack_size = window;
+    diag("RTMP: Window ack size %lu\n", static_cast<unsigned long>(window));
+}
+
+// Protocol control messages: message stream 0, chunk stream 2. False is the end of the reading.
+bool act_on_control_message(RTMPConnection& conn, const RTMP_Packet& pkt) {
+    if (pkt.chunk.message_stream_id != 0 || pkt.chunk.stream_id > CONTROL_CHUNK_STREAM_ID) {
+        return true;
+    }
+    if (pkt.chunk.stream_id < CONTROL_CHUNK_STREAM_ID) {
+        diag("RTMP: control stream unexpected chunk stream ID %lu\n",
+             static_cast<unsigned long>(pkt.chunk.stream_id));
+        return false;
+    }
+    switch (pkt.chunk.message_type_id) {
+        case MESSAGE_SET_CHUNK_SIZE:
+            return accept_chunk_size(conn, pkt);
+        case MESSAGE_ACKNOWLEDGEMENT:
+        case MESSAGE_USER_CONTROL:
+            return true;
+        case MESSAGE_WINDOW_ACK_SIZE:
+            accept_window_ack_size(conn, pkt.chunk.message);
+            return true;
+        default:
+            diag("RTMP: unexpected control stream message type 0x%02x\n",
+                 unsigned{pkt.chunk.message_type_id});
+            return false;
+    }
+}
+
+bool acknowledge_if_due(RTMPConnection& conn) {
+    LinkDirection& received = conn.conn_g_server;
+    if (!received.ack_flag && !window_is_full(received.window_ack_size, received.bytes_unacked)) {
+        return true;
+    }
+    if (!queue_acknowledgement(conn, received.bytes_total.load(std::memory_order_relaxed))) {
+        return false;
+    }
+    received.ack_flag = false;
+    received.bytes_unacked = unacked_after_acknowledgement(received.window_ack_size, received.bytes_unacked);
+    return true;
+}
+
+}  // namespace
+
+bool RTMPConnection::rtmp_proc_packet() {
+    in_pkt.chunk.message.release();
+    return rtmp_read_packet(in_pkt) && act_on_control_message(*this, in_pkt) &&
+           add_to_incoming_queue(std::move(in_pkt)) && acknowledge_if_due(*this) &&
+           wait_for_room_in_incoming_queue(*this);
+}

@@ -1,0 +1,38 @@
+// One direction of a connection: its byte counters and, for received bytes, the acknowledgement state.
+//
+// A connection has two. conn_g_server is the server's own side: bytes received from the client, their
+// acknowledgement, and the chunk size the server sends with. conn_g_client is the client's side: bytes sent
+// to the client, and the chunk size the client sends with.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+#include "rtmp/chunk_format.h"
+
+struct LinkDirection {
+    LinkDirection(bool acknowledge_at_once, std::uint32_t window)
+        : ack_flag(acknowledge_at_once), window_ack_size(window) {}
+
+    bool ack_flag;                               // acknowledge the next message whatever the counts say
+    std::atomic<std::uint64_t> bytes_total = 0;  // one thread counts, the control listing reads
+    std::uint32_t bytes_unacked = 0;             // bytes since the last acknowledgement
+    std::uint32_t window_ack_size;               // acknowledgement window in bytes; 0: never by count
+    std::atomic<std::uint32_t> chunk_size = DEFAULT_CHUNK_SIZE;  // one thread at a time writes and uses it
+};
+
+// The acknowledgement rule, as values. An acknowledgement is due when asked for, or when a window is full.
+[[nodiscard]] constexpr bool window_is_full(std::uint32_t window_ack_size, std::uint32_t bytes_unacked) {
+    return window_ack_size != 0 && window_ack_size <= bytes_unacked;
+}
+
+// What stays unacknowledged after an acknowledgement. The cap is deliberate: never more than one window is
+// carried into the next period, so a burst does not cause a train of acknowledgements.
+[[nodiscard]] constexpr std::uint32_t unacked_after_acknowledgement(std::uint32_t window_ack_size,
+                                                                    std::uint32_t bytes_unacked) {
+    if (!window_is_full(window_ack_size, bytes_unacked)) {
+        return bytes_unacked;
+    }
+    const std::uint32_t rest = bytes_unacked - window_ack_size;
+    return rest < window_ack_size ? rest : window_ack_size;
+}

@@ -1,0 +1,8 @@
+// The debug dump of a message: its header and its payload in hexadecimal, on standard error.
+#pragma once
+
+#include "rtmp/rtmp_packet.h"
+
+// One header line, then, unless data is null, "  Data (N bytes)" and rows of 16 bytes in hexadecimal and as
+// text. Written as one block. Any thread; a cancellation point.
+void dump_packet(const RTMP_Packet& pkt);

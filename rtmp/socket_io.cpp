@@ -1,0 +1,45 @@
+// The two socket primitives of a connection: blocking, whole, counted.
+#include <sys/socket.h>
+
+#include "base/check.h"
+#include "core/connection.h"
+
+ssize_t RTMPConnection::cread(void* buffer, std::size_t c) {
+    auto* d = static_cast<unsigned char*>(buffer);
+    std::size_t done = 0;
+    while (c != 0) {
+        const ssize_t ret = recv(fd, d + done, c, 0);
+        if (ret <= 0) {
+            break;
+        }
+        CHECK((size_t)ret <= c);
+        done += static_cast<std::size_t>(ret);
+        c -= static_cast<std::size_t>(ret);
+    }
+    if (done == 0) {
+        return -1;
+    }
+    conn_g_server.bytes_total.fetch_add(done, std::memory_order_relaxed);
+    conn_g_server.bytes_unacked += static_cast<std::uint32_t>(done);
+    return static_cast<ssize_t>(done);
+}
+
+ssize_t RTMPConnection::cwrite(const void* buffer, std::size_t c) {
+    const auto* s = static_cast<const unsigned char*>(buffer);
+    std::size_t done = 0;
+    while (c != 0) {
+        const ssize_t ret = send(fd, s + done, c, MSG_NOSIGNAL);
+        if (ret <= 0) {
+            break;
+        }
+        CHECK((size_t)ret <= c);
+        done += static_cast<std::size_t>(ret);
+        c -= static_cast<std::size_t>(ret);
+    }
+    if (done == 0) {
+        return -1;
+    }
+    conn_g_client.bytes_total.fetch_add(done, std::memory_order_relaxed);
+    conn_g_client.bytes_unacked += static_cast<std::uint32_t>(done);
+    return static_cast<ssize_t>(done);
+}
