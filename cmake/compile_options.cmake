@@ -17,6 +17,10 @@ elseif(NOT V9_SANITIZE STREQUAL "")
   message(FATAL_ERROR "V9_SANITIZE is '${V9_SANITIZE}': use an empty value, address or thread")
 endif()
 
+if(V9_FUZZ)
+  add_compile_options(-fsanitize=fuzzer-no-link)
+endif()
+
 set(CMAKE_POSITION_INDEPENDENT_CODE ON)
 if(V9_HARDEN)
   include(CheckPIESupported)

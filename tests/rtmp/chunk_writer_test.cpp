@@ -1,0 +1,141 @@
+#include <fcntl.h>
+
+#include <thread>
+
+#include "tests/support/connection_fixture.h"
+
+namespace {
+
+class chunk_writer : public ConnectionFixture {
+  protected:
+    RTMPConnection& conn = add_connection();
+
+    void queue(RTMP_Packet&& pkt) { conn.connection_out.push_back(std::move(pkt)); }
+
+    bool send_next() { return conn.rtmp_send_packet(); }
+
+    // Everything that has arrived at the peer.
+    std::string arrived() {
+        std::string bytes(1 << 20, '\0');
+        const ssize_t length = recv(peer(conn), bytes.data(), bytes.size(), MSG_DONTWAIT);
+        bytes.resize(length < 0 ? 0 : static_cast<std::size_t>(length));
+        return bytes;
+    }
+};
+
+// The chunks of a message on chunk stream 3, timestamp 0, type 20, message stream 1.
+std::string chunked(const std::string& payload, std::size_t chunk_size) {
+    std::string bytes("\x03\x00\x00\x00\x00\x00\x00\x14\x01\x00\x00\x00", 12);
+    bytes[4] = static_cast<char>(payload.size() >> 16);
+    bytes[5] = static_cast<char>(payload.size() >> 8);
+    bytes[6] = static_cast<char>(payload.size());
+    for (std::size_t s = 0; s < payload.size(); s += chunk_size) {
+        bytes += (s == 0 ? "" : "\xC3") + payload.substr(s, chunk_size);
+    }
+    return bytes;
+}
+
+}  // namespace
+
+TEST_F(chunk_writer, a_300_byte_message_is_three_chunks) {
+    const std::string payload = std::string(128, 'a') + std::string(128, 'b') + std::string(44, 'c');
+    queue(make_packet(20, 0, payload, 3));
+    ASSERT_TRUE(send_next());
+    EXPECT_EQ(arrived(), chunked(payload, 128));
+    EXPECT_EQ(conn.conn_g_client.bytes_total, 12U + 300 + 2);
+    EXPECT_EQ(conn.conn_g_client.bytes_unacked, 12U + 300 + 2);
+}
+
+TEST_F(chunk_writer, payloads_around_a_chunk_boundary_have_no_empty_chunk) {
+    for (const std::size_t length : {1U, 127U, 128U, 129U, 255U, 256U, 257U}) {
+        const std::string payload(length, 'p');
+        queue(make_packet(20, 0, payload, 3));
+        ASSERT_TRUE(send_next());
+        EXPECT_EQ(arrived(), chunked(payload, 128)) << length;
+    }
+}
+
+TEST_F(chunk_writer, long_chunk_stream_ids_are_repeated_in_continuations) {
+    queue(make_packet(20, 0, std::string(130, 'p'), 64));
+    ASSERT_TRUE(send_next());
+    EXPECT_EQ(arrived(), std::string("\x00\x00", 2) + chunked(std::string(130, 'p'), 200).substr(1, 11) +
+                             std::string(128, 'p') + std::string("\xC0\x00", 2) + "pp");
+    queue(make_packet(20, 0, std::string(130, 'p'), 320));
+    ASSERT_TRUE(send_next());
+    EXPECT_EQ(arrived(), std::string("\x01\x00\x01", 3) + chunked(std::string(130, 'p'), 200).substr(1, 11) +
+                             std::string(128, 'p') + std::string("\xC1\x00\x01", 3) + "pp");
+}
+
+TEST_F(chunk_writer, an_extended_timestamp_is_not_repeated_in_continuations) {
+    queue(make_packet(20, 0xFFFFFF, std::string(130, 'p'), 3));
+    ASSERT_TRUE(send_next());
+    EXPECT_EQ(arrived(), std::string("\x03\xFF\xFF\xFF\x00\x00\x82\x14\x01\x00\x00\x00\x00\xFF\xFF\xFF", 16) +
+                             std::string(128, 'p') + "\xC3" + "pp");
+}
+
+TEST_F(chunk_writer, the_format_of_the_packet_is_ignored) {
+    RTMP_Packet pkt = make_packet(20, 0, "x", 3);
+    pkt.chunk.fmt = 2;
+    pkt.chunk.message_length = 99;
+    queue(std::move(pkt));
+    ASSERT_TRUE(send_next());
+    EXPECT_EQ(arrived(), chunked("x", 128));
+}
+
+TEST_F(chunk_writer, a_message_without_payload_produces_no_bytes) {
+    queue(make_packet(8, 0, ""));
+    ASSERT_TRUE(send_next());
+    EXPECT_EQ(arrived(), "");
+    EXPECT_TRUE(conn.connection_out.empty());
+}
+
+// More pieces than one system call takes, and more bytes than the socket buffers: every byte still arrives in
+// order.
+TEST_F(chunk_writer, a_long_message_in_chunks_of_one_byte_arrives_whole) {
+    conn.conn_g_server.chunk_size = 1;
+    std::string payload(300000, '\0');
+    for (std::size_t i = 0; i < payload.size(); ++i) {
+        payload[i] = static_cast<char>(i * 7 >> 3);
+    }
+    queue(make_packet(20, 0, payload, 3));
+    const std::string wanted = chunked(payload, 1);
+    std::string received(wanted.size(), '\0');
+    std::thread reader([&] {
+        EXPECT_EQ(recv(peer(conn), received.data(), received.size(), MSG_WAITALL),
+                  static_cast<ssize_t>(wanted.size()));
+    });
+    ASSERT_TRUE(send_next());
+    reader.join();
+    EXPECT_TRUE(received == wanted);
+}
+
+TEST_F(chunk_writer, the_echo_of_a_chunk_size_goes_out_under_the_old_size_and_counts_afterwards) {
+    const std::string before(200, 'b');
+    queue(make_packet(20, 0, before, 3));
+    queue(make_packet(1, 0, std::string("\x00\x00\x00\x02", 4), 2, 0));
+    queue(make_packet(20, 0, "12345", 3));
+    ASSERT_TRUE(send_next() && send_next() && send_next());
+    EXPECT_EQ(arrived(), chunked(before, 128) +
+                             std::string("\x02\x00\x00\x00\x00\x00\x04\x01\x00\x00\x00\x00", 12) +
+                             std::string("\x00\x00\x00\x02", 4) + chunked("12345", 2));
+    EXPECT_EQ(conn.conn_g_server.chunk_size, 2U);
+}
+
+TEST_F(chunk_writer, sends_the_packets_in_the_order_of_the_queue) {
+    queue(make_packet(20, 0, "1", 3));
+    queue(make_packet(8, 0, ""));
+    queue(make_packet(20, 0, "2", 3));
+    ASSERT_TRUE(send_next() && send_next() && send_next());
+    EXPECT_EQ(arrived(), chunked("1", 128) + chunked("2", 128));
+}
+
+TEST_F(chunk_writer, gives_up_when_the_client_is_gone) {
+    shutdown(conn.fd, SHUT_WR);
+    queue(make_packet(20, 0, "x", 3));
+    EXPECT_FALSE(send_next());
+}
+
+TEST_F(chunk_writer, waits_when_nothing_is_queued) {
+    EXPECT_TRUE(send_next());
+    EXPECT_EQ(arrived(), "");
+}
