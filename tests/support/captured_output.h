@@ -1,0 +1,66 @@
+// What one output stream of the server has said so far, line by line, filled by the process's pump thread and
+// read by the test.
+//
+// A LineMark counts complete lines. Every wait starts at a mark and returns the mark after what it found, so
+// the next wait can go on from there; every wait has a deadline and throws TestFailure with the recent lines
+// when it passes or when the stream ended without the text. Texts are compared whole, without the line end.
+#pragma once
+
+#include "tests/support/time_limits.h"
+
+#include <condition_variable>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <vector>
+
+using LineMark = std::size_t;
+
+class CapturedOutput {
+  public:
+    explicit CapturedOutput(std::string stream_name) : name(std::move(stream_name)) {}
+
+    LineMark mark() const;
+    std::string raw_text() const;
+    // The complete lines from the mark on.
+    std::vector<std::string> lines_since(LineMark from = 0) const;
+    // Text after the last line end.
+    std::string unfinished_line() const;
+    std::size_t count(std::string_view line, LineMark from = 0) const;
+    std::size_t count_starting(std::string_view prefix, LineMark from = 0) const;
+    bool has_line(std::string_view line, LineMark from = 0) const { return count(line, from) > 0; }
+
+    LineMark wait_for_line(std::string_view line, LineMark from = 0, Milliseconds wait = DEFAULT_WAIT) const;
+    // Waits for a line that begins so; found, when given, receives the whole line.
+    LineMark wait_for_line_starting(std::string_view prefix, LineMark from = 0, std::string* found = nullptr,
+                                    Milliseconds wait = DEFAULT_WAIT) const;
+    // Waits for these lines in this order; other lines may stand between them.
+    LineMark wait_for_lines(const std::vector<std::string>& lines, LineMark from = 0,
+                            Milliseconds wait = DEFAULT_WAIT) const;
+    // Waits for these lines one directly after the other.
+    LineMark wait_for_consecutive_lines(const std::vector<std::string>& lines, LineMark from = 0,
+                                        Milliseconds wait = DEFAULT_WAIT) const;
+    // Waits until the line was printed at least so often since the mark.
+    void wait_for_count(std::string_view line, std::size_t times, LineMark from = 0,
+                        Milliseconds wait = DEFAULT_WAIT) const;
+    void wait_for_end(Milliseconds wait = DEFAULT_WAIT) const;
+
+    // The pump thread's side.
+    void append(std::string_view text);
+    void set_ended();
+
+  private:
+    std::string_view line_at(std::size_t line_idx) const;
+    std::size_t line_count() const { return line_starts.size() - 1; }
+    std::string recent_lines(LineMark from) const;
+    template <typename Found>
+    LineMark wait_until(const std::string& what, LineMark from, Milliseconds wait, Found found) const;
+
+    const std::string name;
+    mutable std::mutex mutex;
+    mutable std::condition_variable changed;
+    // Under the mutex. line_starts has one entry more than there are complete lines.
+    std::string text;
+    std::vector<std::size_t> line_starts{0};
+    bool ended = false;
+};

@@ -1,0 +1,220 @@
+#include "tests/support/control_peer.h"
+
+#include "tests/support/test_failure.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+
+namespace {
+
+constexpr std::size_t HEADER_BYTES = 8;
+constexpr std::uint32_t ABSENT = 0xFFFFFFFF;
+
+Bytes be64(std::uint64_t value) {
+    return be32(static_cast<std::uint32_t>(value >> 32)) + be32(static_cast<std::uint32_t>(value));
+}
+
+Bytes counted(std::string_view text) {
+    return be32(static_cast<std::uint32_t>(text.size())) + Bytes(text);
+}
+
+// Takes a body apart, from its start to its end.
+class BodyReader {
+  public:
+    explicit BodyReader(std::string_view bytes) : rest(bytes) {}
+
+    std::uint32_t number() { return get_be32(take(4)); }
+
+    std::uint64_t long_number() {
+        const std::uint64_t high = number();
+        return high << 32 | number();
+    }
+
+    std::string text() { return std::string(take(number())); }
+
+    void expect_end() const {
+        if (!rest.empty()) {
+            throw TestFailure("a control reply has " + std::to_string(rest.size()) + " bytes behind its end");
+        }
+    }
+
+  private:
+    std::string_view take(std::size_t count) {
+        if (rest.size() < count) {
+            throw TestFailure("a field of a control reply reaches beyond the frame");
+        }
+        const std::string_view taken = rest.substr(0, count);
+        rest.remove_prefix(count);
+        return taken;
+    }
+
+    std::string_view rest;
+};
+
+ControlReply parse_reply(std::string_view body) {
+    BodyReader reader(body);
+    ControlReply reply;
+    reply.flags = reader.number();
+    reply.request_id = reader.long_number();
+    reply.status = reader.long_number();
+    reply.command = reader.text();
+    reply.message = reader.text();
+    if (reader.number() != 0) {
+        throw TestFailure("a control reply has arguments");
+    }
+    const std::uint32_t pairs = reader.number();
+    for (std::uint32_t i = 0; i < pairs; ++i) {
+        std::string name = reader.text();
+        std::string value = reader.text();
+        reply.pairs.emplace_back(std::move(name), std::move(value));
+    }
+    reader.expect_end();
+    return reply;
+}
+
+}  // namespace
+
+Bytes control_request(std::uint64_t id, std::string_view command, const ControlArguments& arguments,
+                      std::uint32_t flags) {
+    Bytes body = be32(flags) + be64(id) + be64(0) + counted(command) + counted("");
+    body += be32(static_cast<std::uint32_t>(arguments.size()));
+    for (const std::optional<std::string>& argument : arguments) {
+        body += argument ? counted(*argument) : be32(ABSENT);
+    }
+    return control_frame(body + be32(0));
+}
+
+Bytes control_frame(std::string_view body, std::uint8_t version) {
+    return bytes_of({'C', 'S', version, 0}) + counted(body);
+}
+
+std::vector<std::string> ControlReply::values(std::string_view name) const {
+    std::vector<std::string> found;
+    for (const auto& [pair_name, value] : pairs) {
+        if (pair_name == name) {
+            found.push_back(value);
+        }
+    }
+    return found;
+}
+
+ControlPeer::ControlPeer(const std::string& path, int send_buffer_bytes)
+    : fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    if (send_buffer_bytes > 0) {
+        (void)setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &send_buffer_bytes, sizeof send_buffer_bytes);
+    }
+    if (connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+        const std::string reason = std::strerror(errno);
+        close();
+        throw TestFailure("connecting to " + path + ": " + reason);
+    }
+}
+
+ControlPeer::ControlPeer(ControlPeer&& other) noexcept
+    : fd(std::exchange(other.fd, -1)), last_id(other.last_id), buffer(std::move(other.buffer)) {}
+
+bool ControlPeer::try_send_bytes(std::string_view bytes, Milliseconds wait) const {
+    const TimePoint deadline = SteadyClock::now() + wait;
+    while (!bytes.empty()) {
+        const ssize_t sent = send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (sent > 0) {
+            bytes.remove_prefix(static_cast<std::size_t>(sent));
+            continue;
+        }
+        if (errno != EAGAIN && errno != EINTR) {
+            return false;
+        }
+        pollfd entry{fd, POLLOUT, 0};
+        if (poll(&entry, 1, poll_timeout_ms(deadline)) == 0) {
+            throw TestFailure(std::to_string(bytes.size()) + " bytes to the control socket did not leave");
+        }
+    }
+    return true;
+}
+
+void ControlPeer::send_bytes(std::string_view bytes, Milliseconds wait) const {
+    if (!try_send_bytes(bytes, wait)) {
+        throw TestFailure("the server closed the control connection while it was sent to");
+    }
+}
+
+std::size_t ControlPeer::send_some(std::string_view bytes) const {
+    const ssize_t sent = send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (sent < 0 && errno != EAGAIN && errno != EINTR) {
+        throw TestFailure("the server closed the control connection while it was sent to");
+    }
+    return sent > 0 ? static_cast<std::size_t>(sent) : 0;
+}
+
+bool ControlPeer::fill_buffer(TimePoint deadline) {
+    while (true) {
+        pollfd entry{fd, POLLIN, 0};
+        const int ready = poll(&entry, 1, poll_timeout_ms(deadline));
+        if (ready == 0) {
+            throw TestFailure("nothing came from the control socket");
+        }
+        std::array<char, 65536> chunk{};
+        const ssize_t count = recv(fd, chunk.data(), chunk.size(), MSG_DONTWAIT);
+        if (count > 0) {
+            buffer.append(chunk.data(), static_cast<std::size_t>(count));
+            return true;
+        }
+        if (count == 0 || (errno != EAGAIN && errno != EINTR)) {
+            return false;
+        }
+    }
+}
+
+ControlReply ControlPeer::read_reply(Milliseconds wait) {
+    const TimePoint deadline = SteadyClock::now() + wait;
+    while (buffer.size() < HEADER_BYTES || buffer.size() - HEADER_BYTES < get_be32(buffer, 4)) {
+        if (!fill_buffer(deadline)) {
+            throw TestFailure("the server closed the control connection instead of answering");
+        }
+    }
+    if (!buffer.starts_with(bytes_of({'C', 'S', 4, 0}))) {
+        throw TestFailure("a control reply begins with " + to_hex(buffer.substr(0, 4)));
+    }
+    const std::size_t length = get_be32(buffer, 4);
+    ControlReply reply = parse_reply(std::string_view(buffer).substr(HEADER_BYTES, length));
+    buffer.erase(0, HEADER_BYTES + length);
+    return reply;
+}
+
+ControlReply ControlPeer::ask(std::string_view command, const ControlArguments& arguments,
+                              Milliseconds wait) {
+    send_bytes(control_request(++last_id, command, arguments));
+    ControlReply reply = read_reply(wait);
+    if (reply.request_id != last_id) {
+        throw TestFailure("request " + std::to_string(last_id) + " was answered with the id " +
+                          std::to_string(reply.request_id));
+    }
+    return reply;
+}
+
+void ControlPeer::expect_closed(Milliseconds wait) {
+    const TimePoint deadline = SteadyClock::now() + wait;
+    if (!buffer.empty() || fill_buffer(deadline)) {
+        throw TestFailure("bytes came from the control socket: " + to_hex(buffer.substr(0, 64)));
+    }
+}
+
+void ControlPeer::half_close() const {
+    (void)shutdown(fd, SHUT_WR);
+}
+
+void ControlPeer::close() {
+    if (fd >= 0) {
+        ::close(fd);
+    }
+    fd = -1;
+}

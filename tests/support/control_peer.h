@@ -1,0 +1,77 @@
+// A client of the control socket, with control over every byte it sends: requests are put together here, byte
+// by byte, and replies are taken apart strictly, so that the server's side is checked by somebody else's
+// eyes.
+//
+// Every wait has a deadline; what does not come throws TestFailure.
+#pragma once
+
+#include "tests/support/time_limits.h"
+#include "tests/support/wire_bytes.h"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+inline const std::string CONTROL_SOCKET_PATH = "/var/run/v9_rtmp_server.socket";
+
+constexpr std::uint32_t CONTROL_REQUEST = 1;
+constexpr std::uint32_t CONTROL_ASYNC = 2;
+constexpr std::uint64_t CONTROL_SUCCESS = 0;
+constexpr std::uint64_t CONTROL_ERROR = 6;
+
+// An argument that is absent is not the same as an empty one.
+using ControlArguments = std::vector<std::optional<std::string>>;
+using ControlPairs = std::vector<std::pair<std::string, std::string>>;
+
+// One frame.
+Bytes control_request(std::uint64_t id, std::string_view command, const ControlArguments& arguments = {},
+                      std::uint32_t flags = CONTROL_REQUEST);
+// A frame around any body, with any version.
+Bytes control_frame(std::string_view body, std::uint8_t version = 4);
+
+struct ControlReply {
+    std::uint32_t flags = 0;
+    std::uint64_t request_id = 0;
+    std::uint64_t status = 0;
+    std::string command;
+    std::string message;
+    ControlPairs pairs;
+
+    // The values of the pairs with this name, in their order.
+    std::vector<std::string> values(std::string_view name) const;
+};
+
+class ControlPeer {
+  public:
+    // Connects. send_buffer_bytes 0 keeps the system's size.
+    explicit ControlPeer(const std::string& path = CONTROL_SOCKET_PATH, int send_buffer_bytes = 0);
+    ~ControlPeer() { close(); }
+    ControlPeer(ControlPeer&& other) noexcept;
+    ControlPeer& operator=(ControlPeer&&) = delete;
+
+    // False when the server has closed the connection; part of the bytes may be gone by then.
+    [[nodiscard]] bool try_send_bytes(std::string_view bytes, Milliseconds wait = DEFAULT_WAIT) const;
+    void send_bytes(std::string_view bytes, Milliseconds wait = DEFAULT_WAIT) const;
+    // Sends without waiting; how many bytes the socket took. Throws when the server has closed the connection.
+    [[nodiscard]] std::size_t send_some(std::string_view bytes) const;
+    // The next reply. A reply must be complete, with nothing behind its last field and no arguments.
+    ControlReply read_reply(Milliseconds wait = DEFAULT_WAIT);
+    // Sends a request with the next id and reads replies until there is one, which must carry that id.
+    ControlReply ask(std::string_view command, const ControlArguments& arguments = {},
+                     Milliseconds wait = DEFAULT_WAIT);
+    // The server closes the connection and sends nothing before it.
+    void expect_closed(Milliseconds wait = DEFAULT_WAIT);
+    void half_close() const;
+    void close();
+
+  private:
+    // False when the server has closed; throws at the deadline.
+    bool fill_buffer(TimePoint deadline);
+
+    int fd = -1;
+    std::uint64_t last_id = 0;
+    Bytes buffer;
+};

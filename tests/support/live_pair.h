@@ -1,0 +1,49 @@
+// A publisher and a player of its stream, whose media flows in real time on threads of their own while the
+// test does something else to the server. At the end it tells whether anybody was disturbed.
+#pragma once
+
+#include "tests/support/message_recorder.h"
+#include "tests/support/rtmp_client.h"
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+#include <thread>
+
+struct LiveOptions {
+    std::string stream_name = "live";
+    Milliseconds interval{40};
+    std::size_t message_bytes = 1000;
+};
+
+class LivePair {
+  public:
+    // Returns once the player has received the first messages.
+    explicit LivePair(const LiveOptions& options = {});
+    // Stops sending, when finish() has not been called.
+    ~LivePair();
+    LivePair(const LivePair&) = delete;
+    LivePair& operator=(const LivePair&) = delete;
+
+    // Stops sending and waits for what is still on its way. Throws TestFailure unless every message arrived,
+    // whole, once and in order.
+    void finish();
+    // The longest time in which the player received nothing. After finish().
+    Milliseconds longest_pause() const;
+    std::uint32_t messages_sent() const { return sent; }
+    // Waits until the player has received so many more messages.
+    void wait_for_more(std::size_t times) const;
+
+  private:
+    void send_all();
+
+    const LiveOptions options;
+    // The player is there before the first message.
+    RtmpClient player;
+    RtmpClient publisher;
+    MessageRecorder recorder;
+    std::atomic<std::uint32_t> sent{0};
+    std::atomic<bool> stop_requested{false};
+    std::string sending_failure;
+    std::thread sender;
+};

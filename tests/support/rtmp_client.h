@@ -1,0 +1,168 @@
+// An RTMP client for tests, with control over every byte it sends and a strict eye on every byte it gets.
+//
+// 1. The reader accepts only what the server is allowed to send: each message starts with a format 0 header
+//    in its shortest form and is continued, without any other chunk in between, by format 3 headers of the
+//    same chunk stream. It reads with 128-byte chunks until the server echoes a set chunk size message, and
+//    with the echoed size from the next message on.
+// 2. Every wait has a deadline; what does not come throws TestFailure.
+// 3. Sending and reading share no state but the socket, so one thread may read while another sends.
+#pragma once
+
+#include "tests/support/amf_bytes.h"
+#include "tests/support/chunk_bytes.h"
+#include "tests/support/time_limits.h"
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+struct RtmpMessage {
+    std::uint32_t csid = 0;
+    std::uint32_t timestamp = 0;
+    std::uint8_t type = 0;
+    std::uint32_t stream_id = 0;
+    Bytes payload;
+    Bytes raw;                             // as on the wire, headers included
+    std::vector<std::size_t> chunk_sizes;  // payload bytes of each chunk
+    TimePoint arrival;                     // when its last byte was taken off the socket
+
+    std::vector<AmfNode> values() const { return amf_decode_all(payload); }
+};
+
+struct ClientOptions {
+    std::string server = "127.0.0.1";
+    std::uint16_t port = 1935;
+    std::string local_address;     // empty: any
+    int receive_buffer_bytes = 0;  // 0: the system's
+    int send_buffer_bytes = 0;
+};
+
+struct HandshakeOptions {
+    std::uint8_t c0 = 3;
+    Bytes c1 = pattern_bytes(1536, 7);
+    // Sizes of the first sends of C0 and C1; what is left goes out in one more.
+    std::vector<std::size_t> pieces;
+    // Changes C2, which is an echo of S1.
+    std::function<void(Bytes&)> change_c2;
+};
+
+struct HandshakeReply {
+    Bytes s0;
+    Bytes s1;
+    Bytes s2;
+};
+
+enum class CloseKind { END_OF_STREAM, RESET };
+
+class RtmpClient {
+  public:
+    // Connects by TCP and sends nothing.
+    explicit RtmpClient(const ClientOptions& options = {});
+    ~RtmpClient();
+    RtmpClient(RtmpClient&& other) noexcept;
+    RtmpClient& operator=(RtmpClient&&) = delete;
+
+    // The whole handshake; throws when the server does not complete its part.
+    HandshakeReply handshake(const HandshakeOptions& options = {});
+
+    // ---- sending
+    void send_bytes(std::string_view bytes, Milliseconds wait = DEFAULT_WAIT);
+    // False when the server has closed the connection; part of the bytes may be gone by then.
+    [[nodiscard]] bool try_send_bytes(std::string_view bytes, Milliseconds wait = DEFAULT_WAIT);
+    void send_in_pieces(std::string_view bytes, std::size_t piece_bytes);
+    void send_message(const OutMessage& message) { send_bytes(chunked(message, send_chunk_bytes)); }
+    // Sends a set chunk size message and cuts what follows into such chunks. The server's echo changes the
+    // size with which messages are read when it is read.
+    void set_chunk_size(std::uint32_t chunk_bytes);
+    std::uint32_t send_chunk_size() const { return send_chunk_bytes; }
+    // Everything sent so far, handshake included: what an acknowledgement counts.
+    std::uint64_t bytes_sent() const { return sent_bytes; }
+
+    void send_command(const Bytes& payload, std::uint32_t csid = 3, std::uint32_t stream_id = 0);
+    void send_connect(std::string_view app = "ombrex-live", double transaction_id = 1);
+    void send_create_stream(double transaction_id = 2);
+    void send_publish(std::string_view name, double transaction_id = 3, std::string_view type = "live");
+    void send_play(std::string_view name, double transaction_id = 3);
+    // Media and data go out with the message stream id that create_stream returned (0 without it): audio and
+    // data on chunk stream 4, video on 6.
+    void send_audio(std::uint32_t timestamp, const Bytes& payload);
+    void send_video(std::uint32_t timestamp, const Bytes& payload);
+    void send_data(const Bytes& payload);
+    // "@setDataFrame", "onMetaData" and the value.
+    void send_metadata(const Bytes& value);
+
+    // ---- reading
+    // The next message, acknowledgements included.
+    RtmpMessage read_message(Milliseconds wait = DEFAULT_WAIT);
+    // Nothing when the time is over or the server has closed first.
+    std::optional<RtmpMessage> try_read_message(Milliseconds wait);
+    // The next message that is no acknowledgement.
+    RtmpMessage read_past_acknowledgements(Milliseconds wait = DEFAULT_WAIT);
+    // The next message, acknowledgements skipped unless they are what is expected; throws when it is another.
+    RtmpMessage expect_message(std::uint8_t type, Milliseconds wait = DEFAULT_WAIT);
+    // A number out of an acknowledgement that must be the next message.
+    std::uint32_t expect_acknowledgement(Milliseconds wait = DEFAULT_WAIT);
+    // Raw bytes, exactly so many.
+    Bytes read_bytes(std::size_t count, Milliseconds wait = DEFAULT_WAIT);
+    std::uint32_t read_chunk_size() const { return read_chunk_bytes; }
+    // The end of the stream, or a reset, has been read.
+    bool closed_by_server() const { return peer_closed; }
+
+    // Reads until the server closes and returns how; messages before that are kept in `rest` when given.
+    CloseKind expect_closed(Milliseconds wait = DEFAULT_WAIT, std::vector<RtmpMessage>* rest = nullptr);
+    // The server closes and sends nothing but acknowledgements before it.
+    CloseKind expect_closed_without_answer(Milliseconds wait = DEFAULT_WAIT);
+
+    // ---- whole exchanges: the request, and the server's answer to it
+    RtmpMessage connect_app(std::string_view app = "ombrex-live", double transaction_id = 1);
+    std::uint32_t create_stream(double transaction_id = 2);
+    RtmpMessage publish(std::string_view name, double transaction_id = 3);
+    RtmpMessage play(std::string_view name, double transaction_id = 3);
+    // Sends a releaseStream and waits for its answer: everything that was sent before has been handled by
+    // then. Returns the messages that came before the answer, acknowledgements left out.
+    std::vector<RtmpMessage> round_trip(Milliseconds wait = DEFAULT_WAIT);
+
+    // ---- ending
+    void close();
+    void close_with_reset();
+    void half_close();
+    bool is_open() const { return fd >= 0; }
+    int descriptor() const { return fd; }
+    // "127.0.0.1:40312", as the server sees this client.
+    std::string local_address() const;
+
+    std::uint32_t media_stream_id = 0;
+
+  private:
+    enum class Fill { SOME, TIMED_OUT, CLOSED };
+
+    Fill fill_buffer(TimePoint deadline);
+    struct HeaderSizes {
+        std::size_t header;
+        std::size_t payload;
+    };
+    std::optional<HeaderSizes> parse_header(std::string_view data, RtmpMessage& message) const;
+    std::optional<RtmpMessage> parse_message();
+    [[noreturn]] void fail(const std::string& what) const;
+
+    int fd = -1;
+    // The sending thread's.
+    std::uint32_t send_chunk_bytes = DEFAULT_CHUNK_SIZE;
+    std::uint64_t sent_bytes = 0;
+    double round_trips = 0;
+    // The reading thread's.
+    std::uint32_t read_chunk_bytes = DEFAULT_CHUNK_SIZE;
+    Bytes buffer;
+    std::size_t buffer_start = 0;
+    TimePoint buffer_filled;
+    bool peer_closed = false;
+    CloseKind close_kind = CloseKind::END_OF_STREAM;
+};
+
+// Clients that have come so far: through the handshake; accepted by an application; publishing; playing.
+RtmpClient handshaken_client(const ClientOptions& options = {});
+RtmpClient connected_client(std::string_view app = "ombrex-live", const ClientOptions& options = {});
+RtmpClient publishing_client(std::string_view name, const ClientOptions& options = {});
+RtmpClient playing_client(std::string_view name, const ClientOptions& options = {});

@@ -1,0 +1,517 @@
+#include "tests/support/server_process.h"
+
+#include "tests/support/test_failure.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <linux/close_range.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <sstream>
+#include <system_error>
+
+namespace {
+
+constexpr int CANNOT_START = 127;
+constexpr std::size_t SHOWN_LINES = 200;
+constexpr Milliseconds READY_POLL{2};
+constexpr std::size_t PIPE_READ_BYTES = 1 << 20;
+
+std::string server_path() {
+    if (const char* path = std::getenv("V9_SERVER_PATH")) {
+        return path;
+    }
+#ifdef V9_SERVER_PATH
+    return V9_SERVER_PATH;
+#else
+    throw TestFailure("V9_SERVER_PATH does not say where the server's binary is");
+#endif
+}
+
+int checked(int result, const char* call) {
+    if (result < 0) {
+        throw TestFailure(std::string(call) + ": " + std::strerror(errno));
+    }
+    return result;
+}
+
+// AddressSanitizer takes the stack of a cancelled thread for overflown when it gives back its signal stack,
+// because the unwinding has left the marks of frames that are gone; without signal stacks it looks at nothing
+// there.
+std::string sanitizer_options() {
+    const char* given = std::getenv("ASAN_OPTIONS");
+    return std::string("ASAN_OPTIONS=") + (given != nullptr ? std::string(given) + ":" : "") +
+           "use_sigaltstack=0";
+}
+
+struct Pipe {
+    Pipe() {
+        std::array<int, 2> ends{};
+        checked(pipe2(ends.data(), O_CLOEXEC), "pipe2");
+        read_end = ends[0];
+        write_end = ends[1];
+    }
+    int read_end;
+    int write_end;
+};
+
+// A field of /proc/<pid>/status, such as "Threads:", as text.
+std::string status_field(pid_t pid, const std::string& field) {
+    std::ifstream file("/proc/" + std::to_string(pid) + "/status");
+    for (std::string line; std::getline(file, line);) {
+        if (line.starts_with(field)) {
+            return line.substr(line.find_first_not_of(" \t", field.size()));
+        }
+    }
+    throw TestFailure("the server has no " + field + " any more");
+}
+
+std::vector<char*> pointers(std::vector<std::string>& strings) {
+    std::vector<char*> result;
+    result.reserve(strings.size() + 1);
+    for (std::string& string : strings) {
+        result.push_back(string.data());
+    }
+    result.push_back(nullptr);
+    return result;
+}
+
+// From a destructor: nothing may leave it, and GoogleTest can be told to throw.
+void report_failure(const std::string& text) noexcept {
+    try {
+        ADD_FAILURE() << text;
+    } catch (...) {
+        std::cerr << text << '\n';
+    }
+}
+
+void print_recent_lines(const CapturedOutput& captured) {
+    const std::vector<std::string> lines = captured.lines_since();
+    std::cerr << "---- the server's standard error (" << lines.size() << " lines)\n";
+    for (std::size_t i = lines.size() > SHOWN_LINES ? lines.size() - SHOWN_LINES : 0; i < lines.size(); ++i) {
+        std::cerr << lines[i] << '\n';
+    }
+    std::cerr << "----\n";
+}
+
+// Between fork and exec: system calls only.
+[[noreturn]] void become_server(const ServerOptions& options, pid_t parent, int out_fd, int err_fd,
+                                char* const* argv, char* const* envp) {
+    if (prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || getppid() != parent || dup2(out_fd, STDOUT_FILENO) < 0 ||
+        dup2(err_fd, STDERR_FILENO) < 0) {
+        _exit(CANNOT_START);
+    }
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
+    for (const auto& [resource, limit] : options.limits) {
+        const rlimit both{limit, limit};
+        if (setrlimit(static_cast<__rlimit_resource>(resource), &both) != 0) {
+            _exit(CANNOT_START);
+        }
+    }
+    for (const int fd : options.closed_descriptors) {
+        close(fd);
+    }
+    // Whatever the test's own parent left open is not the server's.
+    if (close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC) != 0) {
+        _exit(CANNOT_START);
+    }
+    execve(argv[0], argv, envp);
+    _exit(CANNOT_START);
+}
+
+}  // namespace
+
+ServerProcess::ServerProcess(const ServerOptions& options) {
+    start(options);
+}
+
+ServerProcess::ServerProcess(std::vector<std::string> arguments) {
+    ServerOptions options;
+    options.arguments = std::move(arguments);
+    start(options);
+}
+
+ServerProcess::~ServerProcess() {
+    const bool unwinding = std::uncaught_exceptions() > 0;
+    try {
+        if (!end_was_expected) {
+            stop();
+        }
+    } catch (const std::exception& failure) {
+        report_failure(failure.what());
+    }
+    end_pump();
+    const std::string report = sanitizer_report();
+    if (!report.empty()) {
+        report_failure("the server printed a report: " + report);
+    }
+    if (unwinding || testing::Test::HasFailure()) {
+        print_recent_lines(captured_err);
+    }
+    --servers_alive;
+    close(err_fd);
+    close(out_fd);
+    close(wake_fd);
+}
+
+void ServerProcess::end_pump() {
+    pump_may_end = true;
+    resume_draining_stderr();
+    pump_thread.join();
+}
+
+void ServerProcess::start(const ServerOptions& options) {
+    if (servers_alive > 0 && !options.beside_another) {
+        throw TestFailure("another server of this test is still alive");
+    }
+    std::vector<std::string> argument_strings = {server_path()};
+    argument_strings.insert(argument_strings.end(), options.arguments.begin(), options.arguments.end());
+    // Of two entries with one name the first counts.
+    std::vector<std::string> environment_strings = options.environment;
+    for (char** entry = environ; *entry != nullptr; ++entry) {
+        if (!std::string_view(*entry).starts_with("ASAN_OPTIONS=")) {
+            environment_strings.emplace_back(*entry);
+        }
+    }
+    environment_strings.push_back(sanitizer_options());
+    const std::vector<char*> argv = pointers(argument_strings);
+    const std::vector<char*> envp = pointers(environment_strings);
+
+    const Pipe out;
+    const Pipe err;
+    if (options.stderr_pipe_bytes > 0) {
+        checked(fcntl(err.write_end, F_SETPIPE_SZ, options.stderr_pipe_bytes), "F_SETPIPE_SZ");
+    }
+    wake_fd = checked(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), "eventfd");
+    draining_stderr = options.drain_stderr;
+    const pid_t parent = getpid();
+    child = checked(fork(), "fork");
+    if (child == 0) {
+        become_server(options, parent, out.write_end, err.write_end, argv.data(), envp.data());
+    }
+    close(out.write_end);
+    close(err.write_end);
+    out_fd = out.read_end;
+    err_fd = err.read_end;
+    pump_thread = std::thread([this] { pump(); });
+    ++servers_alive;
+    if (options.wait_until_ready) {
+        try {
+            wait_until_ready();
+        } catch (...) {
+            kill();
+            end_pump();
+            --servers_alive;
+            throw;
+        }
+    }
+}
+
+void ServerProcess::wait_until_ready() {
+    const TimePoint deadline = SteadyClock::now() + DEFAULT_WAIT;
+    // The handler for SIGQUIT is the last thing that the server sets up before its main loop.
+    constexpr unsigned long long SIGQUIT_BIT = 1ULL << (SIGQUIT - 1);
+    while (SteadyClock::now() < deadline) {
+        if (reap(WNOHANG)) {
+            captured_err.wait_for_end();
+            throw TestFailure("the server ended at start, status " + std::to_string(end.status) +
+                              ", signal " + std::to_string(end.signal) + ":\n" + captured_err.raw_text());
+        }
+        if ((std::stoull(status_field(child, "SigCgt:"), nullptr, 16) & SIGQUIT_BIT) != 0) {
+            return;
+        }
+        std::this_thread::sleep_for(READY_POLL);
+    }
+    throw TestFailure("the server did not get ready:\n" + captured_err.raw_text());
+}
+
+const CapturedOutput& ServerProcess::err() const {
+    if (draining_stderr) {
+        take_all(err_fd, captured_err);
+    }
+    return captured_err;
+}
+
+const CapturedOutput& ServerProcess::out() const {
+    take_all(out_fd, captured_out);
+    return captured_out;
+}
+
+std::vector<std::string> ServerProcess::lines_through(std::string_view last_line, LineMark from,
+                                                      Milliseconds wait) const {
+    const LineMark to = wait_for_line(last_line, from, wait);
+    std::vector<std::string> lines = lines_since(from);
+    lines.resize(to - from);
+    return lines;
+}
+
+// False at the end of the stream.
+bool ServerProcess::take(int fd, CapturedOutput& captured) const {
+    const std::lock_guard guard(pipe_mutex);
+    pollfd entry{fd, POLLIN, 0};
+    if (poll(&entry, 1, 0) != 1) {
+        return true;
+    }
+    pipe_buffer.resize(PIPE_READ_BYTES);
+    const ssize_t count = read(fd, pipe_buffer.data(), pipe_buffer.size());
+    if (count > 0) {
+        captured.append(std::string_view(pipe_buffer).substr(0, static_cast<std::size_t>(count)));
+        return true;
+    }
+    if (count < 0 && errno == EINTR) {
+        return true;
+    }
+    captured.set_ended();
+    return false;
+}
+
+void ServerProcess::take_all(int fd, CapturedOutput& captured) const {
+    pollfd entry{fd, POLLIN, 0};
+    while (poll(&entry, 1, 0) == 1 && take(fd, captured)) {
+    }
+    // The pump may have emptied the pipe and not have kept it yet.
+    const std::lock_guard guard(pipe_mutex);
+}
+
+void ServerProcess::pump() {
+    bool err_open = true;
+    bool out_open = true;
+    while (err_open || out_open) {
+        std::array<pollfd, 3> fds{{{wake_fd, POLLIN, 0},
+                                   {err_open && draining_stderr ? err_fd : -1, POLLIN, 0},
+                                   {out_open ? out_fd : -1, POLLIN, 0}}};
+        if (poll(fds.data(), fds.size(), -1) < 0 && errno != EINTR) {
+            break;
+        }
+        if (fds[0].revents != 0) {
+            eventfd_t ignored = 0;
+            (void)eventfd_read(wake_fd, &ignored);
+            // Something else may hold the pipe's other end open; all that the server wrote is there by now.
+            if (pump_may_end && poll(&fds[1], 2, 0) == 0) {
+                break;
+            }
+            continue;
+        }
+        if (fds[1].revents != 0) {
+            err_open = take(err_fd, captured_err);
+        }
+        if (fds[2].revents != 0) {
+            out_open = take(out_fd, captured_out);
+        }
+    }
+    captured_err.set_ended();
+    captured_out.set_ended();
+}
+
+bool ServerProcess::reap(int wait_options) {
+    if (ended) {
+        return true;
+    }
+    int status = 0;
+    const pid_t result = checked(waitpid(child, &status, wait_options), "waitpid");
+    if (result != child || WIFSTOPPED(status)) {
+        return false;
+    }
+    ended = true;
+    if (WIFEXITED(status)) {
+        end.status = WEXITSTATUS(status);
+    } else {
+        end.signal = WTERMSIG(status);
+    }
+    return true;
+}
+
+bool ServerProcess::wait_until_ended(Milliseconds wait) {
+    const TimePoint deadline = SteadyClock::now() + wait;
+    while (!reap(WNOHANG)) {
+        if (SteadyClock::now() >= deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(Milliseconds{1});
+    }
+    return true;
+}
+
+std::string ServerProcess::sanitizer_report() const {
+    for (const std::string& line : captured_err.lines_since()) {
+        for (const char* sign :
+             {"ERROR: AddressSanitizer", "ERROR: LeakSanitizer", "WARNING: ThreadSanitizer",
+              "FATAL: ThreadSanitizer", ": runtime error: ", "ERROR: UndefinedBehaviorSanitizer"}) {
+            if (line.find(sign) != std::string::npos) {
+                return line;
+            }
+        }
+    }
+    return {};
+}
+
+bool ServerProcess::is_running() {
+    return !reap(WNOHANG);
+}
+
+std::size_t ServerProcess::thread_count() const {
+    return std::stoul(status_field(child, "Threads:"));
+}
+
+void ServerProcess::wait_for_thread_count(std::size_t count, Milliseconds wait) const {
+    const TimePoint deadline = SteadyClock::now() + wait;
+    while (thread_count() != count) {
+        if (SteadyClock::now() >= deadline) {
+            throw TestFailure("the server has " + std::to_string(thread_count()) + " threads, not " +
+                              std::to_string(count));
+        }
+        std::this_thread::sleep_for(READY_POLL);
+    }
+}
+
+std::size_t ServerProcess::fd_count() const {
+    std::error_code error;
+    std::size_t count = 0;
+    for (std::filesystem::directory_iterator it("/proc/" + std::to_string(child) + "/fd", error), last;
+         !error && it != last; it.increment(error)) {
+        ++count;
+    }
+    if (error) {
+        throw TestFailure("reading the server's descriptors: " + error.message());
+    }
+    return count;
+}
+
+std::size_t ServerProcess::rss_kib() const {
+    return std::stoul(status_field(child, "VmRSS:"));
+}
+
+Milliseconds ServerProcess::cpu_time() const {
+    std::ifstream file("/proc/" + std::to_string(child) + "/stat");
+    std::stringstream text;
+    text << file.rdbuf();
+    // The name in parentheses may hold blanks; user and system time are fields 14 and 15.
+    std::istringstream fields(text.str().substr(text.str().rfind(')') + 2));
+    std::string skipped;
+    for (int i = 3; i < 14; ++i) {
+        fields >> skipped;
+    }
+    long user = 0;
+    long system = 0;
+    fields >> user >> system;
+    if (!fields) {
+        throw TestFailure("the server has no processor times any more");
+    }
+    return Milliseconds{(user + system) * 1000 / sysconf(_SC_CLK_TCK)};
+}
+
+void ServerProcess::send_signal(int signal_number) {
+    if (reap(WNOHANG)) {
+        throw TestFailure("the server has ended before it got signal " + std::to_string(signal_number));
+    }
+    checked(::kill(child, signal_number), "kill");
+}
+
+void ServerProcess::pause() {
+    send_signal(SIGSTOP);
+    // Reported once every thread has stopped.
+    if (reap(WUNTRACED)) {
+        throw TestFailure("the server ended instead of stopping");
+    }
+    paused = true;
+}
+
+void ServerProcess::resume() {
+    paused = false;
+    send_signal(SIGCONT);
+}
+
+void ServerProcess::pause_draining_stderr() {
+    draining_stderr = false;
+    (void)eventfd_write(wake_fd, 1);
+}
+
+void ServerProcess::resume_draining_stderr() {
+    draining_stderr = true;
+    (void)eventfd_write(wake_fd, 1);
+}
+
+bool ServerProcess::main_thread_writes_to_stderr() const {
+    std::ifstream file("/proc/" + std::to_string(child) + "/syscall");
+    long call = -1;
+    std::string first_argument;
+    file >> call >> first_argument;
+    return call == SYS_write && first_argument == "0x2";
+}
+
+Milliseconds ServerProcess::stop(Milliseconds wait) {
+    const auto describe = [this] {
+        return "status " + std::to_string(end.status) + ", signal " + std::to_string(end.signal);
+    };
+    end_was_expected = true;
+    if (reap(WNOHANG)) {
+        throw TestFailure("the server ended by itself, " + describe());
+    }
+    const TimePoint start_time = SteadyClock::now();
+    resume_draining_stderr();
+    if (paused) {
+        resume();
+    }
+    checked(::kill(child, SIGTERM), "kill");
+    if (!wait_until_ended(wait)) {
+        kill();
+        throw TestFailure("the server did not end after SIGTERM");
+    }
+    const Milliseconds took = elapsed_since(start_time);
+    if (end.status != 0) {
+        throw TestFailure("the server was stopped and ended with " + describe());
+    }
+    captured_err.wait_for_end(wait);
+    return took;
+}
+
+ProcessEnd ServerProcess::wait_for_exit(Milliseconds wait) {
+    if (!wait_until_ended(wait)) {
+        throw TestFailure("the server did not end");
+    }
+    end_was_expected = true;
+    captured_err.wait_for_end(wait);
+    captured_out.wait_for_end(wait);
+    return end;
+}
+
+void ServerProcess::kill() {
+    end_was_expected = true;
+    if (!reap(WNOHANG)) {
+        (void)::kill(child, SIGKILL);
+        (void)reap(0);
+    }
+}
+
+FinishedRun run_server_to_its_end(std::vector<std::string> arguments, Milliseconds wait) {
+    ServerOptions options;
+    options.arguments = std::move(arguments);
+    return run_server_to_its_end(std::move(options), wait);
+}
+
+FinishedRun run_server_to_its_end(ServerOptions options, Milliseconds wait) {
+    options.wait_until_ready = false;
+    ServerProcess server(options);
+    FinishedRun run;
+    run.end = server.wait_for_exit(wait);
+    run.err = server.err().raw_text();
+    run.out = server.out().raw_text();
+    return run;
+}

@@ -1,0 +1,152 @@
+// The real server binary as a child process: started with arguments, watched through its standard error and
+// standard output, measured through /proc, stopped and judged.
+//
+// 1. A server that a test left running is stopped with SIGTERM by the destructor and must exit with status 0.
+// 2. A server that ended by itself, was killed by a signal, failed an assertion or printed a sanitizer report
+//    fails the test, unless the test asked for the exit with wait_for_exit() or kill().
+// 3. When the test has failed, the destructor prints what the server said.
+// 4. No server outlives the test process. Start servers on the thread that lives as long as the test (the one
+//    that runs it).
+#pragma once
+
+#include "tests/support/captured_output.h"
+#include "tests/support/time_limits.h"
+
+#include <sys/types.h>
+
+#include <atomic>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+// The server's threads when it has no client (any more). ThreadSanitizer starts one of its own with the first
+// thread of the program.
+#if defined(__SANITIZE_THREAD__)
+constexpr std::size_t THREADS_AT_REST = 2;
+#else
+constexpr std::size_t THREADS_AT_REST = 1;
+#endif
+
+// How a process ended: by exit with a status, or by a signal (then status is -1).
+struct ProcessEnd {
+    int status = -1;
+    int signal = 0;
+};
+
+struct ServerOptions {
+    std::vector<std::string> arguments;
+    // NAME=value entries beside the test's own environment, before which they count.
+    std::vector<std::string> environment;
+    // Standard descriptors (0, 1, 2) that are closed when the server starts.
+    std::vector<int> closed_descriptors;
+    // setrlimit(2) pairs: resource and limit.
+    std::vector<std::pair<int, unsigned long>> limits;
+    bool wait_until_ready = true;
+    // 0 keeps the system's size of the standard error pipe.
+    int stderr_pipe_bytes = 0;
+    bool drain_stderr = true;
+    // Two servers share the port, and the kernel deals clients out to both: no test wants that by accident.
+    bool beside_another = false;
+};
+
+class ServerProcess {
+  public:
+    // Starts the server and waits until it listens and has installed its signal handler. Throws TestFailure
+    // when it does not get there.
+    explicit ServerProcess(const ServerOptions& options = {});
+    explicit ServerProcess(std::vector<std::string> arguments);
+    ~ServerProcess();
+    ServerProcess(const ServerProcess&) = delete;
+    ServerProcess& operator=(const ServerProcess&) = delete;
+
+    // Both hold everything that the server had written when they were asked for (standard error: unless its
+    // draining is paused), so after an answer has come, the lines printed before it are there.
+    const CapturedOutput& err() const;
+    const CapturedOutput& out() const;
+
+    // Shorthands for standard error, which is where nearly everything is said.
+    LineMark mark() const { return err().mark(); }
+    LineMark wait_for_line(std::string_view line, LineMark from = 0, Milliseconds wait = DEFAULT_WAIT) const {
+        return err().wait_for_line(line, from, wait);
+    }
+    LineMark wait_for_lines(const std::vector<std::string>& lines, LineMark from = 0,
+                            Milliseconds wait = DEFAULT_WAIT) const {
+        return err().wait_for_lines(lines, from, wait);
+    }
+    LineMark wait_for_consecutive_lines(const std::vector<std::string>& lines, LineMark from = 0,
+                                        Milliseconds wait = DEFAULT_WAIT) const {
+        return err().wait_for_consecutive_lines(lines, from, wait);
+    }
+    std::size_t count(std::string_view line, LineMark from = 0) const { return err().count(line, from); }
+    std::vector<std::string> lines_since(LineMark from = 0) const { return err().lines_since(from); }
+    std::string raw_text() const { return err().raw_text(); }
+
+    // The lines from the mark to the given one, which is waited for.
+    std::vector<std::string> lines_through(std::string_view last_line, LineMark from = 0,
+                                           Milliseconds wait = DEFAULT_WAIT) const;
+
+    pid_t pid() const { return child; }
+    bool is_running();
+    std::size_t thread_count() const;
+    // A joined thread may be counted for a moment longer.
+    void wait_for_thread_count(std::size_t count, Milliseconds wait = DEFAULT_WAIT) const;
+    std::size_t fd_count() const;
+    std::size_t rss_kib() const;
+    Milliseconds cpu_time() const;
+
+    void send_signal(int signal_number);
+    // SIGSTOP and SIGCONT; pause returns once every thread has stopped.
+    void pause();
+    void resume();
+    // While paused, nobody empties the server's standard error pipe.
+    void pause_draining_stderr();
+    void resume_draining_stderr();
+    // The main thread is inside a write to standard error; it stays there while the pipe is full.
+    bool main_thread_writes_to_stderr() const;
+
+    // SIGTERM, then requires exit status 0 within the wait; returns how long it took. Throws TestFailure.
+    Milliseconds stop(Milliseconds wait = DEFAULT_WAIT);
+    // Waits for an end that the test expects, whatever its status, and for the end of both streams.
+    ProcessEnd wait_for_exit(Milliseconds wait = DEFAULT_WAIT);
+    void kill();
+
+  private:
+    void start(const ServerOptions& options);
+    void pump();
+    void end_pump();
+    bool take(int fd, CapturedOutput& captured) const;
+    void take_all(int fd, CapturedOutput& captured) const;
+    void wait_until_ready();
+    bool reap(int wait_options);
+    bool wait_until_ended(Milliseconds wait);
+    std::string sanitizer_report() const;
+
+    pid_t child = -1;
+    bool ended = false;
+    bool end_was_expected = false;
+    bool paused = false;
+    ProcessEnd end;
+    int err_fd = -1;
+    int out_fd = -1;
+    int wake_fd = -1;
+    std::atomic<bool> draining_stderr{true};
+    std::atomic<bool> pump_may_end{false};
+    // Held around reading a pipe and keeping what came: bytes are either in the pipe or in the capture.
+    mutable std::mutex pipe_mutex;
+    mutable std::string pipe_buffer;
+    mutable CapturedOutput captured_err{"standard error"};
+    mutable CapturedOutput captured_out{"standard output"};
+    std::thread pump_thread;
+    static inline int servers_alive = 0;
+};
+
+// Runs the server to its end, for command lines that make it stop by itself.
+struct FinishedRun {
+    ProcessEnd end;
+    std::string err;
+    std::string out;
+};
+FinishedRun run_server_to_its_end(std::vector<std::string> arguments, Milliseconds wait = DEFAULT_WAIT);
+FinishedRun run_server_to_its_end(ServerOptions options, Milliseconds wait = DEFAULT_WAIT);

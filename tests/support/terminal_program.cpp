@@ -1,0 +1,189 @@
+#include "tests/support/terminal_program.h"
+
+#include "tests/support/test_failure.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <pty.h>
+#include <sys/ioctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <utmp.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <exception>
+
+namespace {
+
+constexpr int CANNOT_START = 127;
+// How long the end may wait for the reading thread.
+constexpr int READ_SLICE_MS = 20;
+
+int checked(int result, const char* call) {
+    if (result < 0) {
+        throw TestFailure(std::string(call) + ": " + std::strerror(errno));
+    }
+    return result;
+}
+
+winsize size_of(std::size_t rows, std::size_t columns) {
+    winsize size{};
+    size.ws_row = static_cast<unsigned short>(rows);
+    size.ws_col = static_cast<unsigned short>(columns);
+    return size;
+}
+
+bool same_modes(const termios& a, const termios& b) {
+    return a.c_iflag == b.c_iflag && a.c_oflag == b.c_oflag && a.c_cflag == b.c_cflag &&
+           a.c_lflag == b.c_lflag && std::equal(std::begin(a.c_cc), std::end(a.c_cc), std::begin(b.c_cc));
+}
+
+std::string joined(const std::vector<std::string>& rows) {
+    std::string text;
+    for (const std::string& row : rows) {
+        text += "|" + row + "\n";
+    }
+    return text;
+}
+
+}  // namespace
+
+TerminalProgram::TerminalProgram(std::vector<std::string> command, std::vector<std::string> environment) {
+    environment.insert(environment.end(), {"TERM=xterm", "NO_COLOR="});
+    environment = environment_with(environment);
+    const std::vector<char*> argv = exec_pointers(command);
+    const std::vector<char*> envp = exec_pointers(environment);
+    const winsize size = size_of(TERMINAL_ROWS, TERMINAL_COLUMNS);
+    checked(openpty(&master_fd, &terminal_fd, nullptr, nullptr, &size), "openpty");
+    for (const int fd : {master_fd, terminal_fd}) {
+        checked(fcntl(fd, F_SETFD, FD_CLOEXEC), "FD_CLOEXEC");
+    }
+    checked(tcgetattr(terminal_fd, &modes_before), "tcgetattr");
+    const std::string prompt = TERMINAL_PROMPT + "\n";
+    checked(static_cast<int>(write(terminal_fd, prompt.data(), prompt.size())), "write");
+    const pid_t parent = getpid();
+    child = checked(fork(), "fork");
+    if (child == 0) {
+        if (login_tty(terminal_fd) != 0) {
+            _exit(CANNOT_START);
+        }
+        become_program(parent, false, argv.data(), envp.data());
+    }
+    pump_thread = std::thread([this] { pump(); });
+}
+
+TerminalProgram::~TerminalProgram() {
+    if (child > 0) {
+        (void)kill(child, SIGKILL);
+        (void)waitpid(child, nullptr, 0);
+    }
+    hang_up();
+}
+
+void TerminalProgram::hang_up() {
+    pump_may_end = true;
+    if (pump_thread.joinable()) {
+        pump_thread.join();
+        close(terminal_fd);
+        close(master_fd);
+    }
+}
+
+void TerminalProgram::type(std::string_view keys) const {
+    checked(static_cast<int>(write(master_fd, keys.data(), keys.size())), "write");
+}
+
+void TerminalProgram::send_signal(int signal_number) const {
+    checked(kill(child, signal_number), "kill");
+}
+
+void TerminalProgram::resize(std::size_t rows, std::size_t columns) {
+    const std::lock_guard guard(mutex);
+    shown.resize(rows, columns);
+    const winsize size = size_of(rows, columns);
+    checked(ioctl(master_fd, TIOCSWINSZ, &size), "TIOCSWINSZ");
+}
+
+TerminalScreen TerminalProgram::screen() const {
+    const std::lock_guard guard(mutex);
+    return shown;
+}
+
+std::string TerminalProgram::raw_text() const {
+    const std::lock_guard guard(mutex);
+    return written;
+}
+
+std::vector<std::string> TerminalProgram::wait_for_rows(const std::string& what, const Wanted& wanted,
+                                                        Milliseconds wait) const {
+    std::unique_lock guard(mutex);
+    if (!changed.wait_for(guard, wait, [&] { return wanted(shown.rows()); })) {
+        throw TestFailure("the terminal does not show " + what + ":\n" + joined(shown.rows()));
+    }
+    return shown.rows();
+}
+
+std::vector<std::string> TerminalProgram::wait_for_text(const std::string& text, Milliseconds wait) const {
+    return wait_for_rows(
+        "'" + text + "'",
+        [&text](const std::vector<std::string>& rows) {
+            return std::any_of(rows.begin(), rows.end(), [&text](const std::string& row) {
+                return row.find(text) != std::string::npos;
+            });
+        },
+        wait);
+}
+
+ProgramEnd TerminalProgram::wait_for_exit(Milliseconds wait) {
+    const ProgramEnd end = wait_for_child(child, wait);
+    child = -1;
+    // What it wrote last is in the terminal now, and the pump takes it out.
+    const TimePoint deadline = SteadyClock::now() + wait;
+    pollfd entry{master_fd, POLLIN, 0};
+    while (poll(&entry, 1, 0) == 1 && SteadyClock::now() < deadline) {
+        std::this_thread::sleep_for(Milliseconds{1});
+    }
+    const std::lock_guard guard(mutex);
+    return end;
+}
+
+std::string TerminalProgram::damage() const {
+    termios modes_after{};
+    checked(tcgetattr(terminal_fd, &modes_after), "tcgetattr");
+    const TerminalScreen after = screen();
+    std::string found;
+    const auto note = [&found](bool wrong, const std::string& text) { found += wrong ? text + "\n" : ""; };
+    note(!same_modes(modes_before, modes_after), "the terminal's modes are others");
+    note(after.shows_alternate(), "the alternate screen is shown");
+    note(!after.shows_cursor(), "the cursor is hidden");
+    note(!after.wraps_lines(), "lines do not wrap");
+    note(after.has_style(), "a style is in force");
+    note(after.rows()[0] != TERMINAL_PROMPT, "the first line is '" + after.rows()[0] + "'");
+    for (const std::string& sequence : after.unknown()) {
+        note(true, "an unknown sequence came: " + sequence.substr(1));
+    }
+    return found;
+}
+
+void TerminalProgram::pump() {
+    while (!pump_may_end) {
+        pollfd entry{master_fd, POLLIN, 0};
+        if (poll(&entry, 1, READ_SLICE_MS) != 1) {
+            continue;
+        }
+        // Held while reading: bytes are either in the terminal or in the capture.
+        const std::lock_guard guard(mutex);
+        std::array<char, 65536> chunk{};
+        const ssize_t count = read(master_fd, chunk.data(), chunk.size());
+        if (count > 0) {
+            const std::string_view bytes(chunk.data(), static_cast<std::size_t>(count));
+            written += bytes;
+            shown.feed(bytes);
+            changed.notify_all();
+        }
+    }
+}
