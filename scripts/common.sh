@@ -1,0 +1,24 @@
+# Read by the scripts next to it. Every script runs from the root of the checkout, wherever it was called from.
+# shellcheck shell=bash
+
+set -euo pipefail
+
+ROOT_DIR=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+cd "$ROOT_DIR"
+
+# What is being done now.
+say() { printf '==> %s\n' "$*"; }
+
+# fail WHAT_HAPPENED [WHAT_TO_DO...]: ends the script with status 1.
+fail() {
+    printf '%s: %s\n' "$(basename "$0")" "$1" >&2
+    shift
+    local advice
+    for advice in "$@"; do
+        printf '    %s\n' "$advice" >&2
+    done
+    exit 1
+}
+
+# The header of the calling script, from its second line to the first line that is no comment.
+print_usage() { sed -n -e '1d' -e '/^#/!q' -e 's/^# \{0,1\}//p' "$0"; }
