@@ -1,4 +1,4 @@
-// Prints a value tree to standard error, for people. Main thread only; never under a lock.
+// Prints a value tree to standard error, for people. Main thread only; never on a connection's own threads.
 //
 // A line counts by its bytes. Lines are written in large blocks, each ending with a line, and nothing is
 // printed beyond AMF_DUMP_MAX_BYTES: a peer can send a megabyte that would print as a terabyte, because every

@@ -7,8 +7,7 @@
 // 3. Peers choose how deep a tree is, so nothing here recurses: the depth is bounded by the heap alone.
 //    Destruction, reset and moves allocate nothing and cannot fail.
 // 4. Copying and inserting may throw std::bad_alloc; nothing leaks, and the target of a copy assignment keeps
-// its
-//    value.
+//    its value.
 #pragma once
 
 #include <cstddef>

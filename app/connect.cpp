@@ -55,8 +55,7 @@ std::string requested_application(const AMF_Value& command_object) {
 bool handle_connect(RTMPConnection& conn, const RTMP_Packet& request, CommandArgs args) {
     AMF_Value transaction_id;
     AMF_Value command_object;
-    if (!args.read(transaction_id) || !is_first_transaction(transaction_id) || args.at_end() ||
-        !args.read(command_object)) {
+    if (!args.read(transaction_id) || !is_first_transaction(transaction_id) || !args.read(command_object)) {
         return false;
     }
     AMF_DumpValue(command_object, DUMP_INDENT);

@@ -137,6 +137,10 @@ bool ClientLink::can_queue() const {
     return behind_front_bytes <= COMM_SOCKET_V4_MAX_WAITING_BYTES;
 }
 
+std::size_t ClientLink::waiting_bytes() const {
+    return output.empty() ? 0 : output.front().size() - front_written_bytes + behind_front_bytes;
+}
+
 void ClientLink::queue(std::string&& frame) {
     const std::size_t bytes = frame.size();
     output.push_back(std::move(frame));

@@ -53,6 +53,8 @@ class ClientLink {
     // 0, or the errno with which sending to this client fails.
     [[nodiscard]] int send_error() const { return reply_errno; }
     [[nodiscard]] bool can_queue() const;
+    // Bytes of replies that have not left yet.
+    [[nodiscard]] std::size_t waiting_bytes() const;
     // Requires can_queue() and no send_error(). Writes what the socket takes at once, queues the rest; the
     // result may be seen in send_error(). Throws std::bad_alloc.
     void queue(std::string&& frame);

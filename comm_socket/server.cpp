@@ -63,7 +63,8 @@ struct comm_socket_v4 {
     ClientList returned;
 
     comm_socket::HeldRequests held;
-    std::size_t handed_out = 0;  // since the last idle
+    std::size_t handed_out = 0;          // since the last idle
+    std::uint64_t service_began_us = 0;  // the last idle
 };
 
 namespace {
@@ -201,6 +202,21 @@ comm_socket_v4_packet* take_request(comm_socket_v4_client* client) {
     return packet;
 }
 
+// A flood of requests, or a few with huge replies, must not hold up who services the socket. The first request is
+// always handed out, so there is progress on the slowest machine.
+bool service_is_over(const comm_socket_v4* server) {
+    return server->handed_out >= COMM_SOCKET_V4_MAX_REQUESTS_PER_IDLE ||
+           (server->handed_out != 0 &&
+            comm_socket::now_us() - server->service_began_us >= COMM_SOCKET_V4_MAX_US_PER_IDLE);
+}
+
+std::size_t waiting_bytes(const comm_socket_v4* server) {
+    std::size_t bytes = 0;
+    for (const auto& client : server->clients)
+        bytes += client.link.waiting_bytes();
+    return bytes;
+}
+
 }  // namespace
 
 comm_socket_v4* comm_socket_v4_create(void) {
@@ -264,6 +280,7 @@ int comm_socket_v4_idle(comm_socket_v4* server) {
     if (server->listen_fd < 0)
         return refuse(EBADF);
     server->handed_out = 0;
+    server->service_began_us = comm_socket::now_us();
     std::size_t read_budget = READ_BYTES_PER_IDLE;
     std::size_t write_budget = WRITE_BYTES_PER_IDLE;
     for (auto& client : server->clients)
@@ -312,10 +329,11 @@ comm_socket_v4_packet* comm_socket_v4_server_get_packet(comm_socket_v4* server,
                                                         comm_socket_v4_client** client) {
     if (client != nullptr)
         *client = nullptr;
-    if (server == nullptr || server->handed_out >= COMM_SOCKET_V4_MAX_REQUESTS_PER_IDLE)
+    if (server == nullptr || service_is_over(server))
         return nullptr;
+    const bool crowded = waiting_bytes(server) > COMM_SOCKET_V4_MAX_TOTAL_WAITING_BYTES;
     for (auto& candidate : server->clients) {
-        if (!candidate.link.has_request())
+        if (!candidate.link.has_request() || (crowded && candidate.link.waiting_bytes() != 0))
             continue;
         comm_socket_v4_packet* packet = take_request(&candidate);
         if (packet == nullptr)

@@ -16,9 +16,12 @@
 
 namespace {
 
-const char* argument_or_empty(const comm_socket_v4_packet* request, std::size_t idx) {
+// Whole, zero bytes included; empty when it is absent.
+std::string_view argument_or_empty(const comm_socket_v4_packet* request, std::size_t idx) {
     const char* const argument = comm_socket_v4_packet_get_argv(request, idx);
-    return argument != nullptr ? argument : "";
+    return argument != nullptr
+               ? std::string_view(argument, comm_socket_v4_packet_get_argv_length(request, idx))
+               : std::string_view();
 }
 
 void begin_reply(comm_socket_v4_packet* respkt, const char* command, const char* message) {
@@ -66,12 +69,12 @@ std::int32_t parse_connection_id(const char* argument) {
 }
 
 // What came of it. Only a connection whose stream has the expected name is dropped, where one is given.
-const char* drop_connection(std::size_t conn_idx, const char* expected_stream_name) ON_MAIN_THREAD {
+const char* drop_connection(std::size_t conn_idx, std::string_view expected_stream_name) ON_MAIN_THREAD {
     RTMPConnection* const p = get_connection(conn_idx);
     if (p == nullptr) {
         return "OK, no such connection";
     }
-    if (*expected_stream_name != '\0' && p->stream_name != expected_stream_name) {
+    if (!expected_stream_name.empty() && p->stream_name != expected_stream_name) {
         return "Stream name does not match";
     }
     p->close_requested = true;
@@ -133,8 +136,9 @@ constexpr std::array<ControlCommand, 4> COMMANDS{{
 bool run_control_command(const comm_socket_v4_packet* request, comm_socket_v4_packet* respkt) {
     const char* const command = comm_socket_v4_packet_get_command(request);
     CHECK(command != NULL);  // NOLINT(modernize-use-nullptr): operators search for this text
+    const std::string_view name(command, comm_socket_v4_packet_get_command_length(request));
     for (const ControlCommand& known : COMMANDS) {
-        if (known.name == command) {
+        if (known.name == name) {
             if ((request->flags & COMM_SOCKET_V4_ASYNC) != 0) {
                 return false;  // intended: nobody would learn what came of it.
             }

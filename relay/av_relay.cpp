@@ -119,9 +119,7 @@ bool RTMPConnection::relay_from_publisher(RTMP_Packet& pkt, RTMPConnection& publ
         start_timebase(timebase, av_start_us, pkt.chunk.timestamp, monotonic_clock_us());
     }
     const std::uint32_t output_timestamp = rebase(timebase, pkt.chunk.timestamp);
-    if (!deliver_sequence_header(*this, publisher, pkt, output_timestamp)) {
-        return false;
-    }
+    deliver_sequence_header(*this, publisher, pkt, output_timestamp);
     RTMP_Packet copy;
     copy.copy_header_from(pkt);
     copy.chunk.timestamp = output_timestamp;

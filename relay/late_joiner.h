@@ -4,9 +4,7 @@
 #include "core/connection.h"
 
 // Before a player's first audio (or video) message: queues the publisher's saved header of that kind with the
-// message's output timestamp, unless the message is the header itself or none was saved. From then on no
-// header is ever repeated to this player. False when the header could not be queued; it is tried again with
-// the next message.
-[[nodiscard]] bool deliver_sequence_header(RTMPConnection& player, const RTMPConnection& publisher,
-                                           const RTMP_Packet& pkt,
-                                           std::uint32_t output_timestamp) ON_MAIN_THREAD;
+// message's output timestamp, unless the message is the header itself or none was saved. From then on no header is
+// ever repeated to this player.
+void deliver_sequence_header(RTMPConnection& player, const RTMPConnection& publisher, const RTMP_Packet& pkt,
+                             std::uint32_t output_timestamp) ON_MAIN_THREAD;

@@ -71,6 +71,9 @@ extern "C" {
 #define COMM_SOCKET_V4_MAX_REQUESTS_PER_IDLE 64u
 
 /* Bytes that may wait behind the reply under way to a client when one more is taken over (16 MiB). */
+#define COMM_SOCKET_V4_MAX_US_PER_IDLE 50000u /* after which no further request is handed out: 50 ms */
+#define COMM_SOCKET_V4_MAX_TOTAL_WAITING_BYTES \
+    67108864u /* of all clients: above it, who reads nothing waits: 64 MiB */
 #define COMM_SOCKET_V4_MAX_WAITING_BYTES 16777216u
 
 /* How long a client may take for the rest of a request, and may read nothing while bytes wait (10 s). */

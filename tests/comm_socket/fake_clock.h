@@ -4,3 +4,12 @@
 #include <cstdint>
 
 void put_clock_forward(std::uint64_t us);
+
+// While one exists, time passes only by put_clock_forward.
+class StoppedClock {
+  public:
+    StoppedClock();
+    ~StoppedClock();
+    StoppedClock(const StoppedClock&) = delete;
+    StoppedClock& operator=(const StoppedClock&) = delete;
+};

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "comm_socket/include/comm_socket_v4.h"
+#include "tests/comm_socket/fake_clock.h"
 #include "tests/comm_socket/raw_peer.h"
 
 namespace {
@@ -110,6 +111,7 @@ TEST_F(ServerTest, an_incomplete_packet_or_one_with_unknown_flags_is_not_sent) {
 }
 
 TEST_F(ServerTest, hands_out_64_requests_between_two_idles) {
+    const StoppedClock clock;
     DrivenServer server(path);
     const RawPeer peer(path);
     std::string requests;
@@ -123,7 +125,53 @@ TEST_F(ServerTest, hands_out_64_requests_between_two_idles) {
     }
 }
 
+TEST_F(ServerTest, hands_out_requests_for_50_ms_and_one_at_least) {
+    const StoppedClock clock;
+    DrivenServer server(path);
+    const RawPeer peer(path);
+    std::string requests;
+    for (std::uint64_t id = 0; id < 5; id++)
+        requests += request_frame(id, "hello");
+    peer.send_all(requests);
+    server.idle();
+    const auto hand_out = [&server] {
+        comm_socket_v4_packet* packet = server.take();
+        const bool handed_out = packet != nullptr;
+        comm_socket_v4_packet_release(packet);
+        return handed_out;
+    };
+    EXPECT_TRUE(hand_out());
+    put_clock_forward(49999);
+    EXPECT_TRUE(hand_out());
+    put_clock_forward(1);
+    EXPECT_FALSE(hand_out());
+    server.idle();
+    put_clock_forward(50000);
+    EXPECT_TRUE(hand_out());
+    EXPECT_FALSE(hand_out());
+}
+
+TEST_F(ServerTest, while_64_mib_wait_only_clients_without_replies_have_their_turn) {
+    const StoppedClock clock;
+    DrivenServer server(path);
+    std::vector<std::unique_ptr<RawPeer>> unread;
+    for (int i = 0; i < 4; i++) {
+        unread.push_back(std::make_unique<RawPeer>(path));
+        unread.back()->send_all(request_frame(1, "long") + request_frame(2, "long"));
+    }
+    server.idle();
+    // Three times 24 MiB, less what the sockets take, are above the limit.
+    EXPECT_EQ(server.answer_all(std::string(24u << 20, 'm')), 4);
+    server.idle();
+    EXPECT_EQ(server.take(), nullptr);
+    const RawPeer other(path);
+    other.send_all(request_frame(3, "hello"));
+    server.idle();
+    EXPECT_EQ(server.answer_all(), 1);
+}
+
 TEST_F(ServerTest, clients_take_turns) {
+    const StoppedClock clock;
     DrivenServer server(path);
     const RawPeer flooder(path);
     const RawPeer other(path);

@@ -114,9 +114,7 @@ TEST_F(LateJoinerTest, other_messages_have_no_header) {
     RTMPConnection& publisher = add_publisher();
     relay_audio(publisher, 900, AAC_HEADER);
     RTMPConnection& player = add_player();
-    EXPECT_EQ(printed_by([&] {
-                  EXPECT_TRUE(deliver_sequence_header(player, publisher, make_packet(22, 1000, "x"), 0));
-              }),
+    EXPECT_EQ(printed_by([&] { deliver_sequence_header(player, publisher, make_packet(22, 1000, "x"), 0); }),
               "");
     EXPECT_FALSE(player.timebase.audio_header_delivered);
     EXPECT_FALSE(player.timebase.video_header_delivered);

@@ -94,6 +94,15 @@ Bytes control_frame(std::string_view body, std::uint8_t version) {
     return bytes_of({'C', 'S', version, 0}) + counted(body);
 }
 
+Bytes control_reply(const ControlReply& reply) {
+    Bytes body = be32(reply.flags) + be64(reply.request_id) + be64(reply.status) + counted(reply.command) +
+                 counted(reply.message) + be32(0) + be32(static_cast<std::uint32_t>(reply.pairs.size()));
+    for (const auto& [name, value] : reply.pairs) {
+        body += counted(name) + counted(value);
+    }
+    return control_frame(body);
+}
+
 std::vector<std::string> ControlReply::values(std::string_view name) const {
     std::vector<std::string> found;
     for (const auto& [pair_name, value] : pairs) {

@@ -44,6 +44,9 @@ struct ControlReply {
     std::vector<std::string> values(std::string_view name) const;
 };
 
+// One frame, as a server sends it.
+Bytes control_reply(const ControlReply& reply);
+
 class ControlPeer {
   public:
     // Connects. send_buffer_bytes 0 keeps the system's size.

@@ -159,3 +159,14 @@ void ProgramProcess::pump() const {
         }
     }
 }
+
+ProgramRun run_program(std::vector<std::string> command, const ProgramOptions& options, Milliseconds wait) {
+    const TimePoint start = SteadyClock::now();
+    ProgramProcess program(std::move(command), options);
+    ProgramRun run;
+    run.end = program.wait_for_exit(wait);
+    run.took = elapsed_since(start);
+    run.out = program.out().raw_text();
+    run.err = program.err().raw_text();
+    return run;
+}

@@ -56,6 +56,17 @@ class ProgramProcess {
     std::thread pump_thread;
 };
 
+// What a program said and how it ended, when it has been run to its end.
+struct ProgramRun {
+    ProgramEnd end;
+    std::string out;
+    std::string err;
+    // From its start to its end.
+    Milliseconds took{0};
+};
+ProgramRun run_program(std::vector<std::string> command, const ProgramOptions& options = {},
+                       Milliseconds wait = DEFAULT_WAIT);
+
 // The environment of this process with these entries instead of its own of the same names.
 std::vector<std::string> environment_with(const std::vector<std::string>& entries);
 

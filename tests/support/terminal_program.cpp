@@ -15,7 +15,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
-#include <exception>
+#include <regex>
 
 namespace {
 
@@ -90,6 +90,7 @@ void TerminalProgram::hang_up() {
         pump_thread.join();
         close(terminal_fd);
         close(master_fd);
+        master_fd = -1;  // which poll passes over
     }
 }
 
@@ -133,6 +134,18 @@ std::vector<std::string> TerminalProgram::wait_for_text(const std::string& text,
         [&text](const std::vector<std::string>& rows) {
             return std::any_of(rows.begin(), rows.end(), [&text](const std::string& row) {
                 return row.find(text) != std::string::npos;
+            });
+        },
+        wait);
+}
+
+std::vector<std::string> TerminalProgram::wait_for_row(const std::string& pattern, Milliseconds wait) const {
+    const std::regex expression(pattern, std::regex::extended);
+    return wait_for_rows(
+        "a row like " + pattern,
+        [&expression](const std::vector<std::string>& rows) {
+            return std::any_of(rows.begin(), rows.end(), [&expression](const std::string& row) {
+                return std::regex_match(row, expression);
             });
         },
         wait);

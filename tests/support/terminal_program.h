@@ -51,6 +51,9 @@ class TerminalProgram {
     // Waits until some row contains the text.
     std::vector<std::string> wait_for_text(const std::string& text, Milliseconds wait = DEFAULT_WAIT) const;
 
+    // Waits until some whole row matches the extended regular expression.
+    std::vector<std::string> wait_for_row(const std::string& pattern, Milliseconds wait = DEFAULT_WAIT) const;
+
     ProgramEnd wait_for_exit(Milliseconds wait = DEFAULT_WAIT);
     // After the exit: empty when the terminal is as the program found it, modes, screens, cursor and style;
     // else what is not.

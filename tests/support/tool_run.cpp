@@ -53,18 +53,7 @@ std::string tool_path() {
 #endif
 }
 
-ToolRun run_program(std::vector<std::string> command, const ProgramOptions& options, Milliseconds wait) {
-    const TimePoint start = SteadyClock::now();
-    ProgramProcess program(std::move(command), options);
-    ToolRun run;
-    run.end = program.wait_for_exit(wait);
-    run.took = elapsed_since(start);
-    run.out = program.out().raw_text();
-    run.err = program.err().raw_text();
-    return run;
-}
-
-ToolRun run_tool(std::vector<std::string> arguments, const ProgramOptions& options, Milliseconds wait) {
+ProgramRun run_tool(std::vector<std::string> arguments, const ProgramOptions& options, Milliseconds wait) {
     arguments.insert(arguments.begin(), tool_path());
     return run_program(std::move(arguments), options, wait);
 }
@@ -95,7 +84,7 @@ std::string raw_line(const RawReply& reply) {
 RawReply ask_raw(const std::string& command, const std::vector<std::string>& arguments) {
     std::vector<std::string> words = {"raw", command};
     words.insert(words.end(), arguments.begin(), arguments.end());
-    const ToolRun run = run_tool(words);
+    const ProgramRun run = run_tool(words);
     if (run.end != ProgramEnd{0, 0} || !run.err.empty()) {
         throw TestFailure(shown(words) + " ended with status " + std::to_string(run.end.status) +
                           ", signal " + std::to_string(run.end.signal) + "\n" + run.out + run.err);

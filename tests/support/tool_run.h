@@ -5,25 +5,16 @@
 #include "tests/support/program_process.h"
 
 #include <cstdint>
+#include <iosfwd>
 #include <string>
+#include <string_view>
 #include <vector>
-
-struct ToolRun {
-    ProgramEnd end;
-    std::string out;
-    std::string err;
-    // From its start to its end.
-    Milliseconds took{0};
-};
 
 std::string tool_path();
 
-// Runs a program to its end.
-ToolRun run_program(std::vector<std::string> command, const ProgramOptions& options = {},
-                    Milliseconds wait = DEFAULT_WAIT);
 // Runs the tool with these arguments.
-ToolRun run_tool(std::vector<std::string> arguments, const ProgramOptions& options = {},
-                 Milliseconds wait = DEFAULT_WAIT);
+ProgramRun run_tool(std::vector<std::string> arguments, const ProgramOptions& options = {},
+                    Milliseconds wait = DEFAULT_WAIT);
 
 // What "raw" prints of a reply, without the line end.
 struct RawReply {

@@ -1,0 +1,104 @@
+#include "app/metadata.h"
+#include "control/connection_line.h"
+#include "rtmp/message_types.h"
+#include "rtmp/packet_queues.h"
+#include "tests/app/app_fixture.h"
+
+namespace {
+
+// A lock that this thread holds already and that notices: every further attempt fails, as it does when the system
+// refuses it.
+class FailingLockTest : public AppFixture {
+  protected:
+    class FailingLock {
+      public:
+        explicit FailingLock(RTMPConnection& connection) : mutex(connection.mutex.handle) {
+            pthread_mutexattr_t attributes;
+            pthread_mutexattr_init(&attributes);
+            pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_ERRORCHECK);
+            pthread_mutex_destroy(&mutex);
+            pthread_mutex_init(&mutex, &attributes);
+            pthread_mutexattr_destroy(&attributes);
+            pthread_mutex_lock(&mutex);
+        }
+        ~FailingLock() { pthread_mutex_unlock(&mutex); }
+        FailingLock(const FailingLock&) = delete;
+        FailingLock& operator=(const FailingLock&) = delete;
+
+      private:
+        pthread_mutex_t& mutex;
+    };
+};
+
+}  // namespace
+
+TEST_F(FailingLockTest, a_connection_is_not_kept) {
+    RTMPConnection& conn = add_connection();
+    const FailingLock failing(conn);
+    EXPECT_EQ(printed_by([&] { EXPECT_FALSE(conn.ok()); }), "Lock fail\n");
+}
+
+TEST_F(FailingLockTest, a_connection_is_listed_with_empty_counters_and_address) {
+    RTMPConnection& conn = add_connection();
+    conn.stream_name = "cam1";
+    conn.stream_mode = "play";
+    const FailingLock failing(conn);
+    EXPECT_EQ(connection_line(conn), std::to_string(conn.conn_idx) + "\tcam1\tplay\t\t\t\t");
+}
+
+TEST_F(FailingLockTest, messages_wait_for_a_later_pass) {
+    RTMPConnection& conn = add_client();
+    receive_command(conn, amf_string("nonsense"));
+    {
+        const FailingLock failing(conn);
+        EXPECT_EQ(idle(conn), "");
+    }
+    EXPECT_EQ(conn.connection_in.size(), 1U);
+}
+
+TEST_F(FailingLockTest, the_reader_gives_up_a_message_that_it_cannot_queue) {
+    RTMPConnection& conn = add_client();
+    const FailingLock failing(conn);
+    EXPECT_EQ(printed_by([&] { EXPECT_FALSE(conn.add_to_incoming_queue(make_packet(9, 0, "x"))); }),
+              "Failure to add to queue\n");
+    EXPECT_FALSE(queue_outgoing(conn, make_packet(9, 0, "x")));
+    EXPECT_FALSE(queue_acknowledgement(conn, 1));
+    EXPECT_FALSE(wait_for_room_in_incoming_queue(conn));
+    EXPECT_EQ(take_outgoing(conn), Outgoing::NONE);
+}
+
+TEST_F(FailingLockTest, a_player_misses_the_message_and_the_others_get_it) {
+    RTMPConnection& publisher = add_publisher();
+    RTMPConnection& first = add_player();
+    RTMPConnection& second = add_player();
+    {
+        const FailingLock failing(first);
+        EXPECT_THAT(audio(publisher, 5), testing::HasSubstr("Relay fail\n"));
+    }
+    EXPECT_FALSE(publisher.close_requested || first.close_requested);
+    EXPECT_TRUE(take_queued(first).empty());
+    EXPECT_EQ(take_queued(second).size(), 1U);
+}
+
+TEST_F(FailingLockTest, a_player_misses_the_repeated_header_and_is_relayed_to_all_the_same) {
+    RTMPConnection& publisher = add_publisher();
+    audio(publisher, 5, AAC_HEADER);
+    RTMPConnection& player = add_player();
+    {
+        const FailingLock failing(player);
+        audio(publisher, 5);
+    }
+    EXPECT_EQ(audio(publisher, 5), "");
+    EXPECT_EQ(take_queued(player).size(), 1U);
+}
+
+TEST_F(FailingLockTest, metadata_passes_a_player_by) {
+    RTMPConnection& publisher = add_publisher();
+    RTMPConnection& player = add_player();
+    {
+        const FailingLock failing(player);
+        data_message(publisher, set_metadata(amf_object({{"width", amf_number(640)}})));
+    }
+    EXPECT_TRUE(take_queued(player).empty());
+    EXPECT_EQ(player.stream_format.video_width, -1);
+}

@@ -1,0 +1,348 @@
+// Arguments, start, stop and exit status.
+#include "tests/support/rtmp_client.h"
+#include "tests/support/server_process.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <thread>
+
+namespace {
+
+const std::string USAGE =
+    "  --dbg-pkt     Debug packet conversation (without A/V content)\n"
+    "  --no-def-ack  Do not send ACK packets unless asked to.\n";
+const std::string SOCKET_PATH = "/var/run/v9_rtmp_server.socket";
+
+// Removes whatever a test puts at the control socket's path.
+struct CleanSocketPath {
+    CleanSocketPath() { std::filesystem::remove_all(SOCKET_PATH); }
+    ~CleanSocketPath() { std::filesystem::remove_all(SOCKET_PATH); }
+};
+
+void expect_refusal(const std::vector<std::string>& arguments, const std::string& text) {
+    const FinishedRun run = run_server_to_its_end(arguments);
+    const std::string shown = testing::PrintToString(arguments);
+    EXPECT_EQ(run.end.status, 1) << shown;
+    EXPECT_EQ(run.err, text) << shown;
+    EXPECT_EQ(run.out, "") << shown;
+}
+
+// A listener on the server's port that lets nobody share it.
+class PortOwner {
+  public:
+    PortOwner() : fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(1935);
+        // Past connections of the port may linger; a listener is in the server's way all the same.
+        const int on = 1;
+        if (setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0 ||
+            bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
+            listen(fd, 1) != 0) {
+            ADD_FAILURE() << "cannot take port 1935";
+        }
+    }
+    ~PortOwner() { close(fd); }
+    PortOwner(const PortOwner&) = delete;
+    PortOwner& operator=(const PortOwner&) = delete;
+
+  private:
+    int fd;
+};
+
+void leave_stale_socket() {
+    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    SOCKET_PATH.copy(address.sun_path, sizeof address.sun_path - 1);
+    ASSERT_EQ(bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    close(fd);
+    ASSERT_TRUE(std::filesystem::is_socket(SOCKET_PATH));
+}
+
+void wait_until_signal_is_taken(const ServerProcess& server) {
+    const std::string path = "/proc/" + std::to_string(server.pid()) + "/status";
+    const TimePoint deadline = SteadyClock::now() + DEFAULT_WAIT;
+    while (SteadyClock::now() < deadline) {
+        std::ifstream file(path);
+        for (std::string line; std::getline(file, line);) {
+            if (line.starts_with("ShdPnd:") && line.find_first_not_of("0\t ", 7) == std::string::npos) {
+                return;
+            }
+        }
+        std::this_thread::sleep_for(Milliseconds{1});
+    }
+    FAIL() << "a signal stayed pending";
+}
+
+// A server whose main thread hangs in a write to its log, which nobody reads.
+class StuckServer {
+  public:
+    StuckServer() : server(options()), client(handshaken_client()) {
+        const AmfMembers members{{"long", amf_string(std::string(30000, 'x'))}};
+        client.send_command(amf_string("connect") + amf_number(1) + amf_object(members));
+        const TimePoint deadline = SteadyClock::now() + DEFAULT_WAIT;
+        while (!server.main_thread_writes_to_stderr()) {
+            if (SteadyClock::now() > deadline) {
+                ADD_FAILURE() << "the server does not hang in its log";
+                return;
+            }
+            std::this_thread::sleep_for(Milliseconds{1});
+        }
+    }
+
+    ServerProcess server;
+
+  private:
+    static constexpr int PIPE_BYTES = 4096;
+
+    static ServerOptions options() {
+        ServerOptions result;
+        result.stderr_pipe_bytes = PIPE_BYTES;
+        result.drain_stderr = false;
+        return result;
+    }
+
+    RtmpClient client;
+};
+
+}  // namespace
+
+TEST(command_line, help_prints_the_usage_and_exits_with_1) {
+    for (const char* argument : {"-h", "--h", "---h", "-help", "--help", "---help"}) {
+        expect_refusal({argument}, USAGE);
+    }
+}
+
+TEST(command_line, switches_are_whole_words_in_small_letters) {
+    expect_refusal({"-hx"}, "Unhandled switch hx\n");
+    expect_refusal({"--HELP"}, "Unhandled switch HELP\n");
+    expect_refusal({"--hel"}, "Unhandled switch hel\n");
+    expect_refusal({"--dbg-pkt=1"}, "Unhandled switch dbg-pkt=1\n");
+    expect_refusal({"--no-def-ac"}, "Unhandled switch no-def-ac\n");
+    expect_refusal({"--help "}, "Unhandled switch help \n");
+}
+
+TEST(command_line, an_argument_of_dashes_is_a_switch_without_a_name) {
+    expect_refusal({"-"}, "Unhandled switch \n");
+    expect_refusal({"--"}, "Unhandled switch \n");
+}
+
+TEST(command_line, an_argument_without_a_dash_is_refused) {
+    expect_refusal({"foo"}, "Unhandled arg 'foo'\n");
+    expect_refusal({""}, "Unhandled arg ''\n");
+    expect_refusal({"x--help"}, "Unhandled arg 'x--help'\n");
+}
+
+TEST(command_line, the_first_argument_that_ends_the_program_decides) {
+    expect_refusal({"--help", "--bogus"}, USAGE);
+    expect_refusal({"--bogus", "--help"}, "Unhandled switch bogus\n");
+    expect_refusal({"foo", "--help"}, "Unhandled arg 'foo'\n");
+    expect_refusal({"--dbg-pkt", "--no-def-ack", "--dbg-pkt", "foo"}, "Unhandled arg 'foo'\n");
+}
+
+TEST(command_line, an_argument_is_never_taken_for_a_format) {
+    expect_refusal({"--%s%n"}, "Unhandled switch %s%n\n");
+    expect_refusal({"%d%s"}, "Unhandled arg '%d%s'\n");
+}
+
+TEST(command_line, both_switches_work_together_in_any_order_and_repeated) {
+    const std::vector<std::vector<std::string>> rows = {
+        {"--no-def-ack", "--dbg-pkt"},
+        {"-dbg-pkt", "---no-def-ack"},
+        {"--dbg-pkt", "--no-def-ack", "--dbg-pkt", "--no-def-ack"},
+    };
+    for (const std::vector<std::string>& arguments : rows) {
+        ServerProcess server(arguments);
+        RtmpClient client = handshaken_client();
+        client.send_connect();
+        EXPECT_EQ(client.read_message().type, MSG_COMMAND) << "an acknowledgement came first";
+        client.send_create_stream();
+        EXPECT_EQ(client.read_message().type, MSG_COMMAND) << "an acknowledgement came first";
+        EXPECT_EQ(server.err().count("Sending:"), 2U);
+    }
+}
+
+TEST(command_line, without_switches_messages_are_acknowledged_and_not_dumped) {
+    ServerProcess server;
+    RtmpClient client = handshaken_client();
+    client.send_connect();
+    EXPECT_EQ(client.read_message().type, MSG_ACKNOWLEDGEMENT);
+    EXPECT_EQ(client.read_message().type, MSG_COMMAND);
+    EXPECT_EQ(server.err().count_starting("RTMP packet:"), 0U);
+    EXPECT_EQ(server.err().count("Sending:"), 0U);
+}
+
+TEST(command_line, each_switch_alone_does_its_own_work_only) {
+    {
+        ServerProcess server({"--no-def-ack"});
+        RtmpClient client = handshaken_client();
+        client.send_connect();
+        EXPECT_EQ(client.read_message().type, MSG_COMMAND);
+        EXPECT_EQ(server.err().count("Sending:"), 0U);
+    }
+    ServerProcess server({"--dbg-pkt"});
+    RtmpClient client = handshaken_client();
+    client.send_connect();
+    EXPECT_EQ(client.read_message().type, MSG_ACKNOWLEDGEMENT);
+    EXPECT_EQ(client.read_message().type, MSG_COMMAND);
+    EXPECT_EQ(server.err().count("Sending:"), 2U);
+}
+
+TEST(command_line, each_quit_signal_ends_the_server_at_once_and_in_silence) {
+    for (const int signal_number : {SIGTERM, SIGINT, SIGQUIT}) {
+        ServerProcess server;
+        const TimePoint start = SteadyClock::now();
+        server.send_signal(signal_number);
+        const ProcessEnd end = server.wait_for_exit();
+        EXPECT_EQ(end.status, 0) << signal_number;
+        EXPECT_LT(elapsed_since(start), scaled(Milliseconds{500}));
+        EXPECT_EQ(server.raw_text(), "");
+        EXPECT_EQ(server.out().raw_text(), "");
+    }
+}
+
+TEST(command_line, stopping_closes_every_connection) {
+    ServerProcess server;
+    RtmpClient silent;
+    server.wait_for_line("RTMP begin");
+    RtmpClient publisher = publishing_client("cam1");
+    RtmpClient player = playing_client("cam1");
+    EXPECT_LT(server.stop(), scaled(Milliseconds{1000}));
+    (void)silent.expect_closed();
+    (void)publisher.expect_closed();
+    (void)player.expect_closed();
+}
+
+TEST(command_line, nine_signals_to_a_stuck_server_do_not_abort_it) {
+    StuckServer stuck;
+    for (int i = 0; i < 9; ++i) {
+        stuck.server.send_signal(SIGTERM);
+        wait_until_signal_is_taken(stuck.server);
+    }
+    stuck.server.resume_draining_stderr();
+    const ProcessEnd end = stuck.server.wait_for_exit();
+    EXPECT_EQ(end.status, 0);
+}
+
+TEST(command_line, the_tenth_signal_aborts_a_stuck_server) {
+    StuckServer stuck;
+    const int signals[] = {SIGTERM, SIGINT, SIGQUIT};
+    for (int i = 0; i < 10; ++i) {
+        ASSERT_TRUE(stuck.server.is_running()) << "after " << i << " signals";
+        stuck.server.send_signal(signals[i % 3]);
+        if (i < 9) {
+            wait_until_signal_is_taken(stuck.server);
+        }
+    }
+    stuck.server.resume_draining_stderr();
+    const ProcessEnd end = stuck.server.wait_for_exit();
+    EXPECT_EQ(end.signal, SIGABRT);
+}
+
+TEST(command_line, a_directory_at_the_socket_path_prevents_the_start) {
+    const CleanSocketPath clean;
+    std::filesystem::create_directories(SOCKET_PATH + "/occupied");
+    expect_refusal({}, "Failed to create server socket\n");
+    EXPECT_TRUE(std::filesystem::is_directory(SOCKET_PATH + "/occupied"));
+}
+
+TEST(command_line, an_empty_directory_at_the_socket_path_prevents_the_start) {
+    const CleanSocketPath clean;
+    std::filesystem::create_directory(SOCKET_PATH);
+    expect_refusal({}, "Failed to create server socket\n");
+    EXPECT_TRUE(std::filesystem::is_directory(SOCKET_PATH));
+}
+
+TEST(command_line, a_stale_socket_does_not_prevent_the_start) {
+    const CleanSocketPath clean;
+    leave_stale_socket();
+    ServerProcess server;
+    (void)connected_client();
+}
+
+TEST(command_line, a_file_at_the_socket_path_does_not_prevent_the_start) {
+    const CleanSocketPath clean;
+    std::ofstream(SOCKET_PATH) << "left over";
+    ServerProcess server;
+    EXPECT_TRUE(std::filesystem::is_socket(SOCKET_PATH));
+    (void)connected_client();
+}
+
+TEST(command_line, the_socket_exists_while_the_server_runs_and_no_longer) {
+    const CleanSocketPath clean;
+    ServerProcess server;
+    EXPECT_TRUE(std::filesystem::is_socket(SOCKET_PATH));
+    server.stop();
+    EXPECT_FALSE(std::filesystem::exists(SOCKET_PATH));
+}
+
+TEST(command_line, a_port_that_another_program_keeps_to_itself_prevents_the_start) {
+    const CleanSocketPath clean;
+    {
+        const PortOwner owner;
+        expect_refusal({}, "Cannot bind socket\n");
+    }
+    // The way out through the listener leaves the control socket as it is; the next start takes the path
+    // over.
+    EXPECT_TRUE(std::filesystem::is_socket(SOCKET_PATH));
+    ServerProcess server;
+    (void)connected_client();
+}
+
+TEST(command_line, a_second_instance_shares_the_port_and_takes_the_socket_path_over) {
+    const CleanSocketPath clean;
+    ServerProcess first;
+    ServerOptions options;
+    options.beside_another = true;
+    ServerProcess second(options);
+    first.stop();
+    EXPECT_TRUE(std::filesystem::is_socket(SOCKET_PATH))
+        << "the first instance removed the second one's socket";
+    RtmpClient client = connected_client();
+    second.wait_for_line("accepted app ombrex-live");
+    second.stop();
+    EXPECT_FALSE(std::filesystem::exists(SOCKET_PATH));
+}
+
+TEST(command_line, no_descriptor_for_the_listener_ends_the_start_without_a_word) {
+    const CleanSocketPath clean;
+    ServerOptions options;
+    // Three standard descriptors and one for the control socket.
+    options.limits = {{RLIMIT_NOFILE, 4}};
+    // A leak check at the end would need descriptors of its own.
+    options.environment = {"ASAN_OPTIONS=detect_leaks=0"};
+    const FinishedRun run = run_server_to_its_end(options);
+    EXPECT_EQ(run.end.status, 1);
+    EXPECT_EQ(run.err, "");
+}
+
+TEST(command_line, closed_standard_descriptors_do_not_end_up_as_sockets) {
+    const std::vector<std::vector<int>> rows = {{0}, {1}, {2}, {0, 1, 2}};
+    for (const std::vector<int>& closed : rows) {
+        ServerOptions options;
+        options.closed_descriptors = closed;
+        options.arguments = {"--dbg-pkt"};
+        ServerProcess server(options);
+        // The strict reader would trip over a log line between the chunks.
+        RtmpClient player = playing_client("cam1");
+        RtmpClient publisher = publishing_client("cam1");
+        publisher.send_audio(1, from_hex("AF 01 55"));
+        EXPECT_EQ(player.expect_message(MSG_AUDIO).payload, from_hex("AF 01 55"));
+        for (const int fd : {0, 1, 2}) {
+            const std::string link = "/proc/" + std::to_string(server.pid()) + "/fd/" + std::to_string(fd);
+            const std::string target = std::filesystem::read_symlink(link);
+            EXPECT_EQ(target.find("socket:"), std::string::npos) << "descriptor " << fd << " is " << target;
+        }
+    }
+}
