@@ -1,0 +1,59 @@
+#!/bin/bash
+# Loads the completion that the tool prints and completes command lines with it, against a stand-in for the tool
+# that lists two connections and one with a name that a shell must not read. Usage: bash_completion.sh V9_RTMP_CTL
+set -u
+ctl=$1
+scratch=$(mktemp -d)
+trap 'rm -r "$scratch"' EXIT
+cat >"$scratch/v9_rtmp_ctl" <<STANDIN
+#!/bin/bash
+echo "\$*" >>"$scratch/calls"
+printf '0\tcam1\tpublish\t\t1\t2\ta\n12\tdemo\tplay\t\t1\t2\tb\n3\t\$(touch $scratch/owned)\tplay\t\t1\t2\tc\n'
+STANDIN
+chmod +x "$scratch/v9_rtmp_ctl"
+PATH=$scratch:$PATH
+failed=0
+
+source <("$ctl" completion bash)
+
+# expect 'WORD WORD ...' for the line in the arguments, the last of which is being typed
+expect() {
+    local wanted=$1
+    shift
+    COMP_WORDS=(v9_rtmp_ctl "$@")
+    COMP_CWORD=$#
+    COMPREPLY=()
+    _v9_rtmp_ctl
+    if [[ "${COMPREPLY[*]-}" != "$wanted" ]]; then
+        echo "v9_rtmp_ctl $*: '${COMPREPLY[*]-}' instead of '$wanted'"
+        failed=1
+    fi
+}
+
+expect "hello list streams drop watch raw completion version help" ""
+expect "streams" str
+expect "id stream unnamed" drop ""
+expect "0 12 3" drop id ""
+expect "12" drop id 1
+expect "cam1 demo" drop stream ""
+expect "demo" --json drop stream d
+expect "--stream" drop id --str
+expect "--dry-run" drop stream demo --d
+expect "cam1 demo" list --stream ""
+expect "publish play none" list --mode ""
+expect "id stream rate" list --sort ""
+expect "--no-legend" list --no-l
+expect "zsh" completion z
+expect "--socket" --so
+expect "" raw hello ""
+expect "cam1" --socket /run/other drop stream c
+
+if ! grep -q -- '--socket /run/other' "$scratch/calls"; then
+    echo "the socket of the command line is not asked"
+    failed=1
+fi
+if [[ -e $scratch/owned ]]; then
+    echo "a stream name was executed"
+    failed=1
+fi
+exit $failed

@@ -1,0 +1,205 @@
+#include "tools/v9_rtmp_ctl/command_line.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Optional;
+
+namespace {
+
+using Words = std::vector<std::string>;
+
+// Expects that the words are understood.
+CommandLine parsed(const Words& words) {
+    CommandLine line;
+    const std::optional<Failure> failure = parse_command_line(words, line);
+    EXPECT_FALSE(failure) << failure->message;
+    return line;
+}
+
+// Expects that they are not.
+Failure refused(const Words& words) {
+    CommandLine line;
+    const std::optional<Failure> failure = parse_command_line(words, line);
+    if (!failure) {
+        ADD_FAILURE() << "was understood: " << testing::PrintToString(words);
+        return {};
+    }
+    return *failure;
+}
+
+}  // namespace
+
+TEST(CommandLine, EverySubcommandIsKnown) {
+    struct Row {
+        Words words;
+        Subcommand subcommand;
+    };
+    const Row rows[] = {
+        {{"hello"}, Subcommand::HELLO},
+        {{"list"}, Subcommand::LIST},
+        {{"streams"}, Subcommand::STREAMS},
+        {{"drop", "id", "5"}, Subcommand::DROP_ID},
+        {{"drop", "stream", "cam1"}, Subcommand::DROP_STREAM},
+        {{"drop", "unnamed"}, Subcommand::DROP_UNNAMED},
+        {{"watch"}, Subcommand::WATCH},
+        {{"raw", "hello"}, Subcommand::RAW},
+        {{"completion", "bash"}, Subcommand::COMPLETION},
+        {{"version"}, Subcommand::VERSION},
+    };
+    for (const Row& row : rows) {
+        EXPECT_EQ(parsed(row.words).subcommand, row.subcommand) << testing::PrintToString(row.words);
+    }
+}
+
+TEST(CommandLine, WithoutOptionsTheDefaultsHold) {
+    const CommandLine line = parsed({"list"});
+    EXPECT_EQ(line.settings.socket_path, "/var/run/v9_rtmp_server.socket");
+    EXPECT_EQ(line.settings.timeout_us(), 5000000U);
+    EXPECT_EQ(line.settings.form, OutputForm::PEOPLE);
+    EXPECT_FALSE(line.settings.no_color);
+    EXPECT_FALSE(line.settings.quiet);
+    EXPECT_EQ(line.list.mode, std::nullopt);
+    EXPECT_EQ(line.list.stream, std::nullopt);
+    EXPECT_EQ(line.list.sort, SortKey::ID);
+    EXPECT_EQ(parsed({"watch"}).watch.interval_seconds, 1);
+}
+
+TEST(CommandLine, GlobalOptionsStandBeforeOrBehindTheSubcommand) {
+    for (const Words& words :
+         {Words{"--socket", "/s", "--timeout", "0.25", "--json", "--no-color", "-q", "list"},
+          Words{"list", "--socket=/s", "--timeout=0.25", "--json", "--no-color", "--quiet"}}) {
+        const CommandLine line = parsed(words);
+        EXPECT_EQ(line.settings.socket_path, "/s");
+        EXPECT_EQ(line.settings.timeout_us(), 250000U);
+        EXPECT_EQ(line.settings.form, OutputForm::JSON);
+        EXPECT_TRUE(line.settings.no_color);
+        EXPECT_TRUE(line.settings.quiet);
+    }
+    EXPECT_EQ(parsed({"drop", "unnamed", "-f", "--plain"}).settings.form, OutputForm::PLAIN);
+}
+
+TEST(CommandLine, ListIsPickedAndSorted) {
+    const CommandLine line =
+        parsed({"list", "--mode", "none", "--stream", "cam1", "--sort", "rate", "--no-legend"});
+    EXPECT_THAT(line.list.mode, Optional(std::string("none")));
+    EXPECT_THAT(line.list.stream, Optional(std::string("cam1")));
+    EXPECT_EQ(line.list.sort, SortKey::RATE);
+    EXPECT_TRUE(line.list.no_legend);
+    EXPECT_EQ(parsed({"list", "--sort", "stream"}).list.sort, SortKey::STREAM);
+    EXPECT_THAT(parsed({"list", "--stream", ""}).list.stream, Optional(std::string()));
+}
+
+TEST(CommandLine, DropTakesWhatToDrop) {
+    const CommandLine by_id = parsed({"drop", "id", "5", "--stream", "cam1"});
+    EXPECT_EQ(by_id.drop.id, "5");
+    EXPECT_THAT(by_id.drop.expected_stream, Optional(std::string("cam1")));
+    EXPECT_EQ(by_id.list.stream, std::nullopt);
+    EXPECT_EQ(parsed({"drop", "id", "-1"}).drop.id, "-1");  // refused later, by the rule for ids
+    const CommandLine by_name = parsed({"drop", "stream", "cam1", "-n", "-f"});
+    EXPECT_EQ(by_name.drop.stream, "cam1");
+    EXPECT_TRUE(by_name.drop.dry_run);
+    EXPECT_TRUE(by_name.drop.force);
+    EXPECT_EQ(parsed({"drop", "stream", ""}).drop.stream, "");
+    EXPECT_TRUE(parsed({"drop", "unnamed", "--force"}).drop.force);
+}
+
+TEST(CommandLine, WhatIsNotUnderstoodIsAUsageErrorWithAHint) {
+    for (const Words& words : {Words{},
+                               Words{"bogus"},
+                               Words{"--bogus", "list"},
+                               Words{"list", "extra"},
+                               Words{"list", "--mode", "all"},
+                               Words{"list", "--sort", "age"},
+                               Words{"--json", "--plain", "list"},
+                               Words{"--timeout", "0", "hello"},
+                               Words{"--timeout", "-1", "hello"},
+                               Words{"--timeout", "nan", "hello"},
+                               Words{"--timeout", "soon", "hello"},
+                               Words{"--timeout", "1e9", "hello"},
+                               Words{"--timeout"},
+                               Words{"drop"},
+                               Words{"drop", "id"},
+                               Words{"drop", "id", "1", "2"},
+                               Words{"drop", "stream"},
+                               Words{"drop", "unnamed", "x"},
+                               Words{"watch", "--interval", "0"},
+                               Words{"watch", "--plain"},
+                               Words{"raw"},
+                               Words{"raw", "--async"},
+                               Words{"raw", "--"},
+                               Words{"raw", "--bogus", "hello"},
+                               Words{"completion"},
+                               Words{"completion", "tcsh"},
+                               Words{"help", "bogus"}}) {
+        const Failure failure = refused(words);
+        EXPECT_EQ(failure.exit_code, ExitCode::USAGE) << testing::PrintToString(words);
+        EXPECT_THAT(failure.message, HasSubstr("v9_rtmp_ctl")) << testing::PrintToString(words);
+    }
+}
+
+TEST(CommandLine, HelpIsToldAboutTheToolAndItsCommands) {
+    for (const Words& words : {Words{"help"}, Words{"--help"}, Words{"-h"}}) {
+        const CommandLine line = parsed(words);
+        EXPECT_EQ(line.subcommand, Subcommand::NONE);
+        EXPECT_THAT(line.help_text, HasSubstr("streams"));
+        EXPECT_THAT(line.help_text, HasSubstr("--socket"));
+    }
+    EXPECT_THAT(parsed({"help", "list"}).help_text, HasSubstr("v9_rtmp_ctl list"));
+    EXPECT_THAT(parsed({"list", "--help"}).help_text, HasSubstr("--no-legend"));
+    EXPECT_THAT(parsed({"raw", "-h"}).help_text, HasSubstr("--async"));
+}
+
+TEST(RawCommandLine, ArgumentsArePassedAsGiven) {
+    struct Row {
+        Words words;
+        std::string command;
+        Words arguments;
+    };
+    const Row rows[] = {
+        {{"raw", "hello"}, "hello", {}},
+        {{"raw", ""}, "", {}},
+        {{"raw", "-"}, "-", {}},
+        {{"raw", "drop connection by id", "-1"}, "drop connection by id", {"-1"}},
+        {{"raw", "c", "", "a", ""}, "c", {"", "a", ""}},
+        {{"raw", "c", "--json", "--socket", "x", "-q", "--async"},
+         "c",
+         {"--json", "--socket", "x", "-q", "--async"}},
+        {{"raw", "c", "raw", "list"}, "c", {"raw", "list"}},
+        // One mark is dropped, where people put it.
+        {{"raw", "--", "--c", "--a"}, "--c", {"--a"}},
+        {{"raw", "c", "--", "-1"}, "c", {"-1"}},
+        {{"raw", "c", "--"}, "c", {}},
+        {{"raw", "c", "--", "--"}, "c", {"--"}},
+        {{"raw", "--", "c", "--", "a"}, "c", {"--", "a"}},
+        {{"raw", "c", "a", "--", "b"}, "c", {"a", "--", "b"}},
+    };
+    for (const Row& row : rows) {
+        const CommandLine line = parsed(row.words);
+        EXPECT_EQ(line.subcommand, Subcommand::RAW);
+        EXPECT_EQ(line.raw.request.command, row.command) << testing::PrintToString(row.words);
+        EXPECT_EQ(line.raw.request.arguments, row.arguments) << testing::PrintToString(row.words);
+        EXPECT_FALSE(line.raw.async);
+        EXPECT_EQ(line.settings.form, OutputForm::PEOPLE);
+    }
+}
+
+TEST(RawCommandLine, OptionsOfTheToolStandBeforeTheCommand) {
+    const CommandLine line =
+        parsed({"--socket", "/s", "-q", "raw", "--async", "--timeout", "2", "c", "--socket", "/t"});
+    EXPECT_EQ(line.settings.socket_path, "/s");
+    EXPECT_EQ(line.settings.timeout_us(), 2000000U);
+    EXPECT_TRUE(line.settings.quiet);
+    EXPECT_TRUE(line.raw.async);
+    EXPECT_THAT(line.raw.request.arguments, ElementsAre("--socket", "/t"));
+}
+
+TEST(RawCommandLine, ASocketCalledRawIsNoSubcommand) {
+    const CommandLine line = parsed({"--socket", "raw", "hello"});
+    EXPECT_EQ(line.subcommand, Subcommand::HELLO);
+    EXPECT_EQ(line.settings.socket_path, "raw");
+    EXPECT_THAT(line.raw.request.arguments, IsEmpty());
+}

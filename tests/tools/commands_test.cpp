@@ -1,0 +1,291 @@
+// The subcommands against a server that answers like the real one. Standard output and error are captured;
+// standard error is no terminal then, so nobody is asked.
+#include "tools/v9_rtmp_ctl/commands.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <mutex>
+
+#include "tests/tools/fake_server.h"
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::StartsWith;
+
+namespace {
+
+constexpr const char* CAM1_PUBLISHER = "0\tcam1\tpublish\t640x360\t10\t20\t10.0.0.1:1";
+constexpr const char* CAM1_PLAYER = "3\tcam1\tplay\t640x360\t30\t40\t10.0.0.2:2";
+constexpr const char* UNNAMED = "9\t\t\t\t0\t0\t10.0.0.3:3";
+
+struct Outcome {
+    int exit_code = -1;
+    std::string out;
+    std::string err;
+};
+
+class Commands : public testing::Test {
+  protected:
+    Commands() { settings.socket_path = server.path(); }
+
+    std::optional<Reply> answer(const Request& request, bool async) {
+        const std::lock_guard lock(mutex);
+        requests.push_back(request);
+        if (async) {
+            return std::nullopt;
+        }
+        if (request.command == "list connections") {
+            Reply reply{0, request.command, "Connection list response", {{"connection field order", "..."}}};
+            for (const std::string& line : lines) {
+                reply.pairs.emplace_back("connection", line);
+            }
+            return reply;
+        }
+        return Reply{status, request.command, message, {}};
+    }
+
+    // What was sent beside listings.
+    std::vector<Request> other_requests() {
+        const std::lock_guard lock(mutex);
+        std::vector<Request> others = requests;
+        std::erase_if(others, [](const Request& r) { return r.command == "list connections"; });
+        return others;
+    }
+
+    template <typename Run>
+    static Outcome outcome_of(const Run& run) {
+        testing::internal::CaptureStdout();
+        testing::internal::CaptureStderr();
+        Outcome outcome;
+        outcome.exit_code = static_cast<int>(run());
+        outcome.out = testing::internal::GetCapturedStdout();
+        outcome.err = testing::internal::GetCapturedStderr();
+        return outcome;
+    }
+
+    Outcome drop_id(const DropOptions& options) {
+        return outcome_of([&] { return run_drop_id(settings, options); });
+    }
+    Outcome drop_stream(const DropOptions& options) {
+        return outcome_of([&] { return run_drop_stream(settings, options); });
+    }
+    Outcome list(const ListOptions& options) {
+        return outcome_of([&] { return run_list(settings, options); });
+    }
+
+    std::mutex mutex;
+    std::vector<Request> requests;
+    std::vector<std::string> lines{CAM1_PUBLISHER, CAM1_PLAYER, UNNAMED};
+    std::uint64_t status = 0;
+    std::string message = "OK";
+    Settings settings;
+    FakeServer server{[this](const Request& request, bool async) { return answer(request, async); }};
+};
+
+DropOptions of_id(std::string id) {
+    DropOptions options;
+    options.id = std::move(id);
+    return options;
+}
+
+DropOptions of_stream(std::string stream, bool force) {
+    DropOptions options;
+    options.stream = std::move(stream);
+    options.force = force;
+    return options;
+}
+
+}  // namespace
+
+TEST_F(Commands, HelloTellsTheGreeting) {
+    message = "How are you?";
+    EXPECT_THAT(outcome_of([&] { return run_hello(settings); }).out,
+                StartsWith("How are you? (answered in "));
+    settings.form = OutputForm::JSON;
+    EXPECT_THAT(outcome_of([&] { return run_hello(settings); }).out,
+                StartsWith(R"({"greeting":"How are you?","round_trip_ms":)"));
+    settings.form = OutputForm::PEOPLE;
+    settings.quiet = true;
+    EXPECT_EQ(outcome_of([&] { return run_hello(settings); }).out, "");
+}
+
+TEST_F(Commands, AnErrorStatusIsExitCodeOne) {
+    status = 6;
+    message = "Unknown command";
+    const Outcome outcome = outcome_of([&] { return run_hello(settings); });
+    EXPECT_EQ(outcome.exit_code, 1);
+    EXPECT_EQ(outcome.out, "");
+    EXPECT_THAT(outcome.err, HasSubstr("Unknown command"));
+}
+
+TEST_F(Commands, ListPrintsATableFieldsOrADocument) {
+    EXPECT_EQ(list({}).out,
+              "ID  STREAM  MODE        SIZE  SENT  RECEIVED  ADDRESS\n"
+              " 0  cam1    publish  640x360  10 B      20 B  10.0.0.1:1\n"
+              " 3  cam1    play     640x360  30 B      40 B  10.0.0.2:2\n"
+              " 9  -       -              -   0 B       0 B  10.0.0.3:3\n"
+              "3 of 128 slots used\n");
+    settings.form = OutputForm::PLAIN;
+    EXPECT_EQ(list({}).out, std::string(CAM1_PUBLISHER) + "\n" + CAM1_PLAYER + "\n" + UNNAMED + "\n");
+    settings.form = OutputForm::JSON;
+    EXPECT_THAT(list({}).out, StartsWith(R"({"slots":128,"connections":[{"id":0,)"));
+}
+
+TEST_F(Commands, ListWithoutLegendIsOnlyTheRows) {
+    ListOptions options;
+    options.stream = "cam1";
+    options.no_legend = true;
+    EXPECT_EQ(list(options).out,
+              "0  cam1  publish  640x360  10 B  20 B  10.0.0.1:1\n"
+              "3  cam1  play     640x360  30 B  40 B  10.0.0.2:2\n");
+}
+
+TEST_F(Commands, ListOfAModeIsPickedByTheServerAndNoneHere) {
+    settings.form = OutputForm::PLAIN;
+    ListOptions options;
+    options.mode = "none";
+    EXPECT_EQ(list(options).out, std::string(UNNAMED) + "\n");
+    options.mode = "play";
+    EXPECT_EQ(list(options).exit_code, 0);
+    EXPECT_THAT(requests[0].arguments, IsEmpty());
+    EXPECT_THAT(requests[1].arguments, ElementsAre("play"));
+}
+
+TEST_F(Commands, ListSaysSoWhenNothingMatches) {
+    ListOptions options;
+    options.stream = "cam2";
+    EXPECT_EQ(list(options).exit_code, 1);
+    EXPECT_THAT(list(options).err, HasSubstr("no connection matches"));
+    lines.clear();
+    EXPECT_EQ(list({}).exit_code, 0);
+}
+
+TEST_F(Commands, AListingThatCannotBeReadIsExitCodeFive) {
+    lines = {"what"};
+    const Outcome outcome = list({});
+    EXPECT_EQ(outcome.exit_code, 5);
+    EXPECT_EQ(outcome.out, "");
+}
+
+TEST_F(Commands, RawPrintsWhateverWasAnswered) {
+    status = 6;
+    message = "Unknown command";
+    RawOptions options;
+    options.request = {"bogus", {"a", ""}};
+    const Outcome outcome = outcome_of([&] { return run_raw(settings, options); });
+    EXPECT_EQ(outcome.exit_code, 0);
+    EXPECT_EQ(outcome.out,
+              "{\"status\": 6, \"command\": \"bogus\", \"message\": \"Unknown command\", \"pairs\": []}\n");
+    EXPECT_THAT(requests[0].arguments, ElementsAre("a", ""));
+}
+
+TEST_F(Commands, RawAsyncOnlySends) {
+    RawOptions options;
+    options.async = true;
+    options.request = {"hello", {}};
+    const Outcome outcome = outcome_of([&] { return run_raw(settings, options); });
+    EXPECT_EQ(outcome.exit_code, 0);
+    EXPECT_EQ(outcome.out, "");
+    EXPECT_EQ(outcome.err, "");
+}
+
+TEST_F(Commands, DropIdSendsTheStreamNameAsGuard) {
+    const Outcome outcome = drop_id(of_id("3"));
+    EXPECT_EQ(outcome.exit_code, 0);
+    EXPECT_EQ(outcome.out, "dropped connection 3 of stream 'cam1'\n");
+    ASSERT_EQ(other_requests().size(), 1U);
+    EXPECT_THAT(other_requests()[0].arguments, ElementsAre("3", "cam1"));
+}
+
+TEST_F(Commands, DropIdOfAConnectionWithoutStreamHasNoGuard) {
+    EXPECT_EQ(drop_id(of_id("9")).exit_code, 0);
+    ASSERT_EQ(other_requests().size(), 1U);
+    EXPECT_THAT(other_requests()[0].arguments, ElementsAre("9"));
+}
+
+TEST_F(Commands, DropIdSendsTheNameThatTheUserExpects) {
+    message = "Stream name does not match";
+    DropOptions options = of_id("3");
+    options.expected_stream = "cam2";
+    const Outcome outcome = drop_id(options);
+    EXPECT_EQ(outcome.exit_code, 1);
+    EXPECT_THAT(outcome.err, HasSubstr("was kept"));
+    EXPECT_THAT(other_requests()[0].arguments, ElementsAre("3", "cam2"));
+    options.expected_stream = "";
+    EXPECT_EQ(drop_id(options).exit_code, 2);
+}
+
+TEST_F(Commands, DropIdOfAnEmptySlotMatchesNothing) {
+    EXPECT_EQ(drop_id(of_id("5")).exit_code, 1);
+    EXPECT_THAT(other_requests(), IsEmpty());
+}
+
+TEST_F(Commands, ABadIdIsNeverSent) {
+    for (const char* id : {"5x", "x5", "-1", "128", ""}) {
+        EXPECT_EQ(drop_id(of_id(id)).exit_code, 2) << id;
+    }
+    EXPECT_THAT(requests, IsEmpty());
+}
+
+TEST_F(Commands, DropStreamNeedsForceWhereNobodyCanBeAsked) {
+    const Outcome outcome = drop_stream(of_stream("cam1", false));
+    EXPECT_EQ(outcome.exit_code, 2);
+    EXPECT_THAT(outcome.err, HasSubstr("--force"));
+    EXPECT_THAT(other_requests(), IsEmpty());
+}
+
+TEST_F(Commands, DropStreamForcedTellsHowManyWereDropped) {
+    message = "OK, 2 connections dropped";
+    EXPECT_EQ(drop_stream(of_stream("cam1", true)).out, "dropped 2 connections\n");
+    ASSERT_EQ(other_requests().size(), 1U);
+    EXPECT_EQ(other_requests()[0].command, "drop connection by stream name");
+    EXPECT_THAT(other_requests()[0].arguments, ElementsAre("cam1"));
+    settings.quiet = true;
+    EXPECT_EQ(drop_stream(of_stream("cam1", true)).out, "");
+    settings.form = OutputForm::JSON;
+    EXPECT_EQ(drop_stream(of_stream("cam1", true)).out,
+              "{\"dropped\":2,\"dry_run\":false,\"message\":\"OK, 2 connections dropped\"}\n");
+}
+
+TEST_F(Commands, DropStreamThatEndedMeanwhileMatchesNothing) {
+    message = "OK, 0 connections dropped";
+    EXPECT_EQ(drop_stream(of_stream("cam1", true)).exit_code, 1);
+}
+
+TEST_F(Commands, DropStreamOfAnUnknownNameMatchesNothing) {
+    EXPECT_EQ(drop_stream(of_stream("cam2", true)).exit_code, 1);
+    EXPECT_THAT(other_requests(), IsEmpty());
+}
+
+TEST_F(Commands, ADryRunDropsNothing) {
+    DropOptions options = of_stream("cam1", true);
+    options.dry_run = true;
+    const Outcome outcome = drop_stream(options);
+    EXPECT_EQ(outcome.exit_code, 0);
+    EXPECT_THAT(outcome.out, HasSubstr("would drop 2 connections\n"));
+    EXPECT_THAT(other_requests(), IsEmpty());
+}
+
+TEST_F(Commands, TheEmptyNameIsDroppedOnlyAsUnnamed) {
+    message = "OK, 1 connections dropped";
+    const Outcome refused = drop_stream(of_stream("", true));
+    EXPECT_EQ(refused.exit_code, 2);
+    EXPECT_THAT(refused.err, HasSubstr("drop unnamed"));
+    EXPECT_THAT(requests, IsEmpty());
+
+    DropOptions options;
+    EXPECT_EQ(outcome_of([&] { return run_drop_unnamed(settings, options); }).exit_code, 2);
+    options.force = true;
+    EXPECT_EQ(outcome_of([&] { return run_drop_unnamed(settings, options); }).out, "dropped 1 connection\n");
+    EXPECT_THAT(other_requests()[0].arguments, ElementsAre(""));
+}
+
+TEST_F(Commands, EveryCompletionScriptIsPrinted) {
+    EXPECT_THAT(outcome_of([] { return run_completion("bash"); }).out,
+                HasSubstr("complete -F _v9_rtmp_ctl v9_rtmp_ctl"));
+    EXPECT_THAT(outcome_of([] { return run_completion("zsh"); }).out, StartsWith("#compdef v9_rtmp_ctl"));
+    EXPECT_THAT(outcome_of([] { return run_completion("fish"); }).out, HasSubstr("complete -c v9_rtmp_ctl"));
+    EXPECT_EQ(outcome_of([] { return run_completion("csh"); }).exit_code, 2);
+}

@@ -1,0 +1,54 @@
+#include "tools/v9_rtmp_ctl/drop_rules.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+using testing::ElementsAre;
+using testing::Optional;
+
+TEST(DropRules, AnIdIsDecimalAndBelow128) {
+    EXPECT_THAT(parse_connection_id("0"), Optional(0U));
+    EXPECT_THAT(parse_connection_id("127"), Optional(127U));
+    EXPECT_THAT(parse_connection_id("007"), Optional(7U));
+    for (const char* text : {"", "128", "-1", "+1", "5x", "x5", " 5", "5 ", "0x10", "1e1", "4294967296",
+                             "99999999999999999999"}) {
+        EXPECT_EQ(parse_connection_id(text), std::nullopt) << text;
+    }
+}
+
+TEST(DropRules, TheCountIsReadFromTheAnswer) {
+    EXPECT_THAT(dropped_count("OK, 0 connections dropped"), Optional(0U));
+    EXPECT_THAT(dropped_count("OK, 128 connections dropped"), Optional(128U));
+    for (const char* message :
+         {"", "OK", "OK,  connections dropped", "OK, -1 connections dropped", "OK, 1 connections",
+          "OK, x connections dropped", "OK, connections dropped"}) {
+        EXPECT_EQ(dropped_count(message), std::nullopt) << message;
+    }
+}
+
+TEST(DropRules, AKnownStreamNameGuardsTheDrop) {
+    EXPECT_EQ(drop_id_request(5, "cam1").command, "drop connection by id");
+    EXPECT_THAT(drop_id_request(5, "cam1").arguments, ElementsAre("5", "cam1"));
+    EXPECT_THAT(drop_id_request(5, "").arguments, ElementsAre("5"));
+}
+
+TEST(DropRules, OnlyAPlainOkMeansThatItWasDropped) {
+    EXPECT_FALSE(judge_drop_id(5, "cam1", {0, "", "OK", {}}));
+    struct Row {
+        std::uint64_t status;
+        const char* message;
+        ExitCode exit_code;
+    };
+    const Row rows[] = {
+        {0, "OK, no such connection", ExitCode::NEGATIVE_ANSWER},
+        {0, "Stream name does not match", ExitCode::NEGATIVE_ANSWER},
+        {6, "Bad or invalid connection ID", ExitCode::NEGATIVE_ANSWER},
+        {6, "OK", ExitCode::NEGATIVE_ANSWER},
+        {0, "Fine", ExitCode::NO_REPLY},
+    };
+    for (const Row& row : rows) {
+        const std::optional<Failure> failure = judge_drop_id(5, "cam1", {row.status, "", row.message, {}});
+        ASSERT_TRUE(failure) << row.message;
+        EXPECT_EQ(failure->exit_code, row.exit_code) << row.message;
+    }
+}

@@ -1,0 +1,39 @@
+#include "tools/v9_rtmp_ctl/failure.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+using testing::HasSubstr;
+
+TEST(Failure, EveryErrorHasItsExitCode) {
+    struct Row {
+        comm_socket_v4_error error;
+        int exit_code;
+    };
+    const Row rows[] = {
+        {COMM_SOCKET_V4_NO_SOCKET, 3}, {COMM_SOCKET_V4_REFUSED, 3},      {COMM_SOCKET_V4_PERMISSION, 4},
+        {COMM_SOCKET_V4_TIMEOUT, 5},   {COMM_SOCKET_V4_BROKEN_FRAME, 5}, {COMM_SOCKET_V4_CLOSED, 5},
+        {COMM_SOCKET_V4_TOO_LARGE, 2}, {COMM_SOCKET_V4_BAD_ARGUMENT, 2}, {COMM_SOCKET_V4_NO_MEMORY, 5},
+        {COMM_SOCKET_V4_SYSTEM, 5},
+    };
+    for (const Row& row : rows) {
+        const Failure failure = describe_failure(row.error, "/run/socket");
+        EXPECT_EQ(static_cast<int>(failure.exit_code), row.exit_code) << row.error;
+        // What happened, and what to do next: two sentences, or one of two parts.
+        EXPECT_THAT(failure.message, HasSubstr(". ")) << row.error;
+        EXPECT_TRUE(failure.message.ends_with('.')) << row.error;
+    }
+}
+
+TEST(Failure, ASocketPathCannotSteerTheTerminal) {
+    EXPECT_THAT(describe_failure(COMM_SOCKET_V4_NO_SOCKET, "/x\x1b[2J").message, HasSubstr("/x\\x1B[2J"));
+    EXPECT_THAT(refused_by_server("a\nb").message, HasSubstr("a\\x0Ab"));
+    EXPECT_EQ(refused_by_server("x").exit_code, ExitCode::NEGATIVE_ANSWER);
+    EXPECT_EQ(unreadable_reply("x").exit_code, ExitCode::NO_REPLY);
+}
+
+TEST(Failure, IsReportedOnStandardError) {
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(report({ExitCode::PERMISSION, "no. Do this."}), ExitCode::PERMISSION);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "v9_rtmp_ctl: no. Do this.\n");
+}

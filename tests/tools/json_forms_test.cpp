@@ -1,0 +1,91 @@
+#include "tools/v9_rtmp_ctl/json_forms.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+Connection full_connection() {
+    Connection connection =
+        *parse_connection_line("5\tcam1\tpublish\t1280x720\t1000\t18446744073709551615\t10.0.0.1:5000");
+    connection.sent_rate = 12.5;
+    connection.received_rate = 1e6;
+    return connection;
+}
+
+}  // namespace
+
+TEST(ReplyJson, IsOneLineInAFixedForm) {
+    EXPECT_EQ(reply_json({0, "hello", "How are you?", {}}),
+              R"({"status": 0, "command": "hello", "message": "How are you?", "pairs": []})");
+    EXPECT_EQ(
+        reply_json({6, "x", "Unknown command", {{"b", "1"}, {"a", "2"}, {"b", ""}}}),
+        R"({"status": 6, "command": "x", "message": "Unknown command", "pairs": [["b","1"], ["a","2"], ["b",""]]})");
+}
+
+TEST(ReplyJson, AStatusOf64BitsIsWhole) {
+    EXPECT_EQ(reply_json({18446744073709551615U, "", "", {}}),
+              R"({"status": 18446744073709551615, "command": "", "message": "", "pairs": []})");
+}
+
+TEST(ReplyJson, BytesThatAreNotUtf8BecomeTheReplacementCharacter) {
+    EXPECT_EQ(
+        reply_json({0, "a\xff", "\xc3\xa4\xc3", {{"\x80", "ok\xf0\x9f"}}}),
+        "{\"status\": 0, \"command\": \"a\xef\xbf\xbd\", \"message\": \"\xc3\xa4\xef\xbf\xbd\", \"pairs\": "
+        "[[\"\xef\xbf\xbd\",\"ok\xef\xbf\xbd\"]]}");
+}
+
+TEST(ReplyJson, ControlBytesQuotesAndZerosAreEscaped) {
+    EXPECT_EQ(reply_json({0, "a\tb\nc\"\\", std::string("x\0y\x1b", 4), {}}),
+              R"({"status": 0, "command": "a\tb\nc\"\\", "message": "x\u0000y\u001b", "pairs": []})");
+}
+
+TEST(ListJson, NumbersAreNumbers) {
+    EXPECT_EQ(
+        list_json({full_connection()}),
+        R"({"slots":128,"connections":[{"id":5,"stream":"cam1","mode":"publish","width":1280,"height":720,)"
+        R"("bytes_sent":1000,"bytes_received":18446744073709551615,"bytes_sent_per_second":13,)"
+        R"("bytes_received_per_second":1000000,"address":"10.0.0.1:5000"}]})");
+}
+
+TEST(ListJson, AbsentValuesAreNull) {
+    EXPECT_EQ(list_json({Connection()}),
+              R"({"slots":128,"connections":[{"id":0,"stream":null,"mode":null,"width":null,"height":null,)"
+              R"("bytes_sent":null,"bytes_received":null,"bytes_sent_per_second":null,)"
+              R"("bytes_received_per_second":null,"address":null}]})");
+    EXPECT_EQ(list_json({}), R"({"slots":128,"connections":[]})");
+}
+
+TEST(StreamsJson, HasOneObjectForEachStream) {
+    StreamSummary summary;
+    summary.stream = "cam1";
+    summary.publisher_id = 3;
+    summary.publisher_address = "10.0.0.1:5000";
+    summary.size = VideoSize{640, 360};
+    summary.players = 2;
+    summary.in_rate = 1000.4;
+    summary.out_rate = 2000;
+    summary.rivals = {7, 9};
+    EXPECT_EQ(
+        streams_json({summary}),
+        R"({"streams":[{"stream":"cam1","publisher":3,"publisher_address":"10.0.0.1:5000","players":2,)"
+        R"("width":640,"height":360,"bytes_in_per_second":1000,"bytes_out_per_second":2000,"rivals":[7,9]}]})");
+    StreamSummary waiting;
+    waiting.stream = "w\xff";
+    EXPECT_EQ(streams_json({waiting}),
+              "{\"streams\":[{\"stream\":\"w\xef\xbf\xbd\",\"publisher\":null,\"publisher_address\":null,"
+              "\"players\":0,"
+              "\"width\":null,\"height\":null,\"bytes_in_per_second\":null,\"bytes_out_per_second\":null,"
+              "\"rivals\":[]}]}");
+    EXPECT_EQ(streams_json({}), R"({"streams":[]})");
+}
+
+TEST(WatchJson, SaysWhetherTheServerRuns) {
+    EXPECT_EQ(watch_json(false, {}, {}), R"({"running":false,"slots":128,"streams":[],"connections":[]})");
+}
+
+TEST(OtherJson, TellWhatWasDone) {
+    EXPECT_EQ(hello_json("How are you?", 12345), R"({"greeting":"How are you?","round_trip_ms":12.345})");
+    EXPECT_EQ(drop_json(2, false, "OK"), R"({"dropped":2,"dry_run":false,"message":"OK"})");
+    EXPECT_EQ(drop_json(3, true, std::nullopt), R"({"dropped":3,"dry_run":true,"message":null})");
+    EXPECT_EQ(version_json("1.2.3"), R"({"version":"1.2.3"})");
+}

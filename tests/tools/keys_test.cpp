@@ -1,0 +1,38 @@
+#include "tools/v9_rtmp_ctl/keys.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+TEST(Keys, CharactersAndEditingKeysAreTold) {
+    EXPECT_THAT(decode_keys("q /"), ElementsAre(Key{KeyKind::CHARACTER, 'q'}, Key{KeyKind::CHARACTER, ' '},
+                                                Key{KeyKind::CHARACTER, '/'}));
+    EXPECT_THAT(decode_keys("\r\n\x7f\b"),
+                ElementsAre(Key{KeyKind::ENTER, 0}, Key{KeyKind::ENTER, 0}, Key{KeyKind::BACKSPACE, 0},
+                            Key{KeyKind::BACKSPACE, 0}));
+    EXPECT_THAT(decode_keys(""), IsEmpty());
+}
+
+TEST(Keys, SequencesAreOneKey) {
+    EXPECT_THAT(decode_keys("\x1b[A\x1b[B\x1bOA\x1b[5~\x1b[6~\x1b[H"),
+                ElementsAre(Key{KeyKind::UP, 0}, Key{KeyKind::DOWN, 0}, Key{KeyKind::UP, 0},
+                            Key{KeyKind::PAGE_UP, 0}, Key{KeyKind::PAGE_DOWN, 0}, Key{KeyKind::HOME, 0}));
+}
+
+TEST(Keys, UnknownSequencesTypeNothing) {
+    EXPECT_THAT(decode_keys("\x1b[15~q"), ElementsAre(Key{KeyKind::OTHER, 0}, Key{KeyKind::CHARACTER, 'q'}));
+    EXPECT_THAT(decode_keys("\x1b[1;5Cq"), ElementsAre(Key{KeyKind::OTHER, 0}, Key{KeyKind::CHARACTER, 'q'}));
+    EXPECT_THAT(decode_keys("\x1b["), ElementsAre(Key{KeyKind::OTHER, 0}));
+}
+
+TEST(Keys, ALoneEscapeIsTheKey) {
+    EXPECT_THAT(decode_keys("\x1b"), ElementsAre(Key{KeyKind::ESCAPE, 0}));
+    EXPECT_THAT(decode_keys("\x1bq"), ElementsAre(Key{KeyKind::ESCAPE, 0}, Key{KeyKind::CHARACTER, 'q'}));
+}
+
+TEST(Keys, OtherBytesTypeNothing) {
+    EXPECT_THAT(decode_keys("\x01\xc3\xa4"),
+                ElementsAre(Key{KeyKind::OTHER, 0}, Key{KeyKind::OTHER, 0}, Key{KeyKind::OTHER, 0}));
+}

@@ -1,0 +1,206 @@
+#include "tools/v9_rtmp_ctl/watch_frame.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+using testing::AnyOf;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+namespace {
+
+WatchModel model_of(const std::vector<std::string>& lines) {
+    WatchModel model;
+    model.clock = "12:34:56";
+    Listing before;
+    before.taken_us = 1000000;
+    for (const std::string& line : lines) {
+        Connection connection = *parse_connection_line(line);
+        connection.bytes_sent = 0;
+        connection.bytes_received = 0;
+        before.connections.push_back(connection);
+    }
+    take_in(model, before);
+    Listing after;
+    after.taken_us = 2000000;
+    for (const std::string& line : lines) {
+        after.connections.push_back(*parse_connection_line(line));
+    }
+    take_in(model, after);
+    return model;
+}
+
+WatchModel small_model() {
+    return model_of({"0\tcam1\tpublish\t640x360\t100\t102400\t10.0.0.1:5000",
+                     "1\tcam1\tplay\t\t51200\t0\t10.0.0.2:5001",
+                     "12\tcam1\tpublish\t\t0\t2048\t10.0.0.9:5009", "3\t\t\t\t0\t0\t10.0.0.4:4"});
+}
+
+WatchModel full_model() {
+    std::vector<std::string> lines;
+    for (int id = 0; id < 128; ++id) {
+        const std::string stream = "stream_" + std::to_string(id / 2);
+        lines.push_back(std::to_string(id) + "\t" + stream + (id % 2 == 0 ? "\tpublish" : "\tplay") +
+                        "\t1280x720\t1000\t2000\t192.168.100.200:50000");
+    }
+    return model_of(lines);
+}
+
+std::vector<std::string> texts(const std::vector<FrameLine>& lines) {
+    std::vector<std::string> all;
+    for (const FrameLine& line : lines) {
+        all.push_back(line.text);
+    }
+    return all;
+}
+
+std::vector<std::string> frame(const WatchModel& model, std::size_t columns, std::size_t rows) {
+    return texts(render_frame(model, {rows, columns}));
+}
+
+}  // namespace
+
+TEST(WatchFrame, ShowsStreamsAndConnectionsIn80Columns) {
+    const std::vector<std::string> lines = frame(small_model(), 80, 24);
+    ASSERT_EQ(lines.size(), 24U);
+    EXPECT_EQ(lines[0], "v9_rtmp_ctl 12:34:56  4 of 128 slots used: 2 publish, 1 play, 1 neither");
+    EXPECT_EQ(lines[1], "in 102.0 KiB/s (102.0 KiB)  out 50.1 KiB/s (50.1 KiB)  sort id");
+    EXPECT_EQ(lines[2], "");
+    EXPECT_EQ(lines[3], "STREAM  PUBLISHER        PLAYERS     SIZE           IN         OUT  RIVALS");
+    EXPECT_EQ(lines[4], "cam1    0 10.0.0.1:5000        1  640x360  100.0 KiB/s  50.0 KiB/s  12");
+    EXPECT_EQ(lines[5], "");
+    EXPECT_EQ(lines[6], "ID  STREAM  MODE        SENDING    RECEIVING  ADDRESS");
+    EXPECT_EQ(lines[7], " 0  cam1    publish     100 B/s  100.0 KiB/s  10.0.0.1:5000");
+    EXPECT_EQ(lines[8], " 1  cam1    play     50.0 KiB/s        0 B/s  10.0.0.2:5001");
+    EXPECT_EQ(lines[9], " 3  -       -             0 B/s        0 B/s  10.0.0.4:4");
+    EXPECT_EQ(lines[10], "12  cam1    publish       0 B/s    2.0 KiB/s  10.0.0.9:5009");
+    EXPECT_EQ(lines[11], "");
+    EXPECT_EQ(lines[23], "q quit  s sort  p pause  / filter  d drop  arrows scroll  ? help");
+}
+
+TEST(WatchFrame, FitsIntoEverySize) {
+    for (const WatchModel& model : {small_model(), full_model(), WatchModel()}) {
+        for (std::size_t rows = 1; rows <= 30; ++rows) {
+            for (const std::size_t columns : {1U, 10U, 40U, 79U, 80U, 200U}) {
+                const std::vector<std::string> lines = frame(model, columns, rows);
+                EXPECT_EQ(lines.size(), rows);
+                for (const std::string& line : lines) {
+                    EXPECT_LE(line.size(), columns);
+                }
+            }
+        }
+    }
+}
+
+TEST(WatchFrame, SaysWhatThereIsNoRoomFor) {
+    const std::vector<std::string> lines = frame(full_model(), 80, 24);
+    EXPECT_THAT(lines[3], StartsWith("STREAM"));
+    EXPECT_EQ(lines[12], "... 56 more");  // ten rows for the streams: titles, eight of 64, and this
+    EXPECT_EQ(lines[13], "");
+    EXPECT_THAT(lines[14], StartsWith(" ID"));
+    EXPECT_THAT(lines[15], StartsWith("  0"));
+    EXPECT_EQ(lines[22], "... 121 more");
+}
+
+TEST(WatchFrame, ScrollsDownToTheLastConnection) {
+    WatchModel model = full_model();
+    model.scroll = 2;
+    EXPECT_THAT(frame(model, 80, 24)[15], StartsWith("  2"));
+    const std::size_t last = last_scroll(model, {24, 80});
+    EXPECT_EQ(last, 120U);
+    model.scroll = last;
+    EXPECT_THAT(frame(model, 80, 24)[22], StartsWith("127"));
+    model.scroll = 127;
+    EXPECT_THAT(frame(model, 80, 24)[22], StartsWith("127"));
+    EXPECT_EQ(last_scroll(small_model(), {24, 80}), 0U);
+}
+
+TEST(WatchFrame, OnAFewRowsTheConnectionsRemain) {
+    EXPECT_THAT(frame(small_model(), 80, 7),
+                ElementsAre(StartsWith("v9_rtmp_ctl"), StartsWith("in "), "", StartsWith("ID"),
+                            StartsWith(" 0"), "... 3 more", StartsWith("q quit")));
+    EXPECT_THAT(frame(small_model(), 80, 1), ElementsAre(StartsWith("q quit")));
+}
+
+TEST(WatchFrame, CutsLinesAt40And20Columns) {
+    EXPECT_EQ(frame(small_model(), 40, 24)[7], " 0  cam1    pub~     100 B/s  100.0 KiB~");
+    EXPECT_EQ(frame(small_model(), 20, 24)[7], " 0  cam1    pub~   ~");
+}
+
+TEST(WatchFrame, ShowsStrangersBytesInHex) {
+    const WatchModel model = model_of({std::string("0\t\x1b[2J\n\tplay\t\t1\t2\t\x9b") + "1"});
+    for (const FrameLine& line : render_frame(model, {24, 80})) {
+        for (const char c : line.text) {
+            EXPECT_THAT(c, testing::AllOf(testing::Ge(0x20), testing::Le(0x7E)));
+        }
+    }
+    EXPECT_THAT(frame(model, 80, 24)[4], StartsWith("\\x1B[2J\\x0A  "));
+}
+
+TEST(WatchFrame, SaysThatTheServerIsNotRunning) {
+    WatchModel model = small_model();
+    take_in(model, Failure{ExitCode::NOT_RUNNING, "there is no socket. Start it."});
+    const std::vector<std::string> lines = frame(model, 80, 24);
+    EXPECT_EQ(lines[0], "v9_rtmp_ctl 12:34:56  not running");
+    EXPECT_EQ(lines[4], "there is no socket. Start it.");
+    take_in(model, Failure{ExitCode::NO_REPLY, "late"});
+    EXPECT_EQ(frame(model, 80, 24)[0], "v9_rtmp_ctl 12:34:56  no answer");
+}
+
+TEST(WatchFrame, BreaksLongAdviceAtBlanks) {
+    WatchModel model;
+    take_in(model, Failure{ExitCode::NO_REPLY, "one two three aaaaaaaaaaaaaaaa"});
+    const std::vector<std::string> lines = frame(model, 10, 24);
+    EXPECT_EQ(lines[4], "one two");
+    EXPECT_EQ(lines[5], "three");
+    EXPECT_EQ(lines[6], "aaaaaaaaaa");
+    EXPECT_EQ(lines[7], "aaaaaa");
+}
+
+TEST(WatchFrame, TheFootAsksAndTells) {
+    WatchModel model = small_model();
+    model.mode = WatchMode::DROP_ID;
+    model.input = "1";
+    EXPECT_THAT(frame(model, 80, 24)[23], StartsWith("drop connection id: 1_"));
+    model.mode = WatchMode::DROP_CONFIRM;
+    model.drop_candidate = model.listing.connections[1];
+    EXPECT_EQ(frame(model, 80, 24)[23], "Drop connection 1, play 'cam1', 10.0.0.2:5001? [y/N]");
+    model.drop_candidate = model.listing.connections[2];
+    EXPECT_EQ(frame(model, 80, 24)[23], "Drop connection 3, without a stream, 10.0.0.4:4? [y/N]");
+    model.mode = WatchMode::FILTER;
+    model.filter = "ca";
+    EXPECT_THAT(frame(model, 80, 24)[23], StartsWith("filter: ca_"));
+    model.mode = WatchMode::VIEW;
+    model.notice = "Dropped connection 1.";
+    EXPECT_EQ(frame(model, 80, 24)[23], "Dropped connection 1.");
+}
+
+TEST(WatchFrame, SaysThatItIsPausedAndFiltered) {
+    WatchModel model = small_model();
+    model.paused = true;
+    model.filter = "cam";
+    EXPECT_THAT(frame(model, 80, 24)[1], StartsWith("PAUSED  filter 'cam'  in 102.0 KiB/s"));
+}
+
+TEST(WatchFrame, HelpFitsInto80x24) {
+    WatchModel model = small_model();
+    model.mode = WatchMode::HELP;
+    const std::vector<FrameLine> lines = render_frame(model, {24, 200});
+    for (const FrameLine& line : lines) {
+        EXPECT_LE(line.text.size(), 80U) << line.text;
+    }
+    EXPECT_EQ(texts(lines), frame(model, 80, 24));
+}
+
+TEST(WatchFrame, AnEndlessFrameLeavesNothingOut) {
+    const std::vector<std::string> lines = texts(render_endless_frame(full_model()));
+    EXPECT_EQ(lines.size(), 3U + 65U + 1U + 129U);
+    EXPECT_THAT(lines.back(), StartsWith("127"));
+}
+
+TEST(WatchFrame, IsPaintedOverTheOldOneWithoutColorIfNotWanted) {
+    const std::vector<FrameLine> lines{{"a", LineStyle::HEADING}, {"b", LineStyle::PLAIN}};
+    EXPECT_EQ(paint_frame(lines, false), "\x1b[Ha\x1b[K\r\nb\x1b[K\x1b[J");
+    EXPECT_EQ(paint_frame(lines, true), "\x1b[H\x1b[1ma\x1b[0m\x1b[K\r\nb\x1b[K\x1b[J");
+}

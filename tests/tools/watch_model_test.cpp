@@ -1,0 +1,168 @@
+#include "tools/v9_rtmp_ctl/watch_model.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Optional;
+using testing::SizeIs;
+
+namespace {
+
+constexpr Key ENTER{KeyKind::ENTER, 0};
+constexpr Key ESCAPE{KeyKind::ESCAPE, 0};
+
+Listing sample_listing(std::uint64_t taken_us = 1000000) {
+    Listing listing;
+    listing.taken_us = taken_us;
+    for (const char* line :
+         {"0\tcam1\tpublish\t640x360\t10\t1000\t10.0.0.1:1", "1\tcam1\tplay\t\t2000\t10\t10.0.0.2:2",
+          "2\tdemo\tplay\t\t500\t10\t10.0.0.3:3", "3\t\t\t\t0\t0\t10.0.0.4:4"}) {
+        listing.connections.push_back(*parse_connection_line(line));
+    }
+    return listing;
+}
+
+WatchModel running_model() {
+    WatchModel model;
+    take_in(model, sample_listing());
+    return model;
+}
+
+WatchAction type(WatchModel& model, std::string_view characters) {
+    WatchAction action = WatchAction::NONE;
+    for (const char c : characters) {
+        action = press_key(model, {KeyKind::CHARACTER, c});
+    }
+    return action;
+}
+
+}  // namespace
+
+TEST(WatchModel, QuitsOnQ) {
+    WatchModel model = running_model();
+    EXPECT_EQ(type(model, "x"), WatchAction::NONE);
+    EXPECT_EQ(type(model, "q"), WatchAction::QUIT);
+}
+
+TEST(WatchModel, MeasuresRatesFromLookToLook) {
+    WatchModel model = running_model();
+    EXPECT_EQ(model.listing.connections[1].sent_rate, std::nullopt);
+    Listing next = sample_listing(3000000);
+    next.connections[1].bytes_sent = 6000;
+    take_in(model, next);
+    EXPECT_THAT(model.listing.connections[1].sent_rate, Optional(2000.0));
+    EXPECT_THAT(model.streams[0].out_rate, Optional(2000.0));
+}
+
+TEST(WatchModel, ForgetsEverythingWhenTheServerIsGone) {
+    WatchModel model = running_model();
+    take_in(model, Failure{ExitCode::NOT_RUNNING, "gone"});
+    EXPECT_FALSE(model.running);
+    EXPECT_EQ(model.trouble->message, "gone");
+    EXPECT_THAT(model.listing.connections, IsEmpty());
+    EXPECT_THAT(model.streams, IsEmpty());
+    take_in(model, sample_listing(2000000));
+    EXPECT_TRUE(model.running);
+    EXPECT_FALSE(model.trouble);
+    // No rate is made up from before the restart.
+    EXPECT_EQ(model.listing.connections[1].sent_rate, std::nullopt);
+}
+
+TEST(WatchModel, SortsByTheNextKeyAtOnce) {
+    WatchModel model = running_model();
+    type(model, "s");
+    EXPECT_EQ(model.sort, SortKey::STREAM);
+    type(model, "s");
+    EXPECT_EQ(model.sort, SortKey::RATE);
+    type(model, "s");
+    EXPECT_EQ(model.sort, SortKey::ID);
+    EXPECT_EQ(model.listing.connections[3].id, 3U);
+}
+
+TEST(WatchModel, PausesWithPAndSpace) {
+    WatchModel model = running_model();
+    type(model, "p");
+    EXPECT_TRUE(model.paused);
+    type(model, " ");
+    EXPECT_FALSE(model.paused);
+}
+
+TEST(WatchModel, FiltersWhileTyped) {
+    WatchModel model = running_model();
+    type(model, "/cam");
+    EXPECT_THAT(shown_connections(model), SizeIs(2));
+    EXPECT_THAT(shown_streams(model), SizeIs(1));
+    type(model, "q");  // a letter like any other here
+    EXPECT_THAT(shown_connections(model), IsEmpty());
+    EXPECT_EQ(press_key(model, {KeyKind::BACKSPACE, 0}), WatchAction::NONE);
+    static_cast<void>(press_key(model, ENTER));
+    EXPECT_EQ(model.filter, "cam");
+    EXPECT_EQ(model.mode, WatchMode::VIEW);
+
+    type(model, "/demo");
+    static_cast<void>(press_key(model, ESCAPE));
+    EXPECT_EQ(model.filter, "cam");
+}
+
+TEST(WatchModel, FiltersByModeAndAddressToo) {
+    WatchModel model = running_model();
+    model.filter = "publish";
+    EXPECT_THAT(shown_connections(model), SizeIs(1));
+    model.filter = "10.0.0.4";
+    EXPECT_THAT(shown_connections(model), SizeIs(1));
+}
+
+TEST(WatchModel, DropsOnlyAfterAYes) {
+    WatchModel model = running_model();
+    type(model, "d1");
+    static_cast<void>(press_key(model, ENTER));
+    ASSERT_EQ(model.mode, WatchMode::DROP_CONFIRM);
+    EXPECT_EQ(model.drop_candidate->id, 1U);
+    EXPECT_EQ(model.drop_candidate->stream, "cam1");
+    EXPECT_EQ(press_key(model, ENTER), WatchAction::NONE);
+    EXPECT_FALSE(model.drop_candidate);
+    EXPECT_EQ(model.notice, "Nothing was dropped.");
+
+    type(model, "d1");
+    static_cast<void>(press_key(model, ENTER));
+    EXPECT_EQ(type(model, "y"), WatchAction::DROP);
+    EXPECT_EQ(model.drop_candidate->id, 1U);
+    EXPECT_EQ(model.mode, WatchMode::VIEW);
+}
+
+TEST(WatchModel, DropsNobodyWhoIsNotListed) {
+    WatchModel model = running_model();
+    for (const char* typed : {"d99", "d128", "d1x", "d-1"}) {
+        type(model, typed);
+        static_cast<void>(press_key(model, ENTER));
+        EXPECT_EQ(model.mode, WatchMode::VIEW) << typed;
+        EXPECT_FALSE(model.drop_candidate) << typed;
+        EXPECT_THAT(model.notice, HasSubstr("no connection")) << typed;
+    }
+    type(model, "d1");
+    static_cast<void>(press_key(model, ESCAPE));
+    EXPECT_EQ(model.mode, WatchMode::VIEW);
+    EXPECT_FALSE(model.drop_candidate);
+}
+
+TEST(WatchModel, HelpGoesAwayWithAnyKey) {
+    WatchModel model = running_model();
+    type(model, "?");
+    EXPECT_EQ(model.mode, WatchMode::HELP);
+    EXPECT_EQ(type(model, "q"), WatchAction::NONE);
+    EXPECT_EQ(model.mode, WatchMode::VIEW);
+}
+
+TEST(WatchModel, ScrollsWithinTheList) {
+    WatchModel model = running_model();
+    static_cast<void>(press_key(model, {KeyKind::UP, 0}));
+    EXPECT_EQ(model.scroll, 0U);
+    static_cast<void>(press_key(model, {KeyKind::DOWN, 0}));
+    EXPECT_EQ(model.scroll, 1U);
+    static_cast<void>(press_key(model, {KeyKind::PAGE_DOWN, 0}));
+    EXPECT_EQ(model.scroll, 3U);
+    static_cast<void>(press_key(model, {KeyKind::HOME, 0}));
+    EXPECT_EQ(model.scroll, 0U);
+}

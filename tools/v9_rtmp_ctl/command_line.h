@@ -1,0 +1,49 @@
+// The command line: what may be said, and what was. Pure.
+//
+// Global options stand before or behind the subcommand. Of raw, everything behind its COMMAND is passed to
+// the server as it is, so options of the tool end there; one "--" right before or right behind the COMMAND is
+// taken for the usual mark and not passed.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "tools/v9_rtmp_ctl/commands.h"
+
+enum class Subcommand {
+    NONE,  // only something to print was asked for
+    HELLO,
+    LIST,
+    STREAMS,
+    DROP_ID,
+    DROP_STREAM,
+    DROP_UNNAMED,
+    WATCH,
+    RAW,
+    COMPLETION,
+    VERSION,
+};
+
+struct CommandLine {
+    Subcommand subcommand = Subcommand::NONE;
+    Settings settings;
+    ListOptions list;
+    DropOptions drop;
+    WatchOptions watch;
+    RawOptions raw;
+    std::string shell;      // of completion
+    std::string help_text;  // to be printed on standard output; of NONE
+};
+
+// words is the command line behind the program's name. A failure is ExitCode::USAGE.
+[[nodiscard]] std::optional<Failure> parse_command_line(const std::vector<std::string>& words,
+                                                        CommandLine& command_line);
+
+// The part of the words of a raw command that is the tool's, and the request behind it.
+struct SplitWords {
+    std::vector<std::string> own;  // all words when the subcommand is not raw
+    bool has_request = false;
+    Request request;
+};
+
+[[nodiscard]] SplitWords split_raw_words(const std::vector<std::string>& words);

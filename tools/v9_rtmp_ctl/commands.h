@@ -1,0 +1,66 @@
+// What the user asked for, and the subcommands that do it: one source file each.
+//
+// Every run_ function prints its result on standard output, reports a failure itself, and returns the exit
+// code.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "tools/v9_rtmp_ctl/connections.h"
+#include "tools/v9_rtmp_ctl/control_client.h"
+#include "tools/v9_rtmp_ctl/failure.h"
+
+constexpr const char* DEFAULT_SOCKET_PATH = "/var/run/v9_rtmp_server.socket";
+
+enum class OutputForm { PEOPLE, PLAIN, JSON };
+
+// What stands before or behind every subcommand.
+struct Settings {
+    std::string socket_path = DEFAULT_SOCKET_PATH;
+    double timeout_seconds = 5;
+    OutputForm form = OutputForm::PEOPLE;
+    bool no_color = false;
+    bool quiet = false;  // no word about what was done; failures are still reported
+
+    [[nodiscard]] std::uint64_t timeout_us() const {
+        return static_cast<std::uint64_t>(timeout_seconds * 1e6);
+    }
+};
+
+struct ListOptions {
+    std::optional<std::string> mode;  // "publish", "play" or "none"
+    std::optional<std::string> stream;
+    SortKey sort = SortKey::ID;
+    bool no_legend = false;
+};
+
+struct DropOptions {
+    std::string id;
+    std::string stream;
+    std::optional<std::string> expected_stream;  // of drop id
+    bool dry_run = false;
+    bool force = false;
+};
+
+struct WatchOptions {
+    double interval_seconds = 1;
+};
+
+struct RawOptions {
+    bool async = false;
+    Request request;
+};
+
+ExitCode run_hello(const Settings& settings);
+ExitCode run_list(const Settings& settings, const ListOptions& options);
+ExitCode run_streams(const Settings& settings);
+ExitCode run_drop_id(const Settings& settings, const DropOptions& options);
+ExitCode run_drop_stream(const Settings& settings, const DropOptions& options);
+ExitCode run_drop_unnamed(const Settings& settings, const DropOptions& options);
+ExitCode run_watch(const Settings& settings, const WatchOptions& options);
+ExitCode run_raw(const Settings& settings, const RawOptions& options);
+ExitCode run_completion(const std::string& shell);
+ExitCode run_version(const Settings& settings);

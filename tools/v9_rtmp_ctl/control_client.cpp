@@ -1,0 +1,193 @@
+#include "tools/v9_rtmp_ctl/control_client.h"
+
+#include <chrono>
+#include <memory>
+#include <string_view>
+#include <thread>
+
+namespace {
+
+constexpr std::chrono::milliseconds RATE_WINDOW{1000};
+
+struct PacketRelease {
+    void operator()(comm_socket_v4_packet* packet) const { comm_socket_v4_packet_release(packet); }
+};
+using PacketHandle = std::unique_ptr<comm_socket_v4_packet, PacketRelease>;
+
+// Null when the request is above a limit.
+PacketHandle make_packet(const Request& request, bool async) {
+    PacketHandle packet(comm_socket_v4_packet_create());
+    comm_socket_v4_packet* const p = packet.get();
+    if (comm_socket_v4_packet_begin_writing(p, 0, request.command.c_str(), "") != 0) {
+        return nullptr;
+    }
+    for (const std::string& argument : request.arguments) {
+        if (comm_socket_v4_packet_write_argv_bytes(p, argument.data(), argument.size()) != 0) {
+            return nullptr;
+        }
+    }
+    if (comm_socket_v4_packet_write_end(p) != 0) {
+        return nullptr;
+    }
+    comm_socket_v4_packet_set_async(p, async ? 1 : 0);
+    return packet;
+}
+
+Reply read_reply(const comm_socket_v4_packet* packet) {
+    Reply reply;
+    reply.status = packet->status;
+    reply.command.assign(comm_socket_v4_packet_get_command(packet),
+                         comm_socket_v4_packet_get_command_length(packet));
+    reply.message.assign(comm_socket_v4_packet_get_message(packet),
+                         comm_socket_v4_packet_get_message_length(packet));
+    const std::size_t count = comm_socket_v4_packet_get_pair_count(packet);
+    for (std::size_t i = 0; i < count; ++i) {
+        reply.pairs.emplace_back(std::string(comm_socket_v4_packet_get_pair_name(packet, i),
+                                             comm_socket_v4_packet_get_pair_name_length(packet, i)),
+                                 std::string(comm_socket_v4_packet_get_pair_value(packet, i),
+                                             comm_socket_v4_packet_get_pair_value_length(packet, i)));
+    }
+    return reply;
+}
+
+}  // namespace
+
+ControlClient::ControlClient(std::string path, std::uint64_t timeout)
+    : socket_path(std::move(path)), timeout_us(timeout) {}
+
+ControlClient::~ControlClient() {
+    disconnect();
+}
+
+void ControlClient::disconnect() {
+    connection = comm_socket_v4_disconnect(connection);
+}
+
+std::optional<Failure> ControlClient::fail(comm_socket_v4_error error) {
+    disconnect();
+    return describe_failure(error, socket_path);
+}
+
+std::optional<Failure> ControlClient::connect() {
+    if (connection != nullptr) {
+        return std::nullopt;
+    }
+    comm_socket_v4_error error = COMM_SOCKET_V4_OK;
+    connection = comm_socket_v4_connect(socket_path.c_str(), timeout_us, &error);
+    return connection == nullptr ? fail(error) : std::nullopt;
+}
+
+std::optional<Failure> ControlClient::take_reply(comm_socket_v4_error error, comm_socket_v4_packet* packet,
+                                                 Reply& reply) {
+    const PacketHandle handle(packet);
+    if (error != COMM_SOCKET_V4_OK) {
+        return fail(error);
+    }
+    reply = read_reply(packet);
+    return std::nullopt;
+}
+
+std::optional<Failure> ControlClient::call(const Request& request, Reply& reply) {
+    if (std::optional<Failure> failure = connect()) {
+        return failure;
+    }
+    const PacketHandle packet = make_packet(request, false);
+    if (packet == nullptr) {
+        return fail(COMM_SOCKET_V4_TOO_LARGE);
+    }
+    comm_socket_v4_packet* answer = nullptr;
+    const comm_socket_v4_error error = comm_socket_v4_call(connection, packet.get(), timeout_us, &answer);
+    return take_reply(error, answer, reply);
+}
+
+std::optional<Failure> ControlClient::send_async(const Request& request) {
+    if (std::optional<Failure> failure = connect()) {
+        return failure;
+    }
+    const PacketHandle packet = make_packet(request, true);
+    if (packet == nullptr) {
+        return fail(COMM_SOCKET_V4_TOO_LARGE);
+    }
+    const comm_socket_v4_error error = comm_socket_v4_send_request(connection, packet.get(), timeout_us);
+    return error != COMM_SOCKET_V4_OK ? fail(error) : std::nullopt;
+}
+
+std::optional<Failure> ControlClient::start(const Request& request) {
+    if (std::optional<Failure> failure = connect()) {
+        return failure;
+    }
+    const PacketHandle packet = make_packet(request, false);
+    if (packet == nullptr) {
+        return fail(COMM_SOCKET_V4_TOO_LARGE);
+    }
+    const comm_socket_v4_error error = comm_socket_v4_send_request(connection, packet.get(), timeout_us);
+    if (error != COMM_SOCKET_V4_OK) {
+        return fail(error);
+    }
+    started_request_id = packet->request_id;
+    return std::nullopt;
+}
+
+std::optional<Failure> ControlClient::poll_reply(Reply& reply, bool& found) {
+    comm_socket_v4_packet* answer = nullptr;
+    const comm_socket_v4_error error = comm_socket_v4_wait_reply(connection, started_request_id, 0, &answer);
+    found = error == COMM_SOCKET_V4_OK;
+    if (error == COMM_SOCKET_V4_TIMEOUT) {
+        return std::nullopt;
+    }
+    return take_reply(error, answer, reply);
+}
+
+std::uint64_t clock_us() {
+    const auto now = std::chrono::steady_clock::now().time_since_epoch();
+    return static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::microseconds>(now).count());
+}
+
+Request list_request(const std::string& mode) {
+    Request request{"list connections", {}};
+    if (!mode.empty()) {
+        request.arguments.push_back(mode);
+    }
+    return request;
+}
+
+std::optional<Failure> read_listing(const Reply& reply, Listing& listing) {
+    listing.connections.clear();
+    if (reply.status != COMM_SOCKET_V4_STATUS_SUCCESS) {
+        return refused_by_server(reply.message);
+    }
+    for (const auto& [name, value] : reply.pairs) {
+        if (name != "connection") {
+            continue;
+        }
+        std::optional<Connection> connection = parse_connection_line(value);
+        if (!connection) {
+            return unreadable_reply("'" + value.substr(0, 200) + "' is no line of a listing");
+        }
+        listing.connections.push_back(std::move(*connection));
+    }
+    return std::nullopt;
+}
+
+std::optional<Failure> take_listing(ControlClient& client, const std::string& mode, Listing& listing) {
+    Reply reply;
+    if (std::optional<Failure> failure = client.call(list_request(mode), reply)) {
+        return failure;
+    }
+    listing.taken_us = clock_us();
+    return read_listing(reply, listing);
+}
+
+std::optional<Failure> take_listing_with_rates(ControlClient& client, const std::string& mode,
+                                               Listing& listing) {
+    Listing before;
+    if (std::optional<Failure> failure = take_listing(client, mode, before)) {
+        return failure;
+    }
+    std::this_thread::sleep_for(RATE_WINDOW);
+    if (std::optional<Failure> failure = take_listing(client, mode, listing)) {
+        return failure;
+    }
+    add_rates(before, listing);
+    return std::nullopt;
+}

@@ -1,0 +1,84 @@
+// One connection to the server's control socket: requests out, replies in, every failure with its advice.
+//
+// Connects at the first request and again after a failure. Used by one thread.
+#pragma once
+
+#include <comm_socket_v4.h>
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "tools/v9_rtmp_ctl/connections.h"
+#include "tools/v9_rtmp_ctl/failure.h"
+
+struct Request {
+    std::string command;
+    std::vector<std::string> arguments;
+};
+
+// Strings are as the server sent them.
+struct Reply {
+    std::uint64_t status = 0;
+    std::string command;
+    std::string message;
+    std::vector<std::pair<std::string, std::string>> pairs;  // in the order sent; names may repeat
+};
+
+class ControlClient {
+  public:
+    // timeout_us bounds every call, connecting included.
+    ControlClient(std::string path, std::uint64_t timeout);
+    ~ControlClient();
+    ControlClient(const ControlClient&) = delete;
+    ControlClient& operator=(const ControlClient&) = delete;
+
+    // Connects now, so that the time of a call is that of request and reply alone.
+    [[nodiscard]] std::optional<Failure> connect();
+
+    // Sends and waits for the reply, which may carry any status.
+    [[nodiscard]] std::optional<Failure> call(const Request& request, Reply& reply);
+
+    // Sends a request that wants no reply.
+    [[nodiscard]] std::optional<Failure> send_async(const Request& request);
+
+    // For a caller that polls: start() sends, and poll_reply() looks for its reply without waiting; found is
+    // false while it has not come. A failure ends the connection and the wait.
+    [[nodiscard]] std::optional<Failure> start(const Request& request);
+    [[nodiscard]] std::optional<Failure> poll_reply(Reply& reply, bool& found);
+
+    // To be polled for input between start() and its reply; -1 without a connection.
+    [[nodiscard]] int fd() const { return comm_socket_v4_connection_get_fd(connection); }
+
+    // Closes the connection; the next request makes a new one.
+    void disconnect();
+
+  private:
+    [[nodiscard]] std::optional<Failure> fail(comm_socket_v4_error error);
+    [[nodiscard]] std::optional<Failure> take_reply(comm_socket_v4_error error, comm_socket_v4_packet* packet,
+                                                    Reply& reply);
+
+    const std::string socket_path;
+    const std::uint64_t timeout_us;
+    comm_socket_v4_connection* connection = nullptr;
+    std::uint64_t started_request_id = 0;
+};
+
+// Microseconds of a clock that never goes back.
+[[nodiscard]] std::uint64_t clock_us();
+
+// The request for the connections of one mode, or of all when mode is empty.
+[[nodiscard]] Request list_request(const std::string& mode);
+
+// Reads the reply to list_request. listing is unspecified after a failure.
+[[nodiscard]] std::optional<Failure> read_listing(const Reply& reply, Listing& listing);
+
+// Both together.
+[[nodiscard]] std::optional<Failure> take_listing(ControlClient& client, const std::string& mode,
+                                                  Listing& listing);
+
+// Two listings a second apart; what is returned are the connections of the second, with their rates.
+[[nodiscard]] std::optional<Failure> take_listing_with_rates(ControlClient& client, const std::string& mode,
+                                                             Listing& listing);

@@ -1,0 +1,34 @@
+// Why the tool gives up: the exit code for scripts, and a sentence or two for people that always says what to
+// do next. A function that can fail returns std::optional<Failure>; nothing means success.
+#pragma once
+
+#include <comm_socket_v4.h>
+
+#include <optional>
+#include <string>
+
+enum class ExitCode : int {
+    DONE = 0,
+    NEGATIVE_ANSWER = 1,  // the server answered with an error status, or nothing matched
+    USAGE = 2,
+    NOT_RUNNING = 3,  // no socket, or nobody listens at it
+    PERMISSION = 4,
+    NO_REPLY = 5,  // time-out, or a reply that cannot be read
+};
+
+struct Failure {
+    ExitCode exit_code = ExitCode::NO_REPLY;
+    std::string message;  // without line end
+};
+
+// What an error of the control library means to the user. error is not COMM_SOCKET_V4_OK.
+[[nodiscard]] Failure describe_failure(comm_socket_v4_error error, const std::string& socket_path);
+
+// For an error status in the reply to a command that this tool knows.
+[[nodiscard]] Failure refused_by_server(const std::string& message);
+
+// For a reply that is complete but does not say what this tool expects.
+[[nodiscard]] Failure unreadable_reply(const std::string& what);
+
+// Prints "v9_rtmp_ctl: MESSAGE" on standard error and returns the failure's exit code.
+ExitCode report(const Failure& failure);

@@ -1,0 +1,77 @@
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <exception>
+#include <iostream>
+#include <string>
+#include <vector>
+
+#include "tools/v9_rtmp_ctl/command_line.h"
+
+namespace {
+
+// The control socket must not become standard output: the server would be sent what is meant for the user.
+void open_closed_standard_descriptors() {
+    for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
+        if (fcntl(fd, F_GETFD) < 0) {
+            // The lowest free descriptor is this one, since those below it are open by now.
+            static_cast<void>(open("/dev/null", O_RDWR));
+        }
+    }
+}
+
+ExitCode run(const CommandLine& line) {
+    switch (line.subcommand) {
+        case Subcommand::NONE:
+            std::cout << line.help_text;
+            return ExitCode::DONE;
+        case Subcommand::HELLO:
+            return run_hello(line.settings);
+        case Subcommand::LIST:
+            return run_list(line.settings, line.list);
+        case Subcommand::STREAMS:
+            return run_streams(line.settings);
+        case Subcommand::DROP_ID:
+            return run_drop_id(line.settings, line.drop);
+        case Subcommand::DROP_STREAM:
+            return run_drop_stream(line.settings, line.drop);
+        case Subcommand::DROP_UNNAMED:
+            return run_drop_unnamed(line.settings, line.drop);
+        case Subcommand::WATCH:
+            return run_watch(line.settings, line.watch);
+        case Subcommand::RAW:
+            return run_raw(line.settings, line.raw);
+        case Subcommand::COMPLETION:
+            return run_completion(line.shell);
+        case Subcommand::VERSION:
+            return run_version(line.settings);
+    }
+    return ExitCode::USAGE;
+}
+
+ExitCode parse_and_run(const std::vector<std::string>& words) {
+    CommandLine line;
+    if (const std::optional<Failure> failure = parse_command_line(words, line)) {
+        return report(*failure);
+    }
+    const ExitCode exit_code = run(line);
+    if (!std::cout.flush()) {
+        return report(
+            {ExitCode::NEGATIVE_ANSWER,
+             "the output could not be written. Check the file or pipe that standard output leads to."});
+    }
+    return exit_code;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    open_closed_standard_descriptors();
+    try {
+        return static_cast<int>(
+            parse_and_run(std::vector<std::string>(argv + (argc > 0 ? 1 : 0), argv + argc)));
+    } catch (const std::exception& error) {
+        return static_cast<int>(report({ExitCode::NO_REPLY, std::string("gave up: ") + error.what() +
+                                                                ". Free some memory and try again."}));
+    }
+}

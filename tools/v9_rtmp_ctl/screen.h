@@ -1,0 +1,54 @@
+// The terminal while watch fills it: the alternate screen, keys without echo, signals as events.
+//
+//   [usual] --open, resume--> [taken] --close, suspend, destructor--> [usual]
+//
+// However the owner is left, by return or by exception, the terminal is as it was before. Signals that would
+// end the process are held back meanwhile and told by read_signals instead. One at a time; one thread.
+#pragma once
+
+#include <termios.h>
+
+#include <csignal>
+#include <memory>
+#include <string>
+#include <string_view>
+
+struct SignalEvents {
+    bool quit = false;     // Ctrl-C, Ctrl-\, or somebody ends the process
+    bool suspend = false;  // Ctrl-Z
+    bool resize = false;
+};
+
+class Screen {
+  public:
+    // Null, with nothing changed, when standard input or output is no terminal that can do this.
+    [[nodiscard]] static std::unique_ptr<Screen> open();
+    ~Screen();
+    Screen(const Screen&) = delete;
+    Screen& operator=(const Screen&) = delete;
+
+    // To be polled for input.
+    [[nodiscard]] int signal_fd() const { return signals; }
+    [[nodiscard]] static int key_fd();
+
+    // What has come; never blocks.
+    [[nodiscard]] SignalEvents read_signals() const;
+
+    // Appends what was typed. False when the terminal is gone.
+    [[nodiscard]] static bool read_keys(std::string& bytes);
+
+    // False when the terminal is gone.
+    [[nodiscard]] static bool write(std::string_view bytes);
+
+    // Gives the terminal back, stops the process until it is continued, and takes the terminal again.
+    void suspend();
+
+  private:
+    Screen(int signal_descriptor, const termios& usual, const sigset_t& usual_signals);
+    void take() const;
+    void give_back() const;
+
+    const int signals;
+    const termios usual_mode;
+    const sigset_t usual_mask;
+};

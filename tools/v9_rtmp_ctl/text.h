@@ -1,0 +1,21 @@
+// Text for people: strangers' bytes made harmless, columns cut and filled, sizes in IEC units. Pure.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+// Names and addresses come from strangers: every byte outside 0x20 to 0x7E becomes \xNN. What comes out has
+// one column per byte and cannot steer a terminal or end a line.
+[[nodiscard]] std::string escape_untrusted(std::string_view text);
+
+// At most width columns; a text that was cut ends with '~'.
+[[nodiscard]] std::string cut_text(std::string_view text, std::size_t width);
+
+// "0 B", "1023 B", "1.0 KiB", "12.3 MiB"; "-" when the value is not known.
+[[nodiscard]] std::string format_bytes(std::optional<std::uint64_t> bytes);
+
+// The same with "/s" behind it. Negative and unknown rates are "-".
+[[nodiscard]] std::string format_rate(std::optional<double> bytes_per_second);
