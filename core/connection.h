@@ -76,8 +76,8 @@ class RTMPConnection {
     pthread_t thread2 GUARDED_BY(MAIN_THREAD) = {};     // valid while thread2_init
     bool thread_init GUARDED_BY(MAIN_THREAD) = false;   // the reader was created and not joined
     bool thread2_init GUARDED_BY(MAIN_THREAD) = false;  // the writer was created and not joined
-    bool close_requested GUARDED_BY(MAIN_THREAD) =
-        false;                                     // the only way to have a connection ended; see idle()
+    // the only way to have a connection ended; see idle()
+    bool close_requested GUARDED_BY(MAIN_THREAD) = false;
     bool closing GUARDED_BY(MAIN_THREAD) = false;  // a thread is being stopped; for the debugger
     bool closed GUARDED_BY(MAIN_THREAD) = false;   // both were stopped; for the debugger
 
@@ -92,12 +92,12 @@ class RTMPConnection {
     StreamFormat stream_format GUARDED_BY(MAIN_THREAD);  // publisher: its own; player: what it was told
 
     // --- main thread, publisher: pacing and stall (microseconds of monotonic_clock_us, 0: not yet)
-    std::uint64_t av_start_us GUARDED_BY(MAIN_THREAD) =
-        0;  // first media message examined; on a player: first relayed
-    std::uint32_t av_start_ts GUARDED_BY(MAIN_THREAD) =
-        0;  // first media timestamp that is not 0, milliseconds
-    std::uint64_t stall_deadline_us GUARDED_BY(MAIN_THREAD) =
-        0;  // from then on another publisher may take over
+    // first media message examined; on a player: first relayed
+    std::uint64_t av_start_us GUARDED_BY(MAIN_THREAD) = 0;
+    // first media timestamp that is not 0, milliseconds
+    std::uint32_t av_start_ts GUARDED_BY(MAIN_THREAD) = 0;
+    // from then on another publisher may take over
+    std::uint64_t stall_deadline_us GUARDED_BY(MAIN_THREAD) = 0;
 
     // --- main thread, relay
     std::int32_t audio_lock_type GUARDED_BY(MAIN_THREAD) = -1;  // codec in force; -1: none yet; never reset

@@ -6,9 +6,10 @@
 //   +--------+--------+                 format 2  delta 3
 //   |fmt|  0 | id-64  |  id 64..319     format 3  nothing
 //   +--------+--------+--------+
-//   |fmt|  1 |  id-64 (LE)     |        A format 0 timestamp of 0xFFFFFF is followed by the real one in 4
-//   bytes.
+//   |fmt|  1 |  id-64 (LE)     |
 //   +--------+--------+--------+
+//
+// A format 0 timestamp of 0xFFFFFF is followed by the real one in 4 bytes.
 #pragma once
 
 #include <array>

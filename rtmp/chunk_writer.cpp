@@ -125,6 +125,7 @@ bool send_chunks(RTMPConnection& conn, RTMP_Packet::chunk_t& chunk, int last_fla
 // The echo of a client's set chunk size is the only message of its kind that is ever queued.
 void adopt_chunk_size(RTMPConnection& conn, const RTMP_Packet::chunk_t& sent) {
     if (sent.stream_id == CONTROL_CHUNK_STREAM_ID && sent.message_type_id == MESSAGE_SET_CHUNK_SIZE) {
+        CHECK(sent.message.data_length >= 4);
         conn.conn_g_server.chunk_size.store(read_be32(sent.message.data), std::memory_order_relaxed);
     }
 }

@@ -16,14 +16,14 @@ struct RTMP_Packet {
         std::uint8_t fmt = 0;         // header format 0..3 of the first chunk as received; ignored on output
         std::uint32_t stream_id = 0;  // chunk stream id: 2 is protocol control, 3 and up commands and media
         std::uint32_t timestamp = 0;  // absolute, milliseconds, wraps
-        std::uint32_t message_length =
-            0;  // from the header; on output set from data_length just before sending
+        // from the header; on output set from data_length just before sending
+        std::uint32_t message_length = 0;
         std::uint8_t message_type_id = 0;  // see message_types.h
         std::uint32_t message_stream_id = 0;
 
         struct message_t {
-            unsigned char* data =
-                nullptr;  // from new (std::nothrow) unsigned char[]; null when there is none
+            // from new (std::nothrow) unsigned char[]; null when there is none
+            unsigned char* data = nullptr;
             std::uint32_t data_length = 0;
 
             message_t() = default;

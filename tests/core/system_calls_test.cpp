@@ -1,0 +1,178 @@
+// What the server asks of the system, and what it does when the system refuses.
+#include <arpa/inet.h>
+#include <netinet/tcp.h>
+
+#include "core/listener.h"
+#include "tests/support/connection_fixture.h"
+#include "tests/support/private_namespaces.h"
+#include "tests/support/wrapped_calls.h"
+
+namespace {
+
+class SystemCallsTest : public ConnectionFixture {
+  protected:
+    SystemCallsTest() { wrapped_calls = {}; }
+    ~SystemCallsTest() override { wrapped_calls = {}; }
+};
+
+using SystemCallsDeathTest = SystemCallsTest;
+
+// Takes a message that was queued as the writer thread does, and forgets what arrives.
+bool send_next(RTMPConnection& conn) {
+    return conn.rtmp_send_packet();
+}
+
+int connect_to_server() {
+    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = htons(1935);
+    EXPECT_EQ(connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    return fd;
+}
+
+}  // namespace
+
+TEST_F(SystemCallsTest, a_message_leaves_in_a_call_for_a_thousand_pieces) {
+    RTMPConnection& conn = add_connection();
+    const int large = 1 << 20;
+    ASSERT_EQ(setsockopt(conn.fd, SOL_SOCKET, SO_SNDBUF, &large, sizeof large), 0);
+    wrapped_calls = {};
+    conn.connection_out.push_back(make_packet(9, 0, std::string(100000, 'x')));
+    ASSERT_TRUE(send_next(conn));
+    // 782 chunks: a header each and a slice of the payload each.
+    ASSERT_EQ(wrapped_calls.sends.size(), 2U);
+    EXPECT_EQ(wrapped_calls.sends[0].pieces, 1024U);
+    EXPECT_EQ(wrapped_calls.sends[0].flags, MSG_NOSIGNAL | MSG_MORE);
+    EXPECT_EQ(wrapped_calls.sends[1].flags, MSG_NOSIGNAL);
+    EXPECT_EQ(wrapped_calls.sends[0].bytes + wrapped_calls.sends[1].bytes, 100000U + 12 + 781);
+}
+
+TEST_F(SystemCallsTest, a_message_is_held_back_for_a_fuller_segment_only_while_another_will_follow) {
+    RTMPConnection& conn = add_connection();
+    conn.connection_out.push_back(make_packet(9, 0, "first"));
+    conn.connection_out.push_back(make_packet(9, 0, ""));
+    conn.connection_out.push_back(make_packet(9, 0, "second"));
+    conn.connection_out.push_back(make_packet(9, 0, ""));
+    ASSERT_TRUE(send_next(conn) && send_next(conn) && send_next(conn) && send_next(conn));
+    ASSERT_EQ(wrapped_calls.sends.size(), 2U);
+    EXPECT_EQ(wrapped_calls.sends[0].flags, MSG_NOSIGNAL | MSG_MORE);
+    EXPECT_EQ(wrapped_calls.sends[1].flags, MSG_NOSIGNAL);
+}
+
+TEST_F(SystemCallsTest, listener_and_clients_get_their_options) {
+    ASSERT_TRUE(open_listener());
+    EXPECT_EQ(wrapped_calls.backlogs, std::vector<int>{20});
+    EXPECT_EQ(wrapped_calls.options,
+              (std::vector<SetOption>{{SOL_SOCKET, SO_REUSEADDR, 1, 8}, {SOL_SOCKET, SO_REUSEPORT, 1, 8}}));
+    wrapped_calls = {};
+    const int client = connect_to_server();
+    EXPECT_EQ(printed_by([] { accept_connections(); }), "Accepted connection\n");
+    EXPECT_EQ(wrapped_calls.options, (std::vector<SetOption>{{IPPROTO_TCP, TCP_NODELAY, 1, 4},
+                                                             {SOL_SOCKET, SO_KEEPALIVE, 1, 4},
+                                                             {IPPROTO_TCP, TCP_KEEPIDLE, 60, 4},
+                                                             {IPPROTO_TCP, TCP_KEEPINTVL, 10, 4},
+                                                             {IPPROTO_TCP, TCP_KEEPCNT, 6, 4}}));
+    server_shutdown();
+    EXPECT_EQ(listen_fd, -1);
+    EXPECT_EQ(get_connection(0), nullptr);
+    close(client);
+}
+
+TEST_F(SystemCallsTest, a_client_whose_socket_refuses_its_options_is_served_in_silence) {
+    ASSERT_TRUE(open_listener());
+    for (int refused = 1; refused <= 5; ++refused) {
+        wrapped_calls = {};
+        wrapped_calls.failing_setsockopt = refused;
+        const int client = connect_to_server();
+        EXPECT_EQ(printed_by([] { accept_connections(); }), "Accepted connection\n");
+        EXPECT_EQ(wrapped_calls.options.size(), 5U);
+        close(client);
+    }
+    server_shutdown();
+}
+
+TEST_F(SystemCallsTest, a_listener_goes_on_without_an_option_that_is_refused) {
+    for (const auto& [refused, text] : {std::pair{1, "WARNING: IPTV out cannot set SO_REUSEADDR\n"},
+                                        std::pair{2, "WARNING: IPTV out cannot set SO_REUSEPORT\n"}}) {
+        wrapped_calls = {};
+        wrapped_calls.failing_setsockopt = refused;
+        EXPECT_EQ(printed_by([] { EXPECT_TRUE(ensure_listener()); }), text);
+        EXPECT_GE(listen_fd, 0);
+        EXPECT_TRUE(ensure_listener());
+        server_shutdown();
+    }
+}
+
+TEST_F(SystemCallsTest, a_listener_that_cannot_listen_frees_every_connection) {
+    RTMPConnection& conn = add_connection();
+    const std::size_t slot = conn.conn_idx;
+    wrapped_calls.failing_listen = 1;
+    EXPECT_EQ(printed_by([] { EXPECT_FALSE(open_listener()); }), "Cannot listen\n");
+    EXPECT_EQ(listen_fd, -1);
+    EXPECT_EQ(get_connection(slot), nullptr);
+    EXPECT_EQ(printed_by([] { accept_connections(); }), "");
+}
+
+TEST_F(SystemCallsTest, a_connection_without_one_of_its_threads_is_accepted_and_dropped_on_the_same_pass) {
+    for (const int failing : {1, 2}) {
+        ASSERT_TRUE(ensure_listener());
+        wrapped_calls = {};
+        wrapped_calls.failing_pthread_create = failing;
+        const int client = connect_to_server();
+        EXPECT_EQ(printed_by([] { accept_connections(); }),
+                  "WARNING: Failure to create thread\nAccepted connection\n");
+        EXPECT_EQ(get_connection(0)->thread_init, failing != 1);
+        EXPECT_EQ(get_connection(0)->thread2_init, failing != 2);
+        EXPECT_EQ(printed_by([] { idle_all_connections(); }),
+                  "Dropping connection\nDisposing old stream ''\n");
+        EXPECT_EQ(get_connection(0), nullptr);
+        close(client);
+        server_shutdown();
+    }
+}
+
+TEST_F(SystemCallsTest, a_close_reports_what_it_could_not_do_and_goes_on) {
+    RTMPConnection& conn = add_connection();
+    wrapped_calls.cancel_result = ESRCH;
+    wrapped_calls.join_result = ESRCH;
+    EXPECT_EQ(printed_by([&] { conn.close_connection(); }),
+              "WARNING: Failure to cancel thread\nWARNING: Failure to pthread_join\n"
+              "WARNING: Failure to cancel thread2\nWARNING: Failure to pthread_join2\n");
+    EXPECT_FALSE(conn.thread_init || conn.thread2_init);
+    EXPECT_EQ(conn.fd, -1);
+}
+
+TEST_F(SystemCallsTest, a_thread_that_cannot_be_joined_is_tried_again_on_every_pass) {
+    RTMPConnection& conn = add_connection();
+    pthread_cancel(conn.thread);
+    conn.thread_died = true;
+    wrapped_calls.refuse_join = true;
+    for (int pass = 0; pass < 3; ++pass) {
+        EXPECT_EQ(printed_by([&] { conn.idle(); }), "Thread 1 died\n");
+        EXPECT_TRUE(conn.thread_init);
+    }
+    wrapped_calls.refuse_join = false;
+    EXPECT_EQ(printed_by([&] { conn.idle(); }), "Thread 1 died\nWARNING: Thread terminated unexpectedly\n");
+    EXPECT_FALSE(conn.thread_init);
+}
+
+TEST_F(SystemCallsDeathTest, a_failing_unlock_ends_the_process) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    RTMPConnection& conn = add_connection();
+    const auto check_with_failing_unlock = [&conn] {
+        wrapped_calls.unlock_result = EPERM;
+        (void)conn.ok();
+    };
+    EXPECT_DEATH(check_with_failing_unlock(), "ok: Assertion 'connection_io_unlock\\(\\)' failed");
+}
+
+int main(int argc, char** argv) {
+    std::vector<char*> all_arguments(argv, argv + argc + 1);
+    testing::InitGoogleTest(&argc, argv);
+    if (!testing::GTEST_FLAG(list_tests)) {
+        enter_private_namespaces(all_arguments.data());
+    }
+    return RUN_ALL_TESTS();
+}

@@ -1,0 +1,76 @@
+#include "tests/support/wrapped_calls.h"
+
+#include <pthread.h>
+
+#include <cerrno>
+#include <cstring>
+
+WrappedCalls wrapped_calls;
+
+extern "C" {
+
+ssize_t __real_sendmsg(int fd, const msghdr* message, int flags);
+int __real_setsockopt(int fd, int level, int option, const void* value, socklen_t length);
+int __real_listen(int fd, int backlog);
+int __real_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*entry)(void*),
+                          void* argument);
+int __real_pthread_cancel(pthread_t thread);
+int __real_pthread_join(pthread_t thread, void** result);
+int __real_pthread_mutex_unlock(pthread_mutex_t* mutex);
+
+ssize_t __wrap_sendmsg(int fd, const msghdr* message, int flags) {
+    SentPieces sent{message->msg_iovlen, 0, flags};
+    for (std::size_t i = 0; i < message->msg_iovlen; ++i) {
+        sent.bytes += message->msg_iov[i].iov_len;
+    }
+    wrapped_calls.sends.push_back(sent);
+    return __real_sendmsg(fd, message, flags);
+}
+
+int __wrap_setsockopt(int fd, int level, int option, const void* value, socklen_t length) {
+    std::int32_t low = 0;
+    std::memcpy(&low, value, sizeof low);
+    wrapped_calls.options.push_back({level, option, low, length});
+    if (static_cast<int>(wrapped_calls.options.size()) == wrapped_calls.failing_setsockopt) {
+        errno = ENOPROTOOPT;
+        return -1;
+    }
+    return __real_setsockopt(fd, level, option, value, length);
+}
+
+int __wrap_listen(int fd, int backlog) {
+    wrapped_calls.backlogs.push_back(backlog);
+    if (static_cast<int>(wrapped_calls.backlogs.size()) == wrapped_calls.failing_listen) {
+        errno = EADDRINUSE;
+        return -1;
+    }
+    return __real_listen(fd, backlog);
+}
+
+int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*entry)(void*),
+                          void* argument) {
+    if (++wrapped_calls.pthread_creates == wrapped_calls.failing_pthread_create) {
+        return EAGAIN;
+    }
+    return __real_pthread_create(thread, attributes, entry, argument);
+}
+
+int __wrap_pthread_cancel(pthread_t thread) {
+    const int result = __real_pthread_cancel(thread);
+    return wrapped_calls.cancel_result != 0 ? wrapped_calls.cancel_result : result;
+}
+
+int __wrap_pthread_join(pthread_t thread, void** result) {
+    if (wrapped_calls.refuse_join) {
+        return EDEADLK;
+    }
+    const int joined = __real_pthread_join(thread, result);
+    return wrapped_calls.join_result != 0 ? wrapped_calls.join_result : joined;
+}
+
+int __wrap_pthread_mutex_unlock(pthread_mutex_t* mutex) {
+    const int result = __real_pthread_mutex_unlock(mutex);
+    return wrapped_calls.unlock_result != 0 ? wrapped_calls.unlock_result : result;
+}
+
+}  // extern "C"

@@ -1,0 +1,48 @@
+// System calls of the server that a unit test watches or makes fail.
+//
+// An executable that links wrapped_calls.cpp with the linker's --wrap option for every call below sees them pass
+// through here. Without orders each does what the system does.
+#pragma once
+
+#include <sys/socket.h>
+
+#include <cstdint>
+#include <vector>
+
+struct SentPieces {
+    std::size_t pieces = 0;
+    std::size_t bytes = 0;
+    int flags = 0;
+};
+
+struct SetOption {
+    int level = 0;
+    int option = 0;
+    std::int64_t value = 0;  // as the kernel reads it: the low 32 bits
+    socklen_t length = 0;
+
+    bool operator==(const SetOption&) const = default;
+};
+
+struct WrappedCalls {
+    std::vector<SentPieces> sends;   // every sendmsg
+    std::vector<SetOption> options;  // every setsockopt
+    std::vector<int> backlogs;       // every listen
+
+    // The nth call of its kind (from 1) fails; 0: none does.
+    int failing_listen = 0;
+    int failing_setsockopt = 0;
+    int failing_pthread_create = 0;
+
+    // Results in place of the real ones. A cancel or join that "fails" has been done all the same.
+    int cancel_result = 0;
+    int join_result = 0;
+    // The join really fails: nothing is joined.
+    bool refuse_join = false;
+    // The unlock is done and reported as failed.
+    int unlock_result = 0;
+
+    int pthread_creates = 0;
+};
+
+extern WrappedCalls wrapped_calls;
