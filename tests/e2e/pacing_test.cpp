@@ -143,7 +143,7 @@ TEST(pacing, a_publisher_far_ahead_fills_its_socket_and_not_the_servers_memory) 
     }
     EXPECT_TRUE(stopped) << "100 MB went into the server";
     // Eight messages wait, a ninth is being read.
-    EXPECT_LT(server.rss_kib(), before_kib + 24 * 1024);
+    EXPECT_LT(server.rss_kib(), before_kib + std::size_t{TIME_SCALE > 1 ? 60 : 24} * 1024);
     EXPECT_THAT(player.round_trip(), IsEmpty());
 }
 

@@ -44,7 +44,6 @@ ClientOptions small_buffer() {
 
 TEST(unread_player, players_that_never_read_do_not_disturb_the_one_that_does) {
     ServerProcess server;
-    const std::size_t threads = server.thread_count();
     std::vector<std::unique_ptr<RtmpClient>> stuck;
     for (std::size_t i = 0; i < STUCK_PLAYERS; ++i) {
         stuck.push_back(std::make_unique<RtmpClient>(playing_client("live", small_buffer())));
@@ -56,7 +55,6 @@ TEST(unread_player, players_that_never_read_do_not_disturb_the_one_that_does) {
     EXPECT_EQ(late_player.expect_message(MSG_VIDEO).timestamp, 0U);
     // They can leave in the middle of what the server is sending them.
     const std::size_t with_stuck = server.thread_count();
-    EXPECT_EQ(with_stuck, threads + 2 * (STUCK_PLAYERS + 3));
     stuck.clear();
     server.err().wait_for_count("Connection for play unsubscribed from 'live'", STUCK_PLAYERS);
     live.wait_for_more(10);

@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <pty.h>
+#include <regex.h>
 #include <sys/ioctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -15,7 +16,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
-#include <regex>
+#include <functional>
 
 namespace {
 
@@ -41,6 +42,26 @@ bool same_modes(const termios& a, const termios& b) {
     return a.c_iflag == b.c_iflag && a.c_oflag == b.c_oflag && a.c_cflag == b.c_cflag &&
            a.c_lflag == b.c_lflag && std::equal(std::begin(a.c_cc), std::end(a.c_cc), std::begin(b.c_cc));
 }
+
+// An extended regular expression for whole rows.
+class RowPattern {
+  public:
+    explicit RowPattern(const std::string& pattern) {
+        if (regcomp(&compiled, ("^(" + pattern + ")$").c_str(), REG_EXTENDED | REG_NOSUB) != 0) {
+            throw TestFailure("not a regular expression: " + pattern);
+        }
+    }
+    ~RowPattern() { regfree(&compiled); }
+    RowPattern(const RowPattern&) = delete;
+    RowPattern& operator=(const RowPattern&) = delete;
+
+    bool operator()(const std::string& row) const {
+        return regexec(&compiled, row.c_str(), 0, nullptr, 0) == 0;
+    }
+
+  private:
+    regex_t compiled{};
+};
 
 std::string joined(const std::vector<std::string>& rows) {
     std::string text;
@@ -140,15 +161,24 @@ std::vector<std::string> TerminalProgram::wait_for_text(const std::string& text,
 }
 
 std::vector<std::string> TerminalProgram::wait_for_row(const std::string& pattern, Milliseconds wait) const {
-    const std::regex expression(pattern, std::regex::extended);
+    const RowPattern matches(pattern);
     return wait_for_rows(
         "a row like " + pattern,
-        [&expression](const std::vector<std::string>& rows) {
-            return std::any_of(rows.begin(), rows.end(), [&expression](const std::string& row) {
-                return std::regex_match(row, expression);
-            });
+        [&matches](const std::vector<std::string>& rows) {
+            return std::any_of(rows.begin(), rows.end(), std::cref(matches));
         },
         wait);
+}
+
+void TerminalProgram::wait_until_stopped(Milliseconds wait) const {
+    const TimePoint deadline = SteadyClock::now() + wait;
+    int status = 0;
+    while (checked(waitpid(child, &status, WNOHANG | WUNTRACED), "waitpid") != child || !WIFSTOPPED(status)) {
+        if (SteadyClock::now() >= deadline) {
+            throw TestFailure("the program did not stop");
+        }
+        std::this_thread::sleep_for(Milliseconds{1});
+    }
 }
 
 ProgramEnd TerminalProgram::wait_for_exit(Milliseconds wait) {

@@ -54,8 +54,10 @@ class TerminalProgram {
     // Waits until some whole row matches the extended regular expression.
     std::vector<std::string> wait_for_row(const std::string& pattern, Milliseconds wait = DEFAULT_WAIT) const;
 
+    // Waits until it does nothing because a signal has stopped it. Throws TestFailure at the deadline.
+    void wait_until_stopped(Milliseconds wait = DEFAULT_WAIT) const;
     ProgramEnd wait_for_exit(Milliseconds wait = DEFAULT_WAIT);
-    // After the exit: empty when the terminal is as the program found it, modes, screens, cursor and style;
+    // After the exit or the stop: empty when the terminal is as the program found it, modes, screens, cursor and style;
     // else what is not.
     std::string damage() const;
 

@@ -1,0 +1,454 @@
+// v9_rtmp_ctl as people and scripts use it, against the real server: what it prints, what it does, and its exit
+// status for every way that it can end.
+#include "tests/support/control_peer.h"
+#include "tests/support/media_bytes.h"
+#include "tests/support/rtmp_client.h"
+#include "tests/support/server_process.h"
+#include "tests/support/terminal_program.h"
+#include "tests/support/test_failure.h"
+#include "tests/support/tool_run.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <filesystem>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using testing::AllOf;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::MatchesRegex;
+using testing::StartsWith;
+
+constexpr int DONE = 0;
+constexpr int NEGATIVE_ANSWER = 1;
+constexpr int USAGE = 2;
+constexpr int NOT_RUNNING = 3;
+constexpr int NO_PERMISSION = 4;
+constexpr int NO_REPLY = 5;
+
+const std::string OTHER_SOCKET = "/run/other.socket";
+
+// The tool has nothing to print but a reason, which ends with a sentence about what to do.
+void expect_failure(const ProgramRun& run, int status, const std::string& reason) {
+    EXPECT_EQ(run.end, (ProgramEnd{status, 0})) << run.err;
+    EXPECT_EQ(run.out, "");
+    EXPECT_THAT(run.err, AllOf(StartsWith("v9_rtmp_ctl: "), HasSubstr(reason)));
+    EXPECT_TRUE(run.err.ends_with(".\n")) << run.err;
+}
+
+void expect_done(const ProgramRun& run) {
+    EXPECT_EQ(run.end, (ProgramEnd{DONE, 0})) << run.err;
+    EXPECT_EQ(run.err, "");
+}
+
+void expect_served(RtmpClient& client) {
+    EXPECT_THAT(client.round_trip(), IsEmpty());
+}
+
+std::string path_with_socket(const std::string& path) {
+    return "--socket=" + path;
+}
+
+// Somebody else's server at OTHER_SOCKET: takes one client, waits for its first bytes, sends what it is told to
+// and closes. Without an answer it takes clients and says nothing.
+class OtherServer {
+  public:
+    OtherServer() : fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+        std::filesystem::remove(OTHER_SOCKET);
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        OTHER_SOCKET.copy(address.sun_path, sizeof address.sun_path - 1);
+        if (bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
+            listen(fd, 8) != 0) {
+            throw TestFailure("cannot listen at " + OTHER_SOCKET);
+        }
+    }
+    explicit OtherServer(const Bytes& answer) : OtherServer() {
+        thread = std::thread([this, answer] { answer_once(answer); });
+    }
+    ~OtherServer() {
+        if (thread.joinable()) {
+            thread.join();
+        }
+        close(fd);
+    }
+    OtherServer(const OtherServer&) = delete;
+    OtherServer& operator=(const OtherServer&) = delete;
+
+  private:
+    void answer_once(const Bytes& answer) const {
+        pollfd waiting{fd, POLLIN, 0};
+        if (poll(&waiting, 1, static_cast<int>(DEFAULT_WAIT.count())) != 1) {
+            return;
+        }
+        const int client = accept4(fd, nullptr, nullptr, SOCK_CLOEXEC);
+        pollfd asking{client, POLLIN, 0};
+        (void)poll(&asking, 1, static_cast<int>(DEFAULT_WAIT.count()));
+        char request[4096];
+        (void)recv(client, request, sizeof request, 0);
+        (void)send(client, answer.data(), answer.size(), MSG_NOSIGNAL);
+        close(client);
+    }
+
+    int fd;
+    std::thread thread;
+};
+
+}  // namespace
+
+// ---- what it prints
+
+TEST(ctl, hello_tells_the_greeting_and_the_round_trip) {
+    const ServerProcess server;
+    const ProgramRun people = run_tool({"hello"});
+    expect_done(people);
+    EXPECT_THAT(people.out, MatchesRegex("How are you\\? \\(answered in [0-9]+\\.[0-9] ms\\)\n"));
+    const ProgramRun plain = run_tool({"hello", "--plain"});
+    expect_done(plain);
+    EXPECT_THAT(plain.out, MatchesRegex("How are you\\?\t[0-9]+\\.[0-9]\n"));
+    const ProgramRun json = run_tool({"--json", "hello"});
+    expect_done(json);
+    EXPECT_THAT(json.out, MatchesRegex("\\{\"greeting\":\"How are you\\?\",\"round_trip_ms\":[0-9.]+\\}\n"));
+}
+
+TEST(ctl, list_prints_a_table_for_people_and_the_servers_own_fields_for_scripts) {
+    const ServerProcess server;
+    RtmpClient publisher = publishing_client("cam1");
+    const RtmpClient player = playing_client("cam2");
+    const RtmpClient shaken = handshaken_client();
+    publisher.send_metadata(amf_object({{"height", amf_number(720)}, {"width", amf_number(1280)}}));
+    expect_served(publisher);
+
+    const ProgramRun plain = run_tool({"--plain", "list"});
+    expect_done(plain);
+    std::string expected;
+    for (const std::string& line : ask_raw("list connections").values("connection")) {
+        expected += line + "\n";
+    }
+    EXPECT_EQ(plain.out, expected);
+    EXPECT_THAT(plain.out, HasSubstr("\n2\t\t\t\t3073\t3073\t" + shaken.local_address() + "\n"));
+
+    const ProgramRun people = run_tool({"list"});
+    expect_done(people);
+    EXPECT_THAT(people.out,
+                MatchesRegex("ID +STREAM +MODE +SIZE +SENT +RECEIVED +ADDRESS\n"
+                             " *0 +cam1 +publish +1280x720 +[0-9.]+ KiB +[0-9.]+ KiB +127[0-9.:]+\n"
+                             " *1 +cam2 +play +- +[0-9.]+ KiB +[0-9.]+ KiB +127[0-9.:]+\n"
+                             " *2 +- +- +- +3.0 KiB +3.0 KiB +127[0-9.:]+\n"
+                             "3 of 128 slots used\n"));
+
+    const ProgramRun json = run_tool({"--json", "list", "--mode", "none"});
+    expect_done(json);
+    EXPECT_EQ(json.out,
+              "{\"slots\":128,\"connections\":[{\"id\":2,\"stream\":null,\"mode\":null,\"width\":null,"
+              "\"height\":null,\"bytes_sent\":3073,\"bytes_received\":3073,\"bytes_sent_per_second\":null,"
+              "\"bytes_received_per_second\":null,\"address\":\"" +
+                  shaken.local_address() + "\"}]}\n");
+}
+
+TEST(ctl, list_picks_by_mode_and_by_stream) {
+    const ServerProcess server;
+    const RtmpClient player = playing_client("cam2");
+    const RtmpClient publisher = publishing_client("cam1");
+    const RtmpClient unnamed = connected_client();
+    struct Case {
+        std::vector<std::string> options;
+        const char* ids;
+    };
+    for (const Case& row : std::vector<Case>{{{}, "012"},
+                                             {{"--mode", "play"}, "0"},
+                                             {{"--mode", "publish"}, "1"},
+                                             {{"--mode", "none"}, "2"},
+                                             {{"--stream", "cam1"}, "1"},
+                                             {{"--sort", "stream"}, "102"},
+                                             {{"--mode", "play", "--stream", "cam2"}, "0"}}) {
+        std::vector<std::string> words = {"--plain", "list"};
+        words.insert(words.end(), row.options.begin(), row.options.end());
+        const ProgramRun run = run_tool(words);
+        expect_done(run);
+        std::string ids;
+        std::istringstream lines(run.out);
+        for (std::string line; std::getline(lines, line);) {
+            ids += line.substr(0, line.find('\t'));
+        }
+        EXPECT_EQ(ids, row.ids) << testing::PrintToString(row.options);
+    }
+    expect_failure(run_tool({"list", "--no-legend", "-q", "--stream", "cam3", "--plain"}), NEGATIVE_ANSWER,
+                   "no connection matches");
+}
+
+TEST(ctl, list_on_a_terminal_is_cut_to_its_width) {
+    const ServerProcess server;
+    const std::string name = std::string(60, 'n') + "_end";
+    const RtmpClient publisher = publishing_client(name);
+    TerminalProgram tool({tool_path(), "--no-color", "list"});
+    EXPECT_EQ(tool.wait_for_exit(), (ProgramEnd{DONE, 0}));
+    EXPECT_EQ(tool.damage(), "");
+    const std::vector<std::string> rows = tool.screen().rows();
+    EXPECT_THAT(rows[1], MatchesRegex("ID +STREAM +MODE +SIZE +SENT +RECEIVED +ADDRESS"));
+    EXPECT_THAT(rows[2], MatchesRegex(" *0 +n+~ +publish +- +[0-9.]+ KiB +[0-9.]+ KiB +127[0-9.:]+~?"));
+    EXPECT_EQ(rows[3], "1 of 128 slots used");
+    EXPECT_THAT(tool.raw_text(), Not(HasSubstr("\x1b"))) << "no color was asked for";
+    const ProgramRun piped = run_tool({"list"});
+    EXPECT_THAT(piped.out, HasSubstr(name)) << "nothing is cut when nobody looks";
+}
+
+TEST(ctl, streams_prints_publisher_players_size_and_rivals) {
+    const ServerProcess server;
+    RtmpClient publisher = publishing_client("cam1");
+    const RtmpClient first_player = playing_client("cam1");
+    const RtmpClient second_player = playing_client("cam1");
+    const RtmpClient waiting = playing_client("cam2");
+    const RtmpClient rival = publishing_client("cam1");
+    publisher.send_metadata(amf_object({{"height", amf_number(720)}, {"width", amf_number(1280)}}));
+    publisher.send_audio(1000, aac_frame(1, 50000));
+    expect_served(publisher);
+    const ProgramRun plain = run_tool({"--plain", "streams"});
+    expect_done(plain);
+    EXPECT_THAT(plain.out,
+                MatchesRegex("cam1\t0\t2\t1280x720\t[0-9]+\t[0-9]+\t4\ncam2\t\t1\t\t\t[0-9]+\t\n"));
+    const ProgramRun people = run_tool({"streams"});
+    expect_done(people);
+    EXPECT_THAT(people.out,
+                MatchesRegex("STREAM +PUBLISHER +PLAYERS +SIZE +IN +OUT +RIVALS\n"
+                             "cam1 +0 127[0-9.:]+ +2 +1280x720 +[0-9.]+ K?i?B/s +[0-9.]+ K?i?B/s +4\n"
+                             "cam2 +- +1 +- +- +[0-9.]+ K?i?B/s +-\n"));
+}
+
+TEST(ctl, names_from_strangers_cannot_reach_the_terminal_as_they_are) {
+    const OtherServer server(
+        control_reply({0,
+                       1,
+                       0,
+                       "list connections",
+                       "",
+                       {{"connection", "0\tcam\x1b[2J\nfoo\xff\tpublish\t\t1\t2\t1.2.3.4:5"}}}));
+    const ProgramRun run = run_tool({path_with_socket(OTHER_SOCKET), "list"});
+    expect_done(run);
+    EXPECT_THAT(run.out, HasSubstr(" cam\\x1B[2J\\x0Afoo\\xFF "));
+}
+
+// ---- what it drops
+
+TEST(ctl, drop_id_drops_the_connection_and_says_whose_it_was) {
+    const ServerProcess server;
+    RtmpClient publisher = publishing_client("cam1");
+    RtmpClient player = playing_client("cam1");
+    const ProgramRun wrong_name = run_tool({"drop", "id", "0", "--stream", "cam2"});
+    expect_failure(wrong_name, NEGATIVE_ANSWER, "connection 0 is not of stream 'cam2' and was kept");
+    expect_served(publisher);
+    const ProgramRun run = run_tool({"drop", "id", "0"});
+    expect_done(run);
+    EXPECT_EQ(run.out, "dropped connection 0 of stream 'cam1'\n");
+    publisher.expect_closed_without_answer();
+    const ProgramRun guarded = run_tool({"--plain", "drop", "id", "1", "--stream", "cam1"});
+    expect_done(guarded);
+    EXPECT_EQ(guarded.out, "1\n");
+    player.expect_closed_without_answer();
+    expect_failure(run_tool({"drop", "id", "0"}), NEGATIVE_ANSWER, "there is no connection 0");
+}
+
+TEST(ctl, an_id_is_looked_at_before_anything_is_sent) {
+    // There is no server, and it is not missed.
+    for (const char* const id : {"128", "5x", "x5", "-1", "", " 5", "+5", "4294967301", "0x3"}) {
+        expect_failure(run_tool({"drop", "id", "--", id}), USAGE, "is no connection id");
+    }
+}
+
+TEST(ctl, drop_stream_needs_force_where_nobody_can_be_asked) {
+    const ServerProcess server;
+    RtmpClient publisher = publishing_client("cam1");
+    RtmpClient player = playing_client("cam1");
+    RtmpClient other = playing_client("cam2");
+    expect_failure(run_tool({"drop", "stream", "cam1"}), USAGE, "--force");
+    expect_served(publisher);
+    const ProgramRun dry = run_tool({"--plain", "drop", "stream", "cam1", "-n"});
+    expect_done(dry);
+    EXPECT_THAT(dry.out, MatchesRegex("0\tcam1\tpublish\t[^\n]+\n1\tcam1\tplay\t[^\n]+\n"));
+    expect_served(publisher);
+    EXPECT_EQ(server.count("Dropping connection"), 0U);
+    const ProgramRun forced = run_tool({"drop", "stream", "cam1", "--force"});
+    expect_done(forced);
+    EXPECT_EQ(forced.out, "dropped 2 connections\n");
+    publisher.expect_closed_without_answer();
+    player.expect_closed_without_answer();
+    expect_served(other);
+    expect_failure(run_tool({"drop", "stream", "cam1", "-f"}), NEGATIVE_ANSWER,
+                   "no connection publishes or plays 'cam1'");
+}
+
+TEST(ctl, drop_stream_asks_on_a_terminal_and_does_what_is_answered) {
+    const ServerProcess server;
+    RtmpClient player = playing_client("cam1");
+    for (const char* const answer : {"n\n", "\n", "nonsense\n", "\x04"}) {
+        TerminalProgram tool({tool_path(), "drop", "stream", "cam1"});
+        (void)tool.wait_for_text("Drop 1 connection of stream 'cam1'? [y/N]");
+        tool.type(answer);
+        EXPECT_EQ(tool.wait_for_exit(), (ProgramEnd{NEGATIVE_ANSWER, 0}));
+        EXPECT_EQ(tool.damage(), "");
+        expect_served(player);
+    }
+    EXPECT_EQ(server.count("Dropping connection"), 0U);
+    TerminalProgram tool({tool_path(), "drop", "stream", "cam1"});
+    (void)tool.wait_for_text("[y/N]");
+    tool.type("y\n");
+    EXPECT_EQ(tool.wait_for_exit(), (ProgramEnd{DONE, 0}));
+    player.expect_closed_without_answer();
+}
+
+TEST(ctl, those_without_a_stream_are_dropped_only_by_the_word_for_it) {
+    const ServerProcess server;
+    RtmpClient publisher = publishing_client("cam1");
+    RtmpClient unnamed = connected_client();
+    expect_failure(run_tool({"drop", "stream", ""}), USAGE, "drop unnamed");
+    expect_failure(run_tool({"drop", "stream", "", "--force"}), USAGE, "drop unnamed");
+    expect_failure(run_tool({"drop", "unnamed"}), USAGE, "--force");
+    expect_served(unnamed);
+    const ProgramRun run = run_tool({"drop", "unnamed", "-f"});
+    expect_done(run);
+    EXPECT_EQ(run.out, "dropped 1 connection\n");
+    unnamed.expect_closed_without_answer();
+    expect_served(publisher);
+    expect_failure(run_tool({"drop", "unnamed", "-f"}), NEGATIVE_ANSWER,
+                   "every connection has chosen a stream");
+}
+
+// ---- raw
+
+TEST(ctl, raw_passes_arguments_as_they_are_given) {
+    const ServerProcess server;
+    for (const std::vector<std::string>& words : std::vector<std::vector<std::string>>{
+             {"raw", "--async", "foo", "--json", "-q", "", "--socket", "--", "a b"},
+             {"raw", "--async", "--", "foo", "--json", "-q", "", "--socket", "--", "a b"}}) {
+        const LineMark mark = server.mark();
+        const ProgramRun run = run_tool(words);
+        expect_done(run);
+        EXPECT_EQ(run.out, "");
+        server.wait_for_consecutive_lines(
+            {"  command: \"foo\"", "  message: \"\"", "  argument 0: \"--json\"", "  argument 1: \"-q\"",
+             "  argument 2: \"\"", "  argument 3: \"--socket\"", "  argument 4: \"--\"",
+             "  argument 5: \"a b\""},
+            mark);
+    }
+}
+
+TEST(ctl, raw_shows_bytes_that_are_no_text_as_replacement_characters) {
+    const ServerProcess server;
+    const ProgramRun run = run_tool({"raw", "f\xff\xc3\xa4\"\\o"});
+    expect_done(run);
+    EXPECT_EQ(
+        run.out,
+        "{\"status\": 6, \"command\": \"f\xef\xbf\xbd\xc3\xa4\\\"\\\\o\", \"message\": \"Unknown command\", "
+        "\"pairs\": []}\n");
+}
+
+TEST(ctl, raw_succeeds_whatever_the_status_of_the_reply_is) {
+    const OtherServer server(control_reply({0, 1, UINT64_MAX, "c", "m", {{"n", "2"}, {"n", "1"}}}));
+    const ProgramRun run = run_tool({path_with_socket(OTHER_SOCKET), "raw", "hello"});
+    expect_done(run);
+    EXPECT_EQ(run.out,
+              "{\"status\": 18446744073709551615, \"command\": \"c\", \"message\": \"m\", \"pairs\": "
+              "[[\"n\",\"2\"], [\"n\",\"1\"]]}\n");
+}
+
+// ---- how it fails
+
+TEST(ctl, wrong_usage_is_status_2) {
+    for (const std::vector<std::string>& words : std::vector<std::vector<std::string>>{
+             {},
+             {"nonsense"},
+             {"list", "--nonsense"},
+             {"list", "--mode", "nonsense"},
+             {"--timeout", "x", "hello"},
+             {"--json", "--plain", "list"},
+             {"drop"},
+             {"drop", "id"},
+             {"drop", "stream"},
+             {"raw"},
+             {"raw", "--async"},
+             {"completion", "nonsense"},
+             {"watch", "--interval", "0"},
+         }) {
+        expect_failure(run_tool(words), USAGE, "");
+    }
+}
+
+TEST(ctl, no_socket_and_nobody_behind_it_are_status_3) {
+    std::filesystem::remove(CONTROL_SOCKET_PATH);
+    for (const std::vector<std::string>& words :
+         std::vector<std::vector<std::string>>{{"hello"},
+                                               {"list"},
+                                               {"streams"},
+                                               {"drop", "id", "0"},
+                                               {"drop", "unnamed", "-f"},
+                                               {"raw", "hello"},
+                                               {"raw", "--async", "hello"}}) {
+        expect_failure(run_tool(words), NOT_RUNNING, "there is no socket at " + CONTROL_SOCKET_PATH);
+    }
+    ServerProcess server;
+    server.kill();
+    ASSERT_TRUE(std::filesystem::is_socket(CONTROL_SOCKET_PATH));
+    expect_failure(run_tool({"hello"}), NOT_RUNNING, "nobody listens at " + CONTROL_SOCKET_PATH);
+    expect_failure(run_tool({"raw", "hello"}), NOT_RUNNING, "nobody listens at " + CONTROL_SOCKET_PATH);
+}
+
+TEST(ctl, a_socket_that_this_user_may_not_use_is_status_4) {
+    const ServerProcess server;
+    ProgramOptions as_others;
+    as_others.obeys_file_modes = true;
+    expect_done(run_tool({"hello"}, as_others));
+    ASSERT_EQ(chmod(CONTROL_SOCKET_PATH.c_str(), 0), 0);
+    for (const std::vector<std::string>& words :
+         std::vector<std::vector<std::string>>{{"hello"}, {"raw", "hello"}, {"watch"}}) {
+        expect_failure(run_tool(words, as_others), NO_PERMISSION, "permission");
+    }
+}
+
+TEST(ctl, a_server_that_says_nothing_is_status_5_after_the_timeout) {
+    const OtherServer server;
+    for (const char* const command : {"hello", "list"}) {
+        const ProgramRun run = run_tool({path_with_socket(OTHER_SOCKET), "--timeout", "0.4", command});
+        expect_failure(run, NO_REPLY, "did not answer in time");
+        EXPECT_GE(run.took, Milliseconds{400});
+        EXPECT_LT(run.took, scaled(Milliseconds{4000}));
+    }
+}
+
+TEST(ctl, an_answer_that_is_none_is_status_5) {
+    struct Case {
+        Bytes answer;
+        const char* reason;
+    };
+    Bytes hello_of_3 = control_reply({0, 1, 0, "hello", "How are you?", {}});
+    hello_of_3[2] = 3;
+    for (const Case& row :
+         {Case{"HTTP/1.1 400 Bad Request\r\n\r\n", "is not a reply"}, Case{hello_of_3, "is not a reply"},
+          Case{control_frame("short"), "is not a reply"}, Case{"", "closed the connection"},
+          Case{"CS", "is not a reply"}}) {
+        const OtherServer server(row.answer);
+        expect_failure(run_tool({path_with_socket(OTHER_SOCKET), "hello"}), NO_REPLY, row.reason);
+    }
+}
+
+TEST(ctl, a_list_that_cannot_be_read_is_status_5) {
+    const OtherServer server(control_reply({0, 1, 0, "list connections", "", {{"connection", "garbage"}}}));
+    expect_failure(run_tool({path_with_socket(OTHER_SOCKET), "list"}), NO_REPLY, "cannot be read");
+}
+
+TEST(ctl, an_error_status_is_status_1) {
+    const OtherServer server(control_reply({0, 1, CONTROL_ERROR, "hello", "no", {}}));
+    expect_failure(run_tool({path_with_socket(OTHER_SOCKET), "hello"}), NEGATIVE_ANSWER,
+                   "the server refused: no");
+}

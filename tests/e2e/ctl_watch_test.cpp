@@ -1,0 +1,347 @@
+// v9_rtmp_ctl watch, in a terminal and off it: what it shows of a running server, what its keys do, and that it
+// leaves the terminal as it found it on every way out.
+#include "tests/support/media_bytes.h"
+#include "tests/support/rtmp_client.h"
+#include "tests/support/server_process.h"
+#include "tests/support/terminal_program.h"
+#include "tests/support/tool_run.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <csignal>
+#include <iostream>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using testing::Contains;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::MatchesRegex;
+using testing::Not;
+using testing::SizeIs;
+using testing::StartsWith;
+
+const std::string KEYS = "q quit  s sort  p pause";
+const std::string CTRL_C = "\x03";
+const std::string CTRL_BACKSLASH = "\x1c";
+const std::string CTRL_Z = "\x1a";
+
+std::vector<std::string> watch_command() {
+    return {tool_path(), "watch", "--interval", "0.2"};
+}
+
+// A publisher of a picture, two players of it and somebody who has not chosen yet: connections 0 to 3.
+class CtlWatch : public testing::Test {
+  protected:
+    void SetUp() override {
+        publisher.send_metadata(amf_object({{"height", amf_number(720)}, {"width", amf_number(1280)}}));
+        EXPECT_THAT(publisher.round_trip(), IsEmpty());
+    }
+
+    static void expect_whole_frame(const TerminalProgram& watch) {
+        // Frames are drawn from the top, and this row is the lowest that changes.
+        const std::vector<std::string> rows = watch.wait_for_row(" *3 +- +- .* 127.0.0.1:[0-9]+");
+        ASSERT_THAT(rows, SizeIs(TERMINAL_ROWS));
+        EXPECT_THAT(rows[0],
+                    MatchesRegex("v9_rtmp_ctl [0-9:]{8}  4 of 128 slots used: 1 publish, 2 play, 1 neither"));
+        EXPECT_THAT(rows[1], MatchesRegex("in .* out .* sort id"));
+        EXPECT_THAT(rows[3], MatchesRegex("STREAM +PUBLISHER +PLAYERS +SIZE +IN +OUT +RIVALS"));
+        EXPECT_THAT(rows[4], MatchesRegex("cam1 +0 127.0.0.1:[0-9]+ +2 +1280x720 +.+ +.+ +-"));
+        EXPECT_THAT(rows[6], MatchesRegex("ID +STREAM +MODE +SENDING +RECEIVING +ADDRESS"));
+        EXPECT_THAT(rows[7], MatchesRegex(" *0 +cam1 +publish .* 127.0.0.1:[0-9]+"));
+        EXPECT_THAT(rows[8], MatchesRegex(" *1 +cam1 +play .* 127.0.0.1:[0-9]+"));
+        EXPECT_THAT(rows[9], MatchesRegex(" *2 +cam1 +play .* 127.0.0.1:[0-9]+"));
+        EXPECT_THAT(rows[10], StartsWith(" 3 "));
+        EXPECT_EQ(rows[11], "");
+        EXPECT_THAT(rows[TERMINAL_ROWS - 1], StartsWith(KEYS));
+        const TerminalScreen screen = watch.screen();
+        EXPECT_TRUE(screen.shows_alternate());
+        EXPECT_FALSE(screen.shows_cursor());
+        EXPECT_THAT(screen.unknown(), IsEmpty());
+    }
+
+    static void expect_left_in_order(TerminalProgram& watch) {
+        EXPECT_EQ(watch.wait_for_exit(), (ProgramEnd{0, 0}));
+        EXPECT_EQ(watch.damage(), "");
+        // It was away, and came back.
+        EXPECT_THAT(watch.raw_text(), HasSubstr("\x1b[?1049h"));
+        EXPECT_THAT(watch.raw_text(), HasSubstr("\x1b[?25h"));
+        EXPECT_THAT(watch.raw_text(), HasSubstr("\x1b[?1049l"));
+    }
+
+    ServerProcess server;
+    RtmpClient publisher = publishing_client("cam1");
+    RtmpClient first_player = playing_client("cam1");
+    RtmpClient second_player = playing_client("cam1");
+    RtmpClient unnamed = connected_client();
+};
+
+}  // namespace
+
+// ---- what it shows
+
+TEST_F(CtlWatch, a_frame_shows_the_streams_that_run_and_who_is_connected) {
+    TerminalProgram watch(watch_command());
+    expect_whole_frame(watch);
+    for (const std::string& row : watch.screen().rows()) {
+        std::cout << row << '\n';
+    }
+}
+
+TEST_F(CtlWatch, it_shows_who_comes_and_goes_and_the_rates) {
+    TerminalProgram watch(watch_command());
+    expect_whole_frame(watch);
+    {
+        const RtmpClient other = playing_client("another_stream");
+        const std::vector<std::string> rows = watch.wait_for_row(" *4 +another_stream +play .*");
+        EXPECT_THAT(rows[0], HasSubstr("5 of 128 slots used: 1 publish, 3 play, 1 neither"));
+        EXPECT_THAT(rows, Contains(MatchesRegex("another_stream +- +1 +-.*")));
+    }
+    (void)watch.wait_for_text("4 of 128 slots used");
+    // Rates are of the last interval, so they show while media flows.
+    const std::string flow = "cam1 .* [0-9.]+ KiB/s +[0-9.]+ KiB/s +-";
+    const TimePoint start = SteadyClock::now();
+    const auto shows_flow = [&flow](const std::vector<std::string>& rows) {
+        return testing::Matches(Contains(MatchesRegex(flow)))(rows);
+    };
+    while (!shows_flow(watch.screen().rows()) && elapsed_since(start) < DEFAULT_WAIT) {
+        const auto media_time = static_cast<std::uint32_t>(elapsed_since(start).count());
+        publisher.send_audio(1000 + media_time, aac_frame(media_time, 2000));
+        std::this_thread::sleep_for(Milliseconds{20});
+    }
+    (void)watch.wait_for_row(flow, Milliseconds{0});
+}
+
+TEST_F(CtlWatch, it_fits_a_terminal_whose_size_changes) {
+    TerminalProgram watch(watch_command());
+    expect_whole_frame(watch);
+    watch.resize(12, 40);
+    const std::vector<std::string> small = watch.wait_for_rows("a small frame", [](const auto& rows) {
+        return rows.size() == 12 && rows[11].starts_with("q quit") && rows[0].size() <= 40 &&
+               rows[0].ends_with('~');
+    });
+    for (const std::string& row : small) {
+        EXPECT_LE(row.size(), 40U);
+    }
+    watch.resize(50, 132);
+    (void)watch.wait_for_rows("a large frame", [](const auto& rows) {
+        return rows.size() == 50 && rows[49].starts_with("q quit") && rows[0].ends_with("1 neither");
+    });
+    watch.type("q");
+    EXPECT_EQ(watch.wait_for_exit(), (ProgramEnd{0, 0}));
+}
+
+TEST_F(CtlWatch, it_waits_for_a_server_that_has_stopped) {
+    TerminalProgram watch(watch_command());
+    expect_whole_frame(watch);
+    server.stop();
+    const std::vector<std::string> rows = watch.wait_for_text("there is no socket at");
+    EXPECT_THAT(rows[0], HasSubstr("not running"));
+    EXPECT_THAT(rows, Not(Contains(HasSubstr("cam1"))));
+    ServerOptions options;
+    options.beside_another = true;
+    const ServerProcess next(options);
+    const RtmpClient newcomer = playing_client("cam9");
+    (void)watch.wait_for_text("cam9");
+    watch.type("q");
+    expect_left_in_order(watch);
+}
+
+// ---- what its keys do
+
+TEST_F(CtlWatch, the_drop_key_asks_first) {
+    TerminalProgram watch(watch_command());
+    expect_whole_frame(watch);
+    for (const char* const answer : {"n", "\r", "x"}) {
+        watch.type("d2\r");
+        (void)watch.wait_for_text("Drop connection 2, play 'cam1', " + second_player.local_address() +
+                                  "? [y/N]");
+        watch.type(answer);
+        (void)watch.wait_for_text("Nothing was dropped.");
+        (void)second_player.round_trip();
+    }
+    EXPECT_EQ(server.count("Dropping connection"), 0U);
+    watch.type("d2\r");
+    (void)watch.wait_for_text("[y/N]");
+    watch.type("y");
+    (void)watch.wait_for_text("Dropped connection 2.");
+    second_player.expect_closed_without_answer();
+    (void)watch.wait_for_text("3 of 128 slots used");
+    EXPECT_EQ(server.count("Dropping connection"), 1U);
+}
+
+TEST_F(CtlWatch, the_filter_key_leaves_what_contains_the_text) {
+    const RtmpClient other = playing_client("garden");
+    TerminalProgram watch(watch_command());
+    (void)watch.wait_for_text("garden");
+    watch.type("/gard\r");
+    const std::vector<std::string> rows = watch.wait_for_rows("what is left", [](const auto& shown) {
+        return std::none_of(shown.begin(), shown.end(),
+                            [](const std::string& row) { return row.find("cam1") != std::string::npos; });
+    });
+    EXPECT_THAT(rows, Contains(MatchesRegex(" *4 +garden +play.*")));
+    EXPECT_THAT(rows[1], HasSubstr("filter 'gard'"));
+    watch.type("/\r");
+    (void)watch.wait_for_text("cam1");
+}
+
+TEST_F(CtlWatch, the_pause_key_keeps_the_frame_until_it_is_pressed_again) {
+    TerminalProgram watch(watch_command());
+    expect_whole_frame(watch);
+    watch.type("p");
+    (void)watch.wait_for_text("PAUSED");
+    const RtmpClient other = playing_client("garden");
+    // Long enough for two looks.
+    std::this_thread::sleep_for(Milliseconds{500});
+    EXPECT_THAT(watch.screen().rows(), Not(Contains(HasSubstr("garden"))));
+    watch.type("p");
+    const std::vector<std::string> rows = watch.wait_for_row(" *4 +garden +play .*");
+    EXPECT_THAT(rows[1], Not(HasSubstr("PAUSED")));
+}
+
+TEST_F(CtlWatch, the_sort_key_goes_through_the_orders) {
+    const RtmpClient first_by_name = playing_client("a_stream");
+    TerminalProgram watch(watch_command());
+    const auto shows_order = [&watch](const std::string& name, const std::string& first,
+                                      const std::string& second) {
+        const std::string pattern_of_first = " *" + first + " +.*";
+        const std::string pattern_of_second = " *" + second + " +.*";
+        (void)watch.wait_for_rows(
+            "connection " + first + " before " + second + ", " + name, [&](const auto& rows) {
+                const auto at = [&rows](const std::string& pattern) {
+                    return std::find_if(rows.begin(), rows.end(), [&pattern](const std::string& row) {
+                        return testing::Matches(MatchesRegex(pattern))(row);
+                    });
+                };
+                return rows[1].ends_with("sort " + name) && at(pattern_of_second) != rows.end() &&
+                       at(pattern_of_first) < at(pattern_of_second);
+            });
+    };
+    shows_order("id", "0", "4");
+    watch.type("s");
+    shows_order("stream", "4", "0");
+    watch.type("s");
+    (void)watch.wait_for_text("sort rate");
+    watch.type("s");
+    shows_order("id", "0", "4");
+}
+
+// ---- its ways out
+
+TEST_F(CtlWatch, it_leaves_the_terminal_as_it_was_when_q_is_pressed) {
+    TerminalProgram watch(watch_command());
+    expect_whole_frame(watch);
+    watch.type("q");
+    expect_left_in_order(watch);
+}
+
+TEST_F(CtlWatch, it_leaves_the_terminal_as_it_was_when_ctrl_c_is_pressed) {
+    for (const std::string& key : {CTRL_C, CTRL_BACKSLASH}) {
+        TerminalProgram watch(watch_command());
+        expect_whole_frame(watch);
+        watch.type(key);
+        expect_left_in_order(watch);
+    }
+}
+
+TEST_F(CtlWatch, it_leaves_the_terminal_as_it_was_when_it_is_ended_from_outside) {
+    for (const int number : {SIGTERM, SIGINT, SIGHUP}) {
+        TerminalProgram watch(watch_command());
+        expect_whole_frame(watch);
+        watch.send_signal(number);
+        expect_left_in_order(watch);
+    }
+}
+
+TEST_F(CtlWatch, it_leaves_the_terminal_as_it_was_in_the_middle_of_a_question) {
+    for (const char* const keys : {"/cam", "d1", "d1\r", "?"}) {
+        TerminalProgram watch(watch_command());
+        expect_whole_frame(watch);
+        watch.type(keys);
+        watch.type(CTRL_C);
+        expect_left_in_order(watch);
+    }
+}
+
+TEST_F(CtlWatch, it_leaves_the_terminal_as_it_was_while_no_server_runs) {
+    server.stop();
+    TerminalProgram watch(watch_command());
+    (void)watch.wait_for_text("Trying again.");
+    watch.type("q");
+    expect_left_in_order(watch);
+}
+
+TEST_F(CtlWatch, it_gives_the_terminal_back_while_it_is_stopped_and_takes_it_again) {
+    TerminalProgram watch(watch_command());
+    expect_whole_frame(watch);
+    watch.type(CTRL_Z);
+    watch.wait_until_stopped();
+    (void)watch.wait_for_text(TERMINAL_PROMPT);
+    EXPECT_EQ(watch.damage(), "");
+    watch.send_signal(SIGCONT);
+    (void)watch.wait_for_text("cam1");
+    watch.type("q");
+    expect_left_in_order(watch);
+}
+
+TEST_F(CtlWatch, it_ends_when_its_terminal_goes_away) {
+    TerminalProgram watch(watch_command());
+    expect_whole_frame(watch);
+    watch.hang_up();
+    EXPECT_EQ(watch.wait_for_exit().signal, 0);
+}
+
+// ---- off a terminal
+
+TEST_F(CtlWatch, off_a_terminal_it_prints_a_frame_per_interval) {
+    const TimePoint start = SteadyClock::now();
+    ProgramProcess watch(watch_command());
+    const std::string heading = "v9_rtmp_ctl ";
+    LineMark mark = 0;
+    constexpr int FRAMES = 4;
+    for (int i = 0; i < FRAMES; ++i) {
+        std::string first;
+        mark = watch.out().wait_for_line_starting(heading, mark, &first);
+        EXPECT_THAT(first, HasSubstr("4 of 128 slots used: 1 publish, 2 play, 1 neither"));
+        std::string stream;
+        mark = watch.out().wait_for_line_starting("cam1 ", mark, &stream);
+        EXPECT_THAT(stream, MatchesRegex("cam1 +0 127.0.0.1:[0-9]+ +2 +1280x720 .*"));
+    }
+    // The first at once, the others each an interval later.
+    EXPECT_GE(elapsed_since(start), Milliseconds{200} * (FRAMES - 1));
+    EXPECT_THAT(watch.out().raw_text(), Not(HasSubstr("\x1b")));
+    watch.send_signal(SIGTERM);
+    EXPECT_EQ(watch.wait_for_exit(), (ProgramEnd{-1, SIGTERM}));
+    EXPECT_EQ(watch.err().raw_text(), "");
+}
+
+TEST_F(CtlWatch, a_terminal_that_can_do_nothing_gets_a_frame_per_interval_too) {
+    TerminalProgram watch(watch_command(), {"TERM=dumb"});
+    (void)watch.wait_for_text("cam1");
+    watch.type(CTRL_C);
+    (void)watch.wait_for_exit();
+    EXPECT_THAT(watch.raw_text(), Not(HasSubstr("\x1b")));
+}
+
+TEST_F(CtlWatch, json_frames_are_one_document_a_line) {
+    std::vector<std::string> command = watch_command();
+    command.emplace_back("--json");
+    ProgramProcess watch(command);
+    LineMark mark = 0;
+    for (int i = 0; i < 2; ++i) {
+        std::string line;
+        mark = watch.out().wait_for_line_starting("{", mark, &line);
+        EXPECT_THAT(
+            line,
+            StartsWith("{\"running\":true,\"slots\":128,\"streams\":[{\"stream\":\"cam1\",\"publisher\":0,"));
+    }
+    server.stop();
+    (void)watch.out().wait_for_line("{\"running\":false,\"slots\":128,\"streams\":[],\"connections\":[]}",
+                                    mark);
+    EXPECT_EQ(mark, 2U);
+}
