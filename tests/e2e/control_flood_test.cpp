@@ -25,7 +25,7 @@ using testing::IsEmpty;
 
 const std::string LIST = "list connections";
 constexpr std::uint64_t FLOOD_REQUESTS = 10000;
-// Fewer than are given in the time, and more than fit into the socket.
+// More than fit into the socket: some of them waited at the server.
 constexpr std::uint64_t FLOOD_ANSWERS = 700;
 // What the system grants at most; all the requests are to be on their way at once.
 constexpr int FLOOD_SEND_BUFFER_BYTES = 1 << 20;

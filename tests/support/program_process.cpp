@@ -16,8 +16,6 @@
 #include <cstdlib>
 #include <cstring>
 
-extern char** environ;
-
 namespace {
 
 constexpr int CANNOT_START = 127;
@@ -51,6 +49,7 @@ std::vector<std::string> environment_with(const std::vector<std::string>& entrie
 
 std::vector<char*> exec_pointers(std::vector<std::string>& strings) {
     std::vector<char*> result;
+    result.reserve(strings.size() + 1);
     for (std::string& string : strings) {
         result.push_back(string.data());
     }
