@@ -13,6 +13,7 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <set>
 #include <string>
 #include <thread>
 
@@ -116,6 +117,13 @@ class StuckServer {
     RtmpClient client;
 };
 
+// In either order: the reader thread acknowledges the request while the main thread may already answer it.
+void expect_acknowledgement_and_answer(RtmpClient& client) {
+    std::set<int> types{client.read_message().type};
+    types.insert(client.read_message().type);
+    EXPECT_EQ(types, (std::set<int>{MSG_ACKNOWLEDGEMENT, MSG_COMMAND}));
+}
+
 }  // namespace
 
 TEST(command_line, help_prints_the_usage_and_exits_with_1) {
@@ -177,8 +185,7 @@ TEST(command_line, without_switches_messages_are_acknowledged_and_not_dumped) {
     ServerProcess server;
     RtmpClient client = handshaken_client();
     client.send_connect();
-    EXPECT_EQ(client.read_message().type, MSG_ACKNOWLEDGEMENT);
-    EXPECT_EQ(client.read_message().type, MSG_COMMAND);
+    expect_acknowledgement_and_answer(client);
     EXPECT_EQ(server.err().count_starting("RTMP packet:"), 0U);
     EXPECT_EQ(server.err().count("Sending:"), 0U);
 }
@@ -194,8 +201,7 @@ TEST(command_line, each_switch_alone_does_its_own_work_only) {
     ServerProcess server({"--dbg-pkt"});
     RtmpClient client = handshaken_client();
     client.send_connect();
-    EXPECT_EQ(client.read_message().type, MSG_ACKNOWLEDGEMENT);
-    EXPECT_EQ(client.read_message().type, MSG_COMMAND);
+    expect_acknowledgement_and_answer(client);
     EXPECT_EQ(server.err().count("Sending:"), 2U);
 }
 
