@@ -1,3 +1,5 @@
+#include <cerrno>
+
 #include "app/metadata.h"
 #include "control/connection_line.h"
 #include "rtmp/message_types.h"
@@ -6,31 +8,32 @@
 
 namespace {
 
-// A lock that this thread holds already and that notices: every further attempt fails, as it does when the system
-// refuses it.
+// The mutex that the system refuses to lock; null: none.
+pthread_mutex_t* refused_mutex = nullptr;
+
 class FailingLockTest : public AppFixture {
   protected:
     class FailingLock {
       public:
-        explicit FailingLock(RTMPConnection& connection) : mutex(connection.mutex.handle) {
-            pthread_mutexattr_t attributes;
-            pthread_mutexattr_init(&attributes);
-            pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_ERRORCHECK);
-            pthread_mutex_destroy(&mutex);
-            pthread_mutex_init(&mutex, &attributes);
-            pthread_mutexattr_destroy(&attributes);
-            pthread_mutex_lock(&mutex);
-        }
-        ~FailingLock() { pthread_mutex_unlock(&mutex); }
+        explicit FailingLock(RTMPConnection& connection) { refused_mutex = &connection.mutex.handle; }
+        ~FailingLock() { refused_mutex = nullptr; }
         FailingLock(const FailingLock&) = delete;
         FailingLock& operator=(const FailingLock&) = delete;
-
-      private:
-        pthread_mutex_t& mutex;
     };
 };
 
 }  // namespace
+
+// The linker's --wrap leads every call here.
+extern "C" {
+
+int __real_pthread_mutex_lock(pthread_mutex_t* mutex);
+
+int __wrap_pthread_mutex_lock(pthread_mutex_t* mutex) {
+    return mutex == refused_mutex ? EINVAL : __real_pthread_mutex_lock(mutex);
+}
+
+}  // extern "C"
 
 TEST_F(FailingLockTest, a_connection_is_not_kept) {
     RTMPConnection& conn = add_connection();
