@@ -142,10 +142,9 @@ TEST(metadata, a_late_player_gets_it_right_after_its_start) {
     const std::uint32_t stream_id = player.create_stream();
     const LineMark mark = server.mark();
     player.send_play("cam1");
-    const RtmpMessage start = player.read_past_acknowledgements();
+    const RtmpMessage start = player.read_message();
     EXPECT_EQ(start.values().at(3).at("code").string, "NetStream.Play.Start");
-    EXPECT_EQ(to_hex(player.read_past_acknowledgements().raw),
-              to_hex(metadata_message(size_object(640, 480), stream_id)));
+    EXPECT_EQ(to_hex(player.read_message().raw), to_hex(metadata_message(size_object(640, 480), stream_id)));
     EXPECT_THAT(server.lines_since(mark), ElementsAre("Connection for play subscribed to 'cam1'",
                                                       "Repeating publisher's onMeta to new client"));
 }
@@ -238,8 +237,8 @@ TEST(metadata, comes_before_the_media_that_was_sent_after_it) {
     Stream stream;
     stream.publisher.send_metadata(size_object(1, 2));
     stream.publisher.send_audio(1, from_hex("AF 01 11"));
-    EXPECT_EQ(stream.player.read_past_acknowledgements().type, MSG_DATA);
-    EXPECT_EQ(stream.player.read_past_acknowledgements().type, MSG_AUDIO);
+    EXPECT_EQ(stream.player.read_message().type, MSG_DATA);
+    EXPECT_EQ(stream.player.read_message().type, MSG_AUDIO);
 }
 
 TEST(metadata, a_new_format_drops_the_player_that_was_told_another) {

@@ -211,7 +211,7 @@ void RtmpClient::send_metadata(const Bytes& value) {
     send_data(amf_string("@setDataFrame") + amf_string("onMetaData") + value);
 }
 
-RtmpMessage RtmpClient::read_message(Milliseconds wait) {
+RtmpMessage RtmpClient::read_any_message(Milliseconds wait) {
     if (std::optional<RtmpMessage> message = try_read_message(wait)) {
         return std::move(*message);
     }
@@ -231,10 +231,10 @@ std::optional<RtmpMessage> RtmpClient::try_read_message(Milliseconds wait) {
     }
 }
 
-RtmpMessage RtmpClient::read_past_acknowledgements(Milliseconds wait) {
+RtmpMessage RtmpClient::read_message(Milliseconds wait) {
     const TimePoint deadline = SteadyClock::now() + wait;
     while (true) {
-        RtmpMessage message = read_message(Milliseconds{poll_timeout_ms(deadline)});
+        RtmpMessage message = read_any_message(Milliseconds{poll_timeout_ms(deadline)});
         if (message.type != MSG_ACKNOWLEDGEMENT) {
             return message;
         }
@@ -242,7 +242,7 @@ RtmpMessage RtmpClient::read_past_acknowledgements(Milliseconds wait) {
 }
 
 RtmpMessage RtmpClient::expect_message(std::uint8_t type, Milliseconds wait) {
-    RtmpMessage message = type == MSG_ACKNOWLEDGEMENT ? read_message(wait) : read_past_acknowledgements(wait);
+    RtmpMessage message = type == MSG_ACKNOWLEDGEMENT ? read_any_message(wait) : read_message(wait);
     if (message.type != type) {
         fail("expected a message of type " + std::to_string(type) + ", got " + describe(message));
     }
@@ -330,7 +330,7 @@ std::vector<RtmpMessage> RtmpClient::round_trip(Milliseconds wait) {
     send_command(amf_string("releaseStream") + amf_number(transaction_id) + amf_null());
     std::vector<RtmpMessage> before;
     while (true) {
-        RtmpMessage message = read_past_acknowledgements(Milliseconds{poll_timeout_ms(deadline)});
+        RtmpMessage message = read_message(Milliseconds{poll_timeout_ms(deadline)});
         if (message.type == MSG_COMMAND && message.payload == expected) {
             return before;
         }
