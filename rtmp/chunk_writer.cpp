@@ -88,7 +88,22 @@ class GatheredPieces {
     std::size_t bytes = 0;
 };
 
-bool send_chunks(RTMPConnection& conn, RTMP_Packet::chunk_t& chunk, int last_flags) {
+// Adds the next chunk of the payload, of which left bytes are to go. Returns how many it is; 0 when an earlier
+// piece was not sent whole.
+std::size_t add_chunk(RTMPConnection& conn, GatheredPieces& pieces, const RTMP_Packet::chunk_t& chunk,
+                      std::size_t left) {
+    unsigned char* const s = chunk.message.data + (chunk.message_length - left);
+    const unsigned char* const sf = chunk.message.data + chunk.message.data_length;
+    const std::size_t chunk_size = conn.conn_g_server.chunk_size.load(std::memory_order_relaxed);
+    const std::size_t todo = std::min(chunk_size, left);
+    // clang-format off
+    CHECK((s+todo) <= sf);
+    // clang-format on
+    CHECK(todo != size_t(0));
+    return pieces.add(s, todo) ? todo : 0;
+}
+
+bool send_chunks(RTMPConnection& conn, const RTMP_Packet::chunk_t& chunk, int last_flags) {
     std::array<unsigned char, MAX_BASIC_HEADER_BYTES + MAX_MESSAGE_HEADER_BYTES> header;
     std::size_t header_bytes = write_basic_header(header.data(), FIRST_FMT, chunk.stream_id);
     header_bytes += write_message_header(header.data() + header_bytes, chunk);
@@ -100,20 +115,14 @@ bool send_chunks(RTMPConnection& conn, RTMP_Packet::chunk_t& chunk, int last_fla
     if (!pieces.add(header.data(), header_bytes)) {
         return false;
     }
-    unsigned char* s = chunk.message.data;
-    const unsigned char* const sf = s + chunk.message.data_length;
+    std::size_t left = chunk.message_length;
     for (;;) {
-        const std::size_t chunk_size = conn.conn_g_server.chunk_size.load(std::memory_order_relaxed);
-        const std::size_t todo = std::min(chunk_size, static_cast<std::size_t>(sf - s));
-        // clang-format off
-        CHECK((s+todo) <= sf);
-        // clang-format on
-        CHECK(todo != size_t(0));
-        if (!pieces.add(s, todo)) {
+        const std::size_t added = add_chunk(conn, pieces, chunk, left);
+        if (added == 0) {
             return false;
         }
-        s += todo;
-        if (s == sf) {
+        left -= added;
+        if (left == 0) {
             return pieces.flush(last_flags);
         }
         if (!pieces.add(continuation.data(), continuation_bytes)) {

@@ -5,12 +5,15 @@
 
 #include <algorithm>
 #include <bit>
+#include <csignal>
 #include <cstdint>
+#include <new>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "tests/amf/hostile_values.h"
+#include "tests/support/assertion_line.h"
 #include "tests/support/guarded_bytes.h"
 
 namespace {
@@ -652,4 +655,21 @@ TEST(amf_read_width, decodes_as_many_members_as_a_message_holds_in_any_order) {
             EXPECT_EQ(v.members.begin()->first, three_byte_key(0));
         });
     }
+}
+
+// The cursor lies where the string is stored, so the string's bytes become the cursor.
+TEST(amf_read_death, a_cursor_that_is_overwritten_ends_the_process) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const auto read_over_the_cursor = [](auto read, const Bytes& length) {
+        const Bytes far_beyond{0, 0, 0xFF, 0xFF, 0xFF, 0x7F, 0, 0};
+        const Bytes bytes = length + far_beyond;
+        std::string out;
+        out.reserve(64);
+        const unsigned char*& s = *new (out.data()) const unsigned char*(bytes.data());
+        (void)read(out, s, bytes.data() + bytes.size());
+    };
+    EXPECT_EXIT(read_over_the_cursor(AMF_ReadStringU16, {0, 8}), testing::KilledBySignal(SIGABRT),
+                assertion_line("read_string", "s <= sf"));
+    EXPECT_EXIT(read_over_the_cursor(AMF_ReadStringU32, be32(8)), testing::KilledBySignal(SIGABRT),
+                assertion_line("read_string", "s <= sf"));
 }

@@ -4,12 +4,15 @@
 #include <gtest/gtest.h>
 
 #include <bit>
+#include <csignal>
 #include <cstdint>
+#include <new>
 #include <string>
 #include <string_view>
 
 #include "amf/amf_read.h"
 #include "tests/amf/hostile_values.h"
+#include "tests/support/assertion_line.h"
 #include "tests/support/guarded_bytes.h"
 
 namespace {
@@ -318,4 +321,19 @@ TEST(amf_write_width, encodes_as_many_members_as_a_message_holds) {
         ASSERT_EQ(bytes.size(), 5 + 6 * MOST_MEMBERS + 3);
         EXPECT_EQ(Bytes(bytes.begin(), bytes.begin() + 5), (Bytes{0x08, 0x00, 0x02, 0xA7, 0xB0}));
     });
+}
+
+// The cursor lies in its own buffer, so the string's bytes become the cursor.
+TEST(amf_write_death, a_cursor_that_is_overwritten_ends_the_process) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const auto write_over_the_cursor = [](auto write, std::size_t length_bytes) {
+        constexpr std::string_view FAR_BEYOND("\0\0\xFF\xFF\xFF\x7F\0\0", 8);
+        alignas(unsigned char*) unsigned char buffer[64];
+        unsigned char*& d = *new (buffer + 8) unsigned char*(buffer + 8 - length_bytes);
+        (void)write(d, buffer + sizeof buffer, FAR_BEYOND);
+    };
+    EXPECT_EXIT(write_over_the_cursor(AMF_WriteStringU16, 2), testing::KilledBySignal(SIGABRT),
+                assertion_line("write_bytes", "d <= df"));
+    EXPECT_EXIT(write_over_the_cursor(AMF_WriteStringU32, 4), testing::KilledBySignal(SIGABRT),
+                assertion_line("write_bytes", "d <= df"));
 }

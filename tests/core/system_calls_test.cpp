@@ -3,6 +3,7 @@
 #include <netinet/tcp.h>
 
 #include "core/listener.h"
+#include "tests/support/assertion_line.h"
 #include "tests/support/connection_fixture.h"
 #include "tests/support/private_namespaces.h"
 #include "tests/support/wrapped_calls.h"
@@ -161,11 +162,22 @@ TEST_F(SystemCallsTest, a_thread_that_cannot_be_joined_is_tried_again_on_every_p
 TEST_F(SystemCallsDeathTest, a_failing_unlock_ends_the_process) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     RTMPConnection& conn = add_connection();
-    const auto check_with_failing_unlock = [&conn] {
-        wrapped_calls.unlock_result = EPERM;
-        (void)conn.ok();
+    wrapped_calls.failing_unlock = &conn.mutex.handle;
+    EXPECT_EXIT((void)conn.ok(), testing::KilledBySignal(SIGABRT),
+                assertion_line("ok", "connection_io_unlock()"));
+}
+
+TEST_F(SystemCallsDeathTest, threads_that_come_back_after_they_were_joined_end_the_process) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    RTMPConnection& conn = add_connection();
+    wrapped_calls.refuse_join = true;
+    wrapped_calls.at_join = [&conn] {
+        conn.thread_init = true;
+        conn.thread2_init = true;
     };
-    EXPECT_DEATH(check_with_failing_unlock(), "ok: Assertion 'connection_io_unlock\\(\\)' failed");
+    EXPECT_EXIT(conn.close_connection(), testing::KilledBySignal(SIGABRT),
+                assertion_line("close_connection", "!thread_init"));
+    wrapped_calls = {};
 }
 
 int main(int argc, char** argv) {

@@ -9,6 +9,8 @@ WrappedCalls wrapped_calls;
 
 extern "C" {
 
+ssize_t __real_recv(int fd, void* buffer, std::size_t c, int flags);
+ssize_t __real_send(int fd, const void* buffer, std::size_t c, int flags);
 ssize_t __real_sendmsg(int fd, const msghdr* message, int flags);
 int __real_setsockopt(int fd, int level, int option, const void* value, socklen_t length);
 int __real_listen(int fd, int backlog);
@@ -16,7 +18,18 @@ int __real_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, v
                           void* argument);
 int __real_pthread_cancel(pthread_t thread);
 int __real_pthread_join(pthread_t thread, void** result);
+int __real_pthread_mutex_lock(pthread_mutex_t* mutex);
 int __real_pthread_mutex_unlock(pthread_mutex_t* mutex);
+
+ssize_t __wrap_recv(int fd, void* buffer, std::size_t c, int flags) {
+    const ssize_t result = __real_recv(fd, buffer, c, flags);
+    return wrapped_calls.recv_result ? wrapped_calls.recv_result(result) : result;
+}
+
+ssize_t __wrap_send(int fd, const void* buffer, std::size_t c, int flags) {
+    const ssize_t result = __real_send(fd, buffer, c, flags);
+    return wrapped_calls.send_result ? wrapped_calls.send_result(result) : result;
+}
 
 ssize_t __wrap_sendmsg(int fd, const msghdr* message, int flags) {
     SentPieces sent{message->msg_iovlen, 0, flags};
@@ -24,7 +37,8 @@ ssize_t __wrap_sendmsg(int fd, const msghdr* message, int flags) {
         sent.bytes += message->msg_iov[i].iov_len;
     }
     wrapped_calls.sends.push_back(sent);
-    return __real_sendmsg(fd, message, flags);
+    const ssize_t result = __real_sendmsg(fd, message, flags);
+    return wrapped_calls.sendmsg_result ? wrapped_calls.sendmsg_result(result) : result;
 }
 
 int __wrap_setsockopt(int fd, int level, int option, const void* value, socklen_t length) {
@@ -61,16 +75,23 @@ int __wrap_pthread_cancel(pthread_t thread) {
 }
 
 int __wrap_pthread_join(pthread_t thread, void** result) {
-    if (wrapped_calls.refuse_join) {
-        return EDEADLK;
+    const int joined = wrapped_calls.refuse_join ? EDEADLK : __real_pthread_join(thread, result);
+    if (wrapped_calls.at_join) {
+        wrapped_calls.at_join();
     }
-    const int joined = __real_pthread_join(thread, result);
     return wrapped_calls.join_result != 0 ? wrapped_calls.join_result : joined;
+}
+
+int __wrap_pthread_mutex_lock(pthread_mutex_t* mutex) {
+    if (wrapped_calls.at_lock) {
+        wrapped_calls.at_lock(mutex);
+    }
+    return __real_pthread_mutex_lock(mutex);
 }
 
 int __wrap_pthread_mutex_unlock(pthread_mutex_t* mutex) {
     const int result = __real_pthread_mutex_unlock(mutex);
-    return wrapped_calls.unlock_result != 0 ? wrapped_calls.unlock_result : result;
+    return mutex == wrapped_calls.failing_unlock ? EPERM : result;
 }
 
 }  // extern "C"

@@ -4,9 +4,11 @@
 // through here. Without orders each does what the system does.
 #pragma once
 
+#include <pthread.h>
 #include <sys/socket.h>
 
 #include <cstdint>
+#include <functional>
 #include <vector>
 
 struct SentPieces {
@@ -39,8 +41,17 @@ struct WrappedCalls {
     int join_result = 0;
     // The join really fails: nothing is joined.
     bool refuse_join = false;
-    // The unlock is done and reported as failed.
-    int unlock_result = 0;
+    // The unlock of this mutex is done and reported as failed.
+    const pthread_mutex_t* failing_unlock = nullptr;
+
+    // Makes what the caller is told from the real result; unset, it is told that.
+    std::function<ssize_t(ssize_t)> recv_result;
+    std::function<ssize_t(ssize_t)> send_result;
+    std::function<ssize_t(ssize_t)> sendmsg_result;
+
+    // What somebody else does meanwhile: before a mutex is locked, and after a join.
+    std::function<void(const pthread_mutex_t*)> at_lock;
+    std::function<void()> at_join;
 
     int pthread_creates = 0;
 };

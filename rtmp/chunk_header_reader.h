@@ -1,0 +1,17 @@
+// Reads the headers of chunks from a connection and resolves them against its chunk streams. Reader thread.
+#pragma once
+
+#include "core/connection.h"
+
+constexpr std::uint8_t CONTINUATION_FMT = 3;
+
+// Exactly c bytes into d; false when the client ends before.
+[[nodiscard]] bool read_whole(RTMPConnection& conn, void* d, std::size_t c);
+
+// The format and the chunk stream id; false when the client ends before.
+[[nodiscard]] bool read_basic_header(RTMPConnection& conn, RTMP_Packet::chunk_t& chunk);
+
+// What follows a basic header. first: the chunk begins a message, whose header is read into pkt; otherwise it
+// must be a continuation, which has none. False after one line, or in silence when the client ends before.
+[[nodiscard]] bool resolve_chunk_header(RTMPConnection& conn, RTMP_Packet& pkt, bool first)
+    REQUIRES(conn.reader_role);
