@@ -6,6 +6,7 @@
 
 #include "core/limits.h"
 #include "tests/app/app_fixture.h"
+#include "tests/support/assertion_line.h"
 
 namespace {
 
@@ -333,5 +334,5 @@ TEST_F(MetadataDeathTest, a_player_outside_the_table_ends_the_process) {
         forward_metadata_to_players(publisher);
     };
     EXPECT_EXIT(tell_slot(MAX_CONNECTIONS), testing::KilledBySignal(SIGABRT),
-                "get_connection: Assertion 'i < MAX_CONNECTIONS' failed.\n");
+                assertion_line("get_connection", "i < MAX_CONNECTIONS"));
 }

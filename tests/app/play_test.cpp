@@ -3,6 +3,7 @@
 
 #include "core/limits.h"
 #include "tests/app/app_fixture.h"
+#include "tests/support/assertion_line.h"
 
 namespace {
 
@@ -181,5 +182,5 @@ TEST_F(PlayDeathTest, a_publisher_outside_the_table_ends_the_process) {
     record().publisher = MAX_CONNECTIONS;
     receive_command(conn, play_command("cam1"));
     EXPECT_EXIT(conn.idle(), testing::KilledBySignal(SIGABRT),
-                "get_connection: Assertion 'i < MAX_CONNECTIONS' failed.\n");
+                assertion_line("get_connection", "i < MAX_CONNECTIONS"));
 }

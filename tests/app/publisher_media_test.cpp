@@ -7,6 +7,7 @@
 #include "core/limits.h"
 #include "core/switches.h"
 #include "tests/app/app_fixture.h"
+#include "tests/support/assertion_line.h"
 
 namespace {
 
@@ -337,5 +338,5 @@ TEST_F(PublisherMediaDeathTest, a_publisher_outside_the_table_ends_the_process) 
     record().publisher = MAX_CONNECTIONS;
     receive_audio(conn, 1);
     EXPECT_EXIT(conn.idle(), testing::KilledBySignal(SIGABRT),
-                "get_connection: Assertion 'i < MAX_CONNECTIONS' failed.\n");
+                assertion_line("get_connection", "i < MAX_CONNECTIONS"));
 }

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "core/limits.h"
+#include "tests/support/assertion_line.h"
 #include "tests/support/connection_fixture.h"
 
 namespace {
@@ -344,13 +345,13 @@ TEST_F(ControlCommandsTest, a_reply_is_written_to_its_end) {
 TEST_F(ControlCommandsDeathTest, a_request_without_a_command_ends_the_process) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_EXIT((void)run_control_command(nullptr, nullptr), testing::KilledBySignal(SIGABRT),
-                "run_control_command: Assertion 'command != NULL' failed.\n");
+                assertion_line("run_control_command", "command != NULL"));
 }
 
 TEST_F(ControlCommandsDeathTest, a_reply_that_cannot_be_written_ends_the_process_and_names_the_call) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     const Packet request = make_request("hello", {});
-    EXPECT_EXIT(
-        (void)run_control_command(request.get(), nullptr), testing::KilledBySignal(SIGABRT),
-        "Assertion 'comm_socket_v4_packet_begin_writing\\(respkt, 0, command, message\\) == 0' failed.\n");
+    EXPECT_EXIT((void)run_control_command(request.get(), nullptr), testing::KilledBySignal(SIGABRT),
+                assertion_line("begin_reply",
+                               "comm_socket_v4_packet_begin_writing(respkt, 0, command, message) == 0"));
 }

@@ -7,6 +7,7 @@
 #include <deque>
 
 #include "core/quit_signals.h"
+#include "tests/support/assertion_line.h"
 #include "tests/support/connection_fixture.h"
 
 namespace {
@@ -289,17 +290,19 @@ TEST_F(ControlServerDeathTest, a_reply_that_cannot_be_made_is_our_mistake) {
     start();
     add_request("list connections");
     library.packet_create_fails = true;
-    EXPECT_DEATH(server_idle(), "Assertion 'respkt != NULL' failed");
+    EXPECT_EXIT(server_idle(), testing::KilledBySignal(SIGABRT), assertion_line("answer", "respkt != NULL"));
     library.packet_create_fails = false;
     library.begin_writing_fails = true;
-    EXPECT_DEATH(
-        server_idle(),
-        "Assertion 'comm_socket_v4_packet_begin_writing\\(respkt, 0, command, message\\) == 0' failed");
+    EXPECT_EXIT(server_idle(), testing::KilledBySignal(SIGABRT),
+                assertion_line("begin_reply",
+                               "comm_socket_v4_packet_begin_writing(respkt, 0, command, message) == 0"));
     library.begin_writing_fails = false;
     library.write_nv_pair_fails = true;
-    EXPECT_DEATH(server_idle(),
-                 "Assertion 'comm_socket_v4_packet_write_nv_pair\\(respkt, name, value\\) == 0' failed");
+    EXPECT_EXIT(
+        server_idle(), testing::KilledBySignal(SIGABRT),
+        assertion_line("write_pair", "comm_socket_v4_packet_write_nv_pair(respkt, name, value) == 0"));
     library.write_nv_pair_fails = false;
     library.write_end_fails = true;
-    EXPECT_DEATH(server_idle(), "Assertion 'comm_socket_v4_packet_write_end\\(respkt\\) == 0' failed");
+    EXPECT_EXIT(server_idle(), testing::KilledBySignal(SIGABRT),
+                assertion_line("end_reply", "comm_socket_v4_packet_write_end(respkt) == 0"));
 }

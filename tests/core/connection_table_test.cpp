@@ -1,5 +1,6 @@
 #include "core/connection_table.h"
 
+#include "tests/support/assertion_line.h"
 #include "tests/support/connection_fixture.h"
 
 namespace {
@@ -72,13 +73,17 @@ TEST_F(connection_table, a_pass_drops_what_is_not_ok_and_keeps_the_rest) {
 
 TEST_F(connection_table_death, slots_end_at_128) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    EXPECT_DEATH((void)get_connection(128), "get_connection: Assertion 'i < MAX_CONNECTIONS' failed");
-    EXPECT_DEATH(free_connection(128), "free_connection: Assertion 'i < size_t\\(MAX_CONNECTIONS\\)' failed");
-    EXPECT_DEATH(idle_connection(128), "idle_connection: Assertion 'i < size_t\\(MAX_CONNECTIONS\\)' failed");
+    EXPECT_EXIT((void)get_connection(128), testing::KilledBySignal(SIGABRT),
+                assertion_line("get_connection", "i < MAX_CONNECTIONS"));
+    EXPECT_EXIT(free_connection(128), testing::KilledBySignal(SIGABRT),
+                assertion_line("free_connection", "i < size_t(MAX_CONNECTIONS)"));
+    EXPECT_EXIT(idle_connection(128), testing::KilledBySignal(SIGABRT),
+                assertion_line("idle_connection", "i < size_t(MAX_CONNECTIONS)"));
 }
 
 TEST_F(connection_table_death, the_scan_never_stands_past_the_last_slot) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     connections_free_scan = 128;
-    EXPECT_DEATH((void)new_connection(0, ""), "Assertion 'connections_free_scan < MAX_CONNECTIONS' failed");
+    EXPECT_EXIT((void)new_connection(0, ""), testing::KilledBySignal(SIGABRT),
+                assertion_line("find_free_slot", "connections_free_scan < MAX_CONNECTIONS"));
 }

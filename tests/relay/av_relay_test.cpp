@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "tests/relay/relay_fixture.h"
+#include "tests/support/assertion_line.h"
 
 namespace {
 
@@ -334,7 +335,7 @@ TEST_F(AvRelayDeathTest, a_connection_that_is_relayed_to_itself_ends_the_process
     RTMPConnection& publisher = add_publisher();
     RTMP_Packet pkt = make_packet(MESSAGE_AUDIO, 0, AAC_FRAME);
     EXPECT_EXIT((void)publisher.relay_from_publisher(pkt, publisher), testing::KilledBySignal(SIGABRT),
-                "relay_from_publisher: Assertion '&publisher != this' failed.\n");
+                assertion_line("relay_from_publisher", "&publisher != this"));
 }
 
 TEST_F(AvRelayDeathTest, a_publisher_in_the_players_own_slot_ends_the_process) {
@@ -343,7 +344,7 @@ TEST_F(AvRelayDeathTest, a_publisher_in_the_players_own_slot_ends_the_process) {
     RTMPConnection impostor(-1, player.conn_idx, "");
     RTMP_Packet pkt = make_packet(MESSAGE_AUDIO, 0, AAC_FRAME);
     EXPECT_EXIT((void)player.relay_from_publisher(pkt, impostor), testing::KilledBySignal(SIGABRT),
-                "relay_from_publisher: Assertion 'publisher.conn_idx != conn_idx' failed.\n");
+                assertion_line("relay_from_publisher", "publisher.conn_idx != conn_idx"));
 }
 
 TEST_F(AvRelayDeathTest, a_player_outside_the_table_ends_the_process) {
@@ -355,7 +356,7 @@ TEST_F(AvRelayDeathTest, a_player_outside_the_table_ends_the_process) {
         (void)relay_published_packet(publisher, pkt);
     };
     EXPECT_EXIT(relay_to_slot(MAX_CONNECTIONS), testing::KilledBySignal(SIGABRT),
-                "get_connection: Assertion 'i < MAX_CONNECTIONS' failed.\n");
+                assertion_line("get_connection", "i < MAX_CONNECTIONS"));
     EXPECT_EXIT(relay_to_slot(NO_CONNECTION), testing::KilledBySignal(SIGABRT),
-                "get_connection: Assertion 'i < MAX_CONNECTIONS' failed.\n");
+                assertion_line("get_connection", "i < MAX_CONNECTIONS"));
 }

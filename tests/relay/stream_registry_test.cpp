@@ -3,6 +3,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/assertion_line.h"
 #include "tests/support/connection_fixture.h"
 
 namespace {
@@ -165,8 +166,8 @@ TEST_F(StreamRegistryDeathTest, a_slot_outside_the_table_ends_the_process) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     for (const char* const name : {"live", ""}) {
         EXPECT_EXIT(stream_subscribe_for_play(name, MAX_CONNECTIONS), testing::KilledBySignal(SIGABRT),
-                    "stream_subscribe_for_play: Assertion 'connection < MAX_CONNECTIONS' failed.\n");
+                    assertion_line("stream_subscribe_for_play", "connection < MAX_CONNECTIONS"));
         EXPECT_EXIT(stream_unsubscribe_for_play(name, MAX_CONNECTIONS), testing::KilledBySignal(SIGABRT),
-                    "stream_unsubscribe_for_play: Assertion 'connection < MAX_CONNECTIONS' failed.\n");
+                    assertion_line("stream_unsubscribe_for_play", "connection < MAX_CONNECTIONS"));
     }
 }

@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "tests/relay/relay_fixture.h"
+#include "tests/support/assertion_line.h"
 
 namespace {
 
@@ -100,5 +101,5 @@ TEST_F(TimeResetDeathTest, a_player_outside_the_table_ends_the_process) {
     StreamRecord record;
     record.players.push_back(MAX_CONNECTIONS);
     EXPECT_EXIT(notify_time_reset(record), testing::KilledBySignal(SIGABRT),
-                "get_connection: Assertion 'i < MAX_CONNECTIONS' failed.\n");
+                assertion_line("get_connection", "i < MAX_CONNECTIONS"));
 }

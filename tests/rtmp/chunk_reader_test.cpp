@@ -1,4 +1,5 @@
 #include "rtmp/chunk_format.h"
+#include "tests/support/assertion_line.h"
 #include "tests/support/connection_fixture.h"
 
 namespace {
@@ -129,5 +130,6 @@ TEST_F(chunk_reader_death, a_chunk_size_of_zero_is_our_mistake) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     conn.conn_g_client.chunk_size = 0;
     client_sends(header_of(3) + "abc");
-    EXPECT_DEATH((void)read_message(), "Assertion 'conn_g_client.chunk_size != uint32_t\\(0\\)' failed");
+    EXPECT_EXIT((void)read_message(), testing::KilledBySignal(SIGABRT),
+                assertion_line("read_payload", "conn_g_client.chunk_size != uint32_t(0)"));
 }
