@@ -17,6 +17,12 @@ elseif(NOT V9_SANITIZE STREQUAL "")
   message(FATAL_ERROR "V9_SANITIZE is '${V9_SANITIZE}': use an empty value, address or thread")
 endif()
 
+if(V9_COVERAGE)
+  # Threads count in the same counters.
+  add_compile_options(--coverage -fprofile-update=atomic)
+  add_link_options(--coverage)
+endif()
+
 if(V9_FUZZ)
   add_compile_options(-fsanitize=fuzzer-no-link)
 endif()
