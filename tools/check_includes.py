@@ -47,6 +47,7 @@ RULES = [
     ("bench/*", ["bench/*", "tests/support/*"]),
     ("fuzz/*", ["*"]),
     ("tests/e2e/*", ["tests/*", "comm_socket_v4.h"]),
+    ("tests/model/reference_*", ["tests/model/reference_*", "tests/support/*"]),
     ("tests/*", ["*"]),
 ]
 
