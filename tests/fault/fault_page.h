@@ -1,0 +1,75 @@
+// What the fault injector and the test that uses it tell each other, in a file that both map.
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <cstdint>
+#include <string_view>
+
+enum class FaultCall : std::uint32_t {
+    SOCKET,
+    BIND,
+    LISTEN,
+    ACCEPT4,
+    SETSOCKOPT,
+    RECV,
+    SEND,
+    SENDMSG,
+    PTHREAD_CREATE,
+    PTHREAD_CANCEL,
+    PTHREAD_JOIN,
+    PTHREAD_MUTEX_LOCK,
+    PTHREAD_MUTEX_UNLOCK,
+    NOTHROW_NEW,
+    NEW,
+};
+
+// As they stand in V9_FAULT, in the order above.
+inline constexpr std::array<std::string_view, 15> FAULT_CALL_NAMES{"socket",
+                                                                   "bind",
+                                                                   "listen",
+                                                                   "accept4",
+                                                                   "setsockopt",
+                                                                   "recv",
+                                                                   "send",
+                                                                   "sendmsg",
+                                                                   "pthread_create",
+                                                                   "pthread_cancel",
+                                                                   "pthread_join",
+                                                                   "pthread_mutex_lock",
+                                                                   "pthread_mutex_unlock",
+                                                                   "nothrow_new",
+                                                                   "new"};
+
+enum class FaultThread : std::uint32_t { MAIN, READER, WRITER };
+
+inline constexpr std::uint32_t NO_FAULT_CONNECTION = 0xFFFFFFFF;
+inline constexpr std::size_t MAX_FAULT_FRAMES = 32;
+
+// The first call that was made to fail.
+struct FaultRecord {
+    FaultThread thread = FaultThread::MAIN;
+    // Whose thread it was or whose mutex, counted from 0 in the order of acceptance.
+    std::uint32_t connection = NO_FAULT_CONNECTION;
+    // Of this kind by this thread, from 1.
+    std::uint32_t call_of_thread = 0;
+    // The socket is the control socket or one of its clients.
+    std::uint32_t on_control_socket = 0;
+    // pthread_cancel, pthread_join: whose thread was meant, and which of its two.
+    std::uint32_t target_connection = NO_FAULT_CONNECTION;
+    FaultThread target_thread = FaultThread::MAIN;
+    // Return addresses, innermost first, from where the program was loaded.
+    std::uint32_t frame_count = 0;
+    std::array<std::uint64_t, MAX_FAULT_FRAMES> frames{};
+};
+
+struct FaultPage {
+    // The calls that the program made, by FaultCall.
+    std::array<std::atomic<std::uint64_t>, FAULT_CALL_NAMES.size()> calls{};
+    std::atomic<std::uint32_t> injected{0};
+    // Lets go what an action "hold" holds.
+    std::atomic<std::uint32_t> released{0};
+    // To be read once `injected` is not 0.
+    FaultRecord first;
+};
+static_assert(std::atomic<std::uint64_t>::is_always_lock_free);

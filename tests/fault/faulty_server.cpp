@@ -1,0 +1,159 @@
+#include "tests/fault/faulty_server.h"
+
+#include "tests/support/test_failure.h"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <memory>
+#include <new>
+#include <sstream>
+#include <thread>
+
+namespace {
+
+constexpr const char* PAGE_PATH = "/run/v9_fault_page";
+
+std::string output_of(const std::string& command) {
+    const std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(command.c_str(), "r"), pclose);
+    if (pipe == nullptr) {
+        throw TestFailure("cannot run " + command);
+    }
+    std::string output;
+    std::string part(65536, '\0');
+    for (std::size_t n = 0; (n = std::fread(part.data(), 1, part.size(), pipe.get())) > 0;) {
+        output.append(part, 0, n);
+    }
+    return output;
+}
+
+// "a::(anonymous namespace)::b[abi:cxx11](int)" becomes "a::b".
+std::string plain_name(std::string function) {
+    constexpr std::string_view ANONYMOUS = "(anonymous namespace)::";
+    for (std::size_t i = 0; (i = function.find(ANONYMOUS)) != std::string::npos;) {
+        function.erase(i, ANONYMOUS.size());
+    }
+    return function.substr(0, function.find_first_of("(["));
+}
+
+// Whether a function is called so, with or without the namespaces and classes that it is in.
+bool has_name(const std::string& function, std::string_view name) {
+    std::string_view plain = function;
+    if (!plain.ends_with(name)) {
+        return false;
+    }
+    plain.remove_suffix(name.size());
+    return plain.empty() || plain.ends_with(':');
+}
+
+}  // namespace
+
+const ServerSymbols& ServerSymbols::get() {
+    static const ServerSymbols symbols;
+    return symbols;
+}
+
+ServerSymbols::ServerSymbols() {
+    std::istringstream lines(output_of("nm -C --defined-only '" V9_SERVER_PATH "'"));
+    for (std::string line; std::getline(lines, line);) {
+        std::istringstream fields(line);
+        std::uint64_t address = 0;
+        std::string kind;
+        fields >> std::hex >> address >> kind;
+        std::string name;
+        std::getline(fields >> std::ws, name);
+        if (kind == "t" || kind == "T" || kind == "W" || kind == "w") {
+            by_address[address] = name.find(".cold") == std::string::npos ? plain_name(name) : name;
+        }
+    }
+    if (by_address.empty()) {
+        throw TestFailure(
+            "nm found no function in the server: is binutils installed, and the server not stripped?");
+    }
+}
+
+std::string ServerSymbols::within(std::string_view name) const {
+    for (auto symbol = by_address.begin(); symbol != by_address.end(); ++symbol) {
+        const auto next = std::next(symbol);
+        if (next != by_address.end() && has_name(symbol->second, name)) {
+            std::ostringstream range;
+            range << '@' << std::hex << symbol->first << '-' << next->first;
+            return range.str();
+        }
+    }
+    throw TestFailure("the server has no function " + std::string(name));
+}
+
+std::vector<std::string> ServerSymbols::functions_of(const FaultRecord& record) const {
+    std::vector<std::string> functions;
+    for (std::uint32_t i = 0; i < record.frame_count; ++i) {
+        auto symbol = by_address.lower_bound(record.frames[i]);  // A return address is behind the call.
+        if (symbol != by_address.begin()) {
+            functions.push_back(std::prev(symbol)->second);
+        }
+    }
+    return functions;
+}
+
+FaultWatch::FaultWatch() {
+    const int fd = open(PAGE_PATH, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    if (fd < 0 || ftruncate(fd, sizeof(FaultPage)) != 0) {
+        throw TestFailure(std::string("cannot make ") + PAGE_PATH);
+    }
+    void* const mapped = mmap(nullptr, sizeof(FaultPage), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    close(fd);
+    if (mapped == MAP_FAILED) {
+        throw TestFailure(std::string("cannot map ") + PAGE_PATH);
+    }
+    page = new (mapped) FaultPage;
+}
+
+FaultWatch::~FaultWatch() {
+    munmap(page, sizeof(FaultPage));
+}
+
+void FaultWatch::wait_until_injected(Milliseconds wait) const {
+    const TimePoint deadline = SteadyClock::now() + wait;
+    while (injected() == 0) {
+        if (SteadyClock::now() >= deadline) {
+            throw TestFailure("the server never made the call that is to fail");
+        }
+        std::this_thread::sleep_for(Milliseconds{1});
+    }
+}
+
+bool FaultWatch::came_through(std::string_view function_name) const {
+    const std::vector<std::string> all = functions();
+    return std::any_of(all.begin(), all.end(),
+                       [&](const std::string& function) { return has_name(function, function_name); });
+}
+
+std::string FaultWatch::describe() const {
+    if (injected() == 0) {
+        return "nothing injected";
+    }
+    constexpr const char* THREADS[] = {"main", "reader", "writer"};
+    std::string text = std::to_string(injected()) + " injected, first on the " +
+                       THREADS[static_cast<std::size_t>(first().thread)] + " thread, connection " +
+                       std::to_string(static_cast<int>(first().connection)) + ", call " +
+                       std::to_string(first().call_of_thread) + ", through";
+    for (const std::string& function : functions()) {
+        text += "\n    " + function;
+    }
+    return text;
+}
+
+ServerOptions with_faults(const std::string& plan, std::vector<std::string> arguments) {
+    ServerOptions options;
+    options.arguments = std::move(arguments);
+    options.environment = {"LD_PRELOAD=" V9_FAULT_INJECTOR_PATH, std::string("V9_FAULT_PAGE=") + PAGE_PATH};
+    if (!plan.empty()) {
+        options.environment.push_back("V9_FAULT=" + plan);
+    }
+    options.limits = {{RLIMIT_CORE, 0}};  // Some end by an assertion, as they must.
+    return options;
+}
