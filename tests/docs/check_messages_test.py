@@ -1,6 +1,5 @@
 #!/usr/bin/env python3
 """tools/check_messages.py finds what it is there to find: run on copies of page and sources with one change each."""
-import importlib.util
 import io
 import contextlib
 import pathlib
@@ -11,9 +10,8 @@ import unittest
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
 sys.dont_write_bytecode = True
-SPEC = importlib.util.spec_from_file_location("check_messages", ROOT / "tools/check_messages.py")
-CHECK = importlib.util.module_from_spec(SPEC)
-SPEC.loader.exec_module(CHECK)
+sys.path.insert(0, str(ROOT / "tools"))
+import check_messages as CHECK  # noqa: E402
 
 
 class CheckMessages(unittest.TestCase):

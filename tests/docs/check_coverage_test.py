@@ -1,0 +1,69 @@
+#!/usr/bin/env python3
+"""tools/check_coverage.py lets nothing below its limits pass: run on summaries made for the purpose."""
+import contextlib
+import io
+import json
+import pathlib
+import sys
+import tempfile
+import unittest
+
+ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
+sys.dont_write_bytecode = True
+sys.path.insert(0, str(ROOT / "tools"))
+import check_coverage as CHECK  # noqa: E402
+
+
+def file(name, line_covered=1000, branch_covered=100):
+    """A file of 1000 lines and 100 branches."""
+    return {"filename": name, "line_covered": line_covered, "line_total": 1000,
+            "branch_covered": branch_covered, "branch_total": 100}
+
+
+class CheckCoverage(unittest.TestCase):
+    def check(self, files, reasons=""):
+        with tempfile.TemporaryDirectory() as directory:
+            summary = pathlib.Path(directory, "summary.json")
+            summary.write_text(json.dumps({"files": files}), encoding="utf-8")
+            page = pathlib.Path(directory, "reasons.md")
+            page.write_text(reasons, encoding="utf-8")
+            errors = io.StringIO()
+            with contextlib.redirect_stdout(io.StringIO()), contextlib.redirect_stderr(errors):
+                status = CHECK.main(summary, page)
+        return status, errors.getvalue()
+
+    def test_everything_run_passes(self):
+        self.assertEqual(self.check([file("base/a.cpp"), file("amf/b.cpp")]), (0, ""))
+
+    def test_an_empty_summary_fails(self):
+        self.assertEqual(self.check([])[0], 1)
+
+    def test_the_lines_of_all_have_a_limit(self):
+        files = [file("base/a.cpp", 969), file("amf/b.cpp", 970)]
+        status, errors = self.check(files, "`base/a.cpp` `amf/b.cpp`")
+        self.assertEqual(status, 1)
+        self.assertIn("96.95 % of all lines run", errors)
+        files[0]["line_covered"] = 970
+        self.assertEqual(self.check(files, "`base/a.cpp` `amf/b.cpp`"), (0, ""))
+
+    def test_the_branches_of_all_have_a_limit(self):
+        self.assertEqual(self.check([file("base/a.cpp", branch_covered=90)]), (0, ""))
+        status, errors = self.check([file("base/a.cpp", branch_covered=89)])
+        self.assertEqual(status, 1)
+        self.assertIn("89.00 % of all branches run", errors)
+
+    def test_the_lines_of_a_folder_have_a_limit_of_their_own(self):
+        files = [file("base/a.cpp", 949), file("amf/b.cpp"), file("amf/c.cpp"), file("amf/d.cpp")]
+        status, errors = self.check(files, "`base/a.cpp`")
+        self.assertEqual(status, 1)
+        self.assertEqual(errors, "coverage: 94.90 % of the lines in base/ run, 95.0 % have to\n")
+
+    def test_a_line_that_no_test_runs_needs_a_reason(self):
+        status, errors = self.check([file("base/a.cpp", 999)], "`base/b.cpp`")
+        self.assertEqual(status, 1)
+        self.assertIn("base/a.cpp has lines that no test runs", errors)
+        self.assertEqual(self.check([file("base/a.cpp", 999)], "- `base/a.cpp`: why"), (0, ""))
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,83 @@
+#!/usr/bin/env python3
+"""Compares what the tests ran with what they have to run.
+
+usage: check_coverage.py SUMMARY.json REASONS.md
+
+SUMMARY.json is gcovr's --json-summary of the daemon's folders. Prints a table, one line a folder, and fails when
+the lines or branches of all, or the lines of one folder, are below their limit, or when a file has lines that no
+test runs and REASONS.md does not name that file.
+"""
+import collections
+import json
+import re
+import sys
+
+LINES_OF_ALL = 97.0
+BRANCHES_OF_ALL = 90.0
+LINES_OF_A_FOLDER = 95.0
+
+
+def percent(covered, total):
+    return 100.0 * covered / total if total else 100.0
+
+
+def count_folders(files):
+    folders = collections.defaultdict(collections.Counter)
+    for file in files:
+        folder = folders[file["filename"].split("/")[0]]
+        for key in ("line_covered", "line_total", "branch_covered", "branch_total"):
+            folder[key] += file[key]
+    return folders
+
+
+def shares(counts):
+    return (percent(counts["line_covered"], counts["line_total"]),
+            percent(counts["branch_covered"], counts["branch_total"]))
+
+
+def table_row(name, counts):
+    lines, branches = shares(counts)
+    return (f"{name:<12} {counts['line_total']:>6} {lines:>7.2f} %"
+            f" {counts['branch_total']:>9} {branches:>7.2f} %")
+
+
+def find_failures(folders, total, files, reasons):
+    lines, branches = shares(total)
+    if lines < LINES_OF_ALL:
+        yield f"{lines:.2f} % of all lines run, {LINES_OF_ALL} % have to"
+    if branches < BRANCHES_OF_ALL:
+        yield f"{branches:.2f} % of all branches run, {BRANCHES_OF_ALL} % have to"
+    for name, counts in sorted(folders.items()):
+        if shares(counts)[0] < LINES_OF_A_FOLDER:
+            yield f"{shares(counts)[0]:.2f} % of the lines in {name}/ run, {LINES_OF_A_FOLDER} % have to"
+    explained = set(re.findall(r"`([\w/]+\.(?:cpp|h|c))`", reasons))
+    for file in files:
+        if file["line_covered"] < file["line_total"] and file["filename"] not in explained:
+            yield (f"{file['filename']} has lines that no test runs, and no reason is given for them"
+                   f" ({file['line_total'] - file['line_covered']})")
+
+
+def main(summary_path, reasons_path):
+    with open(summary_path, encoding="utf-8") as stream:
+        files = json.load(stream)["files"]
+    with open(reasons_path, encoding="utf-8") as stream:
+        reasons = stream.read()
+    if not files:
+        print("coverage: the summary names no file", file=sys.stderr)
+        return 1
+    folders = count_folders(files)
+    total = sum(folders.values(), collections.Counter())
+    print(f"{'folder':<12} {'lines':>6} {'run':>9} {'branches':>9} {'taken':>9}")
+    for name, counts in sorted(folders.items()):
+        print(table_row(name, counts))
+    print(table_row("all", total))
+    failures = list(find_failures(folders, total, files, reasons))
+    for failure in failures:
+        print(f"coverage: {failure}", file=sys.stderr)
+    return 1 if failures else 0
+
+
+if __name__ == "__main__":
+    if len(sys.argv) != 3:
+        sys.exit(__doc__)
+    sys.exit(main(sys.argv[1], sys.argv[2]))
