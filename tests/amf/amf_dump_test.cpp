@@ -250,6 +250,22 @@ TEST(amf_dump, prints_nothing_behind_the_cut) {
               "AMF var Object\n  Object: {\n    'a':\n      AMF var LongString\n" + std::string(CUT));
 }
 
+TEST(amf_dump, is_cut_before_whatever_line_comes_first_behind_the_limit) {
+    const std::string before =
+        "AMF var Object\n  Object: {\n    'a':\n      AMF var LongString\n        Value: '";
+    const std::vector<std::string> lines = {"    'b':\n", "      AMF var Object\n", "        Object: {\n",
+                                            "        }\n", "  }\n"};
+    std::string kept = "'\n";
+    for (const std::string& first_cut : lines) {
+        AMF_Value v = of_type(AMF_Type::Object);
+        const std::string filling(AMF_DUMP_MAX_BYTES - before.size() - kept.size(), 'x');
+        v.member("a").set_string(filling);
+        v.member("b").type = AMF_Type::Object;
+        EXPECT_TRUE(dump(v) == before + filling + kept + std::string(CUT)) << first_cut;
+        kept += first_cut;
+    }
+}
+
 TEST(amf_dump, has_the_whole_limit_again_for_the_next_value) {
     (void)dump(string_that_prints_as(AMF_DUMP_MAX_BYTES + 1));
     EXPECT_EQ(dump(of_type(AMF_Type::Null)), "AMF var Null\n");

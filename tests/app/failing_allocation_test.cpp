@@ -52,6 +52,13 @@ TEST_F(FailingAllocationTest, a_publish_without_memory_for_its_reply_drops_the_c
     EXPECT_TRUE(conn.close_requested);
 }
 
+TEST_F(FailingAllocationTest, a_play_without_memory_for_its_reply_drops_the_client) {
+    RTMPConnection& conn = add_client();
+    refused_bytes = ENCODING_BUFFER_BYTES;
+    EXPECT_EQ(command(conn, play_command("cam1")), "AMF0 error command\n");
+    EXPECT_TRUE(conn.close_requested);
+}
+
 TEST_F(FailingAllocationTest, metadata_without_memory_is_not_sent_and_drops_nobody) {
     RTMPConnection& publisher = add_publisher();
     RTMPConnection& player = add_player();

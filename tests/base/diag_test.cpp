@@ -1,8 +1,35 @@
 #include "base/diag.h"
 
 #include <gtest/gtest.h>
+#include <sys/types.h>
 
+#include <algorithm>
+#include <cerrno>
+#include <deque>
 #include <string>
+
+namespace {
+
+// What the next calls of write() come to: so many bytes at most, or, below zero, an error. Then as always.
+std::deque<int> next_writes;
+
+}  // namespace
+
+extern "C" ssize_t __real_write(int fd, const void* data, size_t bytes);
+extern "C" ssize_t __wrap_write(int fd, const void* data, size_t bytes);
+
+extern "C" ssize_t __wrap_write(int fd, const void* data, size_t bytes) {
+    if (next_writes.empty()) {
+        return __real_write(fd, data, bytes);
+    }
+    const int next = next_writes.front();
+    next_writes.pop_front();
+    if (next < 0) {
+        errno = -next;
+        return -1;
+    }
+    return __real_write(fd, data, std::min(bytes, static_cast<size_t>(next)));
+}
 
 TEST(diag, writes_the_formatted_line_to_standard_error) {
     testing::internal::CaptureStderr();
@@ -23,4 +50,20 @@ TEST(diag, writes_the_one_line_for_standard_output_there) {
     testing::internal::CaptureStdout();
     diag_stdout("A/V %lu\n", 7UL);
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "A/V 7\n");
+}
+
+TEST(diag, goes_on_where_an_interrupted_or_partial_write_stopped) {
+    next_writes = {-EINTR, 3, -EINTR, 1};
+    testing::internal::CaptureStderr();
+    diag("Dropping connection\n");
+    EXPECT_TRUE(next_writes.empty());
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "Dropping connection\n");
+}
+
+TEST(diag, gives_a_line_up_that_cannot_be_written) {
+    next_writes = {5, -EIO};
+    testing::internal::CaptureStderr();
+    diag("Dropping connection\n");
+    EXPECT_TRUE(next_writes.empty());
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "Dropp");
 }
