@@ -316,6 +316,9 @@ const Fault* suffer(FaultCall call, const void* caller, const Subject& subject) 
             continue;
         }
         const std::uint64_t seen = ++fault.seen;
+        if (i == 0) {
+            page->seen = seen;
+        }
         if (seen == fault.nth || (fault.later_ones_too && seen > fault.nth)) {
             record(program_stack(), call, subject);
             if (fault.action == Action::HOLD) {

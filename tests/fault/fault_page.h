@@ -66,6 +66,8 @@ struct FaultRecord {
 struct FaultPage {
     // The calls that the program made, by FaultCall.
     std::array<std::atomic<std::uint64_t>, FAULT_CALL_NAMES.size()> calls{};
+    // Those of them that the first fault of the plan could have struck.
+    std::atomic<std::uint64_t> seen{0};
     std::atomic<std::uint32_t> injected{0};
     // Lets go what an action "hold" holds.
     std::atomic<std::uint32_t> released{0};

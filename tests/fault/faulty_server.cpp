@@ -58,7 +58,7 @@ const ServerSymbols& ServerSymbols::get() {
 }
 
 ServerSymbols::ServerSymbols() {
-    std::istringstream lines(output_of("nm -C --defined-only '" V9_SERVER_PATH "'"));
+    std::istringstream lines(output_of("nm -C --defined-only '" + server_path() + "'"));
     for (std::string line; std::getline(lines, line);) {
         std::istringstream fields(line);
         std::uint64_t address = 0;

@@ -37,6 +37,8 @@ class FaultWatch {
     FaultWatch& operator=(const FaultWatch&) = delete;
 
     std::uint64_t calls(FaultCall call) const { return page->calls[static_cast<std::size_t>(call)]; }
+    // Those of them that are of the kind, thread and function that the plan's first fault is about.
+    std::uint64_t seen() const { return page->seen; }
     // How many calls were made to fail, or are held.
     std::uint32_t injected() const { return page->injected; }
     void wait_until_injected(Milliseconds wait = DEFAULT_WAIT) const;

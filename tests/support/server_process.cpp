@@ -32,17 +32,6 @@ constexpr std::size_t SHOWN_LINES = 200;
 constexpr Milliseconds READY_POLL{2};
 constexpr std::size_t PIPE_READ_BYTES = 1 << 20;
 
-std::string server_path() {
-    if (const char* path = std::getenv("V9_SERVER_PATH")) {
-        return path;
-    }
-#ifdef V9_SERVER_PATH
-    return V9_SERVER_PATH;
-#else
-    throw TestFailure("V9_SERVER_PATH does not say where the server's binary is");
-#endif
-}
-
 int checked(int result, const char* call) {
     if (result < 0) {
         throw TestFailure(std::string(call) + ": " + std::strerror(errno));
@@ -138,6 +127,17 @@ void print_recent_lines(const CapturedOutput& captured) {
 }
 
 }  // namespace
+
+std::string server_path() {
+    if (const char* path = std::getenv("V9_SERVER_PATH")) {
+        return path;
+    }
+#ifdef V9_SERVER_PATH
+    return V9_SERVER_PATH;
+#else
+    throw TestFailure("V9_SERVER_PATH does not say where the server's binary is");
+#endif
+}
 
 ServerProcess::ServerProcess(const ServerOptions& options) {
     start(options);

@@ -29,6 +29,9 @@ constexpr std::size_t THREADS_AT_REST = 2;
 constexpr std::size_t THREADS_AT_REST = 1;
 #endif
 
+// The server's binary: the environment's V9_SERVER_PATH, or the one that was built with the tests.
+std::string server_path();
+
 // How a process ended: by exit with a status, or by a signal (then status is -1).
 struct ProcessEnd {
     int status = -1;

@@ -1,0 +1,314 @@
+// The scripted session again and again, each time with another call that fails: every call of a kind, from the first
+// to the last that a session makes. Whatever fails, the outcome is the documented one, and nobody else is disturbed.
+//
+// A sweep shares its runs out among processes of its own, since a session mostly waits.
+#include "tests/fault/documented_outcome.h"
+#include "tests/fault/faulty_server.h"
+#include "tests/fault/scripted_session.h"
+#include "tests/support/test_failure.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <iostream>
+#include <map>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+constexpr unsigned WORKERS = 8;
+constexpr int FAILURES_SHOWN = 3;
+constexpr const char* SHARE = "V9_FAULT_SHARE";  // of one worker: "first step last"
+constexpr const char* TALLY = "tally: ";
+
+// Sanitizer builds, which are three times as slow, take one call of so many.
+constexpr std::uint64_t STEP = TIME_SCALE == 1 ? 1 : 7;
+
+struct Sweep {
+    FaultCall call;
+    std::string action;
+    std::string within = {};  // "@FROM-TO", or empty
+    std::uint64_t step = STEP;
+    bool all_later = false;  // not only the nth call fails, but all from it on
+};
+
+std::string plan_of(const Sweep& sweep, std::uint64_t nth) {
+    return std::string(FAULT_CALL_NAMES[static_cast<std::size_t>(sweep.call)]) + sweep.within + ":" +
+           std::to_string(nth) + (sweep.all_later ? "+" : "") + ":" + sweep.action;
+}
+
+struct SessionRun {
+    Verdict verdict;
+    std::uint64_t calls = 0;  // of the kind in question
+    std::string told;
+};
+
+SessionRun run_session(const Sweep& sweep, const std::string& plan) {
+    SessionRun run;
+    FaultyServer faulty(plan);
+    const SessionStory story = play_session(faulty.server);
+    run.verdict = judge(sweep.call, sweep.action, faulty.watch, story, faulty.server.raw_text());
+    run.calls = faulty.watch.calls(sweep.call);
+    if (!run.verdict.problem.empty()) {
+        run.told = faulty.watch.describe() + "\n" + faulty.server.raw_text();
+    }
+    return run;
+}
+
+// ---- a worker
+
+void run_share(const Sweep& sweep, const std::string& share) {
+    std::istringstream numbers(share);
+    std::uint64_t nth = 0;
+    std::uint64_t step = 0;
+    std::uint64_t last = 0;
+    numbers >> nth >> step >> last;
+    std::map<std::string, int> outcomes;
+    int failures = 0;
+    for (; nth <= last && failures < FAILURES_SHOWN; nth += step) {
+        const std::string plan = plan_of(sweep, nth);
+        try {
+            const SessionRun run = run_session(sweep, plan);
+            ++outcomes[run.verdict.outcome];
+            if (!run.verdict.problem.empty()) {
+                ++failures;
+                ADD_FAILURE() << plan << ": " << run.verdict.outcome << "\n"
+                              << run.verdict.problem << run.told;
+            }
+        } catch (const TestFailure& failure) {
+            ++failures;
+            ADD_FAILURE() << plan << ": " << failure.what();
+        }
+    }
+    for (const auto& [outcome, times] : outcomes) {
+        std::cout << '\n' << TALLY << times << ' ' << outcome << std::endl;
+    }
+}
+
+// ---- the one who shares out
+
+std::string own_path() {
+    std::string path(4096, '\0');
+    const ssize_t length = readlink("/proc/self/exe", path.data(), path.size());
+    path.resize(static_cast<std::size_t>(std::max<ssize_t>(length, 0)));
+    return path;
+}
+
+class Worker {
+  public:
+    explicit Worker(const std::string& share) {
+        const testing::TestInfo* const test = testing::UnitTest::GetInstance()->current_test_info();
+        const std::string command = std::string(SHARE) + "='" + share + "' '" + own_path() +
+                                    "' --gtest_filter=" + test->test_suite_name() + "." + test->name() +
+                                    " 2>&1";
+        pipe = popen(command.c_str(), "r");
+        if (pipe == nullptr) {
+            throw TestFailure("cannot run " + command);
+        }
+    }
+
+    // Waits for its end, and adds up what it has seen.
+    void finish(std::map<std::string, int>& outcomes) {
+        std::string output;
+        std::array<char, 4096> part{};
+        while (std::fgets(part.data(), part.size(), pipe) != nullptr) {
+            const std::string line = part.data();
+            if (!line.starts_with(TALLY)) {
+                output += line;
+                continue;
+            }
+            std::istringstream fields(line.substr(std::string(TALLY).size()));
+            int times = 0;
+            std::string outcome;
+            fields >> times;
+            std::getline(fields >> std::ws, outcome);
+            outcomes[outcome] += times;
+        }
+        if (pclose(pipe) != 0) {
+            ADD_FAILURE() << output;
+        }
+    }
+
+  private:
+    FILE* pipe = nullptr;
+};
+
+// The calls of this kind that a session makes in which nothing fails. Some depend on how long it took.
+std::uint64_t calls_of_a_session(const Sweep& sweep) {
+    // What is counted within one function only, the injector counts when told to let them all pass.
+    constexpr std::uint64_t NEVER = 1000000000;
+    FaultyServer faulty(sweep.within.empty() ? "" : plan_of(sweep, NEVER));
+    const SessionStory story = play_session(faulty.server);
+    const Verdict verdict = judge(sweep.call, sweep.action, faulty.watch, story, faulty.server.raw_text());
+    if (!verdict.problem.empty()) {
+        throw TestFailure("without any fault: " + verdict.problem + faulty.server.raw_text());
+    }
+    return sweep.within.empty() ? faulty.watch.calls(sweep.call) : faulty.watch.seen();
+}
+
+// Expects that each of these was the outcome of at least one run.
+void run_sweep(const Sweep& sweep, const std::vector<std::string>& must_be_among) {
+    if (const char* const share = std::getenv(SHARE)) {
+        run_share(sweep, share);
+        return;
+    }
+    const std::uint64_t last = calls_of_a_session(sweep);
+    ASSERT_GT(last, 0U);
+    const std::uint64_t workers = std::min<std::uint64_t>(WORKERS, (last + sweep.step - 1) / sweep.step);
+    std::vector<Worker> team;
+    for (std::uint64_t i = 0; i < workers; ++i) {
+        team.emplace_back(std::to_string(1 + i * sweep.step) + " " + std::to_string(workers * sweep.step) +
+                          " " + std::to_string(last));
+    }
+    std::map<std::string, int> outcomes;
+    for (Worker& worker : team) {
+        worker.finish(outcomes);
+    }
+    int runs = 0;
+    for (const auto& [outcome, times] : outcomes) {
+        runs += times;
+        std::cout << "    " << times << " x " << outcome << '\n';
+    }
+    std::cout << "    " << runs << " runs for " << last << " calls\n";
+    EXPECT_EQ(static_cast<std::uint64_t>(runs), (last + sweep.step - 1) / sweep.step);
+    // Of those that are made again and again until something happens, a session may make fewer than the one counted.
+    EXPECT_LE(outcomes["not reached"], runs / 2);
+    for (const std::string& outcome : must_be_among) {
+        EXPECT_GT(outcomes[outcome], 0) << outcome;
+    }
+}
+
+}  // namespace
+
+TEST(every_call, a_session_in_which_nothing_fails_is_whole) {
+    const SessionRun run = run_session({.call = FaultCall::RECV, .action = "EIO"}, "");
+    EXPECT_EQ(run.verdict.outcome, "not reached");
+    EXPECT_EQ(run.verdict.problem, "") << run.told;
+    FaultyServer faulty("");
+    EXPECT_EQ(faulty.watch.calls(FaultCall::SOCKET), 2U);
+    EXPECT_EQ(faulty.watch.calls(FaultCall::BIND), 2U);
+    EXPECT_EQ(faulty.watch.calls(FaultCall::LISTEN), 2U);
+}
+
+TEST(every_call, of_accept4_may_find_descriptors_short) {
+    run_sweep({.call = FaultCall::ACCEPT4, .action = "EMFILE"}, {"nothing changes"});
+}
+
+TEST(every_call, of_accept4_may_fail_for_good) {
+    run_sweep({.call = FaultCall::ACCEPT4, .action = "EINVAL"},
+              {"nothing changes", "the control socket is given up"});
+}
+
+TEST(every_call, of_setsockopt_may_fail) {
+    run_sweep({.call = FaultCall::SETSOCKOPT, .action = "ENOPROTOOPT", .step = 1},
+              {"nothing changes", "a warning"});
+}
+
+TEST(every_call, of_recv_may_fail) {
+    run_sweep({.call = FaultCall::RECV, .action = "EIO"},
+              {"the reader dies, C0 fail", "the reader dies, C1 fail", "the reader dies, C2 fail",
+               "the reader dies, in silence"});
+}
+
+TEST(every_call, of_recv_may_be_interrupted) {
+    run_sweep({.call = FaultCall::RECV, .action = "EINTR"}, {"the reader dies, in silence"});
+}
+
+TEST(every_call, of_recv_may_bring_a_single_byte) {
+    run_sweep({.call = FaultCall::RECV, .action = "short"}, {"nothing changes"});
+}
+
+TEST(every_call, of_recv_and_all_later_ones_may_bring_a_single_byte) {
+    run_sweep({.call = FaultCall::RECV, .action = "short", .step = 16, .all_later = true},
+              {"nothing changes"});
+}
+
+TEST(every_call, of_send_may_fail) {
+    run_sweep({.call = FaultCall::SEND, .action = "EPIPE", .step = 1},
+              {"the reader dies, S0 fail", "the reader dies, S1 fail", "the reader dies, S2 fail"});
+}
+
+TEST(every_call, of_send_may_be_interrupted) {
+    run_sweep({.call = FaultCall::SEND, .action = "EINTR", .step = 1}, {"the reader dies, S2 fail"});
+}
+
+TEST(every_call, of_send_may_take_a_single_byte) {
+    run_sweep({.call = FaultCall::SEND, .action = "short", .step = 1}, {"nothing changes"});
+}
+
+TEST(every_call, of_sendmsg_may_fail) {
+    run_sweep({.call = FaultCall::SENDMSG, .action = "EPIPE"}, {"the writer dies"});
+}
+
+TEST(every_call, of_sendmsg_may_be_interrupted) {
+    run_sweep({.call = FaultCall::SENDMSG, .action = "EINTR"}, {"the writer dies"});
+}
+
+TEST(every_call, of_sendmsg_may_take_a_single_byte) {
+    run_sweep({.call = FaultCall::SENDMSG, .action = "short"}, {"nothing changes"});
+}
+
+TEST(every_call, of_sendmsg_and_all_later_ones_may_take_a_single_byte) {
+    run_sweep({.call = FaultCall::SENDMSG, .action = "short", .step = 16, .all_later = true},
+              {"nothing changes"});
+}
+
+TEST(every_call, of_pthread_create_may_fail) {
+    run_sweep({.call = FaultCall::PTHREAD_CREATE, .action = "EAGAIN", .step = 1},
+              {"a warning, dropped on the same pass"});
+}
+
+TEST(every_call, of_pthread_cancel_may_fail) {
+    run_sweep({.call = FaultCall::PTHREAD_CANCEL, .action = "ESRCH", .step = 1}, {"a warning"});
+}
+
+TEST(every_call, of_pthread_join_may_fail) {
+    run_sweep({.call = FaultCall::PTHREAD_JOIN, .action = "ESRCH", .step = 1},
+              {"a warning", "joined on the next pass"});
+}
+
+TEST(every_call, of_pthread_mutex_lock_may_fail) {
+    run_sweep({.call = FaultCall::PTHREAD_MUTEX_LOCK, .action = "EINVAL"},
+              {"Lock fail, dropped", "tried again on the next pass", "the writer tries again",
+               "the reader dies, Failure to add to queue", "the reader dies, in silence"});
+}
+
+TEST(every_call, of_pthread_mutex_unlock_may_fail) {
+    run_sweep({.call = FaultCall::PTHREAD_MUTEX_UNLOCK, .action = "EPERM"}, {});
+}
+
+TEST(every_call, for_memory_that_may_be_refused_may_be_refused) {
+    run_sweep({.call = FaultCall::NOTHROW_NEW, .action = "ENOMEM", .step = TIME_SCALE == 1 ? 1 : 3},
+              {"AMF0 error command, dropped", "the reader dies, Failed to alloc pkt data"});
+}
+
+TEST(every_call, for_memory_in_the_control_server_may_be_refused) {
+    run_sweep({.call = FaultCall::NEW,
+               .action = "ENOMEM",
+               .within = ServerSymbols::get().within("server_idle"),
+               .step = TIME_SCALE == 1 ? 1 : 3},
+              {"that control client is closed"});
+}
+
+TEST(every_call, for_memory_that_the_main_thread_must_have_ends_the_process_when_refused) {
+    run_sweep({.call = FaultCall::NEW,
+               .action = "ENOMEM",
+               .within = ServerSymbols::get().within("RTMPConnection::idle"),
+               .step = 29 * STEP},
+              {"ends: terminate called after throwing an instance of 'std::bad_alloc'"});
+}
+
+TEST(every_call, for_memory_that_a_reader_must_have_ends_the_process_when_refused) {
+    run_sweep({.call = FaultCall::NEW,
+               .action = "ENOMEM",
+               .within = ServerSymbols::get().within("reader_thread"),
+               .step = 7 * STEP},
+              {"ends: terminate called after throwing an instance of 'std::bad_alloc'"});
+}
