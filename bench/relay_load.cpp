@@ -16,11 +16,13 @@
 #include <atomic>
 #include <chrono>
 #include <cstdio>
-#include <cstring>
 #include <memory>
 #include <thread>
 #include <vector>
 
+#include "bench/load_player.h"
+#include "bench/stamped_media.h"
+#include "tests/support/media_bytes.h"
 #include "tests/support/private_namespaces.h"
 #include "tests/support/rtmp_client.h"
 #include "tests/support/server_process.h"
@@ -29,171 +31,21 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr std::size_t AVC_TAG_BYTES = 5;
-constexpr std::size_t STAMP_BYTES =
-    12;  // sequence number and microseconds, behind the tag and again at the end
 constexpr unsigned VIDEO_FRAMES_PER_SECOND = 30;
-
-std::uint64_t now_us() {
-    return static_cast<std::uint64_t>(
-        std::chrono::duration_cast<std::chrono::microseconds>(Clock::now().time_since_epoch()).count());
-}
-
-struct Stamp {
-    std::uint32_t sequence = 0;
-    std::uint64_t sent_us = 0;
-};
-
-void put_stamp(char* d, const Stamp& stamp) {
-    std::memcpy(d, &stamp.sequence, 4);
-    std::memcpy(d + 4, &stamp.sent_us, 8);
-}
-
-Stamp get_stamp(const char* s) {
-    Stamp stamp;
-    std::memcpy(&stamp.sequence, s, 4);
-    std::memcpy(&stamp.sent_us, s + 4, 8);
-    return stamp;
-}
-
-struct Tally {
-    std::uint64_t bytes = 0;
-    std::uint64_t frames = 0;
-    std::uint64_t lost = 0;
-    std::uint64_t damaged = 0;
-    std::vector<std::uint32_t> lateness_us;
-};
-
-// One player's end: takes chunks apart as they come, keeps no more of a message than is needed to check it.
-class Player {
-  public:
-    Player(RtmpClient rtmp_client, std::uint32_t chunk_bytes)
-        : client(std::move(rtmp_client)), wanted_chunk(chunk_bytes) {
-        // Everything from here on is read by this class.
-        if (wanted_chunk != chunk) {
-            client.set_chunk_size(wanted_chunk);
-        }
-        client.send_connect("ombrex-output");
-        client.send_create_stream();
-        client.send_play("bench");
-    }
-
-    int fd() const { return client.descriptor(); }
-    bool is_playing() const { return replies >= 3; }
-
-    // Reads what is there; false at the end of the stream.
-    bool receive(std::vector<char>& buffer, Tally& tally) {
-        const ssize_t length = recv(fd(), buffer.data(), buffer.size(), MSG_DONTWAIT);
-        if (length <= 0) {
-            return length < 0 && errno == EAGAIN;
-        }
-        tally.bytes += static_cast<std::uint64_t>(length);
-        const char* s = buffer.data();
-        const char* const sf = s + length;
-        while (s < sf) {
-            s = header_missing != 0 ? take_header(s, sf) : take_payload(s, sf, tally);
-        }
-        return true;
-    }
-
-  private:
-    const char* take_header(const char* s, const char* sf) {
-        const auto n = std::min(header_missing, static_cast<std::size_t>(sf - s));
-        if (payload.empty()) {
-            header.append(s, n);
-        }
-        header_missing -= n;
-        if (header_missing == 0 && payload.empty() && begin_message()) {
-            chunk_missing = std::min<std::size_t>(chunk, payload.size());
-        }
-        return s + n;
-    }
-
-    // False while the extended timestamp is still to come.
-    bool begin_message() {
-        const auto byte = [this](std::size_t i) { return static_cast<unsigned char>(header[i]); };
-        if (header.size() == 12 && byte(1) == 0xFF && byte(2) == 0xFF && byte(3) == 0xFF) {
-            header_missing = 4;
-            return false;
-        }
-        payload.resize(static_cast<std::size_t>(byte(4)) << 16 | static_cast<std::size_t>(byte(5)) << 8 |
-                       byte(6));
-        done = 0;
-        return true;
-    }
-
-    const char* take_payload(const char* s, const char* sf, Tally& tally) {
-        const auto n = std::min(chunk_missing, static_cast<std::size_t>(sf - s));
-        std::memcpy(payload.data() + done, s, n);
-        done += n;
-        chunk_missing -= n;
-        if (chunk_missing == 0) {
-            if (done == payload.size()) {
-                finish_message(tally);
-            } else {
-                header_missing = 1;
-                chunk_missing = std::min<std::size_t>(chunk, payload.size() - done);
-            }
-        }
-        return s + n;
-    }
-
-    void finish_message(Tally& tally) {
-        switch (header[7]) {
-            case 1:
-                chunk = wanted_chunk;
-                break;
-            case 9:
-                check_frame(tally);
-                break;
-            case 20:
-                ++replies;
-                break;
-            default:
-                break;
-        }
-        header.clear();
-        payload.clear();
-        header_missing = 12;
-    }
-
-    void check_frame(Tally& tally) {
-        const Stamp first = get_stamp(payload.data() + AVC_TAG_BYTES);
-        const Stamp last = get_stamp(payload.data() + payload.size() - STAMP_BYTES);
-        ++tally.frames;
-        tally.damaged += first.sequence != last.sequence || first.sent_us != last.sent_us ? 1 : 0;
-        tally.lost += first.sequence - next_sequence;
-        next_sequence = first.sequence + 1;
-        tally.lateness_us.push_back(static_cast<std::uint32_t>(now_us() - first.sent_us));
-    }
-
-    RtmpClient client;
-    std::uint32_t chunk = 128;
-    std::uint32_t wanted_chunk;
-    int replies = 0;
-    std::string header;
-    std::size_t header_missing = 12;
-    std::string payload;
-    std::size_t done = 0;
-    std::size_t chunk_missing = 0;
-    std::uint32_t next_sequence = 0;
-};
 
 // Sends frames of the wanted rate in real time.
 std::uint32_t publish_frames(RtmpClient& publisher, unsigned kbit_per_second, unsigned seconds) {
     const std::size_t frame_bytes = kbit_per_second * 125U / VIDEO_FRAMES_PER_SECOND;
-    Bytes frame(frame_bytes, '\x5A');
+    publisher.send_video(0, avc_header());
     const auto begin = Clock::now();
     const std::uint32_t frames = VIDEO_FRAMES_PER_SECOND * seconds;
     for (std::uint32_t i = 0; i < frames; ++i) {
         const auto due = std::chrono::milliseconds(i * 1000ULL / VIDEO_FRAMES_PER_SECOND);
         std::this_thread::sleep_until(begin + due);
-        const Bytes tag = from_hex(i % VIDEO_FRAMES_PER_SECOND == 0 ? "17 01 00 00 00" : "27 01 00 00 00");
-        std::copy(tag.begin(), tag.end(), frame.begin());
-        const Stamp stamp{i, now_us()};
-        put_stamp(reinterpret_cast<char*>(frame.data()) + AVC_TAG_BYTES, stamp);
-        put_stamp(reinterpret_cast<char*>(frame.data()) + frame.size() - STAMP_BYTES, stamp);
-        publisher.send_video(static_cast<std::uint32_t>(due.count()) + 1, frame);
+        const FrameKind kind =
+            i % VIDEO_FRAMES_PER_SECOND == 0 ? FrameKind::VIDEO_KEY : FrameKind::VIDEO_INTER;
+        const auto media_ms = static_cast<std::uint32_t>(due.count()) + 1;
+        publisher.send_video(media_ms, stamped_frame(kind, frame_bytes, {i, media_ms, now_us()}));
     }
     return frames;
 }
@@ -242,12 +94,6 @@ double bare_send_cpu_seconds(std::uint64_t total_bytes, std::size_t piece_bytes)
     return seconds(usage.ru_utime) + seconds(usage.ru_stime);
 }
 
-std::uint32_t percentile(std::vector<std::uint32_t>& values, double share) {
-    const auto at = static_cast<std::size_t>(share * static_cast<double>(values.size() - 1));
-    std::nth_element(values.begin(), values.begin() + static_cast<std::ptrdiff_t>(at), values.end());
-    return values[at];
-}
-
 struct Load {
     unsigned players = 120;
     unsigned seconds = 20;
@@ -259,7 +105,7 @@ class Players {
   public:
     Players(const Load& load) : epoll_fd(epoll_create1(0)) {
         for (unsigned i = 0; i < load.players; ++i) {
-            players.push_back(std::make_unique<Player>(handshaken_client(), load.chunk_bytes));
+            players.push_back(std::make_unique<LoadPlayer>(handshaken_client(), "bench", load.chunk_bytes));
             epoll_event event{};
             event.events = EPOLLIN;
             event.data.ptr = players.back().get();
@@ -279,7 +125,7 @@ class Players {
             }
             const int ready = epoll_wait(epoll_fd, events.data(), static_cast<int>(events.size()), 20);
             for (int i = 0; i < ready; ++i) {
-                if (!static_cast<Player*>(events[static_cast<std::size_t>(i)].data.ptr)
+                if (!static_cast<LoadPlayer*>(events[static_cast<std::size_t>(i)].data.ptr)
                          ->receive(buffer, tally)) {
                     throw std::runtime_error("the server closed a player's connection");
                 }
@@ -292,11 +138,11 @@ class Players {
         return std::all_of(players.begin(), players.end(), [](const auto& p) { return p->is_playing(); });
     }
 
-    Tally tally;
+    FrameTally tally;
 
   private:
     int epoll_fd;
-    std::vector<std::unique_ptr<Player>> players;
+    std::vector<std::unique_ptr<LoadPlayer>> players;
     std::vector<char> buffer = std::vector<char>(1 << 16);
 };
 
@@ -323,7 +169,7 @@ int run(const Load& load) {
     sender.join();
     const double cpu = static_cast<double>((server.cpu_time() - cpu_before).count()) / 1000;
 
-    Tally& tally = players.tally;
+    const FrameTally& tally = players.tally;
     const double gigabytes = static_cast<double>(tally.bytes) / 1e9;
     const std::uint64_t missing = std::uint64_t{frames} * load.players - tally.frames;
     const std::size_t piece = load.kbit_per_second * 125U / VIDEO_FRAMES_PER_SECOND;
@@ -334,11 +180,9 @@ int run(const Load& load) {
                 static_cast<unsigned long long>(tally.lost), static_cast<unsigned long long>(tally.damaged),
                 static_cast<unsigned long long>(missing));
     std::printf("relayed               %.3f GB in %u s\n", gigabytes, load.seconds);
-    if (!tally.lateness_us.empty()) {
-        std::printf("late by               %.0f ms median, %.0f ms 99th percentile, %.0f ms at most\n",
-                    percentile(tally.lateness_us, 0.5) / 1000.0, percentile(tally.lateness_us, 0.99) / 1000.0,
-                    percentile(tally.lateness_us, 1.0) / 1000.0);
-    }
+    std::printf("late by               %.0f ms median, %.0f ms 99th percentile, %.0f ms at most\n",
+                tally.lateness.percentile_ms(0.5), tally.lateness.percentile_ms(0.99),
+                tally.lateness.most_ms());
     std::printf("server CPU            %.2f s, %.0f %% of one core, %.2f s per GB\n", cpu,
                 cpu / load.seconds * 100, cpu / gigabytes);
     std::printf("bare send             %.2f s per GB on this machine; the server takes %.1f times that\n",

@@ -1,0 +1,27 @@
+// How late messages were: counts in steps of half a millisecond, so that any number of them takes the same room.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+class Lateness {
+  public:
+    void add(std::uint64_t late_us);
+    void merge(const Lateness& other);
+
+    std::uint64_t count() const { return messages; }
+    // The lateness that this share of the messages did not exceed, rounded up to a step; 0 without messages.
+    double percentile_ms(double share) const;
+    double most_ms() const { return static_cast<double>(most_us) / 1000; }
+    std::uint64_t later_than_ms(unsigned limit_ms) const;
+
+  private:
+    static constexpr std::uint64_t STEP_US = 500;
+    // What is later than 10 s is counted with the last step.
+    static constexpr std::size_t STEPS = 20000;
+
+    std::vector<std::uint32_t> steps;  // empty until the first message
+    std::uint64_t messages = 0;
+    std::uint64_t most_us = 0;
+};

@@ -1,0 +1,79 @@
+// A player of a load generator: cheap enough for a hundred of them on one thread, strict enough that nothing which is
+// lost, damaged or out of its place goes unnoticed. It takes chunks apart as they come and keeps no more of a message
+// than is needed to check it.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "bench/lateness.h"
+#include "bench/stamped_media.h"
+#include "tests/support/rtmp_client.h"
+
+// What players have received.
+struct FrameTally {
+    std::uint64_t bytes = 0;
+    std::uint64_t frames = 0;
+    std::uint64_t lost = 0;  // gaps in the sequence
+    std::uint64_t damaged =
+        0;  // wrong bytes, order, timestamp or chunk header, or a frame before its decoder settings
+    Lateness lateness;
+
+    void merge(const FrameTally& other);
+};
+
+enum class Measure { LATENESS, LOSS_ONLY };
+
+class LoadPlayer {
+  public:
+    // Asks for the chunk size, unless it is the one to begin with, and for the stream; reads nothing yet. Everything
+    // that the client gets is read by this class.
+    LoadPlayer(RtmpClient handshaken_client, std::string_view stream_name, std::uint32_t chunk_bytes);
+
+    int fd() const { return client.descriptor(); }
+    // connect, createStream and play have been answered.
+    bool is_playing() const { return replies >= 3; }
+    // The number of the next frame; nothing before the first, which may be any of the stream.
+    std::optional<std::uint32_t> next_frame() const { return next_sequence; }
+
+    // Takes what is there, without waiting; false when the server has closed the connection.
+    [[nodiscard]] bool receive(std::vector<char>& buffer, FrameTally& tally,
+                               Measure measure = Measure::LATENESS);
+    void close_with_reset() { client.close_with_reset(); }
+
+  private:
+    void take(std::string_view bytes, FrameTally& tally, Measure measure);
+    std::string_view take_header(std::string_view bytes, FrameTally& tally);
+    std::string_view take_payload(std::string_view bytes, FrameTally& tally, Measure measure);
+    void begin_message(FrameTally& tally);
+    void continue_message(FrameTally& tally);
+    void finish_message(FrameTally& tally, Measure measure);
+    void check_media(std::uint8_t type, FrameTally& tally, Measure measure);
+    void check_place(const FrameStamp& stamp, FrameTally& tally);
+    std::uint32_t header_timestamp() const;
+
+    RtmpClient client;
+    std::uint32_t chunk = DEFAULT_CHUNK_SIZE;
+    std::uint32_t wanted_chunk;
+    int replies = 0;
+
+    // Of the message that is being read. A header is complete, and a chunk's payload awaited, when nothing of the
+    // header is missing.
+    std::string header;        // of its first chunk
+    std::string continuation;  // of a later one
+    std::size_t header_missing;
+    std::string payload;
+    std::size_t payload_done = 0;
+    std::size_t chunk_missing = 0;
+    bool in_message = false;
+
+    bool had_audio_header = false;
+    bool had_video_header = false;
+    std::optional<std::uint32_t> next_sequence;
+    // The player's timestamps minus the publisher's: one number for as long as it plays.
+    std::optional<std::uint32_t> timestamp_shift;
+};

@@ -1,0 +1,57 @@
+#include "bench/lateness.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+TEST(Lateness, PercentilesAreThoseOfTheMessagesToHalfAMillisecond) {
+    Lateness lateness;
+    for (std::uint64_t ms = 1; ms <= 100; ++ms) {
+        lateness.add(ms * 1000 - 1);
+    }
+    EXPECT_DOUBLE_EQ(lateness.percentile_ms(0.5), 50);
+    EXPECT_DOUBLE_EQ(lateness.percentile_ms(0.99), 99);
+    EXPECT_DOUBLE_EQ(lateness.most_ms(), 99.999);
+    EXPECT_EQ(lateness.count(), 100U);
+}
+
+TEST(Lateness, APercentileIsNeverMoreThanTheMost) {
+    Lateness lateness;
+    lateness.add(100);
+    EXPECT_DOUBLE_EQ(lateness.percentile_ms(0.5), 0.1);
+}
+
+TEST(Lateness, WhatTookLongerThanTheLimitIsCounted) {
+    Lateness lateness;
+    for (const std::uint64_t us : {100U, 249999U, 250000U, 251000U, 60000000U}) {
+        lateness.add(us);
+    }
+    EXPECT_EQ(lateness.later_than_ms(250), 3U);
+    EXPECT_EQ(lateness.later_than_ms(251), 2U);
+    EXPECT_EQ(lateness.later_than_ms(9999), 1U);
+    EXPECT_DOUBLE_EQ(lateness.most_ms(), 60000);
+}
+
+TEST(Lateness, WithoutMessagesEverythingIsZero) {
+    const Lateness lateness;
+    EXPECT_EQ(lateness.count(), 0U);
+    EXPECT_EQ(lateness.later_than_ms(1), 0U);
+    EXPECT_DOUBLE_EQ(lateness.percentile_ms(0.99), 0);
+    EXPECT_DOUBLE_EQ(lateness.most_ms(), 0);
+}
+
+TEST(Lateness, MergedCountsAreThoseOfBoth) {
+    Lateness one;
+    Lateness other;
+    one.add(1000);
+    other.add(9000);
+    other.add(400000);
+    one.merge(other);
+    one.merge({});
+    EXPECT_EQ(one.count(), 3U);
+    EXPECT_EQ(one.later_than_ms(250), 1U);
+    EXPECT_DOUBLE_EQ(one.most_ms(), 400);
+    EXPECT_DOUBLE_EQ(one.percentile_ms(0.6), 9.5);
+}
+
+}  // namespace
