@@ -60,6 +60,13 @@ struct Pipe {
     int write_end;
 };
 
+void replace_by_file(int fd, const std::string& path) {
+    const int file =
+        checked(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0644), path.c_str());
+    checked(dup3(file, fd, O_CLOEXEC), "dup3");
+    close(file);
+}
+
 // A field of /proc/<pid>/status, such as "Threads:", as text.
 std::string status_field(pid_t pid, const std::string& field) {
     std::ifstream file("/proc/" + std::to_string(pid) + "/status");
@@ -199,6 +206,9 @@ void ServerProcess::start(const ServerOptions& options) {
     const Pipe err;
     if (options.stderr_pipe_bytes > 0) {
         checked(fcntl(err.write_end, F_SETPIPE_SZ, options.stderr_pipe_bytes), "F_SETPIPE_SZ");
+    }
+    if (!options.stderr_file.empty()) {
+        replace_by_file(err.write_end, options.stderr_file);
     }
     wake_fd = checked(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), "eventfd");
     draining_stderr = options.drain_stderr;

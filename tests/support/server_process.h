@@ -50,6 +50,8 @@ struct ServerOptions {
     // 0 keeps the system's size of the standard error pipe.
     int stderr_pipe_bytes = 0;
     bool drain_stderr = true;
+    // When given, standard error goes to this file and nothing of it is captured: for servers that run for hours.
+    std::string stderr_file = {};
     // Two servers share the port, and the kernel deals clients out to both: no test wants that by accident.
     bool beside_another = false;
 };

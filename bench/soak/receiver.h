@@ -1,0 +1,71 @@
+// One thread that reads for everybody: the players, whose frames it checks, and the publishers, whose answers it
+// throws away, since a client that never reads is another test. The rest may be called from any thread.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "bench/load_player.h"
+#include "bench/soak/journal.h"
+
+class Receiver {
+  public:
+    using Id = std::uint64_t;
+    enum class Leave { CLOSE, RESET };
+
+    explicit Receiver(Journal& failures);
+    ~Receiver();
+    // Nobody is read from any more.
+    void stop();
+    Receiver(const Receiver&) = delete;
+    Receiver& operator=(const Receiver&) = delete;
+
+    // The server must not close this player's connection.
+    Id add(LoadPlayer player, std::size_t stream_idx, Measure measure = Measure::LATENESS);
+    // Closes the player's connection; whether it has received any frame.
+    bool remove(Id id, Leave leave = Leave::CLOSE);
+    // The descriptor must stay open as long as this object, and the server must not close it.
+    void drain(int fd, const std::string& whose);
+
+    std::size_t player_count() const;
+    // What the players have received since the last call.
+    FrameTally take_tally();
+    // Frames that players have still to get, when so many of each stream have been sent.
+    std::uint64_t missing(const std::vector<std::uint32_t>& sent) const;
+
+  private:
+    struct Player {
+        LoadPlayer player;
+        std::size_t stream_idx;
+        Measure measure;
+    };
+    struct Drained {
+        int fd;
+        std::string whose;
+    };
+
+    Id watch(int fd);
+    void unwatch(int fd) const;
+    void run();
+    void serve(Id id);
+    void serve_player(Id id, Player& entry);
+    void serve_drained(Id id, const Drained& entry);
+
+    Journal& journal;
+    int epoll_fd;
+    std::vector<char> buffer = std::vector<char>(1 << 16);
+
+    mutable std::mutex mutex;
+    Id last_id = 0;
+    std::map<Id, Player> players;
+    std::map<Id, Drained> drained;
+    FrameTally tally;
+
+    std::atomic<bool> stop_requested{false};
+    std::thread thread;
+};

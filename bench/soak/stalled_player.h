@@ -1,0 +1,26 @@
+// A player that stops reading, so that its stream piles up in the server, and then leaves, is dropped through the tool,
+// or reads on and must find everything in its place.
+#pragma once
+
+#include <string>
+
+#include "bench/soak/actor.h"
+#include "bench/soak/journal.h"
+#include "bench/soak/receiver.h"
+
+class StalledPlayer {
+  public:
+    StalledPlayer(std::size_t stream_count, Milliseconds stall_time, Receiver& receiver, Journal& events)
+        : streams(stream_count), stall(stall_time), readers(receiver), journal(events) {}
+    void step(Actor& self);
+
+  private:
+    void note_full_socket(Actor& self, const std::string& address) const;
+    void catch_up(Actor& self, LoadPlayer player, std::size_t stream_idx);
+
+    const std::size_t streams;
+    const Milliseconds stall;
+    Receiver& readers;
+    Journal& journal;
+    std::size_t steps = 0;
+};

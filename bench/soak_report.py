@@ -1,0 +1,201 @@
+#!/usr/bin/python3
+"""Judges what soak_load has written: prints a table of figures and limits, and draws soak.png.
+
+usage: soak_report.py DIR [--memory-slope KIB_PER_MIN] [--late-share SHARE] [--short]
+
+DIR holds samples.csv, totals.json and server.log. The table is also written to DIR/report.txt. Exit status 0 only when
+every limit holds, 1 when one does not, 2 when DIR cannot be read.
+"""
+import argparse
+import csv
+import dataclasses
+import json
+import pathlib
+import re
+import statistics
+import sys
+
+# The second half of a shorter run says nothing about a slope.
+SLOPE_MIN_SECONDS = 600
+SANITIZER_SIGNS = re.compile(r"ERROR: (Address|Leak|UndefinedBehavior)Sanitizer|(WARNING|FATAL): ThreadSanitizer"
+                             r"|: runtime error: |Assertion")
+# Whoever does not do its part proves nothing. A short run has no time for the others.
+ALWAYS_SEEN = ["joins", "leaves", "stalls", "garbage clients", "lists", "drops by id", "takeovers"]
+SEEN_IN_A_LONG_RUN = ["drops by stream", "stalls with full sockets"]
+
+
+@dataclasses.dataclass
+class Row:
+    """One line of the table. holds is None where a limit is not applied; the limit then says why."""
+    figure: str
+    value: str
+    limit: str
+    holds: bool | None
+
+
+def slope_per_minute(samples, value):
+    """Least squares over the second half of the samples."""
+    half = samples[-1]["seconds"] / 2
+    points = [(s["seconds"] / 60, s[value]) for s in samples if s["seconds"] >= half]
+    return statistics.linear_regression(*zip(*points)) if len(points) > 1 else None
+
+
+def judge_memory(samples, limit):
+    line = slope_per_minute(samples, "rss_kib")
+    value = f"{line.slope:+.1f} KiB/min" if line else "none"
+    if limit is None:
+        return Row("memory slope", value, "not applied", None)
+    if samples[-1]["seconds"] < SLOPE_MIN_SECONDS:
+        return Row("memory slope", value, f"not applied below {SLOPE_MIN_SECONDS} s", None)
+    return Row("memory slope", value, f"at most {limit:g} KiB/min", line is not None and line.slope <= limit)
+
+
+def judge_late(totals, share):
+    frames = max(totals["frames"], 1)
+    return Row(f"later than {totals['late_limit_ms']} ms", f"{totals['late']} frames",
+               f"at most {share:g} of all", totals["late"] <= share * frames)
+
+
+def judge(samples, totals, log, options):
+    """All rows of the table."""
+    def zero(figure, value):
+        return Row(figure, str(value), "0", value == 0)
+
+    def no_more_than_at_start(what):
+        start, end = totals["start"][what], totals["end"][what]
+        return Row(f"{what}, start and end", f"{start}, {end}", "no more at the end", end <= start)
+
+    def information(figure, value):
+        return Row(figure, value, "", None)
+
+    if "end" not in totals or not samples:
+        return [Row("the run", "did not come to its end", "must", False), zero("failures", totals["failure_count"])]
+    counts = totals["counts"]
+    wanted = ALWAYS_SEEN + ([] if options.short or totals["ended_early"] else SEEN_IN_A_LONG_RUN)
+    idle = [who for who in wanted if counts.get(who, 0) == 0]
+    frames = totals["frames"]
+    worst_oversleep = max(s["oversleep_ms"] for s in samples)
+    cpu = [s["server_cpu_percent"] for s in samples]
+    return [
+        information("time", f"{totals['seconds']:.0f} s" + (", ended early" if totals["ended_early"] else "")),
+        information("load", "{publishers} publishers, {players} players, {kbit} kbit/s each".format(**totals["setup"])),
+        Row("frames received", f"{frames}", "more than 0", frames > 0),
+        zero("frames lost", totals["lost"] + totals["missing"]),
+        zero("frames damaged", totals["damaged"]),
+        information("late by", f"{totals['median_ms']:.0f} ms median, {totals['p99_ms']:.0f} ms 99 %, "
+                               f"{totals['most_ms']:.0f} ms at most"),
+        judge_late(totals, options.late_share),
+        information("the machine's own delay", f"{worst_oversleep:.0f} ms at most"),
+        judge_memory(samples, options.memory_slope),
+        information("memory", f"{min(s['rss_kib'] for s in samples) / 1024:.1f} to "
+                              f"{max(s['rss_kib'] for s in samples) / 1024:.1f} MiB under load, "
+                              f"{totals['end']['rss_kib'] / 1024:.1f} MiB when all had left"),
+        no_more_than_at_start("descriptors"),
+        no_more_than_at_start("threads"),
+        information("server CPU", f"{statistics.mean(cpu):.1f} % of one core, {max(cpu):.0f} % in the worst second"),
+        information("stopped within", f"{totals['stop_ms']} ms"),
+        zero("failures", totals["failure_count"]),
+        zero("sanitizer reports, assertions", len(SANITIZER_SIGNS.findall(log))),
+        *[information(who, str(count)) for who, count in sorted(counts.items())],
+        Row("who did nothing", ", ".join(idle) or "nobody", "nobody", not idle),
+    ]
+
+
+def table(rows):
+    marks = {True: "ok", False: "FAILED", None: ""}
+    cells = [(row.figure, row.value, row.limit, marks[row.holds]) for row in rows]
+    widths = [max(len(cell[i]) for cell in cells) for i in range(3)]
+    return "\n".join("  ".join((*(text.ljust(width) for text, width in zip(cell, widths)), cell[3])).rstrip()
+                     for cell in cells)
+
+
+def read_samples(path):
+    with open(path, encoding="utf-8", newline="") as file:
+        return [{name: float(value) for name, value in line.items()} for line in csv.DictReader(file)]
+
+
+def draw(samples, passed, path):
+    """Memory, CPU and lateness over time; False without matplotlib."""
+    try:
+        import matplotlib
+        matplotlib.use("Agg")
+        from matplotlib import pyplot
+    except ImportError:
+        return False
+    minutes = [s["seconds"] / 60 for s in samples]
+
+    def series(name, factor=1.0):
+        return [s[name] * factor for s in samples]
+
+    figure, (memory, cpu, late, people) = pyplot.subplots(4, 1, figsize=(11, 11), sharex=True,
+                                                         gridspec_kw={"height_ratios": [3, 2, 3, 1]})
+    memory.plot(minutes, series("rss_kib", 1 / 1024), color="tab:blue", linewidth=0.8, label="resident")
+    line = slope_per_minute(samples, "rss_kib")
+    if line:
+        half = [m for m in minutes if m >= minutes[-1] / 2]
+        memory.plot(half, [(line.intercept + line.slope * m) / 1024 for m in half], color="tab:red",
+                    label=f"second half: {line.slope:+.1f} KiB/min")
+    memory.set_ylabel("memory, MiB")
+    memory.set_ylim(bottom=0)
+    cpu.plot(minutes, series("server_cpu_percent"), color="tab:blue", linewidth=0.8, label="server")
+    cpu.plot(minutes, series("load_cpu_percent"), color="tab:gray", linewidth=0.6, label="load generator")
+    cpu.set_ylabel("CPU, % of one core")
+    cpu.set_ylim(bottom=0)
+    for name, label, colour in (("most_ms", "most", "tab:red"), ("p99_ms", "99 %", "tab:orange"),
+                                ("median_ms", "median", "tab:green"),
+                                ("oversleep_ms", "the machine's own delay", "lightgray")):
+        late.plot(minutes, series(name), color=colour, linewidth=0.8, label=label)
+    late.set_yscale("log")
+    late.set_ylim(bottom=1)
+    late.set_ylabel("lateness, ms")
+    people.plot(minutes, series("descriptors"), color="tab:purple", linewidth=0.8, label="descriptors")
+    people.plot(minutes, series("threads"), color="tab:brown", linewidth=0.8, label="threads")
+    people.set_ylim(bottom=0)
+    people.set_xlabel("minutes")
+    for axes in (memory, cpu, late, people):
+        axes.legend(loc="lower right", fontsize="small", ncols=4)
+        axes.grid(alpha=0.3)
+    lost, damaged = (int(sum(series(name))) for name in ("lost", "damaged"))
+    figure.suptitle(f"soak: {'every limit holds' if passed else 'FAILED'}; {int(sum(series('frames')))} frames, "
+                    f"{lost} lost, {damaged} damaged")
+    figure.tight_layout()
+    figure.savefig(path, dpi=110)
+    return True
+
+
+def parse_arguments(arguments):
+    parser = argparse.ArgumentParser(description=__doc__.split("\n", maxsplit=1)[0])
+    parser.add_argument("dir", type=pathlib.Path)
+    parser.add_argument("--memory-slope", type=lambda text: None if text == "none" else float(text), default=32.0,
+                        help="limit in KiB/min over the second half, or none (default: %(default)s)")
+    parser.add_argument("--late-share", type=float, default=0.0001,
+                        help="share of the frames that may be late (default: %(default)s)")
+    parser.add_argument("--short", action="store_true", help="a run too short for some clients to do their part")
+    return parser.parse_args(arguments)
+
+
+def main(arguments):
+    options = parse_arguments(arguments)
+    try:
+        samples = read_samples(options.dir / "samples.csv")
+        totals = json.loads((options.dir / "totals.json").read_text(encoding="utf-8"))
+        log = (options.dir / "server.log").read_text(encoding="utf-8", errors="replace")
+    except (OSError, ValueError) as error:
+        print(f"soak_report.py: there is nothing to judge: {error}", file=sys.stderr)
+        return 2
+    rows = judge(samples, totals, log, options)
+    passed = all(row.holds is not False for row in rows)
+    text = table(rows)
+    (options.dir / "report.txt").write_text(text + "\n", encoding="utf-8")
+    print(text)
+    for failure in totals["failures"]:
+        print(f"failure: {failure}")
+    if samples and draw(samples, passed, options.dir / "soak.png"):
+        print(f"picture: {options.dir / 'soak.png'}")
+    else:
+        print("no picture: scripts/install_packages soak installs what draws it")
+    return 0 if passed else 1
+
+
+if __name__ == "__main__":
+    sys.exit(main(sys.argv[1:]))

@@ -1,0 +1,181 @@
+#!/usr/bin/python3
+"""What soak_report.py makes of a run: of a good one, and of the same run with one thing wrong."""
+import contextlib
+import importlib.util
+import io
+import json
+import pathlib
+import sys
+import tempfile
+import unittest
+
+sys.dont_write_bytecode = True
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+spec = importlib.util.spec_from_file_location("soak_report", ROOT / "bench" / "soak_report.py")
+soak_report = importlib.util.module_from_spec(spec)
+sys.modules[spec.name] = soak_report
+spec.loader.exec_module(soak_report)
+
+SECONDS = 1200
+FRAMES_PER_SECOND = 7000
+
+
+def good_samples():
+    return [{"seconds": second, "rss_kib": 11000 + second % 60, "threads": 225, "descriptors": 117,
+             "server_cpu_percent": 9.5, "load_cpu_percent": 6, "players": 100, "bytes": 12500000,
+             "frames": FRAMES_PER_SECOND, "lost": 0, "damaged": 0, "late": 0, "median_ms": 31, "p99_ms": 59,
+             "most_ms": 65, "oversleep_ms": 2} for second in range(1, SECONDS + 1)]
+
+
+def good_totals():
+    return {"start": {"rss_kib": 3500, "threads": 1, "descriptors": 5},
+            "end": {"rss_kib": 6000, "threads": 1, "descriptors": 5},
+            "seconds": SECONDS, "ended_early": False, "failures": [], "failure_count": 0, "late_limit_ms": 250,
+            "setup": {"publishers": 8, "players": 100, "kbit": 1000}, "frames": FRAMES_PER_SECOND * SECONDS,
+            "bytes": 15000000000, "lost": 0, "missing": 0, "damaged": 0, "late": 0, "median_ms": 31, "p99_ms": 59,
+            "most_ms": 65, "server_cpu_ms": 100000, "stop_ms": 2,
+            "counts": {"joins": 2500, "leaves": 2500, "stalls": 40, "stalls with full sockets": 38,
+                       "garbage clients": 3400, "lists": 200, "drops by id": 100, "drops by stream": 100,
+                       "takeovers": 80}}
+
+
+class SoakReport(unittest.TestCase):
+    def setUp(self):
+        self.samples = good_samples()
+        self.totals = good_totals()
+        self.log = "Accepted connection\n"
+        self.options = []
+
+    def failed_rows(self):
+        """The figures that are out of their limits."""
+        options = soak_report.parse_arguments(["."] + self.options)
+        return [row.figure for row in soak_report.judge(self.samples, self.totals, self.log, options)
+                if row.holds is False]
+
+    def test_a_good_run_passes(self):
+        self.assertEqual(self.failed_rows(), [])
+
+    def test_one_lost_frame_fails(self):
+        self.totals["lost"] = 1
+        self.assertEqual(self.failed_rows(), ["frames lost"])
+
+    def test_a_frame_that_never_arrived_fails(self):
+        self.totals["missing"] = 1
+        self.assertEqual(self.failed_rows(), ["frames lost"])
+
+    def test_one_damaged_frame_fails(self):
+        self.totals["damaged"] = 1
+        self.assertEqual(self.failed_rows(), ["frames damaged"])
+
+    def test_a_run_in_which_nothing_arrived_fails(self):
+        self.totals["frames"] = 0
+        self.assertEqual(self.failed_rows(), ["frames received"])
+
+    def test_late_frames_may_be_one_in_ten_thousand_and_no_more(self):
+        self.totals["late"] = FRAMES_PER_SECOND * SECONDS // 10000
+        self.assertEqual(self.failed_rows(), [])
+        self.totals["late"] += 1
+        self.assertEqual(self.failed_rows(), ["later than 250 ms"])
+
+    def leak(self, kib_per_minute):
+        for sample in self.samples:
+            sample["rss_kib"] += kib_per_minute * sample["seconds"] / 60
+
+    def test_memory_that_grows_slowly_all_the_time_fails(self):
+        self.leak(kib_per_minute=31)
+        self.assertEqual(self.failed_rows(), [])
+        self.leak(kib_per_minute=2)
+        self.assertEqual(self.failed_rows(), ["memory slope"])
+
+    def test_memory_that_has_grown_in_the_first_half_alone_passes(self):
+        for sample in self.samples[:SECONDS // 2]:
+            sample["rss_kib"] = sample["seconds"] * 15
+        self.assertEqual(self.failed_rows(), [])
+
+    def test_a_memory_slope_is_not_judged_in_a_run_below_ten_minutes(self):
+        self.leak(kib_per_minute=1000)
+        self.samples = self.samples[:599]
+        self.assertEqual(self.failed_rows(), [])
+
+    def test_the_limit_of_the_memory_slope_can_be_set_and_left_out(self):
+        self.leak(kib_per_minute=1000)
+        self.options = ["--memory-slope", "1100"]
+        self.assertEqual(self.failed_rows(), [])
+        self.options = ["--memory-slope", "none"]
+        self.assertEqual(self.failed_rows(), [])
+
+    def test_a_thread_or_a_descriptor_that_stays_behind_fails(self):
+        self.totals["end"]["threads"] = 2
+        self.totals["end"]["descriptors"] = 6
+        self.assertEqual(self.failed_rows(), ["descriptors, start and end", "threads, start and end"])
+
+    def test_a_failure_of_an_actor_fails(self):
+        self.totals["failure_count"] = 1
+        self.totals["failures"] = ["takeover: the server did not close the connection"]
+        self.assertEqual(self.failed_rows(), ["failures"])
+
+    def test_every_sanitizer_report_and_assertion_fails(self):
+        for line in ("WARNING: ThreadSanitizer: data race (pid=1)", "==1==ERROR: AddressSanitizer: heap-use-after-free",
+                     "==1==ERROR: LeakSanitizer: detected memory leaks", "a.cpp:1:2: runtime error: shift exponent",
+                     "v9_rtmp_server: a.cpp:1: Assertion `x' failed."):
+            self.log = line + "\n"
+            self.assertEqual(self.failed_rows(), ["sanitizer reports, assertions"], line)
+
+    def test_an_actor_that_did_nothing_fails(self):
+        for who in soak_report.ALWAYS_SEEN + soak_report.SEEN_IN_A_LONG_RUN:
+            self.totals["counts"] = {**good_totals()["counts"], who: 0}
+            self.assertEqual(self.failed_rows(), ["who did nothing"], who)
+            del self.totals["counts"][who]
+            self.assertEqual(self.failed_rows(), ["who did nothing"], who)
+
+    def test_in_a_short_run_not_everybody_has_to_do_everything(self):
+        for who in soak_report.SEEN_IN_A_LONG_RUN:
+            self.totals["counts"][who] = 0
+        self.options = ["--short"]
+        self.assertEqual(self.failed_rows(), [])
+
+    def test_a_run_that_broke_off_fails(self):
+        del self.totals["end"]
+        self.assertIn("the run", self.failed_rows())
+        self.totals = good_totals()
+        self.samples = []
+        self.assertIn("the run", self.failed_rows())
+
+
+class SoakReportProgram(unittest.TestCase):
+    def run_program(self, totals):
+        """Exit status and output for a directory with these totals."""
+        with tempfile.TemporaryDirectory() as name:
+            path = pathlib.Path(name)
+            samples = good_samples()
+            lines = [",".join(samples[0])] + [",".join(str(value) for value in sample.values()) for sample in samples]
+            (path / "samples.csv").write_text("\n".join(lines) + "\n", encoding="utf-8")
+            (path / "server.log").write_text("", encoding="utf-8")
+            if totals:
+                (path / "totals.json").write_text(json.dumps(totals), encoding="utf-8")
+            with contextlib.redirect_stdout(io.StringIO()) as out, contextlib.redirect_stderr(out):
+                status = soak_report.main([name])
+            if totals:
+                self.assertIn((path / "report.txt").read_text(encoding="utf-8"), out.getvalue())
+            picture = path / "soak.png"
+            self.assertEqual(picture.exists(), "picture: " in out.getvalue())
+            if importlib.util.find_spec("matplotlib"):
+                self.assertEqual(picture.exists(), bool(totals))
+            return status, out.getvalue()
+
+    def test_the_exit_status_and_the_table_tell_whether_every_limit_holds(self):
+        status, output = self.run_program(good_totals())
+        self.assertEqual(status, 0)
+        self.assertNotIn("FAILED", output)
+        status, output = self.run_program({**good_totals(), "lost": 7})
+        self.assertEqual(status, 1)
+        self.assertRegex(output, r"frames lost +7 +0 +FAILED")
+
+    def test_without_anything_to_judge_the_exit_status_says_so(self):
+        status, output = self.run_program(None)
+        self.assertEqual(status, 2)
+        self.assertIn("nothing to judge", output)
+
+
+if __name__ == "__main__":
+    unittest.main()
