@@ -56,6 +56,15 @@ def judge_late(totals, share):
                f"at most {share:g} of all", totals["late"] <= share * frames)
 
 
+def judge_idle(counts, short, ended_early):
+    wanted = ALWAYS_SEEN + ([] if short else SEEN_IN_A_LONG_RUN)
+    idle = [who for who in wanted if counts.get(who, 0) == 0]
+    value = ", ".join(idle) or "nobody"
+    if ended_early:
+        return Row("who did nothing", value, "not applied: ended early", None)
+    return Row("who did nothing", value, "nobody", not idle)
+
+
 def judge(samples, totals, log, options):
     """All rows of the table."""
     def zero(figure, value):
@@ -71,8 +80,6 @@ def judge(samples, totals, log, options):
     if "end" not in totals or not samples:
         return [Row("the run", "did not come to its end", "must", False), zero("failures", totals["failure_count"])]
     counts = totals["counts"]
-    wanted = ALWAYS_SEEN + ([] if options.short or totals["ended_early"] else SEEN_IN_A_LONG_RUN)
-    idle = [who for who in wanted if counts.get(who, 0) == 0]
     frames = totals["frames"]
     worst_oversleep = max(s["oversleep_ms"] for s in samples)
     cpu = [s["server_cpu_percent"] for s in samples]
@@ -97,7 +104,7 @@ def judge(samples, totals, log, options):
         zero("failures", totals["failure_count"]),
         zero("sanitizer reports, assertions", len(SANITIZER_SIGNS.findall(log))),
         *[information(who, str(count)) for who, count in sorted(counts.items())],
-        Row("who did nothing", ", ".join(idle) or "nobody", "nobody", not idle),
+        judge_idle(counts, options.short, totals["ended_early"]),
     ]
 
 

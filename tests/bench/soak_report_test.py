@@ -134,6 +134,13 @@ class SoakReport(unittest.TestCase):
         self.options = ["--short"]
         self.assertEqual(self.failed_rows(), [])
 
+    def test_a_run_that_was_ended_early_is_not_blamed_for_who_had_no_turn_but_for_what_was_lost(self):
+        self.totals["ended_early"] = True
+        self.totals["counts"] = {}
+        self.assertEqual(self.failed_rows(), [])
+        self.totals["lost"] = 1
+        self.assertEqual(self.failed_rows(), ["frames lost"])
+
     def test_a_run_that_broke_off_fails(self):
         del self.totals["end"]
         self.assertIn("the run", self.failed_rows())
