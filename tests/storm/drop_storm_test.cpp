@@ -1,0 +1,158 @@
+// Thousands of connections that are dropped at every point of a session, by everybody who can.
+#include "tests/storm/accept_queue.h"
+#include "tests/storm/crowd.h"
+#include "tests/storm/full_table.h"
+#include "tests/storm/storm_size.h"
+#include "tests/storm/thread_places.h"
+#include "tests/support/live_pair.h"
+#include "tests/support/server_process.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <fstream>
+#include <iostream>
+#include <map>
+#include <string>
+#include <thread>
+
+namespace {
+
+constexpr std::size_t CONNECTIONS_OF_PAIR = 2;
+
+// Send buffers as small as they can be, so that whoever does not read blocks the server's writer at once. Holds in
+// the namespace of this test only.
+void shrink_send_buffers() {
+    std::ofstream file("/proc/sys/net/ipv4/tcp_wmem");
+    file << "4096 4096 4096" << std::flush;
+    ASSERT_TRUE(file) << "cannot write /proc/sys/net/ipv4/tcp_wmem";
+}
+
+void add_to(std::map<std::string, std::size_t>& sum, const std::map<std::string, std::size_t>& more) {
+    for (const auto& [name, count] : more) {
+        sum[name] += count;
+    }
+}
+
+void show(const std::string& what, const std::map<std::string, std::size_t>& counts) {
+    std::cout << what << ':';
+    const char* separator = " ";
+    for (const auto& [name, count] : counts) {
+        std::cout << separator << name << ' ' << count;
+        separator = ", ";
+    }
+    std::cout << '\n';
+}
+
+// A thread that is stopped in the middle of a long dump ends no line, so what is said next may not begin one.
+std::size_t occurrences(const std::string& text, const std::string& wanted) {
+    std::size_t count = 0;
+    for (std::size_t at = text.find(wanted); at != std::string::npos; at = text.find(wanted, at + 1)) {
+        ++count;
+    }
+    return count;
+}
+
+// Reads the log in fits and starts, so that the server's threads wait in the middle of a line, and looks where they
+// are meanwhile.
+class MoodyLogReader {
+  public:
+    MoodyLogReader(ServerProcess& log_server, std::uint64_t seed)
+        : server(log_server), thread([this, seed] { read(Random(seed)); }) {}
+    ~MoodyLogReader() { stop(); }
+    MoodyLogReader(const MoodyLogReader&) = delete;
+    MoodyLogReader& operator=(const MoodyLogReader&) = delete;
+
+    void stop() {
+        stop_requested = true;
+        if (thread.joinable()) {
+            thread.join();
+        }
+    }
+    // After stop().
+    std::map<std::string, std::size_t> places_seen() const { return places; }
+
+  private:
+    void read(Random random) {
+        while (!stop_requested) {
+            std::this_thread::sleep_for(Milliseconds{draw(random, 200)});
+            server.pause_draining_stderr();
+            std::this_thread::sleep_for(Milliseconds{draw(random, 40)});
+            add_to(places, thread_places(server.pid()));
+            server.resume_draining_stderr();
+        }
+    }
+
+    ServerProcess& server;
+    std::map<std::string, std::size_t> places;
+    std::atomic<bool> stop_requested{false};
+    std::thread thread;
+};
+
+class DropStorm : public testing::TestWithParam<int> {};
+INSTANTIATE_TEST_SUITE_P(server, DropStorm, testing::Range(0, STORM_SHARDS));
+
+}  // namespace
+
+TEST_P(DropStorm, leaves_nothing_behind_and_disturbs_nobody) {
+    const std::uint64_t seed = storm_seed() + 1000 * static_cast<std::uint64_t>(GetParam());
+    const std::size_t drops = storm_count("V9_STORM_DROPS", 10000, 1200) / STORM_SHARDS;
+    shrink_send_buffers();
+    ServerOptions server_options = frugal_server();
+    server_options.arguments = {"--dbg-pkt"};
+    server_options.stderr_pipe_bytes = 4096;
+    ServerProcess server(server_options);
+    LivePair live({.stream_name = LIVE_STREAM, .interval = Milliseconds{50}, .message_bytes = 8000});
+    const std::size_t threads = server.thread_count();
+    const std::size_t descriptors = server.fd_count();
+
+    std::map<std::string, std::size_t> points;
+    std::map<std::string, std::size_t> ends;
+    std::map<std::string, std::size_t> places;
+    std::size_t opened = 0;
+    std::size_t rss_kib = 0;
+    for (const int half : {0, 1}) {
+        const std::size_t rss_before_kib = rss_kib;
+        MoodyLogReader log_reader(server, seed + 500 + static_cast<std::uint64_t>(half));
+        Crowd crowd({.seed = seed + 100 * static_cast<std::uint64_t>(half), .connections = drops / 2});
+        crowd.wait();
+        log_reader.stop();
+        opened += crowd.opened();
+        add_to(points, crowd.points());
+        add_to(ends, crowd.ends());
+        add_to(places, log_reader.places_seen());
+        wait_for_empty_accept_queue();
+        server.wait_for_thread_count(threads);
+        rss_kib = server.rss_kib();
+        std::cout << "after " << opened << " drops: " << rss_kib << " KiB resident\n";
+        if (half == 1 && TIME_SCALE == 1) {
+            EXPECT_LE(rss_kib, rss_before_kib + ALLOWED_GROWTH_KIB);
+        }
+    }
+    show("visits by the point to which they came", points);
+    show("visits by how they ended", ends);
+    show("threads of the server, by where they were seen", places);
+    EXPECT_GE(opened, drops);
+    EXPECT_EQ(points.size(), visit_points().size());
+    EXPECT_GE(ends.size(), visit_ends().size());
+    for (const char* place : {"recv", "send", "write to the log", "sleep"}) {
+        EXPECT_GT(places[place], 0U) << place;
+    }
+
+    // The control clients have gone too.
+    const TimePoint deadline = SteadyClock::now() + DEFAULT_WAIT;
+    while (server.fd_count() != descriptors) {
+        ASSERT_LT(SteadyClock::now(), deadline)
+            << server.fd_count() << " descriptors instead of " << descriptors;
+        std::this_thread::sleep_for(Milliseconds{20});
+    }
+    const std::string log = server.raw_text();
+    EXPECT_EQ(occurrences(log, "Dropping connection\n"), opened);
+    EXPECT_EQ(occurrences(log, "Accepted connection\n"), opened + CONNECTIONS_OF_PAIR);
+    std::deque<RtmpClient> clients = fill_table(server, CONNECTIONS_OF_PAIR);
+    expect_every_slot_in_use();
+    expect_media_through(clients);
+    clients.clear();
+    live.finish();
+}

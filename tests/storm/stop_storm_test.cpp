@@ -1,0 +1,157 @@
+// Stopping and killing a server while a crowd is at it, at moments that are drawn by lot.
+#include "tests/storm/accept_queue.h"
+#include "tests/storm/crowd.h"
+#include "tests/storm/full_table.h"
+#include "tests/storm/storm_size.h"
+#include "tests/support/control_peer.h"
+#include "tests/support/media_bytes.h"
+#include "tests/support/server_process.h"
+#include "tests/support/test_failure.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <deque>
+#include <filesystem>
+#include <iostream>
+#include <memory>
+#include <thread>
+
+namespace {
+
+constexpr Milliseconds STOP_LIMIT = scaled(Milliseconds{1000});
+constexpr Milliseconds SERVE_LIMIT = scaled(Milliseconds{1000});
+// Some are stopped before anybody has come, most in full work.
+constexpr std::size_t LONGEST_LIFE_MS = 500;
+// One server in so many is waited for until it is in full work.
+constexpr std::size_t BUSY_ONE_IN = 3;
+constexpr std::size_t BUSY_THREADS = 50;
+
+// What the crowd has to play; whoever plays and does not read is waited for by a writer.
+class Broadcaster {
+  public:
+    Broadcaster() : thread([this] { broadcast(); }) {}
+    ~Broadcaster() {
+        stop_requested = true;
+        thread.join();
+    }
+    Broadcaster(const Broadcaster&) = delete;
+    Broadcaster& operator=(const Broadcaster&) = delete;
+
+  private:
+    // Servers come and go; each is sent to as long as it is there.
+    void broadcast() {
+        while (!stop_requested) {
+            try {
+                send_until_the_server_goes();
+            } catch (const std::exception&) {
+                std::this_thread::sleep_for(Milliseconds{2});
+            }
+        }
+    }
+
+    void send_until_the_server_goes() {
+        RtmpClient publisher = connect_through_queue();
+        (void)publisher.handshake();
+        (void)publisher.connect_app();
+        (void)publisher.publish(LIVE_STREAM);
+        for (std::uint32_t i = 0; !stop_requested; ++i) {
+            publisher.send_video(1, avc_inter_frame(i, 8000));
+            std::this_thread::sleep_for(Milliseconds{10});
+        }
+    }
+
+    std::atomic<bool> stop_requested{false};
+    std::thread thread;
+};
+
+// Visitors, a broadcaster, and the time that a server has among them.
+class Load {
+  public:
+    explicit Load(std::uint64_t seed, bool drops_at_random = true)
+        : random(seed), crowd({.seed = seed, .server_may_go = true, .drops_at_random = drops_at_random}) {}
+    ~Load() { crowd.stop(); }
+
+    void keep_busy(const ServerProcess& server) {
+        const TimePoint deadline = SteadyClock::now() + DEFAULT_WAIT;
+        while (servers % BUSY_ONE_IN == 0 && server.thread_count() < BUSY_THREADS) {
+            if (SteadyClock::now() >= deadline) {
+                throw TestFailure("nobody comes");
+            }
+            std::this_thread::sleep_for(Milliseconds{5});
+        }
+        std::this_thread::sleep_for(Milliseconds{draw(random, LONGEST_LIFE_MS)});
+        ++servers;
+        most_threads = std::max(most_threads, server.thread_count());
+    }
+    // That a server has had.
+    std::size_t threads() const { return most_threads; }
+
+  private:
+    Random random;
+    std::size_t servers = 0;
+    std::size_t most_threads = 0;
+    Broadcaster broadcaster;
+    Crowd crowd;
+};
+
+// New clients get media through, and the control socket answers.
+void expect_service() {
+    ControlPeer control;
+    control.send_bytes(control_request(1, "hello"));
+    std::deque<RtmpClient> clients;
+    clients.emplace_back();
+    clients.emplace_back();
+    expect_media_through(clients);
+    EXPECT_EQ(control.read_reply().message, "How are you?");
+}
+
+class StopStorm : public testing::TestWithParam<int> {
+  protected:
+    std::uint64_t seed = storm_seed() + 1000 * static_cast<std::uint64_t>(GetParam());
+};
+INSTANTIATE_TEST_SUITE_P(server, StopStorm, testing::Range(0, STORM_SHARDS));
+
+}  // namespace
+
+TEST_P(StopStorm, a_server_told_to_stop_exits_in_order_within_a_second) {
+    const std::size_t stops = storm_count("V9_STORM_STOPS", 200, 40) / STORM_SHARDS;
+    Load load(seed);
+    Milliseconds longest{0};
+    for (std::size_t i = 0; i < stops; ++i) {
+        ServerProcess server({"--dbg-pkt"});
+        load.keep_busy(server);
+        const Milliseconds took = server.stop();
+        longest = std::max(longest, took);
+        EXPECT_LE(took, STOP_LIMIT) << "stop " << i;
+    }
+    std::cout << stops << " stops, the longest took " << longest.count() << " ms, the busiest server had "
+              << load.threads() << " threads\n";
+}
+
+TEST_P(StopStorm, a_server_serves_within_a_second_after_another_was_killed) {
+    const std::size_t kills = storm_count("V9_STORM_KILLS", 100, 20) / STORM_SHARDS;
+    // Nobody drops those who try whether there is service.
+    Load load(seed, false);
+    Milliseconds longest{0};
+    std::size_t most_left = 0;
+    auto server = std::make_unique<ServerProcess>();
+    for (std::size_t i = 0; i < kills; ++i) {
+        load.keep_busy(*server);
+        server->kill();
+        server.reset();
+        ASSERT_TRUE(std::filesystem::exists(CONTROL_SOCKET_PATH)) << "nothing stale is left";
+        most_left = std::max(most_left, connections_left_to_the_kernel());
+        const TimePoint start = SteadyClock::now();
+        server = std::make_unique<ServerProcess>();
+        expect_service();
+        const Milliseconds took = elapsed_since(start);
+        longest = std::max(longest, took);
+        EXPECT_LE(took, SERVE_LIMIT) << "start " << i;
+    }
+    std::cout << kills << " kills, the slowest start took " << longest.count() << " ms, with up to "
+              << most_left << " connections left to the kernel, the busiest server had " << load.threads()
+              << " threads\n";
+    EXPECT_GT(most_left, 0U);
+}

@@ -1,0 +1,30 @@
+#include "tests/storm/storm_size.h"
+
+#include "tests/support/time_limits.h"
+
+#include <cstdlib>
+#include <iostream>
+#include <random>
+#include <string>
+
+std::size_t storm_count(const char* variable, std::size_t in_release, std::size_t under_a_sanitizer) {
+    if (const char* given = std::getenv(variable)) {
+        return std::stoul(given);
+    }
+    return TIME_SCALE > 1 ? under_a_sanitizer : in_release;
+}
+
+std::uint64_t storm_seed() {
+    const char* given = std::getenv("V9_STORM_SEED");
+    const std::uint64_t seed = given != nullptr ? std::stoull(given) : std::random_device()();
+    std::cout << "V9_STORM_SEED=" << seed << '\n';
+    return seed;
+}
+
+ServerOptions frugal_server() {
+    ServerOptions options;
+    options.environment = {
+        "GLIBC_TUNABLES=glibc.malloc.arena_max=1:glibc.malloc.mmap_threshold=65536:"
+        "glibc.malloc.trim_threshold=65536"};
+    return options;
+}
