@@ -3,8 +3,8 @@
 #include "core/connection.h"
 #include "core/connection_table.h"
 #include "relay/stream_registry.h"
-#include "tests/model/silent_system.h"
 #include "tests/support/fake_clock.h"
+#include "tests/support/silent_system.h"
 #include "tests/support/wire_bytes.h"
 
 #include <algorithm>

@@ -2,7 +2,7 @@
 // first difference. A difference is shown with the shortest schedule that was found to lead to it, and with the
 // command that repeats it.
 #include "tests/model/comparison.h"
-#include "tests/model/silent_system.h"
+#include "tests/support/silent_system.h"
 
 #include <unistd.h>
 #include <CLI/CLI.hpp>

@@ -253,7 +253,8 @@ void Generator::media(Client& client) {
     const bool video = random.percent(50);
     client.timestamp += static_cast<std::uint32_t>(random.percent(75) ? TIMESTAMP_STEPS[random.below(12)]
                                                                       : random.one_of(TIMESTAMP_STEPS));
-    if (random.percent(1)) {
+    // A first timestamp of 0 leaves the base of pacing open, so that the next may be anything.
+    if (random.percent(client.timestamp == 0 ? 20 : 1)) {
         client.timestamp = random.one_of(FIRST_TIMESTAMPS);
     }
     receive(client, Request::MEDIA, video ? 9 : 8);

@@ -1,4 +1,4 @@
-#include "tests/model/silent_system.h"
+#include "tests/support/silent_system.h"
 
 #include <pthread.h>
 

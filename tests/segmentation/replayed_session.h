@@ -1,0 +1,52 @@
+// One client's bytes through the server's own reader, main loop and writer, cut into segments at will.
+//
+// Everything runs on the test's thread. The reader asks for bytes and gets no more than what has arrived; where
+// it asks beyond the end of a segment it waits, and only then does the next segment arrive: nothing is coalesced.
+// While it waits the main loop and the writers run. Time stands still, except that it goes on by 10 ms whenever
+// the server itself would sleep. Random numbers are the same in every replay.
+//
+// Two more connections may be there, whose messages are put straight into their queues: a player of the stream
+// from the start, and a publisher whose metadata and sequence headers are there already.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+struct Session {
+    std::string name;
+    std::string bytes;   // from C0 on
+    std::string stream;  // what it publishes or plays
+    bool plays = false;  // then a publisher is there; otherwise a player is
+    // Of one that plays: media comes when so many bytes have been read, which end a message.
+    std::size_t media_at = 0;
+};
+
+// When the main loop and the writers have their turn.
+enum class MainLoop {
+    AT_EVERY_READ,     // the reader never gets ahead of them: the order of all output is that of the messages
+    WHEN_ALL_IS_READ,  // the reader takes all that has arrived first, as far as back-pressure lets it
+};
+
+struct Output {
+    std::string bytes;             // everything, in order
+    std::string acknowledgements;  // the messages of this kind, in order
+    std::string others;            // the rest, in order, handshake included
+
+    bool operator==(const Output&) const = default;
+};
+
+struct Replay {
+    std::map<std::string, Output> sent;  // to "client", and to "player" or "publisher"
+    std::string printed;
+    std::vector<std::size_t> waits;  // where in the bytes the reader had to wait for a segment
+};
+
+// segment_ends: ascending positions inside of the bytes at which a segment ends. The last one ends with the session,
+// after which the client closes.
+Replay replay(const Session& session, const std::vector<std::size_t>& segment_ends, MainLoop main_loop);
+
+// The session with its answer to the server's random handshake bytes replaced by that to the bytes of a replay.
+Session with_own_handshake(Session session);

@@ -1,0 +1,161 @@
+// How TCP cuts a client's bytes makes no difference to anything that the server says or sends.
+//
+// The reader's acknowledgements and the main loop's answers are queued by two threads, so their order among each
+// other is free. Where the main loop has its turn at every read, all output is compared as it stands; where the
+// reader gets ahead, the acknowledgements are compared among themselves and the rest among itself.
+#include "tests/segmentation/hand_made_session.h"
+#include "tests/segmentation/replayed_session.h"
+#include "tests/support/amf_bytes.h"
+#include "tests/support/media_bytes.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <iterator>
+#include <random>
+
+namespace {
+
+using testing::HasSubstr;
+
+// Each replay takes ten times as long under a sanitizer; then every so manieth position has to do.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr std::size_t STRIDE = 11;
+#else
+constexpr std::size_t STRIDE = 1;
+#endif
+
+std::string recorded_bytes(const std::string& name) {
+    std::ifstream file(std::string(V9_SESSIONS_PATH) + "/" + name + ".session", std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+// The player went when it had enough media; its last message says so, after a header of 8 bytes.
+Session recorded_player() {
+    const std::string bytes = recorded_bytes("player");
+    const std::size_t goodbye = bytes.rfind(amf_string("deleteStream"));
+    EXPECT_NE(goodbye, std::string::npos) << "the recorded player did not take its leave";
+    return {"player", bytes, "recorded", true, goodbye - 8};
+}
+
+Session session_named(const std::string& name) {
+    if (name == "hand_made") {
+        return with_own_handshake(hand_made_session());
+    }
+    return with_own_handshake(name == "player" ? recorded_player()
+                                               : Session{name, recorded_bytes(name), "recorded"});
+}
+
+std::size_t count(const std::string& text, const std::string& part) {
+    std::size_t found = 0;
+    for (std::size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
+        ++found;
+    }
+    return found;
+}
+
+std::vector<std::size_t> ends_every(std::size_t segment_bytes, std::size_t session_bytes) {
+    std::vector<std::size_t> ends;
+    for (std::size_t end = segment_bytes; end < session_bytes; end += segment_bytes) {
+        ends.push_back(end);
+    }
+    return ends;
+}
+
+struct Row {
+    std::string session;
+    MainLoop main_loop;
+};
+
+std::string row_name(const testing::TestParamInfo<Row>& row) {
+    return row.param.session +
+           (row.param.main_loop == MainLoop::AT_EVERY_READ ? "_handled_at_every_read" : "_read_ahead");
+}
+
+class segmentation : public testing::TestWithParam<Row> {
+  protected:
+    // The same as in one piece, and really cut there.
+    testing::AssertionResult is_the_same_in(const std::vector<std::size_t>& ends) {
+        const Replay cut = replay(session, ends, GetParam().main_loop);
+        if (cut.waits != ends) {
+            return testing::AssertionFailure() << "the reader did not wait where the segments end";
+        }
+        for (const auto& [receiver, output] : whole.sent) {
+            const Output& now = cut.sent.at(receiver);
+            if (now.acknowledgements != output.acknowledgements) {
+                return testing::AssertionFailure() << "other acknowledgements to the " << receiver;
+            }
+            if (now.others != output.others) {
+                return testing::AssertionFailure() << "other messages to the " << receiver;
+            }
+            if (GetParam().main_loop == MainLoop::AT_EVERY_READ && now.bytes != output.bytes) {
+                return testing::AssertionFailure() << "another order of messages to the " << receiver;
+            }
+        }
+        if (GetParam().main_loop == MainLoop::AT_EVERY_READ && cut.printed != whole.printed) {
+            return testing::AssertionFailure() << "other lines:\n"
+                                               << cut.printed << "instead of\n"
+                                               << whole.printed;
+        }
+        return testing::AssertionSuccess();
+    }
+
+    const Session session = session_named(GetParam().session);
+    const Replay whole = replay(session, {}, GetParam().main_loop);
+};
+
+}  // namespace
+
+// What is compared below is worth comparing.
+TEST_P(segmentation, a_session_in_one_piece_is_served_to_its_end) {
+    EXPECT_THAT(whole.printed, HasSubstr("RTMP handshake complete\n"));
+    EXPECT_THAT(whole.printed, HasSubstr("accepted app ombrex-"));
+    if (session.plays) {
+        EXPECT_THAT(whole.sent.at("client").others, HasSubstr("onMetaData"));
+        EXPECT_THAT(whole.sent.at("client").others, HasSubstr(avc_header()));
+        EXPECT_THAT(whole.printed, HasSubstr("Relay: Repeating video sequence header\n"));
+        EXPECT_THAT(whole.printed, HasSubstr("deleteStream, drop connection\n"));
+        EXPECT_EQ(count(whole.sent.at("client").others, "_result"), 2U);
+        return;
+    }
+    EXPECT_EQ(count(whole.printed, "error"), 0U) << whole.printed;
+    EXPECT_THAT(whole.printed, HasSubstr("Connection is publishing '" + session.stream + "'\n"));
+    EXPECT_GE(whole.sent.at("client").acknowledgements.size(), 10U * 16);
+    EXPECT_THAT(whole.sent.at("player").others, HasSubstr("onMetaData"));
+    EXPECT_THAT(whole.sent.at("player").others, HasSubstr(std::string("\x17\x00\x00\x00\x00\x01", 6)));
+    EXPECT_GT(whole.sent.at("player").others.size(), 1000U);
+    EXPECT_EQ(count(whole.sent.at("client").others, "_result"), session.name == "hand_made" ? 3U : 4U)
+        << whole.printed;
+}
+
+TEST_P(segmentation, two_segments_are_served_like_one_wherever_they_meet) {
+    for (std::size_t end = 1; end < session.bytes.size(); end += STRIDE) {
+        ASSERT_TRUE(is_the_same_in({end})) << "cut after byte " << end << " of " << session.bytes.size();
+    }
+}
+
+TEST_P(segmentation, segments_of_one_byte_are_served_like_one) {
+    ASSERT_TRUE(is_the_same_in(ends_every(1, session.bytes.size())));
+}
+
+TEST_P(segmentation, segments_of_any_size_are_served_like_one) {
+    for (const std::size_t segment_bytes : {2U, 3U, 5U, 11U, 12U, 127U, 128U, 129U, 536U, 1460U}) {
+        ASSERT_TRUE(is_the_same_in(ends_every(segment_bytes, session.bytes.size()))) << segment_bytes;
+    }
+    std::mt19937 random(1);
+    for (int i = 0; i < 100; ++i) {
+        std::vector<std::size_t> ends;
+        for (std::size_t end = 1 + random() % 300; end < session.bytes.size(); end += 1 + random() % 300) {
+            ends.push_back(end);
+        }
+        ASSERT_TRUE(is_the_same_in(ends)) << "random cuts " << i;
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    of, segmentation,
+    testing::Values(Row{"publisher", MainLoop::AT_EVERY_READ}, Row{"publisher", MainLoop::WHEN_ALL_IS_READ},
+                    Row{"player", MainLoop::AT_EVERY_READ}, Row{"player", MainLoop::WHEN_ALL_IS_READ},
+                    Row{"hand_made", MainLoop::AT_EVERY_READ}, Row{"hand_made", MainLoop::WHEN_ALL_IS_READ}),
+    row_name);
