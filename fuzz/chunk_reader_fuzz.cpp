@@ -185,7 +185,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         take_messages(0);
         CHECK(conn.conn_g_server.bytes_total == HANDSHAKE_BYTES + check_messages(bytes));
         CHECK(conn.conn_g_client.bytes_total == HANDSHAKE_BYTES);
-        assume_role(conn.reader_role);
         CHECK(conn.chunk_streams.size() <= ChunkParser::SERVER_LIMIT);
         connection = nullptr;
     }

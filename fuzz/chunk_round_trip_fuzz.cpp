@@ -105,7 +105,7 @@ RTMP_Packet packet_of(const ParsedMessage& message) {
 
 // One thread plays all three, so nobody needs the lock.
 // Runs the writer thread's loop until everything is sent or the client is gone.
-void write_all(RTMPConnection& conn) NO_THREAD_SAFETY_ANALYSIS {
+void write_all(RTMPConnection& conn) {
     while (!conn.connection_out.empty()) {
         if (!conn.rtmp_send_packet()) {
             CHECK(sent.size() == room);
@@ -132,7 +132,7 @@ void check_by_parser(const std::vector<ParsedMessage>& messages) {
 }
 
 // The server's reader has the same opinion as the target's, up to the number of chunk streams that it admits.
-void check_by_reader() NO_THREAD_SAFETY_ANALYSIS {
+void check_by_reader() {
     RTMPConnection conn(READER_FD, 1, {});
     unread = sent;
     ChunkParser parser(sent, ChunkParser::SERVER_LIMIT);

@@ -131,7 +131,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     forget_diagnostics();
 
     RTMPConnection conn(CLIENT_FD, 0, {});
-    assume_role(conn.reader_role);
     const bool done = conn.handshake();
     check_answer(bytes);
     const std::string_view failure = expected_failure(bytes);
