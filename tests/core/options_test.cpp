@@ -29,7 +29,7 @@ constexpr const char* USAGE =
 
 }  // namespace
 
-TEST_F(options, none_is_fine) {
+TEST_F(options, may_be_absent) {
     EXPECT_TRUE(parse({}));
     EXPECT_EQ(printed, "");
     EXPECT_FALSE(opt_dbg_pkt || opt_no_def_ack);

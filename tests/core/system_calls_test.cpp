@@ -81,6 +81,21 @@ TEST_F(SystemCallsTest, listener_and_clients_get_their_options) {
     close(client);
 }
 
+TEST_F(SystemCallsTest, clients_that_wait_together_are_accepted_one_a_pass) {
+    ASSERT_TRUE(open_listener());
+    const int first = connect_to_server();
+    const int second = connect_to_server();
+    EXPECT_EQ(printed_by([] { accept_connections(); }), "Accepted connection\n");
+    EXPECT_NE(get_connection(0), nullptr);
+    EXPECT_EQ(get_connection(1), nullptr);
+    EXPECT_EQ(printed_by([] { accept_connections(); }), "Accepted connection\n");
+    EXPECT_NE(get_connection(1), nullptr);
+    EXPECT_EQ(printed_by([] { accept_connections(); }), "");
+    server_shutdown();
+    close(first);
+    close(second);
+}
+
 TEST_F(SystemCallsTest, a_client_whose_socket_refuses_its_options_is_served_in_silence) {
     ASSERT_TRUE(open_listener());
     for (int refused = 1; refused <= 5; ++refused) {

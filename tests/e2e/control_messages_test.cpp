@@ -172,7 +172,7 @@ TEST(acknowledgement, a_window_message_of_less_than_4_bytes_is_ignored) {
     EXPECT_THAT(server.lines_since(mark), ElementsAre("RTMP: Window ack size 1"));
 }
 
-TEST(acknowledgement, five_megabytes_in_a_window_of_two_and_a_half) {
+TEST(acknowledgement, is_sent_twice_for_five_megabytes_in_a_window_of_two_and_a_half) {
     ServerProcess server;
     RtmpClient client = handshaken_client();
     AckModel model(true, 1);

@@ -197,7 +197,7 @@ TEST(handshake, a_second_block_that_is_no_echo_is_refused) {
     }
 }
 
-TEST(handshake, a_client_that_is_gone_before_the_version_is_answered) {
+TEST(handshake, fails_when_the_client_is_gone_before_the_version_is_answered) {
     ServerProcess server;
     server.pause();
     RtmpClient client;
@@ -207,7 +207,7 @@ TEST(handshake, a_client_that_is_gone_before_the_version_is_answered) {
     expect_handshake_failure(server, "S0 fail");
 }
 
-TEST(handshake, a_client_that_is_gone_before_the_random_bytes_are_sent) {
+TEST(handshake, fails_when_the_client_is_gone_before_the_random_bytes_are_sent) {
     ServerProcess server;
     server.pause();
     RtmpClient client;
@@ -217,7 +217,7 @@ TEST(handshake, a_client_that_is_gone_before_the_random_bytes_are_sent) {
     expect_handshake_failure(server, "S1 fail");
 }
 
-TEST(handshake, a_client_that_is_gone_before_the_echo_is_sent) {
+TEST(handshake, fails_when_the_client_is_gone_before_the_echo_is_sent) {
     ServerProcess server;
     RtmpClient client;
     client.send_bytes(bytes_of({3}));

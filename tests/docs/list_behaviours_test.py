@@ -1,0 +1,102 @@
+#!/usr/bin/env python3
+"""tools/list_behaviours.py writes every test onto its page, and notices when one comes, goes or changes its name."""
+import contextlib
+import importlib.util
+import io
+import pathlib
+import sys
+import tempfile
+import unittest
+
+ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
+sys.dont_write_bytecode = True
+SPEC = importlib.util.spec_from_file_location("list_behaviours", ROOT / "tools/list_behaviours.py")
+LIST = importlib.util.module_from_spec(SPEC)
+SPEC.loader.exec_module(LIST)
+
+HANDSHAKE = "TEST_F(handshake, fails_when_nobody_answers) {\n}\n\nTEST_F(handshake, counts_every_byte) {\n}\n"
+
+
+class BehaviourList(unittest.TestCase):
+    def setUp(self):
+        directory = tempfile.TemporaryDirectory()
+        self.addCleanup(directory.cleanup)
+        self.root = pathlib.Path(directory.name)
+        (self.root / "docs").mkdir()
+        self.write("rtmp/handshake_test.cpp", HANDSHAKE)
+
+    def write(self, name, text):
+        path = self.root / "tests" / name
+        path.parent.mkdir(parents=True, exist_ok=True)
+        path.write_text(text, encoding="utf-8")
+
+    def run_tool(self, *arguments):
+        printed = io.StringIO()
+        with contextlib.redirect_stdout(printed):
+            status = LIST.main([*arguments, str(self.root)])
+        return status, printed.getvalue()
+
+    def page(self):
+        self.assertEqual(self.run_tool("--write")[0], 0)
+        return (self.root / LIST.PAGE).read_text(encoding="utf-8")
+
+    def test_a_test_is_a_sentence_behind_its_subject_and_file(self):
+        page = self.page()
+        self.assertIn("## Handshake\n", page)
+        self.assertIn("**Handshake** ([rtmp/handshake_test.cpp](../tests/rtmp/handshake_test.cpp))\n\n"
+                      "- fails when nobody answers\n- counts every byte\n", page)
+        self.assertIn(" 2 behaviours.", page)
+
+    def test_names_whose_words_run_together_are_taken_apart(self):
+        self.write("tools/json_test.cpp", "TEST(ListJson, NumbersAreNumbersIn80Columns) {\n}\n")
+        self.write("app/play_test.cpp", "TEST_F(PlayDeathTest, a_slot_outside_the_table_ends_the_process) {\n}\n")
+        page = self.page()
+        self.assertIn("**List JSON** (", page)
+        self.assertIn("- numbers are numbers in 80 columns\n", page)
+        self.assertIn("**Play** (", page)
+
+    def test_one_subject_may_have_several_files(self):
+        self.write("e2e/handshake_test.cpp", "TEST(handshake, works) {\n}\n")
+        self.assertIn("**Handshake** ([e2e/handshake_test.cpp](../tests/e2e/handshake_test.cpp), "
+                      "[rtmp/handshake_test.cpp](../tests/rtmp/handshake_test.cpp))\n", self.page())
+
+    def test_tests_of_python_and_cmake_are_listed(self):
+        self.write("docs/pages_test.py", "class Pages(unittest.TestCase):\n    def test_are_complete(self):\n        pass\n")
+        self.write("docs/CMakeLists.txt", "add_test(NAME the_pages_are_complete\n  COMMAND true)\n")
+        page = self.page()
+        self.assertIn("**Pages** (", page)
+        self.assertIn("- are complete\n", page)
+        self.assertIn("- the pages are complete\n", page)
+
+    def test_a_file_that_fits_nowhere_is_listed_all_the_same(self):
+        self.write("novel/idea_test.cpp", "TEST(idea, is_new) {\n}\n")
+        self.assertIn("## The server as a whole\n", self.page())
+
+    def test_a_page_just_written_is_up_to_date(self):
+        self.page()
+        self.assertEqual(self.run_tool(), (0, "docs/behaviours.md lists all 2 behaviours\n"))
+
+    def test_a_missing_page_is_noticed(self):
+        self.assertEqual(self.run_tool()[0], 1)
+
+    def test_a_test_that_comes_goes_or_changes_its_name_is_noticed(self):
+        for old, new, noticed in (("counts", "loses", "+- loses every byte"),
+                                  ("TEST_F(handshake, counts_every_byte) {\n}\n", "", "-- counts every byte"),
+                                  ("TEST_F(handshake, counts", "TEST(handshake, is_new) {\n}\nTEST_F(handshake, counts",
+                                   "+- is new")):
+            self.write("rtmp/handshake_test.cpp", HANDSHAKE)
+            self.page()
+            self.assertIn(old, HANDSHAKE)
+            self.write("rtmp/handshake_test.cpp", HANDSHAKE.replace(old, new))
+            status, printed = self.run_tool()
+            self.assertEqual(status, 1)
+            self.assertIn(noticed, printed)
+            self.assertIn("tools/list_behaviours.py --write", printed)
+
+    def test_no_tests_are_no_page(self):
+        (self.root / "tests/rtmp/handshake_test.cpp").unlink()
+        self.assertEqual(self.run_tool("--write")[0], 1)
+
+
+if __name__ == "__main__":
+    unittest.main()

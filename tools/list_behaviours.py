@@ -1,0 +1,162 @@
+#!/usr/bin/env python3
+"""The page of behaviours, docs/behaviours.md, from the names of the tests.
+
+    tools/list_behaviours.py [ROOT]            compares the page with the tests; 1 when they differ
+    tools/list_behaviours.py --write [ROOT]    writes the page
+
+A test is named by a sentence: its suite is the subject, its name the rest. Suites are grouped by their file; the first
+pattern that matches decides. Beside GoogleTest's tests, those of Python's unittest and of CMake's add_test are listed.
+"""
+import difflib
+import fnmatch
+import pathlib
+import re
+import sys
+
+PAGE = "docs/behaviours.md"
+TESTS = "tests"
+
+# Heading, introduction, files below tests/.
+GROUPS = [
+    ("Starting and stopping",
+     "The command line, what must be there to start, quit signals, and how the server ends while others use it.",
+     ["core/options_*", "e2e/command_line_*", "e2e/shutdown_*", "e2e/*stop*", "e2e/*kill*", "e2e/*restart*"]),
+    ("Connections",
+     "Who gets a slot, the two threads of a connection, and how it is closed and forgotten.",
+     ["core/connection*", "core/listener_*", "core/system_calls_*", "e2e/connection_table_*", "e2e/listener_*",
+      "e2e/reconnect_*", "e2e/*storm*", "e2e/*cancel*", "e2e/*drops*"]),
+    ("Handshake", "The first 3073 bytes each way.", ["rtmp/handshake_*", "e2e/handshake_*"]),
+    ("Messages on the wire",
+     "Chunks in and out, protocol control messages, acknowledgements, and the queues between the threads.",
+     ["rtmp/*", "e2e/chunk_*", "e2e/control_messages_*", "e2e/*segment*"]),
+    ("AMF0", "The values in commands and metadata: held, decoded, encoded and printed.",
+     ["amf/*", "e2e/amf_on_the_wire_*"]),
+    ("Commands", "What a client may ask for, in which order, and what it is answered.",
+     ["app/acknowledge_*", "app/command_table_*", "app/connect_*", "app/create_stream_*", "app/dispatch_*", "app/play_*",
+      "app/publish_*", "app/reply_*", "e2e/connect_*", "e2e/dispatch_*", "e2e/stream_commands_*"]),
+    ("Metadata", "What a publisher says of its stream, and what becomes of it when it changes.",
+     ["app/metadata_*", "app/stream_format_*", "e2e/metadata*"]),
+    ("Publishers: real time and takeover",
+     "Media goes out no faster than real time, and a publisher that has stalled can be replaced.",
+     ["app/publisher_media_*", "e2e/pacing_*", "e2e/takeover_*"]),
+    ("Streams and the relay",
+     "Which connection publishes, who plays, and what each player is sent with which timestamp.",
+     ["relay/*", "e2e/relay_*", "e2e/registry_*", "e2e/unread_player_*", "model/*", "e2e/*model*"]),
+    ("Control socket", "Requests of other programs on the machine, and the library that carries them.",
+     ["control/*", "comm_socket/*", "e2e/control_*"]),
+    ("v9_rtmp_ctl", "The tool for operators.", ["tools/*", "e2e/ctl_*"]),
+    ("Hostile clients", "Clients that send what no client should, or nothing.", ["e2e/hostile_*", "fuzz/*"]),
+    ("When the system fails", "Refused memory, threads, locks and system calls.",
+     ["app/failing_*", "app/broken_promise_*", "fault/*", "e2e/*fault*", "e2e/*exhaust*"]),
+    ("Real clients", "Encoders and players that people use.", ["e2e/ffmpeg_*", "e2e/*interop*", "interop/*"]),
+    ("Load and time", "What is measured, and that the measure is right.", ["bench/*", "soak/*", "e2e/*soak*"]),
+    ("What everything stands on", "Bytes, lines, assertions, and the pages that describe the server.",
+     ["base/*", "docs/*"]),
+    ("The server as a whole", "What belongs to no single part.", ["*"]),
+]
+
+GOOGLE_TEST = re.compile(r"^(?:TEST|TEST_F|TEST_P|TYPED_TEST)\(\s*(\w+),\s*(\w+)\s*\)", re.MULTILINE)
+UNITTEST = re.compile(r"^class (\w+)\([\w.]*TestCase\)|^    def test_(\w+)\(self", re.MULTILINE)
+ADD_TEST = re.compile(r"(?:add_test\(\s*NAME|^v9_python_test\()\s*([A-Za-z][\w${}]*)", re.MULTILINE)
+SUITE_ENDS = re.compile(r"(?:_?[Dd]eath)?(?:_?[Tt]ests?)?(?:_death)?$")
+NAMES = {"amf": "AMF", "av": "AV", "ctl": "v9_rtmp_ctl", "ecma": "ECMA", "ffmpeg": "ffmpeg", "io": "I/O", "json": "JSON",
+         "rtmp": "RTMP"}
+WORDS = re.compile(r"[A-Z]{2,}(?=[A-Z][a-z]|\b|_|\d)|[A-Z]?[a-z]+|[A-Z]|\d+(?:x\d+)?")
+
+INTRODUCTION = """\
+# What the tests hold the server to
+
+Each line is a test, named by the sentence; behind each subject stand the files with its tests. {count} behaviours.
+This page is written by `tools/list_behaviours.py --write` and compared with the tests whenever they run; a line is
+changed by renaming its test. `ctest --test-dir build/release -R NAME` runs what a line says: NAME is the sentence with
+`_` for each blank, or in the tests of the tool with its words run together.
+"""
+
+
+def words(name):
+    """a_name_like_this or ANameLikeThis as words. The former keep their capitals."""
+    if "_" in name or name.islower():
+        return name.replace("_", " ").strip()
+    found = WORDS.findall(name)
+    return " ".join(word if len(word) > 1 and word.isupper() else word.lower() for word in found)
+
+
+def subject(suite):
+    text = words(SUITE_ENDS.sub("", suite) or suite)
+    text = " ".join(NAMES.get(word.lower(), word) for word in text.split(" "))
+    return text[:1].upper() + text[1:]
+
+
+def tests_of(path):
+    """(subject, sentence) of every test in a file."""
+    text = path.read_text(encoding="utf-8")
+    if path.suffix == ".cpp":
+        return [(subject(suite), words(name)) for suite, name in GOOGLE_TEST.findall(text)]
+    if path.suffix == ".py":
+        result, suite = [], ""
+        for class_name, test_name in UNITTEST.findall(text):
+            suite = class_name or suite
+            if test_name:
+                result.append((subject(suite), words(test_name)))
+        return result
+    return [("", words(re.sub(r"\$\{(\w+)\}", r"a_\1", name))) for name in ADD_TEST.findall(text) if "_" in name]
+
+
+def group_of(name):
+    return next(index for index, (_, _, patterns) in enumerate(GROUPS)
+                if any(fnmatch.fnmatchcase(name, pattern) for pattern in patterns))
+
+
+def collect(root):
+    """For each group: subject -> (sentences in order of the files, files)."""
+    groups = [{} for _ in GROUPS]
+    files = sorted(path for path in (root / TESTS).rglob("*")
+                   if path.suffix in (".cpp", ".py") or path.name == "CMakeLists.txt")
+    for path in files:
+        name = path.relative_to(root / TESTS).as_posix()
+        for about, sentence in tests_of(path):
+            sentences, found_in = groups[group_of(name)].setdefault(about, ({}, {}))
+            sentences[sentence] = True
+            found_in[name] = True
+    return groups
+
+
+def page(root):
+    groups = collect(root)
+    count = sum(len(sentences) for group in groups for sentences, _ in group.values())
+    parts = [INTRODUCTION.format(count=count)]
+    for (heading, introduction, _), group in zip(GROUPS, groups):
+        if not group:
+            continue
+        parts.append(f"## {heading}\n\n{introduction}\n")
+        for about, (sentences, files) in sorted(group.items(), key=lambda item: (not item[0], item[0].lower())):
+            links = ", ".join(f"[{name}](../{TESTS}/{name})" for name in files)
+            parts.append(f"**{about or 'Also'}** ({links})\n\n" + "".join(f"- {line}\n" for line in sentences))
+    return "\n".join(parts), count
+
+
+def main(arguments):
+    write = "--write" in arguments
+    rest = [argument for argument in arguments if argument != "--write"]
+    root = pathlib.Path(rest[0] if rest else pathlib.Path(__file__).resolve().parent.parent)
+    wanted, count = page(root)
+    path = root / PAGE
+    if count == 0:
+        print(f"there are no tests below {root / TESTS}")
+        return 1
+    if write:
+        path.write_text(wanted, encoding="utf-8")
+        print(f"{PAGE}: {count} behaviours")
+        return 0
+    found = path.read_text(encoding="utf-8") if path.exists() else ""
+    differences = list(difflib.unified_diff(found.splitlines(), wanted.splitlines(), PAGE, "the tests", n=0, lineterm=""))
+    print("".join(line + "\n" for line in differences[:40]), end="")
+    if differences:
+        print("What to do: tools/list_behaviours.py --write")
+        return 1
+    print(f"{PAGE} lists all {count} behaviours")
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main(sys.argv[1:]))
