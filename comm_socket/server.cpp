@@ -25,8 +25,6 @@ constexpr int BACKLOG = 128;
 constexpr int ACCEPTS_PER_IDLE = 128;
 constexpr std::size_t READ_BYTES_PER_IDLE = 8388608;   // all clients together
 constexpr std::size_t WRITE_BYTES_PER_IDLE = 8388608;  // all clients together
-constexpr std::size_t UNFREED_CLIENTS =
-    4096;  // gone and not freed by the caller; beyond, newcomers have to wait
 
 using ClientList = std::list<comm_socket_v4_client>;
 
@@ -44,8 +42,7 @@ struct comm_socket_v4_client {
     comm_socket_v4* server;
     comm_socket::ClientLink link;
     std::shared_ptr<std::size_t> unreleased = std::make_shared<std::size_t>(0);  // requests handed out
-    bool announced = false;  // returned by accept_connection
-    bool known = false;      // the caller has seen the pointer
+    bool announced = false;  // returned by accept_connection, so the caller is to free it
     ClientList* home = nullptr;
     ClientList::iterator position;
 };
@@ -56,11 +53,15 @@ struct comm_socket_v4 {
     dev_t device = 0;  // of the socket at path, remembered to tell it from another server's
     ino_t inode = 0;
 
-    // clients -> gone (disconnected, nothing left to hand out) -> returned (the caller is to free it).
+    // Those that are disconnected and have nothing left to hand out leave clients:
+    //   announced: clients -> gone -> returned (the caller is to free it)
+    //   others:    clients -> forgotten -> freed by the next idle
+    // A caller may take fewer disconnected clients than come and go, so only those that it accepted wait for it.
     // The first of clients has waited longest for its turn.
     ClientList clients;
     ClientList gone;
     ClientList returned;
+    ClientList forgotten;
 
     comm_socket::HeldRequests held;
     std::size_t handed_out = 0;          // since the last idle
@@ -117,11 +118,7 @@ void settle(comm_socket_v4* server) {
         client->link.finish();
         if (client->link.is_open() || client->link.has_complete_frame())
             continue;
-        if (client->known) {
-            move_client(client, &server->gone);
-        } else {
-            client->home->erase(client->position);
-        }
+        move_client(client, client->announced ? &server->gone : &server->forgotten);
     }
 }
 
@@ -159,7 +156,7 @@ void add_client(comm_socket_v4* server, int fd) {
 
 int accept_waiting(comm_socket_v4* server) {
     for (int i = 0; i < ACCEPTS_PER_IDLE; i++) {
-        if (server->gone.size() + server->returned.size() >= UNFREED_CLIENTS)
+        if (server->gone.size() + server->returned.size() >= COMM_SOCKET_V4_MAX_UNFREED_CLIENTS)
             return 0;
         const int fd = accept4(server->listen_fd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
         if (fd >= 0) {
@@ -286,6 +283,7 @@ int comm_socket_v4_idle(comm_socket_v4* server) {
     for (auto& client : server->clients)
         serve_client(&client, &read_budget, &write_budget);
     settle(server);
+    server->forgotten.clear();
     // Newcomers after that: who has left makes room for them. They are heard at once.
     const std::size_t old_clients = server->clients.size();
     const int result = accept_waiting(server);
@@ -302,7 +300,6 @@ comm_socket_v4_client* comm_socket_v4_accept_connection(comm_socket_v4* server) 
     for (auto& client : server->clients) {
         if (!client.announced) {
             client.announced = true;
-            client.known = true;
             return &client;
         }
     }
@@ -339,7 +336,6 @@ comm_socket_v4_packet* comm_socket_v4_server_get_packet(comm_socket_v4* server,
         if (packet == nullptr)
             continue;
         server->handed_out++;
-        candidate.known = true;
         move_client(&candidate, &server->clients);  // to the end: the others have their turn first
         if (client != nullptr)
             *client = &candidate;

@@ -15,7 +15,7 @@
  *   server handle         comm_socket_v4_destroy
  *   connection            comm_socket_v4_disconnect
  *   any packet            comm_socket_v4_packet_release
- *   disconnected client   comm_socket_v4_free_client
+ *   accepted client       comm_socket_v4_free_client, once it has disconnected
  *
  * comm_socket_v4_destroy also frees every client and every request of its server, those included that were
  * handed out and never released; pointers to them are dead afterwards. Packets from
@@ -66,6 +66,10 @@ extern "C" {
 
 /* Clients of one server. The next one is accepted and closed at once. */
 #define COMM_SOCKET_V4_MAX_CLIENTS 64u
+
+/* Clients that comm_socket_v4_accept_connection returned, that have gone away and that the caller has not freed.
+ * At the limit no newcomer is accepted until one is freed. */
+#define COMM_SOCKET_V4_MAX_UNFREED_CLIENTS 4096u
 
 /* Requests that are handed out between two calls of comm_socket_v4_idle. */
 #define COMM_SOCKET_V4_MAX_REQUESTS_PER_IDLE 64u
@@ -200,10 +204,14 @@ int comm_socket_v4_idle(comm_socket_v4* server);
  * keeps and serves its clients whether or not this is called. */
 comm_socket_v4_client* comm_socket_v4_accept_connection(comm_socket_v4* server);
 
-/* A client that has gone away and all of whose requests have been handed out and released; null when there is
- * none. The caller now frees it. Every client that was returned by comm_socket_v4_accept_connection or
- * comm_socket_v4_server_get_packet stays valid until then, connected or not; clients that the caller never
- * got to know are freed silently. */
+/* A client that comm_socket_v4_accept_connection returned, that has gone away and all of whose requests have
+ * been handed out and released; null when there is none. The caller now frees it; until then it stays valid,
+ * connected or not. While COMM_SOCKET_V4_MAX_UNFREED_CLIENTS of them are not freed, newcomers have to wait, so
+ * call this at least as often as comm_socket_v4_accept_connection.
+ *
+ * A client that only comm_socket_v4_server_get_packet returned needs no freeing: it stays valid, connected or
+ * not, while a request of it is not released, and after that until the next comm_socket_v4_idle. However many
+ * clients ask and leave between two services, the caller has nothing to do for them. */
 comm_socket_v4_client* comm_socket_v4_get_disconnected_client(comm_socket_v4* server);
 
 /* Frees a client; disconnects it first if it is connected. Requests of it that the caller still holds stay

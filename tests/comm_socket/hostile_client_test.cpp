@@ -188,6 +188,22 @@ TEST_F(HostileClientTest, many_connections_that_come_and_go_leave_nothing_behind
     expect_good_is_served();
 }
 
+TEST_F(HostileClientTest, any_number_of_clients_that_ask_and_leave_locks_nobody_out) {
+    constexpr int ROUNDS = 100;
+    constexpr std::size_t CLIENTS = 50;
+    const std::string answer = reply_frame(1, "hello", "yes");
+    for (int round = 0; round < ROUNDS; round++) {
+        std::vector<RawPeer> peers;
+        for (std::size_t i = 0; i < CLIENTS; i++) {
+            peers.emplace_back(server.path);
+            peers.back().send_all(request_frame(1, "hello"));
+        }
+        serve();
+        for (const RawPeer& peer : peers)
+            ASSERT_EQ(peer.read_available(), answer) << "in round " << round;
+    }
+}
+
 TEST_F(HostileClientTest, random_changes_of_a_good_request_never_disturb_the_others) {
     std::srand(1);
     const std::string good_frame = request_frame(1, "hello", {"argument", std::nullopt, ""});

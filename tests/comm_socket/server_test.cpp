@@ -212,7 +212,7 @@ TEST_F(ServerTest, serves_64_clients_and_closes_the_next_at_once) {
     EXPECT_FALSE(next.is_closed());
 }
 
-TEST_F(ServerTest, a_disconnected_client_stays_valid_until_it_is_freed) {
+TEST_F(ServerTest, an_accepted_client_stays_valid_until_it_is_freed) {
     DrivenServer server(path);
     RawPeer peer(path);
     peer.send_all(request_frame(1, "hello"));
@@ -220,6 +220,7 @@ TEST_F(ServerTest, a_disconnected_client_stays_valid_until_it_is_freed) {
     comm_socket_v4_client* client = nullptr;
     comm_socket_v4_packet* request = server.take(&client);
     ASSERT_NE(request, nullptr);
+    EXPECT_EQ(comm_socket_v4_accept_connection(server.handle), client);
     peer.close_now();
     server.idle();
     EXPECT_EQ(comm_socket_v4_get_disconnected_client(server.handle), nullptr)
@@ -234,6 +235,52 @@ TEST_F(ServerTest, a_disconnected_client_stays_valid_until_it_is_freed) {
     comm_socket_v4_free_client(client);
     EXPECT_EQ(comm_socket_v4_get_disconnected_client(server.handle), nullptr);
     comm_socket_v4_packet_release(reply);
+}
+
+TEST_F(ServerTest, a_client_known_by_its_requests_alone_stays_valid_until_the_idle_after_the_last_release) {
+    DrivenServer server(path);
+    RawPeer peer(path);
+    peer.send_all(request_frame(1, "hello"));
+    server.idle();
+    comm_socket_v4_client* client = nullptr;
+    comm_socket_v4_packet* request = server.take(&client);
+    ASSERT_NE(request, nullptr);
+    peer.close_now();
+    server.idle();
+    comm_socket_v4_packet* reply = make_reply(1, "hello", "x");
+    EXPECT_EQ(comm_socket_v4_packet_send_to_client(client, reply), -1);
+    comm_socket_v4_packet_release(request);
+    EXPECT_EQ(comm_socket_v4_get_disconnected_client(server.handle), nullptr);
+    EXPECT_EQ(comm_socket_v4_packet_send_to_client(client, reply), -1);
+    EXPECT_EQ(errno, EPIPE);
+    comm_socket_v4_packet_release(reply);
+    server.idle();
+    EXPECT_EQ(comm_socket_v4_get_disconnected_client(server.handle), nullptr) << "it was freed silently";
+}
+
+TEST_F(ServerTest, newcomers_wait_while_the_caller_has_4096_disconnected_clients_to_free) {
+    DrivenServer server(path);
+    for (int round = 0; round < 64; round++) {
+        std::vector<RawPeer> peers;
+        for (int i = 0; i < 64; i++)
+            peers.emplace_back(path);
+        server.idle();
+        for (int i = 0; i < 64; i++)
+            ASSERT_NE(comm_socket_v4_accept_connection(server.handle), nullptr);
+        peers.clear();
+        server.idle();
+    }
+    const RawPeer newcomer(path);
+    newcomer.send_all(request_frame(1, "hello"));
+    server.idle();
+    EXPECT_EQ(server.answer_all(), 0);
+    comm_socket_v4_client* gone = comm_socket_v4_get_disconnected_client(server.handle);
+    ASSERT_NE(gone, nullptr);
+    server.idle();
+    EXPECT_EQ(server.answer_all(), 0) << "returned is not freed";
+    comm_socket_v4_free_client(gone);
+    server.idle();
+    EXPECT_EQ(server.answer_all(), 1);
 }
 
 TEST_F(ServerTest, a_request_survives_its_freed_client) {
@@ -256,6 +303,7 @@ TEST_F(ServerTest, what_was_sent_before_closing_is_handed_out) {
     peer.send_all(request_frame(1, "one") + request_frame(2, "two"));
     peer.close_now();
     server.idle();
+    EXPECT_NE(comm_socket_v4_accept_connection(server.handle), nullptr);
     EXPECT_EQ(comm_socket_v4_get_disconnected_client(server.handle), nullptr);
     comm_socket_v4_packet* one = server.take();
     comm_socket_v4_packet* two = server.take();
@@ -273,6 +321,7 @@ TEST_F(ServerTest, a_client_that_closed_its_sending_side_gets_its_reply) {
     peer.send_all(request_frame(9, "hello"));
     peer.shut_sending();
     server.idle();
+    EXPECT_NE(comm_socket_v4_accept_connection(server.handle), nullptr);
     EXPECT_EQ(server.answer_all(), 1);
     const std::string expected = reply_frame(9, "hello", "yes");
     EXPECT_EQ(peer.read_bytes(expected.size()), expected);
