@@ -118,9 +118,10 @@ void TerminalScreen::switch_mode(std::string_view mode, bool on) {
     }
 }
 
+// After a character in the last column the cursor stands on it, as on real terminals, and it is erased too.
 void TerminalScreen::erase_line_end() {
     std::string& line = shown()[row];
-    const std::size_t from = std::min(column, width);
+    const std::size_t from = std::min(column, width - 1);
     line.replace(from, width - from, width - from, ' ');
 }
 

@@ -3,6 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "tests/support/terminal_screen.h"
+
 using testing::AnyOf;
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -199,8 +201,22 @@ TEST(WatchFrame, AnEndlessFrameLeavesNothingOut) {
     EXPECT_THAT(lines.back(), StartsWith("127"));
 }
 
+TEST(WatchFrame, FillsTheScreenToItsLastColumnAndLeavesNothingOfTheOldFrame) {
+    for (const bool color : {false, true}) {
+        TerminalScreen screen(3, 4);
+        screen.feed("\x1b[?7l");
+        screen.feed(paint_frame(
+            {{"abcd", LineStyle::HEADING}, {"efgh", LineStyle::PLAIN}, {"ijkl", LineStyle::FOOT}}, color));
+        EXPECT_THAT(screen.rows(), ElementsAre("abcd", "efgh", "ijkl"));
+        screen.feed(paint_frame({{"m", LineStyle::HEADING}, {"", LineStyle::PLAIN}}, color));
+        EXPECT_THAT(screen.rows(), ElementsAre("m", "", ""));
+        EXPECT_THAT(screen.unknown(), testing::IsEmpty());
+        EXPECT_FALSE(screen.has_style());
+    }
+}
+
 TEST(WatchFrame, IsPaintedOverTheOldOneWithoutColorIfNotWanted) {
     const std::vector<FrameLine> lines{{"a", LineStyle::HEADING}, {"b", LineStyle::PLAIN}};
-    EXPECT_EQ(paint_frame(lines, false), "\x1b[Ha\x1b[K\r\nb\x1b[K\x1b[J");
-    EXPECT_EQ(paint_frame(lines, true), "\x1b[H\x1b[1ma\x1b[0m\x1b[K\r\nb\x1b[K\x1b[J");
+    EXPECT_EQ(paint_frame(lines, false), "\x1b[H\x1b[Ka\r\n\x1b[Jb");
+    EXPECT_EQ(paint_frame(lines, true), "\x1b[H\x1b[K\x1b[1ma\x1b[0m\r\n\x1b[Jb");
 }

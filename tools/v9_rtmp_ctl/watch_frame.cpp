@@ -266,12 +266,14 @@ std::vector<FrameLine> render_endless_frame(const WatchModel& model) {
     return lines;
 }
 
+// Each line is erased before it is written: after a full one the cursor still stands on its last character.
 std::string paint_frame(const std::vector<FrameLine>& lines, bool color) {
     std::string bytes = "\x1b[H";
     for (std::size_t i = 0; i < lines.size(); ++i) {
         const char* const style = color ? style_sequence(lines[i].style) : "";
         bytes += i == 0 ? "" : "\r\n";
-        bytes += style + lines[i].text + (*style != '\0' ? "\x1b[0m" : "") + "\x1b[K";
+        bytes += i + 1 == lines.size() ? "\x1b[J" : "\x1b[K";
+        bytes += style + lines[i].text + (*style != '\0' ? "\x1b[0m" : "");
     }
-    return bytes + "\x1b[J";
+    return bytes;
 }
