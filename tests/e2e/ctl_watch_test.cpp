@@ -4,6 +4,7 @@
 #include "tests/support/rtmp_client.h"
 #include "tests/support/server_process.h"
 #include "tests/support/terminal_program.h"
+#include "tests/support/test_failure.h"
 #include "tests/support/tool_run.h"
 
 #include <gmock/gmock.h>
@@ -12,6 +13,7 @@
 #include <algorithm>
 #include <csignal>
 #include <iostream>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -34,6 +36,38 @@ const std::string CTRL_Z = "\x1a";
 std::vector<std::string> watch_command() {
     return {tool_path(), "watch", "--interval", "0.2"};
 }
+
+// A terminal made by others, of 24 rows and 80 columns, in which a shell command runs.
+class TmuxTerminal {
+  public:
+    explicit TmuxTerminal(const std::string& shell_command) {
+        (void)tmux({"-f", "/dev/null", "new-session", "-d", "-x", "80", "-y", "24", shell_command});
+    }
+    ~TmuxTerminal() { (void)run_program({"tmux", "-S", SOCKET, "kill-server"}); }
+    TmuxTerminal(const TmuxTerminal&) = delete;
+    TmuxTerminal& operator=(const TmuxTerminal&) = delete;
+
+    static std::vector<std::string> rows() {
+        std::istringstream captured(tmux({"capture-pane", "-p"}));
+        std::vector<std::string> lines;
+        for (std::string line; std::getline(captured, line);) {
+            lines.push_back(line);
+        }
+        return lines;
+    }
+
+  private:
+    static constexpr const char* SOCKET = "/run/tmux.socket";
+
+    static std::string tmux(std::vector<std::string> arguments) {
+        arguments.insert(arguments.begin(), {"tmux", "-S", SOCKET});
+        const ProgramRun run = run_program(arguments, {.environment = {"TERM=xterm"}});
+        if (run.end != ProgramEnd{0, 0}) {
+            throw TestFailure("tmux: " + run.err);
+        }
+        return run.out;
+    }
+};
 
 // A publisher of a picture, two players of it and somebody who has not chosen yet: connections 0 to 3.
 class CtlWatch : public testing::Test {
@@ -117,6 +151,20 @@ TEST_F(CtlWatch, it_shows_who_comes_and_goes_and_the_rates) {
     (void)watch.wait_for_row(flow, Milliseconds{0});
 }
 
+TEST_F(CtlWatch, a_line_as_wide_as_the_terminal_is_shown_to_its_last_column) {
+    const RtmpClient player = playing_client(std::string(100, 'x'));
+    const TmuxTerminal terminal(tool_path() + " watch --interval 0.2");
+    const auto is_whole = [&player](const std::string& row) {
+        return row.size() == TERMINAL_COLUMNS && row.ends_with(player.local_address());
+    };
+    const TimePoint start = SteadyClock::now();
+    std::vector<std::string> rows;
+    do {
+        rows = TmuxTerminal::rows();
+    } while (std::none_of(rows.begin(), rows.end(), is_whole) && elapsed_since(start) < DEFAULT_WAIT);
+    EXPECT_THAT(rows, Contains(testing::ResultOf(is_whole, testing::IsTrue())));
+}
+
 TEST_F(CtlWatch, it_fits_a_terminal_whose_size_changes) {
     TerminalProgram watch(watch_command());
     expect_whole_frame(watch);
@@ -173,6 +221,25 @@ TEST_F(CtlWatch, the_drop_key_asks_first) {
     second_player.expect_closed_without_answer();
     (void)watch.wait_for_text("3 of 128 slots used");
     EXPECT_EQ(server.count("Dropping connection"), 1U);
+}
+
+TEST_F(CtlWatch, a_yes_drops_nobody_who_changed_while_the_question_waited) {
+    TerminalProgram watch(watch_command());
+    expect_whole_frame(watch);
+    watch.type("d3\r");
+    (void)watch.wait_for_text("Drop connection 3, without a stream, ");
+    unnamed.create_stream();
+    unnamed.publish("garden");
+    watch.type("y");
+    (void)watch.wait_for_text("Connection 3 has changed and was kept. Look again, then drop it.");
+    EXPECT_THAT(unnamed.round_trip(), IsEmpty());
+
+    watch.type("d2\r");
+    (void)watch.wait_for_text("Drop connection 2, play 'cam1', ");
+    second_player.close();
+    (void)watch.wait_for_text("3 of 128 slots used");
+    watch.type("y");
+    (void)watch.wait_for_text("there is no connection 2.");
 }
 
 TEST_F(CtlWatch, the_filter_key_leaves_what_contains_the_text) {

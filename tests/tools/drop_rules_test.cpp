@@ -52,3 +52,20 @@ TEST(DropRules, OnlyAPlainOkMeansThatItWasDropped) {
         EXPECT_EQ(failure->exit_code, row.exit_code) << row.message;
     }
 }
+
+TEST(DropRules, ACandidateIsDroppedOnlyWhileTheListingHasItAsItWas) {
+    const Connection unnamed = *parse_connection_line("5\t\t\t\t1\t2\t10.0.0.1:1");
+    const Connection player = *parse_connection_line("6\tcam1\tplay\t\t1\t2\t10.0.0.2:2");
+    Connection busier = player;
+    busier.bytes_sent = 1000000;
+    EXPECT_FALSE(judge_candidate(unnamed, {player, unnamed}));
+    EXPECT_FALSE(judge_candidate(player, {unnamed, busier}));
+    for (const char* line : {"5\tcam1\tpublish\t\t1\t2\t10.0.0.1:1", "5\t\t\t\t1\t2\t10.0.0.1:9",
+                             "5\t\tplay\t\t1\t2\t10.0.0.1:1"}) {
+        const std::optional<Failure> failure =
+            judge_candidate(unnamed, {player, *parse_connection_line(line)});
+        ASSERT_TRUE(failure) << line;
+        EXPECT_EQ(failure->message, "Connection 5 has changed and was kept. Look again, then drop it.");
+    }
+    EXPECT_THAT(judge_candidate(unnamed, {player})->message, testing::HasSubstr("there is no connection 5"));
+}

@@ -1,8 +1,8 @@
 #include "tools/v9_rtmp_ctl/drop_rules.h"
 
+#include <algorithm>
 #include <charconv>
 
-#include "tools/v9_rtmp_ctl/connections.h"
 #include "tools/v9_rtmp_ctl/text.h"
 
 namespace {
@@ -57,6 +57,20 @@ std::optional<Failure> judge_drop_id(unsigned id, const std::string& guard, cons
                            "' and was kept. 'v9_rtmp_ctl list' shows whose it is."};
     }
     return unreadable_reply("'" + reply.message + "' is no answer to a drop");
+}
+
+std::optional<Failure> judge_candidate(const Connection& candidate, const std::vector<Connection>& listed) {
+    const auto found = std::find_if(listed.begin(), listed.end(),
+                                    [&candidate](const Connection& c) { return c.id == candidate.id; });
+    if (found == listed.end()) {
+        return no_such_connection(candidate.id);
+    }
+    if (found->address == candidate.address && found->stream == candidate.stream &&
+        found->mode == candidate.mode) {
+        return std::nullopt;
+    }
+    return Failure{ExitCode::NEGATIVE_ANSWER, "Connection " + std::to_string(candidate.id) +
+                                                  " has changed and was kept. Look again, then drop it."};
 }
 
 Failure bad_connection_id(const std::string& text) {

@@ -4,7 +4,9 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
+#include "tools/v9_rtmp_ctl/connections.h"
 #include "tools/v9_rtmp_ctl/control_client.h"
 #include "tools/v9_rtmp_ctl/failure.h"
 
@@ -20,6 +22,11 @@
 
 // Nothing when the connection was dropped.
 [[nodiscard]] std::optional<Failure> judge_drop_id(unsigned id, const std::string& guard, const Reply& reply);
+
+// Nothing while the listing has the candidate as it was: whoever was asked about it meant this client, doing this.
+// An id alone does not say so, because the server gives the id of one who has left to a later one.
+[[nodiscard]] std::optional<Failure> judge_candidate(const Connection& candidate,
+                                                     const std::vector<Connection>& listed);
 
 [[nodiscard]] Failure bad_connection_id(const std::string& text);
 [[nodiscard]] Failure no_such_connection(unsigned id);

@@ -12,7 +12,6 @@
 #include "tools/v9_rtmp_ctl/json_forms.h"
 #include "tools/v9_rtmp_ctl/output.h"
 #include "tools/v9_rtmp_ctl/screen.h"
-
 #include "tools/v9_rtmp_ctl/watch_frame.h"
 #include "tools/v9_rtmp_ctl/watch_model.h"
 
@@ -51,6 +50,23 @@ void take_in_answer(WatchModel& model, const Reply& reply, std::uint64_t now_us)
 void take_in_failure(WatchModel& model, const Failure& failure) {
     model.clock = time_of_day();
     take_in(model, failure);
+}
+
+// Whoever took the candidate's slot, or what it began, while its question waited is not what the yes was for.
+std::optional<Failure> drop_if_unchanged(ControlClient& client, const Connection& candidate) {
+    Listing listing;
+    if (std::optional<Failure> failure = take_listing(client, "", listing)) {
+        return failure;
+    }
+    if (std::optional<Failure> failure = judge_candidate(candidate, listing.connections)) {
+        return failure;
+    }
+    Reply reply;
+    if (std::optional<Failure> failure =
+            client.call(drop_id_request(candidate.id, candidate.stream), reply)) {
+        return failure;
+    }
+    return judge_drop_id(candidate.id, candidate.stream, reply);
 }
 
 // Looks at the server on time, without making the keys wait for its answer.
@@ -99,11 +115,7 @@ class Observer {
         model.drop_candidate.reset();
         pending = false;  // The look under way is lost; another follows at once.
         next_us = 0;
-        Reply reply;
-        std::optional<Failure> failure = client.call(drop_id_request(candidate.id, candidate.stream), reply);
-        if (!failure) {
-            failure = judge_drop_id(candidate.id, candidate.stream, reply);
-        }
+        const std::optional<Failure> failure = drop_if_unchanged(client, candidate);
         model.notice =
             failure ? failure->message : "Dropped connection " + std::to_string(candidate.id) + ".";
     }
