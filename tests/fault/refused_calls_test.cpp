@@ -140,20 +140,28 @@ TEST(refused_calls, a_client_without_one_of_its_threads_is_accepted_and_dropped_
 }
 
 TEST(refused_calls, a_drop_says_which_thread_it_could_not_cancel_or_join_and_goes_on) {
-    for (const auto& [plan, text] :
-         {std::pair{"pthread_cancel:1:ESRCH", "WARNING: Failure to cancel thread"},
-          std::pair{"pthread_cancel:2:ESRCH", "WARNING: Failure to cancel thread2"},
-          std::pair{"pthread_join:1:ESRCH", "WARNING: Failure to pthread_join"},
-          std::pair{"pthread_join:2:ESRCH", "WARNING: Failure to pthread_join2"}}) {
-        FaultyServer faulty(plan);
+    struct Row {
+        const char* plan;
+        std::vector<std::string> texts;
+    };
+    for (const Row& row :
+         {Row{"pthread_cancel:1:ESRCH", {"WARNING: Failure to cancel thread"}},
+          Row{"pthread_cancel:2:ESRCH", {"WARNING: Failure to cancel thread2"}},
+          Row{"pthread_join:1:ESRCH", {"WARNING: Failure to pthread_join"}},
+          Row{"pthread_join:2:ESRCH", {"WARNING: Failure to pthread_join2"}},
+          Row{"pthread_cancel:1+:ESRCH;pthread_join:1+:ESRCH",
+              {"WARNING: Failure to cancel thread", "WARNING: Failure to pthread_join",
+               "WARNING: Failure to cancel thread2", "WARNING: Failure to pthread_join2"}}}) {
+        FaultyServer faulty(row.plan);
         ControlPeer peer;
         (void)peer.ask("hello");
         const AtRest at_rest(faulty.server);
         RtmpClient client = client_at_rest(faulty.server);
         const LineMark mark = faulty.server.mark();
         EXPECT_EQ(drop(peer, "0"), "OK");
-        EXPECT_EQ(faulty.server.lines_through("Dropping connection", mark),
-                  (std::vector<std::string>{text, "Dropping connection"}));
+        std::vector<std::string> lines = row.texts;
+        lines.emplace_back("Dropping connection");
+        EXPECT_EQ(faulty.server.lines_through("Dropping connection", mark), lines);
         (void)client.expect_closed();
         at_rest.expect();
     }

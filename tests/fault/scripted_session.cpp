@@ -252,14 +252,30 @@ class Session {
         return server.raw_text().find("Idle failed: ") != std::string::npos;
     }
 
+    // Whether a client of the control socket had its answer. None has when the socket is lost.
+    bool ask_control_server() {
+        while (control_peers.size() < CONTROL_PEERS) {
+            try {
+                control_peers.emplace_back();
+            } catch (const TestFailure&) {
+                if (!control_socket_is_lost()) {
+                    throw;
+                }
+                return false;
+            }
+            if (ask_control_server(control_peers.back())) {
+                return true;
+            }
+        }
+        return false;
+    }
+
     void list_and_drop() {
-        for (bool done = false; !done && control_peers.size() < CONTROL_PEERS && !control_socket_is_lost();) {
-            control_peers.emplace_back();
-            done = ask_control_server(control_peers.back());
+        if (!ask_control_server()) {
+            story.control.peers = 0;
         }
         for (const std::size_t client : {FIRST_PUBLISHER, FIRST_PLAYER, LATE_PLAYER}) {
-            if (control_socket_is_lost()) {
-                story.control.peers = 0;
+            if (story.control.peers == 0) {
                 guest(client).leave();
             } else {
                 guest(client).wait_until_dropped();
@@ -281,7 +297,7 @@ class Session {
         guest(SECOND_PLAYER).leave();
         server.err().wait_for_count("Dropping connection", SESSION_CLIENTS);
         server.wait_for_thread_count(THREADS_AT_REST);
-        const std::size_t expected = story.fds_before - (story.control.peers == 0 ? 1 : 0);
+        const std::size_t expected = story.fds_before - (control_socket_is_lost() ? 1 : 0);
         const TimePoint deadline = SteadyClock::now() + END_WAIT;
         do {
             story.fds_after = server.fd_count();

@@ -32,7 +32,7 @@ struct ClientStory {
 };
 
 struct ControlStory {
-    // How many clients of the control socket it took until one was answered; 0: the socket was lost.
+    // How many clients of the control socket it took until one was answered; 0: none was.
     int peers = 0;
     std::optional<std::vector<std::string>> listed;  // the connection lines
     std::optional<std::string> dropped;              // the answer to the drop of the first stream
