@@ -117,7 +117,7 @@ class SoakRun {
         settles([&] { return receiver.missing(sent) == 0; });
         totals["missing"] = receiver.missing(sent);
         samples->add(receiver.take_tally(), receiver.player_count(), publishers->take_worst_oversleep_ms());
-        crowd.let_all_leave();
+        crowd.let_all_leave(sent);
         receiver.stop();
         publishers.reset();
         settles([&] {
@@ -173,7 +173,7 @@ class SoakRun {
 
     void start_actors() {
         add_actor("joins and leaves", JOIN_PERIOD / soak.joins_per_second, [this](Actor&) {
-            crowd.let_one_leave();
+            crowd.let_one_leave(publishers->sent());
             crowd.join_for_a_while();
         });
         auto stalled = std::make_shared<StalledPlayer>(

@@ -1,6 +1,7 @@
 // The well-behaved players: some stay for the whole soak, the others come and go all the time.
 #pragma once
 
+#include <cstdint>
 #include <deque>
 #include <vector>
 
@@ -14,26 +15,27 @@ class Crowd {
     Crowd(std::size_t stream_count, Receiver& receiver, Journal& events);
 
     void join_to_stay() { stay.push_back(join()); }
-    void join_for_a_while() { come_and_go.push_back({join(), SteadyClock::now()}); }
-    // The one that came first of those who come and go leaves: by turns in good order and by a reset.
-    void let_one_leave();
-    // Who stayed has to have received frames, too.
-    void let_all_leave();
+    void join_for_a_while() { come_and_go.push_back(join()); }
+    // The one that came first of those who come and go leaves: by turns in good order and by a reset. When it has been
+    // there for long enough, it must have kept up with what has been sent of its stream so far.
+    void let_one_leave(const std::vector<std::uint32_t>& sent);
+    void let_all_leave(const std::vector<std::uint32_t>& sent);
 
   private:
     struct Visit {
         Receiver::Id id;
+        std::size_t stream_idx;
         TimePoint since;
     };
 
-    Receiver::Id join();
-    void leave(Receiver::Id id, Receiver::Leave how, bool must_have_received);
+    Visit join();
+    void leave(const Visit& visit, Receiver::Leave how, const std::vector<std::uint32_t>& sent);
 
     const std::size_t streams;
     Receiver& readers;
     Journal& journal;
     std::size_t joined = 0;
     std::size_t left = 0;
-    std::vector<Receiver::Id> stay;
+    std::vector<Visit> stay;
     std::deque<Visit> come_and_go;
 };

@@ -54,20 +54,20 @@ Receiver::Id Receiver::add(LoadPlayer player, std::size_t stream_idx, Measure me
     return id;
 }
 
-bool Receiver::remove(Id id, Leave leave) {
+std::optional<std::uint32_t> Receiver::remove(Id id, Leave leave) {
     const std::lock_guard guard(mutex);
     const auto found = players.find(id);
     if (found == players.end()) {
-        return false;
+        return std::nullopt;
     }
     LoadPlayer& player = found->second.player;
-    const bool has_received = player.next_frame().has_value();
+    const std::optional<std::uint32_t> next_frame = player.next_frame();
     unwatch(player.fd());
     if (leave == Leave::RESET) {
         player.close_with_reset();
     }
     players.erase(found);
-    return has_received;
+    return next_frame;
 }
 
 void Receiver::drain(int fd, const std::string& whose) {

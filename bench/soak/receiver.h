@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -27,8 +28,8 @@ class Receiver {
 
     // The server must not close this player's connection.
     Id add(LoadPlayer player, std::size_t stream_idx, Measure measure = Measure::LATENESS);
-    // Closes the player's connection; whether it has received any frame.
-    bool remove(Id id, Leave leave = Leave::CLOSE);
+    // Closes the player's connection; the number of the frame that it would have received next, if it has any.
+    std::optional<std::uint32_t> remove(Id id, Leave leave = Leave::CLOSE);
     // The descriptor must stay open as long as this object, and the server must not close it.
     void drain(int fd, const std::string& whose);
 
