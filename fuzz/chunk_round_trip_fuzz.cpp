@@ -69,7 +69,9 @@ std::string chunk_size_payload(std::uint32_t number) {
 ParsedMessage next_message(InputBytes& input, std::size_t number) {
     const std::uint8_t what = input.u8() % WHATS;
     ParsedMessage message;
-    message.chunk_stream_id = std::clamp<std::uint32_t>(input.u16() + 2U, 2, 65599);
+    // All ids from 2 to 65599, but for a few in the middle.
+    const std::uint32_t stream = input.u16();
+    message.chunk_stream_id = stream + (stream < 0xF000 ? 2 : 64);
     message.timestamp = input.u32();
     const std::uint16_t length = input.u16();
     message.type = input.u8();

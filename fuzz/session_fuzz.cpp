@@ -50,6 +50,10 @@ constexpr unsigned OPTION_NO_DEFAULT_ACKNOWLEDGEMENT = 1;
 constexpr unsigned OPTION_DUMP = 2;
 constexpr unsigned OPTION_STOP_AT_PRINTS = 4;
 
+// How a client connects: without saying a word, and without the one before it having to go.
+constexpr unsigned NO_HANDSHAKE = 7;
+constexpr unsigned STAYS_OPEN = 8;
+
 // Bit 7 of an action: the main loop does not get to run before the next one.
 constexpr unsigned AT_ONCE = 0x80;
 
@@ -508,11 +512,11 @@ void act_for_client(Action action, Client& client, InputBytes& input) {
 bool act_for_all(Action action, Client& client, InputBytes& input) {
     switch (action) {
         case Action::CONNECT: {
-            const bool shake_hands = input.u8() % 8 != 7;
-            if (client.socket != nullptr) {
+            const unsigned how = input.u8();
+            if (client.socket != nullptr && (how & STAYS_OPEN) == 0) {
                 client.socket->end_sending();  // The one before is left behind.
             }
-            connect_client(client, shake_hands);
+            connect_client(client, how % 8 != NO_HANDSHAKE);
             return true;
         }
         case Action::TIME: {
