@@ -278,6 +278,7 @@ struct Watched {
     bool close_requested = false;
     std::size_t waiting_in = 0;
     std::size_t waiting_out = 0;
+    bool publisher_in_force = false;
     // Of a publisher: its media never went back, nor so far that sums wrap.
     std::uint32_t newest_timestamp = 0;
     bool steady = true;
@@ -352,6 +353,18 @@ void check_connection(RTMPConnection& conn, std::size_t slot) {
     check_stream(conn.stream_name);
 }
 
+bool is_publisher_in_force(const RTMPConnection& conn) {
+    return conn.stream_mode == "publish" &&
+           find_or_insert_stream(conn.stream_name).publisher == conn.conn_idx;
+}
+
+// Whoever loses a stream to another connection is dropped for it. Nobody has it once its record was disposed of.
+void check_takeover(const RTMPConnection& conn, const Watched& watch) {
+    if (watch.publisher_in_force && !is_publisher_in_force(conn)) {
+        CHECK(conn.close_requested || find_or_insert_stream(conn.stream_name).publisher == NO_CONNECTION);
+    }
+}
+
 // Media that has come in since the last look.
 void note_input(RTMPConnection& conn, Watched& watch) {
     for (std::size_t i = watch.waiting_in; i < conn.connection_in.size(); ++i) {
@@ -379,6 +392,7 @@ void watch_before_pass() {
         note_input(*conn, watch);
         watch.close_requested = conn->close_requested;
         watch.waiting_out = conn->connection_out.size();
+        watch.publisher_in_force = is_publisher_in_force(*conn);
         if (conn->stream_mode == "play" && publisher_fd_of(conn->stream_name) != watch.publisher_fd) {
             watch.publisher_fd = publisher_fd_of(conn->stream_name);
             watch.last_output = 0;
@@ -413,6 +427,7 @@ void check_after_pass() {
         if (conn->fd == watch.fd) {
             CHECK(!watch.close_requested);  // Asked for before the pass, done in the pass.
             check_output(*conn, watch);
+            check_takeover(*conn, watch);
         }
         watch.waiting_in = conn->connection_in.size();
     }
@@ -500,8 +515,8 @@ void act_for_client(Action action, Client& client, InputBytes& input) {
             break;
         }
         case Action::CROWD:
-            // The shortest message there is, again and again.
-            client.socket->send_to_server(std::string(std::size_t{input.u8()} * 8, '\xC3'));
+            // The shortest message there is, again and again, on a chunk stream of its own.
+            client.socket->send_to_server(std::string(std::size_t{input.u8()} * 8, '\xC5'));
             break;
         default:
             CHECK(false);
