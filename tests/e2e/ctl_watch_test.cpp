@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <csignal>
+#include <functional>
 #include <iostream>
 #include <sstream>
 #include <string>
@@ -317,7 +318,8 @@ TEST_F(CtlWatch, it_leaves_the_terminal_as_it_was_when_ctrl_c_is_pressed) {
 }
 
 TEST_F(CtlWatch, it_leaves_the_terminal_as_it_was_when_it_is_ended_from_outside) {
-    for (const int number : {SIGTERM, SIGINT, SIGHUP}) {
+    for (const int number : {SIGTERM, SIGINT, SIGHUP, SIGUSR1, SIGUSR2, SIGALRM, SIGVTALRM, SIGPROF, SIGXCPU,
+                             SIGXFSZ, SIGPIPE, SIGIO, SIGPWR, SIGSTKFLT, SIGRTMIN, SIGRTMAX}) {
         TerminalProgram watch(watch_command());
         expect_whole_frame(watch);
         watch.send_signal(number);
@@ -346,14 +348,55 @@ TEST_F(CtlWatch, it_leaves_the_terminal_as_it_was_while_no_server_runs) {
 TEST_F(CtlWatch, it_gives_the_terminal_back_while_it_is_stopped_and_takes_it_again) {
     TerminalProgram watch(watch_command());
     expect_whole_frame(watch);
-    watch.type(CTRL_Z);
-    watch.wait_until_stopped();
-    (void)watch.wait_for_text(TERMINAL_PROMPT);
-    EXPECT_EQ(watch.damage(), "");
-    watch.send_signal(SIGCONT);
-    (void)watch.wait_for_text("cam1");
+    const std::vector<std::function<void()>> ways_to_stop = {
+        [&] { watch.type(CTRL_Z); },
+        [&] { watch.send_signal(SIGTTIN); },
+        [&] { watch.send_signal(SIGTTOU); },
+    };
+    for (const auto& stop : ways_to_stop) {
+        stop();
+        watch.wait_until_stopped();
+        (void)watch.wait_for_text(TERMINAL_PROMPT);
+        EXPECT_EQ(watch.damage(), "");
+        watch.send_signal(SIGCONT);
+        (void)watch.wait_for_text("cam1");
+    }
     watch.type("q");
     expect_left_in_order(watch);
+}
+
+TEST_F(CtlWatch, in_the_background_it_waits_until_it_is_brought_to_the_foreground) {
+    const std::string frame = "4 of 128 slots used";
+    TerminalProgram shell({"bash", "--noprofile", "--norc", "-i"}, {"PS1=ready> "});
+    (void)shell.wait_for_text("ready>");
+    int looks = 0;
+    const auto wait_until_stopped = [&shell, &looks] {
+        const TimePoint start = SteadyClock::now();
+        bool stopped = false;
+        while (!stopped && elapsed_since(start) < DEFAULT_WAIT) {
+            const std::string look = std::to_string(++looks);
+            shell.type("printf '\\33[H\\33[2J'; jobs; echo look''" + look + "\r");
+            stopped = testing::Matches(Contains(MatchesRegex("\\[1\\]. +Stopped.* watch .*")))(
+                shell.wait_for_text("look" + look));
+        }
+        EXPECT_TRUE(stopped);
+        EXPECT_FALSE(shell.screen().shows_alternate());
+    };
+    shell.type(tool_path() + " watch --interval 0.2 &\r");
+    wait_until_stopped();
+    EXPECT_THAT(shell.raw_text(), Not(HasSubstr("\x1b[?1049h")));
+    shell.type("fg\r");
+    (void)shell.wait_for_text(frame);
+    shell.type(CTRL_Z);
+    wait_until_stopped();
+    shell.type("bg\r");
+    wait_until_stopped();
+    shell.type("fg\r");
+    (void)shell.wait_for_text(frame);
+    shell.type(CTRL_Z);
+    wait_until_stopped();
+    shell.type("bg; kill %1; wait -f %1; echo ended with $?\r");
+    (void)shell.wait_for_text("ended with 143");
 }
 
 TEST_F(CtlWatch, it_ends_when_its_terminal_goes_away) {

@@ -7,6 +7,7 @@
 #include <array>
 #include <cerrno>
 #include <cstdlib>
+#include <utility>
 
 namespace {
 
@@ -14,10 +15,17 @@ namespace {
 constexpr std::string_view TAKE = "\x1b[?1049h\x1b[?25l\x1b[?7l\x1b[2J";
 constexpr std::string_view GIVE_BACK = "\x1b[0m\x1b[?7h\x1b[?25h\x1b[?1049l";
 
+// All that would end or stop the process with the terminal taken, but for what cannot be held and for those of a
+// crash, which leave a core to look at.
 sigset_t signals_to_tell() {
     sigset_t set;
     sigemptyset(&set);
-    for (const int number : {SIGINT, SIGQUIT, SIGTERM, SIGHUP, SIGTSTP, SIGWINCH}) {
+    for (const int number :
+         {SIGINT, SIGQUIT, SIGTERM, SIGHUP, SIGUSR1, SIGUSR2, SIGALRM, SIGVTALRM, SIGPROF, SIGXCPU, SIGXFSZ,
+          SIGPIPE, SIGIO, SIGPWR, SIGSTKFLT, SIGTSTP, SIGTTIN, SIGTTOU, SIGWINCH}) {
+        sigaddset(&set, number);
+    }
+    for (int number = SIGRTMIN; number <= SIGRTMAX; ++number) {
         sigaddset(&set, number);
     }
     return set;
@@ -29,11 +37,22 @@ bool can_fill_a_screen() {
            std::string_view(term) != "dumb";
 }
 
+// The system stops a background process that asks for this, with SIGTTOU, until it is brought to the foreground. False
+// when there is nobody who could do that, or no terminal.
+bool wait_for_foreground() {
+    int result = 0;
+    do {
+        result = tcdrain(STDIN_FILENO);
+    } while (result != 0 && errno == EINTR);
+    return result == 0;
+}
+
 }  // namespace
 
 std::unique_ptr<Screen> Screen::open() {
     termios usual{};
-    if (!can_fill_a_screen() || tcgetattr(STDIN_FILENO, &usual) != 0) {
+    // In the background the modes are those of whoever has the terminal.
+    if (!can_fill_a_screen() || !wait_for_foreground() || tcgetattr(STDIN_FILENO, &usual) != 0) {
         return nullptr;
     }
     const sigset_t told = signals_to_tell();
@@ -41,14 +60,10 @@ std::unique_ptr<Screen> Screen::open() {
     if (fd < 0) {
         return nullptr;
     }
-    sigset_t held = told;
-    // In the background, giving the terminal back must not stop the process half way.
-    sigaddset(&held, SIGTTOU);
     sigset_t usual_signals;
-    pthread_sigmask(SIG_BLOCK, &held, &usual_signals);
+    pthread_sigmask(SIG_BLOCK, &told, &usual_signals);
     std::unique_ptr<Screen> screen(new Screen(fd, usual, usual_signals));
-    screen->take();
-    return screen;
+    return screen->take() ? std::move(screen) : nullptr;
 }
 
 Screen::Screen(int signal_descriptor, const termios& usual, const sigset_t& usual_signals)
@@ -62,19 +77,29 @@ Screen::~Screen() {
     pthread_sigmask(SIG_SETMASK, &usual_mask, nullptr);
 }
 
-void Screen::take() const {
+bool Screen::take() {
     termios mode = usual_mode;
     mode.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO | IEXTEN);
     mode.c_iflag &= ~static_cast<tcflag_t>(IXON | ICRNL);
     mode.c_cc[VMIN] = 0;
     mode.c_cc[VTIME] = 0;
-    tcsetattr(STDIN_FILENO, TCSANOW, &mode);
-    static_cast<void>(write(TAKE));
+    is_taken = tcsetattr(STDIN_FILENO, TCSANOW, &mode) == 0;
+    return is_taken && write(TAKE);
 }
 
-void Screen::give_back() const {
+// SIGTTOU is held, so it works in the background too.
+void Screen::give_back() {
+    if (!is_taken) {
+        return;
+    }
     static_cast<void>(write(GIVE_BACK));
     tcsetattr(STDIN_FILENO, TCSANOW, &usual_mode);
+    is_taken = false;
+}
+
+bool Screen::is_in_background() {
+    const pid_t foreground = tcgetpgrp(STDIN_FILENO);
+    return foreground > 0 && foreground != getpgrp();
 }
 
 int Screen::key_fd() {
@@ -90,6 +115,8 @@ SignalEvents Screen::read_signals() const {
                 events.resize = true;
                 break;
             case SIGTSTP:
+            case SIGTTIN:
+            case SIGTTOU:
                 events.suspend = true;
                 break;
             default:
@@ -125,8 +152,13 @@ bool Screen::write(std::string_view bytes) {
     return true;
 }
 
-void Screen::suspend() {
+bool Screen::suspend() {
     give_back();
+    // There is nothing to give back meanwhile, so signals may do what they usually do.
+    sigset_t told;
+    pthread_sigmask(SIG_SETMASK, &usual_mask, &told);
     kill(getpid(), SIGSTOP);
-    take();
+    const bool in_foreground = wait_for_foreground();
+    pthread_sigmask(SIG_SETMASK, &told, nullptr);
+    return in_foreground && take();
 }

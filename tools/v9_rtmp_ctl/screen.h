@@ -3,7 +3,8 @@
 //   [usual] --open, resume--> [taken] --close, suspend, destructor--> [usual]
 //
 // However the owner is left, by return or by exception, the terminal is as it was before. Signals that would
-// end the process are held back meanwhile and told by read_signals instead. One at a time; one thread.
+// end or stop the process are held back meanwhile and told by read_signals instead. A process in the background
+// takes nothing: it is stopped until it is brought to the foreground. One at a time; one thread.
 #pragma once
 
 #include <termios.h>
@@ -15,7 +16,7 @@
 
 struct SignalEvents {
     bool quit = false;     // Ctrl-C, Ctrl-\, or somebody ends the process
-    bool suspend = false;  // Ctrl-Z
+    bool suspend = false;  // Ctrl-Z, or somebody stops it
     bool resize = false;
 };
 
@@ -40,15 +41,20 @@ class Screen {
     // False when the terminal is gone.
     [[nodiscard]] static bool write(std::string_view bytes);
 
-    // Gives the terminal back, stops the process until it is continued, and takes the terminal again.
-    void suspend();
+    // Another job has the terminal, although this process was not asked to give it back.
+    [[nodiscard]] static bool is_in_background();
+
+    // Gives the terminal back, stops the process until it is continued in the foreground, and takes the terminal
+    // again. False when that is gone.
+    [[nodiscard]] bool suspend();
 
   private:
     Screen(int signal_descriptor, const termios& usual, const sigset_t& usual_signals);
-    void take() const;
-    void give_back() const;
+    [[nodiscard]] bool take();
+    void give_back();
 
     const int signals;
     const termios usual_mode;
     const sigset_t usual_mask;
+    bool is_taken = false;
 };

@@ -161,18 +161,6 @@ bool handle_keys(WatchModel& model, Observer& observer) {
     return true;
 }
 
-// False when it is time to leave.
-bool handle_signals(Screen& screen) {
-    const SignalEvents events = screen.read_signals();
-    if (events.quit) {
-        return false;
-    }
-    if (events.suspend) {
-        screen.suspend();
-    }
-    return true;  // A new size is found when the next frame is made.
-}
-
 void watch_on_screen(const Settings& settings, const WatchOptions& options, WatchModel& model,
                      Screen& screen) {
     const bool color = find_output_style(settings).color;
@@ -187,8 +175,16 @@ void watch_on_screen(const Settings& settings, const WatchOptions& options, Watc
         std::array<pollfd, 3> waited{
             {{screen.signal_fd(), POLLIN, 0}, {Screen::key_fd(), POLLIN, 0}, {observer.fd(), POLLIN, 0}}};
         poll(waited.data(), waited.size(), observer.time_left_ms(model, clock_us()));
-        if (waited[0].revents != 0 && !handle_signals(screen)) {
+        const SignalEvents events =
+            screen.read_signals();  // A new size is found when the next frame is made.
+        if (events.quit) {
             return;
+        }
+        if (events.suspend || Screen::is_in_background()) {
+            if (!screen.suspend()) {
+                return;
+            }
+            continue;  // What was typed before was for the shell.
         }
         // The reply goes first: a key may end the wait for it.
         if (waited[2].revents != 0) {
