@@ -54,11 +54,6 @@ void wait_for_threads(const ServerProcess& server, std::size_t threads) {
         "threads", [&] { return server.thread_count(); }, threads);
 }
 
-void wait_for_descriptors(const ServerProcess& server, std::size_t descriptors) {
-    wait_for_value(
-        "descriptors", [&] { return server.fd_count(); }, descriptors);
-}
-
 // The size of a thread's stack for which no system has room. ThreadSanitizer does not start with more than this.
 #ifdef __SANITIZE_THREAD__
 constexpr unsigned long IMPOSSIBLE_STACK = 1UL << 38;
@@ -83,7 +78,7 @@ TEST(connection_table, every_slot_comes_back) {
         server.wait_for_line(REFUSAL, mark);
         clients.clear();
         wait_for_threads(server, threads);
-        wait_for_descriptors(server, descriptors);
+        server.wait_for_fd_count(descriptors);
         EXPECT_EQ(server.count("Dropping connection", mark), MAX_CLIENTS - 1);
         EXPECT_EQ(server.count(REFUSAL, mark), 1U);
     }
@@ -201,7 +196,7 @@ TEST(connection_table, connections_without_threads_are_accepted_and_dropped_at_o
              "Dropping connection", "Disposing old stream ''"},
             mark);
     }
-    wait_for_descriptors(server, descriptors);
+    server.wait_for_fd_count(descriptors);
 }
 
 TEST(connection_table, a_client_that_resets_is_dropped_like_one_that_closes) {

@@ -79,20 +79,19 @@ TEST_P(ConnectStorm, every_slot_comes_back) {
     Random random(storm_seed() + static_cast<std::uint64_t>(GetParam()));
     const std::size_t connects = storm_count("V9_STORM_CONNECTS", 4000, 1600) / STORM_SHARDS;
     ServerProcess server(frugal_server());
-    const std::size_t threads = server.thread_count();
     const std::size_t descriptors = server.fd_count();
     std::size_t rss_kib = 0;
     for (const int half : {0, 1}) {
         const std::size_t rss_before_kib = rss_kib;
         come_and_go(random, connects / 2 - SLOTS, SLOTS / 2);
         wait_for_empty_accept_queue();
-        server.wait_for_thread_count(threads);
+        server.wait_for_thread_count(THREADS_AT_REST);
         std::deque<RtmpClient> clients = fill_table(server);
         expect_every_slot_in_use();
         expect_no_room(server);
         expect_media_through(clients);
         clients.clear();
-        server.wait_for_thread_count(threads);
+        server.wait_for_thread_count(THREADS_AT_REST);
         rss_kib = server.rss_kib();
         std::cout << "after " << server.count("Accepted connection") << " clients: " << rss_kib
                   << " KiB resident\n";
@@ -100,7 +99,7 @@ TEST_P(ConnectStorm, every_slot_comes_back) {
             EXPECT_LE(rss_kib, rss_before_kib + ALLOWED_GROWTH_KIB);
         }
     }
-    EXPECT_EQ(server.fd_count(), descriptors);
+    server.wait_for_fd_count(descriptors);
     EXPECT_EQ(server.count("Accepted connection"), connects);
     EXPECT_EQ(server.count("Dropping connection"), connects);
     EXPECT_EQ(server.count("Too many connections, dropping new connection"), 2U);

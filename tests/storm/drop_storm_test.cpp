@@ -140,13 +140,7 @@ TEST_P(DropStorm, leaves_nothing_behind_and_disturbs_nobody) {
         EXPECT_GT(places[place], 0U) << place;
     }
 
-    // The control clients have gone too.
-    const TimePoint deadline = SteadyClock::now() + DEFAULT_WAIT;
-    while (server.fd_count() != descriptors) {
-        ASSERT_LT(SteadyClock::now(), deadline)
-            << server.fd_count() << " descriptors instead of " << descriptors;
-        std::this_thread::sleep_for(Milliseconds{20});
-    }
+    server.wait_for_fd_count(descriptors);
     const std::string log = server.raw_text();
     EXPECT_EQ(occurrences(log, "Dropping connection\n"), opened);
     EXPECT_EQ(occurrences(log, "Accepted connection\n"), opened + CONNECTIONS_OF_PAIR);

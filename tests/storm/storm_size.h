@@ -21,4 +21,4 @@ std::uint64_t storm_seed();
 ServerOptions frugal_server();
 // What the second half of a storm may add then to what the first half has left. A leak of 200 bytes for each of a
 // thousand connections is more.
-constexpr std::size_t ALLOWED_GROWTH_KIB = 192;
+constexpr std::size_t ALLOWED_GROWTH_KIB = 256;

@@ -405,6 +405,17 @@ std::size_t ServerProcess::fd_count() const {
     return count;
 }
 
+void ServerProcess::wait_for_fd_count(std::size_t count, Milliseconds wait) const {
+    const TimePoint deadline = SteadyClock::now() + wait;
+    while (fd_count() != count) {
+        if (SteadyClock::now() >= deadline) {
+            throw TestFailure("the server has " + std::to_string(fd_count()) + " descriptors, not " +
+                              std::to_string(count));
+        }
+        std::this_thread::sleep_for(READY_POLL);
+    }
+}
+
 std::size_t ServerProcess::rss_kib() const {
     return std::stoul(status_field(child, "VmRSS:"));
 }

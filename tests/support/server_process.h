@@ -98,6 +98,8 @@ class ServerProcess {
     // A joined thread may be counted for a moment longer.
     void wait_for_thread_count(std::size_t count, Milliseconds wait = DEFAULT_WAIT) const;
     std::size_t fd_count() const;
+    // The server notices a control client that has left at its next look at the control socket.
+    void wait_for_fd_count(std::size_t count, Milliseconds wait = DEFAULT_WAIT) const;
     std::size_t rss_kib() const;
     Milliseconds cpu_time() const;
 
