@@ -65,8 +65,10 @@ constexpr std::array<std::uint64_t, 24> WAITS{0,
                                               3600 * SECOND,
                                               WRAP - 10 * MS};
 
-constexpr std::array<std::uint32_t, 12> FIRST_TIMESTAMPS{
-    0, 0, 0, 1, 5000, 0xFFFFFA, 0xFFFFFF, 0x7FFFFFF0, 0x80000000, 0xFFFFFFF0, 0xFFFFFFFF, 0xFFFF0000};
+// The last begins a wait of 4 s before the wrap, so that a publisher may stall and be replaced on the way.
+constexpr std::array<std::uint32_t, 14> FIRST_TIMESTAMPS{
+    0,          0,          0,          1,          5000,       0xFFFFFA,   0xFFFFFF,
+    0x7FFFFFF0, 0x80000000, 0xFFFFFFF0, 0xFFFFFFFF, 0xFFFF0000, 0xFFFFF000, 0xFFFFF000};
 
 // What a message's timestamp adds to the one before.
 constexpr std::array<std::int64_t, 24> TIMESTAMP_STEPS{

@@ -1,4 +1,4 @@
-#include "tests/segmentation/hand_made_session.h"
+#include "tests/segmentation/session.h"
 
 #include "tests/support/amf_bytes.h"
 #include "tests/support/chunk_bytes.h"

@@ -14,10 +14,7 @@
 
 namespace {
 
-constexpr std::size_t HANDSHAKE_BLOCK_BYTES = 1536;
-constexpr std::size_t HANDSHAKE_TIME_BYTES = 4;
 constexpr std::size_t HANDSHAKE_RANDOM_OFFSET = 8;
-constexpr std::size_t C2_OFFSET = 1 + HANDSHAKE_BLOCK_BYTES;
 constexpr std::uint64_t START_US = 1000000000;
 constexpr std::uint64_t PASS_US = 10000;
 // After the last byte: until media that was ahead of its time is out.
@@ -225,13 +222,10 @@ Replay replay(const Session& session, const std::vector<std::size_t>& segment_en
     return Replaying(session, segment_ends, main_loop).run();
 }
 
-Session with_own_handshake(Session session) {
-    for (std::size_t i = 0; i < HANDSHAKE_TIME_BYTES; ++i) {
-        session.bytes.at(C2_OFFSET + i) = '\0';
+std::string replayed_handshake() {
+    std::string s1(HANDSHAKE_BLOCK_BYTES, '\0');
+    for (std::size_t i = HANDSHAKE_RANDOM_OFFSET; i < s1.size(); ++i) {
+        s1[i] = static_cast<char>(random_number(static_cast<std::uint32_t>(i - HANDSHAKE_RANDOM_OFFSET)));
     }
-    for (std::size_t i = HANDSHAKE_RANDOM_OFFSET; i < HANDSHAKE_BLOCK_BYTES; ++i) {
-        session.bytes.at(C2_OFFSET + i) =
-            static_cast<char>(random_number(static_cast<std::uint32_t>(i - HANDSHAKE_RANDOM_OFFSET)));
-    }
-    return session;
+    return s1;
 }

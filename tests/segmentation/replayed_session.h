@@ -9,20 +9,12 @@
 // from the start, and a publisher whose metadata and sequence headers are there already.
 #pragma once
 
+#include "tests/segmentation/session.h"
+
 #include <cstddef>
-#include <cstdint>
 #include <map>
 #include <string>
 #include <vector>
-
-struct Session {
-    std::string name;
-    std::string bytes;   // from C0 on
-    std::string stream;  // what it publishes or plays
-    bool plays = false;  // then a publisher is there; otherwise a player is
-    // Of one that plays: media comes when so many bytes have been read, which end a message.
-    std::size_t media_at = 0;
-};
 
 // When the main loop and the writers have their turn.
 enum class MainLoop {
@@ -48,5 +40,5 @@ struct Replay {
 // after which the client closes.
 Replay replay(const Session& session, const std::vector<std::size_t>& segment_ends, MainLoop main_loop);
 
-// The session with its answer to the server's random handshake bytes replaced by that to the bytes of a replay.
-Session with_own_handshake(Session session);
+// The random handshake bytes that the server sends in every replay: S1.
+std::string replayed_handshake();

@@ -3,16 +3,12 @@
 // The reader's acknowledgements and the main loop's answers are queued by two threads, so their order among each
 // other is free. Where the main loop has its turn at every read, all output is compared as it stands; where the
 // reader gets ahead, the acknowledgements are compared among themselves and the rest among itself.
-#include "tests/segmentation/hand_made_session.h"
 #include "tests/segmentation/replayed_session.h"
-#include "tests/support/amf_bytes.h"
 #include "tests/support/media_bytes.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <fstream>
-#include <iterator>
 #include <random>
 
 namespace {
@@ -26,25 +22,10 @@ constexpr std::size_t STRIDE = 11;
 constexpr std::size_t STRIDE = 1;
 #endif
 
-std::string recorded_bytes(const std::string& name) {
-    std::ifstream file(std::string(V9_SESSIONS_PATH) + "/" + name + ".session", std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
-
-// The player went when it had enough media; its last message says so, after a header of 8 bytes.
-Session recorded_player() {
-    const std::string bytes = recorded_bytes("player");
-    const std::size_t goodbye = bytes.rfind(amf_string("deleteStream"));
-    EXPECT_NE(goodbye, std::string::npos) << "the recorded player did not take its leave";
-    return {"player", bytes, "recorded", true, goodbye - 8};
-}
-
-Session session_named(const std::string& name) {
-    if (name == "hand_made") {
-        return with_own_handshake(hand_made_session());
-    }
-    return with_own_handshake(name == "player" ? recorded_player()
-                                               : Session{name, recorded_bytes(name), "recorded"});
+Session replayable_session(const std::string& name) {
+    Session session = session_named(name);
+    answer_handshake(session, replayed_handshake());
+    return session;
 }
 
 std::size_t count(const std::string& text, const std::string& part) {
@@ -101,7 +82,7 @@ class segmentation : public testing::TestWithParam<Row> {
         return testing::AssertionSuccess();
     }
 
-    const Session session = session_named(GetParam().session);
+    const Session session = replayable_session(GetParam().session);
     const Replay whole = replay(session, {}, GetParam().main_loop);
 };
 
