@@ -51,22 +51,14 @@ struct FakeThread {
 
 struct System {
     std::vector<std::unique_ptr<FakeClient>> clients;
-    std::vector<std::unique_ptr<FakeThread>> threads;
+    std::vector<std::unique_ptr<FakeThread>> threads;  // all that ever were, by their handles
+    std::vector<FakeThread*> unjoined_threads;
+    FakeThread* running_thread = nullptr;  // while a fiber runs: its thread
     unsigned threads_refused = 0;
     int random_numbers = 0;
 };
 
 System the_system;
-
-FakeThread* running_thread() {
-    const Fiber* const fiber = Fiber::running();
-    for (const auto& thread : the_system.threads) {
-        if (&thread->fiber == fiber) {
-            return thread.get();
-        }
-    }
-    return nullptr;
-}
 
 void check_lock_is_free(RTMPConnection& conn) {
     CHECK(pthread_mutex_trylock(&conn.mutex.handle) == 0);
@@ -74,8 +66,8 @@ void check_lock_is_free(RTMPConnection& conn) {
 }
 
 void wait_for(WaitingFor what, const FakeClient* client, std::uint64_t wake_us) {
-    FakeThread* const thread = running_thread();
-    CHECK(thread != nullptr);  // The main thread never waits for a client.
+    CHECK(Fiber::running() != nullptr);  // The main thread never waits for a client.
+    FakeThread* const thread = the_system.running_thread;
     check_lock_is_free(thread->connection());
     thread->waiting_for = what;
     thread->client = client;
@@ -149,9 +141,7 @@ void FakeClient::send_to_server(std::string_view bytes) {
 }
 
 void fake_system::restart() {
-    for (const auto& thread : the_system.threads) {
-        CHECK(thread->fiber.finished() && thread->joined);
-    }
+    CHECK(the_system.unjoined_threads.empty());
     for (const auto& client : the_system.clients) {
         CHECK(!client->accepted || client->closed_by_server);
     }
@@ -175,10 +165,10 @@ void fake_system::run_threads() {
     int turns = 0;
     for (bool progress = true; progress;) {
         progress = false;
-        for (std::size_t i = 0; i < the_system.threads.size(); ++i) {
-            FakeThread& thread = *the_system.threads[i];
-            if (!thread.fiber.finished() && can_go_on(thread)) {
-                thread.fiber.resume();
+        for (FakeThread* const thread : the_system.unjoined_threads) {
+            if (!thread->fiber.finished() && can_go_on(*thread)) {
+                the_system.running_thread = thread;
+                thread->fiber.resume();
                 progress = true;
                 CHECK(++turns < MAX_TURNS);
             }
@@ -274,8 +264,8 @@ extern "C" int __wrap_close(int fd) {
         return 0;
     }
     FakeClient& client = open_client(fd);
-    for (const auto& thread : the_system.threads) {
-        CHECK(thread->joined || thread->connection().fd != fd);
+    for (const FakeThread* const thread : the_system.unjoined_threads) {
+        CHECK(thread->connection().fd != fd);
     }
     client.closed_by_server = true;
     return 0;
@@ -300,6 +290,7 @@ extern "C" int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* at
     }
     *thread = FIRST_THREAD + the_system.threads.size();
     the_system.threads.push_back(std::make_unique<FakeThread>(entry, argument));
+    the_system.unjoined_threads.push_back(the_system.threads.back().get());
     return 0;
 }
 
@@ -310,6 +301,7 @@ extern "C" int __wrap_pthread_cancel(pthread_t thread) {
     FakeThread& fake = thread_of(thread);
     CHECK(!fake.joined);
     if (!fake.fiber.finished()) {
+        the_system.running_thread = &fake;
         fake.fiber.cancel();
     }
     return 0;
@@ -322,5 +314,6 @@ extern "C" int __wrap_pthread_join(pthread_t thread, void** result) {
     FakeThread& fake = thread_of(thread);
     CHECK(!fake.joined && fake.fiber.finished());
     fake.joined = true;
+    std::erase(the_system.unjoined_threads, &fake);
     return 0;
 }

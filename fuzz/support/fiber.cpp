@@ -9,7 +9,7 @@
 
 namespace {
 
-constexpr std::size_t STACK_BYTES = 131072;
+constexpr std::size_t STACK_BYTES = 65536;
 constexpr std::size_t GUARD_BYTES = 4096;
 
 Fiber* current = nullptr;
