@@ -51,8 +51,10 @@ comm_socket_v4_error connect_error(int error) {
     switch (error) {
         case ENOENT:
         case ENOTDIR:
+        case ELOOP:  // symbolic links that lead nowhere
             return COMM_SOCKET_V4_NO_SOCKET;
         case ECONNREFUSED:
+        case EPROTOTYPE:  // a socket of another kind, so not this server's
             return COMM_SOCKET_V4_REFUSED;
         case EACCES:
         case EPERM:
@@ -275,18 +277,22 @@ comm_socket_v4_error comm_socket_v4_send_request(comm_socket_v4_connection* conn
 
 comm_socket_v4_error comm_socket_v4_wait_reply(comm_socket_v4_connection* connection, uint64_t request_id,
                                                uint64_t timeout_us, comm_socket_v4_packet** reply) {
-    if (connection == nullptr || reply == nullptr)
+    if (reply == nullptr)
         return COMM_SOCKET_V4_BAD_ARGUMENT;
     *reply = nullptr;
+    if (connection == nullptr)
+        return COMM_SOCKET_V4_BAD_ARGUMENT;
     return wait_reply_until(connection, request_id, comm_socket::deadline_after(timeout_us), reply);
 }
 
 comm_socket_v4_error comm_socket_v4_call(comm_socket_v4_connection* connection,
                                          comm_socket_v4_packet* request, uint64_t timeout_us,
                                          comm_socket_v4_packet** reply) {
-    if (connection == nullptr || request == nullptr || reply == nullptr)
+    if (reply == nullptr)
         return COMM_SOCKET_V4_BAD_ARGUMENT;
     *reply = nullptr;
+    if (connection == nullptr || request == nullptr)
+        return COMM_SOCKET_V4_BAD_ARGUMENT;
     const std::uint64_t deadline_us = comm_socket::deadline_after(timeout_us);
     const comm_socket_v4_error error = send_request_until(connection, request, deadline_us);
     if (error != COMM_SOCKET_V4_OK || (request->flags & COMM_SOCKET_V4_ASYNC) != 0)

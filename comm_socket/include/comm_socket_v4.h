@@ -265,7 +265,7 @@ void comm_socket_v4_wait_for_server_to_client_writeable(comm_socket_v4_client* c
 typedef enum comm_socket_v4_error {
     COMM_SOCKET_V4_OK = 0,
     COMM_SOCKET_V4_NO_SOCKET,    /* nothing at the path: the server does not run, or another path was meant */
-    COMM_SOCKET_V4_REFUSED,      /* a socket or file is there, but nobody listens: left over */
+    COMM_SOCKET_V4_REFUSED,      /* nobody listens: a left-over socket, one of another kind, or a file */
     COMM_SOCKET_V4_PERMISSION,   /* the path's mode or a directory on the way does not admit this user */
     COMM_SOCKET_V4_TIMEOUT,      /* not within the time-out */
     COMM_SOCKET_V4_BROKEN_FRAME, /* what came is not this protocol, another version of it, or above a limit */
@@ -306,7 +306,8 @@ comm_socket_v4_error comm_socket_v4_send_request(comm_socket_v4_connection* conn
 comm_socket_v4_error comm_socket_v4_wait_reply(comm_socket_v4_connection* connection, uint64_t request_id,
                                                uint64_t timeout_us, comm_socket_v4_packet** reply);
 
-/* Sends and waits, both within timeout_us. An async request is only sent, and *reply is null. */
+/* Sends and waits, both within timeout_us. *reply is null on failure, and for an async request, which is only
+ * sent. */
 comm_socket_v4_error comm_socket_v4_call(comm_socket_v4_connection* connection,
                                          comm_socket_v4_packet* request, uint64_t timeout_us,
                                          comm_socket_v4_packet** reply);

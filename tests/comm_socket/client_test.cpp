@@ -185,6 +185,19 @@ TEST_F(ClientTest, says_why_it_could_not_connect) {
     ASSERT_EQ(unlink(path.c_str()), 0);
     { const RawListener listener(path); }
     EXPECT_EQ(connect_error(path), COMM_SOCKET_V4_REFUSED) << "left over";
+    for (const int other_kind : {SOCK_SEQPACKET, SOCK_DGRAM}) {
+        ASSERT_EQ(unlink(path.c_str()), 0);
+        const RawPeer other(socket(AF_UNIX, other_kind, 0));
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        path.copy(address.sun_path, sizeof address.sun_path - 1);
+        ASSERT_EQ(bind(other.fd, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+        EXPECT_EQ(other_kind == SOCK_DGRAM ? 0 : listen(other.fd, 1), 0);
+        EXPECT_EQ(connect_error(path), COMM_SOCKET_V4_REFUSED) << "of kind " << other_kind;
+    }
+    const std::string loop = directory.file("loop");
+    ASSERT_EQ(symlink("loop", loop.c_str()), 0);
+    EXPECT_EQ(connect_error(loop), COMM_SOCKET_V4_NO_SOCKET);
     EXPECT_EQ(connect_error(""), COMM_SOCKET_V4_BAD_ARGUMENT);
     EXPECT_EQ(connect_error("/" + std::string(107, 'x')), COMM_SOCKET_V4_BAD_ARGUMENT);
     EXPECT_EQ(comm_socket_v4_connect(nullptr, SHORT_US, nullptr), nullptr);
@@ -262,6 +275,23 @@ TEST_F(ClientTest, the_mistakes_of_the_caller_are_named) {
     EXPECT_EQ(comm_socket_v4_connection_get_fd(nullptr), -1);
     EXPECT_GE(comm_socket_v4_connection_get_fd(connection.get()), 0);
     EXPECT_EQ(comm_socket_v4_disconnect(nullptr), nullptr);
+}
+
+TEST_F(ClientTest, a_failed_call_leaves_no_reply_behind) {
+    const DrivenServer server(path);
+    const Connection connection = connected();
+    const Packet request = make_request("x");
+    const Packet stale = make_request("stale");
+    const auto expect_none = [&stale](const auto& call) {
+        comm_socket_v4_packet* reply = stale.get();
+        EXPECT_NE(call(&reply), COMM_SOCKET_V4_OK);
+        EXPECT_EQ(reply, nullptr);
+    };
+    expect_none([&](auto reply) { return comm_socket_v4_call(nullptr, request.get(), SHORT_US, reply); });
+    expect_none([&](auto reply) { return comm_socket_v4_call(connection.get(), nullptr, SHORT_US, reply); });
+    expect_none([&](auto reply) { return comm_socket_v4_call(connection.get(), request.get(), 0, reply); });
+    expect_none([&](auto reply) { return comm_socket_v4_wait_reply(nullptr, 1, SHORT_US, reply); });
+    expect_none([&](auto reply) { return comm_socket_v4_wait_reply(connection.get(), 1, 0, reply); });
 }
 
 TEST_F(ClientTest, every_error_has_a_text_of_its_own) {

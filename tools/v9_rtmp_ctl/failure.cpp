@@ -11,9 +11,9 @@ Failure describe_failure(comm_socket_v4_error error, const std::string& socket_p
             return {ExitCode::NOT_RUNNING, "the server is not running: there is no socket at " + path +
                                                ". Start v9_rtmp_server, or name its socket with --socket."};
         case COMM_SOCKET_V4_REFUSED:
-            return {ExitCode::NOT_RUNNING,
-                    "the server is not running: nobody listens at " + path +
-                        ". Start v9_rtmp_server; it replaces a socket that was left over."};
+            return {ExitCode::NOT_RUNNING, "the server is not running: nobody listens at " + path +
+                                               ". Start v9_rtmp_server, which replaces what was left over "
+                                               "there, or name its socket with --socket."};
         case COMM_SOCKET_V4_PERMISSION:
             return {ExitCode::PERMISSION,
                     "permission to use " + path +
