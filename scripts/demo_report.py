@@ -66,7 +66,7 @@ def read_packets(path):
                         "-of", "compact=print_section=0", path]).stdout
     for line in listing.splitlines():
         fields = dict(field.split("=", 1) for field in line.split("|") if "=" in field)
-        if fields.get("codec_type") in packets:  # FLV counts in milliseconds.
+        if fields.get("codec_type") in packets and "data_hash" in fields:  # FLV counts in milliseconds.
             packets[fields["codec_type"]].append(
                 Packet(int(fields["dts"]), fields["flags"].startswith("K"), fields["data_hash"]))
     return packets

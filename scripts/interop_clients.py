@@ -24,7 +24,7 @@ class CannotWork:
     client_says: Optional[str] = None  # part of a line of the client's log
 
 
-@dataclass(frozen=True)
+@dataclass(frozen=True, eq=False)
 class Player:
     name: str
     package: str
@@ -39,7 +39,7 @@ class Player:
     cannot: Optional[CannotWork] = None
 
 
-@dataclass(frozen=True)
+@dataclass(frozen=True, eq=False)
 class Publisher:
     name: str
     packages: tuple
@@ -54,6 +54,7 @@ class Publisher:
     server_options: tuple = ()
     leaves_out: tuple = ()  # kinds of media in the film that it does not send
     end_may_be_lost: bool = True  # Then the last RUN_OUT_S of the stream are not counted.
+    clock_ms: int = 0  # This is added to the film's timestamps.
     prepare: Optional[Callable] = None  # (directory, url, film, published, start) -> environment
 
 
@@ -107,7 +108,7 @@ PLAYERS = (
     Player("ffmpeg-live", "ffmpeg", "ffmpeg -rtmp_live live", play_ffmpeg("-rtmp_live", "live"), cannot=NO_FCSUBSCRIBE),
     Player("rtmpsrc", "gstreamer1.0-plugins-bad", "GStreamer rtmpsrc", play_gstreamer("rtmpsrc")),
     Player("rtmp2src", "gstreamer1.0-plugins-bad", "GStreamer rtmp2src", play_gstreamer("rtmp2src"),
-           environment={"GST_DEBUG": "rtmp2src:5"},
+           environment={"GST_DEBUG": "rtmp2src:5", "GST_DEBUG_NO_COLOR": "1"},
            cannot=CannotWork(
                "it takes only messages with the message stream id that it was given itself; the server relays audio "
                "and video with the publisher's",
@@ -118,6 +119,11 @@ PLAYERS = (
     Player("vlc", "vlc-bin", "VLC", play_vlc, user="nobody", alters_key_frames=True,
            keeps_timestamps=False, withholds_end=True),
 )
+
+
+# A longer message has such a timestamp once, and every player that we know looks for it in each chunk of the message.
+# So those that have been there from the beginning come to an end; those that join later begin near 0 again.
+FIRST_LONG_TIMESTAMP_MS = 0xFFFFFF
 
 
 # --- publishers --------------------------------------------------------------------------------------------------
@@ -138,6 +144,8 @@ def publish_gstreamer(element):
         "copies.", "!", "queue", "!", element, f"location={url}", "sync=true",
         "copies.", "!", "queue", "!", "filesink", f"location={published}"]
 
+
+HOURS_MS = 16_772_000  # 5 s later timestamps take more than 24 bits.
 
 OBS_GLOBAL = """[General]
 FirstRun=true
@@ -237,6 +245,8 @@ PUBLISHERS = (
               leaves_out=("audio",)),
     Publisher("ffmpeg-burst", ("ffmpeg",), "ffmpeg without -re, server with --no-def-ack",
               publish_ffmpeg(real_time=False), server_options=("--no-def-ack",), end_may_be_lost=False),
+    Publisher("ffmpeg-hours", ("ffmpeg",), "ffmpeg -re, 4 h 39 min after its start",
+              publish_ffmpeg("-output_ts_offset", str(HOURS_MS // 1000)), clock_ms=HOURS_MS),
     Publisher("rtmp2sink", ("gstreamer1.0-plugins-bad", "gstreamer1.0-plugins-good"), "GStreamer flvmux ! rtmp2sink",
               publish_gstreamer("rtmp2sink"), records=True),
     Publisher("rtmpsink", ("gstreamer1.0-plugins-bad", "gstreamer1.0-plugins-good"), "GStreamer flvmux ! rtmpsink",

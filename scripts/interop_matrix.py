@@ -17,6 +17,7 @@ import signal
 import subprocess
 import sys
 import tempfile
+import textwrap
 import time
 from dataclasses import dataclass, field, replace
 
@@ -48,7 +49,8 @@ POLL_S = 0.02
 
 UNEVEN_RECORDING = "non monotonically increasing dts"  # ffmpeg's words about timestamps, while it decodes
 
-WORKS, CANNOT, DEFECT = "works", "cannot", "DEFECT"
+WORKS, ENDS, CANNOT, DEFECT = "works", "ends", "cannot", "DEFECT"
+WORN_OUT_TOLERANCE = 3  # packets that a player has received but not recorded, or still made something of
 
 
 class MatrixError(Exception):
@@ -282,16 +284,25 @@ def problems_of(outcome, published):
 
 def judge(outcome, published, evidence):
     """Sets the verdict; evidence is none, or what is missing to show that the pair cannot work."""
-    problems = problems_of(outcome, published)
     if outcome.player.cannot is None:
-        outcome.problems = problems
-        outcome.verdict = DEFECT if problems else WORKS
+        outcome.problems = problems_of(outcome, published)
+        outcome.verdict = DEFECT if outcome.problems else WORKS
         return
     if any(outcome.received.values()):
         outcome.problems = [f"{outcome.name}: received media, although it is said that it cannot"]
     elif evidence:
         outcome.problems = [f"{outcome.name}: received nothing, but not for the reason known: {evidence}"]
     outcome.verdict = DEFECT if outcome.problems else CANNOT
+
+
+def judge_worn_out(outcome, expected):
+    """For a player whose timestamps outgrow 24 bits: it must have come to an end there, after the expected packets."""
+    for kind in KINDS:
+        received = outcome.comparisons[kind].received - outcome.comparisons[kind].foreign
+        if abs(received - expected[kind]) > WORN_OUT_TOLERANCE:
+            outcome.problems.append(f"{outcome.name}: has {received} {demo_report.UNITS[kind]}, although it is known "
+                                    f"to end after {expected[kind]}")
+    outcome.verdict = DEFECT if outcome.problems else ENDS
 
 
 # --- one publisher, all players -------------------------------------------------------------------------------------
@@ -405,6 +416,14 @@ class Session:
             raise MatrixError(f"{self.publisher.name} has published {video} frames, not {least:.0f} at least: "
                               f"{tail_of(self.bench.log('publisher'))}")
 
+    def packets_before_long_timestamps(self, published):
+        """How many of each kind; ffmpeg counts from the film's own beginning."""
+        listing = demo_report.run_tool(["ffprobe", "-v", "error", "-show_entries", "format=start_time", "-of",
+                                        "default=noprint_wrappers=1:nokey=1", self.film]).stdout
+        shift_ms = self.publisher.clock_ms - round(float(listing) * 1000)
+        return {kind: sum(packet.dts_ms + shift_ms < clients.FIRST_LONG_TIMESTAMP_MS
+                          for packet in published.packets[kind]) for kind in KINDS}
+
     def missing_evidence(self, player, is_late):
         """Why the log does not show that this player cannot work; none if it does."""
         cannot = player.cannot
@@ -431,7 +450,10 @@ class Session:
                 outcome = Outcome(self.publisher, player, is_late)
                 recording = self.recording(player, is_late)
                 examine(outcome, published[way], read_recording(recording, pictures_only), recording)
-                judge(outcome, published[way], self.missing_evidence(player, is_late))
+                if self.publisher.clock_ms > 0 and not is_late and player.cannot is None:
+                    judge_worn_out(outcome, self.packets_before_long_timestamps(published[way]))
+                else:
+                    judge(outcome, published[way], self.missing_evidence(player, is_late))
                 if outcome.problems:
                     outcome.problems.append(f"its last lines: {tail_of(self.bench.log(outcome.name))}")
                 result.append(outcome)
@@ -516,8 +538,11 @@ def page_cell(outcomes):
         return "**defect**"
     if any(outcome.verdict == CANNOT for outcome in outcomes):
         return "cannot"
-    return "<br>".join(" + ".join(counts_of(outcome, kind)[0].split(" ")[0] for kind in KINDS
-                                  if outcome.published[kind] > 0) for outcome in outcomes)
+    lines = []
+    for outcome in outcomes:
+        counts = [counts_of(outcome, kind)[0].split(" ")[0] for kind in KINDS if outcome.published[kind] > 0]
+        lines.append(" + ".join(counts) + (", ends" if outcome.verdict == ENDS else ""))
+    return "<br>".join(lines)
 
 
 def published_cell(outcomes):
@@ -542,7 +567,7 @@ def page_tables(outcomes, refused):
     lines += ["", "| refused | the server says | what works |", "| --- | --- | --- |"]
     lines += [f"| {refusal.shown_as} | `{refusal.server_says}` | {refusal.instead} |"
               for refusal in clients.REFUSALS if refusal.name in refused]
-    lines += ["", "Versions: " + ", ".join(package_versions()) + "."]
+    lines += ["", *textwrap.wrap("Versions: " + ", ".join(package_versions()) + ".", 120, break_on_hyphens=False)]
     return "\n".join(lines)
 
 
@@ -655,8 +680,9 @@ def run(arguments, directory):
     for problem in wrong:
         print(f"    WRONG: {problem}")
     verdicts = collections.Counter(outcome.verdict for outcome in outcomes)
-    say(f"{verdicts[WORKS]} runs work, {verdicts[CANNOT]} cannot for a reason known, {verdicts[DEFECT]} defects; "
-        f"{len(refused)} refused as known; {len(wrong)} lines about what is wrong; {time.monotonic() - begin:.0f} s")
+    say(f"{verdicts[WORKS]} runs work, {verdicts[ENDS]} end where known, {verdicts[CANNOT]} cannot for a reason known, "
+        f"{verdicts[DEFECT]} defects; {len(refused)} refused as known; {len(wrong)} lines about what is wrong; "
+        f"{time.monotonic() - begin:.0f} s")
     return not wrong
 
 
