@@ -1,17 +1,53 @@
 // What must become of the scripted session when one call has failed: which texts the server prints and how often, who
-// is dropped, who misses what, and that nobody else notices anything.
+// is dropped, who misses what.
 #pragma once
 
 #include "tests/fault/faulty_server.h"
 #include "tests/fault/scripted_session.h"
 
+#include <cstddef>
+#include <limits>
+#include <map>
 #include <string>
 
-struct Verdict {
-    std::string outcome;  // the outcome that the failed call must have, in a few words
-    std::string problem;  // how the session differs from it; empty: it does not
+inline constexpr std::size_t NOBODY = std::numeric_limits<std::size_t>::max();
+
+struct Times {
+    int least = 0;
+    int most = 0;
 };
 
-// text: all that the server printed.
-Verdict judge(FaultCall call, const std::string& action, const FaultWatch& watch, const SessionStory& story,
-              const std::string& text);
+// How a connection comes to its end.
+enum class Ending { DROPPED_BY_CONTROL, CLIENT_LEFT, READER_DIED, WRITER_DIED, DROPPED_BY_SERVER };
+
+// What one client misses. `misses` says who it is, where that can be known.
+enum class Missing {
+    NOTHING,
+    ONE_MESSAGE,
+    A_HEADER,
+    A_HEADER_OR_NOTHING,
+    METADATA,
+    CHUNK_SIZE,
+    REPLY_BEFORE_DROP
+};
+
+struct DocumentedOutcome {
+    std::string in_short = "nothing changes";
+    // Somebody is dropped; NOBODY in `dropped`: one whom the record does not name.
+    bool drops = false;
+    std::size_t dropped = NOBODY;
+    Ending ending = Ending::DROPPED_BY_SERVER;
+    Missing missing = Missing::NOTHING;
+    std::size_t misses = NOBODY;
+    // Beside those that every session prints.
+    std::map<std::string, Times> texts;
+    // The process ends by an assertion, or for want of memory.
+    std::string last_words;
+    bool control_socket_lost = false;
+    bool control_client_lost = false;
+    bool control_reply_lost = false;
+    std::size_t listed_without_lock = NOBODY;
+};
+
+// For the call that the watch has seen fail; nothing changes when it has seen none.
+DocumentedOutcome documented_outcome(FaultCall call, const std::string& action, const FaultWatch& watch);

@@ -5,6 +5,7 @@
 #include "tests/fault/documented_outcome.h"
 #include "tests/fault/faulty_server.h"
 #include "tests/fault/scripted_session.h"
+#include "tests/fault/session_comparison.h"
 #include "tests/support/test_failure.h"
 
 #include <gtest/gtest.h>
@@ -47,18 +48,19 @@ std::string plan_of(const Sweep& sweep, std::uint64_t nth) {
 }
 
 struct SessionRun {
-    Verdict verdict;
-    std::uint64_t calls = 0;  // of the kind in question
-    std::string told;
+    std::string outcome;  // that it must have had
+    std::string problem;  // how it differs from that
+    std::string told;     // what there is to know about it then
 };
 
 SessionRun run_session(const Sweep& sweep, const std::string& plan) {
     SessionRun run;
     FaultyServer faulty(plan);
     const SessionStory story = play_session(faulty.server);
-    run.verdict = judge(sweep.call, sweep.action, faulty.watch, story, faulty.server.raw_text());
-    run.calls = faulty.watch.calls(sweep.call);
-    if (!run.verdict.problem.empty()) {
+    const DocumentedOutcome expected = documented_outcome(sweep.call, sweep.action, faulty.watch);
+    run.outcome = expected.in_short;
+    run.problem = differences(expected, story, faulty.server.raw_text());
+    if (!run.problem.empty()) {
         run.told = faulty.watch.describe() + "\n" + faulty.server.raw_text();
     }
     return run;
@@ -78,11 +80,10 @@ void run_share(const Sweep& sweep, const std::string& share) {
         const std::string plan = plan_of(sweep, nth);
         try {
             const SessionRun run = run_session(sweep, plan);
-            ++outcomes[run.verdict.outcome];
-            if (!run.verdict.problem.empty()) {
+            ++outcomes[run.outcome];
+            if (!run.problem.empty()) {
                 ++failures;
-                ADD_FAILURE() << plan << ": " << run.verdict.outcome << "\n"
-                              << run.verdict.problem << run.told;
+                ADD_FAILURE() << plan << ": " << run.outcome << "\n" << run.problem << run.told;
             }
         } catch (const TestFailure& failure) {
             ++failures;
@@ -148,9 +149,10 @@ std::uint64_t calls_of_a_session(const Sweep& sweep) {
     constexpr std::uint64_t NEVER = 1000000000;
     FaultyServer faulty(sweep.within.empty() ? "" : plan_of(sweep, NEVER));
     const SessionStory story = play_session(faulty.server);
-    const Verdict verdict = judge(sweep.call, sweep.action, faulty.watch, story, faulty.server.raw_text());
-    if (!verdict.problem.empty()) {
-        throw TestFailure("without any fault: " + verdict.problem + faulty.server.raw_text());
+    const DocumentedOutcome expected = documented_outcome(sweep.call, sweep.action, faulty.watch);
+    const std::string problem = differences(expected, story, faulty.server.raw_text());
+    if (!problem.empty()) {
+        throw TestFailure("without any fault: " + problem + faulty.server.raw_text());
     }
     return sweep.within.empty() ? faulty.watch.calls(sweep.call) : faulty.watch.seen();
 }
@@ -191,8 +193,8 @@ void run_sweep(const Sweep& sweep, const std::vector<std::string>& must_be_among
 
 TEST(every_call, a_session_in_which_nothing_fails_is_whole) {
     const SessionRun run = run_session({.call = FaultCall::RECV, .action = "EIO"}, "");
-    EXPECT_EQ(run.verdict.outcome, "not reached");
-    EXPECT_EQ(run.verdict.problem, "") << run.told;
+    EXPECT_EQ(run.outcome, "not reached");
+    EXPECT_EQ(run.problem, "") << run.told;
     FaultyServer faulty("");
     EXPECT_EQ(faulty.watch.calls(FaultCall::SOCKET), 2U);
     EXPECT_EQ(faulty.watch.calls(FaultCall::BIND), 2U);
