@@ -19,6 +19,7 @@ import sys
 SLOPE_MIN_SECONDS = 600
 SANITIZER_SIGNS = re.compile(r"ERROR: (Address|Leak|UndefinedBehavior)Sanitizer|(WARNING|FATAL): ThreadSanitizer"
                              r"|: runtime error: |Assertion")
+SHOWN_REPORTS = 10
 # Whoever does not do its part proves nothing. A short run has no time for the others.
 ALWAYS_SEEN = ["joins", "leaves", "stalls", "garbage clients", "lists", "drops by id", "takeovers"]
 SEEN_IN_A_LONG_RUN = ["drops by stream", "stalls with full sockets"]
@@ -195,6 +196,8 @@ def main(arguments):
     text = table(rows)
     (options.dir / "report.txt").write_text(text + "\n", encoding="utf-8")
     print(text)
+    for line in [line for line in log.splitlines() if SANITIZER_SIGNS.search(line)][:SHOWN_REPORTS]:
+        print(f"the server: {line}")
     for failure in totals["failures"]:
         print(f"failure: {failure}")
     if samples and draw(samples, passed, options.dir / "soak.png"):

@@ -150,14 +150,14 @@ class SoakReport(unittest.TestCase):
 
 
 class SoakReportProgram(unittest.TestCase):
-    def run_program(self, totals):
-        """Exit status and output for a directory with these totals."""
+    def run_program(self, totals, log=""):
+        """Exit status and output for a directory with these totals and server messages."""
         with tempfile.TemporaryDirectory() as name:
             path = pathlib.Path(name)
             samples = good_samples()
             lines = [",".join(samples[0])] + [",".join(str(value) for value in sample.values()) for sample in samples]
             (path / "samples.csv").write_text("\n".join(lines) + "\n", encoding="utf-8")
-            (path / "server.log").write_text("", encoding="utf-8")
+            (path / "server.log").write_text(log, encoding="utf-8")
             if totals:
                 (path / "totals.json").write_text(json.dumps(totals), encoding="utf-8")
             with contextlib.redirect_stdout(io.StringIO()) as out, contextlib.redirect_stderr(out):
@@ -177,6 +177,12 @@ class SoakReportProgram(unittest.TestCase):
         status, output = self.run_program({**good_totals(), "lost": 7})
         self.assertEqual(status, 1)
         self.assertRegex(output, r"frames lost +7 +0 +FAILED")
+
+    def test_a_sanitizer_report_of_the_server_is_shown(self):
+        report = "WARNING: ThreadSanitizer: data race (pid=1)"
+        status, output = self.run_program(good_totals(), f"Accepted connection\n{report}\nDropping connection\n")
+        self.assertEqual(status, 1)
+        self.assertIn(f"the server: {report}\n", output)
 
     def test_without_anything_to_judge_the_exit_status_says_so(self):
         status, output = self.run_program(None)
