@@ -126,6 +126,7 @@ TEST_P(DropStorm, leaves_nothing_behind_and_disturbs_nobody) {
         server.wait_for_thread_count(threads);
         rss_kib = server.rss_kib();
         std::cout << "after " << opened << " drops: " << rss_kib << " KiB resident\n";
+        // A sanitizer keeps freed memory for a while, and one of them names at the end what was lost.
         if (half == 1 && TIME_SCALE == 1) {
             EXPECT_LE(rss_kib, rss_before_kib + ALLOWED_GROWTH_KIB);
         }

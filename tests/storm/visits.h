@@ -10,7 +10,6 @@
 
 #include <cstdint>
 #include <deque>
-#include <optional>
 #include <random>
 #include <string>
 #include <vector>
@@ -30,6 +29,7 @@ class Visit {
     // number makes its stream name its own.
     Visit(Random& visitor_random, std::size_t number);
 
+    // Each connects, once there is room in the accept queue, and comes so far. Throws TestFailure when it does not.
     RtmpClient& open(int receive_buffer_bytes = 0);
     RtmpClient& open_handshaken();
     RtmpClient& open_connected(int receive_buffer_bytes = 0);
@@ -76,4 +76,5 @@ struct ListedConnection {
     std::string address;
 };
 std::vector<ListedConnection> list_connections(ControlPeer& control);
+// Each by its id, if it still is at the stream that was listed.
 void drop_listed(ControlPeer& control, const std::vector<ListedConnection>& connections);
