@@ -25,7 +25,6 @@ void require(bool holds) {
 }
 
 // A file per process, because clients take a path.
-// process.
 struct Listener {
     Listener() {
         path = "/tmp/control_reply_fuzz." + std::to_string(getpid());

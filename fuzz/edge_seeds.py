@@ -133,6 +133,7 @@ def session_seeds():
         "publisher_leaves": live + bytes([CLOSE, A, 0]) + enter(C, PUBLISH) + media(C, AAC) * 2,
         "publisher_resets": live + bytes([CLOSE, A, 1]) + wait(A, 60) + enter(C, PUBLISH) + media(C, AAC),
         "held": live + media(A, AAC, STEP_1000) * 12 + wait(A, 20) + frames,
+        "some_seconds": live + (media(A, AAC, STEP_40) + wait(A, 1)) * 60,
         "chunk_size": bytes([CONNECT, A, 0, CHUNK_SIZE, A, 4, WINDOW, A, 3]) + live[3:],
         "operator": live + bytes([LIST, 0, 0, LIST, 0, 1, DROP_ID, 0, B, 0, LIST, 0, 2, DROP_NAME, 0, 0, LIST, 0, 0]),
         "operator_guesses": live + bytes([CONTROL, 0, 0, 3]) + b"abc\0" + bytes([CONTROL, 0, 1, 3]) + b"abc\0" +
