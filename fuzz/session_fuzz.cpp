@@ -433,10 +433,18 @@ void check_after_pass() {
     }
 }
 
+// Nobody is turned away while a slot is free.
+void accept_client() {
+    const FakeClient* const client = fake_system::waiting_client();
+    const bool full = count_connections([](const RTMPConnection&) { return true; }) == MAX_CONNECTIONS;
+    accept_connections();
+    CHECK(client == nullptr || client->closed_by_server == full);
+}
+
 void run_pass() {
     fake_system::run_threads();
     watch_before_pass();
-    accept_connections();
+    accept_client();
     idle_all_connections();
     check_after_pass();
     fake_system::run_threads();

@@ -155,6 +155,12 @@ FakeClient& fake_system::connect_client() {
     return *the_system.clients.back();
 }
 
+FakeClient* fake_system::waiting_client() {
+    const auto waiting = std::find_if(the_system.clients.begin(), the_system.clients.end(),
+                                      [](const auto& client) { return !client->accepted; });
+    return waiting == the_system.clients.end() ? nullptr : waiting->get();
+}
+
 FakeClient* fake_system::find_client(int fd) {
     const auto number = static_cast<std::size_t>(fd - FAKE_LISTENER_FD - 1);
     return fd > FAKE_LISTENER_FD && number < the_system.clients.size() ? the_system.clients[number].get()
@@ -191,21 +197,19 @@ extern "C" int rand() noexcept {
 
 extern "C" int __wrap_accept4(int fd, sockaddr* address, socklen_t* length, int /*flags*/) {
     CHECK(fd == FAKE_LISTENER_FD);
-    for (const auto& client : the_system.clients) {
-        if (client->accepted) {
-            continue;
-        }
-        client->accepted = true;
-        sockaddr_in peer{};
-        peer.sin_family = AF_INET;
-        peer.sin_port = htons(static_cast<std::uint16_t>(client->fd));
-        peer.sin_addr.s_addr = htonl(0xC0000207);
-        CHECK(*length == sizeof peer);
-        std::memcpy(address, &peer, sizeof peer);
-        return client->fd;
+    FakeClient* const client = fake_system::waiting_client();
+    if (client == nullptr) {
+        errno = EAGAIN;
+        return -1;
     }
-    errno = EAGAIN;
-    return -1;
+    client->accepted = true;
+    sockaddr_in peer{};
+    peer.sin_family = AF_INET;
+    peer.sin_port = htons(static_cast<std::uint16_t>(client->fd));
+    peer.sin_addr.s_addr = htonl(0xC0000207);
+    CHECK(*length == sizeof peer);
+    std::memcpy(address, &peer, sizeof peer);
+    return client->fd;
 }
 
 extern "C" int __wrap_setsockopt(int fd, int level, int option, const void* value, socklen_t length) {

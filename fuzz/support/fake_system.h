@@ -51,6 +51,9 @@ void restart();
 // A new client, which waits to be accepted. Stays until restart().
 FakeClient& connect_client();
 
+// Whoever will be accepted next; null: nobody waits.
+FakeClient* waiting_client();
+
 // By the server's descriptor; null: none.
 FakeClient* find_client(int fd);
 
