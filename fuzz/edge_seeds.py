@@ -154,6 +154,8 @@ def session_seeds():
     for name, actions in seeds.items():
         write("session", name, b"\0" + actions)
     write("session", "stopped_at_prints", b"\4" + seeds["takeover"] + bytes([DROP_NAME | 0x80, 0, 0]))
+    write("session", "cancelled_at_a_print", b"\4" + enter(A, PUBLISH) + wait(A, 1) * 6 +
+          bytes([CHUNK_SIZE | 0x80, A, 4, DROP_ID, 0, A, 4]))
     write("session", "dumped", b"\3" + live)
     write("session", "table_is_full", b"\0" + b"".join(bytes([CONNECT | 0x80, i % 8, 15]) for i in range(131)) +
           wait(A, 1) * 140)

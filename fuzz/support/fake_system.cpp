@@ -44,6 +44,7 @@ struct FakeThread {
 
     Fiber fiber;
     WaitingFor waiting_for = WaitingFor::A_TURN;
+    unsigned round = 0;                  // of A_TURN: in which it has had its turn
     const FakeClient* client = nullptr;  // of INPUT and ROOM
     std::uint64_t wake_us = 0;           // of TIME
     bool joined = false;
@@ -54,6 +55,7 @@ struct System {
     std::vector<std::unique_ptr<FakeThread>> threads;  // all that ever were, by their handles
     std::vector<FakeThread*> unjoined_threads;
     FakeThread* running_thread = nullptr;  // while a fiber runs: its thread
+    unsigned round = 0;                    // calls of run_threads()
     unsigned threads_refused = 0;
     int random_numbers = 0;
 };
@@ -70,6 +72,7 @@ void wait_for(WaitingFor what, const FakeClient* client, std::uint64_t wake_us) 
     FakeThread* const thread = the_system.running_thread;
     check_lock_is_free(thread->connection());
     thread->waiting_for = what;
+    thread->round = the_system.round;
     thread->client = client;
     thread->wake_us = wake_us;
     thread->fiber.wait();
@@ -84,7 +87,7 @@ void wait_at_print() {
 bool can_go_on(const FakeThread& thread) {
     switch (thread.waiting_for) {
         case WaitingFor::A_TURN:
-            return true;
+            return thread.round != the_system.round;
         case WaitingFor::INPUT:
             return thread.client->unread_bytes() != 0 || thread.client->sending_ended ||
                    thread.client->is_reset;
@@ -169,6 +172,7 @@ FakeClient* fake_system::find_client(int fd) {
 
 void fake_system::run_threads() {
     int turns = 0;
+    ++the_system.round;
     for (bool progress = true; progress;) {
         progress = false;
         for (FakeThread* const thread : the_system.unjoined_threads) {

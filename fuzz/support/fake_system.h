@@ -60,7 +60,7 @@ FakeClient* find_client(int fd);
 // Lets every thread run until all wait for something that is not there yet.
 void run_threads();
 
-// Whether a thread may be stopped, and others run, where it prints.
+// Whether a thread that prints stops there until run_threads() is called again, and may be cancelled meanwhile.
 void stop_at_prints(bool stop);
 
 // So many threads cannot be created from now on.
