@@ -11,16 +11,17 @@ bool memory_is_exhausted = false;
 
 }  // namespace
 
-void* operator new(std::size_t size) {
+// Not inlined: where the compiler sees one of them and not the other, it takes them for mismatched.
+[[gnu::noinline]] void* operator new(std::size_t size) {
     void* const memory = memory_is_exhausted ? nullptr : std::malloc(size);
     return memory != nullptr ? memory : throw std::bad_alloc();
 }
 
-void operator delete(void* memory) noexcept {
+[[gnu::noinline]] void operator delete(void* memory) noexcept {
     std::free(memory);
 }
 
-void operator delete(void* memory, std::size_t /*size*/) noexcept {
+[[gnu::noinline]] void operator delete(void* memory, std::size_t /*size*/) noexcept {
     std::free(memory);
 }
 

@@ -186,9 +186,10 @@ TEST(acknowledgement, is_sent_twice_for_five_megabytes_in_a_window_of_two_and_a_
     send(chunked({.type = 99, .payload = "first"}));
     model.set_window(2500000);
     send(chunked(control(MSG_WINDOW_ACK_SIZE, be32(2500000))));
+    // Of this size, so that what the first window leaves over brings the second one a message forward.
     const Bytes media =
-        chunked({.type = MSG_VIDEO, .payload = pattern_bytes(50000), .csid = 6, .timestamp = 1});
-    for (int i = 0; i < 105; ++i) {
+        chunked({.type = MSG_VIDEO, .payload = pattern_bytes(70000), .csid = 6, .timestamp = 1});
+    for (int i = 0; i < 75; ++i) {
         send(media);
     }
     ASSERT_EQ(expected.size(), 3U);
