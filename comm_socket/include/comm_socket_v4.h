@@ -74,13 +74,18 @@ extern "C" {
 /* Requests that are handed out between two calls of comm_socket_v4_idle. */
 #define COMM_SOCKET_V4_MAX_REQUESTS_PER_IDLE 64u
 
+/* How long after comm_socket_v4_idle requests are handed out (50 ms). The first one always is. */
+#define COMM_SOCKET_V4_MAX_US_PER_IDLE 50000u
+
 /* Bytes that may wait behind the reply under way to a client when one more is taken over (16 MiB). */
-#define COMM_SOCKET_V4_MAX_US_PER_IDLE 50000u /* after which no further request is handed out: 50 ms */
-#define COMM_SOCKET_V4_MAX_TOTAL_WAITING_BYTES \
-    67108864u /* of all clients: above it, who reads nothing waits: 64 MiB */
 #define COMM_SOCKET_V4_MAX_WAITING_BYTES 16777216u
 
-/* How long a client may take for the rest of a request, and may read nothing while bytes wait (10 s). */
+/* Bytes that may wait for all clients together (64 MiB). Above it, only clients for which nothing waits have
+ * their requests handed out. */
+#define COMM_SOCKET_V4_MAX_TOTAL_WAITING_BYTES 67108864u
+
+/* How long a client may take from the beginning of a request to its end, and how long it may read nothing while
+ * bytes wait for it (10 s). */
 #define COMM_SOCKET_V4_CLIENT_TIMEOUT_US 10000000u
 
 /* ---- Packets ---- */
@@ -172,9 +177,10 @@ void comm_socket_v4_packet_dump_user_friendly(const comm_socket_v4_packet* packe
  *         request = comm_socket_v4_packet_release(request);
  *     }
  *
- * A client that sends garbage, a frame above a limit, or half a request and nothing more for
- * COMM_SOCKET_V4_CLIENT_TIMEOUT_US is disconnected, and so is one that reads nothing for that long while
- * bytes wait for it. The others notice nothing: requests are handed out in turns, one of each client.
+ * A client is disconnected when it sends garbage or a frame above a limit, when a frame of it is not complete
+ * COMM_SOCKET_V4_CLIENT_TIMEOUT_US after its beginning, even while bytes keep coming, and when it reads nothing
+ * for that long while bytes wait for it. The others notice nothing: requests are handed out in turns, one of each
+ * client.
  */
 
 /* A new handle that does not listen yet. Null when memory is short. */
@@ -218,11 +224,14 @@ comm_socket_v4_client* comm_socket_v4_get_disconnected_client(comm_socket_v4* se
  * valid. */
 void comm_socket_v4_free_client(comm_socket_v4_client* client);
 
-/* The next complete request, and in *client (client may be null) who sent it. Null when there is none, or
- * when COMM_SOCKET_V4_MAX_REQUESTS_PER_IDLE have been handed out since the last comm_socket_v4_idle. A client
- * that lets more than COMM_SOCKET_V4_MAX_WAITING_BYTES of replies pile up has to read before its next request
- * is handed out, so a server that answers each request before it takes the next never gets 0 from
- * comm_socket_v4_packet_send_to_client.
+/* The next complete request, and in *client (client may be null) who sent it. Null when there is none, or when
+ * since the last comm_socket_v4_idle COMM_SOCKET_V4_MAX_REQUESTS_PER_IDLE have been handed out, or one has and
+ * COMM_SOCKET_V4_MAX_US_PER_IDLE are over; the rest is handed out after the next one.
+ *
+ * A client that lets more than COMM_SOCKET_V4_MAX_WAITING_BYTES of replies pile up has to read before its next
+ * request is handed out, so a server that answers each request before it takes the next never gets 0 from
+ * comm_socket_v4_packet_send_to_client. While more than COMM_SOCKET_V4_MAX_TOTAL_WAITING_BYTES wait for all clients
+ * together, so has every client for which something waits.
  *
  * What a client sent completely before it went away is still handed out: sending and closing at once is a
  * fair way to leave a command. A client that has closed only its sending side gets its replies. The packet

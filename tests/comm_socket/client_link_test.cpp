@@ -205,6 +205,19 @@ TEST(ClientLink, half_a_frame_and_silence_for_ten_seconds_ends_the_connection) {
     }
 }
 
+TEST_F(ClientLinkTest, a_frame_that_trickles_for_ten_seconds_ends_the_connection) {
+    const std::string frame = request_frame(1, "hello");
+    for (std::size_t i = 0; i < 10; i++) {
+        peer.send_all(frame.substr(i, 1));
+        read();
+        EXPECT_TRUE(link->is_open()) << "after " << i << " s";
+        put_clock_forward(TIMEOUT_US / 10);
+    }
+    peer.send_all(frame.substr(10, 1));
+    read();
+    EXPECT_FALSE(link->is_open());
+}
+
 TEST_F(ClientLinkTest, silence_between_frames_may_last) {
     peer.send_all(request_frame(1, "hello"));
     read();
