@@ -11,8 +11,7 @@ trap 'rm -rf "$prefix"' EXIT
 
 pc=$(find "$prefix" -name comm_socket_v4.pc)
 test -n "$pc"
-# The file names the prefix that was configured; an installation elsewhere is told so.
-flags=$(PKG_CONFIG_PATH=$(dirname "$pc") "$pkg_config" --define-variable=prefix="$prefix" --cflags --libs comm_socket_v4)
+flags=$(PKG_CONFIG_PATH=$(dirname "$pc") "$pkg_config" --cflags --libs comm_socket_v4)
 case $sanitizer in
     address) flags="$flags -fsanitize=address,undefined" ;;
     thread) flags="$flags -fsanitize=thread" ;;
