@@ -140,7 +140,6 @@ class Session {
     Session(ServerProcess& process, SessionStory& written) : server(process), story(written) {}
 
     void play() {
-        story.fds_before = server.fd_count();
         come();
         subscribe();
         publish();
@@ -297,7 +296,7 @@ class Session {
         guest(SECOND_PLAYER).leave();
         server.err().wait_for_count("Dropping connection", SESSION_CLIENTS);
         server.wait_for_thread_count(THREADS_AT_REST);
-        const std::size_t expected = story.fds_before - (control_socket_is_lost() ? 1 : 0);
+        const std::size_t expected = FDS_AT_REST - (control_socket_is_lost() ? 1 : 0);
         const TimePoint deadline = SteadyClock::now() + END_WAIT;
         do {
             story.fds_after = server.fd_count();

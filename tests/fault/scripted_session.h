@@ -22,6 +22,9 @@ constexpr std::size_t SECOND_PLAYER = 3;
 constexpr std::size_t LATE_PLAYER = 4;
 constexpr std::size_t SESSION_CLIENTS = 5;
 
+// The server's descriptors when it has no client: the standard three, the listener, the control socket.
+constexpr std::size_t FDS_AT_REST = 5;
+
 // In short words: "metadata", "audio header", "answer" ...
 using Transcript = std::vector<std::string>;
 
@@ -43,8 +46,7 @@ struct SessionStory {
     ControlStory control;
     // The server ended by itself before the session was over.
     std::optional<ProcessEnd> end;
-    // Descriptors that it held when it began and when every client had gone.
-    std::size_t fds_before = 0;
+    // Descriptors that it held when every client had gone.
     std::size_t fds_after = 0;
 };
 

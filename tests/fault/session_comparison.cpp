@@ -38,7 +38,7 @@ class Comparison {
         compare_clients();
         compare_control();
         compare_texts();
-        const std::size_t fds = story.fds_before - (expected.control_socket_lost ? 1 : 0);
+        const std::size_t fds = FDS_AT_REST - (expected.control_socket_lost ? 1 : 0);
         if (story.fds_after != fds) {
             complain(std::to_string(story.fds_after) + " descriptors are left, not " + std::to_string(fds));
         }
