@@ -46,12 +46,23 @@ expect "--no-legend" list --no-l
 expect "zsh" completion z
 expect "--socket" --so
 expect "" raw hello ""
+expect "" drop id 3 ""
+expect "" drop stream cam1 ""
+expect "publish play none" list --mode = ""
+expect "publish" list --mode = pub
+expect "id stream rate" list --sort =
+expect "--sort=id" list --sort=i
+expect "cam1 demo" list --stream =
+expect "demo" drop id 3 --stream = d
 expect "cam1" --socket /run/other drop stream c
+expect "cam1" --socket = /run/another drop stream c
 
-if ! grep -q -- '--socket /run/other' "$scratch/calls"; then
-    echo "the socket of the command line is not asked"
-    failed=1
-fi
+for socket in /run/other /run/another; do
+    if ! grep -q -- "--socket $socket list" "$scratch/calls"; then
+        echo "the socket of the command line, $socket, is not asked"
+        failed=1
+    fi
+done
 if [[ -e $scratch/owned ]]; then
     echo "a stream name was executed"
     failed=1

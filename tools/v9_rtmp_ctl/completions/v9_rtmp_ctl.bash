@@ -6,9 +6,9 @@
 # made of letters, digits and '_'; whatever else a listing holds is not offered.
 _v9_rtmp_ctl_live() {
     local i socket=()
-    for ((i = 1; i < COMP_CWORD - 1; i++)); do
-        if [[ ${COMP_WORDS[i]} == --socket ]]; then
-            socket=(--socket "${COMP_WORDS[i + 1]}")
+    for ((i = 1; i < ${#typed[@]} - 2; i++)); do
+        if [[ ${typed[i]} == --socket ]]; then
+            socket=(--socket "${typed[i + 1]}")
         fi
     done
     command v9_rtmp_ctl --plain --timeout 1 "${socket[@]}" list 2>/dev/null | cut -f "$1" | grep -xE '[A-Za-z0-9_]+' |
@@ -25,20 +25,53 @@ _v9_rtmp_ctl_offer() {
     done
 }
 
+# Stores in typed the words up to the cursor, an option and its value always as two: bash gives "--sort=id" as three
+# words, or as one where COMP_WORDBREAKS has no '='.
+_v9_rtmp_ctl_read_words() {
+    local i word
+    typed=()
+    for ((i = 0; i <= COMP_CWORD; i++)); do
+        word=${COMP_WORDS[i]}
+        if [[ $word == = && ${COMP_WORDS[i - 1]} == --* ]]; then
+            if ((i == COMP_CWORD)); then
+                typed+=("")
+            fi
+        elif [[ $word == --*=* ]]; then
+            typed+=("${word%%=*}" "${word#*=}")
+            if ((i == COMP_CWORD)); then
+                glue=${word%%=*}=
+            fi
+        else
+            typed+=("$word")
+        fi
+    done
+}
+
 _v9_rtmp_ctl() {
-    local cur=${COMP_WORDS[COMP_CWORD]} prev=${COMP_WORDS[COMP_CWORD - 1]}
-    local global="--socket --timeout --json --plain --no-color --quiet --help"
-    local command="" what="" i
+    local typed glue="" i
     COMPREPLY=()
-    for ((i = 1; i < COMP_CWORD; i++)); do
-        case ${COMP_WORDS[i]} in
+    _v9_rtmp_ctl_read_words
+    _v9_rtmp_ctl_complete
+    for i in "${!COMPREPLY[@]}"; do
+        COMPREPLY[i]=$glue${COMPREPLY[i]}
+    done
+}
+
+_v9_rtmp_ctl_complete() {
+    local cur=${typed[-1]} prev=${typed[-2]}
+    local global="--socket --timeout --json --plain --no-color --quiet --help"
+    local command="" what="" value="" i
+    for ((i = 1; i < ${#typed[@]} - 1; i++)); do
+        case ${typed[i]} in
             --socket | --timeout | --mode | --stream | --sort | --interval) ((i++)) ;;
             -*) ;;
             *)
                 if [[ -z $command ]]; then
-                    command=${COMP_WORDS[i]}
+                    command=${typed[i]}
                 elif [[ -z $what ]]; then
-                    what=${COMP_WORDS[i]}
+                    what=${typed[i]}
+                else
+                    value=${typed[i]}
                 fi
                 ;;
         esac
@@ -73,11 +106,15 @@ _v9_rtmp_ctl() {
                 "") words="id stream unnamed" ;;
                 id)
                     words="--stream"
-                    _v9_rtmp_ctl_offer < <(_v9_rtmp_ctl_live 1)
+                    if [[ -z $value ]]; then
+                        _v9_rtmp_ctl_offer < <(_v9_rtmp_ctl_live 1)
+                    fi
                     ;;
                 stream)
                     words="--dry-run --force"
-                    _v9_rtmp_ctl_offer < <(_v9_rtmp_ctl_live 2)
+                    if [[ -z $value ]]; then
+                        _v9_rtmp_ctl_offer < <(_v9_rtmp_ctl_live 2)
+                    fi
                     ;;
                 unnamed) words="--force" ;;
             esac

@@ -10,6 +10,8 @@ function __v9_rtmp_ctl_live
     if set -l at (contains -i -- --socket $words)
         and test $at -lt (count $words)
         set socket --socket $words[(math $at + 1)]
+    else if set -l glued (string match -- '--socket=*' $words)
+        set socket $glued[1]
     end
     command v9_rtmp_ctl --plain --timeout 1 $socket list 2>/dev/null | cut -f $argv[1] | grep -xE '[A-Za-z0-9_]+' |
         sort -u

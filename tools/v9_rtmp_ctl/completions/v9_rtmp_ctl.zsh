@@ -7,9 +7,11 @@
 # digits and '_'; whatever else a listing holds is not offered.
 _v9_rtmp_ctl_live() {
     local -a socket values
-    local at=${words[(i)--socket]}
-    if ((at < CURRENT - 1)); then
-        socket=(--socket "${words[at + 1]}")
+    local at=${typed[(i)--socket]}
+    if ((at < $#typed)); then
+        socket=(--socket "${typed[at + 1]}")
+    else
+        socket=(${(M)typed:#--socket=*})
     fi
     values=(${(fu)"$(command v9_rtmp_ctl --plain --timeout 1 $socket list 2>/dev/null | cut -f $1 |
         grep -xE '[A-Za-z0-9_]+')"})
@@ -20,12 +22,14 @@ _v9_rtmp_ctl_ids() { _v9_rtmp_ctl_live 1 }
 _v9_rtmp_ctl_streams() { _v9_rtmp_ctl_live 2 }
 
 _v9_rtmp_ctl() {
+    # Behind a command, words begins with that.
+    local -a typed=("${(@)words[1, CURRENT - 1]}")
     local -a global commands drops
     local curcontext=$curcontext state line
     local -A opt_args
     global=(
-        '--socket[the control socket of the server]:socket:_files'
-        '--timeout[how long to wait for an answer]:seconds'
+        '--socket=[the control socket of the server]:socket:_files'
+        '--timeout=[how long to wait for an answer]:seconds'
         '(--plain)--json[print JSON]'
         '(--json)--plain[print fields separated by TABs]'
         '--no-color[print without color]'
@@ -55,9 +59,9 @@ _v9_rtmp_ctl() {
         argument)
             case $line[1] in
                 list)
-                    _arguments $global '--mode[only those that publish, play, or do neither]:mode:(publish play none)' \
-                        '--stream[only those of this stream]:stream:_v9_rtmp_ctl_streams' \
-                        '--sort[order of the lines]:order:(id stream rate)' \
+                    _arguments $global '--mode=[only those that publish, play, or do neither]:mode:(publish play none)' \
+                        '--stream=[only those of this stream]:stream:_v9_rtmp_ctl_streams' \
+                        '--sort=[order of the lines]:order:(id stream rate)' \
                         '--no-legend[print neither titles nor the count]'
                     ;;
                 drop)
@@ -68,7 +72,7 @@ _v9_rtmp_ctl() {
                             case $line[1] in
                                 id)
                                     _arguments $global '1:id:_v9_rtmp_ctl_ids' \
-                                        '--stream[keep it if it is not of this stream]:stream:_v9_rtmp_ctl_streams'
+                                        '--stream=[keep it if it is not of this stream]:stream:_v9_rtmp_ctl_streams'
                                     ;;
                                 stream)
                                     _arguments $global '1:stream:_v9_rtmp_ctl_streams' \
@@ -80,7 +84,7 @@ _v9_rtmp_ctl() {
                             ;;
                     esac
                     ;;
-                watch) _arguments $global '--interval[time from one look to the next]:seconds' ;;
+                watch) _arguments $global '--interval=[time from one look to the next]:seconds' ;;
                 raw) _arguments $global '--async[want no reply]' '1:command:(hello)' '*:argument:' ;;
                 completion) _arguments $global '1:shell:(bash zsh fish)' ;;
                 help) _arguments $global '1:command:(hello list streams drop watch raw completion version)' ;;
