@@ -81,10 +81,18 @@ class SoakReport(unittest.TestCase):
         for sample in self.samples:
             sample["rss_kib"] += kib_per_minute * sample["seconds"] / 60
 
-    def test_memory_that_grows_slowly_all_the_time_fails(self):
-        self.leak(kib_per_minute=31)
+    def test_memory_that_rises_by_more_than_a_mebibyte_in_the_second_half_fails(self):
+        self.leak(kib_per_minute=100)
         self.assertEqual(self.failed_rows(), [])
-        self.leak(kib_per_minute=2)
+        self.leak(kib_per_minute=5)
+        self.assertEqual(self.failed_rows(), ["memory slope"])
+
+    def test_the_longer_the_run_the_smaller_is_the_slope_that_is_allowed(self):
+        for sample in self.samples:
+            sample["seconds"] *= 30
+        self.leak(kib_per_minute=3)
+        self.assertEqual(self.failed_rows(), [])
+        self.leak(kib_per_minute=1)
         self.assertEqual(self.failed_rows(), ["memory slope"])
 
     def test_memory_that_has_grown_in_the_first_half_alone_passes(self):
@@ -97,11 +105,11 @@ class SoakReport(unittest.TestCase):
         self.samples = self.samples[:599]
         self.assertEqual(self.failed_rows(), [])
 
-    def test_the_limit_of_the_memory_slope_can_be_set_and_left_out(self):
+    def test_the_limit_of_the_memory_rise_can_be_set_and_left_out(self):
         self.leak(kib_per_minute=1000)
-        self.options = ["--memory-slope", "1100"]
+        self.options = ["--memory-rise", "11000"]
         self.assertEqual(self.failed_rows(), [])
-        self.options = ["--memory-slope", "none"]
+        self.options = ["--memory-rise", "none"]
         self.assertEqual(self.failed_rows(), [])
 
     def test_a_thread_or_a_descriptor_that_stays_behind_fails(self):
