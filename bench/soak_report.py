@@ -69,8 +69,13 @@ def judge_idle(counts, short, ended_early):
     return Row("who did nothing", value, "nobody", not idle)
 
 
-def judge(samples, totals, log, options):
-    """All rows of the table."""
+def find_reports(lines):
+    """Of a log that may be larger than memory."""
+    return [line.rstrip("\n") for line in lines if SANITIZER_SIGNS.search(line)]
+
+
+def judge(samples, totals, reports, options):
+    """All rows of the table; reports are the lines of the server in which a sanitizer or an assertion speaks."""
     def zero(figure, value):
         return Row(figure, str(value), "0", value == 0)
 
@@ -106,7 +111,7 @@ def judge(samples, totals, log, options):
         information("server CPU", f"{statistics.mean(cpu):.1f} % of one core, {max(cpu):.0f} % in the worst second"),
         information("stopped within", f"{totals['stop_ms']} ms"),
         zero("failures", totals["failure_count"]),
-        zero("sanitizer reports, assertions", len(SANITIZER_SIGNS.findall(log))),
+        zero("sanitizer reports, assertions", len(reports)),
         *[information(who, str(count)) for who, count in sorted(counts.items())],
         judge_idle(counts, options.short, totals["ended_early"]),
     ]
@@ -190,16 +195,17 @@ def main(arguments):
     try:
         samples = read_samples(options.dir / "samples.csv")
         totals = json.loads((options.dir / "totals.json").read_text(encoding="utf-8"))
-        log = (options.dir / "server.log").read_text(encoding="utf-8", errors="replace")
+        with open(options.dir / "server.log", encoding="utf-8", errors="replace") as log:
+            reports = find_reports(log)
     except (OSError, ValueError) as error:
         print(f"soak_report.py: there is nothing to judge: {error}", file=sys.stderr)
         return 2
-    rows = judge(samples, totals, log, options)
+    rows = judge(samples, totals, reports, options)
     passed = all(row.holds is not False for row in rows)
     text = table(rows)
     (options.dir / "report.txt").write_text(text + "\n", encoding="utf-8")
     print(text)
-    for line in [line for line in log.splitlines() if SANITIZER_SIGNS.search(line)][:SHOWN_REPORTS]:
+    for line in reports[:SHOWN_REPORTS]:
         print(f"the server: {line}")
     for failure in totals["failures"]:
         print(f"failure: {failure}")

@@ -49,7 +49,8 @@ class SoakReport(unittest.TestCase):
     def failed_rows(self):
         """The figures that are out of their limits."""
         options = soak_report.parse_arguments(["."] + self.options)
-        return [row.figure for row in soak_report.judge(self.samples, self.totals, self.log, options)
+        reports = soak_report.find_reports(self.log.splitlines(keepends=True))
+        return [row.figure for row in soak_report.judge(self.samples, self.totals, reports, options)
                 if row.holds is False]
 
     def test_a_good_run_passes(self):
