@@ -6,7 +6,6 @@
 #include "tests/support/server_process.h"
 
 #include <gtest/gtest.h>
-#include <sched.h>
 
 #include <algorithm>
 #include <deque>
@@ -52,14 +51,6 @@ void come_and_go(Random& random, std::size_t count, std::size_t at_once) {
             open.erase(leaver);
         }
     }
-}
-
-// A machine that is busy with something else proves nothing about the server. Where it is allowed, this process and the
-// server, its child, run before all others; there is little that they do.
-void go_first() {
-    sched_param priority{};
-    priority.sched_priority = sched_get_priority_min(SCHED_RR);
-    (void)sched_setscheduler(0, SCHED_RR, &priority);
 }
 
 Milliseconds time_to_fill_the_table() {

@@ -24,10 +24,10 @@ bool come_to(const VisitPoint& point, Visit& visit) {
     return true;
 }
 
-const VisitEnd& draw_end(Visit& visit) {
+const VisitEnd& draw_end(Visit& visit, bool others_may_be_hit) {
     while (true) {
         const VisitEnd& end = visit_ends()[draw(visit.random, visit_ends().size())];
-        if (!end.needs_free_media || !visit.held) {
+        if ((!end.needs_free_media || !visit.held) && (!end.may_hit_others || others_may_be_hit)) {
             return end;
         }
     }
@@ -108,7 +108,7 @@ void Crowd::pay_visit(Random& random, ControlPeer& control) {
     std::string ended_by = "somebody else, on the way";
     if (come_to(point, visit)) {
         std::this_thread::sleep_for(Milliseconds{draw(random, LONGEST_STAY_MS)});
-        const VisitEnd& end = draw_end(visit);
+        const VisitEnd& end = draw_end(visit, options.drops_at_random);
         end.carry_out(visit, control);
         ended_by = end.name;
     }

@@ -2,6 +2,8 @@
 
 #include "tests/support/time_limits.h"
 
+#include <sched.h>
+
 #include <cstdlib>
 #include <iostream>
 #include <random>
@@ -27,4 +29,10 @@ ServerOptions frugal_server() {
         "GLIBC_TUNABLES=glibc.malloc.arena_max=1:glibc.malloc.mmap_threshold=65536:"
         "glibc.malloc.trim_threshold=65536"};
     return options;
+}
+
+void go_first() {
+    sched_param priority{};
+    priority.sched_priority = sched_get_priority_min(SCHED_RR);
+    (void)sched_setscheduler(0, SCHED_RR, &priority);
 }

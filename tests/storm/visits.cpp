@@ -314,13 +314,13 @@ const std::vector<VisitPoint>& visit_points() {
 
 const std::vector<VisitEnd>& visit_ends() {
     static const std::vector<VisitEnd> ENDS = {
-        {"close", false, close_all},
-        {"reset", false, reset_all},
-        {"half close", true, stop_sending_and_be_closed},
-        {"drop by id", false, be_dropped_by_id},
-        {"drop by stream name", false, be_dropped_by_stream_name},
-        {"reset and drop", false, be_dropped_while_leaving},
-        {"somebody else", false, wait_for_others_and_close},
+        {"close", false, false, close_all},
+        {"reset", false, false, reset_all},
+        {"half close", true, false, stop_sending_and_be_closed},
+        {"drop by id", false, false, be_dropped_by_id},
+        {"drop by stream name", false, false, be_dropped_by_stream_name},
+        {"reset and drop", false, true, be_dropped_while_leaving},
+        {"somebody else", false, false, wait_for_others_and_close},
     };
     return ENDS;
 }

@@ -62,6 +62,8 @@ struct VisitEnd {
     const char* name;
     // What is held back outlives a client that closes, and is not ended by this alone.
     bool needs_free_media;
+    // Drops by the number of a slot that may be somebody else's by then.
+    bool may_hit_others;
     void (*carry_out)(Visit& visit, ControlPeer& control);
 };
 const std::vector<VisitEnd>& visit_ends();
