@@ -39,6 +39,12 @@ TEST(ReplyJson, ControlBytesQuotesAndZerosAreEscaped) {
               R"({"status": 0, "command": "a\tb\nc\"\\", "message": "x\u0000y\u001b", "pairs": []})");
 }
 
+TEST(ReplyJson, ControlsThatATerminalWouldObeyAreEscapedAndOtherTextStaysAsItIs) {
+    EXPECT_EQ(reply_json({0, "\x7f", "\xc2\x80\xc2\x9b\xc2\x9f\xc2\xa0\xc3\x9b", {}}),
+              "{\"status\": 0, \"command\": \"\\u007f\", \"message\": "
+              "\"\\u0080\\u009b\\u009f\xc2\xa0\xc3\x9b\", \"pairs\": []}");
+}
+
 TEST(ListJson, NumbersAreNumbers) {
     EXPECT_EQ(
         list_json({full_connection()}),

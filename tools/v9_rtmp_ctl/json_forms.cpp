@@ -7,8 +7,28 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
+// What a terminal may obey although JSON lets it stand: DEL, and the controls U+0080 to U+009F. They occur in strings
+// only, where an escape means the same.
+std::string escape_controls(const std::string& json) {
+    constexpr char DEL = '\x7f';
+    constexpr char FIRST_OF_TWO = '\xc2';  // of U+0080 to U+00BF in UTF-8; the second is the code itself
+    std::string escaped;
+    for (std::size_t i = 0; i < json.size(); ++i) {
+        const bool two_bytes = json[i] == FIRST_OF_TWO && static_cast<unsigned char>(json[i + 1]) < 0xA0;
+        if (!two_bytes && json[i] != DEL) {
+            escaped += json[i];
+            continue;
+        }
+        i += two_bytes ? 1 : 0;
+        constexpr const char* DIGITS = "0123456789abcdef";
+        const auto code = static_cast<unsigned char>(json[i]);
+        escaped += {'\\', 'u', '0', '0', DIGITS[code >> 4U], DIGITS[code & 0xFU]};
+    }
+    return escaped;
+}
+
 std::string dump(const Json& json) {
-    return json.dump(-1, ' ', false, Json::error_handler_t::replace);
+    return escape_controls(json.dump(-1, ' ', false, Json::error_handler_t::replace));
 }
 
 Json text_or_null(const std::string& text) {
