@@ -178,6 +178,16 @@ TEST(WatchFrame, TheFootAsksAndTells) {
     EXPECT_EQ(frame(model, 80, 24)[23], "Dropped connection 1.");
 }
 
+TEST(WatchFrame, ANoticeIsShownWhole) {
+    WatchModel model = full_model();
+    model.notice = "'" + std::string(64, 'x') + "' is no connection id. Give a number from 0 to 127.";
+    const std::vector<std::string> lines = frame(model, 80, 24);
+    ASSERT_EQ(lines.size(), 24U);
+    EXPECT_THAT(lines[21], StartsWith("... "));
+    EXPECT_EQ(lines[22] + " " + lines[23], model.notice);
+    EXPECT_THAT(frame(model, 40, 2), ElementsAre("'" + std::string(39, 'x'), StartsWith("xxx")));
+}
+
 TEST(WatchFrame, SaysThatItIsPausedAndFiltered) {
     WatchModel model = small_model();
     model.paused = true;

@@ -86,8 +86,7 @@ void append_head(const WatchModel& model, Lines& lines) {
 std::string foot_text(const WatchModel& model) {
     switch (model.mode) {
         case WatchMode::VIEW:
-            return model.notice.empty() ? "q quit  s sort  p pause  / filter  d drop  arrows scroll  ? help"
-                                        : model.notice;
+            return "q quit  s sort  p pause  / filter  d drop  arrows scroll  ? help";
         case WatchMode::FILTER:
             return "filter: " + model.filter + "_  (Enter keeps it, Esc goes back)";
         case WatchMode::HELP:
@@ -230,15 +229,23 @@ const char* style_sequence(LineStyle style) {
 }  // namespace
 
 std::vector<FrameLine> render_frame(const WatchModel& model, const ScreenSize& size) {
+    const std::size_t rows = std::max<std::size_t>(size.rows, 1);
+    const bool has_notice = model.mode == WatchMode::VIEW && !model.notice.empty();
+    // A notice says at its end what to do next, so it gets the rows that it needs.
+    Lines foot = has_notice ? wrapped(model.notice, size.columns, LineStyle::FOOT)
+                            : Lines{{foot_text(model), LineStyle::FOOT}};
+    foot.resize(std::min(foot.size(), rows));
+    const std::size_t foot_row = rows - foot.size();
+    const ScreenSize rest{foot_row + 1, size.columns};
+
     Lines lines;
     append_head(model, lines);
-    if (body_room(size) > 0) {
+    if (body_room(rest) > 0) {
         lines.push_back({"", LineStyle::PLAIN});
-        append_body(model, size, lines);
+        append_body(model, rest, lines);
     }
-    const std::size_t foot_row = std::max<std::size_t>(size.rows, 1) - 1;
     lines.resize(foot_row);
-    lines.push_back({foot_text(model), LineStyle::FOOT});
+    lines.insert(lines.end(), foot.begin(), foot.end());
     for (FrameLine& line : lines) {
         line.text = cut_text(line.text, size.columns);
     }
