@@ -169,11 +169,11 @@ TEST(RawCommandLine, ArgumentsArePassedAsGiven) {
          "c",
          {"--json", "--socket", "x", "-q", "--async"}},
         {{"raw", "c", "raw", "list"}, "c", {"raw", "list"}},
-        // One mark is dropped, where people put it.
+        // One mark before the command ends the tool's options; behind it everything is an argument.
         {{"raw", "--", "--c", "--a"}, "--c", {"--a"}},
-        {{"raw", "c", "--", "-1"}, "c", {"-1"}},
-        {{"raw", "c", "--"}, "c", {}},
-        {{"raw", "c", "--", "--"}, "c", {"--"}},
+        {{"raw", "c", "--", "-1"}, "c", {"--", "-1"}},
+        {{"raw", "c", "--"}, "c", {"--"}},
+        {{"raw", "--", "--", "c"}, "--", {"c"}},
         {{"raw", "--", "c", "--", "a"}, "c", {"--", "a"}},
         {{"raw", "c", "a", "--", "b"}, "c", {"a", "--", "b"}},
     };

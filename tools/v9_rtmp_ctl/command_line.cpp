@@ -237,19 +237,13 @@ SplitWords split_raw_words(const std::vector<std::string>& words) {
     std::size_t idx = skip_options(words, raw_idx + 1);
     const auto at = [&words](std::size_t i) { return words.begin() + static_cast<std::ptrdiff_t>(i); };
     split.own.assign(words.begin(), at(idx));
-    bool marked = false;
-    const auto skip_mark = [&] {
-        if (!marked && idx < words.size() && words[idx] == "--") {
-            marked = true;
-            ++idx;
-        }
-    };
-    skip_mark();
+    if (idx < words.size() && words[idx] == "--") {
+        ++idx;
+    }
     if (idx < words.size()) {
         split.has_request = true;
-        split.request.command = words[idx++];
-        skip_mark();
-        split.request.arguments.assign(at(idx), words.end());
+        split.request.command = words[idx];
+        split.request.arguments.assign(at(idx + 1), words.end());
     }
     return split;
 }

@@ -1,8 +1,7 @@
 // The command line: what may be said, and what was. Pure.
 //
 // Global options stand before or behind the subcommand. Of raw, everything behind its COMMAND is passed to
-// the server as it is, so options of the tool end there; one "--" right before or right behind the COMMAND is
-// taken for the usual mark and not passed.
+// the server as it is, so options of the tool end there; a COMMAND that begins with '-' has a "--" before it.
 #pragma once
 
 #include <string>
