@@ -23,22 +23,6 @@ namespace {
 constexpr std::uint64_t PATIENT_US = 10000000;
 constexpr std::uint64_t SHORT_US = 50000;
 
-struct Releaser {
-    void operator()(comm_socket_v4_packet* packet) const { comm_socket_v4_packet_release(packet); }
-    void operator()(comm_socket_v4_connection* connection) const { comm_socket_v4_disconnect(connection); }
-};
-using Packet = std::unique_ptr<comm_socket_v4_packet, Releaser>;
-using Connection = std::unique_ptr<comm_socket_v4_connection, Releaser>;
-
-Packet make_request(const std::string& command, const Arguments& arguments = {}) {
-    Packet request(comm_socket_v4_packet_create());
-    EXPECT_EQ(comm_socket_v4_packet_begin_writing(request.get(), 0, command.c_str(), ""), 0);
-    for (const auto& argument : arguments)
-        EXPECT_EQ(comm_socket_v4_packet_write_argv(request.get(), argument ? argument->c_str() : nullptr), 0);
-    EXPECT_EQ(comm_socket_v4_packet_write_end(request.get()), 0);
-    return request;
-}
-
 // A listening socket that accepts by hand and knows no frames.
 class RawListener {
   public:
@@ -300,6 +284,8 @@ TEST_F(ClientTest, every_error_has_a_text_of_its_own) {
         texts.insert(comm_socket_v4_error_text(static_cast<comm_socket_v4_error>(error)));
     EXPECT_EQ(texts.size(), static_cast<std::size_t>(COMM_SOCKET_V4_SYSTEM) + 1);
     EXPECT_EQ(texts.count("unknown error"), 0u);
+    EXPECT_STREQ(comm_socket_v4_error_text(static_cast<comm_socket_v4_error>(COMM_SOCKET_V4_SYSTEM + 1)),
+                 "unknown error");
 }
 
 TEST_F(RawServerTest, reads_a_reply_that_comes_byte_by_byte) {

@@ -13,11 +13,6 @@
 
 namespace {
 
-struct Releaser {
-    void operator()(comm_socket_v4_packet* packet) const { comm_socket_v4_packet_release(packet); }
-};
-using Packet = std::unique_ptr<comm_socket_v4_packet, Releaser>;
-
 Packet begun(const char* command = "command") {
     Packet packet(comm_socket_v4_packet_create());
     EXPECT_EQ(comm_socket_v4_packet_begin_writing(packet.get(), 0, command, "message"), 0);

@@ -233,6 +233,15 @@ void EchoServer::run(std::stop_token stop) {
     }
 }
 
+Packet make_request(const std::string& command, const Arguments& arguments) {
+    Packet request(comm_socket_v4_packet_create());
+    EXPECT_EQ(comm_socket_v4_packet_begin_writing(request.get(), 0, command.c_str(), ""), 0);
+    for (const auto& argument : arguments)
+        EXPECT_EQ(comm_socket_v4_packet_write_argv(request.get(), argument ? argument->c_str() : nullptr), 0);
+    EXPECT_EQ(comm_socket_v4_packet_write_end(request.get()), 0);
+    return request;
+}
+
 int count_descriptors() {
     int count = 0;
     for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator("/proc/self/fd"))

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <thread>
@@ -100,6 +101,17 @@ class EchoServer {
     DrivenServer server;
     std::jthread thread;
 };
+
+// The client's objects, with their owner.
+struct Releaser {
+    void operator()(comm_socket_v4_packet* packet) const { comm_socket_v4_packet_release(packet); }
+    void operator()(comm_socket_v4_connection* connection) const { comm_socket_v4_disconnect(connection); }
+};
+using Packet = std::unique_ptr<comm_socket_v4_packet, Releaser>;
+using Connection = std::unique_ptr<comm_socket_v4_connection, Releaser>;
+
+// Ready to be sent.
+Packet make_request(const std::string& command, const Arguments& arguments = {});
 
 // Open descriptors of this process.
 int count_descriptors();

@@ -1,0 +1,142 @@
+// What the client makes of system calls that are refused. Its own executable, because it replaces them.
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "comm_socket/include/comm_socket_v4.h"
+#include "tests/comm_socket/raw_peer.h"
+
+namespace {
+
+constexpr std::uint64_t PATIENT_US = 10000000;
+
+// The error of the next call of each kind on this thread; 0: it does what it always does. The server of the tests
+// runs on a thread of its own and is spared.
+struct NextErrors {
+    int socket = 0;
+    int connect = 0;
+    int poll = 0;
+    int send = 0;
+    int recv = 0;
+};
+thread_local NextErrors next_errors;
+
+bool is_refused(int& next_error) {
+    errno = std::exchange(next_error, 0);
+    return errno != 0;
+}
+
+}  // namespace
+
+extern "C" {
+int __real_socket(int domain, int type, int protocol);
+int __real_connect(int fd, const sockaddr* address, socklen_t bytes);
+int __real_poll(pollfd* entries, nfds_t count, int timeout_ms);
+ssize_t __real_send(int fd, const void* data, size_t bytes, int flags);
+ssize_t __real_recv(int fd, void* data, size_t bytes, int flags);
+int __wrap_socket(int domain, int type, int protocol);
+int __wrap_connect(int fd, const sockaddr* address, socklen_t bytes);
+int __wrap_poll(pollfd* entries, nfds_t count, int timeout_ms);
+ssize_t __wrap_send(int fd, const void* data, size_t bytes, int flags);
+ssize_t __wrap_recv(int fd, void* data, size_t bytes, int flags);
+
+int __wrap_socket(int domain, int type, int protocol) {
+    return is_refused(next_errors.socket) ? -1 : __real_socket(domain, type, protocol);
+}
+int __wrap_connect(int fd, const sockaddr* address, socklen_t bytes) {
+    return is_refused(next_errors.connect) ? -1 : __real_connect(fd, address, bytes);
+}
+int __wrap_poll(pollfd* entries, nfds_t count, int timeout_ms) {
+    return is_refused(next_errors.poll) ? -1 : __real_poll(entries, count, timeout_ms);
+}
+ssize_t __wrap_send(int fd, const void* data, size_t bytes, int flags) {
+    return is_refused(next_errors.send) ? -1 : __real_send(fd, data, bytes, flags);
+}
+ssize_t __wrap_recv(int fd, void* data, size_t bytes, int flags) {
+    return is_refused(next_errors.recv) ? -1 : __real_recv(fd, data, bytes, flags);
+}
+}
+
+namespace {
+
+struct Row {
+    int NextErrors::*call;
+    int error;
+    comm_socket_v4_error outcome;
+};
+
+class ClientSystemCallsTest : public testing::Test {
+  protected:
+    ~ClientSystemCallsTest() override { next_errors = {}; }
+
+    Connection connect_to_server(comm_socket_v4_error* error) const {
+        return Connection(comm_socket_v4_connect(path.c_str(), PATIENT_US, error));
+    }
+
+    TemporaryDirectory directory;
+    std::string path = directory.file("socket");
+    EchoServer server{path};
+};
+
+}  // namespace
+
+TEST_F(ClientSystemCallsTest, a_refused_connection_says_why_and_leaves_no_descriptor) {
+    const int descriptors = count_descriptors();
+    for (const Row& row : {Row{&NextErrors::socket, EMFILE, COMM_SOCKET_V4_SYSTEM},
+                           {&NextErrors::connect, EACCES, COMM_SOCKET_V4_PERMISSION},
+                           {&NextErrors::connect, EPERM, COMM_SOCKET_V4_PERMISSION},
+                           {&NextErrors::connect, ENOTDIR, COMM_SOCKET_V4_NO_SOCKET},
+                           {&NextErrors::connect, ENOBUFS, COMM_SOCKET_V4_SYSTEM}}) {
+        next_errors.*row.call = row.error;
+        comm_socket_v4_error error = COMM_SOCKET_V4_OK;
+        EXPECT_EQ(connect_to_server(&error), nullptr);
+        EXPECT_EQ(errno, row.error);
+        EXPECT_EQ(error, row.outcome) << row.error;
+        EXPECT_EQ(count_descriptors(), descriptors);
+    }
+}
+
+TEST_F(ClientSystemCallsTest, a_refused_call_ends_the_request_with_its_reason) {
+    for (const Row& row : {Row{&NextErrors::send, ECONNRESET, COMM_SOCKET_V4_CLOSED},
+                           {&NextErrors::send, ENOBUFS, COMM_SOCKET_V4_SYSTEM},
+                           {&NextErrors::recv, ECONNRESET, COMM_SOCKET_V4_CLOSED},
+                           {&NextErrors::recv, ENOBUFS, COMM_SOCKET_V4_SYSTEM},
+                           {&NextErrors::poll, EINVAL, COMM_SOCKET_V4_SYSTEM}}) {
+        const Connection connection = connect_to_server(nullptr);
+        const Packet request = make_request("hello");
+        next_errors.*row.call = row.error;
+        comm_socket_v4_packet* reply = nullptr;
+        EXPECT_EQ(comm_socket_v4_call(connection.get(), request.get(), PATIENT_US, &reply), row.outcome)
+            << row.error;
+        EXPECT_EQ(reply, nullptr);
+    }
+}
+
+TEST_F(ClientSystemCallsTest, after_a_failed_send_nothing_more_is_sent) {
+    const Connection connection = connect_to_server(nullptr);
+    const Packet request = make_request("hello");
+    next_errors.send = ENOBUFS;
+    EXPECT_EQ(comm_socket_v4_send_request(connection.get(), request.get(), PATIENT_US),
+              COMM_SOCKET_V4_SYSTEM);
+    EXPECT_EQ(comm_socket_v4_send_request(connection.get(), request.get(), PATIENT_US),
+              COMM_SOCKET_V4_CLOSED);
+}
+
+TEST_F(ClientSystemCallsTest, interrupted_calls_are_made_again) {
+    next_errors = {.connect = EINTR, .poll = EINTR, .send = EINTR, .recv = EINTR};
+    comm_socket_v4_error error = COMM_SOCKET_V4_SYSTEM;
+    const Connection connection = connect_to_server(&error);
+    ASSERT_EQ(error, COMM_SOCKET_V4_OK);
+    const Packet request = make_request("hello");
+    comm_socket_v4_packet* received = nullptr;
+    EXPECT_EQ(comm_socket_v4_call(connection.get(), request.get(), PATIENT_US, &received), COMM_SOCKET_V4_OK);
+    const Packet reply(received);
+    ASSERT_NE(reply, nullptr);
+    EXPECT_STREQ(comm_socket_v4_packet_get_message(reply.get()), "How are you?");
+    EXPECT_EQ(next_errors.connect + next_errors.poll + next_errors.send + next_errors.recv, 0);
+}
