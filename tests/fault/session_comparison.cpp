@@ -52,7 +52,7 @@ class Comparison {
         if (!story.end || story.end->signal != SIGABRT) {
             complain("the server did not abort");
         }
-        if (text.find(expected.last_words + "\n") == std::string::npos) {
+        if (text.find(expected.last_words) == std::string::npos) {
             complain("the server did not say: " + expected.last_words);
         }
     }
