@@ -86,8 +86,9 @@ def judge(samples, totals, reports, options):
     def information(figure, value):
         return Row(figure, value, "", None)
 
-    if "end" not in totals or not samples:
-        return [Row("the run", "did not come to its end", "must", False), zero("failures", totals["failure_count"])]
+    if "stop_ms" not in totals or not samples:
+        return [Row("the run", "did not come to its end", "must", False), zero("failures", totals["failure_count"]),
+                zero("sanitizer reports, assertions", len(reports))]
     counts = totals["counts"]
     frames = totals["frames"]
     worst_oversleep = max(s["oversleep_ms"] for s in samples)

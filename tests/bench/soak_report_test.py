@@ -151,8 +151,12 @@ class SoakReport(unittest.TestCase):
         self.assertEqual(self.failed_rows(), ["frames lost"])
 
     def test_a_run_that_broke_off_fails(self):
-        del self.totals["end"]
-        self.assertIn("the run", self.failed_rows())
+        for last in ("stop_ms", "end"):
+            del self.totals[last]
+            self.totals["failure_count"] = 1
+            self.assertEqual(self.failed_rows(), ["the run", "failures"], last)
+        self.log = "==1==ERROR: LeakSanitizer: detected memory leaks\n"
+        self.assertEqual(self.failed_rows(), ["the run", "failures", "sanitizer reports, assertions"])
         self.totals = good_totals()
         self.samples = []
         self.assertIn("the run", self.failed_rows())
