@@ -29,7 +29,7 @@ def good_samples():
 
 def good_totals():
     return {"start": {"rss_kib": 3500, "threads": 1, "descriptors": 5},
-            "end": {"rss_kib": 6000, "threads": 1, "descriptors": 5},
+            "end": {"rss_kib": 4100, "threads": 1, "descriptors": 5},
             "seconds": SECONDS, "ended_early": False, "failures": [], "failure_count": 0, "late_limit_ms": 250,
             "setup": {"publishers": 8, "players": 100, "kbit": 1000}, "frames": FRAMES_PER_SECOND * SECONDS,
             "bytes": 15000000000, "lost": 0, "missing": 0, "damaged": 0, "late": 0, "median_ms": 31, "p99_ms": 59,
@@ -54,6 +54,14 @@ class SoakReport(unittest.TestCase):
                 if row.holds is False]
 
     def test_a_good_run_passes(self):
+        self.assertEqual(self.failed_rows(), [])
+
+    def test_memory_that_is_not_given_back_fails(self):
+        self.totals["end"]["rss_kib"] = 3500 + 2048
+        self.assertEqual(self.failed_rows(), [])
+        self.totals["end"]["rss_kib"] += 1
+        self.assertEqual(self.failed_rows(), ["memory left"])
+        self.options = ["--memory-rise", "none"]
         self.assertEqual(self.failed_rows(), [])
 
     def test_one_lost_frame_fails(self):

@@ -99,7 +99,7 @@ TEST_P(DropStorm, leaves_nothing_behind_and_disturbs_nobody) {
     const std::uint64_t seed = storm_seed() + 1000 * static_cast<std::uint64_t>(GetParam());
     const std::size_t drops = storm_count("V9_STORM_DROPS", 10000, 1200) / STORM_SHARDS;
     shrink_send_buffers();
-    ServerOptions server_options = frugal_server();
+    ServerOptions server_options;
     server_options.arguments = {"--dbg-pkt"};
     server_options.stderr_pipe_bytes = 4096;
     ServerProcess server(server_options);

@@ -23,16 +23,8 @@ std::uint64_t storm_seed() {
     return seed;
 }
 
-ServerOptions frugal_server() {
-    ServerOptions options;
-    options.environment = {
-        "GLIBC_TUNABLES=glibc.malloc.arena_max=1:glibc.malloc.mmap_threshold=65536:"
-        "glibc.malloc.trim_threshold=65536"};
-    return options;
-}
-
 void go_first() {
     sched_param priority{};
     priority.sched_priority = sched_get_priority_min(SCHED_RR);
-    (void)sched_setscheduler(0, SCHED_RR, &priority);
+    (void)sched_setscheduler(0, SCHED_RR | SCHED_RESET_ON_FORK, &priority);
 }

@@ -2,8 +2,6 @@
 // environment. A number is that of all shards together.
 #pragma once
 
-#include "tests/support/server_process.h"
-
 #include <cstddef>
 #include <cstdint>
 
@@ -16,14 +14,10 @@ std::size_t storm_count(const char* variable, std::size_t in_release, std::size_
 // V9_STORM_SEED, or a new one each time. Says on standard output how to have it again.
 std::uint64_t storm_seed();
 
-// A server whose resident memory is what it keeps: the allocator gives back what is freed, where by default it keeps
-// some megabytes of it for each processor.
-ServerOptions frugal_server();
-// What the second half of a storm may add then to what the first half has left. A leak of 200 bytes for each of a
+// What the second half of a storm may add to the memory that the first half has left. A leak of 200 bytes for each of a
 // thousand connections is more.
 constexpr std::size_t ALLOWED_GROWTH_KIB = 256;
 
 // For who measures time: a machine that is busy with something else proves nothing about the server. Where it is
-// allowed, the calling thread runs before all others, and so do the threads and servers that it starts from then on;
-// there is little that they do.
+// allowed, the calling thread runs before all others. The threads and servers that it starts do not.
 void go_first();
