@@ -40,11 +40,11 @@ class CheckCoverage(unittest.TestCase):
 
     def test_the_lines_of_all_have_a_limit(self):
         files = [file("base/a.cpp", 969), file("amf/b.cpp", 970)]
-        status, errors = self.check(files, "`base/a.cpp` `amf/b.cpp`")
+        status, errors = self.check(files, "| `base/a.cpp` | 31 | x |\n| `amf/b.cpp` | 30 | x |")
         self.assertEqual(status, 1)
         self.assertIn("96.95 % of all lines run", errors)
         files[0]["line_covered"] = 970
-        self.assertEqual(self.check(files, "`base/a.cpp` `amf/b.cpp`"), (0, ""))
+        self.assertEqual(self.check(files, "| `base/a.cpp` | 30 | x |\n| `amf/b.cpp` | 30 | x |"), (0, ""))
 
     def test_the_branches_of_all_have_a_limit(self):
         self.assertEqual(self.check([file("base/a.cpp", branch_covered=90)]), (0, ""))
@@ -54,15 +54,17 @@ class CheckCoverage(unittest.TestCase):
 
     def test_the_lines_of_a_folder_have_a_limit_of_their_own(self):
         files = [file("base/a.cpp", 949), file("amf/b.cpp"), file("amf/c.cpp"), file("amf/d.cpp")]
-        status, errors = self.check(files, "`base/a.cpp`")
+        status, errors = self.check(files, "| `base/a.cpp` | 51 | x |")
         self.assertEqual(status, 1)
         self.assertEqual(errors, "coverage: 94.90 % of the lines in base/ run, 95.0 % have to\n")
 
-    def test_a_line_that_no_test_runs_needs_a_reason(self):
-        status, errors = self.check([file("base/a.cpp", 999)], "`base/b.cpp`")
+    def test_lines_that_no_test_runs_need_a_reason(self):
+        status, errors = self.check([file("base/a.cpp", 998)], "| `base/b.cpp` | 2 | x |")
         self.assertEqual(status, 1)
-        self.assertIn("base/a.cpp has lines that no test runs", errors)
-        self.assertEqual(self.check([file("base/a.cpp", 999)], "- `base/a.cpp`: why"), (0, ""))
+        self.assertIn("base/a.cpp has 2 lines that no test runs, and reasons are given for 0", errors)
+        self.assertIn("base/b.cpp has reasons, but is not counted", errors)
+        self.assertEqual(self.check([file("base/a.cpp", 998)], "| `base/a.cpp` | 2 | why |"), (0, ""))
+        self.assertEqual(self.check([file("base/a.cpp", 998)], "| `base/a.cpp` | 1 | why |")[0], 1)
 
 
 if __name__ == "__main__":
