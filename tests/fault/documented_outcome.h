@@ -6,6 +6,7 @@
 #include "tests/fault/scripted_session.h"
 
 #include <cstddef>
+#include <cstdint>
 #include <limits>
 #include <map>
 #include <string>
@@ -44,8 +45,11 @@ struct DocumentedOutcome {
     // The process ends by an assertion, or for want of memory.
     std::string last_words;
     bool control_socket_lost = false;
+    // Before it had the answers that it waits for.
     bool control_client_lost = false;
-    bool control_reply_lost = false;
+    std::uint32_t control_answer_lost = 0;  // which one, from 1; 0: none
+    // Whose messages are acknowledged but for one.
+    std::size_t misses_acknowledgement = NOBODY;
     std::size_t listed_without_lock = NOBODY;
 };
 

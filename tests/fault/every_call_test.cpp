@@ -32,6 +32,8 @@ constexpr const char* TALLY = "tally: ";
 // Sanitizer builds, which are three times as slow, take one call of so many.
 constexpr std::uint64_t STEP = TIME_SCALE == 1 ? 1 : 7;
 
+constexpr int MAX_UNREACHED_PART = 25;  // one in so many, where sessions differ
+
 constexpr const char* OUT_OF_MEMORY = "ends: terminate called after throwing an instance of 'std::bad_alloc'";
 
 struct Sweep {
@@ -143,8 +145,21 @@ class Worker {
     FILE* pipe = nullptr;
 };
 
-// The calls of this kind that a session makes in which nothing fails. Some depend on how long it took.
-std::uint64_t calls_of_a_session(const Sweep& sweep) {
+// Calls that are made again and again until something happens: how many, depends on how long a session takes.
+bool depends_on_time(const Sweep& sweep) {
+    switch (sweep.call) {
+        case FaultCall::ACCEPT4:
+        case FaultCall::RECV:  // of the control socket's clients
+        case FaultCall::PTHREAD_MUTEX_LOCK:
+        case FaultCall::PTHREAD_MUTEX_UNLOCK:
+            return true;
+        default:
+            return false;
+    }
+}
+
+// The calls of this kind that a session makes in which nothing fails.
+std::uint64_t calls_of_one_session(const Sweep& sweep) {
     // What is counted within one function only, the injector counts when told to let them all pass.
     constexpr std::uint64_t NEVER = 1000000000;
     FaultyServer faulty(sweep.within.empty() ? "" : plan_of(sweep, NEVER));
@@ -155,6 +170,16 @@ std::uint64_t calls_of_a_session(const Sweep& sweep) {
         throw TestFailure("without any fault: " + problem + faulty.server.raw_text());
     }
     return sweep.within.empty() ? faulty.watch.calls(sweep.call) : faulty.watch.seen();
+}
+
+// Where it depends on time, as many as every session should make.
+std::uint64_t calls_of_a_session(const Sweep& sweep) {
+    constexpr int SESSIONS = 5;
+    std::uint64_t least = calls_of_one_session(sweep);
+    for (int i = 1; i < SESSIONS && depends_on_time(sweep); ++i) {
+        least = std::min(least, calls_of_one_session(sweep));
+    }
+    return least;
 }
 
 // Expects that each of these was the outcome of at least one run, where no call is left out.
@@ -182,8 +207,7 @@ void run_sweep(const Sweep& sweep, const std::vector<std::string>& must_be_among
     }
     std::cout << "    " << runs << " runs for " << last << " calls\n";
     EXPECT_EQ(static_cast<std::uint64_t>(runs), (last + sweep.step - 1) / sweep.step);
-    // Of those that are made again and again until something happens, a session may make fewer than the one counted.
-    EXPECT_LE(outcomes["not reached"], runs / 2);
+    EXPECT_LE(outcomes["not reached"], depends_on_time(sweep) ? 1 + runs / MAX_UNREACHED_PART : 0);
     for (const std::string& outcome : must_be_among) {
         EXPECT_TRUE(outcomes[outcome] > 0 || sweep.step > 1) << outcome;
     }
@@ -218,7 +242,7 @@ TEST(every_call, of_setsockopt_may_fail) {
 TEST(every_call, of_recv_may_fail) {
     run_sweep({.call = FaultCall::RECV, .action = "EIO"},
               {"the reader dies, C0 fail", "the reader dies, C1 fail", "the reader dies, C2 fail",
-               "the reader dies, in silence"});
+               "the reader dies, in silence", "that control client is closed"});
 }
 
 TEST(every_call, of_recv_may_be_interrupted) {
@@ -248,7 +272,8 @@ TEST(every_call, of_send_may_take_a_single_byte) {
 }
 
 TEST(every_call, of_sendmsg_may_fail) {
-    run_sweep({.call = FaultCall::SENDMSG, .action = "EPIPE"}, {"the writer dies"});
+    run_sweep({.call = FaultCall::SENDMSG, .action = "EPIPE"},
+              {"the writer dies", "that control client is closed"});
 }
 
 TEST(every_call, of_sendmsg_may_be_interrupted) {
@@ -290,7 +315,8 @@ TEST(every_call, of_pthread_mutex_unlock_may_fail) {
 
 TEST(every_call, for_memory_that_may_be_refused_may_be_refused) {
     run_sweep({.call = FaultCall::NOTHROW_NEW, .action = "ENOMEM", .step = TIME_SCALE == 1 ? 1 : 3},
-              {"AMF0 error command, dropped", "the reader dies, Failed to alloc pkt data"});
+              {"AMF0 error command, dropped", "the reader dies, Failed to alloc pkt data",
+               "an acknowledgement is missed"});
 }
 
 TEST(every_call, for_memory_in_the_control_server_may_be_refused) {

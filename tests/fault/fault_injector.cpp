@@ -69,6 +69,7 @@ struct ThreadIdentity {
     std::uint32_t connection = NO_FAULT_CONNECTION;
     bool in_nothrow_new = false;
     bool looking_at_the_stack = false;
+    std::uint64_t received_bytes = 0;
     std::array<std::uint32_t, FAULT_CALL_NAMES.size()> calls{};
 };
 
@@ -276,6 +277,8 @@ void record(const Stack& stack, FaultCall call, const Subject& subject) {
         first.thread = self.role;
         first.connection = subject.mutex != nullptr ? connection_of_mutex(subject.mutex) : self.connection;
         first.call_of_thread = self.calls[static_cast<std::size_t>(call)];
+        first.sendmsg_calls = self.calls[static_cast<std::size_t>(FaultCall::SENDMSG)];
+        first.received_bytes = self.received_bytes;
         int domain = 0;
         socklen_t length = sizeof domain;
         first.on_control_socket =
@@ -355,7 +358,9 @@ Function real(Function& cached, const char* name) {
 ssize_t receive(int fd, void* buffer, std::size_t length, int flags, const void* caller) {
     const Fault* const fault = suffer(FaultCall::RECV, caller, {.fd = fd});
     if (fault == nullptr) {
-        return REAL(recv)(fd, buffer, length, flags);
+        const ssize_t got = REAL(recv)(fd, buffer, length, flags);
+        self.received_bytes += static_cast<std::uint64_t>(std::max<ssize_t>(got, 0));
+        return got;
     }
     if (fault->action == Action::ERRNO) {
         return fail_with(*fault);

@@ -53,6 +53,9 @@ struct FaultRecord {
     std::uint32_t connection = NO_FAULT_CONNECTION;
     // Of this kind by this thread, from 1.
     std::uint32_t call_of_thread = 0;
+    // What this thread had done by then: calls of sendmsg, bytes that its calls of recv brought.
+    std::uint32_t sendmsg_calls = 0;
+    std::uint64_t received_bytes = 0;
     // The socket is the control socket or one of its clients.
     std::uint32_t on_control_socket = 0;
     // pthread_cancel, pthread_join: whose thread was meant, and which of its two.

@@ -15,6 +15,7 @@ namespace {
 
 constexpr std::uint32_t TIMESTAMP_MS = 1000;  // The same for all: nothing is held back.
 constexpr std::size_t CONTROL_PEERS = 3;
+constexpr Milliseconds ACKNOWLEDGEMENT_WAIT = scaled(Milliseconds{5000});
 constexpr Milliseconds END_WAIT = scaled(Milliseconds{2000});
 
 const std::array<std::pair<std::string, Bytes>, 7> MEDIA{{{"audio header", aac_header()},
@@ -58,7 +59,7 @@ const char* stream_of(std::size_t client) {
 // A client of the session, for as long as the server lets it.
 class Guest {
   public:
-    explicit Guest(ClientStory& written) : story(written) {}
+    explicit Guest(ClientStory& written) : story(written) { client.note_message_ends(story.to_acknowledge); }
 
     // Nothing, once the client is gone.
     void act(const std::function<void(RtmpClient&)>& step) {
@@ -84,9 +85,26 @@ class Guest {
             const Bytes answer = amf_string("_result") + amf_number(id) + amf_null();
             rtmp.send_command(amf_string("releaseStream") + amf_number(id) + amf_null());
             for (bool answered = false; !answered;) {
-                const RtmpMessage message = rtmp.read_message();
+                const RtmpMessage message = rtmp.read_any_message();
                 answered = message.payload == answer;
-                story.received.push_back(answered ? "answer" : in_short(message));
+                note(message, answered ? "answer" : in_short(message));
+            }
+        });
+    }
+
+    // Waits for the acknowledgement of its last message, in vain when it is that one which is missed.
+    void wait_for_acknowledgements() {
+        act([this](RtmpClient& rtmp) {
+            const TimePoint deadline = SteadyClock::now() + ACKNOWLEDGEMENT_WAIT;
+            while (story.acknowledged.empty() || story.acknowledged.back() != story.to_acknowledge.back()) {
+                const auto message = rtmp.try_read_message(Milliseconds{poll_timeout_ms(deadline)});
+                if (message) {
+                    note(*message, in_short(*message));
+                } else if (rtmp.closed_by_server()) {
+                    throw TestFailure("the server closed the connection before it acknowledged everything");
+                } else {
+                    return;
+                }
             }
         });
     }
@@ -107,13 +125,21 @@ class Guest {
     void note_handshake() { handshaken = true; }
 
   private:
+    void note(const RtmpMessage& message, const std::string& name) {
+        if (message.type == MSG_ACKNOWLEDGEMENT) {
+            story.acknowledged.push_back(get_be32(message.payload));
+        } else {
+            story.received.push_back(name);
+        }
+    }
+
     // Whether the server closes the connection in time; what it sends before that is kept.
     bool closes() {
         const TimePoint deadline = SteadyClock::now() + DEFAULT_WAIT;
         while (handshaken && !client.closed_by_server() && SteadyClock::now() < deadline) {
             const auto message = client.try_read_message(Milliseconds{poll_timeout_ms(deadline)});
-            if (message && message->type != MSG_ACKNOWLEDGEMENT) {
-                story.received.push_back(in_short(*message));
+            if (message) {
+                note(*message, in_short(*message));
             }
         }
         while (!client.closed_by_server() && SteadyClock::now() < deadline) {
@@ -270,6 +296,9 @@ class Session {
     }
 
     void list_and_drop() {
+        for (const std::size_t client : {FIRST_PUBLISHER, FIRST_PLAYER, LATE_PLAYER}) {
+            guest(client).wait_for_acknowledgements();
+        }
         if (!ask_control_server()) {
             story.control.peers = 0;
         }
@@ -292,13 +321,17 @@ class Session {
 
     void leave() {
         control_peers.clear();
+        guest(SECOND_PUBLISHER).wait_for_acknowledgements();
+        guest(SECOND_PLAYER).wait_for_acknowledgements();
         guest(SECOND_PUBLISHER).leave();
         guest(SECOND_PLAYER).leave();
         server.err().wait_for_count("Dropping connection", SESSION_CLIENTS);
         server.wait_for_thread_count(THREADS_AT_REST);
-        const std::size_t expected = FDS_AT_REST - (control_socket_is_lost() ? 1 : 0);
+        std::size_t expected = 0;
         const TimePoint deadline = SteadyClock::now() + END_WAIT;
         do {
+            story.control.lost_at_rest = control_socket_is_lost();
+            expected = FDS_AT_REST - (story.control.lost_at_rest ? 1 : 0);
             story.fds_after = server.fd_count();
         } while (story.fds_after != expected && SteadyClock::now() < deadline);
         (void)server.stop();

@@ -10,6 +10,7 @@
 
 #include <array>
 #include <cstddef>
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
@@ -29,7 +30,11 @@ constexpr std::size_t FDS_AT_REST = 5;
 using Transcript = std::vector<std::string>;
 
 struct ClientStory {
+    // Acknowledgements stand apart: the reader thread sends them, so their place among the rest is free.
     Transcript received;
+    std::vector<std::uint64_t> acknowledged;
+    // What they must say: how much the client had sent, handshake included, at the end of each of its messages.
+    std::vector<std::uint64_t> to_acknowledge;
     // Closed by the server, though nobody had asked for it.
     bool dropped = false;
 };
@@ -37,6 +42,8 @@ struct ClientStory {
 struct ControlStory {
     // How many clients of the control socket it took until one was answered; 0: none was.
     int peers = 0;
+    // The socket had been lost when the descriptors were counted; it may still be later.
+    bool lost_at_rest = false;
     std::optional<std::vector<std::string>> listed;  // the connection lines
     std::optional<std::string> dropped;              // the answer to the drop of the first stream
 };
@@ -50,7 +57,7 @@ struct SessionStory {
     std::size_t fds_after = 0;
 };
 
-// What a client receives when nothing fails. Acknowledgements are left out.
+// What a client receives when nothing fails, but for the acknowledgements.
 const Transcript& whole_transcript(std::size_t client);
 bool is_media(const std::string& received);
 bool is_first_stream(std::size_t client);

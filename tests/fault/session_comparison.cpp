@@ -11,12 +11,15 @@ namespace {
 
 constexpr Times ONCE{1, 1};
 
-std::string joined(const Transcript& transcript) {
-    std::string text;
-    for (const std::string& one : transcript) {
-        text += (text.empty() ? "" : ", ") + one;
+template <typename List>
+std::string joined(const List& list) {
+    std::ostringstream text;
+    const char* separator = "";
+    for (const auto& one : list) {
+        text << separator << one;
+        separator = ", ";
     }
-    return "[" + text + "]";
+    return "[" + text.str() + "]";
 }
 
 class Comparison {
@@ -36,9 +39,11 @@ class Comparison {
         }
         find_dropped();
         compare_clients();
+        compare_acknowledgements();
         compare_control();
         compare_texts();
-        const std::size_t fds = FDS_AT_REST - (expected.control_socket_lost ? 1 : 0);
+        const std::size_t fds =
+            FDS_AT_REST - (expected.control_socket_lost && story.control.lost_at_rest ? 1 : 0);
         if (story.fds_after != fds) {
             complain(std::to_string(story.fds_after) + " descriptors are left, not " + std::to_string(fds));
         }
@@ -173,6 +178,24 @@ class Comparison {
         }
     }
 
+    void compare_acknowledgements() {
+        for (std::size_t i = 0; i < SESSION_CLIENTS; ++i) {
+            const std::vector<std::uint64_t>& told = story.clients[i].acknowledged;
+            const std::vector<std::uint64_t>& due = story.clients[i].to_acknowledge;
+            const auto [in_told, in_due] = std::mismatch(told.begin(), told.end(), due.begin(), due.end());
+            bool as_expected = told == due;
+            if (i == dropped) {
+                as_expected = in_told == told.end();  // What its reader had come to, and its writer.
+            } else if (i == expected.misses_acknowledgement) {
+                as_expected = in_due != due.end() && std::equal(in_told, told.end(), in_due + 1, due.end());
+            }
+            if (!as_expected) {
+                complain("client " + std::to_string(i) + " was acknowledged " + joined(told) + " of " +
+                         joined(due));
+            }
+        }
+    }
+
     // What a listing says of a client between its slot and its video size.
     static std::string role_of(std::size_t client) {
         return std::string("\t") + (is_first_stream(client) ? "cam1" : "cam2") + '\t' +
@@ -188,11 +211,12 @@ class Comparison {
             }
             return;
         }
-        if (control.peers > (expected.control_client_lost ? 2 : 1)) {
+        if (control.peers != (expected.control_client_lost ? 2 : 1)) {
             complain(std::to_string(control.peers) + " control clients were needed");
         }
-        if ((!control.dropped || !control.listed) && !expected.control_reply_lost) {
-            complain("the control server did not answer");
+        if (control.listed.has_value() != (expected.control_answer_lost != 1) ||
+            control.dropped.has_value() != (expected.control_answer_lost != 2)) {
+            complain("the control server left out another answer than it had to, or none");
         }
         if (control.peers == 1 && control.listed && control.dropped) {
             compare_list(*control.listed, *control.dropped);

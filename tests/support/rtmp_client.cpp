@@ -98,6 +98,7 @@ RtmpClient::RtmpClient(RtmpClient&& other) noexcept
       fd(std::exchange(other.fd, -1)),
       send_chunk_bytes(other.send_chunk_bytes),
       sent_bytes(other.sent_bytes),
+      message_ends(other.message_ends),
       round_trips(other.round_trips),
       read_chunk_bytes(other.read_chunk_bytes),
       buffer(std::move(other.buffer)),
@@ -150,6 +151,13 @@ bool RtmpClient::try_send_bytes(std::string_view bytes, Milliseconds wait) {
         }
     }
     return true;
+}
+
+void RtmpClient::send_message(const OutMessage& message) {
+    send_bytes(chunked(message, send_chunk_bytes));
+    if (message_ends != nullptr) {
+        message_ends->push_back(sent_bytes);
+    }
 }
 
 void RtmpClient::send_in_pieces(std::string_view bytes, std::size_t piece_bytes) {

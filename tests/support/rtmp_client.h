@@ -72,13 +72,15 @@ class RtmpClient {
     // False when the server has closed the connection; part of the bytes may be gone by then.
     [[nodiscard]] bool try_send_bytes(std::string_view bytes, Milliseconds wait = DEFAULT_WAIT);
     void send_in_pieces(std::string_view bytes, std::size_t piece_bytes);
-    void send_message(const OutMessage& message) { send_bytes(chunked(message, send_chunk_bytes)); }
+    void send_message(const OutMessage& message);
     // Sends a set chunk size message and cuts what follows into such chunks. The server's echo changes the
     // size with which messages are read when it is read.
     void set_chunk_size(std::uint32_t chunk_bytes);
     std::uint32_t send_chunk_size() const { return send_chunk_bytes; }
     // Everything sent so far, handshake included: what an acknowledgement counts.
     std::uint64_t bytes_sent() const { return sent_bytes; }
+    // From now on bytes_sent() is appended there whenever a message has been sent.
+    void note_message_ends(std::vector<std::uint64_t>& ends) { message_ends = &ends; }
 
     void send_command(const Bytes& payload, std::uint32_t csid = 3, std::uint32_t stream_id = 0);
     void send_connect(std::string_view app = "ombrex-live", double transaction_id = 1);
@@ -152,6 +154,7 @@ class RtmpClient {
     // The sending thread's.
     std::uint32_t send_chunk_bytes = DEFAULT_CHUNK_SIZE;
     std::uint64_t sent_bytes = 0;
+    std::vector<std::uint64_t>* message_ends = nullptr;
     double round_trips = 0;
     // The reading thread's.
     std::uint32_t read_chunk_bytes = DEFAULT_CHUNK_SIZE;
