@@ -11,10 +11,8 @@ import unittest
 
 sys.dont_write_bytecode = True
 ROOT = pathlib.Path(__file__).resolve().parents[2]
-spec = importlib.util.spec_from_file_location("soak_report", ROOT / "bench" / "soak_report.py")
-soak_report = importlib.util.module_from_spec(spec)
-sys.modules[spec.name] = soak_report
-spec.loader.exec_module(soak_report)
+sys.path.insert(0, str(ROOT / "bench"))
+import soak_report  # noqa: E402
 
 SECONDS = 1200
 FRAMES_PER_SECOND = 7000

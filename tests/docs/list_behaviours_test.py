@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """tools/list_behaviours.py writes every test onto its page, and notices when one comes, goes or changes its name."""
 import contextlib
-import importlib.util
+import fnmatch
 import io
 import pathlib
 import sys
@@ -10,9 +10,8 @@ import unittest
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
 sys.dont_write_bytecode = True
-SPEC = importlib.util.spec_from_file_location("list_behaviours", ROOT / "tools/list_behaviours.py")
-LIST = importlib.util.module_from_spec(SPEC)
-SPEC.loader.exec_module(LIST)
+sys.path.insert(0, str(ROOT / "tools"))
+import list_behaviours as LIST  # noqa: E402
 
 HANDSHAKE = "TEST_F(handshake, fails_when_nobody_answers) {\n}\n\nTEST_F(handshake, counts_every_byte) {\n}\n"
 
@@ -96,6 +95,13 @@ class BehaviourList(unittest.TestCase):
     def test_no_tests_are_no_page(self):
         (self.root / "tests/rtmp/handshake_test.cpp").unlink()
         self.assertEqual(self.run_tool("--write")[0], 1)
+
+    def test_every_pattern_of_the_groups_matches_tests_that_are_there(self):
+        folder = ROOT / LIST.TESTS
+        names = [path.relative_to(folder).as_posix() for path in folder.rglob("*") if path.is_file()]
+        for heading, _, patterns in LIST.GROUPS:
+            for pattern in patterns:
+                self.assertTrue(fnmatch.filter(names, pattern), f"{heading}: nothing matches {pattern}")
 
 
 if __name__ == "__main__":
