@@ -19,6 +19,8 @@
 #include "rtmp/rtmp_packet.h"
 
 constexpr std::uint32_t DEFAULT_CHUNK_SIZE = 128;
+constexpr std::uint8_t FULL_HEADER_FMT = 0;   // begins a message that the server writes
+constexpr std::uint8_t CONTINUATION_FMT = 3;  // goes on with the message that is under way
 constexpr std::uint32_t EXTENDED_TIMESTAMP = 0xFFFFFF;
 constexpr std::size_t MAX_BASIC_HEADER_BYTES = 3;
 constexpr std::size_t MAX_MESSAGE_HEADER_BYTES = 15;

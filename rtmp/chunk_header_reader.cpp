@@ -5,6 +5,7 @@
 #include "base/bytes.h"
 #include "base/diag.h"
 #include "rtmp/chunk_format.h"
+#include "rtmp/socket_io.h"
 
 namespace {
 
@@ -29,10 +30,6 @@ bool read_first_header(RTMPConnection& conn, RTMP_Packet::chunk_t& chunk) REQUIR
 }
 
 }  // namespace
-
-bool read_whole(RTMPConnection& conn, void* d, std::size_t c) {
-    return conn.fd >= 0 && conn.cread(d, c) == static_cast<ssize_t>(c);
-}
 
 bool read_basic_header(RTMPConnection& conn, RTMP_Packet::chunk_t& chunk) {
     unsigned char first = 0;

@@ -3,11 +3,6 @@
 
 #include "core/connection.h"
 
-constexpr std::uint8_t CONTINUATION_FMT = 3;
-
-// Exactly c bytes into d; false when the client ends before.
-[[nodiscard]] bool read_whole(RTMPConnection& conn, void* d, std::size_t c);
-
 // The format and the chunk stream id; false when the client ends before.
 [[nodiscard]] bool read_basic_header(RTMPConnection& conn, RTMP_Packet::chunk_t& chunk);
 

@@ -6,9 +6,11 @@
 #include "base/diag.h"
 #include "core/connection.h"
 #include "core/switches.h"
+#include "rtmp/chunk_format.h"
 #include "rtmp/chunk_header_reader.h"
 #include "rtmp/message_types.h"
 #include "rtmp/packet_dump.h"
+#include "rtmp/socket_io.h"
 
 namespace {
 

@@ -25,8 +25,6 @@ namespace {
 
 constexpr useconds_t IDLE_SLEEP_US = 50000;
 constexpr std::size_t MAX_PIECES = 1024;  // what one sendmsg takes
-constexpr std::uint8_t FIRST_FMT = 0;
-constexpr std::uint8_t CONTINUATION_FMT = 3;
 
 // Pieces that wait to be sent in one call. Points at bytes that must stay until flush() returns.
 class GatheredPieces {
@@ -105,7 +103,7 @@ std::size_t add_chunk(RTMPConnection& conn, GatheredPieces& pieces, const RTMP_P
 
 bool send_chunks(RTMPConnection& conn, const RTMP_Packet::chunk_t& chunk, int last_flags) {
     std::array<unsigned char, MAX_BASIC_HEADER_BYTES + MAX_MESSAGE_HEADER_BYTES> header;
-    std::size_t header_bytes = write_basic_header(header.data(), FIRST_FMT, chunk.stream_id);
+    std::size_t header_bytes = write_basic_header(header.data(), FULL_HEADER_FMT, chunk.stream_id);
     header_bytes += write_message_header(header.data() + header_bytes, chunk);
     std::array<unsigned char, MAX_BASIC_HEADER_BYTES> continuation;
     const std::size_t continuation_bytes =

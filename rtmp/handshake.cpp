@@ -13,7 +13,7 @@
 #include <cstring>
 
 #include "base/diag.h"
-#include "core/connection.h"
+#include "rtmp/socket_io.h"
 
 namespace {
 
@@ -46,34 +46,27 @@ bool fail(const char* text) {
 }  // namespace
 
 bool RTMPConnection::handshake() {
-    const auto read_whole = [this](void* d, std::size_t c) {
-        return fd >= 0 && cread(d, c) == static_cast<ssize_t>(c);
-    };
-    const auto write_whole = [this](const void* s, std::size_t c) {
-        return fd >= 0 && cwrite(s, c) == static_cast<ssize_t>(c);
-    };
-
     unsigned char version = 0;
-    if (!read_whole(&version, 1) || version != RTMP_VERSION) {
+    if (!read_whole(*this, &version, 1) || version != RTMP_VERSION) {
         return fail("C0 fail\n");
     }
-    if (!write_whole(&version, 1)) {
+    if (!write_whole(*this, &version, 1)) {
         return fail("S0 fail\n");
     }
     HandshakeBlock from_client;
-    if (!read_whole(from_client.data(), BLOCK_BYTES)) {
+    if (!read_whole(*this, from_client.data(), BLOCK_BYTES)) {
         return fail("C1 fail\n");
     }
     HandshakeBlock s1{};
     fill_random(s1);
-    if (!write_whole(s1.data(), BLOCK_BYTES)) {
+    if (!write_whole(*this, s1.data(), BLOCK_BYTES)) {
         return fail("S1 fail\n");
     }
     std::memset(from_client.data() + TIME_BYTES, 0, RANDOM_OFFSET - TIME_BYTES);
-    if (!write_whole(from_client.data(), BLOCK_BYTES)) {
+    if (!write_whole(*this, from_client.data(), BLOCK_BYTES)) {
         return fail("S2 fail\n");
     }
-    if (!read_whole(from_client.data(), BLOCK_BYTES) || !echoes(from_client, s1)) {
+    if (!read_whole(*this, from_client.data(), BLOCK_BYTES) || !echoes(from_client, s1)) {
         return fail("C2 fail\n");
     }
     return true;

@@ -1,8 +1,9 @@
 // The two socket primitives of a connection: blocking, whole, counted.
+#include "rtmp/socket_io.h"
+
 #include <sys/socket.h>
 
 #include "base/check.h"
-#include "core/connection.h"
 
 ssize_t RTMPConnection::cread(void* buffer, std::size_t c) {
     auto* d = static_cast<unsigned char*>(buffer);
@@ -42,4 +43,12 @@ ssize_t RTMPConnection::cwrite(const void* buffer, std::size_t c) {
     conn_g_client.bytes_total.fetch_add(done, std::memory_order_relaxed);
     conn_g_client.bytes_unacked += static_cast<std::uint32_t>(done);
     return static_cast<ssize_t>(done);
+}
+
+bool read_whole(RTMPConnection& conn, void* d, std::size_t c) {
+    return conn.fd >= 0 && conn.cread(d, c) == static_cast<ssize_t>(c);
+}
+
+bool write_whole(RTMPConnection& conn, const void* s, std::size_t c) {
+    return conn.fd >= 0 && conn.cwrite(s, c) == static_cast<ssize_t>(c);
 }
