@@ -1,20 +1,9 @@
 #!/bin/bash
-# Loads the completion that the tool prints and completes command lines with it, against a stand-in for the tool
-# that lists two connections and one with a name that a shell must not read. Usage: bash_completion.sh V9_RTMP_CTL
-set -u
-ctl=$1
-scratch=$(mktemp -d)
-trap 'rm -r "$scratch"' EXIT
-cat >"$scratch/v9_rtmp_ctl" <<STANDIN
-#!/bin/bash
-echo "\$*" >>"$scratch/calls"
-printf '0\tcam1\tpublish\t\t1\t2\ta\n12\tdemo\tplay\t\t1\t2\tb\n3\t\$(touch $scratch/owned)\tplay\t\t1\t2\tc\n'
-STANDIN
-chmod +x "$scratch/v9_rtmp_ctl"
-PATH=$scratch:$PATH
-failed=0
+# Loads the completion that the tool prints and completes command lines with it. Usage: bash_completion.sh V9_RTMP_CTL
+# shellcheck source=tests/tools/completion_setup.sh
+source "$(dirname "$0")/completion_setup.sh"
 
-source <("$ctl" completion bash)
+source <("$1" completion bash)
 
 # expect 'WORD WORD ...' for the line in the arguments, the last of which is being typed
 expect() {
@@ -57,14 +46,5 @@ expect "demo" drop id 3 --stream = d
 expect "cam1" --socket /run/other drop stream c
 expect "cam1" --socket = /run/another drop stream c
 
-for socket in /run/other /run/another; do
-    if ! grep -q -- "--socket $socket list" "$scratch/calls"; then
-        echo "the socket of the command line, $socket, is not asked"
-        failed=1
-    fi
-done
-if [[ -e $scratch/owned ]]; then
-    echo "a stream name was executed"
-    failed=1
-fi
-exit $failed
+expect_sockets_asked "--socket /run/other" "--socket /run/another"
+exit_with_result

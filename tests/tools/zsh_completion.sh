@@ -1,21 +1,9 @@
 #!/bin/bash
-# Loads the completion that the tool prints and completes command lines with it, against a stand-in for the tool
-# that lists two connections and one with a name that a shell must not read. Usage: zsh_completion.sh V9_RTMP_CTL
-set -u
-ctl=$1
-scratch=$(mktemp -d)
-trap 'rm -r "$scratch"' EXIT
-cat >"$scratch/v9_rtmp_ctl" <<STANDIN
-#!/bin/bash
-echo "\$*" >>"$scratch/calls"
-printf '0\tcam1\tpublish\t\t1\t2\ta\n12\tdemo\tplay\t\t1\t2\tb\n3\t\$(touch $scratch/owned)\tplay\t\t1\t2\tc\n'
-STANDIN
-chmod +x "$scratch/v9_rtmp_ctl"
-touch "$scratch/calls"
-export PATH=$scratch:$PATH HOME=$scratch
-failed=0
+# Loads the completion that the tool prints and completes command lines with it. Usage: zsh_completion.sh V9_RTMP_CTL
+# shellcheck source=tests/tools/completion_setup.sh
+source "$(dirname "$0")/completion_setup.sh"
 
-"$ctl" completion zsh >"$scratch/completion.zsh"
+"$1" completion zsh >"$scratch/completion.zsh"
 cat >"$scratch/typist.zsh" <<'TYPIST'
 # Types the lines of its arguments into a zsh of its own, each with a TAB at its end, and lets that run them.
 zmodload zsh/zpty
@@ -46,8 +34,4 @@ for call in "drop id 12" "--plain --timeout 1 --socket /run/other list" "--socke
         failed=1
     fi
 done
-if [[ -e $scratch/owned ]]; then
-    echo "a stream name was executed"
-    failed=1
-fi
-exit $failed
+exit_with_result

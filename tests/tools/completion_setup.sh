@@ -1,0 +1,35 @@
+# shellcheck shell=bash
+# What the tests of the completions share; they source it. A stand-in for the tool, which lists two connections and one
+# with a name that a shell must not read, comes first in PATH and keeps its arguments in $scratch/calls.
+set -u
+scratch=$(mktemp -d)
+trap 'rm -r "$scratch"' EXIT
+cat >"$scratch/v9_rtmp_ctl" <<STANDIN
+#!/bin/bash
+echo "\$*" >>"$scratch/calls"
+printf '0\tcam1\tpublish\t\t1\t2\ta\n12\tdemo\tplay\t\t1\t2\tb\n3\t\$(touch $scratch/owned)\tplay\t\t1\t2\tc\n'
+STANDIN
+chmod +x "$scratch/v9_rtmp_ctl"
+touch "$scratch/calls"
+export PATH=$scratch:$PATH HOME=$scratch
+failed=0
+
+# expect_sockets_asked '--socket PATH'...
+expect_sockets_asked() {
+    local socket
+    for socket; do
+        if ! grep -q -- "$socket list" "$scratch/calls"; then
+            echo "the socket of the command line, $socket, is not asked"
+            failed=1
+        fi
+    done
+}
+
+# exit_with_result ends the test.
+exit_with_result() {
+    if [[ -e $scratch/owned ]]; then
+        echo "a stream name was executed"
+        failed=1
+    fi
+    exit $failed
+}
