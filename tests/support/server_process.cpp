@@ -1,5 +1,6 @@
 #include "tests/support/server_process.h"
 
+#include "tests/support/program_process.h"
 #include "tests/support/test_failure.h"
 
 #include <fcntl.h>
@@ -76,16 +77,6 @@ std::string status_field(pid_t pid, const std::string& field) {
         }
     }
     throw TestFailure("the server has no " + field + " any more");
-}
-
-std::vector<char*> pointers(std::vector<std::string>& strings) {
-    std::vector<char*> result;
-    result.reserve(strings.size() + 1);
-    for (std::string& string : strings) {
-        result.push_back(string.data());
-    }
-    result.push_back(nullptr);
-    return result;
 }
 
 // From a destructor: nothing may leave it, and GoogleTest can be told to throw.
@@ -199,8 +190,8 @@ void ServerProcess::start(const ServerOptions& options) {
         }
     }
     environment_strings.push_back(sanitizer_options());
-    const std::vector<char*> argv = pointers(argument_strings);
-    const std::vector<char*> envp = pointers(environment_strings);
+    const std::vector<char*> argv = exec_pointers(argument_strings);
+    const std::vector<char*> envp = exec_pointers(environment_strings);
 
     const Pipe out;
     const Pipe err;
