@@ -1,5 +1,6 @@
 // Which AMF0 values the server takes, shown by the dump of a connect's command object, and what becomes of
 // those that it does not take.
+#include "tests/support/dropped_client.h"
 #include "tests/support/rtmp_client.h"
 #include "tests/support/server_process.h"
 
@@ -25,16 +26,6 @@ Lines dump_of(const ServerProcess& server, const Bytes& command_object) {
     lines.pop_back();
     server.wait_for_line("Disposing old stream ''", mark);
     return lines;
-}
-
-// The lines from a command's arrival to the end of its connection.
-Lines lines_of_failure(const ServerProcess& server, const Bytes& payload) {
-    RtmpClient client = handshaken_client();
-    (void)client.round_trip();
-    const LineMark mark = server.mark();
-    client.send_command(payload);
-    (void)client.expect_closed_without_answer();
-    return server.lines_through("Disposing old stream ''", mark);
 }
 
 Lines object_lines(const Lines& members) {

@@ -1,5 +1,6 @@
 // What clients may do with chunk headers, and what ends their connection. A createStream answer carries the
 // chunk stream, timestamp and message stream of its request, so it shows what the server made of a header.
+#include "tests/support/dropped_client.h"
 #include "tests/support/rtmp_client.h"
 #include "tests/support/server_process.h"
 
@@ -39,16 +40,6 @@ void PrintTo(const Header& header, std::ostream* out) {
 Header answer(RtmpClient& client) {
     const RtmpMessage message = client.expect_message(MSG_COMMAND);
     return {message.csid, message.timestamp, message.stream_id};
-}
-
-void expect_end_of_reading(const ServerProcess& server, RtmpClient& client, LineMark from,
-                           std::vector<std::string> lines) {
-    (void)client.expect_closed_without_answer();
-    for (const char* line : {"Thread 1 died", "WARNING: Thread terminated unexpectedly",
-                             "Dropping connection", "Disposing old stream ''"}) {
-        lines.emplace_back(line);
-    }
-    EXPECT_EQ(server.lines_through("Disposing old stream ''", from), lines);
 }
 
 // 64 ids, none of them a control stream: 1- and 2-byte forms.

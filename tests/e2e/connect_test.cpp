@@ -1,4 +1,5 @@
 // The connect command: who is let in, what the answer says, what the log shows of the request.
+#include "tests/support/dropped_client.h"
 #include "tests/support/expected_replies.h"
 #include "tests/support/rtmp_client.h"
 #include "tests/support/server_process.h"
@@ -26,17 +27,6 @@ Bytes app_object(const Bytes& app) {
     return amf_object({{"app", app}});
 }
 
-// The lines of a refused request, from handling to the end of the connection.
-std::vector<std::string> lines_of_refusal(const Bytes& payload) {
-    ServerProcess server;
-    RtmpClient client = handshaken_client();
-    (void)client.round_trip();
-    const LineMark mark = server.mark();
-    client.send_command(payload);
-    (void)client.expect_closed_without_answer();
-    return server.lines_through("Disposing old stream ''", mark);
-}
-
 std::vector<std::string> plus_drop(std::vector<std::string> lines) {
     for (const char* line : {"AMF0 error command", "Dropping connection", "Disposing old stream ''"}) {
         lines.emplace_back(line);
@@ -56,7 +46,7 @@ std::vector<std::string> dump_of_app(const std::string& app) {
 void expect_rejected_app(const std::string& app, const std::string& shown) {
     std::vector<std::string> lines = dump_of_app(app);
     lines.push_back("rejected app " + shown);
-    EXPECT_EQ(lines_of_refusal(connect_with(amf_number(1), app_object(amf_string(app)))), plus_drop(lines));
+    EXPECT_EQ(lines_of_failure(connect_with(amf_number(1), app_object(amf_string(app)))), plus_drop(lines));
 }
 
 }  // namespace
@@ -129,7 +119,7 @@ TEST(connect, a_name_is_compared_to_its_end_but_shown_to_its_first_zero_byte) {
     const std::string with_zero("ombrex-live\0x", 13);
     std::vector<std::string> lines = dump_of_app(LIVE);
     lines.emplace_back("rejected app ombrex-live");
-    EXPECT_EQ(lines_of_refusal(connect_with(amf_number(1), app_object(amf_string(with_zero)))),
+    EXPECT_EQ(lines_of_failure(connect_with(amf_number(1), app_object(amf_string(with_zero)))),
               plus_drop(lines));
 }
 
@@ -150,11 +140,11 @@ TEST(connect, the_request_may_be_an_array) {
 }
 
 TEST(connect, a_missing_application_is_an_empty_one) {
-    EXPECT_EQ(lines_of_refusal(connect_with(amf_number(1), amf_null())),
+    EXPECT_EQ(lines_of_failure(connect_with(amf_number(1), amf_null())),
               plus_drop({"\tAMF var Null", "rejected app "}));
-    EXPECT_EQ(lines_of_refusal(connect_with(amf_number(1), amf_string(LIVE))),
+    EXPECT_EQ(lines_of_failure(connect_with(amf_number(1), amf_string(LIVE))),
               plus_drop({"\tAMF var String", "\t  Value: 'ombrex-live'", "rejected app "}));
-    EXPECT_EQ(lines_of_refusal(connect_with(amf_number(1), app_object(amf_number(5)))),
+    EXPECT_EQ(lines_of_failure(connect_with(amf_number(1), app_object(amf_number(5)))),
               plus_drop({"\tAMF var Object", "\t  Object: {", "\t    'app':", "\t      AMF var Number",
                          "\t        Value: 5.000", "\t  }", "rejected app "}));
 }
@@ -173,7 +163,7 @@ TEST(connect, the_transaction_id_must_be_1) {
                                      amf_number(std::numeric_limits<double>::infinity()),
                                      amf_number(std::nextafter(1.0, 2.0))};
     for (const Bytes& id : rows) {
-        EXPECT_EQ(lines_of_refusal(connect_with(id, app_object(amf_string(LIVE)))), plus_drop({}))
+        EXPECT_EQ(lines_of_failure(connect_with(id, app_object(amf_string(LIVE)))), plus_drop({}))
             << to_hex(id);
     }
 }
@@ -189,10 +179,10 @@ TEST(connect, a_true_transaction_id_is_accepted_and_comes_back_as_it_was) {
 }
 
 TEST(connect, a_request_that_is_cut_short_is_refused_in_silence) {
-    EXPECT_EQ(lines_of_refusal(amf_string("connect")), plus_drop({}));
-    EXPECT_EQ(lines_of_refusal(connect_with(amf_number(1), "")), plus_drop({})) << "only the transaction id";
-    EXPECT_EQ(lines_of_refusal(connect_with(amf_number(1).substr(0, 8), "")), plus_drop({}));
-    EXPECT_EQ(lines_of_refusal(connect_with(amf_number(1), amf_string("abcde").substr(0, 7))), plus_drop({}));
+    EXPECT_EQ(lines_of_failure(amf_string("connect")), plus_drop({}));
+    EXPECT_EQ(lines_of_failure(connect_with(amf_number(1), "")), plus_drop({})) << "only the transaction id";
+    EXPECT_EQ(lines_of_failure(connect_with(amf_number(1).substr(0, 8), "")), plus_drop({}));
+    EXPECT_EQ(lines_of_failure(connect_with(amf_number(1), amf_string("abcde").substr(0, 7))), plus_drop({}));
 }
 
 TEST(connect, one_optional_argument_is_decoded_and_ignored) {
@@ -210,7 +200,7 @@ TEST(connect, one_optional_argument_is_decoded_and_ignored) {
 }
 
 TEST(connect, an_optional_argument_that_cannot_be_decoded_refuses_the_request_after_it_was_shown) {
-    EXPECT_EQ(lines_of_refusal(connect_with(amf_number(1), app_object(amf_string(LIVE)) + from_hex("0A"))),
+    EXPECT_EQ(lines_of_failure(connect_with(amf_number(1), app_object(amf_string(LIVE)) + from_hex("0A"))),
               plus_drop(dump_of_app(LIVE)));
 }
 

@@ -1,4 +1,5 @@
 // What becomes of a message when its turn has come: by type, by command name, and when it fails.
+#include "tests/support/dropped_client.h"
 #include "tests/support/expected_replies.h"
 #include "tests/support/rtmp_client.h"
 #include "tests/support/server_process.h"
@@ -18,16 +19,6 @@ using testing::MatchesRegex;
 using Lines = std::vector<std::string>;
 
 const std::string HRMPH = "Hrmph, RTMP publisher ignored stream ID in reply. Using ";
-
-Lines lines_of_failure(const Bytes& payload) {
-    ServerProcess server;
-    RtmpClient client = handshaken_client();
-    (void)client.round_trip();
-    const LineMark mark = server.mark();
-    client.send_command(payload);
-    (void)client.expect_closed_without_answer();
-    return server.lines_through("Disposing old stream ''", mark);
-}
 
 }  // namespace
 
