@@ -50,14 +50,7 @@ class AtRest {
 
     void expect() const {
         server.wait_for_thread_count(THREADS_AT_REST);
-        const TimePoint deadline = SteadyClock::now() + DEFAULT_WAIT;
-        while (server.fd_count() != fds) {
-            if (SteadyClock::now() >= deadline) {
-                throw TestFailure("the server has " + std::to_string(server.fd_count()) +
-                                  " descriptors, not " + std::to_string(fds));
-            }
-            std::this_thread::sleep_for(Milliseconds{2});
-        }
+        server.wait_for_fd_count(fds);
     }
 
   private:
