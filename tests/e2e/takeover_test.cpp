@@ -36,6 +36,13 @@ Instant instant_of(const std::function<void()>& action) {
     return {earliest, SteadyClock::now()};
 }
 
+Instant send_media(RtmpClient& publisher) {
+    return instant_of([&] {
+        publisher.send_audio(NO_DELAY, aac_frame(1));
+        (void)publisher.round_trip();
+    });
+}
+
 // The rival sends until it has taken the stream over, and that must happen at the deadline: not before, and
 // with the first message that is handled after it.
 void expect_takeover_after(const ServerProcess& server, RtmpClient& rival, const Instant& last_sign_of_life,
@@ -85,10 +92,7 @@ TEST(takeover, a_publisher_without_media_for_two_and_a_half_seconds_is_replaced)
     ServerProcess server;
     RtmpClient publisher = publishing_client("cam1");
     RtmpClient rival = publishing_client("cam1");
-    const Instant last_media = instant_of([&] {
-        publisher.send_audio(NO_DELAY, aac_frame(1));
-        (void)publisher.round_trip();
-    });
+    const Instant last_media = send_media(publisher);
     expect_takeover_after(server, rival, last_media, STALL);
     publisher.expect_closed();
 }
@@ -141,10 +145,7 @@ TEST(takeover, the_new_publishers_media_reaches_the_players_that_had_none) {
     ServerProcess server;
     RtmpClient publisher = publishing_client("cam1");
     RtmpClient rival = publishing_client("cam1");
-    const Instant last_media = instant_of([&] {
-        publisher.send_audio(NO_DELAY, aac_frame(1));
-        (void)publisher.round_trip();
-    });
+    const Instant last_media = send_media(publisher);
     RtmpClient player = playing_client("cam1");
     let_it_stall(last_media);
     rival.send_audio(500000, aac_frame(2));
@@ -164,10 +165,7 @@ TEST(takeover, players_that_had_media_are_dropped) {
     RtmpClient player = playing_client("cam1");
     RtmpClient publisher = publishing_client("cam1");
     RtmpClient rival = publishing_client("cam1");
-    const Instant last_media = instant_of([&] {
-        publisher.send_audio(NO_DELAY, aac_frame(1));
-        (void)publisher.round_trip();
-    });
+    const Instant last_media = send_media(publisher);
     EXPECT_EQ(player.expect_message(MSG_AUDIO).payload, aac_frame(1));
     RtmpClient new_player = playing_client("cam1");
     const LineMark mark = server.mark();
@@ -185,10 +183,7 @@ TEST(takeover, a_takeover_with_another_codec_says_so_for_every_player_that_had_m
     RtmpClient player = playing_client("cam1");
     RtmpClient publisher = publishing_client("cam1");
     RtmpClient rival = publishing_client("cam1");
-    const Instant last_media = instant_of([&] {
-        publisher.send_audio(NO_DELAY, aac_frame(1));
-        (void)publisher.round_trip();
-    });
+    const Instant last_media = send_media(publisher);
     const LineMark mark = server.mark();
     let_it_stall(last_media);
     rival.send_audio(NO_DELAY, from_hex("2F 00"));
@@ -208,10 +203,7 @@ TEST(takeover, a_takeover_with_another_codec_in_the_metadata_says_so_too) {
     rival.send_metadata(amf_object({{"audiocodecid", amf_number(2)}}));
     (void)rival.round_trip();
     RtmpClient player = playing_client("cam1");
-    const Instant last_media = instant_of([&] {
-        publisher.send_audio(NO_DELAY, aac_frame(1));
-        (void)publisher.round_trip();
-    });
+    const Instant last_media = send_media(publisher);
     EXPECT_EQ(player.expect_message(MSG_AUDIO).payload, aac_frame(1));
     const LineMark mark = server.mark();
     let_it_stall(last_media);
@@ -298,10 +290,7 @@ TEST(takeover, an_old_publisher_that_wakes_up_too_late_finds_its_connection_clos
     RtmpClient player = playing_client("cam1");
     RtmpClient publisher = publishing_client("cam1");
     RtmpClient rival = publishing_client("cam1");
-    const Instant last_media = instant_of([&] {
-        publisher.send_audio(NO_DELAY, aac_frame(1));
-        (void)publisher.round_trip();
-    });
+    const Instant last_media = send_media(publisher);
     (void)player.expect_message(MSG_AUDIO);
     let_it_stall(last_media);
     rival.send_audio(NO_DELAY, aac_frame(2));
