@@ -24,34 +24,45 @@ OutMessage control(std::uint8_t type, Bytes payload) {
     return {.type = type, .payload = std::move(payload), .csid = CONTROL};
 }
 
-// When an acknowledgement is due: after every message while the first one is still owed, and whenever a
-// window of bytes has come.
-class AckModel {
+// Sends, from the end of the handshake on, and knows which acknowledgements are due: after the first message, and
+// whenever a window of bytes has come.
+class CountingSender {
   public:
-    AckModel(bool owed_at_start, std::uint32_t window_at_start)
-        : owed(owed_at_start), window(window_at_start), unacked(HANDSHAKE_BYTES), total(HANDSHAKE_BYTES) {}
+    explicit CountingSender(RtmpClient& rtmp_client) : client(rtmp_client) {}
 
-    void set_window(std::uint32_t size) { window = size; }
+    void send(const OutMessage& message) {
+        const Bytes bytes = chunked(message);
+        client.send_bytes(bytes);
+        count(static_cast<std::uint32_t>(bytes.size()));
+    }
 
-    std::optional<std::uint32_t> after_message(std::size_t wire_bytes) {
-        unacked += static_cast<std::uint32_t>(wire_bytes);
-        total += static_cast<std::uint32_t>(wire_bytes);
+    void announce_window(std::uint32_t size) {
+        window = size;
+        send(control(MSG_WINDOW_ACK_SIZE, be32(size)));
+    }
+
+    const std::vector<std::uint32_t>& due() const { return acknowledgements_due; }
+
+  private:
+    void count(std::uint32_t wire_bytes) {
+        unacked += wire_bytes;
+        total += wire_bytes;
         const bool full = window != 0 && window <= unacked;
-        if (!full && !owed) {
-            return std::nullopt;
+        if (full || first_is_owed) {
+            acknowledgements_due.push_back(total);
         }
-        owed = false;
         if (full) {
             unacked = std::min(window, unacked - window);
         }
-        return total;
+        first_is_owed = false;
     }
 
-  private:
-    bool owed;
-    std::uint32_t window;
-    std::uint32_t unacked;
-    std::uint32_t total;
+    RtmpClient& client;
+    bool first_is_owed = true;
+    std::uint32_t window = 1;
+    std::uint32_t unacked = HANDSHAKE_BYTES;
+    std::uint32_t total = HANDSHAKE_BYTES;
+    std::vector<std::uint32_t> acknowledgements_due;
 };
 
 std::vector<std::uint32_t> acknowledgements(const std::vector<RtmpMessage>& messages) {
@@ -171,51 +182,33 @@ TEST(acknowledgement, a_window_message_of_less_than_4_bytes_is_ignored) {
 TEST(acknowledgement, is_sent_twice_for_five_megabytes_in_a_window_of_two_and_a_half) {
     ServerProcess server;
     RtmpClient client = handshaken_client();
-    AckModel model(true, 1);
-    std::vector<std::uint32_t> expected;
-    const auto send = [&](const Bytes& bytes) {
-        client.send_bytes(bytes);
-        if (const auto value = model.after_message(bytes.size())) {
-            expected.push_back(*value);
-        }
-    };
-    send(chunked({.type = 99, .payload = "first"}));
-    model.set_window(2500000);
-    send(chunked(control(MSG_WINDOW_ACK_SIZE, be32(2500000))));
+    CountingSender sender(client);
+    sender.send({.type = 99, .payload = "first"});
+    sender.announce_window(2500000);
     // Of this size, so that what the first window leaves over brings the second one a message forward.
-    const Bytes media =
-        chunked({.type = MSG_VIDEO, .payload = pattern_bytes(70000), .csid = 6, .timestamp = 1});
+    const OutMessage media{.type = MSG_VIDEO, .payload = pattern_bytes(70000), .csid = 6, .timestamp = 1};
     for (int i = 0; i < 75; ++i) {
-        send(media);
+        sender.send(media);
     }
-    ASSERT_EQ(expected.size(), 3U);
-    EXPECT_GE(expected[1], 2500000U);
-    EXPECT_GE(expected[2], 5000000U);
-    EXPECT_EQ(acknowledgements(messages_until_answered(client)), expected);
+    ASSERT_EQ(sender.due().size(), 3U);
+    EXPECT_GE(sender.due()[1], 2500000U);
+    EXPECT_GE(sender.due()[2], 5000000U);
+    EXPECT_EQ(acknowledgements(messages_until_answered(client)), sender.due());
 }
 
 TEST(acknowledgement, no_more_than_one_window_is_carried_over) {
     ServerProcess server;
     RtmpClient client = handshaken_client();
-    AckModel model(true, 1);
-    std::vector<std::uint32_t> expected;
-    const auto send = [&](const Bytes& bytes) {
-        client.send_bytes(bytes);
-        if (const auto value = model.after_message(bytes.size())) {
-            expected.push_back(*value);
-        }
-    };
-    send(chunked({.type = 99, .payload = "first"}));
-    model.set_window(1000);
-    send(chunked(control(MSG_WINDOW_ACK_SIZE, be32(1000))));
+    CountingSender sender(client);
+    sender.send({.type = 99, .payload = "first"});
+    sender.announce_window(1000);
     for (const std::size_t length :
          {100UL, 5000UL, 1UL, 1UL, 900UL, 2500UL, 980UL, 1UL, 500UL, 500UL, 500UL}) {
-        send(chunked({.type = 99, .payload = pattern_bytes(length)}));
+        sender.send({.type = 99, .payload = pattern_bytes(length)});
     }
-    ASSERT_GE(expected.size(), 5U);
-    model.set_window(0);
-    send(chunked(control(MSG_WINDOW_ACK_SIZE, be32(0))));
-    EXPECT_EQ(acknowledgements(messages_until_answered(client)), expected);
+    ASSERT_GE(sender.due().size(), 5U);
+    sender.announce_window(0);
+    EXPECT_EQ(acknowledgements(messages_until_answered(client)), sender.due());
 }
 
 TEST(acknowledgement, none_are_sent_on_request_until_a_window_is_announced) {
