@@ -5,7 +5,6 @@
 #include "core/listener.h"
 #include "tests/support/assertion_line.h"
 #include "tests/support/connection_fixture.h"
-#include "tests/support/private_namespaces.h"
 #include "tests/support/wrapped_calls.h"
 
 namespace {
@@ -193,13 +192,4 @@ TEST_F(SystemCallsDeathTest, threads_that_come_back_after_they_were_joined_end_t
     EXPECT_EXIT(conn.close_connection(), testing::KilledBySignal(SIGABRT),
                 assertion_line("close_connection", "!thread_init"));
     wrapped_calls = {};
-}
-
-int main(int argc, char** argv) {
-    std::vector<char*> all_arguments(argv, argv + argc + 1);
-    testing::InitGoogleTest(&argc, argv);
-    if (!testing::GTEST_FLAG(list_tests)) {
-        enter_private_namespaces(all_arguments.data());
-    }
-    return RUN_ALL_TESTS();
 }

@@ -1,4 +1,4 @@
-// Every end-to-end test runs in namespaces of its own process; listing the tests needs none.
+// main of the tests that run in namespaces of their own process; listing them needs none.
 #include "tests/support/private_namespaces.h"
 
 #include <gtest/gtest.h>
