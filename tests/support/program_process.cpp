@@ -14,19 +14,11 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
-#include <cstring>
 
 namespace {
 
 constexpr int CANNOT_START = 127;
 constexpr Milliseconds REAP_POLL{1};
-
-int checked(int result, const char* call) {
-    if (result < 0) {
-        throw TestFailure(std::string(call) + ": " + std::strerror(errno));
-    }
-    return result;
-}
 
 // Of a NAME=value entry, with the sign.
 std::string_view name_of(std::string_view entry) {

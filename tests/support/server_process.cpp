@@ -18,7 +18,6 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
-#include <cstring>
 #include <exception>
 #include <filesystem>
 #include <fstream>
@@ -32,13 +31,6 @@ constexpr int CANNOT_START = 127;
 constexpr std::size_t SHOWN_LINES = 200;
 constexpr Milliseconds READY_POLL{2};
 constexpr std::size_t PIPE_READ_BYTES = 1 << 20;
-
-int checked(int result, const char* call) {
-    if (result < 0) {
-        throw TestFailure(std::string(call) + ": " + std::strerror(errno));
-    }
-    return result;
-}
 
 // AddressSanitizer of GCC 12 takes the stack of a cancelled thread for overflown, because the unwinding has left the
 // marks of frames that are gone: when it gives back its signal stack, and whenever a destructor on the way out leaves a

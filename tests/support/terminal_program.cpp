@@ -13,9 +13,7 @@
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <csignal>
-#include <cstring>
 #include <functional>
 
 namespace {
@@ -23,13 +21,6 @@ namespace {
 constexpr int CANNOT_START = 127;
 // How long the end may wait for the reading thread.
 constexpr int READ_SLICE_MS = 20;
-
-int checked(int result, const char* call) {
-    if (result < 0) {
-        throw TestFailure(std::string(call) + ": " + std::strerror(errno));
-    }
-    return result;
-}
 
 winsize size_of(std::size_t rows, std::size_t columns) {
     winsize size{};
