@@ -59,14 +59,7 @@ void request_end(int /*signal*/) {
 // Waits for what must come soon; false when it does not.
 template <typename Condition>
 bool settles(Condition condition) {
-    const TimePoint deadline = SteadyClock::now() + SETTLE_WAIT;
-    while (!condition()) {
-        if (SteadyClock::now() >= deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(SETTLE_POLL);
-    }
-    return true;
+    return holds_within(SETTLE_WAIT, condition, SETTLE_POLL);
 }
 
 // What the server holds when one client has come and gone: some of it is created with the first, such as the thread

@@ -12,7 +12,6 @@
 #include <memory>
 #include <new>
 #include <sstream>
-#include <thread>
 
 namespace {
 
@@ -117,12 +116,8 @@ FaultWatch::~FaultWatch() {
 }
 
 void FaultWatch::wait_until_injected(Milliseconds wait) const {
-    const TimePoint deadline = SteadyClock::now() + wait;
-    while (injected() == 0) {
-        if (SteadyClock::now() >= deadline) {
-            throw TestFailure("the server never made the call that is to fail");
-        }
-        std::this_thread::sleep_for(Milliseconds{1});
+    if (!holds_within(wait, [this] { return injected() != 0; })) {
+        throw TestFailure("the server never made the call that is to fail");
     }
 }
 

@@ -9,7 +9,6 @@
 #include <algorithm>
 #include <functional>
 #include <memory>
-#include <thread>
 
 namespace {
 
@@ -344,17 +343,6 @@ class Session {
     std::vector<ControlPeer> control_peers;
 };
 
-bool has_ended(ServerProcess& server) {
-    const TimePoint deadline = SteadyClock::now() + END_WAIT;
-    while (server.is_running()) {
-        if (SteadyClock::now() >= deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(Milliseconds{1});
-    }
-    return true;
-}
-
 }  // namespace
 
 const Transcript& whole_transcript(std::size_t client) {
@@ -390,7 +378,7 @@ SessionStory play_session(ServerProcess& server) {
         Session(server, story).play();
     } catch (const TestFailure&) {
         // Either the server has ended, or it does not do its part.
-        if (!has_ended(server)) {
+        if (!holds_within(END_WAIT, [&] { return !server.is_running(); })) {
             throw;
         }
     }

@@ -6,13 +6,11 @@
 #include <mutex>
 #include <sstream>
 #include <string>
-#include <thread>
 
 namespace {
 
 // Below the server's backlog of 20.
 constexpr std::size_t MOST_WAITING = 15;
-constexpr Milliseconds POLL{2};
 const std::string PORT_1935 = ":078F";
 const std::string LISTENING = "0A";
 const std::string ESTABLISHED = "01";
@@ -53,14 +51,7 @@ std::size_t accept_queue_length() {
 }
 
 bool queue_gets_down_to(std::size_t length, Milliseconds wait) {
-    const TimePoint deadline = SteadyClock::now() + wait;
-    while (accept_queue_length() > length) {
-        if (SteadyClock::now() >= deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(POLL);
-    }
-    return true;
+    return holds_within(wait, [length] { return accept_queue_length() <= length; });
 }
 
 }  // namespace

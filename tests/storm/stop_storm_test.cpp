@@ -75,12 +75,9 @@ class Load {
     ~Load() { crowd.stop(); }
 
     void keep_busy(const ServerProcess& server) {
-        const TimePoint deadline = SteadyClock::now() + DEFAULT_WAIT;
-        while (servers % BUSY_ONE_IN == 0 && server.thread_count() < BUSY_THREADS) {
-            if (SteadyClock::now() >= deadline) {
-                throw TestFailure("nobody comes");
-            }
-            std::this_thread::sleep_for(Milliseconds{5});
+        if (servers % BUSY_ONE_IN == 0 &&
+            !holds_within(DEFAULT_WAIT, [&] { return server.thread_count() >= BUSY_THREADS; })) {
+            throw TestFailure("nobody comes");
         }
         std::this_thread::sleep_for(Milliseconds{draw(random, LONGEST_LIFE_MS)});
         ++servers;

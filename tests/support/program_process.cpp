@@ -18,7 +18,6 @@
 namespace {
 
 constexpr int CANNOT_START = 127;
-constexpr Milliseconds REAP_POLL{1};
 
 // Of a NAME=value entry, with the sign.
 std::string_view name_of(std::string_view entry) {
@@ -69,13 +68,9 @@ void become_program(pid_t parent, bool obeys_file_modes, char* const* argv, char
 }
 
 ProgramEnd wait_for_child(pid_t child, Milliseconds wait) {
-    const TimePoint deadline = SteadyClock::now() + wait;
     int status = 0;
-    while (checked(waitpid(child, &status, WNOHANG), "waitpid") != child) {
-        if (SteadyClock::now() >= deadline) {
-            throw TestFailure("the program did not end");
-        }
-        std::this_thread::sleep_for(REAP_POLL);
+    if (!holds_within(wait, [&] { return checked(waitpid(child, &status, WNOHANG), "waitpid") == child; })) {
+        throw TestFailure("the program did not end");
     }
     return WIFEXITED(status) ? ProgramEnd{WEXITSTATUS(status), 0} : ProgramEnd{-1, WTERMSIG(status)};
 }

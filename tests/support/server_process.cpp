@@ -29,7 +29,6 @@ namespace {
 
 constexpr int CANNOT_START = 127;
 constexpr std::size_t SHOWN_LINES = 200;
-constexpr Milliseconds READY_POLL{2};
 constexpr std::size_t PIPE_READ_BYTES = 1 << 20;
 
 // AddressSanitizer of GCC 12 takes the stack of a cancelled thread for overflown, because the unwinding has left the
@@ -219,21 +218,19 @@ void ServerProcess::start(const ServerOptions& options) {
 }
 
 void ServerProcess::wait_until_ready() {
-    const TimePoint deadline = SteadyClock::now() + DEFAULT_WAIT;
     // The handler for SIGQUIT is the last thing that the server sets up before its main loop.
     constexpr unsigned long long SIGQUIT_BIT = 1ULL << (SIGQUIT - 1);
-    while (SteadyClock::now() < deadline) {
+    const auto is_ready = [this] {
         if (reap(WNOHANG)) {
             captured_err.wait_for_end();
             throw TestFailure("the server ended at start, status " + std::to_string(end.status) +
                               ", signal " + std::to_string(end.signal) + ":\n" + captured_err.raw_text());
         }
-        if ((std::stoull(status_field(child, "SigCgt:"), nullptr, 16) & SIGQUIT_BIT) != 0) {
-            return;
-        }
-        std::this_thread::sleep_for(READY_POLL);
+        return (std::stoull(status_field(child, "SigCgt:"), nullptr, 16) & SIGQUIT_BIT) != 0;
+    };
+    if (!holds_within(DEFAULT_WAIT, is_ready)) {
+        throw TestFailure("the server did not get ready:\n" + captured_err.raw_text());
     }
-    throw TestFailure("the server did not get ready:\n" + captured_err.raw_text());
 }
 
 const CapturedOutput& ServerProcess::err() const {
@@ -333,14 +330,7 @@ bool ServerProcess::reap(int wait_options) {
 }
 
 bool ServerProcess::wait_until_ended(Milliseconds wait) {
-    const TimePoint deadline = SteadyClock::now() + wait;
-    while (!reap(WNOHANG)) {
-        if (SteadyClock::now() >= deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(Milliseconds{1});
-    }
-    return true;
+    return holds_within(wait, [this] { return reap(WNOHANG); });
 }
 
 std::string ServerProcess::sanitizer_report() const {
@@ -365,13 +355,9 @@ std::size_t ServerProcess::thread_count() const {
 }
 
 void ServerProcess::wait_for_thread_count(std::size_t count, Milliseconds wait) const {
-    const TimePoint deadline = SteadyClock::now() + wait;
-    while (thread_count() != count) {
-        if (SteadyClock::now() >= deadline) {
-            throw TestFailure("the server has " + std::to_string(thread_count()) + " threads, not " +
-                              std::to_string(count));
-        }
-        std::this_thread::sleep_for(READY_POLL);
+    if (!holds_within(wait, [&] { return thread_count() == count; })) {
+        throw TestFailure("the server has " + std::to_string(thread_count()) + " threads, not " +
+                          std::to_string(count));
     }
 }
 
@@ -389,13 +375,9 @@ std::size_t ServerProcess::fd_count() const {
 }
 
 void ServerProcess::wait_for_fd_count(std::size_t count, Milliseconds wait) const {
-    const TimePoint deadline = SteadyClock::now() + wait;
-    while (fd_count() != count) {
-        if (SteadyClock::now() >= deadline) {
-            throw TestFailure("the server has " + std::to_string(fd_count()) + " descriptors, not " +
-                              std::to_string(count));
-        }
-        std::this_thread::sleep_for(READY_POLL);
+    if (!holds_within(wait, [&] { return fd_count() == count; })) {
+        throw TestFailure("the server has " + std::to_string(fd_count()) + " descriptors, not " +
+                          std::to_string(count));
     }
 }
 

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <chrono>
+#include <thread>
 
 using Milliseconds = std::chrono::milliseconds;
 using SteadyClock = std::chrono::steady_clock;
@@ -25,6 +26,20 @@ constexpr Milliseconds DEFAULT_WAIT = scaled(Milliseconds{10000});
 inline int poll_timeout_ms(TimePoint deadline) {
     const auto left = std::chrono::ceil<Milliseconds>(deadline - SteadyClock::now());
     return left.count() > 0 ? static_cast<int>(left.count()) : 0;
+}
+
+// Looks at the condition until it holds; false when it has not within the wait.
+template <typename Condition>
+[[nodiscard]] bool holds_within(Milliseconds wait, Condition condition,
+                                Milliseconds pause = Milliseconds{1}) {
+    const TimePoint deadline = SteadyClock::now() + wait;
+    while (!condition()) {
+        if (SteadyClock::now() >= deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(pause);
+    }
+    return true;
 }
 
 inline Milliseconds elapsed_since(TimePoint start) {
