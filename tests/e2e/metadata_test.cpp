@@ -1,5 +1,6 @@
 // Data messages: which are taken as a stream's metadata, who gets it, in which form, and who is dropped by
 // it.
+#include "tests/support/control_peer.h"
 #include "tests/support/rtmp_client.h"
 #include "tests/support/server_process.h"
 
@@ -15,6 +16,7 @@ namespace {
 
 using testing::ElementsAre;
 using testing::IsEmpty;
+using testing::StartsWith;
 
 using Lines = std::vector<std::string>;
 
@@ -43,6 +45,12 @@ struct Stream {
         EXPECT_EQ(to_hex(player.expect_message(MSG_DATA).raw), to_hex(metadata_message(received)));
     }
     void expect_forwarded(const Bytes& value) { expect_forwarded(value, value); }
+
+    // The size is the one that the list of connections shows.
+    void expect_publisher_size(const std::string& size) const {
+        EXPECT_THAT(ControlPeer().ask("list connections", {"publish"}).values("connection"),
+                    ElementsAre(StartsWith("0\tcam1\tpublish\t" + size + "\t")));
+    }
 
     // Sends the metadata and expects the player to be dropped for this reason, without a message.
     void expect_player_dropped(const Bytes& sent, const std::string& reason) {
@@ -300,7 +308,11 @@ TEST(metadata, what_is_left_out_stays_as_it_was) {
     Stream stream;
     stream.expect_forwarded(size_object(1280, 720));
     stream.expect_forwarded(amf_object({{"height", amf_number(720)}}));
+    stream.expect_publisher_size("1280x720");
+    stream.expect_forwarded(amf_object({{"width", amf_number(1280)}}));
+    stream.expect_publisher_size("1280x720");
     stream.expect_forwarded(amf_object({}));
+    stream.expect_publisher_size("1280x720");
     stream.expect_forwarded(size_object(1280, 720));
     stream.expect_player_dropped(amf_object({{"width", amf_number(1281)}}), "width changed");
 }
