@@ -3,6 +3,8 @@
 #include <netinet/tcp.h>
 
 #include "core/listener.h"
+#include "core/main_loop.h"
+#include "core/quit_signals.h"
 #include "tests/support/assertion_line.h"
 #include "tests/support/connection_fixture.h"
 #include "tests/support/wrapped_calls.h"
@@ -130,7 +132,7 @@ TEST_F(SystemCallsTest, a_listener_that_cannot_listen_frees_every_connection) {
     EXPECT_EQ(printed_by([] { accept_connections(); }), "");
 }
 
-TEST_F(SystemCallsTest, a_connection_without_one_of_its_threads_is_accepted_and_dropped_on_the_same_pass) {
+TEST_F(SystemCallsTest, a_connection_without_one_of_its_threads_is_accepted_and_dropped) {
     for (const int failing : {1, 2}) {
         ASSERT_TRUE(ensure_listener());
         wrapped_calls = {};
@@ -146,6 +148,19 @@ TEST_F(SystemCallsTest, a_connection_without_one_of_its_threads_is_accepted_and_
         close(client);
         server_shutdown();
     }
+}
+
+TEST_F(SystemCallsTest, the_pass_that_accepts_a_connection_without_its_threads_drops_it) {
+    ASSERT_TRUE(ensure_listener());
+    const int client = connect_to_server();
+    wrapped_calls = {};
+    wrapped_calls.failing_pthread_create = 1;
+    wrapped_calls.at_create = [] { quit_signals = 1; };  // This pass is the last one.
+    EXPECT_EQ(printed_by([] { EXPECT_EQ(run_server(), 0); }),
+              "WARNING: Failure to create thread\nAccepted connection\nDropping connection\n"
+              "Disposing old stream ''\n");
+    quit_signals = 0;
+    close(client);
 }
 
 TEST_F(SystemCallsTest, a_close_reports_what_it_could_not_do_and_goes_on) {

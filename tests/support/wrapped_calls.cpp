@@ -63,6 +63,9 @@ int __wrap_listen(int fd, int backlog) {
 
 int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*entry)(void*),
                           void* argument) {
+    if (wrapped_calls.at_create) {
+        wrapped_calls.at_create();
+    }
     if (++wrapped_calls.pthread_creates == wrapped_calls.failing_pthread_create) {
         return EAGAIN;
     }

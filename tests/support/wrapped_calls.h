@@ -49,7 +49,8 @@ struct WrappedCalls {
     std::function<ssize_t(ssize_t)> send_result;
     std::function<ssize_t(ssize_t)> sendmsg_result;
 
-    // What somebody else does meanwhile: before a mutex is locked, and after a join.
+    // What somebody else does meanwhile: before a thread is created, before a mutex is locked, and after a join.
+    std::function<void()> at_create;
     std::function<void(const pthread_mutex_t*)> at_lock;
     std::function<void()> at_join;
 
