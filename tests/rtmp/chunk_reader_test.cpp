@@ -86,11 +86,15 @@ TEST_F(chunk_reader, reads_the_extended_timestamp_of_format_0) {
 }
 
 TEST_F(chunk_reader, refuses_a_message_above_the_limit_before_its_payload) {
-    client_sends(header_of(0x100000));
+    client_sends(header_of(0x100000) + "payload");
+    // Whoever waited for all of the payload would see the client end.
+    ASSERT_EQ(shutdown(peer(conn), SHUT_WR), 0);
     EXPECT_EQ(printed_by([&] { EXPECT_FALSE(read_message()); }),
               "Failed to alloc pkt data\n"
               "RTMP packet: chunk fmt=0 stream_id=3 timestamp=0 message_length=1048576 message_type_id=20 "
               "message_stream_id=0\n");
+    char unread[16];
+    EXPECT_EQ(recv(conn.fd, unread, sizeof unread, MSG_DONTWAIT), 7);
 }
 
 TEST_F(chunk_reader, takes_the_64th_chunk_stream_and_no_header_after_it) {
