@@ -130,7 +130,7 @@ TEST(refused_calls, a_listener_that_is_refused_an_option_only_warns_and_serves) 
 
 // ---- threads that cannot be created, cancelled or joined
 
-TEST(refused_calls, a_client_without_one_of_its_threads_is_accepted_and_dropped_on_the_same_pass) {
+TEST(refused_calls, a_client_without_one_of_its_threads_is_accepted_and_dropped_without_a_trace) {
     // Two threads belong to each of the live pair.
     for (const int failing : {5, 6}) {
         FaultyServer faulty("pthread_create:" + std::to_string(failing) + ":EAGAIN");
