@@ -18,10 +18,9 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 
 constexpr std::uint32_t HANDSHAKE_BYTES = 3073;
-constexpr std::uint32_t CONTROL = 2;
 
 OutMessage control(std::uint8_t type, Bytes payload) {
-    return {.type = type, .payload = std::move(payload), .csid = CONTROL};
+    return {.type = type, .payload = std::move(payload), .csid = CONTROL_CSID};
 }
 
 // Sends, from the end of the handshake on, and knows which acknowledgements are due: after the first message, and
@@ -238,7 +237,7 @@ TEST(set_chunk_size, is_told_back_and_then_acknowledged) {
     ServerProcess server;
     RtmpClient client = handshaken_client();
     client.send_message(
-        {.type = MSG_SET_CHUNK_SIZE, .payload = be32(4096), .csid = CONTROL, .timestamp = 777});
+        {.type = MSG_SET_CHUNK_SIZE, .payload = be32(4096), .csid = CONTROL_CSID, .timestamp = 777});
     EXPECT_EQ(to_hex(client.read_any_message().raw), "02 00 03 09 00 00 04 01 00 00 00 00 00 00 10 00");
     EXPECT_EQ(client.expect_acknowledgement(), client.bytes_sent());
     server.wait_for_line("RTMP: New chunk size 4096 accepted");
@@ -283,7 +282,8 @@ TEST(set_chunk_size, is_taken_for_no_such_message_on_other_chunk_streams_and_mes
     ServerProcess server;
     RtmpClient client = handshaken_client();
     client.send_message({.type = MSG_SET_CHUNK_SIZE, .payload = be32(4096), .csid = 3});
-    client.send_message({.type = MSG_SET_CHUNK_SIZE, .payload = be32(4096), .csid = CONTROL, .stream_id = 1});
+    client.send_message(
+        {.type = MSG_SET_CHUNK_SIZE, .payload = be32(4096), .csid = CONTROL_CSID, .stream_id = 1});
     // Still in 128-byte chunks both ways.
     const Bytes id = amf_string(std::string(500, 'x'));
     client.send_command(amf_string("releaseStream") + id + amf_null());
@@ -320,9 +320,9 @@ TEST(control_messages, any_other_type_ends_the_reading) {
 TEST(control_messages, a_command_may_come_on_the_control_stream_with_a_message_stream_id) {
     ServerProcess server;
     RtmpClient client = handshaken_client();
-    client.send_command(amf_string("releaseStream") + amf_number(5) + amf_null(), CONTROL, 1);
+    client.send_command(amf_string("releaseStream") + amf_number(5) + amf_null(), CONTROL_CSID, 1);
     const RtmpMessage reply = client.expect_message(MSG_COMMAND);
-    EXPECT_EQ(reply.csid, CONTROL);
+    EXPECT_EQ(reply.csid, CONTROL_CSID);
     EXPECT_EQ(reply.stream_id, 1U);
 }
 

@@ -18,6 +18,8 @@ constexpr std::uint8_t MSG_VIDEO = 9;
 constexpr std::uint8_t MSG_DATA = 18;
 constexpr std::uint8_t MSG_COMMAND = 20;
 
+// The chunk stream of the protocol's own messages.
+constexpr std::uint32_t CONTROL_CSID = 2;
 constexpr std::uint32_t DEFAULT_CHUNK_SIZE = 128;
 constexpr std::uint32_t EXTENDED_TIMESTAMP = 0xFFFFFF;
 

@@ -96,6 +96,12 @@ class RtmpClient {
     void send_metadata(const Bytes& value);
 
     // ---- reading
+    // Raw bytes, exactly so many.
+    Bytes read_bytes(std::size_t count, Milliseconds wait = DEFAULT_WAIT);
+    // The end of the stream, or a reset, has been read.
+    bool closed_by_server() const { return peer_closed; }
+
+    // ---- reading messages (rtmp_client_reading.cpp)
     // The next message that is no acknowledgement. The server's reader acknowledges while its main thread answers,
     // so an acknowledgement may come before or after anything else.
     RtmpMessage read_message(Milliseconds wait = DEFAULT_WAIT);
@@ -107,18 +113,14 @@ class RtmpClient {
     RtmpMessage expect_message(std::uint8_t type, Milliseconds wait = DEFAULT_WAIT);
     // A number out of an acknowledgement that must be the next message.
     std::uint32_t expect_acknowledgement(Milliseconds wait = DEFAULT_WAIT);
-    // Raw bytes, exactly so many.
-    Bytes read_bytes(std::size_t count, Milliseconds wait = DEFAULT_WAIT);
     std::uint32_t read_chunk_size() const { return read_chunk_bytes; }
-    // The end of the stream, or a reset, has been read.
-    bool closed_by_server() const { return peer_closed; }
 
     // Reads until the server closes and returns how; messages before that are kept in `rest` when given.
     CloseKind expect_closed(Milliseconds wait = DEFAULT_WAIT, std::vector<RtmpMessage>* rest = nullptr);
     // The server closes and sends nothing but acknowledgements before it.
     CloseKind expect_closed_without_answer(Milliseconds wait = DEFAULT_WAIT);
 
-    // ---- whole exchanges: the request, and the server's answer to it
+    // ---- whole exchanges: the request, and the server's answer to it (rtmp_client_reading.cpp)
     RtmpMessage connect_app(std::string_view app = "ombrex-live", double transaction_id = 1);
     std::uint32_t create_stream(double transaction_id = 2);
     RtmpMessage publish(std::string_view name, double transaction_id = 3);
