@@ -10,7 +10,6 @@
 #include <sys/eventfd.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -19,11 +18,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <exception>
-#include <filesystem>
-#include <fstream>
 #include <iostream>
-#include <sstream>
-#include <system_error>
 
 namespace {
 
@@ -57,17 +52,6 @@ void replace_by_file(int fd, const std::string& path) {
         checked(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0644), path.c_str());
     checked(dup3(file, fd, O_CLOEXEC), "dup3");
     close(file);
-}
-
-// A field of /proc/<pid>/status, such as "Threads:", as text.
-std::string status_field(pid_t pid, const std::string& field) {
-    std::ifstream file("/proc/" + std::to_string(pid) + "/status");
-    for (std::string line; std::getline(file, line);) {
-        if (line.starts_with(field)) {
-            return line.substr(line.find_first_not_of(" \t", field.size()));
-        }
-    }
-    throw TestFailure("the server has no " + field + " any more");
 }
 
 // From a destructor: nothing may leave it, and GoogleTest can be told to throw.
@@ -226,7 +210,7 @@ void ServerProcess::wait_until_ready() {
             throw TestFailure("the server ended at start, status " + std::to_string(end.status) +
                               ", signal " + std::to_string(end.signal) + ":\n" + captured_err.raw_text());
         }
-        return (std::stoull(status_field(child, "SigCgt:"), nullptr, 16) & SIGQUIT_BIT) != 0;
+        return (std::stoull(status_field("SigCgt:"), nullptr, 16) & SIGQUIT_BIT) != 0;
     };
     if (!holds_within(DEFAULT_WAIT, is_ready)) {
         throw TestFailure("the server did not get ready:\n" + captured_err.raw_text());
@@ -350,60 +334,6 @@ bool ServerProcess::is_running() {
     return !reap(WNOHANG);
 }
 
-std::size_t ServerProcess::thread_count() const {
-    return std::stoul(status_field(child, "Threads:"));
-}
-
-void ServerProcess::wait_for_thread_count(std::size_t count, Milliseconds wait) const {
-    if (!holds_within(wait, [&] { return thread_count() == count; })) {
-        throw TestFailure("the server has " + std::to_string(thread_count()) + " threads, not " +
-                          std::to_string(count));
-    }
-}
-
-std::size_t ServerProcess::fd_count() const {
-    std::error_code error;
-    std::size_t count = 0;
-    for (std::filesystem::directory_iterator it("/proc/" + std::to_string(child) + "/fd", error), last;
-         !error && it != last; it.increment(error)) {
-        ++count;
-    }
-    if (error) {
-        throw TestFailure("reading the server's descriptors: " + error.message());
-    }
-    return count;
-}
-
-void ServerProcess::wait_for_fd_count(std::size_t count, Milliseconds wait) const {
-    if (!holds_within(wait, [&] { return fd_count() == count; })) {
-        throw TestFailure("the server has " + std::to_string(fd_count()) + " descriptors, not " +
-                          std::to_string(count));
-    }
-}
-
-std::size_t ServerProcess::rss_kib() const {
-    return std::stoul(status_field(child, "VmRSS:"));
-}
-
-Milliseconds ServerProcess::cpu_time() const {
-    std::ifstream file("/proc/" + std::to_string(child) + "/stat");
-    std::stringstream text;
-    text << file.rdbuf();
-    // The name in parentheses may hold blanks; user and system time are fields 14 and 15.
-    std::istringstream fields(text.str().substr(text.str().rfind(')') + 2));
-    std::string skipped;
-    for (int i = 3; i < 14; ++i) {
-        fields >> skipped;
-    }
-    long user = 0;
-    long system = 0;
-    fields >> user >> system;
-    if (!fields) {
-        throw TestFailure("the server has no processor times any more");
-    }
-    return Milliseconds{(user + system) * 1000 / sysconf(_SC_CLK_TCK)};
-}
-
 void ServerProcess::send_signal(int signal_number) {
     if (reap(WNOHANG)) {
         throw TestFailure("the server has ended before it got signal " + std::to_string(signal_number));
@@ -433,14 +363,6 @@ void ServerProcess::pause_draining_stderr() {
 void ServerProcess::resume_draining_stderr() {
     draining_stderr = true;
     (void)eventfd_write(wake_fd, 1);
-}
-
-bool ServerProcess::main_thread_writes_to_stderr() const {
-    std::ifstream file("/proc/" + std::to_string(child) + "/syscall");
-    long call = -1;
-    std::string first_argument;
-    file >> call >> first_argument;
-    return call == SYS_write && first_argument == "0x2";
 }
 
 Milliseconds ServerProcess::stop(Milliseconds wait) {

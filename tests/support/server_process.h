@@ -94,6 +94,8 @@ class ServerProcess {
 
     pid_t pid() const { return child; }
     bool is_running();
+
+    // ---- looked up in /proc (server_measurements.cpp)
     std::size_t thread_count() const;
     // A joined thread may be counted for a moment longer.
     void wait_for_thread_count(std::size_t count, Milliseconds wait = DEFAULT_WAIT) const;
@@ -102,7 +104,10 @@ class ServerProcess {
     void wait_for_fd_count(std::size_t count, Milliseconds wait = DEFAULT_WAIT) const;
     std::size_t rss_kib() const;
     Milliseconds cpu_time() const;
+    // The main thread is inside a write to standard error; it stays there while the pipe is full.
+    bool main_thread_writes_to_stderr() const;
 
+    // ---- changed from outside
     void send_signal(int signal_number);
     // SIGSTOP and SIGCONT; pause returns once every thread has stopped.
     void pause();
@@ -110,8 +115,6 @@ class ServerProcess {
     // While paused, nobody empties the server's standard error pipe.
     void pause_draining_stderr();
     void resume_draining_stderr();
-    // The main thread is inside a write to standard error; it stays there while the pipe is full.
-    bool main_thread_writes_to_stderr() const;
 
     // SIGTERM, then requires exit status 0 within the wait; returns how long it took. Throws TestFailure.
     Milliseconds stop(Milliseconds wait = DEFAULT_WAIT);
@@ -126,6 +129,8 @@ class ServerProcess {
     bool take(int fd, CapturedOutput& captured) const;
     void take_all(int fd, CapturedOutput& captured) const;
     void wait_until_ready();
+    // A field of /proc/<pid>/status, such as "Threads:", as text.
+    std::string status_field(const std::string& field) const;
     bool reap(int wait_options);
     bool wait_until_ended(Milliseconds wait);
     std::string sanitizer_report() const;
