@@ -71,21 +71,6 @@ void leave_stale_socket() {
     ASSERT_TRUE(std::filesystem::is_socket(SOCKET_PATH));
 }
 
-void wait_until_signal_is_taken(const ServerProcess& server) {
-    const std::string path = "/proc/" + std::to_string(server.pid()) + "/status";
-    const TimePoint deadline = SteadyClock::now() + DEFAULT_WAIT;
-    while (SteadyClock::now() < deadline) {
-        std::ifstream file(path);
-        for (std::string line; std::getline(file, line);) {
-            if (line.starts_with("ShdPnd:") && line.find_first_not_of("0\t ", 7) == std::string::npos) {
-                return;
-            }
-        }
-        std::this_thread::sleep_for(Milliseconds{1});
-    }
-    FAIL() << "a signal stayed pending";
-}
-
 // A server whose main thread hangs in a write to its log, which nobody reads.
 class StuckServer {
   public:
@@ -234,7 +219,7 @@ TEST(command_line, nine_signals_to_a_stuck_server_do_not_abort_it) {
     StuckServer stuck;
     for (int i = 0; i < 9; ++i) {
         stuck.server.send_signal(SIGTERM);
-        wait_until_signal_is_taken(stuck.server);
+        stuck.server.wait_until_signals_are_taken();
     }
     stuck.server.resume_draining_stderr();
     const ProcessEnd end = stuck.server.wait_for_exit();
@@ -248,7 +233,7 @@ TEST(command_line, the_tenth_signal_aborts_a_stuck_server) {
         ASSERT_TRUE(stuck.server.is_running()) << "after " << i << " signals";
         stuck.server.send_signal(signals[i % 3]);
         if (i < 9) {
-            wait_until_signal_is_taken(stuck.server);
+            stuck.server.wait_until_signals_are_taken();
         }
     }
     stuck.server.resume_draining_stderr();

@@ -11,9 +11,7 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
-#include <fstream>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace {
@@ -65,24 +63,6 @@ RtmpClient client_at_rest(const ServerProcess& server) {
         server.wait_for_line(line);
     }
     return client;
-}
-
-// Signals of one kind that come together count once.
-void wait_until_no_signal_is_pending(const ServerProcess& server) {
-    const TimePoint deadline = SteadyClock::now() + DEFAULT_WAIT;
-    while (SteadyClock::now() < deadline) {
-        std::ifstream file("/proc/" + std::to_string(server.pid()) + "/status");
-        bool pending = false;
-        for (std::string line; std::getline(file, line);) {
-            const bool counts = line.starts_with("SigPnd:") || line.starts_with("ShdPnd:");
-            pending = pending || (counts && line.find_first_of("123456789abcdef", 7) != std::string::npos);
-        }
-        if (!pending) {
-            return;
-        }
-        std::this_thread::sleep_for(Milliseconds{1});
-    }
-    throw TestFailure("the server does not take its signals");
 }
 
 std::string drop(ControlPeer& peer, const std::string& id) {
@@ -236,7 +216,7 @@ TEST(refused_calls, the_tenth_quit_signal_ends_a_server_that_does_not_get_to_its
     for (int sent = 1; sent <= 10; ++sent) {
         EXPECT_TRUE(faulty.server.is_running()) << "after " << sent - 1 << " signals";
         faulty.server.send_signal(SIGTERM);
-        wait_until_no_signal_is_pending(faulty.server);
+        faulty.server.wait_until_signals_are_taken();
         if (sent == 1) {
             faulty.watch.wait_until_injected();
         }

@@ -81,3 +81,12 @@ bool ServerProcess::main_thread_writes_to_stderr() const {
     file >> call >> first_argument;
     return call == SYS_write && first_argument == "0x2";
 }
+
+void ServerProcess::wait_until_signals_are_taken(Milliseconds wait) const {
+    const auto none_is_pending = [this](const char* field) {
+        return status_field(field).find_first_not_of('0') == std::string::npos;
+    };
+    if (!holds_within(wait, [&] { return none_is_pending("ShdPnd:") && none_is_pending("SigPnd:"); })) {
+        throw TestFailure("the server does not take its signals");
+    }
+}

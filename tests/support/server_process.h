@@ -106,6 +106,8 @@ class ServerProcess {
     Milliseconds cpu_time() const;
     // The main thread is inside a write to standard error; it stays there while the pipe is full.
     bool main_thread_writes_to_stderr() const;
+    // Signals of one kind that come together count once.
+    void wait_until_signals_are_taken(Milliseconds wait = DEFAULT_WAIT) const;
 
     // ---- changed from outside
     void send_signal(int signal_number);
