@@ -3,16 +3,13 @@
 #include "tests/support/message_recorder.h"
 #include "tests/support/rtmp_client.h"
 #include "tests/support/server_process.h"
-#include "tests/support/test_failure.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 
-#include <functional>
 #include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace {
@@ -38,22 +35,6 @@ void add_clients(const ServerProcess& server, Clients& clients, std::size_t coun
     }
 }
 
-void wait_for_value(const char* what, const std::function<std::size_t()>& value, std::size_t wanted) {
-    const TimePoint deadline = SteadyClock::now() + DEFAULT_WAIT;
-    while (value() != wanted) {
-        if (SteadyClock::now() > deadline) {
-            throw TestFailure("the server has " + std::to_string(value()) + " " + what + ", not " +
-                              std::to_string(wanted));
-        }
-        std::this_thread::sleep_for(Milliseconds{2});
-    }
-}
-
-void wait_for_threads(const ServerProcess& server, std::size_t threads) {
-    wait_for_value(
-        "threads", [&] { return server.thread_count(); }, threads);
-}
-
 // The size of a thread's stack for which no system has room. ThreadSanitizer does not start with more than this.
 #ifdef __SANITIZE_THREAD__
 constexpr unsigned long IMPOSSIBLE_STACK = 1UL << 38;
@@ -77,7 +58,7 @@ TEST(connection_table, every_slot_comes_back) {
         (void)RtmpClient().expect_closed();
         server.wait_for_line(REFUSAL, mark);
         clients.clear();
-        wait_for_threads(server, threads);
+        server.wait_for_thread_count(threads);
         server.wait_for_fd_count(descriptors);
         EXPECT_EQ(server.count("Dropping connection", mark), MAX_CLIENTS - 1);
         EXPECT_EQ(server.count(REFUSAL, mark), 1U);
@@ -93,7 +74,7 @@ TEST(connection_table, a_full_table_takes_as_many_as_have_left) {
     for (const std::size_t leaving : {0U, 5U, 64U, 126U, 127U}) {
         clients[leaving].reset();
     }
-    wait_for_threads(server, full_threads - 2 * 5);
+    server.wait_for_thread_count(full_threads - 2 * 5);
     Clients more;
     add_clients(server, more, 5);
     EXPECT_EQ(server.count(REFUSAL), 0U);
@@ -146,11 +127,11 @@ TEST(connection_table, a_publisher_that_left_is_kept_until_its_held_media_is_out
         server.wait_for_consecutive_lines({"Thread 1 died", "WARNING: Thread terminated unexpectedly"});
     EXPECT_EQ(server.count("Dropping connection"), 0U);
     EXPECT_LT(elapsed_since(start), Milliseconds{1500});
-    wait_for_threads(server, threads - 1);
+    server.wait_for_thread_count(threads - 1);
     server.wait_for_line("Dropping connection", reader_ended);
     EXPECT_GE(elapsed_since(start), Milliseconds{1500});
     recorder.wait_for_type(6, MSG_AUDIO);
-    wait_for_threads(server, threads - 2);
+    server.wait_for_thread_count(threads - 2);
     const std::vector<RtmpMessage> messages = recorder.messages_of_type(MSG_AUDIO);
     for (std::uint32_t i = 0; i < 6; ++i) {
         EXPECT_EQ(messages[i].payload, aac_frame(i));
@@ -173,7 +154,7 @@ TEST(connection_table, a_writer_that_cannot_send_ends_alone_while_media_is_held)
     publisher.close_with_reset();
     server.resume();
     server.wait_for_consecutive_lines({"Thread 2 died", "WARNING: Thread2 terminated unexpectedly"}, mark);
-    wait_for_threads(server, threads - 1);
+    server.wait_for_thread_count(threads - 1);
     // The others are served, and the held media keeps the connection.
     RtmpClient other = connected_client();
     EXPECT_THAT(other.round_trip(), IsEmpty());
@@ -209,7 +190,7 @@ TEST(connection_table, a_client_that_resets_is_dropped_like_one_that_closes) {
     server.wait_for_lines({"Thread 1 died", "WARNING: Thread terminated unexpectedly", "Dropping connection",
                            "Connection for play unsubscribed from 'cam1'"},
                           mark);
-    wait_for_threads(server, threads);
+    server.wait_for_thread_count(threads);
 }
 
 TEST(connection_table, a_client_that_only_stops_sending_is_dropped_as_well) {

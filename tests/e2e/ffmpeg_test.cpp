@@ -108,12 +108,8 @@ class Ffmpeg {
 
     // The exit status; throws when it does not end, or was killed.
     int wait_for_exit(Milliseconds wait) {
-        const TimePoint deadline = SteadyClock::now() + wait;
-        while (is_running()) {
-            if (SteadyClock::now() > deadline) {
-                throw TestFailure("ffmpeg did not end:\n" + contents(log));
-            }
-            std::this_thread::sleep_for(Milliseconds{5});
+        if (!holds_within(wait, [this] { return !is_running(); })) {
+            throw TestFailure("ffmpeg did not end:\n" + contents(log));
         }
         if (!WIFEXITED(status)) {
             throw TestFailure("ffmpeg was killed:\n" + contents(log));

@@ -84,14 +84,6 @@ void visit(std::size_t from, std::size_t to) {
     }
 }
 
-void wait_until(const std::string& what, const std::function<bool()>& condition) {
-    const TimePoint deadline = SteadyClock::now() + DEFAULT_WAIT;
-    while (!condition()) {
-        ASSERT_LT(SteadyClock::now(), deadline) << what;
-        std::this_thread::sleep_for(Milliseconds{5});
-    }
-}
-
 }  // namespace
 
 TEST(reconnect, five_hundred_visits_of_every_kind_leave_threads_descriptors_and_memory_as_they_were) {
@@ -114,14 +106,14 @@ TEST(reconnect, five_hundred_visits_of_every_kind_leave_threads_descriptors_and_
     std::size_t warm_kib = 0;
     try {
         visit(0, 100);
-        wait_until("the first visitors are not gone", all_gone);
+        EXPECT_TRUE(holds_within(DEFAULT_WAIT, all_gone)) << "the first visitors are not gone";
         warm_kib = server.rss_kib();
         visit(100, 500);
     } catch (const std::exception& error) {
         failure = error.what();
     }
     EXPECT_EQ(failure, "");
-    wait_until("the visitors are not gone", all_gone);
+    EXPECT_TRUE(holds_within(DEFAULT_WAIT, all_gone)) << "the visitors are not gone";
     EXPECT_LT(server.rss_kib(), warm_kib + ALLOWED_GROWTH_KIB);
     EXPECT_EQ(server.count("Dropping connection"), 500U);
     EXPECT_EQ(server.count("Accepted connection"), 501U);

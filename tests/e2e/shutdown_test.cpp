@@ -125,11 +125,8 @@ TEST(shutdown, a_server_that_waits_for_its_log_reader_stops_in_order_once_it_is_
     RtmpClient client = handshaken_client();
     client.send_command(amf_string("connect") + amf_number(1) +
                         amf_object({{"long", amf_long_string(std::string(300000, 'x'))}}));
-    const TimePoint deadline = SteadyClock::now() + DEFAULT_WAIT;
-    while (!server.main_thread_writes_to_stderr()) {
-        ASSERT_LT(SteadyClock::now(), deadline) << "the server does not hang in its log";
-        std::this_thread::sleep_for(Milliseconds{1});
-    }
+    ASSERT_TRUE(holds_within(DEFAULT_WAIT, [&] { return server.main_thread_writes_to_stderr(); }))
+        << "the server does not hang in its log";
     EXPECT_LT(server.stop(), STOP_LIMIT);
     EXPECT_EQ(server.count("rejected app "), 1U);
     EXPECT_NE(server.raw_text().find(std::string(300000, 'x')), std::string::npos);
