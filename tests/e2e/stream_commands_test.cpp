@@ -46,6 +46,15 @@ Lines reason_of_failure(const Bytes& payload) {
     return reason_of_failure(server, client, payload);
 }
 
+// By connections that publish or play already.
+void expect_refused_to_both(const Bytes& command, const std::string& reason) {
+    const ServerProcess server;
+    RtmpClient publisher = publishing_client("cam1");
+    EXPECT_THAT(reason_of_failure(server, publisher, command), ElementsAre(reason));
+    RtmpClient player = playing_client("cam1");
+    EXPECT_THAT(reason_of_failure(server, player, command), ElementsAre(reason));
+}
+
 }  // namespace
 
 TEST(create_stream, hands_out_random_ids_that_a_fresh_server_repeats) {
@@ -238,14 +247,8 @@ TEST(publish, before_connect_is_refused) {
 }
 
 TEST(publish, after_publish_or_play_is_refused) {
-    ServerProcess server;
-    const Bytes command = publish_command(amf_number(1), amf_string("a-b"), amf_string("live"));
-    RtmpClient publisher = publishing_client("cam1");
-    EXPECT_THAT(reason_of_failure(server, publisher, command),
-                ElementsAre("publish rejected, stream mode already set"));
-    RtmpClient player = playing_client("cam1");
-    EXPECT_THAT(reason_of_failure(server, player, command),
-                ElementsAre("publish rejected, stream mode already set"));
+    expect_refused_to_both(publish_command(amf_number(1), amf_string("a-b"), amf_string("live")),
+                           "publish rejected, stream mode already set");
 }
 
 TEST(publish, the_type_and_the_name_may_be_long_strings) {
@@ -383,14 +386,8 @@ TEST(play, before_connect_is_refused) {
 }
 
 TEST(play, after_publish_or_play_is_refused) {
-    ServerProcess server;
-    const Bytes command = play_command(amf_number(1), amf_string("a-b"));
-    RtmpClient publisher = publishing_client("cam1");
-    EXPECT_THAT(reason_of_failure(server, publisher, command),
-                ElementsAre("play rejected, stream mode already set"));
-    RtmpClient player = playing_client("cam1");
-    EXPECT_THAT(reason_of_failure(server, player, command),
-                ElementsAre("play rejected, stream mode already set"));
+    expect_refused_to_both(play_command(amf_number(1), amf_string("a-b")),
+                           "play rejected, stream mode already set");
 }
 
 TEST(play, of_the_empty_name_subscribes_to_nothing) {
