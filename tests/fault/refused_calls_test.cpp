@@ -69,6 +69,30 @@ std::string drop(ControlPeer& peer, const std::string& id) {
     return peer.ask("drop connection by id", {id}).message;
 }
 
+// The main thread stands still between the drop and the pass that carries it out: where it answers.
+const std::string HELD_DROP = "sendmsg.main:2:hold";
+
+// What the server says when its client ends one of its threads meanwhile.
+std::vector<std::string> lines_of_held_drop(FaultyServer& faulty, void (*end_thread)(RtmpClient& client)) {
+    ControlPeer peer;
+    (void)peer.ask("hello");
+    const AtRest at_rest(faulty.server);
+    RtmpClient client = client_at_rest(faulty.server);
+    const std::size_t threads = faulty.server.thread_count();
+    peer.send_bytes(control_request(2, "drop connection by id", {"0"}));
+    faulty.watch.wait_until_injected();
+    const LineMark mark = faulty.server.mark();
+    end_thread(client);
+    faulty.server.wait_for_thread_count(threads - 1);
+    faulty.watch.release();
+    std::vector<std::string> lines = faulty.server.lines_through("Dropping connection", mark);
+    if (client.is_open()) {
+        (void)client.expect_closed();
+    }
+    at_rest.expect();
+    return lines;
+}
+
 }  // namespace
 
 // ---- the start
@@ -173,41 +197,16 @@ TEST(refused_calls, a_thread_that_cannot_be_joined_is_tried_again_on_every_pass)
 }
 
 TEST(refused_calls, a_thread_that_has_died_by_the_time_of_the_drop_is_not_cancelled) {
-    // The main thread stands still between the drop and the pass that carries it out.
-    FaultyServer faulty("sendmsg.main:2:hold");
-    ControlPeer peer;
-    (void)peer.ask("hello");
-    const AtRest at_rest(faulty.server);
-    RtmpClient client = client_at_rest(faulty.server);
-    const std::size_t threads = faulty.server.thread_count();
-    peer.send_bytes(control_request(2, "drop connection by id", {"0"}));
-    faulty.watch.wait_until_injected();
-    const LineMark mark = faulty.server.mark();
-    client.close();
-    faulty.server.wait_for_thread_count(threads - 1);
-    faulty.watch.release();
-    EXPECT_EQ(faulty.server.lines_through("Dropping connection", mark),
+    FaultyServer faulty(HELD_DROP);
+    EXPECT_EQ(lines_of_held_drop(faulty, [](RtmpClient& client) { client.close(); }),
               (std::vector<std::string>{"Not cancelling thread, it died", "Dropping connection"}));
-    at_rest.expect();
 }
 
 TEST(refused_calls, a_writer_that_has_died_by_the_time_of_the_drop_is_not_cancelled) {
-    FaultyServer faulty("sendmsg.main:2:hold;sendmsg.writer:1:EPIPE");
-    ControlPeer peer;
-    (void)peer.ask("hello");
-    const AtRest at_rest(faulty.server);
-    RtmpClient client = client_at_rest(faulty.server);
-    const std::size_t threads = faulty.server.thread_count();
-    peer.send_bytes(control_request(2, "drop connection by id", {"0"}));
-    faulty.watch.wait_until_injected();
-    const LineMark mark = faulty.server.mark();
-    client.send_audio(1, aac_frame(1));  // Its acknowledgement is what cannot be sent.
-    faulty.server.wait_for_thread_count(threads - 1);
-    faulty.watch.release();
-    EXPECT_EQ(faulty.server.lines_through("Dropping connection", mark),
+    FaultyServer faulty(HELD_DROP + ";sendmsg.writer:1:EPIPE");
+    // Its acknowledgement is what cannot be sent.
+    EXPECT_EQ(lines_of_held_drop(faulty, [](RtmpClient& client) { client.send_audio(1, aac_frame(1)); }),
               (std::vector<std::string>{"Not cancelling thread2, it died", "Dropping connection"}));
-    (void)client.expect_closed();
-    at_rest.expect();
 }
 
 TEST(refused_calls, the_tenth_quit_signal_ends_a_server_that_does_not_get_to_its_end) {
