@@ -66,6 +66,7 @@ class ServerProcess {
     ServerProcess(const ServerProcess&) = delete;
     ServerProcess& operator=(const ServerProcess&) = delete;
 
+    // ---- what it prints (server_output.cpp)
     // Both hold everything that the server had written when they were asked for (standard error: unless its
     // draining is paused), so after an answer has come, the lines printed before it are there.
     const CapturedOutput& err() const;
@@ -91,9 +92,9 @@ class ServerProcess {
     // The lines from the mark to the given one, which is waited for.
     std::vector<std::string> lines_through(std::string_view last_line, LineMark from = 0,
                                            Milliseconds wait = DEFAULT_WAIT) const;
-
-    pid_t pid() const { return child; }
-    bool is_running();
+    // While paused, nobody empties the server's standard error pipe.
+    void pause_draining_stderr();
+    void resume_draining_stderr();
 
     // ---- looked up in /proc (server_measurements.cpp)
     std::size_t thread_count() const;
@@ -109,14 +110,13 @@ class ServerProcess {
     // Signals of one kind that come together count once.
     void wait_until_signals_are_taken(Milliseconds wait = DEFAULT_WAIT) const;
 
-    // ---- changed from outside
+    // ---- its life
+    pid_t pid() const { return child; }
+    bool is_running();
     void send_signal(int signal_number);
     // SIGSTOP and SIGCONT; pause returns once every thread has stopped.
     void pause();
     void resume();
-    // While paused, nobody empties the server's standard error pipe.
-    void pause_draining_stderr();
-    void resume_draining_stderr();
 
     // SIGTERM, then requires exit status 0 within the wait; returns how long it took. Throws TestFailure.
     Milliseconds stop(Milliseconds wait = DEFAULT_WAIT);
