@@ -1,10 +1,12 @@
 // What the server asks of the system, and what it does when the system refuses.
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <netinet/tcp.h>
 
 #include "core/listener.h"
 #include "core/main_loop.h"
 #include "core/quit_signals.h"
+#include "rtmp/packet_queues.h"
 #include "tests/support/assertion_line.h"
 #include "tests/support/connection_fixture.h"
 #include "tests/support/wrapped_calls.h"
@@ -18,6 +20,15 @@ class SystemCallsTest : public ConnectionFixture {
 };
 
 using SystemCallsDeathTest = SystemCallsTest;
+
+constexpr const char* CONTROL_SOCKET = "/var/run/v9_rtmp_server.socket";
+
+// Runs the main loop for one pass, up to the end of the stop.
+void run_one_pass() {
+    wrapped_calls.at_sleep = [] { quit_signals = 1; };
+    EXPECT_EQ(run_server(), 0);
+    quit_signals = 0;
+}
 
 // Takes a message that was queued as the writer thread does, and forgets what arrives.
 bool send_next(RTMPConnection& conn) {
@@ -71,6 +82,7 @@ TEST_F(SystemCallsTest, listener_and_clients_get_their_options) {
     wrapped_calls = {};
     const int client = connect_to_server();
     EXPECT_EQ(printed_by([] { accept_connections(); }), "Accepted connection\n");
+    EXPECT_EQ(fcntl(get_connection(0)->fd, F_GETFD), FD_CLOEXEC);
     EXPECT_EQ(wrapped_calls.options, (std::vector<SetOption>{{IPPROTO_TCP, TCP_NODELAY, 1, 4},
                                                              {SOL_SOCKET, SO_KEEPALIVE, 1, 4},
                                                              {IPPROTO_TCP, TCP_KEEPIDLE, 60, 4},
@@ -155,12 +167,65 @@ TEST_F(SystemCallsTest, the_pass_that_accepts_a_connection_without_its_threads_d
     const int client = connect_to_server();
     wrapped_calls = {};
     wrapped_calls.failing_pthread_create = 1;
-    wrapped_calls.at_create = [] { quit_signals = 1; };  // This pass is the last one.
-    EXPECT_EQ(printed_by([] { EXPECT_EQ(run_server(), 0); }),
+    EXPECT_EQ(printed_by(run_one_pass),
               "WARNING: Failure to create thread\nAccepted connection\nDropping connection\n"
               "Disposing old stream ''\n");
-    quit_signals = 0;
     close(client);
+}
+
+TEST_F(SystemCallsTest, a_pass_begins_with_ten_milliseconds_of_sleep) {
+    (void)printed_by(run_one_pass);
+    EXPECT_EQ(wrapped_calls.sleeps, std::vector<useconds_t>{10000});
+}
+
+TEST_F(SystemCallsTest, a_stop_gives_up_the_control_socket_then_the_listener_then_each_slot_in_order) {
+    std::map<int, std::size_t> slots;
+    for (const char* const name : {"cam2", "cam3", "cam1"}) {
+        RTMPConnection& conn = add_connection();
+        conn.stream_name = name;
+        stream_subscribe_for_play(name, conn.conn_idx);
+        slots[conn.fd] = conn.conn_idx;
+    }
+    std::vector<std::string> given_up;
+    wrapped_calls.at_close = [&](int fd) {
+        if (fd == listen_fd) {
+            given_up.emplace_back(access(CONTROL_SOCKET, F_OK) == 0 ? "listener too early" : "listener");
+        } else if (slots.contains(fd)) {
+            const std::size_t slot = slots[fd];
+            const bool plays = !find_or_insert_stream(get_connection(slot)->stream_name).players.empty();
+            given_up.push_back("slot " + std::to_string(slot) + (plays ? ", which still plays" : ""));
+        }
+    };
+    EXPECT_EQ(printed_by(run_one_pass),
+              "Connection for play unsubscribed from 'cam2'\nConnection for play unsubscribed from 'cam3'\n"
+              "Connection for play unsubscribed from 'cam1'\n");
+    EXPECT_EQ(given_up, (std::vector<std::string>{"listener", "slot 0, which still plays",
+                                                  "slot 1, which still plays", "slot 2, which still plays"}));
+    wrapped_calls = {};
+}
+
+TEST_F(SystemCallsTest, a_writer_with_nothing_to_send_looks_again_after_fifty_milliseconds) {
+    RTMPConnection& conn = add_connection();
+    EXPECT_TRUE(send_next(conn));
+    EXPECT_EQ(wrapped_calls.sleeps, std::vector<useconds_t>{50000});
+}
+
+TEST_F(SystemCallsTest, a_reader_looks_every_ten_milliseconds_whether_fewer_than_eight_messages_wait) {
+    RTMPConnection& conn = add_connection();
+    for (int i = 0; i < 7; ++i) {
+        ASSERT_TRUE(conn.add_to_incoming_queue(make_packet(9, 0, "x")));
+    }
+    EXPECT_TRUE(wait_for_room_in_incoming_queue(conn));
+    EXPECT_EQ(wrapped_calls.sleeps, std::vector<useconds_t>{});
+
+    ASSERT_TRUE(conn.add_to_incoming_queue(make_packet(9, 0, "x")));
+    wrapped_calls.at_sleep = [&conn] {
+        if (wrapped_calls.sleeps.size() == 3) {
+            conn.connection_in.pop_front();
+        }
+    };
+    EXPECT_TRUE(wait_for_room_in_incoming_queue(conn));
+    EXPECT_EQ(wrapped_calls.sleeps, (std::vector<useconds_t>{10000, 10000, 10000}));
 }
 
 TEST_F(SystemCallsTest, a_close_reports_what_it_could_not_do_and_goes_on) {

@@ -91,6 +91,16 @@ TEST(handshake, the_next_client_gets_the_next_random_bytes) {
               to_hex({reinterpret_cast<const char*>(expected.data()), expected.size()}));
 }
 
+TEST(handshake, a_client_that_fails_before_its_random_bytes_are_due_draws_none) {
+    ServerProcess server;
+    RtmpClient broken;
+    broken.send_bytes(bytes_of({3, 'a', 'b', 'c'}));
+    broken.half_close();
+    expect_handshake_failure(server, "C1 fail");
+    RtmpClient next;
+    EXPECT_EQ(to_hex(next.handshake().s1), to_hex(first_s1()));
+}
+
 TEST(handshake, each_answer_waits_for_what_it_answers) {
     ServerProcess server;
     RtmpClient client;

@@ -1,10 +1,5 @@
 #include "rtmp/packet_queues.h"
 
-#include <unistd.h>
-
-#include <atomic>
-#include <thread>
-
 #include "tests/support/connection_fixture.h"
 
 namespace {
@@ -37,26 +32,4 @@ TEST_F(packet_queues, the_writer_is_told_whether_more_bytes_will_follow) {
     EXPECT_EQ(payload_of(conn.out_pkt), "2");
     EXPECT_EQ(take_outgoing(conn), Outgoing::LAST);
     EXPECT_EQ(take_outgoing(conn), Outgoing::NONE);
-}
-
-TEST_F(packet_queues, the_reader_waits_while_eight_messages_are_queued) {
-    for (int i = 0; i < 7; ++i) {
-        ASSERT_TRUE(conn.add_to_incoming_queue(make_packet(9, 0, "x")));
-    }
-    EXPECT_TRUE(wait_for_room_in_incoming_queue(conn));
-
-    ASSERT_TRUE(conn.add_to_incoming_queue(make_packet(9, 0, "x")));
-    std::atomic<bool> went_on = false;
-    std::thread reader([&] {
-        EXPECT_TRUE(wait_for_room_in_incoming_queue(conn));
-        went_on = true;
-    });
-    usleep(50000);
-    EXPECT_FALSE(went_on);
-    {
-        const ConnectionLock lock(conn);
-        conn.connection_in.pop_front();
-    }
-    reader.join();
-    EXPECT_TRUE(went_on);
 }

@@ -20,6 +20,7 @@ int __real_pthread_cancel(pthread_t thread);
 int __real_pthread_join(pthread_t thread, void** result);
 int __real_pthread_mutex_lock(pthread_mutex_t* mutex);
 int __real_pthread_mutex_unlock(pthread_mutex_t* mutex);
+int __real_close(int fd);
 
 ssize_t __wrap_recv(int fd, void* buffer, std::size_t c, int flags) {
     const ssize_t result = __real_recv(fd, buffer, c, flags);
@@ -95,6 +96,21 @@ int __wrap_pthread_mutex_lock(pthread_mutex_t* mutex) {
 int __wrap_pthread_mutex_unlock(pthread_mutex_t* mutex) {
     const int result = __real_pthread_mutex_unlock(mutex);
     return mutex == wrapped_calls.failing_unlock ? EPERM : result;
+}
+
+int __wrap_close(int fd) {
+    if (wrapped_calls.at_close) {
+        wrapped_calls.at_close(fd);
+    }
+    return __real_close(fd);
+}
+
+int __wrap_usleep(useconds_t duration_us) {
+    wrapped_calls.sleeps.push_back(duration_us);
+    if (wrapped_calls.at_sleep) {
+        wrapped_calls.at_sleep();
+    }
+    return 0;
 }
 
 }  // extern "C"

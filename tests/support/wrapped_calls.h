@@ -6,6 +6,7 @@
 
 #include <pthread.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <cstdint>
 #include <functional>
@@ -30,6 +31,7 @@ struct WrappedCalls {
     std::vector<SentPieces> sends;   // every sendmsg
     std::vector<SetOption> options;  // every setsockopt
     std::vector<int> backlogs;       // every listen
+    std::vector<useconds_t> sleeps;  // every usleep; none of them takes any time
 
     // The nth call of its kind (from 1) fails; 0: none does.
     int failing_listen = 0;
@@ -49,10 +51,13 @@ struct WrappedCalls {
     std::function<ssize_t(ssize_t)> send_result;
     std::function<ssize_t(ssize_t)> sendmsg_result;
 
-    // What somebody else does meanwhile: before a thread is created, before a mutex is locked, and after a join.
+    // What somebody else does meanwhile: before a thread is created, before a mutex is locked, after a join,
+    // before a descriptor is closed, and instead of a sleep.
     std::function<void()> at_create;
     std::function<void(const pthread_mutex_t*)> at_lock;
     std::function<void()> at_join;
+    std::function<void(int)> at_close;
+    std::function<void()> at_sleep;
 
     int pthread_creates = 0;
 };
