@@ -6,7 +6,7 @@
 //    or calls a socket while holding it.
 // 3. Only the main thread holds two of these mutexes: the publisher's, then one player's.
 // 4. Other connections are named by slot index, never by pointer; nothing outside points into a connection.
-// The fields stand in groups by who may touch them; the clang build checks it.
+// 5. The fields stand in groups by who may touch them; the clang build checks those that are annotated.
 //
 //                  new_connection                 a thread ends
 //    [free slot] ----------------> [open] ---------------------------> [draining]
