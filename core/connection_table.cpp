@@ -6,6 +6,7 @@
 #include "base/check.h"
 #include "base/diag.h"
 #include "core/connection.h"
+#include "core/heap.h"
 #include "core/limits.h"
 #include "relay/stream_registry.h"
 #include "rtmp/session_threads.h"
@@ -67,6 +68,7 @@ void free_connection(std::size_t i) {
     if (connections[i] != nullptr) {
         connections[i]->close_connection();
         connections[i].reset();
+        expect_free_memory();
     }
 }
 

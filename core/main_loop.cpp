@@ -4,6 +4,7 @@
 
 #include "control/control_server.h"
 #include "core/connection_table.h"
+#include "core/heap.h"
 #include "core/listener.h"
 #include "core/quit_signals.h"
 
@@ -27,6 +28,7 @@ int run_server() {
         server_idle();
         accept_connections();
         idle_all_connections();
+        give_back_free_memory();
     }
 
     stop_control_server();

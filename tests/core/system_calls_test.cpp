@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <netinet/tcp.h>
 
+#include "core/heap.h"
 #include "core/listener.h"
 #include "core/main_loop.h"
 #include "core/quit_signals.h"
@@ -226,6 +227,34 @@ TEST_F(SystemCallsTest, a_reader_looks_every_ten_milliseconds_whether_fewer_than
     };
     EXPECT_TRUE(wait_for_room_in_incoming_queue(conn));
     EXPECT_EQ(wrapped_calls.sleeps, (std::vector<useconds_t>{10000, 10000, 10000}));
+}
+
+TEST_F(SystemCallsTest, free_memory_goes_back_to_the_system_ten_seconds_after_the_first_of_several_has_left) {
+    const std::uint64_t second_us = 1000000;
+    const auto trims_after = [](std::uint64_t wait_us) {
+        fake_clock_us += wait_us;
+        give_back_free_memory();
+        return wrapped_calls.malloc_trims;
+    };
+    add_connection();
+    add_connection();
+    const int earlier = trims_after(100 * second_us);  // what other tests have left
+    EXPECT_EQ(trims_after(100 * second_us), earlier);
+    wrapped_calls.malloc_trims = 0;
+    (void)printed_by([] { free_connection(0); });
+    EXPECT_EQ(trims_after(4 * second_us), 0);
+    (void)printed_by([] { free_connection(1); });
+    EXPECT_EQ(trims_after(6 * second_us - 1), 0);
+    EXPECT_EQ(trims_after(1), 1);
+    EXPECT_EQ(trims_after(100 * second_us), 1);
+}
+
+TEST_F(SystemCallsTest, a_pass_ends_with_the_return_of_free_memory) {
+    add_connection();
+    (void)printed_by([] { free_connection(0); });
+    fake_clock_us += 10000000;
+    (void)printed_by(run_one_pass);
+    EXPECT_EQ(wrapped_calls.malloc_trims, 1);
 }
 
 TEST_F(SystemCallsTest, a_close_reports_what_it_could_not_do_and_goes_on) {

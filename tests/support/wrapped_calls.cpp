@@ -105,6 +105,11 @@ int __wrap_close(int fd) {
     return __real_close(fd);
 }
 
+int __wrap_malloc_trim(std::size_t /*pad*/) {
+    ++wrapped_calls.malloc_trims;
+    return 0;
+}
+
 int __wrap_usleep(useconds_t duration_us) {
     wrapped_calls.sleeps.push_back(duration_us);
     if (wrapped_calls.at_sleep) {

@@ -60,6 +60,7 @@ struct WrappedCalls {
     std::function<void()> at_sleep;
 
     int pthread_creates = 0;
+    int malloc_trims = 0;
 };
 
 extern WrappedCalls wrapped_calls;
