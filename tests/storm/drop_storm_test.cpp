@@ -124,11 +124,11 @@ TEST_P(DropStorm, leaves_nothing_behind_and_disturbs_nobody) {
         add_to(places, log_reader.places_seen());
         wait_for_empty_accept_queue();
         server.wait_for_thread_count(threads);
-        rss_kib = server.rss_kib();
-        std::cout << "after " << opened << " drops: " << rss_kib << " KiB resident\n";
         // A sanitizer keeps freed memory for a while, and one of them names at the end what was lost.
-        if (half == 1 && TIME_SCALE == 1) {
-            EXPECT_LE(rss_kib, rss_before_kib + ALLOWED_GROWTH_KIB);
+        if (TIME_SCALE == 1) {
+            rss_kib = server.rss_kib_at_rest();
+            std::cout << "after " << opened << " drops: " << rss_kib << " KiB resident\n";
+            EXPECT_TRUE(half == 0 || rss_kib <= rss_before_kib + ALLOWED_GROWTH_KIB);
         }
     }
     show("visits by the point to which they came", points);

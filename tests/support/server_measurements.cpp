@@ -55,6 +55,12 @@ std::size_t ServerProcess::rss_kib() const {
     return std::stoul(status_field("VmRSS:"));
 }
 
+std::size_t ServerProcess::rss_kib_at_rest() const {
+    constexpr Milliseconds GIVE_BACK_WAIT{11000};
+    std::this_thread::sleep_for(GIVE_BACK_WAIT);
+    return rss_kib();
+}
+
 Milliseconds ServerProcess::cpu_time() const {
     std::ifstream file("/proc/" + std::to_string(child) + "/stat");
     std::stringstream text;

@@ -104,6 +104,8 @@ class ServerProcess {
     // The server notices a control client that has left at its next look at the control socket.
     void wait_for_fd_count(std::size_t count, Milliseconds wait = DEFAULT_WAIT) const;
     std::size_t rss_kib() const;
+    // Waits until the server has given back what was free when this was called, 10 s after the last client has left.
+    std::size_t rss_kib_at_rest() const;
     Milliseconds cpu_time() const;
     // The main thread is inside a write to standard error; it stays there while the pipe is full.
     bool main_thread_writes_to_stderr() const;
