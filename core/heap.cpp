@@ -9,7 +9,8 @@
 namespace {
 
 constexpr int GIVE_BACK_BYTES = 65536;
-constexpr std::uint64_t GIVE_BACK_DELAY_US = 10000000;  // Pages that come and go in one moment cost more.
+// Giving back pages that are needed again at once would cost more than keeping them.
+constexpr std::uint64_t GIVE_BACK_DELAY_US = 10000000;
 
 std::uint64_t give_back_at_us GUARDED_BY(MAIN_THREAD) = 0;  // 0: nothing is expected
 

@@ -13,6 +13,7 @@
 #include <cstring>
 
 #include "base/diag.h"
+#include "core/connection.h"
 #include "rtmp/socket_io.h"
 
 namespace {

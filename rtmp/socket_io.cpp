@@ -1,4 +1,4 @@
-// The two socket primitives of a connection: blocking, whole, counted.
+// The socket primitives of a connection: blocking and counted; and whole, on top of them.
 #include "rtmp/socket_io.h"
 
 #include <sys/socket.h>

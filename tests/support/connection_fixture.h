@@ -1,6 +1,6 @@
 // For unit tests of code that needs real connections in the real table, without real threads behind them.
 //
-// Link with fake_clock.cpp and idle_threads.cpp. Everything runs on the test's own thread, which plays the
+// Link with v9_still_connections. Everything runs on the test's own thread, which plays the
 // roles of all three threads.
 #pragma once
 

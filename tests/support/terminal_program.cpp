@@ -14,7 +14,6 @@
 #include <algorithm>
 #include <array>
 #include <csignal>
-#include <functional>
 
 namespace {
 

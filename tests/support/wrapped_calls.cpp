@@ -64,9 +64,6 @@ int __wrap_listen(int fd, int backlog) {
 
 int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*entry)(void*),
                           void* argument) {
-    if (wrapped_calls.at_create) {
-        wrapped_calls.at_create();
-    }
     if (++wrapped_calls.pthread_creates == wrapped_calls.failing_pthread_create) {
         return EAGAIN;
     }
@@ -105,8 +102,8 @@ int __wrap_close(int fd) {
     return __real_close(fd);
 }
 
-int __wrap_malloc_trim(std::size_t /*pad*/) {
-    ++wrapped_calls.malloc_trims;
+int __wrap_malloc_trim(std::size_t pad) {
+    wrapped_calls.malloc_trims.push_back(pad);
     return 0;
 }
 

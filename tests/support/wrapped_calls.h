@@ -51,16 +51,15 @@ struct WrappedCalls {
     std::function<ssize_t(ssize_t)> send_result;
     std::function<ssize_t(ssize_t)> sendmsg_result;
 
-    // What somebody else does meanwhile: before a thread is created, before a mutex is locked, after a join,
+    // What somebody else does meanwhile: before a mutex is locked, after a join,
     // before a descriptor is closed, and instead of a sleep.
-    std::function<void()> at_create;
     std::function<void(const pthread_mutex_t*)> at_lock;
     std::function<void()> at_join;
     std::function<void(int)> at_close;
     std::function<void()> at_sleep;
 
     int pthread_creates = 0;
-    int malloc_trims = 0;
+    std::vector<std::size_t> malloc_trims;  // what each left at the end of the heap
 };
 
 extern WrappedCalls wrapped_calls;
