@@ -68,11 +68,10 @@ TEST(listener, a_client_that_leaves_at_once_frees_its_slot_and_its_threads) {
     ServerProcess server;
     const std::size_t descriptors = server.fd_count();
     RtmpClient().close();
-    server.wait_for_consecutive_lines({"C0 fail", "RTMP handshake failed"});
-    const LineMark end =
-        server.wait_for_consecutive_lines({"Thread 1 died", "WARNING: Thread terminated unexpectedly",
-                                           "Dropping connection", "Disposing old stream ''"});
-    // The writer may be stopped before it has said its first word.
+    const LineMark end = server.wait_for_lines({"C0 fail", "RTMP handshake failed", "Thread 1 died",
+                                                "WARNING: Thread terminated unexpectedly",
+                                                "Dropping connection", "Disposing old stream ''"});
+    // The writer's first word may come between any of them, and it may be stopped before it has said it.
     const std::size_t writer_lines = server.count("RTMP xmit begin");
     EXPECT_LE(writer_lines, 1U);
     EXPECT_EQ(end, 8U + writer_lines) << "two more lines: accepted, and the reader's";
