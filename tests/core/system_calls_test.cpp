@@ -10,6 +10,7 @@
 #include "rtmp/packet_queues.h"
 #include "tests/support/assertion_line.h"
 #include "tests/support/connection_fixture.h"
+#include "tests/support/control_peer.h"
 #include "tests/support/wrapped_calls.h"
 
 namespace {
@@ -21,8 +22,6 @@ class SystemCallsTest : public ConnectionFixture {
 };
 
 using SystemCallsDeathTest = SystemCallsTest;
-
-constexpr const char* CONTROL_SOCKET = "/var/run/v9_rtmp_server.socket";
 
 // Runs the main loop for one pass, up to the end of the stop.
 void run_one_pass(const std::function<void()>& meanwhile = [] {}) {
@@ -197,7 +196,8 @@ TEST_F(SystemCallsTest, a_stop_gives_up_the_control_socket_then_the_listener_the
     std::vector<std::string> given_up;
     wrapped_calls.at_close = [&](int fd) {
         if (fd == listen_fd) {
-            given_up.emplace_back(access(CONTROL_SOCKET, F_OK) == 0 ? "listener too early" : "listener");
+            given_up.emplace_back(access(CONTROL_SOCKET_PATH.c_str(), F_OK) == 0 ? "listener too early"
+                                                                                 : "listener");
         } else if (slots.contains(fd)) {
             const std::size_t slot = slots[fd];
             const bool plays = !find_or_insert_stream(get_connection(slot)->stream_name).players.empty();

@@ -1,4 +1,5 @@
 // Arguments, start, stop and exit status.
+#include "tests/support/control_peer.h"
 #include "tests/support/rtmp_client.h"
 #include "tests/support/server_process.h"
 
@@ -21,12 +22,11 @@ namespace {
 const std::string USAGE =
     "  --dbg-pkt     Debug packet conversation (without A/V content)\n"
     "  --no-def-ack  Do not send ACK packets unless asked to.\n";
-const std::string SOCKET_PATH = "/var/run/v9_rtmp_server.socket";
 
 // Removes whatever a test puts at the control socket's path.
 struct CleanSocketPath {
-    CleanSocketPath() { std::filesystem::remove_all(SOCKET_PATH); }
-    ~CleanSocketPath() { std::filesystem::remove_all(SOCKET_PATH); }
+    CleanSocketPath() { std::filesystem::remove_all(CONTROL_SOCKET_PATH); }
+    ~CleanSocketPath() { std::filesystem::remove_all(CONTROL_SOCKET_PATH); }
 };
 
 void expect_refusal(const std::vector<std::string>& arguments, const std::string& text) {
@@ -64,10 +64,10 @@ void leave_stale_socket() {
     const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
-    SOCKET_PATH.copy(address.sun_path, sizeof address.sun_path - 1);
+    CONTROL_SOCKET_PATH.copy(address.sun_path, sizeof address.sun_path - 1);
     ASSERT_EQ(bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
     close(fd);
-    ASSERT_TRUE(std::filesystem::is_socket(SOCKET_PATH));
+    ASSERT_TRUE(std::filesystem::is_socket(CONTROL_SOCKET_PATH));
 }
 
 // A server whose main thread hangs in a write to its log, which nobody reads.
@@ -236,16 +236,16 @@ TEST(command_line, the_tenth_signal_aborts_a_stuck_server) {
 
 TEST(command_line, a_directory_at_the_socket_path_prevents_the_start) {
     const CleanSocketPath clean;
-    std::filesystem::create_directories(SOCKET_PATH + "/occupied");
+    std::filesystem::create_directories(CONTROL_SOCKET_PATH + "/occupied");
     expect_refusal({}, "Failed to create server socket\n");
-    EXPECT_TRUE(std::filesystem::is_directory(SOCKET_PATH + "/occupied"));
+    EXPECT_TRUE(std::filesystem::is_directory(CONTROL_SOCKET_PATH + "/occupied"));
 }
 
 TEST(command_line, an_empty_directory_at_the_socket_path_prevents_the_start) {
     const CleanSocketPath clean;
-    std::filesystem::create_directory(SOCKET_PATH);
+    std::filesystem::create_directory(CONTROL_SOCKET_PATH);
     expect_refusal({}, "Failed to create server socket\n");
-    EXPECT_TRUE(std::filesystem::is_directory(SOCKET_PATH));
+    EXPECT_TRUE(std::filesystem::is_directory(CONTROL_SOCKET_PATH));
 }
 
 TEST(command_line, a_stale_socket_does_not_prevent_the_start) {
@@ -257,18 +257,18 @@ TEST(command_line, a_stale_socket_does_not_prevent_the_start) {
 
 TEST(command_line, a_file_at_the_socket_path_does_not_prevent_the_start) {
     const CleanSocketPath clean;
-    std::ofstream(SOCKET_PATH) << "left over";
+    std::ofstream(CONTROL_SOCKET_PATH) << "left over";
     ServerProcess server;
-    EXPECT_TRUE(std::filesystem::is_socket(SOCKET_PATH));
+    EXPECT_TRUE(std::filesystem::is_socket(CONTROL_SOCKET_PATH));
     (void)connected_client();
 }
 
 TEST(command_line, the_socket_exists_while_the_server_runs_and_no_longer) {
     const CleanSocketPath clean;
     ServerProcess server;
-    EXPECT_TRUE(std::filesystem::is_socket(SOCKET_PATH));
+    EXPECT_TRUE(std::filesystem::is_socket(CONTROL_SOCKET_PATH));
     server.stop();
-    EXPECT_FALSE(std::filesystem::exists(SOCKET_PATH));
+    EXPECT_FALSE(std::filesystem::exists(CONTROL_SOCKET_PATH));
 }
 
 TEST(command_line, a_port_that_another_program_keeps_to_itself_prevents_the_start) {
@@ -279,7 +279,7 @@ TEST(command_line, a_port_that_another_program_keeps_to_itself_prevents_the_star
     }
     // The way out through the listener leaves the control socket as it is; the next start takes the path
     // over.
-    EXPECT_TRUE(std::filesystem::is_socket(SOCKET_PATH));
+    EXPECT_TRUE(std::filesystem::is_socket(CONTROL_SOCKET_PATH));
     ServerProcess server;
     (void)connected_client();
 }
@@ -291,12 +291,12 @@ TEST(command_line, a_second_instance_shares_the_port_and_takes_the_socket_path_o
     options.beside_another = true;
     ServerProcess second(options);
     first.stop();
-    EXPECT_TRUE(std::filesystem::is_socket(SOCKET_PATH))
+    EXPECT_TRUE(std::filesystem::is_socket(CONTROL_SOCKET_PATH))
         << "the first instance removed the second one's socket";
     RtmpClient client = connected_client();
     second.wait_for_line("accepted app ombrex-live");
     second.stop();
-    EXPECT_FALSE(std::filesystem::exists(SOCKET_PATH));
+    EXPECT_FALSE(std::filesystem::exists(CONTROL_SOCKET_PATH));
 }
 
 TEST(command_line, no_descriptor_for_the_listener_ends_the_start_without_a_word) {
