@@ -17,8 +17,6 @@ import sys
 
 # What may be left when all have left, in what the process had touched before they came.
 MEMORY_LEFT_KIB = 2048
-# After a shorter run nobody waits until the server has given back what is free.
-MEMORY_LEFT_MIN_SECONDS = 60
 # The second half of a shorter run says nothing about a slope.
 SLOPE_MIN_SECONDS = 600
 SANITIZER_SIGNS = re.compile(r"ERROR: (Address|Leak|UndefinedBehavior)Sanitizer|(WARNING|FATAL): ThreadSanitizer"
@@ -58,14 +56,14 @@ def judge_memory(samples, limit):
     return Row("memory slope", value, f"at most {limit_per_minute:.1f} KiB/min", line.slope <= limit_per_minute)
 
 
-def judge_memory_left(samples, totals, applies):
+def judge_memory_left(totals, applies):
     """Whatever there was, it is given back."""
     rise = totals["end"]["rss_kib"] - totals["start"]["rss_kib"]
     value = f"{rise:+d} KiB"
     if not applies:
         return Row("memory left", value, "not applied", None)
-    if samples[-1]["seconds"] < MEMORY_LEFT_MIN_SECONDS:
-        return Row("memory left", value, f"not applied below {MEMORY_LEFT_MIN_SECONDS} s", None)
+    if not totals["end_at_rest"]:
+        return Row("memory left", value, "not applied to a run so short", None)
     return Row("memory left", value, f"at most +{MEMORY_LEFT_KIB} KiB", rise <= MEMORY_LEFT_KIB)
 
 
@@ -122,7 +120,7 @@ def judge(samples, totals, reports, options):
         information("memory", f"{min(s['rss_kib'] for s in samples) / 1024:.1f} to "
                               f"{max(s['rss_kib'] for s in samples) / 1024:.1f} MiB under load, "
                               f"{totals['end']['rss_kib'] / 1024:.1f} MiB when all had left"),
-        judge_memory_left(samples, totals, options.memory_rise is not None),
+        judge_memory_left(totals, options.memory_rise is not None),
         no_more_than_at_start("descriptors"),
         no_more_than_at_start("threads"),
         information("server CPU", f"{statistics.mean(cpu):.1f} % of one core, {max(cpu):.0f} % in the worst second"),
