@@ -97,7 +97,9 @@ TEST_P(ConnectStorm, every_slot_comes_back) {
             rss_kib = server.rss_kib_at_rest();
             std::cout << "after " << server.count("Accepted connection") << " clients: " << rss_kib
                       << " KiB resident\n";
-            EXPECT_TRUE(half == 0 || rss_kib <= rss_before_kib + ALLOWED_GROWTH_KIB);
+        }
+        if (half == 1 && TIME_SCALE == 1) {
+            EXPECT_LE(rss_kib, rss_before_kib + ALLOWED_GROWTH_KIB);
         }
     }
     server.wait_for_fd_count(descriptors);
