@@ -4,14 +4,17 @@
 #include "app/metadata.h"
 #include "app/publisher_media.h"
 #include "base/check.h"
+#include "base/clock.h"
 #include "base/diag.h"
 #include "core/connection.h"
 #include "rtmp/message_types.h"
 
 namespace {
 
-// What one connection may take of a pass.
-constexpr int MAX_MESSAGES_PER_PASS = 1000;
+// How much of a pass a connection may take, whichever ends first. The message during which the time passes is the last
+// one. Messages differ in cost a thousandfold; expensive ones of one connection must not stop the others.
+constexpr int MAX_MESSAGES_PER_TURN = 1000;
+constexpr std::uint64_t TURN_US = 20000;
 
 bool run_command_message(RTMPConnection& conn, const RTMP_Packet& pkt) REQUIRES(conn.mutex, MAIN_THREAD) {
     const RTMP_Packet::chunk_t::message_t& message = pkt.chunk.message;
@@ -51,7 +54,7 @@ MediaResult handle_message(RTMPConnection& conn, RTMP_Packet& pkt) REQUIRES(conn
     }
 }
 
-// False when the pass is over for this connection: nothing waits, the front message is held back, or no lock.
+// False when the turn of this connection is over: nothing waits, the front message is held back, or no lock.
 bool dispatch_front_message(RTMPConnection& conn) ON_MAIN_THREAD {
     // Held while the message is handled: the reader thread cannot move the front of the queue.
     const ConnectionLock lock(conn);
@@ -75,8 +78,12 @@ void RTMPConnection::idle() {
         close_connection();
     }
     if (fd >= 0) {
-        // intended: a message that asks for the close does not end the loop.
-        for (int left = MAX_MESSAGES_PER_PASS; left > 0 && dispatch_front_message(*this); --left) {
+        // intended: a message that asks for the close does not end the turn.
+        const std::uint64_t began_us = monotonic_clock_us();
+        for (int left = MAX_MESSAGES_PER_TURN; left > 0 && dispatch_front_message(*this); --left) {
+            if (monotonic_clock_us() - began_us >= TURN_US) {
+                break;
+            }
         }
     }
     reap_dead_threads();
