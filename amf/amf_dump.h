@@ -12,7 +12,7 @@
 #include "amf/amf_value.h"
 
 // Of one call, without the line that says so.
-constexpr std::size_t AMF_DUMP_MAX_BYTES = 16 * 1024 * 1024;
+constexpr std::size_t AMF_DUMP_MAX_BYTES = 1024 * 1024;
 
 // The type, the payload and all members of v; indent starts every line. For an object:
 //     AMF var Object

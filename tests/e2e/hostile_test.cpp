@@ -1,5 +1,6 @@
 // What a stranger may send: as large, as deep and as wrong as a message can be. It may cost the stranger its
 // connection; a stream beside it must go on all the time.
+#include "tests/support/large_values.h"
 #include "tests/support/live_pair.h"
 #include "tests/support/media_bytes.h"
 #include "tests/support/rtmp_client.h"
@@ -55,36 +56,6 @@ class TheServerOutlives : public testing::Test {
     ServerProcess server;
     LivePair beside;
 };
-
-// An object whose only member is such an object, and so on; the ends are left out, which is allowed.
-Bytes open_nest(std::size_t levels) {
-    Bytes result = bytes_of({AMF_OBJECT});
-    result.reserve(3 * levels);
-    for (std::size_t i = 1; i < levels; ++i) {
-        result.append("\0\0\x03", 3);
-    }
-    return result;
-}
-
-Bytes closed_nest(std::size_t levels) {
-    Bytes result = open_nest(levels);
-    for (std::size_t i = 0; i < levels; ++i) {
-        result.append("\0\0\x09", 3);
-    }
-    return result;
-}
-
-// Keys of three letters and digits in ascending order, each with a null.
-Bytes many_members(std::size_t count, bool ascending) {
-    constexpr std::string_view DIGITS = "0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
-    Bytes result = bytes_of({AMF_OBJECT});
-    for (std::size_t i = 0; i < count; ++i) {
-        const std::size_t n = ascending ? i : count - 1 - i;
-        const Bytes key = {DIGITS[n / 62 / 62], DIGITS[n / 62 % 62], DIGITS[n % 62]};
-        result += amf_key(key) + amf_null();
-    }
-    return result + amf_end();
-}
 
 Bytes connect_with(const Bytes& command_object) {
     return amf_string("connect") + amf_number(1) + command_object;
@@ -146,6 +117,12 @@ TEST_F(TheServerOutlives, objects_nested_to_the_end_of_the_message_as_command_ob
     client.send_command(connect_with(open_nest(LEVELS - 10)));
     client.expect_closed(scaled(Milliseconds{20000}));
     server.wait_for_consecutive_lines({DUMP_CUT, "rejected app ", "AMF0 error command"}, mark);
+    std::size_t dumped_bytes = 0;
+    for (const std::string& line : server.lines_since(mark)) {
+        dumped_bytes += line.starts_with('\t') ? line.size() + 1 : 0;
+    }
+    EXPECT_LE(dumped_bytes, 1048576U);
+    EXPECT_GT(dumped_bytes, 1000000U);
 }
 
 TEST_F(TheServerOutlives, objects_nested_to_the_end_of_the_message_as_metadata) {
@@ -171,9 +148,7 @@ TEST_F(TheServerOutlives, many_members_in_any_order_as_command_object) {
         const LineMark mark = server.mark();
         client.send_command(connect_with(many_members(MEMBERS, ascending)));
         client.expect_closed(scaled(Milliseconds{20000}));
-        server.wait_for_lines({"\t  }", "rejected app ", "AMF0 error command"}, mark);
-        EXPECT_EQ(server.count("\t      AMF var Null", mark), MEMBERS);
-        EXPECT_EQ(server.count(DUMP_CUT), 0U);
+        server.wait_for_consecutive_lines({DUMP_CUT, "rejected app ", "AMF0 error command"}, mark);
     }
 }
 
@@ -184,7 +159,7 @@ TEST_F(TheServerOutlives, many_members_in_any_order_as_metadata) {
         publisher.send_metadata(many_members(MEMBERS, ascending));
         EXPECT_THAT(publisher.round_trip(scaled(Milliseconds{20000})), IsEmpty());
     }
-    EXPECT_EQ(server.count("\t      AMF var Null"), 3 * MEMBERS);
+    EXPECT_EQ(server.count(DUMP_CUT), 3U);
 }
 
 TEST_F(TheServerOutlives, one_key_again_and_again) {

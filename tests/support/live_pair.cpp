@@ -22,6 +22,7 @@ LivePair::LivePair(const LiveOptions& live_options)
       player(playing_client(options.stream_name)),
       publisher(publishing_client(options.stream_name)),
       recorder(player),
+      first_due(SteadyClock::now()),
       sender([this] { send_all(); }) {
     try {
         wait_for_more(FIRST_MESSAGES);
@@ -40,12 +41,11 @@ LivePair::~LivePair() {
 }
 
 void LivePair::send_all() {
-    const TimePoint start = SteadyClock::now();
     try {
         while (!stop_requested) {
             const std::uint32_t message_idx = sent;
             const Milliseconds media_time = options.interval * message_idx;
-            std::this_thread::sleep_until(start + media_time);
+            std::this_thread::sleep_until(due(message_idx));
             publisher.send_video(FIRST_TIMESTAMP_MS + static_cast<std::uint32_t>(media_time.count()),
                                  avc_inter_frame(message_idx, options.message_bytes));
             ++sent;
@@ -84,6 +84,15 @@ Milliseconds LivePair::longest_pause() const {
     SteadyClock::duration longest{0};
     for (std::size_t i = 1; i < received.size(); ++i) {
         longest = std::max(longest, received[i].arrival - received[i - 1].arrival);
+    }
+    return std::chrono::ceil<Milliseconds>(longest);
+}
+
+Milliseconds LivePair::longest_delay() const {
+    const std::vector<RtmpMessage> received = recorder.messages_of_type(MSG_VIDEO);
+    SteadyClock::duration longest{0};
+    for (std::uint32_t i = 0; i < received.size(); ++i) {
+        longest = std::max(longest, received[i].arrival - due(i));
     }
     return std::chrono::ceil<Milliseconds>(longest);
 }

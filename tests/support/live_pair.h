@@ -30,12 +30,15 @@ class LivePair {
     void finish();
     // The longest time in which the player received nothing. After finish().
     Milliseconds longest_pause() const;
+    // The longest time from the moment at which a message was due to be sent until the player had it. After finish().
+    Milliseconds longest_delay() const;
     std::uint32_t messages_sent() const { return sent; }
     // Waits until the player has received so many more messages.
     void wait_for_more(std::size_t times) const;
 
   private:
     void send_all();
+    TimePoint due(std::uint32_t message_idx) const { return first_due + options.interval * message_idx; }
 
     const LiveOptions options;
     // The player is there before the first message.
@@ -45,5 +48,6 @@ class LivePair {
     std::atomic<std::uint32_t> sent{0};
     std::atomic<bool> stop_requested{false};
     std::string sending_failure;
+    const TimePoint first_due;
     std::thread sender;
 };
