@@ -16,22 +16,34 @@ namespace {
 constexpr const char* DUMP_INDENT = "\t";
 constexpr std::uint32_t METADATA_CHUNK_STREAM_ID = 9;
 
-// Keeps the value, and passes it on when this connection is the publisher in force.
-void accept_metadata(RTMPConnection& conn, const StreamRecord& record, AMF_Value&& metadata) ON_MAIN_THREAD {
+StreamMetadata kept_metadata(const AMF_Value& value) {
+    StreamMetadata kept;
+    kept.type = value.type;
+    kept.format = read_stream_format(value);
+    const AMF_Value name = string_value("onMetaData");
+    if (!is_stream_metadata(kept) || !encode_values({&name, &value}, kept.message)) {
+        kept.message.release();
+    }
+    return kept;
+}
+
+// Keeps what is needed of the value, and passes it on when this connection is the publisher in force.
+void accept_metadata(RTMPConnection& conn, const StreamRecord& record,
+                     const AMF_Value& metadata) ON_MAIN_THREAD {
     diag("onMetaData submitted by client\n");
     AMF_DumpValue(metadata, DUMP_INDENT);
-    conn.metadata = std::move(metadata);
+    conn.metadata = kept_metadata(metadata);
     if (record.publisher != NO_CONNECTION && record.publisher != conn.conn_idx) {
         diag("client is publisher but not current publisher, holding onMetaData for later\n");
         return;
     }
-    update_format(conn.stream_format, read_stream_format(conn.metadata));
+    update_format(conn.stream_format, conn.metadata.format);
     forward_metadata_to_players(conn);
 }
 
 // True when the player may be told; otherwise it is dropped, since its decoder is set up for something else.
-bool format_is_unchanged(RTMPConnection& player, const AMF_Value& metadata) ON_MAIN_THREAD {
-    switch (tell_format(player.stream_format, read_stream_format(metadata))) {
+bool format_is_unchanged(RTMPConnection& player, const StreamFormat& format) ON_MAIN_THREAD {
+    switch (tell_format(player.stream_format, format)) {
         case FormatChange::NONE:
             return true;
         case FormatChange::WIDTH:
@@ -90,20 +102,19 @@ bool handle_data_message(RTMPConnection& conn, const RTMP_Packet& pkt) {
         diag("onMetaData ignored from client\n");
         return true;
     }
-    accept_metadata(conn, record, std::move(value));
+    accept_metadata(conn, record, value);
     return true;
 }
 
-void send_metadata(RTMPConnection& player, const AMF_Value& metadata) {
-    if (!format_is_unchanged(player, metadata)) {
+void send_metadata(RTMPConnection& player, const StreamMetadata& metadata) {
+    if (!format_is_unchanged(player, metadata.format) || metadata.message.data_length == 0) {
         return;
     }
     RTMP_Packet pkt;
     pkt.chunk.stream_id = METADATA_CHUNK_STREAM_ID;
     pkt.chunk.message_type_id = MESSAGE_AMF0_DATA;
     pkt.chunk.message_stream_id = player.stream_id;
-    const AMF_Value name = string_value("onMetaData");
-    if (encode_values({&name, &metadata}, pkt.chunk.message)) {
+    if (metadata.message.copy_to(pkt.chunk.message)) {
         player.connection_out.push_back(std::move(pkt));
     }
 }
@@ -126,6 +137,6 @@ void forward_metadata_to_players(const RTMPConnection& publisher) {
     }
 }
 
-bool is_stream_metadata(const AMF_Value& value) {
-    return value.type == AMF_Type::Object || value.type == AMF_Type::ECMAArray;
+bool is_stream_metadata(const StreamMetadata& metadata) {
+    return metadata.type == AMF_Type::Object || metadata.type == AMF_Type::ECMAArray;
 }

@@ -8,11 +8,13 @@
 [[nodiscard]] bool handle_data_message(RTMPConnection& conn, const RTMP_Packet& pkt) ON_MAIN_THREAD;
 
 // Sends a publisher's metadata to one player as "onMetaData", unless it tells another picture size or codec
-// than the player was told before: then the player is dropped. Takes no lock; the caller holds the player's.
-void send_metadata(RTMPConnection& player, const AMF_Value& metadata) REQUIRES(player.mutex, MAIN_THREAD);
+// than the player was told before: then the player is dropped, also when the metadata cannot be sent. Takes no lock;
+// the caller holds the player's.
+void send_metadata(RTMPConnection& player, const StreamMetadata& metadata)
+    REQUIRES(player.mutex, MAIN_THREAD);
 
 // Sends the publisher's metadata to every player of its stream.
 void forward_metadata_to_players(const RTMPConnection& publisher) ON_MAIN_THREAD;
 
-// Whether a kept value is something that players can be sent: an object or an ECMA array.
-[[nodiscard]] bool is_stream_metadata(const AMF_Value& value);
+// Whether players are told of it at all: it is an object or an ECMA array. It may be too large to be sent all the same.
+[[nodiscard]] bool is_stream_metadata(const StreamMetadata& metadata);

@@ -27,8 +27,8 @@
 #include <map>
 #include <string>
 
-#include "amf/amf_value.h"
 #include "app/stream_format.h"
+#include "app/stream_metadata.h"
 #include "base/thread_roles.h"
 #include "core/connection_mutex.h"
 #include "relay/player_timebase.h"
@@ -88,7 +88,7 @@ class RTMPConnection {
     std::uint32_t client_id GUARDED_BY(MAIN_THREAD) = 0;  // sent in the connect result
     std::uint32_t stream_id GUARDED_BY(MAIN_THREAD) = 0;  // message stream id handed out by createStream
     bool stream_id_unconfirmed GUARDED_BY(MAIN_THREAD) = false;  // no media has shown yet that it is used
-    AMF_Value metadata GUARDED_BY(MAIN_THREAD);          // a publisher's last onMetaData, whatever its type
+    StreamMetadata metadata GUARDED_BY(MAIN_THREAD);     // a publisher's last onMetaData, whatever its type
     StreamFormat stream_format GUARDED_BY(MAIN_THREAD);  // publisher: its own; player: what it was told
 
     // --- main thread, publisher: pacing and stall (microseconds of monotonic_clock_us, 0: not yet)

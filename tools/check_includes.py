@@ -29,9 +29,10 @@ RULES = [
     *[(header[:-2] + ".*", MODEL + ["base/*"] + LEAVES) for header in MODEL],
     *[(header[:-2] + ".*", RELAY_VALUES + MODEL + ["base/*"] + LEAVES) for header in RELAY_VALUES],
     ("app/stream_format.*", ["app/stream_format.h", "amf/amf_value.h"]),
+    ("app/stream_metadata.h", ["amf/amf_value.h", "app/stream_format.h", "rtmp/rtmp_packet.h"]),
     ("app/random_number.h", []),
     # The connection knows the values that it holds, and nobody who works on it.
-    ("core/connection.h", ["amf/amf_value.h", "app/stream_format.h", "base/*", "core/connection_mutex.h",
+    ("core/connection.h", ["app/stream_format.h", "app/stream_metadata.h", "base/*", "core/connection_mutex.h",
                            "relay/player_timebase.h"] + MODEL),
     # Those who work on it.
     ("rtmp/*", ["rtmp/*", "base/*", "core/connection.h"] + LEAVES),

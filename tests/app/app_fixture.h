@@ -32,6 +32,13 @@ inline Bytes set_metadata(const Bytes& metadata) {
     return amf_string("@setDataFrame") + amf_string("onMetaData") + metadata;
 }
 
+// An object that cannot be sent to players for its size.
+inline const std::string LARGE_TEXT(100000, 'x');
+inline Bytes too_large(AmfMembers members) {
+    members.emplace_back("text", amf_long_string(LARGE_TEXT));
+    return amf_object(members);
+}
+
 class AppFixture : public ConnectionFixture {
   protected:
     void receive(RTMPConnection& conn, RTMP_Packet pkt) { conn.connection_in.push_back(std::move(pkt)); }

@@ -137,7 +137,7 @@ TEST_F(MetadataTest, of_the_publisher_is_dumped_kept_and_sent_to_every_player) {
     EXPECT_EQ(take_queued(second), (Messages{{MESSAGE_AMF0_DATA, 0, payload, 9, 1}}));
     EXPECT_TRUE(stranger.connection_out.empty());
     EXPECT_TRUE(publisher.connection_out.empty());
-    EXPECT_EQ(publisher.metadata.find_member("width").number, 1280);
+    EXPECT_EQ(publisher.metadata.format.video_width, 1280);
     EXPECT_EQ(record().last_activity_us, fake_clock_us);
 }
 
@@ -259,7 +259,7 @@ TEST_F(MetadataTest, of_a_rival_is_kept_for_later) {
         data_message(rival, set_metadata(number_member("width", 1280)))
             .ends_with("\t  }\n"
                        "client is publisher but not current publisher, holding onMetaData for later\n"));
-    EXPECT_EQ(rival.metadata.find_member("width").number, 1280);
+    EXPECT_EQ(rival.metadata.format.video_width, 1280);
     EXPECT_EQ(rival.stream_format.video_width, -1);
     EXPECT_TRUE(player.connection_out.empty());
     EXPECT_EQ(publisher.metadata.type, AMF_Type::Undefined);
@@ -302,6 +302,74 @@ TEST_F(MetadataTest, of_more_than_65536_bytes_is_recorded_but_reaches_no_player)
     EXPECT_EQ(publisher.stream_format.video_width, 7);
     EXPECT_FALSE(player.close_requested);
     EXPECT_FALSE(publisher.close_requested);
+}
+
+// 100 KB can be sent to nobody; everything else is done with them as with any metadata.
+TEST_F(MetadataTest, that_is_too_large_is_dumped_and_settles_the_format_of_every_player_in_silence) {
+    RTMPConnection& publisher = add_publisher();
+    RTMPConnection& first = add_player();
+    RTMPConnection& second = add_player();
+    EXPECT_EQ(data_message(publisher, set_metadata(too_large({{"width", amf_number(1280)},
+                                                              {"height", amf_number(720)},
+                                                              {"audiocodecid", amf_number(10)},
+                                                              {"videocodecid", amf_number(7)}}))),
+              "onMetaData submitted by client\n"
+              "\tAMF var Object\n"
+              "\t  Object: {\n"
+              "\t    'audiocodecid':\n\t      AMF var Number\n\t        Value: 10.000\n"
+              "\t    'height':\n\t      AMF var Number\n\t        Value: 720.000\n"
+              "\t    'text':\n\t      AMF var LongString\n\t        Value: '" +
+                  LARGE_TEXT +
+                  "'\n"
+                  "\t    'videocodecid':\n\t      AMF var Number\n\t        Value: 7.000\n"
+                  "\t    'width':\n\t      AMF var Number\n\t        Value: 1280.000\n"
+                  "\t  }\n");
+    for (const RTMPConnection* const conn : {&publisher, &first, &second}) {
+        EXPECT_EQ(conn->stream_format.video_width, 1280);
+        EXPECT_EQ(conn->stream_format.video_height, 720);
+        EXPECT_EQ(conn->stream_format.audio_codec_id, 10U);
+        EXPECT_EQ(conn->stream_format.video_codec_id, 7U);
+        EXPECT_TRUE(conn->connection_out.empty());
+        EXPECT_FALSE(conn->close_requested);
+    }
+}
+
+TEST_F(MetadataTest, that_is_too_large_drops_every_player_that_was_told_another_format) {
+    struct Case {
+        std::string key;
+        std::string printed;
+    };
+    for (const Case& row : std::vector<Case>{{"width", "width changed\n"},
+                                             {"height", "height changed\n"},
+                                             {"audiocodecid", "audio fourcc changed\n"},
+                                             {"videocodecid", "video fourcc changed\n"}}) {
+        RTMPConnection& publisher = add_publisher();
+        RTMPConnection& first = add_player();
+        RTMPConnection& second = add_player();
+        data_message(publisher, set_metadata(number_member(row.key, 1)));
+        take_queued(first);
+        take_queued(second);
+        const std::string printed =
+            data_message(publisher, set_metadata(too_large({{row.key, amf_number(2)}})));
+        EXPECT_TRUE(printed.ends_with("  }\n" + row.printed + row.printed));
+        for (const RTMPConnection* const player : {&first, &second}) {
+            EXPECT_TRUE(player->close_requested);
+            EXPECT_TRUE(player->connection_out.empty());
+        }
+        EXPECT_FALSE(publisher.close_requested);
+        printed_by([] { free_all_connections(); });
+    }
+}
+
+TEST_F(MetadataTest, that_can_be_sent_again_takes_the_place_of_what_was_too_large) {
+    RTMPConnection& publisher = add_publisher();
+    RTMPConnection& player = add_player();
+    data_message(publisher, set_metadata(too_large({})));
+    data_message(publisher, set_metadata(amf_object({})));
+    EXPECT_EQ(take_queued(player), (Messages{{MESSAGE_AMF0_DATA, 0, ON_META_DATA + amf_object({}), 9, 0}}));
+    RTMPConnection& late_player = add_client();
+    command(late_player, play_command("cam1"));
+    EXPECT_EQ(take_queued(late_player).size(), 2U);
 }
 
 TEST_F(MetadataTest, numbers_that_fit_no_integer_count_as_absent) {

@@ -9,7 +9,19 @@ namespace {
 
 using Messages = std::vector<QueuedMessage>;
 
-class PlayTest : public AppFixture {};
+class PlayTest : public AppFixture {
+  protected:
+    // A player that comes after a publisher with this metadata, which the log repeats to it or does not.
+    RTMPConnection& late_player_of(const Bytes& metadata, bool repeated) {
+        data_message(add_publisher(), set_metadata(metadata));
+        RTMPConnection& player = add_client();
+        const std::string subscribed = "Connection for play subscribed to 'cam1'\n";
+        EXPECT_EQ(command(player, play_command("cam1")),
+                  repeated ? subscribed + "Repeating publisher's onMeta to new client\n" : subscribed);
+        return player;
+    }
+};
+
 using PlayDeathTest = PlayTest;
 
 Bytes play_arguments(const Bytes& behind_the_command_object) {
@@ -57,15 +69,43 @@ TEST_F(PlayTest, repeats_only_an_object_or_an_ecma_array) {
                                              {amf_string("width"), false},
                                              {amf_null(), false},
                                              {amf_undefined(), false}}) {
-        RTMPConnection& publisher = add_publisher();
-        data_message(publisher, set_metadata(row.metadata));
-        RTMPConnection& player = add_client();
-        const std::string subscribed = "Connection for play subscribed to 'cam1'\n";
-        EXPECT_EQ(command(player, play_command("cam1")),
-                  row.repeated ? subscribed + "Repeating publisher's onMeta to new client\n" : subscribed);
+        RTMPConnection& player = late_player_of(row.metadata, row.repeated);
         EXPECT_EQ(take_queued(player).size(), row.repeated ? 2U : 1U);
         printed_by([] { free_all_connections(); });
     }
+}
+
+TEST_F(PlayTest, repeats_metadata_that_is_too_large_in_the_log_alone_and_settles_the_format) {
+    struct Case {
+        Bytes metadata;
+        bool repeated;
+    };
+    const Bytes text = amf_long_string(LARGE_TEXT);
+    for (const Case& row :
+         std::vector<Case>{{too_large({{"width", amf_number(1280)}}), true},
+                           {amf_ecma_array(2, {{"text", text}, {"width", amf_number(1280)}}), true},
+                           {text, false}}) {
+        RTMPConnection& player = late_player_of(row.metadata, row.repeated);
+        EXPECT_EQ(take_queued(player).size(), 1U) << "the status";
+        EXPECT_EQ(player.stream_format.video_width, row.repeated ? 1280 : -1);
+        printed_by([] { free_all_connections(); });
+    }
+}
+
+TEST_F(PlayTest, takes_the_format_from_metadata_that_was_too_large_and_held_until_its_publisher_took_over) {
+    RTMPConnection& publisher = add_publisher();
+    RTMPConnection& rival = add_publisher();
+    EXPECT_THAT(data_message(rival, set_metadata(too_large({{"width", amf_number(1280)}}))),
+                testing::EndsWith("holding onMetaData for later\n"));
+    printed_by([&] { free_connection(publisher.conn_idx); });
+    EXPECT_EQ(audio(rival, 0), "Notifing subscribers of time reset\nLock on audio type 10\n");
+    RTMPConnection& player = add_client();
+    EXPECT_EQ(command(player, play_command("cam1")),
+              "Connection for play subscribed to 'cam1'\nRepeating publisher's onMeta to new client\n");
+    EXPECT_EQ(take_queued(player).size(), 1U) << "the status";
+    EXPECT_THAT(data_message(rival, set_metadata(amf_object({{"width", amf_number(640)}}))),
+                testing::EndsWith("width changed\n"));
+    EXPECT_TRUE(player.close_requested);
 }
 
 TEST_F(PlayTest, gives_the_metadata_of_the_publisher_in_force_and_not_of_its_rival) {

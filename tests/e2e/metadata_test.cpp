@@ -241,6 +241,19 @@ TEST(metadata, what_was_too_long_to_send_still_settles_the_players_format) {
     stream.expect_player_dropped(amf_object({{"width", amf_number(6)}}), "width changed");
 }
 
+TEST(metadata, what_was_too_long_to_send_is_repeated_to_a_late_player_in_the_log_alone) {
+    Stream stream;
+    stream.publisher.send_metadata(
+        amf_object({{"text", amf_long_string(std::string(100000, 'x'))}, {"width", amf_number(5)}}));
+    (void)stream.publisher.round_trip();
+    RtmpClient late_player = playing_client("cam1");
+    EXPECT_TRUE(late_player.round_trip().empty());
+    EXPECT_EQ(stream.server.count("Repeating publisher's onMeta to new client"), 1U);
+    stream.publisher.send_metadata(amf_object({{"width", amf_number(6)}}));
+    (void)late_player.expect_closed_without_answer();
+    EXPECT_EQ(stream.server.count("width changed"), 2U);
+}
+
 TEST(metadata, comes_before_the_media_that_was_sent_after_it) {
     Stream stream;
     stream.publisher.send_metadata(size_object(1, 2));

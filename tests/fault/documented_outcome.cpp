@@ -250,6 +250,9 @@ DocumentedOutcome after_nothrow_new_on_main(const FaultWatch& watch) {
                watch.came_through("forward_metadata_to_players")) {
         expected.in_short = "metadata is missed";
         expected.missing = Missing::METADATA;
+    } else if (watch.came_through("handle_data_message")) {
+        expected.in_short = "metadata is not kept";
+        expected.missing = Missing::METADATA_OF_A_STREAM;
     } else if (is_repeated_header(watch)) {
         expected.in_short = "a repeated header is missed";
         expected.missing = Missing::A_HEADER;

@@ -28,6 +28,7 @@ enum class Missing {
     A_HEADER,
     A_HEADER_OR_NOTHING,
     METADATA,
+    METADATA_OF_A_STREAM,  // each of its players
     CHUNK_SIZE,
     REPLY_BEFORE_DROP
 };
