@@ -7,6 +7,7 @@
 #include "base/clock.h"
 #include "base/diag.h"
 #include "core/connection.h"
+#include "core/heap.h"
 #include "rtmp/message_types.h"
 
 namespace {
@@ -15,6 +16,10 @@ namespace {
 // one. Messages differ in cost a thousandfold; expensive ones of one connection must not stop the others.
 constexpr int MAX_MESSAGES_PER_TURN = 1000;
 constexpr std::uint64_t TURN_US = 20000;
+
+// Decoded, a message takes up to 73 times its size, so less than 300 KB for one that is smaller than this. What real
+// clients send is.
+constexpr std::uint32_t LARGE_VALUES_BYTES = 4096;
 
 bool run_command_message(RTMPConnection& conn, const RTMP_Packet& pkt) REQUIRES(conn.mutex, MAIN_THREAD) {
     const RTMP_Packet::chunk_t::message_t& message = pkt.chunk.message;
@@ -29,6 +34,12 @@ bool run_command_message(RTMPConnection& conn, const RTMP_Packet& pkt) REQUIRES(
     AMF_Value name;
     // A first value that is not a string names the command with nothing, and nothing is known by that name.
     return AMF_ReadValue(name, s, sf) && run_command(conn, pkt, name.string, {s, sf});
+}
+
+bool holds_large_values(const RTMP_Packet& pkt) {
+    return (pkt.chunk.message_type_id == MESSAGE_AMF0_COMMAND ||
+            pkt.chunk.message_type_id == MESSAGE_AMF0_DATA) &&
+           pkt.chunk.message.data_length >= LARGE_VALUES_BYTES;
 }
 
 // Acts on the message at the front of the queue, which stays there meanwhile.
@@ -65,6 +76,9 @@ bool dispatch_front_message(RTMPConnection& conn) ON_MAIN_THREAD {
     RTMP_Packet& in_pkt = connection_in.front();
     if (handle_message(conn, in_pkt) == MediaResult::HELD) {
         return false;
+    }
+    if (holds_large_values(in_pkt)) {
+        expect_free_memory();
     }
     CHECK(&in_pkt == &connection_in.front());
     connection_in.pop_front();

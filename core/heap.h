@@ -7,8 +7,9 @@
 // runs for years has one. Before any other thread is created.
 void use_one_small_heap() ON_MAIN_THREAD;
 
-// A client has left: what is free goes back to the system 10 s later, with that of all who leave meanwhile.
+// Much memory has become free: a client has left, or a large value was decoded. What is free goes back to the system
+// 10 s later, with all that becomes free meanwhile.
 void expect_free_memory() ON_MAIN_THREAD;
 
-// Once a pass: gives back what is free, between what is in use as well, when its time has come.
+// Once a pass: gives back what is free, between what is in use as well, once the 10 s have passed.
 void give_back_free_memory() ON_MAIN_THREAD;

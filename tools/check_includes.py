@@ -37,7 +37,7 @@ RULES = [
     # Those who work on it.
     ("rtmp/*", ["rtmp/*", "base/*", "core/connection.h"] + LEAVES),
     ("relay/*", ["relay/*", "rtmp/packet_queues.h", "base/*"] + MODEL + TABLE + LEAVES),
-    ("app/*", ["app/*", "amf/*", "relay/*", "base/*"] + MODEL + TABLE + LEAVES),
+    ("app/*", ["app/*", "amf/*", "relay/*", "base/*", "core/heap.h"] + MODEL + TABLE + LEAVES),
     ("control/*", ["control/*", "comm_socket_v4.h", "base/*", "core/quit_signals.h"] + TABLE + LEAVES),
     # The two that know everything.
     ("core/main.cpp", ["*"]),
