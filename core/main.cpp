@@ -8,14 +8,15 @@
 
 namespace {
 
-// A socket that became descriptor 2 would be sent every diagnostic line.
-void open_closed_standard_descriptors() {
+// False when one stays closed: a socket that became descriptor 2 would be sent every diagnostic line.
+bool open_closed_standard_descriptors() {
     for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
-        if (fcntl(fd, F_GETFD) < 0) {
-            // The lowest free descriptor is this one, since those below it are open by now.
-            static_cast<void>(open("/dev/null", O_RDWR));
+        // The lowest free descriptor is this one, since those below it are open by now.
+        if (fcntl(fd, F_GETFD) < 0 && open("/dev/null", O_RDWR) != fd) {
+            return false;
         }
     }
+    return true;
 }
 
 }  // namespace
@@ -23,7 +24,9 @@ void open_closed_standard_descriptors() {
 int main(int argc, char** argv) {
     assume_role(MAIN_THREAD);
     use_one_small_heap();
-    open_closed_standard_descriptors();
+    if (!open_closed_standard_descriptors()) {
+        return 1;
+    }
     if (!parse_options(argc, argv)) {
         return 1;
     }

@@ -2,10 +2,12 @@
 #include "tests/support/control_peer.h"
 #include "tests/support/rtmp_client.h"
 #include "tests/support/server_process.h"
+#include "tests/support/test_failure.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -58,6 +60,15 @@ class PortOwner {
 
   private:
     int fd;
+};
+
+// A /dev with nothing in it, as in a bare chroot.
+class BareDev {
+  public:
+    BareDev() { checked(mount("tmpfs", "/dev", "tmpfs", 0, nullptr), "mounting a tmpfs on /dev"); }
+    ~BareDev() { umount("/dev"); }
+    BareDev(const BareDev&) = delete;
+    BareDev& operator=(const BareDev&) = delete;
 };
 
 void leave_stale_socket() {
@@ -332,4 +343,24 @@ TEST(command_line, closed_standard_descriptors_do_not_end_up_as_sockets) {
             EXPECT_EQ(target.find("socket:"), std::string::npos) << "descriptor " << fd << " is " << target;
         }
     }
+}
+
+TEST(command_line, closed_standard_descriptors_that_nothing_can_fill_end_the_start_without_a_word) {
+    const BareDev bare;
+    const std::vector<std::vector<int>> rows = {{0}, {1}, {2}, {0, 1, 2}};
+    for (const std::vector<int>& closed : rows) {
+        ServerOptions options;
+        options.closed_descriptors = closed;
+        const FinishedRun run = run_server_to_its_end(options);
+        EXPECT_EQ(run.end.status, 1);
+        EXPECT_EQ(run.err, "");
+        EXPECT_EQ(run.out, "");
+        EXPECT_FALSE(std::filesystem::exists(CONTROL_SOCKET_PATH));
+    }
+}
+
+TEST(command_line, no_dev_null_does_not_prevent_the_start_with_open_standard_descriptors) {
+    const BareDev bare;
+    ServerProcess server;
+    (void)connected_client();
 }
