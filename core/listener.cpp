@@ -18,7 +18,10 @@ namespace {
 constexpr std::uint16_t RTMP_PORT = 1935;
 constexpr int LISTEN_BACKLOG = 20;
 
-// A player behind a link that vanished without a word frees its slot after about two minutes.
+// A client behind a link that vanished without a word frees its slot after about two minutes, if nothing was on its
+// way to it. Linux does not probe while sent data is unacknowledged: a player with media on its way stays until the
+// kernel gives up repeating them, about 15 minutes by net.ipv4.tcp_retries2, and its queue grows until then.
+// intended: no TCP_USER_TIMEOUT, which would also end a player that only pauses.
 constexpr int KEEPALIVE_IDLE_S = 60;
 constexpr int KEEPALIVE_INTERVAL_S = 10;
 constexpr int KEEPALIVE_PROBES = 6;
