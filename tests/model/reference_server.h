@@ -69,6 +69,7 @@ struct Received {
     std::string name;   // of the stream, the unknown command or the unknown data
     Metadata metadata;  // of SET_METADATA
     double transaction_id = 0;
+    std::uint64_t cost_us = 0;  // the time that it takes to handle it
 };
 
 enum Track : std::size_t { AUDIO = 0, VIDEO = 1, TRACKS = 2 };
@@ -124,8 +125,8 @@ class Server {
 
     // A client that was admitted to an application, or was not; the slot it got.
     std::optional<std::size_t> join(bool admitted);
-    // One round over all connections at this time.
-    void pass(std::uint64_t time_us);
+    // One round over all connections that begins at this time; returns when it ends.
+    std::uint64_t pass(std::uint64_t time_us);
     void end(std::uint64_t time_us);
 
     // The connection in a slot, or null.
