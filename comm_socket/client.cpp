@@ -44,6 +44,7 @@ class Patience {
         return std::min(total_deadline_us, silence_deadline_us);
     }
     [[nodiscard]] bool is_over() const { return comm_socket::now_us() >= deadline_us(); }
+    [[nodiscard]] bool total_is_over() const { return comm_socket::now_us() >= total_deadline_us; }
 
   private:
     std::uint64_t silence_us;
@@ -201,12 +202,13 @@ comm_socket_v4_error wait_reply(comm_socket_v4_connection* connection, std::uint
             }
             const std::size_t received_before =
                 std::exchange(received, awaited_bytes(connection, request_id));
-            if (received > received_before) {
-                patience->restart_silence();
-            }
+            const bool has_grown = received > received_before;
             // A server that never stops sending does not stretch the deadline; what has arrived by then counts.
-            if (was_last_look && patience->is_over()) {
+            if (was_last_look && (!has_grown || patience->total_is_over())) {
                 return COMM_SOCKET_V4_TIMEOUT;
+            }
+            if (has_grown) {
+                patience->restart_silence();
             }
             was_last_look = patience->is_over();
             error = receive_some(connection, patience->deadline_us());
