@@ -70,7 +70,8 @@ bool ClientLink::wants_to_read() const {
         case FrameState::COMPLETE:
             break;
     }
-    return input.size() < READ_AHEAD_BYTES;
+    // Of a peer that is gone no more can come than the socket holds, and then the link is closed.
+    return input.size() < READ_AHEAD_BYTES || peer_is_gone(fd);
 }
 
 void ClientLink::read_some(std::uint64_t now, std::size_t* budget_bytes) {
@@ -150,7 +151,7 @@ void ClientLink::queue(std::string&& frame) {
     }
     write_progress_us = now_us();
     std::size_t budget = WRITE_SHARE_BYTES;
-    write_some(write_progress_us, &budget);
+    write_some(write_progress_us, COMM_SOCKET_V4_CLIENT_TIMEOUT_US, &budget);
 }
 
 bool ClientLink::write_once(std::size_t limit_bytes, std::size_t* written) {
@@ -201,7 +202,7 @@ void ClientLink::remove_written(std::size_t bytes) {
     }
 }
 
-void ClientLink::write_some(std::uint64_t now, std::size_t* budget_bytes) {
+void ClientLink::write_some(std::uint64_t now, std::uint64_t stall_limit_us, std::size_t* budget_bytes) {
     std::size_t share = std::min(WRITE_SHARE_BYTES, *budget_bytes);
     bool blocked = false;
     while (fd >= 0 && !output.empty() && share > 0 && !blocked) {
@@ -212,7 +213,7 @@ void ClientLink::write_some(std::uint64_t now, std::size_t* budget_bytes) {
         if (written > 0)
             write_progress_us = now;
     }
-    if (blocked && !output.empty() && now - write_progress_us >= COMM_SOCKET_V4_CLIENT_TIMEOUT_US)
+    if (blocked && !output.empty() && now - write_progress_us >= stall_limit_us)
         drop(ETIMEDOUT);
 }
 
@@ -220,7 +221,7 @@ void ClientLink::wait_until_writable(std::uint64_t deadline_us) {
     const std::uint64_t written_before = written_bytes;
     while (fd >= 0) {
         std::size_t budget = WRITE_SHARE_BYTES;
-        write_some(now_us(), &budget);
+        write_some(now_us(), COMM_SOCKET_V4_CLIENT_TIMEOUT_US, &budget);
         if (reply_errno != 0 || can_queue())
             return;
         const int left_ms = poll_time_left_ms(deadline_us);

@@ -34,8 +34,8 @@ class ClientLink {
     void read_some(std::uint64_t now, std::size_t* budget_bytes);
 
     // Writes what the socket takes, as far as *budget_bytes and the link's own share go, and drops a client
-    // that has not read for too long.
-    void write_some(std::uint64_t now, std::size_t* budget_bytes);
+    // that has taken nothing for stall_limit_us.
+    void write_some(std::uint64_t now, std::uint64_t stall_limit_us, std::size_t* budget_bytes);
 
     // A request can be taken now: it is complete, and not too many replies wait for this client.
     [[nodiscard]] bool has_request() const { return has_complete_frame() && can_queue(); }
@@ -53,8 +53,11 @@ class ClientLink {
     // 0, or the errno with which sending to this client fails.
     [[nodiscard]] int send_error() const { return reply_errno; }
     [[nodiscard]] bool can_queue() const;
-    // Bytes of replies that have not left yet.
+    // Bytes of replies that have not left yet, and of requests that have not been taken.
     [[nodiscard]] std::size_t waiting_bytes() const;
+    [[nodiscard]] std::size_t untaken_bytes() const { return input.size(); }
+    // For poll; -1 once the link is closed.
+    [[nodiscard]] int descriptor() const { return fd; }
     // Requires can_queue() and no send_error(). Writes what the socket takes at once, queues the rest; the
     // result may be seen in send_error(). Throws std::bad_alloc.
     void queue(std::string&& frame);

@@ -36,7 +36,7 @@ class ClientLinkTest : public testing::Test {
     }
     void write() const {
         std::size_t budget = PLENTY;
-        link->write_some(comm_socket::now_us(), &budget);
+        link->write_some(comm_socket::now_us(), TIMEOUT_US, &budget);
     }
     // Queues a long frame, more than the socket holds, and frames of 1 MiB behind it until the limit refuses;
     // the number of these.

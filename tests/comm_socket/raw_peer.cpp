@@ -106,7 +106,7 @@ void RawPeer::send_all(const std::string& bytes) const {
     }
 }
 
-std::size_t RawPeer::send_some(const std::string& bytes) const {
+std::size_t RawPeer::send_some(std::string_view bytes) const {
     const ssize_t n = send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
     return n > 0 ? static_cast<std::size_t>(n) : 0;
 }
@@ -146,6 +146,11 @@ bool RawPeer::is_closed(int wait_ms) const {
 bool RawPeer::is_hung_up() const {
     pollfd entry = {fd, 0, 0};
     return poll(&entry, 1, 0) > 0 && (entry.revents & POLLHUP) != 0;
+}
+
+std::size_t RawPeer::available_bytes() const {
+    int bytes = 0;
+    return ioctl(fd, FIONREAD, &bytes) == 0 ? static_cast<std::size_t>(bytes) : 0;
 }
 
 bool RawPeer::has_unread_bytes() const {
