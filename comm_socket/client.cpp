@@ -241,10 +241,10 @@ comm_socket_v4_error send_requests(comm_socket_v4_connection* connection,
         for (const comm_socket_v4_packet* request : requests) {
             comm_socket::FrameHead head = comm_socket::head_of(request);
             head.request_id = ++id;
-            if (!comm_socket::within_limits(head, request->content->text, comm_socket::REQUEST_LIMITS)) {
+            if (!comm_socket::within_limits(head, *request->content->text, comm_socket::REQUEST_LIMITS)) {
                 return COMM_SOCKET_V4_TOO_LARGE;
             }
-            frames += comm_socket::encode_frame(head, request->content->text);
+            frames += comm_socket::encode_frame(head, *request->content->text);
         }
         for (comm_socket_v4_packet* request : requests) {
             request->request_id = ++connection->last_request_id;

@@ -13,7 +13,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
-#include <string>
 
 #include "comm_socket/frame_buffer.h"
 
@@ -60,7 +59,7 @@ class ClientLink {
     [[nodiscard]] int descriptor() const { return fd; }
     // Requires can_queue() and no send_error(). Writes what the socket takes at once, queues the rest; the
     // result may be seen in send_error(). Throws std::bad_alloc.
-    void queue(std::string&& frame);
+    void queue(OutgoingFrame&& frame);
 
     // Blocks until can_queue(), send_error() or the deadline. If nothing left meanwhile, send_error() is
     // ETIMEDOUT afterwards, and the client is dropped.
@@ -81,7 +80,7 @@ class ClientLink {
     bool input_ended = false;            // the peer sends nothing more
     std::uint64_t frame_started_us = 0;  // since when the frame at the front is unfinished; 0 = it is not
 
-    std::deque<std::string> output;       // frames; the front one is the reply under way
+    std::deque<OutgoingFrame> output;     // the front one is the reply under way
     std::size_t front_written_bytes = 0;  // of output.front()
     std::size_t behind_front_bytes = 0;   // in output, without its front
     std::uint64_t written_bytes = 0;      // ever

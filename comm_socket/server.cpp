@@ -73,7 +73,10 @@ struct comm_socket_v4 {
     ClientList returned;
     ClientList forgotten;
     bool is_turn_of_left = false;
-    std::uint64_t turns = 0;  // that idle gave, ever
+    bool has_served_connected = false;  // since the last idle
+    bool begins_with_latest = false;    // the next request of a connected client is that of the latest
+    bool began_with_latest = false;     // the last service did that had one
+    std::uint64_t turns = 0;            // that idle gave, ever
 
     comm_socket::HeldRequests held;
     std::size_t handed_out = 0;          // since the last idle
@@ -282,27 +285,50 @@ bool service_is_over(const comm_socket_v4* server, bool crowded) {
             comm_socket::now_us() - server->service_began_us >= COMM_SOCKET_V4_MAX_US_PER_IDLE);
 }
 
-// The client of the list whose request is next; null when none has one. In a crowd it is the latest to have come or to
-// have been answered: one that asks and reads is before those that only wait to add to the crowd. They lose nothing by
-// it, since without new replies to clients that do not read the crowd is over in a second.
-comm_socket_v4_client* next_in_turn(ClientList* list, bool crowded) {
-    const auto may_ask = [crowded](const comm_socket_v4_client& client) {
-        return client.link.has_request() && (!crowded || client.link.waiting_bytes() == 0);
-    };
-    if (crowded) {
-        const auto latest = std::find_if(list->rbegin(), list->rend(), may_ask);
-        return latest == list->rend() ? nullptr : &*latest;
+// Whether a request of this client can be handed out now.
+bool may_ask(const comm_socket_v4_client& client, bool crowded) {
+    return client.link.has_request() && (!crowded || client.link.waiting_bytes() == 0);
+}
+
+comm_socket_v4_client* first_in_turn(ClientList* list, bool crowded) {
+    const auto found = std::find_if(list->begin(), list->end(),
+                                    [crowded](const auto& client) { return may_ask(client, crowded); });
+    return found == list->end() ? nullptr : &*found;
+}
+
+// Every other service begins with the client that came last or was answered last: a short request does not wait behind
+// all the long ones that came before it, and these go on in the services between.
+comm_socket_v4_client* next_connected(comm_socket_v4* server, bool crowded) {
+    if (!server->begins_with_latest) {
+        return first_in_turn(&server->clients, crowded);
     }
-    const auto first = std::find_if(list->begin(), list->end(), may_ask);
-    return first == list->end() ? nullptr : &*first;
+    const auto found = std::find_if(server->clients.rbegin(), server->clients.rend(),
+                                    [crowded](const auto& client) { return may_ask(client, crowded); });
+    return found == server->clients.rend() ? nullptr : &*found;
 }
 
 // The connected and those that have left take turns, or many that leave requests behind would keep the others waiting.
+// Null when none has a request.
 comm_socket_v4_client* next_in_turn(comm_socket_v4* server, bool crowded) {
-    ClientList* first = server->is_turn_of_left ? &server->left : &server->clients;
-    ClientList* second = server->is_turn_of_left ? &server->clients : &server->left;
-    comm_socket_v4_client* client = next_in_turn(first, crowded);
-    return client != nullptr ? client : next_in_turn(second, crowded);
+    comm_socket_v4_client* of_left = first_in_turn(&server->left, crowded);
+    if (of_left != nullptr && server->is_turn_of_left) {
+        return of_left;
+    }
+    comm_socket_v4_client* connected = next_connected(server, crowded);
+    return connected != nullptr ? connected : of_left;
+}
+
+// The request of this client is handed out.
+void end_turn(comm_socket_v4_client* client) {
+    comm_socket_v4* server = client->server;
+    ++server->handed_out;
+    server->is_turn_of_left = client->home == &server->clients;
+    if (server->is_turn_of_left && !server->has_served_connected) {
+        server->has_served_connected = true;
+        server->began_with_latest = server->begins_with_latest;
+        server->begins_with_latest = false;
+    }
+    move_client(client, client->home);  // to the end: the others have their turn first
 }
 
 }  // namespace
@@ -368,6 +394,10 @@ int comm_socket_v4_idle(comm_socket_v4* server) {
     if (server->listen_fd < 0)
         return refuse(EBADF);
     server->handed_out = 0;
+    if (server->has_served_connected) {
+        server->has_served_connected = false;
+        server->begins_with_latest = !server->began_with_latest;
+    }
     server->service_began_us = comm_socket::now_us();
     std::size_t read_budget = READ_BYTES_PER_IDLE;
     std::size_t write_budget = WRITE_BYTES_PER_IDLE;
@@ -461,9 +491,7 @@ comm_socket_v4_packet* comm_socket_v4_server_get_packet(comm_socket_v4* server,
         if (packet == nullptr) {
             continue;
         }
-        ++server->handed_out;
-        server->is_turn_of_left = candidate->home == &server->clients;
-        move_client(candidate, candidate->home);  // to the end: the others have their turn first
+        end_turn(candidate);
         if (client != nullptr) {
             *client = candidate;
         }
@@ -480,12 +508,12 @@ int comm_socket_v4_packet_send_to_client(comm_socket_v4_client* client, const co
     if (link.send_error() != 0)
         return refuse(link.send_error());
     const comm_socket::FrameHead head = comm_socket::head_of(packet);
-    if (!comm_socket::within_limits(head, packet->content->text, comm_socket::REPLY_LIMITS))
+    if (!comm_socket::within_limits(head, *packet->content->text, comm_socket::REPLY_LIMITS))
         return refuse(EINVAL);
     if (!link.can_queue())
         return 0;
     try {
-        link.queue(comm_socket::encode_frame(head, packet->content->text));
+        link.queue(comm_socket::OutgoingFrame(head, packet->content->text));
     } catch (const std::exception&) {
         return refuse(ENOMEM);
     }
