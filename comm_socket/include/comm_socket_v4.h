@@ -87,8 +87,7 @@ extern "C" {
 #define COMM_SOCKET_V4_MAX_WAITING_BYTES 16777216u
 
 /* Bytes that may wait for all clients together (64 MiB). Above it there is a crowd: one request is handed out between
- * two calls of comm_socket_v4_idle, of a client for which nothing waits, the latest to have come or to have been
- * answered first.
+ * two calls of comm_socket_v4_idle, of a client for which nothing waits.
  *
  * So no more than this can ever wait: these bytes and the reply that exceeds them, and one reply for each client. If
  * the clients read nothing at all, it is these bytes and the replies of COMM_SOCKET_V4_CROWD_TIMEOUT_US: 12 of them
@@ -195,7 +194,8 @@ void comm_socket_v4_packet_dump_user_friendly(const comm_socket_v4_packet* packe
  * A client is disconnected when it sends garbage or a frame above a limit, when a frame of it is not complete
  * COMM_SOCKET_V4_CLIENT_TIMEOUT_US after its beginning, even while bytes keep coming, and when it reads nothing
  * for that long while bytes wait for it, or in a crowd for COMM_SOCKET_V4_CROWD_TIMEOUT_US. The others notice nothing:
- * requests are handed out in turns, one of each client, and by turns one of those that have gone away.
+ * requests are handed out in turns, one of each client, and by turns one of those that have gone away. After every
+ * other comm_socket_v4_idle the first turn is that of the client that came or was answered last.
  */
 
 /* A new handle that does not listen yet. Null when memory is short. */
@@ -217,8 +217,8 @@ comm_socket_v4* comm_socket_v4_destroy(comm_socket_v4* server);
 int comm_socket_v4_is_open(const comm_socket_v4* server);
 
 /* Accepts, reads and writes whatever can be done without blocking; bounded in bytes, the rest is done at the
- * next call, which begins with the clients that this one did not come to. Fails only when the listening socket is unusable; a shortage of descriptors or memory is not a
- * failure. */
+ * next call, which begins with the clients that this one did not come to. Fails only when the listening socket is
+ * unusable; a shortage of descriptors or memory is not a failure. */
 int comm_socket_v4_idle(comm_socket_v4* server);
 
 /* Goes on writing replies that their sockets did not take whole, and waits for the sockets to take more, until nothing
