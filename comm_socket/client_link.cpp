@@ -21,7 +21,7 @@ constexpr std::size_t READ_SHARE_BYTES = 262144;    // one client, one call
 constexpr std::size_t READ_AHEAD_BYTES = 262144;    // complete requests beyond it stay in the socket
 constexpr int SEND_BUFFER_BYTES = 1048576;          // asked for; the kernel doubles what it grants
 constexpr std::size_t WRITE_SHARE_BYTES = 4194304;  // one client, one call; more than the socket holds
-constexpr std::size_t FRAMES_PER_WRITE = 64;
+constexpr std::size_t PIECES_PER_WRITE = 64;
 
 // True once the peer has closed both directions; a half-closed one still reads.
 bool peer_is_gone(int fd) {
@@ -70,7 +70,8 @@ bool ClientLink::wants_to_read() const {
         case FrameState::COMPLETE:
             break;
     }
-    return input.size() < READ_AHEAD_BYTES;
+    // Of a peer that is gone no more can come than the socket holds, and then the link is closed.
+    return input.size() < READ_AHEAD_BYTES || peer_is_gone(fd);
 }
 
 void ClientLink::read_some(std::uint64_t now, std::size_t* budget_bytes) {
@@ -141,7 +142,7 @@ std::size_t ClientLink::waiting_bytes() const {
     return output.empty() ? 0 : output.front().size() - front_written_bytes + behind_front_bytes;
 }
 
-void ClientLink::queue(std::string&& frame) {
+void ClientLink::queue(OutgoingFrame&& frame) {
     const std::size_t bytes = frame.size();
     output.push_back(std::move(frame));
     if (output.size() > 1) {
@@ -150,19 +151,28 @@ void ClientLink::queue(std::string&& frame) {
     }
     write_progress_us = now_us();
     std::size_t budget = WRITE_SHARE_BYTES;
-    write_some(write_progress_us, &budget);
+    write_some(write_progress_us, COMM_SOCKET_V4_CLIENT_TIMEOUT_US, &budget);
 }
 
 bool ClientLink::write_once(std::size_t limit_bytes, std::size_t* written) {
-    iovec pieces[FRAMES_PER_WRITE];
+    iovec pieces[PIECES_PER_WRITE];
     std::size_t count = 0;
     std::size_t skip = front_written_bytes;
-    for (auto frame = output.begin(); frame != output.end() && count < FRAMES_PER_WRITE && limit_bytes > 0;
-         ++frame) {
-        const std::size_t bytes = std::min(frame->size() - skip, limit_bytes);
-        pieces[count++] = {frame->data() + skip, bytes};
-        limit_bytes -= bytes;
-        skip = 0;
+    for (auto frame = output.begin(); frame != output.end(); ++frame) {
+        for (std::size_t i = 0; i < frame->piece_count() && count < PIECES_PER_WRITE && limit_bytes > 0;
+             ++i) {
+            std::string_view piece = frame->piece(i);
+            const std::size_t skipped = std::min(skip, piece.size());
+            skip -= skipped;
+            piece = piece.substr(skipped, limit_bytes);
+            if (!piece.empty()) {
+                pieces[count++] = {const_cast<char*>(piece.data()), piece.size()};  // sendmsg only reads
+                limit_bytes -= piece.size();
+            }
+        }
+        if (count == PIECES_PER_WRITE || limit_bytes == 0) {
+            break;
+        }
     }
     msghdr message{};
     message.msg_iov = pieces;
@@ -201,7 +211,7 @@ void ClientLink::remove_written(std::size_t bytes) {
     }
 }
 
-void ClientLink::write_some(std::uint64_t now, std::size_t* budget_bytes) {
+void ClientLink::write_some(std::uint64_t now, std::uint64_t stall_limit_us, std::size_t* budget_bytes) {
     std::size_t share = std::min(WRITE_SHARE_BYTES, *budget_bytes);
     bool blocked = false;
     while (fd >= 0 && !output.empty() && share > 0 && !blocked) {
@@ -212,7 +222,7 @@ void ClientLink::write_some(std::uint64_t now, std::size_t* budget_bytes) {
         if (written > 0)
             write_progress_us = now;
     }
-    if (blocked && !output.empty() && now - write_progress_us >= COMM_SOCKET_V4_CLIENT_TIMEOUT_US)
+    if (blocked && !output.empty() && now - write_progress_us >= stall_limit_us)
         drop(ETIMEDOUT);
 }
 
@@ -220,7 +230,7 @@ void ClientLink::wait_until_writable(std::uint64_t deadline_us) {
     const std::uint64_t written_before = written_bytes;
     while (fd >= 0) {
         std::size_t budget = WRITE_SHARE_BYTES;
-        write_some(now_us(), &budget);
+        write_some(now_us(), COMM_SOCKET_V4_CLIENT_TIMEOUT_US, &budget);
         if (reply_errno != 0 || can_queue())
             return;
         const int left_ms = poll_time_left_ms(deadline_us);

@@ -13,7 +13,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
-#include <string>
 
 #include "comm_socket/frame_buffer.h"
 
@@ -34,8 +33,8 @@ class ClientLink {
     void read_some(std::uint64_t now, std::size_t* budget_bytes);
 
     // Writes what the socket takes, as far as *budget_bytes and the link's own share go, and drops a client
-    // that has not read for too long.
-    void write_some(std::uint64_t now, std::size_t* budget_bytes);
+    // that has taken nothing for stall_limit_us.
+    void write_some(std::uint64_t now, std::uint64_t stall_limit_us, std::size_t* budget_bytes);
 
     // A request can be taken now: it is complete, and not too many replies wait for this client.
     [[nodiscard]] bool has_request() const { return has_complete_frame() && can_queue(); }
@@ -53,11 +52,14 @@ class ClientLink {
     // 0, or the errno with which sending to this client fails.
     [[nodiscard]] int send_error() const { return reply_errno; }
     [[nodiscard]] bool can_queue() const;
-    // Bytes of replies that have not left yet.
+    // Bytes of replies that have not left yet, and of requests that have not been taken.
     [[nodiscard]] std::size_t waiting_bytes() const;
+    [[nodiscard]] std::size_t untaken_bytes() const { return input.size(); }
+    // For poll; -1 once the link is closed.
+    [[nodiscard]] int descriptor() const { return fd; }
     // Requires can_queue() and no send_error(). Writes what the socket takes at once, queues the rest; the
     // result may be seen in send_error(). Throws std::bad_alloc.
-    void queue(std::string&& frame);
+    void queue(OutgoingFrame&& frame);
 
     // Blocks until can_queue(), send_error() or the deadline. If nothing left meanwhile, send_error() is
     // ETIMEDOUT afterwards, and the client is dropped.
@@ -78,7 +80,7 @@ class ClientLink {
     bool input_ended = false;            // the peer sends nothing more
     std::uint64_t frame_started_us = 0;  // since when the frame at the front is unfinished; 0 = it is not
 
-    std::deque<std::string> output;       // frames; the front one is the reply under way
+    std::deque<OutgoingFrame> output;     // the front one is the reply under way
     std::size_t front_written_bytes = 0;  // of output.front()
     std::size_t behind_front_bytes = 0;   // in output, without its front
     std::uint64_t written_bytes = 0;      // ever

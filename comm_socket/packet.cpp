@@ -11,7 +11,7 @@ namespace comm_socket {
 
 comm_socket_v4_packet* make_packet(const FrameHead& head, FrameText&& text) {
     auto content = std::make_unique<comm_socket_v4_content>();
-    content->text = std::move(text);
+    *content->text = std::move(text);
     content->state = PacketState::COMPLETE;
     return new comm_socket_v4_packet{head.flags, head.request_id, head.status, content.release()};
 }
@@ -54,7 +54,7 @@ int write_argument(comm_socket_v4_packet* packet, const std::optional<std::strin
     const std::uint64_t added = encoded_argument_bytes(argument);
     if (const int error = test_writable(packet, added); error != 0)
         return refuse(error);
-    auto& arguments = packet->content->text.arguments;
+    auto& arguments = packet->content->text->arguments;
     if (arguments.size() >= REPLY_LIMITS.arguments)
         return refuse(EMSGSIZE);
     try {
@@ -72,7 +72,7 @@ int write_pair(comm_socket_v4_packet* packet, std::string_view name, std::string
     const std::uint64_t added = encoded_pair_bytes(name, value);
     if (const int error = test_writable(packet, added); error != 0)
         return refuse(error);
-    auto& pairs = packet->content->text.pairs;
+    auto& pairs = packet->content->text->pairs;
     if (pairs.size() >= REPLY_LIMITS.pairs)
         return refuse(EMSGSIZE);
     try {
@@ -94,22 +94,22 @@ std::string_view view_bytes(const void* bytes, size_t length) {
 }
 
 const std::string* argument_at(const comm_socket_v4_packet* packet, size_t idx) {
-    if (packet == nullptr || idx >= packet->content->text.arguments.size())
+    if (packet == nullptr || idx >= packet->content->text->arguments.size())
         return nullptr;
-    const auto& argument = packet->content->text.arguments[idx];
+    const auto& argument = packet->content->text->arguments[idx];
     return argument ? &*argument : nullptr;
 }
 
 const std::string* pair_name_at(const comm_socket_v4_packet* packet, size_t idx) {
-    if (packet == nullptr || idx >= packet->content->text.pairs.size())
+    if (packet == nullptr || idx >= packet->content->text->pairs.size())
         return nullptr;
-    return &packet->content->text.pairs[idx].first;
+    return &packet->content->text->pairs[idx].first;
 }
 
 const std::string* pair_value_at(const comm_socket_v4_packet* packet, size_t idx) {
-    if (packet == nullptr || idx >= packet->content->text.pairs.size())
+    if (packet == nullptr || idx >= packet->content->text->pairs.size())
         return nullptr;
-    return &packet->content->text.pairs[idx].second;
+    return &packet->content->text->pairs[idx].second;
 }
 
 const char* c_string(const std::string* string) {
@@ -167,10 +167,10 @@ int comm_socket_v4_packet_begin_writing(comm_socket_v4_packet* packet, int reser
     if (packet == nullptr || reserved != 0 || command == nullptr || message == nullptr)
         return comm_socket::refuse(EINVAL);
     try {
-        comm_socket::FrameText text;
-        text.command = command;
-        text.message = message;
-        const std::uint64_t body_bytes = comm_socket::encoded_body_bytes(text);
+        auto text = std::make_shared<comm_socket::FrameText>();
+        text->command = command;
+        text->message = message;
+        const std::uint64_t body_bytes = comm_socket::encoded_body_bytes(*text);
         if (body_bytes > comm_socket::REPLY_LIMITS.body_bytes)
             return comm_socket::refuse(EMSGSIZE);
         packet->content->text = std::move(text);
@@ -217,23 +217,23 @@ int comm_socket_v4_packet_write_end(comm_socket_v4_packet* packet) {
 }
 
 const char* comm_socket_v4_packet_get_command(const comm_socket_v4_packet* packet) {
-    return packet == nullptr ? nullptr : packet->content->text.command.c_str();
+    return packet == nullptr ? nullptr : packet->content->text->command.c_str();
 }
 
 size_t comm_socket_v4_packet_get_command_length(const comm_socket_v4_packet* packet) {
-    return packet == nullptr ? 0 : packet->content->text.command.size();
+    return packet == nullptr ? 0 : packet->content->text->command.size();
 }
 
 const char* comm_socket_v4_packet_get_message(const comm_socket_v4_packet* packet) {
-    return packet == nullptr ? nullptr : packet->content->text.message.c_str();
+    return packet == nullptr ? nullptr : packet->content->text->message.c_str();
 }
 
 size_t comm_socket_v4_packet_get_message_length(const comm_socket_v4_packet* packet) {
-    return packet == nullptr ? 0 : packet->content->text.message.size();
+    return packet == nullptr ? 0 : packet->content->text->message.size();
 }
 
 size_t comm_socket_v4_packet_get_argv_count(const comm_socket_v4_packet* packet) {
-    return packet == nullptr ? 0 : packet->content->text.arguments.size();
+    return packet == nullptr ? 0 : packet->content->text->arguments.size();
 }
 
 const char* comm_socket_v4_packet_get_argv(const comm_socket_v4_packet* packet, size_t idx) {
@@ -245,7 +245,7 @@ size_t comm_socket_v4_packet_get_argv_length(const comm_socket_v4_packet* packet
 }
 
 size_t comm_socket_v4_packet_get_pair_count(const comm_socket_v4_packet* packet) {
-    return packet == nullptr ? 0 : packet->content->text.pairs.size();
+    return packet == nullptr ? 0 : packet->content->text->pairs.size();
 }
 
 const char* comm_socket_v4_packet_get_pair_name(const comm_socket_v4_packet* packet, size_t idx) {

@@ -33,7 +33,8 @@ FrameHead head_of(const comm_socket_v4_packet* packet);
 }  // namespace comm_socket
 
 struct comm_socket_v4_content {
-    comm_socket::FrameText text;
+    // Replaced, not changed, once the packet is COMPLETE: replies on their way out share it.
+    std::shared_ptr<comm_socket::FrameText> text = std::make_shared<comm_socket::FrameText>();
     comm_socket::PacketState state = comm_socket::PacketState::EMPTY;
     std::uint64_t body_bytes = 0;  // encoded, while it is written
 

@@ -41,7 +41,7 @@ void append_line(std::string* out, std::string_view name, std::string_view text)
 }
 
 std::string dump(const comm_socket_v4_packet* packet) {
-    const FrameText& text = packet->content->text;
+    const FrameText& text = *packet->content->text;
     const bool is_request = (packet->flags & COMM_SOCKET_V4_REQUEST) != 0;
     std::string out = is_request ? "Packet: request" : "Packet: response";
     if ((packet->flags & COMM_SOCKET_V4_ASYNC) != 0)

@@ -1,10 +1,13 @@
 // The server handle: the listening socket and its path, the clients, and whose turn it is.
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <exception>
@@ -42,7 +45,8 @@ struct comm_socket_v4_client {
     comm_socket_v4* server;
     comm_socket::ClientLink link;
     std::shared_ptr<std::size_t> unreleased = std::make_shared<std::size_t>(0);  // requests handed out
-    bool announced = false;  // returned by accept_connection, so the caller is to free it
+    std::uint64_t last_turn = 0;  // counts the turns that idle gave; 0: none yet
+    bool announced = false;       // returned by accept_connection, so the caller is to free it
     ClientList* home = nullptr;
     ClientList::iterator position;
 };
@@ -53,15 +57,26 @@ struct comm_socket_v4 {
     dev_t device = 0;  // of the socket at path, remembered to tell it from another server's
     ino_t inode = 0;
 
-    // Those that are disconnected and have nothing left to hand out leave clients:
-    //   announced: clients -> gone -> returned (the caller is to free it)
-    //   others:    clients -> forgotten -> freed by the next idle
-    // A caller may take fewer disconnected clients than come and go, so only those that it accepted wait for it.
-    // The first of clients has waited longest for its turn.
+    //   clients    connected
+    //   left       disconnected; requests of it wait or are being answered
+    //   gone       nothing is left of it, and the caller is to free it: get_disconnected_client has not returned it
+    //   returned   it has, and the caller has not freed it
+    //   forgotten  nothing is left of it, and the caller need not know: freed by the next idle
+    //
+    //   clients -> left -> gone -> returned      if accept_connection returned it, else
+    //   clients -> left -> forgotten
+    //
+    // The first of clients and of left has waited longest for its turn to have a request handed out.
     ClientList clients;
+    ClientList left;
     ClientList gone;
     ClientList returned;
     ClientList forgotten;
+    bool is_turn_of_left = false;
+    bool has_served_connected = false;  // since the last idle
+    bool begins_with_latest = false;    // the next request of a connected client is that of the latest
+    bool began_with_latest = false;     // the last service did that had one
+    std::uint64_t turns = 0;            // that idle gave, ever
 
     comm_socket::HeldRequests held;
     std::size_t handed_out = 0;          // since the last idle
@@ -109,16 +124,45 @@ int listen_at(const sockaddr_un& address, struct stat* identity) {
     return refuse(error);
 }
 
-// Out of clients: those of which nothing is left. Call it before a client is looked for or room is counted.
-void settle(comm_socket_v4* server) {
+// Out of clients: those that have disconnected. Call it before room is counted.
+void move_disconnected_to_left(comm_socket_v4* server) {
     for (auto next = server->clients.begin(); next != server->clients.end();) {
         comm_socket_v4_client* client = &*next++;
-        if (*client->unreleased > 0)
-            continue;
-        client->link.finish();
-        if (client->link.is_open() || client->link.has_complete_frame())
-            continue;
-        move_client(client, client->announced ? &server->gone : &server->forgotten);
+        if (*client->unreleased == 0) {
+            client->link.finish();
+        }
+        if (!client->link.is_open()) {
+            move_client(client, &server->left);
+        }
+    }
+}
+
+// Out of left: those of which nothing is left. Call it before a client is looked for.
+void settle(comm_socket_v4* server) {
+    move_disconnected_to_left(server);
+    for (auto next = server->left.begin(); next != server->left.end();) {
+        comm_socket_v4_client* client = &*next++;
+        if (*client->unreleased == 0 && !client->link.has_complete_frame()) {
+            move_client(client, client->announced ? &server->gone : &server->forgotten);
+        }
+    }
+}
+
+// What clients have left behind is bounded by discarding the largest part of it: a stranger that leaves many requests
+// loses before one that leaves few.
+void discard_surplus_requests(comm_socket_v4* server) {
+    std::size_t bytes = 0;
+    for (const auto& client : server->left) {
+        bytes += client.link.untaken_bytes();
+    }
+    std::size_t count = server->left.size();
+    while (count > COMM_SOCKET_V4_MAX_LEFT_CLIENTS || bytes > COMM_SOCKET_V4_MAX_LEFT_BYTES) {
+        const auto largest = std::max_element(
+            server->left.begin(), server->left.end(),
+            [](const auto& a, const auto& b) { return a.link.untaken_bytes() < b.link.untaken_bytes(); });
+        bytes -= largest->link.untaken_bytes();
+        --count;
+        largest->link.drop(EPIPE);
     }
 }
 
@@ -140,46 +184,72 @@ int judge_accept_error(int error) {
     }
 }
 
-void add_client(comm_socket_v4* server, int fd) {
+void serve_client(comm_socket_v4_client* client, std::uint64_t stall_limit_us, std::size_t* read_budget,
+                  std::size_t* write_budget) {
+    if (*read_budget > 0 && *write_budget > 0) {
+        client->last_turn = ++client->server->turns;
+    }
+    try {
+        const std::uint64_t now = comm_socket::now_us();
+        client->link.write_some(now, stall_limit_us, write_budget);
+        client->link.read_some(now, read_budget);
+    } catch (const std::exception&) {
+        client->link.drop(ENOMEM);
+    }
+}
+
+// Begins with the client that the last calls have kept waiting longest, so what is spent on the first ones of one call
+// is there for the others in the next.
+void serve_clients(comm_socket_v4* server, std::uint64_t stall_limit_us, std::size_t* read_budget,
+                   std::size_t* write_budget) {
+    std::array<comm_socket_v4_client*, COMM_SOCKET_V4_MAX_CLIENTS> order{};
+    const auto end = std::transform(server->clients.begin(), server->clients.end(), order.begin(),
+                                    [](auto& client) { return &client; });
+    std::sort(order.begin(), end, [](const auto* a, const auto* b) { return a->last_turn < b->last_turn; });
+    std::for_each(order.begin(), end,
+                  [=](auto* client) { serve_client(client, stall_limit_us, read_budget, write_budget); });
+}
+
+// Null when there is no room or memory; then the socket is closed.
+comm_socket_v4_client* add_client(comm_socket_v4* server, int fd) {
+    if (server->clients.size() >= COMM_SOCKET_V4_MAX_CLIENTS) {
+        move_disconnected_to_left(server);
+    }
     if (server->clients.size() >= COMM_SOCKET_V4_MAX_CLIENTS) {
         close(fd);
-        return;
+        return nullptr;
     }
     try {
         comm_socket_v4_client* client = &server->clients.emplace_back(server, fd);
         client->home = &server->clients;
         client->position = std::prev(server->clients.end());
+        return client;
     } catch (const std::exception&) {
         close(fd);
+        return nullptr;
     }
 }
 
-int accept_waiting(comm_socket_v4* server) {
-    for (int i = 0; i < ACCEPTS_PER_IDLE; i++) {
-        if (server->gone.size() + server->returned.size() >= COMM_SOCKET_V4_MAX_UNFREED_CLIENTS)
-            return 0;
+// Newcomers are heard at once: one that has sent its requests and left already makes room for the next.
+int accept_waiting(comm_socket_v4* server, std::uint64_t stall_limit_us, std::size_t* read_budget,
+                   std::size_t* write_budget) {
+    if (server->gone.size() + server->returned.size() >= COMM_SOCKET_V4_MAX_UNFREED_CLIENTS) {
+        return 0;
+    }
+    for (int i = 0; i < ACCEPTS_PER_IDLE; ++i) {
         const int fd = accept4(server->listen_fd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
-        if (fd >= 0) {
-            add_client(server, fd);
+        if (fd < 0) {
+            const int verdict = judge_accept_error(errno);
+            if (verdict != 0) {
+                return std::min(verdict, 0);
+            }
             continue;
         }
-        const int verdict = judge_accept_error(errno);
-        if (verdict < 0)
-            return -1;
-        if (verdict > 0)
-            return 0;
+        if (comm_socket_v4_client* client = add_client(server, fd); client != nullptr) {
+            serve_client(client, stall_limit_us, read_budget, write_budget);
+        }
     }
     return 0;
-}
-
-void serve_client(comm_socket_v4_client* client, std::size_t* read_budget, std::size_t* write_budget) {
-    try {
-        const std::uint64_t now = comm_socket::now_us();
-        client->link.write_some(now, write_budget);
-        client->link.read_some(now, read_budget);
-    } catch (const std::exception&) {
-        client->link.drop(ENOMEM);
-    }
 }
 
 // The next request of this client; null when it has none that is whole and well-formed.
@@ -199,19 +269,66 @@ comm_socket_v4_packet* take_request(comm_socket_v4_client* client) {
     return packet;
 }
 
+bool is_crowded(const comm_socket_v4* server) {
+    std::size_t bytes = 0;
+    for (const auto& client : server->clients) {
+        bytes += client.link.waiting_bytes();
+    }
+    return bytes > COMM_SOCKET_V4_MAX_TOTAL_WAITING_BYTES;
+}
+
 // A flood of requests, or a few with huge replies, must not hold up who services the socket. The first request is
 // always handed out, so there is progress on the slowest machine.
-bool service_is_over(const comm_socket_v4* server) {
-    return server->handed_out >= COMM_SOCKET_V4_MAX_REQUESTS_PER_IDLE ||
-           (server->handed_out != 0 &&
+bool service_is_over(const comm_socket_v4* server, bool crowded) {
+    return server->handed_out != 0 &&
+           (crowded || server->handed_out >= COMM_SOCKET_V4_MAX_REQUESTS_PER_IDLE ||
             comm_socket::now_us() - server->service_began_us >= COMM_SOCKET_V4_MAX_US_PER_IDLE);
 }
 
-std::size_t waiting_bytes(const comm_socket_v4* server) {
-    std::size_t bytes = 0;
-    for (const auto& client : server->clients)
-        bytes += client.link.waiting_bytes();
-    return bytes;
+// Whether a request of this client can be handed out now.
+bool may_ask(const comm_socket_v4_client& client, bool crowded) {
+    return client.link.has_request() && (!crowded || client.link.waiting_bytes() == 0);
+}
+
+comm_socket_v4_client* first_in_turn(ClientList* list, bool crowded) {
+    const auto found = std::find_if(list->begin(), list->end(),
+                                    [crowded](const auto& client) { return may_ask(client, crowded); });
+    return found == list->end() ? nullptr : &*found;
+}
+
+// Every other service begins with the client that came last or was answered last: a short request does not wait behind
+// all the long ones that came before it, and these go on in the services between.
+comm_socket_v4_client* next_connected(comm_socket_v4* server, bool crowded) {
+    if (!server->begins_with_latest) {
+        return first_in_turn(&server->clients, crowded);
+    }
+    const auto found = std::find_if(server->clients.rbegin(), server->clients.rend(),
+                                    [crowded](const auto& client) { return may_ask(client, crowded); });
+    return found == server->clients.rend() ? nullptr : &*found;
+}
+
+// The connected and those that have left take turns, or many that leave requests behind would keep the others waiting.
+// Null when none has a request.
+comm_socket_v4_client* next_in_turn(comm_socket_v4* server, bool crowded) {
+    comm_socket_v4_client* of_left = first_in_turn(&server->left, crowded);
+    if (of_left != nullptr && server->is_turn_of_left) {
+        return of_left;
+    }
+    comm_socket_v4_client* connected = next_connected(server, crowded);
+    return connected != nullptr ? connected : of_left;
+}
+
+// The request of this client is handed out.
+void end_turn(comm_socket_v4_client* client) {
+    comm_socket_v4* server = client->server;
+    ++server->handed_out;
+    server->is_turn_of_left = client->home == &server->clients;
+    if (server->is_turn_of_left && !server->has_served_connected) {
+        server->has_served_connected = true;
+        server->began_with_latest = server->begins_with_latest;
+        server->begins_with_latest = false;
+    }
+    move_client(client, client->home);  // to the end: the others have their turn first
 }
 
 }  // namespace
@@ -277,30 +394,66 @@ int comm_socket_v4_idle(comm_socket_v4* server) {
     if (server->listen_fd < 0)
         return refuse(EBADF);
     server->handed_out = 0;
+    if (server->has_served_connected) {
+        server->has_served_connected = false;
+        server->begins_with_latest = !server->began_with_latest;
+    }
     server->service_began_us = comm_socket::now_us();
     std::size_t read_budget = READ_BYTES_PER_IDLE;
     std::size_t write_budget = WRITE_BYTES_PER_IDLE;
-    for (auto& client : server->clients)
-        serve_client(&client, &read_budget, &write_budget);
+    const std::uint64_t stall_limit_us =
+        is_crowded(server) ? COMM_SOCKET_V4_CROWD_TIMEOUT_US : COMM_SOCKET_V4_CLIENT_TIMEOUT_US;
+    serve_clients(server, stall_limit_us, &read_budget, &write_budget);
     settle(server);
     server->forgotten.clear();
-    // Newcomers after that: who has left makes room for them. They are heard at once.
-    const std::size_t old_clients = server->clients.size();
-    const int result = accept_waiting(server);
+    // Newcomers after that: a client that has left makes room for them.
+    const int result = accept_waiting(server, stall_limit_us, &read_budget, &write_budget);
     const int error = errno;
-    for (auto client = std::next(server->clients.begin(), static_cast<std::ptrdiff_t>(old_clients));
-         client != server->clients.end(); ++client)
-        serve_client(&*client, &read_budget, &write_budget);
+    move_disconnected_to_left(server);
+    discard_surplus_requests(server);
     return result == 0 ? 0 : refuse(error);
+}
+
+void comm_socket_v4_flush(comm_socket_v4* server, uint64_t deadline_us) {
+    if (server == nullptr) {
+        return;
+    }
+    for (;;) {
+        std::array<comm_socket_v4_client*, COMM_SOCKET_V4_MAX_CLIENTS> waiting{};
+        std::array<pollfd, COMM_SOCKET_V4_MAX_CLIENTS> entries{};
+        nfds_t count = 0;
+        for (auto& client : server->clients) {
+            if (client.link.waiting_bytes() != 0) {
+                entries[count] = {client.link.descriptor(), POLLOUT, 0};
+                waiting[count++] = &client;
+            }
+        }
+        const int left_ms = comm_socket::poll_time_left_ms(deadline_us);
+        if (count == 0 || left_ms == 0) {
+            return;
+        }
+        const int ready = poll(entries.data(), count, left_ms);
+        if (ready == 0 || (ready < 0 && errno != EINTR)) {
+            return;
+        }
+        for (nfds_t i = 0; ready > 0 && i < count && comm_socket::now_us() < deadline_us; ++i) {
+            if (entries[i].revents != 0) {
+                std::size_t budget = WRITE_BYTES_PER_IDLE;
+                waiting[i]->link.write_some(comm_socket::now_us(), COMM_SOCKET_V4_CLIENT_TIMEOUT_US, &budget);
+            }
+        }
+    }
 }
 
 comm_socket_v4_client* comm_socket_v4_accept_connection(comm_socket_v4* server) {
     if (server == nullptr)
         return nullptr;
-    for (auto& client : server->clients) {
-        if (!client.announced) {
-            client.announced = true;
-            return &client;
+    for (ClientList* list : {&server->clients, &server->left}) {
+        for (auto& client : *list) {
+            if (!client.announced) {
+                client.announced = true;
+                return &client;
+            }
         }
     }
     return nullptr;
@@ -326,19 +479,22 @@ comm_socket_v4_packet* comm_socket_v4_server_get_packet(comm_socket_v4* server,
                                                         comm_socket_v4_client** client) {
     if (client != nullptr)
         *client = nullptr;
-    if (server == nullptr || service_is_over(server))
+    if (server == nullptr) {
         return nullptr;
-    const bool crowded = waiting_bytes(server) > COMM_SOCKET_V4_MAX_TOTAL_WAITING_BYTES;
-    for (auto& candidate : server->clients) {
-        if (!candidate.link.has_request() || (crowded && candidate.link.waiting_bytes() != 0))
+    }
+    const bool crowded = is_crowded(server);
+    if (service_is_over(server, crowded)) {
+        return nullptr;
+    }
+    while (comm_socket_v4_client* candidate = next_in_turn(server, crowded)) {
+        comm_socket_v4_packet* packet = take_request(candidate);
+        if (packet == nullptr) {
             continue;
-        comm_socket_v4_packet* packet = take_request(&candidate);
-        if (packet == nullptr)
-            continue;
-        server->handed_out++;
-        move_client(&candidate, &server->clients);  // to the end: the others have their turn first
-        if (client != nullptr)
-            *client = &candidate;
+        }
+        end_turn(candidate);
+        if (client != nullptr) {
+            *client = candidate;
+        }
         return packet;
     }
     return nullptr;
@@ -352,12 +508,12 @@ int comm_socket_v4_packet_send_to_client(comm_socket_v4_client* client, const co
     if (link.send_error() != 0)
         return refuse(link.send_error());
     const comm_socket::FrameHead head = comm_socket::head_of(packet);
-    if (!comm_socket::within_limits(head, packet->content->text, comm_socket::REPLY_LIMITS))
+    if (!comm_socket::within_limits(head, *packet->content->text, comm_socket::REPLY_LIMITS))
         return refuse(EINVAL);
     if (!link.can_queue())
         return 0;
     try {
-        link.queue(comm_socket::encode_frame(head, packet->content->text));
+        link.queue(comm_socket::OutgoingFrame(head, packet->content->text));
     } catch (const std::exception&) {
         return refuse(ENOMEM);
     }

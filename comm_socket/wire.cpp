@@ -17,6 +17,7 @@ constexpr unsigned char PREAMBLE[4] = {'C', 'S', WIRE_VERSION, 0};
 constexpr std::uint32_t KNOWN_FLAGS = COMM_SOCKET_V4_REQUEST | COMM_SOCKET_V4_ASYNC;
 constexpr std::size_t LENGTH_BYTES = 4;
 constexpr std::size_t SMALLEST_PAIR_BYTES = 2 * LENGTH_BYTES;
+constexpr std::size_t LONG_STRING_BYTES = 16384;  // below it, copying costs less than a piece of its own
 constexpr std::uint64_t FIXED_BODY_BYTES = 4 + 8 + 8 + 4 * LENGTH_BYTES;  // all but the strings
 
 std::size_t room(const unsigned char* s, const unsigned char* end) {
@@ -97,6 +98,56 @@ void put_string(unsigned char*& d, const std::string& value) {
     d += value.size();
 }
 
+// put_text(d, string) writes a string with its length.
+template <typename PutText>
+void put_frame(unsigned char*& d, std::uint64_t body_bytes, const FrameHead& head, const FrameText& text,
+               PutText put_text) {
+    for (const unsigned char byte : PREAMBLE) {
+        *d++ = byte;
+    }
+    put_u32(d, static_cast<std::uint32_t>(body_bytes));
+    put_u32(d, head.flags);
+    put_u64(d, head.request_id);
+    put_u64(d, head.status);
+    put_text(d, text.command);
+    put_text(d, text.message);
+    put_u32(d, static_cast<std::uint32_t>(text.arguments.size()));
+    for (const auto& argument : text.arguments) {
+        if (argument) {
+            put_text(d, *argument);
+        } else {
+            put_u32(d, ABSENT);
+        }
+    }
+    put_u32(d, static_cast<std::uint32_t>(text.pairs.size()));
+    for (const auto& [name, value] : text.pairs) {
+        put_text(d, name);
+        put_text(d, value);
+    }
+}
+
+bool is_long(const std::string& string) {
+    return string.size() >= LONG_STRING_BYTES;
+}
+
+// Of the strings that an outgoing frame does not copy.
+std::uint64_t long_string_bytes(const FrameText& text) {
+    std::uint64_t bytes = 0;
+    const auto add = [&bytes](const std::string& string) { bytes += is_long(string) ? string.size() : 0; };
+    add(text.command);
+    add(text.message);
+    for (const auto& argument : text.arguments) {
+        if (argument) {
+            add(*argument);
+        }
+    }
+    for (const auto& [name, value] : text.pairs) {
+        add(name);
+        add(value);
+    }
+    return bytes;
+}
+
 }  // namespace
 
 FrameState decode_header(const unsigned char* s, const unsigned char* end, const FrameLimits& limits,
@@ -114,6 +165,20 @@ FrameState decode_header(const unsigned char* s, const unsigned char* end, const
         return FrameState::BROKEN;
     *body_bytes = length;
     return FrameState::COMPLETE;
+}
+
+bool peek_head(const unsigned char* s, const unsigned char* end, const FrameLimits& limits, FrameHead* head) {
+    std::size_t body_bytes = 0;
+    if (decode_header(s, end, limits, &body_bytes) != FrameState::COMPLETE) {
+        return false;
+    }
+    s += FRAME_HEADER_BYTES;
+    FrameHead found;
+    if (!take_u32(s, end, &found.flags) || !take_u64(s, end, &found.request_id)) {
+        return false;
+    }
+    *head = found;
+    return true;
 }
 
 bool decode_body(const unsigned char* s, const unsigned char* end, const FrameLimits& limits, FrameHead* head,
@@ -163,27 +228,7 @@ bool encode_frame(unsigned char*& d, const unsigned char* end, const FrameHead& 
     const std::uint64_t body_bytes = encoded_body_bytes(text);
     if (room(d, end) < FRAME_HEADER_BYTES || room(d, end) - FRAME_HEADER_BYTES < body_bytes)
         return false;
-    for (unsigned char byte : PREAMBLE)
-        *d++ = byte;
-    put_u32(d, static_cast<std::uint32_t>(body_bytes));
-    put_u32(d, head.flags);
-    put_u64(d, head.request_id);
-    put_u64(d, head.status);
-    put_string(d, text.command);
-    put_string(d, text.message);
-    put_u32(d, static_cast<std::uint32_t>(text.arguments.size()));
-    for (const auto& argument : text.arguments) {
-        if (argument) {
-            put_string(d, *argument);
-        } else {
-            put_u32(d, ABSENT);
-        }
-    }
-    put_u32(d, static_cast<std::uint32_t>(text.pairs.size()));
-    for (const auto& [name, value] : text.pairs) {
-        put_string(d, name);
-        put_string(d, value);
-    }
+    put_frame(d, body_bytes, head, text, put_string);
     return true;
 }
 
@@ -193,6 +238,43 @@ std::string encode_frame(const FrameHead& head, const FrameText& text) {
     if (!encode_frame(d, d + frame.size(), head, text))
         frame.clear();  // the buffer has the exact size, so this is never reached
     return frame;
+}
+
+OutgoingFrame::OutgoingFrame(const FrameHead& head, std::shared_ptr<const FrameText> unchanging_text)
+    : text(std::move(unchanging_text)) {
+    const std::uint64_t body_bytes = encoded_body_bytes(*text);
+    all_bytes = FRAME_HEADER_BYTES + body_bytes;
+    short_bytes.resize(all_bytes - long_string_bytes(*text));
+    unsigned char* const begin = reinterpret_cast<unsigned char*>(short_bytes.data());
+    unsigned char* d = begin;
+    put_frame(d, body_bytes, head, *text, [this, begin](unsigned char*& cursor, const std::string& string) {
+        if (!is_long(string)) {
+            put_string(cursor, string);
+            return;
+        }
+        put_u32(cursor, static_cast<std::uint32_t>(string.size()));
+        end_short_piece(static_cast<std::size_t>(cursor - begin));
+        pieces.push_back({&string, 0, string.size()});
+    });
+    end_short_piece(short_bytes.size());
+}
+
+OutgoingFrame::OutgoingFrame(std::string frame)
+    : short_bytes(std::move(frame)), all_bytes(short_bytes.size()) {
+    end_short_piece(all_bytes);
+}
+
+void OutgoingFrame::end_short_piece(std::size_t end) {
+    if (end > short_bytes_in_pieces) {
+        pieces.push_back({nullptr, short_bytes_in_pieces, end - short_bytes_in_pieces});
+        short_bytes_in_pieces = end;
+    }
+}
+
+std::string_view OutgoingFrame::piece(std::size_t idx) const {
+    const Piece& piece = pieces[idx];
+    const std::string& holder = piece.long_string != nullptr ? *piece.long_string : short_bytes;
+    return std::string_view(holder).substr(piece.start, piece.size);
 }
 
 }  // namespace comm_socket

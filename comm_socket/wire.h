@@ -13,6 +13,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -56,6 +57,11 @@ enum class FrameState { INCOMPLETE, COMPLETE, BROKEN };
 [[nodiscard]] FrameState decode_header(const unsigned char* s, const unsigned char* end,
                                        const FrameLimits& limits, std::size_t* body_bytes);
 
+// Reads the flags and the request id of the frame at s, whose body need not have arrived. False while they have not
+// arrived or if the header is broken; then head is unchanged.
+[[nodiscard]] bool peek_head(const unsigned char* s, const unsigned char* end, const FrameLimits& limits,
+                             FrameHead* head);
+
 // Decodes a body that reaches exactly from s to end. False if it is broken; then head and text are unchanged.
 // Throws std::bad_alloc; the memory asked for is in proportion to the bytes that are there.
 [[nodiscard]] bool decode_body(const unsigned char* s, const unsigned char* end, const FrameLimits& limits,
@@ -74,6 +80,34 @@ enum class FrameState { INCOMPLETE, COMPLETE, BROKEN };
 // where it was and the bytes behind it are undefined.
 [[nodiscard]] bool encode_frame(unsigned char*& d, const unsigned char* end, const FrameHead& head,
                                 const FrameText& text);
+
+// A frame on its way out, in pieces. Long strings are not copied: they stay in the text.
+class OutgoingFrame {
+  public:
+    // Requires within_limits. The text does not change any more. Throws std::bad_alloc.
+    OutgoingFrame(const FrameHead& head, std::shared_ptr<const FrameText> unchanging_text);
+    // Bytes that are a frame already.
+    explicit OutgoingFrame(std::string frame);
+
+    [[nodiscard]] std::size_t size() const { return all_bytes; }
+    [[nodiscard]] std::size_t piece_count() const { return pieces.size(); }
+    // In the order in which they travel. Valid until the frame is moved.
+    [[nodiscard]] std::string_view piece(std::size_t idx) const;
+
+  private:
+    struct Piece {
+        const std::string* long_string;  // null: it is in short_bytes
+        std::size_t start;
+        std::size_t size;
+    };
+    void end_short_piece(std::size_t end);
+
+    std::shared_ptr<const FrameText> text;
+    std::string short_bytes;
+    std::vector<Piece> pieces;
+    std::size_t short_bytes_in_pieces = 0;
+    std::size_t all_bytes = 0;
+};
 
 // The whole frame in a buffer of its exact size. Requires within_limits. Throws std::bad_alloc.
 [[nodiscard]] std::string encode_frame(const FrameHead& head, const FrameText& text);

@@ -11,18 +11,21 @@ std::string video_size(const StreamFormat& format) {
 
 }  // namespace
 
-std::string connection_line(RTMPConnection& conn) {
-    std::string line = std::to_string(conn.conn_idx);
-    line += '\t' + conn.stream_name;
-    line += '\t' + conn.stream_mode;
-    line += '\t' + video_size(conn.stream_format);
+void connection_line(RTMPConnection& conn, std::string* line) {
+    *line = std::to_string(conn.conn_idx);
+    line->append(1, '\t').append(conn.stream_name);
+    line->append(1, '\t').append(conn.stream_mode);
+    line->append(1, '\t').append(video_size(conn.stream_format));
 
     const ConnectionLock lock(conn, OTHER_UNLOCK_EXPRESSION);
     if (!lock.held()) {
-        return line + "\t\t\t";
+        line->append("\t\t\t");
+        return;
     }
-    line += '\t' + std::to_string(conn.conn_g_client.bytes_total.load(std::memory_order_relaxed));
-    line += '\t' + std::to_string(conn.conn_g_server.bytes_total.load(std::memory_order_relaxed));
-    line += '\t' + conn.address;
-    return line;
+    const auto total = [](const LinkDirection& direction) {
+        return std::to_string(direction.bytes_total.load(std::memory_order_relaxed));
+    };
+    line->append(1, '\t').append(total(conn.conn_g_client));
+    line->append(1, '\t').append(total(conn.conn_g_server));
+    line->append(1, '\t').append(conn.address);
 }

@@ -98,10 +98,12 @@ void list_connections(const comm_socket_v4_packet* request, comm_socket_v4_packe
     begin_reply(respkt, "list connections", "Connection list response");
     write_pair(respkt, "connection field order",
                "connect id,stream name,stream mode,video size,byte sent to,byte recv from,address");
+    std::string line;
     for (std::size_t i = 0; i < MAX_CONNECTIONS; ++i) {
         RTMPConnection* const p = get_connection(i);
         if (p != nullptr && (mode.empty() || p->stream_mode == mode)) {
-            write_pair(respkt, "connection", connection_line(*p).c_str());
+            connection_line(*p, &line);
+            write_pair(respkt, "connection", line.c_str());
         }
     }
     end_reply(respkt);

@@ -17,6 +17,7 @@ namespace {
 constexpr const char* SOCKET_PATH = "/var/run/v9_rtmp_server.socket";
 constexpr std::uint64_t SERVICE_INTERVAL_US = 100000;
 constexpr std::uint64_t SEND_WAIT_US = 10000000;
+constexpr std::uint64_t FLUSH_WAIT_US = 20000;
 
 comm_socket_v4* comm_server GUARDED_BY(MAIN_THREAD) = nullptr;  // null: dead
 std::uint64_t comm_next_service_us GUARDED_BY(MAIN_THREAD) = 0;
@@ -86,7 +87,9 @@ void server_idle() {
         return;
     }
     comm_socket_v4_accept_connection(comm_server);  // The library keeps its clients.
-    comm_socket_v4_free_client(comm_socket_v4_get_disconnected_client(comm_server));
+    if (comm_socket_v4_client* gone = comm_socket_v4_get_disconnected_client(comm_server); gone != nullptr) {
+        comm_socket_v4_free_client(gone);
+    }
 
     comm_socket_v4_client* client = nullptr;
     while (comm_socket_v4_packet* request = comm_socket_v4_server_get_packet(comm_server, &client)) {
@@ -98,6 +101,7 @@ void server_idle() {
         }
         comm_socket_v4_packet_release(request);
     }
+    comm_socket_v4_flush(comm_server, monotonic_clock_us() + FLUSH_WAIT_US);
 }
 
 void stop_control_server() {

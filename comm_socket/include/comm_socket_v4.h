@@ -37,8 +37,9 @@
  * clients and requests, a connection, or a packet of one's own is used by one thread at a time; different
  * ones by different threads at once.
  *
- * Blocking. Server calls never block, except comm_socket_v4_wait_for_server_to_client_writeable. Client calls
- * block for at most their time-out.
+ * Blocking. Server calls never block, except comm_socket_v4_flush and
+ * comm_socket_v4_wait_for_server_to_client_writeable, which take a deadline. Client calls
+ * block for at most their time-out, those with two limits for at most their total_us.
  *
  * Signals. No call raises SIGPIPE. Interrupted system calls are continued.
  */
@@ -64,12 +65,17 @@ extern "C" {
 #define COMM_SOCKET_V4_MAX_REQUEST_PAIRS 64u
 #define COMM_SOCKET_V4_MAX_REPLY_PAIRS 65536u
 
-/* Clients of one server. The next one is accepted and closed at once. */
+/* Connected clients of one server. The next one is accepted and closed at once. */
 #define COMM_SOCKET_V4_MAX_CLIENTS 64u
 
 /* Clients that comm_socket_v4_accept_connection returned, that have gone away and that the caller has not freed.
  * At the limit no newcomer is accepted until one is freed. */
 #define COMM_SOCKET_V4_MAX_UNFREED_CLIENTS 4096u
+
+/* Clients that have gone away and whose requests wait, and the bytes of these requests (16 MiB). They take no place of
+ * a connected client. Above a limit, what the client with the most bytes has left is discarded. */
+#define COMM_SOCKET_V4_MAX_LEFT_CLIENTS 1024u
+#define COMM_SOCKET_V4_MAX_LEFT_BYTES 16777216u
 
 /* Requests that are handed out between two calls of comm_socket_v4_idle. */
 #define COMM_SOCKET_V4_MAX_REQUESTS_PER_IDLE 64u
@@ -80,9 +86,16 @@ extern "C" {
 /* Bytes that may wait behind the reply under way to a client when one more is taken over (16 MiB). */
 #define COMM_SOCKET_V4_MAX_WAITING_BYTES 16777216u
 
-/* Bytes that may wait for all clients together (64 MiB). Above it, only clients for which nothing waits have
- * their requests handed out. */
+/* Bytes that may wait for all clients together (64 MiB). Above it there is a crowd: one request is handed out between
+ * two calls of comm_socket_v4_idle, of a client for which nothing waits.
+ *
+ * So no more than this can ever wait: these bytes and the reply that exceeds them, and one reply for each client. If
+ * the clients read nothing at all, it is these bytes and the replies of COMM_SOCKET_V4_CROWD_TIMEOUT_US: 12 of them
+ * when comm_socket_v4_idle is called every 100 ms. */
 #define COMM_SOCKET_V4_MAX_TOTAL_WAITING_BYTES 67108864u
+
+/* How long a client may read nothing while bytes wait for it and there is a crowd (1 s). */
+#define COMM_SOCKET_V4_CROWD_TIMEOUT_US 1000000u
 
 /* How long a client may take from the beginning of a request to its end, and how long it may read nothing while
  * bytes wait for it (10 s). */
@@ -176,11 +189,13 @@ void comm_socket_v4_packet_dump_user_friendly(const comm_socket_v4_packet* packe
  *         ... make a reply, comm_socket_v4_packet_send_to_client(client, reply), release the reply
  *         request = comm_socket_v4_packet_release(request);
  *     }
+ *     comm_socket_v4_flush(server, now + 20 ms);
  *
  * A client is disconnected when it sends garbage or a frame above a limit, when a frame of it is not complete
  * COMM_SOCKET_V4_CLIENT_TIMEOUT_US after its beginning, even while bytes keep coming, and when it reads nothing
- * for that long while bytes wait for it. The others notice nothing: requests are handed out in turns, one of each
- * client.
+ * for that long while bytes wait for it, or in a crowd for COMM_SOCKET_V4_CROWD_TIMEOUT_US. The others notice nothing:
+ * requests are handed out in turns, one of each client, and by turns one of those that have gone away. After every
+ * other comm_socket_v4_idle the first turn is that of the client that came or was answered last.
  */
 
 /* A new handle that does not listen yet. Null when memory is short. */
@@ -202,9 +217,15 @@ comm_socket_v4* comm_socket_v4_destroy(comm_socket_v4* server);
 int comm_socket_v4_is_open(const comm_socket_v4* server);
 
 /* Accepts, reads and writes whatever can be done without blocking; bounded in bytes, the rest is done at the
- * next call. Fails only when the listening socket is unusable; a shortage of descriptors or memory is not a
- * failure. */
+ * next call, which begins with the clients that this one did not come to. Fails only when the listening socket is
+ * unusable; a shortage of descriptors or memory is not a failure. */
 int comm_socket_v4_idle(comm_socket_v4* server);
+
+/* Goes on writing replies that their sockets did not take whole, and waits for the sockets to take more, until nothing
+ * waits or CLOCK_MONOTONIC reaches deadline_us microseconds. Without it a long reply leaves by one socket buffer at each
+ * comm_socket_v4_idle. All clients together have the time until the deadline, so one that reads a byte at a time costs
+ * the caller that much at each call, and no more. */
+void comm_socket_v4_flush(comm_socket_v4* server, uint64_t deadline_us);
 
 /* The next client that has been accepted and not been returned here; null when there is none. The library
  * keeps and serves its clients whether or not this is called. */
@@ -230,11 +251,11 @@ void comm_socket_v4_free_client(comm_socket_v4_client* client);
  *
  * A client that lets more than COMM_SOCKET_V4_MAX_WAITING_BYTES of replies pile up has to read before its next
  * request is handed out, so a server that answers each request before it takes the next never gets 0 from
- * comm_socket_v4_packet_send_to_client. While more than COMM_SOCKET_V4_MAX_TOTAL_WAITING_BYTES wait for all clients
- * together, so has every client for which something waits.
+ * comm_socket_v4_packet_send_to_client. In a crowd (COMM_SOCKET_V4_MAX_TOTAL_WAITING_BYTES) one request is handed out
+ * after each comm_socket_v4_idle, of a client for which nothing waits.
  *
  * What a client sent completely before it went away is still handed out: sending and closing at once is a
- * fair way to leave a command. A client that has closed only its sending side gets its replies. The packet
+ * fair way to leave a command, within COMM_SOCKET_V4_MAX_LEFT_CLIENTS and COMM_SOCKET_V4_MAX_LEFT_BYTES. A client that has closed only its sending side gets its replies. The packet
  * need not have COMM_SOCKET_V4_REQUEST set: a stranger sends what he likes. */
 comm_socket_v4_packet* comm_socket_v4_server_get_packet(comm_socket_v4* server,
                                                         comm_socket_v4_client** client);
@@ -247,7 +268,8 @@ comm_socket_v4_packet* comm_socket_v4_server_get_packet(comm_socket_v4* server,
  *   -1        It is not sent; errno says why:
  *             EPIPE, ECONNRESET   the client is gone, or was disconnected for what it sent
  *             ETIMEDOUT           it read nothing for as long as the caller waited, or for
- *                                 COMM_SOCKET_V4_CLIENT_TIMEOUT_US, and is disconnected
+ *                                 COMM_SOCKET_V4_CLIENT_TIMEOUT_US (in a crowd
+ *                                 COMM_SOCKET_V4_CROWD_TIMEOUT_US), and is disconnected
  *             EINVAL              the packet is not complete, or its flags are unknown
  *             ENOMEM              memory is short; the client stays connected
  *
@@ -308,6 +330,13 @@ int comm_socket_v4_connection_get_fd(const comm_socket_v4_connection* connection
 comm_socket_v4_error comm_socket_v4_send_request(comm_socket_v4_connection* connection,
                                                  comm_socket_v4_packet* request, uint64_t timeout_us);
 
+/* The same for several requests: each gets the next id, in their order, and all leave in one write as far as the
+ * socket takes it. All are tested before the first byte leaves, so after TOO_LARGE, BAD_ARGUMENT and NO_MEMORY none
+ * of them was sent or has an id. No request may be null; a count of 0 sends nothing. */
+comm_socket_v4_error comm_socket_v4_send_requests(comm_socket_v4_connection* connection,
+                                                  comm_socket_v4_packet* const* requests, size_t count,
+                                                  uint64_t timeout_us);
+
 /* Waits for the reply that carries request_id and stores it in *reply, for the caller to release; null on
  * failure. Replies come in the order of their requests. One that carries another id (to a request whose wait
  * timed out) is dropped. After TIMEOUT one may wait again; after BROKEN_FRAME and CLOSED the connection can
@@ -315,11 +344,26 @@ comm_socket_v4_error comm_socket_v4_send_request(comm_socket_v4_connection* conn
 comm_socket_v4_error comm_socket_v4_wait_reply(comm_socket_v4_connection* connection, uint64_t request_id,
                                                uint64_t timeout_us, comm_socket_v4_packet** reply);
 
+/* The same with two limits: TIMEOUT when no byte of the awaited reply has come for silence_us, and after total_us in
+ * all. The silence is counted from the call, and again from each byte that counts. A byte counts when the frame that
+ * it belongs to is known to be the reply to request_id, which is once the first 20 bytes of the frame are here, as far
+ * as its id. Bytes of other frames, and a beginning that is shorter, do not count: earlier replies that are still under
+ * way do not stretch the silence. */
+comm_socket_v4_error comm_socket_v4_wait_reply_within(comm_socket_v4_connection* connection,
+                                                      uint64_t request_id, uint64_t silence_us,
+                                                      uint64_t total_us, comm_socket_v4_packet** reply);
+
 /* Sends and waits, both within timeout_us. *reply is null on failure, and for an async request, which is only
  * sent. */
 comm_socket_v4_error comm_socket_v4_call(comm_socket_v4_connection* connection,
                                          comm_socket_v4_packet* request, uint64_t timeout_us,
                                          comm_socket_v4_packet** reply);
+
+/* The same with the two limits of comm_socket_v4_wait_reply_within. While the request is sent, bytes that the socket
+ * takes end the silence. */
+comm_socket_v4_error comm_socket_v4_call_within(comm_socket_v4_connection* connection,
+                                                comm_socket_v4_packet* request, uint64_t silence_us,
+                                                uint64_t total_us, comm_socket_v4_packet** reply);
 
 #ifdef __cplusplus
 }

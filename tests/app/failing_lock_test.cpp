@@ -46,7 +46,9 @@ TEST_F(FailingLockTest, a_connection_is_listed_with_empty_counters_and_address) 
     conn.stream_name = "cam1";
     conn.stream_mode = "play";
     const FailingLock failing(conn);
-    EXPECT_EQ(connection_line(conn), std::to_string(conn.conn_idx) + "\tcam1\tplay\t\t\t\t");
+    std::string line;
+    connection_line(conn, &line);
+    EXPECT_EQ(line, std::to_string(conn.conn_idx) + "\tcam1\tplay\t\t\t\t");
 }
 
 TEST_F(FailingLockTest, messages_wait_for_a_later_pass) {

@@ -15,6 +15,7 @@
 using comm_socket::ClientLink;
 using comm_socket::FrameHead;
 using comm_socket::FrameText;
+using comm_socket::OutgoingFrame;
 
 namespace {
 
@@ -36,15 +37,15 @@ class ClientLinkTest : public testing::Test {
     }
     void write() const {
         std::size_t budget = PLENTY;
-        link->write_some(comm_socket::now_us(), &budget);
+        link->write_some(comm_socket::now_us(), TIMEOUT_US, &budget);
     }
     // Queues a long frame, more than the socket holds, and frames of 1 MiB behind it until the limit refuses;
     // the number of these.
     [[nodiscard]] int fill(std::size_t long_frame_bytes = 4 * MEBIBYTE) const {
-        link->queue(std::string(long_frame_bytes, 'a'));
+        link->queue(OutgoingFrame(std::string(long_frame_bytes, 'a')));
         int count = 0;
         for (; link->can_queue() && link->send_error() == 0; count++)
-            link->queue(std::string(MEBIBYTE, 'r'));
+            link->queue(OutgoingFrame(std::string(MEBIBYTE, 'r')));
         return count;
     }
     std::unique_ptr<ClientLink> link;
@@ -76,7 +77,7 @@ TEST_F(ClientLinkTest, writes_all_of_a_reply_to_a_peer_that_reads_byte_by_byte) 
     std::string sent;
     for (int i = 0; i < 300; i++) {
         const std::string frame = reply_frame(static_cast<std::uint64_t>(i), "hello", "How are you?");
-        link->queue(std::string(frame));
+        link->queue(OutgoingFrame(std::string(frame)));
         sent += frame;
     }
     std::string received;
@@ -92,7 +93,7 @@ TEST_F(ClientLinkTest, a_long_reply_leaves_as_the_peer_reads) {
     std::string frame(5 * MEBIBYTE, '\0');
     for (std::size_t i = 0; i < frame.size(); i++)
         frame[i] = static_cast<char>(i * 7 + i / 256);
-    link->queue(std::string(frame));
+    link->queue(OutgoingFrame(std::string(frame)));
     EXPECT_EQ(link->send_error(), 0);
     std::string received;
     while (received.size() < frame.size()) {
@@ -105,13 +106,13 @@ TEST_F(ClientLinkTest, a_long_reply_leaves_as_the_peer_reads) {
 }
 
 TEST_F(ClientLinkTest, takes_16_mib_behind_the_reply_under_way_and_refuses_then) {
-    link->queue(std::string(100 * MEBIBYTE, 'a'));  // under way; its size does not count
+    link->queue(OutgoingFrame(std::string(100 * MEBIBYTE, 'a')));  // under way; its size does not count
     for (int i = 0; i < 16; i++) {
         ASSERT_TRUE(link->can_queue()) << i;
-        link->queue(std::string(MEBIBYTE, 'b'));
+        link->queue(OutgoingFrame(std::string(MEBIBYTE, 'b')));
     }
     ASSERT_TRUE(link->can_queue()) << "exactly 16 MiB wait";
-    link->queue("c");
+    link->queue(OutgoingFrame("c"));
     EXPECT_FALSE(link->can_queue());
     EXPECT_EQ(link->send_error(), 0);
 }
@@ -282,7 +283,7 @@ TEST_F(ClientLinkTest, a_half_closed_peer_gets_its_replies_before_the_link_finis
     FrameHead head;
     FrameText text;
     ASSERT_TRUE(link->take_request(&head, &text));
-    link->queue(std::string(3 * MEBIBYTE, 'r'));
+    link->queue(OutgoingFrame(std::string(3 * MEBIBYTE, 'r')));
     link->finish();
     EXPECT_TRUE(link->is_open()) << "the reply has not left";
     std::size_t received = 0;
@@ -298,7 +299,7 @@ TEST_F(ClientLinkTest, a_half_closed_peer_gets_its_replies_before_the_link_finis
 TEST_F(ClientLinkTest, what_was_sent_before_leaving_is_read_after_a_failed_reply) {
     peer.send_all(request_frame(1, "one") + request_frame(2, "two"));
     peer.close_now();
-    link->queue("reply");
+    link->queue(OutgoingFrame("reply"));
     EXPECT_EQ(link->send_error(), EPIPE);
     read();
     FrameHead head;
@@ -310,7 +311,7 @@ TEST_F(ClientLinkTest, what_was_sent_before_leaving_is_read_after_a_failed_reply
 
 TEST_F(ClientLinkTest, a_peer_that_only_stops_reading_loses_the_connection) {
     shutdown(peer.fd, SHUT_RD);
-    link->queue("reply");
+    link->queue(OutgoingFrame("reply"));
     EXPECT_EQ(link->send_error(), EPIPE);
     read();
     EXPECT_FALSE(link->is_open());

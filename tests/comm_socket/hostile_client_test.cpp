@@ -1,6 +1,7 @@
 // What a broken or hostile client does costs it its own connection, and a well-behaved client next to it
 // nothing.
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 
 #include <chrono>
 #include <cstdlib>
@@ -191,6 +192,7 @@ TEST_F(HostileClientTest, many_connections_that_come_and_go_leave_nothing_behind
 TEST_F(HostileClientTest, any_number_of_clients_that_ask_and_leave_locks_nobody_out) {
     constexpr int ROUNDS = 100;
     constexpr std::size_t CLIENTS = 50;
+    const StoppedClock clock;  // on a busy machine 50 answers take longer than a service
     const std::string answer = reply_frame(1, "hello", "yes");
     for (int round = 0; round < ROUNDS; round++) {
         std::vector<RawPeer> peers;
@@ -201,6 +203,131 @@ TEST_F(HostileClientTest, any_number_of_clients_that_ask_and_leave_locks_nobody_
         serve();
         for (const RawPeer& peer : peers)
             ASSERT_EQ(peer.read_available(), answer) << "in round " << round;
+    }
+}
+
+TEST_F(HostileClientTest, clients_that_have_left_requests_behind_take_no_place_and_no_turns) {
+    constexpr int LEAVERS = 100;
+    constexpr int REQUESTS = 10;
+    const StoppedClock clock;
+    expect_good_is_served();
+    int expected = 0;
+    for (int round = 0; round < 3; ++round) {
+        for (int i = 0; i < LEAVERS; ++i) {
+            const RawPeer leaver(server.path);
+            for (std::uint64_t id = 0; id < REQUESTS; ++id) {
+                leaver.send_all(request_frame(id, "left"));
+            }
+            expected += REQUESTS;
+        }
+        const RawPeer newcomer(server.path);
+        newcomer.send_all(request_frame(1, "hello"));
+        server.idle();
+        expected -= server.answer_all() - 1;
+        EXPECT_EQ(newcomer.read_available(), reply_frame(1, "hello", "yes"));
+    }
+    while (expected > 0) {
+        server.idle();
+        const int answered = server.answer_all();
+        ASSERT_GT(answered, 0) << expected;
+        expected -= answered;
+    }
+    EXPECT_EQ(expected, 0);
+}
+
+TEST_F(HostileClientTest, a_client_that_left_more_requests_than_are_read_ahead_takes_no_place) {
+    const StoppedClock clock;
+    std::string requests;
+    while (requests.size() < 300000) {
+        requests += request_frame(1, std::string(10000, 'c'));
+    }
+    const auto leave = [&] {
+        const RawPeer leaver(server.path);
+        const int buffer_bytes = 1 << 20;
+        ASSERT_EQ(setsockopt(leaver.fd, SOL_SOCKET, SO_SNDBUF, &buffer_bytes, sizeof buffer_bytes), 0);
+        leaver.send_all(requests);
+    };
+    for (int i = 0; i < 31; ++i) {
+        leave();
+    }
+    server.idle();
+    for (int i = 0; i < 32; ++i) {
+        leave();
+    }
+    server.idle();
+    server.idle();
+    server.idle();
+    const RawPeer newcomer(server.path);
+    const RawPeer another(server.path);
+    server.idle();
+    EXPECT_FALSE(newcomer.is_closed());
+    EXPECT_FALSE(another.is_closed());
+}
+
+TEST_F(HostileClientTest, of_what_clients_left_behind_the_largest_parts_are_discarded_beyond_the_limits) {
+    const StoppedClock clock;
+    server.idle();  // takes in the well-behaved client
+    std::string requests;
+    while (requests.size() < 150000) {
+        requests += request_frame(1, "many", {std::string(10000, 'a')});
+    }
+    const auto count_of = [this](const std::string& command) {
+        std::size_t count = 0;
+        server.idle();
+        for (std::size_t handed_out = 1; handed_out > 0;) {
+            handed_out = 0;
+            while (comm_socket_v4_packet* packet = server.take()) {
+                count += comm_socket_v4_packet_get_command(packet) == command ? 1U : 0U;
+                comm_socket_v4_packet_release(packet);
+                ++handed_out;
+            }
+            server.idle();
+        }
+        return count;
+    };
+    for (int i = 0; i < 130; ++i) {
+        RawPeer(server.path).send_all(i == 0 ? request_frame(1, "single") : requests);
+        if (i % 30 == 0) {
+            server.idle();
+        }
+    }
+    EXPECT_EQ(count_of("single"), 1U);
+    for (int i = 0; i < 1100; ++i) {
+        RawPeer(server.path).send_all(request_frame(1, "single"));
+        if (i % 60 == 0) {
+            server.idle();
+        }
+    }
+    server.idle();
+    EXPECT_EQ(count_of("single"), 1024U);
+}
+
+TEST_F(HostileClientTest, sixty_clients_that_send_long_requests_do_not_keep_a_short_one_waiting) {
+    const StoppedClock clock;
+    const std::string long_request = request_frame(1, std::string(2000000, 'c'));
+    std::vector<RawPeer> senders;
+    std::vector<std::size_t> sent(60, 0);
+    for (std::size_t i = 0; i < sent.size(); ++i) {
+        senders.emplace_back(server.path);
+    }
+    const auto send_on = [&] {
+        for (std::size_t i = 0; i < sent.size(); ++i) {
+            sent[i] += senders[i].send_some(std::string_view(long_request).substr(sent[i]));
+            sent[i] %= long_request.size();
+            (void)senders[i].read_available();
+        }
+    };
+    const std::string answer = reply_frame(1, "hello", "yes");
+    for (int round = 0; round < 20; ++round) {
+        good.send_all(request_frame(1, "hello"));
+        int services = 0;
+        for (std::string received; received != answer; ++services) {
+            ASSERT_LT(services, 10);
+            send_on();
+            serve();
+            received += good.read_available();
+        }
+        EXPECT_LE(services, 2) << "in round " << round;
     }
 }
 

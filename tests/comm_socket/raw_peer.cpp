@@ -2,7 +2,9 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <linux/sockios.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -104,7 +106,7 @@ void RawPeer::send_all(const std::string& bytes) const {
     }
 }
 
-std::size_t RawPeer::send_some(const std::string& bytes) const {
+std::size_t RawPeer::send_some(std::string_view bytes) const {
     const ssize_t n = send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
     return n > 0 ? static_cast<std::size_t>(n) : 0;
 }
@@ -144,6 +146,16 @@ bool RawPeer::is_closed(int wait_ms) const {
 bool RawPeer::is_hung_up() const {
     pollfd entry = {fd, 0, 0};
     return poll(&entry, 1, 0) > 0 && (entry.revents & POLLHUP) != 0;
+}
+
+std::size_t RawPeer::available_bytes() const {
+    int bytes = 0;
+    return ioctl(fd, FIONREAD, &bytes) == 0 ? static_cast<std::size_t>(bytes) : 0;
+}
+
+bool RawPeer::has_unread_bytes() const {
+    int bytes = 0;
+    return ioctl(fd, SIOCOUTQ, &bytes) == 0 && bytes > 0;
 }
 
 void RawPeer::shut_sending() const {

@@ -7,6 +7,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -51,7 +52,7 @@ class RawPeer {
 
     void send_all(const std::string& bytes) const;
     // Sends without blocking; how many bytes the socket took.
-    [[nodiscard]] std::size_t send_some(const std::string& bytes) const;
+    [[nodiscard]] std::size_t send_some(std::string_view bytes) const;
     // Reads until there are this many bytes, the end, or 5 s are over.
     [[nodiscard]] std::string read_bytes(std::size_t count) const;
     [[nodiscard]] std::string read_available() const;
@@ -59,6 +60,10 @@ class RawPeer {
     [[nodiscard]] bool is_closed(int wait_ms = 0) const;
     // The other side has closed, whatever is still to be read.
     [[nodiscard]] bool is_hung_up() const;
+    // How much the other side has sent and this one not read.
+    [[nodiscard]] std::size_t available_bytes() const;
+    // What this side has sent and the other has not read.
+    [[nodiscard]] bool has_unread_bytes() const;
     void shut_sending() const;
     void close_now();
 

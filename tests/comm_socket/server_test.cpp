@@ -6,12 +6,15 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <fstream>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
+#include "comm_socket/clock.h"
 #include "comm_socket/include/comm_socket_v4.h"
 #include "tests/comm_socket/fake_clock.h"
 #include "tests/comm_socket/raw_peer.h"
@@ -25,6 +28,8 @@ class ServerTest : public testing::Test {
 
     [[nodiscard]] static bool exists(const std::string& file) { return access(file.c_str(), F_OK) == 0; }
 };
+
+constexpr std::size_t MEBIBYTE = 1u << 20;
 
 int create_at(comm_socket_v4* server, const std::string& path) {
     errno = 0;
@@ -151,23 +156,129 @@ TEST_F(ServerTest, hands_out_requests_for_50_ms_and_one_at_least) {
     EXPECT_FALSE(hand_out());
 }
 
-TEST_F(ServerTest, while_64_mib_wait_only_clients_without_replies_have_their_turn) {
+TEST_F(ServerTest, while_64_mib_wait_one_request_is_handed_out_and_the_latest_client_is_first) {
     const StoppedClock clock;
     DrivenServer server(path);
-    std::vector<std::unique_ptr<RawPeer>> unread;
-    for (int i = 0; i < 4; i++) {
-        unread.push_back(std::make_unique<RawPeer>(path));
-        unread.back()->send_all(request_frame(1, "long") + request_frame(2, "long"));
+    std::vector<RawPeer> unread;
+    for (int i = 0; i < 5; ++i) {
+        unread.emplace_back(path);
+        unread.back().send_all(request_frame(1, "long") + request_frame(2, "long"));
     }
     server.idle();
     // Three times 24 MiB, less what the sockets take, are above the limit.
-    EXPECT_EQ(server.answer_all(std::string(24u << 20, 'm')), 4);
-    server.idle();
-    EXPECT_EQ(server.take(), nullptr);
+    EXPECT_EQ(server.answer_all(std::string(24 * MEBIBYTE, 'm')), 3);
     const RawPeer other(path);
     other.send_all(request_frame(3, "hello"));
     server.idle();
     EXPECT_EQ(server.answer_all(), 1);
+    EXPECT_EQ(other.read_bytes(8), reply_frame(3, "hello", "yes").substr(0, 8));
+    for (const int expected : {1, 1, 0}) {
+        server.idle();
+        EXPECT_EQ(server.answer_all(std::string(24 * MEBIBYTE, 'm')), expected);
+    }
+}
+
+TEST_F(ServerTest, clients_that_never_read_make_no_more_wait_than_64_mib_and_twelve_replies) {
+    constexpr std::size_t REPLY_BYTES = 6 * MEBIBYTE;
+    const StoppedClock clock;
+    DrivenServer server(path);
+    std::vector<RawPeer> unread;
+    for (std::uint64_t id = 0; id < 60; ++id) {
+        unread.emplace_back(path);
+        unread.back().send_all(request_frame(id, "long"));
+    }
+    int answered = 0;
+    std::size_t most = 0;
+    for (int service = 0; service < 60; ++service) {
+        server.idle();
+        answered += server.answer_all(std::string(REPLY_BYTES, 'm'));
+        std::size_t waiting = 0;
+        for (const RawPeer& peer : unread) {
+            const std::size_t taken = peer.available_bytes();
+            waiting += taken > 0 && !peer.is_hung_up() ? REPLY_BYTES - taken : 0;
+        }
+        most = std::max(most, waiting);
+        put_clock_forward(100000);
+    }
+    EXPECT_EQ(answered, 60);
+    EXPECT_GT(most, 64 * MEBIBYTE);
+    EXPECT_LE(most, 64 * MEBIBYTE + 12 * REPLY_BYTES);
+}
+
+TEST_F(ServerTest, in_a_crowd_a_client_that_reads_nothing_for_a_second_is_disconnected) {
+    const StoppedClock clock;
+    DrivenServer server(path);
+    std::vector<RawPeer> peers;
+    for (int i = 0; i < 4; ++i) {
+        peers.emplace_back(path);
+        peers.back().send_all(request_frame(1, "long"));
+    }
+    for (int service = 0; service < 2; ++service) {
+        server.idle();
+        server.answer_all(std::string(24 * MEBIBYTE, 'm'));
+    }
+    put_clock_forward(900000);
+    EXPECT_FALSE(peers[0].read_available().empty());
+    server.idle();
+    put_clock_forward(99999);
+    server.idle();
+    EXPECT_FALSE(peers[1].is_hung_up());
+    put_clock_forward(1);
+    server.idle();
+    EXPECT_FALSE(peers[0].is_hung_up()) << "it reads";
+    EXPECT_TRUE(peers[1].is_hung_up());
+    EXPECT_TRUE(peers[2].is_hung_up());
+    EXPECT_TRUE(peers[3].is_hung_up());
+    put_clock_forward(9000000);
+    server.idle();
+    EXPECT_FALSE(peers[0].is_hung_up()) << "there is no crowd any more";
+}
+
+TEST_F(ServerTest, a_flush_sends_a_long_reply_to_its_end) {
+    DrivenServer server(path);
+    const RawPeer peer(path);
+    peer.send_all(request_frame(1, "long"));
+    server.idle();
+    ASSERT_EQ(server.answer_all(std::string(20 * MEBIBYTE, 'm')), 1);
+    std::jthread reader([&peer] { EXPECT_EQ(peer.read_bytes(20 * MEBIBYTE).size(), 20 * MEBIBYTE); });
+    comm_socket_v4_flush(server.handle, comm_socket::deadline_after(10000000));
+    const std::uint64_t start = comm_socket::now_us();
+    comm_socket_v4_flush(server.handle, start + 10000000);
+    EXPECT_LT(comm_socket::now_us() - start, 5000000u) << "nothing waits any more";
+}
+
+TEST_F(ServerTest, a_flush_ends_at_its_deadline_however_slowly_its_clients_read) {
+    DrivenServer server(path);
+    std::vector<RawPeer> peers;
+    for (int i = 0; i < 6; ++i) {
+        peers.emplace_back(path);
+        peers.back().send_all(request_frame(1, "long"));
+    }
+    server.idle();
+    ASSERT_EQ(server.answer_all(std::string(6 * MEBIBYTE, 'm')), 6);
+    std::jthread reader([&peers](const std::stop_token& stop) {
+        while (!stop.stop_requested()) {
+            EXPECT_EQ(peers[0].read_bytes(1).size(), 1u);
+        }
+    });
+    for (int i = 0; i < 5; ++i) {
+        const std::uint64_t start = comm_socket::now_us();
+        comm_socket_v4_flush(server.handle, start + 20000);
+        EXPECT_GE(comm_socket::now_us() - start, 20000u);
+        EXPECT_LT(comm_socket::now_us() - start, 1000000u);
+    }
+}
+
+TEST_F(ServerTest, a_flush_does_not_wait_for_a_client_that_has_gone) {
+    DrivenServer server(path);
+    RawPeer peer(path);
+    peer.send_all(request_frame(1, "long"));
+    server.idle();
+    ASSERT_EQ(server.answer_all(std::string(20 * MEBIBYTE, 'm')), 1);
+    peer.close_now();
+    const std::uint64_t start = comm_socket::now_us();
+    comm_socket_v4_flush(server.handle, start + 60000000);
+    EXPECT_LT(comm_socket::now_us() - start, 10000000u);
 }
 
 TEST_F(ServerTest, clients_take_turns) {
@@ -538,4 +649,5 @@ TEST_F(ServerTest, null_handles_do_nothing) {
     EXPECT_EQ(comm_socket_v4_server_get_packet(nullptr, &client), nullptr);
     EXPECT_EQ(client, nullptr);
     comm_socket_v4_wait_for_server_to_client_writeable(nullptr, UINT64_MAX);
+    comm_socket_v4_flush(nullptr, UINT64_MAX);
 }

@@ -23,6 +23,8 @@ struct FakeLibrary {
     std::deque<int> send_results;  // 1 when there are none left
     int send_errno = 0;
     std::vector<std::uint64_t> wait_deadlines_us;
+    std::vector<std::uint64_t> flush_deadlines_us;
+    bool client_has_gone = true;
     bool packet_create_fails = false;
     bool begin_writing_fails = false;
     bool write_nv_pair_fails = false;
@@ -80,7 +82,7 @@ comm_socket_v4_client* __wrap_comm_socket_v4_accept_connection(comm_socket_v4* /
 
 comm_socket_v4_client* __wrap_comm_socket_v4_get_disconnected_client(comm_socket_v4* /*server*/) {
     library.calls += "get_disconnected ";
-    return CLIENT;
+    return library.client_has_gone ? CLIENT : nullptr;
 }
 
 void __wrap_comm_socket_v4_free_client(comm_socket_v4_client* client) {
@@ -97,6 +99,11 @@ comm_socket_v4_packet* __wrap_comm_socket_v4_server_get_packet(comm_socket_v4* /
     comm_socket_v4_packet* const request = library.requests.front();
     library.requests.pop_front();
     return request;
+}
+
+void __wrap_comm_socket_v4_flush(comm_socket_v4* /*server*/, std::uint64_t deadline_us) {
+    library.calls += "flush ";
+    library.flush_deadlines_us.push_back(deadline_us);
 }
 
 comm_socket_v4_packet* __wrap_comm_socket_v4_packet_create() {
@@ -204,9 +211,23 @@ TEST_F(ControlServerTest, a_service_goes_through_its_steps_in_order) {
     start();
     add_request("hello", 0x123456789);
     EXPECT_EQ(service(), "");
-    EXPECT_EQ(library.calls, "is_open idle accept get_disconnected free_client get_packet send get_packet ");
+    EXPECT_EQ(library.calls,
+              "is_open idle accept get_disconnected free_client get_packet send get_packet flush ");
     EXPECT_EQ(library.sent_id, 0x123456789U);
     EXPECT_EQ(library.sent_flags, 0U);
+}
+
+TEST_F(ControlServerTest, a_service_frees_no_client_when_none_has_gone) {
+    start();
+    library.client_has_gone = false;
+    EXPECT_EQ(service(), "");
+    EXPECT_EQ(library.calls, "is_open idle accept get_disconnected get_packet flush ");
+}
+
+TEST_F(ControlServerTest, a_service_ends_with_20_ms_of_sending) {
+    start();
+    EXPECT_EQ(service(), "");
+    EXPECT_EQ(library.flush_deadlines_us, (std::vector<std::uint64_t>{fake_clock_us + 20000}));
 }
 
 TEST_F(ControlServerTest, services_are_100_ms_apart) {
@@ -245,7 +266,7 @@ TEST_F(ControlServerTest, a_reply_that_would_block_is_waited_for_ten_seconds_at_
     add_request("hello");
     library.send_results = {0, 0, 1};
     EXPECT_EQ(service(), "");
-    EXPECT_TRUE(library.calls.ends_with("get_packet send wait send wait send get_packet "));
+    EXPECT_TRUE(library.calls.ends_with("get_packet send wait send wait send get_packet flush "));
     EXPECT_EQ(library.wait_deadlines_us, (std::vector<std::uint64_t>(2, fake_clock_us + 10000000)));
 }
 
@@ -256,7 +277,7 @@ TEST_F(ControlServerTest, a_reply_that_cannot_be_sent_is_told_and_the_next_reque
     library.send_results = {-1};
     library.send_errno = EPIPE;
     EXPECT_EQ(service(), "Unable to send packet: Broken pipe\n");
-    EXPECT_TRUE(library.calls.ends_with("get_packet send get_packet send get_packet "));
+    EXPECT_TRUE(library.calls.ends_with("get_packet send get_packet send get_packet flush "));
 }
 
 TEST_F(ControlServerTest, what_is_no_request_is_skipped) {
@@ -264,7 +285,7 @@ TEST_F(ControlServerTest, what_is_no_request_is_skipped) {
     comm_socket_v4_packet_make_response(add_request("hello"));
     add_request("hello");
     EXPECT_EQ(service(), "");
-    EXPECT_TRUE(library.calls.ends_with("get_packet get_packet send get_packet "));
+    EXPECT_TRUE(library.calls.ends_with("get_packet get_packet send get_packet flush "));
 }
 
 TEST_F(ControlServerTest, a_reply_carries_the_async_bit_only_where_one_is_sent) {

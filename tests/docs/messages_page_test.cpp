@@ -74,10 +74,10 @@ TEST(messages_page, shows_a_control_packet_as_it_is_dumped) {
     comm_socket_v4_packet* packet = comm_socket_v4_packet_create();
     packet->flags = COMM_SOCKET_V4_REQUEST | COMM_SOCKET_V4_ASYNC;
     packet->request_id = 7;
-    packet->content->text.command = "reload";
-    packet->content->text.message = "now";
-    packet->content->text.arguments = {"cam1", {}, "a \"quote\", a \\ and a tab \t"};
-    packet->content->text.pairs = {{"depth", "2"}};
+    packet->content->text->command = "reload";
+    packet->content->text->message = "now";
+    packet->content->text->arguments = {"cam1", {}, "a \"quote\", a \\ and a tab \t"};
+    packet->content->text->pairs = {{"depth", "2"}};
 
     testing::internal::CaptureStderr();
     comm_socket_v4_packet_dump_user_friendly(packet, stderr);

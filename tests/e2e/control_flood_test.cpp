@@ -1,18 +1,14 @@
 // Clients of the control socket that behave as badly as they can, beside one that behaves and a stream that plays:
 // the answers and the stream stay in time.
 #include "tests/support/control_peer.h"
-#include "tests/support/media_bytes.h"
-#include "tests/support/message_recorder.h"
-#include "tests/support/rtmp_client.h"
 #include "tests/support/server_process.h"
 #include "tests/support/test_failure.h"
+#include "tests/support/timed_stream.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <atomic>
-#include <exception>
 #include <iostream>
 #include <random>
 #include <string>
@@ -30,104 +26,11 @@ constexpr std::uint64_t FLOOD_ANSWERS = 700;
 // What the system grants at most; all the requests are to be on their way at once.
 constexpr int FLOOD_SEND_BUFFER_BYTES = 1 << 20;
 
-// 4 Mbit/s at 25 messages a second.
-constexpr std::size_t MESSAGE_BYTES = 20000;
-constexpr Milliseconds MESSAGE_INTERVAL{40};
 // A service of the control socket follows the other after 100 ms.
 constexpr Milliseconds ANSWER_TIME = scaled(Milliseconds{300});
-// What a message takes when nothing disturbs: up to 10 ms until the main loop looks, and up to 50 ms until the
-// player's writer does. Only what comes on top is late.
-constexpr Milliseconds QUIET_LATENCY{60};
 constexpr Milliseconds LATENESS = scaled(Milliseconds{150});
 constexpr Milliseconds QUIET_TIME{1500};
 constexpr Milliseconds FLOOD_TIME{6000};
-
-// Runs a loop body on a thread until it goes; what the body throws is kept for the test.
-class Background {
-  public:
-    template <typename Body>
-    explicit Background(Body body) : thread([this, body] { run(body); }) {}
-    ~Background() { stop(); }
-    Background(const Background&) = delete;
-    Background& operator=(const Background&) = delete;
-
-    void stop() {
-        stop_requested = true;
-        if (thread.joinable()) {
-            thread.join();
-        }
-    }
-    // After stop().
-    const std::string& failure() const { return failure_text; }
-
-  private:
-    template <typename Body>
-    void run(const Body& body) {
-        try {
-            while (!stop_requested) {
-                body();
-            }
-        } catch (const std::exception& error) {
-            failure_text = error.what();
-        }
-    }
-
-    std::atomic<bool> stop_requested{false};
-    std::string failure_text;
-    std::thread thread;
-};
-
-// A stream whose messages are timed from the moment they are sent until the player has them.
-class TimedStream {
-  public:
-    TimedStream() : player(playing_client("live")), publisher(publishing_client("live")), recorder(player) {
-        publisher.set_chunk_size(65536);
-        player.set_chunk_size(65536);
-    }
-
-    // Sends in real time, on the calling thread, and returns the longest that a message took.
-    Milliseconds run_for(Milliseconds duration) {
-        const std::size_t first = send_times.size();
-        const TimePoint end = SteadyClock::now() + duration;
-        while (SteadyClock::now() < end) {
-            std::this_thread::sleep_until(start + MESSAGE_INTERVAL * send_times.size());
-            const auto idx = static_cast<std::uint32_t>(send_times.size());
-            const Bytes payload = avc_inter_frame(idx, MESSAGE_BYTES);
-            const auto media_time =
-                static_cast<std::uint32_t>((MESSAGE_INTERVAL * send_times.size()).count());
-            send_times.push_back(SteadyClock::now());
-            publisher.send_video(1000 + media_time, payload);
-        }
-        recorder.wait_for_type(send_times.size(), MSG_VIDEO);
-        return longest_since(first);
-    }
-
-  private:
-    Milliseconds longest_since(std::size_t first) const {
-        const std::vector<RtmpMessage> received = recorder.messages_of_type(MSG_VIDEO);
-        if (received.size() != send_times.size()) {
-            throw TestFailure("the player has more messages than were sent");
-        }
-        SteadyClock::duration longest{0};
-        for (std::size_t i = first; i < received.size(); ++i) {
-            if (received[i].payload != avc_inter_frame(static_cast<std::uint32_t>(i), MESSAGE_BYTES)) {
-                throw TestFailure("message " + std::to_string(i) + " is not what was published");
-            }
-            longest = std::max(longest, received[i].arrival - send_times[i]);
-        }
-        return std::chrono::ceil<Milliseconds>(longest);
-    }
-
-    RtmpClient player;
-    RtmpClient publisher;
-    MessageRecorder recorder;
-    const TimePoint start = SteadyClock::now();
-    std::vector<TimePoint> send_times;
-};
-
-Milliseconds lateness(Milliseconds latency) {
-    return std::max(latency - QUIET_LATENCY, Milliseconds{0});
-}
 
 // Asks one thing after the other, each as soon as the last is answered.
 class Asker {
@@ -148,6 +51,26 @@ class Asker {
 
   private:
     ControlPeer peer;
+};
+
+// Times single questions, each of a client of its own as the tool is.
+struct HelloTimes {
+    void ask_for(Milliseconds duration) {
+        for (const TimePoint end = SteadyClock::now() + duration; SteadyClock::now() < end;) {
+            const TimePoint start = SteadyClock::now();
+            if (ControlPeer().ask("hello").message != "How are you?") {
+                throw TestFailure("hello was answered with something else");
+            }
+            longest = std::max(longest, std::chrono::ceil<Milliseconds>(SteadyClock::now() - start));
+            ++count;
+        }
+    }
+    std::string text() const {
+        return "longest of " + std::to_string(count) + " hellos: " + std::to_string(longest.count()) + " ms";
+    }
+
+    Milliseconds longest{0};
+    std::size_t count = 0;
 };
 
 // Has ten thousand questions and reads no answer.
@@ -280,4 +203,78 @@ TEST(control_flood, a_client_that_never_reads_and_one_that_sends_garbage_delay_n
               << " ms; lateness of media: " << lateness(disturbed).count() << " ms (longest way "
               << disturbed.count() << " ms, without the flood " << quiet.count() << " ms); " << thrown_out
               << " clients thrown out\n";
+}
+
+TEST(control_flood, sixty_clients_that_never_read_a_long_list_do_not_keep_hello_waiting) {
+    ServerProcess server;
+    const std::vector<RtmpClient> publishers = publishers_with_long_names(6, 1000000);
+    TimedStream stream;
+    std::vector<ControlPeer> never_readers(60);
+    for (const ControlPeer& peer : never_readers) {
+        peer.send_bytes(control_request(1, LIST));
+    }
+    HelloTimes hellos;
+    const Milliseconds disturbed = stream.run_beside([&] { hellos.ask_for(FLOOD_TIME); });
+    EXPECT_LE(hellos.longest, scaled(Milliseconds{500}));
+    EXPECT_LE(lateness(disturbed), LATENESS);
+    std::cout << hellos.text() << "; lateness of media: " << lateness(disturbed).count() << " ms; "
+              << server.rss_kib() / 1024 << " MiB\n";
+}
+
+TEST(control_flood, sixty_clients_that_send_long_requests_do_not_keep_hello_waiting) {
+    ServerProcess server;
+    TimedStream stream;
+    const Bytes request = control_request(1, "hello", {std::string(2000000, 'x')});
+    std::vector<ControlPeer> senders(60);
+    std::vector<std::size_t> sent(senders.size());
+    Background sending([&] {
+        for (std::size_t i = 0; i < senders.size(); ++i) {
+            sent[i] =
+                (sent[i] + senders[i].send_some(std::string_view(request).substr(sent[i]))) % request.size();
+        }
+        std::this_thread::sleep_for(Milliseconds{2});
+    });
+    HelloTimes hellos;
+    const Milliseconds disturbed = stream.run_beside([&] { hellos.ask_for(FLOOD_TIME); });
+    sending.stop();
+    EXPECT_EQ(sending.failure(), "");
+    EXPECT_LE(hellos.longest, ANSWER_TIME);
+    EXPECT_LE(lateness(disturbed), LATENESS);
+    std::cout << hellos.text() << "; lateness of media: " << lateness(disturbed).count() << " ms\n";
+}
+
+TEST(control_flood, clients_that_ask_and_leave_as_fast_as_they_can_lock_nobody_out) {
+    ServerProcess server;
+    TimedStream stream;
+    const Bytes request = control_request(1, "hello", {}, CONTROL_REQUEST | CONTROL_ASYNC);
+    std::size_t left = 0;
+    Background leaving([&] {
+        const ControlPeer leaver;
+        leaver.send_bytes(request);
+        ++left;
+    });
+    HelloTimes hellos;
+    const TimePoint start = SteadyClock::now();
+    const Milliseconds disturbed = stream.run_beside([&] { hellos.ask_for(FLOOD_TIME); });
+    leaving.stop();
+    EXPECT_EQ(leaving.failure(), "");
+    EXPECT_GE(hellos.count, 20U);
+    EXPECT_LE(lateness(disturbed), LATENESS);
+    std::cout << hellos.text() << " beside "
+              << left * 1000 / static_cast<std::size_t>(elapsed_since(start).count())
+              << " clients a second; lateness of media: " << lateness(disturbed).count() << " ms\n";
+}
+
+TEST(control_flood, a_client_that_reads_a_long_list_byte_by_byte_does_not_delay_media) {
+    ServerProcess server;
+    const std::vector<RtmpClient> publishers = publishers_with_long_names(10, 1000000);
+    TimedStream stream;
+    ControlPeer slow;
+    slow.send_bytes(control_request(1, LIST));
+    Background reading([&] { slow.read_one_byte(); });
+    const Milliseconds disturbed = stream.run_for(FLOOD_TIME);
+    reading.stop();
+    EXPECT_EQ(reading.failure(), "");
+    EXPECT_LE(lateness(disturbed), LATENESS);
+    std::cout << "lateness of media: " << lateness(disturbed).count() << " ms\n";
 }

@@ -7,6 +7,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -208,6 +209,35 @@ ControlReply ControlPeer::ask(std::string_view command, const ControlArguments& 
                           std::to_string(reply.request_id));
     }
     return reply;
+}
+
+std::size_t ControlPeer::ask_for_length(std::string_view command, Milliseconds wait) {
+    const TimePoint deadline = SteadyClock::now() + wait;
+    send_bytes(control_request(++last_id, command));
+    while (buffer.size() < HEADER_BYTES) {
+        if (!fill_buffer(deadline)) {
+            throw TestFailure("the server closed the control connection instead of answering");
+        }
+    }
+    const std::size_t length = get_be32(buffer, 4);
+    for (std::size_t left = HEADER_BYTES + length; left > 0;) {
+        if (buffer.empty() && !fill_buffer(deadline)) {
+            throw TestFailure("the server closed the control connection in the middle of a reply");
+        }
+        const std::size_t taken = std::min(left, buffer.size());
+        buffer.erase(0, taken);
+        left -= taken;
+    }
+    return length;
+}
+
+void ControlPeer::read_one_byte(Milliseconds wait) const {
+    pollfd entry{fd, POLLIN, 0};
+    char byte = 0;
+    if (poll(&entry, 1, poll_timeout_ms(SteadyClock::now() + wait)) == 0 ||
+        recv(fd, &byte, 1, MSG_DONTWAIT) != 1) {
+        throw TestFailure("no byte came from the control socket");
+    }
 }
 
 void ControlPeer::expect_closed(Milliseconds wait) {

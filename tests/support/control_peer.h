@@ -65,6 +65,10 @@ class ControlPeer {
     // Sends a request with the next id and reads replies until there is one, which must carry that id.
     ControlReply ask(std::string_view command, const ControlArguments& arguments = {},
                      Milliseconds wait = DEFAULT_WAIT);
+    // Sends a request with the next id and reads the reply without keeping it; how long its body is. For replies of a
+    // hundred megabytes, which would otherwise cost the test more time than the server.
+    std::size_t ask_for_length(std::string_view command, Milliseconds wait = DEFAULT_WAIT);
+    void read_one_byte(Milliseconds wait = DEFAULT_WAIT) const;
     // The server closes the connection and sends nothing before it.
     void expect_closed(Milliseconds wait = DEFAULT_WAIT);
     void half_close() const;
