@@ -15,6 +15,8 @@ namespace {
 
 class HostileClientTest : public testing::Test {
   public:
+    // A service ends after 50 ms, which a busy machine may take for fewer clients than these.
+    StoppedClock clock;
     TemporaryDirectory directory;
     DrivenServer server{directory.file("socket")};
     RawPeer good{server.path};
