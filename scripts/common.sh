@@ -3,8 +3,10 @@
 
 set -euo pipefail
 
+unset CDPATH
 ROOT_DIR=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 cd "$ROOT_DIR"
+SCRIPT=$ROOT_DIR/scripts/$(basename "$0")
 
 # What is being done now.
 say() { printf '==> %s\n' "$*"; }
@@ -21,4 +23,4 @@ fail() {
 }
 
 # The header of the calling script, from its second line to the first line that is no comment.
-print_usage() { sed -n -e '1d' -e '/^#/!q' -e 's/^# \{0,1\}//p' "$0"; }
+print_usage() { sed -n -e '1d' -e '/^#/!q' -e 's/^# \{0,1\}//p' "$SCRIPT"; }

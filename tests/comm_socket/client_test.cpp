@@ -229,11 +229,10 @@ TEST_F(ClientTest, says_why_it_could_not_connect) {
 
 TEST_F(ClientTest, says_that_it_has_no_permission) {
     const DrivenServer server(path);
-    ASSERT_EQ(chmod(directory.path.c_str(), 0755), 0);
+    ASSERT_EQ(chmod(path.c_str(), 0), 0);
     const pid_t child = fork();
     if (child == 0) {
-        // As somebody who is neither owner nor group; as that already, the mode alone has to do.
-        if (geteuid() == 0 ? setegid(65534) != 0 || seteuid(65534) != 0 : chmod(path.c_str(), 0) != 0)
+        if (!obey_file_modes())
             _exit(3);
         comm_socket_v4_error error = COMM_SOCKET_V4_OK;
         const comm_socket_v4_connection* connection = comm_socket_v4_connect(path.c_str(), SHORT_US, &error);

@@ -16,6 +16,8 @@ namespace {
 
 class HostileClientTest : public testing::Test {
   public:
+    // A service ends after 50 ms, which a busy machine may take for fewer clients than these.
+    StoppedClock stopped;
     TemporaryDirectory directory;
     DrivenServer server{directory.file("socket")};
     RawPeer good{server.path};

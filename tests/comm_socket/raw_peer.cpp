@@ -2,10 +2,12 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <linux/capability.h>
 #include <linux/sockios.h>
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -253,6 +255,12 @@ Packet make_request(const std::string& command, const Arguments& arguments) {
         EXPECT_EQ(comm_socket_v4_packet_write_argv(request.get(), argument ? argument->c_str() : nullptr), 0);
     EXPECT_EQ(comm_socket_v4_packet_write_end(request.get()), 0);
     return request;
+}
+
+bool obey_file_modes() {
+    __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
+    const __user_cap_data_struct none[_LINUX_CAPABILITY_U32S_3] = {};
+    return syscall(SYS_capset, &header, none) == 0;
 }
 
 int count_descriptors() {

@@ -528,7 +528,7 @@ TEST_F(ServerTest, fails_without_the_permission_to_write_the_directory) {
     ASSERT_EQ(chmod(directory.path.c_str(), 0555), 0);
     const pid_t child = fork();
     if (child == 0) {
-        if (geteuid() == 0 && seteuid(65534) != 0)
+        if (!obey_file_modes())
             _exit(3);
         comm_socket_v4* server = comm_socket_v4_create();
         if (comm_socket_v4_create_server(server, path.c_str()) != -1)

@@ -1,15 +1,15 @@
 // The page about the socket, the files of bytes it shows, the Python client on it and the C example.
 #include <gtest/gtest.h>
 
-#include <sys/wait.h>
-#include <cstdio>
-#include <cstdlib>
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "comm_socket/wire.h"
 #include "tests/comm_socket/raw_peer.h"
+#include "tests/support/program_process.h"
 
 namespace {
 
@@ -38,32 +38,25 @@ std::string bytes_of_hex(const std::string& hex) {
     return bytes;
 }
 
-struct Ran {
-    int status;
-    std::string output;
-};
-
-Ran run(const std::string& command) {
-    FILE* pipe = popen((command + " 2>&1").c_str(), "r");
-    EXPECT_NE(pipe, nullptr);
-    std::string output;
-    for (int byte = 0; (byte = fgetc(pipe)) != EOF;)
-        output += static_cast<char>(byte);
-    const int status = pclose(pipe);
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, output};
-}
-
 class Programs : public testing::Test {
   public:
     TemporaryDirectory directory;
     std::string path = directory.file("socket");
-    std::string python() const {
+    ProgramRun run_python(const std::vector<std::string>& words) const {
         const std::string script = directory.file("client.py");
         std::ofstream(script) << block_after(read_file("docs/wire/control-socket.md"),
                                              "## A client in Python", "```python");
-        return "python3 " + script + " " + path;
+        return run({"python3", script, path}, words);
     }
-    std::string example() const { return std::string(HELLO_EXAMPLE) + " " + path; }
+    ProgramRun run_example(const std::vector<std::string>& words = {}) const {
+        return run({HELLO_EXAMPLE, path}, words);
+    }
+
+  private:
+    static ProgramRun run(std::vector<std::string> command, const std::vector<std::string>& words) {
+        command.insert(command.end(), words.begin(), words.end());
+        return run_program(std::move(command));
+    }
 };
 
 const char* const PAGE = "docs/wire/control-socket.md";
@@ -114,29 +107,27 @@ TEST(WirePage, its_reply_is_what_the_library_reads_and_writes) {
 
 TEST_F(Programs, the_python_client_of_the_page_runs_as_it_stands) {
     const EchoServer server(path);
-    const Ran hello = run(python() + " hello");
-    EXPECT_EQ(hello.output, "hello: How are you? (status 0)\n");
-    EXPECT_EQ(hello.status, 0);
-    const Ran echo = run(python() + " echo one '' 'two words'");
-    EXPECT_EQ(echo.output,
+    const ProgramRun hello = run_python({"hello"});
+    EXPECT_EQ(hello.out + hello.err, "hello: How are you? (status 0)\n");
+    EXPECT_EQ(hello.end, (ProgramEnd{0, 0}));
+    EXPECT_EQ(run_python({"echo", "one", "", "two words"}).out,
               "echo: How are you? (status 0)\nargument = one\nargument = \nargument = two words\n");
-    const Ran unknown = run(python() + " reload");
-    EXPECT_EQ(unknown.output, "reload: Unknown command (status 6)\n");
-    EXPECT_EQ(unknown.status, 1);
+    const ProgramRun unknown = run_python({"reload"});
+    EXPECT_EQ(unknown.out + unknown.err, "reload: Unknown command (status 6)\n");
+    EXPECT_EQ(unknown.end, (ProgramEnd{1, 0}));
 }
 
 TEST_F(Programs, the_c_example_runs) {
     {
         const EchoServer server(path);
-        const Ran hello = run(example());
-        EXPECT_EQ(hello.output, "hello: How are you?\n");
-        EXPECT_EQ(hello.status, 0);
-        const Ran echo = run(example() + " echo one ''");
-        EXPECT_EQ(echo.output, "echo: How are you?\nargument = one\nargument = \n");
-        EXPECT_EQ(run(example() + " reload").status, 1);
+        const ProgramRun hello = run_example();
+        EXPECT_EQ(hello.out + hello.err, "hello: How are you?\n");
+        EXPECT_EQ(hello.end, (ProgramEnd{0, 0}));
+        EXPECT_EQ(run_example({"echo", "one", ""}).out, "echo: How are you?\nargument = one\nargument = \n");
+        EXPECT_EQ(run_example({"reload"}).end, (ProgramEnd{1, 0}));
     }
-    const Ran stopped = run(example());
-    EXPECT_EQ(stopped.output, path + ": no such socket\n");
-    EXPECT_EQ(stopped.status, 3);
-    EXPECT_EQ(run(HELLO_EXAMPLE).status, 2);
+    const ProgramRun stopped = run_example();
+    EXPECT_EQ(stopped.out + stopped.err, path + ": no such socket\n");
+    EXPECT_EQ(stopped.end, (ProgramEnd{3, 0}));
+    EXPECT_EQ(run_program({HELLO_EXAMPLE}).end, (ProgramEnd{2, 0}));
 }

@@ -1,6 +1,7 @@
 // v9_rtmp_ctl watch, in a terminal and off it: what it shows of a running server, what its keys do, and that it
 // leaves the terminal as it found it on every way out.
 #include "tests/support/media_bytes.h"
+#include "tests/support/private_namespaces.h"
 #include "tests/support/rtmp_client.h"
 #include "tests/support/server_process.h"
 #include "tests/support/terminal_program.h"
@@ -38,11 +39,13 @@ std::vector<std::string> watch_command() {
     return {tool_path(), "watch", "--interval", "0.2"};
 }
 
-// A terminal made by others, of 24 rows and 80 columns, in which a shell command runs.
+// A terminal made by others, of 24 rows and 80 columns, in which a command runs.
 class TmuxTerminal {
   public:
-    explicit TmuxTerminal(const std::string& shell_command) {
-        (void)tmux({"-f", "/dev/null", "new-session", "-d", "-x", "80", "-y", "24", shell_command});
+    explicit TmuxTerminal(const std::vector<std::string>& command) {
+        std::vector<std::string> arguments = {"-f", "/dev/null", "new-session", "-d", "-x", "80", "-y", "24"};
+        arguments.insert(arguments.end(), command.begin(), command.end());
+        (void)tmux(arguments);
     }
     ~TmuxTerminal() { (void)run_program({"tmux", "-S", SOCKET, "kill-server"}); }
     TmuxTerminal(const TmuxTerminal&) = delete;
@@ -154,7 +157,7 @@ TEST_F(CtlWatch, it_shows_who_comes_and_goes_and_the_rates) {
 
 TEST_F(CtlWatch, a_line_as_wide_as_the_terminal_is_shown_to_its_last_column) {
     const RtmpClient player = playing_client(std::string(100, 'x'));
-    const TmuxTerminal terminal(tool_path() + " watch --interval 0.2");
+    const TmuxTerminal terminal(watch_command());
     const auto is_whole = [&player](const std::string& row) {
         return row.size() == TERMINAL_COLUMNS && row.ends_with(player.local_address());
     };
@@ -382,7 +385,8 @@ TEST_F(CtlWatch, in_the_background_it_waits_until_it_is_brought_to_the_foregroun
         EXPECT_TRUE(stopped);
         EXPECT_FALSE(shell.screen().shows_alternate());
     };
-    shell.type(tool_path() + " watch --interval 0.2 &\r");
+    // The shell prints the command line, which must fit one row.
+    shell.type(linked_in_run(tool_path()) + " watch --interval 0.2 &\r");
     wait_until_stopped();
     EXPECT_THAT(shell.raw_text(), Not(HasSubstr("\x1b[?1049h")));
     shell.type("fg\r");

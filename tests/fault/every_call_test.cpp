@@ -6,15 +6,15 @@
 #include "tests/fault/faulty_server.h"
 #include "tests/fault/scripted_session.h"
 #include "tests/fault/session_comparison.h"
+#include "tests/support/program_process.h"
 #include "tests/support/test_failure.h"
 
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
-#include <cstdio>
 #include <cstdlib>
+#include <deque>
 #include <iostream>
 #include <map>
 #include <memory>
@@ -26,6 +26,8 @@ namespace {
 
 constexpr unsigned WORKERS = 8;
 constexpr int FAILURES_SHOWN = 3;
+// The test that waits has 120 s.
+constexpr Milliseconds SHARE_WAIT{115000};
 constexpr const char* SHARE = "V9_FAULT_SHARE";  // of one worker: "first step last"
 constexpr const char* TALLY = "tally: ";
 
@@ -106,25 +108,15 @@ std::string own_path() {
 
 class Worker {
   public:
-    explicit Worker(const std::string& share) {
-        const testing::TestInfo* const test = testing::UnitTest::GetInstance()->current_test_info();
-        const std::string command = std::string(SHARE) + "='" + share + "' '" + own_path() +
-                                    "' --gtest_filter=" + test->test_suite_name() + "." + test->name() +
-                                    " 2>&1";
-        pipe = popen(command.c_str(), "r");
-        if (pipe == nullptr) {
-            throw TestFailure("cannot run " + command);
-        }
-    }
+    explicit Worker(const std::string& share)
+        : process({own_path(), "--gtest_filter=" + own_name()},
+                  {.environment = {std::string(SHARE) + "=" + share}}) {}
 
     // Waits for its end, and adds up what it has seen.
     void finish(std::map<std::string, int>& outcomes) {
-        std::string output;
-        std::array<char, 4096> part{};
-        while (std::fgets(part.data(), part.size(), pipe) != nullptr) {
-            const std::string line = part.data();
+        const ProgramEnd end = process.wait_for_exit(SHARE_WAIT);
+        for (const std::string& line : process.out().lines_since()) {
             if (!line.starts_with(TALLY)) {
-                output += line;
                 continue;
             }
             std::istringstream fields(line.substr(std::string(TALLY).size()));
@@ -134,13 +126,18 @@ class Worker {
             std::getline(fields >> std::ws, outcome);
             outcomes[outcome] += times;
         }
-        if (pclose(pipe) != 0) {
-            ADD_FAILURE() << output;
+        if (end != ProgramEnd{0, 0}) {
+            ADD_FAILURE() << process.out().raw_text() << process.err().raw_text();
         }
     }
 
   private:
-    FILE* pipe = nullptr;
+    static std::string own_name() {
+        const testing::TestInfo* const test = testing::UnitTest::GetInstance()->current_test_info();
+        return std::string(test->test_suite_name()) + "." + test->name();
+    }
+
+    ProgramProcess process;
 };
 
 // One in how many of the counted calls a later session may not reach. Calls that are made again and again until something
@@ -196,7 +193,7 @@ void run_sweep(const Sweep& sweep, const std::vector<std::string>& must_be_among
     const std::uint64_t last = calls_of_a_session(sweep);
     ASSERT_GT(last, 0U);
     const std::uint64_t workers = std::min<std::uint64_t>(WORKERS, (last + sweep.step - 1) / sweep.step);
-    std::vector<Worker> team;
+    std::deque<Worker> team;
     for (std::uint64_t i = 0; i < workers; ++i) {
         team.emplace_back(std::to_string(1 + i * sweep.step) + " " + std::to_string(workers * sweep.step) +
                           " " + std::to_string(last));

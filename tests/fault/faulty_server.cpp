@@ -1,5 +1,7 @@
 #include "tests/fault/faulty_server.h"
 
+#include "tests/support/private_namespaces.h"
+#include "tests/support/program_process.h"
 #include "tests/support/test_failure.h"
 
 #include <fcntl.h>
@@ -8,27 +10,12 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdio>
-#include <memory>
 #include <new>
 #include <sstream>
 
 namespace {
 
 constexpr const char* PAGE_PATH = "/run/v9_fault_page";
-
-std::string output_of(const std::string& command) {
-    const std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(command.c_str(), "r"), pclose);
-    if (pipe == nullptr) {
-        throw TestFailure("cannot run " + command);
-    }
-    std::string output;
-    std::string part(65536, '\0');
-    for (std::size_t n = 0; (n = std::fread(part.data(), 1, part.size(), pipe.get())) > 0;) {
-        output.append(part, 0, n);
-    }
-    return output;
-}
 
 // "a::(anonymous namespace)::b[abi:cxx11](int)" becomes "a::b".
 std::string plain_name(std::string function) {
@@ -57,7 +44,7 @@ const ServerSymbols& ServerSymbols::get() {
 }
 
 ServerSymbols::ServerSymbols() {
-    std::istringstream lines(output_of("nm -C --defined-only '" + server_path() + "'"));
+    std::istringstream lines(run_program({"nm", "-C", "--defined-only", server_path()}).out);
     for (std::string line; std::getline(lines, line);) {
         std::istringstream fields(line);
         std::uint64_t address = 0;
@@ -145,7 +132,8 @@ std::string FaultWatch::describe() const {
 ServerOptions with_faults(const std::string& plan, std::vector<std::string> arguments) {
     ServerOptions options;
     options.arguments = std::move(arguments);
-    options.environment = {"LD_PRELOAD=" V9_FAULT_INJECTOR_PATH, std::string("V9_FAULT_PAGE=") + PAGE_PATH};
+    options.environment = {"LD_PRELOAD=" + linked_in_run(V9_FAULT_INJECTOR_PATH),
+                           std::string("V9_FAULT_PAGE=") + PAGE_PATH};
     if (!plan.empty()) {
         options.environment.push_back("V9_FAULT=" + plan);
     }

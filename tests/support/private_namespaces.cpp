@@ -1,5 +1,7 @@
 #include "tests/support/private_namespaces.h"
 
+#include "tests/support/test_failure.h"
+
 #include <net/if.h>
 #include <sched.h>
 #include <sys/ioctl.h>
@@ -12,6 +14,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <string>
 #include <vector>
@@ -109,4 +112,12 @@ void enter_private_namespaces(char** argv) {
     enter_namespaces(argv);
     mount_private_run();
     bring_loopback_up();
+}
+
+std::string linked_in_run(const std::string& file) {
+    const std::string link = "/run/" + std::filesystem::path(file).filename().string();
+    if (symlink(file.c_str(), link.c_str()) != 0 && errno != EEXIST) {
+        throw TestFailure("cannot make " + link + ": " + std::strerror(errno));
+    }
+    return link;
 }
