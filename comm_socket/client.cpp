@@ -4,9 +4,11 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <exception>
+#include <span>
 #include <string>
 #include <utility>
 
@@ -27,6 +29,27 @@ namespace {
 
 constexpr std::size_t READ_CHUNK_BYTES = 65536;
 constexpr int FULL_BACKLOG_RETRY_MS = 10;
+
+// The time that a call may take: in all, and without progress.
+class Patience {
+  public:
+    Patience(std::uint64_t silence, std::uint64_t total)
+        : silence_us(silence),
+          total_deadline_us(comm_socket::deadline_after(total)),
+          silence_deadline_us(comm_socket::deadline_after(silence)) {}
+    explicit Patience(std::uint64_t total) : Patience(UINT64_MAX, total) {}
+
+    void restart_silence() { silence_deadline_us = comm_socket::deadline_after(silence_us); }
+    [[nodiscard]] std::uint64_t deadline_us() const {
+        return std::min(total_deadline_us, silence_deadline_us);
+    }
+    [[nodiscard]] bool is_over() const { return comm_socket::now_us() >= deadline_us(); }
+
+  private:
+    std::uint64_t silence_us;
+    std::uint64_t total_deadline_us;
+    std::uint64_t silence_deadline_us;
+};
 
 bool would_block(int error) {
     return error == EAGAIN || error == EWOULDBLOCK;
@@ -84,16 +107,17 @@ comm_socket_v4_error fail(comm_socket_v4_connection* connection, comm_socket_v4_
     return error;
 }
 
-comm_socket_v4_error send_all(comm_socket_v4_connection* connection, const std::string& frame,
-                              std::uint64_t deadline_us) {
+comm_socket_v4_error send_all(comm_socket_v4_connection* connection, const std::string& frames,
+                              Patience* patience) {
     std::size_t sent = 0;
-    while (sent < frame.size()) {
+    while (sent < frames.size()) {
         const ssize_t n =
-            send(connection->fd, frame.data() + sent, frame.size() - sent, MSG_NOSIGNAL | MSG_DONTWAIT);
+            send(connection->fd, frames.data() + sent, frames.size() - sent, MSG_NOSIGNAL | MSG_DONTWAIT);
         if (n >= 0) {
             sent += static_cast<std::size_t>(n);
+            patience->restart_silence();
         } else if (would_block(errno)) {
-            const comm_socket_v4_error error = wait_for(connection->fd, POLLOUT, deadline_us);
+            const comm_socket_v4_error error = wait_for(connection->fd, POLLOUT, patience->deadline_us());
             if (error != COMM_SOCKET_V4_OK) {
                 connection->failure = COMM_SOCKET_V4_CLOSED;  // half a frame has left: nothing can follow it
                 return error;
@@ -152,22 +176,42 @@ comm_socket_v4_error find_reply(comm_socket_v4_connection* connection, std::uint
     }
 }
 
-comm_socket_v4_error wait_reply_until(comm_socket_v4_connection* connection, std::uint64_t request_id,
-                                      std::uint64_t deadline_us, comm_socket_v4_packet** reply) {
-    if (connection->failure != COMM_SOCKET_V4_OK)
+// Bytes that are here of the reply to request_id; 0 until its id has arrived.
+std::size_t awaited_bytes(const comm_socket_v4_connection* connection, std::uint64_t request_id) {
+    comm_socket::FrameHead head;
+    if (!connection->input.peek(&head) || (head.flags & COMM_SOCKET_V4_REQUEST) != 0 ||
+        head.request_id != request_id) {
+        return 0;
+    }
+    return connection->input.size();
+}
+
+comm_socket_v4_error wait_reply(comm_socket_v4_connection* connection, std::uint64_t request_id,
+                                Patience* patience, comm_socket_v4_packet** reply) {
+    if (connection->failure != COMM_SOCKET_V4_OK) {
         return COMM_SOCKET_V4_CLOSED;
+    }
     try {
+        bool was_last_look = false;
+        std::size_t received = awaited_bytes(connection, request_id);
         for (;;) {
             comm_socket_v4_error error = find_reply(connection, request_id, reply);
-            if (error != COMM_SOCKET_V4_OK || *reply != nullptr)
+            if (error != COMM_SOCKET_V4_OK || *reply != nullptr) {
                 return error;
-            error = receive_some(connection, deadline_us);
-            if (error != COMM_SOCKET_V4_OK)
+            }
+            const std::size_t received_before =
+                std::exchange(received, awaited_bytes(connection, request_id));
+            if (received > received_before) {
+                patience->restart_silence();
+            }
+            // A server that never stops sending does not stretch the deadline; what has arrived by then counts.
+            if (was_last_look && patience->is_over()) {
+                return COMM_SOCKET_V4_TIMEOUT;
+            }
+            was_last_look = patience->is_over();
+            error = receive_some(connection, patience->deadline_us());
+            if (error != COMM_SOCKET_V4_OK) {
                 return error;
-            // A server that never stops sending does not stretch the deadline.
-            if (comm_socket::now_us() >= deadline_us) {
-                error = find_reply(connection, request_id, reply);
-                return error == COMM_SOCKET_V4_OK && *reply == nullptr ? COMM_SOCKET_V4_TIMEOUT : error;
             }
         }
     } catch (const std::exception&) {
@@ -175,25 +219,66 @@ comm_socket_v4_error wait_reply_until(comm_socket_v4_connection* connection, std
     }
 }
 
-comm_socket_v4_error send_request_until(comm_socket_v4_connection* connection, comm_socket_v4_packet* request,
-                                        std::uint64_t deadline_us) {
-    if (request->content->state != comm_socket::PacketState::COMPLETE ||
-        (request->flags & COMM_SOCKET_V4_REQUEST) == 0 ||
-        (request->flags & ~(COMM_SOCKET_V4_REQUEST | COMM_SOCKET_V4_ASYNC)) != 0)
+bool is_sendable(const comm_socket_v4_packet* request) {
+    return request != nullptr && request->content->state == comm_socket::PacketState::COMPLETE &&
+           (request->flags & COMM_SOCKET_V4_REQUEST) != 0 &&
+           (request->flags & ~(COMM_SOCKET_V4_REQUEST | COMM_SOCKET_V4_ASYNC)) == 0;
+}
+
+comm_socket_v4_error send_requests(comm_socket_v4_connection* connection,
+                                   std::span<comm_socket_v4_packet* const> requests, Patience* patience) {
+    if (!std::all_of(requests.begin(), requests.end(), is_sendable)) {
         return COMM_SOCKET_V4_BAD_ARGUMENT;
-    if (connection->failure != COMM_SOCKET_V4_OK)
+    }
+    if (connection->failure != COMM_SOCKET_V4_OK) {
         return COMM_SOCKET_V4_CLOSED;
+    }
     try {
-        comm_socket::FrameHead head = comm_socket::head_of(request);
-        head.request_id = connection->last_request_id + 1;
-        if (!comm_socket::within_limits(head, request->content->text, comm_socket::REQUEST_LIMITS))
-            return COMM_SOCKET_V4_TOO_LARGE;
-        const std::string frame = comm_socket::encode_frame(head, request->content->text);
-        request->request_id = ++connection->last_request_id;
-        return send_all(connection, frame, deadline_us);
+        std::string frames;
+        std::uint64_t id = connection->last_request_id;
+        for (const comm_socket_v4_packet* request : requests) {
+            comm_socket::FrameHead head = comm_socket::head_of(request);
+            head.request_id = ++id;
+            if (!comm_socket::within_limits(head, request->content->text, comm_socket::REQUEST_LIMITS)) {
+                return COMM_SOCKET_V4_TOO_LARGE;
+            }
+            frames += comm_socket::encode_frame(head, request->content->text);
+        }
+        for (comm_socket_v4_packet* request : requests) {
+            request->request_id = ++connection->last_request_id;
+        }
+        return send_all(connection, frames, patience);
     } catch (const std::exception&) {
         return COMM_SOCKET_V4_NO_MEMORY;
     }
+}
+
+comm_socket_v4_error wait_reply_patiently(comm_socket_v4_connection* connection, std::uint64_t request_id,
+                                          Patience patience, comm_socket_v4_packet** reply) {
+    if (reply == nullptr) {
+        return COMM_SOCKET_V4_BAD_ARGUMENT;
+    }
+    *reply = nullptr;
+    if (connection == nullptr) {
+        return COMM_SOCKET_V4_BAD_ARGUMENT;
+    }
+    return wait_reply(connection, request_id, &patience, reply);
+}
+
+comm_socket_v4_error call(comm_socket_v4_connection* connection, comm_socket_v4_packet* request,
+                          Patience patience, comm_socket_v4_packet** reply) {
+    if (reply == nullptr) {
+        return COMM_SOCKET_V4_BAD_ARGUMENT;
+    }
+    *reply = nullptr;
+    if (connection == nullptr) {
+        return COMM_SOCKET_V4_BAD_ARGUMENT;
+    }
+    const comm_socket_v4_error error = send_requests(connection, {&request, 1}, &patience);
+    if (error != COMM_SOCKET_V4_OK || (request->flags & COMM_SOCKET_V4_ASYNC) != 0) {
+        return error;
+    }
+    return wait_reply(connection, request->request_id, &patience, reply);
 }
 
 }  // namespace
@@ -270,32 +355,38 @@ int comm_socket_v4_connection_get_fd(const comm_socket_v4_connection* connection
 
 comm_socket_v4_error comm_socket_v4_send_request(comm_socket_v4_connection* connection,
                                                  comm_socket_v4_packet* request, uint64_t timeout_us) {
-    if (connection == nullptr || request == nullptr)
+    return comm_socket_v4_send_requests(connection, &request, 1, timeout_us);
+}
+
+comm_socket_v4_error comm_socket_v4_send_requests(comm_socket_v4_connection* connection,
+                                                  comm_socket_v4_packet* const* requests, size_t count,
+                                                  uint64_t timeout_us) {
+    if (connection == nullptr || (requests == nullptr && count > 0)) {
         return COMM_SOCKET_V4_BAD_ARGUMENT;
-    return send_request_until(connection, request, comm_socket::deadline_after(timeout_us));
+    }
+    Patience patience(timeout_us);
+    return send_requests(connection, {requests, count}, &patience);
 }
 
 comm_socket_v4_error comm_socket_v4_wait_reply(comm_socket_v4_connection* connection, uint64_t request_id,
                                                uint64_t timeout_us, comm_socket_v4_packet** reply) {
-    if (reply == nullptr)
-        return COMM_SOCKET_V4_BAD_ARGUMENT;
-    *reply = nullptr;
-    if (connection == nullptr)
-        return COMM_SOCKET_V4_BAD_ARGUMENT;
-    return wait_reply_until(connection, request_id, comm_socket::deadline_after(timeout_us), reply);
+    return wait_reply_patiently(connection, request_id, Patience(timeout_us), reply);
+}
+
+comm_socket_v4_error comm_socket_v4_wait_reply_within(comm_socket_v4_connection* connection,
+                                                      uint64_t request_id, uint64_t silence_us,
+                                                      uint64_t total_us, comm_socket_v4_packet** reply) {
+    return wait_reply_patiently(connection, request_id, Patience(silence_us, total_us), reply);
 }
 
 comm_socket_v4_error comm_socket_v4_call(comm_socket_v4_connection* connection,
                                          comm_socket_v4_packet* request, uint64_t timeout_us,
                                          comm_socket_v4_packet** reply) {
-    if (reply == nullptr)
-        return COMM_SOCKET_V4_BAD_ARGUMENT;
-    *reply = nullptr;
-    if (connection == nullptr || request == nullptr)
-        return COMM_SOCKET_V4_BAD_ARGUMENT;
-    const std::uint64_t deadline_us = comm_socket::deadline_after(timeout_us);
-    const comm_socket_v4_error error = send_request_until(connection, request, deadline_us);
-    if (error != COMM_SOCKET_V4_OK || (request->flags & COMM_SOCKET_V4_ASYNC) != 0)
-        return error;
-    return wait_reply_until(connection, request->request_id, deadline_us, reply);
+    return call(connection, request, Patience(timeout_us), reply);
+}
+
+comm_socket_v4_error comm_socket_v4_call_within(comm_socket_v4_connection* connection,
+                                                comm_socket_v4_packet* request, uint64_t silence_us,
+                                                uint64_t total_us, comm_socket_v4_packet** reply) {
+    return call(connection, request, Patience(silence_us, total_us), reply);
 }

@@ -21,6 +21,10 @@ FrameState FrameBuffer::state() const {
     return header;
 }
 
+bool FrameBuffer::peek(FrameHead* head) const {
+    return peek_head(bytes.data() + start, bytes.data() + bytes.size(), limits, head);
+}
+
 bool FrameBuffer::take(FrameHead* head, FrameText* text) {
     const unsigned char* s = bytes.data() + start;
     std::size_t body_bytes = 0;

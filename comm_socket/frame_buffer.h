@@ -20,6 +20,10 @@ class FrameBuffer {
     // Of the frame at the front: BROKEN is its header, COMPLETE means that all of it is here.
     [[nodiscard]] FrameState state() const;
 
+    // Reads the flags and the request id of the frame at the front, whose body need not be whole. False, and *head
+    // unchanged, while they have not arrived or if its header is broken.
+    [[nodiscard]] bool peek(FrameHead* head) const;
+
     // Requires state() == COMPLETE. Decodes the frame and removes it. False if its body is broken; then
     // nothing has changed.
     [[nodiscard]] bool take(FrameHead* head, FrameText* text);

@@ -116,6 +116,20 @@ FrameState decode_header(const unsigned char* s, const unsigned char* end, const
     return FrameState::COMPLETE;
 }
 
+bool peek_head(const unsigned char* s, const unsigned char* end, const FrameLimits& limits, FrameHead* head) {
+    std::size_t body_bytes = 0;
+    if (decode_header(s, end, limits, &body_bytes) != FrameState::COMPLETE) {
+        return false;
+    }
+    s += FRAME_HEADER_BYTES;
+    FrameHead found;
+    if (!take_u32(s, end, &found.flags) || !take_u64(s, end, &found.request_id)) {
+        return false;
+    }
+    *head = found;
+    return true;
+}
+
 bool decode_body(const unsigned char* s, const unsigned char* end, const FrameLimits& limits, FrameHead* head,
                  FrameText* text) {
     FrameHead new_head;

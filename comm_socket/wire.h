@@ -56,6 +56,11 @@ enum class FrameState { INCOMPLETE, COMPLETE, BROKEN };
 [[nodiscard]] FrameState decode_header(const unsigned char* s, const unsigned char* end,
                                        const FrameLimits& limits, std::size_t* body_bytes);
 
+// Reads the flags and the request id of the frame at s, whose body need not have arrived. False while they have not
+// arrived or if the header is broken; then head is unchanged.
+[[nodiscard]] bool peek_head(const unsigned char* s, const unsigned char* end, const FrameLimits& limits,
+                             FrameHead* head);
+
 // Decodes a body that reaches exactly from s to end. False if it is broken; then head and text are unchanged.
 // Throws std::bad_alloc; the memory asked for is in proportion to the bytes that are there.
 [[nodiscard]] bool decode_body(const unsigned char* s, const unsigned char* end, const FrameLimits& limits,

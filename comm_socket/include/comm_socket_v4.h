@@ -38,7 +38,7 @@
  * ones by different threads at once.
  *
  * Blocking. Server calls never block, except comm_socket_v4_wait_for_server_to_client_writeable. Client calls
- * block for at most their time-out.
+ * block for at most their time-out, those with two limits for at most their total_us.
  *
  * Signals. No call raises SIGPIPE. Interrupted system calls are continued.
  */
@@ -308,6 +308,13 @@ int comm_socket_v4_connection_get_fd(const comm_socket_v4_connection* connection
 comm_socket_v4_error comm_socket_v4_send_request(comm_socket_v4_connection* connection,
                                                  comm_socket_v4_packet* request, uint64_t timeout_us);
 
+/* The same for several requests: each gets the next id, in their order, and all leave in one write as far as the
+ * socket takes it. All are tested before the first byte leaves, so after TOO_LARGE, BAD_ARGUMENT and NO_MEMORY none
+ * of them was sent or has an id. No request may be null; a count of 0 sends nothing. */
+comm_socket_v4_error comm_socket_v4_send_requests(comm_socket_v4_connection* connection,
+                                                  comm_socket_v4_packet* const* requests, size_t count,
+                                                  uint64_t timeout_us);
+
 /* Waits for the reply that carries request_id and stores it in *reply, for the caller to release; null on
  * failure. Replies come in the order of their requests. One that carries another id (to a request whose wait
  * timed out) is dropped. After TIMEOUT one may wait again; after BROKEN_FRAME and CLOSED the connection can
@@ -315,11 +322,26 @@ comm_socket_v4_error comm_socket_v4_send_request(comm_socket_v4_connection* conn
 comm_socket_v4_error comm_socket_v4_wait_reply(comm_socket_v4_connection* connection, uint64_t request_id,
                                                uint64_t timeout_us, comm_socket_v4_packet** reply);
 
+/* The same with two limits: TIMEOUT when no byte of the awaited reply has come for silence_us, and after total_us in
+ * all. The silence is counted from the call, and again from each byte that counts. A byte counts when the frame that
+ * it belongs to is known to be the reply to request_id, which is once the first 20 bytes of the frame are here, as far
+ * as its id. Bytes of other frames, and a beginning that is shorter, do not count: earlier replies that are still under
+ * way do not stretch the silence. */
+comm_socket_v4_error comm_socket_v4_wait_reply_within(comm_socket_v4_connection* connection,
+                                                      uint64_t request_id, uint64_t silence_us,
+                                                      uint64_t total_us, comm_socket_v4_packet** reply);
+
 /* Sends and waits, both within timeout_us. *reply is null on failure, and for an async request, which is only
  * sent. */
 comm_socket_v4_error comm_socket_v4_call(comm_socket_v4_connection* connection,
                                          comm_socket_v4_packet* request, uint64_t timeout_us,
                                          comm_socket_v4_packet** reply);
+
+/* The same with the two limits of comm_socket_v4_wait_reply_within. While the request is sent, bytes that the socket
+ * takes end the silence. */
+comm_socket_v4_error comm_socket_v4_call_within(comm_socket_v4_connection* connection,
+                                                comm_socket_v4_packet* request, uint64_t silence_us,
+                                                uint64_t total_us, comm_socket_v4_packet** reply);
 
 #ifdef __cplusplus
 }

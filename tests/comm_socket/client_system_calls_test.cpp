@@ -25,6 +25,7 @@ struct NextErrors {
     int recv = 0;
 };
 thread_local NextErrors next_errors;
+thread_local int sends = 0;
 
 bool is_refused(int& next_error) {
     errno = std::exchange(next_error, 0);
@@ -55,6 +56,7 @@ int __wrap_poll(pollfd* entries, nfds_t count, int timeout_ms) {
     return is_refused(next_errors.poll) ? -1 : __real_poll(entries, count, timeout_ms);
 }
 ssize_t __wrap_send(int fd, const void* data, size_t bytes, int flags) {
+    ++sends;
     return is_refused(next_errors.send) ? -1 : __real_send(fd, data, bytes, flags);
 }
 ssize_t __wrap_recv(int fd, void* data, size_t bytes, int flags) {
@@ -125,6 +127,16 @@ TEST_F(ClientSystemCallsTest, after_a_failed_send_nothing_more_is_sent) {
               COMM_SOCKET_V4_SYSTEM);
     EXPECT_EQ(comm_socket_v4_send_request(connection.get(), request.get(), PATIENT_US),
               COMM_SOCKET_V4_CLOSED);
+}
+
+TEST_F(ClientSystemCallsTest, several_requests_leave_in_one_write) {
+    const Connection connection = connect_to_server(nullptr);
+    const Packet list = make_request("list connections");
+    const Packet drop = make_request("drop connection by id", {"5"});
+    comm_socket_v4_packet* const requests[] = {list.get(), drop.get(), list.get()};
+    sends = 0;
+    EXPECT_EQ(comm_socket_v4_send_requests(connection.get(), requests, 3, PATIENT_US), COMM_SOCKET_V4_OK);
+    EXPECT_EQ(sends, 1);
 }
 
 TEST_F(ClientSystemCallsTest, interrupted_calls_are_made_again) {

@@ -16,12 +16,14 @@
 #include <thread>
 
 #include "comm_socket/include/comm_socket_v4.h"
+#include "tests/comm_socket/fake_clock.h"
 #include "tests/comm_socket/raw_peer.h"
 
 namespace {
 
 constexpr std::uint64_t PATIENT_US = 10000000;
 constexpr std::uint64_t SHORT_US = 50000;
+constexpr std::uint64_t SECOND_US = 1000000;
 
 // A listening socket that accepts by hand and knows no frames.
 class RawListener {
@@ -75,7 +77,41 @@ class RawServerTest : public ClientTest {
         EXPECT_EQ(error == COMM_SOCKET_V4_OK, received != nullptr);
         return error;
     }
+
+    comm_socket_v4_error wait_within(std::uint64_t id, std::uint64_t silence_us, std::uint64_t total_us,
+                                     Packet* reply) const {
+        comm_socket_v4_packet* received = nullptr;
+        const comm_socket_v4_error error =
+            comm_socket_v4_wait_reply_within(connection.get(), id, silence_us, total_us, &received);
+        reply->reset(received);
+        EXPECT_EQ(error == COMM_SOCKET_V4_OK, received != nullptr);
+        return error;
+    }
 };
+
+// Sends a byte a second: the clock goes forward when the byte has been read, and then the next one follows at once.
+class DrippingServer {
+  public:
+    DrippingServer(const RawPeer& server, std::string bytes)
+        : thread([&server, dripped = std::move(bytes)](const std::stop_token& stop) {
+              for (const char byte : dripped) {
+                  server.send_all(std::string(1, byte));
+                  while (server.has_unread_bytes()) {
+                      if (stop.stop_requested()) {
+                          return;
+                      }
+                      std::this_thread::yield();
+                  }
+                  put_clock_forward(SECOND_US);
+              }
+          }) {}
+
+  private:
+    std::jthread thread;
+};
+
+// The first bytes of a frame, as far as its id.
+constexpr std::size_t BYTES_TO_ID = 20;
 
 }  // namespace
 
@@ -133,9 +169,13 @@ TEST_F(ClientTest, an_async_request_is_sent_and_not_waited_for) {
     comm_socket_v4_packet* received = async.get();
     EXPECT_EQ(comm_socket_v4_call(connection.get(), async.get(), PATIENT_US, &received), COMM_SOCKET_V4_OK);
     EXPECT_EQ(received, nullptr);
+    received = async.get();
+    EXPECT_EQ(comm_socket_v4_call_within(connection.get(), async.get(), PATIENT_US, PATIENT_US, &received),
+              COMM_SOCKET_V4_OK);
+    EXPECT_EQ(received, nullptr);
     const Packet request = make_request("hello");
     ASSERT_EQ(comm_socket_v4_call(connection.get(), request.get(), PATIENT_US, &received), COMM_SOCKET_V4_OK);
-    EXPECT_EQ(received->request_id, 2u);
+    EXPECT_EQ(received->request_id, 3u);
     comm_socket_v4_packet_release(received);
 }
 
@@ -276,6 +316,10 @@ TEST_F(ClientTest, a_failed_call_leaves_no_reply_behind) {
     expect_none([&](auto reply) { return comm_socket_v4_call(connection.get(), request.get(), 0, reply); });
     expect_none([&](auto reply) { return comm_socket_v4_wait_reply(nullptr, 1, SHORT_US, reply); });
     expect_none([&](auto reply) { return comm_socket_v4_wait_reply(connection.get(), 1, 0, reply); });
+    expect_none([&](auto reply) { return comm_socket_v4_call_within(nullptr, request.get(), 1, 1, reply); });
+    expect_none(
+        [&](auto reply) { return comm_socket_v4_call_within(connection.get(), nullptr, 1, 1, reply); });
+    expect_none([&](auto reply) { return comm_socket_v4_wait_reply_within(nullptr, 1, 1, 1, reply); });
 }
 
 TEST_F(ClientTest, every_error_has_a_text_of_its_own) {
@@ -346,6 +390,139 @@ TEST_F(RawServerTest, a_server_that_talks_without_end_does_not_stretch_the_time_
     Packet reply;
     EXPECT_EQ(wait(1, &reply, 0), COMM_SOCKET_V4_TIMEOUT);
     EXPECT_EQ(wait(1, &reply), COMM_SOCKET_V4_OK);
+}
+
+TEST_F(RawServerTest, a_reply_that_drips_is_waited_for_within_the_limits) {
+    const std::string mine = reply_frame(1, "hello", "How are you?");
+    const std::string other = reply_frame(7, "chatter", std::string(200, 'x'));
+    const std::string not_a_reply = request_frame(1, "chatter", {std::string(200, 'x')});
+    const struct {
+        std::string what;
+        std::string at_once;
+        std::string dripped;
+        std::uint64_t silence_us;
+        std::uint64_t total_us;
+        comm_socket_v4_error outcome;
+    } rows[] = {
+        {"within the silence", mine.substr(0, BYTES_TO_ID), mine.substr(BYTES_TO_ID), 5 * SECOND_US,
+         1000 * SECOND_US, COMM_SOCKET_V4_OK},
+        {"behind another one", other + mine.substr(0, BYTES_TO_ID), mine.substr(BYTES_TO_ID), 5 * SECOND_US,
+         1000 * SECOND_US, COMM_SOCKET_V4_OK},
+        {"from its first byte", "", mine, 25 * SECOND_US, 1000 * SECOND_US, COMM_SOCKET_V4_OK},
+        {"beyond the total", mine.substr(0, BYTES_TO_ID), mine.substr(BYTES_TO_ID), 5 * SECOND_US,
+         20 * SECOND_US, COMM_SOCKET_V4_TIMEOUT},
+        {"its id not in time", "", mine, 5 * SECOND_US, 1000 * SECOND_US, COMM_SOCKET_V4_TIMEOUT},
+        {"another one", "", other + mine, 5 * SECOND_US, 1000 * SECOND_US, COMM_SOCKET_V4_TIMEOUT},
+        {"a request with its id", "", not_a_reply + mine, 5 * SECOND_US, 1000 * SECOND_US,
+         COMM_SOCKET_V4_TIMEOUT},
+    };
+    for (const auto& row : rows) {
+        connection = connected();
+        server = listener.accept_one();
+        server.send_all(row.at_once);
+        const StoppedClock clock;
+        const DrippingServer drip(server, row.dripped);
+        Packet reply;
+        EXPECT_EQ(wait_within(1, row.silence_us, row.total_us, &reply), row.outcome) << row.what;
+    }
+}
+
+TEST_F(RawServerTest, a_reply_that_drips_does_not_stretch_the_plain_time_out) {
+    const std::string frame = reply_frame(1, "hello", "How are you?");
+    server.send_all(frame.substr(0, BYTES_TO_ID));
+    const StoppedClock clock;
+    const DrippingServer drip(server, frame.substr(BYTES_TO_ID));
+    Packet reply;
+    EXPECT_EQ(wait(1, &reply, 5 * SECOND_US), COMM_SOCKET_V4_TIMEOUT);
+}
+
+TEST_F(RawServerTest,
+       a_reply_that_stops_in_the_middle_times_out_after_the_silence_and_may_be_waited_for_again) {
+    const std::string frame = reply_frame(1, "hello", "How are you?");
+    server.send_all(frame.substr(0, 30));
+    Packet reply;
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(wait_within(1, SHORT_US, PATIENT_US, &reply), COMM_SOCKET_V4_TIMEOUT);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::microseconds(SHORT_US));
+    server.send_all(frame.substr(30));
+    EXPECT_EQ(wait_within(1, SHORT_US, PATIENT_US, &reply), COMM_SOCKET_V4_OK);
+}
+
+TEST_F(RawServerTest, a_reply_that_came_while_the_client_was_stopped_is_read_all_the_same) {
+    server.send_all(reply_frame(1, "list", "", {{"long", std::string(150000, 'v')}}));
+    Packet reply;
+    EXPECT_EQ(wait_within(1, 1, PATIENT_US, &reply), COMM_SOCKET_V4_OK);
+}
+
+TEST_F(RawServerTest, sends_several_requests_in_their_order) {
+    const Packet first = make_request("list connections");
+    const Packet second = make_request("drop connection by id", {"5", "cam1"});
+    const Packet third = make_request("list connections");
+    comm_socket_v4_packet* const requests[] = {first.get(), second.get(), third.get()};
+    ASSERT_EQ(comm_socket_v4_send_requests(connection.get(), requests, 3, PATIENT_US), COMM_SOCKET_V4_OK);
+    const std::string expected = request_frame(1, "list connections") +
+                                 request_frame(2, "drop connection by id", {"5", "cam1"}) +
+                                 request_frame(3, "list connections");
+    EXPECT_EQ(server.read_bytes(expected.size()), expected);
+    EXPECT_EQ(first->request_id, 1u);
+    EXPECT_EQ(second->request_id, 2u);
+    EXPECT_EQ(third->request_id, 3u);
+    EXPECT_EQ(comm_socket_v4_send_requests(connection.get(), requests, 0, PATIENT_US), COMM_SOCKET_V4_OK);
+    EXPECT_EQ(comm_socket_v4_send_requests(connection.get(), nullptr, 0, PATIENT_US), COMM_SOCKET_V4_OK);
+    EXPECT_EQ(server.read_available(), "");
+}
+
+TEST_F(RawServerTest, of_several_requests_none_is_sent_when_one_cannot_be) {
+    const Packet good = make_request("hello");
+    const Packet unfinished(comm_socket_v4_packet_create());
+    const Packet response = make_request("x");
+    comm_socket_v4_packet_make_response(response.get());
+    const Packet large = make_request("x", {std::string(2097152, 'a')});
+    const std::pair<comm_socket_v4_packet*, comm_socket_v4_error> rows[] = {
+        {nullptr, COMM_SOCKET_V4_BAD_ARGUMENT},
+        {unfinished.get(), COMM_SOCKET_V4_BAD_ARGUMENT},
+        {response.get(), COMM_SOCKET_V4_BAD_ARGUMENT},
+        {large.get(), COMM_SOCKET_V4_TOO_LARGE},
+    };
+    for (const auto& [bad, error] : rows) {
+        comm_socket_v4_packet* const requests[] = {good.get(), bad};
+        EXPECT_EQ(comm_socket_v4_send_requests(connection.get(), requests, 2, PATIENT_US), error);
+        EXPECT_EQ(server.read_available(), "");
+        EXPECT_EQ(good->request_id, 0u);
+    }
+    comm_socket_v4_packet* const one[] = {good.get()};
+    EXPECT_EQ(comm_socket_v4_send_requests(nullptr, one, 1, PATIENT_US), COMM_SOCKET_V4_BAD_ARGUMENT);
+    EXPECT_EQ(comm_socket_v4_send_requests(connection.get(), nullptr, 1, PATIENT_US),
+              COMM_SOCKET_V4_BAD_ARGUMENT);
+    EXPECT_EQ(comm_socket_v4_send_requests(connection.get(), one, 1, PATIENT_US), COMM_SOCKET_V4_OK);
+    EXPECT_EQ(good->request_id, 1u) << "what was not sent used no id";
+}
+
+TEST_F(RawServerTest, a_call_is_not_silent_while_its_request_is_read) {
+    const Packet request = make_request("x", {std::string(2000000, 'a')});
+    const std::string frame = request_frame(1, "x", {std::string(2000000, 'a')});
+    const StoppedClock clock;
+    std::jthread reader([&] {
+        for (std::size_t read = 0; read < frame.size();) {
+            read += server.read_bytes(std::min<std::size_t>(frame.size() - read, 50000)).size();
+            put_clock_forward(SECOND_US);
+        }
+        server.send_all(reply_frame(1, "x", "yes"));
+    });
+    comm_socket_v4_packet* received = nullptr;
+    EXPECT_EQ(comm_socket_v4_call_within(connection.get(), request.get(), 20 * SECOND_US, 1000 * SECOND_US,
+                                         &received),
+              COMM_SOCKET_V4_OK);
+    const Packet reply(received);
+}
+
+TEST_F(RawServerTest, a_call_to_a_server_that_does_not_read_times_out_after_the_silence) {
+    const Packet request = make_request("x", {std::string(2000000, 'a')});
+    comm_socket_v4_packet* received = nullptr;
+    EXPECT_EQ(
+        comm_socket_v4_call_within(connection.get(), request.get(), SHORT_US, 1000 * SECOND_US, &received),
+        COMM_SOCKET_V4_TIMEOUT);
+    EXPECT_EQ(received, nullptr);
 }
 
 TEST_F(RawServerTest, a_broken_reply_ends_the_connection) {

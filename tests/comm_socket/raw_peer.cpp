@@ -2,7 +2,9 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <linux/sockios.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -144,6 +146,11 @@ bool RawPeer::is_closed(int wait_ms) const {
 bool RawPeer::is_hung_up() const {
     pollfd entry = {fd, 0, 0};
     return poll(&entry, 1, 0) > 0 && (entry.revents & POLLHUP) != 0;
+}
+
+bool RawPeer::has_unread_bytes() const {
+    int bytes = 0;
+    return ioctl(fd, SIOCOUTQ, &bytes) == 0 && bytes > 0;
 }
 
 void RawPeer::shut_sending() const {

@@ -59,6 +59,8 @@ class RawPeer {
     [[nodiscard]] bool is_closed(int wait_ms = 0) const;
     // The other side has closed, whatever is still to be read.
     [[nodiscard]] bool is_hung_up() const;
+    // What this side has sent and the other has not read.
+    [[nodiscard]] bool has_unread_bytes() const;
     void shut_sending() const;
     void close_now();
 

@@ -71,6 +71,21 @@ std::string rich_body() {
 
 }  // namespace
 
+TEST(Wire, the_id_of_a_frame_is_known_from_its_first_20_bytes_on) {
+    const std::string frame = frame_around(rich_body());
+    for (std::size_t length = 0; length <= frame.size(); ++length) {
+        const GuardedCopy copy(frame.substr(0, length));
+        FrameHead head;
+        EXPECT_EQ(comm_socket::peek_head(copy.begin(), copy.end(), REQUEST_LIMITS, &head), length >= 20)
+            << length;
+        EXPECT_EQ(head.flags, length >= 20 ? 3u : 0u);
+        EXPECT_EQ(head.request_id, length >= 20 ? 0x0102030405060708u : 0u);
+    }
+    const GuardedCopy broken(frame_around(rich_body(), 5));
+    FrameHead head;
+    EXPECT_FALSE(comm_socket::peek_head(broken.begin(), broken.end(), REQUEST_LIMITS, &head));
+}
+
 TEST(Wire, decodes_every_field) {
     FrameHead head;
     FrameText text;
