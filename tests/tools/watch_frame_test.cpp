@@ -281,8 +281,8 @@ TEST(WatchFrame, HelpFitsInto80x24) {
         EXPECT_LE(line.text.size(), 80U) << line.text;
     }
     EXPECT_EQ(texts(lines), frame(model, 80, 24));
-    EXPECT_EQ(frame(model, 80, 24)[19], "relayed the server does not tell.");
-    for (const std::string& line : frame(model, 52, 24)) {
+    EXPECT_EQ(frame(model, 50, 20)[18], "relayed the server does not tell.");
+    for (const std::string& line : frame(model, 50, 20)) {
         EXPECT_THAT(line, testing::Not(testing::EndsWith("~")));
     }
 }

@@ -87,12 +87,6 @@ std::optional<Failure> ControlClient::connect() {
     return connection == nullptr ? fail(error) : std::nullopt;
 }
 
-void ControlClient::take_reply(comm_socket_v4_packet* packet, Reply& reply) {
-    const PacketHandle handle(packet);
-    awaited_ids.pop_front();
-    reply = read_reply(packet);
-}
-
 std::optional<Failure> ControlClient::send(const std::vector<Request>& requests, bool async) {
     if (std::optional<Failure> failure = connect()) {
         return failure;
@@ -124,7 +118,8 @@ std::optional<Failure> ControlClient::call_all(const std::vector<Request>& reque
     if (std::optional<Failure> failure = send(requests, false)) {
         return failure;
     }
-    replies.clear();
+    // The server disconnects a client that does not read, so nothing is done with a reply until all are here.
+    std::vector<PacketHandle> answers;
     while (!awaited_ids.empty()) {
         const std::uint64_t began_us = clock_us();
         comm_socket_v4_packet* answer = nullptr;
@@ -133,7 +128,13 @@ std::optional<Failure> ControlClient::call_all(const std::vector<Request>& reque
         if (error != COMM_SOCKET_V4_OK) {
             return fail_to_wait(error, began_us);
         }
-        take_reply(answer, replies.emplace_back());
+        awaited_ids.pop_front();
+        answers.emplace_back(answer);
+    }
+    replies.clear();
+    for (PacketHandle& answer : answers) {
+        replies.push_back(read_reply(answer.get()));
+        answer.reset();
     }
     return std::nullopt;
 }
@@ -165,7 +166,9 @@ std::optional<Failure> ControlClient::poll_reply(Reply& reply, bool& found) {
     if (!found) {
         return fail(error);
     }
-    take_reply(answer, reply);
+    const PacketHandle handle(answer);
+    awaited_ids.pop_front();
+    reply = read_reply(answer);
     return std::nullopt;
 }
 

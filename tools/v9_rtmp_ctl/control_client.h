@@ -68,7 +68,6 @@ class ControlClient {
   private:
     [[nodiscard]] std::optional<Failure> fail(comm_socket_v4_error error);
     [[nodiscard]] std::optional<Failure> fail_to_wait(comm_socket_v4_error error, std::uint64_t began_us);
-    void take_reply(comm_socket_v4_packet* packet, Reply& reply);
     [[nodiscard]] std::optional<Failure> send(const std::vector<Request>& requests, bool async);
 
     const std::string socket_path;

@@ -1,17 +1,15 @@
 #include "tools/v9_rtmp_ctl/drop_rules.h"
 
 #include <algorithm>
-#include <charconv>
 
+#include "tools/v9_rtmp_ctl/parse_number.h"
 #include "tools/v9_rtmp_ctl/text.h"
 
 namespace {
 
 std::optional<unsigned> parse_unsigned(std::string_view text) {
     unsigned number = 0;
-    const char* const end = text.data() + text.size();
-    const auto [parsed_end, error] = std::from_chars(text.data(), end, number);
-    return error == std::errc() && parsed_end == end ? std::optional(number) : std::nullopt;
+    return parse_number(text, number) ? std::optional(number) : std::nullopt;
 }
 
 std::string describe(const Connection* connection) {

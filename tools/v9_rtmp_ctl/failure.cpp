@@ -72,8 +72,8 @@ Failure no_answer(std::uint64_t silence_us) {
     }
     return {ExitCode::NO_REPLY,
             what +
-                "Try again, or wait longer with --timeout. If it stays silent, see whether "
-                "its log is still being read, and then restart v9_rtmp_server."};
+                "Try again, or wait longer with --timeout. If 'v9_rtmp_ctl hello' is not answered either, "
+                "see whether its log is still being read, and then restart v9_rtmp_server."};
 }
 
 Failure answer_too_long(std::uint64_t total_us) {

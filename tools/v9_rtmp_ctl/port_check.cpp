@@ -6,10 +6,11 @@
 
 #include <algorithm>
 #include <array>
-#include <charconv>
 #include <fstream>
 #include <memory>
 #include <sstream>
+
+#include "tools/v9_rtmp_ctl/parse_number.h"
 
 namespace {
 
@@ -17,13 +18,6 @@ struct DirectoryClose {
     void operator()(DIR* directory) const { closedir(directory); }
 };
 using Directory = std::unique_ptr<DIR, DirectoryClose>;
-
-template <typename Number>
-bool parse_number(std::string_view text, Number& number, int base = 10) {
-    const char* const end = text.data() + text.size();
-    const auto [parsed_end, error] = std::from_chars(text.data(), end, number, base);
-    return error == std::errc() && parsed_end == end;
-}
 
 std::vector<std::string> split(const std::string& line) {
     std::istringstream words(line);

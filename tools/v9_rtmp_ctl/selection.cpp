@@ -3,18 +3,12 @@
 #include <arpa/inet.h>
 
 #include <algorithm>
-#include <charconv>
+
+#include "tools/v9_rtmp_ctl/parse_number.h"
 
 namespace {
 
 constexpr unsigned ADDRESS_BITS = 32;
-
-template <typename Number>
-bool parse_number(std::string_view text, Number& number) {
-    const char* const end = text.data() + text.size();
-    const auto [parsed_end, error] = std::from_chars(text.data(), end, number);
-    return error == std::errc() && parsed_end == end;
-}
 
 bool parse_address(std::string_view text, std::uint32_t& address) {
     in_addr parsed{};

@@ -12,7 +12,7 @@ struct Column {
     std::string title;
     Align align = Align::LEFT;
     std::size_t min_width = 0;  // may be cut down to this when room is short; 0: is never cut
-    unsigned rank = 0;          // 0: is always shown; else only where there is room, lower ranks before higher ones
+    unsigned rank = 0;  // 0: is always shown; else only where there is room, lower ranks before higher ones
 };
 
 constexpr std::size_t COMFORTABLE_WIDTH = 10;

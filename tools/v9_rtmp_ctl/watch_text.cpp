@@ -147,8 +147,7 @@ std::string foot_text(const WatchModel& model, std::size_t columns) {
 }
 
 std::vector<std::string> help_texts() {
-    return {"",
-            "q           quit (Ctrl-C too)",
+    return {"q           quit (Ctrl-C too)",
             "arrows      select a row; page keys, Home, End",
             "Tab         select in the other table",
             "d           drop what is selected, or an id",
@@ -157,7 +156,7 @@ std::vector<std::string> help_texts() {
             "s, r        sort by id, stream or rate; reverse",
             "/           only what contains a text",
             "u           rates in bits or in bytes",
-            "t           totals or addresses, where not both fit",
+            "t           totals or addresses, if not both fit",
             "p, space    pause, and go on",
             "",
             "RIVALS publish a name that is published already.",
