@@ -1,5 +1,6 @@
 // drop id and drop address: connections by their ids.
 #include <algorithm>
+#include <iterator>
 
 #include "tools/v9_rtmp_ctl/commands.h"
 #include "tools/v9_rtmp_ctl/drop_batch.h"
@@ -121,6 +122,7 @@ ExitCode run_drop_id(const Settings& settings, const DropOptions& options) {
     }
     if (options.dry_run) {
         std::vector<const Connection*> connections;
+        connections.reserve(targets.size());
         for (const DropTarget& target : targets) {
             connections.push_back(&*target.expected);
         }

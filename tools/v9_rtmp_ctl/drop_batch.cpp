@@ -28,6 +28,7 @@ std::optional<Failure> for_each_batch(const Batch& targets, const Call& call) {
 
 std::vector<Request> drop_requests(const Batch& batch) {
     std::vector<Request> requests;
+    requests.reserve(batch.size());
     for (const DropTarget& target : batch) {
         requests.push_back(drop_id_request(target.id, target.guard));
     }

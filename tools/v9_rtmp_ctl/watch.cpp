@@ -4,6 +4,7 @@
 #include <array>
 #include <chrono>
 #include <iostream>
+#include <iterator>
 #include <memory>
 #include <thread>
 
@@ -89,14 +90,11 @@ void watch_on_screen(const Settings& settings, const WatchOptions& options, Watc
 
 void print_frame(const Settings& settings, const WatchModel& model) {
     if (settings.form == OutputForm::JSON) {
+        const auto copy = [](const auto* item) { return *item; };
         std::vector<StreamSummary> streams;
-        for (const StreamSummary* summary : shown_streams(model)) {
-            streams.push_back(*summary);
-        }
+        std::ranges::transform(shown_streams(model), std::back_inserter(streams), copy);
         std::vector<Connection> connections;
-        for (const Connection* connection : shown_connections(model)) {
-            connections.push_back(*connection);
-        }
+        std::ranges::transform(shown_connections(model), std::back_inserter(connections), copy);
         std::cout << watch_json(model.running, streams, connections, settings.unit) << '\n';
         return;
     }
