@@ -1,6 +1,7 @@
 // drop id and drop address: connections by their ids.
 #include <algorithm>
 #include <iterator>
+#include <string_view>
 
 #include "tools/v9_rtmp_ctl/commands.h"
 #include "tools/v9_rtmp_ctl/drop_batch.h"
@@ -15,6 +16,12 @@ ExitCode report_worse(ExitCode so_far, const Failure& failure) {
     return worse_of(so_far, report(failure));
 }
 
+// Names may be megabytes long.
+std::string short_name(const std::string& name) {
+    constexpr std::size_t MAX_NAME_BYTES = 64;
+    return cut_text(escape_untrusted(std::string_view(name).substr(0, MAX_NAME_BYTES + 1)), MAX_NAME_BYTES);
+}
+
 // Of each that was dropped one line, of each other one its failure.
 ExitCode print_outcomes(const Settings& settings, const std::vector<DropOutcome>& outcomes) {
     DropResult result;
@@ -25,8 +32,7 @@ ExitCode print_outcomes(const Settings& settings, const std::vector<DropOutcome>
             ++result.dropped;
             result.ids->push_back(outcome.id);
             lines += "dropped connection " + std::to_string(outcome.id) +
-                     (outcome.guard.empty() ? "" : " of stream '" + escape_untrusted(outcome.guard) + "'") +
-                     "\n";
+                     (outcome.guard.empty() ? "" : " of stream '" + short_name(outcome.guard) + "'") + "\n";
         } else if (outcome.failure->exit_code == ExitCode::ANOTHER_CLIENT) {
             result.uncertain_ids.push_back(outcome.id);
         } else {
