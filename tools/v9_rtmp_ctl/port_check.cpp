@@ -68,10 +68,11 @@ std::vector<std::string> entries(const std::string& path) {
 }
 
 bool has_socket(const std::string& process, const std::vector<ListeningSocket>& sockets) {
-    const std::string directory = "/proc/" + process + "/fd";
+    const std::string directory = "/proc/" + process + "/fd/";
     for (const std::string& name : entries(directory)) {
         std::array<char, 64> target{};
-        const ssize_t length = readlink((directory + "/" + name).c_str(), target.data(), target.size());
+        const ssize_t length =
+            readlink(std::string(directory).append(name).c_str(), target.data(), target.size());
         const std::string_view text(target.data(), length > 0 ? static_cast<std::size_t>(length) : 0);
         const bool found =
             std::any_of(sockets.begin(), sockets.end(), [&text](const ListeningSocket& socket) {
