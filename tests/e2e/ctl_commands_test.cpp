@@ -16,6 +16,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <filesystem>
 #include <sstream>
@@ -120,7 +121,54 @@ TEST(ctl, hello_tells_the_greeting_and_the_round_trip) {
     EXPECT_THAT(plain.out, MatchesRegex("How are you\\?\t[0-9]+\\.[0-9]\n"));
     const ProgramRun json = run_tool({"--json", "hello"});
     expect_done(json);
-    EXPECT_THAT(json.out, MatchesRegex("\\{\"greeting\":\"How are you\\?\",\"round_trip_ms\":[0-9.]+\\}\n"));
+    EXPECT_THAT(json.out, MatchesRegex("\\{\"greeting\":\"How are you\\?\",\"round_trip_ms\":[0-9.]+,"
+                                       "\"listeners\":\\[[0-9]+\\],\"notes\":\\[\\]\\}\n"));
+}
+
+TEST(ctl, hello_tells_that_two_servers_share_the_port) {
+    const ServerProcess first;
+    ServerOptions options;
+    options.beside_another = true;
+    const ServerProcess second(options);
+    const ProgramRun run = run_tool({"hello"});
+    EXPECT_EQ(run.end, (ProgramEnd{DONE, 0}));
+    const auto [low, high] = std::minmax({first.pid(), second.pid()});
+    EXPECT_THAT(run.err, HasSubstr("warning: 2 processes listen on port 1935 (" + std::to_string(low) + ", " +
+                                   std::to_string(high) + ")"));
+    EXPECT_THAT(run.err,
+                HasSubstr("control socket belongs to process " + std::to_string(second.pid()) + "."));
+}
+
+TEST(ctl, hello_tells_that_another_process_listens_than_the_one_that_answers) {
+    const ServerProcess server;
+    const OtherServer other(control_reply({0, 1, 0, "hello", "Hi", {}}));
+    const ProgramRun run = run_tool({path_with_socket(OTHER_SOCKET), "hello", "--plain"});
+    EXPECT_EQ(run.end, (ProgramEnd{DONE, 0}));
+    EXPECT_THAT(run.err, HasSubstr("warning: process " + std::to_string(getpid()) + " answers, but process " +
+                                   std::to_string(server.pid()) + " listens on port 1935"));
+}
+
+TEST(ctl, hello_tells_that_a_server_without_control_socket_listens) {
+    const ServerProcess server;
+    std::filesystem::remove(CONTROL_SOCKET_PATH);
+    const ProgramRun run = run_tool({"hello"});
+    EXPECT_EQ(run.end, (ProgramEnd{NOT_RUNNING, 0}));
+    EXPECT_THAT(run.err, HasSubstr("there is no socket at"));
+    EXPECT_THAT(run.err,
+                HasSubstr("process " + std::to_string(server.pid()) + " listens on port 1935 all the same"));
+}
+
+TEST(ctl, hello_looks_at_the_network_of_the_server_that_answers) {
+    const ServerProcess server;
+    const ProgramRun run = run_program({"unshare", "--net", tool_path(), "hello"});
+    expect_done(run);
+    EXPECT_THAT(run.out, MatchesRegex("How are you\\? [^\n]+\n"));
+}
+
+TEST(ctl, the_socket_can_be_named_in_the_environment) {
+    const OtherServer server(control_reply({0, 1, 0, "hello", "Hi", {}}));
+    EXPECT_THAT(run_tool({"hello", "--plain"}, {.environment = {"V9_RTMP_SOCKET=" + OTHER_SOCKET}}).out,
+                StartsWith("Hi\t"));
 }
 
 TEST(ctl, list_prints_a_table_for_people_and_the_servers_own_fields_for_scripts) {
@@ -172,7 +220,12 @@ TEST(ctl, list_picks_by_mode_and_by_stream) {
                                              {{"--mode", "publish"}, "1"},
                                              {{"--mode", "none"}, "2"},
                                              {{"--stream", "cam1"}, "1"},
+                                             {{"--stream", "cam?"}, "01"},
+                                             {{"--stream", "cam1", "--stream", "cam2"}, "01"},
+                                             {{"--address", "127.0.0.0/8"}, "012"},
+                                             {{"--address", unnamed.local_address()}, "2"},
                                              {{"--sort", "stream"}, "102"},
+                                             {{"--reverse"}, "210"},
                                              {{"--mode", "play", "--stream", "cam2"}, "0"}}) {
         std::vector<std::string> words = {"--plain", "list"};
         words.insert(words.end(), row.options.begin(), row.options.end());
@@ -223,8 +276,14 @@ TEST(ctl, streams_prints_publisher_players_size_and_rivals) {
     expect_done(people);
     EXPECT_THAT(people.out,
                 MatchesRegex("STREAM +PUBLISHER +PLAYERS +SIZE +IN +OUT +RIVALS\n"
-                             "cam1 +0 127[0-9.:]+ +2 +1280x720 +[0-9.]+ K?i?B/s +[0-9.]+ K?i?B/s +4\n"
-                             "cam2 +- +1 +- +- +[0-9.]+ K?i?B/s +-\n"));
+                             "cam1 +0\\? 127[0-9.:]+ +2 +1280x720 +[0-9.]+ K?i?B/s +[0-9.]+ K?i?B/s +4\n"
+                             "cam2 +- +1 +- +- +[0-9.]+ K?i?B/s +-\n"
+                             "\\? is a guess: [^\n]+\n"));
+    const ProgramRun bits = run_tool({"--json", "--unit", "bits", "streams", "cam1"});
+    expect_done(bits);
+    EXPECT_THAT(bits.out, HasSubstr("\"publisher\":0,"));
+    EXPECT_THAT(bits.out,
+                AllOf(HasSubstr("\"publisher_is_guess\":true"), HasSubstr("\"bits_in_per_second\":")));
 }
 
 TEST(ctl, names_from_strangers_cannot_reach_the_terminal_as_they_are) {
@@ -258,6 +317,49 @@ TEST(ctl, drop_id_drops_the_connection_and_says_whose_it_was) {
     EXPECT_EQ(guarded.out, "1\n");
     player.expect_closed_without_answer();
     expect_failure(run_tool({"drop", "id", "0"}), NEGATIVE_ANSWER, "there is no connection 0");
+}
+
+TEST(ctl, several_ids_are_all_tried_and_the_worst_status_is_told) {
+    const ServerProcess server;
+    RtmpClient first = publishing_client("cam1");
+    RtmpClient second = playing_client("cam1");
+    RtmpClient third = playing_client("cam2");
+    const ProgramRun dry = run_tool({"drop", "id", "0", "2", "--dry-run", "--plain"});
+    expect_done(dry);
+    EXPECT_THAT(dry.out, MatchesRegex("0\tcam1\tpublish\t[^\n]+\n2\tcam2\tplay\t[^\n]+\n"));
+    const ProgramRun run = run_tool({"drop", "id", "0", "77", "1"});
+    EXPECT_EQ(run.end, (ProgramEnd{NEGATIVE_ANSWER, 0}));
+    EXPECT_EQ(run.out, "dropped connection 0 of stream 'cam1'\ndropped connection 1 of stream 'cam1'\n");
+    EXPECT_THAT(run.err, HasSubstr("there is no connection 77"));
+    first.expect_closed_without_answer();
+    second.expect_closed_without_answer();
+    expect_served(third);
+    const ProgramRun unseen = run_tool({"drop", "id", "2", "--no-list", "--stream", "cam2"});
+    expect_done(unseen);
+    third.expect_closed_without_answer();
+}
+
+TEST(ctl, drop_address_drops_what_comes_from_a_prefix) {
+    const ServerProcess server;
+    ClientOptions other_address;
+    other_address.local_address = "127.0.1.1";
+    RtmpClient near = playing_client("cam1");
+    RtmpClient far(other_address);
+    far.handshake();
+    far.connect_app();
+    far.create_stream();
+    far.play("cam1");
+    expect_failure(run_tool({"drop", "address", "127.0.1.0/24"}), USAGE, "--force");
+    const ProgramRun dry = run_tool({"drop", "address", "127.0.1.0/24", "-n", "--plain"});
+    expect_done(dry);
+    EXPECT_THAT(dry.out, MatchesRegex("1\tcam1\tplay\t[^\n]+\n"));
+    const ProgramRun run = run_tool({"drop", "address", "127.0.1.0/24", "-f"});
+    expect_done(run);
+    EXPECT_EQ(run.out, "dropped connection 1 of stream 'cam1'\n");
+    far.expect_closed_without_answer();
+    expect_served(near);
+    expect_failure(run_tool({"drop", "address", "127.0.1.1", "-f"}), NEGATIVE_ANSWER,
+                   "no connection matches");
 }
 
 TEST(ctl, an_id_is_looked_at_before_anything_is_sent) {

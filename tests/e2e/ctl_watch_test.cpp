@@ -34,6 +34,8 @@ const std::string KEYS = "q quit  s sort  p pause";
 const std::string CTRL_C = "\x03";
 const std::string CTRL_BACKSLASH = "\x1c";
 const std::string CTRL_Z = "\x1a";
+const std::string UP_KEY = "\x1b[A";
+const std::string END_KEY = "\x1b[F";
 
 std::vector<std::string> watch_command() {
     return {tool_path(), "watch", "--interval", "0.2"};
@@ -90,7 +92,7 @@ class CtlWatch : public testing::Test {
         EXPECT_THAT(rows[1], MatchesRegex("in .* out .* sort id"));
         EXPECT_THAT(rows[3], MatchesRegex("STREAM +PUBLISHER +PLAYERS +SIZE +IN +OUT +RIVALS"));
         EXPECT_THAT(rows[4], MatchesRegex("cam1 +0 127.0.0.1:[0-9]+ +2 +1280x720 +.+ +.+ +-"));
-        EXPECT_THAT(rows[6], MatchesRegex("ID +STREAM +MODE +SENDING +RECEIVING +ADDRESS"));
+        EXPECT_THAT(rows[6], MatchesRegex("ID +STREAM +MODE +SIZE +SENDING +RECEIVING +ADDRESS"));
         EXPECT_THAT(rows[7], MatchesRegex(" *0 +cam1 +publish .* 127.0.0.1:[0-9]+"));
         EXPECT_THAT(rows[8], MatchesRegex(" *1 +cam1 +play .* 127.0.0.1:[0-9]+"));
         EXPECT_THAT(rows[9], MatchesRegex(" *2 +cam1 +play .* 127.0.0.1:[0-9]+"));
@@ -175,7 +177,7 @@ TEST_F(CtlWatch, it_fits_a_terminal_whose_size_changes) {
     watch.resize(12, 40);
     const std::vector<std::string> small = watch.wait_for_rows("a small frame", [](const auto& rows) {
         return rows.size() == 12 && rows[11].starts_with("q quit") && rows[0].size() <= 40 &&
-               rows[0].ends_with('~');
+               rows[0].ends_with("4 of 128 slots used");
     });
     for (const std::string& row : small) {
         EXPECT_LE(row.size(), 40U);
@@ -244,6 +246,64 @@ TEST_F(CtlWatch, a_yes_drops_nobody_who_changed_while_the_question_waited) {
     (void)watch.wait_for_text("3 of 128 slots used");
     watch.type("y");
     (void)watch.wait_for_text("there is no connection 2.");
+}
+
+TEST_F(CtlWatch, a_selected_connection_is_dropped_after_a_yes) {
+    (void)second_player.round_trip();
+    TerminalProgram watch(watch_command());
+    expect_whole_frame(watch);
+    watch.type(END_KEY);
+    (void)watch.wait_for_row("> *3 +- +- .*");
+    watch.type(UP_KEY);
+    (void)watch.wait_for_row("> *2 +cam1 +play .*");
+    watch.type("d");
+    (void)watch.wait_for_text("Drop connection 2, play 'cam1', " + second_player.local_address() + "? [y/N]");
+    watch.type("y");
+    (void)watch.wait_for_text("Dropped connection 2.");
+    second_player.expect_closed_without_answer();
+    EXPECT_EQ(server.count("Dropping connection"), 1U);
+}
+
+TEST_F(CtlWatch, a_selected_stream_is_dropped_after_a_yes) {
+    TerminalProgram watch(watch_command());
+    expect_whole_frame(watch);
+    watch.type("\t" + END_KEY);
+    (void)watch.wait_for_row(">cam1 .*");
+    watch.type("d");
+    (void)watch.wait_for_text("Drop all of stream 'cam1', 3 connections? [y/N]");
+    watch.type("y");
+    (void)watch.wait_for_text("Dropped 3 connections of stream 'cam1'.");
+    (void)watch.wait_for_text("1 of 128 slots used");
+}
+
+TEST_F(CtlWatch, the_view_key_shows_either_table_alone) {
+    TerminalProgram watch(watch_command());
+    expect_whole_frame(watch);
+    const auto shows = [&watch](const char* what, bool streams, bool connections) {
+        (void)watch.wait_for_rows(what, [&](const std::vector<std::string>& rows) {
+            const auto has = [&rows](const std::string& title) {
+                return std::any_of(rows.begin(), rows.end(),
+                                   [&title](const std::string& row) { return row.starts_with(title); });
+            };
+            return has("STREAM ") == streams && has("ID ") == connections;
+        });
+    };
+    watch.type("v");
+    shows("the streams", true, false);
+    watch.type("v");
+    shows("the connections", false, true);
+    watch.type("v");
+    shows("both", true, true);
+}
+
+TEST_F(CtlWatch, options_pick_what_it_shows) {
+    std::vector<std::string> command = watch_command();
+    command.insert(command.end(), {"--mode", "play", "--unit", "bits"});
+    TerminalProgram watch(command);
+    const std::vector<std::string> rows = watch.wait_for_row(" *2 +cam1 +play .* k?bit/s .*");
+    EXPECT_THAT(rows[0], HasSubstr("4 of 128 slots used"));
+    EXPECT_THAT(rows[1], StartsWith("2 shown  in "));
+    EXPECT_THAT(rows, Not(Contains(HasSubstr(" publish "))));
 }
 
 TEST_F(CtlWatch, the_filter_key_leaves_what_contains_the_text) {
@@ -402,6 +462,33 @@ TEST_F(CtlWatch, in_the_background_it_waits_until_it_is_brought_to_the_foregroun
     // It may have stopped once more before the signal comes, which then waits until it goes on.
     shell.type("bg; kill %1; kill -CONT %1 2>&-; wait -f %1; echo ended with $?\r");
     (void)shell.wait_for_text("ended with 143");
+}
+
+TEST_F(CtlWatch, it_ends_while_its_terminal_takes_no_output) {
+    for (const int number : {SIGTERM, SIGINT, SIGHUP}) {
+        TerminalProgram watch(watch_command());
+        expect_whole_frame(watch);
+        watch.stop_taking_output();
+        // Long enough for two frames.
+        std::this_thread::sleep_for(Milliseconds{500});
+        watch.send_signal(number);
+        EXPECT_EQ(watch.wait_for_exit(scaled(Milliseconds{1000})), (ProgramEnd{0, 0}));
+        watch.take_output_again();
+        (void)watch.wait_for_text(TERMINAL_PROMPT);
+        EXPECT_FALSE(watch.screen().shows_alternate());
+        EXPECT_TRUE(watch.screen().shows_cursor());
+    }
+}
+
+TEST_F(CtlWatch, it_goes_on_once_its_terminal_takes_output_again) {
+    TerminalProgram watch(watch_command());
+    expect_whole_frame(watch);
+    watch.stop_taking_output();
+    const RtmpClient other = playing_client("garden");
+    watch.take_output_again();
+    (void)watch.wait_for_text("garden");
+    watch.type("q");
+    EXPECT_EQ(watch.wait_for_exit(), (ProgramEnd{0, 0}));
 }
 
 TEST_F(CtlWatch, it_ends_when_its_terminal_goes_away) {

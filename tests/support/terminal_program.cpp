@@ -120,6 +120,25 @@ void TerminalProgram::resize(std::size_t rows, std::size_t columns) {
     checked(ioctl(master_fd, TIOCSWINSZ, &size), "TIOCSWINSZ");
 }
 
+void TerminalProgram::stop_taking_output() {
+    {
+        // The pump is not reading now, and will not begin to.
+        const std::lock_guard guard(mutex);
+        takes_output = false;
+    }
+    const std::string path = "/proc/self/fd/" + std::to_string(terminal_fd);
+    const int filler = checked(open(path.c_str(), O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC), "open");
+    const std::string blanks(4096, ' ');
+    // What was under way to the terminal may make a little room once more.
+    for (int refusals = 0; refusals < 3;) {
+        if (write(filler, blanks.data(), blanks.size()) < 0) {
+            ++refusals;
+            std::this_thread::sleep_for(Milliseconds{10});
+        }
+    }
+    close(filler);
+}
+
 TerminalScreen TerminalProgram::screen() const {
     const std::lock_guard guard(mutex);
     return shown;
@@ -177,7 +196,7 @@ ProgramEnd TerminalProgram::wait_for_exit(Milliseconds wait) {
     // What it wrote last is in the terminal now, and the pump takes it out.
     const TimePoint deadline = SteadyClock::now() + wait;
     pollfd entry{master_fd, POLLIN, 0};
-    while (poll(&entry, 1, 0) == 1 && SteadyClock::now() < deadline) {
+    while (takes_output && poll(&entry, 1, 0) == 1 && SteadyClock::now() < deadline) {
         std::this_thread::sleep_for(Milliseconds{1});
     }
     const std::lock_guard guard(mutex);
@@ -204,12 +223,15 @@ std::string TerminalProgram::damage() const {
 
 void TerminalProgram::pump() {
     while (!pump_may_end) {
-        pollfd entry{master_fd, POLLIN, 0};
+        pollfd entry{takes_output ? master_fd : -1, POLLIN, 0};
         if (poll(&entry, 1, READ_SLICE_MS) != 1) {
             continue;
         }
         // Held while reading: bytes are either in the terminal or in the capture.
         const std::lock_guard guard(mutex);
+        if (!takes_output) {
+            continue;
+        }
         std::array<char, 65536> chunk{};
         const ssize_t count = read(master_fd, chunk.data(), chunk.size());
         if (count > 0) {

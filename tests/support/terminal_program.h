@@ -36,6 +36,9 @@ class TerminalProgram {
     void type(std::string_view keys) const;
     void send_signal(int signal_number) const;
     void resize(std::size_t rows, std::size_t columns);
+    // The terminal is full and takes nothing more, as when Ctrl-S was pressed or a network link hangs; then it does again.
+    void stop_taking_output();
+    void take_output_again() { takes_output = true; }
     // The terminal goes away, as when its window is closed. Nothing more is captured.
     void hang_up();
 
@@ -69,6 +72,7 @@ class TerminalProgram {
     termios modes_before{};
     pid_t child = -1;
     std::atomic<bool> pump_may_end{false};
+    std::atomic<bool> takes_output{true};
     mutable std::mutex mutex;
     mutable std::condition_variable changed;
     // Under the mutex.

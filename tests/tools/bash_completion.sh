@@ -21,12 +21,23 @@ expect() {
 
 expect "hello list streams drop watch raw completion version help" ""
 expect "streams" str
-expect "id stream unnamed" drop ""
-expect "0 12 3" drop id ""
+expect "id stream address unnamed" drop ""
+expect "0 3 12" drop id ""
 expect "12" drop id 1
 expect "cam1 demo" drop stream ""
 expect "demo" --json drop stream d
 expect "--stream" drop id --str
+expect "0 12" drop id 3 ""
+expect "demo" drop stream cam1 ""
+expect "10.0.0.1 10.0.0.2" drop address ""
+expect "10.0.0.1 10.0.0.2" list --address 10.0.0.1 --address ""
+expect "0 3 12" --timeout 3 drop id ""
+expect "demo" streams cam1 ""
+expect "bytes bits" --unit ""
+expect "stream rate" streams --sort ""
+expect "cam1 demo" streams ""
+expect "id stream address unnamed" help drop ""
+expect "--version" --v
 expect "--dry-run" drop stream demo --d
 expect "cam1 demo" list --stream ""
 expect "publish play none" list --mode ""
@@ -35,8 +46,6 @@ expect "--no-legend" list --no-l
 expect "zsh" completion z
 expect "--socket" --so
 expect "" raw hello ""
-expect "" drop id 3 ""
-expect "" drop stream cam1 ""
 expect "publish play none" list --mode = ""
 expect "publish" list --mode = pub
 expect "id stream rate" list --sort =
@@ -45,6 +54,16 @@ expect "cam1 demo" list --stream =
 expect "demo" drop id 3 --stream = d
 expect "cam1" --socket /run/other drop stream c
 expect "cam1" --socket = /run/another drop stream c
+
+# Where several are listed, people see whose they are; one alone is completed.
+for COMP_TYPE in 9 63; do
+    expect '0 -- publish cam1 10.0.0.1:5 3 -- play $(touch '"$scratch"'/owned) 10.0.0.1:6 12 -- play demo 10.0.0.2:5' drop id ""
+    expect "12" drop id 1
+done
+# What is inserted one after the other is ids alone.
+COMP_TYPE=37
+expect "0 3 12" drop id ""
+unset COMP_TYPE
 
 expect_sockets_asked "--socket /run/other" "--socket /run/another"
 exit_with_result

@@ -44,11 +44,14 @@ TEST(CommandLine, EverySubcommandIsKnown) {
         {{"streams"}, Subcommand::STREAMS},
         {{"drop", "id", "5"}, Subcommand::DROP_ID},
         {{"drop", "stream", "cam1"}, Subcommand::DROP_STREAM},
+        {{"drop", "address", "10.0.0.1"}, Subcommand::DROP_ADDRESS},
         {{"drop", "unnamed"}, Subcommand::DROP_UNNAMED},
         {{"watch"}, Subcommand::WATCH},
         {{"raw", "hello"}, Subcommand::RAW},
         {{"completion", "bash"}, Subcommand::COMPLETION},
         {{"version"}, Subcommand::VERSION},
+        {{"--version"}, Subcommand::VERSION},
+        {{"list", "-V"}, Subcommand::VERSION},
     };
     for (const Row& row : rows) {
         EXPECT_EQ(parsed(row.words).subcommand, row.subcommand) << testing::PrintToString(row.words);
@@ -62,49 +65,109 @@ TEST(CommandLine, WithoutOptionsTheDefaultsHold) {
     EXPECT_EQ(line.settings.form, OutputForm::PEOPLE);
     EXPECT_FALSE(line.settings.no_color);
     EXPECT_FALSE(line.settings.quiet);
-    EXPECT_EQ(line.list.mode, std::nullopt);
-    EXPECT_EQ(line.list.stream, std::nullopt);
+    EXPECT_EQ(line.settings.unit, RateUnit::BYTES);
+    EXPECT_TRUE(line.list.selection.is_everything());
+    EXPECT_FALSE(line.list.reverse);
     EXPECT_EQ(line.list.sort, SortKey::ID);
     EXPECT_EQ(parsed({"watch"}).watch.interval_seconds, 1);
 }
 
 TEST(CommandLine, GlobalOptionsStandBeforeOrBehindTheSubcommand) {
     for (const Words& words :
-         {Words{"--socket", "/s", "--timeout", "0.25", "--json", "--no-color", "-q", "list"},
-          Words{"list", "--socket=/s", "--timeout=0.25", "--json", "--no-color", "--quiet"}}) {
+         {Words{"--socket", "/s", "--timeout", "0.25", "--unit", "bits", "--json", "--no-color", "-q",
+                "list"},
+          Words{"list", "--socket=/s", "--timeout=0.25", "--unit=bits", "--json", "--no-color", "--quiet"}}) {
         const CommandLine line = parsed(words);
         EXPECT_EQ(line.settings.socket_path, "/s");
         EXPECT_EQ(line.settings.timeout_us(), 250000U);
         EXPECT_EQ(line.settings.form, OutputForm::JSON);
         EXPECT_TRUE(line.settings.no_color);
         EXPECT_TRUE(line.settings.quiet);
+        EXPECT_EQ(line.settings.unit, RateUnit::BITS);
     }
     EXPECT_EQ(parsed({"drop", "unnamed", "-f", "--plain"}).settings.form, OutputForm::PLAIN);
 }
 
 TEST(CommandLine, ListIsPickedAndSorted) {
-    const CommandLine line =
-        parsed({"list", "--mode", "none", "--stream", "cam1", "--sort", "rate", "--no-legend"});
-    EXPECT_THAT(line.list.mode, Optional(std::string("none")));
-    EXPECT_THAT(line.list.stream, Optional(std::string("cam1")));
+    const CommandLine line = parsed({"list", "--mode", "none", "--stream", "cam1", "--stream", "d*",
+                                     "--address", "10.0.0.0/8", "--sort", "rate", "-r", "--no-legend"});
+    EXPECT_THAT(line.list.selection.mode, Optional(std::string("none")));
+    EXPECT_THAT(line.list.selection.streams, ElementsAre("cam1", "d*"));
+    EXPECT_THAT(line.list.selection.addresses, ElementsAre(*parse_address_range("10.0.0.0/8")));
     EXPECT_EQ(line.list.sort, SortKey::RATE);
+    EXPECT_TRUE(line.list.reverse);
     EXPECT_TRUE(line.list.no_legend);
     EXPECT_EQ(parsed({"list", "--sort", "stream"}).list.sort, SortKey::STREAM);
-    EXPECT_THAT(parsed({"list", "--stream", ""}).list.stream, Optional(std::string()));
+    EXPECT_THAT(parsed({"list", "--stream", ""}).list.selection.streams, ElementsAre(""));
+}
+
+TEST(CommandLine, StreamsTakesNamesAndAnOrder) {
+    const CommandLine line = parsed({"streams", "cam1", "d*", "--sort", "rate", "--reverse", "--no-legend"});
+    EXPECT_THAT(line.streams.names, ElementsAre("cam1", "d*"));
+    EXPECT_EQ(line.streams.sort, SortKey::RATE);
+    EXPECT_TRUE(line.streams.reverse);
+    EXPECT_TRUE(line.streams.no_legend);
+    EXPECT_EQ(parsed({"streams"}).streams.sort, SortKey::STREAM);
 }
 
 TEST(CommandLine, DropTakesWhatToDrop) {
-    const CommandLine by_id = parsed({"drop", "id", "5", "--stream", "cam1"});
-    EXPECT_EQ(by_id.drop.id, "5");
+    const CommandLine by_id = parsed({"drop", "id", "5", "7", "--stream", "cam1"});
+    EXPECT_THAT(by_id.drop.ids, ElementsAre("5", "7"));
     EXPECT_THAT(by_id.drop.expected_stream, Optional(std::string("cam1")));
-    EXPECT_EQ(by_id.list.stream, std::nullopt);
-    EXPECT_EQ(parsed({"drop", "id", "-1"}).drop.id, "-1");  // refused later, by the rule for ids
-    const CommandLine by_name = parsed({"drop", "stream", "cam1", "-n", "-f"});
-    EXPECT_EQ(by_name.drop.stream, "cam1");
+    EXPECT_TRUE(by_id.drop.selection.is_everything());
+    EXPECT_TRUE(parsed({"drop", "id", "5", "--no-list"}).drop.no_list);
+    EXPECT_THAT(parsed({"drop", "id", "-1"}).drop.ids,
+                ElementsAre("-1"));  // refused later, by the rule for ids
+    const CommandLine by_name = parsed({"drop", "stream", "cam1", "d*", "--mode", "play", "-n", "-f"});
+    EXPECT_THAT(by_name.drop.selection.streams, ElementsAre("cam1", "d*"));
+    EXPECT_THAT(by_name.drop.selection.mode, Optional(std::string("play")));
     EXPECT_TRUE(by_name.drop.dry_run);
     EXPECT_TRUE(by_name.drop.force);
-    EXPECT_EQ(parsed({"drop", "stream", ""}).drop.stream, "");
+    EXPECT_THAT(parsed({"drop", "stream", ""}).drop.selection.streams, ElementsAre(""));
+    const CommandLine by_address = parsed({"drop", "address", "10.0.0.0/8", "192.0.2.1", "--stream", "d*"});
+    EXPECT_EQ(by_address.drop.selection.addresses.size(), 2U);
+    EXPECT_THAT(by_address.drop.selection.streams, ElementsAre("d*"));
     EXPECT_TRUE(parsed({"drop", "unnamed", "--force"}).drop.force);
+    for (const Words& words : {Words{"drop", "id", "5", "-n"}, Words{"drop", "unnamed", "--dry-run"},
+                               Words{"drop", "address", "10.0.0.1", "-n"}}) {
+        EXPECT_TRUE(parsed(words).drop.dry_run) << testing::PrintToString(words);
+    }
+}
+
+TEST(CommandLine, TheSocketCanStandInTheEnvironment) {
+    setenv("V9_RTMP_SOCKET", "/run/mine", 1);
+    EXPECT_EQ(parsed({"list"}).settings.socket_path, "/run/mine");
+    EXPECT_EQ(parsed({"raw", "hello"}).settings.socket_path, "/run/mine");
+    EXPECT_EQ(parsed({"list", "--socket", "/s"}).settings.socket_path, "/s");
+    setenv("V9_RTMP_SOCKET", "", 1);
+    EXPECT_EQ(parsed({"list"}).settings.socket_path, DEFAULT_SOCKET_PATH);
+    unsetenv("V9_RTMP_SOCKET");
+}
+
+TEST(CommandLine, AnErrorSaysWhatToDo) {
+    struct Row {
+        Words words;
+        const char* advice;
+    };
+    const Row rows[] = {
+        {{}, "'v9_rtmp_ctl help' has all commands"},
+        {{"drop"}, "'drop stream cam1', 'drop address 203.0.113.0/24'"},
+        {{"drop", "id"}, "'drop id' needs an argument: ID. Try 'v9_rtmp_ctl help drop id'."},
+        {{"strems"}, "there is no command 'strems'. Did you mean 'streams'?"},
+        {{"drop", "adress", "10.0.0.1"}, "Did you mean 'address'?"},
+        {{"bogus"}, "there is no command 'bogus'. Try"},
+        {{"list", "--strem", "x"}, "'list' has no option '--strem'. Did you mean '--stream'?"},
+        {{"list", "--modes=x"}, "Did you mean '--mode'?"},
+        {{"list", "one", "two", "three"}, "'list' takes no 'one' 'two' 'three'."},
+        {{"--timeout", "0", "hello"}, "'0' is not a number of seconds from 0.001 to 86400."},
+        {{"watch", "--interval", "0"}, "'0' is not a number of seconds from 0.1 to 86400."},
+        {{"list", "--mode", "all"}, "'all' is not one of publish, play, none."},
+        {{"drop", "address", "10.0.0"}, "or a prefix such as 203.0.113.0/24."},
+        {{"help", "drop", "streams"}, "Did you mean 'stream'?"},
+    };
+    for (const Row& row : rows) {
+        EXPECT_THAT(refused(row.words).message, HasSubstr(row.advice)) << testing::PrintToString(row.words);
+    }
 }
 
 TEST(CommandLine, WhatIsNotUnderstoodIsAUsageErrorWithAHint) {
@@ -123,7 +186,10 @@ TEST(CommandLine, WhatIsNotUnderstoodIsAUsageErrorWithAHint) {
                                Words{"--timeout"},
                                Words{"drop"},
                                Words{"drop", "id"},
-                               Words{"drop", "id", "1", "2"},
+                               Words{"drop", "id", "1", "--no-list", "--dry-run"},
+                               Words{"drop", "address"},
+                               Words{"drop", "address", "10.0.0.0/33"},
+                               Words{"--unit", "octets", "list"},
                                Words{"drop", "stream"},
                                Words{"drop", "unnamed", "x"},
                                Words{"watch", "--interval", "0"},
@@ -149,6 +215,8 @@ TEST(CommandLine, HelpIsToldAboutTheToolAndItsCommands) {
         EXPECT_THAT(line.help_text, HasSubstr("--socket"));
     }
     EXPECT_THAT(parsed({"help", "list"}).help_text, HasSubstr("v9_rtmp_ctl list"));
+    EXPECT_THAT(parsed({"help", "drop", "id"}).help_text, HasSubstr("v9_rtmp_ctl drop id"));
+    EXPECT_THAT(parsed({"drop", "id", "--help"}).help_text, HasSubstr("--no-list"));
     EXPECT_THAT(parsed({"list", "--help"}).help_text, HasSubstr("--no-legend"));
     EXPECT_THAT(parsed({"raw", "-h"}).help_text, HasSubstr("--async"));
 }

@@ -38,6 +38,10 @@ class Commands : public testing::Test {
         }
         if (request.command == "list connections") {
             Reply reply{0, request.command, "Connection list response", {{"connection field order", "..."}}};
+            if (!later_lines.empty()) {
+                lines = later_lines.front();
+                later_lines.erase(later_lines.begin());
+            }
             for (const std::string& line : lines) {
                 reply.pairs.emplace_back("connection", line);
             }
@@ -78,6 +82,7 @@ class Commands : public testing::Test {
     std::mutex mutex;
     std::vector<Request> requests;
     std::vector<std::string> lines{CAM1_PUBLISHER, CAM1_PLAYER, UNNAMED};
+    std::vector<std::vector<std::string>> later_lines;  // of the next listings, one each
     std::uint64_t status = 0;
     std::string message = "OK";
     Settings settings;
@@ -86,13 +91,13 @@ class Commands : public testing::Test {
 
 DropOptions of_id(std::string id) {
     DropOptions options;
-    options.id = std::move(id);
+    options.ids = {std::move(id)};
     return options;
 }
 
 DropOptions of_stream(std::string stream, bool force) {
     DropOptions options;
-    options.stream = std::move(stream);
+    options.selection.streams = {std::move(stream)};
     options.force = force;
     return options;
 }
@@ -135,7 +140,7 @@ TEST_F(Commands, ListPrintsATableFieldsOrADocument) {
 
 TEST_F(Commands, ListWithoutLegendIsOnlyTheRows) {
     ListOptions options;
-    options.stream = "cam1";
+    options.selection.streams = {"cam1"};
     options.no_legend = true;
     EXPECT_EQ(list(options).out,
               "0  cam1  publish  640x360  10 B  20 B  10.0.0.1:1\n"
@@ -145,9 +150,9 @@ TEST_F(Commands, ListWithoutLegendIsOnlyTheRows) {
 TEST_F(Commands, ListOfAModeIsPickedByTheServerAndNoneHere) {
     settings.form = OutputForm::PLAIN;
     ListOptions options;
-    options.mode = "none";
+    options.selection.mode = "none";
     EXPECT_EQ(list(options).out, std::string(UNNAMED) + "\n");
-    options.mode = "play";
+    options.selection.mode = "play";
     EXPECT_EQ(list(options).exit_code, 0);
     EXPECT_THAT(requests[0].arguments, IsEmpty());
     EXPECT_THAT(requests[1].arguments, ElementsAre("play"));
@@ -155,7 +160,7 @@ TEST_F(Commands, ListOfAModeIsPickedByTheServerAndNoneHere) {
 
 TEST_F(Commands, ListSaysSoWhenNothingMatches) {
     ListOptions options;
-    options.stream = "cam2";
+    options.selection.streams = {"cam2"};
     EXPECT_EQ(list(options).exit_code, 1);
     EXPECT_THAT(list(options).err, HasSubstr("no connection matches"));
     lines.clear();
@@ -229,6 +234,135 @@ TEST_F(Commands, ABadIdIsNeverSent) {
     EXPECT_THAT(requests, IsEmpty());
 }
 
+TEST_F(Commands, DropIdIsSentBetweenTwoListings) {
+    EXPECT_EQ(drop_id(of_id("3")).exit_code, 0);
+    std::vector<std::string> commands;
+    for (const Request& request : requests) {
+        commands.push_back(request.command);
+    }
+    EXPECT_THAT(commands, ElementsAre("list connections", "list connections", "drop connection by id",
+                                      "list connections"));
+}
+
+TEST_F(Commands, DropIdTellsWhomItHitWhenTheSlotGotAnotherClient) {
+    const std::string newcomer = "3\tcam1\tplay\t\t0\t0\t10.0.0.9:9";
+    later_lines = {lines, {newcomer}, {newcomer}};
+    const Outcome outcome = drop_id(of_id("3"));
+    EXPECT_EQ(outcome.exit_code, 6);
+    EXPECT_EQ(outcome.out, "");
+    EXPECT_THAT(outcome.err,
+                HasSubstr("another client was dropped: id 3 was play of 'cam1' from 10.0.0.2:2 when it "
+                          "was looked up, and play of 'cam1' from 10.0.0.9:9 when it was dropped."));
+}
+
+TEST_F(Commands, DropIdThatMayHaveHitAnotherClientSaysSo) {
+    const std::string newcomer = "9\t\t\t\t0\t0\t10.0.0.9:9";
+    settings.form = OutputForm::JSON;
+    later_lines = {lines, lines, {newcomer}};
+    const Outcome outcome = drop_id(of_id("9"));
+    EXPECT_EQ(outcome.exit_code, 6);
+    EXPECT_EQ(outcome.out,
+              "{\"dropped\":0,\"dry_run\":false,\"message\":\"OK\",\"ids\":[],\"uncertain\":[9]}\n");
+    EXPECT_THAT(outcome.err,
+                HasSubstr("it is not certain which one that was: before the drop the id was without a "
+                          "stream from 10.0.0.3:3, after it without a stream from 10.0.0.9:9."));
+}
+
+TEST_F(Commands, OfSeveralIdsAllAreTriedAndTheWorstStatusIsTold) {
+    DropOptions options;
+    options.ids = {"3", "5", "0", "3", "200"};
+    const Outcome outcome = drop_id(options);
+    EXPECT_EQ(outcome.exit_code, 2);
+    EXPECT_EQ(outcome.out, "dropped connection 3 of stream 'cam1'\ndropped connection 0 of stream 'cam1'\n");
+    EXPECT_THAT(outcome.err, HasSubstr("there is no connection 5"));
+    EXPECT_THAT(outcome.err, HasSubstr("'200' is no connection id"));
+    EXPECT_EQ(other_requests().size(), 2U);
+    settings.form = OutputForm::PLAIN;
+    options.ids = {"3", "5"};
+    EXPECT_EQ(drop_id(options).out, "1\n");
+}
+
+TEST_F(Commands, DropIdWithoutListNeedsNoList) {
+    DropOptions options = of_id("3");
+    options.no_list = true;
+    EXPECT_EQ(drop_id(options).out, "dropped connection 3\n");
+    options.expected_stream = "cam1";
+    EXPECT_EQ(drop_id(options).exit_code, 0);
+    EXPECT_EQ(requests.size(), 2U);
+    EXPECT_THAT(requests[1].arguments, ElementsAre("3", "cam1"));
+}
+
+TEST_F(Commands, ADryRunOfIdsShowsThemAndDropsNothing) {
+    settings.form = OutputForm::PLAIN;
+    DropOptions options;
+    options.ids = {"3", "7"};
+    options.dry_run = true;
+    const Outcome outcome = drop_id(options);
+    EXPECT_EQ(outcome.out, std::string(CAM1_PLAYER) + "\n");
+    EXPECT_EQ(outcome.exit_code, 1);
+    options.ids = {"3"};
+    options.expected_stream = "cam2";
+    EXPECT_THAT(drop_id(options).err, HasSubstr("connection 3 is not of stream 'cam2'"));
+    EXPECT_THAT(other_requests(), IsEmpty());
+}
+
+TEST_F(Commands, DropAddressDropsWhatComesFromThere) {
+    DropOptions options;
+    options.selection.addresses = {*parse_address_range("10.0.0.2/31")};
+    options.dry_run = true;
+    EXPECT_THAT(outcome_of([&] { return run_drop_address(settings, options); }).out,
+                HasSubstr("would drop 2 connections\n"));
+    options.dry_run = false;
+    EXPECT_EQ(outcome_of([&] { return run_drop_address(settings, options); }).exit_code, 2);
+    options.force = true;
+    EXPECT_EQ(outcome_of([&] { return run_drop_address(settings, options); }).out,
+              "dropped connection 3 of stream 'cam1'\ndropped connection 9\n");
+    EXPECT_EQ(other_requests().size(), 2U);
+    options.selection.addresses = {*parse_address_range("192.0.2.0/24")};
+    EXPECT_EQ(outcome_of([&] { return run_drop_address(settings, options); }).exit_code, 1);
+}
+
+TEST_F(Commands, DropStreamTakesPatternsAndModes) {
+    message = "OK, 2 connections dropped";
+    EXPECT_EQ(drop_stream(of_stream("c*", true)).out, "dropped 2 connections\n");
+    EXPECT_THAT(other_requests()[0].arguments, ElementsAre("cam1"));
+    message = "OK";
+    DropOptions options = of_stream("c*", true);
+    options.selection.mode = "play";
+    EXPECT_EQ(drop_stream(options).out, "dropped connection 3 of stream 'cam1'\n");
+    EXPECT_THAT(other_requests()[1].arguments, ElementsAre("3", "cam1"));
+    options = of_stream("cam1", true);
+    options.selection.streams.push_back("cam2");
+    options.dry_run = true;
+    const Outcome outcome = drop_stream(options);
+    EXPECT_EQ(outcome.exit_code, 1);
+    EXPECT_THAT(outcome.out, HasSubstr("would drop 2"));
+    EXPECT_THAT(outcome.err, HasSubstr("no connection publishes or plays 'cam2'"));
+}
+
+TEST_F(Commands, StreamsCanBeNamed) {
+    settings.form = OutputForm::PLAIN;
+    StreamsOptions options;
+    options.names = {"cam?"};
+    EXPECT_EQ(outcome_of([&] { return run_streams(settings, options); }).out,
+              "cam1\t0\t1\t640x360\t0\t0\t\n");
+    options.names = {"demo"};
+    const Outcome outcome = outcome_of([&] { return run_streams(settings, options); });
+    EXPECT_EQ(outcome.exit_code, 1);
+    EXPECT_EQ(outcome.out, "");
+}
+
+TEST_F(Commands, StreamsWithoutLegendIsOnlyTheRows) {
+    lines.push_back("5\tcam1\tpublish\t\t0\t99\t10.0.0.5:5");
+    StreamsOptions options;
+    const std::string row = "cam1  0? 10.0.0.1:1  1  640x360  0 B/s  0 B/s  5\n";
+    options.no_legend = true;
+    EXPECT_EQ(outcome_of([&] { return run_streams(settings, options); }).out, row);
+    options.no_legend = false;
+    EXPECT_THAT(outcome_of([&] { return run_streams(settings, options); }).out,
+                testing::EndsWith("\n? is a guess: the server does not tell which one.\n"));
+}
+
 TEST_F(Commands, DropStreamNeedsForceWhereNobodyCanBeAsked) {
     const Outcome outcome = drop_stream(of_stream("cam1", false));
     EXPECT_EQ(outcome.exit_code, 2);
@@ -284,7 +418,7 @@ TEST_F(Commands, TheEmptyNameIsDroppedOnlyAsUnnamed) {
 
 TEST_F(Commands, EveryCompletionScriptIsPrinted) {
     EXPECT_THAT(outcome_of([] { return run_completion("bash"); }).out,
-                HasSubstr("complete -F _v9_rtmp_ctl v9_rtmp_ctl"));
+                HasSubstr("complete -o nosort -F _v9_rtmp_ctl v9_rtmp_ctl"));
     EXPECT_THAT(outcome_of([] { return run_completion("zsh"); }).out, StartsWith("#compdef v9_rtmp_ctl"));
     EXPECT_THAT(outcome_of([] { return run_completion("fish"); }).out, HasSubstr("complete -c v9_rtmp_ctl"));
     EXPECT_EQ(outcome_of([] { return run_completion("csh"); }).exit_code, 2);

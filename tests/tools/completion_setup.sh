@@ -7,7 +7,7 @@ trap 'rm -r "$scratch"' EXIT
 cat >"$scratch/v9_rtmp_ctl" <<STANDIN
 #!/bin/bash
 echo "\$*" >>"$scratch/calls"
-printf '0\tcam1\tpublish\t\t1\t2\ta\n12\tdemo\tplay\t\t1\t2\tb\n3\t\$(touch $scratch/owned)\tplay\t\t1\t2\tc\n'
+printf '0\tcam1\tpublish\t\t1\t2\t10.0.0.1:5\n12\tdemo\tplay\t\t1\t2\t10.0.0.2:5\n3\t\$(touch $scratch/owned)\tplay\t\t1\t2\t10.0.0.1:6\n'
 STANDIN
 chmod +x "$scratch/v9_rtmp_ctl"
 touch "$scratch/calls"

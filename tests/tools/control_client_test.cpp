@@ -132,15 +132,28 @@ TEST(ControlClient, ConnectsAgainAfterAFailure) {
 TEST(ControlClient, AStartedRequestIsPolledForItsReply) {
     const FakeServer server([](const Request& request, bool) { return Reply{0, request.command, "", {}}; });
     ControlClient client(server.path(), TIMEOUT_US);
-    ASSERT_FALSE(client.start({"one", {}}));
-    Reply reply;
-    bool found = false;
-    while (!found) {
-        pollfd ready = {client.fd(), POLLIN, 0};
-        ASSERT_EQ(poll(&ready, 1, 5000), 1);
-        ASSERT_FALSE(client.poll_reply(reply, found));
+    ASSERT_FALSE(client.start({{"one", {}}, {"two", {}}}));
+    for (const char* const command : {"one", "two"}) {
+        Reply reply;
+        bool found = false;
+        ASSERT_FALSE(client.poll_reply(reply, found));  // it may have come with the one before
+        while (!found) {
+            pollfd ready = {client.fd(), POLLIN, 0};
+            ASSERT_EQ(poll(&ready, 1, 5000), 1);
+            ASSERT_FALSE(client.poll_reply(reply, found));
+        }
+        EXPECT_EQ(reply.command, command);
     }
-    EXPECT_EQ(reply.command, "one");
+}
+
+TEST(ControlClient, SeveralRequestsGetTheirRepliesInOrder) {
+    const FakeServer server([](const Request& request, bool) { return Reply{0, request.command, "", {}}; });
+    ControlClient client(server.path(), TIMEOUT_US);
+    std::vector<Reply> replies;
+    ASSERT_FALSE(client.call_all({{"one", {}}, {"two", {}}, {"three", {}}}, replies));
+    ASSERT_EQ(replies.size(), 3U);
+    EXPECT_EQ(replies[0].command, "one");
+    EXPECT_EQ(replies[2].command, "three");
 }
 
 TEST(Listing, OnlyConnectionPairsAreRead) {

@@ -69,3 +69,40 @@ TEST(DropRules, ACandidateIsDroppedOnlyWhileTheListingHasItAsItWas) {
     }
     EXPECT_THAT(judge_candidate(unnamed, {player})->message, testing::HasSubstr("there is no connection 5"));
 }
+
+TEST(DropRules, OnlyWhatBothListingsAgreeOnIsCertain) {
+    const Connection meant = *parse_connection_line("5\tcam1\tplay\t\t1\t2\t10.0.0.1:1");
+    const Connection other = *parse_connection_line("5\tcam1\tplay\t\t1\t2\t10.0.0.2:2");
+    const Connection renamed = *parse_connection_line("5\tdemo\tplay\t\t1\t2\t10.0.0.1:1");
+    const Connection unknown = *parse_connection_line("5\tcam1\tplay\t\t\t\t");
+    struct Row {
+        std::optional<Connection> expected;
+        std::vector<Connection> before;
+        std::vector<Connection> after;
+        const char* said;  // empty: the drop is certain
+    };
+    const Row rows[] = {
+        {meant, {meant}, {meant}, ""},
+        {std::nullopt, {other}, {other}, ""},
+        {meant, {other}, {other}, "another client was dropped: id 5 was play of 'cam1' from 10.0.0.1:1 when"},
+        {meant,
+         {meant},
+         {other},
+         "before the drop the id was play of 'cam1' from 10.0.0.1:1, after it play of"},
+        {meant, {meant}, {renamed}, "after it play of 'demo' from 10.0.0.1:1"},
+        {meant, {meant}, {}, "after it free"},
+        {meant, {}, {other}, "before the drop the id was free"},
+        {meant, {unknown}, {unknown}, "from an unknown address"},
+    };
+    for (const Row& row : rows) {
+        const std::optional<Failure> failure =
+            judge_drop({5, "cam1", row.expected}, {0, "", "OK", {}}, {1, row.before}, {2, row.after});
+        EXPECT_EQ(failure.has_value(), *row.said != '\0') << row.said;
+        if (failure) {
+            EXPECT_EQ(failure->exit_code, ExitCode::ANOTHER_CLIENT);
+            EXPECT_THAT(failure->message, testing::HasSubstr(row.said));
+        }
+    }
+    EXPECT_EQ(judge_drop({5, "cam1", meant}, {0, "", "Stream name does not match", {}}, {}, {})->exit_code,
+              ExitCode::NEGATIVE_ANSWER);
+}

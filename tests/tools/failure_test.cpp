@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 using testing::HasSubstr;
+using testing::Not;
 
 TEST(Failure, EveryErrorHasItsExitCode) {
     struct Row {
@@ -11,10 +12,9 @@ TEST(Failure, EveryErrorHasItsExitCode) {
         int exit_code;
     };
     const Row rows[] = {
-        {COMM_SOCKET_V4_NO_SOCKET, 3}, {COMM_SOCKET_V4_REFUSED, 3},      {COMM_SOCKET_V4_PERMISSION, 4},
-        {COMM_SOCKET_V4_TIMEOUT, 5},   {COMM_SOCKET_V4_BROKEN_FRAME, 5}, {COMM_SOCKET_V4_CLOSED, 5},
-        {COMM_SOCKET_V4_TOO_LARGE, 2}, {COMM_SOCKET_V4_BAD_ARGUMENT, 2}, {COMM_SOCKET_V4_NO_MEMORY, 5},
-        {COMM_SOCKET_V4_SYSTEM, 5},
+        {COMM_SOCKET_V4_NO_SOCKET, 3},    {COMM_SOCKET_V4_REFUSED, 3},   {COMM_SOCKET_V4_PERMISSION, 4},
+        {COMM_SOCKET_V4_BROKEN_FRAME, 5}, {COMM_SOCKET_V4_CLOSED, 5},    {COMM_SOCKET_V4_TOO_LARGE, 2},
+        {COMM_SOCKET_V4_BAD_ARGUMENT, 2}, {COMM_SOCKET_V4_NO_MEMORY, 5}, {COMM_SOCKET_V4_SYSTEM, 5},
     };
     for (const Row& row : rows) {
         const Failure failure = describe_failure(row.error, "/run/socket");
@@ -23,6 +23,38 @@ TEST(Failure, EveryErrorHasItsExitCode) {
         EXPECT_THAT(failure.message, HasSubstr(". ")) << row.error;
         EXPECT_TRUE(failure.message.ends_with('.')) << row.error;
     }
+}
+
+TEST(Failure, AServerIsStartedOnlyForItsOwnSocket) {
+    for (const comm_socket_v4_error error : {COMM_SOCKET_V4_NO_SOCKET, COMM_SOCKET_V4_REFUSED}) {
+        EXPECT_THAT(describe_failure(error, DEFAULT_SOCKET_PATH).message, HasSubstr("Start v9_rtmp_server"));
+        const std::string message = describe_failure(error, "/etc/passwd").message;
+        EXPECT_THAT(message, Not(HasSubstr("Start")));
+        EXPECT_THAT(message, HasSubstr(std::string("v9_rtmp_server listens at ") + DEFAULT_SOCKET_PATH));
+    }
+    EXPECT_THAT(describe_failure(COMM_SOCKET_V4_REFUSED, "/etc/passwd").message,
+                HasSubstr("/etc/passwd is a file and not a socket."));
+    EXPECT_THAT(describe_failure(COMM_SOCKET_V4_REFUSED, "/etc").message,
+                HasSubstr("is a directory and not a"));
+}
+
+TEST(Failure, AShortTimeoutIsToldThatTheServerLooksTenTimesASecond) {
+    EXPECT_EQ(no_answer(50000).exit_code, ExitCode::NO_REPLY);
+    EXPECT_THAT(no_answer(50000).message,
+                HasSubstr("(0.05 s). It looks at its control socket ten times a second"));
+    EXPECT_THAT(no_answer(5000000).message, HasSubstr("wait longer with --timeout"));
+}
+
+TEST(Failure, AServerThatIsSendingIsNotToBeRestarted) {
+    const Failure failure = answer_too_long(60000000);
+    EXPECT_EQ(failure.exit_code, ExitCode::NO_REPLY);
+    EXPECT_THAT(failure.message, HasSubstr("still sending its answer after 60 s"));
+    EXPECT_THAT(failure.message, Not(HasSubstr("restart")));
+}
+
+TEST(Failure, TheExitStatusOfSeveralResultsIsTheWorst) {
+    EXPECT_EQ(worse_of(ExitCode::DONE, ExitCode::NEGATIVE_ANSWER), ExitCode::NEGATIVE_ANSWER);
+    EXPECT_EQ(worse_of(ExitCode::ANOTHER_CLIENT, ExitCode::NO_REPLY), ExitCode::ANOTHER_CLIENT);
 }
 
 TEST(Failure, ASocketPathCannotSteerTheTerminal) {

@@ -17,13 +17,25 @@ expect() {
 }
 
 expect "completion drop hello help list raw streams version watch" ""
-expect "id stream unnamed" "drop "
+expect "address id stream unnamed" "drop "
 expect "0 12 3" "drop id "
+expect "0 12" "drop id 3 "
+expect "10.0.0.1 10.0.0.2" "drop address "
+expect "cam1 demo" "streams "
+expect "address id stream unnamed" "help drop "
 expect "12" "drop id 1"
 expect "cam1 demo" "drop stream "
 expect "--sort=id --sort=rate --sort=stream" "list --sort="
 expect "cam1" "--socket /run/other drop stream c"
 expect "demo" "--socket=/run/another drop stream d"
+
+# Ids stand in numeric order, with whose they are.
+listed=$(fish --no-config -c 'source $argv[1]; complete -C "v9_rtmp_ctl drop id "' "$scratch/completion.fish")
+wanted=$(printf '0\tpublish cam1 10.0.0.1:5\n3\tplay $(touch %s/owned) 10.0.0.1:6\n12\tplay demo 10.0.0.2:5' "$scratch")
+if [[ $listed != "$wanted" ]]; then
+    echo "the ids are listed as '$listed'"
+    failed=1
+fi
 
 expect_sockets_asked "--socket /run/other" "--socket=/run/another"
 exit_with_result

@@ -1,5 +1,6 @@
 #include "tools/v9_rtmp_ctl/json_forms.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 namespace {
@@ -71,18 +72,23 @@ TEST(StreamsJson, HasOneObjectForEachStream) {
     summary.in_rate = 1000.4;
     summary.out_rate = 2000;
     summary.rivals = {7, 9};
+    summary.publisher_is_guess = true;
     EXPECT_EQ(
         streams_json({summary}),
-        R"({"streams":[{"stream":"cam1","publisher":3,"publisher_address":"10.0.0.1:5000","players":2,)"
+        R"({"streams":[{"stream":"cam1","publisher":3,"publisher_address":"10.0.0.1:5000",)"
+        R"("publisher_is_guess":true,"players":2,)"
         R"("width":640,"height":360,"bytes_in_per_second":1000,"bytes_out_per_second":2000,"rivals":[7,9]}]})");
     StreamSummary waiting;
     waiting.stream = "w\xff";
     EXPECT_EQ(streams_json({waiting}),
               "{\"streams\":[{\"stream\":\"w\xef\xbf\xbd\",\"publisher\":null,\"publisher_address\":null,"
+              "\"publisher_is_guess\":false,"
               "\"players\":0,"
               "\"width\":null,\"height\":null,\"bytes_in_per_second\":null,\"bytes_out_per_second\":null,"
               "\"rivals\":[]}]}");
     EXPECT_EQ(streams_json({}), R"({"streams":[]})");
+    EXPECT_THAT(streams_json({summary}, RateUnit::BITS),
+                testing::HasSubstr(R"("bits_in_per_second":8003,"bits_out_per_second":16000)"));
 }
 
 TEST(WatchJson, SaysWhetherTheServerRuns) {
@@ -90,8 +96,15 @@ TEST(WatchJson, SaysWhetherTheServerRuns) {
 }
 
 TEST(OtherJson, TellWhatWasDone) {
-    EXPECT_EQ(hello_json("How are you?", 12345), R"({"greeting":"How are you?","round_trip_ms":12.345})");
-    EXPECT_EQ(drop_json(2, false, "OK"), R"({"dropped":2,"dry_run":false,"message":"OK"})");
-    EXPECT_EQ(drop_json(3, true, std::nullopt), R"({"dropped":3,"dry_run":true,"message":null})");
+    EXPECT_EQ(hello_json({"How are you?", 12345, std::vector<unsigned>{17}, {}}),
+              R"({"greeting":"How are you?","round_trip_ms":12.345,"listeners":[17],"notes":[]})");
+    EXPECT_EQ(hello_json({"Hi", 1000, std::nullopt, {"two"}}),
+              R"({"greeting":"Hi","round_trip_ms":1.0,"listeners":null,"notes":["two"]})");
+    EXPECT_EQ(drop_json({2, false, "OK", std::nullopt, {}}),
+              R"({"dropped":2,"dry_run":false,"message":"OK"})");
+    EXPECT_EQ(drop_json({3, true, std::nullopt, std::nullopt, {}}),
+              R"({"dropped":3,"dry_run":true,"message":null})");
+    EXPECT_EQ(drop_json({1, false, "OK", std::vector<unsigned>{5}, {7}}),
+              R"({"dropped":1,"dry_run":false,"message":"OK","ids":[5],"uncertain":[7]})");
     EXPECT_EQ(version_json("1.2.3"), R"({"version":"1.2.3"})");
 }

@@ -16,9 +16,10 @@ TEST(Keys, CharactersAndEditingKeysAreTold) {
 }
 
 TEST(Keys, SequencesAreOneKey) {
-    EXPECT_THAT(decode_keys("\x1b[A\x1b[B\x1bOA\x1b[5~\x1b[6~\x1b[H"),
+    EXPECT_THAT(decode_keys("\x1b[A\x1b[B\x1bOA\x1b[5~\x1b[6~\x1b[H\x1b[4~\t\x1bOF"),
                 ElementsAre(Key{KeyKind::UP, 0}, Key{KeyKind::DOWN, 0}, Key{KeyKind::UP, 0},
-                            Key{KeyKind::PAGE_UP, 0}, Key{KeyKind::PAGE_DOWN, 0}, Key{KeyKind::HOME, 0}));
+                            Key{KeyKind::PAGE_UP, 0}, Key{KeyKind::PAGE_DOWN, 0}, Key{KeyKind::HOME, 0},
+                            Key{KeyKind::END, 0}, Key{KeyKind::TAB, 0}, Key{KeyKind::END, 0}));
 }
 
 TEST(Keys, UnknownSequencesTypeNothing) {

@@ -90,6 +90,29 @@ TEST(StreamSummary, AnotherClientInThePublishersSlotIsNotThePublisher) {
     EXPECT_THAT(after[0].publisher_id, Optional(2U));
 }
 
+TEST(StreamSummary, ARivalThatHasSentMoreAltogetherIsNotThePublisher) {
+    // The rival was relayed before it stalled; or it sent much at once and is held now.
+    Connection relayed = publisher(1, 100000);
+    relayed.received_rate = 50000;
+    Connection held = publisher(2, 900000);
+    held.received_rate = 0;
+    EXPECT_THAT(summarize_streams({relayed, held}, {}, SortKey::STREAM)[0].publisher_id, Optional(1U));
+    // The server applies no metadata of a held publisher, so a size outweighs a rate.
+    held.received_rate = 90000;
+    relayed.size = VideoSize{640, 360};
+    const std::vector<StreamSummary> streams = summarize_streams({relayed, held}, {}, SortKey::STREAM);
+    EXPECT_THAT(streams[0].publisher_id, Optional(1U));
+    EXPECT_THAT(streams[0].rivals, ElementsAre(2));
+}
+
+TEST(StreamSummary, APublisherIsAGuessWhileItHasRivals) {
+    const std::vector<StreamSummary> streams =
+        summarize_streams({publisher(1, 10), publisher(2, 30), publisher(3, 5, "demo")}, {}, SortKey::STREAM);
+    EXPECT_TRUE(streams[0].publisher_is_guess);
+    EXPECT_FALSE(streams[1].publisher_is_guess);
+    EXPECT_FALSE(summarize_streams({publisher(2, 40)}, streams, SortKey::STREAM)[0].publisher_is_guess);
+}
+
 TEST(StreamSummary, IsSortedByNameOrByRate) {
     const std::vector<Connection> connections{player(0, 10.0, "b"), player(1, 5.0, "a"),
                                               player(2, 90.0, "c")};

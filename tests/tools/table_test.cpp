@@ -65,3 +65,21 @@ TEST(Table, AnEmptyTableHasItsTitles) {
     EXPECT_THAT(layout_table(table, 80, true), ElementsAre("ID  STREAM"));
     EXPECT_THAT(layout_table(table, 80, false), IsEmpty());
 }
+
+TEST(Table, ColumnsWithARankAreShownWhereThereIsRoom) {
+    const Table table{{{"ID", Align::RIGHT, 0},
+                       {"STREAM", Align::LEFT, 8},
+                       {"SENT", Align::RIGHT, 0, 2},
+                       {"GOT", Align::RIGHT, 0, 2},
+                       {"FROM", Align::LEFT, 0, 1}},
+                      {{"7", "a_stream_of_24_characters", "1B", "2B", "10.0.0.1"}}};
+    EXPECT_THAT(layout_table(table, 80, false),
+                ElementsAre("7  a_stream_of_24_characters  1B  2B  10.0.0.1"));
+    // The name is cut to a comfortable width before anything is left out.
+    EXPECT_THAT(layout_table(table, 31, false), ElementsAre("7  a_stream_~  1B  2B  10.0.0.1"));
+    EXPECT_THAT(layout_table(table, 30, false), ElementsAre("7  a_stream_of_24_c~  10.0.0.1"));
+    EXPECT_THAT(layout_table(table, 23, false), ElementsAre("7  a_stream_~  10.0.0.1"));
+    // What comes next may still fit where the one before does not.
+    EXPECT_THAT(layout_table(table, 22, false), ElementsAre("7  a_stream_o~  1B  2B"));
+    EXPECT_THAT(layout_table(table, 11, false), ElementsAre("7  a_strea~"));
+}

@@ -60,3 +60,11 @@ TEST(Text, RatesAreShownPerSecond) {
     EXPECT_EQ(format_rate(std::nan("")), "-");
     EXPECT_EQ(format_rate(std::numeric_limits<double>::infinity()), "-");
 }
+
+TEST(Text, RatesAreInBitsWhereAsked) {
+    EXPECT_EQ(format_rate(0.0, RateUnit::BITS), "0 bit/s");
+    EXPECT_EQ(format_rate(124.9, RateUnit::BITS), "999 bit/s");
+    EXPECT_EQ(format_rate(124.95, RateUnit::BITS), "1.0 kbit/s");  // never 1000 bit/s
+    EXPECT_EQ(format_rate(312500.0, RateUnit::BITS), "2.5 Mbit/s");
+    EXPECT_EQ(format_rate(std::nullopt, RateUnit::BITS), "-");
+}

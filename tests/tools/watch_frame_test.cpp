@@ -69,16 +69,16 @@ TEST(WatchFrame, ShowsStreamsAndConnectionsIn80Columns) {
     EXPECT_EQ(lines[0], "v9_rtmp_ctl 12:34:56  4 of 128 slots used: 2 publish, 1 play, 1 neither");
     EXPECT_EQ(lines[1], "in 102.0 KiB/s (102.0 KiB)  out 50.1 KiB/s (50.1 KiB)  sort id");
     EXPECT_EQ(lines[2], "");
-    EXPECT_EQ(lines[3], "STREAM  PUBLISHER        PLAYERS     SIZE           IN         OUT  RIVALS");
-    EXPECT_EQ(lines[4], "cam1    0 10.0.0.1:5000        1  640x360  100.0 KiB/s  50.0 KiB/s  12");
+    EXPECT_EQ(lines[3], "STREAM  PUBLISHER         PLAYERS     SIZE           IN         OUT  RIVALS");
+    EXPECT_EQ(lines[4], "cam1    0? 10.0.0.1:5000        1  640x360  100.0 KiB/s  50.0 KiB/s  12");
     EXPECT_EQ(lines[5], "");
-    EXPECT_EQ(lines[6], "ID  STREAM  MODE        SENDING    RECEIVING  ADDRESS");
-    EXPECT_EQ(lines[7], " 0  cam1    publish     100 B/s  100.0 KiB/s  10.0.0.1:5000");
-    EXPECT_EQ(lines[8], " 1  cam1    play     50.0 KiB/s        0 B/s  10.0.0.2:5001");
-    EXPECT_EQ(lines[9], " 3  -       -             0 B/s        0 B/s  10.0.0.4:4");
-    EXPECT_EQ(lines[10], "12  cam1    publish       0 B/s    2.0 KiB/s  10.0.0.9:5009");
+    EXPECT_EQ(lines[6], "ID  STREAM  MODE        SIZE     SENDING    RECEIVING  ADDRESS");
+    EXPECT_EQ(lines[7], " 0  cam1    publish  640x360     100 B/s  100.0 KiB/s  10.0.0.1:5000");
+    EXPECT_EQ(lines[8], " 1  cam1    play           -  50.0 KiB/s        0 B/s  10.0.0.2:5001");
+    EXPECT_EQ(lines[9], " 3  -       -              -       0 B/s        0 B/s  10.0.0.4:4");
+    EXPECT_EQ(lines[10], "12  cam1    publish        -       0 B/s    2.0 KiB/s  10.0.0.9:5009");
     EXPECT_EQ(lines[11], "");
-    EXPECT_EQ(lines[23], "q quit  s sort  p pause  / filter  d drop  arrows scroll  ? help");
+    EXPECT_EQ(lines[23], "q quit  s sort  p pause  / filter  d drop  Tab table  v view  r reverse  ? help");
 }
 
 TEST(WatchFrame, FitsIntoEverySize) {
@@ -105,17 +105,77 @@ TEST(WatchFrame, SaysWhatThereIsNoRoomFor) {
     EXPECT_EQ(lines[22], "... 121 more");
 }
 
-TEST(WatchFrame, ScrollsDownToTheLastConnection) {
+TEST(WatchFrame, ScrollsToTheSelectedConnection) {
     WatchModel model = full_model();
-    model.scroll = 2;
+    model.connection_cursor.scroll = 2;
     EXPECT_THAT(frame(model, 80, 24)[15], StartsWith("  2"));
-    const std::size_t last = last_scroll(model, {24, 80});
-    EXPECT_EQ(last, 120U);
-    model.scroll = last;
-    EXPECT_THAT(frame(model, 80, 24)[22], StartsWith("127"));
-    model.scroll = 127;
-    EXPECT_THAT(frame(model, 80, 24)[22], StartsWith("127"));
-    EXPECT_EQ(last_scroll(small_model(), {24, 80}), 0U);
+    model.connection_cursor.selected = 127;
+    settle(model, {24, 80});
+    EXPECT_EQ(model.connection_cursor.scroll, 120U);
+    EXPECT_THAT(frame(model, 80, 24)[22], StartsWith(">127"));
+    model.connection_cursor.selected = 126;
+    EXPECT_THAT(frame(model, 80, 24)[21], StartsWith(">126"));
+    model.connection_cursor.selected = 20;
+    settle(model, {24, 80});
+    EXPECT_EQ(model.connection_cursor.scroll, 20U);
+    model.connection_cursor.selected = 26;
+    settle(model, {24, 80});
+    EXPECT_EQ(model.connection_cursor.scroll, 20U);
+    model.connection_cursor.selected = 27;
+    settle(model, {24, 80});
+    EXPECT_EQ(model.connection_cursor.scroll, 21U);
+    EXPECT_THAT(frame(model, 80, 24)[21], StartsWith("> 27"));
+    EXPECT_EQ(frame(model, 80, 24)[22], " ... 100 more");
+    model.connection_cursor.selected = 900;
+    settle(model, {24, 80});
+    EXPECT_THAT(model.connection_cursor.selected, testing::Optional(127U));
+}
+
+TEST(WatchFrame, ScrollsTheStreamsToo) {
+    WatchModel model = full_model();
+    model.stream_cursor.selected = 63;
+    settle(model, {24, 80});
+    const std::vector<std::string> lines = frame(model, 80, 24);
+    EXPECT_THAT(lines[12], StartsWith(">stream_9 "));
+    EXPECT_THAT(lines[15], StartsWith("  0"));
+}
+
+TEST(WatchFrame, ShowsEitherTableAlone) {
+    WatchModel model = full_model();
+    model.view = WatchView::STREAMS;
+    std::vector<std::string> lines = frame(model, 80, 24);
+    EXPECT_THAT(lines[3], StartsWith("STREAM"));
+    EXPECT_EQ(lines[22], "... 46 more");
+    model.view = WatchView::CONNECTIONS;
+    lines = frame(model, 80, 24);
+    EXPECT_THAT(lines[3], StartsWith(" ID"));
+    EXPECT_EQ(lines[22], "... 110 more");
+}
+
+TEST(WatchFrame, At50ColumnsTheAddressGoesBeforeTheRates) {
+    const std::vector<std::string> lines = frame(small_model(), 50, 20);
+    EXPECT_EQ(lines[0], "12:34:56  4 of 128 slots used: 2 publish, 1 play");
+    EXPECT_EQ(lines[1], "in 102.0 KiB/s  out 50.1 KiB/s  sort id");
+    EXPECT_EQ(lines[3], "STREAM  PUB  PLAYERS           IN         OUT");
+    EXPECT_EQ(lines[7], " 0  cam1    publish     100 B/s  100.0 KiB/s");
+    EXPECT_EQ(lines[19], "q quit  s sort  p pause  / filter  d drop  ? help");
+}
+
+TEST(WatchFrame, At160ColumnsSizesAndTotalsStandBesideTheRates) {
+    const std::vector<std::string> lines = frame(small_model(), 160, 50);
+    EXPECT_EQ(lines[6],
+              "ID  STREAM  MODE        SIZE      SENT   RECEIVED     SENDING    RECEIVING  ADDRESS");
+    EXPECT_EQ(lines[7],
+              " 0  cam1    publish  640x360     100 B  100.0 KiB     100 B/s  100.0 KiB/s  10.0.0.1:5000");
+}
+
+TEST(WatchFrame, TotalsCanBeKeptInsteadOfAddresses) {
+    WatchModel model = small_model();
+    model.keep = Keep::TOTALS;
+    model.unit = RateUnit::BITS;
+    const std::vector<std::string> lines = frame(model, 80, 24);
+    EXPECT_EQ(lines[6], "ID  STREAM  MODE        SIZE      SENT   RECEIVED       SENDING     RECEIVING");
+    EXPECT_EQ(lines[7], " 0  cam1    publish  640x360     100 B  100.0 KiB     800 bit/s  819.2 kbit/s");
 }
 
 TEST(WatchFrame, OnAFewRowsTheConnectionsRemain) {
@@ -170,6 +230,12 @@ TEST(WatchFrame, TheFootAsksAndTells) {
     EXPECT_EQ(frame(model, 80, 24)[23], "Drop connection 1, play 'cam1', 10.0.0.2:5001? [y/N]");
     model.drop_candidate = model.listing.connections[2];
     EXPECT_EQ(frame(model, 80, 24)[23], "Drop connection 3, without a stream, 10.0.0.4:4? [y/N]");
+    model.drop_candidate = model.listing.connections[3];
+    EXPECT_EQ(frame(model, 160, 24)[23],
+              "Drop connection 12, publish 'cam1', 10.0.0.9:5009? It may be the one relayed. [y/N]");
+    model.drop_candidate.reset();
+    model.drop_stream = "cam1";
+    EXPECT_EQ(frame(model, 80, 24)[23], "Drop all of stream 'cam1', 3 connections? [y/N]");
     model.mode = WatchMode::FILTER;
     model.filter = "ca";
     EXPECT_THAT(frame(model, 80, 24)[23], StartsWith("filter: ca_"));
@@ -192,7 +258,19 @@ TEST(WatchFrame, SaysThatItIsPausedAndFiltered) {
     WatchModel model = small_model();
     model.paused = true;
     model.filter = "cam";
-    EXPECT_THAT(frame(model, 80, 24)[1], StartsWith("PAUSED  filter 'cam'  in 102.0 KiB/s"));
+    EXPECT_THAT(frame(model, 80, 24)[1], StartsWith("PAUSED  filter 'cam'  3 shown  in 102.0 KiB/s"));
+}
+
+TEST(WatchFrame, TotalsFollowTheFilter) {
+    WatchModel model = small_model();
+    model.filter = "10.0.0.2";
+    EXPECT_EQ(frame(model, 80, 24)[1],
+              "filter '10.0.0.2'  1 shown  in 0 B/s (0 B)  out 50.0 KiB/s (50.0 KiB)  sort id");
+    model.filter = "";
+    model.reversed = true;
+    model.selection.mode = "publish";
+    EXPECT_EQ(frame(model, 80, 24)[1],
+              "2 shown  in 102.0 KiB/s (102.0 KiB)  out 100 B/s (100 B)  sort id, reversed");
 }
 
 TEST(WatchFrame, HelpFitsInto80x24) {
@@ -203,6 +281,10 @@ TEST(WatchFrame, HelpFitsInto80x24) {
         EXPECT_LE(line.text.size(), 80U) << line.text;
     }
     EXPECT_EQ(texts(lines), frame(model, 80, 24));
+    EXPECT_EQ(frame(model, 50, 20)[18], "relayed the server does not tell.");
+    for (const std::string& line : frame(model, 50, 20)) {
+        EXPECT_THAT(line, testing::Not(testing::EndsWith("~")));
+    }
 }
 
 TEST(WatchFrame, AnEndlessFrameLeavesNothingOut) {

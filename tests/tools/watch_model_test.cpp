@@ -30,6 +30,10 @@ WatchModel running_model() {
     return model;
 }
 
+void press(WatchModel& model, KeyKind kind) {
+    EXPECT_EQ(press_key(model, {kind, 0}), WatchAction::NONE);
+}
+
 WatchAction type(WatchModel& model, std::string_view characters) {
     WatchAction action = WatchAction::NONE;
     for (const char c : characters) {
@@ -155,14 +159,79 @@ TEST(WatchModel, HelpGoesAwayWithAnyKey) {
     EXPECT_EQ(model.mode, WatchMode::VIEW);
 }
 
-TEST(WatchModel, ScrollsWithinTheList) {
+TEST(WatchModel, ArrowsSelectAndTheSelectionStaysWithItsClient) {
     WatchModel model = running_model();
-    static_cast<void>(press_key(model, {KeyKind::UP, 0}));
-    EXPECT_EQ(model.scroll, 0U);
-    static_cast<void>(press_key(model, {KeyKind::DOWN, 0}));
-    EXPECT_EQ(model.scroll, 1U);
-    static_cast<void>(press_key(model, {KeyKind::PAGE_DOWN, 0}));
-    EXPECT_EQ(model.scroll, 3U);
-    static_cast<void>(press_key(model, {KeyKind::HOME, 0}));
-    EXPECT_EQ(model.scroll, 0U);
+    press(model, KeyKind::UP);
+    EXPECT_THAT(model.connection_cursor.selected, Optional(0U));
+    press(model, KeyKind::DOWN);
+    EXPECT_THAT(model.connection_cursor.selected, Optional(1U));
+    press(model, KeyKind::END);
+    EXPECT_THAT(model.connection_cursor.selected, Optional(3U));
+    type(model, "r");
+    EXPECT_THAT(model.connection_cursor.selected, Optional(0U));
+    EXPECT_EQ(shown_connections(model)[0]->id, 3U);
+    type(model, "r");
+    Listing next = sample_listing(3000000);
+    next.connections.erase(next.connections.begin());
+    take_in(model, next);
+    EXPECT_THAT(model.connection_cursor.selected, Optional(2U));
+    press(model, KeyKind::HOME);
+    EXPECT_THAT(model.connection_cursor.selected, Optional(0U));
+    press(model, KeyKind::ESCAPE);
+    EXPECT_EQ(model.connection_cursor.selected, std::nullopt);
+}
+
+TEST(WatchModel, TabSelectsAmongTheStreams) {
+    WatchModel model = running_model();
+    press(model, KeyKind::TAB);
+    press(model, KeyKind::END);
+    EXPECT_THAT(model.stream_cursor.selected, Optional(1U));
+    EXPECT_EQ(model.connection_cursor.selected, std::nullopt);
+    type(model, "d");
+    EXPECT_THAT(model.drop_stream, Optional(std::string("demo")));
+    EXPECT_EQ(type(model, "y"), WatchAction::DROP);
+    EXPECT_EQ(*model.drop_stream, "demo");
+}
+
+TEST(WatchModel, TheSelectedConnectionIsDroppedAfterAYes) {
+    WatchModel model = running_model();
+    press(model, KeyKind::END);
+    type(model, "d");
+    ASSERT_EQ(model.mode, WatchMode::DROP_CONFIRM);
+    EXPECT_EQ(model.drop_candidate->id, 3U);
+    EXPECT_EQ(type(model, "n"), WatchAction::NONE);
+    EXPECT_FALSE(model.drop_candidate);
+}
+
+TEST(WatchModel, EitherTableCanBeShownAlone) {
+    WatchModel model = running_model();
+    type(model, "v");
+    EXPECT_EQ(model.view, WatchView::STREAMS);
+    EXPECT_TRUE(keys_are_for_streams(model));
+    type(model, "v");
+    EXPECT_EQ(model.view, WatchView::CONNECTIONS);
+    EXPECT_FALSE(keys_are_for_streams(model));
+    type(model, "v");
+    EXPECT_EQ(model.view, WatchView::BOTH);
+}
+
+TEST(WatchModel, UnitAndColumnsAreChanged) {
+    WatchModel model = running_model();
+    type(model, "ut");
+    EXPECT_EQ(model.unit, RateUnit::BITS);
+    EXPECT_EQ(model.keep, Keep::TOTALS);
+    type(model, "ut");
+    EXPECT_EQ(model.unit, RateUnit::BYTES);
+    EXPECT_EQ(model.keep, Keep::ADDRESSES);
+}
+
+TEST(WatchModel, AFilterShowsTheStreamsOfWhatItShows) {
+    WatchModel model = running_model();
+    model.filter = "10.0.0.3";
+    ASSERT_THAT(shown_streams(model), SizeIs(1));
+    EXPECT_EQ(shown_streams(model)[0]->stream, "demo");
+    model.filter = "";
+    model.selection.mode = "publish";
+    EXPECT_THAT(shown_connections(model), SizeIs(1));
+    EXPECT_THAT(shown_streams(model), SizeIs(1));
 }

@@ -16,6 +16,7 @@ enum class Subcommand {
     STREAMS,
     DROP_ID,
     DROP_STREAM,
+    DROP_ADDRESS,
     DROP_UNNAMED,
     WATCH,
     RAW,
@@ -27,6 +28,7 @@ struct CommandLine {
     Subcommand subcommand = Subcommand::NONE;
     Settings settings;
     ListOptions list;
+    StreamsOptions streams;
     DropOptions drop;
     WatchOptions watch;
     RawOptions raw;

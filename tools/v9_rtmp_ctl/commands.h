@@ -12,8 +12,8 @@
 #include "tools/v9_rtmp_ctl/connections.h"
 #include "tools/v9_rtmp_ctl/control_client.h"
 #include "tools/v9_rtmp_ctl/failure.h"
-
-constexpr const char* DEFAULT_SOCKET_PATH = "/var/run/v9_rtmp_server.socket";
+#include "tools/v9_rtmp_ctl/selection.h"
+#include "tools/v9_rtmp_ctl/text.h"
 
 enum class OutputForm { PEOPLE, PLAIN, JSON };
 
@@ -23,6 +23,7 @@ struct Settings {
     double timeout_seconds = 5;
     OutputForm form = OutputForm::PEOPLE;
     bool no_color = false;
+    RateUnit unit = RateUnit::BYTES;
     bool quiet = false;  // no word about what was done; failures are still reported
 
     [[nodiscard]] std::uint64_t timeout_us() const {
@@ -31,22 +32,31 @@ struct Settings {
 };
 
 struct ListOptions {
-    std::optional<std::string> mode;  // "publish", "play" or "none"
-    std::optional<std::string> stream;
+    Selection selection;
     SortKey sort = SortKey::ID;
+    bool reverse = false;
+    bool no_legend = false;
+};
+
+struct StreamsOptions {
+    std::vector<std::string> names;  // or patterns; empty: all
+    SortKey sort = SortKey::STREAM;
+    bool reverse = false;
     bool no_legend = false;
 };
 
 struct DropOptions {
-    std::string id;
-    std::string stream;
+    std::vector<std::string> ids;                // of drop id
     std::optional<std::string> expected_stream;  // of drop id
+    bool no_list = false;                        // of drop id
+    Selection selection;
     bool dry_run = false;
     bool force = false;
 };
 
 struct WatchOptions {
     double interval_seconds = 1;
+    Selection selection;
 };
 
 struct RawOptions {
@@ -56,9 +66,10 @@ struct RawOptions {
 
 ExitCode run_hello(const Settings& settings);
 ExitCode run_list(const Settings& settings, const ListOptions& options);
-ExitCode run_streams(const Settings& settings);
+ExitCode run_streams(const Settings& settings, const StreamsOptions& options);
 ExitCode run_drop_id(const Settings& settings, const DropOptions& options);
 ExitCode run_drop_stream(const Settings& settings, const DropOptions& options);
+ExitCode run_drop_address(const Settings& settings, const DropOptions& options);
 ExitCode run_drop_unnamed(const Settings& settings, const DropOptions& options);
 ExitCode run_watch(const Settings& settings, const WatchOptions& options);
 ExitCode run_raw(const Settings& settings, const RawOptions& options);

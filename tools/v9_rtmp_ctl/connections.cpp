@@ -1,23 +1,15 @@
 #include "tools/v9_rtmp_ctl/connections.h"
 
 #include <algorithm>
-#include <charconv>
 #include <tuple>
 
+#include "tools/v9_rtmp_ctl/parse_number.h"
 #include "tools/v9_rtmp_ctl/text.h"
 
 namespace {
 
 constexpr char SEPARATOR = '\t';
 constexpr double US_PER_SECOND = 1e6;
-
-// The whole text is the number, in decimal digits without a sign.
-template <typename Number>
-bool parse_number(std::string_view text, Number& number) {
-    const char* const end = text.data() + text.size();
-    const auto [parsed_end, error] = std::from_chars(text.data(), end, number);
-    return error == std::errc() && parsed_end == end;
-}
 
 bool parse_size(std::string_view text, std::optional<VideoSize>& size) {
     if (text.empty()) {

@@ -1,5 +1,6 @@
 #include "tools/v9_rtmp_ctl/control_client.h"
 
+#include <algorithm>
 #include <chrono>
 #include <memory>
 #include <string_view>
@@ -52,8 +53,8 @@ Reply read_reply(const comm_socket_v4_packet* packet) {
 
 }  // namespace
 
-ControlClient::ControlClient(std::string path, std::uint64_t timeout)
-    : socket_path(std::move(path)), timeout_us(timeout) {}
+ControlClient::ControlClient(std::string path, std::uint64_t silence)
+    : socket_path(std::move(path)), silence_us(silence), total_us(std::max(silence, MAX_REPLY_US)) {}
 
 ControlClient::~ControlClient() {
     disconnect();
@@ -61,11 +62,20 @@ ControlClient::~ControlClient() {
 
 void ControlClient::disconnect() {
     connection = comm_socket_v4_disconnect(connection);
+    awaited_ids.clear();
 }
 
 std::optional<Failure> ControlClient::fail(comm_socket_v4_error error) {
     disconnect();
-    return describe_failure(error, socket_path);
+    return error == COMM_SOCKET_V4_TIMEOUT ? no_answer(silence_us) : describe_failure(error, socket_path);
+}
+
+std::optional<Failure> ControlClient::fail_to_wait(comm_socket_v4_error error, std::uint64_t began_us) {
+    if (error == COMM_SOCKET_V4_TIMEOUT && total_us > silence_us && clock_us() - began_us >= total_us) {
+        disconnect();
+        return answer_too_long(total_us);
+    }
+    return fail(error);
 }
 
 std::optional<Failure> ControlClient::connect() {
@@ -73,69 +83,93 @@ std::optional<Failure> ControlClient::connect() {
         return std::nullopt;
     }
     comm_socket_v4_error error = COMM_SOCKET_V4_OK;
-    connection = comm_socket_v4_connect(socket_path.c_str(), timeout_us, &error);
+    connection = comm_socket_v4_connect(socket_path.c_str(), silence_us, &error);
     return connection == nullptr ? fail(error) : std::nullopt;
 }
 
-std::optional<Failure> ControlClient::take_reply(comm_socket_v4_error error, comm_socket_v4_packet* packet,
-                                                 Reply& reply) {
-    const PacketHandle handle(packet);
+std::optional<Failure> ControlClient::send(const std::vector<Request>& requests, bool async) {
+    if (std::optional<Failure> failure = connect()) {
+        return failure;
+    }
+    std::vector<PacketHandle> packets;
+    std::vector<comm_socket_v4_packet*> pointers;
+    for (const Request& request : requests) {
+        packets.push_back(make_packet(request, async));
+        pointers.push_back(packets.back().get());
+        if (packets.back() == nullptr) {
+            return fail(COMM_SOCKET_V4_TOO_LARGE);
+        }
+    }
+    const comm_socket_v4_error error =
+        comm_socket_v4_send_requests(connection, pointers.data(), pointers.size(), silence_us);
     if (error != COMM_SOCKET_V4_OK) {
         return fail(error);
     }
-    reply = read_reply(packet);
+    if (!async) {
+        for (const PacketHandle& packet : packets) {
+            awaited_ids.push_back(packet->request_id);
+        }
+    }
+    return std::nullopt;
+}
+
+std::optional<Failure> ControlClient::call_all(const std::vector<Request>& requests,
+                                               std::vector<Reply>& replies) {
+    if (std::optional<Failure> failure = send(requests, false)) {
+        return failure;
+    }
+    // The server disconnects a client that does not read, so nothing is done with a reply until all are here.
+    std::vector<PacketHandle> answers;
+    while (!awaited_ids.empty()) {
+        const std::uint64_t began_us = clock_us();
+        comm_socket_v4_packet* answer = nullptr;
+        const comm_socket_v4_error error =
+            comm_socket_v4_wait_reply_within(connection, awaited_ids.front(), silence_us, total_us, &answer);
+        if (error != COMM_SOCKET_V4_OK) {
+            return fail_to_wait(error, began_us);
+        }
+        awaited_ids.pop_front();
+        answers.emplace_back(answer);
+    }
+    replies.clear();
+    for (PacketHandle& answer : answers) {
+        replies.push_back(read_reply(answer.get()));
+        answer.reset();
+    }
     return std::nullopt;
 }
 
 std::optional<Failure> ControlClient::call(const Request& request, Reply& reply) {
-    if (std::optional<Failure> failure = connect()) {
+    std::vector<Reply> replies;
+    if (std::optional<Failure> failure = call_all({request}, replies)) {
         return failure;
     }
-    const PacketHandle packet = make_packet(request, false);
-    if (packet == nullptr) {
-        return fail(COMM_SOCKET_V4_TOO_LARGE);
-    }
-    comm_socket_v4_packet* answer = nullptr;
-    const comm_socket_v4_error error = comm_socket_v4_call(connection, packet.get(), timeout_us, &answer);
-    return take_reply(error, answer, reply);
+    reply = std::move(replies.front());
+    return std::nullopt;
 }
 
 std::optional<Failure> ControlClient::send_async(const Request& request) {
-    if (std::optional<Failure> failure = connect()) {
-        return failure;
-    }
-    const PacketHandle packet = make_packet(request, true);
-    if (packet == nullptr) {
-        return fail(COMM_SOCKET_V4_TOO_LARGE);
-    }
-    const comm_socket_v4_error error = comm_socket_v4_send_request(connection, packet.get(), timeout_us);
-    return error != COMM_SOCKET_V4_OK ? fail(error) : std::nullopt;
+    return send({request}, true);
 }
 
-std::optional<Failure> ControlClient::start(const Request& request) {
-    if (std::optional<Failure> failure = connect()) {
-        return failure;
-    }
-    const PacketHandle packet = make_packet(request, false);
-    if (packet == nullptr) {
-        return fail(COMM_SOCKET_V4_TOO_LARGE);
-    }
-    const comm_socket_v4_error error = comm_socket_v4_send_request(connection, packet.get(), timeout_us);
-    if (error != COMM_SOCKET_V4_OK) {
-        return fail(error);
-    }
-    started_request_id = packet->request_id;
-    return std::nullopt;
+std::optional<Failure> ControlClient::start(const std::vector<Request>& requests) {
+    return send(requests, false);
 }
 
 std::optional<Failure> ControlClient::poll_reply(Reply& reply, bool& found) {
     comm_socket_v4_packet* answer = nullptr;
-    const comm_socket_v4_error error = comm_socket_v4_wait_reply(connection, started_request_id, 0, &answer);
+    const comm_socket_v4_error error = comm_socket_v4_wait_reply(connection, awaited_ids.front(), 0, &answer);
     found = error == COMM_SOCKET_V4_OK;
     if (error == COMM_SOCKET_V4_TIMEOUT) {
         return std::nullopt;
     }
-    return take_reply(error, answer, reply);
+    if (!found) {
+        return fail(error);
+    }
+    const PacketHandle handle(answer);
+    awaited_ids.pop_front();
+    reply = read_reply(answer);
+    return std::nullopt;
 }
 
 std::uint64_t clock_us() {

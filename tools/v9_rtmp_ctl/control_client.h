@@ -6,6 +6,7 @@
 #include <comm_socket_v4.h>
 
 #include <cstdint>
+#include <deque>
 #include <optional>
 #include <string>
 #include <utility>
@@ -27,10 +28,14 @@ struct Reply {
     std::vector<std::pair<std::string, std::string>> pairs;  // in the order sent; names may repeat
 };
 
+// How long a reply may take in all while its bytes keep coming (60 s).
+constexpr std::uint64_t MAX_REPLY_US = 60000000;
+
 class ControlClient {
   public:
-    // timeout_us bounds every call, connecting included.
-    ControlClient(std::string path, std::uint64_t timeout);
+    // A call fails when nothing of its reply comes for silence_us, and after MAX_REPLY_US or silence_us, whichever is
+    // longer. Connecting and sending fail after silence_us.
+    ControlClient(std::string path, std::uint64_t silence);
     ~ControlClient();
     ControlClient(const ControlClient&) = delete;
     ControlClient& operator=(const ControlClient&) = delete;
@@ -41,15 +46,20 @@ class ControlClient {
     // Sends and waits for the reply, which may carry any status.
     [[nodiscard]] std::optional<Failure> call(const Request& request, Reply& reply);
 
+    // Sends all requests in one write and waits for their replies, which are as many and in the same order. After a
+    // failure some of the requests may have been carried out.
+    [[nodiscard]] std::optional<Failure> call_all(const std::vector<Request>& requests,
+                                                  std::vector<Reply>& replies);
+
     // Sends a request that wants no reply.
     [[nodiscard]] std::optional<Failure> send_async(const Request& request);
 
-    // For a caller that polls: start() sends, and poll_reply() looks for its reply without waiting; found is
-    // false while it has not come. A failure ends the connection and the wait.
-    [[nodiscard]] std::optional<Failure> start(const Request& request);
+    // For a caller that polls: start() sends all requests in one write, and poll_reply() looks for the next of their
+    // replies without waiting; found is false while it has not come. A failure ends the connection and the wait.
+    [[nodiscard]] std::optional<Failure> start(const std::vector<Request>& requests);
     [[nodiscard]] std::optional<Failure> poll_reply(Reply& reply, bool& found);
 
-    // To be polled for input between start() and its reply; -1 without a connection.
+    // To be polled for input between start() and the last reply; -1 without a connection.
     [[nodiscard]] int fd() const { return comm_socket_v4_connection_get_fd(connection); }
 
     // Closes the connection; the next request makes a new one.
@@ -57,13 +67,14 @@ class ControlClient {
 
   private:
     [[nodiscard]] std::optional<Failure> fail(comm_socket_v4_error error);
-    [[nodiscard]] std::optional<Failure> take_reply(comm_socket_v4_error error, comm_socket_v4_packet* packet,
-                                                    Reply& reply);
+    [[nodiscard]] std::optional<Failure> fail_to_wait(comm_socket_v4_error error, std::uint64_t began_us);
+    [[nodiscard]] std::optional<Failure> send(const std::vector<Request>& requests, bool async);
 
     const std::string socket_path;
-    const std::uint64_t timeout_us;
+    const std::uint64_t silence_us;
+    const std::uint64_t total_us;
     comm_socket_v4_connection* connection = nullptr;
-    std::uint64_t started_request_id = 0;
+    std::deque<std::uint64_t> awaited_ids;
 };
 
 // Microseconds of a clock that never goes back.

@@ -1,188 +1,145 @@
-#include <unistd.h>
-
+// drop id and drop address: connections by their ids.
 #include <algorithm>
-#include <iostream>
+#include <iterator>
+#include <string_view>
 
 #include "tools/v9_rtmp_ctl/commands.h"
+#include "tools/v9_rtmp_ctl/drop_batch.h"
+#include "tools/v9_rtmp_ctl/drop_by_selection.h"
+#include "tools/v9_rtmp_ctl/drop_output.h"
 #include "tools/v9_rtmp_ctl/drop_rules.h"
-#include "tools/v9_rtmp_ctl/json_forms.h"
-#include "tools/v9_rtmp_ctl/output.h"
-#include "tools/v9_rtmp_ctl/tables.h"
 #include "tools/v9_rtmp_ctl/text.h"
 
 namespace {
 
-void print_dropped(const Settings& settings, unsigned dropped, const std::string& what,
-                   const std::string& server_message) {
-    switch (settings.form) {
-        case OutputForm::PEOPLE:
-            if (!settings.quiet) {
-                std::cout << "dropped " << what << '\n';
-            }
-            break;
-        case OutputForm::PLAIN:
-            std::cout << dropped << '\n';
-            break;
-        case OutputForm::JSON:
-            std::cout << drop_json(dropped, false, server_message) << '\n';
-            break;
-    }
+ExitCode report_worse(ExitCode so_far, const Failure& failure) {
+    return worse_of(so_far, report(failure));
 }
 
-std::string connections_text(std::size_t count) {
-    return std::to_string(count) + (count == 1 ? " connection" : " connections");
+// Names may be megabytes long.
+std::string short_name(const std::string& name) {
+    constexpr std::size_t MAX_NAME_BYTES = 64;
+    return cut_text(escape_untrusted(std::string_view(name).substr(0, MAX_NAME_BYTES + 1)), MAX_NAME_BYTES);
 }
 
-bool answered_yes(const std::string& question) {
-    std::cout.flush();
-    std::cerr << question << " [y/N] " << std::flush;
-    std::string answer;
-    std::getline(std::cin, answer);
-    return answer == "y" || answer == "Y" || answer == "yes";
-}
-
-// Asks on a terminal. Where nobody can be asked, force has to say yes beforehand.
-std::optional<Failure> confirm(const DropOptions& options, const std::string& question) {
-    if (options.force) {
-        return std::nullopt;
-    }
-    if (isatty(STDIN_FILENO) == 0 || isatty(STDERR_FILENO) == 0) {
-        return Failure{
-            ExitCode::USAGE,
-            "nothing was dropped: nobody can be asked here. Add --force to drop without a question."};
-    }
-    if (!answered_yes(question)) {
-        return Failure{ExitCode::NEGATIVE_ANSWER, "nothing was dropped. Answer y next time, or add --force."};
-    }
-    return std::nullopt;
-}
-
-void print_dry_run(const Settings& settings, const std::vector<Connection>& connections) {
-    switch (settings.form) {
-        case OutputForm::PEOPLE: {
-            const OutputStyle style = find_output_style(settings);
-            print_lines(layout_table(connection_table(connections), style.width, true), true, style);
-            std::cout << "would drop " << connections_text(connections.size()) << '\n';
-            break;
+// Of each that was dropped one line, of each other one its failure.
+ExitCode print_outcomes(const Settings& settings, const std::vector<DropOutcome>& outcomes) {
+    DropResult result;
+    result.ids.emplace();
+    std::string lines;
+    for (const DropOutcome& outcome : outcomes) {
+        if (!outcome.failure) {
+            ++result.dropped;
+            result.ids->push_back(outcome.id);
+            lines += "dropped connection " + std::to_string(outcome.id) +
+                     (outcome.guard.empty() ? "" : " of stream '" + short_name(outcome.guard) + "'") + "\n";
+        } else if (outcome.failure->exit_code == ExitCode::ANOTHER_CLIENT) {
+            result.uncertain_ids.push_back(outcome.id);
+        } else {
+            continue;
         }
-        case OutputForm::PLAIN:
-            for (const Connection& connection : connections) {
-                std::cout << plain_line(connection) << '\n';
-            }
-            break;
-        case OutputForm::JSON:
-            std::cout << drop_json(static_cast<unsigned>(connections.size()), true, std::nullopt) << '\n';
-            break;
+        result.message = outcome.message;
     }
+    if (result.dropped != 0 || !result.uncertain_ids.empty()) {
+        print_dropped(settings, result, lines);
+    }
+    ExitCode worst = ExitCode::DONE;
+    for (const DropOutcome& outcome : outcomes) {
+        worst = outcome.failure ? report_worse(worst, *outcome.failure) : worst;
+    }
+    return worst;
 }
 
-ExitCode send_drop_by_name(const Settings& settings, ControlClient& client, const std::string& stream,
-                           const Failure& nothing_matched) {
-    Reply reply;
-    if (const std::optional<Failure> failure =
-            client.call({"drop connection by stream name", {stream}}, reply)) {
-        return report(*failure);
-    }
-    if (reply.status != COMM_SOCKET_V4_STATUS_SUCCESS) {
-        return report(refused_by_server(reply.message));
-    }
-    const std::optional<unsigned> dropped = dropped_count(reply.message);
-    if (!dropped) {
-        return report(unreadable_reply("'" + reply.message + "' is no answer to a drop"));
-    }
-    if (*dropped == 0) {
-        return report(nothing_matched);
-    }
-    print_dropped(settings, *dropped, connections_text(*dropped), reply.message);
-    return ExitCode::DONE;
+ExitCode drop_and_print(const Settings& settings, ControlClient& client,
+                        const std::vector<DropTarget>& targets, bool unseen) {
+    std::vector<DropOutcome> outcomes;
+    const std::optional<Failure> failure =
+        unseen ? drop_targets_unseen(client, targets, outcomes) : drop_targets(client, targets, outcomes);
+    const ExitCode worst = print_outcomes(settings, outcomes);
+    return failure ? report_worse(worst, *failure) : worst;
 }
 
-// Of an empty name: the connections that have chosen no stream.
-ExitCode drop_by_name(const Settings& settings, const DropOptions& options, const std::string& stream,
-                      const std::string& whose, const Failure& nothing_matched) {
-    ControlClient client(settings.socket_path, settings.timeout_us());
-    Listing listing;
-    if (const std::optional<Failure> failure = take_listing(client, "", listing)) {
-        return report(*failure);
+// Those of the words that are ids, each once. Reports the others.
+std::vector<unsigned> read_ids(const std::vector<std::string>& words, ExitCode& worst) {
+    std::vector<unsigned> ids;
+    for (const std::string& word : words) {
+        const std::optional<unsigned> id = parse_connection_id(word);
+        if (!id) {
+            worst = report_worse(worst, bad_connection_id(word));
+        } else if (std::find(ids.begin(), ids.end(), *id) == ids.end()) {
+            ids.push_back(*id);
+        }
     }
-    std::erase_if(listing.connections, [&stream](const Connection& c) { return c.stream != stream; });
-    if (listing.connections.empty()) {
-        return report(nothing_matched);
-    }
-    if (options.dry_run) {
-        print_dry_run(settings, listing.connections);
-        return ExitCode::DONE;
-    }
-    const std::string question = "Drop " + connections_text(listing.connections.size()) + " " + whose + "?";
-    if (const std::optional<Failure> failure = confirm(options, question)) {
-        return report(*failure);
-    }
-    return send_drop_by_name(settings, client, stream, nothing_matched);
+    return ids;
 }
 
-// The name that guards the drop of id against the slot having been given to somebody else in between. Empty
-// when the connection has none.
-std::optional<Failure> find_guard(ControlClient& client, unsigned id, std::string& guard) {
+// Looks the ids up. Reports those that are not there, or not of the stream that the user expects.
+std::optional<Failure> find_targets(ControlClient& client, const DropOptions& options,
+                                    const std::vector<unsigned>& ids, std::vector<DropTarget>& targets,
+                                    ExitCode& worst) {
     Listing listing;
     if (std::optional<Failure> failure = take_listing(client, "", listing)) {
         return failure;
     }
-    const auto found = std::find_if(listing.connections.begin(), listing.connections.end(),
-                                    [id](const Connection& c) { return c.id == id; });
-    if (found == listing.connections.end()) {
-        return no_such_connection(id);
+    for (const unsigned id : ids) {
+        const Connection* const found = find_connection(listing.connections, id);
+        if (found == nullptr) {
+            worst = report_worse(worst, no_such_connection(id));
+        } else if (options.expected_stream && *options.expected_stream != found->stream) {
+            worst = report_worse(worst, not_of_stream(id, *options.expected_stream));
+        } else {
+            targets.push_back(target_of(*found));
+        }
     }
-    guard = found->stream;
     return std::nullopt;
 }
 
 }  // namespace
 
+ExitCode drop_connections(const Settings& settings, ControlClient& client,
+                          const std::vector<Connection>& connections) {
+    std::vector<DropTarget> targets;
+    std::transform(connections.begin(), connections.end(), std::back_inserter(targets), target_of);
+    return drop_and_print(settings, client, targets, false);
+}
+
 ExitCode run_drop_id(const Settings& settings, const DropOptions& options) {
-    const std::optional<unsigned> id = parse_connection_id(options.id);
-    if (!id) {
-        return report(bad_connection_id(options.id));
-    }
-    std::string guard = options.expected_stream.value_or("");
-    if (options.expected_stream && guard.empty()) {
+    if (options.expected_stream && options.expected_stream->empty()) {
         return report(
             {ExitCode::USAGE, "an empty --stream protects nothing. Name the stream, or leave --stream out."});
     }
+    ExitCode worst = ExitCode::DONE;
+    const std::vector<unsigned> ids = read_ids(options.ids, worst);
+    if (ids.empty()) {
+        return worst;
+    }
     ControlClient client(settings.socket_path, settings.timeout_us());
-    if (guard.empty()) {
-        if (const std::optional<Failure> failure = find_guard(client, *id, guard)) {
-            return report(*failure);
+    std::vector<DropTarget> targets;
+    // With a name to guard by, there is nothing to look up before.
+    if (options.no_list || (options.expected_stream && !options.dry_run)) {
+        for (const unsigned id : ids) {
+            targets.push_back({id, options.expected_stream.value_or(""), std::nullopt});
         }
+    } else if (const std::optional<Failure> failure = find_targets(client, options, ids, targets, worst)) {
+        return report_worse(worst, *failure);
     }
-    Reply reply;
-    if (const std::optional<Failure> failure = client.call(drop_id_request(*id, guard), reply)) {
-        return report(*failure);
+    if (targets.empty()) {
+        return worst;
     }
-    if (const std::optional<Failure> failure = judge_drop_id(*id, guard, reply)) {
-        return report(*failure);
+    if (options.dry_run) {
+        std::vector<const Connection*> connections;
+        connections.reserve(targets.size());
+        for (const DropTarget& target : targets) {
+            connections.push_back(&*target.expected);
+        }
+        print_dry_run(settings, connections);
+        return worst;
     }
-    print_dropped(settings, 1,
-                  "connection " + std::to_string(*id) +
-                      (guard.empty() ? std::string() : " of stream '" + escape_untrusted(guard) + "'"),
-                  reply.message);
-    return ExitCode::DONE;
+    return worse_of(worst, drop_and_print(settings, client, targets, options.no_list));
 }
 
-ExitCode run_drop_stream(const Settings& settings, const DropOptions& options) {
-    if (options.stream.empty()) {
-        return report(
-            {ExitCode::USAGE,
-             "the empty stream name stands for every connection that has not chosen a stream. If these are "
-             "meant, use 'v9_rtmp_ctl drop unnamed'."});
-    }
-    const std::string name = escape_untrusted(options.stream);
-    return drop_by_name(settings, options, options.stream, "of stream '" + name + "'",
-                        {ExitCode::NEGATIVE_ANSWER, "no connection publishes or plays '" + name +
-                                                        "'. 'v9_rtmp_ctl streams' shows the names in use."});
-}
-
-ExitCode run_drop_unnamed(const Settings& settings, const DropOptions& options) {
-    return drop_by_name(
-        settings, options, "", "without a stream",
-        {ExitCode::NEGATIVE_ANSWER, "every connection has chosen a stream. 'v9_rtmp_ctl list' shows them."});
+ExitCode run_drop_address(const Settings& settings, const DropOptions& options) {
+    return drop_by_selection(
+        settings, options, "from there",
+        {ExitCode::NEGATIVE_ANSWER, "no connection matches. 'v9_rtmp_ctl list' shows the addresses."});
 }

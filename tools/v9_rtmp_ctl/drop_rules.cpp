@@ -1,17 +1,19 @@
 #include "tools/v9_rtmp_ctl/drop_rules.h"
 
 #include <algorithm>
-#include <charconv>
 
+#include "tools/v9_rtmp_ctl/parse_number.h"
 #include "tools/v9_rtmp_ctl/text.h"
 
 namespace {
 
 std::optional<unsigned> parse_unsigned(std::string_view text) {
     unsigned number = 0;
-    const char* const end = text.data() + text.size();
-    const auto [parsed_end, error] = std::from_chars(text.data(), end, number);
-    return error == std::errc() && parsed_end == end ? std::optional(number) : std::nullopt;
+    return parse_number(text, number) ? std::optional(number) : std::nullopt;
+}
+
+std::string describe(const Connection* connection) {
+    return connection == nullptr ? "free" : describe(*connection);
 }
 
 }  // namespace
@@ -52,17 +54,47 @@ std::optional<Failure> judge_drop_id(unsigned id, const std::string& guard, cons
         return no_such_connection(id);
     }
     if (reply.message == "Stream name does not match") {
-        return Failure{ExitCode::NEGATIVE_ANSWER,
-                       "connection " + std::to_string(id) + " is not of stream '" + escape_untrusted(guard) +
-                           "' and was kept. 'v9_rtmp_ctl list' shows whose it is."};
+        return not_of_stream(id, guard);
     }
     return unreadable_reply("'" + reply.message + "' is no answer to a drop");
 }
 
+DropTarget target_of(const Connection& connection) {
+    return {connection.id, connection.stream, connection};
+}
+
+bool is_same_client(const Connection& a, const Connection& b) {
+    return a.id == b.id && a.address == b.address && !a.address.empty() && a.stream == b.stream;
+}
+
+std::optional<Failure> judge_drop(const DropTarget& target, const Reply& reply, const Listing& before,
+                                  const Listing& after) {
+    if (std::optional<Failure> failure = judge_drop_id(target.id, target.guard, reply)) {
+        return failure;
+    }
+    const Connection* const earlier = find_connection(before.connections, target.id);
+    const Connection* const later = find_connection(after.connections, target.id);
+    const std::string id = std::to_string(target.id);
+    const std::string advice = " Look at 'v9_rtmp_ctl list'.";
+    if (earlier == nullptr || later == nullptr || !is_same_client(*earlier, *later)) {
+        return Failure{ExitCode::ANOTHER_CLIENT,
+                       "the client with id " + id +
+                           " was dropped, and it is not certain which one that was: "
+                           "before the drop the id was " +
+                           describe(earlier) + ", after it " + describe(later) + "." + advice};
+    }
+    if (target.expected && !is_same_client(*target.expected, *earlier)) {
+        return Failure{ExitCode::ANOTHER_CLIENT, "another client was dropped: id " + id + " was " +
+                                                     describe(*target.expected) +
+                                                     " when it was looked up, and " + describe(*earlier) +
+                                                     " when it was dropped." + advice};
+    }
+    return std::nullopt;
+}
+
 std::optional<Failure> judge_candidate(const Connection& candidate, const std::vector<Connection>& listed) {
-    const auto found = std::find_if(listed.begin(), listed.end(),
-                                    [&candidate](const Connection& c) { return c.id == candidate.id; });
-    if (found == listed.end()) {
+    const Connection* const found = find_connection(listed, candidate.id);
+    if (found == nullptr) {
         return no_such_connection(candidate.id);
     }
     if (found->address == candidate.address && found->stream == candidate.stream &&
@@ -79,7 +111,28 @@ Failure bad_connection_id(const std::string& text) {
                                  std::to_string(SLOT_COUNT - 1) + ", as 'v9_rtmp_ctl list' shows it."};
 }
 
+Failure not_of_stream(unsigned id, const std::string& stream) {
+    return {ExitCode::NEGATIVE_ANSWER, "connection " + std::to_string(id) + " is not of stream '" +
+                                           escape_untrusted(stream) +
+                                           "' and was kept. 'v9_rtmp_ctl list' shows whose it is."};
+}
+
 Failure no_such_connection(unsigned id) {
     return {ExitCode::NEGATIVE_ANSWER,
             "there is no connection " + std::to_string(id) + ". 'v9_rtmp_ctl list' shows those there are."};
+}
+
+const Connection* find_connection(const std::vector<Connection>& connections, unsigned id) {
+    const auto found = std::find_if(connections.begin(), connections.end(),
+                                    [id](const Connection& c) { return c.id == id; });
+    return found == connections.end() ? nullptr : &*found;
+}
+
+std::string describe(const Connection& connection) {
+    constexpr std::size_t MAX_NAME_BYTES = 64;
+    const std::string mode = connection.mode.empty() ? "" : escape_untrusted(connection.mode) + " of ";
+    const std::string name = cut_text(
+        escape_untrusted(std::string_view(connection.stream).substr(0, MAX_NAME_BYTES + 1)), MAX_NAME_BYTES);
+    return (connection.stream.empty() ? "without a stream" : mode + "'" + name + "'") + " from " +
+           (connection.address.empty() ? "an unknown address" : escape_untrusted(connection.address));
 }

@@ -20,13 +20,38 @@
 // With a guard, the server drops the connection only if its stream has that name. An empty guard is not sent.
 [[nodiscard]] Request drop_id_request(unsigned id, const std::string& guard);
 
-// Nothing when the connection was dropped.
+// What the server answered; nothing when it dropped the client that had the id then.
 [[nodiscard]] std::optional<Failure> judge_drop_id(unsigned id, const std::string& guard, const Reply& reply);
 
-// Nothing while the listing has the candidate as it was: whoever was asked about it meant this client, doing this.
-// An id alone does not say so, because the server gives the id of one who has left to a later one.
+// A connection that is to be dropped by its id.
+struct DropTarget {
+    unsigned id = 0;
+    std::string guard;                   // as in drop_id_request
+    std::optional<Connection> expected;  // the client that is meant, as far as it is known
+};
+
+// By the name that it has.
+[[nodiscard]] DropTarget target_of(const Connection& connection);
+
+// Whether both are the same client on the same stream. False when the address is not known.
+[[nodiscard]] bool is_same_client(const Connection& a, const Connection& b);
+
+// Nothing when the target was dropped for certain. before and after are the listings that were asked for around the
+// drop. The client that had the id at the drop is certain only where both agree on its address and name.
+[[nodiscard]] std::optional<Failure> judge_drop(const DropTarget& target, const Reply& reply,
+                                                const Listing& before, const Listing& after);
+
+// Nothing while the listing has the candidate as it was when the user was asked about it. The id alone does not say
+// so: the server gives the id of a client that has left to a later one.
 [[nodiscard]] std::optional<Failure> judge_candidate(const Connection& candidate,
                                                      const std::vector<Connection>& listed);
 
 [[nodiscard]] Failure bad_connection_id(const std::string& text);
 [[nodiscard]] Failure no_such_connection(unsigned id);
+[[nodiscard]] Failure not_of_stream(unsigned id, const std::string& stream);
+
+// Null when the listing has no such connection.
+[[nodiscard]] const Connection* find_connection(const std::vector<Connection>& connections, unsigned id);
+
+// "play of 'cam1' from 203.0.113.7:50000", for people.
+[[nodiscard]] std::string describe(const Connection& connection);

@@ -1,27 +1,101 @@
 #include "tools/v9_rtmp_ctl/failure.h"
 
+#include <sys/stat.h>
+
+#include <algorithm>
 #include <iostream>
+#include <sstream>
 
 #include "tools/v9_rtmp_ctl/text.h"
 
+namespace {
+
+// The server looks at its socket once in this time.
+constexpr std::uint64_t SERVICE_US = 100000;
+
+std::string seconds_text(std::uint64_t us) {
+    std::ostringstream text;
+    text << static_cast<double>(us) / 1e6 << " s";
+    return text.str();
+}
+
+// Nobody listens, or there is no socket, at a path that is not the server's own.
+std::string other_path_advice() {
+    return std::string(" v9_rtmp_server listens at ") + DEFAULT_SOCKET_PATH +
+           ": leave out --socket and V9_RTMP_SOCKET, or name the path that its socket has here.";
+}
+
+Failure no_socket(const std::string& path, bool is_own) {
+    return {ExitCode::NOT_RUNNING, is_own ? "the server is not running: there is no socket at " + path +
+                                                ". Start v9_rtmp_server, or name its socket with --socket."
+                                          : "there is no socket at " + path + "." + other_path_advice()};
+}
+
+// What is at the path, if it is no socket: "a directory", or empty.
+std::string find_other_kind(const std::string& path) {
+    struct stat status {};
+    if (stat(path.c_str(), &status) != 0 || S_ISSOCK(status.st_mode)) {
+        return "";
+    }
+    return S_ISDIR(status.st_mode) ? "a directory" : S_ISREG(status.st_mode) ? "a file" : "a device or pipe";
+}
+
+Failure refused(const std::string& socket_path, bool is_own) {
+    const std::string path = escape_untrusted(socket_path);
+    const std::string kind = find_other_kind(socket_path);
+    if (!is_own) {
+        return {ExitCode::NOT_RUNNING, (kind.empty() ? "nobody listens at " + path + "."
+                                                     : path + " is " + kind + " and not a socket.") +
+                                           other_path_advice()};
+    }
+    if (kind == "a directory") {
+        return {ExitCode::NOT_RUNNING, "the server is not running: " + path +
+                                           " is a directory and not a socket. Remove it, then start "
+                                           "v9_rtmp_server."};
+    }
+    return {ExitCode::NOT_RUNNING,
+            "the server is not running: " +
+                (kind.empty() ? "nobody listens at " + path : path + " is " + kind + " and not a socket") +
+                ". Start v9_rtmp_server, which replaces what was left over there, or name its socket with "
+                "--socket."};
+}
+
+}  // namespace
+
+Failure no_answer(std::uint64_t silence_us) {
+    const std::string what = "the server did not answer in time (" + seconds_text(silence_us) + "). ";
+    if (silence_us < 2 * SERVICE_US) {
+        return {ExitCode::NO_REPLY,
+                what +
+                    "It looks at its control socket ten times a second: wait longer, with "
+                    "--timeout 0.2 or more."};
+    }
+    return {ExitCode::NO_REPLY,
+            what +
+                "Try again, or wait longer with --timeout. If 'v9_rtmp_ctl hello' is not answered either, "
+                "see whether its log is still being read, and then restart v9_rtmp_server."};
+}
+
+Failure answer_too_long(std::uint64_t total_us) {
+    return {
+        ExitCode::NO_REPLY,
+        "the server was still sending its answer after " + seconds_text(total_us) +
+            ". It runs: wait longer with --timeout, ask for fewer connections with 'list --mode', or drop "
+            "by id with --no-list."};
+}
+
 Failure describe_failure(comm_socket_v4_error error, const std::string& socket_path) {
     const std::string path = escape_untrusted(socket_path);
+    const bool is_own = socket_path == DEFAULT_SOCKET_PATH;
     switch (error) {
         case COMM_SOCKET_V4_NO_SOCKET:
-            return {ExitCode::NOT_RUNNING, "the server is not running: there is no socket at " + path +
-                                               ". Start v9_rtmp_server, or name its socket with --socket."};
+            return no_socket(path, is_own);
         case COMM_SOCKET_V4_REFUSED:
-            return {ExitCode::NOT_RUNNING, "the server is not running: nobody listens at " + path +
-                                               ". Start v9_rtmp_server, which replaces what was left over "
-                                               "there, or name its socket with --socket."};
+            return refused(socket_path, is_own);
         case COMM_SOCKET_V4_PERMISSION:
             return {ExitCode::PERMISSION,
                     "permission to use " + path +
                         " is missing. Run this as the server's user or group, or with sudo."};
-        case COMM_SOCKET_V4_TIMEOUT:
-            return {ExitCode::NO_REPLY,
-                    "the server did not answer in time. Try again, or wait longer with "
-                    "--timeout; if it stays silent, restart v9_rtmp_server."};
         case COMM_SOCKET_V4_BROKEN_FRAME:
             return {ExitCode::NO_REPLY,
                     "what came from " + path +
@@ -39,6 +113,7 @@ Failure describe_failure(comm_socket_v4_error error, const std::string& socket_p
             return {ExitCode::USAGE,
                     path + " cannot be the path of a socket. Give --socket a path of 1 to 107 bytes."};
         case COMM_SOCKET_V4_OK:
+        case COMM_SOCKET_V4_TIMEOUT:
         case COMM_SOCKET_V4_NO_MEMORY:
         case COMM_SOCKET_V4_SYSTEM:
             break;
@@ -63,4 +138,8 @@ ExitCode report(const Failure& failure) {
     std::cout.flush();
     std::cerr << "v9_rtmp_ctl: " << failure.message << std::endl;
     return failure.exit_code;
+}
+
+ExitCode worse_of(ExitCode a, ExitCode b) {
+    return std::max(a, b);
 }

@@ -4,6 +4,7 @@
 
 #include <comm_socket_v4.h>
 
+#include <cstdint>
 #include <optional>
 #include <string>
 
@@ -13,16 +14,26 @@ enum class ExitCode : int {
     USAGE = 2,
     NOT_RUNNING = 3,  // no socket, or nobody listens at it
     PERMISSION = 4,
-    NO_REPLY = 5,  // time-out, or a reply that cannot be read
+    NO_REPLY = 5,        // time-out, or a reply that cannot be read
+    ANOTHER_CLIENT = 6,  // a drop was carried out that may have hit another client
 };
+
+constexpr const char* DEFAULT_SOCKET_PATH = "/var/run/v9_rtmp_server.socket";
 
 struct Failure {
     ExitCode exit_code = ExitCode::NO_REPLY;
     std::string message;  // without line end
 };
 
-// What an error of the control library means to the user. error is not COMM_SOCKET_V4_OK.
+// What an error of the control library means to the user. error is neither COMM_SOCKET_V4_OK nor
+// COMM_SOCKET_V4_TIMEOUT. Looks at what is at the path.
 [[nodiscard]] Failure describe_failure(comm_socket_v4_error error, const std::string& socket_path);
+
+// Nothing came for that long.
+[[nodiscard]] Failure no_answer(std::uint64_t silence_us);
+
+// The reply kept coming, and was not complete after that long.
+[[nodiscard]] Failure answer_too_long(std::uint64_t total_us);
 
 // For an error status in the reply to a command that this tool knows.
 [[nodiscard]] Failure refused_by_server(const std::string& message);
@@ -32,3 +43,6 @@ struct Failure {
 
 // Prints "v9_rtmp_ctl: MESSAGE" on standard error and returns the failure's exit code.
 ExitCode report(const Failure& failure);
+
+// The one of several results that the exit status tells: the higher one.
+[[nodiscard]] ExitCode worse_of(ExitCode a, ExitCode b);

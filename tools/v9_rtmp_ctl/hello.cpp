@@ -4,6 +4,7 @@
 
 #include "tools/v9_rtmp_ctl/commands.h"
 #include "tools/v9_rtmp_ctl/json_forms.h"
+#include "tools/v9_rtmp_ctl/port_check.h"
 #include "tools/v9_rtmp_ctl/text.h"
 
 namespace {
@@ -14,21 +15,33 @@ std::string milliseconds(std::uint64_t us) {
     return text.data();
 }
 
-void print_greeting(const Settings& settings, const std::string& greeting, std::uint64_t round_trip_us) {
+void print_greeting(const Settings& settings, const Greeting& greeting, const PortCheck& port) {
     switch (settings.form) {
         case OutputForm::PEOPLE:
             if (!settings.quiet) {
-                std::cout << escape_untrusted(greeting) << " (answered in " << milliseconds(round_trip_us)
-                          << " ms)\n";
+                std::cout << escape_untrusted(greeting.text) << " (answered in "
+                          << milliseconds(greeting.round_trip_us) << " ms)\n"
+                          << port.gap << (port.gap.empty() ? "" : "\n");
             }
             break;
         case OutputForm::PLAIN:
-            std::cout << escape_untrusted(greeting) << '\t' << milliseconds(round_trip_us) << '\n';
+            std::cout << escape_untrusted(greeting.text) << '\t' << milliseconds(greeting.round_trip_us)
+                      << '\n';
             break;
         case OutputForm::JSON:
-            std::cout << hello_json(greeting, round_trip_us) << '\n';
+            std::cout << hello_json(greeting) << '\n';
             break;
     }
+}
+
+ExitCode report_no_server(const Failure& failure) {
+    const ExitCode exit_code = report(failure);
+    const std::string listeners =
+        exit_code == ExitCode::NOT_RUNNING ? describe_listeners_without_answer() : std::string();
+    if (!listeners.empty()) {
+        static_cast<void>(report({exit_code, listeners}));
+    }
+    return exit_code;
 }
 
 }  // namespace
@@ -36,7 +49,7 @@ void print_greeting(const Settings& settings, const std::string& greeting, std::
 ExitCode run_hello(const Settings& settings) {
     ControlClient client(settings.socket_path, settings.timeout_us());
     if (const std::optional<Failure> failure = client.connect()) {
-        return report(*failure);
+        return report_no_server(*failure);
     }
     const std::uint64_t sent_us = clock_us();
     Reply reply;
@@ -47,6 +60,14 @@ ExitCode run_hello(const Settings& settings) {
     if (reply.status != COMM_SOCKET_V4_STATUS_SUCCESS) {
         return report(refused_by_server(reply.message));
     }
-    print_greeting(settings, reply.message, round_trip_us);
+    const PortCheck port = check_port(find_peer(client.fd()).value_or(Peer()));
+    Greeting greeting{reply.message, round_trip_us, port.listeners, port.warnings};
+    if (!port.gap.empty()) {
+        greeting.notes.push_back(port.gap);
+    }
+    print_greeting(settings, greeting, port);
+    for (const std::string& warning : port.warnings) {
+        static_cast<void>(report({ExitCode::DONE, "warning: " + warning}));
+    }
     return ExitCode::DONE;
 }

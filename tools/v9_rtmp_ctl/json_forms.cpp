@@ -40,11 +40,15 @@ Json number_or_null(const std::optional<Number>& number) {
     return number ? Json(*number) : Json(nullptr);
 }
 
-Json whole_or_null(const std::optional<double>& rate) {
-    return rate ? Json(std::llround(*rate)) : Json(nullptr);
+std::string rate_name(const char* what, RateUnit unit) {
+    return std::string(unit == RateUnit::BITS ? "bits_" : "bytes_") + what + "_per_second";
 }
 
-Json connection_object(const Connection& connection) {
+Json rate_or_null(const std::optional<double>& rate, RateUnit unit) {
+    return rate ? Json(std::llround(in_unit(*rate, unit))) : Json(nullptr);
+}
+
+Json connection_object(const Connection& connection, RateUnit unit) {
     return {{"id", connection.id},
             {"stream", text_or_null(connection.stream)},
             {"mode", text_or_null(connection.mode)},
@@ -52,35 +56,36 @@ Json connection_object(const Connection& connection) {
             {"height", connection.size ? Json(connection.size->height) : Json(nullptr)},
             {"bytes_sent", number_or_null(connection.bytes_sent)},
             {"bytes_received", number_or_null(connection.bytes_received)},
-            {"bytes_sent_per_second", whole_or_null(connection.sent_rate)},
-            {"bytes_received_per_second", whole_or_null(connection.received_rate)},
+            {rate_name("sent", unit), rate_or_null(connection.sent_rate, unit)},
+            {rate_name("received", unit), rate_or_null(connection.received_rate, unit)},
             {"address", text_or_null(connection.address)}};
 }
 
-Json stream_object(const StreamSummary& summary) {
+Json stream_object(const StreamSummary& summary, RateUnit unit) {
     return {{"stream", summary.stream},
             {"publisher", number_or_null(summary.publisher_id)},
             {"publisher_address", text_or_null(summary.publisher_address)},
+            {"publisher_is_guess", summary.publisher_is_guess},
             {"players", summary.players},
             {"width", summary.size ? Json(summary.size->width) : Json(nullptr)},
             {"height", summary.size ? Json(summary.size->height) : Json(nullptr)},
-            {"bytes_in_per_second", whole_or_null(summary.in_rate)},
-            {"bytes_out_per_second", whole_or_null(summary.out_rate)},
+            {rate_name("in", unit), rate_or_null(summary.in_rate, unit)},
+            {rate_name("out", unit), rate_or_null(summary.out_rate, unit)},
             {"rivals", summary.rivals}};
 }
 
-Json connection_array(const std::vector<Connection>& connections) {
+Json connection_array(const std::vector<Connection>& connections, RateUnit unit) {
     Json array = Json::array();
     for (const Connection& connection : connections) {
-        array.push_back(connection_object(connection));
+        array.push_back(connection_object(connection, unit));
     }
     return array;
 }
 
-Json stream_array(const std::vector<StreamSummary>& streams) {
+Json stream_array(const std::vector<StreamSummary>& streams, RateUnit unit) {
     Json array = Json::array();
     for (const StreamSummary& summary : streams) {
-        array.push_back(stream_object(summary));
+        array.push_back(stream_object(summary, unit));
     }
     return array;
 }
@@ -96,31 +101,40 @@ std::string reply_json(const Reply& reply) {
            R"(, "message": )" + dump(reply.message) + R"(, "pairs": [)" + pairs + "]}";
 }
 
-std::string list_json(const std::vector<Connection>& connections) {
-    return dump({{"slots", SLOT_COUNT}, {"connections", connection_array(connections)}});
+std::string list_json(const std::vector<Connection>& connections, RateUnit unit) {
+    return dump({{"slots", SLOT_COUNT}, {"connections", connection_array(connections, unit)}});
 }
 
-std::string streams_json(const std::vector<StreamSummary>& streams) {
+std::string streams_json(const std::vector<StreamSummary>& streams, RateUnit unit) {
     Json document;
-    document["streams"] = stream_array(streams);
+    document["streams"] = stream_array(streams, unit);
     return dump(document);
 }
 
 std::string watch_json(bool running, const std::vector<StreamSummary>& streams,
-                       const std::vector<Connection>& connections) {
+                       const std::vector<Connection>& connections, RateUnit unit) {
     return dump({{"running", running},
                  {"slots", SLOT_COUNT},
-                 {"streams", stream_array(streams)},
-                 {"connections", connection_array(connections)}});
+                 {"streams", stream_array(streams, unit)},
+                 {"connections", connection_array(connections, unit)}});
 }
 
-std::string hello_json(const std::string& greeting, std::uint64_t round_trip_us) {
-    return dump({{"greeting", greeting}, {"round_trip_ms", static_cast<double>(round_trip_us) / 1000}});
+std::string hello_json(const Greeting& greeting) {
+    return dump({{"greeting", greeting.text},
+                 {"round_trip_ms", static_cast<double>(greeting.round_trip_us) / 1000},
+                 {"listeners", greeting.listeners ? Json(*greeting.listeners) : Json(nullptr)},
+                 {"notes", greeting.notes}});
 }
 
-std::string drop_json(unsigned dropped, bool dry_run, const std::optional<std::string>& message) {
-    return dump(
-        {{"dropped", dropped}, {"dry_run", dry_run}, {"message", message ? Json(*message) : Json(nullptr)}});
+std::string drop_json(const DropResult& result) {
+    Json document{{"dropped", result.dropped},
+                  {"dry_run", result.dry_run},
+                  {"message", result.message ? Json(*result.message) : Json(nullptr)}};
+    if (result.ids) {
+        document["ids"] = *result.ids;
+        document["uncertain"] = result.uncertain_ids;
+    }
+    return dump(document);
 }
 
 std::string version_json(const std::string& version) {

@@ -3,6 +3,8 @@
 // Every form is one line without line end. Bytes that are not UTF-8 become U+FFFD.
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
@@ -10,26 +12,43 @@
 #include "tools/v9_rtmp_ctl/connections.h"
 #include "tools/v9_rtmp_ctl/control_client.h"
 #include "tools/v9_rtmp_ctl/stream_summary.h"
+#include "tools/v9_rtmp_ctl/text.h"
 
 // {"status": 0, "command": "...", "message": "...", "pairs": [["name","value"], ...]}, blanks included.
 [[nodiscard]] std::string reply_json(const Reply& reply);
 
-// {"slots":128,"connections":[...]}
-[[nodiscard]] std::string list_json(const std::vector<Connection>& connections);
+// {"slots":128,"connections":[...]}. The members for rates are named after the unit.
+[[nodiscard]] std::string list_json(const std::vector<Connection>& connections,
+                                    RateUnit unit = RateUnit::BYTES);
 
 // {"streams":[...]}
-[[nodiscard]] std::string streams_json(const std::vector<StreamSummary>& streams);
+[[nodiscard]] std::string streams_json(const std::vector<StreamSummary>& streams,
+                                       RateUnit unit = RateUnit::BYTES);
 
 // {"running":true,"slots":128,"streams":[...],"connections":[...]}; what one interval of watch shows.
 [[nodiscard]] std::string watch_json(bool running, const std::vector<StreamSummary>& streams,
-                                     const std::vector<Connection>& connections);
+                                     const std::vector<Connection>& connections,
+                                     RateUnit unit = RateUnit::BYTES);
 
-// {"greeting":"...","round_trip_ms":1.234}
-[[nodiscard]] std::string hello_json(const std::string& greeting, std::uint64_t round_trip_us);
+// {"greeting":"...","round_trip_ms":1.234,"listeners":[4711],"notes":["..."]}; listeners null where it is not known.
+struct Greeting {
+    std::string text;
+    std::uint64_t round_trip_us = 0;
+    std::optional<std::vector<unsigned>> listeners;  // processes that listen on the server's port
+    std::vector<std::string> notes;                  // what is wrong with the port, or could not be found out
+};
+[[nodiscard]] std::string hello_json(const Greeting& greeting);
 
-// {"dropped":2,"dry_run":false,"message":"..."}; message null where none came from the server.
-[[nodiscard]] std::string drop_json(unsigned dropped, bool dry_run,
-                                    const std::optional<std::string>& message);
+// {"dropped":2,"dry_run":false,"message":"..."}; message null where none came from the server. Of a drop by id with
+// "ids", what was dropped for certain, and "uncertain", where another client may have been hit.
+struct DropResult {
+    std::size_t dropped = 0;
+    bool dry_run = false;
+    std::optional<std::string> message;
+    std::optional<std::vector<unsigned>> ids;
+    std::vector<unsigned> uncertain_ids;
+};
+[[nodiscard]] std::string drop_json(const DropResult& result);
 
 // {"version":"1.0.0"}
 [[nodiscard]] std::string version_json(const std::string& version);

@@ -7,7 +7,7 @@ namespace {
 
 constexpr char ESCAPE_BYTE = '\x1b';
 
-constexpr std::array<std::pair<std::string_view, KeyKind>, 8> SEQUENCES{{
+constexpr std::array<std::pair<std::string_view, KeyKind>, 12> SEQUENCES{{
     {"[A", KeyKind::UP},
     {"OA", KeyKind::UP},
     {"[B", KeyKind::DOWN},
@@ -16,6 +16,10 @@ constexpr std::array<std::pair<std::string_view, KeyKind>, 8> SEQUENCES{{
     {"[6~", KeyKind::PAGE_DOWN},
     {"[H", KeyKind::HOME},
     {"OH", KeyKind::HOME},
+    {"[1~", KeyKind::HOME},
+    {"[F", KeyKind::END},
+    {"OF", KeyKind::END},
+    {"[4~", KeyKind::END},
 }};
 
 // Length of the sequence behind an escape byte: a bracket or 'O', parameters, one final letter or '~'.
@@ -44,6 +48,8 @@ Key decode_byte(char c) {
         case '\r':
         case '\n':
             return {KeyKind::ENTER, 0};
+        case '\t':
+            return {KeyKind::TAB, 0};
         case '\x7f':
         case '\b':
             return {KeyKind::BACKSPACE, 0};

@@ -4,7 +4,20 @@
 #include <string_view>
 #include <vector>
 
-enum class KeyKind { CHARACTER, ENTER, ESCAPE, BACKSPACE, UP, DOWN, PAGE_UP, PAGE_DOWN, HOME, OTHER };
+enum class KeyKind {
+    CHARACTER,
+    ENTER,
+    ESCAPE,
+    BACKSPACE,
+    TAB,
+    UP,
+    DOWN,
+    PAGE_UP,
+    PAGE_DOWN,
+    HOME,
+    END,
+    OTHER
+};
 
 struct Key {
     KeyKind kind = KeyKind::OTHER;

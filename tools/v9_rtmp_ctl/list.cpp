@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <iostream>
 
 #include "tools/v9_rtmp_ctl/commands.h"
@@ -8,27 +9,24 @@
 namespace {
 
 // The server picks by mode, but it has no word for connections without one.
-std::string mode_for_server(const ListOptions& options) {
-    return options.mode && *options.mode != "none" ? *options.mode : std::string();
-}
-
-void pick(const ListOptions& options, std::vector<Connection>& connections) {
-    std::erase_if(connections, [&options](const Connection& c) {
-        return (options.mode == "none" && !c.mode.empty()) || (options.stream && c.stream != *options.stream);
-    });
+std::string mode_for_server(const Selection& selection) {
+    return selection.mode && *selection.mode != "none" ? *selection.mode : std::string();
 }
 
 void print_table(const Settings& settings, const ListOptions& options,
                  const std::vector<Connection>& connections) {
     const OutputStyle style = find_output_style(settings);
-    const Table table =
-        options.sort == SortKey::RATE ? connection_rate_table(connections) : connection_table(connections);
+    const TableStyle table_style{style.width, settings.unit};
+    const Table table = options.sort == SortKey::RATE
+                            ? connection_rate_table(pointers_to(connections), table_style, Keep::TOTALS)
+                            : connection_table(pointers_to(connections), table_style);
     print_lines(layout_table(table, style.width, !options.no_legend), !options.no_legend, style);
     if (options.no_legend || settings.quiet) {
         return;
     }
-    const bool all = !options.mode && !options.stream;
-    std::cout << connections.size() << (all ? " of " + std::to_string(SLOT_COUNT) + " slots used" : " listed")
+    std::cout << connections.size()
+              << (options.selection.is_everything() ? " of " + std::to_string(SLOT_COUNT) + " slots used"
+                                                    : " listed")
               << '\n';
 }
 
@@ -44,7 +42,7 @@ void print_connections(const Settings& settings, const ListOptions& options,
             }
             break;
         case OutputForm::JSON:
-            std::cout << list_json(connections) << '\n';
+            std::cout << list_json(connections, settings.unit) << '\n';
             break;
     }
 }
@@ -54,20 +52,24 @@ void print_connections(const Settings& settings, const ListOptions& options,
 ExitCode run_list(const Settings& settings, const ListOptions& options) {
     ControlClient client(settings.socket_path, settings.timeout_us());
     Listing listing;
-    const std::string mode = mode_for_server(options);
+    const std::string mode = mode_for_server(options.selection);
     const std::optional<Failure> failure = options.sort == SortKey::RATE
                                                ? take_listing_with_rates(client, mode, listing)
                                                : take_listing(client, mode, listing);
     if (failure) {
         return report(*failure);
     }
-    pick(options, listing.connections);
+    pick(options.selection, listing.connections);
     sort_connections(listing.connections, options.sort);
+    if (options.reverse) {
+        std::reverse(listing.connections.begin(), listing.connections.end());
+    }
     print_connections(settings, options, listing.connections);
-    if (listing.connections.empty() && (options.mode || options.stream)) {
+    if (listing.connections.empty() && !options.selection.is_everything()) {
         return report(
             {ExitCode::NEGATIVE_ANSWER,
-             "no connection matches. 'v9_rtmp_ctl list' without --mode and --stream shows them all."});
+             "no connection matches. 'v9_rtmp_ctl list' without --mode, --stream and --address shows "
+             "them all."});
     }
     return ExitCode::DONE;
 }

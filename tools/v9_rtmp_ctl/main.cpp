@@ -30,11 +30,13 @@ ExitCode run(const CommandLine& line) {
         case Subcommand::LIST:
             return run_list(line.settings, line.list);
         case Subcommand::STREAMS:
-            return run_streams(line.settings);
+            return run_streams(line.settings, line.streams);
         case Subcommand::DROP_ID:
             return run_drop_id(line.settings, line.drop);
         case Subcommand::DROP_STREAM:
             return run_drop_stream(line.settings, line.drop);
+        case Subcommand::DROP_ADDRESS:
+            return run_drop_address(line.settings, line.drop);
         case Subcommand::DROP_UNNAMED:
             return run_drop_unnamed(line.settings, line.drop);
         case Subcommand::WATCH:

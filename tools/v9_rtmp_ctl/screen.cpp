@@ -1,6 +1,8 @@
 #include "tools/v9_rtmp_ctl/screen.h"
 
+#include <fcntl.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
 
@@ -47,6 +49,36 @@ bool wait_for_foreground() {
     return result == 0;
 }
 
+unsigned device_of(int fd) {
+    unsigned device = 0;
+    return ioctl(fd, TIOCGDEV, &device) == 0 ? device : 0;
+}
+
+// Standard output once more, so that not to block concerns this process alone: the shell shares the other description.
+// Blocks where the terminal cannot be opened again.
+int open_output() {
+    for (const char* const path : {"/dev/tty", "/proc/self/fd/1"}) {
+        const int fd = open(path, O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+        if (fd >= 0 && device_of(fd) == device_of(STDOUT_FILENO)) {
+            return fd;
+        }
+        if (fd >= 0) {
+            close(fd);
+        }
+    }
+    return fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0);
+}
+
+// Takes off what the terminal took. False when it is gone.
+bool write_some(int fd, std::string_view& bytes) {
+    const ssize_t n = ::write(fd, bytes.data(), bytes.size());
+    if (n < 0) {
+        return errno == EAGAIN || errno == EINTR;
+    }
+    bytes.remove_prefix(static_cast<std::size_t>(n));
+    return n > 0;
+}
+
 }  // namespace
 
 std::unique_ptr<Screen> Screen::open() {
@@ -60,20 +92,27 @@ std::unique_ptr<Screen> Screen::open() {
     if (fd < 0) {
         return nullptr;
     }
+    const int output = open_output();
+    if (output < 0) {
+        close(fd);
+        return nullptr;
+    }
     sigset_t usual_signals;
     pthread_sigmask(SIG_BLOCK, &told, &usual_signals);
-    std::unique_ptr<Screen> screen(new Screen(fd, usual, usual_signals));
+    std::unique_ptr<Screen> screen(new Screen(fd, output, usual, usual_signals));
     return screen->take() ? std::move(screen) : nullptr;
 }
 
-Screen::Screen(int signal_descriptor, const termios& usual, const sigset_t& usual_signals)
-    : signals(signal_descriptor), usual_mode(usual), usual_mask(usual_signals) {}
+Screen::Screen(int signal_descriptor, int output_descriptor, const termios& usual,
+               const sigset_t& usual_signals)
+    : signals(signal_descriptor), output(output_descriptor), usual_mode(usual), usual_mask(usual_signals) {}
 
 Screen::~Screen() {
     give_back();
     // What was told is not left to end the process once more, behind the caller's back.
     static_cast<void>(read_signals());
     close(signals);
+    close(output);
     pthread_sigmask(SIG_SETMASK, &usual_mask, nullptr);
 }
 
@@ -92,7 +131,11 @@ void Screen::give_back() {
     if (!is_taken) {
         return;
     }
-    static_cast<void>(write(GIVE_BACK));
+    // What the terminal has not taken by now stands in the way of what restores it.
+    if (!write_in_time(GIVE_BACK)) {
+        tcflush(output, TCOFLUSH);
+        static_cast<void>(write_in_time(GIVE_BACK));
+    }
     tcsetattr(STDIN_FILENO, TCSANOW, &usual_mode);
     is_taken = false;
 }
@@ -137,15 +180,25 @@ bool Screen::read_keys(std::string& bytes) {
     return n > 0 || (n < 0 && (errno == EINTR || errno == EAGAIN));
 }
 
-bool Screen::write(std::string_view bytes) {
+bool Screen::write(std::string_view bytes) const {
     while (!bytes.empty()) {
-        const ssize_t n = ::write(STDOUT_FILENO, bytes.data(), bytes.size());
-        if (n > 0) {
-            bytes.remove_prefix(static_cast<std::size_t>(n));
-        } else if (n < 0 && errno == EAGAIN) {
-            pollfd ready = {STDOUT_FILENO, POLLOUT, 0};
-            poll(&ready, 1, -1);
-        } else if (n == 0 || errno != EINTR) {
+        std::array<pollfd, 2> waited{{{output, POLLOUT, 0}, {signals, POLLIN, 0}}};
+        poll(waited.data(), waited.size(), -1);
+        if (waited[1].revents != 0) {
+            return true;
+        }
+        if (!write_some(output, bytes)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+bool Screen::write_in_time(std::string_view bytes) const {
+    constexpr int MAX_WAIT_MS = 200;
+    while (!bytes.empty()) {
+        pollfd ready{output, POLLOUT, 0};
+        if (poll(&ready, 1, MAX_WAIT_MS) == 0 || !write_some(output, bytes)) {
             return false;
         }
     }

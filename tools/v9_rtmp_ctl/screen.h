@@ -2,7 +2,8 @@
 //
 //   [usual] --open, resume--> [taken] --close, suspend, destructor--> [usual]
 //
-// However the owner is left, by return or by exception, the terminal is as it was before. Signals that would
+// However the owner is left, by return or by exception, the terminal is as it was before. One that takes no output is
+// left within half a second; what it has not shown yet is thrown away then. Signals that would
 // end or stop the process are held back meanwhile and told by read_signals instead. A process in the background
 // takes nothing: it is stopped until it is brought to the foreground. One at a time; one thread.
 #pragma once
@@ -38,8 +39,9 @@ class Screen {
     // Appends what was typed. False when the terminal is gone.
     [[nodiscard]] static bool read_keys(std::string& bytes);
 
-    // False when the terminal is gone.
-    [[nodiscard]] static bool write(std::string_view bytes);
+    // Writes as long as the terminal takes output and no signal has come; the caller reads the signals and paints
+    // again. False when the terminal is gone.
+    [[nodiscard]] bool write(std::string_view bytes) const;
 
     // Another job has the terminal, although this process was not asked to give it back.
     [[nodiscard]] static bool is_in_background();
@@ -49,11 +51,13 @@ class Screen {
     [[nodiscard]] bool suspend();
 
   private:
-    Screen(int signal_descriptor, const termios& usual, const sigset_t& usual_signals);
+    Screen(int signal_descriptor, int output_descriptor, const termios& usual, const sigset_t& usual_signals);
     [[nodiscard]] bool take();
     void give_back();
+    [[nodiscard]] bool write_in_time(std::string_view bytes) const;
 
     const int signals;
+    const int output;  // the terminal, which others may have open as well, without blocking
     const termios usual_mode;
     const sigset_t usual_mask;
     bool is_taken = false;

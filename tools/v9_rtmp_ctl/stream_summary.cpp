@@ -15,26 +15,26 @@ void add(std::optional<double>& sum, const std::optional<double>& rate) {
     }
 }
 
-bool has_sent_less(const Connection* a, const Connection* b) {
-    // Of two that have sent the same, the one with the lower id counts as more.
-    return std::tuple(a->bytes_received.value_or(0), b->id) <
-           std::tuple(b->bytes_received.value_or(0), a->id);
+bool was_chosen(const Connection& candidate, const std::vector<StreamSummary>& previous) {
+    return std::any_of(previous.begin(), previous.end(), [&candidate](const StreamSummary& summary) {
+        return summary.stream == candidate.stream && summary.publisher_id == candidate.id &&
+               summary.publisher_address == candidate.address;
+    });
 }
 
 const Connection* choose_publisher(const std::vector<const Connection*>& candidates,
                                    const std::vector<StreamSummary>& previous) {
-    if (candidates.empty()) {
-        return nullptr;
-    }
-    for (const StreamSummary& summary : previous) {
-        for (const Connection* candidate : candidates) {
-            if (summary.stream == candidate->stream && summary.publisher_id == candidate->id &&
-                summary.publisher_address == candidate->address) {
-                return candidate;
-            }
-        }
-    }
-    return *std::max_element(candidates.begin(), candidates.end(), has_sent_less);
+    const auto is_less_likely = [&previous](const Connection* a, const Connection* b) {
+        const auto likelihood = [&previous](const Connection& c) {
+            // No rate at all is below a rate of 0.
+            return std::tuple(c.size.has_value(), c.received_rate.value_or(-1), was_chosen(c, previous),
+                              c.bytes_received.value_or(0));
+        };
+        // Of two that are equal, the one with the lower id counts as likelier.
+        return std::tuple(likelihood(*a), b->id) < std::tuple(likelihood(*b), a->id);
+    };
+    const auto likeliest = std::max_element(candidates.begin(), candidates.end(), is_less_likely);
+    return likeliest == candidates.end() ? nullptr : *likeliest;
 }
 
 struct Members {
@@ -50,6 +50,7 @@ StreamSummary summarize(const std::string& stream, const Members& members,
     if (publisher != nullptr) {
         summary.publisher_id = publisher->id;
         summary.publisher_address = publisher->address;
+        summary.publisher_is_guess = members.publishers.size() > 1;
         summary.size = publisher->size;
         summary.in_rate = publisher->received_rate;
     }
@@ -69,8 +70,8 @@ double busyness(const StreamSummary& summary) {
     return summary.in_rate.value_or(0) + summary.out_rate.value_or(0);
 }
 
-std::string whole_rate(const std::optional<double>& rate) {
-    return rate ? std::to_string(std::llround(*rate)) : std::string();
+std::string whole_rate(const std::optional<double>& rate, RateUnit unit) {
+    return rate ? std::to_string(std::llround(in_unit(*rate, unit))) : std::string();
 }
 
 }  // namespace
@@ -110,9 +111,10 @@ std::string id_list(const std::vector<unsigned>& ids) {
     return list;
 }
 
-std::string plain_line(const StreamSummary& summary) {
+std::string plain_line(const StreamSummary& summary, RateUnit unit) {
     return escape_untrusted(summary.stream) + '\t' +
            (summary.publisher_id ? std::to_string(*summary.publisher_id) : std::string()) + '\t' +
            std::to_string(summary.players) + '\t' + size_text(summary.size) + '\t' +
-           whole_rate(summary.in_rate) + '\t' + whole_rate(summary.out_rate) + '\t' + id_list(summary.rivals);
+           whole_rate(summary.in_rate, unit) + '\t' + whole_rate(summary.out_rate, unit) + '\t' +
+           id_list(summary.rivals);
 }

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <iostream>
 
 #include "tools/v9_rtmp_ctl/commands.h"
@@ -6,27 +7,54 @@
 #include "tools/v9_rtmp_ctl/stream_summary.h"
 #include "tools/v9_rtmp_ctl/tables.h"
 
-ExitCode run_streams(const Settings& settings) {
+namespace {
+
+void print_table(const Settings& settings, const StreamsOptions& options,
+                 const std::vector<StreamSummary>& streams) {
+    const OutputStyle style = find_output_style(settings);
+    const Table table = stream_table(pointers_to(streams), {style.width, settings.unit});
+    print_lines(layout_table(table, style.width, !options.no_legend), !options.no_legend, style);
+    const bool has_guess = std::any_of(streams.begin(), streams.end(),
+                                       [](const StreamSummary& s) { return s.publisher_is_guess; });
+    if (has_guess && !options.no_legend && !settings.quiet) {
+        std::cout << "? is a guess: the server does not tell which one.\n";
+    }
+}
+
+void print_streams(const Settings& settings, const StreamsOptions& options,
+                   const std::vector<StreamSummary>& streams) {
+    switch (settings.form) {
+        case OutputForm::PEOPLE:
+            print_table(settings, options, streams);
+            break;
+        case OutputForm::PLAIN:
+            for (const StreamSummary& summary : streams) {
+                std::cout << plain_line(summary, settings.unit) << '\n';
+            }
+            break;
+        case OutputForm::JSON:
+            std::cout << streams_json(streams, settings.unit) << '\n';
+            break;
+    }
+}
+
+}  // namespace
+
+ExitCode run_streams(const Settings& settings, const StreamsOptions& options) {
     ControlClient client(settings.socket_path, settings.timeout_us());
     Listing listing;
     if (const std::optional<Failure> failure = take_listing_with_rates(client, "", listing)) {
         return report(*failure);
     }
-    const std::vector<StreamSummary> streams = summarize_streams(listing.connections, {}, SortKey::STREAM);
-    switch (settings.form) {
-        case OutputForm::PEOPLE: {
-            const OutputStyle style = find_output_style(settings);
-            print_lines(layout_table(stream_table(streams), style.width, true), true, style);
-            break;
-        }
-        case OutputForm::PLAIN:
-            for (const StreamSummary& summary : streams) {
-                std::cout << plain_line(summary) << '\n';
-            }
-            break;
-        case OutputForm::JSON:
-            std::cout << streams_json(streams) << '\n';
-            break;
+    pick({options.names, {}, std::nullopt}, listing.connections);
+    std::vector<StreamSummary> streams = summarize_streams(listing.connections, {}, options.sort);
+    if (options.reverse) {
+        std::reverse(streams.begin(), streams.end());
+    }
+    print_streams(settings, options, streams);
+    if (streams.empty() && !options.names.empty()) {
+        return report({ExitCode::NEGATIVE_ANSWER,
+                       "no stream has such a name. 'v9_rtmp_ctl streams' without a name shows them all."});
     }
     return ExitCode::DONE;
 }

@@ -1,6 +1,7 @@
 #include "tools/v9_rtmp_ctl/table.h"
 
 #include <algorithm>
+#include <limits>
 
 #include "tools/v9_rtmp_ctl/text.h"
 
@@ -8,6 +9,9 @@ namespace {
 
 constexpr std::size_t GAP_COLUMNS = 2;
 
+constexpr std::size_t LEFT_OUT = std::numeric_limits<std::size_t>::max();
+
+// Of each column; LEFT_OUT for one that is not shown.
 using Widths = std::vector<std::size_t>;
 
 Widths natural_widths(const Table& table, bool with_titles) {
@@ -21,12 +25,49 @@ Widths natural_widths(const Table& table, bool with_titles) {
     return widths;
 }
 
-std::size_t total_width(const Widths& widths) {
-    std::size_t total = widths.empty() ? 0 : (widths.size() - 1) * GAP_COLUMNS;
-    for (const std::size_t width : widths) {
-        total += width;
+template <typename WidthOf>
+std::size_t total_width(const Widths& widths, const WidthOf& width_of) {
+    std::size_t total = 0;
+    for (std::size_t i = 0; i < widths.size(); ++i) {
+        if (widths[i] != LEFT_OUT) {
+            total += (total == 0 ? 0 : GAP_COLUMNS) + width_of(i);
+        }
     }
     return total;
+}
+
+std::size_t total_width(const Widths& widths) {
+    return total_width(widths, [&widths](std::size_t i) { return widths[i]; });
+}
+
+std::size_t comfortable_width(const Table& table, const Widths& widths) {
+    return total_width(widths, [&](std::size_t i) {
+        return table.columns[i].min_width == 0 ? widths[i] : std::min(widths[i], COMFORTABLE_WIDTH);
+    });
+}
+
+// Leaves out the columns that have a rank but no room.
+void leave_out_by_rank(const Table& table, std::size_t width, Widths& widths) {
+    unsigned highest = 0;
+    for (const Column& column : table.columns) {
+        highest = std::max(highest, column.rank);
+    }
+    Widths shown = widths;
+    const auto show = [&](unsigned rank) {
+        for (std::size_t i = 0; i < widths.size(); ++i) {
+            shown[i] = table.columns[i].rank == rank ? widths[i] : shown[i];
+        }
+    };
+    std::fill(shown.begin(), shown.end(), LEFT_OUT);
+    show(0);
+    for (unsigned rank = 1; rank <= highest; ++rank) {
+        const Widths before = shown;
+        show(rank);
+        if (comfortable_width(table, shown) > width) {
+            shown = before;
+        }
+    }
+    widths = shown;
 }
 
 // The widest column that may still give up a place; null when there is none.
@@ -34,7 +75,7 @@ std::size_t* widest_to_cut(const Table& table, Widths& widths) {
     std::size_t* widest = nullptr;
     for (std::size_t i = 0; i < widths.size(); ++i) {
         const std::size_t min_width = table.columns[i].min_width;
-        const bool may_be_cut = min_width != 0 && widths[i] > min_width;
+        const bool may_be_cut = min_width != 0 && widths[i] != LEFT_OUT && widths[i] > min_width;
         if (may_be_cut && (widest == nullptr || widths[i] > *widest)) {
             widest = &widths[i];
         }
@@ -44,7 +85,7 @@ std::size_t* widest_to_cut(const Table& table, Widths& widths) {
 
 void shrink_to(const Table& table, std::size_t width, Widths& widths) {
     for (std::size_t i = 0; i < widths.size(); ++i) {
-        if (table.columns[i].min_width != 0) {
+        if (table.columns[i].min_width != 0 && widths[i] != LEFT_OUT) {
             // A name of a megabyte is brought near the width at once.
             widths[i] = std::min(widths[i], std::max(width, table.columns[i].min_width));
         }
@@ -67,7 +108,10 @@ void append_cell(std::string& line, const std::string& cell, std::size_t width, 
 std::string layout_line(const Table& table, const std::vector<std::string>& cells, const Widths& widths) {
     std::string line;
     for (std::size_t i = 0; i < cells.size(); ++i) {
-        if (i != 0) {
+        if (widths[i] == LEFT_OUT) {
+            continue;
+        }
+        if (!line.empty()) {
             line.append(GAP_COLUMNS, ' ');
         }
         append_cell(line, cells[i], widths[i], table.columns[i].align);
@@ -82,6 +126,7 @@ std::vector<std::string> layout_table(const Table& table, std::optional<std::siz
                                       bool with_titles) {
     Widths widths = natural_widths(table, with_titles);
     if (width) {
+        leave_out_by_rank(table, *width, widths);
         shrink_to(table, *width, widths);
     }
     std::vector<std::string> lines;
@@ -101,4 +146,8 @@ std::vector<std::string> layout_table(const Table& table, std::optional<std::siz
         }
     }
     return lines;
+}
+
+bool fits_comfortably(const Table& table, std::size_t width) {
+    return comfortable_width(table, natural_widths(table, true)) <= width;
 }

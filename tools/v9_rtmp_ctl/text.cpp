@@ -6,21 +6,26 @@
 
 namespace {
 
-constexpr std::array<const char*, 7> UNITS{"B", "KiB", "MiB", "GiB", "TiB", "PiB", "EiB"};
-constexpr double UNIT_STEP = 1024;
-// From here on one decimal place would show 1024.0.
-constexpr double ROUNDS_UP = 1023.95;
+// Names of a unit and its multiples, each step times the one before. Whole units are shown without a decimal place.
+struct Scale {
+    std::array<const char*, 7> names;
+    double step;
+};
+constexpr Scale BYTE_SCALE{{"B", "KiB", "MiB", "GiB", "TiB", "PiB", "EiB"}, 1024};
+constexpr Scale BIT_SCALE{{"bit", "kbit", "Mbit", "Gbit", "Tbit", "Pbit", "Ebit"}, 1000};
 
-std::string in_iec_units(double value, const char* suffix) {
-    std::size_t unit = 0;
-    // Whole bytes are shown without a decimal place, so they round up later than the other units.
-    while (unit + 1 < UNITS.size() && value >= (unit == 0 ? UNIT_STEP - 0.5 : ROUNDS_UP)) {
-        value /= UNIT_STEP;
-        ++unit;
+std::string scaled(double value, const Scale& scale, const char* suffix) {
+    // From the step on, less what rounds up to it.
+    constexpr double WHOLE = 0.5;
+    constexpr double ONE_PLACE = 0.05;
+    std::size_t idx = 0;
+    while (idx + 1 < scale.names.size() && value >= scale.step - (idx == 0 ? WHOLE : ONE_PLACE)) {
+        value /= scale.step;
+        ++idx;
     }
     std::array<char, 64> text{};
-    const int length = std::snprintf(text.data(), text.size(), unit == 0 ? "%.0f %s%s" : "%.1f %s%s", value,
-                                     UNITS[unit], suffix);
+    const int length = std::snprintf(text.data(), text.size(), idx == 0 ? "%.0f %s%s" : "%.1f %s%s", value,
+                                     scale.names.at(idx), suffix);
     return {text.data(), static_cast<std::size_t>(length)};
 }
 
@@ -51,12 +56,17 @@ std::string cut_text(std::string_view text, std::size_t width) {
 }
 
 std::string format_bytes(std::optional<std::uint64_t> bytes) {
-    return bytes ? in_iec_units(static_cast<double>(*bytes), "") : "-";
+    return bytes ? scaled(static_cast<double>(*bytes), BYTE_SCALE, "") : "-";
 }
 
-std::string format_rate(std::optional<double> bytes_per_second) {
+double in_unit(double bytes_per_second, RateUnit unit) {
+    constexpr double BITS_PER_BYTE = 8;
+    return unit == RateUnit::BITS ? bytes_per_second * BITS_PER_BYTE : bytes_per_second;
+}
+
+std::string format_rate(std::optional<double> bytes_per_second, RateUnit unit) {
     if (!bytes_per_second || !std::isfinite(*bytes_per_second) || *bytes_per_second < 0) {
         return "-";
     }
-    return in_iec_units(*bytes_per_second, "/s");
+    return scaled(in_unit(*bytes_per_second, unit), unit == RateUnit::BITS ? BIT_SCALE : BYTE_SCALE, "/s");
 }

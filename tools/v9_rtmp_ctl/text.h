@@ -1,4 +1,4 @@
-// Text for people: strangers' bytes made harmless, columns cut and filled, sizes in IEC units. Pure.
+// Text for people: strangers' bytes made harmless, columns cut and filled, sizes and rates with units. Pure.
 #pragma once
 
 #include <cstddef>
@@ -17,5 +17,12 @@
 // "0 B", "1023 B", "1.0 KiB", "12.3 MiB"; "-" when the value is not known.
 [[nodiscard]] std::string format_bytes(std::optional<std::uint64_t> bytes);
 
-// The same with "/s" behind it. Negative and unknown rates are "-".
-[[nodiscard]] std::string format_rate(std::optional<double> bytes_per_second);
+// What rates are counted in. Totals are bytes always.
+enum class RateUnit { BYTES, BITS };
+
+// "12.3 MiB/s", or "103.2 Mbit/s" in units of 1000, as encoders are set. Negative and unknown rates are "-".
+[[nodiscard]] std::string format_rate(std::optional<double> bytes_per_second,
+                                      RateUnit unit = RateUnit::BYTES);
+
+// The rate in that unit, for scripts.
+[[nodiscard]] double in_unit(double bytes_per_second, RateUnit unit);

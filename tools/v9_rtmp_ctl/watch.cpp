@@ -3,146 +3,26 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
-#include <ctime>
 #include <iostream>
+#include <iterator>
+#include <memory>
 #include <thread>
 
 #include "tools/v9_rtmp_ctl/commands.h"
-#include "tools/v9_rtmp_ctl/drop_rules.h"
 #include "tools/v9_rtmp_ctl/json_forms.h"
 #include "tools/v9_rtmp_ctl/output.h"
 #include "tools/v9_rtmp_ctl/screen.h"
 #include "tools/v9_rtmp_ctl/watch_frame.h"
 #include "tools/v9_rtmp_ctl/watch_model.h"
+#include "tools/v9_rtmp_ctl/watch_observer.h"
 
 namespace {
 
-// Keys are not looked at while a connection is made or a drop is answered.
-constexpr std::uint64_t MAX_DEAF_US = 1000000;
-
-std::string time_of_day() {
-    const std::time_t now = std::time(nullptr);
-    std::tm local{};
-    std::array<char, 16> text{};
-    if (localtime_r(&now, &local) == nullptr ||
-        std::strftime(text.data(), text.size(), "%H:%M:%S", &local) == 0) {
-        return "--:--:--";
-    }
-    return text.data();
-}
-
-std::uint64_t interval_us(const WatchOptions& options) {
-    return static_cast<std::uint64_t>(options.interval_seconds * 1e6);
-}
-
-// Takes the answer in, whatever it is.
-void take_in_answer(WatchModel& model, const Reply& reply, std::uint64_t now_us) {
-    Listing listing;
-    listing.taken_us = now_us;
-    model.clock = time_of_day();
-    if (const std::optional<Failure> failure = read_listing(reply, listing)) {
-        take_in(model, *failure);
-    } else {
-        take_in(model, std::move(listing));
-    }
-}
-
-void take_in_failure(WatchModel& model, const Failure& failure) {
-    model.clock = time_of_day();
-    take_in(model, failure);
-}
-
-// Whoever took the candidate's slot, or what it began, while its question waited is not what the yes was for.
-std::optional<Failure> drop_if_unchanged(ControlClient& client, const Connection& candidate) {
-    Listing listing;
-    if (std::optional<Failure> failure = take_listing(client, "", listing)) {
-        return failure;
-    }
-    if (std::optional<Failure> failure = judge_candidate(candidate, listing.connections)) {
-        return failure;
-    }
-    Reply reply;
-    if (std::optional<Failure> failure =
-            client.call(drop_id_request(candidate.id, candidate.stream), reply)) {
-        return failure;
-    }
-    return judge_drop_id(candidate.id, candidate.stream, reply);
-}
-
-// Looks at the server on time, without making the keys wait for its answer.
-class Observer {
-  public:
-    Observer(const Settings& all_settings, const WatchOptions& options)
-        : settings(all_settings),
-          client(settings.socket_path, std::min(settings.timeout_us(), MAX_DEAF_US)),
-          every_us(interval_us(options)) {}
-
-    // Begins a look when one is due, and gives up one that is late.
-    void keep_time(WatchModel& model, std::uint64_t now_us) {
-        if (pending && now_us >= deadline_us) {
-            pending = false;
-            client.disconnect();
-            take_in_failure(model, describe_failure(COMM_SOCKET_V4_TIMEOUT, settings.socket_path));
-        }
-        if (pending || model.paused || now_us < next_us) {
-            return;
-        }
-        next_us = now_us + every_us;
-        deadline_us = now_us + settings.timeout_us();
-        if (const std::optional<Failure> failure = client.start(list_request(""))) {
-            take_in_failure(model, *failure);
-            return;
-        }
-        pending = true;
-    }
-
-    // Once fd() is readable.
-    void take_reply(WatchModel& model) {
-        Reply reply;
-        bool found = false;
-        if (const std::optional<Failure> failure = client.poll_reply(reply, found)) {
-            pending = false;
-            take_in_failure(model, *failure);
-        } else if (found) {
-            pending = false;
-            take_in_answer(model, reply, clock_us());
-        }
-    }
-
-    // Drops the candidate and says in the model's notice what came of it.
-    void drop_candidate(WatchModel& model) {
-        const Connection candidate = *model.drop_candidate;
-        model.drop_candidate.reset();
-        pending = false;  // The look under way is lost; another follows at once.
-        next_us = 0;
-        const std::optional<Failure> failure = drop_if_unchanged(client, candidate);
-        model.notice =
-            failure ? failure->message : "Dropped connection " + std::to_string(candidate.id) + ".";
-    }
-
-    // Readable when a reply may have come; -1 when none is awaited.
-    [[nodiscard]] int fd() const { return pending ? client.fd() : -1; }
-
-    // Until keep_time has something to do; -1 for never.
-    [[nodiscard]] int time_left_ms(const WatchModel& model, std::uint64_t now_us) const {
-        if (!pending && model.paused) {
-            return -1;
-        }
-        const std::uint64_t due_us = pending ? deadline_us : next_us;
-        return due_us > now_us ? static_cast<int>((due_us - now_us + 999) / 1000) : 0;
-    }
-
-  private:
-    const Settings& settings;
-    ControlClient client;
-    const std::uint64_t every_us;
-    std::uint64_t next_us = 0;
-    std::uint64_t deadline_us = 0;
-    bool pending = false;
-};
+// How long it may take to find out that the socket cannot be used.
+constexpr std::uint64_t MAX_PROBE_US = 1000000;
 
 // False when it is time to leave.
-bool handle_keys(WatchModel& model, Observer& observer) {
+bool handle_keys(WatchModel& model, WatchObserver& observer) {
     std::string typed;
     if (!Screen::read_keys(typed)) {
         return false;
@@ -154,29 +34,35 @@ bool handle_keys(WatchModel& model, Observer& observer) {
             case WatchAction::QUIT:
                 return false;
             case WatchAction::DROP:
-                observer.drop_candidate(model);
+                observer.begin_drop(model, clock_us());
                 break;
         }
     }
     return true;
 }
 
+// False when the terminal is gone.
+bool paint(WatchModel& model, const Screen& screen, bool color) {
+    const ScreenSize size = find_screen_size();
+    settle(model, size);
+    return screen.write(paint_frame(render_frame(model, size), color));
+}
+
 void watch_on_screen(const Settings& settings, const WatchOptions& options, WatchModel& model,
                      Screen& screen) {
     const bool color = find_output_style(settings).color;
-    Observer observer(settings, options);
+    WatchObserver observer(settings, options);
+    bool is_stale = true;  // the screen does not show the model
     for (;;) {
-        observer.keep_time(model, clock_us());
-        const ScreenSize size = find_screen_size();
-        model.scroll = std::min(model.scroll, last_scroll(model, size));
-        if (!Screen::write(paint_frame(render_frame(model, size), color))) {
+        is_stale |= observer.keep_time(model, clock_us());
+        if (is_stale && !paint(model, screen, color)) {
             return;
         }
+        is_stale = false;
         std::array<pollfd, 3> waited{
             {{screen.signal_fd(), POLLIN, 0}, {Screen::key_fd(), POLLIN, 0}, {observer.fd(), POLLIN, 0}}};
         poll(waited.data(), waited.size(), observer.time_left_ms(model, clock_us()));
-        const SignalEvents events =
-            screen.read_signals();  // A new size is found when the next frame is made.
+        const SignalEvents events = screen.read_signals();
         if (events.quit) {
             return;
         }
@@ -184,21 +70,32 @@ void watch_on_screen(const Settings& settings, const WatchOptions& options, Watc
             if (!screen.suspend()) {
                 return;
             }
+            is_stale = true;
             continue;  // What was typed before was for the shell.
         }
+        // A new size is found when the next frame is made.
+        is_stale |= events.resize;
         // The reply goes first: a key may end the wait for it.
         if (waited[2].revents != 0) {
-            observer.take_reply(model);
+            is_stale |= observer.take_replies(model, clock_us());
         }
-        if (waited[1].revents != 0 && !handle_keys(model, observer)) {
-            return;
+        if (waited[1].revents != 0) {
+            if (!handle_keys(model, observer)) {
+                return;
+            }
+            is_stale = true;
         }
     }
 }
 
 void print_frame(const Settings& settings, const WatchModel& model) {
     if (settings.form == OutputForm::JSON) {
-        std::cout << watch_json(model.running, model.streams, model.listing.connections) << '\n';
+        const auto copy = [](const auto* item) { return *item; };
+        std::vector<StreamSummary> streams;
+        std::ranges::transform(shown_streams(model), std::back_inserter(streams), copy);
+        std::vector<Connection> connections;
+        std::ranges::transform(shown_connections(model), std::back_inserter(connections), copy);
+        std::cout << watch_json(model.running, streams, connections, settings.unit) << '\n';
         return;
     }
     for (const FrameLine& line : render_endless_frame(model)) {
@@ -207,9 +104,10 @@ void print_frame(const Settings& settings, const WatchModel& model) {
     std::cout << '\n';
 }
 
-// Until the process is ended or nobody takes the output any more.
+// Until the process is ended or the output takes nothing any more.
 void watch_in_frames(const Settings& settings, const WatchOptions& options, WatchModel& model) {
     ControlClient client(settings.socket_path, settings.timeout_us());
+    const std::chrono::microseconds every(static_cast<std::int64_t>(options.interval_seconds * 1e6));
     auto next = std::chrono::steady_clock::now();
     while (std::cout) {
         Reply reply;
@@ -220,8 +118,7 @@ void watch_in_frames(const Settings& settings, const WatchOptions& options, Watc
         }
         print_frame(settings, model);
         std::cout.flush();
-        next = std::max(next + std::chrono::microseconds(interval_us(options)),
-                        std::chrono::steady_clock::now());
+        next = std::max(next + every, std::chrono::steady_clock::now());
         std::this_thread::sleep_until(next);
     }
 }
@@ -229,14 +126,16 @@ void watch_in_frames(const Settings& settings, const WatchOptions& options, Watc
 }  // namespace
 
 ExitCode run_watch(const Settings& settings, const WatchOptions& options) {
-    // A server that is not running is waited for, but nobody gives this process a permission that it lacks.
-    ControlClient probe(settings.socket_path, std::min(settings.timeout_us(), MAX_DEAF_US));
+    // A server that is not running is waited for; a permission that is missing stays missing.
+    ControlClient probe(settings.socket_path, std::min(settings.timeout_us(), MAX_PROBE_US));
     const std::optional<Failure> failure = probe.connect();
     if (failure && (failure->exit_code == ExitCode::PERMISSION || failure->exit_code == ExitCode::USAGE)) {
         return report(*failure);
     }
     probe.disconnect();
     WatchModel model;
+    model.selection = options.selection;
+    model.unit = settings.unit;
     const std::unique_ptr<Screen> screen = settings.form == OutputForm::JSON ? nullptr : Screen::open();
     if (screen != nullptr) {
         watch_on_screen(settings, options, model, *screen);

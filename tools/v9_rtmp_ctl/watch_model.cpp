@@ -8,12 +8,51 @@
 
 namespace {
 
-constexpr std::size_t PAGE_ROWS = 10;
 constexpr std::size_t MAX_INPUT_BYTES = 64;
+
+bool contains(const std::string& text, const std::string& part) {
+    return escape_untrusted(text).find(part) != std::string::npos;
+}
+
+template <typename Item>
+const Item* selected_item(const std::vector<const Item*>& shown, const TableCursor& cursor) {
+    return cursor.selected && *cursor.selected < shown.size() ? shown[*cursor.selected] : nullptr;
+}
+
+// Moves the selection to the row that is the same; keeps its place when there is none.
+template <typename Item, typename IsSame>
+void select_again(const std::vector<const Item*>& shown, const IsSame& is_same, TableCursor& cursor) {
+    const auto found = std::find_if(shown.begin(), shown.end(), is_same);
+    if (cursor.selected && found != shown.end()) {
+        cursor.selected = static_cast<std::size_t>(found - shown.begin());
+    }
+}
 
 void arrange(WatchModel& model) {
     sort_connections(model.listing.connections, model.sort);
     model.streams = summarize_streams(model.listing.connections, model.streams, model.sort);
+    if (model.reversed) {
+        std::reverse(model.listing.connections.begin(), model.listing.connections.end());
+        std::reverse(model.streams.begin(), model.streams.end());
+    }
+}
+
+// Makes a change that moves rows; the selected ones are selected again behind it.
+template <typename Change>
+void keep_selection(WatchModel& model, const Change& change) {
+    const Connection* const connection = selected_item(shown_connections(model), model.connection_cursor);
+    const StreamSummary* const stream = selected_item(shown_streams(model), model.stream_cursor);
+    const std::pair client(connection == nullptr ? SLOT_COUNT : connection->id,
+                           connection == nullptr ? std::string() : connection->address);
+    const std::string name = stream == nullptr ? std::string() : stream->stream;
+    change();
+    select_again(
+        shown_connections(model),
+        [&client](const Connection* c) { return c->id == client.first && c->address == client.second; },
+        model.connection_cursor);
+    select_again(
+        shown_streams(model), [&name](const StreamSummary* s) { return s->stream == name; },
+        model.stream_cursor);
 }
 
 SortKey next_sort(SortKey key) {
@@ -28,6 +67,18 @@ SortKey next_sort(SortKey key) {
     return SortKey::ID;
 }
 
+WatchView next_view(WatchView view) {
+    switch (view) {
+        case WatchView::BOTH:
+            return WatchView::STREAMS;
+        case WatchView::STREAMS:
+            return WatchView::CONNECTIONS;
+        case WatchView::CONNECTIONS:
+            break;
+    }
+    return WatchView::BOTH;
+}
+
 void edit(std::string& text, const Key& key) {
     if (key.kind == KeyKind::CHARACTER && text.size() < MAX_INPUT_BYTES) {
         text += key.character;
@@ -36,60 +87,115 @@ void edit(std::string& text, const Key& key) {
     }
 }
 
-// Upwards it stops at the first connection. Downwards the frame stops it at the last one.
-void scroll_by(WatchModel& model, const Key& key) {
-    std::size_t rows = shown_connections(model).size();
-    const std::size_t last = rows == 0 ? 0 : rows - 1;
-    switch (key.kind) {
+void select_nothing(WatchModel& model) {
+    model.stream_cursor.selected.reset();
+    model.connection_cursor.selected.reset();
+}
+
+// The first of these keys selects the first row shown.
+void move_selection(TableCursor& cursor, std::size_t rows, KeyKind key) {
+    if (rows == 0) {
+        return;
+    }
+    const std::size_t last = rows - 1;
+    const std::size_t at = std::min(cursor.selected.value_or(cursor.scroll), last);
+    const bool is_first = !cursor.selected;
+    switch (key) {
         case KeyKind::UP:
-            model.scroll -= std::min<std::size_t>(model.scroll, 1);
-            break;
-        case KeyKind::PAGE_UP:
-            model.scroll -= std::min(model.scroll, PAGE_ROWS);
+            cursor.selected = is_first ? at : at - std::min<std::size_t>(at, 1);
             break;
         case KeyKind::DOWN:
-            model.scroll = std::min(model.scroll + 1, last);
+            cursor.selected = is_first ? at : std::min(at + 1, last);
+            break;
+        case KeyKind::PAGE_UP:
+            cursor.selected = at - std::min(at, cursor.page);
             break;
         case KeyKind::PAGE_DOWN:
-            model.scroll = std::min(model.scroll + PAGE_ROWS, last);
+            cursor.selected = std::min(at + cursor.page, last);
             break;
         case KeyKind::HOME:
-            model.scroll = 0;
+            cursor.selected = 0;
+            break;
+        case KeyKind::END:
+            cursor.selected = last;
             break;
         case KeyKind::CHARACTER:
         case KeyKind::ENTER:
         case KeyKind::ESCAPE:
         case KeyKind::BACKSPACE:
+        case KeyKind::TAB:
         case KeyKind::OTHER:
             break;
     }
 }
 
-WatchAction press_in_view(WatchModel& model, const Key& key) {
-    model.notice.clear();
-    if (key.kind != KeyKind::CHARACTER) {
-        scroll_by(model, key);
-        return WatchAction::NONE;
+void press_special_key(WatchModel& model, KeyKind key) {
+    if (key == KeyKind::ESCAPE) {
+        select_nothing(model);
+    } else if (key == KeyKind::TAB) {
+        select_nothing(model);
+        if (model.view == WatchView::BOTH) {
+            model.streams_have_keys = !model.streams_have_keys;
+        }
+    } else if (keys_are_for_streams(model)) {
+        move_selection(model.stream_cursor, shown_streams(model).size(), key);
+    } else {
+        move_selection(model.connection_cursor, shown_connections(model).size(), key);
     }
-    switch (key.character) {
-        case 'q':
-        case 'Q':
-            return WatchAction::QUIT;
+}
+
+void begin_drop(WatchModel& model) {
+    if (keys_are_for_streams(model)) {
+        if (const StreamSummary* const stream = selected_item(shown_streams(model), model.stream_cursor)) {
+            model.drop_stream = stream->stream;
+            model.mode = WatchMode::DROP_CONFIRM;
+            return;
+        }
+    } else if (const Connection* const connection =
+                   selected_item(shown_connections(model), model.connection_cursor)) {
+        model.drop_candidate = *connection;
+        model.mode = WatchMode::DROP_CONFIRM;
+        return;
+    }
+    model.input.clear();
+    model.mode = WatchMode::DROP_ID;
+}
+
+void press_letter(WatchModel& model, char letter) {
+    switch (letter) {
         case 's':
-            model.sort = next_sort(model.sort);
-            arrange(model);
+            keep_selection(model, [&model] {
+                model.sort = next_sort(model.sort);
+                arrange(model);
+            });
+            break;
+        case 'r':
+            keep_selection(model, [&model] {
+                model.reversed = !model.reversed;
+                arrange(model);
+            });
+            break;
+        case 'u':
+            model.unit = model.unit == RateUnit::BITS ? RateUnit::BYTES : RateUnit::BITS;
+            break;
+        case 't':
+            model.keep = model.keep == Keep::TOTALS ? Keep::ADDRESSES : Keep::TOTALS;
+            break;
+        case 'v':
+            select_nothing(model);
+            model.view = next_view(model.view);
             break;
         case 'p':
         case ' ':
             model.paused = !model.paused;
             break;
         case '/':
+            select_nothing(model);
             model.filter_before = std::exchange(model.filter, "");
             model.mode = WatchMode::FILTER;
             break;
         case 'd':
-            model.input.clear();
-            model.mode = WatchMode::DROP_ID;
+            begin_drop(model);
             break;
         case '?':
         case 'h':
@@ -98,11 +204,23 @@ WatchAction press_in_view(WatchModel& model, const Key& key) {
         default:
             break;
     }
+}
+
+WatchAction press_in_view(WatchModel& model, const Key& key) {
+    model.notice.clear();
+    if (key.kind != KeyKind::CHARACTER) {
+        press_special_key(model, key.kind);
+    } else if (key.character == 'q' || key.character == 'Q') {
+        return WatchAction::QUIT;
+    } else {
+        press_letter(model, key.character);
+    }
     return WatchAction::NONE;
 }
 
 void press_in_filter(WatchModel& model, const Key& key) {
-    model.scroll = 0;
+    model.stream_cursor.scroll = 0;
+    model.connection_cursor.scroll = 0;
     if (key.kind == KeyKind::ESCAPE) {
         model.filter = model.filter_before;
     }
@@ -120,10 +238,8 @@ void find_drop_candidate(WatchModel& model) {
         model.notice = bad_connection_id(model.input).message;
         return;
     }
-    const std::vector<Connection>& connections = model.listing.connections;
-    const auto found = std::find_if(connections.begin(), connections.end(),
-                                    [&id](const Connection& c) { return c.id == *id; });
-    if (found == connections.end()) {
+    const Connection* const found = find_connection(model.listing.connections, *id);
+    if (found == nullptr) {
         model.notice = "There is no connection " + std::to_string(*id) + " in the list.";
         return;
     }
@@ -147,12 +263,9 @@ WatchAction press_in_drop_confirm(WatchModel& model, const Key& key) {
         return WatchAction::DROP;
     }
     model.drop_candidate.reset();
+    model.drop_stream.reset();
     model.notice = "Nothing was dropped.";
     return WatchAction::NONE;
-}
-
-bool contains(const std::string& text, const std::string& part) {
-    return escape_untrusted(text).find(part) != std::string::npos;
 }
 
 }  // namespace
@@ -177,11 +290,13 @@ WatchAction press_key(WatchModel& model, const Key& key) {
 }
 
 void take_in(WatchModel& model, Listing listing) {
-    add_rates(model.listing, listing);
-    model.listing = std::move(listing);
-    model.running = true;
-    model.trouble.reset();
-    arrange(model);
+    keep_selection(model, [&] {
+        add_rates(model.listing, listing);
+        model.listing = std::move(listing);
+        model.running = true;
+        model.trouble.reset();
+        arrange(model);
+    });
 }
 
 void take_in(WatchModel& model, const Failure& failure) {
@@ -189,22 +304,31 @@ void take_in(WatchModel& model, const Failure& failure) {
     model.trouble = failure;
     model.listing = Listing();
     model.streams.clear();
-    model.scroll = 0;
+    model.stream_cursor = TableCursor();
+    model.connection_cursor = TableCursor();
 }
 
-std::vector<Connection> shown_connections(const WatchModel& model) {
-    std::vector<Connection> shown = model.listing.connections;
-    std::erase_if(shown, [&model](const Connection& c) {
-        return !contains(c.stream, model.filter) && !contains(c.mode, model.filter) &&
-               !contains(c.address, model.filter);
+std::vector<const Connection*> shown_connections(const WatchModel& model) {
+    std::vector<const Connection*> shown = pointers_to(model.listing.connections);
+    std::erase_if(shown, [&model](const Connection* c) {
+        return !matches(model.selection, *c) ||
+               (!model.filter.empty() && !contains(c->stream, model.filter) &&
+                !contains(c->mode, model.filter) && !contains(c->address, model.filter));
     });
     return shown;
 }
 
-std::vector<StreamSummary> shown_streams(const WatchModel& model) {
-    std::vector<StreamSummary> shown = model.streams;
-    std::erase_if(shown, [&model](const StreamSummary& s) {
-        return !contains(s.stream, model.filter) && !contains(s.publisher_address, model.filter);
+std::vector<const StreamSummary*> shown_streams(const WatchModel& model) {
+    const std::vector<const Connection*> connections = shown_connections(model);
+    std::vector<const StreamSummary*> shown = pointers_to(model.streams);
+    const bool everything = model.selection.is_everything() && model.filter.empty();
+    std::erase_if(shown, [&](const StreamSummary* s) {
+        return !everything && std::none_of(connections.begin(), connections.end(),
+                                           [s](const Connection* c) { return c->stream == s->stream; });
     });
     return shown;
+}
+
+bool keys_are_for_streams(const WatchModel& model) {
+    return model.view == WatchView::STREAMS || (model.view == WatchView::BOTH && model.streams_have_keys);
 }

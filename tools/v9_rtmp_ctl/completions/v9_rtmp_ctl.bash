@@ -2,24 +2,57 @@
 #
 # Load it with: source <(v9_rtmp_ctl completion bash)
 
-# Prints field $1 of the listing, each value once. Asks the socket that the command line names. Stream names are
-# made of letters, digits and '_'; whatever else a listing holds is not offered.
-_v9_rtmp_ctl_live() {
+# Prints the listing. Asks the socket that the command line names.
+_v9_rtmp_ctl_list() {
     local i socket=()
     for ((i = 1; i < ${#typed[@]} - 2; i++)); do
         if [[ ${typed[i]} == --socket ]]; then
             socket=(--socket "${typed[i + 1]}")
         fi
     done
-    command v9_rtmp_ctl --plain --timeout 1 "${socket[@]}" list 2>/dev/null | cut -f "$1" | grep -xE '[A-Za-z0-9_]+' |
-        sort -u
+    command v9_rtmp_ctl --plain --timeout 1 "${socket[@]}" list 2>/dev/null
 }
 
-# Offers those of the words on standard input that begin with what was typed.
+# Prints each stream name once. They are made of letters, digits and '_'; whatever else a listing holds is not offered.
+_v9_rtmp_ctl_streams() {
+    _v9_rtmp_ctl_list | cut -f 2 | grep -xE '[A-Za-z0-9_]+' | sort -u
+}
+
+_v9_rtmp_ctl_addresses() {
+    _v9_rtmp_ctl_list | cut -f 7 | sed 's/:[0-9]*$//' | grep -xE '[0-9.]+' | sort -u
+}
+
+# Prints each id, and behind a TAB whose it is, in numeric order.
+_v9_rtmp_ctl_ids() {
+    _v9_rtmp_ctl_list | sort -n | awk -F '\t' '$1 ~ /^[0-9]+$/ {
+        print $1 "\t" ($2 == "" ? "no stream" : $3 " " substr($2, 1, 40)) " " $7 }'
+}
+
+# Offers ids. Where several are listed, they are shown with whose they are; readline inserts nothing of that, because
+# no two ids have more in common than digits. What is inserted one after the other is ids alone.
+_v9_rtmp_ctl_offer_ids() {
+    local id whose ids=() described=()
+    while IFS=$'\t' read -r id whose; do
+        if [[ $id == "$cur"* && $given != *" $id "* ]]; then
+            ids+=("$id")
+            described+=("$id -- $whose")
+        fi
+    done < <(_v9_rtmp_ctl_ids)
+    case ${COMP_TYPE-} in
+        9 | 33 | 63 | 64)
+            if ((${#ids[@]} > 1)); then
+                ids=("${described[@]}")
+            fi
+            ;;
+    esac
+    COMPREPLY+=("${ids[@]}")
+}
+
+# Offers those of the words on standard input that begin with what was typed and do not stand there yet.
 _v9_rtmp_ctl_offer() {
     local word
     while IFS= read -r word; do
-        if [[ $word == "$cur"* ]]; then
+        if [[ $word == "$cur"* && $given != *" $word "* ]]; then
             COMPREPLY+=("$word")
         fi
     done
@@ -59,19 +92,20 @@ _v9_rtmp_ctl() {
 
 _v9_rtmp_ctl_complete() {
     local cur=${typed[-1]} prev=${typed[-2]}
-    local global="--socket --timeout --json --plain --no-color --quiet --help"
-    local command="" what="" value="" i
+    local global="--socket --timeout --unit --json --plain --no-color --quiet --help --version"
+    local command="" what="" given="" i
     for ((i = 1; i < ${#typed[@]} - 1; i++)); do
         case ${typed[i]} in
-            --socket | --timeout | --mode | --stream | --sort | --interval) ((i++)) ;;
+            --socket | --timeout | --unit | --mode | --stream | --address | --sort | --interval) ((i++)) ;;
             -*) ;;
             *)
                 if [[ -z $command ]]; then
                     command=${typed[i]}
                 elif [[ -z $what ]]; then
                     what=${typed[i]}
+                    given=" $what "
                 else
-                    value=${typed[i]}
+                    given+=" ${typed[i]} "
                 fi
                 ;;
         esac
@@ -87,12 +121,26 @@ _v9_rtmp_ctl_complete() {
             mapfile -t COMPREPLY < <(compgen -W "publish play none" -- "$cur")
             return
             ;;
+        --unit)
+            mapfile -t COMPREPLY < <(compgen -W "bytes bits" -- "$cur")
+            return
+            ;;
         --sort)
-            mapfile -t COMPREPLY < <(compgen -W "id stream rate" -- "$cur")
+            local orders="id stream rate"
+            if [[ $command == streams ]]; then
+                orders="stream rate"
+            fi
+            mapfile -t COMPREPLY < <(compgen -W "$orders" -- "$cur")
             return
             ;;
         --stream)
-            _v9_rtmp_ctl_offer < <(_v9_rtmp_ctl_live 2)
+            given=""
+            _v9_rtmp_ctl_offer < <(_v9_rtmp_ctl_streams)
+            return
+            ;;
+        --address)
+            given=""
+            _v9_rtmp_ctl_offer < <(_v9_rtmp_ctl_addresses)
             return
             ;;
     esac
@@ -100,26 +148,30 @@ _v9_rtmp_ctl_complete() {
     local words=""
     case $command in
         "") words="hello list streams drop watch raw completion version help" ;;
-        list) words="--mode --stream --sort --no-legend" ;;
+        list) words="--stream --address --mode --sort --reverse --no-legend" ;;
+        streams)
+            words="--sort --reverse --no-legend"
+            _v9_rtmp_ctl_offer < <(_v9_rtmp_ctl_streams)
+            ;;
         drop)
             case $what in
-                "") words="id stream unnamed" ;;
+                "") words="id stream address unnamed" ;;
                 id)
-                    words="--stream"
-                    if [[ -z $value ]]; then
-                        _v9_rtmp_ctl_offer < <(_v9_rtmp_ctl_live 1)
-                    fi
+                    words="--stream --dry-run --no-list"
+                    _v9_rtmp_ctl_offer_ids
                     ;;
                 stream)
-                    words="--dry-run --force"
-                    if [[ -z $value ]]; then
-                        _v9_rtmp_ctl_offer < <(_v9_rtmp_ctl_live 2)
-                    fi
+                    words="--address --mode --dry-run --force"
+                    _v9_rtmp_ctl_offer < <(_v9_rtmp_ctl_streams)
                     ;;
-                unnamed) words="--force" ;;
+                address)
+                    words="--stream --mode --dry-run --force"
+                    _v9_rtmp_ctl_offer < <(_v9_rtmp_ctl_addresses)
+                    ;;
+                unnamed) words="--address --dry-run --force" ;;
             esac
             ;;
-        watch) words="--interval" ;;
+        watch) words="--interval --stream --address --mode" ;;
         raw)
             if [[ -n $what ]]; then
                 return
@@ -128,7 +180,12 @@ _v9_rtmp_ctl_complete() {
             _v9_rtmp_ctl_offer <<<$'hello'
             ;;
         completion) words="bash zsh fish" ;;
-        help) words="hello list streams drop watch raw completion version" ;;
+        help)
+            case $what in
+                "") words="hello list streams drop watch raw completion version" ;;
+                drop) words="id stream address unnamed" ;;
+            esac
+            ;;
     esac
     if [[ $cur == -* ]]; then
         words="$words $global"
@@ -139,4 +196,4 @@ _v9_rtmp_ctl_complete() {
     mapfile -t -O "${#COMPREPLY[@]}" COMPREPLY < <(compgen -W "$words" -- "$cur")
 }
 
-complete -F _v9_rtmp_ctl v9_rtmp_ctl
+complete -o nosort -F _v9_rtmp_ctl v9_rtmp_ctl

@@ -2,9 +2,8 @@
 #
 # Load it with: v9_rtmp_ctl completion fish | source
 
-# Prints field $argv[1] of the listing. Asks the socket that the command line names. Stream names are made of
-# letters, digits and '_'; whatever else a listing holds is not offered.
-function __v9_rtmp_ctl_live
+# Prints the listing. Asks the socket that the command line names.
+function __v9_rtmp_ctl_list
     set -l words (commandline -opc)
     set -l socket
     if set -l at (contains -i -- --socket $words)
@@ -13,12 +12,31 @@ function __v9_rtmp_ctl_live
     else if set -l glued (string match -- '--socket=*' $words)
         set socket $glued[1]
     end
-    command v9_rtmp_ctl --plain --timeout 1 $socket list 2>/dev/null | cut -f $argv[1] | grep -xE '[A-Za-z0-9_]+' |
-        sort -u
+    command v9_rtmp_ctl --plain --timeout 1 $socket list 2>/dev/null
 end
 
-# True when the words that are neither options nor their values are those in $argv.
-function __v9_rtmp_ctl_at
+# Prints each stream name once. They are made of letters, digits and '_'; whatever else a listing holds is not offered.
+function __v9_rtmp_ctl_streams
+    __v9_rtmp_ctl_list | cut -f 2 | grep -xE '[A-Za-z0-9_]+' | sort -u
+end
+
+function __v9_rtmp_ctl_addresses
+    __v9_rtmp_ctl_list | cut -f 7 | sed 's/:[0-9]*$//' | grep -xE '[0-9.]+' | sort -u
+end
+
+# Prints each id that was not typed yet, and behind a TAB whose it is, in numeric order.
+function __v9_rtmp_ctl_ids
+    set -l typed (commandline -opc)
+    for line in (__v9_rtmp_ctl_list | sort -n | awk -F '\t' '$1 ~ /^[0-9]+$/ {
+            print $1 "\t" ($2 == "" ? "no stream" : $3 " " substr($2, 1, 40)) " " $7 }')
+        if not contains -- (string split -f 1 \t -- $line) $typed
+            printf '%s\n' $line
+        end
+    end
+end
+
+# Prints the words that are neither options nor their values.
+function __v9_rtmp_ctl_plain_words
     set -l words (commandline -opc)
     set -l found
     set -l skip 0
@@ -28,34 +46,41 @@ function __v9_rtmp_ctl_at
             continue
         end
         switch $word
-            case --socket --timeout --mode --stream --sort --interval
+            case --socket --timeout --unit --mode --stream --address --sort --interval
                 set skip 1
             case '-*'
             case '*'
                 set -a found $word
         end
     end
+    test (count $found) -eq 0
+    or printf '%s\n' $found
+end
+
+# True when these words are those in $argv.
+function __v9_rtmp_ctl_at
+    set -l found (__v9_rtmp_ctl_plain_words)
     test "$found" = "$argv"
 end
 
-# True when the first of those words are the ones in $argv.
+# True when the first of these words are those in $argv.
 function __v9_rtmp_ctl_in
-    set -l words (string match -v -- '-*' (commandline -opc))
-    contains -- $argv[1] $words
-    and begin
-        test (count $argv) -lt 2
-        or contains -- $argv[2] $words
-    end
+    set -l found (__v9_rtmp_ctl_plain_words)
+    set -l wanted (count $argv)
+    test (count $found) -ge $wanted
+    and test "$found[1..$wanted]" = "$argv"
 end
 
 complete -c v9_rtmp_ctl -f
 complete -c v9_rtmp_ctl -l socket -r -F -d 'The control socket of the server'
 complete -c v9_rtmp_ctl -l timeout -x -d 'How long to wait for an answer'
+complete -c v9_rtmp_ctl -l unit -x -a 'bytes bits' -d 'What rates are counted in'
 complete -c v9_rtmp_ctl -l json -d 'Print JSON'
 complete -c v9_rtmp_ctl -l plain -d 'Print fields separated by TABs'
 complete -c v9_rtmp_ctl -l no-color -d 'Print without color'
 complete -c v9_rtmp_ctl -s q -l quiet -d 'Say nothing about what was done'
 complete -c v9_rtmp_ctl -s h -l help -d 'Print help'
+complete -c v9_rtmp_ctl -s V -l version -d 'Print the version'
 
 complete -c v9_rtmp_ctl -n __v9_rtmp_ctl_at -a hello -d 'Greet the server'
 complete -c v9_rtmp_ctl -n __v9_rtmp_ctl_at -a list -d 'List the connections'
@@ -67,20 +92,39 @@ complete -c v9_rtmp_ctl -n __v9_rtmp_ctl_at -a completion -d 'Print a completion
 complete -c v9_rtmp_ctl -n __v9_rtmp_ctl_at -a version -d 'Print the version'
 complete -c v9_rtmp_ctl -n __v9_rtmp_ctl_at -a help -d 'Print help about a command'
 
-complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in list' -l mode -x -a 'publish play none' -d 'Only these'
-complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in list' -l stream -x -a '(__v9_rtmp_ctl_live 2)' -d 'Only this stream'
+for command in list watch 'drop stream' 'drop address'
+    complete -c v9_rtmp_ctl -n "__v9_rtmp_ctl_in $command" -l mode -x -a 'publish play none' -d 'Only these'
+end
+for command in list watch 'drop id' 'drop address'
+    complete -c v9_rtmp_ctl -n "__v9_rtmp_ctl_in $command" -l stream -x -a '(__v9_rtmp_ctl_streams)' -d 'Only of this stream'
+end
+for command in list watch 'drop stream' 'drop unnamed'
+    complete -c v9_rtmp_ctl -n "__v9_rtmp_ctl_in $command" -l address -x -a '(__v9_rtmp_ctl_addresses)' -d 'Only from here'
+end
 complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in list' -l sort -x -a 'id stream rate' -d 'Order of the lines'
-complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in list' -l no-legend -d 'Neither titles nor the count'
+complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in streams' -l sort -x -a 'stream rate' -d 'Order of the lines'
+for command in list streams
+    complete -c v9_rtmp_ctl -n "__v9_rtmp_ctl_in $command" -s r -l reverse -d 'The other way round'
+    complete -c v9_rtmp_ctl -n "__v9_rtmp_ctl_in $command" -l no-legend -d 'Neither titles nor the count'
+end
+complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in streams' -a '(__v9_rtmp_ctl_streams)' -d 'Stream'
 
-complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_at drop' -a id -d 'Drop one connection'
-complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_at drop' -a stream -d 'Drop all connections of a stream'
-complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_at drop' -a unnamed -d 'Drop those without a stream'
-complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_at drop id' -a '(__v9_rtmp_ctl_live 1)' -d 'Connection'
-complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in drop id' -l stream -x -a '(__v9_rtmp_ctl_live 2)' -d 'Only of this stream'
-complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_at drop stream' -a '(__v9_rtmp_ctl_live 2)' -d 'Stream'
-complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in drop stream' -s n -l dry-run -d 'Only show'
-complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in drop stream' -s f -l force -d 'Do not ask'
-complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in drop unnamed' -s f -l force -d 'Do not ask'
+for command in drop 'help drop'
+    complete -c v9_rtmp_ctl -n "__v9_rtmp_ctl_at $command" -a id -d 'Drop connections by their ids'
+    complete -c v9_rtmp_ctl -n "__v9_rtmp_ctl_at $command" -a stream -d 'Drop all connections of streams'
+    complete -c v9_rtmp_ctl -n "__v9_rtmp_ctl_at $command" -a address -d 'Drop all connections from addresses'
+    complete -c v9_rtmp_ctl -n "__v9_rtmp_ctl_at $command" -a unnamed -d 'Drop those without a stream'
+end
+complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in drop id' -k -a '(__v9_rtmp_ctl_ids)'
+complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in drop id' -l no-list -d 'Do not look at the list'
+complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in drop stream' -a '(__v9_rtmp_ctl_streams)' -d 'Stream'
+complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in drop address' -a '(__v9_rtmp_ctl_addresses)' -d 'Address'
+for command in 'drop id' 'drop stream' 'drop address' 'drop unnamed'
+    complete -c v9_rtmp_ctl -n "__v9_rtmp_ctl_in $command" -s n -l dry-run -d 'Only show'
+end
+for command in 'drop stream' 'drop address' 'drop unnamed'
+    complete -c v9_rtmp_ctl -n "__v9_rtmp_ctl_in $command" -s f -l force -d 'Do not ask'
+end
 
 complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in watch' -l interval -x -d 'Time from one look to the next'
 complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_at raw' -l async -d 'Want no reply'

@@ -3,39 +3,70 @@
 #
 # Load it with: source <(v9_rtmp_ctl completion zsh), or store it as _v9_rtmp_ctl in a directory of $fpath.
 
-# Offers field $1 of the listing. Asks the socket that the command line names. Stream names are made of letters,
-# digits and '_'; whatever else a listing holds is not offered.
-_v9_rtmp_ctl_live() {
-    local -a socket values
+# Prints the listing. Asks the socket that the command line names.
+_v9_rtmp_ctl_list() {
+    local -a socket
     local at=${typed[(i)--socket]}
     if ((at < $#typed)); then
         socket=(--socket "${typed[at + 1]}")
     else
         socket=(${(M)typed:#--socket=*})
     fi
-    values=(${(fu)"$(command v9_rtmp_ctl --plain --timeout 1 $socket list 2>/dev/null | cut -f $1 |
-        grep -xE '[A-Za-z0-9_]+')"})
-    compadd -a values
+    command v9_rtmp_ctl --plain --timeout 1 $socket list 2>/dev/null
 }
 
-_v9_rtmp_ctl_ids() { _v9_rtmp_ctl_live 1 }
-_v9_rtmp_ctl_streams() { _v9_rtmp_ctl_live 2 }
+# Offers stream names. They are made of letters, digits and '_'; whatever else a listing holds is not offered.
+_v9_rtmp_ctl_streams() {
+    local -a names=(${(fu)"$(_v9_rtmp_ctl_list | cut -f 2 | grep -xE '[A-Za-z0-9_]+')"})
+    compadd -F typed -a names
+}
+
+_v9_rtmp_ctl_addresses() {
+    local -a addresses=(${(fu)"$(_v9_rtmp_ctl_list | cut -f 7 | sed 's/:[0-9]*$//' | grep -xE '[0-9.]+')"})
+    compadd -F typed -a addresses
+}
+
+# Offers ids that were not typed yet with whose they are, in numeric order.
+_v9_rtmp_ctl_ids() {
+    local -a lines=(${(f)"$(_v9_rtmp_ctl_list | sort -n | awk -F '\t' '$1 ~ /^[0-9]+$/ {
+        print $1 "  " ($2 == "" ? "no stream" : $3 " " substr($2, 1, 40)) " " $7 }')"})
+    local -a ids whose
+    local entry
+    for entry in $lines; do
+        if ((!${typed[(Ie)${entry%% *}]})); then
+            ids+=("${entry%% *}")
+            whose+=("$entry")
+        fi
+    done
+    compadd -V ids -l -d whose -a ids
+}
 
 _v9_rtmp_ctl() {
     # Behind a command, words begins with that.
     local -a typed=("${(@)words[1, CURRENT - 1]}")
-    local -a global commands drops
+    local -a global commands drops streams_picked addresses_picked mode_picked orders
     local curcontext=$curcontext state line
     local -A opt_args
     global=(
         '--socket=[the control socket of the server]:socket:_files'
         '--timeout=[how long to wait for an answer]:seconds'
+        '--unit=[what rates are counted in]:unit:(bytes bits)'
         '(--plain)--json[print JSON]'
         '(--json)--plain[print fields separated by TABs]'
         '--no-color[print without color]'
         '(-q --quiet)'{-q,--quiet}'[say nothing about what was done]'
         '(-h --help)'{-h,--help}'[print help]'
+        '(-V --version)'{-V,--version}'[print the version of this tool]'
     )
+    streams_picked=('*--stream=[only those of this stream]:stream:_v9_rtmp_ctl_streams')
+    addresses_picked=('*--address=[only those from this address or prefix]:address:_v9_rtmp_ctl_addresses')
+    mode_picked=('--mode=[only those that publish, play, or do neither]:mode:(publish play none)')
+    orders=(
+        '(-r --reverse)'{-r,--reverse}'[the other way round]'
+        '--no-legend[print neither titles nor the count]'
+    )
+    local -a dry_run=('(-n --dry-run)'{-n,--dry-run}'[only show what would be dropped]')
+    local -a force=('(-f --force)'{-f,--force}'[do not ask]')
     commands=(
         'hello:greet the server and tell how long its answer took'
         'list:list the connections'
@@ -48,8 +79,9 @@ _v9_rtmp_ctl() {
         'help:print help about a command'
     )
     drops=(
-        'id:drop one connection'
-        'stream:drop all connections of a stream'
+        'id:drop connections by their ids'
+        'stream:drop all connections of streams'
+        'address:drop all connections from addresses'
         'unnamed:drop all connections that have not chosen a stream'
     )
 
@@ -59,10 +91,12 @@ _v9_rtmp_ctl() {
         argument)
             case $line[1] in
                 list)
-                    _arguments $global '--mode=[only those that publish, play, or do neither]:mode:(publish play none)' \
-                        '--stream=[only those of this stream]:stream:_v9_rtmp_ctl_streams' \
-                        '--sort=[order of the lines]:order:(id stream rate)' \
-                        '--no-legend[print neither titles nor the count]'
+                    _arguments $global $streams_picked $addresses_picked $mode_picked $orders \
+                        '--sort=[order of the lines]:order:(id stream rate)'
+                    ;;
+                streams)
+                    _arguments $global $orders '--sort=[order of the lines]:order:(stream rate)' \
+                        '*:stream:_v9_rtmp_ctl_streams'
                     ;;
                 drop)
                     _arguments -C $global '1:what:->what' '*::argument:->drop' && return
@@ -71,23 +105,33 @@ _v9_rtmp_ctl() {
                         drop)
                             case $line[1] in
                                 id)
-                                    _arguments $global '1:id:_v9_rtmp_ctl_ids' \
-                                        '--stream=[keep it if it is not of this stream]:stream:_v9_rtmp_ctl_streams'
+                                    _arguments $global $dry_run '*:id:_v9_rtmp_ctl_ids' \
+                                        '--stream=[keep those that are not of this stream]:stream:_v9_rtmp_ctl_streams' \
+                                        '--no-list[do not look at the list before and after]'
                                     ;;
                                 stream)
-                                    _arguments $global '1:stream:_v9_rtmp_ctl_streams' \
-                                        '(-n --dry-run)'{-n,--dry-run}'[only show what would be dropped]' \
-                                        '(-f --force)'{-f,--force}'[do not ask]'
+                                    _arguments $global $addresses_picked $mode_picked $dry_run $force \
+                                        '*:stream:_v9_rtmp_ctl_streams'
                                     ;;
-                                unnamed) _arguments $global '(-f --force)'{-f,--force}'[do not ask]' ;;
+                                address)
+                                    _arguments $global $streams_picked $mode_picked $dry_run $force \
+                                        '*:address:_v9_rtmp_ctl_addresses'
+                                    ;;
+                                unnamed) _arguments $global $addresses_picked $dry_run $force ;;
                             esac
                             ;;
                     esac
                     ;;
-                watch) _arguments $global '--interval=[time from one look to the next]:seconds' ;;
+                watch)
+                    _arguments $global $streams_picked $addresses_picked $mode_picked \
+                        '--interval=[time from one look to the next]:seconds'
+                    ;;
                 raw) _arguments $global '--async[want no reply]' '1:command:(hello)' '*:argument:' ;;
                 completion) _arguments $global '1:shell:(bash zsh fish)' ;;
-                help) _arguments $global '1:command:(hello list streams drop watch raw completion version)' ;;
+                help)
+                    _arguments $global '1:command:(hello list streams drop watch raw completion version)' \
+                        '2:what:(id stream address unnamed)'
+                    ;;
                 *) _arguments $global ;;
             esac
             ;;

@@ -1,0 +1,102 @@
+#include "tools/v9_rtmp_ctl/drop_batch.h"
+
+#include <comm_socket_v4.h>
+
+namespace {
+
+// The server carries out that many requests at once; two of them are listings.
+constexpr std::size_t MAX_BATCH_TARGETS = COMM_SOCKET_V4_MAX_REQUESTS_PER_IDLE - 2;
+// Names can be megabytes long.
+constexpr std::size_t MAX_BATCH_NAME_BYTES = COMM_SOCKET_V4_MAX_REQUEST_BYTES / 2;
+
+using Batch = std::vector<DropTarget>;
+
+// Calls for each batch; ends with the first failure.
+template <typename Call>
+std::optional<Failure> for_each_batch(const Batch& targets, const Call& call) {
+    for (std::size_t idx = 0; idx < targets.size();) {
+        const std::size_t count = count_batch(targets, idx);
+        const auto begin = targets.begin() + static_cast<std::ptrdiff_t>(idx);
+        if (std::optional<Failure> failure = call(Batch(begin, begin + static_cast<std::ptrdiff_t>(count)))) {
+            failure->message += " What was dropped until then is not known: look at 'v9_rtmp_ctl list'.";
+            return failure;
+        }
+        idx += count;
+    }
+    return std::nullopt;
+}
+
+std::vector<Request> drop_requests(const Batch& batch) {
+    std::vector<Request> requests;
+    requests.reserve(batch.size());
+    for (const DropTarget& target : batch) {
+        requests.push_back(drop_id_request(target.id, target.guard));
+    }
+    return requests;
+}
+
+}  // namespace
+
+std::size_t count_batch(const std::vector<DropTarget>& targets, std::size_t idx) {
+    std::size_t count = 0;
+    std::size_t name_bytes = 0;
+    while (idx + count < targets.size() && count < MAX_BATCH_TARGETS) {
+        name_bytes += targets[idx + count].guard.size();
+        if (count > 0 && name_bytes > MAX_BATCH_NAME_BYTES) {
+            break;
+        }
+        ++count;
+    }
+    return count;
+}
+
+std::vector<Request> batch_requests(const std::vector<DropTarget>& batch) {
+    std::vector<Request> requests = drop_requests(batch);
+    requests.insert(requests.begin(), list_request(""));
+    requests.push_back(list_request(""));
+    return requests;
+}
+
+std::optional<Failure> judge_batch(const std::vector<DropTarget>& batch, const std::vector<Reply>& replies,
+                                   std::vector<DropOutcome>& outcomes) {
+    Listing before;
+    Listing after;
+    if (std::optional<Failure> failure = read_listing(replies.front(), before)) {
+        return failure;
+    }
+    if (std::optional<Failure> failure = read_listing(replies.back(), after)) {
+        return failure;
+    }
+    for (std::size_t i = 0; i < batch.size(); ++i) {
+        const Reply& reply = replies[i + 1];
+        outcomes.push_back(
+            {batch[i].id, batch[i].guard, judge_drop(batch[i], reply, before, after), reply.message});
+    }
+    return std::nullopt;
+}
+
+std::optional<Failure> drop_targets(ControlClient& client, const std::vector<DropTarget>& targets,
+                                    std::vector<DropOutcome>& outcomes) {
+    return for_each_batch(targets, [&](const Batch& batch) -> std::optional<Failure> {
+        std::vector<Reply> replies;
+        if (std::optional<Failure> failure = client.call_all(batch_requests(batch), replies)) {
+            return failure;
+        }
+        return judge_batch(batch, replies, outcomes);
+    });
+}
+
+std::optional<Failure> drop_targets_unseen(ControlClient& client, const std::vector<DropTarget>& targets,
+                                           std::vector<DropOutcome>& outcomes) {
+    return for_each_batch(targets, [&](const Batch& batch) -> std::optional<Failure> {
+        std::vector<Reply> replies;
+        if (std::optional<Failure> failure = client.call_all(drop_requests(batch), replies)) {
+            return failure;
+        }
+        for (std::size_t i = 0; i < batch.size(); ++i) {
+            outcomes.push_back({batch[i].id, batch[i].guard,
+                                judge_drop_id(batch[i].id, batch[i].guard, replies[i]), replies[i].message});
+        }
+        return std::nullopt;
+    });
+}

@@ -1,0 +1,41 @@
+// Drops connections by their ids, and finds out which clients that hit.
+//
+// The server knows only ids and, as a guard, stream names. A slot can get another client of the same name, or again
+// one without a name, at any moment. So listing, drops and listing are asked for in one write, which the server
+// usually carries out at once, and both listings have to agree.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "tools/v9_rtmp_ctl/control_client.h"
+#include "tools/v9_rtmp_ctl/drop_rules.h"
+
+struct DropOutcome {
+    unsigned id = 0;
+    std::string guard;
+    std::optional<Failure> failure;  // nothing: the target was dropped for certain
+    std::string message;             // the server's
+};
+
+// As many targets from idx on as are dropped in one write; idx is below their number.
+[[nodiscard]] std::size_t count_batch(const std::vector<DropTarget>& targets, std::size_t idx);
+
+// Listing, drops, listing.
+[[nodiscard]] std::vector<Request> batch_requests(const std::vector<DropTarget>& batch);
+
+// Appends the outcomes of the batch. replies answer batch_requests.
+[[nodiscard]] std::optional<Failure> judge_batch(const std::vector<DropTarget>& batch,
+                                                 const std::vector<Reply>& replies,
+                                                 std::vector<DropOutcome>& outcomes);
+
+// Drops all targets. After a failure it is not known what was dropped of those without an outcome.
+[[nodiscard]] std::optional<Failure> drop_targets(ControlClient& client,
+                                                  const std::vector<DropTarget>& targets,
+                                                  std::vector<DropOutcome>& outcomes);
+
+// The same without listings, and so without a word about which client had the id.
+[[nodiscard]] std::optional<Failure> drop_targets_unseen(ControlClient& client,
+                                                         const std::vector<DropTarget>& targets,
+                                                         std::vector<DropOutcome>& outcomes);

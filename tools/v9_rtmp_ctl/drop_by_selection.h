@@ -1,0 +1,15 @@
+// Drops whatever a selection matches, after a question.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "tools/v9_rtmp_ctl/commands.h"
+
+// whose ends the question: "of stream 'cam1'". nothing_matched is what to say where there is nothing to drop.
+ExitCode drop_by_selection(const Settings& settings, const DropOptions& options, const std::string& whose,
+                           const Failure& nothing_matched);
+
+// Drops these connections by their ids, and tells what was dropped.
+ExitCode drop_connections(const Settings& settings, ControlClient& client,
+                          const std::vector<Connection>& connections);

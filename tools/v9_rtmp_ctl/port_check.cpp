@@ -1,0 +1,210 @@
+#include "tools/v9_rtmp_ctl/port_check.h"
+
+#include <dirent.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <fstream>
+#include <memory>
+#include <sstream>
+
+#include "tools/v9_rtmp_ctl/parse_number.h"
+
+namespace {
+
+struct DirectoryClose {
+    void operator()(DIR* directory) const { closedir(directory); }
+};
+using Directory = std::unique_ptr<DIR, DirectoryClose>;
+
+std::vector<std::string> split(const std::string& line) {
+    std::istringstream words(line);
+    std::vector<std::string> fields;
+    for (std::string word; words >> word;) {
+        fields.push_back(word);
+    }
+    return fields;
+}
+
+bool read_file(const std::string& path, std::string& text) {
+    const std::ifstream file(path);
+    if (!file) {
+        return false;
+    }
+    std::ostringstream content;
+    content << file.rdbuf();
+    text = content.str();
+    return true;
+}
+
+// Of the network namespace of a process: "self", or an id. Nothing when it cannot be looked at.
+std::optional<std::vector<ListeningSocket>> find_listening_of(const std::string& process) {
+    std::vector<ListeningSocket> all;
+    bool found = false;
+    for (const char* const name : {"tcp", "tcp6"}) {
+        std::string table;
+        if (read_file("/proc/" + process + "/net/" + name, table)) {
+            found = true;
+            const std::vector<ListeningSocket> sockets = find_listening(table, RTMP_PORT);
+            all.insert(all.end(), sockets.begin(), sockets.end());
+        }
+    }
+    return found ? std::optional(all) : std::nullopt;
+}
+
+std::vector<std::string> entries(const std::string& path) {
+    std::vector<std::string> names;
+    const Directory directory(opendir(path.c_str()));
+    while (directory != nullptr) {
+        const dirent* const entry = readdir(directory.get());
+        if (entry == nullptr) {
+            break;
+        }
+        names.emplace_back(&entry->d_name[0]);
+    }
+    return names;
+}
+
+bool has_socket(const std::string& process, const std::vector<ListeningSocket>& sockets) {
+    const std::string directory = "/proc/" + process + "/fd/";
+    for (const std::string& name : entries(directory)) {
+        std::array<char, 64> target{};
+        const ssize_t length =
+            readlink(std::string(directory).append(name).c_str(), target.data(), target.size());
+        const std::string_view text(target.data(), length > 0 ? static_cast<std::size_t>(length) : 0);
+        const bool found =
+            std::any_of(sockets.begin(), sockets.end(), [&text](const ListeningSocket& socket) {
+                return text == "socket:[" + std::to_string(socket.inode) + "]";
+            });
+        if (found) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// The processes that hold one of the sockets, as far as their descriptors may be looked at.
+std::vector<unsigned> find_owners(const std::vector<ListeningSocket>& sockets) {
+    std::vector<unsigned> owners;
+    for (const std::string& name : entries("/proc")) {
+        unsigned pid = 0;
+        if (parse_number(name, pid) && has_socket(name, sockets)) {
+            owners.push_back(pid);
+        }
+    }
+    std::sort(owners.begin(), owners.end());
+    return owners;
+}
+
+std::string process_list(const std::vector<unsigned>& pids) {
+    std::string list;
+    for (const unsigned pid : pids) {
+        list += (list.empty() ? "" : ", ") + std::to_string(pid);
+    }
+    return list;
+}
+
+std::string port_text() {
+    return "port " + std::to_string(RTMP_PORT);
+}
+
+std::string many_listeners(const std::vector<ListeningSocket>& sockets, const std::vector<unsigned>& owners,
+                           const Peer& answering) {
+    const std::string who = owners.size() == sockets.size()
+                                ? std::to_string(owners.size()) + " processes listen on " + port_text() +
+                                      " (" + process_list(owners) + ")"
+                                : std::to_string(sockets.size()) + " sockets listen on " + port_text();
+    return who +
+           ", and the kernel deals clients out to all of them: players can land where their publisher is "
+           "not. " +
+           "The control socket belongs to process " + std::to_string(answering.pid) +
+           ". Stop all but one, then start that one again if it is not the one that answers.";
+}
+
+}  // namespace
+
+std::vector<ListeningSocket> find_listening(std::string_view table, std::uint16_t port) {
+    constexpr std::size_t LOCAL_ADDRESS = 1;
+    constexpr std::size_t STATE = 3;
+    constexpr std::size_t UID = 7;
+    constexpr std::size_t INODE = 9;
+    constexpr std::string_view LISTEN = "0A";
+    constexpr int HEX = 16;
+    std::vector<ListeningSocket> sockets;
+    std::istringstream lines{std::string(table)};
+    for (std::string line; std::getline(lines, line);) {
+        const std::vector<std::string> fields = split(line);
+        if (fields.size() <= INODE || fields[STATE] != LISTEN) {
+            continue;
+        }
+        const std::string_view local = fields[LOCAL_ADDRESS];
+        std::uint16_t local_port = 0;
+        ListeningSocket socket;
+        if (parse_number(local.substr(local.rfind(':') + 1), local_port, HEX) && local_port == port &&
+            parse_number(fields[UID], socket.uid) && parse_number(fields[INODE], socket.inode)) {
+            sockets.push_back(socket);
+        }
+    }
+    return sockets;
+}
+
+std::optional<Peer> find_peer(int fd) {
+    ucred credentials{};
+    socklen_t length = sizeof credentials;
+    if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &credentials, &length) != 0) {
+        return std::nullopt;
+    }
+    return Peer{credentials.pid, credentials.uid};
+}
+
+PortCheck check_port(const Peer& answering) {
+    PortCheck check;
+    const std::string pid = std::to_string(answering.pid);
+    const std::optional<std::vector<ListeningSocket>> sockets =
+        answering.pid > 0 ? find_listening_of(pid) : std::nullopt;
+    if (!sockets) {
+        check.gap = "Who listens on " + port_text() +
+                    " is not known: /proc does not show the process that answers. Ask from where it runs.";
+        return check;
+    }
+    const std::vector<unsigned> owners = find_owners(*sockets);
+    const bool answering_listens =
+        std::find(owners.begin(), owners.end(), static_cast<unsigned>(answering.pid)) != owners.end();
+    // Sockets without a visible owner belong to processes whose descriptors this user may not look at.
+    const bool owners_known = owners.size() >= sockets->size();
+    if (owners_known) {
+        check.listeners = owners;
+    }
+    if (sockets->size() > 1) {
+        check.warnings.push_back(many_listeners(*sockets, owners, answering));
+    } else if (sockets->empty()) {
+        check.warnings.push_back("the server that answers, process " + pid + ", does not listen on " +
+                                 port_text() + ". Restart it.");
+    } else if (!answering_listens && (owners_known || sockets->front().uid != answering.uid)) {
+        check.warnings.push_back(
+            "process " + pid + " answers, but " +
+            (owners_known ? "process " + process_list(owners) : "a process of another user") +
+            " listens on " + port_text() +
+            ": drops and listings do not concern the clients there. Stop both and start one.");
+    } else if (!answering_listens) {
+        check.gap = "Whether the process that answers, " + pid + ", is the one that listens on " +
+                    port_text() +
+                    " is not known: this user may not look at its descriptors. Ask again with sudo.";
+    }
+    return check;
+}
+
+std::string describe_listeners_without_answer() {
+    const std::optional<std::vector<ListeningSocket>> sockets = find_listening_of("self");
+    if (!sockets || sockets->empty()) {
+        return "";
+    }
+    const std::vector<unsigned> owners = find_owners(*sockets);
+    return (owners.empty() ? "a process of another user" : "process " + process_list(owners)) +
+           " listens on " + port_text() +
+           " all the same. If that is a v9_rtmp_server, a second start took its control socket: stop it, "
+           "then start "
+           "it again.";
+}

@@ -1,0 +1,62 @@
+// Asks the server for watch, on time and without making the keys wait: looks, and drops that were confirmed.
+//
+//   [idle] --time for a look--> [LOOK] --listing--> [idle]
+//   [idle, LOOK] --begin_drop, of a connection--> [CHECK] --it is as it was--> [DROP] --list, drop, list--> [idle]
+//   [idle, LOOK] --begin_drop, of a stream--> [DROP_STREAM] --count--> [idle]
+//
+// A failure leads to [idle] from everywhere. What came is in the model then.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "tools/v9_rtmp_ctl/commands.h"
+#include "tools/v9_rtmp_ctl/drop_batch.h"
+#include "tools/v9_rtmp_ctl/watch_model.h"
+
+// Takes a listing or its failure in, with the time of day.
+void take_in_answer(WatchModel& model, const Reply& reply, std::uint64_t now_us);
+void take_in_failure(WatchModel& model, const Failure& failure);
+
+class WatchObserver {
+  public:
+    WatchObserver(const Settings& all_settings, const WatchOptions& options);
+
+    // Begins a look when one is due, and gives up an answer that is late. True when the model has changed.
+    bool keep_time(WatchModel& model, std::uint64_t now_us);
+
+    // Takes what has come; called once fd() is readable. True when the model has changed.
+    bool take_replies(WatchModel& model, std::uint64_t now_us);
+
+    // Begins to drop the model's candidate or stream. The model's notice tells later what was dropped.
+    void begin_drop(WatchModel& model, std::uint64_t now_us);
+
+    // Readable when a reply may have come; -1 when none is awaited.
+    [[nodiscard]] int fd() const { return task == Task::NONE ? -1 : client.fd(); }
+
+    // Until keep_time has something to do; -1 for never.
+    [[nodiscard]] int time_left_ms(const WatchModel& model, std::uint64_t now_us) const;
+
+  private:
+    enum class Task { NONE, LOOK, CHECK, DROP, DROP_STREAM };
+
+    void begin(WatchModel& model, Task next_task, const std::vector<Request>& requests, std::uint64_t now_us);
+    void finish(WatchModel& model, std::uint64_t now_us);
+    void finish_check(WatchModel& model, std::uint64_t now_us);
+    void finish_drop(WatchModel& model);
+    void finish_drop_stream(WatchModel& model);
+    void fail(WatchModel& model, const Failure& failure);
+
+    const std::uint64_t silence_us;
+    const std::uint64_t every_us;
+    ControlClient client;
+    Task task = Task::NONE;
+    std::uint64_t next_us = 0;          // of the next look
+    std::uint64_t silent_until_us = 0;  // the answer is late then, unless bytes come
+    std::uint64_t give_up_us = 0;
+    std::size_t awaited = 0;
+    std::vector<Reply> replies;
+    std::optional<Connection> candidate;
+    std::string stream;
+};

@@ -1,0 +1,20 @@
+// The lines of watch around its tables: head, foot and help. Pure.
+#pragma once
+
+#include <cstddef>
+#include <limits>
+#include <string>
+#include <vector>
+
+#include "tools/v9_rtmp_ctl/watch_model.h"
+
+constexpr std::size_t ANY_WIDTH = std::numeric_limits<std::size_t>::max();
+
+// Two lines: what the server has, and the totals of what is shown. Of several lengths, those that fit into columns.
+[[nodiscard]] std::string heading_text(const WatchModel& model, std::size_t columns);
+[[nodiscard]] std::string totals_text(const WatchModel& model, std::size_t columns);
+
+// The keys that there is room for, or a question.
+[[nodiscard]] std::string foot_text(const WatchModel& model, std::size_t columns);
+
+[[nodiscard]] std::vector<std::string> help_texts();
