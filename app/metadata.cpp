@@ -1,5 +1,7 @@
 #include "app/metadata.h"
 
+#include <cmath>
+#include <limits>
 #include <utility>
 
 #include "amf/amf_dump.h"
@@ -12,6 +14,22 @@
 #include "rtmp/message_types.h"
 
 namespace {
+
+// intended: half up, also for negative numbers, which are ignored afterwards anyway.
+double round_half_up(double number) {
+    return std::floor(number + 0.5);
+}
+
+template <typename Integer>
+Integer read_integer(const AMF_Value& value, Integer unknown) {
+    if (value.type != AMF_Type::Number) {
+        return unknown;
+    }
+    const double rounded = round_half_up(value.number);
+    const bool fits = rounded >= static_cast<double>(std::numeric_limits<Integer>::min()) &&
+                      rounded <= static_cast<double>(std::numeric_limits<Integer>::max());
+    return fits ? static_cast<Integer>(rounded) : unknown;
+}
 
 constexpr const char* DUMP_INDENT = "\t";
 constexpr std::uint32_t METADATA_CHUNK_STREAM_ID = 9;
@@ -139,4 +157,13 @@ void forward_metadata_to_players(const RTMPConnection& publisher) {
 
 bool is_stream_metadata(const StreamMetadata& metadata) {
     return metadata.type == AMF_Type::Object || metadata.type == AMF_Type::ECMAArray;
+}
+
+StreamFormat read_stream_format(const AMF_Value& metadata) {
+    return {
+        .video_width = read_integer<std::int32_t>(metadata.find_member("width"), -1),
+        .video_height = read_integer<std::int32_t>(metadata.find_member("height"), -1),
+        .audio_codec_id = read_integer<std::uint32_t>(metadata.find_member("audiocodecid"), 0),
+        .video_codec_id = read_integer<std::uint32_t>(metadata.find_member("videocodecid"), 0),
+    };
 }

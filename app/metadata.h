@@ -18,3 +18,7 @@ void forward_metadata_to_players(const RTMPConnection& publisher) ON_MAIN_THREAD
 
 // Whether players are told of it at all: it is an object or an ECMA array. It may be too large to be sent all the same.
 [[nodiscard]] bool is_stream_metadata(const StreamMetadata& metadata);
+
+// "width", "height", "audiocodecid" and "videocodecid" of metadata, rounded half up. A member that is absent,
+// not a number, or does not fit its field (NaN and infinities included) is unknown.
+[[nodiscard]] StreamFormat read_stream_format(const AMF_Value& metadata);

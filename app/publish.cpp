@@ -46,8 +46,7 @@ bool handle_publish(RTMPConnection& conn, const RTMP_Packet& request, CommandArg
     record.last_activity_us = now_us;
     // While another connection publishes, this one competes for the stream with its media.
     if (record.publisher == NO_CONNECTION) {
-        record.publisher = conn.conn_idx;
-        notify_time_reset(record);
+        set_publisher(record, conn.conn_idx);
     }
     conn.stall_deadline_us = now_us + FIRST_MEDIA_GRACE_US;
     diag("Connection is publishing '%s'\n", conn.stream_name.c_str());

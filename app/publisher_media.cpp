@@ -51,14 +51,12 @@ bool displace_stalled_publisher(const RTMPConnection& conn, std::size_t publishe
 }
 
 // Makes the connection the publisher of its stream where there is none, or a stalled one.
-void claim_stream(const RTMPConnection& conn, std::uint64_t now_us) ON_MAIN_THREAD {
-    StreamRecord& record = find_or_insert_stream(conn.stream_name);
+void claim_stream(const RTMPConnection& conn, StreamRecord& record, std::uint64_t now_us) ON_MAIN_THREAD {
     if (record.publisher == conn.conn_idx) {
         return;
     }
     if (record.publisher == NO_CONNECTION || displace_stalled_publisher(conn, record.publisher, now_us)) {
-        record.publisher = conn.conn_idx;
-        notify_time_reset(record);
+        set_publisher(record, conn.conn_idx);
     }
 }
 
@@ -80,11 +78,12 @@ MediaResult handle_media(RTMPConnection& conn, RTMP_Packet& pkt) {
     const std::uint64_t now_us = monotonic_clock_us();
     adopt_stream_id(conn, pkt.chunk.message_stream_id);
     note_media(conn, timestamp, now_us);
-    claim_stream(conn, now_us);
+    StreamRecord& record = find_or_insert_stream(conn.stream_name);
+    claim_stream(conn, record, now_us);
     if (timestamp > pacing_limit(conn.av_start_us, conn.av_start_ts, now_us)) {
         return MediaResult::HELD;
     }
-    if (!relay_published_packet(conn, pkt)) {
+    if (!relay_published_packet(conn, pkt, record)) {
         diag("A/V error\n");
         conn.close_requested = true;
     }

@@ -1,29 +1,31 @@
 #include "app/reply.h"
 
+#include <array>
 #include <cstring>
-#include <memory>
-#include <new>
 #include <utility>
 
 #include "amf/amf_write.h"
 
+namespace {
+
+// One for all messages: a buffer of this size from the allocator would be a mapping of fresh pages each time.
+std::array<unsigned char, MAX_ENCODED_BYTES> encoding_buffer GUARDED_BY(MAIN_THREAD);
+
+}  // namespace
+
 bool encode_values(std::initializer_list<const AMF_Value*> values, RTMP_Packet::chunk_t::message_t& message) {
-    const std::unique_ptr<unsigned char[]> buffer(new (std::nothrow) unsigned char[MAX_ENCODED_BYTES]);
-    if (buffer == nullptr) {
-        return false;
-    }
-    unsigned char* d = buffer.get();
-    unsigned char* const df = d + MAX_ENCODED_BYTES;
+    unsigned char* d = encoding_buffer.data();
+    unsigned char* const df = d + encoding_buffer.size();
     for (const AMF_Value* const value : values) {
         if (!AMF_WriteValue(d, df, *value)) {
             return false;
         }
     }
     // A client that does not read its replies costs what they hold, not the buffer they were made in.
-    if (!message.allocate(static_cast<std::uint32_t>(d - buffer.get()))) {
+    if (!message.allocate(static_cast<std::uint32_t>(d - encoding_buffer.data()))) {
         return false;
     }
-    std::memcpy(message.data, buffer.get(), message.data_length);
+    std::memcpy(message.data, encoding_buffer.data(), message.data_length);
     return true;
 }
 

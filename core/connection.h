@@ -26,15 +26,21 @@
 #include <deque>
 #include <map>
 #include <string>
+#include <vector>
 
-#include "app/stream_format.h"
-#include "app/stream_metadata.h"
 #include "base/thread_roles.h"
 #include "core/connection_mutex.h"
+#include "relay/media_track.h"
 #include "relay/player_timebase.h"
+#include "relay/stream_format.h"
+#include "relay/stream_metadata.h"
 #include "rtmp/chunk_format.h"
 #include "rtmp/link_direction.h"
+#include "rtmp/outgoing_packet.h"
+#include "rtmp/read_ahead.h"
 #include "rtmp/rtmp_packet.h"
+
+struct RelayedMessage;
 
 class RTMPConnection {
   public:
@@ -54,22 +60,26 @@ class RTMPConnection {
     const std::string address;   // dotted address, ':', port; may be empty
 
     // --- under the lock
-    std::deque<RTMP_Packet> connection_in GUARDED_BY(mutex);   // complete messages for the main thread
-    std::deque<RTMP_Packet> connection_out GUARDED_BY(mutex);  // messages for the writer thread
+    std::deque<RTMP_Packet> connection_in GUARDED_BY(mutex);      // complete messages for the main thread
+    std::deque<OutgoingPacket> connection_out GUARDED_BY(mutex);  // messages for the writer thread
+    std::size_t out_batch_messages GUARDED_BY(mutex) =
+        0;  // taken by the writer thread; may have been sent since
 
     // --- one thread counts or decides, others read: atomics inside
-    LinkDirection conn_g_server;  // received bytes: reader thread; output chunk_size: writer thread
-    LinkDirection conn_g_client;  // sent bytes: reader thread in the handshake, then the writer thread;
-                                  // input chunk_size: reader thread
+    // received bytes: reader thread; output chunk_size: writer thread, and the main thread looks at it
+    LinkDirection<std::atomic<std::uint32_t>> conn_g_server;
+    // sent bytes: reader thread in the handshake, then the writer thread; input chunk_size: reader thread
+    LinkDirection<std::uint32_t> conn_g_client;
     std::atomic<bool> thread_died = false;   // last act of the reader thread
     std::atomic<bool> thread2_died = false;  // last act of the writer thread
 
     // --- reader thread
     RTMP_Packet in_pkt GUARDED_BY(reader_role);  // the message being read
     std::map<std::uint32_t, ChunkStreamState> chunk_streams GUARDED_BY(reader_role);
+    ReadAhead read_ahead GUARDED_BY(reader_role);  // bytes of the socket that cread has not returned yet
 
     // --- writer thread
-    RTMP_Packet out_pkt GUARDED_BY(writer_role);  // the message being written
+    std::vector<OutgoingPacket> out_batch GUARDED_BY(writer_role);  // the messages being written
 
     // --- main thread, core: threads and the wish to end them
     pthread_t thread GUARDED_BY(MAIN_THREAD) = {};      // valid while thread_init
@@ -100,10 +110,8 @@ class RTMPConnection {
     std::uint64_t stall_deadline_us GUARDED_BY(MAIN_THREAD) = 0;
 
     // --- main thread, relay
-    std::int32_t audio_lock_type GUARDED_BY(MAIN_THREAD) = -1;  // codec in force; -1: none yet; never reset
-    std::int32_t video_lock_type GUARDED_BY(MAIN_THREAD) = -1;
-    RTMP_Packet audio_seq_header GUARDED_BY(MAIN_THREAD);  // publisher: last one received; empty: none
-    RTMP_Packet video_seq_header GUARDED_BY(MAIN_THREAD);
+    MediaTrack audio GUARDED_BY(MAIN_THREAD);
+    MediaTrack video GUARDED_BY(MAIN_THREAD);
     PlayerTimebase timebase GUARDED_BY(MAIN_THREAD);  // player
 
     // --- connection.cpp
@@ -124,7 +132,7 @@ class RTMPConnection {
     // --- rtmp/socket_io.cpp
     // Exactly c bytes, or fewer when the peer ends in between; -1 when nothing was read. Counts what it
     // returns.
-    ssize_t cread(void* buffer, std::size_t c);
+    ssize_t cread(void* buffer, std::size_t c) REQUIRES(reader_role);
     // All c bytes, or fewer when the peer ends in between; -1 when nothing was sent or c is 0. Counts.
     ssize_t cwrite(const void* buffer, std::size_t c);
 
@@ -136,8 +144,8 @@ class RTMPConnection {
     [[nodiscard]] bool add_to_incoming_queue(RTMP_Packet&& pkt) EXCLUDES(mutex);
 
     // --- rtmp/chunk_writer.cpp
-    // Writer thread: sends the next queued message, or sleeps when there is none. False: the socket is of no
-    // use.
+    // Writer thread: sends the messages that wait, a batch of them, or sleeps when there are none. False: the
+    // socket has failed.
     [[nodiscard]] bool rtmp_send_packet() REQUIRES(writer_role);
 
     // --- app/dispatch.cpp
@@ -145,9 +153,10 @@ class RTMPConnection {
     void idle() ON_MAIN_THREAD;
 
     // --- relay/av_relay.cpp
-    // Runs on the player: queues a rebased copy of the publisher's audio or video. False: this player gets
+    // Runs on the player: queues the publisher's message with a rebased timestamp. False: this player gets
     // nothing.
-    [[nodiscard]] bool relay_from_publisher(RTMP_Packet& pkt, RTMPConnection& publisher) ON_MAIN_THREAD;
+    [[nodiscard]] bool relay_from_publisher(const RelayedMessage& message,
+                                            RTMPConnection& publisher) ON_MAIN_THREAD;
 };
 
 // The lock of one connection for the rest of a scope. Test held() first: when the lock could not be taken,

@@ -1,5 +1,6 @@
 #include "relay/av_relay.h"
 
+#include <algorithm>
 #include <utility>
 #include <vector>
 
@@ -9,128 +10,104 @@
 #include "core/connection_table.h"
 #include "relay/codec_lock.h"
 #include "relay/late_joiner.h"
+#include "relay/relayed_message.h"
 #include "relay/stream_registry.h"
-#include "rtmp/media_probe.h"
-#include "rtmp/message_types.h"
 #include "rtmp/packet_dump.h"
 #include "rtmp/packet_queues.h"
 
 namespace {
 
-bool lock_audio(RTMPConnection& publisher, const RTMP_Packet& pkt) ON_MAIN_THREAD {
-    const std::uint32_t codec_id = publisher.stream_format.audio_codec_id;
-    switch (check_codec_lock(publisher.audio_lock_type, codec_id, pkt)) {
+// Whether the publisher keeps its codec. The lock is taken, and announced, with the first message.
+bool lock_codec(RTMPConnection& publisher, const RelayedMessage& message) ON_MAIN_THREAD {
+    const MediaKind& kind = *message.kind;
+    const bool audio = &kind == &AUDIO_KIND;
+    std::int32_t& lock_type = (publisher.*kind.track).lock_type;
+    const std::uint32_t codec_id = publisher.stream_format.*kind.codec_id;
+    switch (check_codec_lock(lock_type, codec_id, message.pkt)) {
         case CodecLock::KEPT:
             return true;
         case CodecLock::FROM_METADATA:
-            diag("Lock on audio type %d (0x%x) '%s'\n", static_cast<int>(codec_id), codec_id,
-                 fourcc_text(codec_id).text);
+            diag(audio ? "Lock on audio type %d (0x%x) '%s'\n" : "Lock on video type %d (0x%x) '%s'\n",
+                 static_cast<int>(codec_id), codec_id, fourcc_text(codec_id).text);
             return true;
         case CodecLock::FROM_PAYLOAD:
-            diag("Lock on audio type %d\n", publisher.audio_lock_type);
+            diag(audio ? "Lock on audio type %d\n" : "Lock on video type %d\n", lock_type);
             return true;
         case CodecLock::FORMAT_CHANGED:
-            diag("Audio format change\n");
+            diag("%s", kind.format_change_text);
             return false;
     }
     CHECK(false);
     return false;
 }
 
-bool lock_video(RTMPConnection& publisher, const RTMP_Packet& pkt) ON_MAIN_THREAD {
-    const std::uint32_t codec_id = publisher.stream_format.video_codec_id;
-    switch (check_codec_lock(publisher.video_lock_type, codec_id, pkt)) {
-        case CodecLock::KEPT:
-            return true;
-        case CodecLock::FROM_METADATA:
-            diag("Lock on video type %d (0x%x) '%s'\n", static_cast<int>(codec_id), codec_id,
-                 fourcc_text(codec_id).text);
-            return true;
-        case CodecLock::FROM_PAYLOAD:
-            diag("Lock on video type %d\n", publisher.video_lock_type);
-            return true;
-        case CodecLock::FORMAT_CHANGED:
-            diag("Video format change\n");
-            return false;
-    }
-    CHECK(false);
-    return false;
-}
-
-void save_sequence_header(RTMP_Packet& saved, const RTMP_Packet& pkt) {
-    saved.copy_header_from(pkt);
+void save_sequence_header(RTMPConnection& publisher, const RelayedMessage& message) ON_MAIN_THREAD {
+    RTMP_Packet& saved = (publisher.*message.kind->track).seq_header;
+    saved.copy_header_from(message.pkt);
     // Without memory nothing is saved, and late joiners wait for the next header.
-    static_cast<void>(pkt.chunk.message.copy_to(saved.chunk.message));
+    static_cast<void>(message.pkt.chunk.message.copy_to(saved.chunk.message));
+    diag("%s", message.kind->saving_header_text);
+    dump_packet(message.pkt);
 }
 
-// The codec lock and the saved sequence headers of the publisher.
-bool inspect_published_packet(RTMPConnection& publisher, const RTMP_Packet& pkt) ON_MAIN_THREAD {
-    if (pkt.chunk.message_type_id == MESSAGE_VIDEO) {
-        if (!lock_video(publisher, pkt)) {
-            return false;
-        }
-        if (is_video_sequence_header(pkt)) {
-            save_sequence_header(publisher.video_seq_header, pkt);
-            diag("RTMP: Saving a copy of the H.264 sequence header\n");
-            dump_packet(pkt);
-        }
-    } else if (pkt.chunk.message_type_id == MESSAGE_AUDIO) {
-        if (!lock_audio(publisher, pkt)) {
-            return false;
-        }
-        if (is_aac_sequence_header(pkt)) {
-            save_sequence_header(publisher.audio_seq_header, pkt);
-            diag("RTMP: Saving a copy of the audio sequence header\n");
-            dump_packet(pkt);
-        }
-    }
-    return true;
-}
-
-// False when the player was told another codec than the publisher now sends; it is dropped then.
+// Whether the player may get the message. It is dropped when it was told another codec than the publisher now sends.
 bool agree_with_publisher(RTMPConnection& player, const RTMPConnection& publisher,
-                          std::uint8_t type) ON_MAIN_THREAD {
-    if (type == MESSAGE_AUDIO && !agree_on_codec(player.audio_lock_type, publisher.audio_lock_type)) {
-        diag("Publisher changed audio codec\n");
-        player.close_requested = true;
-        return false;
+                          const MediaKind& kind) ON_MAIN_THREAD {
+    if (agree_on_codec((player.*kind.track).lock_type, (publisher.*kind.track).lock_type)) {
+        return true;
     }
-    if (type == MESSAGE_VIDEO && !agree_on_codec(player.video_lock_type, publisher.video_lock_type)) {
-        diag("Publisher changed video codec\n");
-        player.close_requested = true;
-        return false;
+    diag("%s", kind.codec_changed_text);
+    player.close_requested = true;
+    return false;
+}
+
+// The output chunk size of more than half of the players, where there is one, otherwise that of one of them. Never
+// below the default, since each chunk costs every player's share a header.
+std::uint32_t chunk_size_of_most(const std::vector<std::size_t>& players) ON_MAIN_THREAD {
+    std::uint32_t candidate = DEFAULT_CHUNK_SIZE;
+    std::size_t lead = 0;
+    for (const std::size_t player_idx : players) {
+        const RTMPConnection* const player = get_connection(player_idx);
+        if (player == nullptr) {
+            continue;
+        }
+        const std::uint32_t chunk_size = player->conn_g_server.chunk_size.load(std::memory_order_relaxed);
+        if (lead == 0) {
+            candidate = chunk_size;
+        }
+        lead = chunk_size == candidate ? lead + 1 : lead - 1;
     }
-    return true;
+    return std::max(candidate, DEFAULT_CHUNK_SIZE);
 }
 
 }  // namespace
 
-bool RTMPConnection::relay_from_publisher(RTMP_Packet& pkt, RTMPConnection& publisher) {
+bool RTMPConnection::relay_from_publisher(const RelayedMessage& message, RTMPConnection& publisher) {
     CHECK(&publisher != this);
     CHECK(publisher.conn_idx != conn_idx);
-    const std::uint8_t type = pkt.chunk.message_type_id;
-    if (fd < 0 || !agree_with_publisher(*this, publisher, type)) {
+    if (fd < 0 || (message.kind != nullptr && !agree_with_publisher(*this, publisher, *message.kind))) {
         return false;
     }
-    if (is_audio_or_video(type) && !timebase.timebase_set) {
+    const std::uint32_t timestamp = message.pkt.chunk.timestamp;
+    if (message.kind != nullptr && !timebase.timebase_set) {
         diag("From publisher to connection: source timebase %lu, add %lu\n",
-             static_cast<unsigned long>(pkt.chunk.timestamp),
-             static_cast<unsigned long>(timebase.timestamp_offset));
-        start_timebase(timebase, av_start_us, pkt.chunk.timestamp, monotonic_clock_us());
+             static_cast<unsigned long>(timestamp), static_cast<unsigned long>(timebase.timestamp_offset));
+        start_timebase(timebase, av_start_us, timestamp, monotonic_clock_us());
     }
-    const std::uint32_t output_timestamp = rebase(timebase, pkt.chunk.timestamp);
-    deliver_sequence_header(*this, publisher, pkt, output_timestamp);
-    RTMP_Packet copy;
-    copy.copy_header_from(pkt);
-    copy.chunk.timestamp = output_timestamp;
-    if (!pkt.chunk.message.copy_to(copy.chunk.message)) {
+    const std::uint32_t output_timestamp = rebase(timebase, timestamp);
+    deliver_sequence_header(*this, publisher, message, output_timestamp);
+    if (!message.is_laid_out()) {
         return false;
     }
+    OutgoingPacket outgoing;
+    outgoing.copy_header_from(message.pkt);
+    outgoing.chunk.timestamp = output_timestamp;
+    outgoing.shared = message.payload.share();
     note_sent(timebase, output_timestamp);
-    return queue_outgoing(*this, std::move(copy), OTHER_UNLOCK_EXPRESSION);
+    return queue_outgoing(*this, std::move(outgoing));
 }
 
-bool relay_published_packet(RTMPConnection& publisher, RTMP_Packet& pkt) {
+bool relay_published_packet(RTMPConnection& publisher, const RTMP_Packet& pkt, StreamRecord& record) {
     if (publisher.stream_mode != "publish") {
         diag("A/V packet when stream mode is '%s' not allowed\n", publisher.stream_mode.c_str());
         return false;
@@ -139,21 +116,25 @@ bool relay_published_packet(RTMPConnection& publisher, RTMP_Packet& pkt) {
         diag("A/V packet without a stream name\n");
         return false;
     }
-    if (!inspect_published_packet(publisher, pkt)) {
+    RelayedMessage message(pkt);
+    if (message.kind != nullptr && !lock_codec(publisher, message)) {
         return false;
     }
-    StreamRecord& record = find_or_insert_stream(publisher.stream_name);
+    if (message.is_sequence_header) {
+        save_sequence_header(publisher, message);
+    }
     record.last_activity_us = monotonic_clock_us();
-    if (record.publisher != publisher.conn_idx) {
+    if (record.publisher != publisher.conn_idx || record.players.empty()) {
         return true;
     }
+    message.payload = SharedPayload::lay_out(pkt.chunk, chunk_size_of_most(record.players));
     std::vector<std::size_t> dead;
     for (const std::size_t player_idx : record.players) {
         RTMPConnection* const player = get_connection(player_idx);
         if (player == nullptr) {
             diag("BUG: Dead subscriber\n");
             dead.push_back(player_idx);
-        } else if (!player->relay_from_publisher(pkt, publisher)) {
+        } else if (!player->relay_from_publisher(message, publisher)) {
             diag("Relay fail\n");
         }
     }

@@ -2,9 +2,10 @@
 #pragma once
 
 #include "core/connection.h"
+#include "relay/relayed_message.h"
 
 // Before a player's first audio (or video) message: queues the publisher's saved header of that kind with the
 // message's output timestamp, unless the message is the header itself or none was saved. From then on no header is
 // ever repeated to this player.
-void deliver_sequence_header(RTMPConnection& player, const RTMPConnection& publisher, const RTMP_Packet& pkt,
-                             std::uint32_t output_timestamp) ON_MAIN_THREAD;
+void deliver_sequence_header(RTMPConnection& player, const RTMPConnection& publisher,
+                             const RelayedMessage& message, std::uint32_t output_timestamp) ON_MAIN_THREAD;

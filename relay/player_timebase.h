@@ -10,8 +10,6 @@ struct PlayerTimebase {
     std::uint32_t source_timebase = 0;   // publisher timestamp of the first packet since the last reset, ms
     std::uint32_t timestamp_offset = 0;  // added to rebased timestamps, ms
     std::uint32_t last_sent_timestamp = 0;  // the highest sent, unless it fell by more than 5 s
-    bool audio_header_delivered = false;    // the player has had an audio message, and any header before it
-    bool video_header_delivered = false;    // the same for video
 };
 
 // The first packet since a reset: its timestamp becomes the source timebase, and the offset the time since

@@ -13,11 +13,15 @@ void notify_time_reset(const StreamRecord& record) {
         }
         reset_timebase(player->timebase);
         player->av_start_ts = 0;
-        const bool has_had_media =
-            player->timebase.audio_header_delivered || player->timebase.video_header_delivered;
+        const bool has_had_media = player->audio.header_delivered || player->video.header_delivered;
         if (player->stream_mode == "play" && has_had_media) {
             diag("Dropping subscriber because format change\n");
             player->close_requested = true;
         }
     }
+}
+
+void set_publisher(StreamRecord& record, std::size_t conn_idx) {
+    record.publisher = conn_idx;
+    notify_time_reset(record);
 }

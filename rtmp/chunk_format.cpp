@@ -49,7 +49,7 @@ std::size_t write_basic_header(unsigned char* d, std::uint8_t fmt, std::uint32_t
 std::size_t write_message_header(unsigned char* d, const RTMP_Packet::chunk_t& chunk) {
     const bool extended = chunk.timestamp >= EXTENDED_TIMESTAMP;
     write_be24(d, extended ? EXTENDED_TIMESTAMP : chunk.timestamp);
-    write_be24(d + 3, chunk.message.data_length);
+    write_be24(d + 3, chunk.message_length);
     d[6] = chunk.message_type_id;
     write_le32(d + 7, chunk.message_stream_id);
     if (extended) {

@@ -56,5 +56,5 @@ void resolve_message_header(std::uint8_t fmt, const unsigned char* header, std::
                                              std::uint32_t chunk_stream_id);
 
 // Writes a format 0 message header at d, which has room for MAX_MESSAGE_HEADER_BYTES; returns its length: 11,
-// or 15 when the timestamp needs the extension. The length field is the low 24 bits of data_length.
+// or 15 when the timestamp needs the extension. The length field is the low 24 bits of message_length.
 [[nodiscard]] std::size_t write_message_header(unsigned char* d, const RTMP_Packet::chunk_t& chunk);

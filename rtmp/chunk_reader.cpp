@@ -5,10 +5,8 @@
 #include "base/check.h"
 #include "base/diag.h"
 #include "core/connection.h"
-#include "core/switches.h"
 #include "rtmp/chunk_format.h"
 #include "rtmp/chunk_header_reader.h"
-#include "rtmp/message_types.h"
 #include "rtmp/packet_dump.h"
 #include "rtmp/socket_io.h"
 
@@ -36,11 +34,12 @@ bool read_continuation_header(RTMPConnection& conn, const RTMP_Packet& pkt, std:
 
 // Reads one chunk of the payload, of which toread bytes are missing. Returns how many it was; 0 when the client
 // ends before.
-std::size_t read_chunk(RTMPConnection& conn, const RTMP_Packet& pkt, std::size_t toread) {
+std::size_t read_chunk(RTMPConnection& conn, const RTMP_Packet& pkt, std::size_t toread)
+    REQUIRES(conn.reader_role) {
     const RTMP_Packet::chunk_t::message_t& message = pkt.chunk.message;
     unsigned char* const dp = message.data + (pkt.chunk.message_length - toread);
     const unsigned char* const dpf = message.data + message.data_length;
-    const std::size_t chunk_size = conn.conn_g_client.chunk_size.load(std::memory_order_relaxed);
+    const std::size_t chunk_size = conn.conn_g_client.chunk_size;
     const std::size_t todo = std::min(chunk_size, toread);
     CHECK(todo != uint32_t(0));
     // clang-format off
@@ -51,7 +50,7 @@ std::size_t read_chunk(RTMPConnection& conn, const RTMP_Packet& pkt, std::size_t
 
 bool read_payload(RTMPConnection& conn, const RTMP_Packet& pkt) REQUIRES(conn.reader_role) {
     std::size_t toread = pkt.chunk.message_length;
-    const LinkDirection& conn_g_client = conn.conn_g_client;
+    const LinkDirection<std::uint32_t>& conn_g_client = conn.conn_g_client;
     CHECK(pkt.chunk.message.data_length >= toread);
     CHECK(conn_g_client.chunk_size != uint32_t(0));
     for (;;) {
@@ -92,8 +91,6 @@ bool RTMPConnection::rtmp_read_packet(RTMP_Packet& pkt) {
             return false;
         }
     }
-    if (opt_dbg_pkt && !is_audio_or_video(pkt.chunk.message_type_id)) {
-        dump_packet(pkt);
-    }
+    dump_for_debugging(pkt);
     return true;
 }

@@ -1,9 +1,9 @@
 // Cuts messages into chunks and sends them. Every message begins with a full format 0 header, its other
 // chunks with a format 3 basic header alone; chunks of different messages never mix.
 //
-// The pieces leave the process gathered: one system call for some hundred pieces that point at two small
-// headers and straight into the payload. A call per piece costs more than ten times as much at the default
-// chunk size.
+// The messages that wait leave the process gathered: one system call for some hundred pieces that point at small
+// headers and straight into the payloads. A relayed payload that is laid out for the chunk size in force is one piece;
+// any other is cut here.
 #include <sys/socket.h>
 #include <sys/uio.h>
 #include <unistd.h>
@@ -13,11 +13,8 @@
 
 #include "base/bytes.h"
 #include "base/check.h"
-#include "base/diag.h"
 #include "core/connection.h"
-#include "core/switches.h"
 #include "rtmp/chunk_format.h"
-#include "rtmp/message_types.h"
 #include "rtmp/packet_dump.h"
 #include "rtmp/packet_queues.h"
 
@@ -31,12 +28,12 @@ class GatheredPieces {
   public:
     explicit GatheredPieces(RTMPConnection& connection) : conn(connection) {}
 
-    // False when an earlier piece had to be sent to make room, and was not sent whole.
-    bool add(unsigned char* s, std::size_t c) {
+    // False when earlier pieces had to be sent to make room, and were not sent whole.
+    bool add(const unsigned char* s, std::size_t c) {
         if (count == MAX_PIECES && !flush(MSG_MORE)) {
             return false;
         }
-        pieces[count].iov_base = s;
+        pieces[count].iov_base = const_cast<unsigned char*>(s);  // sendmsg only reads.
         pieces[count].iov_len = c;
         ++count;
         bytes += c;
@@ -86,52 +83,100 @@ class GatheredPieces {
     std::size_t bytes = 0;
 };
 
-// Adds the next chunk of the payload, of which left bytes are to go. Returns how many it is; 0 when an earlier
-// piece was not sent whole.
-std::size_t add_chunk(RTMPConnection& conn, GatheredPieces& pieces, const RTMP_Packet::chunk_t& chunk,
-                      std::size_t left) {
-    unsigned char* const s = chunk.message.data + (chunk.message_length - left);
-    const unsigned char* const sf = chunk.message.data + chunk.message.data_length;
-    const std::size_t chunk_size = conn.conn_g_server.chunk_size.load(std::memory_order_relaxed);
+// The headers of one message's chunks. They must stay until its pieces have been sent.
+struct ChunkHeaders {
+    std::array<unsigned char, MAX_BASIC_HEADER_BYTES + MAX_MESSAGE_HEADER_BYTES> first;
+    std::array<unsigned char, MAX_BASIC_HEADER_BYTES> continuation;
+};
+
+// Adds payload bytes from a block that is laid out for another chunk size.
+bool add_shared_bytes(GatheredPieces& pieces, const SharedPayload& shared, std::size_t offset,
+                      std::size_t todo) {
+    while (todo != 0) {
+        const SharedPayload::Bytes run = shared.plain_run(static_cast<std::uint32_t>(offset));
+        const std::size_t c = std::min(run.length, todo);
+        if (!pieces.add(run.data, c)) {
+            return false;
+        }
+        offset += c;
+        todo -= c;
+    }
+    return true;
+}
+
+// Adds the next chunk of the payload, of which left bytes are to go. Returns the bytes added; 0 when earlier pieces
+// were not sent whole.
+std::size_t add_chunk(GatheredPieces& pieces, const OutgoingPacket& pkt, std::size_t left,
+                      std::size_t chunk_size) {
     const std::size_t todo = std::min(chunk_size, left);
+    CHECK(todo != size_t(0));
+    const std::size_t offset = pkt.chunk.message_length - left;
+    if (pkt.shared.payload_bytes() != 0) {
+        return add_shared_bytes(pieces, pkt.shared, offset, todo) ? todo : 0;
+    }
+    const unsigned char* const s = pkt.chunk.message.data + offset;
+    const unsigned char* const sf = pkt.chunk.message.data + pkt.chunk.message.data_length;
     // clang-format off
     CHECK((s+todo) <= sf);
     // clang-format on
-    CHECK(todo != size_t(0));
     return pieces.add(s, todo) ? todo : 0;
 }
 
-bool send_chunks(RTMPConnection& conn, const RTMP_Packet::chunk_t& chunk, int last_flags) {
-    std::array<unsigned char, MAX_BASIC_HEADER_BYTES + MAX_MESSAGE_HEADER_BYTES> header;
-    std::size_t header_bytes = write_basic_header(header.data(), FULL_HEADER_FMT, chunk.stream_id);
-    header_bytes += write_message_header(header.data() + header_bytes, chunk);
-    std::array<unsigned char, MAX_BASIC_HEADER_BYTES> continuation;
-    const std::size_t continuation_bytes =
-        write_basic_header(continuation.data(), CONTINUATION_FMT, chunk.stream_id);
-
-    GatheredPieces pieces(conn);
-    if (!pieces.add(header.data(), header_bytes)) {
-        return false;
+// Adds the payload, and a continuation header before each chunk but the first.
+bool add_payload(GatheredPieces& pieces, const OutgoingPacket& pkt, ChunkHeaders& headers,
+                 std::uint32_t chunk_size) {
+    if (pkt.shared.payload_bytes() != 0 && pkt.shared.is_laid_out_for(chunk_size)) {
+        const SharedPayload::Bytes laid_out = pkt.shared.laid_out();
+        return pieces.add(laid_out.data, laid_out.length);
     }
-    std::size_t left = chunk.message_length;
+    const std::size_t continuation_bytes =
+        write_basic_header(headers.continuation.data(), CONTINUATION_FMT, pkt.chunk.stream_id);
+    std::size_t left = pkt.chunk.message_length;
     for (;;) {
-        const std::size_t added = add_chunk(conn, pieces, chunk, left);
+        const std::size_t added = add_chunk(pieces, pkt, left, chunk_size);
         if (added == 0) {
             return false;
         }
         left -= added;
         if (left == 0) {
-            return pieces.flush(last_flags);
+            return true;
         }
-        if (!pieces.add(continuation.data(), continuation_bytes)) {
+        if (!pieces.add(headers.continuation.data(), continuation_bytes)) {
             return false;
         }
     }
 }
 
-// The echo of a client's set chunk size is the only message of its kind that is ever queued.
+bool add_message(GatheredPieces& pieces, const OutgoingPacket& pkt, ChunkHeaders& headers,
+                 std::uint32_t chunk_size) {
+    std::size_t header_bytes = write_basic_header(headers.first.data(), FULL_HEADER_FMT, pkt.chunk.stream_id);
+    header_bytes += write_message_header(headers.first.data() + header_bytes, pkt.chunk);
+    return pieces.add(headers.first.data(), header_bytes) && add_payload(pieces, pkt, headers, chunk_size);
+}
+
+// Sends the whole batch in as few calls as it takes. Cancellation at any of them leaves the messages in the
+// connection.
+bool send_batch(RTMPConnection& conn) REQUIRES(conn.writer_role) {
+    const std::uint32_t chunk_size = conn.conn_g_server.chunk_size.load(std::memory_order_relaxed);
+    std::array<ChunkHeaders, MAX_BATCH_MESSAGES> headers;
+    GatheredPieces pieces(conn);
+    std::size_t idx = 0;
+    for (OutgoingPacket& pkt : conn.out_batch) {
+        pkt.chunk.message_length = pkt.payload_bytes();
+        if (pkt.chunk.message_length == 0) {
+            continue;  // A message without payload is never sent.
+        }
+        if (conn.fd < 0 || !add_message(pieces, pkt, headers[idx], chunk_size)) {
+            return false;
+        }
+        ++idx;
+    }
+    return pieces.flush(0);
+}
+
+// An echo holds from the next message on. It ends its batch. Without memory it was never sent, and the old size stays.
 void adopt_chunk_size(RTMPConnection& conn, const RTMP_Packet::chunk_t& sent) {
-    if (sent.stream_id == CONTROL_CHUNK_STREAM_ID && sent.message_type_id == MESSAGE_SET_CHUNK_SIZE) {
+    if (sent.message.data_length != 0) {
         CHECK(sent.message.data_length >= 4);
         conn.conn_g_server.chunk_size.store(read_be32(sent.message.data), std::memory_order_relaxed);
     }
@@ -140,25 +185,17 @@ void adopt_chunk_size(RTMPConnection& conn, const RTMP_Packet::chunk_t& sent) {
 }  // namespace
 
 bool RTMPConnection::rtmp_send_packet() {
-    const Outgoing outgoing = take_outgoing(*this);
-    if (outgoing == Outgoing::NONE) {
+    if (!take_outgoing(*this)) {
         usleep(IDLE_SLEEP_US);
         return true;
     }
-    RTMP_Packet::chunk_t& chunk = out_pkt.chunk;
-    if (opt_dbg_pkt && !is_audio_or_video(chunk.message_type_id)) {
-        diag("Sending:\n");
-        dump_packet(out_pkt);
-    }
-    chunk.message_length = chunk.message.data_length;
-    if (chunk.message.data_length == 0) {
-        return true;
-    }
-    // While more waits, the kernel may fill its segments: one wake-up of this thread pushes once.
-    if (fd < 0 || !send_chunks(*this, chunk, outgoing == Outgoing::MORE_BEHIND ? MSG_MORE : 0)) {
+    dump_for_debugging(out_batch.front(), "Sending:\n");  // A batch is one message then.
+    if (!send_batch(*this)) {
         return false;
     }
-    adopt_chunk_size(*this, chunk);
-    chunk.message.release();
+    if (is_chunk_size_echo(out_batch.back())) {
+        adopt_chunk_size(*this, out_batch.back().chunk);
+    }
+    out_batch.clear();
     return true;
 }

@@ -1,10 +1,9 @@
-// What the transport itself does with a message before the main thread sees it: set chunk size, window
-// acknowledgement size, acknowledgements, back-pressure. Reader thread.
+#include "rtmp/control_messages.h"
+
 #include <utility>
 
 #include "base/bytes.h"
 #include "base/diag.h"
-#include "core/connection.h"
 #include "rtmp/message_types.h"
 #include "rtmp/packet_queues.h"
 
@@ -29,14 +28,14 @@ bool read_chunk_size(const RTMP_Packet::chunk_t::message_t& message, std::uint32
 // intended: the client is told its own size back, and the server sends with that size from then on. The echo
 // and everything queued before it still go out under the old one: the writer adopts the size when it has sent
 // the echo.
-bool accept_chunk_size(RTMPConnection& conn, const RTMP_Packet& pkt) {
+bool accept_chunk_size(RTMPConnection& conn, const RTMP_Packet& pkt) REQUIRES(conn.reader_role) {
     std::uint32_t chunk_size = 0;
     if (!read_chunk_size(pkt.chunk.message, chunk_size)) {
         diag("Chunk size rejected\n");
         return false;
     }
     diag("RTMP: New chunk size %lu accepted\n", static_cast<unsigned long>(chunk_size));
-    conn.conn_g_client.chunk_size.store(chunk_size, std::memory_order_relaxed);
+    conn.conn_g_client.chunk_size = chunk_size;
 
     // No print from here to the queue: this packet is a local, and cancellation must not find it half made.
     RTMP_Packet echo;
@@ -46,7 +45,8 @@ bool accept_chunk_size(RTMPConnection& conn, const RTMP_Packet& pkt) {
     return queue_outgoing(conn, std::move(echo));
 }
 
-void accept_window_ack_size(RTMPConnection& conn, const RTMP_Packet::chunk_t::message_t& message) {
+void accept_window_ack_size(RTMPConnection& conn, const RTMP_Packet::chunk_t::message_t& message)
+    REQUIRES(conn.reader_role) {
     if (message.data_length < CONTROL_VALUE_BYTES) {
         return;
     }
@@ -55,7 +55,8 @@ void accept_window_ack_size(RTMPConnection& conn, const RTMP_Packet::chunk_t::me
     diag("RTMP: Window ack size %lu\n", static_cast<unsigned long>(window));
 }
 
-// Protocol control messages: message stream 0, chunk stream 2. False is the end of the reading.
+}  // namespace
+
 bool act_on_control_message(RTMPConnection& conn, const RTMP_Packet& pkt) {
     if (pkt.chunk.message_stream_id != 0 || pkt.chunk.stream_id > CONTROL_CHUNK_STREAM_ID) {
         return true;
@@ -82,7 +83,7 @@ bool act_on_control_message(RTMPConnection& conn, const RTMP_Packet& pkt) {
 }
 
 bool acknowledge_if_due(RTMPConnection& conn) {
-    LinkDirection& received = conn.conn_g_server;
+    auto& received = conn.conn_g_server;
     if (!received.ack_flag && !window_is_full(received.window_ack_size, received.bytes_unacked)) {
         return true;
     }
@@ -92,13 +93,4 @@ bool acknowledge_if_due(RTMPConnection& conn) {
     received.ack_flag = false;
     received.bytes_unacked = unacked_after_acknowledgement(received.window_ack_size, received.bytes_unacked);
     return true;
-}
-
-}  // namespace
-
-bool RTMPConnection::rtmp_proc_packet() {
-    in_pkt.chunk.message.release();
-    return rtmp_read_packet(in_pkt) && act_on_control_message(*this, in_pkt) &&
-           add_to_incoming_queue(std::move(in_pkt)) && acknowledge_if_due(*this) &&
-           wait_for_room_in_incoming_queue(*this);
 }

@@ -10,6 +10,8 @@
 
 #include "rtmp/chunk_format.h"
 
+// ChunkSize is std::uint32_t where one thread alone uses the chunk size, and atomic where another one looks at it.
+template <typename ChunkSize>
 struct LinkDirection {
     LinkDirection(bool acknowledge_at_once, std::uint32_t window)
         : ack_flag(acknowledge_at_once), window_ack_size(window) {}
@@ -18,7 +20,7 @@ struct LinkDirection {
     std::atomic<std::uint64_t> bytes_total = 0;  // one thread counts, the control listing reads
     std::uint32_t bytes_unacked = 0;             // bytes since the last acknowledgement
     std::uint32_t window_ack_size;               // acknowledgement window in bytes; 0: never by count
-    std::atomic<std::uint32_t> chunk_size = DEFAULT_CHUNK_SIZE;  // one thread at a time writes and uses it
+    ChunkSize chunk_size = DEFAULT_CHUNK_SIZE;
 };
 
 // The acknowledgement rule, as values. An acknowledgement is due when asked for, or when a window is full.

@@ -4,6 +4,8 @@
 #include <string>
 
 #include "base/diag.h"
+#include "core/switches.h"
+#include "rtmp/message_types.h"
 
 namespace {
 
@@ -54,4 +56,14 @@ void dump_packet(const RTMP_Packet& pkt) {
         }
     }
     diag_block(text);
+}
+
+void dump_for_debugging(const RTMP_Packet& pkt, const char* title) {
+    if (!opt_dbg_pkt || is_audio_or_video(pkt.chunk.message_type_id)) {
+        return;
+    }
+    if (*title != '\0') {
+        diag("%s", title);
+    }
+    dump_packet(pkt);
 }

@@ -2,11 +2,11 @@
 
 #include <unistd.h>
 
-#include <algorithm>
 #include <utility>
 
 #include "base/bytes.h"
 #include "base/diag.h"
+#include "core/switches.h"
 #include "rtmp/message_types.h"
 
 namespace {
@@ -35,22 +35,21 @@ bool is_acknowledgement(const RTMP_Packet& pkt) {
            pkt.chunk.message.data_length == ACKNOWLEDGEMENT_BYTES;
 }
 
-bool produces_bytes(const RTMP_Packet& pkt) {
-    return pkt.chunk.message.data_length != 0;
-}
+enum class IncomingQueue { HAS_ROOM, FULL, LOCK_FAILED };
 
-// True or false: whether the queue is to be waited for. Sets failed when the lock could not be taken.
-bool incoming_queue_is_full(RTMPConnection& conn, bool& failed) {
+IncomingQueue look_at_incoming_queue(RTMPConnection& conn) {
     const ConnectionLock lock(conn);
-    failed = !lock.held();
-    return !failed && conn.connection_in.size() >= MAX_INCOMING_MESSAGES;
+    if (!lock.held()) {
+        return IncomingQueue::LOCK_FAILED;
+    }
+    return conn.connection_in.size() >= MAX_INCOMING_MESSAGES ? IncomingQueue::FULL : IncomingQueue::HAS_ROOM;
 }
 
 }  // namespace
 
-bool queue_outgoing(RTMPConnection& conn, RTMP_Packet&& pkt, const char* unlock_expression) {
-    RTMP_Packet owned = std::move(pkt);
-    const ConnectionLock lock(conn, unlock_expression);
+bool queue_outgoing(RTMPConnection& conn, OutgoingPacket&& pkt) {
+    OutgoingPacket owned = std::move(pkt);
+    const ConnectionLock lock(conn);
     if (!lock.held()) {
         return false;
     }
@@ -64,7 +63,8 @@ bool queue_acknowledgement(RTMPConnection& conn, std::uint64_t total_bytes) {
     if (!lock.held()) {
         return false;
     }
-    if (conn.connection_out.size() >= CROWDED_PACKETS && is_acknowledgement(conn.connection_out.back())) {
+    const bool crowded = conn.connection_out.size() + conn.out_batch_messages >= CROWDED_PACKETS;
+    if (crowded && !conn.connection_out.empty() && is_acknowledgement(conn.connection_out.back())) {
         write_be32(conn.connection_out.back().chunk.message.data, static_cast<std::uint32_t>(total_bytes));
     } else {
         conn.connection_out.push_back(std::move(pkt));
@@ -72,18 +72,34 @@ bool queue_acknowledgement(RTMPConnection& conn, std::uint64_t total_bytes) {
     return true;
 }
 
-Outgoing take_outgoing(RTMPConnection& conn) {
+bool is_chunk_size_echo(const RTMP_Packet& pkt) {
+    return pkt.chunk.stream_id == CONTROL_CHUNK_STREAM_ID &&
+           pkt.chunk.message_type_id == MESSAGE_SET_CHUNK_SIZE;
+}
+
+bool take_outgoing(RTMPConnection& conn) {
+    conn.out_batch.clear();
+    const std::size_t max_messages = opt_dbg_pkt ? 1 : MAX_BATCH_MESSAGES;
     const ConnectionLock lock(conn);
-    if (!lock.held() || conn.connection_out.empty()) {
-        return Outgoing::NONE;
+    if (!lock.held()) {
+        return false;
     }
-    conn.out_pkt.chunk.message.release();
-    conn.out_pkt = std::move(conn.connection_out.front());
-    conn.connection_out.pop_front();
-    const bool more_behind =
-        produces_bytes(conn.out_pkt) &&
-        std::any_of(conn.connection_out.begin(), conn.connection_out.end(), produces_bytes);
-    return more_behind ? Outgoing::MORE_BEHIND : Outgoing::LAST;
+    std::size_t bytes = 0;
+    while (!conn.connection_out.empty() && conn.out_batch.size() < max_messages) {
+        OutgoingPacket& next = conn.connection_out.front();
+        bytes += next.payload_bytes();
+        if (bytes > MAX_BATCH_BYTES && !conn.out_batch.empty()) {
+            break;
+        }
+        const bool last = is_chunk_size_echo(next);
+        conn.out_batch.push_back(std::move(next));
+        conn.connection_out.pop_front();
+        if (last) {
+            break;
+        }
+    }
+    conn.out_batch_messages = conn.out_batch.size();
+    return !conn.out_batch.empty();
 }
 
 bool RTMPConnection::add_to_incoming_queue(RTMP_Packet&& pkt) {
@@ -99,9 +115,11 @@ bool RTMPConnection::add_to_incoming_queue(RTMP_Packet&& pkt) {
 }
 
 bool wait_for_room_in_incoming_queue(RTMPConnection& conn) {
-    bool failed = false;
-    while (incoming_queue_is_full(conn, failed)) {
+    for (;;) {
+        const IncomingQueue queue = look_at_incoming_queue(conn);
+        if (queue != IncomingQueue::FULL) {
+            return queue == IncomingQueue::HAS_ROOM;
+        }
         usleep(BACK_PRESSURE_SLEEP_US);
     }
-    return !failed;
 }

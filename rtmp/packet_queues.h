@@ -12,9 +12,7 @@
 
 // Moves a packet onto the back of connection_out. Any thread that does not hold the lock; code that does
 // appends to connection_out itself.
-[[nodiscard]] bool queue_outgoing(RTMPConnection& conn, RTMP_Packet&& pkt,
-                                  const char* unlock_expression = "connection_io_unlock()")
-    EXCLUDES(conn.mutex);
+[[nodiscard]] bool queue_outgoing(RTMPConnection& conn, OutgoingPacket&& pkt) EXCLUDES(conn.mutex);
 
 // Queues an acknowledgement of total_bytes (their low 32 bits). Where a client does not read and packets have
 // piled up, an acknowledgement at the back of the queue is overwritten instead: only the latest count is of
@@ -22,15 +20,17 @@
 [[nodiscard]] bool queue_acknowledgement(RTMPConnection& conn, std::uint64_t total_bytes)
     EXCLUDES(conn.mutex);
 
-// What the writer thread found.
-enum class Outgoing {
-    NONE,         // nothing waits, or the lock failed: sleep and ask again
-    LAST,         // out_pkt was filled, and nothing behind it will produce bytes
-    MORE_BEHIND,  // out_pkt was filled, and so will be another one at once
-};
+// What the writer thread sends in one go, at most. Only what waits already is taken; one message always is.
+constexpr std::size_t MAX_BATCH_MESSAGES = 64;
+constexpr std::size_t MAX_BATCH_BYTES = 262144;
 
-// Moves the front of connection_out into out_pkt, whose old payload is released. Writer thread.
-[[nodiscard]] Outgoing take_outgoing(RTMPConnection& conn) REQUIRES(conn.writer_role) EXCLUDES(conn.mutex);
+// Whether sending this message changes the output chunk size: the echo of the client's.
+[[nodiscard]] bool is_chunk_size_echo(const RTMP_Packet& pkt);
+
+// Moves messages from the front of connection_out into out_batch, which is emptied first. A batch ends after the echo
+// of a chunk size, so that one chunk size holds for all of it; while packets are dumped it is a single message, so
+// that each dump is followed by its bytes. False when nothing waits or the lock failed. Writer thread.
+[[nodiscard]] bool take_outgoing(RTMPConnection& conn) REQUIRES(conn.writer_role) EXCLUDES(conn.mutex);
 
 // Sleeps while the main thread is behind with connection_in, so that the client's TCP window fills instead of
 // memory. False when the lock failed. Reader thread.

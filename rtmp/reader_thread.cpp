@@ -1,27 +1,26 @@
+#include "rtmp/reader_thread.h"
+
+#include <utility>
+
 #include "base/diag.h"
-#include "core/connection.h"
-#include "rtmp/session_threads.h"
+#include "rtmp/control_messages.h"
+#include "rtmp/packet_queues.h"
 
-namespace {
+bool RTMPConnection::rtmp_proc_packet() {
+    in_pkt.chunk.message.release();
+    return rtmp_read_packet(in_pkt) && act_on_control_message(*this, in_pkt) &&
+           add_to_incoming_queue(std::move(in_pkt)) && acknowledge_if_due(*this) &&
+           wait_for_room_in_incoming_queue(*this);
+}
 
-// No stop request is ever looked at: the thread ends with the client, at a broken rule, or by cancellation.
-void read_session(RTMPConnection& conn) REQUIRES(conn.reader_role) {
+void read_session(RTMPConnection& conn) {
     diag("RTMP begin\n");
     if (!conn.handshake()) {
         diag("RTMP handshake failed\n");
         return;
     }
     diag("RTMP handshake complete\n");
+    conn.read_ahead.enabled = true;
     while (conn.rtmp_proc_packet()) {
     }
-}
-
-}  // namespace
-
-void* reader_thread(void* argument) {
-    auto& conn = *static_cast<RTMPConnection*>(argument);
-    assume_role(conn.reader_role);
-    read_session(conn);
-    conn.thread_died.store(true, std::memory_order_release);
-    return nullptr;
 }

@@ -2,7 +2,7 @@
 //
 // 1. A packet owns its payload: exactly one packet owns a buffer at any time, and its destructor releases it.
 // 2. Packets move. The one way to duplicate a payload is copy_to(), so every copy can be found by searching
-// for it.
+// for it. What the players of a relayed message share is not in a packet: rtmp/outgoing_packet.h.
 // 3. No payload is larger than MAX_PAYLOAD_BYTES.
 // A packet carries no lock: the thread that holds it, or the mutex of the queue that holds it, protects it.
 #pragma once

@@ -7,9 +7,15 @@
 
 ssize_t RTMPConnection::cread(void* buffer, std::size_t c) {
     auto* d = static_cast<unsigned char*>(buffer);
-    std::size_t done = 0;
+    std::size_t done = read_ahead.take(d, c);
+    c -= done;
     while (c != 0) {
-        const ssize_t ret = recv(fd, d + done, c, 0);
+        ssize_t ret = 0;
+        if (read_ahead.enabled && c < ReadAhead::CAPACITY_BYTES) {
+            ret = read_ahead.fill(fd) ? static_cast<ssize_t>(read_ahead.take(d + done, c)) : -1;
+        } else {
+            ret = recv(fd, d + done, c, 0);
+        }
         if (ret <= 0) {
             break;
         }

@@ -11,9 +11,10 @@ import sys
 
 LEAVES = ["core/limits.h", "core/switches.h"]
 MODEL = ["rtmp/" + name + ".h" for name in
-         ("rtmp_packet", "packet_dump", "media_probe", "message_types", "chunk_format", "link_direction")]
+         ("rtmp_packet", "shared_payload", "outgoing_packet", "packet_dump", "media_probe", "message_types", "chunk_format",
+          "link_direction")]
 RELAY_VALUES = ["relay/" + name + ".h" for name in
-                ("stream_name", "stream_registry", "codec_lock", "player_timebase")]
+                ("stream_name", "stream_registry", "stream_format", "codec_lock", "media_track", "player_timebase")]
 TABLE = ["core/connection.h", "core/connection_table.h"]
 
 RULES = [
@@ -28,12 +29,11 @@ RULES = [
     # Values and rules, without I/O and without the connection.
     *[(header[:-2] + ".*", MODEL + ["base/*"] + LEAVES) for header in MODEL],
     *[(header[:-2] + ".*", RELAY_VALUES + MODEL + ["base/*"] + LEAVES) for header in RELAY_VALUES],
-    ("app/stream_format.*", ["app/stream_format.h", "amf/amf_value.h"]),
-    ("app/stream_metadata.h", ["amf/amf_value.h", "app/stream_format.h", "rtmp/rtmp_packet.h"]),
+    ("relay/stream_metadata.h", ["amf/amf_value.h", "relay/stream_format.h", "rtmp/rtmp_packet.h"]),
     ("app/random_number.h", []),
     # The connection knows the values that it holds, and nobody who works on it.
-    ("core/connection.h", ["app/stream_format.h", "app/stream_metadata.h", "base/*", "core/connection_mutex.h",
-                           "relay/player_timebase.h"] + MODEL),
+    ("core/connection.h", ["base/*", "core/connection_mutex.h", "relay/media_track.h", "relay/player_timebase.h",
+                           "relay/stream_format.h", "relay/stream_metadata.h", "rtmp/read_ahead.h"] + MODEL),
     # Those who work on it.
     ("rtmp/*", ["rtmp/*", "base/*", "core/connection.h"] + LEAVES),
     ("relay/*", ["relay/*", "rtmp/packet_queues.h", "base/*"] + MODEL + TABLE + LEAVES),

@@ -36,7 +36,7 @@ GROUPS = [
      ["app/acknowledge_*", "app/command_table_*", "app/connect_*", "app/create_stream_*", "app/dispatch_*", "app/play_*",
       "app/publish_*", "app/reply_*", "app/turn_*", "e2e/connect_*", "e2e/dispatch_*", "e2e/stream_commands_*"]),
     ("Metadata", "What a publisher says of its stream, and what becomes of it when it changes.",
-     ["app/metadata_*", "app/stream_format_*", "e2e/metadata*"]),
+     ["app/metadata_*", "relay/stream_format_*", "e2e/metadata*"]),
     ("Publishers: real time and takeover",
      "Media goes out no faster than real time, and a publisher that has stalled can be replaced.",
      ["app/publisher_media_*", "e2e/pacing_*", "e2e/takeover_*"]),

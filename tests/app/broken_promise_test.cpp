@@ -81,11 +81,11 @@ TEST_F(MainThreadPromiseDeathTest, of_an_unlock_ends_the_process_when_a_player_i
     RTMPConnection& player = add_player();
     const auto relay_audio = [&](const std::string& payload) {
         RTMP_Packet pkt = make_packet(MESSAGE_AUDIO, 5, payload);
-        (void)relay_published_packet(publisher, pkt);
+        (void)relay_published_packet(publisher, pkt, find_or_insert_stream(publisher.stream_name));
     };
     fail_unlocking(player);
     EXPECT_EXIT(relay_audio(AAC_FRAME), testing::KilledBySignal(SIGABRT),
-                assertion_line("queue_outgoing", "p->connection_io_unlock()"));
+                assertion_line("queue_outgoing", "connection_io_unlock()"));
     receive(publisher, make_packet(MESSAGE_AMF0_DATA, 0, set_metadata(amf_object({}))));
     EXPECT_EXIT(publisher.idle(), testing::KilledBySignal(SIGABRT),
                 assertion_line("forward_metadata_to_players", "p->connection_io_unlock()"));
@@ -97,18 +97,18 @@ TEST_F(MainThreadPromiseDeathTest, of_an_unlock_ends_the_process_when_a_player_i
     fail_unlocking(late_player);
     EXPECT_EXIT(relay_audio(AAC_FRAME), testing::KilledBySignal(SIGABRT),
                 testing::AllOf(testing::HasSubstr("Relay: Repeating audio sequence header\n"),
-                               assertion_line("queue_outgoing", "p->connection_io_unlock()")));
+                               assertion_line("queue_outgoing", "connection_io_unlock()")));
 }
 
 TEST_F(MainThreadPromiseDeathTest, of_the_codec_rule_ends_the_process) {
     RTMPConnection& publisher = add_publisher();
     const auto relay = [&](std::uint8_t type) {
         RTMP_Packet pkt = make_packet(type, 5, AAC_FRAME);
-        (void)relay_published_packet(publisher, pkt);
+        (void)relay_published_packet(publisher, pkt, find_or_insert_stream(publisher.stream_name));
     };
     codec_rule_is_broken = true;
     EXPECT_EXIT(relay(MESSAGE_AUDIO), testing::KilledBySignal(SIGABRT),
-                assertion_line("lock_audio", "false"));
+                assertion_line("lock_codec", "false"));
     EXPECT_EXIT(relay(MESSAGE_VIDEO), testing::KilledBySignal(SIGABRT),
-                assertion_line("lock_video", "false"));
+                assertion_line("lock_codec", "false"));
 }

@@ -257,7 +257,7 @@ TEST_F(DispatchTest, a_message_that_is_held_back_stays_at_the_front_with_everyth
     fake_clock_us += 1000000;
     EXPECT_TRUE(idle(conn).ends_with("deleteStream, drop connection\nAMF0 error command\n"));
     EXPECT_TRUE(conn.connection_in.empty());
-    EXPECT_EQ(payload_of(conn.audio_seq_header), AAC_HEADER);
+    EXPECT_EQ(payload_of(conn.audio.seq_header), AAC_HEADER);
 }
 
 TEST_F(DispatchTest, media_that_the_relay_refuses_ends_the_publisher_and_is_taken_off_the_queue) {

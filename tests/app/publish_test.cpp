@@ -49,7 +49,7 @@ TEST_F(PublishTest, does_not_displace_the_publisher_that_is_there) {
 TEST_F(PublishTest, resets_the_time_of_players_that_came_first_and_drops_those_that_have_had_media) {
     RTMPConnection& fresh = add_player();
     RTMPConnection& served = add_player();
-    served.timebase.audio_header_delivered = true;
+    served.audio.header_delivered = true;
     RTMPConnection& conn = add_client();
     EXPECT_EQ(command(conn, publish_command("cam1")),
               "Notifing subscribers of time reset\n"

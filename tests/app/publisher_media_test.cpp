@@ -246,7 +246,7 @@ TEST_F(PublisherMediaTest, that_takes_over_with_another_codec_drops_the_players_
     data_message(first, set_metadata(amf_object({{"audiocodecid", amf_number(10)}})));
     EXPECT_EQ(audio(first, 1),
               "Lock on audio type 10 (0xa) ''\nFrom publisher to connection: source timebase 1, add 0\n");
-    EXPECT_EQ(player.audio_lock_type, 10);
+    EXPECT_EQ(player.audio.lock_type, 10);
     RTMPConnection& second = add_publisher();
     second.stream_format.audio_codec_id = 2;
     take_queued(player);

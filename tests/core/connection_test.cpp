@@ -10,23 +10,25 @@ using connection = ConnectionFixture;
 TEST_F(connection, begins_acknowledging_every_message) {
     const RTMPConnection& conn = add_connection("203.0.113.9:1234");
     EXPECT_EQ(conn.address, "203.0.113.9:1234");
-    for (const LinkDirection* const link : {&conn.conn_g_server, &conn.conn_g_client}) {
-        EXPECT_TRUE(link->ack_flag);
-        EXPECT_EQ(link->window_ack_size, 1U);
-        EXPECT_EQ(link->bytes_total, 0U);
-        EXPECT_EQ(link->bytes_unacked, 0U);
-        EXPECT_EQ(link->chunk_size, 128U);
-    }
+    const auto expect_beginning = [](const auto& link) {
+        EXPECT_TRUE(link.ack_flag);
+        EXPECT_EQ(link.window_ack_size, 1U);
+        EXPECT_EQ(link.bytes_total, 0U);
+        EXPECT_EQ(link.bytes_unacked, 0U);
+        EXPECT_EQ(link.chunk_size, 128U);
+    };
+    expect_beginning(conn.conn_g_server);
+    expect_beginning(conn.conn_g_client);
 }
 
 TEST_F(connection, begins_without_acknowledging_when_told_so) {
     opt_no_def_ack = true;
     const RTMPConnection& conn = add_connection();
     opt_no_def_ack = false;
-    for (const LinkDirection* const link : {&conn.conn_g_server, &conn.conn_g_client}) {
-        EXPECT_FALSE(link->ack_flag);
-        EXPECT_EQ(link->window_ack_size, 0U);
-    }
+    EXPECT_FALSE(conn.conn_g_server.ack_flag);
+    EXPECT_EQ(conn.conn_g_server.window_ack_size, 0U);
+    EXPECT_FALSE(conn.conn_g_client.ack_flag);
+    EXPECT_EQ(conn.conn_g_client.window_ack_size, 0U);
 }
 
 TEST_F(connection, begins_with_nothing_known) {
@@ -35,8 +37,8 @@ TEST_F(connection, begins_with_nothing_known) {
     EXPECT_EQ(conn.stream_format.video_height, -1);
     EXPECT_EQ(conn.stream_format.audio_codec_id, 0U);
     EXPECT_EQ(conn.stream_format.video_codec_id, 0U);
-    EXPECT_EQ(conn.audio_lock_type, -1);
-    EXPECT_EQ(conn.video_lock_type, -1);
+    EXPECT_EQ(conn.audio.lock_type, -1);
+    EXPECT_EQ(conn.video.lock_type, -1);
     EXPECT_EQ(conn.metadata.type, AMF_Type::Undefined);
     EXPECT_EQ(conn.app_name + conn.stream_mode + conn.stream_name, "");
 }

@@ -65,16 +65,28 @@ TEST_F(SystemCallsTest, a_message_leaves_in_a_call_for_a_thousand_pieces) {
     EXPECT_EQ(wrapped_calls.sends[0].bytes + wrapped_calls.sends[1].bytes, 100000U + 12 + 781);
 }
 
-TEST_F(SystemCallsTest, a_message_is_held_back_for_a_fuller_segment_only_while_another_will_follow) {
+TEST_F(SystemCallsTest, all_messages_that_wait_leave_in_one_call) {
     RTMPConnection& conn = add_connection();
     conn.connection_out.push_back(make_packet(9, 0, "first"));
     conn.connection_out.push_back(make_packet(9, 0, ""));
     conn.connection_out.push_back(make_packet(9, 0, "second"));
-    conn.connection_out.push_back(make_packet(9, 0, ""));
-    ASSERT_TRUE(send_next(conn) && send_next(conn) && send_next(conn) && send_next(conn));
-    ASSERT_EQ(wrapped_calls.sends.size(), 2U);
-    EXPECT_EQ(wrapped_calls.sends[0].flags, MSG_NOSIGNAL | MSG_MORE);
-    EXPECT_EQ(wrapped_calls.sends[1].flags, MSG_NOSIGNAL);
+    ASSERT_TRUE(send_next(conn));
+    ASSERT_EQ(wrapped_calls.sends.size(), 1U);
+    EXPECT_EQ(wrapped_calls.sends[0].flags, MSG_NOSIGNAL);
+    EXPECT_EQ(wrapped_calls.sends[0].bytes, 12U + 5 + 12 + 6);
+}
+
+TEST_F(SystemCallsTest, a_relayed_message_laid_out_for_the_players_chunk_size_is_two_pieces) {
+    RTMPConnection& conn = add_connection();
+    const RTMP_Packet pkt = make_packet(9, 0, std::string(16000, 'x'));
+    OutgoingPacket outgoing;
+    outgoing.copy_header_from(pkt);
+    outgoing.shared = SharedPayload::lay_out(pkt.chunk, 128);
+    conn.connection_out.push_back(std::move(outgoing));
+    ASSERT_TRUE(send_next(conn));
+    ASSERT_EQ(wrapped_calls.sends.size(), 1U);
+    EXPECT_EQ(wrapped_calls.sends[0].pieces, 2U);
+    EXPECT_EQ(wrapped_calls.sends[0].bytes, 12U + 16000 + 124);
 }
 
 TEST_F(SystemCallsTest, listener_and_clients_get_their_options) {

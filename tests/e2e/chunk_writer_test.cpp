@@ -1,5 +1,6 @@
 // The server's own chunks, byte for byte.
 #include "tests/support/expected_replies.h"
+#include "tests/support/media_bytes.h"
 #include "tests/support/rtmp_client.h"
 #include "tests/support/server_process.h"
 #include "tests/support/unseeded_rand.h"
@@ -229,4 +230,40 @@ TEST(chunk_writer, relayed_media_is_not_dumped_on_request) {
     publisher.send_audio(1, from_hex("AF 01 33"));
     (void)player.expect_message(MSG_AUDIO);
     EXPECT_EQ(server.count("Sending:", mark), 0U);
+}
+
+TEST(chunk_writer, players_of_one_stream_have_chunk_sizes_of_their_own_and_change_them_meanwhile) {
+    ServerProcess server;
+    RtmpClient publisher = publishing_client("cam1");
+    std::vector<RtmpClient> players;
+    for (int i = 0; i < 4; ++i) {
+        players.push_back(playing_client("cam1"));
+    }
+    const std::vector<std::vector<std::uint32_t>> sizes{
+        {128, 4096, 128}, {1, 65536, 100}, {4096, 4096, 1}, {129, 128, 4095}};
+    std::uint32_t frame = 0;
+    for (std::size_t turn = 0; turn < 3; ++turn) {
+        for (int before_change = 0; before_change < 2; ++before_change) {
+            for (std::size_t i = 0; before_change == 0 && i < players.size(); ++i) {
+                players[i].set_chunk_size(sizes[i][turn]);
+            }
+            for (int i = 0; i < 10; ++i) {
+                publisher.send_video(1000, avc_inter_frame(frame + static_cast<std::uint32_t>(i), 5000));
+            }
+            for (RtmpClient& player : players) {
+                for (int i = 0; i < 10;) {
+                    const RtmpMessage message = player.read_message();
+                    if (message.type == MSG_VIDEO) {
+                        EXPECT_EQ(message.payload,
+                                  avc_inter_frame(frame + static_cast<std::uint32_t>(i), 5000));
+                        ++i;
+                    }
+                }
+            }
+            frame += 10;
+        }
+        for (std::size_t i = 0; i < players.size(); ++i) {
+            EXPECT_EQ(players[i].read_chunk_size(), sizes[i][turn]);
+        }
+    }
 }

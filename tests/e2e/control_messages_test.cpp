@@ -1,6 +1,7 @@
 // Set chunk size, window acknowledgement size, acknowledgements, and how far the server reads ahead.
 #include "tests/support/dropped_client.h"
 #include "tests/support/expected_replies.h"
+#include "tests/support/media_bytes.h"
 #include "tests/support/rtmp_client.h"
 #include "tests/support/server_process.h"
 
@@ -358,4 +359,20 @@ TEST(control_messages, reading_stops_while_8_messages_wait_to_be_handled) {
         last = publisher.expect_acknowledgement();
     }
     EXPECT_GE(elapsed_since(sent), Milliseconds{HOLD_MS - 100});
+}
+
+TEST(control_messages, a_burst_is_acknowledged_message_by_message_to_the_byte) {
+    ServerProcess server;
+    RtmpClient publisher = publishing_client("cam1");
+    publisher.round_trip();
+    std::vector<std::uint64_t> ends;
+    Bytes burst;
+    for (std::uint32_t i = 0; i < 300; ++i) {
+        burst += chunked({.type = MSG_VIDEO, .payload = avc_inter_frame(i, 20 + i * 7), .csid = 6});
+        ends.push_back(publisher.bytes_sent() + burst.size());
+    }
+    publisher.send_bytes(burst);
+    for (const std::uint64_t end : ends) {
+        EXPECT_EQ(publisher.expect_acknowledgement(), end);
+    }
 }

@@ -87,6 +87,46 @@ TEST(unread_player, what_a_stuck_player_was_owed_is_freed_when_it_leaves) {
     send_and_wait(1);
 }
 
+TEST(unread_player, players_that_read_nothing_share_what_waits_for_them) {
+    constexpr std::size_t PLAYERS = 20;
+    constexpr std::uint32_t MESSAGES = 400;
+    constexpr std::size_t MESSAGE_BYTES = 50000;
+    ServerProcess server;
+    RtmpClient reader = playing_client("cam1");
+    RtmpClient publisher = publishing_client("cam1");
+    publisher.set_chunk_size(1 << 16);
+    const auto send_and_wait = [&](std::uint32_t count) {
+        for (std::uint32_t i = 0; i < count; ++i) {
+            publisher.send_video(1000, avc_inter_frame(i, MESSAGE_BYTES));
+            EXPECT_EQ(reader.expect_message(MSG_VIDEO).payload.size(), MESSAGE_BYTES);
+        }
+    };
+    std::vector<std::unique_ptr<RtmpClient>> stuck;
+    for (std::size_t i = 0; i < PLAYERS; ++i) {
+        stuck.push_back(std::make_unique<RtmpClient>(playing_client("cam1", small_buffer())));
+    }
+    send_and_wait(20);  // The socket buffers are full.
+    const std::size_t before_kib = server.rss_kib();
+    send_and_wait(MESSAGES);
+    const std::size_t stream_kib = MESSAGES * MESSAGE_BYTES / 1024;
+    EXPECT_GT(server.rss_kib(), before_kib + stream_kib / 2) << "this test needs queues that grow";
+    if (TIME_SCALE == 1) {
+        EXPECT_LT(server.rss_kib(), before_kib + stream_kib * 13 / 10 + MESSAGES * PLAYERS * 100 / 1024);
+    }
+    stuck.clear();
+    server.err().wait_for_count("Connection for play unsubscribed from 'cam1'", PLAYERS);
+    EXPECT_THAT(publisher.round_trip().size(), testing::Le(1U));
+    if (TIME_SCALE == 1) {
+        // Small blocks go back to the system together, some seconds later.
+        const TimePoint deadline = SteadyClock::now() + Milliseconds{15000};
+        while (server.rss_kib() >= before_kib + stream_kib / 4 && SteadyClock::now() < deadline) {
+            send_and_wait(1);
+        }
+        EXPECT_LT(server.rss_kib(), before_kib + stream_kib / 4);
+    }
+    send_and_wait(1);
+}
+
 TEST(unread_player, acknowledgements_that_nobody_reads_do_not_pile_up) {
     shrink_loopback_packets();
     ServerProcess server;

@@ -41,6 +41,7 @@ struct DocumentedOutcome {
     Ending ending = Ending::DROPPED_BY_SERVER;
     Missing missing = Missing::NOTHING;
     std::size_t misses = NOBODY;
+    std::size_t most_who_miss = 1;
     // Beside those that every session prints.
     std::map<std::string, Times> texts;
     // The process ends by an assertion, or for want of memory.

@@ -404,8 +404,8 @@ TEST(refused_calls, an_unlock_that_fails_ends_the_process_and_says_where) {
           Row{"take_outgoing", "take_outgoing", true},
           Row{"RTMPConnection::add_to_incoming_queue", "add_to_incoming_queue", true},
           Row{"queue_acknowledgement", "queue_acknowledgement", true},
-          Row{"wait_for_room_in_incoming_queue", "incoming_queue_is_full", true},
-          Row{"RTMPConnection::relay_from_publisher", "queue_outgoing", false},
+          Row{"wait_for_room_in_incoming_queue", "look_at_incoming_queue", true},
+          Row{"RTMPConnection::relay_from_publisher", "queue_outgoing", true},
           Row{"forward_metadata_to_players", "forward_metadata_to_players", false},
           Row{"connection_line", "connection_line", false}}) {
         FaultyServer faulty("pthread_mutex_unlock" + within(row.function) + ":1:EPERM");
@@ -427,17 +427,20 @@ TEST(refused_calls, an_unlock_that_fails_ends_the_process_and_says_where) {
 
 // ---- memory
 
-TEST(refused_calls, a_player_without_memory_for_its_copy_misses_that_message_only) {
-    FaultyServer faulty("nothrow_new.main" + within("RTMPConnection::relay_from_publisher") + ":2:ENOMEM");
-    RtmpClient player = playing_client("cam1");
+TEST(refused_calls, without_memory_for_what_they_share_players_miss_that_message_only) {
+    FaultyServer faulty("nothrow_new.main" + within("SharedPayload::lay_out") + ":2:ENOMEM");
+    RtmpClient first = playing_client("cam1");
+    RtmpClient second = playing_client("cam1");
     RtmpClient publisher = publishing_client("cam1");
     for (std::uint32_t i = 1; i <= 3; ++i) {
         publisher.send_audio(1000, aac_frame(i));
     }
     (void)publisher.round_trip();
-    EXPECT_EQ(player.expect_message(MSG_AUDIO).payload, aac_frame(1));
-    EXPECT_EQ(player.expect_message(MSG_AUDIO).payload, aac_frame(3));
-    EXPECT_EQ(faulty.server.count("Relay fail"), 1U);
+    for (RtmpClient* const player : {&first, &second}) {
+        EXPECT_EQ(player->expect_message(MSG_AUDIO).payload, aac_frame(1));
+        EXPECT_EQ(player->expect_message(MSG_AUDIO).payload, aac_frame(3));
+    }
+    EXPECT_EQ(faulty.server.count("Relay fail"), 2U);
 }
 
 TEST(refused_calls, a_message_for_which_there_is_no_memory_ends_the_reading) {

@@ -96,7 +96,7 @@ class Comparison {
             expected.missing != Missing::NOTHING && expected.missing != Missing::REPLY_BEFORE_DROP;
         const bool may_be_none = !some || expected.missing == Missing::A_HEADER_OR_NOTHING;
         const std::size_t most = expected.missing == Missing::METADATA_OF_A_STREAM ? SESSION_CLIENTS
-                                 : some                                            ? 1
+                                 : some                                            ? expected.most_who_miss
                                                                                    : 0;
         if (missing > most || (missing == 0 && !may_be_none)) {
             complain(std::to_string(missing) + " clients missed something");

@@ -4,6 +4,7 @@
 #include "core/connection_table.h"
 #include "relay/stream_registry.h"
 #include "tests/support/fake_clock.h"
+#include "tests/support/queued_payload.h"
 #include "tests/support/silent_system.h"
 #include "tests/support/wire_bytes.h"
 
@@ -20,11 +21,7 @@ namespace {
 constexpr std::size_t MOST_WAITING = 8;
 constexpr int PRETENDED_FD = 1000;
 
-std::string_view payload_of(const RTMP_Packet& pkt) {
-    return {reinterpret_cast<const char*>(pkt.chunk.message.data), pkt.chunk.message.data_length};
-}
-
-bool same(const RTMP_Packet& pkt, const reference::Message& message) {
+bool same(const OutgoingPacket& pkt, const reference::Message& message) {
     return pkt.chunk.message_type_id == message.type && pkt.chunk.timestamp == message.timestamp &&
            pkt.chunk.stream_id == message.chunk_stream_id &&
            pkt.chunk.message_stream_id == message.message_stream_id && payload_of(pkt) == message.payload;
@@ -215,7 +212,7 @@ class Comparison {
         if (!std::equal(real.connection_out.begin(), real.connection_out.end(), expected.out.begin(),
                         expected.out.end(), same)) {
             std::string text = "is sent\n";
-            for (const RTMP_Packet& pkt : real.connection_out) {
+            for (const OutgoingPacket& pkt : real.connection_out) {
                 text += shown(pkt.chunk.message_type_id, pkt.chunk.timestamp, pkt.chunk.stream_id,
                               pkt.chunk.message_stream_id, payload_of(pkt));
             }

@@ -116,11 +116,11 @@ TEST_F(AvRelayTest, sequence_headers_are_saved_and_dumped) {
               "message_stream_id=1\n"
               "  Data (4 bytes)\n"
               "    17 00 01 64                                       ...d            \n");
-    EXPECT_EQ(payload_of(publisher.audio_seq_header), AAC_HEADER);
-    EXPECT_EQ(publisher.audio_seq_header.chunk.timestamp, 7U);
-    EXPECT_EQ(publisher.audio_seq_header.chunk.stream_id, 4U);
-    EXPECT_EQ(payload_of(publisher.video_seq_header), AVC_HEADER);
-    EXPECT_EQ(publisher.video_seq_header.chunk.stream_id, 6U);
+    EXPECT_EQ(payload_of(publisher.audio.seq_header), AAC_HEADER);
+    EXPECT_EQ(publisher.audio.seq_header.chunk.timestamp, 7U);
+    EXPECT_EQ(publisher.audio.seq_header.chunk.stream_id, 4U);
+    EXPECT_EQ(payload_of(publisher.video.seq_header), AVC_HEADER);
+    EXPECT_EQ(publisher.video.seq_header.chunk.stream_id, 6U);
 }
 
 TEST_F(AvRelayTest, a_newer_sequence_header_replaces_the_saved_one) {
@@ -128,8 +128,8 @@ TEST_F(AvRelayTest, a_newer_sequence_header_replaces_the_saved_one) {
     relay_audio(publisher, 0, AAC_HEADER);
     const std::string newer{"\xAF\x00\x11\x90\x56", 5};
     relay_audio(publisher, 1, newer);
-    EXPECT_EQ(payload_of(publisher.audio_seq_header), newer);
-    EXPECT_EQ(publisher.audio_seq_header.chunk.timestamp, 1U);
+    EXPECT_EQ(payload_of(publisher.audio.seq_header), newer);
+    EXPECT_EQ(publisher.audio.seq_header.chunk.timestamp, 1U);
 }
 
 TEST_F(AvRelayTest, frames_are_not_saved) {
@@ -137,8 +137,8 @@ TEST_F(AvRelayTest, frames_are_not_saved) {
     relay_audio(publisher, 0, AAC_FRAME);
     relay_video(publisher, 0, AVC_INTER_FRAME);
     relay_video(publisher, 0, AAC_HEADER.substr(0, 1));
-    EXPECT_EQ(publisher.audio_seq_header.chunk.message.data_length, 0U);
-    EXPECT_EQ(publisher.video_seq_header.chunk.message.data_length, 0U);
+    EXPECT_EQ(publisher.audio.seq_header.chunk.message.data_length, 0U);
+    EXPECT_EQ(publisher.video.seq_header.chunk.message.data_length, 0U);
 }
 
 TEST_F(AvRelayTest, a_rival_of_the_publisher_is_checked_and_saved_but_not_relayed) {
@@ -149,7 +149,7 @@ TEST_F(AvRelayTest, a_rival_of_the_publisher_is_checked_and_saved_but_not_relaye
     const RelayOutcome outcome = relay_audio(rival, 0, AAC_HEADER);
     EXPECT_TRUE(outcome.publisher_kept);
     EXPECT_NE(outcome.printed.find("RTMP: Saving a copy of the audio sequence header\n"), std::string::npos);
-    EXPECT_EQ(payload_of(rival.audio_seq_header), AAC_HEADER);
+    EXPECT_EQ(payload_of(rival.audio.seq_header), AAC_HEADER);
     EXPECT_TRUE(player.connection_out.empty());
     EXPECT_EQ(find_or_insert_stream("cam1").publisher, publisher.conn_idx);
     EXPECT_EQ(find_or_insert_stream("cam1").last_activity_us, fake_clock_us);
@@ -163,7 +163,7 @@ TEST_F(AvRelayTest, media_without_players_keeps_the_record_alive) {
     EXPECT_EQ(find_or_insert_stream("cam1").last_activity_us, fake_clock_us);
 }
 
-TEST_F(AvRelayTest, every_player_of_the_stream_gets_a_payload_of_its_own_under_the_publishers_header) {
+TEST_F(AvRelayTest, every_player_of_the_stream_gets_the_payload_under_the_publishers_header) {
     RTMPConnection& publisher = add_publisher();
     RTMPConnection& first = add_player();
     RTMPConnection& second = add_player();
@@ -171,19 +171,67 @@ TEST_F(AvRelayTest, every_player_of_the_stream_gets_a_payload_of_its_own_under_t
     second.stream_id = 99;
     RTMP_Packet pkt = make_packet(MESSAGE_VIDEO, 1000, AVC_INTER_FRAME, 64, 4711);
     pkt.chunk.fmt = 1;
-    printed_by([&] { EXPECT_TRUE(relay_published_packet(publisher, pkt)); });
+    printed_by([&] { EXPECT_TRUE(relay_published_packet(publisher, pkt, find_or_insert_stream("cam1"))); });
 
     ASSERT_EQ(first.connection_out.size(), 1U);
     ASSERT_EQ(second.connection_out.size(), 1U);
     EXPECT_TRUE(stranger.connection_out.empty());
-    const unsigned char* const first_data = first.connection_out.front().chunk.message.data;
-    EXPECT_NE(first_data, pkt.chunk.message.data);
-    EXPECT_NE(first_data, second.connection_out.front().chunk.message.data);
+    const unsigned char* const shared_data = first.connection_out.front().shared.laid_out().data;
+    EXPECT_NE(shared_data, pkt.chunk.message.data);
+    EXPECT_EQ(shared_data, second.connection_out.front().shared.laid_out().data);
     EXPECT_EQ(first.connection_out.front().chunk.fmt, 1U);
     EXPECT_EQ(payload_of(pkt), AVC_INTER_FRAME);
     const Messages expected{{MESSAGE_VIDEO, 0, AVC_INTER_FRAME, 64, 4711}};
     EXPECT_EQ(take_queued(first), expected);
     EXPECT_EQ(take_queued(second), expected);
+}
+
+TEST_F(AvRelayTest, a_hundred_thousand_messages_wait_for_a_stuck_player_while_another_is_live) {
+    RTMPConnection& publisher = add_publisher();
+    RTMPConnection& stuck = add_player();
+    RTMPConnection& live = add_player();
+    constexpr std::uint32_t MESSAGES = 100000;
+    testing::internal::CaptureStderr();
+    for (std::uint32_t i = 0; i < MESSAGES; ++i) {
+        const std::string payload = AVC_INTER_FRAME + std::to_string(i);
+        const RTMP_Packet pkt = make_packet(MESSAGE_VIDEO, i, payload);
+        ASSERT_TRUE(relay_published_packet(publisher, pkt, find_or_insert_stream("cam1")));
+        ASSERT_EQ(take_queued(live), (Messages{{MESSAGE_VIDEO, i, payload}}));
+    }
+    testing::internal::GetCapturedStderr();
+    ASSERT_EQ(stuck.connection_out.size(), MESSAGES);
+    for (std::uint32_t i = 0; i < MESSAGES; i += 997) {
+        ASSERT_EQ(payload_of(stuck.connection_out[i]), AVC_INTER_FRAME + std::to_string(i));
+    }
+}
+
+TEST_F(AvRelayTest, a_message_is_laid_out_for_the_chunk_size_of_most_players) {
+    RTMPConnection& publisher = add_publisher();
+    struct Row {
+        std::vector<std::uint32_t> chunk_sizes;
+        std::uint32_t laid_out_for;
+    };
+    std::vector<RTMPConnection*> players;
+    for (const Row& row : std::vector<Row>{{{128}, 128},
+                                           {{4096}, 4096},
+                                           {{128, 4096, 4096}, 4096},
+                                           {{4096, 128, 4096, 128, 128}, 128},
+                                           {{1, 1, 1}, 128},
+                                           {{1, 127, 1, 1}, 128}}) {
+        for (const std::uint32_t chunk_size : row.chunk_sizes) {
+            players.push_back(&add_player());
+            players.back()->conn_g_server.chunk_size = chunk_size;
+        }
+        relay_video(publisher, 1000, std::string(10000, '\x27'));
+        EXPECT_TRUE(players.front()->connection_out.back().shared.is_laid_out_for(row.laid_out_for))
+            << row.laid_out_for;
+        testing::internal::CaptureStderr();
+        for (RTMPConnection* const player : players) {
+            free_connection(player->conn_idx);
+        }
+        testing::internal::GetCapturedStderr();
+        players.clear();
+    }
 }
 
 TEST_F(AvRelayTest, each_player_has_a_clock_of_its_own) {
@@ -234,7 +282,7 @@ TEST_F(AvRelayTest, an_empty_message_is_queued_and_starts_the_players_clock) {
     EXPECT_EQ(relay_audio(publisher, 1000, "").printed,
               "From publisher to connection: source timebase 1000, add 0\n");
     EXPECT_TRUE(player.timebase.timebase_set);
-    EXPECT_TRUE(player.timebase.audio_header_delivered);
+    EXPECT_TRUE(player.audio.header_delivered);
     EXPECT_EQ(take_queued(player), (Messages{{MESSAGE_AUDIO, 0, ""}}));
 }
 
@@ -245,16 +293,16 @@ TEST_F(AvRelayTest, a_message_that_is_neither_audio_nor_video_is_relayed_without
     EXPECT_TRUE(outcome.publisher_kept);
     EXPECT_EQ(outcome.printed, "");
     EXPECT_FALSE(player.timebase.timebase_set);
-    EXPECT_EQ(publisher.audio_lock_type, -1);
+    EXPECT_EQ(publisher.audio.lock_type, -1);
     EXPECT_EQ(take_queued(player), (Messages{{22, 1000, "\xAF\x01"}}));
 }
 
 TEST_F(AvRelayTest, a_player_locked_on_another_codec_is_dropped_and_the_others_are_served) {
     RTMPConnection& publisher = add_publisher();
     RTMPConnection& other_audio = add_player();
-    other_audio.audio_lock_type = 2;
+    other_audio.audio.lock_type = 2;
     RTMPConnection& other_video = add_player();
-    other_video.video_lock_type = 2;
+    other_video.video.lock_type = 2;
     RTMPConnection& player = add_player();
     EXPECT_EQ(relay_audio(publisher, 1000, AAC_FRAME).printed,
               "Lock on audio type 10\n"
@@ -271,9 +319,9 @@ TEST_F(AvRelayTest, a_player_locked_on_another_codec_is_dropped_and_the_others_a
     EXPECT_TRUE(other_video.close_requested);
     EXPECT_FALSE(player.close_requested);
     EXPECT_EQ(player.connection_out.size(), 2U);
-    EXPECT_EQ(player.audio_lock_type, 10);
-    EXPECT_EQ(player.video_lock_type, 7);
-    EXPECT_EQ(other_audio.audio_lock_type, 2);
+    EXPECT_EQ(player.audio.lock_type, 10);
+    EXPECT_EQ(player.video.lock_type, 7);
+    EXPECT_EQ(other_audio.audio.lock_type, 2);
 }
 
 TEST_F(AvRelayTest, a_listed_player_that_is_gone_is_reported_and_taken_off_the_list) {
@@ -303,7 +351,7 @@ TEST_F(AvRelayTest, a_player_whose_socket_is_closed_gets_nothing) {
     EXPECT_EQ(outcome.printed, "Lock on audio type 10\nRelay fail\n");
     EXPECT_TRUE(player.connection_out.empty());
     EXPECT_FALSE(player.timebase.timebase_set);
-    EXPECT_EQ(player.audio_lock_type, -1);
+    EXPECT_EQ(player.audio.lock_type, -1);
 }
 
 TEST_F(AvRelayTest, a_payload_that_is_too_large_to_copy_reaches_nobody_and_does_not_end_the_publisher) {
@@ -334,7 +382,8 @@ TEST_F(AvRelayDeathTest, a_connection_that_is_relayed_to_itself_ends_the_process
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     RTMPConnection& publisher = add_publisher();
     RTMP_Packet pkt = make_packet(MESSAGE_AUDIO, 0, AAC_FRAME);
-    EXPECT_EXIT((void)publisher.relay_from_publisher(pkt, publisher), testing::KilledBySignal(SIGABRT),
+    EXPECT_EXIT((void)publisher.relay_from_publisher(RelayedMessage(pkt), publisher),
+                testing::KilledBySignal(SIGABRT),
                 assertion_line("relay_from_publisher", "&publisher != this"));
 }
 
@@ -343,7 +392,8 @@ TEST_F(AvRelayDeathTest, a_publisher_in_the_players_own_slot_ends_the_process) {
     RTMPConnection& player = add_player();
     RTMPConnection impostor(-1, player.conn_idx, "");
     RTMP_Packet pkt = make_packet(MESSAGE_AUDIO, 0, AAC_FRAME);
-    EXPECT_EXIT((void)player.relay_from_publisher(pkt, impostor), testing::KilledBySignal(SIGABRT),
+    EXPECT_EXIT((void)player.relay_from_publisher(RelayedMessage(pkt), impostor),
+                testing::KilledBySignal(SIGABRT),
                 assertion_line("relay_from_publisher", "publisher.conn_idx != conn_idx"));
 }
 
@@ -353,7 +403,7 @@ TEST_F(AvRelayDeathTest, a_player_outside_the_table_ends_the_process) {
     const auto relay_to_slot = [&](std::size_t slot) {
         find_or_insert_stream("cam1").players = {slot};
         RTMP_Packet pkt = make_packet(MESSAGE_AUDIO, 0, AAC_FRAME);
-        (void)relay_published_packet(publisher, pkt);
+        (void)relay_published_packet(publisher, pkt, find_or_insert_stream("cam1"));
     };
     EXPECT_EXIT(relay_to_slot(MAX_CONNECTIONS), testing::KilledBySignal(SIGABRT),
                 assertion_line("get_connection", "i < MAX_CONNECTIONS"));

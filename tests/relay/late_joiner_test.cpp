@@ -90,8 +90,8 @@ TEST_F(LateJoinerTest, nothing_is_ever_repeated_to_a_player_whose_first_frame_ha
     RTMPConnection& publisher = add_publisher();
     RTMPConnection& player = add_player();
     relay_video(publisher, 1000, AVC_INTER_FRAME);
-    EXPECT_TRUE(player.timebase.video_header_delivered);
-    EXPECT_FALSE(player.timebase.audio_header_delivered);
+    EXPECT_TRUE(player.video.header_delivered);
+    EXPECT_FALSE(player.audio.header_delivered);
     EXPECT_EQ(take_queued(player), (Messages{{MESSAGE_VIDEO, 0, AVC_INTER_FRAME, 6}}));
 
     relay_video(publisher, 1040, AVC_HEADER);
@@ -114,9 +114,12 @@ TEST_F(LateJoinerTest, other_messages_have_no_header) {
     RTMPConnection& publisher = add_publisher();
     relay_audio(publisher, 900, AAC_HEADER);
     RTMPConnection& player = add_player();
-    EXPECT_EQ(printed_by([&] { deliver_sequence_header(player, publisher, make_packet(22, 1000, "x"), 0); }),
+    EXPECT_EQ(printed_by([&] {
+                  const RTMP_Packet pkt = make_packet(22, 1000, "x");
+                  deliver_sequence_header(player, publisher, RelayedMessage(pkt), 0);
+              }),
               "");
-    EXPECT_FALSE(player.timebase.audio_header_delivered);
-    EXPECT_FALSE(player.timebase.video_header_delivered);
+    EXPECT_FALSE(player.audio.header_delivered);
+    EXPECT_FALSE(player.video.header_delivered);
     EXPECT_TRUE(player.connection_out.empty());
 }

@@ -6,6 +6,7 @@
 
 #include "core/limits.h"
 #include "relay/av_relay.h"
+#include "relay/relayed_message.h"
 #include "relay/stream_registry.h"
 #include "rtmp/message_types.h"
 #include "tests/support/connection_fixture.h"
@@ -48,8 +49,10 @@ class RelayFixture : public ConnectionFixture {
 
     RelayOutcome relay(RTMPConnection& publisher, RTMP_Packet pkt) {
         RelayOutcome outcome{};
-        outcome.printed =
-            printed_by([&] { outcome.publisher_kept = relay_published_packet(publisher, pkt); });
+        outcome.printed = printed_by([&] {
+            outcome.publisher_kept =
+                relay_published_packet(publisher, pkt, find_or_insert_stream(publisher.stream_name));
+        });
         return outcome;
     }
 

@@ -41,10 +41,10 @@ TEST_F(TimeResetTest, clears_the_timebase_of_a_player_that_has_had_no_media_and_
 
 TEST_F(TimeResetTest, drops_every_player_that_has_had_media_of_either_kind) {
     RTMPConnection& with_audio = add_player();
-    with_audio.timebase.audio_header_delivered = true;
+    with_audio.audio.header_delivered = true;
     RTMPConnection& with_nothing = add_player();
     RTMPConnection& with_video = add_player();
-    with_video.timebase.video_header_delivered = true;
+    with_video.video.header_delivered = true;
     EXPECT_EQ(reset(),
               "Notifing subscribers of time reset\n"
               "Dropping subscriber because format change\n"
@@ -57,7 +57,7 @@ TEST_F(TimeResetTest, drops_every_player_that_has_had_media_of_either_kind) {
 TEST_F(TimeResetTest, does_not_touch_the_players_of_other_streams) {
     RTMPConnection& other = add_player("cam2");
     other.timebase.timebase_set = true;
-    other.timebase.audio_header_delivered = true;
+    other.audio.header_delivered = true;
     EXPECT_EQ(reset("cam1"), "Notifing subscribers of time reset\n");
     EXPECT_TRUE(other.timebase.timebase_set);
     EXPECT_FALSE(other.close_requested);
@@ -66,7 +66,7 @@ TEST_F(TimeResetTest, does_not_touch_the_players_of_other_streams) {
 TEST_F(TimeResetTest, does_not_drop_a_listed_connection_that_does_not_play) {
     RTMPConnection& listed = add_player();
     listed.stream_mode = "publish";
-    listed.timebase.audio_header_delivered = true;
+    listed.audio.header_delivered = true;
     EXPECT_EQ(reset(), "Notifing subscribers of time reset\n");
     EXPECT_FALSE(listed.close_requested);
 }

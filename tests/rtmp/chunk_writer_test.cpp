@@ -114,7 +114,7 @@ TEST_F(chunk_writer, the_echo_of_a_chunk_size_goes_out_under_the_old_size_and_co
     queue(make_packet(20, 0, before, 3));
     queue(make_packet(1, 0, std::string("\x00\x00\x00\x02", 4), 2, 0));
     queue(make_packet(20, 0, "12345", 3));
-    ASSERT_TRUE(send_next() && send_next() && send_next());
+    ASSERT_TRUE(send_next() && send_next());
     EXPECT_EQ(arrived(), chunked(before, 128) +
                              std::string("\x02\x00\x00\x00\x00\x00\x04\x01\x00\x00\x00\x00", 12) +
                              std::string("\x00\x00\x00\x02", 4) + chunked("12345", 2));
@@ -125,7 +125,7 @@ TEST_F(chunk_writer, sends_the_packets_in_the_order_of_the_queue) {
     queue(make_packet(20, 0, "1", 3));
     queue(make_packet(8, 0, ""));
     queue(make_packet(20, 0, "2", 3));
-    ASSERT_TRUE(send_next() && send_next() && send_next());
+    ASSERT_TRUE(send_next());
     EXPECT_EQ(arrived(), chunked("1", 128) + chunked("2", 128));
 }
 
@@ -138,4 +138,98 @@ TEST_F(chunk_writer, gives_up_when_the_client_is_gone) {
 TEST_F(chunk_writer, waits_when_nothing_is_queued) {
     EXPECT_TRUE(send_next());
     EXPECT_EQ(arrived(), "");
+}
+
+TEST_F(chunk_writer, keeps_no_payload_once_it_is_sent) {
+    queue(make_packet(20, 0, "x", 3));
+    ASSERT_TRUE(send_next());
+    EXPECT_TRUE(conn.out_batch.empty());
+}
+
+// The block is laid out for most of the players; the others get the same bytes as if it were theirs.
+TEST_F(chunk_writer, a_shared_payload_reaches_players_of_every_chunk_size) {
+    std::string payload;
+    for (std::size_t i = 0; i < 2000; ++i) {
+        payload += static_cast<char>(i * 7 >> 3);
+    }
+    for (const std::uint32_t laid_out_for : {128U, 1000U, 1999U, 2000U, 4096U}) {
+        for (const std::uint32_t chunk_size : {1U, 127U, 128U, 129U, 200U, 1000U, 1999U, 2000U, 65536U}) {
+            const RTMP_Packet pkt = make_packet(20, 0, payload, 3);
+            OutgoingPacket outgoing;
+            outgoing.copy_header_from(pkt);
+            outgoing.shared = SharedPayload::lay_out(pkt.chunk, laid_out_for);
+            conn.conn_g_server.chunk_size = chunk_size;
+            conn.connection_out.push_back(std::move(outgoing));
+            ASSERT_TRUE(send_next());
+            EXPECT_TRUE(arrived() == chunked(payload, chunk_size)) << laid_out_for << " " << chunk_size;
+        }
+    }
+}
+
+TEST_F(chunk_writer, shared_payloads_around_an_echo_have_the_chunk_size_of_their_time) {
+    const RTMP_Packet pkt = make_packet(20, 0, std::string(300, 'p'), 3);
+    const SharedPayload payload = SharedPayload::lay_out(pkt.chunk, 128);
+    const auto queue_share = [&] {
+        OutgoingPacket outgoing;
+        outgoing.copy_header_from(pkt);
+        outgoing.shared = payload.share();
+        conn.connection_out.push_back(std::move(outgoing));
+    };
+    queue_share();
+    queue(make_packet(1, 0, std::string("\x00\x00\x00\xC8", 4), 2, 0));
+    queue_share();
+    ASSERT_TRUE(send_next() && send_next());
+    EXPECT_EQ(arrived(), chunked(std::string(300, 'p'), 128) +
+                             std::string("\x02\x00\x00\x00\x00\x00\x04\x01\x00\x00\x00\x00", 12) +
+                             std::string("\x00\x00\x00\xC8", 4) + chunked(std::string(300, 'p'), 200));
+}
+
+TEST_F(chunk_writer, cancellation_at_any_send_loses_and_repeats_nothing) {
+    const int small = 4096;
+    constexpr std::size_t MESSAGES = 30;
+    const std::string payload(1000, 'p');
+    std::string wanted;
+    for (std::size_t i = 0; i < MESSAGES; ++i) {
+        wanted += chunked(payload, 128);
+    }
+    for (std::size_t read_first = 0; read_first < wanted.size() - 16384; read_first += 1531) {
+        RTMPConnection& stuck = add_connection();
+        const int peer_of_freed = peer(stuck);
+        ASSERT_EQ(setsockopt(stuck.fd, SOL_SOCKET, SO_SNDBUF, &small, sizeof small), 0);
+        const RTMP_Packet pkt = make_packet(20, 0, payload, 3);
+        const SharedPayload shared = SharedPayload::lay_out(pkt.chunk, 128);
+        for (std::size_t i = 0; i < MESSAGES; ++i) {
+            OutgoingPacket outgoing;
+            outgoing.copy_header_from(pkt);
+            outgoing.shared = shared.share();
+            stuck.connection_out.push_back(std::move(outgoing));
+        }
+        pthread_t writer{};
+        ASSERT_EQ(pthread_create(
+                      &writer, nullptr,
+                      [](void* argument) -> void* {
+                          auto& writers = *static_cast<RTMPConnection*>(argument);
+                          while (writers.rtmp_send_packet()) {
+                          }
+                          return nullptr;
+                      },
+                      &stuck),
+                  0);
+        std::string received(wanted.size(), '\0');
+        std::size_t length = 0;
+        while (length < read_first) {
+            const ssize_t ret = recv(peer(stuck), received.data() + length, read_first - length, 0);
+            ASSERT_GT(ret, 0);
+            length += static_cast<std::size_t>(ret);
+        }
+        pthread_cancel(writer);
+        ASSERT_EQ(pthread_join(writer, nullptr), 0);
+        free_connection(stuck.conn_idx);
+        for (ssize_t ret = 1; ret > 0; length += static_cast<std::size_t>(ret)) {
+            ret = recv(peer_of_freed, received.data() + length, received.size() - length, 0);
+            ASSERT_GE(ret, 0);
+        }
+        EXPECT_TRUE(wanted.starts_with(received.substr(0, length))) << read_first;
+        EXPECT_EQ(shared.payload_bytes(), payload.size()) << "other holders keep it";
+    }
 }

@@ -91,7 +91,13 @@ class Replaying {
             result.waits.push_back(position);
             ++segments_read;
         }
-        const std::size_t count = std::min(size, segment_end() - position);
+        if (main_loop == MainLoop::AT_EVERY_READ) {
+            size = without_read_ahead(size);
+        }
+        std::size_t count = std::min(size, segment_end() - position);
+        if (session.plays && position < session.media_at) {
+            count = std::min(count, session.media_at - position);  // The client waits for the media there.
+        }
         std::memcpy(buffer, session.bytes.data() + position, count);
         position += count;
         return count;
@@ -116,6 +122,12 @@ class Replaying {
         return segments_read < segment_ends.size() ? segment_ends[segments_read] : session.bytes.size();
     }
 
+    // The main loop can come between any two reads only where the server asks for no more than it needs.
+    std::size_t without_read_ahead(std::size_t size) {
+        ReadAhead& ahead = get_connection(client_slot)->read_ahead;
+        return std::exchange(ahead.enabled, false) ? 1 : size;
+    }
+
     void take_turns() {
         // What is queued goes out before the main loop may end the connection.
         write_all();
@@ -129,9 +141,15 @@ class Replaying {
     void write_all() {
         for (std::size_t slot = 0; slot < 2; ++slot) {
             RTMPConnection* const conn = get_connection(slot);
-            while (conn != nullptr && !conn->connection_out.empty()) {
-                sending_acknowledgement =
-                    conn->connection_out.front().chunk.message_type_id == TYPE_ACKNOWLEDGEMENT;
+            if (conn == nullptr) {
+                continue;
+            }
+            // One by one, so that acknowledgements can be told from the rest.
+            std::deque<OutgoingPacket> waiting = std::move(conn->connection_out);
+            conn->connection_out.clear();
+            for (OutgoingPacket& pkt : waiting) {
+                sending_acknowledgement = pkt.chunk.message_type_id == TYPE_ACKNOWLEDGEMENT;
+                conn->connection_out.push_back(std::move(pkt));
                 EXPECT_TRUE(conn->rtmp_send_packet());
                 sending_acknowledgement = false;
             }

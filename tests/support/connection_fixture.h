@@ -18,6 +18,7 @@
 #include "core/connection_table.h"
 #include "relay/stream_registry.h"
 #include "tests/support/fake_clock.h"
+#include "tests/support/queued_payload.h"
 
 // A packet with a payload of exactly these bytes.
 inline RTMP_Packet make_packet(std::uint8_t type, std::uint32_t timestamp, const std::string& payload,
@@ -59,7 +60,7 @@ inline std::ostream& operator<<(std::ostream& stream, const QueuedMessage& messa
 // Empties connection_out, as the writer thread would.
 inline std::vector<QueuedMessage> take_queued(RTMPConnection& conn) {
     std::vector<QueuedMessage> messages;
-    for (const RTMP_Packet& pkt : conn.connection_out) {
+    for (const OutgoingPacket& pkt : conn.connection_out) {
         messages.push_back({pkt.chunk.message_type_id, pkt.chunk.timestamp, payload_of(pkt),
                             pkt.chunk.stream_id, pkt.chunk.message_stream_id});
     }

@@ -5,7 +5,7 @@
 #pragma once
 
 #include "amf/amf_value.h"
-#include "app/stream_format.h"
+#include "relay/stream_format.h"
 #include "rtmp/rtmp_packet.h"
 
 struct StreamMetadata {

@@ -1,4 +1,4 @@
-#include "app/stream_format.h"
+#include "app/metadata.h"
 
 #include <gtest/gtest.h>
 
@@ -25,16 +25,13 @@ bool same(const StreamFormat& a, const StreamFormat& b) {
            a.audio_codec_id == b.audio_codec_id && a.video_codec_id == b.video_codec_id;
 }
 
-const StreamFormat FULL_HD{1920, 1080, 10, 7};
-
 }  // namespace
 
-TEST(stream_format, is_unknown_at_first_and_without_members) {
-    EXPECT_TRUE(same(StreamFormat{}, StreamFormat{-1, -1, 0, 0}));
+TEST(metadata_format, is_unknown_without_members) {
     EXPECT_TRUE(same(read_stream_format(AMF_Value{}), StreamFormat{}));
 }
 
-TEST(stream_format, reads_four_members_of_an_object_or_array) {
+TEST(metadata_format, reads_four_members_of_an_object_or_array) {
     AMF_Value metadata;
     for (const AMF_Type type : {AMF_Type::Object, AMF_Type::ECMAArray}) {
         metadata.type = type;
@@ -47,7 +44,7 @@ TEST(stream_format, reads_four_members_of_an_object_or_array) {
     }
 }
 
-TEST(stream_format, rounds_sizes_half_up_and_ignores_what_does_not_fit_31_bits) {
+TEST(metadata_format, rounds_sizes_half_up_and_ignores_what_does_not_fit_31_bits) {
     struct Case {
         double number;
         std::int32_t size;
@@ -74,7 +71,7 @@ TEST(stream_format, rounds_sizes_half_up_and_ignores_what_does_not_fit_31_bits) 
     }
 }
 
-TEST(stream_format, rounds_codec_ids_half_up_and_ignores_what_does_not_fit_32_bits) {
+TEST(metadata_format, rounds_codec_ids_half_up_and_ignores_what_does_not_fit_32_bits) {
     struct Case {
         double number;
         std::uint32_t codec_id;
@@ -98,7 +95,7 @@ TEST(stream_format, rounds_codec_ids_half_up_and_ignores_what_does_not_fit_32_bi
     }
 }
 
-TEST(stream_format, ignores_members_that_are_not_numbers) {
+TEST(metadata_format, ignores_members_that_are_not_numbers) {
     AMF_Value metadata;
     metadata.type = AMF_Type::Object;
     metadata.member("width").set_string("1280");
@@ -108,59 +105,4 @@ TEST(stream_format, ignores_members_that_are_not_numbers) {
     boolean.set_number(10);
     boolean.type = AMF_Type::Boolean;
     EXPECT_TRUE(same(read_stream_format(metadata), StreamFormat{}));
-}
-
-TEST(stream_format, of_a_publisher_keeps_what_an_update_does_not_know) {
-    StreamFormat format = FULL_HD;
-    update_format(format, StreamFormat{});
-    EXPECT_TRUE(same(format, FULL_HD));
-    update_format(format, StreamFormat{0, -5, 0, 0});
-    EXPECT_TRUE(same(format, FULL_HD));
-    update_format(format, StreamFormat{1280, -1, 2, 0});
-    EXPECT_TRUE(same(format, StreamFormat{1280, 1080, 2, 7}));
-    update_format(format, StreamFormat{1, 1, 1, 1});
-    EXPECT_TRUE(same(format, StreamFormat{1, 1, 1, 1}));
-}
-
-TEST(stream_format, of_a_player_is_filled_in_by_what_it_is_told_first) {
-    StreamFormat told;
-    EXPECT_EQ(tell_format(told, StreamFormat{1920, -1, 0, 7}), FormatChange::NONE);
-    EXPECT_TRUE(same(told, StreamFormat{1920, -1, 0, 7}));
-    EXPECT_EQ(tell_format(told, StreamFormat{-1, 1080, 10, 0}), FormatChange::NONE);
-    EXPECT_TRUE(same(told, FULL_HD));
-    EXPECT_EQ(tell_format(told, FULL_HD), FormatChange::NONE);
-    EXPECT_EQ(tell_format(told, StreamFormat{}), FormatChange::NONE);
-    EXPECT_EQ(tell_format(told, StreamFormat{0, -7, 0, 0}), FormatChange::NONE);
-    EXPECT_TRUE(same(told, FULL_HD));
-}
-
-TEST(stream_format, counts_everything_below_1_as_not_told) {
-    StreamFormat told{0, -7, 0, 0};
-    EXPECT_EQ(tell_format(told, FULL_HD), FormatChange::NONE);
-    EXPECT_TRUE(same(told, FULL_HD));
-}
-
-TEST(stream_format, of_a_player_changes_by_any_other_known_value) {
-    struct Case {
-        StreamFormat format;
-        FormatChange change;
-    };
-    for (const Case& row : std::vector<Case>{{{1921, 1080, 10, 7}, FormatChange::WIDTH},
-                                             {{1920, 1081, 10, 7}, FormatChange::HEIGHT},
-                                             {{1920, 1080, 2, 7}, FormatChange::AUDIO_CODEC},
-                                             {{1920, 1080, 10, 2}, FormatChange::VIDEO_CODEC},
-                                             {{1, 1, 1, 1}, FormatChange::WIDTH},
-                                             {{-1, 1, 1, 1}, FormatChange::HEIGHT},
-                                             {{-1, -1, 1, 1}, FormatChange::AUDIO_CODEC},
-                                             {{-1, -1, 0, 1}, FormatChange::VIDEO_CODEC}}) {
-        StreamFormat told = FULL_HD;
-        EXPECT_EQ(tell_format(told, row.format), row.change);
-        EXPECT_TRUE(same(told, FULL_HD));
-    }
-}
-
-TEST(stream_format, behind_a_change_is_neither_compared_nor_recorded) {
-    StreamFormat told{-1, 720, 0, 0};
-    EXPECT_EQ(tell_format(told, FULL_HD), FormatChange::HEIGHT);
-    EXPECT_TRUE(same(told, StreamFormat{1920, 720, 0, 0}));
 }

@@ -1,12 +1,7 @@
-// Picture size and codecs of a stream, as its metadata tells them, and what counts as a change under a
-// player.
-//
-// Pure; the values belong to the main thread.
+// Picture size and codecs of a stream, as its metadata gives them, and what counts as a change under a player. Pure.
 #pragma once
 
 #include <cstdint>
-
-struct AMF_Value;
 
 struct StreamFormat {
     std::int32_t video_width = -1;     // below 1: unknown
@@ -16,10 +11,6 @@ struct StreamFormat {
 };
 
 enum class FormatChange { NONE, WIDTH, HEIGHT, AUDIO_CODEC, VIDEO_CODEC };
-
-// "width", "height", "audiocodecid" and "videocodecid" of metadata, rounded half up. A member that is absent,
-// not a number, or does not fit its field (NaN and infinities included) is unknown.
-[[nodiscard]] StreamFormat read_stream_format(const AMF_Value& metadata);
 
 // A publisher's own format: what update knows replaces what was known.
 void update_format(StreamFormat& format, const StreamFormat& update);

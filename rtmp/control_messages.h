@@ -1,0 +1,13 @@
+// Protocol control messages: chunk sizes, windows and acknowledgements, before the main thread sees a message. Reader
+// thread.
+#pragma once
+
+#include "core/connection.h"
+
+// Does what a message on message stream 0 asks of the transport; any other message is none of its business. False,
+// after one line, when the message breaks a rule, and when the lock failed: the reading ends.
+[[nodiscard]] bool act_on_control_message(RTMPConnection& conn, const RTMP_Packet& pkt)
+    REQUIRES(conn.reader_role);
+
+// Queues an acknowledgement of all bytes read so far when one is due. False when the lock failed.
+[[nodiscard]] bool acknowledge_if_due(RTMPConnection& conn) REQUIRES(conn.reader_role);
