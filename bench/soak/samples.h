@@ -9,7 +9,7 @@
 #include <string>
 
 #include "bench/load_player.h"
-#include "bench/soak/journal.h"
+#include "bench/journal.h"
 #include "tests/support/server_process.h"
 
 // What the server holds at one moment.

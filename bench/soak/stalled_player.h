@@ -5,8 +5,8 @@
 #include <string>
 
 #include "bench/soak/actor.h"
-#include "bench/soak/journal.h"
-#include "bench/soak/receiver.h"
+#include "bench/journal.h"
+#include "bench/receiver.h"
 
 class StalledPlayer {
   public:

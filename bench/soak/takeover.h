@@ -3,6 +3,6 @@
 #pragma once
 
 #include "bench/soak/actor.h"
-#include "bench/soak/journal.h"
+#include "bench/journal.h"
 
 void take_over(Actor& self, Journal& journal);
