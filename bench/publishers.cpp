@@ -28,9 +28,9 @@ std::string stream_name(std::size_t stream_idx) {
 }
 
 Publishers::Stream::Stream(std::size_t idx, const PublisherOptions& options)
-    : client(publishing_client(stream_name(idx), options.client)),
-      schedule(options.shape),
-      next(schedule.next()) {
+    : client(handshaken_client(options.client)), schedule(options.shape), next(schedule.next()) {
+    client.send_connect("ombrex-live");
+    client.send_publish(stream_name(idx));
     const std::uint32_t chunk_bytes = options.chunk_sizes[idx % options.chunk_sizes.size()];
     if (chunk_bytes != DEFAULT_CHUNK_SIZE) {
         client.set_chunk_size(chunk_bytes);
@@ -45,7 +45,14 @@ Publishers::Publishers(const PublisherOptions& publisher_options, Receiver& rece
     : journal(failures), options(publisher_options) {
     for (std::size_t i = 0; i < options.count; ++i) {
         streams.push_back(std::make_unique<Stream>(i, options));
-        receiver.drain(streams.back()->client.descriptor(), "the publisher of " + stream_name(i));
+    }
+    // Asked for all at once, since the server takes its time for each answer.
+    for (std::size_t i = 0; i < options.count; ++i) {
+        // The echo of the chunk size may come first.
+        for (int answers = 0; answers < 2;) {
+            answers += streams[i]->client.read_message().type == MSG_COMMAND ? 1 : 0;
+        }
+        receiver.drain(streams[i]->client.descriptor(), "the publisher of " + stream_name(i));
     }
     thread = std::thread([this] { failed = !journal.attempt("publishers", [this] { run(); }); });
 }
