@@ -26,7 +26,8 @@ void StreamShape::set_video_kbit(unsigned kbit_per_second) {
 }
 
 unsigned StreamShape::video_kbit() const {
-    return static_cast<unsigned>(mean_frame_bytes * frames_per_second / BYTES_PER_KBIT);
+    return static_cast<unsigned>((mean_frame_bytes * frames_per_second + BYTES_PER_KBIT / 2) /
+                                 BYTES_PER_KBIT);
 }
 
 FrameSchedule::FrameSchedule(const StreamShape& stream_shape)

@@ -146,6 +146,7 @@ void LoadPlayer::check_media(std::uint8_t type, FrameTally& tally, Measure measu
     const std::optional<FrameStamp> stamp = read_stamp(type, payload);
     if (!stamp) {
         ++tally.damaged;
+        ++unplaced;
         return;
     }
     tally.damaged += had_header ? 0 : 1;
@@ -166,7 +167,8 @@ void LoadPlayer::check_place(const FrameStamp& stamp, FrameTally& tally) {
         return;
     }
     const std::uint32_t gap = stamp.sequence - expected;
-    tally.lost += gap;
+    tally.lost += gap - std::min(gap, unplaced);
+    unplaced = 0;
     recent = gap + 1 < RECENT_FRAMES ? recent << (gap + 1) | 1 : 1;
     next_sequence = stamp.sequence + 1;
     const std::uint32_t shift = header_timestamp() - stamp.media_ms;

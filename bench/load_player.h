@@ -86,6 +86,8 @@ class LoadPlayer {
     std::optional<std::uint32_t> next_sequence;
     // Bit i: frame next_sequence - 1 - i has come. Frames before the first count as having come.
     std::uint64_t recent = ~0ULL;
+    // Damaged frames since the last whole one: they are in the gap before the next.
+    std::uint32_t unplaced = 0;
     // The player's timestamps minus the publisher's: one number for as long as it plays.
     std::optional<std::uint32_t> timestamp_shift;
 };

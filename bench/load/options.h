@@ -24,6 +24,8 @@ struct LoadOptions {
     std::uint32_t player_chunk_bytes = 128;
     std::uint32_t publisher_chunk_bytes = 4096;
     unsigned late_ms = 250;
+    // How long what was sent last may take to arrive.
+    double arrival_wait_seconds = 10;
 
     // A server that runs already; empty for one of our own in private namespaces.
     std::string server_host;

@@ -15,7 +15,6 @@
 namespace {
 
 constexpr Milliseconds PICTURE_WAIT{30000};
-constexpr Milliseconds ARRIVAL_WAIT{10000};
 constexpr Milliseconds POLL{5};
 // The server gives memory back 10 s after connections have gone.
 constexpr Milliseconds GIVE_BACK_WAIT{11000};
@@ -166,7 +165,6 @@ class RelayRun {
         report["frames"] = tally.frames;
         report["bytes"] = tally.bytes;
         report["lateness"] = figures_of(tally.lateness);
-        report["late"] = tally.lateness.later_than_ms(load.late_ms);
         report["publisher_delay_ms"] = publishers ? publishers->take_worst_delay_ms() : 0;
         if (load.mode == Mode::STORM) {
             report["first_picture"] = figures_of(tally.first_pictures);
@@ -182,11 +180,13 @@ class RelayRun {
     // Everything that was sent arrives, and the server ends in good order.
     void finish() {
         const std::vector<std::uint32_t> sent = stop_sending();
+        const Milliseconds wait = milliseconds(load.arrival_wait_seconds);
         (void)holds_within(
-            ARRIVAL_WAIT, [&] { return receiver.missing(sent) == 0; }, POLL);
+            wait, [&] { return receiver.missing(sent) == 0; }, POLL);
         report["not_arrived"] = receiver.missing(sent);
         all.merge(receiver.take_tally());
         report.update(faults_of(all));
+        report["late"] = all.lateness.later_than_ms(load.late_ms);
         if (all.lost != 0 || all.faults() != 0 || report["not_arrived"] != 0) {
             journal.fail("frames are lost or damaged");
         }

@@ -152,8 +152,7 @@ bool StandIn::read_report(void* report, std::size_t size_bytes) const {
 FloorSender::FloorSender(const LoadOptions& load) : FloorSender(load, listen_on(load.server_port)) {}
 
 FloorSender::FloorSender(const LoadOptions& load, int listener)
-    : StandIn([&load, listener](int fd) { send_floor(load, listener, fd); }),
-      players(load.players) {
+    : StandIn([&load, listener](int fd) { send_floor(load, listener, fd); }), players(load.players) {
     close(listener);
 }
 
