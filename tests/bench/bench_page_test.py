@@ -47,10 +47,16 @@ class Figures(unittest.TestCase):
             self.assertEqual(row.value, 3)
             self.assertFalse(row.holds)
 
-    def test_the_main_threads_time_is_without_that_of_an_idle_server(self):
-        reports = {"idle_0": [idle(0.01)], "idle_120": [idle(0.05)], "main_players_120": [relay(1)]}
-        # 121 connections are idle for 0.01 + 0.04 * 121 / 120 s of the 0.1.
-        self.assertAlmostEqual(bench_cases.Results(reports).main_us("main_players_120"), 49.666666, places=4)
+    def test_the_main_threads_time_for_one_more_is_without_what_it_needs_at_rest(self):
+        def main(frames, main_cpu_s):
+            return [relay(1, frames=frames, server={"main_cpu_s": main_cpu_s})]
+
+        reports = {"main_players_1": main(1000, 0.020), "main_players_60": main(60000, 0.079),
+                   "main_players_127": main(127000, 0.1795)}
+        results = bench_cases.Results(reports)
+        self.assertAlmostEqual(results.main_us("main_players_1", "main_players_60"), 1)
+        self.assertAlmostEqual(figure(reports, "main thread").value, 1.5)
+        self.assertFalse(figure(reports, "main thread").holds)
 
     def test_stuck_players_may_take_the_stream_once_and_a_little_for_each_message(self):
         stuck = {"players": 100, "before_kib": 5000, "peak_kib": 6000, "after_kib": 5100, "stream_bytes": 500000}
