@@ -13,6 +13,7 @@ import bench_cases
 MAIN_POLL_MS = 10
 WRITER_POLL_MS = 50
 COLOURS = {"this": "tab:blue", "against": "tab:orange"}
+LABELS = {"this": "this server", "against": "the other build"}
 GB = 1e9
 
 
@@ -83,14 +84,21 @@ def points(results, prefix, suffix, value):
     return sorted(found.items())
 
 
+def plain_ticks(axis, values):
+    """Numbers as people write them on a logarithmic axis."""
+    axis.set_ticks(values, [f"{value:g}" for value in values])
+    axis.set_ticks([], minor=True)
+
+
 def draw_cost(document, axes):
     for build in document["builds"]:
         results = measured(document, build)
-        axes.plot(*zip(*points(results, "players_", "x4", results.cost)), "o-", color=COLOURS[build], label=build)
+        axes.plot(*zip(*points(results, "players_", "x4", results.cost)), "o-", color=COLOURS[build], label=LABELS[build])
     floor = points(results, "floor_", "x4", results.cost)
     if floor:
         axes.plot(*zip(*floor), "s--", color="gray", label="floor: one send for each message and player")
     axes.set(xlabel="players of one stream of 4 Mbit/s", ylabel="CPU seconds per GB", yscale="log")
+    plain_ticks(axes.yaxis, (0.5, 1, 2, 5, 10, 20, 50))
 
 
 def theoretical_density(ms):
@@ -104,11 +112,13 @@ def draw_lateness(document, axes):
         reports = document["builds"][build].get("players_120x4", [])
         counts = {}
         for report in reports:
-            for ms, count in report["lateness"]["histogram"]:
-                counts[int(ms)] = counts.get(int(ms), 0) + count
+            for end_ms, count in report["lateness"]["histogram"]:
+                # The middle of the millisecond that the half millisecond before end_ms is in.
+                middle = int(end_ms - 0.25) + 0.5
+                counts[middle] = counts.get(middle, 0) + count
         frames = max(sum(counts.values()), 1)
         axes.step(sorted(counts), [counts[ms] / frames for ms in sorted(counts)], where="mid", color=COLOURS[build],
-                  label=build)
+                  label=LABELS[build])
     steps = [step / 2 for step in range(2 * (MAIN_POLL_MS + WRITER_POLL_MS) + 1)]
     axes.plot(steps, [theoretical_density(ms) for ms in steps], "--", color="gray",
               label=f"{MAIN_POLL_MS} ms and {WRITER_POLL_MS} ms polls alone")
@@ -120,7 +130,7 @@ def draw_memory(document, axes):
         runs = [report["idle"]["memory_kib"] for report in document["builds"][build].get("idle_120", [])]
         for steps in runs:
             axes.plot([count for count, _ in steps], [kib / bench_cases.KIB for _, kib in steps], "o-", markersize=3,
-                      color=COLOURS[build], alpha=0.5, label=build if steps is runs[0] else None)
+                      color=COLOURS[build], alpha=0.5, label=LABELS[build] if steps is runs[0] else None)
     axes.set(xlabel="connections that wait for a stream", ylabel="resident memory, MiB")
     axes.set_ylim(bottom=0)
 
@@ -130,11 +140,12 @@ def draw_chunks(document, axes):
         results = measured(document, build)
         found = points(results, "chunk_", "", results.cost)
         default = results.cost("players_120x4")
-        axes.plot(*zip(*([(128, default)] if default else []) + found), "o-", color=COLOURS[build], label=build)
+        axes.plot(*zip(*([(128, default)] if default else []) + found), "o-", color=COLOURS[build], label=LABELS[build])
     floor = results.cost("floor_120x4")
     if floor:
         axes.axhline(floor, linestyle="--", color="gray", label="floor")
     axes.set(xlabel="chunk size that the players ask for, bytes", ylabel="CPU seconds per GB", xscale="log")
+    plain_ticks(axes.xaxis, (128, *bench_cases.SWEEP_CHUNKS))
     axes.set_ylim(bottom=0)
 
 

@@ -59,7 +59,7 @@ def machine():
 
 
 def commit():
-    changed = git("status", "--porcelain", "--", ":!bench/results")
+    changed = git("status", "--porcelain", "--untracked-files=no", "--", ":!bench/results")
     return git("rev-parse", "--short", "HEAD") + (", changed" if changed else "")
 
 
@@ -185,13 +185,14 @@ def judge(run):
 def main(arguments):
     run = Run(parse_arguments(arguments))
     print(f"{len(run.steps)} measurements", flush=True)
+    complete = False
     try:
         run.run()
+        complete = True
     except KeyboardInterrupt:
         print("ended early")
     except (RuntimeError, subprocess.TimeoutExpired) as error:
         print(f"scripts/bench: {error}", file=sys.stderr)
-        return 1
     for build in run.builds:
         if run.options.against:
             print(f"\n{build}: {run.builds[build]['server']}")
@@ -199,7 +200,7 @@ def main(arguments):
     valid = judge(run)
     bench_page.write(run.document(), run.options.out)
     print(f"page: {run.options.out / 'README.md'}")
-    return 0 if valid else 1
+    return 0 if valid and complete else 1
 
 
 if __name__ == "__main__":
