@@ -54,7 +54,8 @@ def figures_table(document):
 
 def cases_table(document):
     rows = []
-    names = list(dict.fromkeys(name for reports in (document["stand_ins"], *document["builds"].values()) for name in reports))
+    measured_cases = (document["stand_ins"], *document["builds"].values())
+    names = list(dict.fromkeys(name for reports in measured_cases for name in reports))
     for name in names:
         row = [name]
         for build in document["builds"]:

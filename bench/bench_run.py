@@ -121,7 +121,8 @@ class Run:
                                  env=environment, capture_output=True, text=True, timeout=CASE_TIMEOUT_S, check=False)
             text = pathlib.Path(file.name).read_text(encoding="utf-8")
         if not text:
-            raise RuntimeError(f"{case.name}: relay_load ended with status {run.returncode}:\n{run.stderr[-SHOWN_STDERR:].strip()}")
+            raise RuntimeError(f"{case.name}: relay_load ended with status {run.returncode}:\n"
+                               + run.stderr[-SHOWN_STDERR:].strip())
         report = json.loads(text)
         if case.name != DRAWN_CASE:
             for figures in ("lateness", "first_picture"):
@@ -144,8 +145,8 @@ class Run:
         who = f" ({build})" if build and self.options.against else ""
         cost = f"{report['cpu_s_per_gb']:.3f} s/GB" if "cpu_s_per_gb" in report else \
             f"{report['server']['cpu_percent']:.2f} % of a core"
-        print(f"{100 * share:3.0f} %  {self.spent:4.0f} of about {self.spent / share:.0f} s  {where}: {case.name}{who}: {cost}",
-              flush=True)
+        time_of_all = f"{self.spent:4.0f} of about {self.spent / share:.0f} s"
+        print(f"{100 * share:3.0f} %  {time_of_all}  {where}: {case.name}{who}: {cost}", flush=True)
 
     def results(self, build="this"):
         return bench_cases.Results({**self.stand_ins, **self.builds[build]["reports"]})
@@ -153,7 +154,8 @@ class Run:
     def document(self):
         return {"date": datetime.datetime.now(datetime.timezone.utc).strftime("%Y-%m-%d %H:%M UTC"),
                 "machine": machine(), "commit": commit(),
-                "command": self.command(), "judged": not self.options.smoke, "rounds": self.options.rounds, "seconds": self.options.seconds,
+                "command": self.command(), "judged": not self.options.smoke,
+                "rounds": self.options.rounds, "seconds": self.options.seconds,
                 "stand_ins": self.stand_ins,
                 "builds": {name: build["reports"] for name, build in self.builds.items()}}
 

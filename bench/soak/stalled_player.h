@@ -4,9 +4,9 @@
 
 #include <string>
 
-#include "bench/soak/actor.h"
 #include "bench/journal.h"
 #include "bench/receiver.h"
+#include "bench/soak/actor.h"
 
 class StalledPlayer {
   public:
