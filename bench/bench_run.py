@@ -18,7 +18,7 @@ import bench_page  # noqa: E402
 CASE_TIMEOUT_S = 240
 SHOWN_STDERR = 500
 # What a case takes beside what it measures: clients join, warm up and leave.
-SECONDS_AROUND = 3.5
+SECONDS_AROUND = 2.5
 SECONDS_AFTER_STUCK = 12
 WARM_UP = "0.5"
 SMOKE_SECONDS = 0.5

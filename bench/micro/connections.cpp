@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "core/connection_table.h"
+#include "relay/av_relay.h"
 #include "relay/stream_registry.h"
 #include "tests/support/fake_clock.h"
 
@@ -87,6 +88,10 @@ RTMPConnection& Connections::add_player(const std::string& stream_name) {
     conn.stream_name = stream_name;
     stream_subscribe_for_play(stream_name, conn.conn_idx);
     return conn;
+}
+
+bool relay_to_players(RTMPConnection& publisher, RTMP_Packet& pkt) {
+    return relay_published_packet(publisher, pkt);
 }
 
 RTMP_Packet packet_of(std::uint8_t type, std::uint32_t timestamp, const std::string& payload) {

@@ -31,4 +31,7 @@ class Connections {
     std::vector<int> peers;
 };
 
+// What the main thread does with a publisher's audio or video message.
+[[nodiscard]] bool relay_to_players(RTMPConnection& publisher, RTMP_Packet& pkt);
+
 RTMP_Packet packet_of(std::uint8_t type, std::uint32_t timestamp, const std::string& payload);

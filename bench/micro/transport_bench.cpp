@@ -1,8 +1,7 @@
 // The road of a message: chunks into a message, one message into the queues of all players, a message into chunks.
 #include <benchmark/benchmark.h>
-#include <unistd.h>
+#include <sys/socket.h>
 
-#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -10,7 +9,6 @@
 #include "bench/micro/timed.h"
 #include "bench/micro/wire_messages.h"
 #include "core/limits.h"
-#include "relay/av_relay.h"
 #include "rtmp/message_types.h"
 #include "rtmp/packet_dump.h"
 #include "tests/support/fake_clock.h"
@@ -49,58 +47,85 @@ void read_message(benchmark::State& state) {
     set_bytes(state, wire.size());
 }
 
-// Arguments: payload and chunk size. Several messages wait, as they do when a writer wakes up.
-void write_messages(benchmark::State& state) {
-    Connections connections;
-    RTMPConnection& conn = connections.add();
-    const std::string payload = avc_inter_frame(1, static_cast<std::size_t>(state.range(0)));
-    conn.conn_g_server.chunk_size = static_cast<std::uint32_t>(state.range(1));
-    std::vector<char> sink(1 << 20);
-    std::uint32_t timestamp = 0;
-    for (auto _ : state) {
-        for (unsigned i = 0; i < MESSAGES_AT_ONCE; ++i) {
-            conn.connection_out.push_back(packet_of(MESSAGE_VIDEO, ++timestamp, payload));
+// A stream with players that have its decoder settings, and frames for it, 33 ms apart.
+class Stream {
+  public:
+    Stream(std::size_t player_count, std::size_t frame_bytes)
+        : publisher(connections.add_publisher("bench")), payload(avc_inter_frame(1, frame_bytes)) {
+        for (std::size_t i = 0; i < player_count; ++i) {
+            players.push_back(&connections.add_player("bench"));
         }
-        timed(state, [&] {
-            while (!conn.connection_out.empty()) {
-                if (!conn.rtmp_send_packet()) {
-                    state.SkipWithError("not sent");
-                    break;
-                }
-            }
-        });
-        for (std::size_t missing = MESSAGES_AT_ONCE * payload.size(); missing > 0;) {
-            const ssize_t length = read(connections.peer(0), sink.data(), sink.size());
-            missing -= std::min(missing, static_cast<std::size_t>(std::max<ssize_t>(length, 0)));
+        RTMP_Packet header = packet_of(MESSAGE_VIDEO, 0, avc_header());
+        is_kept = relay_to_players(publisher, header);
+    }
+
+    RTMP_Packet next_frame() {
+        fake_clock_us += FRAME_MS * 1000;
+        return packet_of(MESSAGE_VIDEO, timestamp += FRAME_MS, payload);
+    }
+    void relay(RTMP_Packet& frame) { is_kept = is_kept && relay_to_players(publisher, frame); }
+
+    Connections connections;
+    RTMPConnection& publisher;
+    std::vector<RTMPConnection*> players;
+    const std::string payload;
+    bool is_kept = false;
+
+  private:
+    std::uint32_t timestamp = 0;
+};
+
+void send_all(benchmark::State& state, RTMPConnection& player) {
+    while (!player.connection_out.empty()) {
+        if (!player.rtmp_send_packet()) {
+            state.SkipWithError("not sent");
+            return;
         }
     }
-    set_bytes(state, MESSAGES_AT_ONCE * payload.size());
+}
+
+void require_kept(benchmark::State& state, const Stream& stream) {
+    if (!stream.is_kept) {
+        state.SkipWithError("a player has got nothing");
+    }
+}
+
+void drain(int fd) {
+    static std::vector<char> sink(1 << 20);
+    while (recv(fd, sink.data(), sink.size(), MSG_DONTWAIT) > 0) {
+    }
+}
+
+// Arguments: payload and chunk size. Several relayed messages wait, as they do when a writer wakes up.
+void write_messages(benchmark::State& state) {
+    Stream stream(1, static_cast<std::size_t>(state.range(0)));
+    RTMPConnection& player = *stream.players[0];
+    player.conn_g_server.chunk_size = static_cast<std::uint32_t>(state.range(1));
+    for (auto _ : state) {
+        for (unsigned i = 0; i < MESSAGES_AT_ONCE; ++i) {
+            RTMP_Packet frame = stream.next_frame();
+            stream.relay(frame);
+        }
+        stream.is_kept = stream.is_kept && !player.connection_out.empty();
+        timed(state, [&] { send_all(state, player); });
+        drain(stream.connections.peer(1));
+    }
+    require_kept(state, stream);
+    set_bytes(state, MESSAGES_AT_ONCE * stream.payload.size());
 }
 
 // Argument: payload size.
 void fan_out(benchmark::State& state) {
-    Connections connections;
-    RTMPConnection& publisher = connections.add_publisher("bench");
-    std::vector<RTMPConnection*> players;
-    for (std::size_t i = 0; i < PLAYERS; ++i) {
-        players.push_back(&connections.add_player("bench"));
-    }
-    const std::string payload = avc_inter_frame(1, static_cast<std::size_t>(state.range(0)));
-    RTMP_Packet header = packet_of(MESSAGE_VIDEO, 0, avc_header());
-    std::uint32_t timestamp = 0;
-    bool is_kept = relay_published_packet(publisher, header);
+    Stream stream(PLAYERS, static_cast<std::size_t>(state.range(0)));
     for (auto _ : state) {
-        fake_clock_us += FRAME_MS * 1000;
-        RTMP_Packet frame = packet_of(MESSAGE_VIDEO, timestamp += FRAME_MS, payload);
-        timed(state, [&] { is_kept = is_kept && relay_published_packet(publisher, frame); });
-        for (RTMPConnection* const player : players) {
-            is_kept = is_kept && !player->connection_out.empty();
+        RTMP_Packet frame = stream.next_frame();
+        timed(state, [&] { stream.relay(frame); });
+        for (RTMPConnection* const player : stream.players) {
+            stream.is_kept = stream.is_kept && !player->connection_out.empty();
             player->connection_out.clear();
         }
     }
-    if (!is_kept) {
-        state.SkipWithError("a player has got nothing");
-    }
+    require_kept(state, stream);
     state.counters["players"] = static_cast<double>(PLAYERS);
     state.counters["each"] =
         benchmark::Counter(static_cast<double>(state.iterations() * static_cast<std::int64_t>(PLAYERS)),
