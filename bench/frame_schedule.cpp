@@ -30,6 +30,11 @@ unsigned StreamShape::video_kbit() const {
                                  BYTES_PER_KBIT);
 }
 
+std::size_t StreamShape::largest_frame_bytes() const {
+    return static_cast<std::size_t>(std::max(key_frame_in_means, 1.0) *
+                                    static_cast<double>(mean_frame_bytes));
+}
+
 FrameSchedule::FrameSchedule(const StreamShape& stream_shape)
     : shape(stream_shape),
       key_bytes(

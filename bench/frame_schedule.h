@@ -5,6 +5,9 @@
 #include <cstddef>
 #include <cstdint>
 
+// The server refuses larger messages.
+constexpr std::size_t MOST_FRAME_BYTES = 0xFFFFF;
+
 struct StreamShape {
     unsigned frames_per_second = 30;
     std::size_t mean_frame_bytes = 16666;
@@ -16,6 +19,7 @@ struct StreamShape {
 
     void set_video_kbit(unsigned kbit_per_second);
     unsigned video_kbit() const;
+    std::size_t largest_frame_bytes() const;
     // From one key frame to the next.
     unsigned key_interval_ms() const { return 1000 * frames_per_key_frame / frames_per_second; }
 };

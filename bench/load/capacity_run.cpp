@@ -8,7 +8,6 @@ namespace {
 
 constexpr unsigned GROWTH_PERCENT = 150;
 constexpr unsigned SEARCH_STEPS = 3;
-constexpr unsigned MOST_KBIT = 1000000;
 // What takes longer is too late for every limit that can be asked for but the largest.
 constexpr double ARRIVAL_WAIT_SECONDS = 2;
 
@@ -24,14 +23,14 @@ class CapacityRun {
     nlohmann::json run() {
         unsigned good = 0;
         unsigned kbit = load.shape.video_kbit();
-        while (kbit <= MOST_KBIT && try_rate(kbit)) {
+        while (fits(kbit) && try_rate(kbit)) {
             good = kbit;
             kbit = kbit * GROWTH_PERCENT / 100;
         }
         unsigned bad = kbit;
         for (unsigned i = 0; i < SEARCH_STEPS; ++i) {
             const unsigned middle = good + (bad - good) / 2;
-            (try_rate(middle) ? good : bad) = middle;
+            (fits(middle) && try_rate(middle) ? good : bad) = middle;
         }
         nlohmann::json report = best;
         report["steps"] = steps;
@@ -47,6 +46,13 @@ class CapacityRun {
     }
 
   private:
+    // Whether the frames of this rate are such that the server takes them.
+    bool fits(unsigned kbit) const {
+        StreamShape shape = load.shape;
+        shape.set_video_kbit(kbit);
+        return shape.largest_frame_bytes() <= MOST_FRAME_BYTES;
+    }
+
     bool try_rate(unsigned kbit) {
         LoadOptions step = load;
         step.mode = Mode::RELAY;

@@ -7,6 +7,9 @@
 namespace {
 
 constexpr unsigned TABLE_SLOTS = 128;
+// Visitors of a storm, and those whose slot is not free again yet.
+constexpr unsigned STORM_SLOTS = 16;
+constexpr unsigned STORM_PLAYERS = 100;
 constexpr const char* DESCRIPTION =
     "Loads the real server, checks every frame and reports what it cost.\n"
     "  relay     publishers and players; exit status 0 only if nothing was lost or damaged\n"
@@ -85,25 +88,23 @@ void split_address(const std::string& address, LoadOptions& load) {
     }
 }
 
-void parse(CLI::App& app, int argc, char** argv, LoadOptions& load, const std::string& address) {
-    try {
-        app.parse(argc, argv);
-        load.mode = MODES.at(load.mode_name);
-        split_address(address, load);
-        const bool stands_in = load.mode == Mode::FLOOR || load.mode == Mode::SLEEPERS;
-        if (load.mode != Mode::SLEEPERS && load.publishers * (1 + load.players) + load.stuck > TABLE_SLOTS) {
-            throw CLI::ValidationError(
-                "the server takes 128 connections, publishers and stuck ones included");
-        }
-        if (stands_in && !load.server_host.empty()) {
-            throw CLI::ValidationError("--server", "is not for --mode " + load.mode_name);
-        }
-        if (load.mode == Mode::FLOOR && (load.publishers != 1 || load.stuck != 0)) {
-            throw CLI::ValidationError("--mode floor", "takes one stream and no stuck players");
-        }
-    } catch (const CLI::ParseError& error) {
-        std::exit(app.exit(error));
+void require(bool holds, const std::string& what) {
+    if (!holds) {
+        throw CLI::ValidationError(what);
     }
+}
+
+void check(const LoadOptions& load) {
+    const bool stands_in = load.mode == Mode::FLOOR || load.mode == Mode::SLEEPERS;
+    const unsigned slots =
+        load.publishers * (1 + load.players) + load.stuck + (load.mode == Mode::STORM ? STORM_SLOTS : 0);
+    require(load.mode == Mode::SLEEPERS || slots <= TABLE_SLOTS,
+            "the server takes 128 connections: publishers, players, stuck ones, and 16 for a storm");
+    require(!stands_in || load.server_host.empty(), "--server is not for --mode " + load.mode_name);
+    require(load.mode != Mode::FLOOR || (load.publishers == 1 && load.stuck == 0),
+            "--mode floor takes one stream and no stuck players");
+    require(load.shape.largest_frame_bytes() <= MOST_FRAME_BYTES,
+            "the server takes messages below 1 MiB: take smaller frames, or more a second");
 }
 
 }  // namespace
@@ -120,11 +121,21 @@ LoadOptions read_command_line(int argc, char** argv) {
                    "its process, when it runs on this machine: its cost is reported")
         ->check(CLI::PositiveNumber);
     app.add_option("--json", load.json_path, "file for the figures; - for standard output");
-    parse(app, argc, argv, load, address);
-    if (rate.frame_bytes != 0) {
-        load.shape.mean_frame_bytes = rate.frame_bytes;
-    } else {
-        load.shape.set_video_kbit(rate.kbit_per_second);
+    try {
+        app.parse(argc, argv);
+        load.mode = MODES.at(load.mode_name);
+        split_address(address, load);
+        if (rate.frame_bytes != 0) {
+            load.shape.mean_frame_bytes = rate.frame_bytes;
+        } else {
+            load.shape.set_video_kbit(rate.kbit_per_second);
+        }
+        if (load.mode == Mode::STORM && app.count("--players") == 0) {
+            load.players = STORM_PLAYERS;
+        }
+        check(load);
+    } catch (const CLI::ParseError& error) {
+        std::exit(app.exit(error));
     }
     return load;
 }
