@@ -42,3 +42,13 @@ std::uint64_t Lateness::later_than_ms(unsigned limit_ms) const {
     }
     return later;
 }
+
+std::vector<std::pair<double, std::uint64_t>> Lateness::histogram() const {
+    std::vector<std::pair<double, std::uint64_t>> counts;
+    for (std::size_t i = 0; i < steps.size(); ++i) {
+        if (steps[i] != 0) {
+            counts.emplace_back(static_cast<double>((i + 1) * STEP_US) / 1000, steps[i]);
+        }
+    }
+    return counts;
+}

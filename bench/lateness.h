@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <utility>
 #include <vector>
 
 class Lateness {
@@ -15,6 +16,8 @@ class Lateness {
     double percentile_ms(double share) const;
     double most_ms() const { return static_cast<double>(most_us) / 1000; }
     std::uint64_t later_than_ms(unsigned limit_ms) const;
+    // The upper end of each step that is not empty, in milliseconds, and its messages.
+    std::vector<std::pair<double, std::uint64_t>> histogram() const;
 
   private:
     static constexpr std::uint64_t STEP_US = 500;

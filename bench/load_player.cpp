@@ -20,6 +20,8 @@ constexpr std::size_t TIMESTAMP_OFFSET = 1;
 constexpr std::size_t LENGTH_OFFSET = 4;
 constexpr std::size_t TYPE_OFFSET = 7;
 constexpr int CONTINUATION_BITS = 0xC0;
+// A frame that is further out of its place counts as doubled.
+constexpr std::uint32_t RECENT_FRAMES = 64;
 
 }  // namespace
 
@@ -27,12 +29,19 @@ void FrameTally::merge(const FrameTally& other) {
     bytes += other.bytes;
     frames += other.frames;
     lost += other.lost;
+    doubled += other.doubled;
+    swapped += other.swapped;
     damaged += other.damaged;
     lateness.merge(other.lateness);
+    first_pictures.merge(other.first_pictures);
 }
 
-LoadPlayer::LoadPlayer(RtmpClient handshaken_client, std::string_view stream_name, std::uint32_t chunk_bytes)
-    : client(std::move(handshaken_client)), wanted_chunk(chunk_bytes), header_missing(FIRST_HEADER_BYTES) {
+LoadPlayer::LoadPlayer(RtmpClient handshaken_client, std::string_view stream_name, std::uint32_t chunk_bytes,
+                       std::uint64_t begun_us)
+    : client(std::move(handshaken_client)),
+      wanted_chunk(chunk_bytes),
+      header_missing(FIRST_HEADER_BYTES),
+      begun(begun_us) {
     if (wanted_chunk != chunk) {
         client.set_chunk_size(wanted_chunk);
     }
@@ -137,9 +146,14 @@ void LoadPlayer::check_media(std::uint8_t type, FrameTally& tally, Measure measu
     const std::optional<FrameStamp> stamp = read_stamp(type, payload);
     if (!stamp) {
         ++tally.damaged;
+        ++unplaced;
         return;
     }
     tally.damaged += had_header ? 0 : 1;
+    if (type == MSG_VIDEO && !had_picture) {
+        had_picture = true;
+        tally.first_pictures.add(now_us() - begun);
+    }
     check_place(*stamp, tally);
     if (measure == Measure::LATENESS) {
         tally.lateness.add(now_us() - stamp->sent_us);
@@ -149,14 +163,29 @@ void LoadPlayer::check_media(std::uint8_t type, FrameTally& tally, Measure measu
 void LoadPlayer::check_place(const FrameStamp& stamp, FrameTally& tally) {
     const std::uint32_t expected = next_sequence.value_or(stamp.sequence);
     if (stamp.sequence < expected) {
-        ++tally.damaged;
+        check_earlier(expected - 1 - stamp.sequence, tally);
         return;
     }
-    tally.lost += stamp.sequence - expected;
+    const std::uint32_t gap = stamp.sequence - expected;
+    tally.lost += gap - std::min(gap, unplaced);
+    unplaced = 0;
+    recent = gap + 1 < RECENT_FRAMES ? recent << (gap + 1) | 1 : 1;
     next_sequence = stamp.sequence + 1;
     const std::uint32_t shift = header_timestamp() - stamp.media_ms;
     tally.damaged += timestamp_shift.value_or(shift) != shift ? 1 : 0;
     timestamp_shift = shift;
+}
+
+// A frame that is so many places before the last one.
+void LoadPlayer::check_earlier(std::uint32_t places, FrameTally& tally) {
+    const std::uint64_t bit = places < RECENT_FRAMES ? 1ULL << places : 0;
+    if (bit == 0 || (recent & bit) != 0) {
+        ++tally.doubled;
+        return;
+    }
+    recent |= bit;
+    ++tally.swapped;
+    --tally.lost;
 }
 
 std::uint32_t LoadPlayer::header_timestamp() const {

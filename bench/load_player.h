@@ -14,15 +14,21 @@
 #include "bench/stamped_media.h"
 #include "tests/support/rtmp_client.h"
 
-// What players have received.
+// What players have received, and which mistakes they have found in it.
 struct FrameTally {
     std::uint64_t bytes = 0;
     std::uint64_t frames = 0;
-    std::uint64_t lost = 0;  // gaps in the sequence
-    std::uint64_t damaged =
-        0;  // wrong bytes, order, timestamp or chunk header, or a frame before its decoder settings
+    // Frames of gaps that have not come. Below zero in a tally that begins between a gap and the frame that fills it.
+    std::int64_t lost = 0;
+    std::uint64_t doubled = 0;
+    std::uint64_t swapped = 0;  // came after a later frame of the stream
+    // Wrong bytes, timestamp or chunk header, or a frame before its decoder settings.
+    std::uint64_t damaged = 0;
     Lateness lateness;
+    // From the beginning of each player's connection to its first video frame.
+    Lateness first_pictures;
 
+    std::uint64_t faults() const { return doubled + swapped + damaged; }
     void merge(const FrameTally& other);
 };
 
@@ -31,8 +37,9 @@ enum class Measure { LATENESS, LOSS_ONLY };
 class LoadPlayer {
   public:
     // Asks for the chunk size, unless it is the one to begin with, and for the stream; reads nothing yet. Everything
-    // that the client gets is read by this class.
-    LoadPlayer(RtmpClient handshaken_client, std::string_view stream_name, std::uint32_t chunk_bytes);
+    // that the client gets is read by this class. begun_us, by now_us(), is when the client began to connect.
+    LoadPlayer(RtmpClient handshaken_client, std::string_view stream_name, std::uint32_t chunk_bytes,
+               std::uint64_t begun_us = now_us());
 
     int fd() const { return client.descriptor(); }
     // connect, createStream and play have been answered.
@@ -54,6 +61,7 @@ class LoadPlayer {
     void finish_message(FrameTally& tally, Measure measure);
     void check_media(std::uint8_t type, FrameTally& tally, Measure measure);
     void check_place(const FrameStamp& stamp, FrameTally& tally);
+    void check_earlier(std::uint32_t places, FrameTally& tally);
     std::uint32_t header_timestamp() const;
 
     RtmpClient client;
@@ -73,7 +81,13 @@ class LoadPlayer {
 
     bool had_audio_header = false;
     bool had_video_header = false;
+    bool had_picture = false;
+    std::uint64_t begun;
     std::optional<std::uint32_t> next_sequence;
+    // Bit i: frame next_sequence - 1 - i has come. Frames before the first count as having come.
+    std::uint64_t recent = ~0ULL;
+    // Damaged frames since the last whole one: they are in the gap before the next.
+    std::uint32_t unplaced = 0;
     // The player's timestamps minus the publisher's: one number for as long as it plays.
     std::optional<std::uint32_t> timestamp_shift;
 };

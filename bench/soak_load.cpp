@@ -11,11 +11,11 @@
 
 #include <CLI/CLI.hpp>
 
+#include "bench/publishers.h"
 #include "bench/soak/actor.h"
 #include "bench/soak/crowd.h"
 #include "bench/soak/garbage_client.h"
 #include "bench/soak/operator.h"
-#include "bench/soak/publishers.h"
 #include "bench/soak/samples.h"
 #include "bench/soak/stalled_player.h"
 #include "bench/soak/takeover.h"
@@ -31,6 +31,10 @@ constexpr Milliseconds SETTLE_WAIT{30000};
 constexpr Milliseconds SETTLE_POLL{20};
 constexpr Milliseconds THREAD_COUNT_DELAY{500};
 constexpr Milliseconds STOP_WAIT{60000};
+// One after the other: their large pictures do not come all at once.
+constexpr Milliseconds BETWEEN_STREAMS{261};
+constexpr double KEY_FRAME_IN_MEANS = 7;
+constexpr std::uint32_t LARGE_CHUNK_BYTES = 4096;
 constexpr unsigned WORTH_THE_WAIT_SECONDS = 60;
 // Of all players, who come and go: one in five.
 constexpr unsigned PLAYERS_PER_VISITOR = 5;
@@ -86,8 +90,7 @@ class SoakRun {
           crowd(soak.publishers, receiver, journal) {}
 
     void run() {
-        publishers = std::make_unique<Publishers>(soak.publishers, soak.kbit_per_second, soak.skip_frame,
-                                                  receiver, journal);
+        publishers = std::make_unique<Publishers>(publisher_options(soak), receiver, journal);
         for (unsigned i = 0; i < soak.players; ++i) {
             if (i % PLAYERS_PER_VISITOR == 0) {
                 crowd.join_for_a_while();
@@ -145,7 +148,7 @@ class SoakRun {
             totals["frames"] = sum.frames;
             totals["bytes"] = sum.bytes;
             totals["lost"] = sum.lost;
-            totals["damaged"] = sum.damaged;
+            totals["damaged"] = sum.faults();
             totals["late"] = sum.lateness.later_than_ms(soak.late_ms);
             totals["median_ms"] = sum.lateness.percentile_ms(0.5);
             totals["p99_ms"] = sum.lateness.percentile_ms(0.99);
@@ -164,6 +167,18 @@ class SoakRun {
     static ServerOptions server_options(const Soak& soak) {
         ServerOptions options;
         options.stderr_file = soak.out_dir + "/server.log";
+        return options;
+    }
+
+    static PublisherOptions publisher_options(const Soak& soak) {
+        PublisherOptions options;
+        options.count = soak.publishers;
+        options.shape.set_video_kbit(soak.kbit_per_second - options.shape.audio_kbit_per_second);
+        options.shape.key_frame_in_means = KEY_FRAME_IN_MEANS;
+        // Encoders differ.
+        options.chunk_sizes = {LARGE_CHUNK_BYTES, DEFAULT_CHUNK_SIZE};
+        options.between_streams = BETWEEN_STREAMS;
+        options.skip_frame = soak.skip_frame;
         return options;
     }
 

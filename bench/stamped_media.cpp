@@ -37,8 +37,11 @@ Bytes tag_of(FrameKind kind) {
 
 Bytes filling(std::uint32_t sequence, std::size_t size_bytes) {
     static const Bytes pool = pattern_bytes(FILLING_BYTES, 1);
-    size_bytes = std::min(size_bytes, FILLING_BYTES / 2);
-    return pool.substr(sequence * FILLING_STEP % (FILLING_BYTES / 2), size_bytes);
+    Bytes bytes(pool, sequence * FILLING_STEP % (FILLING_BYTES / 2), size_bytes);
+    while (bytes.size() < size_bytes) {
+        bytes.append(pool, 0, size_bytes - bytes.size());
+    }
+    return bytes;
 }
 
 }  // namespace

@@ -45,6 +45,7 @@ RULES = [
     ("core/*", ["core/*", "base/*", "relay/stream_registry.h", "rtmp/session_threads.h"]),
     # Beside the daemon.
     ("tools/*", ["tools/*", "comm_socket_v4.h"]),
+    ("bench/micro/*", ["bench/micro/*", "tests/support/*", "amf/*", "rtmp/*", "relay/*"] + TABLE + LEAVES),
     ("bench/*", ["bench/*", "tests/support/*"]),
     ("fuzz/*", ["*"]),
     ("tests/e2e/*", ["tests/*", "comm_socket_v4.h"]),

@@ -8,7 +8,7 @@
 #include <string>
 #include <thread>
 
-#include "bench/soak/journal.h"
+#include "bench/journal.h"
 #include "tests/support/time_limits.h"
 
 class Actor {

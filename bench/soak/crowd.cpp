@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "bench/soak/publishers.h"
+#include "bench/publishers.h"
 
 namespace {
 

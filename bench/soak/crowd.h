@@ -5,8 +5,8 @@
 #include <deque>
 #include <vector>
 
-#include "bench/soak/journal.h"
-#include "bench/soak/receiver.h"
+#include "bench/journal.h"
+#include "bench/receiver.h"
 #include "tests/support/time_limits.h"
 
 class Crowd {

@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <random>
 
-#include "bench/soak/journal.h"
+#include "bench/journal.h"
 #include "tests/support/rtmp_client.h"
 
 class GarbageClients {

@@ -1,6 +1,6 @@
 #include "bench/soak/operator.h"
 
-#include "bench/soak/publishers.h"
+#include "bench/publishers.h"
 #include "bench/soak/tool.h"
 #include "tests/support/rtmp_client.h"
 #include "tests/support/test_failure.h"

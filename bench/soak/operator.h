@@ -1,7 +1,7 @@
 // Somebody with the control tool: lists the connections, and drops some that have joined for just that.
 #pragma once
 
-#include "bench/soak/journal.h"
+#include "bench/journal.h"
 
 struct OperatorOrders {
     std::size_t publishers;

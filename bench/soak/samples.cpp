@@ -57,7 +57,7 @@ void SampleFile::add(const FrameTally& tally, std::size_t players, double oversl
     own_cpu = own_cpu_now;
     file << static_cast<double>(elapsed_since(begin).count()) / 1000 << ',' << holdings.rss_kib << ','
          << holdings.threads << ',' << holdings.descriptors << ',' << cpu_percent << ',' << own_percent << ','
-         << players << ',' << tally.bytes << ',' << tally.frames << ',' << tally.lost << ',' << tally.damaged
+         << players << ',' << tally.bytes << ',' << tally.frames << ',' << tally.lost << ',' << tally.faults()
          << ',' << tally.lateness.later_than_ms(late_ms) << ',' << tally.lateness.percentile_ms(0.5) << ','
          << tally.lateness.percentile_ms(0.99) << ',' << tally.lateness.most_ms() << ',' << oversleep_ms
          << std::endl;
@@ -67,7 +67,7 @@ void SampleFile::add(const FrameTally& tally, std::size_t players, double oversl
     sum.merge(tally);
     std::array<char, 200> text{};
     std::snprintf(text.data(), text.size(),
-                  "%5.0f s: %zu players; server %.1f MiB, %.0f %% CPU; %llu frames, %llu lost, %llu damaged; "
+                  "%5.0f s: %zu players; server %.1f MiB, %.0f %% CPU; %llu frames, %lld lost, %llu damaged; "
                   "late %.0f, %.0f, %.0f ms",
                   static_cast<double>(elapsed_since(begin).count()) / 1000, players,
                   static_cast<double>(holdings.rss_kib) / KIB_PER_MIB, cpu_percent,

@@ -8,8 +8,8 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
+#include "bench/journal.h"
 #include "bench/load_player.h"
-#include "bench/soak/journal.h"
 #include "tests/support/server_process.h"
 
 // What the server holds at one moment.

@@ -2,7 +2,7 @@
 
 #include <utility>
 
-#include "bench/soak/publishers.h"
+#include "bench/publishers.h"
 #include "bench/soak/tool.h"
 #include "tests/support/test_failure.h"
 

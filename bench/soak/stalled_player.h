@@ -4,9 +4,9 @@
 
 #include <string>
 
+#include "bench/journal.h"
+#include "bench/receiver.h"
 #include "bench/soak/actor.h"
-#include "bench/soak/journal.h"
-#include "bench/soak/receiver.h"
 
 class StalledPlayer {
   public:

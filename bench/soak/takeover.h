@@ -2,7 +2,7 @@
 // dropped, and a player that comes then gets the media of the other.
 #pragma once
 
+#include "bench/journal.h"
 #include "bench/soak/actor.h"
-#include "bench/soak/journal.h"
 
 void take_over(Actor& self, Journal& journal);

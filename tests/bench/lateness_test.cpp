@@ -32,6 +32,15 @@ TEST(Lateness, WhatTookLongerThanTheLimitIsCounted) {
     EXPECT_DOUBLE_EQ(lateness.most_ms(), 60000);
 }
 
+TEST(Lateness, TheHistogramHoldsEveryStepThatIsNotEmpty) {
+    Lateness lateness;
+    for (const std::uint64_t us : {100U, 400U, 500U, 7499U}) {
+        lateness.add(us);
+    }
+    const std::vector<std::pair<double, std::uint64_t>> expected = {{0.5, 2}, {1.0, 1}, {7.5, 1}};
+    EXPECT_EQ(lateness.histogram(), expected);
+}
+
 TEST(Lateness, WithoutMessagesEverythingIsZero) {
     const Lateness lateness;
     EXPECT_EQ(lateness.count(), 0U);

@@ -81,7 +81,7 @@ class LoadPlayerTest : public testing::Test {
 
     static std::uint32_t media_ms(std::uint32_t sequence) { return SHIFT_MS + 20 * sequence; }
 
-    void expect_tally(std::uint64_t frames, std::uint64_t lost, std::uint64_t damaged) const {
+    void expect_tally(std::uint64_t frames, std::int64_t lost, std::uint64_t damaged) const {
         EXPECT_EQ(tally.frames, frames);
         EXPECT_EQ(tally.lost, lost);
         EXPECT_EQ(tally.damaged, damaged);
@@ -114,10 +114,34 @@ TEST_F(LoadPlayerTest, FramesThatAreMissingAreLost) {
     expect_tally(3, 2, 0);
 }
 
-TEST_F(LoadPlayerTest, AFrameThatComesTwiceOrTooLateIsDamage) {
+TEST_F(LoadPlayerTest, AFrameThatComesTwiceIsDoubled) {
     serve(headers() + frame(100) + frame(101) + frame(101) + frame(100) + frame(102));
     let_read();
-    expect_tally(5, 0, 2);
+    expect_tally(5, 0, 0);
+    EXPECT_EQ(tally.doubled, 2U);
+    EXPECT_EQ(tally.swapped, 0U);
+}
+
+TEST_F(LoadPlayerTest, AFrameThatComesAfterALaterOneIsSwappedAndNotLost) {
+    serve(headers() + frame(100) + frame(102) + frame(101) + frame(103) + frame(106) + frame(104));
+    let_read();
+    expect_tally(6, 1, 0);
+    EXPECT_EQ(tally.doubled, 0U);
+    EXPECT_EQ(tally.swapped, 2U);
+}
+
+TEST_F(LoadPlayerTest, AGapOfManyFramesIsForgottenAfterOnesThatAreSeen) {
+    serve(headers() + frame(100) + frame(163) + frame(101) + frame(228) + frame(164) + frame(228));
+    let_read();
+    expect_tally(6, 62 - 1 + 64, 0);
+    EXPECT_EQ(tally.swapped, 1U);
+    EXPECT_EQ(tally.doubled, 2U);
+}
+
+TEST_F(LoadPlayerTest, TheFirstPictureOfAPlayerIsTimedOnce) {
+    serve(headers() + frame(101) + frame(102) + frame(104));
+    let_read();
+    EXPECT_EQ(tally.first_pictures.count(), 1U);
 }
 
 TEST_F(LoadPlayerTest, AChangedByteIsDamage) {

@@ -1,4 +1,4 @@
-#include "bench/soak/journal.h"
+#include "bench/journal.h"
 
 #include <cstddef>
 #include <cstdio>

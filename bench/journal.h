@@ -1,4 +1,4 @@
-// What happened during a soak: how often everybody did what they do, and what went wrong. Any thread.
+// What happened during a run: how often each client did its part, and what failed. Any thread may call it.
 #pragma once
 
 #include <cstdint>

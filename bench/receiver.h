@@ -11,8 +11,8 @@
 #include <thread>
 #include <vector>
 
+#include "bench/journal.h"
 #include "bench/load_player.h"
-#include "bench/soak/journal.h"
 
 class Receiver {
   public:

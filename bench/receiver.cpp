@@ -1,4 +1,4 @@
-#include "bench/soak/receiver.h"
+#include "bench/receiver.h"
 
 #include <sys/epoll.h>
 #include <sys/socket.h>

@@ -1,0 +1,16 @@
+// The modes of relay_load. Each returns its report; "passed" in it says whether everything was as it must be, and
+// "failures" what was not. A failure that ends the run early is thrown as TestFailure.
+#pragma once
+
+#include <nlohmann/json.hpp>
+
+#include "bench/load/options.h"
+
+// Modes relay, storm and floor.
+nlohmann::json run_relay(const LoadOptions& load);
+// Modes idle and sleepers.
+nlohmann::json run_idle(const LoadOptions& load);
+nlohmann::json run_capacity(const LoadOptions& load);
+
+// Tells people, on standard error, what is done now.
+void say(const char* text);
