@@ -21,7 +21,8 @@
 namespace {
 
 constexpr useconds_t IDLE_SLEEP_US = 50000;
-constexpr std::size_t MAX_PIECES = 1024;  // what one sendmsg takes
+// What one sendmsg takes. The pieces stand on the stack of every writer, all of whose pages are touched: 4 KiB.
+constexpr std::size_t MAX_PIECES = 256;
 
 // Pieces that wait to be sent in one call. Points at bytes that must stay until flush() returns.
 class GatheredPieces {

@@ -50,19 +50,22 @@ int connect_to_server() {
 
 }  // namespace
 
-TEST_F(SystemCallsTest, a_message_leaves_in_a_call_for_a_thousand_pieces) {
+TEST_F(SystemCallsTest, a_message_that_is_cut_leaves_in_a_call_for_256_pieces) {
     RTMPConnection& conn = add_connection();
     const int large = 1 << 20;
     ASSERT_EQ(setsockopt(conn.fd, SOL_SOCKET, SO_SNDBUF, &large, sizeof large), 0);
     wrapped_calls = {};
-    conn.connection_out.push_back(make_packet(9, 0, std::string(100000, 'x')));
+    conn.connection_out.push_back(make_packet(9, 0, std::string(50000, 'x')));
     ASSERT_TRUE(send_next(conn));
-    // 782 chunks: a header each and a slice of the payload each.
-    ASSERT_EQ(wrapped_calls.sends.size(), 2U);
-    EXPECT_EQ(wrapped_calls.sends[0].pieces, 1024U);
-    EXPECT_EQ(wrapped_calls.sends[0].flags, MSG_NOSIGNAL | MSG_MORE);
-    EXPECT_EQ(wrapped_calls.sends[1].flags, MSG_NOSIGNAL);
-    EXPECT_EQ(wrapped_calls.sends[0].bytes + wrapped_calls.sends[1].bytes, 100000U + 12 + 781);
+    // 391 chunks: a header each and a slice of the payload each.
+    ASSERT_EQ(wrapped_calls.sends.size(), 4U);
+    std::size_t bytes = 0;
+    for (std::size_t i = 0; i < 4; ++i) {
+        EXPECT_EQ(wrapped_calls.sends[i].pieces, i < 3 ? 256U : 14U);
+        EXPECT_EQ(wrapped_calls.sends[i].flags, i < 3 ? MSG_NOSIGNAL | MSG_MORE : MSG_NOSIGNAL);
+        bytes += wrapped_calls.sends[i].bytes;
+    }
+    EXPECT_EQ(bytes, 50000U + 12 + 390);
 }
 
 TEST_F(SystemCallsTest, all_messages_that_wait_leave_in_one_call) {

@@ -223,7 +223,7 @@ TEST_F(BrokenPromiseDeathTest, of_an_output_chunk_size_of_0_ends_the_process) {
 TEST_F(BrokenPromiseDeathTest, of_a_payload_that_shrinks_while_it_is_sent_ends_the_process) {
     conn.conn_g_server.chunk_size = 1;
     queue(make_packet(20, 0, std::string(2000, 'x')));
-    // The first 1024 pieces leave in the middle of the message.
+    // The first 256 pieces leave in the middle of the message.
     wrapped_calls.sendmsg_result = [&](ssize_t sent) {
         conn.out_batch.front().chunk.message.data_length = 600;
         return sent;
