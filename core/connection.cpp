@@ -11,7 +11,10 @@ RTMPConnection::RTMPConnection(int accepted_fd, std::size_t slot, std::string pe
       conn_idx(slot),
       address(std::move(peer_address)),
       conn_g_server(!opt_no_def_ack, opt_no_def_ack ? 0 : 1),
-      conn_g_client(!opt_no_def_ack, opt_no_def_ack ? 0 : 1) {}
+      conn_g_client(!opt_no_def_ack, opt_no_def_ack ? 0 : 1) {
+    out_batch.reserve(
+        MAX_BATCH_MESSAGES);  // The writer thread fills it under the lock and must not allocate there.
+}
 
 // The checker cannot follow a lock that may fail; ConnectionLock is what it sees.
 bool RTMPConnection::connection_io_lock() NO_THREAD_SAFETY_ANALYSIS {

@@ -2,7 +2,7 @@
 //
 // 1. The main thread creates, services and frees connections. Each has a reader thread and a writer thread of
 //    its own, which end by themselves or by cancellation and are joined by the main thread.
-// 2. `mutex` guards the two queues and nothing else. On the connection's own threads nothing prints, sleeps
+// 2. `mutex` guards the two queues, and how many messages were taken from one, and nothing else. On the connection's own threads nothing prints, sleeps
 //    or calls a socket while holding it.
 // 3. Only the main thread holds two of these mutexes: the publisher's, then one player's.
 // 4. Other connections are named by slot index, never by pointer; nothing outside points into a connection.
@@ -62,8 +62,8 @@ class RTMPConnection {
     // --- under the lock
     std::deque<RTMP_Packet> connection_in GUARDED_BY(mutex);      // complete messages for the main thread
     std::deque<OutgoingPacket> connection_out GUARDED_BY(mutex);  // messages for the writer thread
-    std::size_t out_batch_messages GUARDED_BY(mutex) =
-        0;  // taken by the writer thread; may have been sent since
+    // taken by the writer thread with its last batch; may have been sent since
+    std::size_t out_batch_messages GUARDED_BY(mutex) = 0;
 
     // --- one thread counts or decides, others read: atomics inside
     // received bytes: reader thread; output chunk_size: writer thread, and the main thread looks at it
@@ -134,14 +134,14 @@ class RTMPConnection {
     // returns.
     ssize_t cread(void* buffer, std::size_t c) REQUIRES(reader_role);
     // All c bytes, or fewer when the peer ends in between; -1 when nothing was sent or c is 0. Counts.
-    ssize_t cwrite(const void* buffer, std::size_t c);
+    ssize_t cwrite(const void* buffer, std::size_t c) REQUIRES(reader_role);
 
-    // --- rtmp/handshake.cpp, rtmp/chunk_reader.cpp, rtmp/control_messages.cpp, rtmp/packet_queues.cpp
+    // --- rtmp/handshake.cpp, rtmp/chunk_reader.cpp, rtmp/reader_thread.cpp, rtmp/packet_queues.cpp
     // All on the reader thread; false ends the reading.
     [[nodiscard]] bool handshake() REQUIRES(reader_role);
     [[nodiscard]] bool rtmp_read_packet(RTMP_Packet& pkt) REQUIRES(reader_role);
     [[nodiscard]] bool rtmp_proc_packet() REQUIRES(reader_role);
-    [[nodiscard]] bool add_to_incoming_queue(RTMP_Packet&& pkt) EXCLUDES(mutex);
+    [[nodiscard]] bool add_to_incoming_queue(RTMP_Packet&& pkt) REQUIRES(reader_role) EXCLUDES(mutex);
 
     // --- rtmp/chunk_writer.cpp
     // Writer thread: sends the messages that wait, a batch of them, or sleeps when there are none. False: the

@@ -1,6 +1,7 @@
 #include "relay/av_relay.h"
 
 #include <algorithm>
+#include <array>
 #include <utility>
 #include <vector>
 
@@ -8,6 +9,7 @@
 #include "base/clock.h"
 #include "base/diag.h"
 #include "core/connection_table.h"
+#include "core/limits.h"
 #include "relay/codec_lock.h"
 #include "relay/late_joiner.h"
 #include "relay/relayed_message.h"
@@ -61,23 +63,32 @@ bool agree_with_publisher(RTMPConnection& player, const RTMPConnection& publishe
     return false;
 }
 
-// The output chunk size of more than half of the players, where there is one, otherwise that of one of them. Never
-// below the default, since each chunk costs every player's share a header.
+// The output chunk size that most of the players use. Never below the default, since each chunk costs what they share a
+// header.
 std::uint32_t chunk_size_of_most(const std::vector<std::size_t>& players) ON_MAIN_THREAD {
-    std::uint32_t candidate = DEFAULT_CHUNK_SIZE;
-    std::size_t lead = 0;
+    struct Tally {
+        std::uint32_t chunk_size;
+        std::size_t players;
+    };
+    std::array<Tally, MAX_CONNECTIONS> tallies;
+    auto* tallies_end = tallies.begin();
     for (const std::size_t player_idx : players) {
         const RTMPConnection* const player = get_connection(player_idx);
         if (player == nullptr) {
             continue;
         }
         const std::uint32_t chunk_size = player->conn_g_server.chunk_size.load(std::memory_order_relaxed);
-        if (lead == 0) {
-            candidate = chunk_size;
+        auto* const found = std::find_if(tallies.begin(), tallies_end,
+                                         [&](const Tally& tally) { return tally.chunk_size == chunk_size; });
+        if (found != tallies_end) {
+            ++found->players;
+        } else {
+            *tallies_end++ = {chunk_size, 1};
         }
-        lead = chunk_size == candidate ? lead + 1 : lead - 1;
     }
-    return std::max(candidate, DEFAULT_CHUNK_SIZE);
+    const auto* const most = std::max_element(
+        tallies.begin(), tallies_end, [](const Tally& a, const Tally& b) { return a.players < b.players; });
+    return most == tallies_end ? DEFAULT_CHUNK_SIZE : std::max(most->chunk_size, DEFAULT_CHUNK_SIZE);
 }
 
 }  // namespace

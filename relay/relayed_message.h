@@ -1,5 +1,5 @@
-// One message on its way from a publisher to the players of its stream. What does not differ from player to player is
-// found out once. Main thread; lives as long as the handling of the message.
+// One message on its way from a publisher to the players of its stream. What is the same for all players is
+// computed once. Main thread; lives as long as the handling of the message.
 #pragma once
 
 #include <cstdint>
@@ -30,7 +30,7 @@ struct RelayedMessage {
     bool is_sequence_header;
     SharedPayload payload;  // what players are sent; holds nothing if pkt is empty or there was no memory
 
-    // Whether payload has everything that pkt has.
+    // Whether payload holds the whole payload of pkt.
     [[nodiscard]] bool is_laid_out() const {
         return payload.payload_bytes() == pkt.chunk.message.data_length;
     }

@@ -176,7 +176,7 @@ bool send_batch(RTMPConnection& conn) REQUIRES(conn.writer_role) {
 }
 
 // An echo holds from the next message on. It ends its batch. Without memory it was never sent, and the old size stays.
-void adopt_chunk_size(RTMPConnection& conn, const RTMP_Packet::chunk_t& sent) {
+void adopt_chunk_size(RTMPConnection& conn, const RTMP_Packet::chunk_t& sent) REQUIRES(conn.writer_role) {
     if (sent.message.data_length != 0) {
         CHECK(sent.message.data_length >= 4);
         conn.conn_g_server.chunk_size.store(read_be32(sent.message.data), std::memory_order_relaxed);

@@ -4,7 +4,7 @@
 
 #include "core/connection.h"
 
-// Does what a message on message stream 0 asks of the transport; any other message is none of its business. False,
+// Does what a message on message stream 0 asks of the transport; other messages are ignored. False,
 // after one line, when the message breaks a rule, and when the lock failed: the reading ends.
 [[nodiscard]] bool act_on_control_message(RTMPConnection& conn, const RTMP_Packet& pkt)
     REQUIRES(conn.reader_role);

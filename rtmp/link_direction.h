@@ -16,10 +16,16 @@ struct LinkDirection {
     LinkDirection(bool acknowledge_at_once, std::uint32_t window)
         : ack_flag(acknowledge_at_once), window_ack_size(window) {}
 
-    bool ack_flag;                               // acknowledge the next message whatever the counts say
-    std::atomic<std::uint64_t> bytes_total = 0;  // one thread counts, the control listing reads
-    std::uint32_t bytes_unacked = 0;             // bytes since the last acknowledgement
-    std::uint32_t window_ack_size;               // acknowledgement window in bytes; 0: never by count
+    // --- the thread that counts: of conn_g_server the reader, of conn_g_client the reader in the handshake, then the
+    // writer; the control listing reads bytes_total
+    std::atomic<std::uint64_t> bytes_total = 0;
+    std::uint32_t bytes_unacked = 0;  // bytes since the last acknowledgement
+
+    // --- reader thread
+    bool ack_flag;                  // acknowledge the next message whatever the counts say
+    std::uint32_t window_ack_size;  // acknowledgement window in bytes; 0: never by count
+
+    // --- of conn_g_server the writer thread, and the main thread looks at it; of conn_g_client the reader thread
     ChunkSize chunk_size = DEFAULT_CHUNK_SIZE;
 };
 

@@ -1,10 +1,15 @@
 // A message on its way to one client: header fields of its own, and a payload that is its own or shared.
 #pragma once
 
+#include <cstddef>
 #include <utility>
 
 #include "rtmp/rtmp_packet.h"
 #include "rtmp/shared_payload.h"
+
+// What the writer thread sends in one go, at most. Only what waits already is taken; one message always is.
+constexpr std::size_t MAX_BATCH_MESSAGES = 64;
+constexpr std::size_t MAX_BATCH_BYTES = 262144;
 
 struct OutgoingPacket : RTMP_Packet {
     OutgoingPacket() = default;

@@ -1,4 +1,4 @@
-// The two queues of a connection, each access under its lock for a few instructions.
+// The two queues of a connection. Each access is under its lock, and short: a batch of 64 moves is the longest.
 //
 //   reader thread -- connection_in --> main thread
 //   reader thread, main thread -- connection_out --> writer thread
@@ -18,11 +18,7 @@
 // piled up, an acknowledgement at the back of the queue is overwritten instead: only the latest count is of
 // use.
 [[nodiscard]] bool queue_acknowledgement(RTMPConnection& conn, std::uint64_t total_bytes)
-    EXCLUDES(conn.mutex);
-
-// What the writer thread sends in one go, at most. Only what waits already is taken; one message always is.
-constexpr std::size_t MAX_BATCH_MESSAGES = 64;
-constexpr std::size_t MAX_BATCH_BYTES = 262144;
+    REQUIRES(conn.reader_role) EXCLUDES(conn.mutex);
 
 // Whether sending this message changes the output chunk size: the echo of the client's.
 [[nodiscard]] bool is_chunk_size_echo(const RTMP_Packet& pkt);
@@ -34,4 +30,5 @@ constexpr std::size_t MAX_BATCH_BYTES = 262144;
 
 // Sleeps while the main thread is behind with connection_in, so that the client's TCP window fills instead of
 // memory. False when the lock failed. Reader thread.
-[[nodiscard]] bool wait_for_room_in_incoming_queue(RTMPConnection& conn) EXCLUDES(conn.mutex);
+[[nodiscard]] bool wait_for_room_in_incoming_queue(RTMPConnection& conn) REQUIRES(conn.reader_role)
+    EXCLUDES(conn.mutex);

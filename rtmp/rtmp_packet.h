@@ -1,8 +1,8 @@
 // One RTMP message in memory, from the chunk reader through the queues and the relay to the chunk writer.
 //
 // 1. A packet owns its payload: exactly one packet owns a buffer at any time, and its destructor releases it.
-// 2. Packets move. The one way to duplicate a payload is copy_to(), so every copy can be found by searching
-// for it. What the players of a relayed message share is not in a packet: rtmp/outgoing_packet.h.
+// 2. Packets move. copy_to() duplicates a payload; SharedPayload::lay_out() copies one for all players of a stream.
+// Nothing else does.
 // 3. No payload is larger than MAX_PAYLOAD_BYTES.
 // A packet carries no lock: the thread that holds it, or the mutex of the queue that holds it, protects it.
 #pragma once
@@ -16,7 +16,7 @@ struct RTMP_Packet {
         std::uint8_t fmt = 0;         // header format 0..3 of the first chunk as received; ignored on output
         std::uint32_t stream_id = 0;  // chunk stream id: 2 is protocol control, 3 and up commands and media
         std::uint32_t timestamp = 0;  // absolute, milliseconds, wraps
-        // from the header; on output set from data_length just before sending
+        // from the header; on output set to the length of the payload just before sending
         std::uint32_t message_length = 0;
         std::uint8_t message_type_id = 0;  // see message_types.h
         std::uint32_t message_stream_id = 0;

@@ -32,6 +32,8 @@ class SharedPayload {
     // Payload bytes, without continuation headers; 0 when it holds nothing.
     [[nodiscard]] std::uint32_t payload_bytes() const;
 
+    // The rest requires that it holds something.
+
     // Whether the block is what a writer sends after the message header at this chunk size.
     [[nodiscard]] bool is_laid_out_for(std::uint32_t chunk_size) const;
 

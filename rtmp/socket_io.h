@@ -9,4 +9,4 @@
 [[nodiscard]] bool read_whole(RTMPConnection& conn, void* d, std::size_t c) REQUIRES(conn.reader_role);
 
 // Exactly c bytes from s; false when there is no socket or it takes no more.
-[[nodiscard]] bool write_whole(RTMPConnection& conn, const void* s, std::size_t c);
+[[nodiscard]] bool write_whole(RTMPConnection& conn, const void* s, std::size_t c) REQUIRES(conn.reader_role);

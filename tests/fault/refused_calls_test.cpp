@@ -443,6 +443,19 @@ TEST(refused_calls, without_memory_for_what_they_share_players_miss_that_message
     EXPECT_EQ(faulty.server.count("Relay fail"), 2U);
 }
 
+TEST(refused_calls, a_writer_needs_no_memory_that_could_be_refused) {
+    FaultyServer faulty("new.writer:1:ENOMEM");
+    RtmpClient player = playing_client("cam1");
+    RtmpClient publisher = publishing_client("cam1");
+    for (std::uint32_t i = 1; i <= 200; ++i) {
+        publisher.send_audio(1000, aac_frame(i));
+    }
+    for (std::uint32_t i = 1; i <= 200; ++i) {
+        EXPECT_EQ(player.expect_message(MSG_AUDIO).payload, aac_frame(i));
+    }
+    EXPECT_EQ(faulty.watch.injected(), 0U);
+}
+
 TEST(refused_calls, a_message_for_which_there_is_no_memory_ends_the_reading) {
     FaultyServer faulty("nothrow_new.reader:1:ENOMEM");
     const AtRest at_rest(faulty.server);

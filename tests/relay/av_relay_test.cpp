@@ -186,7 +186,7 @@ TEST_F(AvRelayTest, every_player_of_the_stream_gets_the_payload_under_the_publis
     EXPECT_EQ(take_queued(second), expected);
 }
 
-TEST_F(AvRelayTest, a_hundred_thousand_messages_wait_for_a_stuck_player_while_another_is_live) {
+TEST_F(AvRelayTest, a_hundred_thousand_messages_wait_for_one_player_while_another_takes_its_own) {
     RTMPConnection& publisher = add_publisher();
     RTMPConnection& stuck = add_player();
     RTMPConnection& live = add_player();
@@ -216,6 +216,8 @@ TEST_F(AvRelayTest, a_message_is_laid_out_for_the_chunk_size_of_most_players) {
                                            {{4096}, 4096},
                                            {{128, 4096, 4096}, 4096},
                                            {{4096, 128, 4096, 128, 128}, 128},
+                                           {{128, 4096, 128, 4096, 4096, 1000}, 4096},
+                                           {{128, 128, 4096, 65536, 4096, 128, 1000}, 128},
                                            {{1, 1, 1}, 128},
                                            {{1, 127, 1, 1}, 128}}) {
         for (const std::uint32_t chunk_size : row.chunk_sizes) {

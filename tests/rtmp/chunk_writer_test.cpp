@@ -184,18 +184,19 @@ TEST_F(chunk_writer, shared_payloads_around_an_echo_have_the_chunk_size_of_their
                              std::string("\x00\x00\x00\xC8", 4) + chunked(std::string(300, 'p'), 200));
 }
 
-TEST_F(chunk_writer, cancellation_at_any_send_loses_and_repeats_nothing) {
+TEST_F(chunk_writer, cancellation_at_any_send_repeats_nothing_and_frees_what_waits) {
     const int small = 4096;
     constexpr std::size_t MESSAGES = 30;
     const std::string payload(1000, 'p');
     std::string wanted;
     for (std::size_t i = 0; i < MESSAGES; ++i) {
-        wanted += chunked(payload, 128);
+        wanted += chunked(payload, 2);
     }
     for (std::size_t read_first = 0; read_first < wanted.size() - 16384; read_first += 1531) {
         RTMPConnection& stuck = add_connection();
         const int peer_of_freed = peer(stuck);
         ASSERT_EQ(setsockopt(stuck.fd, SOL_SOCKET, SO_SNDBUF, &small, sizeof small), 0);
+        stuck.conn_g_server.chunk_size = 2;  // A message takes four calls.
         const RTMP_Packet pkt = make_packet(20, 0, payload, 3);
         const SharedPayload shared = SharedPayload::lay_out(pkt.chunk, 128);
         for (std::size_t i = 0; i < MESSAGES; ++i) {
@@ -224,12 +225,14 @@ TEST_F(chunk_writer, cancellation_at_any_send_loses_and_repeats_nothing) {
         }
         pthread_cancel(writer);
         ASSERT_EQ(pthread_join(writer, nullptr), 0);
+        const std::uint64_t counted = stuck.conn_g_client.bytes_total;
         free_connection(stuck.conn_idx);
         for (ssize_t ret = 1; ret > 0; length += static_cast<std::size_t>(ret)) {
             ret = recv(peer_of_freed, received.data() + length, received.size() - length, 0);
             ASSERT_GE(ret, 0);
         }
         EXPECT_TRUE(wanted.starts_with(received.substr(0, length))) << read_first;
+        EXPECT_GE(length, counted);
         EXPECT_EQ(shared.payload_bytes(), payload.size()) << "other holders keep it";
     }
 }

@@ -81,7 +81,7 @@ TEST(shared_payload, moves_and_is_released_once) {
     EXPECT_EQ(moved.payload_bytes(), 0U);
 }
 
-// For the thread and address sanitizers: whoever lets go last frees it, and nobody reads it after that.
+// For the thread and address sanitizers: the last holder frees it, and no thread reads it afterwards.
 TEST(shared_payload, is_freed_by_the_last_of_many_threads) {
     for (int round = 0; round < 200; ++round) {
         SharedPayload shared = lay_out(std::string(1000, 'x'), 128);
