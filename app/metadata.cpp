@@ -34,7 +34,7 @@ Integer read_integer(const AMF_Value& value, Integer unknown) {
 constexpr const char* DUMP_INDENT = "\t";
 constexpr std::uint32_t METADATA_CHUNK_STREAM_ID = 9;
 
-StreamMetadata kept_metadata(const AMF_Value& value) {
+StreamMetadata kept_metadata(const AMF_Value& value) ON_MAIN_THREAD {
     StreamMetadata kept;
     kept.type = value.type;
     kept.format = read_stream_format(value);

@@ -20,12 +20,11 @@
 namespace {
 
 // Whether the publisher keeps its codec. The lock is taken, and announced, with the first message.
-bool lock_codec(RTMPConnection& publisher, const RelayedMessage& message) ON_MAIN_THREAD {
-    const MediaKind& kind = *message.kind;
+bool lock_codec(RTMPConnection& publisher, const MediaKind& kind, const RTMP_Packet& pkt) ON_MAIN_THREAD {
     const bool audio = &kind == &AUDIO_KIND;
     std::int32_t& lock_type = (publisher.*kind.track).lock_type;
     const std::uint32_t codec_id = publisher.stream_format.*kind.codec_id;
-    switch (check_codec_lock(lock_type, codec_id, message.pkt)) {
+    switch (check_codec_lock(lock_type, codec_id, pkt)) {
         case CodecLock::KEPT:
             return true;
         case CodecLock::FROM_METADATA:
@@ -43,13 +42,14 @@ bool lock_codec(RTMPConnection& publisher, const RelayedMessage& message) ON_MAI
     return false;
 }
 
-void save_sequence_header(RTMPConnection& publisher, const RelayedMessage& message) ON_MAIN_THREAD {
-    RTMP_Packet& saved = (publisher.*message.kind->track).seq_header;
-    saved.copy_header_from(message.pkt);
+void save_sequence_header(RTMPConnection& publisher, const MediaKind& kind,
+                          const RTMP_Packet& pkt) ON_MAIN_THREAD {
+    RTMP_Packet& saved = (publisher.*kind.track).seq_header;
+    saved.copy_header_from(pkt);
     // Without memory nothing is saved, and late joiners wait for the next header.
-    static_cast<void>(message.pkt.chunk.message.copy_to(saved.chunk.message));
-    diag("%s", message.kind->saving_header_text);
-    dump_packet(message.pkt);
+    static_cast<void>(pkt.chunk.message.copy_to(saved.chunk.message));
+    diag("%s", kind.saving_header_text);
+    dump_packet(pkt);
 }
 
 // Whether the player may get the message. It is dropped when it was told another codec than the publisher now sends.
@@ -128,11 +128,13 @@ bool relay_published_packet(RTMPConnection& publisher, const RTMP_Packet& pkt, S
         return false;
     }
     RelayedMessage message(pkt);
-    if (message.kind != nullptr && !lock_codec(publisher, message)) {
-        return false;
-    }
-    if (message.is_sequence_header) {
-        save_sequence_header(publisher, message);
+    if (message.kind != nullptr) {
+        if (!lock_codec(publisher, *message.kind, pkt)) {
+            return false;
+        }
+        if (message.is_sequence_header) {
+            save_sequence_header(publisher, *message.kind, pkt);
+        }
     }
     record.last_activity_us = monotonic_clock_us();
     if (record.publisher != publisher.conn_idx || record.players.empty()) {

@@ -94,7 +94,8 @@ extern "C" {
  * when comm_socket_v4_idle is called every 100 ms. */
 #define COMM_SOCKET_V4_MAX_TOTAL_WAITING_BYTES 67108864u
 
-/* How long a client may read nothing while bytes wait for it and there is a crowd (1 s). */
+/* How long the socket of a client may take no byte while bytes wait for it and there is a crowd (1 s). A socket that
+ * is full takes more only after some 50 KB were read from it, so a client that reads slowly is disconnected as well. */
 #define COMM_SOCKET_V4_CROWD_TIMEOUT_US 1000000u
 
 /* How long a client may take from the beginning of a request to its end, and how long it may read nothing while
@@ -221,10 +222,10 @@ int comm_socket_v4_is_open(const comm_socket_v4* server);
  * unusable; a shortage of descriptors or memory is not a failure. */
 int comm_socket_v4_idle(comm_socket_v4* server);
 
-/* Goes on writing replies that their sockets did not take whole, and waits for the sockets to take more, until nothing
- * waits or CLOCK_MONOTONIC reaches deadline_us microseconds. Without it a long reply leaves by one socket buffer at each
- * comm_socket_v4_idle. All clients together have the time until the deadline, so one that reads a byte at a time costs
- * the caller that much at each call, and no more. */
+/* Goes on writing replies that their sockets did not take whole, and waits for the sockets to take more, until
+ * nothing waits or CLOCK_MONOTONIC reaches deadline_us microseconds. Without it a long reply leaves by one socket
+ * buffer at each comm_socket_v4_idle. All clients together have the time until the deadline, so one that reads a
+ * byte at a time costs the caller that much at each call, and no more. */
 void comm_socket_v4_flush(comm_socket_v4* server, uint64_t deadline_us);
 
 /* The next client that has been accepted and not been returned here; null when there is none. The library
@@ -255,8 +256,9 @@ void comm_socket_v4_free_client(comm_socket_v4_client* client);
  * after each comm_socket_v4_idle, of a client for which nothing waits.
  *
  * What a client sent completely before it went away is still handed out: sending and closing at once is a
- * fair way to leave a command, within COMM_SOCKET_V4_MAX_LEFT_CLIENTS and COMM_SOCKET_V4_MAX_LEFT_BYTES. A client that has closed only its sending side gets its replies. The packet
- * need not have COMM_SOCKET_V4_REQUEST set: a stranger sends what he likes. */
+ * fair way to leave a command, within COMM_SOCKET_V4_MAX_LEFT_CLIENTS and COMM_SOCKET_V4_MAX_LEFT_BYTES. A client
+ * that has closed only its sending side gets its replies. The packet need not have COMM_SOCKET_V4_REQUEST set:
+ * clients are not trusted. */
 comm_socket_v4_packet* comm_socket_v4_server_get_packet(comm_socket_v4* server,
                                                         comm_socket_v4_client** client);
 
