@@ -158,6 +158,23 @@ TEST(ctl, hello_tells_that_a_server_without_control_socket_listens) {
                 HasSubstr("process " + std::to_string(server.pid()) + " listens on port 1935 all the same"));
 }
 
+TEST(ctl, a_mistyped_socket_path_speaks_against_no_server) {
+    const ServerProcess server;
+    for (const char* const path : {"/etc/passwd", "/run/missing"}) {
+        const ProgramRun run = run_tool({path_with_socket(path), "hello"});
+        expect_failure(run, NOT_RUNNING, "v9_rtmp_server listens at " + CONTROL_SOCKET_PATH);
+        EXPECT_THAT(run.err, Not(HasSubstr("stop"))) << path;
+    }
+}
+
+TEST(ctl, plain_hello_tells_on_standard_error_what_it_could_not_find_out) {
+    const ServerProcess server;
+    const ProgramRun run = run_program({"unshare", "--pid", "--fork", tool_path(), "--plain", "hello"});
+    EXPECT_EQ(run.end, (ProgramEnd{DONE, 0}));
+    EXPECT_THAT(run.out, MatchesRegex("How are you\\?\t[0-9.]+\n"));
+    EXPECT_THAT(run.err, HasSubstr("v9_rtmp_ctl: Who listens on port 1935 is not known"));
+}
+
 TEST(ctl, hello_looks_at_the_network_of_the_server_that_answers) {
     const ServerProcess server;
     const ProgramRun run = run_program({"unshare", "--net", tool_path(), "hello"});
@@ -487,7 +504,7 @@ TEST(ctl, wrong_usage_is_status_2) {
     }
 }
 
-TEST(ctl, no_socket_and_nobody_behind_it_are_status_3) {
+TEST(ctl, no_socket_and_nothing_behind_it_are_status_3) {
     std::filesystem::remove(CONTROL_SOCKET_PATH);
     for (const std::vector<std::string>& words :
          std::vector<std::vector<std::string>>{{"hello"},
@@ -502,8 +519,8 @@ TEST(ctl, no_socket_and_nobody_behind_it_are_status_3) {
     ServerProcess server;
     server.kill();
     ASSERT_TRUE(std::filesystem::is_socket(CONTROL_SOCKET_PATH));
-    expect_failure(run_tool({"hello"}), NOT_RUNNING, "nobody listens at " + CONTROL_SOCKET_PATH);
-    expect_failure(run_tool({"raw", "hello"}), NOT_RUNNING, "nobody listens at " + CONTROL_SOCKET_PATH);
+    expect_failure(run_tool({"hello"}), NOT_RUNNING, "nothing listens at " + CONTROL_SOCKET_PATH);
+    expect_failure(run_tool({"raw", "hello"}), NOT_RUNNING, "nothing listens at " + CONTROL_SOCKET_PATH);
 }
 
 TEST(ctl, a_socket_that_this_user_may_not_use_is_status_4) {

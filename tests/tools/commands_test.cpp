@@ -12,6 +12,7 @@
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::Not;
 using testing::StartsWith;
 
 namespace {
@@ -280,6 +281,26 @@ TEST_F(Commands, OfSeveralIdsAllAreTriedAndTheWorstStatusIsTold) {
     settings.form = OutputForm::PLAIN;
     options.ids = {"3", "5"};
     EXPECT_EQ(drop_id(options).out, "1\n");
+}
+
+TEST_F(Commands, OfSeveralAnswersTheDocumentHasNone) {
+    settings.form = OutputForm::JSON;
+    EXPECT_THAT(drop_id(of_id("3")).out, HasSubstr(R"("message":"OK")"));
+    DropOptions options;
+    options.ids = {"0", "3"};
+    EXPECT_THAT(drop_id(options).out, HasSubstr(R"("message":null,"ids":[0,3])"));
+}
+
+TEST_F(Commands, DropIdThatSendsNothingLeavesNothingUnknown) {
+    DropOptions options = of_id("3");
+    options.no_list = true;
+    settings.socket_path = server.path() + "_missing";
+    const Outcome unsent = drop_id(options);
+    EXPECT_EQ(unsent.exit_code, 3);
+    EXPECT_THAT(unsent.err, Not(HasSubstr("is not known")));
+    settings.socket_path = server.path();
+    later_lines = {lines, {"garbage"}, {"garbage"}};
+    EXPECT_THAT(drop_id(of_id("3")).err, HasSubstr("What was dropped until then is not known"));
 }
 
 TEST_F(Commands, DropIdWithoutListNeedsNoList) {

@@ -156,6 +156,14 @@ TEST(ControlClient, SeveralRequestsGetTheirRepliesInOrder) {
     EXPECT_EQ(replies[2].command, "three");
 }
 
+TEST(ControlClient, AReplyThatKeepsComingMayTakeLongerThanSilence) {
+    for (const std::uint64_t silence_s : {0U, 1U, 5U, 60U, 61U, 1000U}) {
+        const std::uint64_t silence_us = silence_s * 1000000;
+        EXPECT_GT(longest_reply_us(silence_us), silence_us);
+    }
+    EXPECT_EQ(longest_reply_us(5000000), 60000000U);
+}
+
 TEST(Listing, OnlyConnectionPairsAreRead) {
     Listing listing;
     ASSERT_FALSE(read_listing({0,

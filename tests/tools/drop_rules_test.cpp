@@ -70,6 +70,19 @@ TEST(DropRules, ACandidateIsDroppedOnlyWhileTheListingHasItAsItWas) {
     EXPECT_THAT(judge_candidate(unnamed, {player})->message, testing::HasSubstr("there is no connection 5"));
 }
 
+TEST(DropRules, AClientThatHasChosenAStreamMeanwhileIsNotCalledAnother) {
+    const Connection unnamed = *parse_connection_line("5\t\t\t\t1\t2\t10.0.0.1:1");
+    const Connection named = *parse_connection_line("5\tcam1\tpublish\t\t1\t2\t10.0.0.1:1");
+    const std::optional<Failure> failure =
+        judge_drop({5, "", unnamed}, {0, "", "OK", {}}, {1, {named}}, {2, {named}});
+    ASSERT_TRUE(failure);
+    EXPECT_EQ(failure->exit_code, ExitCode::ANOTHER_CLIENT);
+    EXPECT_THAT(failure->message,
+                testing::StartsWith("the client was dropped, and had changed its stream meanwhile: id 5 was "
+                                    "without a stream from 10.0.0.1:1 when it was looked up, and publish of "
+                                    "'cam1' from 10.0.0.1:1 when it was dropped."));
+}
+
 TEST(DropRules, OnlyWhatBothListingsAgreeOnIsCertain) {
     const Connection meant = *parse_connection_line("5\tcam1\tplay\t\t1\t2\t10.0.0.1:1");
     const Connection other = *parse_connection_line("5\tcam1\tplay\t\t1\t2\t10.0.0.2:2");

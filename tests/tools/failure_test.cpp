@@ -27,15 +27,29 @@ TEST(Failure, EveryErrorHasItsExitCode) {
 
 TEST(Failure, AServerIsStartedOnlyForItsOwnSocket) {
     for (const comm_socket_v4_error error : {COMM_SOCKET_V4_NO_SOCKET, COMM_SOCKET_V4_REFUSED}) {
-        EXPECT_THAT(describe_failure(error, DEFAULT_SOCKET_PATH).message, HasSubstr("Start v9_rtmp_server"));
+        EXPECT_THAT(describe_failure(error, DEFAULT_SOCKET_PATH).message, HasSubstr("start v9_rtmp_server"));
         const std::string message = describe_failure(error, "/etc/passwd").message;
-        EXPECT_THAT(message, Not(HasSubstr("Start")));
+        EXPECT_THAT(message, Not(HasSubstr("start")));
         EXPECT_THAT(message, HasSubstr(std::string("v9_rtmp_server listens at ") + DEFAULT_SOCKET_PATH));
     }
     EXPECT_THAT(describe_failure(COMM_SOCKET_V4_REFUSED, "/etc/passwd").message,
                 HasSubstr("/etc/passwd is a file and not a socket."));
     EXPECT_THAT(describe_failure(COMM_SOCKET_V4_REFUSED, "/etc").message,
                 HasSubstr("is a directory and not a"));
+}
+
+// After a second start by mistake, the first server still runs without its socket.
+TEST(Failure, AServerIsStartedOnlyWhereNoneStillRuns) {
+    for (const comm_socket_v4_error error : {COMM_SOCKET_V4_NO_SOCKET, COMM_SOCKET_V4_REFUSED}) {
+        const std::string message = describe_failure(error, DEFAULT_SOCKET_PATH).message;
+        EXPECT_THAT(message, Not(HasSubstr("not running")));
+        EXPECT_THAT(message, HasSubstr("'v9_rtmp_ctl hello' shows whether a server still runs; if none does, "
+                                       "start v9_rtmp_server"));
+    }
+    const std::string still_there = no_server(DEFAULT_SOCKET_PATH, "process 7 listens. Stop it.").message;
+    EXPECT_TRUE(still_there.ends_with("; process 7 listens. Stop it.")) << still_there;
+    EXPECT_THAT(no_server(DEFAULT_SOCKET_PATH, "").message,
+                HasSubstr(". No server was found: start v9_rtmp_server"));
 }
 
 TEST(Failure, AShortTimeoutIsToldThatTheServerLooksTenTimesASecond) {

@@ -217,7 +217,8 @@ CLI::App* CommandParser::add(CLI::App& parent, const std::string& name, Subcomma
                              const std::string& text) {
     CLI::App* const command = parent.add_subcommand(name, text);
     command->fallthrough();
-    command->footer("\n'v9_rtmp_ctl help' has the options of every command, v9_rtmp_ctl(1) the rest.");
+    command->footer(
+        "\n'v9_rtmp_ctl help' has the options that every command takes, v9_rtmp_ctl(1) the rest.");
     if (subcommand != Subcommand::NONE) {
         command->callback([this, subcommand] { line.subcommand = subcommand; });
     }

@@ -53,8 +53,13 @@ Reply read_reply(const comm_socket_v4_packet* packet) {
 
 }  // namespace
 
+std::uint64_t longest_reply_us(std::uint64_t silence_us) {
+    constexpr std::uint64_t USUAL_US = 60000000;
+    return std::max(2 * silence_us, USUAL_US);
+}
+
 ControlClient::ControlClient(std::string path, std::uint64_t silence)
-    : socket_path(std::move(path)), silence_us(silence), total_us(std::max(silence, MAX_REPLY_US)) {}
+    : socket_path(std::move(path)), silence_us(silence), total_us(longest_reply_us(silence)) {}
 
 ControlClient::~ControlClient() {
     disconnect();
@@ -71,7 +76,7 @@ std::optional<Failure> ControlClient::fail(comm_socket_v4_error error) {
 }
 
 std::optional<Failure> ControlClient::fail_to_wait(comm_socket_v4_error error, std::uint64_t began_us) {
-    if (error == COMM_SOCKET_V4_TIMEOUT && total_us > silence_us && clock_us() - began_us >= total_us) {
+    if (error == COMM_SOCKET_V4_TIMEOUT && clock_us() - began_us >= total_us) {
         disconnect();
         return answer_too_long(total_us);
     }

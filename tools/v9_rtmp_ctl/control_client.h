@@ -28,13 +28,14 @@ struct Reply {
     std::vector<std::pair<std::string, std::string>> pairs;  // in the order sent; names may repeat
 };
 
-// How long a reply may take in all while its bytes keep coming (60 s).
-constexpr std::uint64_t MAX_REPLY_US = 60000000;
+// How long a reply may take in all while its bytes keep coming, when a pause may be silence_us: 60 s, or twice the pause
+// where that is more. So it is always told apart from silence.
+[[nodiscard]] std::uint64_t longest_reply_us(std::uint64_t silence_us);
 
 class ControlClient {
   public:
-    // A call fails when nothing of its reply comes for silence_us, and after MAX_REPLY_US or silence_us, whichever is
-    // longer. Connecting and sending fail after silence_us.
+    // A call fails when nothing of its reply comes for silence_us, and after longest_reply_us. Connecting and sending
+    // fail after silence_us.
     ControlClient(std::string path, std::uint64_t silence);
     ~ControlClient();
     ControlClient(const ControlClient&) = delete;

@@ -40,6 +40,9 @@ ExitCode print_outcomes(const Settings& settings, const std::vector<DropOutcome>
         }
         result.message = outcome.message;
     }
+    if (outcomes.size() > 1) {
+        result.message.reset();
+    }
     if (result.dropped != 0 || !result.uncertain_ids.empty()) {
         print_dropped(settings, result, lines);
     }

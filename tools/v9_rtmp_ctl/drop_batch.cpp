@@ -11,6 +11,11 @@ constexpr std::size_t MAX_BATCH_NAME_BYTES = COMM_SOCKET_V4_MAX_REQUEST_BYTES / 
 
 using Batch = std::vector<DropTarget>;
 
+// False where the server was not reached, or the request was refused here.
+bool may_have_been_sent(const Failure& failure) {
+    return failure.exit_code == ExitCode::NO_REPLY || failure.exit_code == ExitCode::NEGATIVE_ANSWER;
+}
+
 // Calls for each batch; ends with the first failure.
 template <typename Call>
 std::optional<Failure> for_each_batch(const Batch& targets, const Call& call) {
@@ -18,7 +23,9 @@ std::optional<Failure> for_each_batch(const Batch& targets, const Call& call) {
         const std::size_t count = count_batch(targets, idx);
         const auto begin = targets.begin() + static_cast<std::ptrdiff_t>(idx);
         if (std::optional<Failure> failure = call(Batch(begin, begin + static_cast<std::ptrdiff_t>(count)))) {
-            failure->message += " What was dropped until then is not known: look at 'v9_rtmp_ctl list'.";
+            if (idx > 0 || may_have_been_sent(*failure)) {
+                failure->message += " What was dropped until then is not known: look at 'v9_rtmp_ctl list'.";
+            }
             return failure;
         }
         idx += count;

@@ -84,10 +84,14 @@ std::optional<Failure> judge_drop(const DropTarget& target, const Reply& reply, 
                            describe(earlier) + ", after it " + describe(later) + "." + advice};
     }
     if (target.expected && !is_same_client(*target.expected, *earlier)) {
-        return Failure{ExitCode::ANOTHER_CLIENT, "another client was dropped: id " + id + " was " +
-                                                     describe(*target.expected) +
-                                                     " when it was looked up, and " + describe(*earlier) +
-                                                     " when it was dropped." + advice};
+        const bool has_only_moved_on =
+            target.expected->address == earlier->address && !earlier->address.empty();
+        return Failure{
+            ExitCode::ANOTHER_CLIENT,
+            std::string(has_only_moved_on ? "the client was dropped, and had changed its stream meanwhile"
+                                          : "another client was dropped") +
+                ": id " + id + " was " + describe(*target.expected) + " when it was looked up, and " +
+                describe(*earlier) + " when it was dropped." + advice};
     }
     return std::nullopt;
 }

@@ -19,48 +19,48 @@ std::string seconds_text(std::uint64_t us) {
     return text.str();
 }
 
-// Nobody listens, or there is no socket, at a path that is not the server's own.
-std::string other_path_advice() {
-    return std::string(" v9_rtmp_server listens at ") + DEFAULT_SOCKET_PATH +
-           ": leave out --socket and V9_RTMP_SOCKET, or name the path that its socket has here.";
-}
+constexpr const char* SOCKET = "a socket";
+constexpr const char* DIRECTORY = "a directory";
 
-Failure no_socket(const std::string& path, bool is_own) {
-    return {ExitCode::NOT_RUNNING, is_own ? "the server is not running: there is no socket at " + path +
-                                                ". Start v9_rtmp_server, or name its socket with --socket."
-                                          : "there is no socket at " + path + "." + other_path_advice()};
-}
-
-// What is at the path, if it is no socket: "a directory", or empty.
-std::string find_other_kind(const std::string& path) {
+// What is at the path; empty for nothing.
+std::string find_kind(const std::string& path) {
     struct stat status {};
-    if (stat(path.c_str(), &status) != 0 || S_ISSOCK(status.st_mode)) {
+    if (stat(path.c_str(), &status) != 0) {
         return "";
     }
-    return S_ISDIR(status.st_mode) ? "a directory" : S_ISREG(status.st_mode) ? "a file" : "a device or pipe";
-}
-
-Failure refused(const std::string& socket_path, bool is_own) {
-    const std::string path = escape_untrusted(socket_path);
-    const std::string kind = find_other_kind(socket_path);
-    if (!is_own) {
-        return {ExitCode::NOT_RUNNING, (kind.empty() ? "nobody listens at " + path + "."
-                                                     : path + " is " + kind + " and not a socket.") +
-                                           other_path_advice()};
+    if (S_ISSOCK(status.st_mode)) {
+        return SOCKET;
     }
-    if (kind == "a directory") {
-        return {ExitCode::NOT_RUNNING, "the server is not running: " + path +
-                                           " is a directory and not a socket. Remove it, then start "
-                                           "v9_rtmp_server."};
-    }
-    return {ExitCode::NOT_RUNNING,
-            "the server is not running: " +
-                (kind.empty() ? "nobody listens at " + path : path + " is " + kind + " and not a socket") +
-                ". Start v9_rtmp_server, which replaces what was left over there, or name its socket with "
-                "--socket."};
+    return S_ISDIR(status.st_mode) ? DIRECTORY : S_ISREG(status.st_mode) ? "a file" : "a device or pipe";
 }
 
 }  // namespace
+
+Failure no_server(const std::string& socket_path, const std::optional<std::string>& listeners) {
+    const std::string path = escape_untrusted(socket_path);
+    const std::string kind = find_kind(socket_path);
+    std::string fact = path + " is " + kind + " and not a socket";
+    if (kind.empty()) {
+        fact = "there is no socket at " + path;
+    } else if (kind == SOCKET) {
+        fact = "nothing listens at " + path;
+    }
+    if (socket_path != DEFAULT_SOCKET_PATH) {
+        return {ExitCode::NOT_RUNNING,
+                fact + ". v9_rtmp_server listens at " + DEFAULT_SOCKET_PATH +
+                    ": leave out --socket and V9_RTMP_SOCKET, or name the path that its socket has here."};
+    }
+    if (listeners && !listeners->empty()) {
+        return {ExitCode::NOT_RUNNING, fact + "; " + *listeners};
+    }
+    const std::string start = kind == DIRECTORY ? "remove the directory, then start v9_rtmp_server."
+                                                : "start v9_rtmp_server, or name its socket with --socket.";
+    return {ExitCode::NOT_RUNNING,
+            fact +
+                (listeners ? ". No server was found: "
+                           : ". 'v9_rtmp_ctl hello' shows whether a server still runs; if none does, ") +
+                start};
+}
 
 Failure no_answer(std::uint64_t silence_us) {
     const std::string what = "the server did not answer in time (" + seconds_text(silence_us) + "). ";
@@ -86,12 +86,10 @@ Failure answer_too_long(std::uint64_t total_us) {
 
 Failure describe_failure(comm_socket_v4_error error, const std::string& socket_path) {
     const std::string path = escape_untrusted(socket_path);
-    const bool is_own = socket_path == DEFAULT_SOCKET_PATH;
     switch (error) {
         case COMM_SOCKET_V4_NO_SOCKET:
-            return no_socket(path, is_own);
         case COMM_SOCKET_V4_REFUSED:
-            return refused(socket_path, is_own);
+            return no_server(socket_path);
         case COMM_SOCKET_V4_PERMISSION:
             return {ExitCode::PERMISSION,
                     "permission to use " + path +

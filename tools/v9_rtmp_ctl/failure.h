@@ -12,7 +12,7 @@ enum class ExitCode : int {
     DONE = 0,
     NEGATIVE_ANSWER = 1,  // the server answered with an error status, or nothing matched
     USAGE = 2,
-    NOT_RUNNING = 3,  // no socket, or nobody listens at it
+    NOT_RUNNING = 3,  // no socket, or nothing listens at it
     PERMISSION = 4,
     NO_REPLY = 5,        // time-out, or a reply that cannot be read
     ANOTHER_CLIENT = 6,  // a drop was carried out that may have hit another client
@@ -28,6 +28,11 @@ struct Failure {
 // What an error of the control library means to the user. error is neither COMM_SOCKET_V4_OK nor
 // COMM_SOCKET_V4_TIMEOUT. Looks at what is at the path.
 [[nodiscard]] Failure describe_failure(comm_socket_v4_error error, const std::string& socket_path);
+
+// No server answers at the path. Looks at what is there. listeners says what listens on the server's port all the same,
+// empty for nothing; it counts only at the server's own path. Without it the advice is to look with hello.
+[[nodiscard]] Failure no_server(const std::string& socket_path,
+                                const std::optional<std::string>& listeners = std::nullopt);
 
 // Nothing came for that long.
 [[nodiscard]] Failure no_answer(std::uint64_t silence_us);

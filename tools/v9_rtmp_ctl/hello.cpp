@@ -27,6 +27,9 @@ void print_greeting(const Settings& settings, const Greeting& greeting, const Po
         case OutputForm::PLAIN:
             std::cout << escape_untrusted(greeting.text) << '\t' << milliseconds(greeting.round_trip_us)
                       << '\n';
+            if (!settings.quiet && !port.gap.empty()) {
+                static_cast<void>(report({ExitCode::DONE, port.gap}));
+            }
             break;
         case OutputForm::JSON:
             std::cout << hello_json(greeting) << '\n';
@@ -34,14 +37,12 @@ void print_greeting(const Settings& settings, const Greeting& greeting, const Po
     }
 }
 
-ExitCode report_no_server(const Failure& failure) {
-    const ExitCode exit_code = report(failure);
-    const std::string listeners =
-        exit_code == ExitCode::NOT_RUNNING ? describe_listeners_without_answer() : std::string();
-    if (!listeners.empty()) {
-        static_cast<void>(report({exit_code, listeners}));
-    }
-    return exit_code;
+// What listens on the server's port has to do only with the server's own socket.
+ExitCode report_unconnected(const Settings& settings, const Failure& failure) {
+    const bool looks_further =
+        failure.exit_code == ExitCode::NOT_RUNNING && settings.socket_path == DEFAULT_SOCKET_PATH;
+    return report(looks_further ? no_server(settings.socket_path, describe_listeners_without_answer())
+                                : failure);
 }
 
 }  // namespace
@@ -49,7 +50,7 @@ ExitCode report_no_server(const Failure& failure) {
 ExitCode run_hello(const Settings& settings) {
     ControlClient client(settings.socket_path, settings.timeout_us());
     if (const std::optional<Failure> failure = client.connect()) {
-        return report_no_server(*failure);
+        return report_unconnected(settings, *failure);
     }
     const std::uint64_t sent_us = clock_us();
     Reply reply;

@@ -2,10 +2,10 @@
 //
 //   [usual] --open, resume--> [taken] --close, suspend, destructor--> [usual]
 //
-// However the owner is left, by return or by exception, the terminal is as it was before. One that takes no output is
-// left within half a second; what it has not shown yet is thrown away then. Signals that would
-// end or stop the process are held back meanwhile and told by read_signals instead. A process in the background
-// takes nothing: it is stopped until it is brought to the foreground. One at a time; one thread.
+// However the owner is left, by return or by exception, the terminal is as it was before. A terminal that takes no
+// output is left within half a second; what it has not shown yet is thrown away then. Signals that would end or stop
+// the process are held back meanwhile and told by read_signals instead. A process in the background takes nothing: it
+// is stopped until it is brought to the foreground. One at a time; one thread.
 #pragma once
 
 #include <termios.h>

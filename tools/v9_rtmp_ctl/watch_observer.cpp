@@ -51,7 +51,7 @@ void WatchObserver::begin(WatchModel& model, Task next_task, const std::vector<R
     replies.clear();
     awaited = requests.size();
     silent_until_us = now_us + silence_us;
-    give_up_us = now_us + std::max(silence_us, MAX_REPLY_US);
+    give_up_us = now_us + longest_reply_us(silence_us);
     if (const std::optional<Failure> failure = client.start(requests)) {
         fail(model, *failure);
     }
@@ -69,8 +69,8 @@ void WatchObserver::fail(WatchModel& model, const Failure& failure) {
 
 bool WatchObserver::keep_time(WatchModel& model, std::uint64_t now_us) {
     if (task != Task::NONE && now_us >= std::min(silent_until_us, give_up_us)) {
-        fail(model, now_us >= give_up_us && give_up_us > silent_until_us ? answer_too_long(MAX_REPLY_US)
-                                                                         : no_answer(silence_us));
+        fail(model, give_up_us < silent_until_us ? answer_too_long(longest_reply_us(silence_us))
+                                                 : no_answer(silence_us));
         return true;
     }
     if (task != Task::NONE || model.paused || now_us < next_us) {
