@@ -205,8 +205,7 @@ void serve_clients(comm_socket_v4* server, std::uint64_t stall_limit_us, std::si
     std::array<comm_socket_v4_client*, COMM_SOCKET_V4_MAX_CLIENTS> order{};
     const auto end = std::transform(server->clients.begin(), server->clients.end(), order.begin(),
                                     [](auto& client) { return &client; });
-    std::stable_sort(order.begin(), end,
-                     [](const auto* a, const auto* b) { return a->last_turn < b->last_turn; });
+    std::sort(order.begin(), end, [](const auto* a, const auto* b) { return a->last_turn < b->last_turn; });
     std::for_each(order.begin(), end,
                   [=](auto* client) { serve_client(client, stall_limit_us, read_budget, write_budget); });
 }
