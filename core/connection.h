@@ -2,8 +2,8 @@
 //
 // 1. The main thread creates, services and frees connections. Each has a reader thread and a writer thread of
 //    its own, which end by themselves or by cancellation and are joined by the main thread.
-// 2. `mutex` guards the two queues, and how many messages were taken from one, and nothing else. On the connection's own threads nothing prints, sleeps
-//    or calls a socket while holding it.
+// 2. `mutex` guards the two queues, and how many messages were taken from one, and nothing else. On the connection's
+//    own threads nothing prints, sleeps or calls a socket while holding it.
 // 3. Only the main thread holds two of these mutexes: the publisher's, then one player's.
 // 4. Other connections are named by slot index, never by pointer; nothing outside points into a connection.
 // 5. The fields stand in groups by who may touch them; the clang build checks those that are annotated.
