@@ -1,9 +1,9 @@
-// Annotations by which clang checks, at compile time, who may touch what (the clang preset makes them
-// errors). Other compilers see nothing.
+// Annotations for clang's thread safety analysis, which checks at compile time which thread may touch what.
+// The clang preset turns its findings into errors. Other compilers ignore the annotations.
 //
-// Two kinds of capability are checked: mutexes, and roles. A role is a thread: holding the role means running
-// on that thread. The main thread's role is global; each connection has a role for its reader and its writer
-// thread.
+// There are two kinds of capability: mutexes and roles. A role stands for a thread: holding the role means
+// running on that thread. The main thread's role is global; each connection has one role for its reader
+// thread and one for its writer thread.
 #pragma once
 
 #if defined(__clang__)
@@ -27,9 +27,9 @@ class CAPABILITY("role") ThreadRole {};
 // The thread that runs main().
 inline constexpr ThreadRole MAIN_THREAD{};
 
-// Behind a function's parameters: only the main thread may call it.
+// Placed after a function's parameters: only the main thread may call the function.
 #define ON_MAIN_THREAD REQUIRES(MAIN_THREAD)
 
-// Says to the checker that this thread has the role from here on. Called once, where the thread begins.
+// Tells the checker that this thread holds the role from here on. Called once, at the start of the thread.
 inline void assume_role(const ThreadRole& role) ASSERT_CAPABILITY(role);
 inline void assume_role(const ThreadRole& /*role*/) {}
