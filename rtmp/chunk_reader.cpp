@@ -91,6 +91,6 @@ bool RTMPConnection::rtmp_read_packet(RTMP_Packet& pkt) {
             return false;
         }
     }
-    dump_for_debugging(pkt);
+    dump_read_packet(pkt);
     return true;
 }

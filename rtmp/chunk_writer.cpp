@@ -190,7 +190,7 @@ bool RTMPConnection::rtmp_send_packet() {
         usleep(IDLE_SLEEP_US);
         return true;
     }
-    dump_for_debugging(out_batch.front(), "Sending:\n");  // A batch is one message then.
+    dump_packet_to_send(out_batch.front());  // A batch is one message then.
     if (!send_batch(*this)) {
         return false;
     }
