@@ -1,9 +1,8 @@
 // Annotations for clang's thread safety analysis, which checks at compile time which thread may touch what.
 // The clang preset turns its findings into errors. Other compilers ignore the annotations.
 //
-// There are two kinds of capability: mutexes and roles. A role stands for a thread: holding the role means
-// running on that thread. The main thread's role is global; each connection has one role for its reader
-// thread and one for its writer thread.
+// There are two kinds of capability: mutexes and roles. A role stands for a kind of thread: holding the role
+// means running on such a thread. A reader or writer thread uses no connection but its own.
 #pragma once
 
 #if defined(__clang__)
@@ -24,12 +23,16 @@
 
 class CAPABILITY("role") ThreadRole {};
 
-// The thread that runs main().
-inline constexpr ThreadRole MAIN_THREAD{};
+inline constexpr ThreadRole MAIN_THREAD{};    // the thread that runs main()
+inline constexpr ThreadRole READER_THREAD{};  // a connection's reader
+inline constexpr ThreadRole WRITER_THREAD{};  // a connection's writer
 
-// Placed after a function's parameters: only the main thread may call the function.
+// Placed after a function's parameters: only such a thread may call the function.
 #define ON_MAIN_THREAD REQUIRES(MAIN_THREAD)
+#define ON_READER_THREAD REQUIRES(READER_THREAD)
+#define ON_WRITER_THREAD REQUIRES(WRITER_THREAD)
 
-// Tells the checker that this thread holds the role from here on. Called once, at the start of the thread.
+// Tells the checker that this thread holds the role from here on. Called at the start of a thread, and where
+// another thread does the role's work exclusively.
 inline void assume_role(const ThreadRole& role) ASSERT_CAPABILITY(role);
 inline void assume_role(const ThreadRole& /*role*/) {}
