@@ -62,12 +62,15 @@ comm_socket_v4_error wait_for(int fd, short events, std::uint64_t deadline_us) {
         const int left_ms = comm_socket::poll_time_left_ms(deadline_us);
         pollfd entry = {fd, events, 0};
         const int ready = poll(&entry, 1, left_ms);
-        if (ready > 0)
+        if (ready > 0) {
             return COMM_SOCKET_V4_OK;
-        if (ready == 0 && comm_socket::now_us() >= deadline_us)
+        }
+        if (ready == 0 && comm_socket::now_us() >= deadline_us) {
             return COMM_SOCKET_V4_TIMEOUT;
-        if (ready < 0 && errno != EINTR)
+        }
+        if (ready < 0 && errno != EINTR) {
             return COMM_SOCKET_V4_SYSTEM;
+        }
     }
 }
 
@@ -90,15 +93,19 @@ comm_socket_v4_error connect_error(int error) {
 
 comm_socket_v4_error connect_until(int fd, const sockaddr_un& address, std::uint64_t deadline_us) {
     for (;;) {
-        if (connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0)
+        if (connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
             return COMM_SOCKET_V4_OK;
-        if (errno == EINTR)
+        }
+        if (errno == EINTR) {
             continue;
-        if (!would_block(errno))
+        }
+        if (!would_block(errno)) {
             return connect_error(errno);
+        }
         // The server's backlog is full. No event reports room in it, so try again a little later.
-        if (comm_socket::now_us() >= deadline_us)
+        if (comm_socket::now_us() >= deadline_us) {
             return COMM_SOCKET_V4_TIMEOUT;
+        }
         poll(nullptr, 0, FULL_BACKLOG_RETRY_MS);
     }
 }
@@ -145,12 +152,15 @@ comm_socket_v4_error receive_some(comm_socket_v4_connection* connection, std::ui
         const bool is_between_frames = connection->input.size() == 0;
         return fail(connection, is_between_frames ? COMM_SOCKET_V4_CLOSED : COMM_SOCKET_V4_BROKEN_FRAME);
     }
-    if (would_block(errno))
+    if (would_block(errno)) {
         return wait_for(connection->fd, POLLIN, deadline_us);
-    if (errno == EINTR)
+    }
+    if (errno == EINTR) {
         return COMM_SOCKET_V4_OK;
-    if (errno == ECONNRESET)
+    }
+    if (errno == ECONNRESET) {
         return fail(connection, COMM_SOCKET_V4_CLOSED);
+    }
     return COMM_SOCKET_V4_SYSTEM;
 }
 
@@ -168,10 +178,12 @@ comm_socket_v4_error find_reply(comm_socket_v4_connection* connection, std::uint
         }
         comm_socket::FrameHead head;
         comm_socket::FrameText text;
-        if (!connection->input.take(&head, &text))
+        if (!connection->input.take(&head, &text)) {
             return fail(connection, COMM_SOCKET_V4_BROKEN_FRAME);
-        if ((head.flags & COMM_SOCKET_V4_REQUEST) != 0 || head.request_id != request_id)
+        }
+        if ((head.flags & COMM_SOCKET_V4_REQUEST) != 0 || head.request_id != request_id) {
             continue;
+        }
         *reply = comm_socket::make_packet(head, std::move(text));
         return COMM_SOCKET_V4_OK;
     }
@@ -322,14 +334,16 @@ comm_socket_v4_connection* comm_socket_v4_connect(const char* path, uint64_t tim
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     result = COMM_SOCKET_V4_BAD_ARGUMENT;
-    if (path == nullptr || *path == '\0' || std::strlen(path) >= sizeof address.sun_path)
+    if (path == nullptr || *path == '\0' || std::strlen(path) >= sizeof address.sun_path) {
         return nullptr;
+    }
     std::memcpy(address.sun_path, path, std::strlen(path));
 
     result = COMM_SOCKET_V4_SYSTEM;
     const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    if (fd < 0)
+    if (fd < 0) {
         return nullptr;
+    }
     result = connect_until(fd, address, deadline_us);
     if (result == COMM_SOCKET_V4_OK) {
         try {

@@ -45,12 +45,14 @@ ClientLink::~ClientLink() {
 }
 
 void ClientLink::close_socket(int error) {
-    if (fd < 0)
+    if (fd < 0) {
         return;
+    }
     close(fd);
     fd = -1;
-    if (reply_errno == 0)
+    if (reply_errno == 0) {
         reply_errno = error;
+    }
     output.clear();
     front_written_bytes = 0;
     behind_front_bytes = 0;
@@ -75,8 +77,9 @@ bool ClientLink::wants_to_read() const {
 }
 
 void ClientLink::read_some(std::uint64_t now, std::size_t* budget_bytes) {
-    if (fd < 0)
+    if (fd < 0) {
         return;
+    }
     std::size_t share = std::min(READ_SHARE_BYTES, *budget_bytes);
     bool drained = false;
     while (!input_ended && !drained && share > 0 && wants_to_read()) {
@@ -105,10 +108,12 @@ void ClientLink::test_input_after_reading(std::uint64_t now, bool drained) {
         drop(ECONNRESET);
         return;
     }
-    if (input_ended && state == FrameState::INCOMPLETE)
+    if (input_ended && state == FrameState::INCOMPLETE) {
         input.clear();
-    if (fd >= 0 && ((input_ended && peer_is_gone(fd)) || (drained && reply_errno != 0)))
+    }
+    if (fd >= 0 && ((input_ended && peer_is_gone(fd)) || (drained && reply_errno != 0))) {
         close_socket(EPIPE);
+    }
 
     if (state == FrameState::COMPLETE || input.size() == 0) {
         frame_started_us = 0;
@@ -130,8 +135,9 @@ bool ClientLink::take_request(FrameHead* head, FrameText* text) {
 }
 
 void ClientLink::finish() {
-    if (fd >= 0 && input_ended && !has_complete_frame() && output.empty())
+    if (fd >= 0 && input_ended && !has_complete_frame() && output.empty()) {
         close_socket(EPIPE);
+    }
 }
 
 bool ClientLink::can_queue() const {
@@ -183,8 +189,9 @@ bool ClientLink::write_once(std::size_t limit_bytes, std::size_t* written) {
         remove_written(*written);
         return true;
     }
-    if (errno == EINTR)
+    if (errno == EINTR) {
         return true;
+    }
     if (!would_block(errno)) {
         // The socket stays open for reading: requests sent before the disconnect are still valid.
         reply_errno = errno;
@@ -206,8 +213,9 @@ void ClientLink::remove_written(std::size_t bytes) {
         bytes -= front_left;
         front_written_bytes = 0;
         output.pop_front();
-        if (!output.empty())
+        if (!output.empty()) {
             behind_front_bytes -= output.front().size();
+        }
     }
 }
 
@@ -219,11 +227,13 @@ void ClientLink::write_some(std::uint64_t now, std::uint64_t stall_limit_us, std
         blocked = !write_once(share, &written);
         share -= written;
         *budget_bytes -= written;
-        if (written > 0)
+        if (written > 0) {
             write_progress_us = now;
+        }
     }
-    if (blocked && !output.empty() && now - write_progress_us >= stall_limit_us)
+    if (blocked && !output.empty() && now - write_progress_us >= stall_limit_us) {
         drop(ETIMEDOUT);
+    }
 }
 
 void ClientLink::wait_until_writable(std::uint64_t deadline_us) {
@@ -231,16 +241,19 @@ void ClientLink::wait_until_writable(std::uint64_t deadline_us) {
     while (fd >= 0) {
         std::size_t budget = WRITE_SHARE_BYTES;
         write_some(now_us(), COMM_SOCKET_V4_CLIENT_TIMEOUT_US, &budget);
-        if (reply_errno != 0 || can_queue())
+        if (reply_errno != 0 || can_queue()) {
             return;
+        }
         const int left_ms = poll_time_left_ms(deadline_us);
-        if (left_ms == 0)
+        if (left_ms == 0) {
             break;
+        }
         pollfd entry = {fd, POLLOUT, 0};
         poll(&entry, 1, left_ms);
     }
-    if (fd >= 0 && written_bytes == written_before)
+    if (fd >= 0 && written_bytes == written_before) {
         drop(ETIMEDOUT);
+    }
 }
 
 }  // namespace comm_socket

@@ -20,8 +20,9 @@ inline std::uint64_t deadline_after(std::uint64_t timeout_us) {
 // the deadline has passed.
 inline int poll_time_left_ms(std::uint64_t deadline_us) {
     const std::uint64_t now = now_us();
-    if (deadline_us <= now)
+    if (deadline_us <= now) {
         return 0;
+    }
     const std::uint64_t left_ms = (deadline_us - now - 1) / 1000 + 1;
     return static_cast<int>(std::min<std::uint64_t>(left_ms, INT_MAX));
 }

@@ -16,8 +16,9 @@ FrameState FrameBuffer::state() const {
     std::size_t body_bytes = 0;
     const FrameState header =
         decode_header(bytes.data() + start, bytes.data() + bytes.size(), limits, &body_bytes);
-    if (header == FrameState::COMPLETE && size() - FRAME_HEADER_BYTES < body_bytes)
+    if (header == FrameState::COMPLETE && size() - FRAME_HEADER_BYTES < body_bytes) {
         return FrameState::INCOMPLETE;
+    }
     return header;
 }
 
@@ -28,14 +29,17 @@ bool FrameBuffer::peek(FrameHead* head) const {
 bool FrameBuffer::take(FrameHead* head, FrameText* text) {
     const unsigned char* s = bytes.data() + start;
     std::size_t body_bytes = 0;
-    if (decode_header(s, bytes.data() + bytes.size(), limits, &body_bytes) != FrameState::COMPLETE)
+    if (decode_header(s, bytes.data() + bytes.size(), limits, &body_bytes) != FrameState::COMPLETE) {
         return false;
+    }
     s += FRAME_HEADER_BYTES;
-    if (!decode_body(s, s + body_bytes, limits, head, text))
+    if (!decode_body(s, s + body_bytes, limits, head, text)) {
         return false;
+    }
     start += FRAME_HEADER_BYTES + body_bytes;
-    if (size() == 0)
+    if (size() == 0) {
         clear();
+    }
     return true;
 }
 

@@ -39,8 +39,9 @@ int refuse(int error) {
 // Returns 0 if the packet is being written and has room for added bytes, otherwise an errno. The sum cannot
 // overflow, because is_too_long refuses strings above the limit.
 int test_writable(const comm_socket_v4_packet* packet, std::uint64_t added) {
-    if (packet == nullptr || packet->content->state != PacketState::WRITING)
+    if (packet == nullptr || packet->content->state != PacketState::WRITING) {
         return EINVAL;
+    }
     return packet->content->body_bytes + added > REPLY_LIMITS.body_bytes ? EMSGSIZE : 0;
 }
 
@@ -49,14 +50,17 @@ bool is_too_long(std::string_view string) {
 }
 
 int write_argument(comm_socket_v4_packet* packet, const std::optional<std::string_view>& argument) {
-    if (argument && is_too_long(*argument))
+    if (argument && is_too_long(*argument)) {
         return refuse(EMSGSIZE);
+    }
     const std::uint64_t added = encoded_argument_bytes(argument);
-    if (const int error = test_writable(packet, added); error != 0)
+    if (const int error = test_writable(packet, added); error != 0) {
         return refuse(error);
+    }
     auto& arguments = packet->content->text->arguments;
-    if (arguments.size() >= REPLY_LIMITS.arguments)
+    if (arguments.size() >= REPLY_LIMITS.arguments) {
         return refuse(EMSGSIZE);
+    }
     try {
         arguments.emplace_back(argument);
     } catch (const std::exception&) {
@@ -67,14 +71,17 @@ int write_argument(comm_socket_v4_packet* packet, const std::optional<std::strin
 }
 
 int write_pair(comm_socket_v4_packet* packet, std::string_view name, std::string_view value) {
-    if (is_too_long(name) || is_too_long(value))
+    if (is_too_long(name) || is_too_long(value)) {
         return refuse(EMSGSIZE);
+    }
     const std::uint64_t added = encoded_pair_bytes(name, value);
-    if (const int error = test_writable(packet, added); error != 0)
+    if (const int error = test_writable(packet, added); error != 0) {
         return refuse(error);
+    }
     auto& pairs = packet->content->text->pairs;
-    if (pairs.size() >= REPLY_LIMITS.pairs)
+    if (pairs.size() >= REPLY_LIMITS.pairs) {
         return refuse(EMSGSIZE);
+    }
     try {
         pairs.emplace_back(name, value);
     } catch (const std::exception&) {
@@ -94,21 +101,24 @@ std::string_view view_bytes(const void* bytes, size_t length) {
 }
 
 const std::string* argument_at(const comm_socket_v4_packet* packet, size_t idx) {
-    if (packet == nullptr || idx >= packet->content->text->arguments.size())
+    if (packet == nullptr || idx >= packet->content->text->arguments.size()) {
         return nullptr;
+    }
     const auto& argument = packet->content->text->arguments[idx];
     return argument ? &*argument : nullptr;
 }
 
 const std::string* pair_name_at(const comm_socket_v4_packet* packet, size_t idx) {
-    if (packet == nullptr || idx >= packet->content->text->pairs.size())
+    if (packet == nullptr || idx >= packet->content->text->pairs.size()) {
         return nullptr;
+    }
     return &packet->content->text->pairs[idx].first;
 }
 
 const std::string* pair_value_at(const comm_socket_v4_packet* packet, size_t idx) {
-    if (packet == nullptr || idx >= packet->content->text->pairs.size())
+    if (packet == nullptr || idx >= packet->content->text->pairs.size()) {
         return nullptr;
+    }
     return &packet->content->text->pairs[idx].second;
 }
 
@@ -135,8 +145,9 @@ comm_socket_v4_packet* comm_socket_v4_packet_create(void) {
 }
 
 comm_socket_v4_packet* comm_socket_v4_packet_release(comm_socket_v4_packet* packet) {
-    if (packet == nullptr)
+    if (packet == nullptr) {
         return nullptr;
+    }
     comm_socket_v4_content* content = packet->content;
     if (content->held != nullptr) {
         content->held->erase(content->position);
@@ -148,13 +159,15 @@ comm_socket_v4_packet* comm_socket_v4_packet_release(comm_socket_v4_packet* pack
 }
 
 void comm_socket_v4_packet_make_response(comm_socket_v4_packet* packet) {
-    if (packet != nullptr)
+    if (packet != nullptr) {
         packet->flags &= ~COMM_SOCKET_V4_REQUEST;
+    }
 }
 
 void comm_socket_v4_packet_set_async(comm_socket_v4_packet* packet, int async) {
-    if (packet == nullptr)
+    if (packet == nullptr) {
         return;
+    }
     if (async != 0) {
         packet->flags |= COMM_SOCKET_V4_ASYNC;
     } else {
@@ -164,15 +177,17 @@ void comm_socket_v4_packet_set_async(comm_socket_v4_packet* packet, int async) {
 
 int comm_socket_v4_packet_begin_writing(comm_socket_v4_packet* packet, int reserved, const char* command,
                                         const char* message) {
-    if (packet == nullptr || reserved != 0 || command == nullptr || message == nullptr)
+    if (packet == nullptr || reserved != 0 || command == nullptr || message == nullptr) {
         return comm_socket::refuse(EINVAL);
+    }
     try {
         auto text = std::make_shared<comm_socket::FrameText>();
         text->command = command;
         text->message = message;
         const std::uint64_t body_bytes = comm_socket::encoded_body_bytes(*text);
-        if (body_bytes > comm_socket::REPLY_LIMITS.body_bytes)
+        if (body_bytes > comm_socket::REPLY_LIMITS.body_bytes) {
             return comm_socket::refuse(EMSGSIZE);
+        }
         packet->content->text = std::move(text);
         packet->content->body_bytes = body_bytes;
         packet->content->state = PacketState::WRITING;
@@ -183,35 +198,40 @@ int comm_socket_v4_packet_begin_writing(comm_socket_v4_packet* packet, int reser
 }
 
 int comm_socket_v4_packet_write_argv(comm_socket_v4_packet* packet, const char* argument) {
-    if (argument == nullptr)
+    if (argument == nullptr) {
         return comm_socket::write_argument(packet, std::nullopt);
+    }
     return comm_socket::write_argument(packet, std::string_view(argument));
 }
 
 int comm_socket_v4_packet_write_argv_bytes(comm_socket_v4_packet* packet, const void* argument,
                                            size_t length) {
-    if (!comm_socket::is_bytes(argument, length))
+    if (!comm_socket::is_bytes(argument, length)) {
         return comm_socket::refuse(EINVAL);
+    }
     return comm_socket::write_argument(packet, comm_socket::view_bytes(argument, length));
 }
 
 int comm_socket_v4_packet_write_nv_pair(comm_socket_v4_packet* packet, const char* name, const char* value) {
-    if (name == nullptr || value == nullptr)
+    if (name == nullptr || value == nullptr) {
         return comm_socket::refuse(EINVAL);
+    }
     return comm_socket::write_pair(packet, name, value);
 }
 
 int comm_socket_v4_packet_write_nv_pair_bytes(comm_socket_v4_packet* packet, const void* name,
                                               size_t name_length, const void* value, size_t value_length) {
-    if (!comm_socket::is_bytes(name, name_length) || !comm_socket::is_bytes(value, value_length))
+    if (!comm_socket::is_bytes(name, name_length) || !comm_socket::is_bytes(value, value_length)) {
         return comm_socket::refuse(EINVAL);
+    }
     return comm_socket::write_pair(packet, comm_socket::view_bytes(name, name_length),
                                    comm_socket::view_bytes(value, value_length));
 }
 
 int comm_socket_v4_packet_write_end(comm_socket_v4_packet* packet) {
-    if (packet == nullptr || packet->content->state != PacketState::WRITING)
+    if (packet == nullptr || packet->content->state != PacketState::WRITING) {
         return comm_socket::refuse(EINVAL);
+    }
     packet->content->state = PacketState::COMPLETE;
     return 0;
 }

@@ -22,14 +22,16 @@ void append_quoted(std::string* out, std::string_view text) {
             *out += HEX[byte >> 4];
             *out += HEX[byte & 15];
         } else {
-            if (character == '"' || character == '\\')
+            if (character == '"' || character == '\\') {
                 *out += '\\';
+            }
             *out += character;
         }
     }
     *out += '"';
-    if (text.size() > SHOWN_BYTES)
+    if (text.size() > SHOWN_BYTES) {
         *out += "... (" + std::to_string(text.size()) + " bytes)";
+    }
 }
 
 void append_line(std::string* out, std::string_view name, std::string_view text) {
@@ -44,12 +46,13 @@ std::string dump(const comm_socket_v4_packet* packet) {
     const FrameText& text = *packet->content->text;
     const bool is_request = (packet->flags & COMM_SOCKET_V4_REQUEST) != 0;
     std::string out = is_request ? "Packet: request" : "Packet: response";
-    if ((packet->flags & COMM_SOCKET_V4_ASYNC) != 0)
+    if ((packet->flags & COMM_SOCKET_V4_ASYNC) != 0) {
         out += ", async";
+    }
     out += ", id " + std::to_string(packet->request_id) + ", status " + std::to_string(packet->status) + '\n';
     append_line(&out, "command", text.command);
     append_line(&out, "message", text.message);
-    for (std::size_t i = 0; i < text.arguments.size(); i++) {
+    for (std::size_t i = 0; i < text.arguments.size(); ++i) {
         const std::string name = "argument " + std::to_string(i);
         if (text.arguments[i]) {
             append_line(&out, name, *text.arguments[i]);
@@ -57,15 +60,16 @@ std::string dump(const comm_socket_v4_packet* packet) {
             out += "  " + name + " is absent\n";
         }
     }
-    for (std::size_t i = 0; i < std::min(text.pairs.size(), SHOWN_PAIRS); i++) {
+    for (std::size_t i = 0; i < std::min(text.pairs.size(), SHOWN_PAIRS); ++i) {
         out += "  pair ";
         append_quoted(&out, text.pairs[i].first);
         out += " = ";
         append_quoted(&out, text.pairs[i].second);
         out += '\n';
     }
-    if (text.pairs.size() > SHOWN_PAIRS)
+    if (text.pairs.size() > SHOWN_PAIRS) {
         out += "  ... (" + std::to_string(text.pairs.size()) + " pairs)\n";
+    }
     return out;
 }
 
@@ -73,8 +77,9 @@ std::string dump(const comm_socket_v4_packet* packet) {
 }  // namespace comm_socket
 
 void comm_socket_v4_packet_dump_user_friendly(const comm_socket_v4_packet* packet, FILE* stream) {
-    if (packet == nullptr || stream == nullptr)
+    if (packet == nullptr || stream == nullptr) {
         return;
+    }
     try {
         // A single write, so that lines of other threads do not interleave.
         const std::string text = comm_socket::dump(packet);

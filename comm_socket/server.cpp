@@ -105,8 +105,9 @@ bool is_listening(int fd) {
 // Returns a listening socket at address. On failure returns -1 with errno, and the path is not this server's.
 int listen_at(const sockaddr_un& address, struct stat* identity) {
     const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    if (fd < 0)
+    if (fd < 0) {
         return -1;
+    }
     // Set the mode on the socket first, so that the path never has wider permissions.
     bool is_bound = false;
     if (fchmod(fd, SOCKET_MODE) == 0 && (unlink(address.sun_path) == 0 || errno == ENOENT) &&
@@ -114,12 +115,14 @@ int listen_at(const sockaddr_un& address, struct stat* identity) {
         is_bound = true;
         // Then set it on the path, because bind applied the umask.
         if (chmod(address.sun_path, SOCKET_MODE) == 0 && lstat(address.sun_path, identity) == 0 &&
-            listen(fd, BACKLOG) == 0)
+            listen(fd, BACKLOG) == 0) {
             return fd;
+        }
     }
     const int error = errno;
-    if (is_bound)
+    if (is_bound) {
         unlink(address.sun_path);
+    }
     close(fd);
     return refuse(error);
 }
@@ -261,8 +264,9 @@ comm_socket_v4_packet* take_request(comm_socket_v4_client* client) {
     try {
         comm_socket::FrameHead head;
         comm_socket::FrameText text;
-        if (!client->link.take_request(&head, &text))
+        if (!client->link.take_request(&head, &text)) {
             return nullptr;
+        }
         packet = comm_socket::make_packet(head, std::move(text));
         comm_socket::hold_request(packet, &client->server->held, client->unreleased);
     } catch (const std::exception&) {
@@ -347,22 +351,26 @@ comm_socket_v4* comm_socket_v4_create(void) {
 }
 
 int comm_socket_v4_create_server(comm_socket_v4* server, const char* path) {
-    if (server == nullptr || path == nullptr || *path == '\0')
+    if (server == nullptr || path == nullptr || *path == '\0') {
         return refuse(EINVAL);
-    if (server->listen_fd >= 0)
+    }
+    if (server->listen_fd >= 0) {
         return refuse(EALREADY);
+    }
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     const std::size_t length = std::strlen(path);
-    if (length >= sizeof address.sun_path)
+    if (length >= sizeof address.sun_path) {
         return refuse(ENAMETOOLONG);
+    }
     std::memcpy(address.sun_path, path, length);
     try {
         std::string own_path = path;
         struct stat identity {};
         const int fd = listen_at(address, &identity);
-        if (fd < 0)
+        if (fd < 0) {
             return -1;
+        }
         server->listen_fd = fd;
         server->path = std::move(own_path);
         server->device = identity.st_dev;
@@ -374,14 +382,17 @@ int comm_socket_v4_create_server(comm_socket_v4* server, const char* path) {
 }
 
 comm_socket_v4* comm_socket_v4_destroy(comm_socket_v4* server) {
-    if (server == nullptr)
+    if (server == nullptr) {
         return nullptr;
-    while (!server->held.empty())
+    }
+    while (!server->held.empty()) {
         comm_socket_v4_packet_release(server->held.front());
+    }
     if (server->listen_fd >= 0) {
         // While the socket is open, its inode is in use, so no other server's socket has the same number.
-        if (path_is_own(server))
+        if (path_is_own(server)) {
             unlink(server->path.c_str());
+        }
         close(server->listen_fd);
     }
     delete server;
@@ -393,10 +404,12 @@ int comm_socket_v4_is_open(const comm_socket_v4* server) {
 }
 
 int comm_socket_v4_idle(comm_socket_v4* server) {
-    if (server == nullptr)
+    if (server == nullptr) {
         return refuse(EINVAL);
-    if (server->listen_fd < 0)
+    }
+    if (server->listen_fd < 0) {
         return refuse(EBADF);
+    }
     server->handed_out = 0;
     if (server->has_served_connected) {
         server->has_served_connected = false;
@@ -450,8 +463,9 @@ void comm_socket_v4_flush(comm_socket_v4* server, uint64_t deadline_us) {
 }
 
 comm_socket_v4_client* comm_socket_v4_accept_connection(comm_socket_v4* server) {
-    if (server == nullptr)
+    if (server == nullptr) {
         return nullptr;
+    }
     for (ClientList* list : {&server->clients, &server->left}) {
         for (auto& client : *list) {
             if (!client.announced) {
@@ -464,25 +478,29 @@ comm_socket_v4_client* comm_socket_v4_accept_connection(comm_socket_v4* server) 
 }
 
 comm_socket_v4_client* comm_socket_v4_get_disconnected_client(comm_socket_v4* server) {
-    if (server == nullptr)
+    if (server == nullptr) {
         return nullptr;
+    }
     settle(server);
-    if (server->gone.empty())
+    if (server->gone.empty()) {
         return nullptr;
+    }
     comm_socket_v4_client* client = &server->gone.front();
     move_client(client, &server->returned);
     return client;
 }
 
 void comm_socket_v4_free_client(comm_socket_v4_client* client) {
-    if (client != nullptr)
+    if (client != nullptr) {
         client->home->erase(client->position);
+    }
 }
 
 comm_socket_v4_packet* comm_socket_v4_server_get_packet(comm_socket_v4* server,
                                                         comm_socket_v4_client** client) {
-    if (client != nullptr)
+    if (client != nullptr) {
         *client = nullptr;
+    }
     if (server == nullptr) {
         return nullptr;
     }
@@ -506,16 +524,20 @@ comm_socket_v4_packet* comm_socket_v4_server_get_packet(comm_socket_v4* server,
 
 int comm_socket_v4_packet_send_to_client(comm_socket_v4_client* client, const comm_socket_v4_packet* packet) {
     if (client == nullptr || packet == nullptr ||
-        packet->content->state != comm_socket::PacketState::COMPLETE)
+        packet->content->state != comm_socket::PacketState::COMPLETE) {
         return refuse(EINVAL);
+    }
     comm_socket::ClientLink& link = client->link;
-    if (link.send_error() != 0)
+    if (link.send_error() != 0) {
         return refuse(link.send_error());
+    }
     const comm_socket::FrameHead head = comm_socket::head_of(packet);
-    if (!comm_socket::within_limits(head, *packet->content->text, comm_socket::REPLY_LIMITS))
+    if (!comm_socket::within_limits(head, *packet->content->text, comm_socket::REPLY_LIMITS)) {
         return refuse(EINVAL);
-    if (!link.can_queue())
+    }
+    if (!link.can_queue()) {
         return 0;
+    }
     try {
         link.queue(comm_socket::OutgoingFrame(head, packet->content->text));
     } catch (const std::exception&) {
@@ -525,6 +547,7 @@ int comm_socket_v4_packet_send_to_client(comm_socket_v4_client* client, const co
 }
 
 void comm_socket_v4_wait_for_server_to_client_writeable(comm_socket_v4_client* client, uint64_t deadline_us) {
-    if (client != nullptr)
+    if (client != nullptr) {
         client->link.wait_until_writable(deadline_us);
+    }
 }

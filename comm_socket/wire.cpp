@@ -25,8 +25,9 @@ std::size_t room(const unsigned char* s, const unsigned char* end) {
 }
 
 bool take_u32(const unsigned char*& s, const unsigned char* end, std::uint32_t* value) {
-    if (room(s, end) < 4)
+    if (room(s, end) < 4) {
         return false;
+    }
     *value = std::uint32_t{s[0]} << 24 | std::uint32_t{s[1]} << 16 | std::uint32_t{s[2]} << 8 | s[3];
     s += 4;
     return true;
@@ -35,15 +36,17 @@ bool take_u32(const unsigned char*& s, const unsigned char* end, std::uint32_t* 
 bool take_u64(const unsigned char*& s, const unsigned char* end, std::uint64_t* value) {
     std::uint32_t high = 0;
     std::uint32_t low = 0;
-    if (room(s, end) < 8 || !take_u32(s, end, &high) || !take_u32(s, end, &low))
+    if (room(s, end) < 8 || !take_u32(s, end, &high) || !take_u32(s, end, &low)) {
         return false;
+    }
     *value = std::uint64_t{high} << 32 | low;
     return true;
 }
 
 bool take_bytes(const unsigned char*& s, const unsigned char* end, std::uint32_t length, std::string* value) {
-    if (room(s, end) < length)
+    if (room(s, end) < length) {
         return false;
+    }
     value->assign(reinterpret_cast<const char*>(s), length);
     s += length;
     return true;
@@ -56,35 +59,41 @@ bool take_string(const unsigned char*& s, const unsigned char* end, std::string*
 
 bool take_arguments(const unsigned char*& s, const unsigned char* end, std::size_t limit, FrameText* text) {
     std::uint32_t count = 0;
-    if (!take_u32(s, end, &count) || count > limit)
+    if (!take_u32(s, end, &count) || count > limit) {
         return false;
-    for (std::uint32_t i = 0; i < count; i++) {
+    }
+    for (std::uint32_t i = 0; i < count; ++i) {
         std::uint32_t length = 0;
-        if (!take_u32(s, end, &length))
+        if (!take_u32(s, end, &length)) {
             return false;
+        }
         auto& argument = text->arguments.emplace_back();
-        if (length != ABSENT && !take_bytes(s, end, length, &argument.emplace()))
+        if (length != ABSENT && !take_bytes(s, end, length, &argument.emplace())) {
             return false;
+        }
     }
     return true;
 }
 
 bool take_pairs(const unsigned char*& s, const unsigned char* end, std::size_t limit, FrameText* text) {
     std::uint32_t count = 0;
-    if (!take_u32(s, end, &count) || count > limit || room(s, end) / SMALLEST_PAIR_BYTES < count)
+    if (!take_u32(s, end, &count) || count > limit || room(s, end) / SMALLEST_PAIR_BYTES < count) {
         return false;
+    }
     text->pairs.reserve(count);
-    for (std::uint32_t i = 0; i < count; i++) {
+    for (std::uint32_t i = 0; i < count; ++i) {
         auto& [name, value] = text->pairs.emplace_back();
-        if (!take_string(s, end, &name) || !take_string(s, end, &value))
+        if (!take_string(s, end, &name) || !take_string(s, end, &value)) {
             return false;
+        }
     }
     return true;
 }
 
 void put_u32(unsigned char*& d, std::uint32_t value) {
-    for (int shift = 24; shift >= 0; shift -= 8)
+    for (int shift = 24; shift >= 0; shift -= 8) {
         *d++ = static_cast<unsigned char>(value >> shift);
+    }
 }
 
 void put_u64(unsigned char*& d, std::uint64_t value) {
@@ -153,16 +162,20 @@ std::uint64_t long_string_bytes(const FrameText& text) {
 FrameState decode_header(const unsigned char* s, const unsigned char* end, const FrameLimits& limits,
                          std::size_t* body_bytes) {
     for (unsigned char expected : PREAMBLE) {
-        if (s == end)
+        if (s == end) {
             return FrameState::INCOMPLETE;
-        if (*s++ != expected)
+        }
+        if (*s++ != expected) {
             return FrameState::BROKEN;
+        }
     }
     std::uint32_t length = 0;
-    if (!take_u32(s, end, &length))
+    if (!take_u32(s, end, &length)) {
         return FrameState::INCOMPLETE;
-    if (length < FIXED_BODY_BYTES || length > limits.body_bytes)
+    }
+    if (length < FIXED_BODY_BYTES || length > limits.body_bytes) {
         return FrameState::BROKEN;
+    }
     *body_bytes = length;
     return FrameState::COMPLETE;
 }
@@ -185,18 +198,25 @@ bool decode_body(const unsigned char* s, const unsigned char* end, const FrameLi
                  FrameText* text) {
     FrameHead new_head;
     FrameText new_text;
-    if (room(s, end) > limits.body_bytes)
+    if (room(s, end) > limits.body_bytes) {
         return false;
-    if (!take_u32(s, end, &new_head.flags) || (new_head.flags & ~KNOWN_FLAGS) != 0)
+    }
+    if (!take_u32(s, end, &new_head.flags) || (new_head.flags & ~KNOWN_FLAGS) != 0) {
         return false;
-    if (!take_u64(s, end, &new_head.request_id) || !take_u64(s, end, &new_head.status))
+    }
+    if (!take_u64(s, end, &new_head.request_id) || !take_u64(s, end, &new_head.status)) {
         return false;
-    if (!take_string(s, end, &new_text.command) || !take_string(s, end, &new_text.message))
+    }
+    if (!take_string(s, end, &new_text.command) || !take_string(s, end, &new_text.message)) {
         return false;
-    if (!take_arguments(s, end, limits.arguments, &new_text) || !take_pairs(s, end, limits.pairs, &new_text))
+    }
+    if (!take_arguments(s, end, limits.arguments, &new_text) ||
+        !take_pairs(s, end, limits.pairs, &new_text)) {
         return false;
-    if (s != end)
+    }
+    if (s != end) {
         return false;
+    }
     *head = new_head;
     *text = std::move(new_text);
     return true;
@@ -212,10 +232,12 @@ std::uint64_t encoded_pair_bytes(std::string_view name, std::string_view value) 
 
 std::uint64_t encoded_body_bytes(const FrameText& text) {
     std::uint64_t bytes = FIXED_BODY_BYTES + text.command.size() + text.message.size();
-    for (const auto& argument : text.arguments)
+    for (const auto& argument : text.arguments) {
         bytes += encoded_argument_bytes(argument);
-    for (const auto& [name, value] : text.pairs)
+    }
+    for (const auto& [name, value] : text.pairs) {
         bytes += encoded_pair_bytes(name, value);
+    }
     return bytes;
 }
 
@@ -226,8 +248,9 @@ bool within_limits(const FrameHead& head, const FrameText& text, const FrameLimi
 
 bool encode_frame(unsigned char*& d, const unsigned char* end, const FrameHead& head, const FrameText& text) {
     const std::uint64_t body_bytes = encoded_body_bytes(text);
-    if (room(d, end) < FRAME_HEADER_BYTES || room(d, end) - FRAME_HEADER_BYTES < body_bytes)
+    if (room(d, end) < FRAME_HEADER_BYTES || room(d, end) - FRAME_HEADER_BYTES < body_bytes) {
         return false;
+    }
     put_frame(d, body_bytes, head, text, put_string);
     return true;
 }
@@ -235,8 +258,9 @@ bool encode_frame(unsigned char*& d, const unsigned char* end, const FrameHead& 
 std::string encode_frame(const FrameHead& head, const FrameText& text) {
     std::string frame(FRAME_HEADER_BYTES + encoded_body_bytes(text), '\0');
     unsigned char* d = reinterpret_cast<unsigned char*>(frame.data());
-    if (!encode_frame(d, d + frame.size(), head, text))
+    if (!encode_frame(d, d + frame.size(), head, text)) {
         frame.clear();  // never reached, since the buffer has the exact size
+    }
     return frame;
 }
 

@@ -15,8 +15,9 @@ static comm_socket_v4_packet* make_request(const char* command, char** arguments
     comm_socket_v4_packet* request = comm_socket_v4_packet_create();
     int failed = comm_socket_v4_packet_begin_writing(request, 0, command, "");
     int i;
-    for (i = 0; i < count; i++)
+    for (i = 0; i < count; ++i) {
         failed |= comm_socket_v4_packet_write_argv(request, arguments[i]);
+    }
     failed |= comm_socket_v4_packet_write_end(request);
     return failed ? comm_socket_v4_packet_release(request) : request;
 }
@@ -24,9 +25,10 @@ static comm_socket_v4_packet* make_request(const char* command, char** arguments
 static int print_reply(const comm_socket_v4_packet* reply) {
     size_t i;
     printf("%s: %s\n", comm_socket_v4_packet_get_command(reply), comm_socket_v4_packet_get_message(reply));
-    for (i = 0; i < comm_socket_v4_packet_get_pair_count(reply); i++)
+    for (i = 0; i < comm_socket_v4_packet_get_pair_count(reply); ++i) {
         printf("%s = %s\n", comm_socket_v4_packet_get_pair_name(reply, i),
                comm_socket_v4_packet_get_pair_value(reply, i));
+    }
     return reply->status == COMM_SOCKET_V4_STATUS_SUCCESS ? 0 : 1;
 }
 
@@ -48,10 +50,11 @@ int main(int argc, char** argv) {
     }
     request = make_request(argc > 2 ? argv[2] : "hello", argv + 3, argc - 3);
     error = comm_socket_v4_call(connection, request, TIMEOUT_US, &reply);
-    if (error == COMM_SOCKET_V4_OK)
+    if (error == COMM_SOCKET_V4_OK) {
         result = print_reply(reply);
-    else
+    } else {
         fprintf(stderr, "%s: %s\n", argv[1], comm_socket_v4_error_text(error));
+    }
     comm_socket_v4_packet_release(reply);
     comm_socket_v4_packet_release(request);
     comm_socket_v4_disconnect(connection);
