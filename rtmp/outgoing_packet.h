@@ -8,7 +8,7 @@
 #include "rtmp/shared_payload.h"
 
 // What the writer thread sends in one go, at most. Only what waits already is taken; one message always is.
-constexpr std::size_t MAX_BATCH_MESSAGES = 64;
+constexpr std::size_t MAX_BATCH_MESSAGES = 32;
 constexpr std::size_t MAX_BATCH_BYTES = 262144;
 
 struct OutgoingPacket : RTMP_Packet {
