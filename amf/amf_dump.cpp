@@ -11,11 +11,12 @@ namespace {
 
 constexpr std::size_t BLOCK_BYTES = 64 * 1024;
 
-constexpr std::size_t PAYLOAD_SPACES = 2;  // of payload and braces, beyond the type line of the same value
-constexpr std::size_t KEY_SPACES = 2;      // of a member's key, beyond the braces around it
-constexpr std::size_t MEMBER_SPACES = 4;   // of a member's type line, beyond the braces around it
+// Indents, relative to the type line of the same value or to the braces around the member.
+constexpr std::size_t PAYLOAD_SPACES = 2;  // payload and braces, from the type line
+constexpr std::size_t KEY_SPACES = 2;      // a member's key, from the braces
+constexpr std::size_t MEMBER_SPACES = 4;   // a member's type line, from the braces
 
-// By marker.
+// Indexed by marker.
 constexpr std::array<const char*, 17> TYPE_NAMES = {
     "Number",     "Boolean",     "String",    "Object",      "MovieClip",   "Null",
     "Undefined",  "Reference",   "ECMAArray", "ObjectEnd",   "StrictArray", "Date",
@@ -30,13 +31,13 @@ std::string_view up_to_zero(const std::string& text) {
     return std::string_view(text).substr(0, text.find('\0'));
 }
 
-// The lines of one dump, on their way to standard error.
+// Collects the lines of one dump and writes them to standard error in blocks.
 class DumpText {
   public:
     explicit DumpText(const std::string& prefix) : indent(prefix) {}
 
-    // Adds the indentation, spaces, the three pieces and a line end. False, from then on for good, when that
-    // would be too much text; the line is not even built then.
+    // Appends the indentation, the spaces, the three pieces and a line end. Returns false if the text would
+    // become too long; the line is then not built, and every later call returns false too.
     [[nodiscard]] bool line(std::size_t spaces, std::string_view head, std::string_view middle,
                             std::string_view tail) {
         const std::size_t length = indent.size() + spaces + head.size() + middle.size() + tail.size() + 1;
@@ -69,22 +70,23 @@ class DumpText {
     bool cut = false;
 };
 
-// An object whose brace is open, and the members that are left.
+// An object whose brace is open, and its remaining members.
 struct OpenObject {
     AMF_MemberMap::const_iterator next;
     AMF_MemberMap::const_iterator end;
-    std::size_t spaces;  // of its braces
-    bool braces;         // whether a closing one is to be printed
+    std::size_t spaces;  // indent of its braces
+    bool braces;         // whether to print a closing brace
 };
 
 bool dump_number(DumpText& text, std::size_t spaces, double number) {
-    // Room for the 309 digits of the largest number.
+    // The largest number has 309 digits.
     std::array<char, 336> digits{};
     std::snprintf(digits.data(), digits.size(), "%.3f", number);
     return text.line(spaces, "Value: ", digits.data(), "");
 }
 
-// Prints the lines of one value. Of an object only those up to the brace: it is added to open.
+// Prints the lines of one value. For an object, prints only the lines up to the opening brace and adds the
+// object to open.
 bool dump_start(DumpText& text, std::vector<OpenObject>& open, std::size_t spaces, const AMF_Value& v) {
     if (!text.line(spaces, "AMF var ", type_name(v.type), "")) {
         return false;
@@ -115,10 +117,10 @@ bool dump_start(DumpText& text, std::vector<OpenObject>& open, std::size_t space
         case AMF_Type::TypedObject:
             return true;
     }
-    return true;  // What a failed decode left may have any type, and prints without a name.
+    return true;  // A failed decode may leave any type; it is printed without a name.
 }
 
-// Prints on until no object is open, or the text is cut.
+// Continues until no object is open or the text is cut.
 void dump_members(DumpText& text, std::vector<OpenObject>& open) {
     while (!open.empty()) {
         OpenObject& object = open.back();

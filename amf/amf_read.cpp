@@ -14,14 +14,13 @@ namespace {
 constexpr std::ptrdiff_t NUMBER_BYTES = 8;
 constexpr std::ptrdiff_t COUNT_BYTES = 4;
 
-// An object whose members are being read. It owns its value, so that nothing unfinished is ever seen in the
-// tree.
+// An object whose members are being read. It owns its value, so the tree never holds an unfinished object.
 struct OpenObject {
-    std::string key;  // under which the object around it will hold it
+    std::string key;  // its key in the enclosing object
     AMF_Value value;
-    bool counted = false;     // an ECMA array, which announced `count` members
+    bool counted = false;     // an ECMA array, which announces `count` members
     std::uint32_t count = 0;  // meaningful when counted
-    std::uint32_t read = 0;   // members so far, those that replaced another included
+    std::uint32_t read = 0;   // members read so far, including those that replaced another
 };
 
 bool holds_members(AMF_Type type) {
@@ -56,7 +55,7 @@ bool is_complete(const OpenObject& object) {
     return true;
 }
 
-// Everything of a value but members, s just behind the marker. False for the types that are not supported.
+// Reads a value without members; s points just past the marker. Returns false for unsupported types.
 bool read_payload(AMF_Value& v, const unsigned char*& s, const unsigned char* sf) {
     switch (v.type) {
         case AMF_Type::Number:
@@ -83,11 +82,10 @@ bool read_payload(AMF_Value& v, const unsigned char*& s, const unsigned char* sf
         case AMF_Type::TypedObject:
             return false;
     }
-    return false;  // A peer may send any byte as marker.
+    return false;  // A peer may send any byte as the marker.
 }
 
-// Closes the innermost object and moves it into the one around it. The outermost stays: it has no such
-// object.
+// Closes the innermost object and moves it into the enclosing one. The outermost object stays open.
 bool close_object(std::deque<OpenObject>& open) {
     if (!is_complete(open.back())) {
         return false;
@@ -100,8 +98,8 @@ bool close_object(std::deque<OpenObject>& open) {
     return store_member(open.back(), std::move(done.key), std::move(done.value));
 }
 
-// Reads one member of the innermost object. A member that is an object itself is only opened, and the end
-// marker sets ended. Requires s < sf.
+// Reads one member of the innermost object. A member that is itself an object is only opened. The end marker
+// sets ended. Requires s < sf.
 bool read_member(std::deque<OpenObject>& open, bool& ended, const unsigned char*& s,
                  const unsigned char* sf) {
     std::string key;
@@ -122,7 +120,7 @@ bool read_member(std::deque<OpenObject>& open, bool& ended, const unsigned char*
     return !counted || read_count(open.back(), s, sf);
 }
 
-// Reads on until the outermost object is closed.
+// Reads members until the outermost object is complete.
 bool read_members(std::deque<OpenObject>& open, const unsigned char*& s, const unsigned char* sf) {
     for (;;) {
         // The end of the data closes every object that is still open.

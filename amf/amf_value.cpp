@@ -2,8 +2,8 @@
 
 #include <type_traits>
 
-// Destroys trees of any depth without a stack: every block carries the link by which it can wait for its
-// turn. A block is freed only when the values in it have nothing below them any more.
+// Destroys trees of any depth without recursion: pending blocks form a linked list through a field of their
+// own. A block is freed only after its values have given up their children.
 class AMF_PendingBlocks {
   public:
     void take(AMF_Value& value) {
@@ -114,7 +114,7 @@ const AMF_Value& AMF_Elements::operator[](std::size_t idx) const {
 
 namespace {
 
-// A value whose children still have to be copied, and where they go.
+// A value whose children are still to be copied, and their destination.
 struct PendingCopy {
     const AMF_Value* from;
     AMF_Value* to;
@@ -141,7 +141,7 @@ AMF_Value::AMF_Value(const AMF_Value& other) {
         for (const auto& [key, value] : next.from->members) {
             copy_node(value, next.to->members.append(key), pending);
         }
-        // All of them first: the places that wait in `pending` must not move.
+        // Append all elements first: `pending` points to them, so they must not move.
         for (std::size_t i = 0; i < next.from->elements.size(); ++i) {
             next.to->elements.append();
         }
@@ -159,7 +159,7 @@ AMF_Value& AMF_Value::operator=(const AMF_Value& other) {
 }
 
 AMF_Value& AMF_Value::operator=(AMF_Value&& other) noexcept {
-    // Through a third value, because other may stand below the value that is given up.
+    // Moves through a temporary, because other may be below the value that is replaced.
     AMF_Value taken(std::move(other));
     type = taken.type;
     boolean = taken.boolean;
@@ -200,6 +200,6 @@ void AMF_Value::reset() {
     elements.clear();
 }
 
-// Before the initialisers of every other file, and so destroyed after them too. 101 is the first number that
-// is not reserved for the compiler.
+// Initialised before the objects of all other files, and so destroyed after them. 101 is the lowest priority
+// that is not reserved for the compiler.
 [[gnu::init_priority(101)]] const AMF_Value AMF_UndefinedValue;

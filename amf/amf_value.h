@@ -1,13 +1,13 @@
-// One AMF0 value and, through its members, a whole tree: the form of everything that commands and data
-// messages carry. Main thread only, so there is no lock; AMF_UndefinedValue is never written and may be read
-// anywhere.
+// An AMF0 value and, through its members, a whole tree of them. Commands and data messages carry such values.
+// Main thread only, so there is no lock. AMF_UndefinedValue is never written, so any thread may read it.
 //
-// 1. A value owns everything below it: no sharing, no cycles. A copy is a copy of the whole tree.
-// 2. Members iterate in byte-wise key order (bytes unsigned, a prefix first), never in the order of arrival.
-// 3. Peers choose how deep a tree is, so nothing here recurses: the depth is bounded by the heap alone.
-//    Destruction, reset and moves allocate nothing and cannot fail.
-// 4. Copying and inserting may throw std::bad_alloc; nothing leaks, and the target of a copy assignment keeps
-//    its value.
+// 1. A value owns everything below it. There is no sharing and there are no cycles. Copying a value copies
+//    the whole tree.
+// 2. Members are iterated in byte-wise key order (unsigned bytes, a prefix first), not in order of arrival.
+// 3. Peers choose the depth of a tree, so nothing here recurses: only the heap limits the depth. Destruction,
+//    reset and moves do not allocate and cannot fail.
+// 4. Copying and inserting may throw std::bad_alloc. Nothing leaks, and the target of a failed copy
+//    assignment keeps its value.
 #pragma once
 
 #include <cstddef>
@@ -21,8 +21,8 @@
 
 struct AMF_Value;
 
-// The marker byte of a value. Holds any number: a marker that has no name here stays in `type` when its
-// decoding is refused.
+// The marker byte of a value. May hold any number: if decoding refuses a marker without a name here, the
+// marker stays in `type`.
 enum class AMF_Type : std::uint32_t {
     Number = 0x00,
     Boolean = 0x01,
@@ -43,17 +43,17 @@ enum class AMF_Type : std::uint32_t {
     TypedObject = 0x10,
 };
 
-// Strings of this length and longer do not fit a 16-bit length.
+// The shortest string whose length does not fit in 16 bits.
 constexpr std::size_t AMF_LONG_STRING_BYTES = 65536;
 
-// The values directly below a value, in a container that is allocated when the first one arrives: most values
-// have none, and a message may hold a hundred thousand values.
+// The values directly below a value. The container is allocated with the first of them, since most values
+// have none and a message may hold a hundred thousand values.
 template <typename Container>
 class AMF_Children {
   public:
     constexpr AMF_Children() = default;
     AMF_Children(AMF_Children&& other) noexcept : block(std::exchange(other.block, nullptr)) {}
-    // Exchanges the contents: what the target held is destroyed with other.
+    // Swaps the contents: what the target held is destroyed together with other.
     AMF_Children& operator=(AMF_Children&& other) noexcept {
         std::swap(block, other.block);
         return *this;
@@ -64,7 +64,7 @@ class AMF_Children {
 
     [[nodiscard]] bool empty() const { return block == nullptr || block->items.empty(); }
     [[nodiscard]] std::size_t size() const { return block == nullptr ? 0 : block->items.size(); }
-    // Without a container, both are the value-initialised iterator, which compares equal to itself.
+    // Without a container, both return the value-initialised iterator, which compares equal to itself.
     [[nodiscard]] auto begin() const {
         return block == nullptr ? typename Container::const_iterator{} : block->items.cbegin();
     }
@@ -72,13 +72,13 @@ class AMF_Children {
         return block == nullptr ? typename Container::const_iterator{} : block->items.cend();
     }
 
-    // Destroys everything below, however deep.
+    // Destroys everything below this value, at any depth.
     void clear() noexcept;
 
   protected:
     struct Block {
         Container items;
-        Block* next_to_destroy = nullptr;  // used by clear() alone
+        Block* next_to_destroy = nullptr;  // used only by clear()
     };
     Container& items_or_create();
     Block* block = nullptr;
@@ -89,24 +89,24 @@ class AMF_Children {
 
 using AMF_MemberMap = std::map<std::string, AMF_Value, std::less<>>;
 
-// The named values of an Object or ECMAArray. Iterates as pairs of key and value.
+// The named values of an Object or ECMAArray. Iteration yields pairs of key and value.
 class AMF_Members : public AMF_Children<AMF_MemberMap> {
   public:
-    // Null when there is no such member.
+    // Returns null if there is no such member.
     [[nodiscard]] const AMF_Value* find(std::string_view key) const;
 
-    // Inserts a value in the default state when there is none under key.
+    // Returns the value under key; inserts one in the default state if there is none.
     AMF_Value& find_or_insert(std::string_view key);
 
-    // Moves value in; one that stood under key before is destroyed.
+    // Stores value under key and destroys the previous value, if any.
     void store(std::string&& key, AMF_Value&& value);
 
-    // Requires that key sorts after every key so far; takes constant time.
+    // Appends a value in the default state in constant time. Requires that key sorts after all existing keys.
     AMF_Value& append(const std::string& key);
 };
 
-// The items of a strict array. Neither decoder nor encoder knows strict arrays, so only our own code fills
-// it.
+// The items of a strict array. The decoder and the encoder do not support strict arrays, so only our own
+// code fills it.
 class AMF_Elements : public AMF_Children<std::vector<AMF_Value>> {
   public:
     AMF_Value& append();
@@ -117,36 +117,36 @@ class AMF_Elements : public AMF_Children<std::vector<AMF_Value>> {
 
 struct AMF_Value {
     AMF_Type type = AMF_Type::Undefined;
-    std::uint8_t boolean = 0;  // Boolean: the byte as received or set; every byte but 0 is true
+    std::uint8_t boolean = 0;  // Boolean: the byte as received or set; every byte except 0 is true
     double number = 0;         // Number
-    std::string string;        // String, LongString, XMLDocument: any bytes, zeros included
+    std::string string;        // String, LongString, XMLDocument: any bytes, including zero
     AMF_Members members;       // Object, ECMAArray
     AMF_Elements elements;     // StrictArray
 
     constexpr AMF_Value() = default;
     AMF_Value(const AMF_Value& other);
-    // The value moved from has nothing below it; reset it, assign to it or let it go.
+    // A moved-from value has nothing below it; reset it, assign to it or destroy it.
     AMF_Value(AMF_Value&& other) noexcept = default;
-    // Both assignments accept the value itself and any value below it.
+    // Both assignments also accept the value itself and any value below it.
     AMF_Value& operator=(const AMF_Value& other);
     AMF_Value& operator=(AMF_Value&& other) noexcept;
     ~AMF_Value() = default;
 
-    // Building, on a value in the default state.
+    // Setters, for a value in the default state.
     void set_number(double x);
-    // String, or LongString from AMF_LONG_STRING_BYTES on: always a type that can be encoded.
+    // Sets a String, or a LongString if s has AMF_LONG_STRING_BYTES or more, so that it can be encoded.
     void set_string(std::string_view s);
     void set_null();
-    // The member under key, inserted in the default state when there is none. Leaves type alone.
+    // Returns the member under key; inserts one in the default state if there is none. Does not change type.
     AMF_Value& member(std::string_view key);
 
-    // The member under key, or AMF_UndefinedValue. Does not look at type: only members are ever found.
+    // Returns the member under key, or AMF_UndefinedValue. Does not check type.
     [[nodiscard]] const AMF_Value& find_member(std::string_view key) const;
 
-    // Back to the default state, except number and boolean, which keep what they hold.
+    // Restores the default state, except for number and boolean, which keep their values.
     void reset();
 };
 
-// What a lookup of an absent member returns: the default state, for ever. Exists before any other object of
-// static lifetime is initialised.
+// The result of looking up an absent member. Always in the default state. Initialised before any other object
+// of static lifetime.
 extern const AMF_Value AMF_UndefinedValue;

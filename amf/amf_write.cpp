@@ -15,11 +15,11 @@ constexpr std::ptrdiff_t NUMBER_BYTES = 8;
 constexpr std::ptrdiff_t COUNT_BYTES = 4;
 constexpr std::ptrdiff_t END_BYTES = 3;
 
-// An object whose marker and count are written, and the members that are left.
+// An object whose marker and count have been written, and its remaining members.
 struct OpenObject {
     AMF_MemberMap::const_iterator next;
     AMF_MemberMap::const_iterator end;
-    std::size_t unwritten;  // as announced
+    std::size_t unwritten;  // of the announced count
 };
 
 bool room_for_string(const unsigned char* d, const unsigned char* df, std::ptrdiff_t length_bytes,
@@ -35,7 +35,7 @@ void write_bytes(unsigned char*& d, const unsigned char* df, std::string_view s)
     CHECK(d <= df);
 }
 
-// Writes the count of an ECMAArray and opens it, or an Object.
+// Opens an Object or an ECMAArray; writes the count of the latter.
 bool open_object(std::vector<OpenObject>& open, unsigned char*& d, const unsigned char* df,
                  const AMF_Value& v) {
     if (v.type == AMF_Type::ECMAArray) {
@@ -59,7 +59,7 @@ bool close_object(std::vector<OpenObject>& open, unsigned char*& d, const unsign
     return true;
 }
 
-// Writes the marker and everything behind it but members: a value that has members is only opened.
+// Writes the marker and what follows it, except members: a value with members is only opened.
 bool write_start(std::vector<OpenObject>& open, unsigned char*& d, unsigned char* df, const AMF_Value& v) {
     if (d >= df) {
         return false;
@@ -91,10 +91,10 @@ bool write_start(std::vector<OpenObject>& open, unsigned char*& d, unsigned char
         case AMF_Type::TypedObject:
             return false;
     }
-    return false;  // What a failed decode left may have any type.
+    return false;  // A failed decode may leave any type.
 }
 
-// Writes on until no object is open.
+// Writes members until no object is open.
 bool write_members(std::vector<OpenObject>& open, unsigned char*& d, unsigned char* df) {
     while (!open.empty()) {
         OpenObject& object = open.back();

@@ -3,7 +3,7 @@
 
 bool handle_acknowledge(RTMPConnection& conn, const RTMP_Packet& request, CommandArgs args) {
     AMF_Value transaction_id;
-    AMF_Value ignored;  // The stream name that clients send behind it is not looked at.
+    AMF_Value ignored;  // Clients send a stream name after it, which is not read.
     if (!args.read_followed_by_more(transaction_id) || !args.read(ignored)) {
         return false;
     }

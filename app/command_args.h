@@ -1,4 +1,4 @@
-// The arguments of a command, decoded one AMF0 value after another from its payload. Main thread.
+// The arguments of a command, decoded from its payload one AMF0 value at a time. Main thread.
 #pragma once
 
 #include "amf/amf_read.h"
@@ -6,18 +6,18 @@
 
 class CommandArgs {
   public:
-    // s: just past the command name; sf: the end of the payload, which outlives this object.
+    // s points just past the command name, sf to the end of the payload, which must outlive this object.
     CommandArgs(const unsigned char* s, const unsigned char* sf) : cursor(s), end(sf) {}
 
     [[nodiscard]] bool at_end() const { return cursor >= end; }
 
-    // Decodes the next value; false when none is left or it is malformed.
+    // Decodes the next value. Returns false if none is left or it is malformed.
     [[nodiscard]] bool read(AMF_Value& value) { return AMF_ReadValueChecked(value, cursor, end); }
 
-    // The same for a value that may not be the last one.
+    // Like read, but also returns false if no further value follows.
     [[nodiscard]] bool read_followed_by_more(AMF_Value& value) { return read(value) && !at_end(); }
 
-    // Decodes and ignores the next value, if there is one; false when it is malformed.
+    // Decodes and ignores the next value, if any. Returns false if it is malformed.
     [[nodiscard]] bool skip_optional() {
         AMF_Value ignored;
         return at_end() || read(ignored);

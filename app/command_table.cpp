@@ -7,12 +7,12 @@
 
 namespace {
 
-// Known, and needs no answer.
+// A known command that needs no reply.
 bool ignore_command(RTMPConnection& /*conn*/, const RTMP_Packet& /*request*/, CommandArgs /*args*/) {
     return true;
 }
 
-// The client is done: dropping it is the answer.
+// The client has finished, so the connection is dropped.
 bool handle_delete_stream(RTMPConnection& /*conn*/, const RTMP_Packet& /*request*/, CommandArgs /*args*/) {
     diag("deleteStream, drop connection\n");
     return false;

@@ -1,4 +1,4 @@
-// The AMF0 commands that clients may send, by name. Main thread.
+// The AMF0 commands that clients may send, looked up by name. Main thread.
 #pragma once
 
 #include <string>
@@ -6,17 +6,17 @@
 #include "app/command_args.h"
 #include "core/connection.h"
 
-// Handles one command with the connection's lock held: replies are pushed onto connection_out directly. False
-// is a protocol error, after the handler's own line if it has one: the connection is dropped, nothing is
-// answered.
+// Handles one command. Called with the connection's lock held, so replies are pushed directly onto
+// connection_out. Returns false on a protocol error, after printing the handler's line if it has one. The
+// connection is then dropped without a reply.
 using CommandHandler = bool (*)(RTMPConnection& conn, const RTMP_Packet& request, CommandArgs args);
 
-// Runs the handler of a command; false as above, also for a name that nobody handles, after naming it.
+// Runs the handler of a command and returns its result. Prints an unknown name and returns false.
 [[nodiscard]] bool run_command(RTMPConnection& conn, const RTMP_Packet& request, const std::string& name,
                                CommandArgs args) REQUIRES(conn.mutex, MAIN_THREAD);
 
 // --- connect.cpp
-// Admits the client to an application and answers with the server's properties.
+// Admits the client to an application and replies with the server's properties.
 [[nodiscard]] bool handle_connect(RTMPConnection& conn, const RTMP_Packet& request, CommandArgs args)
     REQUIRES(conn.mutex, MAIN_THREAD);
 // --- create_stream.cpp
@@ -29,6 +29,6 @@ using CommandHandler = bool (*)(RTMPConnection& conn, const RTMP_Packet& request
 [[nodiscard]] bool handle_play(RTMPConnection& conn, const RTMP_Packet& request, CommandArgs args)
     REQUIRES(conn.mutex, MAIN_THREAD);
 // --- acknowledge.cpp
-// releaseStream, FCPublish, FCUnpublish: answered with "_result", without effect.
+// Handles releaseStream, FCPublish and FCUnpublish: replies with "_result" and does nothing else.
 [[nodiscard]] bool handle_acknowledge(RTMPConnection& conn, const RTMP_Packet& request, CommandArgs args)
     REQUIRES(conn.mutex, MAIN_THREAD);

@@ -1,4 +1,4 @@
-// NetConnection connect: which application, and what the server says of itself.
+// The connect command: selects the application and describes the server.
 #include <string>
 
 #include "amf/amf_dump.h"
@@ -11,7 +11,7 @@ namespace {
 
 constexpr const char* DUMP_INDENT = "\t";
 
-// connect is the first command of a session, and numbered so.
+// connect is the first command of a session, so its transaction id is 1.
 bool is_first_transaction(const AMF_Value& transaction_id) {
     if (transaction_id.type == AMF_Type::Number) {
         return transaction_id.number == 1.0;
@@ -41,7 +41,8 @@ AMF_Value connect_information(std::uint32_t client_id) {
     return information;
 }
 
-// The "app" that the client asks for, less one trailing slash. Whatever type has a string is taken.
+// Returns the "app" that the client asks for, without one trailing slash. The string is used whatever
+// the value's type.
 std::string requested_application(const AMF_Value& command_object) {
     std::string name = command_object.find_member("app").string;
     if (name.ends_with('/')) {
@@ -64,7 +65,7 @@ bool handle_connect(RTMPConnection& conn, const RTMP_Packet& request, CommandArg
     }
     conn.client_id = random_product();
     const std::string name = requested_application(command_object);
-    // Both names are only admitted here; afterwards they are alike.
+    // The two names are treated alike from here on.
     if (name != "ombrex-live" && name != "ombrex-output") {
         diag("rejected app %s\n", name.c_str());
         return false;

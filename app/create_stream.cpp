@@ -5,7 +5,7 @@
 
 namespace {
 
-// 1 to 2,147,483,647: random, so that a client that ignores the reply and uses 1 shows itself.
+// Returns 1 to 2,147,483,647. Random, so that a client that ignores the reply and uses 1 is detected.
 std::uint32_t choose_stream_id() {
     constexpr std::uint32_t POSITIVE = 0x7FFFFFFF;
     const std::uint32_t stream_id = random_product() & POSITIVE;

@@ -1,5 +1,5 @@
 // One pass of the main loop over one connection: a requested close, then its queued messages, then its
-// threads.
+// threads that have ended.
 #include "app/command_table.h"
 #include "app/metadata.h"
 #include "app/publisher_media.h"
@@ -12,13 +12,14 @@
 
 namespace {
 
-// How much of a pass a connection may take, whichever ends first. The message during which the time passes is the last
-// one. Messages differ in cost a thousandfold; expensive ones of one connection must not stop the others.
+// The turn of one connection in a pass ends at the first of these limits. A message that is under way when
+// the time runs out is completed. The cost of messages differs by a factor of a thousand, and one
+// connection's expensive messages must not block the others.
 constexpr int MAX_MESSAGES_PER_TURN = 1000;
 constexpr std::uint64_t TURN_US = 20000;
 
-// Decoded, a message takes up to 73 times its size, so less than 300 KB for one that is smaller than this. What real
-// clients send is.
+// A decoded message takes up to 73 times its size in memory, so one below this size takes less than 300 KB.
+// Real clients send smaller ones.
 constexpr std::uint32_t LARGE_VALUES_BYTES = 4096;
 
 bool run_command_message(RTMPConnection& conn, const RTMP_Packet& pkt) REQUIRES(conn.mutex, MAIN_THREAD) {
@@ -32,7 +33,7 @@ bool run_command_message(RTMPConnection& conn, const RTMP_Packet& pkt) REQUIRES(
     const unsigned char* s = message.data;
     const unsigned char* const sf = s + message.data_length;
     AMF_Value name;
-    // A first value that is not a string names the command with nothing, and nothing is known by that name.
+    // A first value that is not a string yields an empty name, which no command has.
     return AMF_ReadValue(name, s, sf) && run_command(conn, pkt, name.string, {s, sf});
 }
 
@@ -42,7 +43,7 @@ bool holds_large_values(const RTMP_Packet& pkt) {
            pkt.chunk.message.data_length >= LARGE_VALUES_BYTES;
 }
 
-// Acts on the message at the front of the queue, which stays there meanwhile.
+// Handles the message at the front of the queue. The message stays there meanwhile.
 MediaResult handle_message(RTMPConnection& conn, RTMP_Packet& pkt) REQUIRES(conn.mutex, MAIN_THREAD) {
     switch (pkt.chunk.message_type_id) {
         case MESSAGE_AMF0_COMMAND:
@@ -65,9 +66,10 @@ MediaResult handle_message(RTMPConnection& conn, RTMP_Packet& pkt) REQUIRES(conn
     }
 }
 
-// False when the turn of this connection is over: nothing waits, the front message is held back, or no lock.
+// Returns false when this connection's turn is over: the queue is empty, the front message is held back, or
+// the lock failed.
 bool dispatch_front_message(RTMPConnection& conn) ON_MAIN_THREAD {
-    // Held while the message is handled: the reader thread cannot move the front of the queue.
+    // The lock is held while the message is handled, so the reader thread cannot move the front of the queue.
     const ConnectionLock lock(conn);
     if (!lock.held() || conn.connection_in.empty()) {
         return false;
@@ -92,7 +94,7 @@ void RTMPConnection::idle() {
         close_connection();
     }
     if (fd >= 0) {
-        // intended: a message that asks for the close does not end the turn.
+        // intended: a message that requests the close does not end the turn.
         const std::uint64_t began_us = monotonic_clock_us();
         for (int left = MAX_MESSAGES_PER_TURN; left > 0 && dispatch_front_message(*this); --left) {
             if (monotonic_clock_us() - began_us >= TURN_US) {

@@ -15,7 +15,7 @@
 
 namespace {
 
-// intended: half up, also for negative numbers, which are ignored afterwards anyway.
+// intended: rounds half up, also for negative numbers, which are ignored later anyway.
 double round_half_up(double number) {
     return std::floor(number + 0.5);
 }
@@ -45,7 +45,7 @@ StreamMetadata kept_metadata(const AMF_Value& value) ON_MAIN_THREAD {
     return kept;
 }
 
-// Keeps what is needed of the value, and passes it on when this connection is the publisher in force.
+// Keeps what is needed of the value, and forwards it if this connection is the current publisher.
 void accept_metadata(RTMPConnection& conn, const StreamRecord& record,
                      const AMF_Value& metadata) ON_MAIN_THREAD {
     diag("onMetaData submitted by client\n");
@@ -59,7 +59,8 @@ void accept_metadata(RTMPConnection& conn, const StreamRecord& record,
     forward_metadata_to_players(conn);
 }
 
-// True when the player may be told; otherwise it is dropped, since its decoder is set up for something else.
+// Whether the format is the one the player was told. If not, the player is dropped, since its decoder is set
+// up for another format.
 bool format_is_unchanged(RTMPConnection& player, const StreamFormat& format) ON_MAIN_THREAD {
     switch (tell_format(player.stream_format, format)) {
         case FormatChange::NONE:

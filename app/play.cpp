@@ -10,7 +10,7 @@
 
 namespace {
 
-// The player joins late: it is told at once what the stream is. Sequence headers follow with the first media.
+// A player that joins late gets the stream's metadata at once. Sequence headers follow with the first media.
 void repeat_metadata(RTMPConnection& conn, std::size_t publisher_idx) REQUIRES(conn.mutex, MAIN_THREAD) {
     const RTMPConnection* const publisher = get_connection(publisher_idx);
     if (publisher != nullptr && is_stream_metadata(publisher->metadata)) {
@@ -25,7 +25,7 @@ bool handle_play(RTMPConnection& conn, const RTMP_Packet& request, CommandArgs a
     AMF_Value transaction_id;
     AMF_Value command_object;
     AMF_Value stream_name;
-    // Start and duration may follow; a live stream has neither.
+    // Start and duration may follow; they are ignored for a live stream.
     if (!args.read_followed_by_more(transaction_id) || !args.read_followed_by_more(command_object) ||
         !args.read(stream_name) || !args.skip_optional() || !args.skip_optional()) {
         return false;

@@ -9,7 +9,7 @@
 
 namespace {
 
-// From publish to the first media message; each media message then sets a shorter deadline.
+// The time from publish to the first media message. Each media message then sets a shorter deadline.
 constexpr std::uint64_t FIRST_MEDIA_GRACE_US = 3500000;
 
 }  // namespace
@@ -44,7 +44,7 @@ bool handle_publish(RTMPConnection& conn, const RTMP_Packet& request, CommandArg
     const std::uint64_t now_us = monotonic_clock_us();
     StreamRecord& record = find_or_insert_stream(conn.stream_name);
     record.last_activity_us = now_us;
-    // While another connection publishes, this one competes for the stream with its media.
+    // If another connection is publishing, this one may take the stream over when its media arrives.
     if (record.publisher == NO_CONNECTION) {
         set_publisher(record, conn.conn_idx);
     }

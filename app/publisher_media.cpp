@@ -13,7 +13,7 @@ namespace {
 constexpr std::uint64_t STALL_US = 2500000;
 constexpr std::uint64_t US_PER_MS = 1000;
 
-// Some encoders use message stream 1 whatever createStream told them: once, they are believed.
+// Some encoders ignore the id from createStream and use message stream 1. Their id is adopted once.
 void adopt_stream_id(RTMPConnection& conn, std::uint32_t message_stream_id) ON_MAIN_THREAD {
     if (message_stream_id != conn.stream_id && conn.stream_id_unconfirmed) {
         conn.stream_id_unconfirmed = false;
@@ -23,7 +23,7 @@ void adopt_stream_id(RTMPConnection& conn, std::uint32_t message_stream_id) ON_M
     }
 }
 
-// Starts the pacing clock. A first timestamp of 0 leaves the base open for the next message, on purpose.
+// Starts the pacing clock. intended: after a first timestamp of 0, the next message sets the base.
 void note_media(RTMPConnection& conn, std::uint32_t timestamp, std::uint64_t now_us) ON_MAIN_THREAD {
     if (conn.av_start_us == 0) {
         conn.av_start_us = now_us;
@@ -31,11 +31,11 @@ void note_media(RTMPConnection& conn, std::uint32_t timestamp, std::uint64_t now
     if (conn.av_start_ts == 0) {
         conn.av_start_ts = timestamp;
     }
-    // Also for a message that is then held back: its publisher is ahead, not stalled.
+    // This includes messages that are then held back: their publisher is ahead, not stalled.
     conn.stall_deadline_us = now_us + STALL_US;
 }
 
-// Whether the stream's publisher is another connection that has stalled; it is dropped then.
+// Drops the stream's publisher if it has stalled. Returns whether it was dropped.
 bool displace_stalled_publisher(const RTMPConnection& conn, std::size_t publisher_idx,
                                 std::uint64_t now_us) ON_MAIN_THREAD {
     RTMPConnection* const publisher = get_connection(publisher_idx);
@@ -50,7 +50,7 @@ bool displace_stalled_publisher(const RTMPConnection& conn, std::size_t publishe
     return true;
 }
 
-// Makes the connection the publisher of its stream where there is none, or a stalled one.
+// Makes the connection the publisher of its stream if there is none or the current one has stalled.
 void claim_stream(const RTMPConnection& conn, StreamRecord& record, std::uint64_t now_us) ON_MAIN_THREAD {
     if (record.publisher == conn.conn_idx) {
         return;

@@ -1,8 +1,8 @@
-// How a command is refused: one line on standard error, and the connection is dropped.
+// Refuses a command: prints one line to standard error; the connection is then dropped.
 #pragma once
 
-// Prints a finished line; always false.
+// Prints a complete line. Always returns false.
 [[nodiscard]] bool refuse(const char* text);
 
-// The refusal of a stream name. intended: publish has it in play's words.
+// Refuses a stream name. intended: publish prints the same line as play.
 [[nodiscard]] bool refuse_stream_name();

@@ -8,7 +8,8 @@
 
 namespace {
 
-// One for all messages: a buffer of this size from the allocator would be a mapping of fresh pages each time.
+// One static buffer for all messages: the allocator would map fresh pages for a buffer of this
+// size each time.
 std::array<unsigned char, MAX_ENCODED_BYTES> encoding_buffer GUARDED_BY(MAIN_THREAD);
 
 }  // namespace
@@ -21,7 +22,7 @@ bool encode_values(std::initializer_list<const AMF_Value*> values, RTMP_Packet::
             return false;
         }
     }
-    // A client that does not read its replies costs what they hold, not the buffer they were made in.
+    // A reply that waits for a slow client occupies its own length, not the size of this buffer.
     if (!message.allocate(static_cast<std::uint32_t>(d - encoding_buffer.data()))) {
         return false;
     }

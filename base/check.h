@@ -1,9 +1,10 @@
-// The assertion: always on, in every build, for our own mistakes and never for a peer's bytes.
+// The assertion. It is active in every build, and is for our own mistakes, never for a peer's bytes.
 //
-// CHECK(expression) evaluates the expression exactly once, so it may have an effect (an unlock). When it is
-// false, the process prints
+// CHECK(expression) evaluates the expression exactly once, so it may have a side effect (an unlock). When it
+// is false, the process prints
 //     v9_rtmp_server: <function>: Assertion '<expression>' failed.
-// on standard error and aborts. The text of the expression is what operators and tests search for.
+// on standard error and aborts. The text of an expression is an interface: operators and tests search for it.
+// Some expressions keep an unusual spelling for that reason.
 #pragma once
 
 [[noreturn]] void check_failed(const char* expression, const char* function);

@@ -1,8 +1,8 @@
-// The one clock of the server. All its times are microseconds of this clock.
+// The server's only clock. All times in the server are microseconds of this clock.
 #pragma once
 
 #include <cstdint>
 
-// Microseconds since an arbitrary start; never goes back, is not moved by the wall clock. Any thread.
-// Unit tests define this function themselves and so run on a clock of their own.
+// Returns the microseconds since an arbitrary start. Never decreases, and does not follow changes of the wall
+// clock. Any thread. Unit tests replace this function with a clock of their own.
 std::uint64_t monotonic_clock_us();

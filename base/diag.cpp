@@ -16,7 +16,7 @@ void write_all(int fd, std::string_view text) {
             continue;
         }
         if (written <= 0) {
-            return;  // Nobody can be told that nobody can be told.
+            return;  // There is nowhere left to report this.
         }
         text.remove_prefix(static_cast<std::size_t>(written));
     }
@@ -30,7 +30,7 @@ void write_all(int fd, std::string_view text) {
     if (length >= 0 && static_cast<std::size_t>(length) < sizeof line) {
         write_all(fd, {line, static_cast<std::size_t>(length)});
     } else if (length >= 0) {
-        // A stream name may be a megabyte long, and is printed whole.
+        // A stream name may be a megabyte long and is printed in full.
         std::string text(static_cast<std::size_t>(length) + 1, '\0');
         std::vsnprintf(text.data(), text.size(), format, again);
         text.pop_back();

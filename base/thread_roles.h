@@ -1,8 +1,8 @@
-// Annotations by which clang checks, at compile time, who may touch what (the clang preset makes them
-// errors). Other compilers see nothing.
+// Annotations for clang's thread safety analysis, which checks at compile time which thread may touch what.
+// The clang preset turns its findings into errors. Other compilers ignore the annotations.
 //
-// Two kinds of capability are checked: mutexes, and roles. A role is a kind of thread: holding the role means running
-// on such a thread. A reader or writer thread knows no connection but its own.
+// There are two kinds of capability: mutexes and roles. A role stands for a kind of thread: holding the role
+// means running on such a thread. A reader or writer thread uses no connection but its own.
 #pragma once
 
 #if defined(__clang__)
@@ -27,12 +27,12 @@ inline constexpr ThreadRole MAIN_THREAD{};    // the thread that runs main()
 inline constexpr ThreadRole READER_THREAD{};  // a connection's reader
 inline constexpr ThreadRole WRITER_THREAD{};  // a connection's writer
 
-// Behind a function's parameters: only such a thread may call it.
+// Placed after a function's parameters: only such a thread may call the function.
 #define ON_MAIN_THREAD REQUIRES(MAIN_THREAD)
 #define ON_READER_THREAD REQUIRES(READER_THREAD)
 #define ON_WRITER_THREAD REQUIRES(WRITER_THREAD)
 
-// Says to the checker that this thread has the role from here on. Called where the thread begins, and where another
-// thread has the role's work to itself.
+// Tells the checker that this thread holds the role from here on. Called at the start of a thread, and where
+// another thread does the role's work exclusively.
 inline void assume_role(const ThreadRole& role) ASSERT_CAPABILITY(role);
 inline void assume_role(const ThreadRole& /*role*/) {}

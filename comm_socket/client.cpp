@@ -1,4 +1,4 @@
-// The client's own end: connecting, sending a request, waiting for its reply, each with a deadline.
+// The client's end: connects, sends requests and waits for replies, each with a deadline.
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -22,7 +22,7 @@ struct comm_socket_v4_connection {
     int fd;
     comm_socket::FrameBuffer input{comm_socket::REPLY_LIMITS};
     std::uint64_t last_request_id = 0;
-    comm_socket_v4_error failure = COMM_SOCKET_V4_OK;  // what ended the connection
+    comm_socket_v4_error failure = COMM_SOCKET_V4_OK;  // the error that ended the connection
 };
 
 namespace {
@@ -30,7 +30,7 @@ namespace {
 constexpr std::size_t READ_CHUNK_BYTES = 65536;
 constexpr int FULL_BACKLOG_RETRY_MS = 10;
 
-// The time that a call may take: in all, and without progress.
+// The time limits of a call: in all, and without progress.
 class Patience {
   public:
     Patience(std::uint64_t silence, std::uint64_t total)
@@ -56,7 +56,7 @@ bool would_block(int error) {
     return error == EAGAIN || error == EWOULDBLOCK;
 }
 
-// TIMEOUT, or OK when the socket may be ready.
+// Returns OK if the socket may be ready, or TIMEOUT.
 comm_socket_v4_error wait_for(int fd, short events, std::uint64_t deadline_us) {
     for (;;) {
         const int left_ms = comm_socket::poll_time_left_ms(deadline_us);
@@ -75,7 +75,7 @@ comm_socket_v4_error connect_error(int error) {
     switch (error) {
         case ENOENT:
         case ENOTDIR:
-        case ELOOP:  // symbolic links that lead nowhere
+        case ELOOP:  // symbolic links that form a loop
             return COMM_SOCKET_V4_NO_SOCKET;
         case ECONNREFUSED:
         case EPROTOTYPE:  // a socket of another kind, so not this server's
@@ -96,7 +96,7 @@ comm_socket_v4_error connect_until(int fd, const sockaddr_un& address, std::uint
             continue;
         if (!would_block(errno))
             return connect_error(errno);
-        // The server's backlog is full. There is nothing to wait for but time.
+        // The server's backlog is full. No event reports room in it, so try again a little later.
         if (comm_socket::now_us() >= deadline_us)
             return COMM_SOCKET_V4_TIMEOUT;
         poll(nullptr, 0, FULL_BACKLOG_RETRY_MS);
@@ -120,7 +120,7 @@ comm_socket_v4_error send_all(comm_socket_v4_connection* connection, const std::
         } else if (would_block(errno)) {
             const comm_socket_v4_error error = wait_for(connection->fd, POLLOUT, patience->deadline_us());
             if (error != COMM_SOCKET_V4_OK) {
-                connection->failure = COMM_SOCKET_V4_CLOSED;  // half a frame has left: nothing can follow it
+                connection->failure = COMM_SOCKET_V4_CLOSED;  // part of a frame was sent: nothing can follow
                 return error;
             }
         } else if (errno == EPIPE || errno == ECONNRESET) {
@@ -133,7 +133,7 @@ comm_socket_v4_error send_all(comm_socket_v4_connection* connection, const std::
     return COMM_SOCKET_V4_OK;
 }
 
-// Waits for bytes and takes them in.
+// Receives bytes, or waits for them.
 comm_socket_v4_error receive_some(comm_socket_v4_connection* connection, std::uint64_t deadline_us) {
     unsigned char chunk[READ_CHUNK_BYTES];
     const ssize_t n = recv(connection->fd, chunk, sizeof chunk, MSG_DONTWAIT);
@@ -154,7 +154,7 @@ comm_socket_v4_error receive_some(comm_socket_v4_connection* connection, std::ui
     return COMM_SOCKET_V4_SYSTEM;
 }
 
-// Takes frames from the buffer until one is the reply; *reply stays null when more bytes are needed.
+// Takes frames from the buffer until it finds the reply. *reply stays null if more bytes are needed.
 comm_socket_v4_error find_reply(comm_socket_v4_connection* connection, std::uint64_t request_id,
                                 comm_socket_v4_packet** reply) {
     for (;;) {
@@ -177,7 +177,7 @@ comm_socket_v4_error find_reply(comm_socket_v4_connection* connection, std::uint
     }
 }
 
-// Bytes that are here of the reply to request_id; 0 until its id has arrived.
+// Returns the bytes received of the reply to request_id; 0 until its id has arrived.
 std::size_t awaited_bytes(const comm_socket_v4_connection* connection, std::uint64_t request_id) {
     comm_socket::FrameHead head;
     if (!connection->input.peek(&head) || (head.flags & COMM_SOCKET_V4_REQUEST) != 0 ||
@@ -203,7 +203,8 @@ comm_socket_v4_error wait_reply(comm_socket_v4_connection* connection, std::uint
             const std::size_t received_before =
                 std::exchange(received, awaited_bytes(connection, request_id));
             const bool has_grown = received > received_before;
-            // A server that never stops sending does not stretch the deadline; what has arrived by then counts.
+            // A server that never stops sending does not extend the deadline; what has arrived
+            // by then counts.
             if (was_last_look && (!has_grown || patience->total_is_over())) {
                 return COMM_SOCKET_V4_TIMEOUT;
             }

@@ -18,12 +18,12 @@ namespace {
 
 constexpr std::size_t READ_CHUNK_BYTES = 16384;
 constexpr std::size_t READ_SHARE_BYTES = 262144;    // one client, one call
-constexpr std::size_t READ_AHEAD_BYTES = 262144;    // complete requests beyond it stay in the socket
-constexpr int SEND_BUFFER_BYTES = 1048576;          // asked for; the kernel doubles what it grants
+constexpr std::size_t READ_AHEAD_BYTES = 262144;    // further complete requests stay in the socket
+constexpr int SEND_BUFFER_BYTES = 1048576;          // requested; the kernel doubles what it grants
 constexpr std::size_t WRITE_SHARE_BYTES = 4194304;  // one client, one call; more than the socket holds
 constexpr std::size_t PIECES_PER_WRITE = 64;
 
-// True once the peer has closed both directions; a half-closed one still reads.
+// Whether the peer has closed both directions. A half-closed peer still reads.
 bool peer_is_gone(int fd) {
     pollfd entry = {fd, 0, 0};
     return poll(&entry, 1, 0) > 0 && (entry.revents & (POLLHUP | POLLERR | POLLNVAL)) != 0;
@@ -36,7 +36,7 @@ bool would_block(int error) {
 }  // namespace
 
 ClientLink::ClientLink(int connected_fd) : fd(connected_fd), input(REQUEST_LIMITS) {
-    // A long reply leaves in few steps; if the kernel allows less, in more.
+    // Lets a long reply leave in few writes. If the kernel grants less, it takes more of them.
     setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &SEND_BUFFER_BYTES, sizeof SEND_BUFFER_BYTES);
 }
 
@@ -70,7 +70,7 @@ bool ClientLink::wants_to_read() const {
         case FrameState::COMPLETE:
             break;
     }
-    // Of a peer that is gone no more can come than the socket holds, and then the link is closed.
+    // A peer that has disconnected can add no more than its socket holds, and then the link is closed.
     return input.size() < READ_AHEAD_BYTES || peer_is_gone(fd);
 }
 
@@ -115,7 +115,7 @@ void ClientLink::test_input_after_reading(std::uint64_t now, bool drained) {
     } else if (frame_started_us == 0) {
         frame_started_us = now;
     } else if (drained && now - frame_started_us >= COMM_SOCKET_V4_CLIENT_TIMEOUT_US) {
-        // Only when everything that was sent has been read: a busy server is not the client's fault.
+        // Only after everything that was sent has been read: a busy server is not the client's fault.
         drop(ECONNRESET);
     }
 }
@@ -147,7 +147,7 @@ void ClientLink::queue(OutgoingFrame&& frame) {
     output.push_back(std::move(frame));
     if (output.size() > 1) {
         behind_front_bytes += bytes;
-        return;  // the one before it has not left: the socket is full
+        return;  // the previous one is not sent yet: the socket is full
     }
     write_progress_us = now_us();
     std::size_t budget = WRITE_SHARE_BYTES;
@@ -186,7 +186,7 @@ bool ClientLink::write_once(std::size_t limit_bytes, std::size_t* written) {
     if (errno == EINTR)
         return true;
     if (!would_block(errno)) {
-        // The socket stays open for reading: what the client sent before it went away still counts.
+        // The socket stays open for reading: requests sent before the disconnect are still valid.
         reply_errno = errno;
         output.clear();
         front_written_bytes = 0;

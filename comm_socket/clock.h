@@ -1,4 +1,4 @@
-// The library's clock: CLOCK_MONOTONIC in microseconds, the clock of the deadlines in the public header.
+// The library's clock: CLOCK_MONOTONIC in microseconds. The deadlines of the public header use it too.
 #pragma once
 
 #include <algorithm>
@@ -7,17 +7,17 @@
 
 namespace comm_socket {
 
-// Any thread. Tests define this function themselves and so move the time.
+// Any thread. Tests replace this function with a clock of their own.
 std::uint64_t now_us();
 
-// now + timeout_us; a sum that does not fit is "never".
+// Returns now + timeout_us, or UINT64_MAX (never) if the sum overflows.
 inline std::uint64_t deadline_after(std::uint64_t timeout_us) {
     const std::uint64_t now = now_us();
     return now > UINT64_MAX - timeout_us ? UINT64_MAX : now + timeout_us;
 }
 
-// For poll: the time left in milliseconds, rounded up so that a short rest does not spin; 0 when it has
-// passed.
+// Returns the time left in milliseconds, for poll. Rounded up so that a short remainder does not spin; 0 if
+// the deadline has passed.
 inline int poll_time_left_ms(std::uint64_t deadline_us) {
     const std::uint64_t now = now_us();
     if (deadline_us <= now)

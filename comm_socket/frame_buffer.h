@@ -1,4 +1,4 @@
-// Bytes that have arrived, until they are whole frames. Both ends read through one. No I/O.
+// Collects received bytes until they form whole frames. Used by both ends. No I/O.
 #pragma once
 
 #include <cstddef>
@@ -13,29 +13,30 @@ class FrameBuffer {
     // The limits must outlive the buffer.
     explicit FrameBuffer(const FrameLimits& accepted) : limits(accepted) {}
 
-    // Appends n bytes; throws std::bad_alloc. Memory follows the bytes that came, not the length they
-    // announce.
+    // Appends n bytes. Memory grows with the bytes received, not with the length they announce.
+    // Throws std::bad_alloc.
     void append(const unsigned char* s, std::size_t n);
 
-    // Of the frame at the front: BROKEN is its header, COMPLETE means that all of it is here.
+    // Returns the state of the first frame. BROKEN means that its header is malformed, COMPLETE that the
+    // whole frame has arrived.
     [[nodiscard]] FrameState state() const;
 
-    // Reads the flags and the request id of the frame at the front, whose body need not be whole. False, and *head
-    // unchanged, while they have not arrived or if its header is broken.
+    // Reads the flags and the request id of the first frame, which may be incomplete. Returns false and
+    // leaves *head unchanged if they have not arrived or the header is malformed.
     [[nodiscard]] bool peek(FrameHead* head) const;
 
-    // Requires state() == COMPLETE. Decodes the frame and removes it. False if its body is broken; then
-    // nothing has changed.
+    // Decodes and removes the first frame. Requires state() == COMPLETE. Returns false and changes nothing if
+    // the body is malformed.
     [[nodiscard]] bool take(FrameHead* head, FrameText* text);
 
     [[nodiscard]] std::size_t size() const { return bytes.size() - start; }
-    // Drops everything and gives the memory back.
+    // Discards everything and frees the memory.
     void clear();
 
   private:
     const FrameLimits& limits;
     std::vector<unsigned char> bytes;
-    std::size_t start = 0;  // bytes before it have been taken
+    std::size_t start = 0;  // earlier bytes have been taken
 };
 
 }  // namespace comm_socket

@@ -36,8 +36,8 @@ int refuse(int error) {
     return -1;
 }
 
-// Whether a packet is being written and has room for added bytes; 0 or the errno. No sum may have overflowed:
-// a string above the limit is refused by is_too_long.
+// Returns 0 if the packet is being written and has room for added bytes, otherwise an errno. The sum cannot
+// overflow, because is_too_long refuses strings above the limit.
 int test_writable(const comm_socket_v4_packet* packet, std::uint64_t added) {
     if (packet == nullptr || packet->content->state != PacketState::WRITING)
         return EINVAL;
@@ -84,7 +84,7 @@ int write_pair(comm_socket_v4_packet* packet, std::string_view name, std::string
     return 0;
 }
 
-// Null bytes are allowed only for a length of 0.
+// A null pointer is allowed only with a length of 0.
 bool is_bytes(const void* bytes, size_t length) {
     return bytes != nullptr || length == 0;
 }

@@ -1,5 +1,5 @@
-// What stands behind the public packet: its texts, how far it is written and, of a request that a server
-// handed out, who keeps count of it. Used by the thread that owns the packet.
+// The private part of the public packet: its texts, the state of writing and, for a request that a server has
+// handed out, the list and counter it is registered with. Used by the thread that owns the packet.
 #pragma once
 
 #include <cstdint>
@@ -11,20 +11,21 @@
 
 namespace comm_socket {
 
-//   EMPTY --begin_writing--> WRITING --write_end--> COMPLETE      begin_writing leads back to WRITING from
-//   anywhere; a received packet is COMPLETE from the start                  only a COMPLETE packet can be
-//   sent
+//   EMPTY --begin_writing--> WRITING --write_end--> COMPLETE
+//
+// begin_writing leads to WRITING from every state. A received packet is COMPLETE from the start. Only a
+// COMPLETE packet can be sent.
 enum class PacketState { EMPTY, WRITING, COMPLETE };
 
-// The requests of one server that were handed out and not released. The list holds the packets, so that
-// destroying the server can free those that nobody released.
+// The requests of one server that have been handed out and not released. Destroying the server frees the
+// packets that are left in the list.
 using HeldRequests = std::list<comm_socket_v4_packet*>;
 
-// A packet with these texts, COMPLETE. Throws std::bad_alloc.
+// Creates a COMPLETE packet with these texts. Throws std::bad_alloc.
 comm_socket_v4_packet* make_packet(const FrameHead& head, FrameText&& text);
 
-// Enters the request in held and counts it in *unreleased, until it is released. Throws std::bad_alloc; then
-// nothing has changed.
+// Adds the request to held and counts it in *unreleased until it is released. Throws std::bad_alloc and then
+// changes nothing.
 void hold_request(comm_socket_v4_packet* packet, HeldRequests* held,
                   const std::shared_ptr<std::size_t>& unreleased);
 
@@ -33,13 +34,13 @@ FrameHead head_of(const comm_socket_v4_packet* packet);
 }  // namespace comm_socket
 
 struct comm_socket_v4_content {
-    // Replaced, not changed, once the packet is COMPLETE: replies on their way out share it.
+    // Never modified once the packet is COMPLETE, only replaced, because queued replies share it.
     std::shared_ptr<comm_socket::FrameText> text = std::make_shared<comm_socket::FrameText>();
     comm_socket::PacketState state = comm_socket::PacketState::EMPTY;
-    std::uint64_t body_bytes = 0;  // encoded, while it is written
+    std::uint64_t body_bytes = 0;  // encoded size so far, while the packet is written
 
-    // Of a request in held; null and empty otherwise.
+    // For a request in held; null and empty otherwise.
     comm_socket::HeldRequests* held = nullptr;
     comm_socket::HeldRequests::iterator position;
-    std::shared_ptr<std::size_t> unreleased;  // of the client; shared, because the client may be freed first
+    std::shared_ptr<std::size_t> unreleased;  // the client's; shared, because the client may be freed first
 };

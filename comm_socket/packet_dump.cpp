@@ -1,4 +1,4 @@
-// A packet printed for a person.
+// Prints a packet for people to read.
 #include <algorithm>
 #include <exception>
 #include <string>
@@ -76,7 +76,7 @@ void comm_socket_v4_packet_dump_user_friendly(const comm_socket_v4_packet* packe
     if (packet == nullptr || stream == nullptr)
         return;
     try {
-        // One write, so that lines of other threads do not come in between.
+        // A single write, so that lines of other threads do not interleave.
         const std::string text = comm_socket::dump(packet);
         fwrite(text.data(), 1, text.size(), stream);
     } catch (const std::exception&) {

@@ -1,4 +1,4 @@
-// The server handle: the listening socket and its path, the clients, and whose turn it is.
+// The server handle: the listening socket and its path, the clients, and the order of their turns.
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -38,15 +38,15 @@ int refuse(int error) {
 
 }  // namespace
 
-// Clients move between the lists of their server by splicing, so a pointer to one stays good.
+// Clients are spliced between the lists of their server, so pointers to them stay valid.
 struct comm_socket_v4_client {
     comm_socket_v4_client(comm_socket_v4* owner, int fd) : server(owner), link(fd) {}
 
     comm_socket_v4* server;
     comm_socket::ClientLink link;
     std::shared_ptr<std::size_t> unreleased = std::make_shared<std::size_t>(0);  // requests handed out
-    std::uint64_t last_turn = 0;  // counts the turns that idle gave; 0: none yet
-    bool announced = false;       // returned by accept_connection, so the caller is to free it
+    std::uint64_t last_turn = 0;  // value of server->turns at the client's last turn; 0: none yet
+    bool announced = false;       // returned by accept_connection, so the caller must free it
     ClientList* home = nullptr;
     ClientList::iterator position;
 };
@@ -54,19 +54,19 @@ struct comm_socket_v4_client {
 struct comm_socket_v4 {
     int listen_fd = -1;
     std::string path;
-    dev_t device = 0;  // of the socket at path, remembered to tell it from another server's
+    dev_t device = 0;  // identity of the socket at path, to detect another server's socket
     ino_t inode = 0;
 
     //   clients    connected
-    //   left       disconnected; requests of it wait or are being answered
-    //   gone       nothing is left of it, and the caller is to free it: get_disconnected_client has not returned it
-    //   returned   it has, and the caller has not freed it
-    //   forgotten  nothing is left of it, and the caller need not know: freed by the next idle
+    //   left       disconnected; has requests that wait or are being answered
+    //   gone       has no requests left; get_disconnected_client has yet to return it
+    //   returned   returned by get_disconnected_client; the caller has not freed it
+    //   forgotten  has no requests left, and the caller need not free it: freed by the next idle
     //
-    //   clients -> left -> gone -> returned      if accept_connection returned it, else
-    //   clients -> left -> forgotten
+    //   clients -> left -> gone -> returned      if accept_connection returned it
+    //   clients -> left -> forgotten             otherwise
     //
-    // The first of clients and of left has waited longest for its turn to have a request handed out.
+    // The first client of clients, and of left, has waited longest for a request to be handed out.
     ClientList clients;
     ClientList left;
     ClientList gone;
@@ -74,13 +74,13 @@ struct comm_socket_v4 {
     ClientList forgotten;
     bool is_turn_of_left = false;
     bool has_served_connected = false;  // since the last idle
-    bool begins_with_latest = false;    // the next request of a connected client is that of the latest
-    bool began_with_latest = false;     // the last service did that had one
-    std::uint64_t turns = 0;            // that idle gave, ever
+    bool begins_with_latest = false;    // the latest client has the next turn of a connected one
+    bool began_with_latest = false;     // so did the last service with a connected client's request
+    std::uint64_t turns = 0;            // turns given by idle so far
 
     comm_socket::HeldRequests held;
     std::size_t handed_out = 0;          // since the last idle
-    std::uint64_t service_began_us = 0;  // the last idle
+    std::uint64_t service_began_us = 0;  // time of the last idle
 };
 
 namespace {
@@ -102,17 +102,17 @@ bool is_listening(int fd) {
     return fd >= 0 && getsockopt(fd, SOL_SOCKET, SO_ACCEPTCONN, &accepts, &length) == 0 && accepts != 0;
 }
 
-// A listening socket at address; -1 with errno, and then the path is not ours to remove.
+// Returns a listening socket at address. On failure returns -1 with errno, and the path is not this server's.
 int listen_at(const sockaddr_un& address, struct stat* identity) {
     const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     if (fd < 0)
         return -1;
-    // The mode is first set on the socket, so that there is no moment in which the path admits more.
+    // Set the mode on the socket first, so that the path never has wider permissions.
     bool is_bound = false;
     if (fchmod(fd, SOCKET_MODE) == 0 && (unlink(address.sun_path) == 0 || errno == ENOENT) &&
         bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
         is_bound = true;
-        // And then on the path: binding took away what the umask forbids.
+        // Then set it on the path, because bind applied the umask.
         if (chmod(address.sun_path, SOCKET_MODE) == 0 && lstat(address.sun_path, identity) == 0 &&
             listen(fd, BACKLOG) == 0)
             return fd;
@@ -124,7 +124,7 @@ int listen_at(const sockaddr_un& address, struct stat* identity) {
     return refuse(error);
 }
 
-// Out of clients: those that have disconnected. Call it before room is counted.
+// Moves disconnected clients from clients to left. Call before counting room for new clients.
 void move_disconnected_to_left(comm_socket_v4* server) {
     for (auto next = server->clients.begin(); next != server->clients.end();) {
         comm_socket_v4_client* client = &*next++;
@@ -137,7 +137,7 @@ void move_disconnected_to_left(comm_socket_v4* server) {
     }
 }
 
-// Out of left: those of which nothing is left. Call it before a client is looked for.
+// Moves disconnected clients without requests out of left. Call before looking for a client to return.
 void settle(comm_socket_v4* server) {
     move_disconnected_to_left(server);
     for (auto next = server->left.begin(); next != server->left.end();) {
@@ -148,8 +148,8 @@ void settle(comm_socket_v4* server) {
     }
 }
 
-// What clients have left behind is bounded by discarding the largest part of it: a stranger that leaves many requests
-// loses before one that leaves few.
+// Bounds the requests of disconnected clients by discarding those of the client with the most bytes, so a
+// client with many requests loses them before one with few.
 void discard_surplus_requests(comm_socket_v4* server) {
     std::size_t bytes = 0;
     for (const auto& client : server->left) {
@@ -166,7 +166,8 @@ void discard_surplus_requests(comm_socket_v4* server) {
     }
 }
 
-// One error of accept4: 0 to go on, 1 to stop for now, -1 the listening socket is unusable.
+// Classifies an error of accept4. Returns 0 to continue, 1 to stop for now, -1 if the listening
+// socket is unusable.
 int judge_accept_error(int error) {
     switch (error) {
         case EINTR:
@@ -179,7 +180,7 @@ int judge_accept_error(int error) {
         case EOPNOTSUPP:
         case EFAULT:
             return -1;
-        default:  // nobody waits, or descriptors or memory are short just now
+        default:  // no client is waiting, or there is a shortage of descriptors or memory
             return 1;
     }
 }
@@ -198,8 +199,8 @@ void serve_client(comm_socket_v4_client* client, std::uint64_t stall_limit_us, s
     }
 }
 
-// Begins with the client that the last calls have kept waiting longest, so what is spent on the first ones of one call
-// is there for the others in the next.
+// Begins with the client whose last turn is longest ago, so clients that got no budget in one call come
+// first in the next.
 void serve_clients(comm_socket_v4* server, std::uint64_t stall_limit_us, std::size_t* read_budget,
                    std::size_t* write_budget) {
     std::array<comm_socket_v4_client*, COMM_SOCKET_V4_MAX_CLIENTS> order{};
@@ -210,7 +211,7 @@ void serve_clients(comm_socket_v4* server, std::uint64_t stall_limit_us, std::si
                   [=](auto* client) { serve_client(client, stall_limit_us, read_budget, write_budget); });
 }
 
-// Null when there is no room or memory; then the socket is closed.
+// Returns null and closes the socket if there is no room or memory.
 comm_socket_v4_client* add_client(comm_socket_v4* server, int fd) {
     if (server->clients.size() >= COMM_SOCKET_V4_MAX_CLIENTS) {
         move_disconnected_to_left(server);
@@ -230,7 +231,8 @@ comm_socket_v4_client* add_client(comm_socket_v4* server, int fd) {
     }
 }
 
-// Newcomers are heard at once: one that has sent its requests and left already makes room for the next.
+// Serves each new client at once: one that has already sent its requests and disconnected makes
+// room for the next.
 int accept_waiting(comm_socket_v4* server, std::uint64_t stall_limit_us, std::size_t* read_budget,
                    std::size_t* write_budget) {
     if (server->gone.size() + server->returned.size() >= COMM_SOCKET_V4_MAX_UNFREED_CLIENTS) {
@@ -252,7 +254,8 @@ int accept_waiting(comm_socket_v4* server, std::uint64_t stall_limit_us, std::si
     return 0;
 }
 
-// The next request of this client; null when it has none that is whole and well-formed.
+// Returns the client's next request, or null if it is malformed or there is no memory; the client
+// is then dropped.
 comm_socket_v4_packet* take_request(comm_socket_v4_client* client) {
     comm_socket_v4_packet* packet = nullptr;
     try {
@@ -277,8 +280,9 @@ bool is_crowded(const comm_socket_v4* server) {
     return bytes > COMM_SOCKET_V4_MAX_TOTAL_WAITING_BYTES;
 }
 
-// A flood of requests, or a few with huge replies, must not hold up who services the socket. The first request is
-// always handed out, so there is progress on the slowest machine.
+// Whether no more requests are handed out until the next idle. A flood of requests, or a few with huge
+// replies, must not block the caller. The first request is always handed out, so even the slowest machine
+// makes progress.
 bool service_is_over(const comm_socket_v4* server, bool crowded) {
     return server->handed_out != 0 &&
            (crowded || server->handed_out >= COMM_SOCKET_V4_MAX_REQUESTS_PER_IDLE ||
@@ -296,8 +300,8 @@ comm_socket_v4_client* first_in_turn(ClientList* list, bool crowded) {
     return found == list->end() ? nullptr : &*found;
 }
 
-// Every other service begins with the client that came last or was answered last: a short request does not wait behind
-// all the long ones that came before it, and these go on in the services between.
+// Every other service begins with the client that connected or was answered last. So a short request does not
+// wait for all earlier long ones, which continue in the services in between.
 comm_socket_v4_client* next_connected(comm_socket_v4* server, bool crowded) {
     if (!server->begins_with_latest) {
         return first_in_turn(&server->clients, crowded);
@@ -307,8 +311,8 @@ comm_socket_v4_client* next_connected(comm_socket_v4* server, bool crowded) {
     return found == server->clients.rend() ? nullptr : &*found;
 }
 
-// The connected and those that have left take turns, or many that leave requests behind would keep the others waiting.
-// Null when none has a request.
+// Connected and disconnected clients take turns. Otherwise many disconnected clients would keep the connected
+// ones waiting. Returns null if no client has a request.
 comm_socket_v4_client* next_in_turn(comm_socket_v4* server, bool crowded) {
     comm_socket_v4_client* of_left = first_in_turn(&server->left, crowded);
     if (of_left != nullptr && server->is_turn_of_left) {
@@ -318,7 +322,7 @@ comm_socket_v4_client* next_in_turn(comm_socket_v4* server, bool crowded) {
     return connected != nullptr ? connected : of_left;
 }
 
-// The request of this client is handed out.
+// Records that a request of this client is handed out.
 void end_turn(comm_socket_v4_client* client) {
     comm_socket_v4* server = client->server;
     ++server->handed_out;
@@ -328,7 +332,7 @@ void end_turn(comm_socket_v4_client* client) {
         server->began_with_latest = server->begins_with_latest;
         server->begins_with_latest = false;
     }
-    move_client(client, client->home);  // to the end: the others have their turn first
+    move_client(client, client->home);  // to the end: the others go first
 }
 
 }  // namespace
@@ -375,7 +379,7 @@ comm_socket_v4* comm_socket_v4_destroy(comm_socket_v4* server) {
     while (!server->held.empty())
         comm_socket_v4_packet_release(server->held.front());
     if (server->listen_fd >= 0) {
-        // While the socket is open its inode is in use, so no other server's can have the same number.
+        // While the socket is open, its inode is in use, so no other server's socket has the same number.
         if (path_is_own(server))
             unlink(server->path.c_str());
         close(server->listen_fd);
@@ -406,7 +410,7 @@ int comm_socket_v4_idle(comm_socket_v4* server) {
     serve_clients(server, stall_limit_us, &read_budget, &write_budget);
     settle(server);
     server->forgotten.clear();
-    // Newcomers after that: a client that has left makes room for them.
+    // Accept after settling, so departed clients make room; newcomers are served at once.
     const int result = accept_waiting(server, stall_limit_us, &read_budget, &write_budget);
     const int error = errno;
     move_disconnected_to_left(server);

@@ -17,7 +17,7 @@ constexpr unsigned char PREAMBLE[4] = {'C', 'S', WIRE_VERSION, 0};
 constexpr std::uint32_t KNOWN_FLAGS = COMM_SOCKET_V4_REQUEST | COMM_SOCKET_V4_ASYNC;
 constexpr std::size_t LENGTH_BYTES = 4;
 constexpr std::size_t SMALLEST_PAIR_BYTES = 2 * LENGTH_BYTES;
-constexpr std::size_t LONG_STRING_BYTES = 16384;  // below it, copying costs less than a piece of its own
+constexpr std::size_t LONG_STRING_BYTES = 16384;  // shorter strings are cheaper to copy than to send apart
 constexpr std::uint64_t FIXED_BODY_BYTES = 4 + 8 + 8 + 4 * LENGTH_BYTES;  // all but the strings
 
 std::size_t room(const unsigned char* s, const unsigned char* end) {
@@ -98,7 +98,7 @@ void put_string(unsigned char*& d, const std::string& value) {
     d += value.size();
 }
 
-// put_text(d, string) writes a string with its length.
+// Writes a whole frame. put_text(d, string) writes a string with its length.
 template <typename PutText>
 void put_frame(unsigned char*& d, std::uint64_t body_bytes, const FrameHead& head, const FrameText& text,
                PutText put_text) {
@@ -130,7 +130,7 @@ bool is_long(const std::string& string) {
     return string.size() >= LONG_STRING_BYTES;
 }
 
-// Of the strings that an outgoing frame does not copy.
+// Returns the bytes of the strings that an outgoing frame does not copy.
 std::uint64_t long_string_bytes(const FrameText& text) {
     std::uint64_t bytes = 0;
     const auto add = [&bytes](const std::string& string) { bytes += is_long(string) ? string.size() : 0; };
@@ -236,7 +236,7 @@ std::string encode_frame(const FrameHead& head, const FrameText& text) {
     std::string frame(FRAME_HEADER_BYTES + encoded_body_bytes(text), '\0');
     unsigned char* d = reinterpret_cast<unsigned char*>(frame.data());
     if (!encode_frame(d, d + frame.size(), head, text))
-        frame.clear();  // the buffer has the exact size, so this is never reached
+        frame.clear();  // never reached, since the buffer has the exact size
     return frame;
 }
 

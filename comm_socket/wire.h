@@ -1,4 +1,4 @@
-// Frames as they travel: encoding and decoding on a cursor and an end, without I/O. Pure; any thread.
+// Encodes and decodes frames, using a cursor and an end. No I/O. Pure; any thread.
 //
 //      0       1       2       3       4               8
 //     +-------+-------+-------+-------+---------------+------------------------------------+
@@ -7,8 +7,8 @@
 //     body = flags(4) request id(8) status(8) command message
 //            argument count(4) argument... pair count(4) (name value)...
 //
-// Numbers are big-endian. A string is its length (4) and its bytes; an absent argument is the length ABSENT
-// alone. docs/wire/control-socket.md has the limits and a worked example.
+// Numbers are big-endian. A string is its length (4) and its bytes; an absent argument is only the length
+// ABSENT. docs/wire/control-socket.md has the limits and a worked example.
 #pragma once
 
 #include <cstddef>
@@ -26,7 +26,7 @@ constexpr std::size_t FRAME_HEADER_BYTES = 8;
 constexpr unsigned char WIRE_VERSION = 4;
 constexpr std::uint32_t ABSENT = 0xFFFFFFFF;
 
-// What a receiver accepts, by direction.
+// The limits of a receiver.
 struct FrameLimits {
     std::size_t body_bytes;
     std::size_t arguments;
@@ -35,7 +35,7 @@ struct FrameLimits {
 extern const FrameLimits REQUEST_LIMITS;  // to the server
 extern const FrameLimits REPLY_LIMITS;    // to the client
 
-// Everything that a frame says behind its header.
+// The contents of a frame after its header.
 struct FrameHead {
     std::uint32_t flags = 0;
     std::uint64_t request_id = 0;
@@ -50,53 +50,53 @@ struct FrameText {
 
 enum class FrameState { INCOMPLETE, COMPLETE, BROKEN };
 
-// Looks at the header of the frame at s. COMPLETE: the header is good and *body_bytes is set; whether the
-// body has arrived is for the caller to test. INCOMPLETE: what there is, is the beginning of a good header.
-// BROKEN is found as early as possible: at the first byte that is wrong, and at the length as soon as it is
-// whole.
+// Decodes the header of the frame at s. COMPLETE means that the header is valid and *body_bytes is set; the
+// caller checks whether the body has arrived. INCOMPLETE means that the bytes are the beginning of a valid
+// header. BROKEN is returned as early as possible: at the first wrong byte, and for a wrong length as soon as
+// it is complete.
 [[nodiscard]] FrameState decode_header(const unsigned char* s, const unsigned char* end,
                                        const FrameLimits& limits, std::size_t* body_bytes);
 
-// Reads the flags and the request id of the frame at s, whose body need not have arrived. False while they have not
-// arrived or if the header is broken; then head is unchanged.
+// Reads the flags and the request id of the frame at s, whose body may be incomplete. Returns false and
+// leaves head unchanged if they have not arrived or the header is malformed.
 [[nodiscard]] bool peek_head(const unsigned char* s, const unsigned char* end, const FrameLimits& limits,
                              FrameHead* head);
 
-// Decodes a body that reaches exactly from s to end. False if it is broken; then head and text are unchanged.
-// Throws std::bad_alloc; the memory asked for is in proportion to the bytes that are there.
+// Decodes a body that extends exactly from s to end. Returns false and leaves head and text unchanged if it
+// is malformed. Throws std::bad_alloc; the memory used is proportional to the bytes present.
 [[nodiscard]] bool decode_body(const unsigned char* s, const unsigned char* end, const FrameLimits& limits,
                                FrameHead* head, FrameText* text);
 
-// The length of the body that encode_frame would write.
+// Returns the length of the body that encode_frame would write.
 [[nodiscard]] std::uint64_t encoded_body_bytes(const FrameText& text);
-// By how much the body grows with a further argument (absent: nullopt) or pair.
+// Returns how much a further argument (nullopt if absent) or pair adds to the body.
 [[nodiscard]] std::uint64_t encoded_argument_bytes(const std::optional<std::string_view>& argument);
 [[nodiscard]] std::uint64_t encoded_pair_bytes(std::string_view name, std::string_view value);
 
-// True if a receiver with these limits takes the frame.
+// Whether a receiver with these limits accepts the frame.
 [[nodiscard]] bool within_limits(const FrameHead& head, const FrameText& text, const FrameLimits& limits);
 
-// Writes the whole frame at d. Requires within_limits. False if the room up to end is too small; then d is
-// where it was and the bytes behind it are undefined.
+// Writes the whole frame at d. Requires within_limits. If there is not enough room before end, returns false
+// and leaves d unchanged; the bytes after d are then unspecified.
 [[nodiscard]] bool encode_frame(unsigned char*& d, const unsigned char* end, const FrameHead& head,
                                 const FrameText& text);
 
-// A frame on its way out, in pieces. Long strings are not copied: they stay in the text.
+// An outgoing frame in pieces. Long strings are not copied: the pieces point into the text.
 class OutgoingFrame {
   public:
-    // Requires within_limits. The text does not change any more. Throws std::bad_alloc.
+    // Requires within_limits. The text must not change afterwards. Throws std::bad_alloc.
     OutgoingFrame(const FrameHead& head, std::shared_ptr<const FrameText> unchanging_text);
-    // Bytes that are a frame already.
+    // Holds an encoded frame.
     explicit OutgoingFrame(std::string frame);
 
     [[nodiscard]] std::size_t size() const { return all_bytes; }
     [[nodiscard]] std::size_t piece_count() const { return pieces.size(); }
-    // In the order in which they travel. Valid until the frame is moved.
+    // Returns a piece; they are numbered in the order of sending. Valid until the frame is moved.
     [[nodiscard]] std::string_view piece(std::size_t idx) const;
 
   private:
     struct Piece {
-        const std::string* long_string;  // null: it is in short_bytes
+        const std::string* long_string;  // null if the piece is in short_bytes
         std::size_t start;
         std::size_t size;
     };
@@ -109,7 +109,7 @@ class OutgoingFrame {
     std::size_t all_bytes = 0;
 };
 
-// The whole frame in a buffer of its exact size. Requires within_limits. Throws std::bad_alloc.
+// Returns the whole frame in a buffer of its exact size. Requires within_limits. Throws std::bad_alloc.
 [[nodiscard]] std::string encode_frame(const FrameHead& head, const FrameText& text);
 
 }  // namespace comm_socket

@@ -16,7 +16,7 @@
 
 namespace {
 
-// Whole, zero bytes included; empty when it is absent.
+// Returns the whole argument, including zero bytes; empty if it is absent.
 std::string_view argument_or_empty(const comm_socket_v4_packet* request, std::size_t idx) {
     const char* const argument = comm_socket_v4_packet_get_argv(request, idx);
     return argument != nullptr
@@ -45,7 +45,7 @@ void greet(const comm_socket_v4_packet* /*request*/, comm_socket_v4_packet* resp
     write_reply(respkt, "hello", "How are you?");
 }
 
-// intended: an empty or absent name means every connection that has not chosen a stream yet.
+// intended: an empty or absent name drops every connection that has not chosen a stream yet.
 void drop_by_stream_name(const comm_socket_v4_packet* request, comm_socket_v4_packet* respkt) ON_MAIN_THREAD {
     const std::string_view name = argument_or_empty(request, 0);
     int dropped = 0;
@@ -60,7 +60,8 @@ void drop_by_stream_name(const comm_socket_v4_packet* request, comm_socket_v4_pa
     write_reply(respkt, "drop connection by stream name", message.c_str());
 }
 
-// A number that begins with a digit, in 32 bits; whatever follows it is ignored. -1 for anything else.
+// Parses a number that begins with a digit, in 32 bits, and ignores what follows it. Returns -1 for
+// anything else.
 std::int32_t parse_connection_id(const char* argument) {
     if (argument == nullptr || *argument < '0' || *argument > '9') {
         return -1;
@@ -68,7 +69,8 @@ std::int32_t parse_connection_id(const char* argument) {
     return static_cast<std::int32_t>(static_cast<std::uint32_t>(std::strtol(argument, nullptr, 10)));
 }
 
-// What came of it. Only a connection whose stream has the expected name is dropped, where one is given.
+// Returns the reply text. If an expected stream name is given, the connection is dropped only if its stream
+// has that name.
 const char* drop_connection(std::size_t conn_idx, std::string_view expected_stream_name) ON_MAIN_THREAD {
     RTMPConnection* const p = get_connection(conn_idx);
     if (p == nullptr) {
@@ -142,7 +144,7 @@ bool run_control_command(const comm_socket_v4_packet* request, comm_socket_v4_pa
     for (const ControlCommand& known : COMMANDS) {
         if (known.name == name) {
             if ((request->flags & COMM_SOCKET_V4_ASYNC) != 0) {
-                return false;  // intended: nobody would learn what came of it.
+                return false;  // intended: the client would not learn the result.
             }
             known.run(request, respkt);
             return true;

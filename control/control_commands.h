@@ -5,7 +5,8 @@
 
 #include "base/thread_roles.h"
 
-// Carries out a request and writes its reply into respkt, which is a response with the request's id. False
-// when nothing is to be sent: the sender wanted no reply. A known command with that wish is not carried out.
+// Carries out a request and writes the reply into respkt, a response that already has the request's id.
+// Returns false if no reply is to be sent, because the client asked for none. A known command is not carried
+// out in that case.
 [[nodiscard]] bool run_control_command(const comm_socket_v4_packet* request,
                                        comm_socket_v4_packet* respkt) ON_MAIN_THREAD;

@@ -19,10 +19,10 @@ constexpr std::uint64_t SERVICE_INTERVAL_US = 100000;
 constexpr std::uint64_t SEND_WAIT_US = 10000000;
 constexpr std::uint64_t FLUSH_WAIT_US = 20000;
 
-comm_socket_v4* comm_server GUARDED_BY(MAIN_THREAD) = nullptr;  // null: dead
+comm_socket_v4* comm_server GUARDED_BY(MAIN_THREAD) = nullptr;  // null when dead or closed
 std::uint64_t comm_next_service_us GUARDED_BY(MAIN_THREAD) = 0;
 
-// False when the socket is of no use any more, after one line.
+// Returns false after printing one line if the socket has failed.
 bool socket_is_usable() ON_MAIN_THREAD {
     if (comm_socket_v4_is_open(comm_server) == 0) {
         diag("Lost server socket\n");
@@ -86,7 +86,7 @@ void server_idle() {
         stop_control_server();
         return;
     }
-    comm_socket_v4_accept_connection(comm_server);  // The library keeps its clients.
+    comm_socket_v4_accept_connection(comm_server);  // The library keeps track of its clients.
     if (comm_socket_v4_client* gone = comm_socket_v4_get_disconnected_client(comm_server); gone != nullptr) {
         comm_socket_v4_free_client(gone);
     }
@@ -94,7 +94,7 @@ void server_idle() {
     comm_socket_v4_client* client = nullptr;
     while (comm_socket_v4_packet* request = comm_socket_v4_server_get_packet(comm_server, &client)) {
         if (quit_signals != 0) {
-            return;  // The request goes with the server handle, in a moment.
+            return;  // The request is freed together with the server handle.
         }
         if ((request->flags & COMM_SOCKET_V4_REQUEST) != 0) {
             answer(client, request);

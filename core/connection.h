@@ -1,12 +1,13 @@
-// One client connection: one slot of the connection table, with its socket, its two threads and its queues.
+// One client connection: a slot of the connection table with its socket, two threads and queues.
 //
-// 1. The main thread creates, services and frees connections. Each has a reader thread and a writer thread of
-//    its own, which end by themselves or by cancellation and are joined by the main thread.
-// 2. `mutex` guards the two queues, and how many messages were taken from one, and nothing else. On the connection's
-//    own threads nothing prints, sleeps or calls a socket while holding it.
+// 1. The main thread creates, services and frees connections. Each connection has its own reader thread and
+//    writer thread. They end by themselves or by cancellation, and the main thread joins them.
+// 2. `mutex` guards only the two queues and the number of messages last taken from one. The connection's own
+//    threads do not print, sleep or call a socket while holding it.
 // 3. Only the main thread holds two of these mutexes: the publisher's, then one player's.
-// 4. Other connections are named by slot index, never by pointer; nothing outside points into a connection.
-// 5. The fields stand in groups by who may touch them; the clang build checks those that are annotated.
+// 4. Other connections are identified by slot index, never by pointer. Nothing outside points
+//    into a connection.
+// 5. The fields are grouped by who may touch them. The clang build checks the annotated ones.
 //
 //                  new_connection                 a thread ends
 //    [free slot] ----------------> [open] ---------------------------> [draining]
@@ -44,7 +45,7 @@ struct RelayedMessage;
 
 class RTMPConnection {
   public:
-    // Takes over the accepted descriptor; no thread runs yet. Main thread.
+    // Takes ownership of the accepted descriptor. Starts no thread. Main thread.
     RTMPConnection(int accepted_fd, std::size_t slot, std::string peer_address);
     RTMPConnection(const RTMPConnection&) = delete;
     RTMPConnection& operator=(const RTMPConnection&) = delete;
@@ -52,56 +53,57 @@ class RTMPConnection {
     ConnectionMutex mutex;
 
     // --- fixed while the two threads run
-    int fd;                      // the socket; -1 once closed, after both threads were joined
-    const std::size_t conn_idx;  // the own slot: identity in the registry and in the control listing
-    const std::string address;   // dotted address, ':', port; may be empty
+    int fd;                      // the socket; -1 once closed, after both threads have been joined
+    const std::size_t conn_idx;  // this connection's slot: its id in the registry and in the control listing
+    const std::string address;   // IPv4 address, ':' and port; may be empty
 
     // --- under the lock
     std::deque<RTMP_Packet> connection_in GUARDED_BY(mutex);      // complete messages for the main thread
     std::deque<OutgoingPacket> connection_out GUARDED_BY(mutex);  // messages for the writer thread
-    // taken by the writer thread with its last batch; may have been sent since
+    // number of messages in the writer thread's last batch, which may have been sent since
     std::size_t out_batch_messages GUARDED_BY(mutex) = 0;
 
-    // --- one thread counts or decides, others read: atomics, and inside the two directions
+    // --- one writing thread, many readers: atomics, here and inside the two directions
     ServerSide conn_g_server;
     ClientSide conn_g_client;
-    std::atomic<bool> thread_died = false;   // last act of the reader thread
-    std::atomic<bool> thread2_died = false;  // last act of the writer thread
+    std::atomic<bool> thread_died = false;   // set by the reader thread as its last action
+    std::atomic<bool> thread2_died = false;  // set by the writer thread as its last action
 
     // --- reader thread
     RTMP_Packet in_pkt GUARDED_BY(READER_THREAD);  // the message being read
     std::map<std::uint32_t, ChunkStreamState> chunk_streams GUARDED_BY(READER_THREAD);
-    ReadAhead read_ahead GUARDED_BY(READER_THREAD);  // bytes of the socket that cread has not returned yet
+    ReadAhead read_ahead GUARDED_BY(READER_THREAD);  // received bytes that cread has not returned yet
 
     // --- writer thread
     std::vector<OutgoingPacket> out_batch GUARDED_BY(WRITER_THREAD);  // the messages being written
 
-    // --- main thread, core: threads and the wish to end them
-    pthread_t thread GUARDED_BY(MAIN_THREAD) = {};      // valid while thread_init
-    pthread_t thread2 GUARDED_BY(MAIN_THREAD) = {};     // valid while thread2_init
-    bool thread_init GUARDED_BY(MAIN_THREAD) = false;   // the reader was created and not joined
-    bool thread2_init GUARDED_BY(MAIN_THREAD) = false;  // the writer was created and not joined
-    // the only way to have a connection ended; see idle()
+    // --- main thread, core: the threads and requests to end them
+    pthread_t thread GUARDED_BY(MAIN_THREAD) = {};      // valid if thread_init
+    pthread_t thread2 GUARDED_BY(MAIN_THREAD) = {};     // valid if thread2_init
+    bool thread_init GUARDED_BY(MAIN_THREAD) = false;   // the reader thread exists and is not joined
+    bool thread2_init GUARDED_BY(MAIN_THREAD) = false;  // the writer thread exists and is not joined
+    // set to request a close; idle() acts on it
     bool close_requested GUARDED_BY(MAIN_THREAD) = false;
     bool closing GUARDED_BY(MAIN_THREAD) = false;  // a thread is being stopped; for the debugger
-    bool closed GUARDED_BY(MAIN_THREAD) = false;   // both were stopped; for the debugger
+    bool closed GUARDED_BY(MAIN_THREAD) = false;   // both threads have been stopped; for the debugger
 
-    // --- main thread, app: what the client has asked for
-    std::string app_name GUARDED_BY(MAIN_THREAD);     // accepted by connect; empty: no play, no publish
+    // --- main thread, app: what the client has requested
+    std::string app_name GUARDED_BY(MAIN_THREAD);     // accepted by connect; play and publish require it
     std::string stream_mode GUARDED_BY(MAIN_THREAD);  // "publish", "play" or empty; set once
     std::string stream_name GUARDED_BY(MAIN_THREAD);
-    std::uint32_t client_id GUARDED_BY(MAIN_THREAD) = 0;  // sent in the connect result
-    std::uint32_t stream_id GUARDED_BY(MAIN_THREAD) = 0;  // message stream id handed out by createStream
-    bool stream_id_unconfirmed GUARDED_BY(MAIN_THREAD) = false;  // no media has shown yet that it is used
+    std::uint32_t client_id GUARDED_BY(MAIN_THREAD) = 0;  // sent in the reply to connect
+    std::uint32_t stream_id GUARDED_BY(MAIN_THREAD) = 0;  // message stream id assigned by createStream
+    // set by createStream; cleared when media arrives on another id
+    bool stream_id_unconfirmed GUARDED_BY(MAIN_THREAD) = false;
     StreamMetadata metadata GUARDED_BY(MAIN_THREAD);     // a publisher's last onMetaData, whatever its type
-    StreamFormat stream_format GUARDED_BY(MAIN_THREAD);  // publisher: its own; player: what it was told
+    StreamFormat stream_format GUARDED_BY(MAIN_THREAD);  // a publisher's own, or what a player was told
 
-    // --- main thread, publisher: pacing and stall (microseconds of monotonic_clock_us, 0: not yet)
-    // first media message examined; on a player: first relayed
+    // --- main thread, publisher: pacing and stall (in microseconds of monotonic_clock_us; 0 if not set)
+    // when the first media message was examined; on a player, when the first one was relayed
     std::uint64_t av_start_us GUARDED_BY(MAIN_THREAD) = 0;
-    // first media timestamp that is not 0, milliseconds
+    // first media timestamp other than 0, in milliseconds
     std::uint32_t av_start_ts GUARDED_BY(MAIN_THREAD) = 0;
-    // from then on another publisher may take over
+    // when another publisher may take over
     std::uint64_t stall_deadline_us GUARDED_BY(MAIN_THREAD) = 0;
 
     // --- main thread, relay
@@ -110,52 +112,55 @@ class RTMPConnection {
     PlayerTimebase timebase GUARDED_BY(MAIN_THREAD);  // player
 
     // --- connection.cpp
-    // Lock and unlock `mutex`; true on success. ConnectionLock below is how they are used.
+    // Lock and unlock `mutex`; return whether that succeeded. Used through ConnectionLock below.
     [[nodiscard]] bool connection_io_lock() ACQUIRE(mutex);
     [[nodiscard]] bool connection_io_unlock() RELEASE(mutex);
-    // Whether the connection is to be kept: socket open, no close requested, and both threads alive or
-    // messages still waiting to be handled.
+    // Whether to keep the connection: the socket is open, no close is requested, and both threads are running
+    // or messages still wait to be handled.
     [[nodiscard]] bool ok() ON_MAIN_THREAD;
 
     // --- connection_close.cpp
-    // Stops and joins both threads, closes the socket, leaves the registry. Takes no lock; never call it
-    // while holding this connection's mutex, or the join may wait for ever.
+    // Stops and joins both threads, closes the socket and leaves the registry. Takes no lock. Never call it
+    // while holding this connection's mutex: the join might never return.
     void close_connection() ON_MAIN_THREAD;
-    // Joins a thread that has ended by itself.
+    // Joins threads that have ended by themselves.
     void reap_dead_threads() ON_MAIN_THREAD;
 
     // --- rtmp/socket_io.cpp
-    // Exactly c bytes, or fewer when the peer ends in between; -1 when nothing was read. Counts what it
-    // returns.
+    // Reads c bytes, or fewer if the peer closes first. Returns the number of bytes read, or -1 for none,
+    // and counts them.
     ssize_t cread(void* buffer, std::size_t c) ON_READER_THREAD;
-    // All c bytes, or fewer when the peer ends in between; -1 when nothing was sent or c is 0. Counts.
+    // Sends c bytes, or fewer if the peer closes first. Returns the number of bytes sent, or -1 for none,
+    // and counts them.
     ssize_t cwrite(const void* buffer, std::size_t c) ON_READER_THREAD;
 
     // --- rtmp/handshake.cpp, rtmp/chunk_reader.cpp, rtmp/reader_thread.cpp, rtmp/packet_queues.cpp
-    // All on the reader thread; false ends the reading.
+    // Reader thread. If one of these returns false, reading ends.
     [[nodiscard]] bool handshake() ON_READER_THREAD;
     [[nodiscard]] bool rtmp_read_packet(RTMP_Packet& pkt) ON_READER_THREAD;
     [[nodiscard]] bool rtmp_proc_packet() ON_READER_THREAD;
     [[nodiscard]] bool add_to_incoming_queue(RTMP_Packet&& pkt) ON_READER_THREAD EXCLUDES(mutex);
 
     // --- rtmp/chunk_writer.cpp
-    // Writer thread: sends the messages that wait, a batch of them, or sleeps when there are none. False: the
+    // Writer thread. Sends a batch of the waiting messages, or sleeps if there are none. Returns false if the
     // socket has failed.
     [[nodiscard]] bool rtmp_send_packet() ON_WRITER_THREAD;
 
     // --- app/dispatch.cpp
-    // One pass of the main loop over this connection: requested close, queued messages, dead threads.
+    // One pass of the main loop over this connection: a requested close, queued messages, threads
+    // that have ended.
     void idle() ON_MAIN_THREAD;
 
     // --- relay/av_relay.cpp
-    // Runs on the player: queues the publisher's message with a rebased timestamp. False: this player gets
-    // nothing.
+    // Called on the player. Queues the publisher's message with a rebased timestamp. Returns false if this
+    // player gets nothing.
     [[nodiscard]] bool relay_from_publisher(const RelayedMessage& message,
                                             RTMPConnection& publisher) ON_MAIN_THREAD;
 };
 
-// The lock of one connection for the rest of a scope. Test held() first: when the lock could not be taken,
-// nothing is guarded and nothing is unlocked. An unlock that fails is fatal and names unlock_expression.
+// Holds the lock of one connection until the end of the scope. Test held() first: if the lock could not be
+// taken, nothing is guarded and nothing is unlocked. A failing unlock is fatal and reported
+// with unlock_expression.
 class SCOPED_CAPABILITY ConnectionLock {
   public:
     explicit ConnectionLock(RTMPConnection& connection,
@@ -174,5 +179,5 @@ class SCOPED_CAPABILITY ConnectionLock {
     const bool locked;
 };
 
-// How code that names another connection than its own has its failing unlock reported.
+// The unlock_expression for code that locks a connection other than its own.
 inline constexpr const char* OTHER_UNLOCK_EXPRESSION = "p->connection_io_unlock()";

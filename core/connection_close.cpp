@@ -7,7 +7,7 @@
 
 namespace {
 
-// The two threads end alike and differ in what is said about it.
+// Both threads are stopped in the same way; only the messages differ.
 struct ThreadTexts {
     const char* not_cancelling;
     const char* cancel_failed;
@@ -38,7 +38,7 @@ void stop_thread(pthread_t thread, bool& init, bool died, const ThreadTexts& tex
 void reap_thread(pthread_t thread, bool& init, bool socket_open, const ThreadTexts& texts) {
     diag("%s", texts.died);
     if (pthread_join(thread, nullptr) != 0) {
-        return;  // Tried again on the next pass.
+        return;  // The next pass tries again.
     }
     if (socket_open) {
         diag("%s", texts.unexpected);
@@ -68,13 +68,14 @@ void RTMPConnection::close_connection() {
     stop_threads(*this);
     CHECK(!thread_init);
 
-    // Only now: a descriptor that is closed under a running thread may be somebody else's a moment later.
+    // Close only now: a descriptor that is closed under a running thread may be reused at once
+    // for another file.
     if (fd >= 0) {
         close(fd);
         fd = -1;
     }
     stream_unsubscribe_for_play(stream_name, conn_idx);
-    // intended: this leaves a record also for the empty name, which the housekeeping disposes of.
+    // intended: this also leaves a record for the empty name; dispose_idle_streams() removes it.
     StreamRecord& record = find_or_insert_stream(stream_name);
     if (record.publisher == conn_idx) {
         record.publisher = NO_CONNECTION;

@@ -1,4 +1,4 @@
-// The mutex of one connection, as a capability that clang can check.
+// The mutex of one connection, as a capability for clang's checker.
 #pragma once
 
 #include <pthread.h>
@@ -12,6 +12,6 @@ class CAPABILITY("mutex") ConnectionMutex {
     ConnectionMutex& operator=(const ConnectionMutex&) = delete;
     ~ConnectionMutex() { pthread_mutex_destroy(&handle); }
 
-    // A plain mutex, not recursive: whoever holds it and asks again has a mistake that must show.
+    // A plain mutex, not recursive: locking it twice is a bug that must not be hidden.
     pthread_mutex_t handle = PTHREAD_MUTEX_INITIALIZER;
 };

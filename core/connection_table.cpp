@@ -17,8 +17,8 @@ namespace {
 
 std::array<std::unique_ptr<RTMPConnection>, MAX_CONNECTIONS> connections GUARDED_BY(MAIN_THREAD);
 
-// Leaves connections_free_scan at a free slot and returns true, or one past where it was. The start slot is
-// probed again last.
+// Moves connections_free_scan to a free slot and returns true. If there is none, moves it one past the start
+// and returns false. The start slot is probed again last.
 bool find_free_slot() ON_MAIN_THREAD {
     bool wrapped = false;
     for (std::size_t probe = 0; probe < MAX_CONNECTIONS + 1; ++probe) {

@@ -9,10 +9,10 @@
 namespace {
 
 constexpr int GIVE_BACK_BYTES = 65536;
-// Giving back pages that are needed again at once would cost more than keeping them.
+// Pages that are soon needed again are cheaper to keep than to return.
 constexpr std::uint64_t GIVE_BACK_DELAY_US = 10000000;
 
-std::uint64_t give_back_at_us GUARDED_BY(MAIN_THREAD) = 0;  // 0: nothing is expected
+std::uint64_t give_back_at_us GUARDED_BY(MAIN_THREAD) = 0;  // 0 if nothing is to be returned
 
 }  // namespace
 

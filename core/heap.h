@@ -1,15 +1,15 @@
-// The memory that the process takes from the system, and when it goes back. Main thread.
+// Limits the memory that the process holds, and returns free memory to the system. Main thread.
 #pragma once
 
 #include "base/thread_roles.h"
 
-// By default the allocator keeps a heap for every few threads, each as large as its worst moment. A server that
-// runs for years has one. Before any other thread is created.
+// Makes the allocator use a single heap. By default it keeps one for every few threads, each as large as its
+// peak. Call before any other thread is created.
 void use_one_small_heap() ON_MAIN_THREAD;
 
-// Much memory has become free: a client has left, or a large value was decoded. What is free goes back to the system
-// 10 s later, with all that becomes free meanwhile.
+// Call when a client has left or a large value has been decoded. Free memory is returned to the system 10 s
+// later, together with what becomes free in between.
 void expect_free_memory() ON_MAIN_THREAD;
 
-// Once a pass: gives back what is free, between what is in use as well, once the 10 s have passed.
+// Call once per pass. Once the 10 s have passed, returns free memory, including free pages between used ones.
 void give_back_free_memory() ON_MAIN_THREAD;

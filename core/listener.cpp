@@ -18,10 +18,11 @@ namespace {
 constexpr std::uint16_t RTMP_PORT = 1935;
 constexpr int LISTEN_BACKLOG = 20;
 
-// A client behind a link that vanished without a word frees its slot after about two minutes, if nothing was on its
-// way to it. Linux does not probe while sent data is unacknowledged: a player with media on its way stays until the
-// kernel gives up repeating them, about 15 minutes by net.ipv4.tcp_retries2, and its queue grows until then.
-// intended: no TCP_USER_TIMEOUT, which would also end a player that only pauses.
+// If a client's link fails silently, its slot is freed after about two minutes, provided that no data is in
+// flight to the client. Linux does not probe while sent data is unacknowledged. A player with media in flight
+// therefore stays until the kernel gives up retransmitting, about 15 minutes with the default
+// net.ipv4.tcp_retries2, and its queue grows until then.
+// intended: TCP_USER_TIMEOUT is not set, since it would also drop a player that only pauses.
 constexpr int KEEPALIVE_IDLE_S = 60;
 constexpr int KEEPALIVE_INTERVAL_S = 10;
 constexpr int KEEPALIVE_PROBES = 6;
@@ -39,14 +40,14 @@ bool give_up_listener(const char* text) ON_MAIN_THREAD {
     return false;
 }
 
-// A socket that refuses an option works without it.
+// Ignores errors: the socket works without the option.
 void set_client_option(int fd, int level, int option, int value) {
     static_cast<void>(setsockopt(fd, level, option, &value, sizeof value));
 }
 
 void set_client_options(int fd) {
-    set_client_option(fd, IPPROTO_TCP, TCP_NODELAY,
-                      1);  // A message's tail does not wait for an acknowledgement.
+    // Send the end of a message without waiting for an acknowledgement.
+    set_client_option(fd, IPPROTO_TCP, TCP_NODELAY, 1);
     set_client_option(fd, SOL_SOCKET, SO_KEEPALIVE, 1);
     set_client_option(fd, IPPROTO_TCP, TCP_KEEPIDLE, KEEPALIVE_IDLE_S);
     set_client_option(fd, IPPROTO_TCP, TCP_KEEPINTVL, KEEPALIVE_INTERVAL_S);
@@ -90,7 +91,7 @@ void accept_connections() {
     }
     sockaddr_in peer{};
     socklen_t peer_length = sizeof peer;
-    // The accepted socket blocks: the connection's threads wait on it.
+    // The accepted socket is blocking, because the connection's threads wait on it.
     const int fd = accept4(listen_fd, reinterpret_cast<sockaddr*>(&peer), &peer_length, SOCK_CLOEXEC);
     if (fd < 0) {
         return;

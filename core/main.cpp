@@ -8,10 +8,11 @@
 
 namespace {
 
-// False when one stays closed: a socket that became descriptor 2 would be sent every diagnostic line.
+// Opens standard descriptors that are closed; otherwise a socket could become descriptor 2 and be sent every
+// diagnostic line. Returns false on failure.
 bool open_closed_standard_descriptors() {
     for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
-        // The lowest free descriptor is this one, since those below it are open by now.
+        // This is the lowest free descriptor, since all lower ones are open by now.
         if (fcntl(fd, F_GETFD) < 0 && open("/dev/null", O_RDWR) != fd) {
             return false;
         }

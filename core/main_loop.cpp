@@ -19,7 +19,7 @@ int run_server() {
         return 1;
     }
     if (!ensure_listener()) {
-        return 1;  // intended: the control socket stays as it is.
+        return 1;  // intended: the control socket is left open.
     }
     install_quit_handler();
 

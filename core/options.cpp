@@ -47,7 +47,7 @@ bool parse_options(int argc, const char* const* argv) {
             diag("Unhandled arg '%s'\n", argv[i]);
             return false;
         }
-        // Any number of dashes: -x, --x and ---x are one switch.
+        // Any number of dashes is accepted: -x, --x and ---x are the same switch.
         while (name.starts_with('-')) {
             name.remove_prefix(1);
         }

@@ -1,6 +1,6 @@
-// The command line. Main thread, before anything else runs.
+// Parses the command line. Main thread, before any other thread exists.
 #pragma once
 
-// Sets the switches that argv names. False when the process is to end with status 1: after the usage text, or
-// after one line about the first argument that is not understood.
+// Sets the switches named in argv. Returns false if the process must exit with status 1, after printing the
+// usage text or one line about the first unknown argument.
 [[nodiscard]] bool parse_options(int argc, const char* const* argv);

@@ -18,7 +18,8 @@ extern "C" void on_quit_signal(int /*signal_number*/) {
 }  // namespace
 
 void install_quit_handler() {
-    // signal() restarts interrupted calls: a quit signal that lands on a reader thread must not end its recv.
+    // signal() restarts interrupted calls: a quit signal delivered to a reader thread must not
+    // interrupt its recv.
     for (const int number : {SIGINT, SIGTERM, SIGQUIT}) {
         std::signal(number, on_quit_signal);
     }

@@ -1,12 +1,13 @@
-// How often the process has been told to stop.
+// Number of quit signals received.
 #pragma once
 
 #include <atomic>
 
-// Written by the signal handler, which may run on any thread; read by the main thread, once per pass and
+// Written by the signal handler, which may run on any thread. Read by the main thread once per pass and
 // before every control request. Non-zero means quit.
 extern std::atomic<int> quit_signals;
 static_assert(std::atomic<int>::is_always_lock_free, "a signal handler may not take a lock");
 
-// Makes SIGINT, SIGTERM and SIGQUIT count. The tenth signal aborts a process that is stuck while stopping.
+// Counts SIGINT, SIGTERM and SIGQUIT from now on. The tenth signal aborts the process, in case
+// shutdown hangs.
 void install_quit_handler();

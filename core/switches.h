@@ -1,5 +1,5 @@
-// What the command line has switched on. Written by the main thread before any other thread exists, constant
-// afterwards, so every thread may read it.
+// The switches set on the command line. Written by the main thread before any other thread exists and
+// constant afterwards, so every thread may read them.
 #pragma once
 
 extern bool opt_dbg_pkt;     // dump every message read and sent, except audio and video

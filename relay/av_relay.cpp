@@ -19,7 +19,7 @@
 
 namespace {
 
-// Whether the publisher keeps its codec. The lock is taken, and announced, with the first message.
+// Whether the publisher keeps its codec. The first message locks the codec and prints one line.
 bool lock_codec(RTMPConnection& publisher, const MediaKind& kind, const RTMP_Packet& pkt) ON_MAIN_THREAD {
     const bool audio = &kind == &AUDIO_KIND;
     std::int32_t& lock_type = (publisher.*kind.track).lock_type;
@@ -46,13 +46,14 @@ void save_sequence_header(RTMPConnection& publisher, const MediaKind& kind,
                           const RTMP_Packet& pkt) ON_MAIN_THREAD {
     RTMP_Packet& saved = (publisher.*kind.track).seq_header;
     saved.copy_header_from(pkt);
-    // Without memory nothing is saved, and late joiners wait for the next header.
+    // If there is no memory, nothing is saved, and late joiners wait for the next header.
     static_cast<void>(pkt.chunk.message.copy_to(saved.chunk.message));
     diag("%s", kind.saving_header_text);
     dump_packet(pkt);
 }
 
-// Whether the player may get the message. It is dropped when it was told another codec than the publisher now sends.
+// Whether the player may get the message. Drops the player if the publisher now sends another codec than the
+// player was given.
 bool agree_with_publisher(RTMPConnection& player, const RTMPConnection& publisher,
                           const MediaKind& kind) ON_MAIN_THREAD {
     if (agree_on_codec((player.*kind.track).lock_type, (publisher.*kind.track).lock_type)) {
@@ -63,8 +64,8 @@ bool agree_with_publisher(RTMPConnection& player, const RTMPConnection& publishe
     return false;
 }
 
-// The output chunk size that most of the players use. Never below the default, since each chunk costs what they share a
-// header.
+// Returns the output chunk size that most of the players use. Never below the default, because each chunk
+// adds a header to the shared payload.
 std::uint32_t chunk_size_of_most(const std::vector<std::size_t>& players) ON_MAIN_THREAD {
     struct Tally {
         std::uint32_t chunk_size;

@@ -1,5 +1,5 @@
-// One message on its way from a publisher to the players of its stream. What is the same for all players is
-// computed once. Main thread; lives as long as the handling of the message.
+// A message being relayed from a publisher to the players of its stream. Holds what is computed once for all
+// players. Main thread; exists only while the message is handled.
 #pragma once
 
 #include <cstdint>
@@ -8,7 +8,7 @@
 #include "relay/media_track.h"
 #include "rtmp/shared_payload.h"
 
-// Where a kind of media is kept, and what is said about it.
+// The fields and message texts of one kind of media.
 struct MediaKind {
     MediaTrack RTMPConnection::*track;
     std::uint32_t StreamFormat::*codec_id;
@@ -26,9 +26,9 @@ struct RelayedMessage {
     explicit RelayedMessage(const RTMP_Packet& packet);
 
     const RTMP_Packet& pkt;
-    const MediaKind* kind;  // null: neither audio nor video
+    const MediaKind* kind;  // null if it is neither audio nor video
     bool is_sequence_header;
-    SharedPayload payload;  // what players are sent; holds nothing if pkt is empty or there was no memory
+    SharedPayload payload;  // sent to players; holds nothing if pkt is empty or there was no memory
 
     // Whether payload holds the whole payload of pkt.
     [[nodiscard]] bool is_laid_out() const {

@@ -2,7 +2,7 @@
 
 namespace {
 
-// True when told already holds another value.
+// Records a first value. Returns true if told already holds another one.
 template <typename Integer>
 bool differs_or_record(Integer& told, Integer value) {
     if (value < 1) {

@@ -1,4 +1,5 @@
-// Picture size and codecs of a stream, as its metadata gives them, and what counts as a change under a player. Pure.
+// The picture size and codecs of a stream as given by its metadata, and what counts as a change for
+// a player. Pure.
 #pragma once
 
 #include <cstdint>
@@ -12,10 +13,9 @@ struct StreamFormat {
 
 enum class FormatChange { NONE, WIDTH, HEIGHT, AUDIO_CODEC, VIDEO_CODEC };
 
-// A publisher's own format: what update knows replaces what was known.
+// For a publisher's own format: the known fields of update replace those of format.
 void update_format(StreamFormat& format, const StreamFormat& update);
 
-// A player's reference: the first value of each field sticks. Fields are taken in the order width, height,
-// audio, video; at the first one that differs from what the player was told, that change is returned and the
-// fields behind it are neither compared nor recorded.
+// For a player: records the first value of each field and compares later values with it, in the order width,
+// height, audio, video. Returns the first change; the fields after it are neither compared nor recorded.
 [[nodiscard]] FormatChange tell_format(StreamFormat& told, const StreamFormat& format);

@@ -1,7 +1,8 @@
-// What is kept of a publisher's metadata: what is asked of it later on, and the bytes that players are sent.
+// The parts of a publisher's metadata that are kept: the fields that are used later, and the bytes that are
+// sent to players.
 //
-// The value itself is not kept. Decoded it takes up to 73 bytes for a byte of its message, in pieces that would keep
-// the pages around them in use. Main thread only.
+// The value itself is not kept. Decoded, it takes up to 73 bytes for each byte of its message, in many small
+// allocations that would keep their pages in use. Main thread only.
 #pragma once
 
 #include "amf/amf_value.h"
@@ -10,7 +11,8 @@
 
 struct StreamMetadata {
     AMF_Type type = AMF_Type::Undefined;  // of the value
-    StreamFormat format;                  // what the value tells of it
-    // "onMetaData" and the value. Empty: players cannot be sent it, for its type, its size or for lack of memory.
+    StreamFormat format;                  // as given by the value
+    // "onMetaData" and the value. Empty if they cannot be sent because of the type, the size or
+    // lack of memory.
     RTMP_Packet::chunk_t::message_t message;
 };

@@ -1,7 +1,7 @@
-// Which stream names clients may choose.
+// The rule for stream names that clients may choose.
 #pragma once
 
 #include <string>
 
-// True when every byte is a letter or digit of ASCII or '_'. intended: the empty name is valid.
+// Whether every byte is an ASCII letter, an ASCII digit or '_'. intended: the empty name is valid.
 [[nodiscard]] bool is_valid_stream_name(const std::string& name);

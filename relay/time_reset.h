@@ -1,4 +1,4 @@
-// What a stream's players go through when it gets another publisher. Main thread.
+// Resets a stream's players when the stream gets another publisher. Main thread.
 #pragma once
 
 #include <cstddef>
@@ -6,9 +6,10 @@
 #include "base/thread_roles.h"
 #include "relay/stream_registry.h"
 
-// Makes a connection the publisher of a stream that had none, or whose publisher has stalled, and resets its players.
+// Makes a connection the publisher of a stream and resets the players. Call if there is no publisher or
+// it has stalled.
 void set_publisher(StreamRecord& record, std::size_t conn_idx) ON_MAIN_THREAD;
 
-// Every player's timebase starts anew with the next packet. A player that has had media is dropped, since its decoder
-// was set up by the old publisher.
+// Restarts every player's timebase with the next packet. Drops a player that has received media, because its
+// decoder is set up for the old publisher.
 void notify_time_reset(const StreamRecord& record) ON_MAIN_THREAD;

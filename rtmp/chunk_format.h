@@ -1,4 +1,4 @@
-// The bytes of chunk headers, both ways, without any I/O.
+// Encodes and decodes chunk headers. No I/O.
 //
 //   basic header                        message header
 //   +--------+                          format 0  timestamp 3 | length 3 | type 1 | message stream id 4 (LE)
@@ -9,7 +9,7 @@
 //   |fmt|  1 |  id-64 (LE)     |
 //   +--------+--------+--------+
 //
-// A format 0 timestamp of 0xFFFFFF is followed by the real one in 4 bytes.
+// A format 0 timestamp of 0xFFFFFF is followed by the actual timestamp in 4 bytes.
 #pragma once
 
 #include <array>
@@ -19,13 +19,13 @@
 #include "rtmp/rtmp_packet.h"
 
 constexpr std::uint32_t DEFAULT_CHUNK_SIZE = 128;
-constexpr std::uint8_t FULL_HEADER_FMT = 0;   // begins a message that the server writes
-constexpr std::uint8_t CONTINUATION_FMT = 3;  // goes on with the message that is under way
+constexpr std::uint8_t FULL_HEADER_FMT = 0;   // the first chunk of every message that the server writes
+constexpr std::uint8_t CONTINUATION_FMT = 3;  // a further chunk of the current message
 constexpr std::uint32_t EXTENDED_TIMESTAMP = 0xFFFFFF;
 constexpr std::size_t MAX_BASIC_HEADER_BYTES = 3;
 constexpr std::size_t MAX_MESSAGE_HEADER_BYTES = 15;
 
-// What a chunk stream remembers of its last message, for the compressed header formats.
+// The state of a chunk stream after its last message, for the compressed header formats.
 struct ChunkStreamState {
     std::uint32_t timestamp = 0;  // absolute
     std::uint32_t message_length = 0;
@@ -34,27 +34,27 @@ struct ChunkStreamState {
     std::uint32_t timestamp_delta = 0;  // 0 after a format 0 header
 };
 
-// Bytes of the message header of a format 0..3, without an extended timestamp.
+// Returns the length of a message header of format 0..3, without an extended timestamp.
 [[nodiscard]] constexpr std::size_t message_header_bytes(std::uint8_t fmt) {
     constexpr std::array<std::size_t, 4> BYTES{11, 7, 3, 0};
     return BYTES[fmt & 3U];
 }
 
-// Whether the 4 bytes of an extended timestamp follow a message header. intended: only format 0 has one; a
-// delta of 0xFFFFFF in formats 1 and 2 is a plain number.
+// Whether a 4-byte extended timestamp follows a message header. intended: only format 0 has one; in formats 1
+// and 2, 0xFFFFFF is an ordinary delta.
 [[nodiscard]] bool has_extended_timestamp(std::uint8_t fmt, const unsigned char* header);
 
-// Resolves a message header against its chunk stream: updates state, then fills timestamp, message_length,
+// Resolves a message header against its chunk stream: updates state, then sets timestamp, message_length,
 // message_type_id and message_stream_id of chunk from it. header holds message_header_bytes(fmt) bytes;
-// extended_timestamp counts only where has_extended_timestamp() says so. Timestamps wrap.
+// extended_timestamp is used only if has_extended_timestamp(). Timestamps wrap.
 void resolve_message_header(std::uint8_t fmt, const unsigned char* header, std::uint32_t extended_timestamp,
                             ChunkStreamState& state, RTMP_Packet::chunk_t& chunk);
 
-// Writes a basic header for chunk stream id 2..65599 at d, which has room for MAX_BASIC_HEADER_BYTES; returns
-// its length. The server writes formats 0 and 3 only.
+// Writes a basic header for chunk stream id 2..65599 at d, which has room for MAX_BASIC_HEADER_BYTES. Returns
+// its length. The server writes only formats 0 and 3.
 [[nodiscard]] std::size_t write_basic_header(unsigned char* d, std::uint8_t fmt,
                                              std::uint32_t chunk_stream_id);
 
-// Writes a format 0 message header at d, which has room for MAX_MESSAGE_HEADER_BYTES; returns its length: 11,
-// or 15 when the timestamp needs the extension. The length field is the low 24 bits of message_length.
+// Writes a format 0 message header at d, which has room for MAX_MESSAGE_HEADER_BYTES. Returns its length: 11,
+// or 15 with an extended timestamp. The length field is the low 24 bits of message_length.
 [[nodiscard]] std::size_t write_message_header(unsigned char* d, const RTMP_Packet::chunk_t& chunk);

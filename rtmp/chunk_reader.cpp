@@ -1,5 +1,5 @@
-// Reassembles messages from chunks. Messages are not interleaved: between the first chunk of a message and
-// its last, every chunk must be a format 3 continuation, whatever its chunk stream id says.
+// Reassembles messages from chunks. Messages are not interleaved: all chunks of a message after the first
+// must be format 3 continuations, whatever their chunk stream ids.
 #include <algorithm>
 
 #include "base/check.h"
@@ -19,7 +19,7 @@ bool read_continuation_header(RTMPConnection& conn, const RTMP_Packet& pkt,
         return false;
     }
     if (next.chunk.fmt != CONTINUATION_FMT) {
-        // The resolver has refused it already; this holds should it ever learn to accept more.
+        // resolve_chunk_header has already refused this; the test guards against changes there.
         diag("RTMP packet error: Chunk not finished, expected type 3. %u / %u complete\n",
              static_cast<unsigned>(done), pkt.chunk.message.data_length);
         diag("Initial:\n");
@@ -32,8 +32,7 @@ bool read_continuation_header(RTMPConnection& conn, const RTMP_Packet& pkt,
     return true;
 }
 
-// Reads one chunk of the payload, of which toread bytes are missing. Returns how many it was; 0 when the client
-// ends before.
+// Reads the next chunk; toread bytes remain. Returns the bytes read, or 0 if the client closes first.
 std::size_t read_chunk(RTMPConnection& conn, const RTMP_Packet& pkt, std::size_t toread) ON_READER_THREAD {
     const RTMP_Packet::chunk_t::message_t& message = pkt.chunk.message;
     unsigned char* const dp = message.data + (pkt.chunk.message_length - toread);

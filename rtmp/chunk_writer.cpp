@@ -1,9 +1,9 @@
-// Cuts messages into chunks and sends them. Every message begins with a full format 0 header, its other
-// chunks with a format 3 basic header alone; chunks of different messages never mix.
+// Splits messages into chunks and sends them. The first chunk of a message has a full format 0 header, the
+// others only a format 3 basic header. Chunks of different messages are never interleaved.
 //
-// The messages that wait leave the process gathered: one system call for some hundred pieces that point at small
-// headers and straight into the payloads. A relayed payload that is laid out for the chunk size in force is one piece;
-// any other is cut here.
+// Waiting messages are sent together: one system call takes up to MAX_PIECES pieces, which point to small
+// headers and directly into the payloads. A relayed payload that is laid out for the current chunk size is
+// one piece; other payloads are split here.
 #include <sys/socket.h>
 #include <sys/uio.h>
 #include <unistd.h>
@@ -21,15 +21,15 @@
 namespace {
 
 constexpr useconds_t IDLE_SLEEP_US = 50000;
-// What one sendmsg takes. The pieces stand on the stack of every writer, all of whose pages are touched: 4 KiB.
+// The most pieces in one sendmsg. They occupy 4 KiB on the stack of every writer thread.
 constexpr std::size_t MAX_PIECES = 256;
 
-// Pieces that wait to be sent in one call. Points at bytes that must stay until flush() returns.
+// Collects pieces that are sent in one call. The bytes they point to must stay valid until flush() returns.
 class GatheredPieces {
   public:
     explicit GatheredPieces(RTMPConnection& connection) : conn(connection) {}
 
-    // False when earlier pieces had to be sent to make room, and were not sent whole.
+    // Adds a piece. Returns false if earlier pieces had to be sent first and that failed.
     bool add(const unsigned char* s, std::size_t c) ON_WRITER_THREAD {
         if (count == MAX_PIECES && !flush(MSG_MORE)) {
             return false;
@@ -41,8 +41,8 @@ class GatheredPieces {
         return true;
     }
 
-    // Sends all pieces, as often as the kernel takes only some; false when it takes none. Counts what was
-    // sent.
+    // Sends all pieces, in several calls if the kernel accepts only some. Counts the bytes sent. Returns
+    // false if a call fails.
     bool flush(int flags) ON_WRITER_THREAD {
         msghdr header{};
         header.msg_iov = pieces.data();
@@ -84,7 +84,7 @@ class GatheredPieces {
     std::size_t bytes = 0;
 };
 
-// The headers of one message's chunks. They must stay until its pieces have been sent.
+// The headers of one message's chunks. They must stay valid until its pieces have been sent.
 struct ChunkHeaders {
     std::array<unsigned char, MAX_BASIC_HEADER_BYTES + MAX_MESSAGE_HEADER_BYTES> first;
     std::array<unsigned char, MAX_BASIC_HEADER_BYTES> continuation;
@@ -105,8 +105,8 @@ bool add_shared_bytes(GatheredPieces& pieces, const SharedPayload& shared, std::
     return true;
 }
 
-// Adds the next chunk of the payload, of which left bytes are to go. Returns the bytes added; 0 when earlier pieces
-// were not sent whole.
+// Adds the next chunk of the payload; left bytes remain. Returns the bytes added, or 0 if sending earlier
+// pieces failed.
 std::size_t add_chunk(GatheredPieces& pieces, const OutgoingPacket& pkt, std::size_t left,
                       std::size_t chunk_size) ON_WRITER_THREAD {
     const std::size_t todo = std::min(chunk_size, left);
@@ -123,7 +123,7 @@ std::size_t add_chunk(GatheredPieces& pieces, const OutgoingPacket& pkt, std::si
     return pieces.add(s, todo) ? todo : 0;
 }
 
-// Adds the payload, and a continuation header before each chunk but the first.
+// Adds the payload, with a continuation header before each chunk except the first.
 bool add_payload(GatheredPieces& pieces, const OutgoingPacket& pkt, ChunkHeaders& headers,
                  std::uint32_t chunk_size) ON_WRITER_THREAD {
     if (pkt.shared.payload_bytes() != 0 && pkt.shared.is_laid_out_for(chunk_size)) {
@@ -155,8 +155,8 @@ bool add_message(GatheredPieces& pieces, const OutgoingPacket& pkt, ChunkHeaders
     return pieces.add(headers.first.data(), header_bytes) && add_payload(pieces, pkt, headers, chunk_size);
 }
 
-// Sends the whole batch in as few calls as it takes. Cancellation at any of them leaves the messages in the
-// connection.
+// Sends the whole batch in as few calls as possible. If the thread is cancelled in one of them, the messages
+// are still owned by the connection.
 bool send_batch(RTMPConnection& conn) ON_WRITER_THREAD {
     const std::uint32_t chunk_size = conn.conn_g_server.chunk_size.load(std::memory_order_relaxed);
     std::array<ChunkHeaders, MAX_BATCH_MESSAGES> headers;
@@ -165,7 +165,7 @@ bool send_batch(RTMPConnection& conn) ON_WRITER_THREAD {
     for (OutgoingPacket& pkt : conn.out_batch) {
         pkt.chunk.message_length = pkt.payload_bytes();
         if (pkt.chunk.message_length == 0) {
-            continue;  // A message without payload is never sent.
+            continue;  // Messages without payload are never sent.
         }
         if (conn.fd < 0 || !add_message(pieces, pkt, headers[idx], chunk_size)) {
             return false;
@@ -175,7 +175,8 @@ bool send_batch(RTMPConnection& conn) ON_WRITER_THREAD {
     return pieces.flush(0);
 }
 
-// An echo holds from the next message on. It ends its batch. Without memory it was never sent, and the old size stays.
+// Adopts an echoed chunk size for the messages after the echo, which is the last of its batch. An echo
+// without payload, for lack of memory, was not sent; the old size then stays.
 void adopt_chunk_size(RTMPConnection& conn, const RTMP_Packet::chunk_t& sent) ON_WRITER_THREAD {
     if (sent.message.data_length != 0) {
         CHECK(sent.message.data_length >= 4);
@@ -190,7 +191,7 @@ bool RTMPConnection::rtmp_send_packet() {
         usleep(IDLE_SLEEP_US);
         return true;
     }
-    dump_packet_to_send(out_batch.front());  // A batch is one message then.
+    dump_packet_to_send(out_batch.front());  // A batch is a single message while packets are dumped.
     if (!send_batch(*this)) {
         return false;
     }

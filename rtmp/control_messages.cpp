@@ -12,7 +12,7 @@ namespace {
 constexpr std::uint32_t MAX_CHUNK_SIZE = 0x400000;
 constexpr std::uint32_t CONTROL_VALUE_BYTES = 4;
 
-// False for a payload without a size, and for a size that is 0 or too large.
+// Returns false if the payload has no size, or the size is 0 or too large.
 bool read_chunk_size(const RTMP_Packet::chunk_t::message_t& message, std::uint32_t& chunk_size) {
     if (message.data_length < CONTROL_VALUE_BYTES) {
         return false;
@@ -25,9 +25,9 @@ bool read_chunk_size(const RTMP_Packet::chunk_t::message_t& message, std::uint32
     return true;
 }
 
-// intended: the client is told its own size back, and the server sends with that size from then on. The echo
-// and everything queued before it still go out under the old one: the writer adopts the size when it has sent
-// the echo.
+// intended: the server echoes the client's chunk size and uses it for its own chunks from then on. The echo
+// and everything queued before it are sent with the old size: the writer thread adopts the new one after
+// sending the echo.
 bool accept_chunk_size(RTMPConnection& conn, const RTMP_Packet& pkt) ON_READER_THREAD {
     std::uint32_t chunk_size = 0;
     if (!read_chunk_size(pkt.chunk.message, chunk_size)) {
@@ -37,10 +37,10 @@ bool accept_chunk_size(RTMPConnection& conn, const RTMP_Packet& pkt) ON_READER_T
     diag("RTMP: New chunk size %lu accepted\n", static_cast<unsigned long>(chunk_size));
     conn.conn_g_client.chunk_size = chunk_size;
 
-    // No print from here to the queue: this packet is a local, and cancellation must not find it half made.
+    // Do not print from here to the queue: the packet is a local, so there must be no cancellation point.
     RTMP_Packet echo;
     echo.copy_header_from(pkt);
-    // Without memory it stays empty, nothing is sent, and the old output size stays.
+    // If there is no memory, the echo stays empty: nothing is sent, and the old output size stays.
     static_cast<void>(pkt.chunk.message.copy_to(echo.chunk.message));
     return queue_outgoing(conn, std::move(echo));
 }

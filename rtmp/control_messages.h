@@ -1,12 +1,12 @@
-// Protocol control messages: chunk sizes, windows and acknowledgements, before the main thread sees a message. Reader
-// thread.
+// Handles protocol control messages (chunk sizes, windows, acknowledgements) before the main thread gets
+// them. Reader thread.
 #pragma once
 
 #include "core/connection.h"
 
-// Does what a message on message stream 0 asks of the transport; other messages are ignored. False,
-// after one line, when the message breaks a rule, and when the lock failed: the reading ends.
+// Handles a control message on message stream 0; ignores other messages. Returns false if the message breaks
+// a rule, after printing what is wrong, or if the lock failed. Reading then ends.
 [[nodiscard]] bool act_on_control_message(RTMPConnection& conn, const RTMP_Packet& pkt) ON_READER_THREAD;
 
-// Queues an acknowledgement of all bytes read so far when one is due. False when the lock failed.
+// Queues an acknowledgement of all bytes read so far if one is due. Returns false if the lock failed.
 [[nodiscard]] bool acknowledge_if_due(RTMPConnection& conn) ON_READER_THREAD;

@@ -1,5 +1,5 @@
-// The plain handshake, version 3. C1, S1, C2 and S2 are 4 bytes of time, 4 bytes of no use here, 1528 bytes
-// random:
+// The plain handshake, version 3. C1, S1, C2 and S2 each have 4 bytes of time, 4 unused bytes and
+// 1528 random bytes:
 //
 //   client                        server
 //     C0 (3)            ->
@@ -7,7 +7,7 @@
 //     C1                ->
 //                       <-  S1: time 0, then rand()
 //                       <-  S2: C1 with bytes 4..7 zero
-//     C2                ->      must echo S1, bytes 4..7 excepted
+//     C2                ->      must echo S1, except for bytes 4..7
 #include <array>
 #include <cstdlib>
 #include <cstring>
@@ -25,8 +25,7 @@ constexpr std::size_t BLOCK_BYTES = 1536;
 
 using HandshakeBlock = std::array<unsigned char, BLOCK_BYTES>;
 
-// The generator is never seeded: clients only need their echo, and a trace of one run equals that of the
-// next.
+// The generator is never seeded: clients only echo the bytes, and every run produces the same trace.
 void fill_random(HandshakeBlock& block) {
     for (std::size_t i = RANDOM_OFFSET; i < BLOCK_BYTES; ++i) {
         block[i] = static_cast<unsigned char>(std::rand());

@@ -1,5 +1,5 @@
-// The two directions of a connection: byte counters, acknowledgement state and chunk sizes. conn_g_server is its
-// ServerSide, conn_g_client its ClientSide.
+// The two directions of a connection: byte counters, acknowledgement state and chunk sizes. A connection's
+// conn_g_server is the ServerSide and its conn_g_client the ClientSide.
 #pragma once
 
 #include <atomic>
@@ -12,24 +12,25 @@ struct LinkDirection {
     LinkDirection(bool acknowledge_at_once, std::uint32_t window)
         : ack_flag(acknowledge_at_once), window_ack_size(window) {}
 
-    std::atomic<std::uint64_t> bytes_total = 0;  // the thread that counts; the control listing reads it
+    std::atomic<std::uint64_t> bytes_total =
+        0;  // written by the counting thread; read by the control listing
 
     // --- reader thread
-    bool ack_flag GUARDED_BY(READER_THREAD);  // acknowledge the next message whatever the counts say
-    std::uint32_t window_ack_size GUARDED_BY(READER_THREAD);  // in bytes; 0: never by count
+    bool ack_flag GUARDED_BY(READER_THREAD);  // acknowledge the next message whatever the counts are
+    std::uint32_t window_ack_size GUARDED_BY(READER_THREAD);  // in bytes; 0: never acknowledge by count
 };
 
-// The server's own side: bytes received from the client, their acknowledgement, and the chunk size the server sends
-// with.
+// The server's side: bytes received from the client, their acknowledgement, and the chunk size of what
+// the server sends.
 struct ServerSide : LinkDirection {
     using LinkDirection::LinkDirection;
 
     std::uint32_t bytes_unacked GUARDED_BY(READER_THREAD) = 0;   // since the last acknowledgement
-    std::atomic<std::uint32_t> chunk_size = DEFAULT_CHUNK_SIZE;  // writer thread; the main thread looks at it
+    std::atomic<std::uint32_t> chunk_size = DEFAULT_CHUNK_SIZE;  // writer thread; read by the main thread
 };
 
-// The client's side: bytes sent to the client, in the handshake by the reader thread, and the chunk size the client
-// sends with.
+// The client's side: bytes sent to the client (during the handshake, by the reader thread) and the chunk size
+// of what the client sends.
 struct ClientSide : LinkDirection {
     using LinkDirection::LinkDirection;
 
@@ -37,13 +38,13 @@ struct ClientSide : LinkDirection {
     std::uint32_t chunk_size GUARDED_BY(READER_THREAD) = DEFAULT_CHUNK_SIZE;
 };
 
-// The acknowledgement rule, as values. An acknowledgement is due when asked for, or when a window is full.
+// Whether a window is full. An acknowledgement is due when the window is full or ack_flag is set.
 [[nodiscard]] constexpr bool window_is_full(std::uint32_t window_ack_size, std::uint32_t bytes_unacked) {
     return window_ack_size != 0 && window_ack_size <= bytes_unacked;
 }
 
-// What stays unacknowledged after an acknowledgement. The cap is deliberate: never more than one window is
-// carried into the next period, so a burst does not cause a train of acknowledgements.
+// Returns the bytes that stay unacknowledged after an acknowledgement. intended: at most one window is
+// carried over, so a burst does not cause a series of acknowledgements.
 [[nodiscard]] constexpr std::uint32_t unacked_after_acknowledgement(std::uint32_t window_ack_size,
                                                                     std::uint32_t bytes_unacked) {
     if (!window_is_full(window_ack_size, bytes_unacked)) {

@@ -1,11 +1,12 @@
-// What the first bytes of an audio or video payload say. Pure; no codec is parsed any further than this.
+// Recognises sequence headers by the first bytes of an audio or video payload. Pure; codecs are not
+// parsed any further.
 #pragma once
 
 #include "rtmp/rtmp_packet.h"
 
-// An AAC payload (sound format 10) whose packet type is 0: the AudioSpecificConfig.
+// Whether the payload is AAC (sound format 10) with packet type 0, which is an AudioSpecificConfig.
 [[nodiscard]] bool is_aac_sequence_header(const RTMP_Packet& pkt);
 
-// Either the extended video header (bit 7 of byte 0) with packet type 0, or an AVC payload (codec 7) whose
-// packet type is 0. Only the codec nibble of the latter is looked at, not the frame type.
+// Whether the payload has an extended video header (bit 7 of byte 0) with packet type 0, or is AVC (codec 7)
+// with packet type 0. The frame type of AVC is not checked.
 [[nodiscard]] bool is_video_sequence_header(const RTMP_Packet& pkt);

@@ -1,4 +1,4 @@
-// A message on its way to one client: header fields of its own, and a payload that is its own or shared.
+// A message to be sent to one client. It has its own header fields and a payload of its own or a shared one.
 #pragma once
 
 #include <cstddef>
@@ -7,18 +7,19 @@
 #include "rtmp/rtmp_packet.h"
 #include "rtmp/shared_payload.h"
 
-// What the writer thread sends in one go, at most. Only what waits already is taken; one message always is.
+// Limits of a batch that the writer thread sends. Only waiting messages are taken. A batch may always have
+// one message, whatever its length.
 constexpr std::size_t MAX_BATCH_MESSAGES = 32;
 constexpr std::size_t MAX_BATCH_BYTES = 262144;
 
 struct OutgoingPacket : RTMP_Packet {
     OutgoingPacket() = default;
-    // A reply or a control message: the payload stays in chunk.message.
+    // For a reply or a control message: the payload stays in chunk.message.
     OutgoingPacket(RTMP_Packet&& pkt) : RTMP_Packet(std::move(pkt)) {}
 
-    SharedPayload shared;  // relayed media; chunk.message is empty then
+    SharedPayload shared;  // relayed media; chunk.message is then empty
 
-    // 0: the writer skips the message.
+    // Returns the payload's length. If it is 0, the writer skips the message.
     [[nodiscard]] std::uint32_t payload_bytes() const {
         return shared.payload_bytes() != 0 ? shared.payload_bytes() : chunk.message.data_length;
     }

@@ -14,11 +14,11 @@ namespace {
 constexpr std::size_t MAX_INCOMING_MESSAGES = 8;
 constexpr useconds_t BACK_PRESSURE_SLEEP_US = 10000;
 
-// From this many waiting packets on, acknowledgements no longer pile up.
+// If this many packets are waiting, acknowledgements are merged.
 constexpr std::size_t CROWDED_PACKETS = 1024;
 constexpr std::uint32_t ACKNOWLEDGEMENT_BYTES = 4;
 
-// An empty packet when there is no memory: the writer skips it.
+// Returns an empty packet if there is no memory; the writer skips it.
 RTMP_Packet make_acknowledgement(std::uint64_t total_bytes) {
     RTMP_Packet pkt;
     pkt.chunk.stream_id = CONTROL_CHUNK_STREAM_ID;

@@ -1,34 +1,35 @@
-// The two queues of a connection. Each access is under its lock, and short: a batch of 64 moves is the longest.
+// The two queues of a connection. Every access holds the connection's lock, for 64 moves at most.
 //
 //   reader thread -- connection_in --> main thread
 //   reader thread, main thread -- connection_out --> writer thread
 //
-// A packet that cannot be queued because the lock failed is released; false is how the producer hears of it.
+// If a packet cannot be queued because the lock failed, it is released and the function returns false.
 #pragma once
 
 #include <cstdint>
 
 #include "core/connection.h"
 
-// Moves a packet onto the back of connection_out. Any thread that does not hold the lock; code that does
-// appends to connection_out itself.
+// Appends a packet to connection_out. Any thread that does not hold the lock; code that holds it appends to
+// connection_out directly.
 [[nodiscard]] bool queue_outgoing(RTMPConnection& conn, OutgoingPacket&& pkt) EXCLUDES(conn.mutex);
 
-// Queues an acknowledgement of total_bytes (their low 32 bits). Where a client does not read and packets have
-// piled up, an acknowledgement at the back of the queue is overwritten instead: only the latest count is of
-// use.
+// Queues an acknowledgement of total_bytes (the low 32 bits). If the client does not read and many packets
+// are waiting, overwrites an acknowledgement at the back of the queue instead, since only the latest
+// count matters.
 [[nodiscard]] bool queue_acknowledgement(RTMPConnection& conn, std::uint64_t total_bytes) ON_READER_THREAD
     EXCLUDES(conn.mutex);
 
-// Whether sending this message changes the output chunk size: the echo of the client's.
+// Whether this message is the echo of the client's chunk size; sending it changes the output chunk size.
 [[nodiscard]] bool is_chunk_size_echo(const RTMP_Packet& pkt);
 
-// Moves messages from the front of connection_out into out_batch, which is emptied first. A batch ends after the echo
-// of a chunk size, so that one chunk size holds for all of it; while packets are dumped it is a single message, so
-// that each dump is followed by its bytes. False when nothing waits or the lock failed. Writer thread.
+// Clears out_batch and moves messages from the front of connection_out into it. A batch ends after the echo
+// of a chunk size, so one chunk size applies to the whole batch. While packets are dumped, a batch is a
+// single message, so each dump is followed by its bytes. Returns false if no message is waiting or the lock
+// failed. Writer thread.
 [[nodiscard]] bool take_outgoing(RTMPConnection& conn) ON_WRITER_THREAD EXCLUDES(conn.mutex);
 
-// Sleeps while the main thread is behind with connection_in, so that the client's TCP window fills instead of
-// memory. False when the lock failed. Reader thread.
+// Sleeps while connection_in is full, so that the client's TCP window fills instead of memory. Returns false
+// if the lock failed. Reader thread.
 [[nodiscard]] bool wait_for_room_in_incoming_queue(RTMPConnection& conn) ON_READER_THREAD
     EXCLUDES(conn.mutex);

@@ -1,6 +1,6 @@
-// What one recv has brought beyond the bytes that were asked for. Reader thread.
+// Buffers bytes that one recv returned beyond those requested. Reader thread.
 //
-// Without it each chunk takes three system calls, and clients send chunks of 128 bytes.
+// Without it, each chunk takes three system calls, and clients send chunks of 128 bytes.
 #pragma once
 
 #include <array>
@@ -9,15 +9,16 @@
 struct ReadAhead {
     static constexpr std::size_t CAPACITY_BYTES = 8192;
 
-    bool enabled = false;  // from the end of the handshake on
+    bool enabled = false;  // set when the handshake is complete
     std::size_t begin = 0;
     std::size_t end = 0;
-    // Not initialised: a client that sends little touches little of it.
+    // Not initialised, so that a client that sends little touches few of its pages.
     std::array<unsigned char, CAPACITY_BYTES> bytes;
 
-    // Moves up to c bytes to d. Returns their number, 0 when there are none.
+    // Moves up to c bytes to d. Returns the number of bytes moved, 0 if the buffer is empty.
     std::size_t take(unsigned char* d, std::size_t c);
 
-    // Waits in one recv for more; requires that there are none. False when the client has closed, or on an error.
+    // Fills the buffer with one blocking recv. Requires that it is empty. Returns false if the client has
+    // closed or on an error.
     [[nodiscard]] bool fill(int fd);
 };

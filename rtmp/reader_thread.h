@@ -1,8 +1,8 @@
-// What the reader thread of a connection does.
+// The work of a connection's reader thread.
 #pragma once
 
 #include "core/connection.h"
 
-// The handshake, then messages until the client closes or breaks a rule. No stop request is looked at: cancellation
-// ends it as well.
+// Does the handshake, then reads messages until the client closes or breaks a rule. Does not check for a stop
+// request: the main thread cancels the thread instead.
 void read_session(RTMPConnection& conn) ON_READER_THREAD;

@@ -1,10 +1,12 @@
-// One RTMP message in memory, from the chunk reader through the queues and the relay to the chunk writer.
+// An RTMP message in memory, on its way from the chunk reader through the queues and the relay to
+// the chunk writer.
 //
-// 1. A packet owns its payload: exactly one packet owns a buffer at any time, and its destructor releases it.
-// 2. Packets move. copy_to() duplicates a payload; SharedPayload::lay_out() copies one for all players of a stream.
-// Nothing else does.
+// 1. A packet owns its payload. A buffer has exactly one owner at any time, whose destructor frees it.
+// 2. Packets are moved. Only copy_to() and SharedPayload::lay_out(), which copies a payload once for all
+//    players of a stream, copy payloads.
 // 3. No payload is larger than MAX_PAYLOAD_BYTES.
-// A packet carries no lock: the thread that holds it, or the mutex of the queue that holds it, protects it.
+//
+// A packet has no lock. It belongs to one thread, or is guarded by the mutex of the queue it is in.
 #pragma once
 
 #include <cstdint>
@@ -13,16 +15,16 @@ constexpr std::uint32_t MAX_PAYLOAD_BYTES = 0xFFFFF;
 
 struct RTMP_Packet {
     struct chunk_t {
-        std::uint8_t fmt = 0;         // header format 0..3 of the first chunk as received; ignored on output
+        std::uint8_t fmt = 0;         // header format 0..3 of the first chunk received; ignored on output
         std::uint32_t stream_id = 0;  // chunk stream id: 2 is protocol control, 3 and up commands and media
         std::uint32_t timestamp = 0;  // absolute, milliseconds, wraps
-        // from the header; on output set to the length of the payload just before sending
+        // as received; on output, set to the payload's length just before sending
         std::uint32_t message_length = 0;
         std::uint8_t message_type_id = 0;  // see message_types.h
         std::uint32_t message_stream_id = 0;
 
         struct message_t {
-            // from new (std::nothrow) unsigned char[]; null when there is none
+            // from new (std::nothrow) unsigned char[]; null if there is no payload
             unsigned char* data = nullptr;
             std::uint32_t data_length = 0;
 
@@ -33,22 +35,23 @@ struct RTMP_Packet {
             message_t& operator=(const message_t&) = delete;
             ~message_t() { delete[] data; }
 
-            // Makes room for length bytes, whose content is unspecified; what was held is released first.
-            // False, and empty, when length is 0 or above MAX_PAYLOAD_BYTES or there is no memory.
+            // Releases the old payload and allocates length bytes of unspecified content. Returns false, and
+            // stays empty, if length is 0 or above MAX_PAYLOAD_BYTES or there is no memory.
             [[nodiscard]] bool allocate(std::uint32_t length);
 
-            // Deep copy into dst, another message, whose old payload is released in any case. Copying an
-            // empty payload succeeds. False, with dst empty, above MAX_PAYLOAD_BYTES or without memory.
+            // Copies the payload into dst, another message, and releases dst's old payload. Copying an empty
+            // payload succeeds. Returns false, with dst empty, if the payload is above MAX_PAYLOAD_BYTES or
+            // there is no memory.
             [[nodiscard]] bool copy_to(message_t& dst) const;
 
-            // Back to no payload.
+            // Frees the payload.
             void release();
         } message;
     } chunk;
 
-    // Copies the six header fields; the payload stays as it is.
+    // Copies the six header fields. The payload is unchanged.
     void copy_header_from(const RTMP_Packet& other);
 };
 
-// True when the payloads differ in length or in a byte. A length without data is a mistake of the caller.
+// Whether the payloads differ in length or in any byte. The caller must not pass a length without data.
 [[nodiscard]] bool packet_data_different(const RTMP_Packet& a, const RTMP_Packet& b);

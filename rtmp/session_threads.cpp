@@ -8,7 +8,7 @@
 
 namespace {
 
-// Lets the kernel wake several writers at once: a sleep may end that much later, never earlier.
+// Lets the kernel wake several writers together. A sleep may end this much later, never earlier.
 constexpr unsigned long WRITER_TIMER_SLACK_NS = 5000000;
 
 }  // namespace

@@ -1,15 +1,17 @@
-// The two threads of a connection: where they begin. connection_table creates them, connection_close ends
-// them.
+// The entry points of a connection's two threads. connection_table creates the threads,
+// connection_close ends them.
 //
-// Both are stopped by deferred cancellation, so every blocking call and every print is a place where they may
-// end. Therefore, on them: no print, sleep or socket call between lock and unlock; no noexcept and no
-// catch-all on a path with a cancellation point; no destructor that prints, sleeps or closes; a payload under
-// construction lives in the connection, never in a local across a cancellation point.
+// Both are stopped by deferred cancellation, so they may end in any blocking call or print. The following
+// rules therefore apply to these threads. Never print, sleep or call a socket between lock and unlock. Use
+// neither noexcept nor catch-all on a path with a cancellation point. No destructor may print, sleep or
+// close. A payload under construction is kept in the connection, never in a local variable across a
+// cancellation point.
 #pragma once
 
-// argument: the RTMPConnection. Handshake, then messages until the client goes or breaks a rule; sets
-// thread_died.
+// argument: the RTMPConnection. Does the handshake, then reads messages until the client closes or breaks a
+// rule. Sets thread_died at the end.
 extern "C" void* reader_thread(void* argument);
 
-// argument: the RTMPConnection. Drains connection_out until a send fails; sets thread2_died.
+// argument: the RTMPConnection. Sends what is in connection_out until a send fails. Sets
+// thread2_died at the end.
 extern "C" void* writer_thread(void* argument);

@@ -9,7 +9,7 @@
 
 #include "rtmp/chunk_format.h"
 
-// Stands at the head of the allocation; the bytes follow.
+// The head of the allocation; the bytes follow it.
 struct SharedPayload::Block {
     std::atomic<std::uint32_t> holders;
     std::uint32_t payload_bytes;
@@ -75,7 +75,7 @@ SharedPayload SharedPayload::share() const {
 
 void SharedPayload::release() {
     Block* const left = std::exchange(block, nullptr);
-    // What other holders have read is read before the last one frees it.
+    // The memory order makes all reads by other holders happen before the last one frees the block.
     if (left != nullptr && left->holders.fetch_sub(1, std::memory_order_acq_rel) == 1) {
         left->~Block();
         delete[] reinterpret_cast<unsigned char*>(left);
@@ -87,7 +87,7 @@ std::uint32_t SharedPayload::payload_bytes() const {
 }
 
 bool SharedPayload::is_laid_out_for(std::uint32_t chunk_size) const {
-    // A payload of one chunk has no continuation header in it.
+    // A payload of one chunk contains no continuation header.
     return chunk_size == block->chunk_size || block->payload_bytes <= std::min(chunk_size, block->chunk_size);
 }
 

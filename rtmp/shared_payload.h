@@ -1,9 +1,9 @@
-// The payload of one relayed message, laid out in chunks once and shared by every player it waits for.
+// The payload of one relayed message, split into chunks once and shared by all players it is queued for.
 //
 //   | chunk_size bytes | continuation header | chunk_size bytes | continuation header | ... | the rest |
 //
-// The block is immutable, so any thread may read it without a lock. The holder that lets go last frees it. The first
-// chunk's header is not part of it: its timestamp differs from player to player.
+// The block is immutable, so any thread may read it without a lock. The last holder frees it. The first
+// chunk's header is not included, because its timestamp differs between players.
 #pragma once
 
 #include <cstddef>
@@ -21,29 +21,30 @@ class SharedPayload {
     SharedPayload& operator=(const SharedPayload&) = delete;
     ~SharedPayload() { release(); }
 
-    // Copies the payload of chunk into a new block for writers that send with chunk_size, which is not 0. Holds
-    // nothing when the payload is empty or larger than MAX_PAYLOAD_BYTES, or without memory.
+    // Copies the payload of chunk into a new block for writers that use chunk_size, which must not be 0. The
+    // result holds nothing if the payload is empty or larger than MAX_PAYLOAD_BYTES, or there is no memory.
     [[nodiscard]] static SharedPayload lay_out(const RTMP_Packet::chunk_t& chunk, std::uint32_t chunk_size);
 
-    // Another holder of the same block.
+    // Returns another holder of the same block.
     [[nodiscard]] SharedPayload share() const;
     void release();
 
-    // Payload bytes, without continuation headers; 0 when it holds nothing.
+    // Returns the payload's length without continuation headers; 0 if it holds nothing.
     [[nodiscard]] std::uint32_t payload_bytes() const;
 
-    // The rest requires that it holds something.
+    // The following functions require that it holds something.
 
-    // Whether the block is what a writer sends after the message header at this chunk size.
+    // Whether a writer that uses this chunk size can send the block unchanged after the message header.
     [[nodiscard]] bool is_laid_out_for(std::uint32_t chunk_size) const;
 
     struct Bytes {
         const unsigned char* data;
         std::size_t length;
     };
-    // The whole block, continuation headers included.
+    // Returns the whole block, including continuation headers.
     [[nodiscard]] Bytes laid_out() const;
-    // The longest run of payload bytes without a continuation header that begins at offset, below payload_bytes().
+    // Returns the longest run of payload bytes from offset without a continuation header. offset must be
+    // below payload_bytes().
     [[nodiscard]] Bytes plain_run(std::uint32_t offset) const;
 
   private:

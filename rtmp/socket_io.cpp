@@ -1,4 +1,5 @@
-// The socket primitives of a connection: blocking and counted; and whole, on top of them.
+// The socket primitives of a connection: blocking, counting reads and writes, and all-or-nothing ones
+// built on them.
 #include "rtmp/socket_io.h"
 
 #include <sys/socket.h>

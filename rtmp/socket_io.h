@@ -1,12 +1,12 @@
-// Blocks of a fixed length over a connection's socket, all or nothing. Reader thread.
+// Reads and writes blocks of a fixed length on a connection's socket, all or nothing. Reader thread.
 #pragma once
 
 #include <cstddef>
 
 #include "core/connection.h"
 
-// Exactly c bytes into d; false when there is no socket or the client ends before.
+// Reads exactly c bytes into d. Returns false if there is no socket or if the client closes first.
 [[nodiscard]] bool read_whole(RTMPConnection& conn, void* d, std::size_t c) ON_READER_THREAD;
 
-// Exactly c bytes from s; false when there is no socket or it takes no more.
+// Writes exactly c bytes from s. Returns false if there is no socket or it has failed.
 [[nodiscard]] bool write_whole(RTMPConnection& conn, const void* s, std::size_t c) ON_READER_THREAD;

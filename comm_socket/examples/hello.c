@@ -1,5 +1,4 @@
-/* Sends one request to a comm_socket_v4 server and prints the reply. With only the socket's path it says
- * hello.
+/* Sends one request to a comm_socket_v4 server and prints the reply. Given only a path, sends "hello".
  *
  *     cc -std=c99 hello.c $(pkg-config --cflags --libs comm_socket_v4)
  *     ./a.out SOCKET [COMMAND [ARGUMENT...]]
@@ -11,7 +10,7 @@
 
 #define TIMEOUT_US 5000000u
 
-/* A request of command and the count arguments behind it; null when it cannot be built. */
+/* Returns a request with the command and count arguments, or null if it cannot be built. */
 static comm_socket_v4_packet* make_request(const char* command, char** arguments, int count) {
     comm_socket_v4_packet* request = comm_socket_v4_packet_create();
     int failed = comm_socket_v4_packet_begin_writing(request, 0, command, "");
