@@ -9,7 +9,7 @@
 
 // Limits of a batch that the writer thread sends. Only waiting messages are taken. A batch may always have
 // one message, whatever its length.
-constexpr std::size_t MAX_BATCH_MESSAGES = 64;
+constexpr std::size_t MAX_BATCH_MESSAGES = 32;
 constexpr std::size_t MAX_BATCH_BYTES = 262144;
 
 struct OutgoingPacket : RTMP_Packet {

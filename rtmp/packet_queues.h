@@ -1,4 +1,4 @@
-// The two queues of a connection. Every access holds the connection's lock, for 64 moves at most.
+// The two queues of a connection. Every access holds the lock, for at most MAX_BATCH_MESSAGES moves.
 //
 //   reader thread -- connection_in --> main thread
 //   reader thread, main thread -- connection_out --> writer thread

@@ -44,10 +44,10 @@ TEST_F(packet_queues, the_writer_takes_everything_that_waits) {
     EXPECT_TRUE(conn.out_batch.empty());
 }
 
-TEST_F(packet_queues, a_batch_holds_64_messages) {
-    queue(std::vector<std::string>(65, "x"));
+TEST_F(packet_queues, a_batch_holds_32_messages) {
+    queue(std::vector<std::string>(33, "x"));
     ASSERT_TRUE(take_outgoing(conn));
-    EXPECT_EQ(conn.out_batch.size(), 64U);
+    EXPECT_EQ(conn.out_batch.size(), 32U);
     ASSERT_TRUE(take_outgoing(conn));
     EXPECT_EQ(conn.out_batch.size(), 1U);
 }
@@ -89,17 +89,17 @@ TEST_F(packet_queues, a_batch_is_one_message_while_packets_are_dumped) {
 TEST_F(packet_queues, what_a_batch_has_taken_counts_when_acknowledgements_are_merged) {
     queue(std::vector<std::string>(1024, "reply"));
     ASSERT_TRUE(take_outgoing(conn));
-    ASSERT_EQ(conn.connection_out.size(), 960U);
+    ASSERT_EQ(conn.connection_out.size(), 992U);
     ASSERT_TRUE(queue_acknowledgement(conn, 1));
-    EXPECT_EQ(conn.connection_out.size(), 961U);
+    EXPECT_EQ(conn.connection_out.size(), 993U);
     ASSERT_TRUE(queue_acknowledgement(conn, 2));
-    EXPECT_EQ(conn.connection_out.size(), 961U);
+    EXPECT_EQ(conn.connection_out.size(), 993U);
     EXPECT_EQ(payload_of(conn.connection_out.back()), std::string("\x00\x00\x00\x02", 4));
 }
 
 // The reader thread may acknowledge while the last batch is still being sent.
 TEST_F(packet_queues, an_acknowledgement_is_queued_although_a_batch_has_taken_everything) {
-    queue(std::vector<std::string>(64, "reply"));
+    queue(std::vector<std::string>(32, "reply"));
     ASSERT_TRUE(take_outgoing(conn));
     conn.out_batch_messages = 2000;
     ASSERT_TRUE(queue_acknowledgement(conn, 1));
