@@ -1,7 +1,7 @@
 // Messages through the real chunk writer into a socket that takes a few bytes at a time. A reader of the
 // target's own must find the same messages in what was sent, and so must the server's reader.
 //
-//   input: options | for each message: what | chunk stream | timestamp | length | type | message stream
+//   input: options | for each message: what, layout | chunk stream | timestamp | length | type | message stream
 #include <sys/socket.h>
 #include <sys/uio.h>
 #include <unistd.h>
@@ -22,7 +22,9 @@
 #include "core/switches.h"
 #include "fuzz/support/chunk_parser.h"
 #include "fuzz/support/input_bytes.h"
+#include "rtmp/outgoing_packet.h"
 #include "rtmp/packet_queues.h"
+#include "rtmp/shared_payload.h"
 
 namespace {
 
@@ -37,6 +39,11 @@ constexpr std::array<std::size_t, 8> PIECE_BYTES{ALL, ALL, ALL, ALL, 3, 130, 102
 constexpr unsigned OPTION_FAIL = 8;
 
 enum What : std::uint8_t { ORDINARY, LONG, CHUNK_SIZE, EMPTY, WHATS };
+
+constexpr std::uint32_t OWN_PAYLOAD = 0;
+// For which chunk size the payload is laid out to be shared.
+constexpr std::array<std::uint32_t, 12> LAYOUTS{OWN_PAYLOAD, 1,   2,   127, 128,  129,
+                                                255,         256, 299, 300, 4096, LARGEST_CHUNK_SIZE};
 
 std::size_t piece_bytes = ALL;
 std::size_t room = ALL;  // the client goes away after so many bytes
@@ -66,9 +73,16 @@ std::string chunk_size_payload(std::uint32_t number) {
     return payload;
 }
 
-ParsedMessage next_message(InputBytes& input, std::size_t number) {
-    const std::uint8_t what = input.u8() % WHATS;
+struct QueuedMessage {
     ParsedMessage message;
+    std::uint32_t layout = OWN_PAYLOAD;
+};
+
+QueuedMessage next_message(InputBytes& input, std::size_t number) {
+    const std::uint8_t choice = input.u8();
+    const std::uint8_t what = choice % WHATS;
+    QueuedMessage queued;
+    ParsedMessage& message = queued.message;
     // All ids from 2 to 65599, but for a few in the middle.
     const std::uint32_t stream = input.u16();
     message.chunk_stream_id = stream + (stream < 0xF000 ? 2 : 64);
@@ -88,8 +102,9 @@ ParsedMessage next_message(InputBytes& input, std::size_t number) {
         }
         const std::size_t bytes = what == EMPTY ? 0 : length % (what == LONG ? LONG_BYTES : ORDINARY_BYTES);
         message.payload = payload_of(bytes, number);
+        queued.layout = LAYOUTS[choice / WHATS % LAYOUTS.size()];
     }
-    return message;
+    return queued;
 }
 
 RTMP_Packet packet_of(const ParsedMessage& message) {
@@ -105,6 +120,17 @@ RTMP_Packet packet_of(const ParsedMessage& message) {
     return pkt;
 }
 
+OutgoingPacket outgoing_packet_of(const QueuedMessage& queued) {
+    RTMP_Packet pkt = packet_of(queued.message);
+    if (queued.layout == OWN_PAYLOAD) {
+        return pkt;
+    }
+    OutgoingPacket outgoing;
+    outgoing.copy_header_from(pkt);
+    outgoing.shared = SharedPayload::lay_out(pkt.chunk, queued.layout);
+    return outgoing;
+}
+
 // One thread plays all three, so nobody needs the lock.
 // Runs the writer thread's loop until everything is sent or the client is gone.
 void write_all(RTMPConnection& conn) {
@@ -116,10 +142,11 @@ void write_all(RTMPConnection& conn) {
     }
 }
 
-void check_by_parser(const std::vector<ParsedMessage>& messages) {
+void check_by_parser(const std::vector<QueuedMessage>& queued_messages) {
     ChunkParser parser(sent, ChunkParser::NO_LIMIT);
     ParsedMessage parsed;
-    for (const ParsedMessage& message : messages) {
+    for (const QueuedMessage& queued : queued_messages) {
+        const ParsedMessage& message = queued.message;
         if (message.payload.empty()) {
             continue;  // Messages without payload are not sent.
         }
@@ -191,13 +218,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     room = (options & OPTION_FAIL) != 0 ? input.u16() : ALL;
     sent.clear();
 
-    std::vector<ParsedMessage> messages;
+    std::vector<QueuedMessage> messages;
     while (!input.empty() && messages.size() < MAX_MESSAGES) {
         messages.push_back(next_message(input, messages.size()));
     }
     RTMPConnection conn(WRITER_FD, 0, {});
-    for (const ParsedMessage& message : messages) {
-        CHECK(queue_outgoing(conn, packet_of(message)));
+    for (const QueuedMessage& queued : messages) {
+        CHECK(queue_outgoing(conn, outgoing_packet_of(queued)));
     }
     write_all(conn);
     CHECK(conn.conn_g_client.bytes_total == sent.size());
