@@ -1,8 +1,10 @@
 #include "bench/load/options.h"
 
 #include <CLI/CLI.hpp>
+#include <charconv>
 #include <cstdlib>
 #include <map>
+#include <system_error>
 
 namespace {
 
@@ -79,18 +81,21 @@ void add_media(CLI::App& app, StreamShape& shape, Rate& rate) {
         ->check(CLI::Range(0, 1000));
 }
 
+void require(bool holds, const std::string& what) {
+    if (!holds) {
+        throw CLI::ValidationError(what);
+    }
+}
+
 // "HOST" or "HOST:PORT".
 void split_address(const std::string& address, LoadOptions& load) {
     const std::size_t colon = address.find(':');
     load.server_host = address.substr(0, colon);
     if (colon != std::string::npos) {
-        load.server_port = static_cast<std::uint16_t>(std::strtoul(address.c_str() + colon + 1, nullptr, 10));
-    }
-}
-
-void require(bool holds, const std::string& what) {
-    if (!holds) {
-        throw CLI::ValidationError(what);
+        const char* const last = address.data() + address.size();
+        const auto [end, error] = std::from_chars(address.data() + colon + 1, last, load.server_port);
+        require(error == std::errc() && end == last && load.server_port != 0,
+                "--server: the port is a number from 1 to 65535");
     }
 }
 

@@ -122,6 +122,14 @@ TEST(RelayLoad, CapacityIsTheHighestRateThatHolds) {
     EXPECT_EQ(run.program.end, (ProgramEnd{0, 0}));
 }
 
+TEST(RelayLoad, APortThatIsNoPortIsRefused) {
+    for (const char* const address : {"127.0.0.1:", "127.0.0.1:0", "127.0.0.1:x", "127.0.0.1:99999"}) {
+        const ProgramRun run = run_program({RELAY_LOAD_PATH, "--server", address}, {}, RUN_WAIT);
+        EXPECT_NE(run.end, (ProgramEnd{0, 0}));
+        EXPECT_NE(run.err.find("the port is a number from 1 to 65535"), std::string::npos) << run.err;
+    }
+}
+
 TEST(RelayLoad, TheBareSenderMakesOneSendForEachMessageAndPlayer) {
     const LoadRun run = run_load({"--mode", "floor", "--players", "7", "--seconds", "0.5"});
     EXPECT_GT(run.report["messages"], 30);
