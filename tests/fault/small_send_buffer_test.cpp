@@ -20,7 +20,7 @@ constexpr std::size_t NAME_BYTES = 1000000;
 constexpr std::size_t PUBLISHERS = 126 / TIME_SCALE;  // and the two of the stream that is timed
 constexpr std::size_t PUBLISHERS_FOR_TOOL = TIME_SCALE == 1 ? PUBLISHERS : 14;
 constexpr Milliseconds LIST_TIME = scaled(Milliseconds{10000});
-// Beside other tests.
+// The tool copies and prints every byte as well.
 constexpr Milliseconds TOOL_TIME = scaled(Milliseconds{30000});
 constexpr Milliseconds LATENESS = scaled(Milliseconds{250});
 
