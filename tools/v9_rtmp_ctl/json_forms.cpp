@@ -137,6 +137,18 @@ std::string drop_json(const DropResult& result) {
     return dump(document);
 }
 
+std::string watchdog_json(const WatchdogLine& line) {
+    return dump({{"unix_seconds", line.unix_seconds},
+                 {"action", line.action},
+                 {"rule", line.rule},
+                 {"reason", line.reason},
+                 {"id", line.id},
+                 {"stream", text_or_null(line.stream)},
+                 {"mode", text_or_null(line.mode)},
+                 {"address", text_or_null(line.address)},
+                 {"message", line.message ? Json(*line.message) : Json(nullptr)}});
+}
+
 std::string version_json(const std::string& version) {
     Json document;
     document["version"] = version;

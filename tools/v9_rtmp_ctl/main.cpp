@@ -41,6 +41,8 @@ ExitCode run(const CommandLine& line) {
             return run_drop_unnamed(line.settings, line.drop);
         case Subcommand::WATCH:
             return run_watch(line.settings, line.watch);
+        case Subcommand::WATCHDOG:
+            return run_watchdog(line.settings, line.watchdog);
         case Subcommand::RAW:
             return run_raw(line.settings, line.raw);
         case Subcommand::COMPLETION:
