@@ -37,6 +37,8 @@ class CommandParser {
     void add_drop_id(CLI::App& drop);
     void add_watch();
     void add_watchdog();
+    void add_events();
+    void add_check();
     void add_raw();
     void add_completion();
     void add_help();

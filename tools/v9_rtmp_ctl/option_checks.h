@@ -13,3 +13,5 @@ constexpr double MIN_INTERVAL_SECONDS = 0.1;
 [[nodiscard]] CLI::Validator seconds_or_off(double min);
 
 [[nodiscard]] CLI::Validator address_range();
+
+[[nodiscard]] CLI::Validator rtmp_address();
