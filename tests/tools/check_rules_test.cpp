@@ -72,7 +72,8 @@ TEST(CheckRules, StandardErrorMayLeadToTheJournalOrNowhere) {
     EXPECT_EQ(judge_standard_error("/dev/null").level, Level::OK);
     EXPECT_THAT(judge_standard_error("pipe:[123]").text, HasSubstr("the relay stops while its reader does"));
     EXPECT_THAT(judge_standard_error("/dev/pts/0").text, HasSubstr("Start the server as a service"));
-    EXPECT_THAT(judge_standard_error("/var/log/a\nb").text, HasSubstr("/var/log/a\\x0Ab, which strangers can fill"));
+    EXPECT_THAT(judge_standard_error("/var/log/a\nb").text,
+                HasSubstr("/var/log/a\\x0Ab, which strangers can fill"));
     EXPECT_EQ(judge_standard_error(std::nullopt).level, Level::UNKNOWN);
 }
 
@@ -93,8 +94,8 @@ TEST(CheckRules, EveryFindingThatIsNotOkSaysWhatToDo) {
           judge_descriptor_limit(std::nullopt), judge_thread_limit(limits_with("1", "1"), std::nullopt),
           judge_memory_limit(std::nullopt), judge_memory_limit("1\n"), judge_standard_error("pipe:[1]"),
           judge_standard_error("/dev/pts/1"), judge_standard_error("/x"), judge_clock(true, false),
-          judge_clock(false, false), judge_kernel(1, 1, 1), judge_kernel(4096, 1, 1), judge_kernel(4096, 60000, 2),
-          judge_kernel(std::nullopt, std::nullopt, std::nullopt)}) {
+          judge_clock(false, false), judge_kernel(1, 1, 1), judge_kernel(4096, 1, 1),
+          judge_kernel(4096, 60000, 2), judge_kernel(std::nullopt, std::nullopt, std::nullopt)}) {
         EXPECT_NE(finding.level, Level::OK);
         EXPECT_TRUE(finding.text.ends_with('.') || finding.text.ends_with(").")) << finding.text;
     }

@@ -22,7 +22,8 @@ class Hook : public testing::Test {
         std::filesystem::permissions(program, std::filesystem::perms::owner_all);
         sigset_t mask;
         sigemptyset(&mask);
-        return run_hook(program, {{"V9_EVENT", "play"}, {"V9_STREAM", "a b;$(touch owned)'\""}, {"V9_MODE", ""}}, mask,
+        return run_hook(program,
+                        {{"V9_EVENT", "play"}, {"V9_STREAM", "a b;$(touch owned)'\""}, {"V9_MODE", ""}}, mask,
                         max_us);
     }
 
@@ -41,7 +42,8 @@ class Hook : public testing::Test {
 }  // namespace
 
 TEST_F(Hook, GetsValuesInItsEnvironmentAndNoArguments) {
-    EXPECT_EQ(run(R"(echo "$# $V9_EVENT $V9_STREAM ${V9_MODE-unset}." > "$0.out"; cat >> "$0.out")"), std::nullopt);
+    EXPECT_EQ(run(R"(echo "$# $V9_EVENT $V9_STREAM ${V9_MODE-unset}." > "$0.out"; cat >> "$0.out")"),
+              std::nullopt);
     EXPECT_EQ(output(), "0 play a b;$(touch owned)'\" .\n");
 }
 
@@ -55,5 +57,6 @@ TEST_F(Hook, ThatFailsIsReported) {
 }
 
 TEST_F(Hook, ThatDoesNotEndIsKilled) {
-    EXPECT_THAT(run("exec sleep 100", 1000000), Optional(std::string("ran for more than 1 s and was killed")));
+    EXPECT_THAT(run("exec sleep 100", 1000000),
+                Optional(std::string("ran for more than 1 s and was killed")));
 }
