@@ -349,18 +349,19 @@ std::optional<std::uint64_t> gained_beside_until(const ClientRecord& client, con
 std::optional<Movement> recent_movement(const ConnectionHistory& history, const ClientRecord& client,
                                         std::uint64_t window_us, unsigned parts) {
     const std::uint64_t now_us = history.attended_us();
-    const CounterSample* before = now_us < window_us ? nullptr : sample_at(client, now_us - window_us);
-    if (before == nullptr) {
+    const CounterSample* const first = now_us < window_us ? nullptr : sample_at(client, now_us - window_us);
+    if (first == nullptr) {
         return std::nullopt;
     }
-    Movement movement;
-    movement.bytes = media_counter(client).bytes - before->bytes;
+    const std::uint64_t bytes_now = media_counter(client).bytes;
+    Movement movement{0, bytes_now - first->bytes};
+    std::uint64_t before = first->bytes;
     for (unsigned part = 1; part <= parts; ++part) {
-        const CounterSample* const after = sample_at(client, now_us - window_us + window_us * part / parts);
-        const bool is_last = part == parts;
-        const std::uint64_t bytes = is_last ? media_counter(client).bytes : after->bytes;
-        movement.parts += bytes > before->bytes ? 1 : 0;
-        before = after;
+        const CounterSample* const sample =
+            part == parts ? nullptr : sample_at(client, now_us - window_us + window_us * part / parts);
+        const std::uint64_t bytes = sample == nullptr ? bytes_now : sample->bytes;
+        movement.parts += bytes > before ? 1 : 0;
+        before = bytes;
     }
     return movement;
 }
