@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <utility>
 
 namespace {
 
@@ -25,9 +26,12 @@ std::vector<std::string> environment_with(const std::vector<std::pair<std::strin
     for (char** entry = environ; *entry != nullptr; ++entry) {
         entries.emplace_back(*entry);
     }
-    for (const auto& [name, value] : variables) {
-        std::erase_if(entries, [&name](const std::string& entry) { return entry.starts_with(name + "="); });
-        entries.push_back(name + "=" + value);
+    for (const auto& variable : variables) {
+        std::string assignment = variable.first + "=";
+        std::erase_if(entries,
+                      [&assignment](const std::string& entry) { return entry.starts_with(assignment); });
+        assignment += variable.second;
+        entries.push_back(std::move(assignment));
     }
     return entries;
 }
