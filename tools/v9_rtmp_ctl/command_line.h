@@ -19,6 +19,8 @@ enum class Subcommand {
     DROP_ADDRESS,
     DROP_UNNAMED,
     WATCH,
+    METRICS,
+    SERVE,
     RAW,
     COMPLETION,
     VERSION,
@@ -31,6 +33,8 @@ struct CommandLine {
     StreamsOptions streams;
     DropOptions drop;
     WatchOptions watch;
+    MetricsOptions metrics;
+    ServeOptions serve;
     RawOptions raw;
     std::string shell;      // of completion
     std::string help_text;  // to be printed on standard output; of NONE

@@ -5,6 +5,7 @@
 #include <sstream>
 #include <utility>
 
+#include "tools/v9_rtmp_ctl/listen_address.h"
 #include "tools/v9_rtmp_ctl/text.h"
 #include "tools/v9_rtmp_ctl/usage_failure.h"
 
@@ -40,6 +41,17 @@ CLI::Validator address_range() {
                                              : "'" + escape_untrusted(text) +
                                                    "' is not an IPv4 address. Give one such as 203.0.113.7 "
                                                    "or 203.0.113.7:50000, or a prefix such as 203.0.113.0/24";
+        },
+        "");
+}
+
+CLI::Validator address_and_port() {
+    return CLI::Validator(
+        [](const std::string& text) {
+            return parse_listen_address(text) ? std::string()
+                                              : "'" + escape_untrusted(text) +
+                                                    "' is not an address and a port. Give both, such as "
+                                                    "127.0.0.1:9935 or [::1]:9935";
         },
         "");
 }
@@ -99,6 +111,8 @@ CommandParser::CommandParser(CommandLine& target) : line(target) {
     add_streams();
     add_drop();
     add_watch();
+    add_metrics();
+    add_serve();
     add_raw();
     add_completion();
     add("version", Subcommand::VERSION, "Print the version of this tool");
@@ -345,6 +359,32 @@ void CommandParser::add_watch() {
     add_stream_option(*watch);
     add_address_option(*watch);
     add_mode_option(*watch);
+}
+
+void CommandParser::add_metrics() {
+    CLI::App* const metrics =
+        add("metrics", Subcommand::METRICS, "Print metrics in the text format of Prometheus");
+    metrics->add_option("-o,--output", line.metrics.file, "Write them to this file, which is replaced whole")
+        ->type_name("FILE");
+    metrics
+        ->add_option("--interval", line.metrics.interval_seconds,
+                     "Go on, and write them anew each time; without it, only what one look shows")
+        ->type_name("SECONDS")
+        ->check(seconds(MIN_INTERVAL_SECONDS));
+}
+
+void CommandParser::add_serve() {
+    CLI::App* const serve = add("serve", Subcommand::SERVE, "Serve a status page and metrics over HTTP");
+    serve->add_option("--listen", line.serve.listen, "Where to listen; port 0 is any free one")
+        ->capture_default_str()
+        ->type_name("ADDRESS:PORT")
+        ->check(address_and_port());
+    repeatable(*serve
+                    ->add_option("--host", line.serve.host_names,
+                                 "A name under which browsers reach it, beside addresses and localhost")
+                    ->type_name("NAME"));
+    serve->add_flag("--allow-drop", line.serve.allow_drop, "Let the page drop connections, with the token");
+    serve->add_option("--token-file", line.serve.token_file, "The file with the token")->type_name("FILE");
 }
 
 void CommandParser::add_raw() {

@@ -35,6 +35,8 @@ class CommandParser {
     void add_drop();
     void add_drop_id(CLI::App& drop);
     void add_watch();
+    void add_metrics();
+    void add_serve();
     void add_raw();
     void add_completion();
     void add_help();
