@@ -102,7 +102,7 @@ class ConnectionHistory {
     void bound_totals();
     [[nodiscard]] StreamTotals* totals_of(const Connection& connection);
 
-    const HistoryTimes times;
+    HistoryTimes times;
     std::vector<ClientRecord> records;
     std::map<std::string, StreamTotals> totals;
     std::uint64_t last_us = 0;
