@@ -371,6 +371,13 @@ void CommandParser::add_metrics() {
                      "Go on, and write them anew each time; without it, only what one look shows")
         ->type_name("SECONDS")
         ->check(seconds(MIN_INTERVAL_SECONDS));
+    add_watchdog_state(*metrics, line.metrics.watchdog_state);
+}
+
+void CommandParser::add_watchdog_state(CLI::App& command, std::string& directory) {
+    command.add_option("--watchdog-state", directory, "The directory of the watchdog's state, for its drops")
+        ->capture_default_str()
+        ->type_name("DIRECTORY");
 }
 
 void CommandParser::add_serve() {
@@ -385,6 +392,7 @@ void CommandParser::add_serve() {
                     ->type_name("NAME"));
     serve->add_flag("--allow-drop", line.serve.allow_drop, "Let the page drop connections, with the token");
     serve->add_option("--token-file", line.serve.token_file, "The file with the token")->type_name("FILE");
+    add_watchdog_state(*serve, line.serve.watchdog_state);
 }
 
 void CommandParser::add_raw() {

@@ -36,6 +36,7 @@ class CommandParser {
     void add_drop_id(CLI::App& drop);
     void add_watch();
     void add_metrics();
+    void add_watchdog_state(CLI::App& command, std::string& directory);
     void add_serve();
     void add_raw();
     void add_completion();

@@ -14,6 +14,7 @@
 #include "tools/v9_rtmp_ctl/failure.h"
 #include "tools/v9_rtmp_ctl/selection.h"
 #include "tools/v9_rtmp_ctl/text.h"
+#include "tools/v9_rtmp_ctl/watchdog_statistics.h"
 
 enum class OutputForm { PEOPLE, PLAIN, JSON };
 
@@ -62,6 +63,7 @@ struct WatchOptions {
 struct MetricsOptions {
     std::string file;                        // empty: standard output
     std::optional<double> interval_seconds;  // nothing: once
+    std::string watchdog_state = DEFAULT_WATCHDOG_STATE;
 };
 
 struct ServeOptions {
@@ -69,6 +71,7 @@ struct ServeOptions {
     std::vector<std::string> host_names;
     bool allow_drop = false;
     std::string token_file;
+    std::string watchdog_state = DEFAULT_WATCHDOG_STATE;
 };
 
 struct RawOptions {

@@ -28,7 +28,7 @@ std::optional<Failure> write_metrics(const std::string& path, const std::string&
 }  // namespace
 
 ExitCode run_metrics(const Settings& settings, const MetricsOptions& options) {
-    Monitor monitor(settings.socket_path, settings.timeout_us());
+    Monitor monitor(settings.socket_path, settings.timeout_us(), options.watchdog_state);
     if (!options.interval_seconds) {
         monitor.look();
         const MonitorView& view = monitor.view();

@@ -11,9 +11,6 @@
 namespace {
 
 constexpr double US_PER_SECOND = 1e6;
-// No stream has an empty name.
-constexpr const char* OTHER_STREAMS = "";
-
 using Labels = std::vector<std::pair<std::string, std::string>>;
 
 double seconds(std::uint64_t us) {
@@ -98,7 +95,7 @@ void write_totals(Writer& writer, const StreamSeries& series, const Value& value
 void write_history(Writer& writer, const ConnectionHistory& history, const StreamSeries& series) {
     writer.counter(
         "v9_rtmp_stream_received_bytes_total",
-        "Bytes received from the publishers of a stream. An empty name stands for all other streams.");
+        "Bytes received from the publishers of a stream. (other) stands for all that have no series of their own.");
     write_totals(writer, series, [](const StreamTotals& t) { return t.bytes_received; });
     writer.counter("v9_rtmp_stream_sent_bytes_total", "Bytes sent to the players of a stream.");
     write_totals(writer, series, [](const StreamTotals& t) { return t.bytes_sent; });
@@ -148,6 +145,22 @@ void write_players(Writer& writer, const MetricsSource& source) {
         writer.sample({{"stream", label}}, count);
     }
     writer.sample({{"stream", OTHER_STREAMS}}, other_players);
+}
+
+void write_watchdog(Writer& writer, const WatchdogStatistics& statistics) {
+    const auto each_rule = [&](const auto& count) {
+        for (const auto& [rule, counts] : statistics.rules) {
+            writer.sample({{"rule", rule_name(rule)}}, count(counts));
+        }
+    };
+    writer.counter("v9_rtmp_watchdog_drops_total", "Connections that the watchdog has dropped.");
+    each_rule([](const RuleCounts& counts) { return counts.drops; });
+    writer.counter("v9_rtmp_watchdog_misses_total",
+                   "Drops by the watchdog that hit another client, or may have.");
+    each_rule([](const RuleCounts& counts) { return counts.misses; });
+    writer.gauge("v9_rtmp_watchdog_updated_timestamp_seconds",
+                 "When the watchdog last wrote its statistics, since the epoch.");
+    writer.sample({}, statistics.updated_unix_seconds);
 }
 
 void write_process(Writer& writer, const ProcessInfo& process) {
@@ -200,11 +213,8 @@ std::string metrics_text(const MetricsSource& source) {
         write_history(writer, *source.history, *source.series);
         write_players(writer, source);
     }
-    if (source.drops_by_rule) {
-        writer.counter("v9_rtmp_watchdog_drops_total", "Connections that the watchdog has dropped.");
-        for (const auto& [rule, count] : *source.drops_by_rule) {
-            writer.sample({{"rule", rule}}, count);
-        }
+    if (source.watchdog) {
+        write_watchdog(writer, *source.watchdog);
     }
     write_process(writer, source.process);
     return writer.take();

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <cstdint>
-#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -11,6 +10,7 @@
 #include "tools/v9_rtmp_ctl/connection_history.h"
 #include "tools/v9_rtmp_ctl/process_info.h"
 #include "tools/v9_rtmp_ctl/stream_series.h"
+#include "tools/v9_rtmp_ctl/watchdog_statistics.h"
 
 // A publisher that has sent nothing for so long is silent.
 constexpr std::uint64_t SILENT_AFTER_US = 5000000;
@@ -20,9 +20,9 @@ struct MetricsSource {
     std::vector<Connection> connections;  // of the last listing; empty while the server does not answer
     std::optional<double> round_trip_s;   // of that listing; nothing while the server does not answer
     ProcessInfo process;                  // the server's
-    const ConnectionHistory* history = nullptr;                         // null: there was one listing only
-    const StreamSeries* series = nullptr;                               // with history
-    std::optional<std::map<std::string, std::uint64_t>> drops_by_rule;  // by the watchdog
+    const ConnectionHistory* history = nullptr;  // null: there was one listing only
+    const StreamSeries* series = nullptr;        // with history
+    std::optional<WatchdogStatistics> watchdog;
 };
 
 // Ends with a line end.

@@ -3,11 +3,22 @@
 #include <utility>
 
 #include "tools/v9_rtmp_ctl/port_check.h"
+#include "tools/v9_rtmp_ctl/state_file.h"
 
-Monitor::Monitor(const std::string& socket_path, std::uint64_t silence_us)
-    : client(socket_path, silence_us) {}
+Monitor::Monitor(const std::string& socket_path, std::uint64_t silence_us, std::string watchdog_state)
+    : state(std::move(watchdog_state)), client(socket_path, silence_us) {
+    const std::optional<std::string> history = read_file(state + "/" + WATCHDOG_HISTORY_FILE);
+    // Without it, the history begins now.
+    static_cast<void>(history && current.history.restore(*history, boot_id()));
+}
+
+void Monitor::read_watchdog() {
+    const std::optional<std::string> text = read_file(state + "/" + WATCHDOG_STATISTICS_FILE);
+    current.watchdog = text ? parse_statistics(*text) : std::nullopt;
+}
 
 void Monitor::look() {
+    read_watchdog();
     const Listing before = std::exchange(current.listing, {});
     current.process = {};
     current.failure = client.connect();
@@ -36,7 +47,7 @@ std::string metrics_of(const MonitorView& view, MetricsSpan span) {
         source.round_trip_s = static_cast<double>(view.round_trip_us) / 1e6;
     }
     source.process = view.process;
-    source.drops_by_rule = view.drops_by_rule;
+    source.watchdog = view.watchdog;
     if (span == MetricsSpan::ALL_LOOKS) {
         source.history = &view.history;
         source.series = &view.series;

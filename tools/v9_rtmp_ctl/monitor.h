@@ -11,6 +11,7 @@
 #include "tools/v9_rtmp_ctl/process_info.h"
 #include "tools/v9_rtmp_ctl/rate_history.h"
 #include "tools/v9_rtmp_ctl/stream_series.h"
+#include "tools/v9_rtmp_ctl/watchdog_statistics.h"
 
 // All that is known after a look.
 struct MonitorView {
@@ -21,12 +22,13 @@ struct MonitorView {
     ConnectionHistory history;
     StreamSeries series;
     RateHistory rates;
-    std::optional<std::map<std::string, std::uint64_t>> drops_by_rule;  // by the watchdog
+    std::optional<WatchdogStatistics> watchdog;  // what its file says
 };
 
 class Monitor {
   public:
-    Monitor(const std::string& socket_path, std::uint64_t silence_us);
+    // A watchdog's state directory has its statistics, and clients that it saw before this began.
+    Monitor(const std::string& socket_path, std::uint64_t silence_us, std::string watchdog_state);
 
     // Asks for a listing, which takes as long as ControlClient waits at most.
     void look();
@@ -34,6 +36,9 @@ class Monitor {
     [[nodiscard]] const MonitorView& view() const { return current; }
 
   private:
+    void read_watchdog();
+
+    const std::string state;
     ControlClient client;
     MonitorView current;
 };

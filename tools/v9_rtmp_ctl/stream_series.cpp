@@ -41,7 +41,7 @@ bool StreamSeries::admit(const std::string& label, const StreamTotals& totals, s
         return true;
     }
     const std::uint64_t bytes = carried_bytes(totals);
-    if (bytes < MIN_BYTES) {
+    if (bytes < MIN_BYTES || label == OTHER_STREAMS) {
         return false;
     }
     if (series.size() < MAX_SERIES) {

@@ -2,12 +2,12 @@
 //
 // Strangers choose stream names, and each name with metrics of its own is kept for weeks by whoever stores them. So:
 //
-// 1. At most MAX_SERIES names have their own; all others together are "other".
+// 1. At most MAX_SERIES names have their own; all others together are OTHER_STREAMS.
 // 2. A name has to have carried MIN_BYTES first.
 // 3. Where all are taken, a name gives way when its last client has been gone for KEEP_US, or to a name that has carried
 //    twice as much. So strangers make at most MAX_SERIES new ones in KEEP_US for free, and each one beyond that costs
 //    twice the bytes of the smallest.
-// 4. No counter goes back: a name's own begins with 0 when it is given one, and what was counted as "other" stays there.
+// 4. No counter goes back: a name's own begins with 0 when it is given one, and what was counted as OTHER_STREAMS stays there.
 #pragma once
 
 #include <cstdint>
@@ -17,6 +17,9 @@
 
 #include "tools/v9_rtmp_ctl/connection_history.h"
 
+// No stream that the server accepts has this name.
+constexpr const char* OTHER_STREAMS = "(other)";
+
 class StreamSeries {
   public:
     static constexpr std::size_t MAX_SERIES = 64;
@@ -25,7 +28,7 @@ class StreamSeries {
 
     void take_in(const ConnectionHistory& history);
 
-    // By the name's label, without the value for all others.
+    // By the name's label.
     [[nodiscard]] const std::map<std::string, StreamTotals>& listed() const { return series; }
     [[nodiscard]] const StreamTotals& other() const { return rest; }
 

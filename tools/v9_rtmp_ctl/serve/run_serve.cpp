@@ -153,7 +153,7 @@ ExitCode run_serve(const Settings& settings, const ServeOptions& options) {
     }
     // The first client already sees what there is. Both last as long as the process.
     static Board board;
-    static Monitor monitor(settings.socket_path, settings.timeout_us());
+    static Monitor monitor(settings.socket_path, settings.timeout_us(), options.watchdog_state);
     monitor.look();
     board.pin(monitor.view());
     std::thread(look_for_ever, std::ref(monitor), std::ref(board)).detach();

@@ -121,6 +121,17 @@ Json process_object(const ProcessInfo& process) {
             {"start_time", number_or_null(process.start_time_s)}};
 }
 
+Json drops_object(const std::optional<WatchdogStatistics>& statistics) {
+    if (!statistics) {
+        return nullptr;
+    }
+    Json drops = Json::object();
+    for (const auto& [rule, counts] : statistics->rules) {
+        drops[rule_name(rule)] = counts.drops;
+    }
+    return drops;
+}
+
 std::string cell(const std::string& text) {
     return "<td>" + escape_html(text) + "</td>";
 }
@@ -143,7 +154,7 @@ std::string status_json(const MonitorView& view, const StatusFacts& facts) {
          {"limit_seconds", whole_seconds(TIMESTAMP_LIMIT_US)},
          {"step_seconds", whole_seconds(RateHistory::STEP_US)},
          {"server", process_object(view.process)},
-         {"drops", view.drops_by_rule ? Json(*view.drops_by_rule) : Json(nullptr)},
+         {"drops", drops_object(view.watchdog)},
          {"total", total_object(view)},
          {"streams", running ? stream_array(view) : Json::array()},
          {"connections", std::move(connections)}});
