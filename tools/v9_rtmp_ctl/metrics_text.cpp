@@ -93,9 +93,9 @@ void write_totals(Writer& writer, const StreamSeries& series, const Value& value
 }
 
 void write_history(Writer& writer, const ConnectionHistory& history, const StreamSeries& series) {
-    writer.counter(
-        "v9_rtmp_stream_received_bytes_total",
-        "Bytes received from the publishers of a stream. (other) stands for all that have no series of their own.");
+    writer.counter("v9_rtmp_stream_received_bytes_total",
+                   "Bytes received from the publishers of a stream. (other) stands for all that have no "
+                   "series of their own.");
     write_totals(writer, series, [](const StreamTotals& t) { return t.bytes_received; });
     writer.counter("v9_rtmp_stream_sent_bytes_total", "Bytes sent to the players of a stream.");
     write_totals(writer, series, [](const StreamTotals& t) { return t.bytes_sent; });
