@@ -3,6 +3,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <filesystem>
+#include <fstream>
+
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -47,6 +50,7 @@ TEST(CommandLine, EverySubcommandIsKnown) {
         {{"drop", "address", "10.0.0.1"}, Subcommand::DROP_ADDRESS},
         {{"drop", "unnamed"}, Subcommand::DROP_UNNAMED},
         {{"watch"}, Subcommand::WATCH},
+        {{"watchdog"}, Subcommand::WATCHDOG},
         {{"raw", "hello"}, Subcommand::RAW},
         {{"completion", "bash"}, Subcommand::COMPLETION},
         {{"version"}, Subcommand::VERSION},
@@ -270,4 +274,112 @@ TEST(RawCommandLine, ASocketCalledRawIsNoSubcommand) {
     EXPECT_EQ(line.subcommand, Subcommand::HELLO);
     EXPECT_EQ(line.settings.socket_path, "raw");
     EXPECT_THAT(line.raw.request.arguments, IsEmpty());
+}
+
+namespace {
+
+// A file of options that goes with the test.
+class ConfigFile {
+  public:
+    explicit ConfigFile(const std::string& text) { std::ofstream(path) << text; }
+    ~ConfigFile() { std::filesystem::remove(path); }
+    ConfigFile(const ConfigFile&) = delete;
+    ConfigFile& operator=(const ConfigFile&) = delete;
+
+    const std::string path = testing::TempDir() + "watchdog_" +
+                             testing::UnitTest::GetInstance()->current_test_info()->name() + ".conf";
+};
+
+}  // namespace
+
+TEST(CommandLine, TheWatchdogsRulesHaveDefaults) {
+    const WatchdogOptions options = parsed({"watchdog"}).watchdog;
+    EXPECT_THAT(options.limits.stalled_us, Optional(30000000U));
+    EXPECT_THAT(options.limits.behind_us, Optional(15000000U));
+    EXPECT_THAT(options.limits.unnamed_us, Optional(20000000U));
+    EXPECT_THAT(options.limits.silent_us, Optional(30000000U));
+    EXPECT_THAT(options.limits.contested_us, Optional(15000000U));
+    EXPECT_THAT(options.limits.age_us, Optional(16200000000U));
+    EXPECT_THAT(options.limits.long_name_bytes, Optional(200U));
+    EXPECT_THAT(options.limits.publish_from, IsEmpty());
+    EXPECT_EQ(options.limits.stagger_us, 4000000U);
+    EXPECT_EQ(options.interval_seconds, 1);
+    EXPECT_EQ(options.settle_seconds, 5);
+    EXPECT_FALSE(options.dry_run);
+    EXPECT_EQ(options.state_directory, "/run/v9_rtmp_watchdog");
+}
+
+TEST(CommandLine, EachRuleOfTheWatchdogCanBeSetAndTurnedOff) {
+    using Limit = std::optional<std::uint64_t> WatchdogLimits::*;
+    const std::pair<const char*, Limit> rows[] = {
+        {"--stalled", &WatchdogLimits::stalled_us},     {"--behind", &WatchdogLimits::behind_us},
+        {"--unnamed", &WatchdogLimits::unnamed_us},     {"--silent", &WatchdogLimits::silent_us},
+        {"--contested", &WatchdogLimits::contested_us}, {"--age", &WatchdogLimits::age_us},
+    };
+    for (const auto& [name, limit] : rows) {
+        EXPECT_THAT(parsed({"watchdog", name, "1.5"}).watchdog.limits.*limit, Optional(1500000U)) << name;
+        EXPECT_EQ(parsed({"watchdog", name, "off"}).watchdog.limits.*limit, std::nullopt) << name;
+        for (const char* const bad : {"", "0", "-1", "nan", "86401", "on", "5s"}) {
+            EXPECT_EQ(refused({"watchdog", name, bad}).exit_code, ExitCode::USAGE) << name << bad;
+        }
+    }
+    EXPECT_THAT(parsed({"watchdog", "--long-name", "64"}).watchdog.limits.long_name_bytes, Optional(64U));
+    EXPECT_EQ(parsed({"watchdog", "--long-name", "off"}).watchdog.limits.long_name_bytes, std::nullopt);
+    EXPECT_EQ(refused({"watchdog", "--long-name", "-1"}).exit_code, ExitCode::USAGE);
+    EXPECT_EQ(parsed({"watchdog", "--stagger", "0.5"}).watchdog.limits.stagger_us, 500000U);
+    EXPECT_TRUE(parsed({"watchdog", "-n"}).watchdog.dry_run);
+    EXPECT_THAT(refused({"watchdog", "--stalled", "x"}).message,
+                HasSubstr("'x' is not a number of seconds from 0.1 to 86400, or off"));
+}
+
+TEST(CommandLine, TheWatchdogTakesAddressesOfPublishers) {
+    const AddressRange near = *parse_address_range("10.0.0.0/8");
+    const AddressRange one = *parse_address_range("192.0.2.1");
+    EXPECT_THAT(
+        parsed({"watchdog", "--publish-from", "10.0.0.0/8", "192.0.2.1"}).watchdog.limits.publish_from,
+        ElementsAre(near, one));
+    EXPECT_THAT(parsed({"watchdog", "--publish-from", "10.0.0.0/8", "--publish-from", "192.0.2.1", "-n"})
+                    .watchdog.limits.publish_from,
+                ElementsAre(near, one));
+    EXPECT_THAT(refused({"watchdog", "--publish-from", "example"}).message,
+                HasSubstr("is not an IPv4 address"));
+}
+
+TEST(CommandLine, TheWatchdogReadsOptionsFromAFileAndThoseOfTheLineCount) {
+    const ConfigFile file(
+        "# limits\n; more\nstalled = 40\nbehind=off\n\nsilent = 50\npublish-from = 10.0.0.0/8 192.0.2.1\n"
+        "state = \"/run/other place\"\ndry-run = true\n");
+    const CommandLine line = parsed({"--timeout", "2", "watchdog", "--config", file.path, "--silent", "60"});
+    const WatchdogOptions& options = line.watchdog;
+    EXPECT_EQ(line.subcommand, Subcommand::WATCHDOG);
+    EXPECT_EQ(line.settings.timeout_us(), 2000000U);
+    EXPECT_THAT(options.limits.stalled_us, Optional(40000000U));
+    EXPECT_EQ(options.limits.behind_us, std::nullopt);
+    EXPECT_THAT(options.limits.silent_us, Optional(60000000U));
+    EXPECT_THAT(options.limits.contested_us, Optional(15000000U));
+    EXPECT_THAT(options.limits.publish_from,
+                ElementsAre(*parse_address_range("10.0.0.0/8"), *parse_address_range("192.0.2.1")));
+    EXPECT_EQ(options.state_directory, "/run/other place");
+    EXPECT_TRUE(options.dry_run);
+}
+
+TEST(CommandLine, AnEmptyFileOfOptionsChangesNothing) {
+    const ConfigFile file("\n# nothing\n");
+    EXPECT_THAT(parsed({"watchdog", "--config", file.path}).watchdog.limits.stalled_us, Optional(30000000U));
+}
+
+TEST(CommandLine, AFileOfOptionsThatCannotBeReadOrUnderstoodIsRefusedWithItsName) {
+    EXPECT_THAT(refused({"watchdog", "--config", "/absent.conf"}).message,
+                HasSubstr("the options in /absent.conf cannot be read (No such file or directory)"));
+    for (const char* const text : {"stalled = x\n", "stallled = 30\n", "[rules]\nstalled = 30\n",
+                                   "--stalled = 30\n", "stalled 30\n", "config = /other\n", "= 3\n"}) {
+        const ConfigFile file(text);
+        const Failure failure = refused({"watchdog", "--config", file.path});
+        EXPECT_EQ(failure.exit_code, ExitCode::USAGE) << text;
+        EXPECT_THAT(failure.message, HasSubstr("in " + file.path + ": ")) << text;
+    }
+}
+
+TEST(CommandLine, TheWatchdogHasNoPlainForm) {
+    EXPECT_THAT(refused({"watchdog", "--plain"}).message, HasSubstr("watchdog has no --plain form"));
 }

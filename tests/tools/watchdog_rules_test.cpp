@@ -6,9 +6,11 @@
 #include <functional>
 
 using testing::AllOf;
+using testing::Contains;
 using testing::ElementsAre;
 using testing::Field;
 using testing::IsEmpty;
+using testing::Not;
 using testing::SizeIs;
 
 namespace {
@@ -168,8 +170,8 @@ TEST_F(WatchdogRules, ALonePlayerOfAStreamWithoutAPublisherIsKept) {
 
 TEST_F(WatchdogRules, ALonePlayerIsKeptWhileItIsNotKnownWhichOfTwoPublishersIsRelayed) {
     only(DropRule::STALLED);
-    publisher(1, until(50));
-    publisher(2, steady(FOUR_MBIT));
+    publisher(1, steady(FOUR_MBIT));
+    publisher(2, until(50));
     player(3, until(50));
     EXPECT_EQ(first_verdict(3000), 0U);
 }
@@ -279,6 +281,18 @@ TEST_F(WatchdogRules, ManySlowReadersDoNotProtectEachOther) {
     EXPECT_THAT(at(60), SizeIs(37));
 }
 
+TEST_F(WatchdogRules, PlayersThatStandStillDoNotProtectOneThatFallsBehind) {
+    only(DropRule::BEHIND);
+    publisher(1, steady(FOUR_MBIT));
+    player(2, steady(FOUR_MBIT));
+    for (unsigned id = 3; id < 10; ++id) {
+        player(id, until(100));
+    }
+    player(10, [](std::uint64_t s) { return std::min<std::uint64_t>(s, 200) * FOUR_MBIT + s * 1000; });
+    EXPECT_THAT(ids(at(215)), Not(Contains(10)));
+    EXPECT_THAT(ids(at(216)), Contains(10));
+}
+
 TEST_F(WatchdogRules, APlayerThatCatchesUpIsKept) {
     publisher(1, steady(FOUR_MBIT));
     player(2, steady(FOUR_MBIT));
@@ -291,7 +305,7 @@ TEST_F(WatchdogRules, APlayerThatCatchesUpIsKept) {
 // The other one settles while this one is slow, and then seems ahead by what it was behind.
 TEST_F(WatchdogRules, OneThatCatchesUpMakesNoOtherOneLookBehind) {
     publisher(1, steady(FOUR_MBIT));
-    player(2, [](std::uint64_t s) { return (s >= 101 && s < 112 ? 100 : s) * FOUR_MBIT; });
+    player(2, [](std::uint64_t s) { return (s >= 95 && s < 109 ? 95 : s) * FOUR_MBIT; });
     // Settles in second 105; it has short pauses of its own later.
     player(
         3, [](std::uint64_t s) { return (s % 60 < 10 ? s - s % 60 : s) * FOUR_MBIT; }, 100);

@@ -21,6 +21,7 @@ enum class Subcommand {
     WATCH,
     METRICS,
     SERVE,
+    WATCHDOG,
     RAW,
     COMPLETION,
     VERSION,
@@ -35,12 +36,14 @@ struct CommandLine {
     WatchOptions watch;
     MetricsOptions metrics;
     ServeOptions serve;
+    WatchdogOptions watchdog;
     RawOptions raw;
     std::string shell;      // of completion
     std::string help_text;  // to be printed on standard output; of NONE
 };
 
-// words is the command line behind the program's name. A failure is ExitCode::USAGE.
+// words is the command line behind the program's name. Reads the file that --config names. A failure is
+// ExitCode::USAGE.
 [[nodiscard]] std::optional<Failure> parse_command_line(const std::vector<std::string>& words,
                                                         CommandLine& command_line);
 

@@ -2,59 +2,17 @@
 
 #include <algorithm>
 #include <array>
-#include <sstream>
 #include <utility>
 
-#include "tools/v9_rtmp_ctl/listen_address.h"
+#include "tools/v9_rtmp_ctl/option_checks.h"
+#include "tools/v9_rtmp_ctl/serve_options.h"
 #include "tools/v9_rtmp_ctl/text.h"
 #include "tools/v9_rtmp_ctl/usage_failure.h"
 
 namespace {
 
-constexpr double MAX_SECONDS = 86400;
 constexpr double MIN_TIMEOUT_SECONDS = 0.001;
-// The server answers ten times a second, so a shorter interval shows nothing new.
-constexpr double MIN_INTERVAL_SECONDS = 0.1;
-
 const std::array<const char*, 3> OPTIONS_WITH_VALUE{"--socket", "--timeout", "--unit"};
-
-CLI::Validator seconds(double min) {
-    return CLI::Validator(
-        [min](const std::string& text) {
-            double value = 0;
-            // Written so that a value that is no number fails too.
-            if (CLI::detail::lexical_cast(text, value) && value >= min && value <= MAX_SECONDS) {
-                return std::string();
-            }
-            std::ostringstream advice;
-            advice << "'" << escape_untrusted(text) << "' is not a number of seconds from " << min << " to "
-                   << MAX_SECONDS;
-            return advice.str();
-        },
-        "");
-}
-
-CLI::Validator address_range() {
-    return CLI::Validator(
-        [](const std::string& text) {
-            return parse_address_range(text) ? std::string()
-                                             : "'" + escape_untrusted(text) +
-                                                   "' is not an IPv4 address. Give one such as 203.0.113.7 "
-                                                   "or 203.0.113.7:50000, or a prefix such as 203.0.113.0/24";
-        },
-        "");
-}
-
-CLI::Validator address_and_port() {
-    return CLI::Validator(
-        [](const std::string& text) {
-            return parse_listen_address(text) ? std::string()
-                                              : "'" + escape_untrusted(text) +
-                                                    "' is not an address and a port. Give both, such as "
-                                                    "127.0.0.1:9935 or [::1]:9935";
-        },
-        "");
-}
 
 CLI::Validator one_of(const std::vector<std::string>& words) {
     return CLI::Validator(
@@ -113,6 +71,7 @@ CommandParser::CommandParser(CommandLine& target) : line(target) {
     add_watch();
     add_metrics();
     add_serve();
+    add_watchdog();
     add_raw();
     add_completion();
     add("version", Subcommand::VERSION, "Print the version of this tool");
@@ -161,6 +120,7 @@ void CommandParser::store_results() {
     }
     line.watch.selection = selection;
     line.drop.selection = selection;
+    line.watchdog.limits = read_limits(watchdog_texts);
     if (drop_id_stream->count() != 0) {
         line.drop.expected_stream = expected_stream;
     }
@@ -364,35 +324,18 @@ void CommandParser::add_watch() {
 void CommandParser::add_metrics() {
     CLI::App* const metrics =
         add("metrics", Subcommand::METRICS, "Print metrics in the text format of Prometheus");
-    metrics->add_option("-o,--output", line.metrics.file, "Write them to this file, which is replaced whole")
-        ->type_name("FILE");
-    metrics
-        ->add_option("--interval", line.metrics.interval_seconds,
-                     "Go on, and write them anew each time; without it, only what one look shows")
-        ->type_name("SECONDS")
-        ->check(seconds(MIN_INTERVAL_SECONDS));
-    add_watchdog_state(*metrics, line.metrics.watchdog_state);
-}
-
-void CommandParser::add_watchdog_state(CLI::App& command, std::string& directory) {
-    command.add_option("--watchdog-state", directory, "The directory of the watchdog's state, for its drops")
-        ->capture_default_str()
-        ->type_name("DIRECTORY");
+    add_metrics_options(*metrics, line.metrics);
 }
 
 void CommandParser::add_serve() {
     CLI::App* const serve = add("serve", Subcommand::SERVE, "Serve a status page and metrics over HTTP");
-    serve->add_option("--listen", line.serve.listen, "Where to listen; port 0 is any free one")
-        ->capture_default_str()
-        ->type_name("ADDRESS:PORT")
-        ->check(address_and_port());
-    repeatable(*serve
-                    ->add_option("--host", line.serve.host_names,
-                                 "A name under which browsers reach it, beside addresses and localhost")
-                    ->type_name("NAME"));
-    serve->add_flag("--allow-drop", line.serve.allow_drop, "Let the page drop connections, with the token");
-    serve->add_option("--token-file", line.serve.token_file, "The file with the token")->type_name("FILE");
-    add_watchdog_state(*serve, line.serve.watchdog_state);
+    add_serve_options(*serve, line.serve);
+}
+
+void CommandParser::add_watchdog() {
+    CLI::App* const watchdog = add("watchdog", Subcommand::WATCHDOG,
+                                   "Drop clients that stand still, fall behind or hold a slot in vain");
+    add_watchdog_options(*watchdog, line.watchdog, watchdog_texts);
 }
 
 void CommandParser::add_raw() {

@@ -14,6 +14,7 @@
 #include "tools/v9_rtmp_ctl/failure.h"
 #include "tools/v9_rtmp_ctl/selection.h"
 #include "tools/v9_rtmp_ctl/text.h"
+#include "tools/v9_rtmp_ctl/watchdog_rules.h"
 #include "tools/v9_rtmp_ctl/watchdog_statistics.h"
 
 enum class OutputForm { PEOPLE, PLAIN, JSON };
@@ -74,6 +75,15 @@ struct ServeOptions {
     std::string watchdog_state = DEFAULT_WATCHDOG_STATE;
 };
 
+struct WatchdogOptions {
+    WatchdogLimits limits;
+    double interval_seconds = 1;
+    double settle_seconds = 5;  // from a client's choice of a stream until it is compared
+    bool dry_run = false;
+    std::string state_directory = DEFAULT_WATCHDOG_STATE;
+    std::string config_path;  // a file with more options; empty for none
+};
+
 struct RawOptions {
     bool async = false;
     Request request;
@@ -88,6 +98,7 @@ ExitCode run_drop_address(const Settings& settings, const DropOptions& options);
 ExitCode run_drop_unnamed(const Settings& settings, const DropOptions& options);
 ExitCode run_watch(const Settings& settings, const WatchOptions& options);
 ExitCode run_metrics(const Settings& settings, const MetricsOptions& options);
+ExitCode run_watchdog(const Settings& settings, const WatchdogOptions& options);
 ExitCode run_raw(const Settings& settings, const RawOptions& options);
 ExitCode run_completion(const std::string& shell);
 ExitCode run_version(const Settings& settings);

@@ -25,35 +25,35 @@ Json stream_array(const std::vector<StreamSummary>& streams, RateUnit unit) {
 std::string reply_json(const Reply& reply) {
     std::string pairs;
     for (const auto& [name, value] : reply.pairs) {
-        pairs += (pairs.empty() ? "" : ", ") + dump_json(Json::array({name, value}));
+        pairs += (pairs.empty() ? "" : ", ") + dump(Json::array({name, value}));
     }
-    return R"({"status": )" + std::to_string(reply.status) + R"(, "command": )" + dump_json(reply.command) +
-           R"(, "message": )" + dump_json(reply.message) + R"(, "pairs": [)" + pairs + "]}";
+    return R"({"status": )" + std::to_string(reply.status) + R"(, "command": )" + dump(reply.command) +
+           R"(, "message": )" + dump(reply.message) + R"(, "pairs": [)" + pairs + "]}";
 }
 
 std::string list_json(const std::vector<Connection>& connections, RateUnit unit) {
-    return dump_json({{"slots", SLOT_COUNT}, {"connections", connection_array(connections, unit)}});
+    return dump({{"slots", SLOT_COUNT}, {"connections", connection_array(connections, unit)}});
 }
 
 std::string streams_json(const std::vector<StreamSummary>& streams, RateUnit unit) {
     Json document;
     document["streams"] = stream_array(streams, unit);
-    return dump_json(document);
+    return dump(document);
 }
 
 std::string watch_json(bool running, const std::vector<StreamSummary>& streams,
                        const std::vector<Connection>& connections, RateUnit unit) {
-    return dump_json({{"running", running},
-                      {"slots", SLOT_COUNT},
-                      {"streams", stream_array(streams, unit)},
-                      {"connections", connection_array(connections, unit)}});
+    return dump({{"running", running},
+                 {"slots", SLOT_COUNT},
+                 {"streams", stream_array(streams, unit)},
+                 {"connections", connection_array(connections, unit)}});
 }
 
 std::string hello_json(const Greeting& greeting) {
-    return dump_json({{"greeting", greeting.text},
-                      {"round_trip_ms", static_cast<double>(greeting.round_trip_us) / 1000},
-                      {"listeners", greeting.listeners ? Json(*greeting.listeners) : Json(nullptr)},
-                      {"notes", greeting.notes}});
+    return dump({{"greeting", greeting.text},
+                 {"round_trip_ms", static_cast<double>(greeting.round_trip_us) / 1000},
+                 {"listeners", greeting.listeners ? Json(*greeting.listeners) : Json(nullptr)},
+                 {"notes", greeting.notes}});
 }
 
 std::string drop_json(const DropResult& result) {
@@ -64,11 +64,23 @@ std::string drop_json(const DropResult& result) {
         document["ids"] = *result.ids;
         document["uncertain"] = result.uncertain_ids;
     }
-    return dump_json(document);
+    return dump(document);
+}
+
+std::string watchdog_json(const WatchdogLine& line) {
+    return dump({{"unix_seconds", line.unix_seconds},
+                 {"action", line.action},
+                 {"rule", line.rule},
+                 {"reason", line.reason},
+                 {"id", line.id},
+                 {"stream", text_or_null(line.stream)},
+                 {"mode", text_or_null(line.mode)},
+                 {"address", text_or_null(line.address)},
+                 {"message", line.message ? Json(*line.message) : Json(nullptr)}});
 }
 
 std::string version_json(const std::string& version) {
     Json document;
     document["version"] = version;
-    return dump_json(document);
+    return dump(document);
 }

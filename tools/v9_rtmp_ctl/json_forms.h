@@ -50,5 +50,19 @@ struct DropResult {
 };
 [[nodiscard]] std::string drop_json(const DropResult& result);
 
+// One line of the watchdog: {"unix_seconds":N,"action":"dropped","rule":"stalled","reason":"...","id":17,...}
+struct WatchdogLine {
+    std::int64_t unix_seconds = 0;
+    std::string action;
+    std::string rule;
+    std::string reason;
+    unsigned id = 0;
+    std::string stream;
+    std::string mode;
+    std::string address;
+    std::optional<std::string> message;
+};
+[[nodiscard]] std::string watchdog_json(const WatchdogLine& line);
+
 // {"version":"1.0.0"}
 [[nodiscard]] std::string version_json(const std::string& version);

@@ -24,10 +24,6 @@ std::string escape_controls(const std::string& json) {
     return escaped;
 }
 
-Json text_or_null(const std::string& text) {
-    return text.empty() ? Json(nullptr) : Json(text);
-}
-
 std::string rate_name(const char* what, RateUnit unit) {
     return std::string(unit == RateUnit::BITS ? "bits_" : "bytes_") + what + "_per_second";
 }
@@ -38,7 +34,11 @@ Json rate_or_null(const std::optional<double>& rate, RateUnit unit) {
 
 }  // namespace
 
-std::string dump_json(const Json& json) {
+Json text_or_null(const std::string& text) {
+    return text.empty() ? Json(nullptr) : Json(text);
+}
+
+std::string dump(const Json& json) {
     return escape_controls(json.dump(-1, ' ', false, Json::error_handler_t::replace));
 }
 

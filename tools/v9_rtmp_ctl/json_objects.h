@@ -12,12 +12,14 @@
 using Json = nlohmann::ordered_json;
 
 // One line without line end. Bytes that are not UTF-8 become U+FFFD; what a terminal may obey is escaped.
-[[nodiscard]] std::string dump_json(const Json& json);
+[[nodiscard]] std::string dump(const Json& json);
 
 template <typename Number>
 [[nodiscard]] Json number_or_null(const std::optional<Number>& number) {
     return number ? Json(*number) : Json(nullptr);
 }
+
+[[nodiscard]] Json text_or_null(const std::string& text);
 
 [[nodiscard]] Json connection_object(const Connection& connection, RateUnit unit);
 [[nodiscard]] Json stream_object(const StreamSummary& summary, RateUnit unit);

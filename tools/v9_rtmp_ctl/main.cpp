@@ -45,6 +45,8 @@ ExitCode run(const CommandLine& line, const std::vector<std::string>& words) {
             return run_metrics(line.settings, line.metrics);
         case Subcommand::SERVE:
             return become_serve(words);
+        case Subcommand::WATCHDOG:
+            return run_watchdog(line.settings, line.watchdog);
         case Subcommand::RAW:
             return run_raw(line.settings, line.raw);
         case Subcommand::COMPLETION:

@@ -144,7 +144,7 @@ std::string status_json(const MonitorView& view, const StatusFacts& facts) {
         connections.push_back(connection_status(view.history, connection));
     }
     const bool running = !view.failure;
-    return dump_json(
+    return dump(
         {{"running", running},
          {"message", running ? Json(nullptr) : Json(view.failure->message)},
          {"time", facts.time_s},
