@@ -51,7 +51,7 @@ class PageTest(unittest.TestCase):
         self.wait_for_text("running")
 
     def text(self):
-        return self.browser.run("return document.body.innerText")
+        return self.browser.run("return document.body.innerText").replace("\u00a0", " ")
 
     def wait_for_text(self, *parts):
         return wait_for(parts, lambda: (lambda text: text if all(part in text for part in parts) else None)(self.text()))
@@ -159,7 +159,7 @@ class PageTest(unittest.TestCase):
         for second in range(2, 17):
             server.write(lines(second))
             time.sleep(1)
-        self.wait_for_text("Stream garden: the publisher has sent nothing for", "1\u00a0player stands still", "stalled for")
+        self.wait_for_text("Stream garden: the publisher has sent nothing for", "1 player stands still", "stalled for")
         self.pictures("notes")
 
     def test_a_stopped_server_and_a_stopped_serve_are_told(self):
