@@ -41,6 +41,7 @@ class PageTest(unittest.TestCase):
 
     def setUp(self):
         self.browser.look_as(1280, 800, "light")
+        self.browser.complaints()  # Those of another test.
 
     def keep(self, process):
         self.addCleanup(process.stop)
