@@ -100,7 +100,7 @@ class PageTest(unittest.TestCase):
         server = self.keep(ListingServer(hostile_lines(1000)))
         serve = self.keep(Serve(control_socket=server.path))
         self.open(serve)
-        self.wait_for_text(HOSTILE[0], HOSTILE[1], HOSTILE[2], HOSTILE[6], HOSTILE[8], HOSTILE[10])
+        self.wait_for_text(HOSTILE[0], HOSTILE[1], HOSTILE[2], HOSTILE[6], HOSTILE[8], HOSTILE[10], "\\u202egpj.exe", "x\\u000ay\\u0009z")
         for received in range(2000, 6000, 1000):
             server.write(hostile_lines(received))
             time.sleep(1)
