@@ -51,6 +51,8 @@ TEST(CommandLine, EverySubcommandIsKnown) {
         {{"drop", "unnamed"}, Subcommand::DROP_UNNAMED},
         {{"watch"}, Subcommand::WATCH},
         {{"watchdog"}, Subcommand::WATCHDOG},
+        {{"events"}, Subcommand::EVENTS},
+        {{"check"}, Subcommand::CHECK},
         {{"raw", "hello"}, Subcommand::RAW},
         {{"completion", "bash"}, Subcommand::COMPLETION},
         {{"version"}, Subcommand::VERSION},
@@ -382,4 +384,31 @@ TEST(CommandLine, AFileOfOptionsThatCannotBeReadOrUnderstoodIsRefusedWithItsName
 
 TEST(CommandLine, TheWatchdogHasNoPlainForm) {
     EXPECT_THAT(refused({"watchdog", "--plain"}).message, HasSubstr("watchdog has no --plain form"));
+}
+
+TEST(CommandLine, EventsCanRunAProgram) {
+    const CommandLine line =
+        parsed({"events", "--exec", "/usr/local/bin/tell me", "--interval", "0.2", "--json"});
+    EXPECT_EQ(line.events.program, "/usr/local/bin/tell me");
+    EXPECT_EQ(line.events.interval_seconds, 0.2);
+    EXPECT_EQ(parsed({"events"}).events.program, "");
+    EXPECT_THAT(refused({"events", "--plain"}).message, HasSubstr("events has no --plain form"));
+}
+
+TEST(CommandLine, CheckTakesAnAddress) {
+    const CommandLine line = parsed({"check", "--rtmp", "relay.example:1936", "--publish-test"});
+    EXPECT_EQ(line.check.rtmp, "relay.example:1936");
+    EXPECT_TRUE(line.check.publish_test);
+    EXPECT_EQ(parsed({"check"}).check.rtmp, "127.0.0.1:1935");
+    EXPECT_FALSE(parsed({"check"}).check.publish_test);
+    for (const char* const bad : {"", "host", ":1935", "host:", "host:0", "host:65536", "host:x"}) {
+        EXPECT_THAT(refused({"check", "--rtmp", bad}).message, HasSubstr("is not a host and a port")) << bad;
+    }
+}
+
+TEST(CommandLine, AUsageErrorOfCheckIsItsUnknown) {
+    EXPECT_EQ(usage_status({"check", "--foo"}), 3);
+    EXPECT_EQ(usage_status({"--timeout", "1", "check", "x"}), 3);
+    EXPECT_EQ(usage_status({"list", "check"}), 2);
+    EXPECT_EQ(usage_status({}), 2);
 }

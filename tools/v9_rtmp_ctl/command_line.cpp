@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "tools/v9_rtmp_ctl/check_rules.h"
 #include "tools/v9_rtmp_ctl/command_parser.h"
 #include "tools/v9_rtmp_ctl/config_file.h"
 #include "tools/v9_rtmp_ctl/text.h"
@@ -37,6 +38,9 @@ std::optional<Failure> check_combinations(const CommandLine& line, bool has_requ
     if (line.subcommand == Subcommand::SERVE && line.serve.allow_drop != !line.serve.token_file.empty()) {
         return usage_failure("--allow-drop and --token-file go together: a drop needs the token in that file",
                              "serve");
+    }
+    if (line.subcommand == Subcommand::EVENTS && line.settings.form == OutputForm::PLAIN) {
+        return usage_failure("events has no --plain form; use 'events --json'", "events");
     }
     if (line.subcommand == Subcommand::WATCHDOG && line.settings.form == OutputForm::PLAIN) {
         return usage_failure("watchdog has no --plain form; use 'watchdog --json'", "watchdog");
@@ -84,6 +88,12 @@ SplitWords split_raw_words(const std::vector<std::string>& words) {
         split.request.arguments.assign(at(idx + 1), words.end());
     }
     return split;
+}
+
+int usage_status(const std::vector<std::string>& words) {
+    const std::size_t command_idx = skip_options(words, 0);
+    const bool is_check = command_idx < words.size() && words[command_idx] == "check";
+    return is_check ? static_cast<int>(Level::UNKNOWN) : static_cast<int>(ExitCode::USAGE);
 }
 
 std::optional<Failure> parse_command_line(const std::vector<std::string>& words, CommandLine& command_line) {

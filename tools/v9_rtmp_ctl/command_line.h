@@ -22,6 +22,8 @@ enum class Subcommand {
     METRICS,
     SERVE,
     WATCHDOG,
+    EVENTS,
+    CHECK,
     RAW,
     COMPLETION,
     VERSION,
@@ -37,6 +39,8 @@ struct CommandLine {
     MetricsOptions metrics;
     ServeOptions serve;
     WatchdogOptions watchdog;
+    EventsOptions events;
+    CheckOptions check;
     RawOptions raw;
     std::string shell;      // of completion
     std::string help_text;  // to be printed on standard output; of NONE
@@ -46,6 +50,9 @@ struct CommandLine {
 // ExitCode::USAGE.
 [[nodiscard]] std::optional<Failure> parse_command_line(const std::vector<std::string>& words,
                                                         CommandLine& command_line);
+
+// The exit status for words that were not understood: of check 3, its UNKNOWN, otherwise that of USAGE.
+[[nodiscard]] int usage_status(const std::vector<std::string>& words);
 
 // The part of the words of a raw command that is the tool's, and the request behind it.
 struct SplitWords {

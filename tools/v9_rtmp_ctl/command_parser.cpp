@@ -72,6 +72,8 @@ CommandParser::CommandParser(CommandLine& target) : line(target) {
     add_metrics();
     add_serve();
     add_watchdog();
+    add_events();
+    add_check();
     add_raw();
     add_completion();
     add("version", Subcommand::VERSION, "Print the version of this tool");
@@ -336,6 +338,29 @@ void CommandParser::add_watchdog() {
     CLI::App* const watchdog = add("watchdog", Subcommand::WATCHDOG,
                                    "Drop clients that stand still, fall behind or hold a slot in vain");
     add_watchdog_options(*watchdog, line.watchdog, watchdog_texts);
+}
+
+void CommandParser::add_events() {
+    CLI::App* const events = add("events", Subcommand::EVENTS,
+                                 "Print a line when a client connects, publishes, plays, takes over or goes");
+    events->add_option("--interval", line.events.interval_seconds, "Time from one look to the next")
+        ->capture_default_str()
+        ->type_name("SECONDS")
+        ->check(seconds(MIN_INTERVAL_SECONDS));
+    events
+        ->add_option("--exec", line.events.program,
+                     "Run this program for each event, which is in its environment")
+        ->type_name("PROGRAM");
+}
+
+void CommandParser::add_check() {
+    CLI::App* const check =
+        add("check", Subcommand::CHECK, "Look for what is wrong with the server, or will be");
+    check->add_option("--rtmp", line.check.rtmp, "Where the server takes RTMP clients")
+        ->capture_default_str()
+        ->type_name("HOST:PORT")
+        ->check(rtmp_address());
+    check->add_flag("--publish-test", line.check.publish_test, "Send a short stream through the server");
 }
 
 void CommandParser::add_raw() {

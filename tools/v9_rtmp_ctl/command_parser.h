@@ -39,6 +39,8 @@ class CommandParser {
     void add_metrics();
     void add_serve();
     void add_watchdog();
+    void add_events();
+    void add_check();
     void add_raw();
     void add_completion();
     void add_help();

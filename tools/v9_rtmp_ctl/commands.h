@@ -84,6 +84,16 @@ struct WatchdogOptions {
     std::string config_path;  // a file with more options; empty for none
 };
 
+struct EventsOptions {
+    double interval_seconds = 0.5;
+    std::string program;  // run for each event; empty for none
+};
+
+struct CheckOptions {
+    std::string rtmp = "127.0.0.1:1935";  // HOST:PORT
+    bool publish_test = false;
+};
+
 struct RawOptions {
     bool async = false;
     Request request;
@@ -99,6 +109,8 @@ ExitCode run_drop_unnamed(const Settings& settings, const DropOptions& options);
 ExitCode run_watch(const Settings& settings, const WatchOptions& options);
 ExitCode run_metrics(const Settings& settings, const MetricsOptions& options);
 ExitCode run_watchdog(const Settings& settings, const WatchdogOptions& options);
+ExitCode run_events(const Settings& settings, const EventsOptions& options);
+ExitCode run_check(const Settings& settings, const CheckOptions& options);
 ExitCode run_raw(const Settings& settings, const RawOptions& options);
 ExitCode run_completion(const std::string& shell);
 ExitCode run_version(const Settings& settings);

@@ -79,6 +79,28 @@ std::string watchdog_json(const WatchdogLine& line) {
                  {"message", line.message ? Json(*line.message) : Json(nullptr)}});
 }
 
+std::string event_line_json(const EventLine& line) {
+    return dump({{"unix_seconds", line.unix_seconds},
+                 {"event", line.event},
+                 {"id", line.id},
+                 {"stream", text_or_null(line.stream)},
+                 {"mode", text_or_null(line.mode)},
+                 {"address", text_or_null(line.address)},
+                 {"seconds", number_or_null(line.seconds)},
+                 {"bytes_sent", number_or_null(line.bytes_sent)},
+                 {"bytes_received", number_or_null(line.bytes_received)},
+                 {"previous_id", number_or_null(line.previous_id)},
+                 {"previous_address", text_or_null(line.previous_address)}});
+}
+
+std::string findings_json(const std::vector<FindingLine>& findings, const std::string& worst) {
+    Json array = Json::array();
+    for (const FindingLine& finding : findings) {
+        array.push_back({{"level", finding.level}, {"what", finding.what}, {"text", finding.text}});
+    }
+    return dump({{"worst", worst}, {"findings", std::move(array)}});
+}
+
 std::string version_json(const std::string& version) {
     Json document;
     document["version"] = version;

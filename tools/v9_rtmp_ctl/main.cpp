@@ -47,6 +47,10 @@ ExitCode run(const CommandLine& line, const std::vector<std::string>& words) {
             return become_serve(words);
         case Subcommand::WATCHDOG:
             return run_watchdog(line.settings, line.watchdog);
+        case Subcommand::EVENTS:
+            return run_events(line.settings, line.events);
+        case Subcommand::CHECK:
+            return run_check(line.settings, line.check);
         case Subcommand::RAW:
             return run_raw(line.settings, line.raw);
         case Subcommand::COMPLETION:
@@ -60,7 +64,8 @@ ExitCode run(const CommandLine& line, const std::vector<std::string>& words) {
 ExitCode parse_and_run(const std::vector<std::string>& words) {
     CommandLine line;
     if (const std::optional<Failure> failure = parse_command_line(words, line)) {
-        return report(*failure);
+        static_cast<void>(report(*failure));
+        return static_cast<ExitCode>(usage_status(words));
     }
     const ExitCode exit_code = run(line, words);
     if (!std::cout.flush()) {

@@ -4,6 +4,7 @@
 #include <string>
 
 #include "tools/v9_rtmp_ctl/listen_address.h"
+#include "tools/v9_rtmp_ctl/rtmp_probe.h"
 #include "tools/v9_rtmp_ctl/selection.h"
 #include "tools/v9_rtmp_ctl/text.h"
 
@@ -56,6 +57,16 @@ CLI::Validator address_and_port() {
                                               : "'" + escape_untrusted(text) +
                                                     "' is not an address and a port. Give both, such as "
                                                     "127.0.0.1:9935 or [::1]:9935";
+        },
+        "");
+}
+
+CLI::Validator rtmp_address() {
+    return CLI::Validator(
+        [](const std::string& text) {
+            return parse_rtmp_address(text)
+                       ? std::string()
+                       : "'" + escape_untrusted(text) + "' is not a host and a port, such as 127.0.0.1:1935";
         },
         "");
 }

@@ -15,3 +15,4 @@ constexpr double MIN_INTERVAL_SECONDS = 0.1;
 [[nodiscard]] CLI::Validator address_range();
 
 [[nodiscard]] CLI::Validator address_and_port();
+[[nodiscard]] CLI::Validator rtmp_address();

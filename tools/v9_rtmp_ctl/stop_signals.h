@@ -16,6 +16,9 @@ class StopSignals {
     // Waits until a moment of clock_us(). True when a signal has come, also one that came before.
     [[nodiscard]] bool wait_until(std::uint64_t moment_us);
 
+    // What was the mask of signals before; for programs that are started meanwhile.
+    [[nodiscard]] const sigset_t& mask_before() const { return usual_mask; }
+
   private:
     const int fd;
     sigset_t usual_mask;

@@ -11,6 +11,7 @@
 #include "tools/v9_rtmp_ctl/state_file.h"
 #include "tools/v9_rtmp_ctl/stop_signals.h"
 #include "tools/v9_rtmp_ctl/text.h"
+#include "tools/v9_rtmp_ctl/trouble.h"
 #include "tools/v9_rtmp_ctl/watchdog_log.h"
 #include "tools/v9_rtmp_ctl/watchdog_statistics.h"
 
@@ -76,7 +77,8 @@ class Watchdog {
           history(history_times(all_options.limits, microseconds(all_options.settle_seconds),
                                 microseconds(all_options.interval_seconds))),
           statistics(make_statistics(all_options.limits, all_options.dry_run)),
-          state(all_options.state_directory) {
+          state(all_options.state_directory),
+          trouble(all_settings.quiet) {
         state.load(history, statistics);
     }
 
@@ -88,11 +90,11 @@ class Watchdog {
             if (failure->exit_code == ExitCode::USAGE) {
                 return failure;
             }
-            tell_trouble(*failure);
+            trouble.tell(*failure);
             return std::nullopt;
         }
         ++statistics.looks;
-        tell_recovery();
+        trouble.tell_end();
         const std::vector<std::uint64_t> before = first_seen_times();
         history.take_in(listing);
         act(judge(history, options.limits, age_drops));
@@ -119,21 +121,6 @@ class Watchdog {
             times.push_back(record.settled_as);
         }
         return times;
-    }
-
-    // The same trouble is told once.
-    void tell_trouble(const Failure& failure) {
-        if (trouble != failure.message) {
-            trouble = failure.message;
-            static_cast<void>(report(failure));
-        }
-    }
-
-    void tell_recovery() {
-        if (!trouble.empty() && !settings.quiet) {
-            static_cast<void>(report({ExitCode::DONE, "the server answers."}));
-        }
-        trouble.clear();
     }
 
     void act(const std::vector<Verdict>& verdicts) {
@@ -175,7 +162,7 @@ class Watchdog {
             tell(event_of(verdicts[i], outcomes[i]));
         }
         if (failure) {
-            tell_trouble(*failure);
+            trouble.tell(*failure);
         }
     }
 
@@ -214,7 +201,7 @@ class Watchdog {
     StateDirectory state;
     AgeDrops age_drops;
     std::vector<std::pair<Connection, DropRule>> announced;
-    std::string trouble;  // that was told last; empty while the server answers
+    Trouble trouble;
     std::uint64_t saved_us = 0;
     bool has_news = false;  // something was dropped since then
 };

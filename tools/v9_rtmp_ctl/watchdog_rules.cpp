@@ -267,7 +267,7 @@ const char* rule_name(DropRule rule) {
 
 HistoryTimes history_times(const WatchdogLimits& limits, std::uint64_t settle_us, std::uint64_t interval_us) {
     HistoryTimes times;
-    times.longest_gap_us = std::max(times.longest_gap_us, 2 * interval_us);
+    times.longest_gap_us = 5 * interval_us;
     times.settle_us = settle_us;
     // What is compared lies before the last time that the other got something, which is a while ago itself.
     times.window_us =
