@@ -22,6 +22,7 @@ import urllib.request
 INSIDE = "V9_INSIDE_NAMESPACES"
 # Sanitizers make programs slow.
 WAIT_S = 60
+TIME_SCALE = int(os.environ.get("V9_TEST_TIME_SCALE", "1"))
 SOCKET = "/run/v9_rtmp_server.socket"
 DIRECT = urllib.request.build_opener(urllib.request.ProxyHandler({}))
 
@@ -35,6 +36,10 @@ def set_loopback_up():
     with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as any_socket:
         flags, = struct.unpack("16xh14x", fcntl.ioctl(any_socket, get_flags, struct.pack("16s16x", b"lo")))
         fcntl.ioctl(any_socket, set_flags, struct.pack("16sh14x", b"lo", flags | up))
+
+
+# GCC 12 misreads the stack of a cancelled thread otherwise.
+os.environ.setdefault("ASAN_OPTIONS", "use_sigaltstack=0:detect_stack_use_after_return=1")
 
 
 def enter_namespaces(script):
@@ -97,7 +102,10 @@ class Process:
             except subprocess.TimeoutExpired:
                 self.popen.kill()
                 self.popen.wait()
+        said = self.output()
         self.log.close()
+        if "Sanitizer" in said or "runtime error:" in said:
+            raise AssertionError(f"{self.popen.args}: {said}")
 
     def cpu_s(self):
         fields = pathlib.Path(f"/proc/{self.popen.pid}/stat").read_text().rsplit(")", 1)[1].split()

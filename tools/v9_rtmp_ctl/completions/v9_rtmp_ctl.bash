@@ -96,7 +96,8 @@ _v9_rtmp_ctl_complete() {
     local command="" what="" given="" i
     for ((i = 1; i < ${#typed[@]} - 1; i++)); do
         case ${typed[i]} in
-            --socket | --timeout | --unit | --mode | --stream | --address | --sort | --interval) ((i++)) ;;
+            --socket | --timeout | --unit | --mode | --stream | --address | --sort | --interval | --output | -o | --listen | --host | \
+                --token-file | --watchdog-state) ((i++)) ;;
             -*) ;;
             *)
                 if [[ -z $command ]]; then
@@ -112,11 +113,11 @@ _v9_rtmp_ctl_complete() {
     done
 
     case $prev in
-        --socket)
+        --socket | --output | -o | --token-file | --watchdog-state)
             mapfile -t COMPREPLY < <(compgen -f -- "$cur")
             return
             ;;
-        --timeout | --interval) return ;;
+        --timeout | --interval | --listen | --host) return ;;
         --mode)
             mapfile -t COMPREPLY < <(compgen -W "publish play none" -- "$cur")
             return
@@ -147,7 +148,7 @@ _v9_rtmp_ctl_complete() {
 
     local words=""
     case $command in
-        "") words="hello list streams drop watch raw completion version help" ;;
+        "") words="hello list streams drop watch metrics serve raw completion version help" ;;
         list) words="--stream --address --mode --sort --reverse --no-legend" ;;
         streams)
             words="--sort --reverse --no-legend"
@@ -172,6 +173,8 @@ _v9_rtmp_ctl_complete() {
             esac
             ;;
         watch) words="--interval --stream --address --mode" ;;
+        metrics) words="--output --interval --watchdog-state" ;;
+        serve) words="--listen --host --allow-drop --token-file --watchdog-state" ;;
         raw)
             if [[ -n $what ]]; then
                 return
@@ -182,7 +185,7 @@ _v9_rtmp_ctl_complete() {
         completion) words="bash zsh fish" ;;
         help)
             case $what in
-                "") words="hello list streams drop watch raw completion version" ;;
+                "") words="hello list streams drop watch metrics serve raw completion version" ;;
                 drop) words="id stream address unnamed" ;;
             esac
             ;;

@@ -46,7 +46,8 @@ function __v9_rtmp_ctl_plain_words
             continue
         end
         switch $word
-            case --socket --timeout --unit --mode --stream --address --sort --interval
+            case --socket --timeout --unit --mode --stream --address --sort --interval --output -o --listen --host \
+                --token-file --watchdog-state
                 set skip 1
             case '-*'
             case '*'
@@ -87,6 +88,8 @@ complete -c v9_rtmp_ctl -n __v9_rtmp_ctl_at -a list -d 'List the connections'
 complete -c v9_rtmp_ctl -n __v9_rtmp_ctl_at -a streams -d 'List the streams'
 complete -c v9_rtmp_ctl -n __v9_rtmp_ctl_at -a drop -d 'Drop connections'
 complete -c v9_rtmp_ctl -n __v9_rtmp_ctl_at -a watch -d 'Show streams and connections live'
+complete -c v9_rtmp_ctl -n __v9_rtmp_ctl_at -a metrics -d 'Print metrics for Prometheus'
+complete -c v9_rtmp_ctl -n __v9_rtmp_ctl_at -a serve -d 'Serve a status page and metrics'
 complete -c v9_rtmp_ctl -n __v9_rtmp_ctl_at -a raw -d 'Send a command as it is'
 complete -c v9_rtmp_ctl -n __v9_rtmp_ctl_at -a completion -d 'Print a completion script'
 complete -c v9_rtmp_ctl -n __v9_rtmp_ctl_at -a version -d 'Print the version'
@@ -127,6 +130,15 @@ for command in 'drop stream' 'drop address' 'drop unnamed'
 end
 
 complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in watch' -l interval -x -d 'Time from one look to the next'
+complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in metrics' -l interval -x -d 'Time from one look to the next'
+complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in metrics' -s o -l output -r -F -d 'Write them to this file'
+complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in serve' -l listen -x -d 'Address and port'
+complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in serve' -l host -x -d 'A name under which browsers reach it'
+complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in serve' -l allow-drop -d 'Let the page drop connections'
+complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in serve' -l token-file -r -F -d 'The file with the token'
+for command in metrics serve
+    complete -c v9_rtmp_ctl -n "__v9_rtmp_ctl_in $command" -l watchdog-state -r -F -d 'State of the watchdog'
+end
 complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_at raw' -l async -d 'Want no reply'
 complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_at completion' -a 'bash zsh fish'
-complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_at help' -a 'hello list streams drop watch raw completion version'
+complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_at help' -a 'hello list streams drop watch metrics serve raw completion version'

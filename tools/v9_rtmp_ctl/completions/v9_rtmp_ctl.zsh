@@ -73,6 +73,8 @@ _v9_rtmp_ctl() {
         'streams:list the streams'
         'drop:drop connections'
         'watch:show streams and connections live'
+        'metrics:print metrics in the text format of Prometheus'
+        'serve:serve a status page and metrics over HTTP'
         'raw:send a command as it is and print the reply as JSON'
         'completion:print the completion script of a shell'
         'version:print the version of this tool'
@@ -126,10 +128,21 @@ _v9_rtmp_ctl() {
                     _arguments $global $streams_picked $addresses_picked $mode_picked \
                         '--interval=[time from one look to the next]:seconds'
                     ;;
+                metrics)
+                    _arguments $global '(-o --output)'{-o,--output}'=[write them to this file]:file:_files' \
+                        '--interval=[time from one look to the next]:seconds' \
+                        "--watchdog-state=[the directory of the watchdog's state]:directory:_directories"
+                    ;;
+                serve)
+                    _arguments $global '--listen=[where to listen]:address and port' \
+                        '*--host=[a name under which browsers reach it]:name' \
+                        '--allow-drop[let the page drop connections]' '--token-file=[the file with the token]:file:_files' \
+                        "--watchdog-state=[the directory of the watchdog's state]:directory:_directories"
+                    ;;
                 raw) _arguments $global '--async[want no reply]' '1:command:(hello)' '*:argument:' ;;
                 completion) _arguments $global '1:shell:(bash zsh fish)' ;;
                 help)
-                    _arguments $global '1:command:(hello list streams drop watch raw completion version)' \
+                    _arguments $global '1:command:(hello list streams drop watch metrics serve raw completion version)' \
                         '2:what:(id stream address unnamed)'
                     ;;
                 *) _arguments $global ;;
