@@ -92,7 +92,7 @@ void write_totals(Writer& writer, const StreamSeries& series, const Value& value
     writer.sample({{"stream", OTHER_STREAMS}}, value(series.other()));
 }
 
-void write_history(Writer& writer, const ConnectionHistory& history, const StreamSeries& series) {
+void write_counters(Writer& writer, const StreamSeries& series) {
     writer.counter("v9_rtmp_stream_received_bytes_total",
                    "Bytes received from the publishers of a stream. (other) stands for all that have no "
                    "series of their own.");
@@ -105,7 +105,9 @@ void write_history(Writer& writer, const ConnectionHistory& history, const Strea
     writer.counter("v9_rtmp_publisher_silence_seconds_total",
                    "Seconds for which publishers of a stream sent nothing.");
     write_totals(writer, series, [](const StreamTotals& t) { return seconds(t.publisher_silence_us); });
+}
 
+void write_health(Writer& writer, const ConnectionHistory& history) {
     std::uint64_t oldest_us = 0;
     unsigned stalled = 0;
     unsigned behind = 0;
@@ -210,8 +212,12 @@ std::string metrics_text(const MetricsSource& source) {
         write_streams(writer, source);
     }
     if (source.history != nullptr && source.series != nullptr) {
-        write_history(writer, *source.history, *source.series);
-        write_players(writer, source);
+        write_counters(writer, *source.series);
+        // What was there before the server stopped answering says nothing about now.
+        if (is_up) {
+            write_health(writer, *source.history);
+            write_players(writer, source);
+        }
     }
     if (source.watchdog) {
         write_watchdog(writer, *source.watchdog);
