@@ -3,11 +3,13 @@
 #include <unistd.h>
 
 #include <filesystem>
-#include <fstream>
+#include <limits>
 #include <sstream>
 #include <vector>
 
+#include "tools/v9_rtmp_ctl/check_rules.h"
 #include "tools/v9_rtmp_ctl/parse_number.h"
+#include "tools/v9_rtmp_ctl/state_file.h"
 
 namespace {
 
@@ -18,30 +20,6 @@ constexpr std::size_t THREADS = 17;
 constexpr std::size_t START_TICKS = 19;
 constexpr std::size_t VIRTUAL_BYTES = 20;
 constexpr std::size_t RESIDENT_PAGES = 21;
-
-std::string read_whole(const std::string& path) {
-    const std::ifstream file(path);
-    std::ostringstream content;
-    content << file.rdbuf();
-    return content.str();
-}
-
-// The second that follows the word at the beginning of a line; nothing when there is no such line.
-std::optional<std::uint64_t> number_behind(std::string_view text, std::string_view word) {
-    std::size_t begin = text.starts_with(word) ? 0 : text.find("\n" + std::string(word));
-    if (begin == std::string_view::npos) {
-        return std::nullopt;
-    }
-    begin = text.find_first_not_of(' ', begin + (begin == 0 ? 0 : 1) + word.size());
-    if (begin == std::string_view::npos) {
-        return std::nullopt;
-    }
-    std::uint64_t number = 0;
-    const std::size_t end = text.find_first_of(" \n", begin);
-    return parse_number(text.substr(begin, end == std::string_view::npos ? end : end - begin), number)
-               ? std::optional(number)
-               : std::nullopt;
-}
 
 std::optional<std::uint64_t> count_descriptors(const std::string& directory) {
     std::error_code error;
@@ -81,22 +59,24 @@ bool read_process_stat(std::string_view stat, double boot_time_s, ProcessInfo& i
     return true;
 }
 
-std::optional<std::uint64_t> read_max_descriptors(std::string_view limits) {
-    return number_behind(limits, "Max open files");
-}
-
 ProcessInfo find_process_info(pid_t pid) {
     ProcessInfo info;
     if (pid <= 0) {
         return info;
     }
     const std::string directory = "/proc/" + std::to_string(pid);
-    const std::optional<std::uint64_t> boot_time_s = number_behind(read_whole("/proc/stat"), "btime");
-    if (!boot_time_s ||
-        !read_process_stat(read_whole(directory + "/stat"), static_cast<double>(*boot_time_s), info)) {
+    const std::optional<std::uint64_t> boot_time_s =
+        find_limit(read_file("/proc/stat").value_or(""), "btime");
+    if (!boot_time_s || !read_process_stat(read_file(directory + "/stat").value_or(""),
+                                           static_cast<double>(*boot_time_s), info)) {
         return info;
     }
-    info.max_descriptors = read_max_descriptors(read_whole(directory + "/limits"));
+    const std::optional<std::uint64_t> limit =
+        find_limit(read_file(directory + "/limits").value_or(""), "Max open files");
+    constexpr std::uint64_t UNLIMITED = std::numeric_limits<std::uint64_t>::max();
+    if (limit && *limit != UNLIMITED) {
+        info.max_descriptors = limit;
+    }
     info.open_descriptors = count_descriptors(directory + "/fd");
     return info;
 }

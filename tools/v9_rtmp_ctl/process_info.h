@@ -15,15 +15,12 @@ struct ProcessInfo {
     std::optional<std::uint64_t> virtual_bytes;
     std::optional<std::uint64_t> resident_bytes;
     std::optional<std::uint64_t> open_descriptors;  // needs the right to look at them
-    std::optional<std::uint64_t> max_descriptors;
+    std::optional<std::uint64_t> max_descriptors;   // absent too where there is no limit
 };
 
 // Reads "/proc/PID/stat", whose second field may hold blanks and parentheses. boot_time_s is when the machine started,
 // since the epoch. False when the text is something else; info is unchanged then.
 [[nodiscard]] bool read_process_stat(std::string_view stat, double boot_time_s, ProcessInfo& info);
-
-// The soft limit of open files in "/proc/PID/limits". Nothing when it is not there, or unlimited.
-[[nodiscard]] std::optional<std::uint64_t> read_max_descriptors(std::string_view limits);
 
 // Of a process that runs. Everything is absent where the process is out of view.
 [[nodiscard]] ProcessInfo find_process_info(pid_t pid);

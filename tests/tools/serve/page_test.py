@@ -211,7 +211,7 @@ class PageTest(unittest.TestCase):
 
         def view():
             while not stop.wait(1):
-                serve.ask("/connections.json")
+                serve.ask("/connections.json", Accept_Encoding="gzip, deflate")
 
         viewers = [threading.Thread(target=view) for _ in range(VIEWERS - 1)]  # The browser is the tenth.
         for viewer in viewers:

@@ -10,6 +10,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "tools/v9_rtmp_ctl/listen_address.h"
 #include "tools/v9_rtmp_ctl/serve/http_rules.h"
 
 namespace {
@@ -65,6 +66,19 @@ std::string make_nonce() {
     return nonce;
 }
 
+// Renames Range headers. The library reads them by a regular expression that recurses for each of their bytes, and sends
+// a part for each range, of which a request has room for thousands.
+std::string without_ranges(const std::string& head) {
+    constexpr std::string_view NAME = "range";
+    std::string request = head;
+    for (std::size_t at = request.find('\n'); at != std::string::npos; at = request.find('\n', at + 1)) {
+        if (lower_case(std::string_view(request).substr(at + 1, NAME.size())) == NAME) {
+            request[at + 1] = 'x';
+        }
+    }
+    return request;
+}
+
 void refuse(httplib::Response& response, int status, const std::string& text) {
     response.status = status;
     response.set_content(text + "\n", PLAIN_TEXT);
@@ -105,10 +119,12 @@ class HttpPages::Router : public httplib::Server {
     }
 
     std::string answer(const std::string& head) {
-        MemoryStream stream(head);
+        const std::string request = without_ranges(head);
+        MemoryStream stream(request);
         bool closed = false;
-        // False where there is nothing to answer.
-        static_cast<void>(process_request(stream, true, closed, nullptr));
+        // False where there is nothing to answer. What is sent is small, so it is not compressed.
+        static_cast<void>(process_request(
+            stream, true, closed, [](httplib::Request& parsed) { parsed.headers.erase("Accept-Encoding"); }));
         return stream.take_output();
     }
 
