@@ -1,9 +1,8 @@
 // Annotations by which clang checks, at compile time, who may touch what (the clang preset makes them
 // errors). Other compilers see nothing.
 //
-// Two kinds of capability are checked: mutexes, and roles. A role is a thread: holding the role means running
-// on that thread. The main thread's role is global; each connection has a role for its reader and its writer
-// thread.
+// Two kinds of capability are checked: mutexes, and roles. A role is a kind of thread: holding the role means running
+// on such a thread. A reader or writer thread knows no connection but its own.
 #pragma once
 
 #if defined(__clang__)
@@ -24,12 +23,16 @@
 
 class CAPABILITY("role") ThreadRole {};
 
-// The thread that runs main().
-inline constexpr ThreadRole MAIN_THREAD{};
+inline constexpr ThreadRole MAIN_THREAD{};    // the thread that runs main()
+inline constexpr ThreadRole READER_THREAD{};  // a connection's reader
+inline constexpr ThreadRole WRITER_THREAD{};  // a connection's writer
 
-// Behind a function's parameters: only the main thread may call it.
+// Behind a function's parameters: only such a thread may call it.
 #define ON_MAIN_THREAD REQUIRES(MAIN_THREAD)
+#define ON_READER_THREAD REQUIRES(READER_THREAD)
+#define ON_WRITER_THREAD REQUIRES(WRITER_THREAD)
 
-// Says to the checker that this thread has the role from here on. Called once, where the thread begins.
+// Says to the checker that this thread has the role from here on. Called where the thread begins, and where another
+// thread has the role's work to itself.
 inline void assume_role(const ThreadRole& role) ASSERT_CAPABILITY(role);
 inline void assume_role(const ThreadRole& /*role*/) {}

@@ -22,7 +22,7 @@ void connection_line(RTMPConnection& conn, std::string* line) {
         line->append("\t\t\t");
         return;
     }
-    const auto total = [](const auto& direction) {
+    const auto total = [](const LinkDirection& direction) {
         return std::to_string(direction.bytes_total.load(std::memory_order_relaxed));
     };
     line->append(1, '\t').append(total(conn.conn_g_client));

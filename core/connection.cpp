@@ -12,8 +12,8 @@ RTMPConnection::RTMPConnection(int accepted_fd, std::size_t slot, std::string pe
       address(std::move(peer_address)),
       conn_g_server(!opt_no_def_ack, opt_no_def_ack ? 0 : 1),
       conn_g_client(!opt_no_def_ack, opt_no_def_ack ? 0 : 1) {
-    out_batch.reserve(
-        MAX_BATCH_MESSAGES);  // The writer thread fills it under the lock and must not allocate there.
+    // The writer thread fills it under the lock and must not allocate there.
+    out_batch.reserve(MAX_BATCH_MESSAGES);
 }
 
 // The checker cannot follow a lock that may fail; ConnectionLock is what it sees.

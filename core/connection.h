@@ -2,8 +2,8 @@
 //
 // 1. The main thread creates, services and frees connections. Each has a reader thread and a writer thread of
 //    its own, which end by themselves or by cancellation and are joined by the main thread.
-// 2. `mutex` guards the two queues, and how many messages were taken from one, and nothing else. On the connection's own threads nothing prints, sleeps
-//    or calls a socket while holding it.
+// 2. `mutex` guards the two queues, and how many messages were taken from one, and nothing else. On the connection's
+//    own threads nothing prints, sleeps or calls a socket while holding it.
 // 3. Only the main thread holds two of these mutexes: the publisher's, then one player's.
 // 4. Other connections are named by slot index, never by pointer; nothing outside points into a connection.
 // 5. The fields stand in groups by who may touch them; the clang build checks those that are annotated.
@@ -49,10 +49,7 @@ class RTMPConnection {
     RTMPConnection(const RTMPConnection&) = delete;
     RTMPConnection& operator=(const RTMPConnection&) = delete;
 
-    // --- capabilities
     ConnectionMutex mutex;
-    ThreadRole reader_role;  // held by the reader thread
-    ThreadRole writer_role;  // held by the writer thread
 
     // --- fixed while the two threads run
     int fd;                      // the socket; -1 once closed, after both threads were joined
@@ -65,21 +62,19 @@ class RTMPConnection {
     // taken by the writer thread with its last batch; may have been sent since
     std::size_t out_batch_messages GUARDED_BY(mutex) = 0;
 
-    // --- one thread counts or decides, others read: atomics inside
-    // received bytes: reader thread; output chunk_size: writer thread, and the main thread looks at it
-    LinkDirection<std::atomic<std::uint32_t>> conn_g_server;
-    // sent bytes: reader thread in the handshake, then the writer thread; input chunk_size: reader thread
-    LinkDirection<std::uint32_t> conn_g_client;
+    // --- one thread counts or decides, others read: atomics, and inside the two directions
+    ServerSide conn_g_server;
+    ClientSide conn_g_client;
     std::atomic<bool> thread_died = false;   // last act of the reader thread
     std::atomic<bool> thread2_died = false;  // last act of the writer thread
 
     // --- reader thread
-    RTMP_Packet in_pkt GUARDED_BY(reader_role);  // the message being read
-    std::map<std::uint32_t, ChunkStreamState> chunk_streams GUARDED_BY(reader_role);
-    ReadAhead read_ahead GUARDED_BY(reader_role);  // bytes of the socket that cread has not returned yet
+    RTMP_Packet in_pkt GUARDED_BY(READER_THREAD);  // the message being read
+    std::map<std::uint32_t, ChunkStreamState> chunk_streams GUARDED_BY(READER_THREAD);
+    ReadAhead read_ahead GUARDED_BY(READER_THREAD);  // bytes of the socket that cread has not returned yet
 
     // --- writer thread
-    std::vector<OutgoingPacket> out_batch GUARDED_BY(writer_role);  // the messages being written
+    std::vector<OutgoingPacket> out_batch GUARDED_BY(WRITER_THREAD);  // the messages being written
 
     // --- main thread, core: threads and the wish to end them
     pthread_t thread GUARDED_BY(MAIN_THREAD) = {};      // valid while thread_init
@@ -132,21 +127,21 @@ class RTMPConnection {
     // --- rtmp/socket_io.cpp
     // Exactly c bytes, or fewer when the peer ends in between; -1 when nothing was read. Counts what it
     // returns.
-    ssize_t cread(void* buffer, std::size_t c) REQUIRES(reader_role);
+    ssize_t cread(void* buffer, std::size_t c) ON_READER_THREAD;
     // All c bytes, or fewer when the peer ends in between; -1 when nothing was sent or c is 0. Counts.
-    ssize_t cwrite(const void* buffer, std::size_t c) REQUIRES(reader_role);
+    ssize_t cwrite(const void* buffer, std::size_t c) ON_READER_THREAD;
 
     // --- rtmp/handshake.cpp, rtmp/chunk_reader.cpp, rtmp/reader_thread.cpp, rtmp/packet_queues.cpp
     // All on the reader thread; false ends the reading.
-    [[nodiscard]] bool handshake() REQUIRES(reader_role);
-    [[nodiscard]] bool rtmp_read_packet(RTMP_Packet& pkt) REQUIRES(reader_role);
-    [[nodiscard]] bool rtmp_proc_packet() REQUIRES(reader_role);
-    [[nodiscard]] bool add_to_incoming_queue(RTMP_Packet&& pkt) REQUIRES(reader_role) EXCLUDES(mutex);
+    [[nodiscard]] bool handshake() ON_READER_THREAD;
+    [[nodiscard]] bool rtmp_read_packet(RTMP_Packet& pkt) ON_READER_THREAD;
+    [[nodiscard]] bool rtmp_proc_packet() ON_READER_THREAD;
+    [[nodiscard]] bool add_to_incoming_queue(RTMP_Packet&& pkt) ON_READER_THREAD EXCLUDES(mutex);
 
     // --- rtmp/chunk_writer.cpp
     // Writer thread: sends the messages that wait, a batch of them, or sleeps when there are none. False: the
     // socket has failed.
-    [[nodiscard]] bool rtmp_send_packet() REQUIRES(writer_role);
+    [[nodiscard]] bool rtmp_send_packet() ON_WRITER_THREAD;
 
     // --- app/dispatch.cpp
     // One pass of the main loop over this connection: requested close, queued messages, dead threads.

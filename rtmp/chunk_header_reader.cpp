@@ -11,7 +11,7 @@ namespace {
 
 constexpr std::size_t MAX_CHUNK_STREAMS = 64;
 
-bool read_first_header(RTMPConnection& conn, RTMP_Packet::chunk_t& chunk) REQUIRES(conn.reader_role) {
+bool read_first_header(RTMPConnection& conn, RTMP_Packet::chunk_t& chunk) ON_READER_THREAD {
     ChunkStreamState& state = conn.chunk_streams.try_emplace(chunk.stream_id).first->second;
     std::array<unsigned char, MAX_MESSAGE_HEADER_BYTES> header{};
     const std::size_t header_bytes = message_header_bytes(chunk.fmt);

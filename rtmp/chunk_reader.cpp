@@ -12,8 +12,8 @@
 
 namespace {
 
-bool read_continuation_header(RTMPConnection& conn, const RTMP_Packet& pkt, std::size_t done)
-    REQUIRES(conn.reader_role) {
+bool read_continuation_header(RTMPConnection& conn, const RTMP_Packet& pkt,
+                              std::size_t done) ON_READER_THREAD {
     RTMP_Packet next;
     if (!read_basic_header(conn, next.chunk) || !resolve_chunk_header(conn, next, false)) {
         return false;
@@ -34,8 +34,7 @@ bool read_continuation_header(RTMPConnection& conn, const RTMP_Packet& pkt, std:
 
 // Reads one chunk of the payload, of which toread bytes are missing. Returns how many it was; 0 when the client
 // ends before.
-std::size_t read_chunk(RTMPConnection& conn, const RTMP_Packet& pkt, std::size_t toread)
-    REQUIRES(conn.reader_role) {
+std::size_t read_chunk(RTMPConnection& conn, const RTMP_Packet& pkt, std::size_t toread) ON_READER_THREAD {
     const RTMP_Packet::chunk_t::message_t& message = pkt.chunk.message;
     unsigned char* const dp = message.data + (pkt.chunk.message_length - toread);
     const unsigned char* const dpf = message.data + message.data_length;
@@ -48,9 +47,9 @@ std::size_t read_chunk(RTMPConnection& conn, const RTMP_Packet& pkt, std::size_t
     return read_whole(conn, dp, todo) ? todo : 0;
 }
 
-bool read_payload(RTMPConnection& conn, const RTMP_Packet& pkt) REQUIRES(conn.reader_role) {
+bool read_payload(RTMPConnection& conn, const RTMP_Packet& pkt) ON_READER_THREAD {
     std::size_t toread = pkt.chunk.message_length;
-    const LinkDirection<std::uint32_t>& conn_g_client = conn.conn_g_client;
+    const ClientSide& conn_g_client = conn.conn_g_client;
     CHECK(pkt.chunk.message.data_length >= toread);
     CHECK(conn_g_client.chunk_size != uint32_t(0));
     for (;;) {
@@ -91,6 +90,6 @@ bool RTMPConnection::rtmp_read_packet(RTMP_Packet& pkt) {
             return false;
         }
     }
-    dump_for_debugging(pkt);
+    dump_read_packet(pkt);
     return true;
 }

@@ -30,7 +30,7 @@ class GatheredPieces {
     explicit GatheredPieces(RTMPConnection& connection) : conn(connection) {}
 
     // False when earlier pieces had to be sent to make room, and were not sent whole.
-    bool add(const unsigned char* s, std::size_t c) {
+    bool add(const unsigned char* s, std::size_t c) ON_WRITER_THREAD {
         if (count == MAX_PIECES && !flush(MSG_MORE)) {
             return false;
         }
@@ -43,7 +43,7 @@ class GatheredPieces {
 
     // Sends all pieces, as often as the kernel takes only some; false when it takes none. Counts what was
     // sent.
-    bool flush(int flags) {
+    bool flush(int flags) ON_WRITER_THREAD {
         msghdr header{};
         header.msg_iov = pieces.data();
         header.msg_iovlen = count;
@@ -92,7 +92,7 @@ struct ChunkHeaders {
 
 // Adds payload bytes from a block that is laid out for another chunk size.
 bool add_shared_bytes(GatheredPieces& pieces, const SharedPayload& shared, std::size_t offset,
-                      std::size_t todo) {
+                      std::size_t todo) ON_WRITER_THREAD {
     while (todo != 0) {
         const SharedPayload::Bytes run = shared.plain_run(static_cast<std::uint32_t>(offset));
         const std::size_t c = std::min(run.length, todo);
@@ -108,7 +108,7 @@ bool add_shared_bytes(GatheredPieces& pieces, const SharedPayload& shared, std::
 // Adds the next chunk of the payload, of which left bytes are to go. Returns the bytes added; 0 when earlier pieces
 // were not sent whole.
 std::size_t add_chunk(GatheredPieces& pieces, const OutgoingPacket& pkt, std::size_t left,
-                      std::size_t chunk_size) {
+                      std::size_t chunk_size) ON_WRITER_THREAD {
     const std::size_t todo = std::min(chunk_size, left);
     CHECK(todo != size_t(0));
     const std::size_t offset = pkt.chunk.message_length - left;
@@ -125,7 +125,7 @@ std::size_t add_chunk(GatheredPieces& pieces, const OutgoingPacket& pkt, std::si
 
 // Adds the payload, and a continuation header before each chunk but the first.
 bool add_payload(GatheredPieces& pieces, const OutgoingPacket& pkt, ChunkHeaders& headers,
-                 std::uint32_t chunk_size) {
+                 std::uint32_t chunk_size) ON_WRITER_THREAD {
     if (pkt.shared.payload_bytes() != 0 && pkt.shared.is_laid_out_for(chunk_size)) {
         const SharedPayload::Bytes laid_out = pkt.shared.laid_out();
         return pieces.add(laid_out.data, laid_out.length);
@@ -149,7 +149,7 @@ bool add_payload(GatheredPieces& pieces, const OutgoingPacket& pkt, ChunkHeaders
 }
 
 bool add_message(GatheredPieces& pieces, const OutgoingPacket& pkt, ChunkHeaders& headers,
-                 std::uint32_t chunk_size) {
+                 std::uint32_t chunk_size) ON_WRITER_THREAD {
     std::size_t header_bytes = write_basic_header(headers.first.data(), FULL_HEADER_FMT, pkt.chunk.stream_id);
     header_bytes += write_message_header(headers.first.data() + header_bytes, pkt.chunk);
     return pieces.add(headers.first.data(), header_bytes) && add_payload(pieces, pkt, headers, chunk_size);
@@ -157,7 +157,7 @@ bool add_message(GatheredPieces& pieces, const OutgoingPacket& pkt, ChunkHeaders
 
 // Sends the whole batch in as few calls as it takes. Cancellation at any of them leaves the messages in the
 // connection.
-bool send_batch(RTMPConnection& conn) REQUIRES(conn.writer_role) {
+bool send_batch(RTMPConnection& conn) ON_WRITER_THREAD {
     const std::uint32_t chunk_size = conn.conn_g_server.chunk_size.load(std::memory_order_relaxed);
     std::array<ChunkHeaders, MAX_BATCH_MESSAGES> headers;
     GatheredPieces pieces(conn);
@@ -176,7 +176,7 @@ bool send_batch(RTMPConnection& conn) REQUIRES(conn.writer_role) {
 }
 
 // An echo holds from the next message on. It ends its batch. Without memory it was never sent, and the old size stays.
-void adopt_chunk_size(RTMPConnection& conn, const RTMP_Packet::chunk_t& sent) REQUIRES(conn.writer_role) {
+void adopt_chunk_size(RTMPConnection& conn, const RTMP_Packet::chunk_t& sent) ON_WRITER_THREAD {
     if (sent.message.data_length != 0) {
         CHECK(sent.message.data_length >= 4);
         conn.conn_g_server.chunk_size.store(read_be32(sent.message.data), std::memory_order_relaxed);
@@ -190,7 +190,7 @@ bool RTMPConnection::rtmp_send_packet() {
         usleep(IDLE_SLEEP_US);
         return true;
     }
-    dump_for_debugging(out_batch.front(), "Sending:\n");  // A batch is one message then.
+    dump_packet_to_send(out_batch.front());  // A batch is one message then.
     if (!send_batch(*this)) {
         return false;
     }

@@ -28,7 +28,7 @@ bool read_chunk_size(const RTMP_Packet::chunk_t::message_t& message, std::uint32
 // intended: the client is told its own size back, and the server sends with that size from then on. The echo
 // and everything queued before it still go out under the old one: the writer adopts the size when it has sent
 // the echo.
-bool accept_chunk_size(RTMPConnection& conn, const RTMP_Packet& pkt) REQUIRES(conn.reader_role) {
+bool accept_chunk_size(RTMPConnection& conn, const RTMP_Packet& pkt) ON_READER_THREAD {
     std::uint32_t chunk_size = 0;
     if (!read_chunk_size(pkt.chunk.message, chunk_size)) {
         diag("Chunk size rejected\n");
@@ -45,8 +45,8 @@ bool accept_chunk_size(RTMPConnection& conn, const RTMP_Packet& pkt) REQUIRES(co
     return queue_outgoing(conn, std::move(echo));
 }
 
-void accept_window_ack_size(RTMPConnection& conn, const RTMP_Packet::chunk_t::message_t& message)
-    REQUIRES(conn.reader_role) {
+void accept_window_ack_size(RTMPConnection& conn,
+                            const RTMP_Packet::chunk_t::message_t& message) ON_READER_THREAD {
     if (message.data_length < CONTROL_VALUE_BYTES) {
         return;
     }

@@ -1,32 +1,40 @@
-// One direction of a connection: its byte counters and, for received bytes, the acknowledgement state.
-//
-// A connection has two. conn_g_server is the server's own side: bytes received from the client, their
-// acknowledgement, and the chunk size the server sends with. conn_g_client is the client's side: bytes sent
-// to the client, and the chunk size the client sends with.
+// The two directions of a connection: byte counters, acknowledgement state and chunk sizes. conn_g_server is its
+// ServerSide, conn_g_client its ClientSide.
 #pragma once
 
 #include <atomic>
 #include <cstdint>
 
+#include "base/thread_roles.h"
 #include "rtmp/chunk_format.h"
 
-// ChunkSize is std::uint32_t where one thread alone uses the chunk size, and atomic where another one looks at it.
-template <typename ChunkSize>
 struct LinkDirection {
     LinkDirection(bool acknowledge_at_once, std::uint32_t window)
         : ack_flag(acknowledge_at_once), window_ack_size(window) {}
 
-    // --- the thread that counts: of conn_g_server the reader, of conn_g_client the reader in the handshake, then the
-    // writer; the control listing reads bytes_total
-    std::atomic<std::uint64_t> bytes_total = 0;
-    std::uint32_t bytes_unacked = 0;  // bytes since the last acknowledgement
+    std::atomic<std::uint64_t> bytes_total = 0;  // the thread that counts; the control listing reads it
 
     // --- reader thread
-    bool ack_flag;                  // acknowledge the next message whatever the counts say
-    std::uint32_t window_ack_size;  // acknowledgement window in bytes; 0: never by count
+    bool ack_flag GUARDED_BY(READER_THREAD);  // acknowledge the next message whatever the counts say
+    std::uint32_t window_ack_size GUARDED_BY(READER_THREAD);  // in bytes; 0: never by count
+};
 
-    // --- of conn_g_server the writer thread, and the main thread looks at it; of conn_g_client the reader thread
-    ChunkSize chunk_size = DEFAULT_CHUNK_SIZE;
+// The server's own side: bytes received from the client, their acknowledgement, and the chunk size the server sends
+// with.
+struct ServerSide : LinkDirection {
+    using LinkDirection::LinkDirection;
+
+    std::uint32_t bytes_unacked GUARDED_BY(READER_THREAD) = 0;   // since the last acknowledgement
+    std::atomic<std::uint32_t> chunk_size = DEFAULT_CHUNK_SIZE;  // writer thread; the main thread looks at it
+};
+
+// The client's side: bytes sent to the client, in the handshake by the reader thread, and the chunk size the client
+// sends with.
+struct ClientSide : LinkDirection {
+    using LinkDirection::LinkDirection;
+
+    std::uint32_t bytes_unacked GUARDED_BY(WRITER_THREAD) = 0;  // since the last acknowledgement
+    std::uint32_t chunk_size GUARDED_BY(READER_THREAD) = DEFAULT_CHUNK_SIZE;
 };
 
 // The acknowledgement rule, as values. An acknowledgement is due when asked for, or when a window is full.

@@ -32,6 +32,10 @@ void append_row(std::string& text, const RTMP_Packet::chunk_t::message_t& messag
     text += '\n';
 }
 
+bool is_dumped(const RTMP_Packet& pkt) {
+    return packets_are_dumped() && !is_audio_or_video(pkt.chunk.message_type_id);
+}
+
 }  // namespace
 
 void dump_packet(const RTMP_Packet& pkt) {
@@ -58,12 +62,19 @@ void dump_packet(const RTMP_Packet& pkt) {
     diag_block(text);
 }
 
-void dump_for_debugging(const RTMP_Packet& pkt, const char* title) {
-    if (!opt_dbg_pkt || is_audio_or_video(pkt.chunk.message_type_id)) {
-        return;
+bool packets_are_dumped() {
+    return opt_dbg_pkt;
+}
+
+void dump_read_packet(const RTMP_Packet& pkt) {
+    if (is_dumped(pkt)) {
+        dump_packet(pkt);
     }
-    if (*title != '\0') {
-        diag("%s", title);
+}
+
+void dump_packet_to_send(const RTMP_Packet& pkt) {
+    if (is_dumped(pkt)) {
+        diag("Sending:\n");
+        dump_packet(pkt);
     }
-    dump_packet(pkt);
 }

@@ -7,5 +7,9 @@
 // text. Written as one block. Any thread; a cancellation point.
 void dump_packet(const RTMP_Packet& pkt);
 
-// With the switch dbg-pkt, and unless it is audio or video: prints title, then the dump. An empty title prints nothing.
-void dump_for_debugging(const RTMP_Packet& pkt, const char* title = "");
+// Whether the switch dbg-pkt is on: messages read and sent are dumped, except audio and video.
+[[nodiscard]] bool packets_are_dumped();
+
+// Dump a message if it is to be dumped: one that was read; one that is sent next, announced by a line.
+void dump_read_packet(const RTMP_Packet& pkt);
+void dump_packet_to_send(const RTMP_Packet& pkt);

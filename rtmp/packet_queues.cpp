@@ -6,8 +6,8 @@
 
 #include "base/bytes.h"
 #include "base/diag.h"
-#include "core/switches.h"
 #include "rtmp/message_types.h"
+#include "rtmp/packet_dump.h"
 
 namespace {
 
@@ -79,7 +79,7 @@ bool is_chunk_size_echo(const RTMP_Packet& pkt) {
 
 bool take_outgoing(RTMPConnection& conn) {
     conn.out_batch.clear();
-    const std::size_t max_messages = opt_dbg_pkt ? 1 : MAX_BATCH_MESSAGES;
+    const std::size_t max_messages = packets_are_dumped() ? 1 : MAX_BATCH_MESSAGES;
     const ConnectionLock lock(conn);
     if (!lock.held()) {
         return false;

@@ -17,8 +17,8 @@
 // Queues an acknowledgement of total_bytes (their low 32 bits). Where a client does not read and packets have
 // piled up, an acknowledgement at the back of the queue is overwritten instead: only the latest count is of
 // use.
-[[nodiscard]] bool queue_acknowledgement(RTMPConnection& conn, std::uint64_t total_bytes)
-    REQUIRES(conn.reader_role) EXCLUDES(conn.mutex);
+[[nodiscard]] bool queue_acknowledgement(RTMPConnection& conn, std::uint64_t total_bytes) ON_READER_THREAD
+    EXCLUDES(conn.mutex);
 
 // Whether sending this message changes the output chunk size: the echo of the client's.
 [[nodiscard]] bool is_chunk_size_echo(const RTMP_Packet& pkt);
@@ -26,9 +26,9 @@
 // Moves messages from the front of connection_out into out_batch, which is emptied first. A batch ends after the echo
 // of a chunk size, so that one chunk size holds for all of it; while packets are dumped it is a single message, so
 // that each dump is followed by its bytes. False when nothing waits or the lock failed. Writer thread.
-[[nodiscard]] bool take_outgoing(RTMPConnection& conn) REQUIRES(conn.writer_role) EXCLUDES(conn.mutex);
+[[nodiscard]] bool take_outgoing(RTMPConnection& conn) ON_WRITER_THREAD EXCLUDES(conn.mutex);
 
 // Sleeps while the main thread is behind with connection_in, so that the client's TCP window fills instead of
 // memory. False when the lock failed. Reader thread.
-[[nodiscard]] bool wait_for_room_in_incoming_queue(RTMPConnection& conn) REQUIRES(conn.reader_role)
+[[nodiscard]] bool wait_for_room_in_incoming_queue(RTMPConnection& conn) ON_READER_THREAD
     EXCLUDES(conn.mutex);

@@ -5,4 +5,4 @@
 
 // The handshake, then messages until the client closes or breaks a rule. No stop request is looked at: cancellation
 // ends it as well.
-void read_session(RTMPConnection& conn) REQUIRES(conn.reader_role);
+void read_session(RTMPConnection& conn) ON_READER_THREAD;

@@ -15,7 +15,7 @@ constexpr unsigned long WRITER_TIMER_SLACK_NS = 5000000;
 
 void* reader_thread(void* argument) {
     auto& conn = *static_cast<RTMPConnection*>(argument);
-    assume_role(conn.reader_role);
+    assume_role(READER_THREAD);
     read_session(conn);
     conn.thread_died.store(true, std::memory_order_release);
     return nullptr;
@@ -23,7 +23,7 @@ void* reader_thread(void* argument) {
 
 void* writer_thread(void* argument) {
     auto& conn = *static_cast<RTMPConnection*>(argument);
-    assume_role(conn.writer_role);
+    assume_role(WRITER_THREAD);
     static_cast<void>(prctl(PR_SET_TIMERSLACK, WRITER_TIMER_SLACK_NS, 0UL, 0UL, 0UL));
     diag("RTMP xmit begin\n");
     while (conn.rtmp_send_packet()) {

@@ -46,6 +46,7 @@ ssize_t RTMPConnection::cwrite(const void* buffer, std::size_t c) {
     if (done == 0) {
         return -1;
     }
+    assume_role(WRITER_THREAD);  // The writer thread sends nothing before the handshake is complete.
     conn_g_client.bytes_total.fetch_add(done, std::memory_order_relaxed);
     conn_g_client.bytes_unacked += static_cast<std::uint32_t>(done);
     return static_cast<ssize_t>(done);

@@ -6,7 +6,7 @@
 #include "core/connection.h"
 
 // Exactly c bytes into d; false when there is no socket or the client ends before.
-[[nodiscard]] bool read_whole(RTMPConnection& conn, void* d, std::size_t c) REQUIRES(conn.reader_role);
+[[nodiscard]] bool read_whole(RTMPConnection& conn, void* d, std::size_t c) ON_READER_THREAD;
 
 // Exactly c bytes from s; false when there is no socket or it takes no more.
-[[nodiscard]] bool write_whole(RTMPConnection& conn, const void* s, std::size_t c) REQUIRES(conn.reader_role);
+[[nodiscard]] bool write_whole(RTMPConnection& conn, const void* s, std::size_t c) ON_READER_THREAD;

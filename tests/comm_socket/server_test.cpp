@@ -27,6 +27,16 @@ class ServerTest : public testing::Test {
     std::string path = directory.file("socket");
 
     [[nodiscard]] static bool exists(const std::string& file) { return access(file.c_str(), F_OK) == 0; }
+
+    // So many clients, each of which has sent these bytes.
+    [[nodiscard]] std::vector<RawPeer> peers_that_sent(std::size_t count, const std::string& bytes) const {
+        std::vector<RawPeer> peers;
+        for (std::size_t i = 0; i < count; ++i) {
+            peers.emplace_back(path);
+            peers.back().send_all(bytes);
+        }
+        return peers;
+    }
 };
 
 constexpr std::size_t MEBIBYTE = 1u << 20;
@@ -159,11 +169,8 @@ TEST_F(ServerTest, hands_out_requests_for_50_ms_and_one_at_least) {
 TEST_F(ServerTest, while_64_mib_wait_one_request_is_handed_out_and_the_latest_client_is_first) {
     const StoppedClock clock;
     DrivenServer server(path);
-    std::vector<RawPeer> unread;
-    for (int i = 0; i < 5; ++i) {
-        unread.emplace_back(path);
-        unread.back().send_all(request_frame(1, "long") + request_frame(2, "long"));
-    }
+    const std::vector<RawPeer> unread =
+        peers_that_sent(5, request_frame(1, "long") + request_frame(2, "long"));
     server.idle();
     // Three times 24 MiB, less what the sockets take, are above the limit.
     EXPECT_EQ(server.answer_all(std::string(24 * MEBIBYTE, 'm')), 3);
@@ -182,11 +189,7 @@ TEST_F(ServerTest, clients_that_never_read_make_no_more_wait_than_64_mib_and_twe
     constexpr std::size_t REPLY_BYTES = 6 * MEBIBYTE;
     const StoppedClock clock;
     DrivenServer server(path);
-    std::vector<RawPeer> unread;
-    for (std::uint64_t id = 0; id < 60; ++id) {
-        unread.emplace_back(path);
-        unread.back().send_all(request_frame(id, "long"));
-    }
+    const std::vector<RawPeer> unread = peers_that_sent(60, request_frame(1, "long"));
     int answered = 0;
     std::size_t most = 0;
     for (int service = 0; service < 60; ++service) {
@@ -208,11 +211,7 @@ TEST_F(ServerTest, clients_that_never_read_make_no_more_wait_than_64_mib_and_twe
 TEST_F(ServerTest, in_a_crowd_a_client_that_reads_nothing_for_a_second_is_disconnected) {
     const StoppedClock clock;
     DrivenServer server(path);
-    std::vector<RawPeer> peers;
-    for (int i = 0; i < 4; ++i) {
-        peers.emplace_back(path);
-        peers.back().send_all(request_frame(1, "long"));
-    }
+    std::vector<RawPeer> peers = peers_that_sent(4, request_frame(1, "long"));
     for (int service = 0; service < 2; ++service) {
         server.idle();
         server.answer_all(std::string(24 * MEBIBYTE, 'm'));
@@ -249,11 +248,7 @@ TEST_F(ServerTest, a_flush_sends_a_long_reply_to_its_end) {
 
 TEST_F(ServerTest, a_flush_ends_at_its_deadline_however_slowly_its_clients_read) {
     DrivenServer server(path);
-    std::vector<RawPeer> peers;
-    for (int i = 0; i < 6; ++i) {
-        peers.emplace_back(path);
-        peers.back().send_all(request_frame(1, "long"));
-    }
+    std::vector<RawPeer> peers = peers_that_sent(6, request_frame(1, "long"));
     server.idle();
     {
         const StoppedClock clock;  // six such answers may take longer than a service

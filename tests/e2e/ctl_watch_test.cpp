@@ -261,6 +261,7 @@ TEST_F(CtlWatch, a_selected_connection_is_dropped_after_a_yes) {
     watch.type("y");
     (void)watch.wait_for_text("Dropped connection 2.");
     second_player.expect_closed_without_answer();
+    (void)watch.wait_for_text("3 of 128 slots used");
     EXPECT_EQ(server.count("Dropping connection"), 1U);
 }
 

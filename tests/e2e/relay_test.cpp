@@ -1,4 +1,5 @@
 // A publisher's media on its way to the players of the stream.
+#include "tests/support/live_pair.h"
 #include "tests/support/media_bytes.h"
 #include "tests/support/message_recorder.h"
 #include "tests/support/rtmp_client.h"
@@ -8,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <deque>
 #include <memory>
 #include <string>
 #include <vector>
@@ -117,6 +119,36 @@ TEST(relay, a_player_that_leaves_takes_nothing_from_the_others) {
         {"Dropping connection", "Connection for play unsubscribed from 'cam1'"});
     publisher.send_audio(1000, aac_frame(2));
     expect_media(second.read_message(), MSG_AUDIO, 0, aac_frame(2));
+}
+
+TEST(relay, players_of_any_chunk_size_come_and_go_and_take_nothing_from_the_others) {
+    ServerProcess server;
+    LivePair live({.stream_name = "live", .interval = Milliseconds{10}, .message_bytes = 20000});
+    std::deque<RtmpClient> visitors;
+    for (int visit = 0; visit < 8; ++visit) {
+        for (const std::uint32_t chunk_size : {128U, 1U, 4096U, 129U, 65536U}) {
+            RtmpClient& player = visitors.emplace_back();
+            (void)player.handshake();
+            player.set_chunk_size(chunk_size);
+            player.send_connect("ombrex-output");
+            player.send_play("live");
+        }
+        // Some leave while they are sent something that they do not read.
+        while (visitors.size() > 8) {
+            RtmpClient& player = visitors.front();
+            if (visitors.size() % 2 == 0) {
+                while (player.read_message().type != MSG_VIDEO) {
+                }
+                player.close();
+            } else {
+                player.close_with_reset();
+            }
+            visitors.pop_front();
+        }
+        live.wait_for_more(5);
+    }
+    visitors.clear();
+    live.finish();
 }
 
 TEST(relay, players_receive_only_the_stream_they_asked_for) {

@@ -11,8 +11,10 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 #include <memory>
+#include <numeric>
 #include <string>
 #include <vector>
 
@@ -39,6 +41,74 @@ ClientOptions small_buffer() {
     return options;
 }
 
+// A stream of large messages on a server of its own, and a player that reads it.
+class ReadStream {
+  public:
+    explicit ReadStream(std::size_t size_of_message) : message_bytes(size_of_message) {
+        publisher.set_chunk_size(1 << 20);
+    }
+
+    // Returns once the player has them. The server's two polls pass once for several of them.
+    void send(std::uint32_t count) {
+        const auto at_once = static_cast<std::uint32_t>(std::max<std::size_t>(1, 500000 / message_bytes));
+        for (std::uint32_t sent = 0; sent < count; sent += at_once) {
+            const std::uint32_t end = std::min(sent + at_once, count);
+            for (std::uint32_t i = sent; i < end; ++i) {
+                publisher.send_video(1000, avc_inter_frame(i, message_bytes));
+            }
+            for (std::uint32_t i = sent; i < end; ++i) {
+                EXPECT_EQ(reader.expect_message(MSG_VIDEO).payload.size(), message_bytes);
+            }
+        }
+    }
+
+    // Players that read nothing from now on, each with a chunk size of its own.
+    void add_stuck(const std::vector<std::uint32_t>& chunk_sizes) {
+        for (const std::uint32_t chunk_size : chunk_sizes) {
+            stuck.push_back(std::make_unique<RtmpClient>(small_buffer()));
+            (void)stuck.back()->handshake();
+            stuck.back()->set_chunk_size(chunk_size);
+            stuck.back()->send_connect("ombrex-output");
+            stuck.back()->send_play("cam1");
+        }
+        for (const auto& player : stuck) {
+            (void)player->round_trip();
+            EXPECT_EQ(player->read_chunk_size(), player->send_chunk_size());
+        }
+    }
+
+    // Sends so many messages. What waits for the stuck players is one copy of them, and 100 bytes a message and player.
+    // Returns the memory that the server had before that.
+    std::size_t expect_one_copy_of(std::uint32_t messages) {
+        send(20);  // The socket buffers are full.
+        const std::size_t before_kib = server.rss_kib();
+        send(messages);
+        const std::size_t stream_kib = messages * message_bytes / 1024;
+        EXPECT_GT(server.rss_kib(), before_kib + stream_kib / 2) << "this test needs queues that grow";
+        if (TIME_SCALE == 1) {  // A sanitizer takes memory of its own.
+            EXPECT_LT(server.rss_kib(),
+                      before_kib + stream_kib * 13 / 10 + messages * stuck.size() * 100 / 1024);
+        }
+        return before_kib;
+    }
+
+    // Returns once the server has noticed it.
+    void drop_stuck() {
+        const std::size_t players = stuck.size();
+        stuck.clear();
+        server.err().wait_for_count("Connection for play unsubscribed from 'cam1'", players);
+        EXPECT_THAT(publisher.round_trip().size(), testing::Le(1U));
+    }
+
+    ServerProcess server;
+
+  private:
+    const std::size_t message_bytes;
+    RtmpClient reader = playing_client("cam1");
+    RtmpClient publisher = publishing_client("cam1");
+    std::vector<std::unique_ptr<RtmpClient>> stuck;
+};
+
 }  // namespace
 
 TEST(unread_player, players_that_never_read_do_not_disturb_the_one_that_does) {
@@ -63,68 +133,54 @@ TEST(unread_player, players_that_never_read_do_not_disturb_the_one_that_does) {
 }
 
 TEST(unread_player, what_a_stuck_player_was_owed_is_freed_when_it_leaves) {
-    ServerProcess server;
-    RtmpClient reader = playing_client("cam1");
-    RtmpClient publisher = publishing_client("cam1");
-    publisher.set_chunk_size(1 << 20);
-    const auto send_and_wait = [&](std::uint32_t count) {
-        for (std::uint32_t i = 0; i < count; ++i) {
-            publisher.send_video(1000, avc_inter_frame(i, 1000000));
-            EXPECT_EQ(reader.expect_message(MSG_VIDEO).payload.size(), 1000000U);
-        }
-    };
-    send_and_wait(20);
-    const std::size_t before_kib = server.rss_kib();
-    RtmpClient stuck = playing_client("cam1", small_buffer());
-    send_and_wait(60);
-    EXPECT_GT(server.rss_kib(), before_kib + 40 * 1024) << "this test needs a queue that grows";
-    stuck.close();
-    server.wait_for_line("Connection for play unsubscribed from 'cam1'");
-    EXPECT_THAT(publisher.round_trip().size(), testing::Le(1U));
+    ReadStream stream(1000000);
+    stream.send(20);
+    const std::size_t before_kib = stream.server.rss_kib();
+    stream.add_stuck({DEFAULT_CHUNK_SIZE});
+    stream.send(60);
+    EXPECT_GT(stream.server.rss_kib(), before_kib + 40 * 1024) << "this test needs a queue that grows";
+    stream.drop_stuck();
     if (TIME_SCALE == 1) {  // A sanitizer keeps freed memory for a while.
-        EXPECT_LT(server.rss_kib(), before_kib + 20 * 1024);
+        EXPECT_LT(stream.server.rss_kib(), before_kib + 20 * 1024);
     }
-    send_and_wait(1);
+    stream.send(1);
 }
 
 TEST(unread_player, players_that_read_nothing_share_what_waits_for_them) {
-    constexpr std::size_t PLAYERS = 20;
     constexpr std::uint32_t MESSAGES = 400;
     constexpr std::size_t MESSAGE_BYTES = 50000;
-    ServerProcess server;
-    RtmpClient reader = playing_client("cam1");
-    RtmpClient publisher = publishing_client("cam1");
-    publisher.set_chunk_size(1 << 16);
-    const auto send_and_wait = [&](std::uint32_t count) {
-        for (std::uint32_t i = 0; i < count; ++i) {
-            publisher.send_video(1000, avc_inter_frame(i, MESSAGE_BYTES));
-            EXPECT_EQ(reader.expect_message(MSG_VIDEO).payload.size(), MESSAGE_BYTES);
-        }
-    };
-    std::vector<std::unique_ptr<RtmpClient>> stuck;
-    for (std::size_t i = 0; i < PLAYERS; ++i) {
-        stuck.push_back(std::make_unique<RtmpClient>(playing_client("cam1", small_buffer())));
-    }
-    send_and_wait(20);  // The socket buffers are full.
-    const std::size_t before_kib = server.rss_kib();
-    send_and_wait(MESSAGES);
-    const std::size_t stream_kib = MESSAGES * MESSAGE_BYTES / 1024;
-    EXPECT_GT(server.rss_kib(), before_kib + stream_kib / 2) << "this test needs queues that grow";
+    ReadStream stream(MESSAGE_BYTES);
+    stream.add_stuck(std::vector<std::uint32_t>(20, DEFAULT_CHUNK_SIZE));
+    const std::size_t before_kib = stream.expect_one_copy_of(MESSAGES);
+    stream.drop_stuck();
     if (TIME_SCALE == 1) {
-        EXPECT_LT(server.rss_kib(), before_kib + stream_kib * 13 / 10 + MESSAGES * PLAYERS * 100 / 1024);
-    }
-    stuck.clear();
-    server.err().wait_for_count("Connection for play unsubscribed from 'cam1'", PLAYERS);
-    EXPECT_THAT(publisher.round_trip().size(), testing::Le(1U));
-    if (TIME_SCALE == 1) {
+        const std::size_t most_kib = before_kib + MESSAGES * MESSAGE_BYTES / 1024 / 4;
         // Small blocks go back to the system together, some seconds later.
         const TimePoint deadline = SteadyClock::now() + Milliseconds{15000};
-        while (server.rss_kib() >= before_kib + stream_kib / 4 && SteadyClock::now() < deadline) {
-            send_and_wait(1);
+        while (stream.server.rss_kib() >= most_kib && SteadyClock::now() < deadline) {
+            stream.send(1);
         }
-        EXPECT_LT(server.rss_kib(), before_kib + stream_kib / 4);
+        EXPECT_LT(stream.server.rss_kib(), most_kib);
     }
-    send_and_wait(1);
+    stream.send(1);
+}
+
+TEST(unread_player, a_hundred_with_a_hundred_chunk_sizes_share_what_waits_for_them) {
+    std::vector<std::uint32_t> chunk_sizes(100);
+    std::iota(chunk_sizes.begin(), chunk_sizes.end(), DEFAULT_CHUNK_SIZE - 50);
+    ReadStream stream(50000);
+    stream.add_stuck(chunk_sizes);
+    stream.expect_one_copy_of(400);
+    stream.drop_stuck();
+    stream.send(1);
+}
+
+TEST(unread_player, a_hundred_with_chunks_of_one_byte_share_what_waits_for_them) {
+    ReadStream stream(50000);
+    stream.add_stuck(std::vector<std::uint32_t>(100, 1));
+    stream.expect_one_copy_of(400);
+    stream.drop_stuck();
+    stream.send(1);
 }
 
 TEST(unread_player, acknowledgements_that_nobody_reads_do_not_pile_up) {

@@ -14,13 +14,7 @@ class chunk_writer : public ConnectionFixture {
 
     bool send_next() { return conn.rtmp_send_packet(); }
 
-    // Everything that has arrived at the peer.
-    std::string arrived() {
-        std::string bytes(1 << 20, '\0');
-        const ssize_t length = recv(peer(conn), bytes.data(), bytes.size(), MSG_DONTWAIT);
-        bytes.resize(length < 0 ? 0 : static_cast<std::size_t>(length));
-        return bytes;
-    }
+    std::string arrived() { return ConnectionFixture::arrived(conn); }
 };
 
 // The chunks of a message on chunk stream 3, timestamp 0, type 20, message stream 1.

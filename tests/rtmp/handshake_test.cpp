@@ -1,6 +1,7 @@
 #include <array>
 #include <thread>
 
+#include "rtmp/reader_thread.h"
 #include "tests/support/connection_fixture.h"
 
 namespace {
@@ -82,6 +83,25 @@ TEST_F(handshake, ignores_bytes_4_to_7_of_the_echo_and_no_others) {
         const bool ignored = changed >= 4 && changed <= 7;
         EXPECT_EQ(result, ignored) << changed;
         EXPECT_EQ(testing::internal::GetCapturedStderr(), ignored ? "" : "C2 fail\n");
+    }
+}
+
+// Reading ahead begins with the messages.
+TEST_F(handshake, that_fails_leaves_what_comes_behind_it_in_the_socket) {
+    struct Failure {
+        std::string greeting;
+        std::string line;
+    };
+    for (const Failure& failure :
+         {Failure{"\x04", "C0 fail\n"}, Failure{"\x03" + C1 + std::string(BLOCK_BYTES, 'x'), "C2 fail\n"}}) {
+        RTMPConnection& failing = add_connection();
+        const std::string sent = failure.greeting + "behind";
+        ASSERT_EQ(write(peer(failing), sent.data(), sent.size()), static_cast<ssize_t>(sent.size()));
+        EXPECT_EQ(printed_by([&] { read_session(failing); }),
+                  "RTMP begin\n" + failure.line + "RTMP handshake failed\n");
+        char left[100];
+        EXPECT_EQ(recv(failing.fd, left, sizeof left, MSG_DONTWAIT), 6);
+        EXPECT_EQ(failing.conn_g_server.bytes_total, failure.greeting.size());
     }
 }
 

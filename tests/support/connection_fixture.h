@@ -101,6 +101,14 @@ class ConnectionFixture : public testing::Test {
 
     int peer(const RTMPConnection& conn) { return peers.at(conn.conn_idx); }
 
+    // What the peer has not read yet. Reads it.
+    std::string arrived(const RTMPConnection& conn) {
+        std::string bytes(1 << 20, '\0');
+        const ssize_t length = recv(peer(conn), bytes.data(), bytes.size(), MSG_DONTWAIT);
+        bytes.resize(length < 0 ? 0 : static_cast<std::size_t>(length));
+        return bytes;
+    }
+
     // Runs something and returns what it printed on standard error.
     template <typename Action>
     std::string printed_by(Action action) {

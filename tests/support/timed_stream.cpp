@@ -17,15 +17,6 @@ constexpr Milliseconds MESSAGE_INTERVAL{40};
 constexpr Milliseconds QUIET_LATENCY{60};
 constexpr std::size_t CONNECTED_SIDE_BY_SIDE = 8;
 
-RtmpClient publisher_with_name(const std::string& name) {
-    RtmpClient client = connected_client();
-    client.set_chunk_size(1 << 20);
-    client.send_command(amf_string("publish") + amf_number(2) + amf_null() + amf_long_string(name) +
-                        amf_string("live"));
-    (void)client.round_trip();
-    return client;
-}
-
 }  // namespace
 
 TimedStream::TimedStream(const std::string& name)
@@ -77,13 +68,22 @@ std::string long_stream_name(std::size_t idx, std::size_t name_bytes) {
     return number + std::string(name_bytes - number.size(), 'n');
 }
 
+RtmpClient publisher_with_long_name(const std::string& name, const ClientOptions& options) {
+    RtmpClient client = connected_client("ombrex-live", options);
+    client.set_chunk_size(1 << 20);
+    client.send_command(amf_string("publish") + amf_number(2) + amf_null() + amf_long_string(name) +
+                        amf_string("live"));
+    (void)client.round_trip();
+    return client;
+}
+
 std::vector<RtmpClient> publishers_with_long_names(std::size_t count, std::size_t name_bytes) {
     std::vector<std::future<std::vector<RtmpClient>>> parts;
     for (std::size_t part = 0; part < CONNECTED_SIDE_BY_SIDE; ++part) {
         parts.push_back(std::async(std::launch::async, [=] {
             std::vector<RtmpClient> clients;
             for (std::size_t i = part; i < count; i += CONNECTED_SIDE_BY_SIDE) {
-                clients.push_back(publisher_with_name(long_stream_name(i, name_bytes)));
+                clients.push_back(publisher_with_long_name(long_stream_name(i, name_bytes)));
             }
             return clients;
         }));

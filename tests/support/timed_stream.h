@@ -101,6 +101,7 @@ Milliseconds TimedStream::run_beside(Work work) {
 // How much of it is more than a message takes when nothing disturbs.
 Milliseconds lateness(Milliseconds latency);
 
+RtmpClient publisher_with_long_name(const std::string& name, const ClientOptions& options = {});
 // Publishers whose stream names are a number and so many bytes; connected side by side.
 std::vector<RtmpClient> publishers_with_long_names(std::size_t count, std::size_t name_bytes);
 std::string long_stream_name(std::size_t idx, std::size_t name_bytes);

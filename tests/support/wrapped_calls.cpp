@@ -2,10 +2,25 @@
 
 #include <pthread.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
 WrappedCalls wrapped_calls;
+
+namespace {
+
+// The pieces of a message up to so many bytes.
+std::vector<iovec> first_bytes(const msghdr& message, std::size_t bytes) {
+    std::vector<iovec> pieces(message.msg_iov, message.msg_iov + message.msg_iovlen);
+    for (iovec& piece : pieces) {
+        piece.iov_len = std::min(piece.iov_len, bytes);
+        bytes -= piece.iov_len;
+    }
+    return pieces;
+}
+
+}  // namespace
 
 extern "C" {
 
@@ -38,7 +53,13 @@ ssize_t __wrap_sendmsg(int fd, const msghdr* message, int flags) {
         sent.bytes += message->msg_iov[i].iov_len;
     }
     wrapped_calls.sends.push_back(sent);
-    const ssize_t result = __real_sendmsg(fd, message, flags);
+    msghdr taken = *message;
+    std::vector<iovec> pieces;
+    if (wrapped_calls.sendmsg_takes) {
+        pieces = first_bytes(*message, wrapped_calls.sendmsg_takes());
+        taken.msg_iov = pieces.data();
+    }
+    const ssize_t result = __real_sendmsg(fd, &taken, flags);
     return wrapped_calls.sendmsg_result ? wrapped_calls.sendmsg_result(result) : result;
 }
 

@@ -51,6 +51,9 @@ struct WrappedCalls {
     std::function<ssize_t(ssize_t)> send_result;
     std::function<ssize_t(ssize_t)> sendmsg_result;
 
+    // How many of its bytes a sendmsg is to take, asked before it is made; unset, it is made as it is.
+    std::function<std::size_t()> sendmsg_takes;
+
     // What somebody else does meanwhile: before a mutex is locked, after a join,
     // before a descriptor is closed, and instead of a sleep.
     std::function<void(const pthread_mutex_t*)> at_lock;

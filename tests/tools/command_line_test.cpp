@@ -172,6 +172,8 @@ TEST(CommandLine, AnErrorSaysWhatToDo) {
         {{"list", "--mode", "all"}, "'all' is not one of publish, play, none."},
         {{"drop", "address", "10.0.0"}, "or a prefix such as 203.0.113.0/24."},
         {{"help", "drop", "streams"}, "Did you mean 'stream'?"},
+        {{"drop", "ids", "5"}, "'drop' has no command 'ids'. Did you mean 'id'?"},
+        {{"help", "list", "extra"}, "'list' has no command 'extra'."},
     };
     for (const Row& row : rows) {
         EXPECT_THAT(refused(row.words).message, HasSubstr(row.advice)) << testing::PrintToString(row.words);

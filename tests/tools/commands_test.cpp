@@ -245,6 +245,21 @@ TEST_F(Commands, DropIdIsSentBetweenTwoListings) {
                                       "list connections"));
 }
 
+TEST_F(Commands, DropsOfLongNamesShareTheListingBetweenThem) {
+    const auto line = [](char id, char letter) {
+        return std::string(1, id) + "\t" + std::string(60000, letter) + "\tpublish\t\t1\t2\t10.0.0.1:1";
+    };
+    lines = {line('0', 'a'), line('1', 'b'), line('2', 'c')};
+    DropOptions options;
+    options.ids = {"0", "1", "2"};
+    EXPECT_EQ(drop_id(options).exit_code, 0);
+    std::vector<std::string> commands;
+    for (const Request& request : requests) {
+        commands.push_back(request.command.substr(0, 4));
+    }
+    EXPECT_THAT(commands, ElementsAre("list", "list", "drop", "list", "drop", "list", "drop", "list"));
+}
+
 TEST_F(Commands, DropIdTellsWhomItHitWhenTheSlotGotAnotherClient) {
     const std::string newcomer = "3\tcam1\tplay\t\t0\t0\t10.0.0.9:9";
     later_lines = {lines, {newcomer}, {newcomer}};

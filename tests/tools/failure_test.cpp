@@ -3,6 +3,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <filesystem>
+
+#include "tests/tools/fake_server.h"
+
 using testing::HasSubstr;
 using testing::Not;
 
@@ -36,6 +40,17 @@ TEST(Failure, AServerIsStartedOnlyForItsOwnSocket) {
                 HasSubstr("/etc/passwd is a file and not a socket."));
     EXPECT_THAT(describe_failure(COMM_SOCKET_V4_REFUSED, "/etc").message,
                 HasSubstr("is a directory and not a"));
+}
+
+TEST(Failure, AnotherNameOfTheServersSocketIsTheServersSocket) {
+    const std::string directory = make_directory();
+    const std::string link = directory + "/link";
+    std::filesystem::create_directory_symlink("/var/run", link);
+    EXPECT_TRUE(is_default_socket(DEFAULT_SOCKET_PATH));
+    EXPECT_TRUE(is_default_socket(link + "/v9_rtmp_server.socket"));
+    EXPECT_FALSE(is_default_socket(link + "/other.socket"));
+    EXPECT_FALSE(is_default_socket(""));
+    std::filesystem::remove_all(directory);
 }
 
 // After a second start by mistake, the first server still runs without its socket.

@@ -108,7 +108,7 @@ std::optional<std::string> find_link(const std::string& path) {
 // A limit of the server's cgroup or of one above it: the first from below that is set.
 std::optional<std::string> find_cgroup_limit(std::string cgroup, const char* name) {
     for (;;) {
-        const std::optional<std::string> text =
+        std::optional<std::string> text =
             read_file("/sys/fs/cgroup" + (cgroup == "/" ? "" : cgroup) + "/" + name);
         if (text && *text != "max\n") {
             return text;

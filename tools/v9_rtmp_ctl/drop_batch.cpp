@@ -2,12 +2,14 @@
 
 #include <comm_socket_v4.h>
 
+#include <utility>
+
 namespace {
 
 // The server carries out that many requests at once; two of them are listings.
 constexpr std::size_t MAX_BATCH_TARGETS = COMM_SOCKET_V4_MAX_REQUESTS_PER_IDLE - 2;
-// Names can be megabytes long.
-constexpr std::size_t MAX_BATCH_NAME_BYTES = COMM_SOCKET_V4_MAX_REQUEST_BYTES / 2;
+// Names can be megabytes long. The server reads more than this of a client at once, so a batch is carried out at once.
+constexpr std::size_t MAX_BATCH_NAME_BYTES = 65536;
 
 using Batch = std::vector<DropTarget>;
 
@@ -57,39 +59,46 @@ std::size_t count_batch(const std::vector<DropTarget>& targets, std::size_t idx)
     return count;
 }
 
-std::vector<Request> batch_requests(const std::vector<DropTarget>& batch) {
+std::vector<Request> batch_requests(const std::vector<DropTarget>& batch,
+                                    const std::optional<Listing>& before) {
     std::vector<Request> requests = drop_requests(batch);
-    requests.insert(requests.begin(), list_request(""));
+    if (!before) {
+        requests.insert(requests.begin(), list_request(""));
+    }
     requests.push_back(list_request(""));
     return requests;
 }
 
 std::optional<Failure> judge_batch(const std::vector<DropTarget>& batch, const std::vector<Reply>& replies,
-                                   std::vector<DropOutcome>& outcomes) {
-    Listing before;
-    Listing after;
-    if (std::optional<Failure> failure = read_listing(replies.front(), before)) {
-        return failure;
+                                   std::optional<Listing>& before, std::vector<DropOutcome>& outcomes) {
+    const std::size_t first_drop = before ? 0 : 1;
+    if (!before) {
+        if (std::optional<Failure> failure = read_listing(replies.front(), before.emplace())) {
+            return failure;
+        }
     }
+    Listing after;
     if (std::optional<Failure> failure = read_listing(replies.back(), after)) {
         return failure;
     }
     for (std::size_t i = 0; i < batch.size(); ++i) {
-        const Reply& reply = replies[i + 1];
+        const Reply& reply = replies[first_drop + i];
         outcomes.push_back(
-            {batch[i].id, batch[i].guard, judge_drop(batch[i], reply, before, after), reply.message});
+            {batch[i].id, batch[i].guard, judge_drop(batch[i], reply, *before, after), reply.message});
     }
+    before = std::move(after);
     return std::nullopt;
 }
 
 std::optional<Failure> drop_targets(ControlClient& client, const std::vector<DropTarget>& targets,
                                     std::vector<DropOutcome>& outcomes) {
+    std::optional<Listing> before;
     return for_each_batch(targets, [&](const Batch& batch) -> std::optional<Failure> {
         std::vector<Reply> replies;
-        if (std::optional<Failure> failure = client.call_all(batch_requests(batch), replies)) {
+        if (std::optional<Failure> failure = client.call_all(batch_requests(batch, before), replies)) {
             return failure;
         }
-        return judge_batch(batch, replies, outcomes);
+        return judge_batch(batch, replies, before, outcomes);
     });
 }
 

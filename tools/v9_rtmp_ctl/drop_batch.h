@@ -22,12 +22,15 @@ struct DropOutcome {
 // As many targets from idx on as are dropped in one write; idx is below their number.
 [[nodiscard]] std::size_t count_batch(const std::vector<DropTarget>& targets, std::size_t idx);
 
-// Listing, drops, listing.
-[[nodiscard]] std::vector<Request> batch_requests(const std::vector<DropTarget>& batch);
+// Listing, drops, listing. The first listing is left out when there is one from before.
+[[nodiscard]] std::vector<Request> batch_requests(const std::vector<DropTarget>& batch,
+                                                  const std::optional<Listing>& before);
 
-// Appends the outcomes of the batch. replies answer batch_requests.
+// Appends the outcomes of the batch. replies answer batch_requests with the same listing from before, which becomes the
+// last one: the next batch needs no other.
 [[nodiscard]] std::optional<Failure> judge_batch(const std::vector<DropTarget>& batch,
                                                  const std::vector<Reply>& replies,
+                                                 std::optional<Listing>& before,
                                                  std::vector<DropOutcome>& outcomes);
 
 // Drops all targets. After a failure it is not known what was dropped of those without an outcome.

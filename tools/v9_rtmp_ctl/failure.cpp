@@ -3,8 +3,10 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <iostream>
 #include <sstream>
+#include <system_error>
 
 #include "tools/v9_rtmp_ctl/text.h"
 
@@ -36,6 +38,15 @@ std::string find_kind(const std::string& path) {
 
 }  // namespace
 
+bool is_default_socket(const std::string& path) {
+    if (path == DEFAULT_SOCKET_PATH) {
+        return true;
+    }
+    std::error_code error;
+    const std::filesystem::path real = std::filesystem::weakly_canonical(path, error);
+    return !error && real == std::filesystem::weakly_canonical(DEFAULT_SOCKET_PATH, error);
+}
+
 Failure no_server(const std::string& socket_path, const std::optional<std::string>& listeners) {
     const std::string path = escape_untrusted(socket_path);
     const std::string kind = find_kind(socket_path);
@@ -45,7 +56,7 @@ Failure no_server(const std::string& socket_path, const std::optional<std::strin
     } else if (kind == SOCKET) {
         fact = "nothing listens at " + path;
     }
-    if (socket_path != DEFAULT_SOCKET_PATH) {
+    if (!is_default_socket(socket_path)) {
         return {ExitCode::NOT_RUNNING,
                 fact + ". v9_rtmp_server listens at " + DEFAULT_SOCKET_PATH +
                     ": leave out --socket and V9_RTMP_SOCKET, or name the path that its socket has here."};

@@ -21,6 +21,9 @@ enum class ExitCode : int {
 
 constexpr const char* DEFAULT_SOCKET_PATH = "/var/run/v9_rtmp_server.socket";
 
+// True for other names of that path as well: /var/run is usually a link to /run.
+[[nodiscard]] bool is_default_socket(const std::string& path);
+
 struct Failure {
     ExitCode exit_code = ExitCode::NO_REPLY;
     std::string message;  // without line end

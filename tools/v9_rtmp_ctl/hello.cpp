@@ -40,7 +40,7 @@ void print_greeting(const Settings& settings, const Greeting& greeting, const Po
 // What listens on the server's port has to do only with the server's own socket.
 ExitCode report_unconnected(const Settings& settings, const Failure& failure) {
     const bool looks_further =
-        failure.exit_code == ExitCode::NOT_RUNNING && settings.socket_path == DEFAULT_SOCKET_PATH;
+        failure.exit_code == ExitCode::NOT_RUNNING && is_default_socket(settings.socket_path);
     return report(looks_further ? no_server(settings.socket_path, describe_listeners_without_answer())
                                 : failure);
 }

@@ -51,7 +51,7 @@ std::string find_nearest(std::string_view word, const std::vector<std::string>& 
         }
         const std::size_t mistakes = count_mistakes(word, candidate);
         // Of a short word, two mistakes leave nothing.
-        if (mistakes < fewest && 2 * mistakes < candidate.size()) {
+        if (mistakes < fewest && 2 * mistakes < std::max(word.size(), candidate.size())) {
             fewest = mistakes;
             nearest = candidate;
         }
@@ -88,10 +88,9 @@ Failure nothing_to_drop() {
 
 Failure unknown_command(const std::string& parent, const std::string& word,
                         const std::vector<std::string>& known) {
-    return usage_failure(
-        (parent.empty() ? "there is no command " : "there is no command '" + parent + "' for ") +
-            quoted(word) + "." + suggestion(word, known),
-        parent);
+    return usage_failure((parent.empty() ? "there is no command " : "'" + parent + "' has no command ") +
+                             quoted(word) + "." + suggestion(word, known),
+                         parent);
 }
 
 Failure unknown_option(const std::string& command, const std::string& word,

@@ -152,12 +152,13 @@ void WatchObserver::finish_check(WatchModel& model, std::uint64_t now_us) {
         next_us = 0;
         return;
     }
-    begin(model, Task::DROP, batch_requests({target_of(*candidate)}), now_us);
+    begin(model, Task::DROP, batch_requests({target_of(*candidate)}, std::nullopt), now_us);
 }
 
 void WatchObserver::finish_drop(WatchModel& model) {
     std::vector<DropOutcome> outcomes;
-    std::optional<Failure> failure = judge_batch({target_of(*candidate)}, replies, outcomes);
+    std::optional<Listing> before;
+    std::optional<Failure> failure = judge_batch({target_of(*candidate)}, replies, before, outcomes);
     if (!failure) {
         failure = outcomes.front().failure;
     }

@@ -95,7 +95,7 @@ class ServeTest(unittest.TestCase):
             self.server.popen.send_signal(18)
         wait_for("it is well", lambda: serve.ask("/healthz").status == 200)
 
-    def test_two_hundred_clients_that_trickle_delay_nobody_else(self):
+    def test_two_hundred_clients_that_trickle_delay_no_other(self):
         serve = self.serve()
         stop = threading.Event()
         sockets = []

@@ -46,8 +46,9 @@ function __v9_rtmp_ctl_plain_words
             continue
         end
         switch $word
-            case --socket --timeout --unit --mode --stream --address --sort --interval --output -o --listen --host \
-                --token-file --watchdog-state
+            case --socket --timeout --unit --mode --stream --address --sort --interval --stalled --behind --unnamed \
+                    --silent --contested --age --stagger --long-name --publish-from --settle --state --config --exec --rtmp \
+                    --output -o --listen --host --token-file --watchdog-state
                 set skip 1
             case '-*'
             case '*'
@@ -88,6 +89,9 @@ complete -c v9_rtmp_ctl -n __v9_rtmp_ctl_at -a list -d 'List the connections'
 complete -c v9_rtmp_ctl -n __v9_rtmp_ctl_at -a streams -d 'List the streams'
 complete -c v9_rtmp_ctl -n __v9_rtmp_ctl_at -a drop -d 'Drop connections'
 complete -c v9_rtmp_ctl -n __v9_rtmp_ctl_at -a watch -d 'Show streams and connections live'
+complete -c v9_rtmp_ctl -n __v9_rtmp_ctl_at -a watchdog -d 'Drop clients that do harm'
+complete -c v9_rtmp_ctl -n __v9_rtmp_ctl_at -a events -d 'Print what happens'
+complete -c v9_rtmp_ctl -n __v9_rtmp_ctl_at -a check -d 'Look for what is wrong'
 complete -c v9_rtmp_ctl -n __v9_rtmp_ctl_at -a metrics -d 'Print metrics for Prometheus'
 complete -c v9_rtmp_ctl -n __v9_rtmp_ctl_at -a serve -d 'Serve a status page and metrics'
 complete -c v9_rtmp_ctl -n __v9_rtmp_ctl_at -a raw -d 'Send a command as it is'
@@ -141,4 +145,4 @@ for command in metrics serve
 end
 complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_at raw' -l async -d 'Want no reply'
 complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_at completion' -a 'bash zsh fish'
-complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_at help' -a 'hello list streams drop watch metrics serve raw completion version'
+complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_at help' -a 'hello list streams drop watch watchdog events check metrics serve raw completion version'
