@@ -1,6 +1,7 @@
 // Which streams have metrics of their own. Pure.
 //
-// Strangers choose stream names, and each name with metrics of its own is kept for weeks by the program that collects them. So:
+// Strangers choose stream names, and each name with metrics of its own is kept for weeks by the program that collects
+// them. So:
 //
 // 1. At most MAX_SERIES names have their own; all others together are OTHER_STREAMS.
 // 2. A name has to have carried MIN_BYTES first.
