@@ -19,7 +19,11 @@ expect() {
     fi
 }
 
-expect "hello list streams drop watch watchdog events check raw completion version help" ""
+expect "hello list streams drop watch watchdog events check metrics serve raw completion version help" ""
+expect "serve" ser
+expect "--allow-drop" serve --allow
+expect "--watchdog-state" metrics -o x --watch
+expect "" serve --listen ""
 expect "streams" str
 expect "id stream address unnamed" drop ""
 expect "0 3 12" drop id ""

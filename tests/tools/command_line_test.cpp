@@ -53,6 +53,8 @@ TEST(CommandLine, EverySubcommandIsKnown) {
         {{"watchdog"}, Subcommand::WATCHDOG},
         {{"events"}, Subcommand::EVENTS},
         {{"check"}, Subcommand::CHECK},
+        {{"metrics"}, Subcommand::METRICS},
+        {{"serve"}, Subcommand::SERVE},
         {{"raw", "hello"}, Subcommand::RAW},
         {{"completion", "bash"}, Subcommand::COMPLETION},
         {{"version"}, Subcommand::VERSION},
@@ -413,4 +415,34 @@ TEST(CommandLine, AUsageErrorOfCheckIsItsUnknown) {
     EXPECT_EQ(usage_status({"--timeout", "1", "check", "x"}), 3);
     EXPECT_EQ(usage_status({"list", "check"}), 2);
     EXPECT_EQ(usage_status({}), 2);
+}
+
+TEST(CommandLine, ServeListensOnThisMachineAloneUnlessToldOtherwise) {
+    const ServeOptions usual = parsed({"serve"}).serve;
+    EXPECT_EQ(usual.listen, "127.0.0.1:9935");
+    EXPECT_FALSE(usual.allow_drop);
+    const ServeOptions options =
+        parsed({"serve", "--listen", "[::]:80", "--host", "a.example", "--host", "b.example", "--allow-drop",
+                "--token-file", "/etc/token", "--watchdog-state", "/run/w"})
+            .serve;
+    EXPECT_EQ(options.listen, "[::]:80");
+    EXPECT_THAT(options.host_names, ElementsAre("a.example", "b.example"));
+    EXPECT_TRUE(options.allow_drop);
+    EXPECT_EQ(options.token_file, "/etc/token");
+    EXPECT_EQ(options.watchdog_state, "/run/w");
+    EXPECT_THAT(refused({"serve", "--listen", "localhost:80"}).message,
+                HasSubstr("'localhost:80' is not an address and a port"));
+}
+
+TEST(CommandLine, ADropFromThePageNeedsAToken) {
+    EXPECT_THAT(refused({"serve", "--allow-drop"}).message, HasSubstr("go together"));
+    EXPECT_THAT(refused({"serve", "--token-file", "/etc/token"}).message, HasSubstr("go together"));
+}
+
+TEST(CommandLine, MetricsAtAnIntervalNeedAFile) {
+    EXPECT_THAT(refused({"metrics", "--interval", "15"}).message, HasSubstr("needs a file to write"));
+    const MetricsOptions options = parsed({"metrics", "-o", "x.prom", "--interval", "15"}).metrics;
+    EXPECT_EQ(options.file, "x.prom");
+    EXPECT_THAT(options.interval_seconds, Optional(15));
+    EXPECT_FALSE(parsed({"metrics", "--output=x"}).metrics.interval_seconds);
 }

@@ -31,6 +31,14 @@ std::optional<Failure> check_combinations(const CommandLine& line, bool has_requ
         return usage_failure(
             "watch has no --plain form; use 'watch --json', or 'list --plain' again and again", "watch");
     }
+    if (line.subcommand == Subcommand::METRICS && line.metrics.interval_seconds &&
+        line.metrics.file.empty()) {
+        return usage_failure("'metrics --interval' needs a file to write: -o FILE", "metrics");
+    }
+    if (line.subcommand == Subcommand::SERVE && line.serve.allow_drop != !line.serve.token_file.empty()) {
+        return usage_failure("--allow-drop and --token-file go together: a drop needs the token in that file",
+                             "serve");
+    }
     if (line.subcommand == Subcommand::EVENTS && line.settings.form == OutputForm::PLAIN) {
         return usage_failure("events has no --plain form; use 'events --json'", "events");
     }

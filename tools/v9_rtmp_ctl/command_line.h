@@ -19,6 +19,8 @@ enum class Subcommand {
     DROP_ADDRESS,
     DROP_UNNAMED,
     WATCH,
+    METRICS,
+    SERVE,
     WATCHDOG,
     EVENTS,
     CHECK,
@@ -34,6 +36,8 @@ struct CommandLine {
     StreamsOptions streams;
     DropOptions drop;
     WatchOptions watch;
+    MetricsOptions metrics;
+    ServeOptions serve;
     WatchdogOptions watchdog;
     EventsOptions events;
     CheckOptions check;

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "tools/v9_rtmp_ctl/option_checks.h"
+#include "tools/v9_rtmp_ctl/serve_options.h"
 #include "tools/v9_rtmp_ctl/text.h"
 #include "tools/v9_rtmp_ctl/usage_failure.h"
 
@@ -68,6 +69,8 @@ CommandParser::CommandParser(CommandLine& target) : line(target) {
     add_streams();
     add_drop();
     add_watch();
+    add_metrics();
+    add_serve();
     add_watchdog();
     add_events();
     add_check();
@@ -318,6 +321,17 @@ void CommandParser::add_watch() {
     add_stream_option(*watch);
     add_address_option(*watch);
     add_mode_option(*watch);
+}
+
+void CommandParser::add_metrics() {
+    CLI::App* const metrics =
+        add("metrics", Subcommand::METRICS, "Print metrics in the text format of Prometheus");
+    add_metrics_options(*metrics, line.metrics);
+}
+
+void CommandParser::add_serve() {
+    CLI::App* const serve = add("serve", Subcommand::SERVE, "Serve a status page and metrics over HTTP");
+    add_serve_options(*serve, line.serve);
 }
 
 void CommandParser::add_watchdog() {

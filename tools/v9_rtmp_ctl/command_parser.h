@@ -36,6 +36,8 @@ class CommandParser {
     void add_drop();
     void add_drop_id(CLI::App& drop);
     void add_watch();
+    void add_metrics();
+    void add_serve();
     void add_watchdog();
     void add_events();
     void add_check();

@@ -61,6 +61,20 @@ struct WatchOptions {
     Selection selection;
 };
 
+struct MetricsOptions {
+    std::string file;                        // empty: standard output
+    std::optional<double> interval_seconds;  // nothing: once
+    std::string watchdog_state = DEFAULT_WATCHDOG_STATE;
+};
+
+struct ServeOptions {
+    std::string listen = "127.0.0.1:9935";
+    std::vector<std::string> host_names;
+    bool allow_drop = false;
+    std::string token_file;
+    std::string watchdog_state = DEFAULT_WATCHDOG_STATE;
+};
+
 struct WatchdogOptions {
     WatchdogLimits limits;
     double interval_seconds = 1;
@@ -93,9 +107,16 @@ ExitCode run_drop_stream(const Settings& settings, const DropOptions& options);
 ExitCode run_drop_address(const Settings& settings, const DropOptions& options);
 ExitCode run_drop_unnamed(const Settings& settings, const DropOptions& options);
 ExitCode run_watch(const Settings& settings, const WatchOptions& options);
+ExitCode run_metrics(const Settings& settings, const MetricsOptions& options);
 ExitCode run_watchdog(const Settings& settings, const WatchdogOptions& options);
 ExitCode run_events(const Settings& settings, const EventsOptions& options);
 ExitCode run_check(const Settings& settings, const CheckOptions& options);
 ExitCode run_raw(const Settings& settings, const RawOptions& options);
 ExitCode run_completion(const std::string& shell);
 ExitCode run_version(const Settings& settings);
+
+// Becomes the program that serves, which is in a package of its own, with the words of this command line. Returns only
+// when that is not there.
+ExitCode become_serve(const std::vector<std::string>& words);
+// In that program: serves until the process is ended.
+ExitCode run_serve(const Settings& settings, const ServeOptions& options);

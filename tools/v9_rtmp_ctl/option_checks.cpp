@@ -3,6 +3,7 @@
 #include <sstream>
 #include <string>
 
+#include "tools/v9_rtmp_ctl/listen_address.h"
 #include "tools/v9_rtmp_ctl/rtmp_probe.h"
 #include "tools/v9_rtmp_ctl/selection.h"
 #include "tools/v9_rtmp_ctl/text.h"
@@ -45,6 +46,17 @@ CLI::Validator address_range() {
                                              : "'" + escape_untrusted(text) +
                                                    "' is not an IPv4 address. Give one such as 203.0.113.7 "
                                                    "or 203.0.113.7:50000, or a prefix such as 203.0.113.0/24";
+        },
+        "");
+}
+
+CLI::Validator address_and_port() {
+    return CLI::Validator(
+        [](const std::string& text) {
+            return parse_listen_address(text) ? std::string()
+                                              : "'" + escape_untrusted(text) +
+                                                    "' is not an address and a port. Give both, such as "
+                                                    "127.0.0.1:9935 or [::1]:9935";
         },
         "");
 }

@@ -14,4 +14,5 @@ constexpr double MIN_INTERVAL_SECONDS = 0.1;
 
 [[nodiscard]] CLI::Validator address_range();
 
+[[nodiscard]] CLI::Validator address_and_port();
 [[nodiscard]] CLI::Validator rtmp_address();

@@ -98,7 +98,8 @@ _v9_rtmp_ctl_complete() {
         case ${typed[i]} in
             --socket | --timeout | --unit | --mode | --stream | --address | --sort | --interval | --stalled | --behind | \
                 --unnamed | --silent | --contested | --age | --stagger | --long-name | --publish-from | --settle | \
-                --state | --config | --exec | --rtmp) ((i++)) ;;
+                --state | --config | --exec | --rtmp | --output | -o | --listen | --host | \
+                --token-file | --watchdog-state) ((i++)) ;;
             -*) ;;
             *)
                 if [[ -z $command ]]; then
@@ -114,7 +115,7 @@ _v9_rtmp_ctl_complete() {
     done
 
     case $prev in
-        --socket | --state | --config | --exec)
+        --socket | --state | --config | --exec | --output | -o | --token-file | --watchdog-state)
             mapfile -t COMPREPLY < <(compgen -f -- "$cur")
             return
             ;;
@@ -122,7 +123,7 @@ _v9_rtmp_ctl_complete() {
             mapfile -t COMPREPLY < <(compgen -W "off" -- "$cur")
             return
             ;;
-        --timeout | --interval | --stagger | --settle | --publish-from | --rtmp) return ;;
+        --timeout | --interval | --stagger | --settle | --publish-from | --rtmp | --listen | --host) return ;;
         --mode)
             mapfile -t COMPREPLY < <(compgen -W "publish play none" -- "$cur")
             return
@@ -153,7 +154,7 @@ _v9_rtmp_ctl_complete() {
 
     local words=""
     case $command in
-        "") words="hello list streams drop watch watchdog events check raw completion version help" ;;
+        "") words="hello list streams drop watch watchdog events check metrics serve raw completion version help" ;;
         list) words="--stream --address --mode --sort --reverse --no-legend" ;;
         streams)
             words="--sort --reverse --no-legend"
@@ -184,6 +185,8 @@ _v9_rtmp_ctl_complete() {
         events) words="--interval --exec" ;;
         check) words="--rtmp --publish-test" ;;
         watch) words="--interval --stream --address --mode" ;;
+        metrics) words="--output --interval --watchdog-state" ;;
+        serve) words="--listen --host --allow-drop --token-file --watchdog-state" ;;
         raw)
             if [[ -n $what ]]; then
                 return
@@ -194,7 +197,7 @@ _v9_rtmp_ctl_complete() {
         completion) words="bash zsh fish" ;;
         help)
             case $what in
-                "") words="hello list streams drop watch watchdog events check raw completion version" ;;
+                "") words="hello list streams drop watch watchdog events check metrics serve raw completion version" ;;
                 drop) words="id stream address unnamed" ;;
             esac
             ;;

@@ -76,6 +76,8 @@ _v9_rtmp_ctl() {
         'watchdog:drop clients that stand still, fall behind or hold a slot in vain'
         'events:print a line when a client connects, publishes, plays, takes over or goes'
         'check:look for what is wrong with the server, or will be'
+        'metrics:print metrics in the text format of Prometheus'
+        'serve:serve a status page and metrics over HTTP'
         'raw:send a command as it is and print the reply as JSON'
         'completion:print the completion script of a shell'
         'version:print the version of this tool'
@@ -152,11 +154,21 @@ _v9_rtmp_ctl() {
                 check)
                     _arguments $global '--rtmp=[where the server takes RTMP clients]:address' \
                         '--publish-test[send a short stream through the server]'
+                metrics)
+                    _arguments $global '(-o --output)'{-o,--output}'=[write them to this file]:file:_files' \
+                        '--interval=[time from one look to the next]:seconds' \
+                        "--watchdog-state=[the directory of the watchdog's state]:directory:_directories"
+                    ;;
+                serve)
+                    _arguments $global '--listen=[where to listen]:address and port' \
+                        '*--host=[a name under which browsers reach it]:name' \
+                        '--allow-drop[let the page drop connections]' '--token-file=[the file with the token]:file:_files' \
+                        "--watchdog-state=[the directory of the watchdog's state]:directory:_directories"
                     ;;
                 raw) _arguments $global '--async[want no reply]' '1:command:(hello)' '*:argument:' ;;
                 completion) _arguments $global '1:shell:(bash zsh fish)' ;;
                 help)
-                    _arguments $global '1:command:(hello list streams drop watch watchdog events check raw completion version)' \
+                    _arguments $global '1:command:(hello list streams drop watch watchdog events check metrics serve raw completion version)' \
                         '2:what:(id stream address unnamed)'
                     ;;
                 *) _arguments $global ;;
