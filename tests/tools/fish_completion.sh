@@ -16,7 +16,7 @@ expect() {
     fi
 }
 
-expect "check completion drop events hello help list raw streams version watch watchdog" ""
+expect "check completion drop events hello help list metrics raw serve streams version watch watchdog" ""
 expect "address id stream unnamed" "drop "
 expect "0 12 3" "drop id "
 expect "0 12" "drop id 3 "

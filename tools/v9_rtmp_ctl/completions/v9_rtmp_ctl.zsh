@@ -154,6 +154,7 @@ _v9_rtmp_ctl() {
                 check)
                     _arguments $global '--rtmp=[where the server takes RTMP clients]:address' \
                         '--publish-test[send a short stream through the server]'
+                    ;;
                 metrics)
                     _arguments $global '(-o --output)'{-o,--output}'=[write them to this file]:file:_files' \
                         '--interval=[time from one look to the next]:seconds' \
