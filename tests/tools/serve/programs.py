@@ -95,6 +95,8 @@ class Process:
         return wait_for(text, look)
 
     def stop(self, number=signal.SIGTERM):
+        if self.log.closed:
+            return
         if self.popen.poll() is None:
             self.popen.send_signal(number)
             try:
