@@ -23,6 +23,13 @@ wait_for() {
 main_pid() { systemctl show --value -p MainPID v9-rtmp-server; }
 status_field() { awk -v name="$1:" '$1 == name { print $2 }' "/proc/$(main_pid)/status"; }
 answers() { v9_rtmp_ctl list; }
+# Only looks at which the server has answered are counted.
+watchdog_works() { grep -qE '"looks": ?[1-9]' /run/v9_rtmp_watchdog/watchdog.json; }
+serve_works() (
+    exec 4<>/dev/tcp/127.0.0.1/9935
+    printf 'GET /healthz HTTP/1.1\r\nHost: 127.0.0.1:9935\r\nConnection: close\r\n\r\n' >&4
+    [[ $(head -n 1 <&4) == *' 200 '* ]]
+)
 # Loses and damages no frame, or fails.
 stream() { /opt/relay_load --server 127.0.0.1 --players 2 --kbit 1000 --seconds "$1" --warm-up 0.5 --late 9999; }
 
@@ -93,6 +100,7 @@ for unit in watchdog serve; do
         stream 2
         [[ $(systemctl show --value -p MainPID v9-rtmp-$unit) == "$before" ]] || fail "v9-rtmp-$unit has ended"
         systemctl is-active v9-rtmp-$unit
+        wait_for "v9-rtmp-$unit does not do its work" ${unit}_works
     fi
 done
 
