@@ -3,7 +3,7 @@
 # /packages, publishes and plays through the server, upgrades to those in /packages/next, and purges.
 set -euo pipefail
 DEADLINE_S=30
-PACKAGES="v9-rtmp-server v9-rtmp-tools comm-socket-v4-dev"
+mapfile -t packages < <(for file in /packages/*.deb; do dpkg-deb -f "$file" Package; done)
 SOCKET_LINK=/var/run/v9_rtmp_server.socket
 
 fail() {
@@ -42,7 +42,7 @@ for unit in v9-rtmp-watchdog v9-rtmp-forward@cam1 v9-rtmp-player@cam1; do
 done
 
 step "it runs in its sandbox"
-[[ $(ps -o user= -p "$(main_pid)" 2>/dev/null || stat -c %U "/proc/$(main_pid)") == v9-rtmp-* ]] || fail "it runs as another user"
+[[ $(stat -c %U "/proc/$(main_pid)") == v9-rtmp-server ]] || fail "it runs as another user"
 [[ $(status_field CapEff) == 0000000000000000 ]] || fail "it has capabilities"
 [[ $(status_field CapBnd) == 0000000000000000 ]] || fail "it can get capabilities"
 [[ $(status_field NoNewPrivs) == 1 ]] || fail "it can get privileges"
@@ -121,12 +121,10 @@ wait_for "it does not answer after the restart" answers
 stream 1
 
 step "a removal ends the services and keeps the settings, a purge removes them"
-# shellcheck disable=SC2086  # several words
-dpkg -r $PACKAGES
+dpkg -r "${packages[@]}"
 [[ ! -e /usr/bin/v9_rtmp_server && -e /etc/default/v9-rtmp-server ]] || fail "the removal is wrong"
 ! systemctl is-active v9-rtmp-server || fail "the server runs after its removal"
-# shellcheck disable=SC2086
-dpkg -P $PACKAGES
+dpkg -P "${packages[@]}"
 left=$(find /etc /usr /lib/systemd /var/lib/systemd /run -not -path '/run/host/*' \
     \( -name '*v9-rtmp*' -o -name '*v9_rtmp*' \) -not -path '/run/systemd/*' -not -path '/run/log/*')
 [[ -z $left ]] || fail "the purge has left:"$'\n'"$left"

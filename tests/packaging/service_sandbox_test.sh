@@ -4,8 +4,8 @@
 # the link come from the files that are installed, by systemd's own tools. Not here: the filter of system calls, the
 # control group, the journal.
 #
-# Usage: service_sandbox_test.sh PACKAGING_DIRECTORY SERVER TOOL. Needs root, who alone may become two other users: status 77
-# otherwise.
+# Usage: service_sandbox_test.sh PACKAGING_DIRECTORY SERVER TOOL. Needs root, who alone may become two other users:
+# status 77 otherwise.
 set -euo pipefail
 if [[ ${4:-} != --inside ]]; then
     if [[ $(id -u) -ne 0 ]] || ! setpriv --reuid 65534 --clear-groups true 2>/dev/null; then
