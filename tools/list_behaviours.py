@@ -54,6 +54,7 @@ GROUPS = [
     ("Load and time", "What is measured, and that the measure is right.", ["bench/*"]),
     ("What everything stands on", "Bytes, lines, assertions, and the pages that describe the server.",
      ["base/*", "docs/*"]),
+    ("The service", "Its units, its user, its sandbox and its packages.", ["packaging/*"]),
     ("The server as a whole", "What belongs to no single part.", ["*"]),
 ]
 

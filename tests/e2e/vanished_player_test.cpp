@@ -1,17 +1,15 @@
 // Players whose link is cut, so that nothing tells the server that they are gone.
+#include "tests/support/far_side.h"
 #include "tests/support/live_pair.h"
-#include "tests/support/program_process.h"
 #include "tests/support/rtmp_client.h"
 #include "tests/support/server_process.h"
 #include "tests/support/test_failure.h"
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <linux/sockios.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <sched.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
@@ -20,76 +18,12 @@
 #include <array>
 #include <cerrno>
 #include <fstream>
-#include <future>
 #include <string>
-#include <type_traits>
-#include <vector>
 
 namespace {
 
-constexpr const char* NEAR_ADDRESS = "192.0.2.1";
 // 0.2 s + 0.4 s + ... + 3.2 s: far more than the keepalive of these tests takes, and far less than the usual 15.
 constexpr const char* RETRIES = "4";
-
-void run(std::vector<std::string> command) {
-    const ProgramRun done = run_program(std::move(command));
-    if (done.end != ProgramEnd{.status = 0}) {
-        throw TestFailure("ip(8): " + done.err);
-    }
-}
-
-// Another network namespace, joined to this one by a pair of interfaces. It begins at 192.0.2.2.
-class FarSide {
-  public:
-    FarSide() : net(make_net()) {
-        run({"ip", "link", "add", "near", "type", "veth", "peer", "name", "far", "netns",
-             "/proc/" + std::to_string(getpid()) + "/fd/" + std::to_string(net)});
-        run({"ip", "address", "add", std::string(NEAR_ADDRESS) + "/24", "dev", "near"});
-        run({"ip", "link", "set", "near", "up"});
-        on_it([] { run({"ip", "address", "add", "192.0.2.2/24", "dev", "far"}); });
-        on_it([] { run({"ip", "link", "set", "far", "up"}); });
-    }
-    ~FarSide() {
-        (void)run_program({"ip", "link", "delete", "near"});
-        close(net);
-    }
-    FarSide(const FarSide&) = delete;
-    FarSide& operator=(const FarSide&) = delete;
-
-    RtmpClient player(const std::string& stream_name) {
-        ClientOptions options;
-        options.server = NEAR_ADDRESS;
-        return on_it([&] { return playing_client(stream_name, options); });
-    }
-
-    void cut_link() {
-        on_it([] { run({"ip", "link", "set", "far", "down"}); });
-    }
-
-  private:
-    static int make_net() {
-        return std::async(std::launch::async,
-                          [] {
-                              checked(unshare(CLONE_NEWNET), "unshare");
-                              return checked(open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC),
-                                             "ns/net");
-                          })
-            .get();
-    }
-
-    // Does something on a thread that is over there.
-    template <typename Action>
-    std::invoke_result_t<Action> on_it(Action action) {
-        return std::async(std::launch::async,
-                          [&] {
-                              checked(setns(net, CLONE_NEWNET), "setns");
-                              return action();
-                          })
-            .get();
-    }
-
-    const int net;
-};
 
 // The other end of a connection, as the server names its clients; empty for what is none.
 std::string peer_of(int fd) {

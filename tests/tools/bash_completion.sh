@@ -19,7 +19,11 @@ expect() {
     fi
 }
 
-expect "hello list streams drop watch raw completion version help" ""
+expect "hello list streams drop watch watchdog events check metrics serve raw completion version help" ""
+expect "serve" ser
+expect "--allow-drop" serve --allow
+expect "--watchdog-state" metrics -o x --watch
+expect "" serve --listen ""
 expect "streams" str
 expect "id stream address unnamed" drop ""
 expect "0 3 12" drop id ""
@@ -44,6 +48,10 @@ expect "publish play none" list --mode ""
 expect "id stream rate" list --sort ""
 expect "--no-legend" list --no-l
 expect "zsh" completion z
+expect "--stalled --stagger --state" watchdog --sta
+expect "off" watchdog --behind ""
+expect "--exec" events --e
+expect "--publish-test" check --rtmp host:1 --pub
 expect "--socket" --so
 expect "" raw hello ""
 expect "publish play none" list --mode = ""

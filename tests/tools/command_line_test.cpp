@@ -3,6 +3,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <filesystem>
+#include <fstream>
+
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -47,6 +50,11 @@ TEST(CommandLine, EverySubcommandIsKnown) {
         {{"drop", "address", "10.0.0.1"}, Subcommand::DROP_ADDRESS},
         {{"drop", "unnamed"}, Subcommand::DROP_UNNAMED},
         {{"watch"}, Subcommand::WATCH},
+        {{"watchdog"}, Subcommand::WATCHDOG},
+        {{"events"}, Subcommand::EVENTS},
+        {{"check"}, Subcommand::CHECK},
+        {{"metrics"}, Subcommand::METRICS},
+        {{"serve"}, Subcommand::SERVE},
         {{"raw", "hello"}, Subcommand::RAW},
         {{"completion", "bash"}, Subcommand::COMPLETION},
         {{"version"}, Subcommand::VERSION},
@@ -272,4 +280,169 @@ TEST(RawCommandLine, ASocketCalledRawIsNoSubcommand) {
     EXPECT_EQ(line.subcommand, Subcommand::HELLO);
     EXPECT_EQ(line.settings.socket_path, "raw");
     EXPECT_THAT(line.raw.request.arguments, IsEmpty());
+}
+
+namespace {
+
+// A file of options that goes with the test.
+class ConfigFile {
+  public:
+    explicit ConfigFile(const std::string& text) { std::ofstream(path) << text; }
+    ~ConfigFile() { std::filesystem::remove(path); }
+    ConfigFile(const ConfigFile&) = delete;
+    ConfigFile& operator=(const ConfigFile&) = delete;
+
+    const std::string path = testing::TempDir() + "watchdog_" +
+                             testing::UnitTest::GetInstance()->current_test_info()->name() + ".conf";
+};
+
+}  // namespace
+
+TEST(CommandLine, TheWatchdogsRulesHaveDefaults) {
+    const WatchdogOptions options = parsed({"watchdog"}).watchdog;
+    EXPECT_THAT(options.limits.stalled_us, Optional(30000000U));
+    EXPECT_THAT(options.limits.behind_us, Optional(15000000U));
+    EXPECT_THAT(options.limits.unnamed_us, Optional(20000000U));
+    EXPECT_THAT(options.limits.silent_us, Optional(30000000U));
+    EXPECT_THAT(options.limits.contested_us, Optional(15000000U));
+    EXPECT_THAT(options.limits.age_us, Optional(16200000000U));
+    EXPECT_THAT(options.limits.long_name_bytes, Optional(200U));
+    EXPECT_THAT(options.limits.publish_from, IsEmpty());
+    EXPECT_EQ(options.limits.stagger_us, 4000000U);
+    EXPECT_EQ(options.interval_seconds, 1);
+    EXPECT_EQ(options.settle_seconds, 5);
+    EXPECT_FALSE(options.dry_run);
+    EXPECT_EQ(options.state_directory, "/run/v9_rtmp_watchdog");
+}
+
+TEST(CommandLine, EachRuleOfTheWatchdogCanBeSetAndTurnedOff) {
+    using Limit = std::optional<std::uint64_t> WatchdogLimits::*;
+    const std::pair<const char*, Limit> rows[] = {
+        {"--stalled", &WatchdogLimits::stalled_us},     {"--behind", &WatchdogLimits::behind_us},
+        {"--unnamed", &WatchdogLimits::unnamed_us},     {"--silent", &WatchdogLimits::silent_us},
+        {"--contested", &WatchdogLimits::contested_us}, {"--age", &WatchdogLimits::age_us},
+    };
+    for (const auto& [name, limit] : rows) {
+        EXPECT_THAT(parsed({"watchdog", name, "1.5"}).watchdog.limits.*limit, Optional(1500000U)) << name;
+        EXPECT_EQ(parsed({"watchdog", name, "off"}).watchdog.limits.*limit, std::nullopt) << name;
+        for (const char* const bad : {"", "0", "-1", "nan", "86401", "on", "5s"}) {
+            EXPECT_EQ(refused({"watchdog", name, bad}).exit_code, ExitCode::USAGE) << name << bad;
+        }
+    }
+    EXPECT_THAT(parsed({"watchdog", "--long-name", "64"}).watchdog.limits.long_name_bytes, Optional(64U));
+    EXPECT_EQ(parsed({"watchdog", "--long-name", "off"}).watchdog.limits.long_name_bytes, std::nullopt);
+    EXPECT_EQ(refused({"watchdog", "--long-name", "-1"}).exit_code, ExitCode::USAGE);
+    EXPECT_EQ(parsed({"watchdog", "--stagger", "0.5"}).watchdog.limits.stagger_us, 500000U);
+    EXPECT_TRUE(parsed({"watchdog", "-n"}).watchdog.dry_run);
+    EXPECT_THAT(refused({"watchdog", "--stalled", "x"}).message,
+                HasSubstr("'x' is not a number of seconds from 0.1 to 86400, or off"));
+}
+
+TEST(CommandLine, TheWatchdogTakesAddressesOfPublishers) {
+    const AddressRange near = *parse_address_range("10.0.0.0/8");
+    const AddressRange one = *parse_address_range("192.0.2.1");
+    EXPECT_THAT(
+        parsed({"watchdog", "--publish-from", "10.0.0.0/8", "192.0.2.1"}).watchdog.limits.publish_from,
+        ElementsAre(near, one));
+    EXPECT_THAT(parsed({"watchdog", "--publish-from", "10.0.0.0/8", "--publish-from", "192.0.2.1", "-n"})
+                    .watchdog.limits.publish_from,
+                ElementsAre(near, one));
+    EXPECT_THAT(refused({"watchdog", "--publish-from", "example"}).message,
+                HasSubstr("is not an IPv4 address"));
+}
+
+TEST(CommandLine, TheWatchdogReadsOptionsFromAFileAndThoseOfTheLineCount) {
+    const ConfigFile file(
+        "# limits\n; more\nstalled = 40\nbehind=off\n\nsilent = 50\npublish-from = 10.0.0.0/8 192.0.2.1\n"
+        "state = \"/run/other place\"\ndry-run = true\n");
+    const CommandLine line = parsed({"--timeout", "2", "watchdog", "--config", file.path, "--silent", "60"});
+    const WatchdogOptions& options = line.watchdog;
+    EXPECT_EQ(line.subcommand, Subcommand::WATCHDOG);
+    EXPECT_EQ(line.settings.timeout_us(), 2000000U);
+    EXPECT_THAT(options.limits.stalled_us, Optional(40000000U));
+    EXPECT_EQ(options.limits.behind_us, std::nullopt);
+    EXPECT_THAT(options.limits.silent_us, Optional(60000000U));
+    EXPECT_THAT(options.limits.contested_us, Optional(15000000U));
+    EXPECT_THAT(options.limits.publish_from,
+                ElementsAre(*parse_address_range("10.0.0.0/8"), *parse_address_range("192.0.2.1")));
+    EXPECT_EQ(options.state_directory, "/run/other place");
+    EXPECT_TRUE(options.dry_run);
+}
+
+TEST(CommandLine, AnEmptyFileOfOptionsChangesNothing) {
+    const ConfigFile file("\n# nothing\n");
+    EXPECT_THAT(parsed({"watchdog", "--config", file.path}).watchdog.limits.stalled_us, Optional(30000000U));
+}
+
+TEST(CommandLine, AFileOfOptionsThatCannotBeReadOrUnderstoodIsRefusedWithItsName) {
+    EXPECT_THAT(refused({"watchdog", "--config", "/absent.conf"}).message,
+                HasSubstr("the options in /absent.conf cannot be read (No such file or directory)"));
+    for (const char* const text : {"stalled = x\n", "stallled = 30\n", "[rules]\nstalled = 30\n",
+                                   "--stalled = 30\n", "stalled 30\n", "config = /other\n", "= 3\n"}) {
+        const ConfigFile file(text);
+        const Failure failure = refused({"watchdog", "--config", file.path});
+        EXPECT_EQ(failure.exit_code, ExitCode::USAGE) << text;
+        EXPECT_THAT(failure.message, HasSubstr("in " + file.path + ": ")) << text;
+    }
+}
+
+TEST(CommandLine, TheWatchdogHasNoPlainForm) {
+    EXPECT_THAT(refused({"watchdog", "--plain"}).message, HasSubstr("watchdog has no --plain form"));
+}
+
+TEST(CommandLine, EventsCanRunAProgram) {
+    const CommandLine line =
+        parsed({"events", "--exec", "/usr/local/bin/tell me", "--interval", "0.2", "--json"});
+    EXPECT_EQ(line.events.program, "/usr/local/bin/tell me");
+    EXPECT_EQ(line.events.interval_seconds, 0.2);
+    EXPECT_EQ(parsed({"events"}).events.program, "");
+    EXPECT_THAT(refused({"events", "--plain"}).message, HasSubstr("events has no --plain form"));
+}
+
+TEST(CommandLine, CheckTakesAnAddress) {
+    const CommandLine line = parsed({"check", "--rtmp", "relay.example:1936", "--publish-test"});
+    EXPECT_EQ(line.check.rtmp, "relay.example:1936");
+    EXPECT_TRUE(line.check.publish_test);
+    EXPECT_EQ(parsed({"check"}).check.rtmp, "127.0.0.1:1935");
+    EXPECT_FALSE(parsed({"check"}).check.publish_test);
+    for (const char* const bad : {"", "host", ":1935", "host:", "host:0", "host:65536", "host:x"}) {
+        EXPECT_THAT(refused({"check", "--rtmp", bad}).message, HasSubstr("is not a host and a port")) << bad;
+    }
+}
+
+TEST(CommandLine, AUsageErrorOfCheckIsItsUnknown) {
+    EXPECT_EQ(usage_status({"check", "--foo"}), 3);
+    EXPECT_EQ(usage_status({"--timeout", "1", "check", "x"}), 3);
+    EXPECT_EQ(usage_status({"list", "check"}), 2);
+    EXPECT_EQ(usage_status({}), 2);
+}
+
+TEST(CommandLine, ServeListensOnThisMachineAloneUnlessToldOtherwise) {
+    const ServeOptions usual = parsed({"serve"}).serve;
+    EXPECT_EQ(usual.listen, "127.0.0.1:9935");
+    EXPECT_FALSE(usual.allow_drop);
+    const ServeOptions options =
+        parsed({"serve", "--listen", "[::]:80", "--host", "a.example", "--host", "b.example", "--allow-drop",
+                "--token-file", "/etc/token", "--watchdog-state", "/run/w"})
+            .serve;
+    EXPECT_EQ(options.listen, "[::]:80");
+    EXPECT_THAT(options.host_names, ElementsAre("a.example", "b.example"));
+    EXPECT_TRUE(options.allow_drop);
+    EXPECT_EQ(options.token_file, "/etc/token");
+    EXPECT_EQ(options.watchdog_state, "/run/w");
+    EXPECT_THAT(refused({"serve", "--listen", "localhost:80"}).message,
+                HasSubstr("'localhost:80' is not an address and a port"));
+}
+
+TEST(CommandLine, ADropFromThePageNeedsAToken) {
+    EXPECT_THAT(refused({"serve", "--allow-drop"}).message, HasSubstr("go together"));
+    EXPECT_THAT(refused({"serve", "--token-file", "/etc/token"}).message, HasSubstr("go together"));
+}
+
+TEST(CommandLine, MetricsAtAnIntervalNeedAFile) {
+    EXPECT_THAT(refused({"metrics", "--interval", "15"}).message, HasSubstr("needs a file to write"));
+    const MetricsOptions options = parsed({"metrics", "-o", "x.prom", "--interval", "15"}).metrics;
+    EXPECT_EQ(options.file, "x.prom");
+    EXPECT_THAT(options.interval_seconds, Optional(15));
+    EXPECT_FALSE(parsed({"metrics", "--output=x"}).metrics.interval_seconds);
 }

@@ -16,7 +16,7 @@ expect() {
     fi
 }
 
-expect "completion drop hello help list raw streams version watch" ""
+expect "check completion drop events hello help list metrics raw serve streams version watch watchdog" ""
 expect "address id stream unnamed" "drop "
 expect "0 12 3" "drop id "
 expect "0 12" "drop id 3 "
@@ -24,6 +24,8 @@ expect "10.0.0.1 10.0.0.2" "drop address "
 expect "cam1 demo" "streams "
 expect "address id stream unnamed" "help drop "
 expect "12" "drop id 1"
+expect "--stagger --stalled --state" "watchdog --sta"
+expect "--behind=off" "watchdog --stalled 3 --behind="
 expect "cam1 demo" "drop stream "
 expect "--sort=id --sort=rate --sort=stream" "list --sort="
 expect "cam1" "--socket /run/other drop stream c"

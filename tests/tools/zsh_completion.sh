@@ -24,11 +24,13 @@ done
 TYPIST
 timeout 50 zsh -f "$scratch/typist.zsh" "v9_rtmp_ctl drop id 1" "v9_rtmp_ctl --socket /run/other drop stream d" \
     "v9_rtmp_ctl --socket=/run/another drop stream c" "v9_rtmp_ctl list --sort=ra" "v9_rtmp_ctl drop id 3 1" \
-    "v9_rtmp_ctl drop address 10.0.0.2" "v9_rtmp_ctl streams d" "v9_rtmp_ctl watch --uni" || failed=1
+    "v9_rtmp_ctl drop address 10.0.0.2" "v9_rtmp_ctl streams d" "v9_rtmp_ctl watch --uni" \
+    "v9_rtmp_ctl watchdog --behind=o" || failed=1
 
 # The stand-in was asked for the listing, and was then run with the completed line.
 for call in "drop id 12" "--plain --timeout 1 --socket /run/other list" "--socket /run/other drop stream demo" \
-    "--plain --timeout 1 --socket=/run/another list" "--socket=/run/another drop stream cam1" "list --sort=rate" "drop id 3 12" "drop address 10.0.0.2" "streams demo"; do
+    "--plain --timeout 1 --socket=/run/another list" "--socket=/run/another drop stream cam1" "list --sort=rate" "drop id 3 12" "drop address 10.0.0.2" "streams demo" \
+    "watchdog --behind=off"; do
     if ! grep -qxF -- "$call" "$scratch/calls"; then
         echo "the tool was not called with '$call' but:"
         cat "$scratch/calls"

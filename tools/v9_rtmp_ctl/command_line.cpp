@@ -3,7 +3,10 @@
 #include <algorithm>
 #include <utility>
 
+#include "tools/v9_rtmp_ctl/check_rules.h"
 #include "tools/v9_rtmp_ctl/command_parser.h"
+#include "tools/v9_rtmp_ctl/config_file.h"
+#include "tools/v9_rtmp_ctl/text.h"
 #include "tools/v9_rtmp_ctl/usage_failure.h"
 
 namespace {
@@ -28,7 +31,40 @@ std::optional<Failure> check_combinations(const CommandLine& line, bool has_requ
         return usage_failure(
             "watch has no --plain form; use 'watch --json', or 'list --plain' again and again", "watch");
     }
+    if (line.subcommand == Subcommand::METRICS && line.metrics.interval_seconds &&
+        line.metrics.file.empty()) {
+        return usage_failure("'metrics --interval' needs a file to write: -o FILE", "metrics");
+    }
+    if (line.subcommand == Subcommand::SERVE && line.serve.allow_drop != !line.serve.token_file.empty()) {
+        return usage_failure("--allow-drop and --token-file go together: a drop needs the token in that file",
+                             "serve");
+    }
+    if (line.subcommand == Subcommand::EVENTS && line.settings.form == OutputForm::PLAIN) {
+        return usage_failure("events has no --plain form; use 'events --json'", "events");
+    }
+    if (line.subcommand == Subcommand::WATCHDOG && line.settings.form == OutputForm::PLAIN) {
+        return usage_failure("watchdog has no --plain form; use 'watchdog --json'", "watchdog");
+    }
     return std::nullopt;
+}
+
+// Reads the line again, with the options of the file before its own, so that those of the line count.
+std::optional<Failure> parse_with_file(const std::vector<std::string>& words, CommandLine& line) {
+    const std::string path = line.watchdog.config_path;
+    std::vector<std::string> file_words;
+    if (std::optional<Failure> failure = read_config(path, file_words)) {
+        return failure;
+    }
+    std::vector<std::string> all = words;
+    const std::size_t command_idx = skip_options(words, 0);
+    all.insert(all.begin() + static_cast<std::ptrdiff_t>(command_idx) + 1, file_words.begin(),
+               file_words.end());
+    line = CommandLine();
+    std::optional<Failure> failure = CommandParser(line).parse(all);
+    if (failure) {
+        failure->message = "in " + escape_untrusted(path) + ": " + failure->message;
+    }
+    return failure;
 }
 
 }  // namespace
@@ -54,6 +90,12 @@ SplitWords split_raw_words(const std::vector<std::string>& words) {
     return split;
 }
 
+int usage_status(const std::vector<std::string>& words) {
+    const std::size_t command_idx = skip_options(words, 0);
+    const bool is_check = command_idx < words.size() && words[command_idx] == "check";
+    return is_check ? static_cast<int>(Level::UNKNOWN) : static_cast<int>(ExitCode::USAGE);
+}
+
 std::optional<Failure> parse_command_line(const std::vector<std::string>& words, CommandLine& command_line) {
     SplitWords split = split_raw_words(words);
     CommandParser parser(command_line);
@@ -64,6 +106,11 @@ std::optional<Failure> parse_command_line(const std::vector<std::string>& words,
         // A parser that has read something tells only about that.
         CommandLine unread;
         return CommandParser(unread).find_help(parser.help_topic, command_line.help_text);
+    }
+    if (!command_line.watchdog.config_path.empty()) {
+        if (std::optional<Failure> failure = parse_with_file(split.own, command_line)) {
+            return failure;
+        }
     }
     command_line.raw.request = std::move(split.request);
     return check_combinations(command_line, split.has_request);

@@ -19,6 +19,11 @@ enum class Subcommand {
     DROP_ADDRESS,
     DROP_UNNAMED,
     WATCH,
+    METRICS,
+    SERVE,
+    WATCHDOG,
+    EVENTS,
+    CHECK,
     RAW,
     COMPLETION,
     VERSION,
@@ -31,14 +36,23 @@ struct CommandLine {
     StreamsOptions streams;
     DropOptions drop;
     WatchOptions watch;
+    MetricsOptions metrics;
+    ServeOptions serve;
+    WatchdogOptions watchdog;
+    EventsOptions events;
+    CheckOptions check;
     RawOptions raw;
     std::string shell;      // of completion
     std::string help_text;  // to be printed on standard output; of NONE
 };
 
-// words is the command line behind the program's name. A failure is ExitCode::USAGE.
+// words is the command line behind the program's name. Reads the file that --config names. A failure is
+// ExitCode::USAGE.
 [[nodiscard]] std::optional<Failure> parse_command_line(const std::vector<std::string>& words,
                                                         CommandLine& command_line);
+
+// The exit status for words that were not understood: of check 3, its UNKNOWN, otherwise that of USAGE.
+[[nodiscard]] int usage_status(const std::vector<std::string>& words);
 
 // The part of the words of a raw command that is the tool's, and the request behind it.
 struct SplitWords {

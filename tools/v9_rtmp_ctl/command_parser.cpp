@@ -2,47 +2,17 @@
 
 #include <algorithm>
 #include <array>
-#include <sstream>
 #include <utility>
 
+#include "tools/v9_rtmp_ctl/option_checks.h"
+#include "tools/v9_rtmp_ctl/serve_options.h"
 #include "tools/v9_rtmp_ctl/text.h"
 #include "tools/v9_rtmp_ctl/usage_failure.h"
 
 namespace {
 
-constexpr double MAX_SECONDS = 86400;
 constexpr double MIN_TIMEOUT_SECONDS = 0.001;
-// The server answers ten times a second, so a shorter interval shows nothing new.
-constexpr double MIN_INTERVAL_SECONDS = 0.1;
-
 const std::array<const char*, 3> OPTIONS_WITH_VALUE{"--socket", "--timeout", "--unit"};
-
-CLI::Validator seconds(double min) {
-    return CLI::Validator(
-        [min](const std::string& text) {
-            double value = 0;
-            // Written so that a value that is no number fails too.
-            if (CLI::detail::lexical_cast(text, value) && value >= min && value <= MAX_SECONDS) {
-                return std::string();
-            }
-            std::ostringstream advice;
-            advice << "'" << escape_untrusted(text) << "' is not a number of seconds from " << min << " to "
-                   << MAX_SECONDS;
-            return advice.str();
-        },
-        "");
-}
-
-CLI::Validator address_range() {
-    return CLI::Validator(
-        [](const std::string& text) {
-            return parse_address_range(text) ? std::string()
-                                             : "'" + escape_untrusted(text) +
-                                                   "' is not an IPv4 address. Give one such as 203.0.113.7 "
-                                                   "or 203.0.113.7:50000, or a prefix such as 203.0.113.0/24";
-        },
-        "");
-}
 
 CLI::Validator one_of(const std::vector<std::string>& words) {
     return CLI::Validator(
@@ -99,6 +69,11 @@ CommandParser::CommandParser(CommandLine& target) : line(target) {
     add_streams();
     add_drop();
     add_watch();
+    add_metrics();
+    add_serve();
+    add_watchdog();
+    add_events();
+    add_check();
     add_raw();
     add_completion();
     add("version", Subcommand::VERSION, "Print the version of this tool");
@@ -147,6 +122,7 @@ void CommandParser::store_results() {
     }
     line.watch.selection = selection;
     line.drop.selection = selection;
+    line.watchdog.limits = read_limits(watchdog_texts);
     if (drop_id_stream->count() != 0) {
         line.drop.expected_stream = expected_stream;
     }
@@ -345,6 +321,46 @@ void CommandParser::add_watch() {
     add_stream_option(*watch);
     add_address_option(*watch);
     add_mode_option(*watch);
+}
+
+void CommandParser::add_metrics() {
+    CLI::App* const metrics =
+        add("metrics", Subcommand::METRICS, "Print metrics in the text format of Prometheus");
+    add_metrics_options(*metrics, line.metrics);
+}
+
+void CommandParser::add_serve() {
+    CLI::App* const serve = add("serve", Subcommand::SERVE, "Serve a status page and metrics over HTTP");
+    add_serve_options(*serve, line.serve);
+}
+
+void CommandParser::add_watchdog() {
+    CLI::App* const watchdog = add("watchdog", Subcommand::WATCHDOG,
+                                   "Drop clients that stand still, fall behind or hold a slot in vain");
+    add_watchdog_options(*watchdog, line.watchdog, watchdog_texts);
+}
+
+void CommandParser::add_events() {
+    CLI::App* const events = add("events", Subcommand::EVENTS,
+                                 "Print a line when a client connects, publishes, plays, takes over or goes");
+    events->add_option("--interval", line.events.interval_seconds, "Time from one look to the next")
+        ->capture_default_str()
+        ->type_name("SECONDS")
+        ->check(seconds(MIN_INTERVAL_SECONDS));
+    events
+        ->add_option("--exec", line.events.program,
+                     "Run this program for each event, which is in its environment")
+        ->type_name("PROGRAM");
+}
+
+void CommandParser::add_check() {
+    CLI::App* const check =
+        add("check", Subcommand::CHECK, "Look for what is wrong with the server, or will be");
+    check->add_option("--rtmp", line.check.rtmp, "Where the server takes RTMP clients")
+        ->capture_default_str()
+        ->type_name("HOST:PORT")
+        ->check(rtmp_address());
+    check->add_flag("--publish-test", line.check.publish_test, "Send a short stream through the server");
 }
 
 void CommandParser::add_raw() {

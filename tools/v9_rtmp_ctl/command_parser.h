@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "tools/v9_rtmp_ctl/command_line.h"
+#include "tools/v9_rtmp_ctl/watchdog_options.h"
 
 // Options that take a value as a word of its own, before or behind the subcommand.
 [[nodiscard]] bool takes_value(const std::string& global_option);
@@ -35,6 +36,11 @@ class CommandParser {
     void add_drop();
     void add_drop_id(CLI::App& drop);
     void add_watch();
+    void add_metrics();
+    void add_serve();
+    void add_watchdog();
+    void add_events();
+    void add_check();
     void add_raw();
     void add_completion();
     void add_help();
@@ -60,6 +66,7 @@ class CommandParser {
     std::vector<std::string> streams;
     std::vector<std::string> addresses;
     std::string expected_stream;
+    WatchdogTexts watchdog_texts;
     CLI::Option* drop_id_stream = nullptr;
     bool reverse = false;
     bool no_legend = false;

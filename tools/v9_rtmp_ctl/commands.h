@@ -14,6 +14,8 @@
 #include "tools/v9_rtmp_ctl/failure.h"
 #include "tools/v9_rtmp_ctl/selection.h"
 #include "tools/v9_rtmp_ctl/text.h"
+#include "tools/v9_rtmp_ctl/watchdog_rules.h"
+#include "tools/v9_rtmp_ctl/watchdog_statistics.h"
 
 enum class OutputForm { PEOPLE, PLAIN, JSON };
 
@@ -59,6 +61,39 @@ struct WatchOptions {
     Selection selection;
 };
 
+struct MetricsOptions {
+    std::string file;                        // empty: standard output
+    std::optional<double> interval_seconds;  // nothing: once
+    std::string watchdog_state = DEFAULT_WATCHDOG_STATE;
+};
+
+struct ServeOptions {
+    std::string listen = "127.0.0.1:9935";
+    std::vector<std::string> host_names;
+    bool allow_drop = false;
+    std::string token_file;
+    std::string watchdog_state = DEFAULT_WATCHDOG_STATE;
+};
+
+struct WatchdogOptions {
+    WatchdogLimits limits;
+    double interval_seconds = 1;
+    double settle_seconds = 5;  // from a client's choice of a stream until it is compared
+    bool dry_run = false;
+    std::string state_directory = DEFAULT_WATCHDOG_STATE;
+    std::string config_path;  // a file with more options; empty for none
+};
+
+struct EventsOptions {
+    double interval_seconds = 0.5;
+    std::string program;  // run for each event; empty for none
+};
+
+struct CheckOptions {
+    std::string rtmp = "127.0.0.1:1935";  // HOST:PORT
+    bool publish_test = false;
+};
+
 struct RawOptions {
     bool async = false;
     Request request;
@@ -72,6 +107,16 @@ ExitCode run_drop_stream(const Settings& settings, const DropOptions& options);
 ExitCode run_drop_address(const Settings& settings, const DropOptions& options);
 ExitCode run_drop_unnamed(const Settings& settings, const DropOptions& options);
 ExitCode run_watch(const Settings& settings, const WatchOptions& options);
+ExitCode run_metrics(const Settings& settings, const MetricsOptions& options);
+ExitCode run_watchdog(const Settings& settings, const WatchdogOptions& options);
+ExitCode run_events(const Settings& settings, const EventsOptions& options);
+ExitCode run_check(const Settings& settings, const CheckOptions& options);
 ExitCode run_raw(const Settings& settings, const RawOptions& options);
 ExitCode run_completion(const std::string& shell);
 ExitCode run_version(const Settings& settings);
+
+// Becomes the program that serves, which is in a package of its own, with the words of this command line. Returns only
+// when that is not there.
+ExitCode become_serve(const std::vector<std::string>& words);
+// In that program: serves until the process is ended.
+ExitCode run_serve(const Settings& settings, const ServeOptions& options);

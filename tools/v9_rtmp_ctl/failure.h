@@ -8,6 +8,7 @@
 #include <optional>
 #include <string>
 
+// check has statuses of its own: those of Level in check_rules.h.
 enum class ExitCode : int {
     DONE = 0,
     NEGATIVE_ANSWER = 1,  // the server answered with an error status, or nothing matched

@@ -50,5 +50,43 @@ struct DropResult {
 };
 [[nodiscard]] std::string drop_json(const DropResult& result);
 
+// One line of the watchdog: {"unix_seconds":N,"action":"dropped","rule":"stalled","reason":"...","id":17,...}
+struct WatchdogLine {
+    std::int64_t unix_seconds = 0;
+    std::string action;
+    std::string rule;
+    std::string reason;
+    unsigned id = 0;
+    std::string stream;
+    std::string mode;
+    std::string address;
+    std::optional<std::string> message;
+};
+[[nodiscard]] std::string watchdog_json(const WatchdogLine& line);
+
+// One line of events: {"unix_seconds":N,"event":"gone","id":3,...,"seconds":12,...}
+struct EventLine {
+    std::int64_t unix_seconds = 0;
+    std::string event;
+    unsigned id = 0;
+    std::string stream;
+    std::string mode;
+    std::string address;
+    std::optional<std::uint64_t> seconds;
+    std::optional<std::uint64_t> bytes_sent;
+    std::optional<std::uint64_t> bytes_received;
+    std::optional<unsigned> previous_id;
+    std::string previous_address;
+};
+[[nodiscard]] std::string event_line_json(const EventLine& line);
+
+// {"findings":[{"level":"warning","what":"limits","text":"..."}],"worst":"warning"}
+struct FindingLine {
+    std::string level;
+    std::string what;
+    std::string text;
+};
+[[nodiscard]] std::string findings_json(const std::vector<FindingLine>& findings, const std::string& worst);
+
 // {"version":"1.0.0"}
 [[nodiscard]] std::string version_json(const std::string& version);

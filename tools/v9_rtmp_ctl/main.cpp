@@ -20,7 +20,7 @@ void open_closed_standard_descriptors() {
     }
 }
 
-ExitCode run(const CommandLine& line) {
+ExitCode run(const CommandLine& line, const std::vector<std::string>& words) {
     switch (line.subcommand) {
         case Subcommand::NONE:
             std::cout << line.help_text;
@@ -41,6 +41,16 @@ ExitCode run(const CommandLine& line) {
             return run_drop_unnamed(line.settings, line.drop);
         case Subcommand::WATCH:
             return run_watch(line.settings, line.watch);
+        case Subcommand::METRICS:
+            return run_metrics(line.settings, line.metrics);
+        case Subcommand::SERVE:
+            return become_serve(words);
+        case Subcommand::WATCHDOG:
+            return run_watchdog(line.settings, line.watchdog);
+        case Subcommand::EVENTS:
+            return run_events(line.settings, line.events);
+        case Subcommand::CHECK:
+            return run_check(line.settings, line.check);
         case Subcommand::RAW:
             return run_raw(line.settings, line.raw);
         case Subcommand::COMPLETION:
@@ -54,9 +64,10 @@ ExitCode run(const CommandLine& line) {
 ExitCode parse_and_run(const std::vector<std::string>& words) {
     CommandLine line;
     if (const std::optional<Failure> failure = parse_command_line(words, line)) {
-        return report(*failure);
+        static_cast<void>(report(*failure));
+        return static_cast<ExitCode>(usage_status(words));
     }
-    const ExitCode exit_code = run(line);
+    const ExitCode exit_code = run(line, words);
     if (!std::cout.flush()) {
         return report(
             {ExitCode::NEGATIVE_ANSWER,

@@ -6,11 +6,11 @@
 
 #include <algorithm>
 #include <array>
-#include <fstream>
 #include <memory>
 #include <sstream>
 
 #include "tools/v9_rtmp_ctl/parse_number.h"
+#include "tools/v9_rtmp_ctl/state_file.h"
 
 namespace {
 
@@ -28,26 +28,14 @@ std::vector<std::string> split(const std::string& line) {
     return fields;
 }
 
-bool read_file(const std::string& path, std::string& text) {
-    const std::ifstream file(path);
-    if (!file) {
-        return false;
-    }
-    std::ostringstream content;
-    content << file.rdbuf();
-    text = content.str();
-    return true;
-}
-
 // Of the network namespace of a process: "self", or an id. Nothing when it cannot be looked at.
 std::optional<std::vector<ListeningSocket>> find_listening_of(const std::string& process) {
     std::vector<ListeningSocket> all;
     bool found = false;
     for (const char* const name : {"tcp", "tcp6"}) {
-        std::string table;
-        if (read_file("/proc/" + process + "/net/" + name, table)) {
+        if (const std::optional<std::string> table = read_file("/proc/" + process + "/net/" + name)) {
             found = true;
-            const std::vector<ListeningSocket> sockets = find_listening(table, RTMP_PORT);
+            const std::vector<ListeningSocket> sockets = find_listening(*table, RTMP_PORT);
             all.insert(all.end(), sockets.begin(), sockets.end());
         }
     }

@@ -1,5 +1,6 @@
 #include "tools/v9_rtmp_ctl/text.h"
 
+#include <algorithm>
 #include <array>
 #include <cmath>
 #include <cstdio>
@@ -29,7 +30,66 @@ std::string scaled(double value, const Scale& scale, const char* suffix) {
     return {text.data(), static_cast<std::size_t>(length)};
 }
 
+// The code point that text begins with, and the number of its bytes; 0 bytes where it is not UTF-8.
+struct CodePoint {
+    std::uint32_t value = 0;
+    std::size_t length = 0;
+};
+
+CodePoint first_code_point(std::string_view text) {
+    if (text.empty()) {
+        return {};
+    }
+    const auto byte = [text](std::size_t i) {
+        return static_cast<std::uint32_t>(static_cast<unsigned char>(text[i]));
+    };
+    const std::uint32_t first = byte(0);
+    if (first < 0x80) {
+        return {first, 1};
+    }
+    const std::size_t length = first >= 0xF0 ? 4 : first >= 0xE0 ? 3 : 2;
+    if (first < 0xC2 || first > 0xF4 || text.size() < length) {
+        return {};
+    }
+    std::uint32_t value = first & (0x7FU >> length);
+    for (std::size_t i = 1; i < length; ++i) {
+        if ((byte(i) & 0xC0U) != 0x80) {
+            return {};
+        }
+        value = value << 6U | (byte(i) & 0x3FU);
+    }
+    constexpr std::array<std::uint32_t, 5> SMALLEST{0, 0, 0x80, 0x800, 0x10000};
+    const bool is_surrogate = value >= 0xD800 && value <= 0xDFFF;
+    return value < SMALLEST.at(length) || value > 0x10FFFF || is_surrogate ? CodePoint()
+                                                                           : CodePoint{value, length};
+}
+
+bool cannot_be_seen(std::uint32_t value) {
+    struct Range {
+        std::uint32_t first;
+        std::uint32_t last;
+    };
+    constexpr std::array<Range, 11> RANGES{{{0, 0x1F},
+                                            {0x7F, 0x9F},
+                                            {0xAD, 0xAD},
+                                            {0x61C, 0x61C},
+                                            {0x180E, 0x180E},
+                                            {0x200B, 0x200F},
+                                            {0x2028, 0x202E},
+                                            {0x2060, 0x206F},
+                                            {0xFEFF, 0xFEFF},
+                                            {0xFFF9, 0xFFFB},
+                                            {0xE0000, 0xE0FFF}}};
+    return std::any_of(RANGES.begin(), RANGES.end(),
+                       [value](const Range& r) { return value >= r.first && value <= r.last; });
+}
+
 }  // namespace
+
+std::size_t printable_utf8_length(std::string_view text) {
+    const CodePoint first = first_code_point(text);
+    return cannot_be_seen(first.value) ? 0 : first.length;
+}
 
 std::string escape_untrusted(std::string_view text) {
     constexpr std::string_view DIGITS = "0123456789ABCDEF";

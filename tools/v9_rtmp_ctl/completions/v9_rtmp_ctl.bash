@@ -96,7 +96,10 @@ _v9_rtmp_ctl_complete() {
     local command="" what="" given="" i
     for ((i = 1; i < ${#typed[@]} - 1; i++)); do
         case ${typed[i]} in
-            --socket | --timeout | --unit | --mode | --stream | --address | --sort | --interval) ((i++)) ;;
+            --socket | --timeout | --unit | --mode | --stream | --address | --sort | --interval | --stalled | --behind | \
+                --unnamed | --silent | --contested | --age | --stagger | --long-name | --publish-from | --settle | \
+                --state | --config | --exec | --rtmp | --output | -o | --listen | --host | \
+                --token-file | --watchdog-state) ((i++)) ;;
             -*) ;;
             *)
                 if [[ -z $command ]]; then
@@ -112,11 +115,15 @@ _v9_rtmp_ctl_complete() {
     done
 
     case $prev in
-        --socket)
+        --socket | --state | --config | --exec | --output | -o | --token-file | --watchdog-state)
             mapfile -t COMPREPLY < <(compgen -f -- "$cur")
             return
             ;;
-        --timeout | --interval) return ;;
+        --stalled | --behind | --unnamed | --silent | --contested | --age | --long-name)
+            mapfile -t COMPREPLY < <(compgen -W "off" -- "$cur")
+            return
+            ;;
+        --timeout | --interval | --stagger | --settle | --publish-from | --rtmp | --listen | --host) return ;;
         --mode)
             mapfile -t COMPREPLY < <(compgen -W "publish play none" -- "$cur")
             return
@@ -147,7 +154,7 @@ _v9_rtmp_ctl_complete() {
 
     local words=""
     case $command in
-        "") words="hello list streams drop watch raw completion version help" ;;
+        "") words="hello list streams drop watch watchdog events check metrics serve raw completion version help" ;;
         list) words="--stream --address --mode --sort --reverse --no-legend" ;;
         streams)
             words="--sort --reverse --no-legend"
@@ -171,7 +178,15 @@ _v9_rtmp_ctl_complete() {
                 unnamed) words="--address --dry-run --force" ;;
             esac
             ;;
+        watchdog)
+            words="--stalled --behind --unnamed --silent --contested --age --stagger --long-name --publish-from"
+            words="$words --interval --settle --state --config --dry-run"
+            ;;
+        events) words="--interval --exec" ;;
+        check) words="--rtmp --publish-test" ;;
         watch) words="--interval --stream --address --mode" ;;
+        metrics) words="--output --interval --watchdog-state" ;;
+        serve) words="--listen --host --allow-drop --token-file --watchdog-state" ;;
         raw)
             if [[ -n $what ]]; then
                 return
@@ -182,7 +197,7 @@ _v9_rtmp_ctl_complete() {
         completion) words="bash zsh fish" ;;
         help)
             case $what in
-                "") words="hello list streams drop watch raw completion version" ;;
+                "") words="hello list streams drop watch watchdog events check metrics serve raw completion version" ;;
                 drop) words="id stream address unnamed" ;;
             esac
             ;;

@@ -46,7 +46,9 @@ function __v9_rtmp_ctl_plain_words
             continue
         end
         switch $word
-            case --socket --timeout --unit --mode --stream --address --sort --interval
+            case --socket --timeout --unit --mode --stream --address --sort --interval --stalled --behind --unnamed \
+                    --silent --contested --age --stagger --long-name --publish-from --settle --state --config --exec --rtmp \
+                    --output -o --listen --host --token-file --watchdog-state
                 set skip 1
             case '-*'
             case '*'
@@ -87,6 +89,11 @@ complete -c v9_rtmp_ctl -n __v9_rtmp_ctl_at -a list -d 'List the connections'
 complete -c v9_rtmp_ctl -n __v9_rtmp_ctl_at -a streams -d 'List the streams'
 complete -c v9_rtmp_ctl -n __v9_rtmp_ctl_at -a drop -d 'Drop connections'
 complete -c v9_rtmp_ctl -n __v9_rtmp_ctl_at -a watch -d 'Show streams and connections live'
+complete -c v9_rtmp_ctl -n __v9_rtmp_ctl_at -a watchdog -d 'Drop clients that do harm'
+complete -c v9_rtmp_ctl -n __v9_rtmp_ctl_at -a events -d 'Print what happens'
+complete -c v9_rtmp_ctl -n __v9_rtmp_ctl_at -a check -d 'Look for what is wrong'
+complete -c v9_rtmp_ctl -n __v9_rtmp_ctl_at -a metrics -d 'Print metrics for Prometheus'
+complete -c v9_rtmp_ctl -n __v9_rtmp_ctl_at -a serve -d 'Serve a status page and metrics'
 complete -c v9_rtmp_ctl -n __v9_rtmp_ctl_at -a raw -d 'Send a command as it is'
 complete -c v9_rtmp_ctl -n __v9_rtmp_ctl_at -a completion -d 'Print a completion script'
 complete -c v9_rtmp_ctl -n __v9_rtmp_ctl_at -a version -d 'Print the version'
@@ -126,7 +133,33 @@ for command in 'drop stream' 'drop address' 'drop unnamed'
     complete -c v9_rtmp_ctl -n "__v9_rtmp_ctl_in $command" -s f -l force -d 'Do not ask'
 end
 
-complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in watch' -l interval -x -d 'Time from one look to the next'
+for command in watch watchdog events metrics
+    complete -c v9_rtmp_ctl -n "__v9_rtmp_ctl_in $command" -l interval -x -d 'Time from one look to the next'
+end
+complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in watchdog' -l stalled -x -a off -d 'Drop a player that takes nothing'
+complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in watchdog' -l behind -x -a off -d 'Drop a player that is so much behind'
+complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in watchdog' -l unnamed -x -a off -d 'Drop a client without a stream name'
+complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in watchdog' -l silent -x -a off -d 'Drop a publisher that sends nothing'
+complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in watchdog' -l contested -x -a off -d 'The same, while another one waits'
+complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in watchdog' -l age -x -a off -d 'Drop a player that has played for so long'
+complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in watchdog' -l stagger -x -d 'Time from one such player to the next'
+complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in watchdog' -l long-name -x -a off -d 'Drop a client whose name is longer'
+complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in watchdog' -l publish-from -x -d 'Drop publishers from elsewhere'
+complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in watchdog' -l settle -x -d 'Compare a client from so long after its choice'
+complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in watchdog' -l state -r -F -d 'Keeps first-seen times there'
+complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in watchdog' -l config -r -F -d 'Read options from this file too'
+complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in watchdog' -s n -l dry-run -d 'Only say'
+complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in events' -l exec -r -F -d 'Run this program for each event'
+complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in check' -l rtmp -x -d 'Where the server takes RTMP clients'
+complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in check' -l publish-test -d 'Send a short stream through the server'
+complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in metrics' -s o -l output -r -F -d 'Write them to this file'
+complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in serve' -l listen -x -d 'Address and port'
+complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in serve' -l host -x -d 'A name under which browsers reach it'
+complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in serve' -l allow-drop -d 'Let the page drop connections'
+complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in serve' -l token-file -r -F -d 'The file with the token'
+for command in metrics serve
+    complete -c v9_rtmp_ctl -n "__v9_rtmp_ctl_in $command" -l watchdog-state -r -F -d 'State of the watchdog'
+end
 complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_at raw' -l async -d 'Want no reply'
 complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_at completion' -a 'bash zsh fish'
-complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_at help' -a 'hello list streams drop watch raw completion version'
+complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_at help' -a 'hello list streams drop watch watchdog events check metrics serve raw completion version'

@@ -73,6 +73,11 @@ _v9_rtmp_ctl() {
         'streams:list the streams'
         'drop:drop connections'
         'watch:show streams and connections live'
+        'watchdog:drop clients that stand still, fall behind or hold a slot in vain'
+        'events:print a line when a client connects, publishes, plays, takes over or goes'
+        'check:look for what is wrong with the server, or will be'
+        'metrics:print metrics in the text format of Prometheus'
+        'serve:serve a status page and metrics over HTTP'
         'raw:send a command as it is and print the reply as JSON'
         'completion:print the completion script of a shell'
         'version:print the version of this tool'
@@ -126,10 +131,45 @@ _v9_rtmp_ctl() {
                     _arguments $global $streams_picked $addresses_picked $mode_picked \
                         '--interval=[time from one look to the next]:seconds'
                     ;;
+                watchdog)
+                    _arguments $global $dry_run \
+                        '--stalled=[drop a player that takes nothing]:seconds:(off)' \
+                        '--behind=[drop a player that is so much behind]:seconds:(off)' \
+                        '--unnamed=[drop a client without a stream name]:seconds:(off)' \
+                        '--silent=[drop a publisher that sends nothing]:seconds:(off)' \
+                        '--contested=[the same, while another one waits]:seconds:(off)' \
+                        '--age=[drop a player that has played for so long]:seconds:(off)' \
+                        '--stagger=[time from one such player to the next]:seconds' \
+                        '--long-name=[drop a client whose stream name is longer]:bytes:(off)' \
+                        '*--publish-from=[drop publishers from elsewhere]:prefix' \
+                        '--interval=[time from one look to the next]:seconds' \
+                        '--settle=[compare a client from so long after its choice]:seconds' \
+                        '--state=[keeps first-seen times in this directory]:directory:_files -/' \
+                        '--config=[read options from this file too]:file:_files'
+                    ;;
+                events)
+                    _arguments $global '--interval=[time from one look to the next]:seconds' \
+                        '--exec=[run this program for each event]:program:_files'
+                    ;;
+                check)
+                    _arguments $global '--rtmp=[where the server takes RTMP clients]:address' \
+                        '--publish-test[send a short stream through the server]'
+                    ;;
+                metrics)
+                    _arguments $global '(-o --output)'{-o,--output}'=[write them to this file]:file:_files' \
+                        '--interval=[time from one look to the next]:seconds' \
+                        "--watchdog-state=[the directory of the watchdog's state]:directory:_directories"
+                    ;;
+                serve)
+                    _arguments $global '--listen=[where to listen]:address and port' \
+                        '*--host=[a name under which browsers reach it]:name' \
+                        '--allow-drop[let the page drop connections]' '--token-file=[the file with the token]:file:_files' \
+                        "--watchdog-state=[the directory of the watchdog's state]:directory:_directories"
+                    ;;
                 raw) _arguments $global '--async[want no reply]' '1:command:(hello)' '*:argument:' ;;
                 completion) _arguments $global '1:shell:(bash zsh fish)' ;;
                 help)
-                    _arguments $global '1:command:(hello list streams drop watch raw completion version)' \
+                    _arguments $global '1:command:(hello list streams drop watch watchdog events check metrics serve raw completion version)' \
                         '2:what:(id stream address unnamed)'
                     ;;
                 *) _arguments $global ;;

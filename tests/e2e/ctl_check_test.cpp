@@ -1,0 +1,128 @@
+// v9_rtmp_ctl check and events against the real server.
+#include "tests/support/program_process.h"
+#include "tests/support/rtmp_client.h"
+#include "tests/support/server_process.h"
+#include "tests/support/tool_run.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+using testing::AllOf;
+using testing::HasSubstr;
+using testing::MatchesRegex;
+using testing::Not;
+
+constexpr int WARNING = 1;
+constexpr int CRITICAL = 2;
+constexpr int UNKNOWN = 3;
+
+std::string time_and(const std::string& event) {
+    return "[0-9-]* [0-9:]* " + event;
+}
+
+}  // namespace
+
+TEST(ctl_check, sends_a_stream_through_the_server_and_says_what_would_bite_later) {
+    ServerProcess server;
+    const ProgramRun run = run_tool({"check", "--publish-test"});
+    // The test reads the server's standard error through a pipe.
+    EXPECT_EQ(run.end, (ProgramEnd{WARNING, 0})) << run.out;
+    EXPECT_EQ(run.err, "");
+    for (const char* const line :
+         {"ok: control socket: it answered in ", "ok: list: it came in ",
+          "ok: slots: 0 of 128 slots are used\n", " alone listens on it\n", "ok: RTMP: handshake in ",
+          "ok: relay: a message came through in ",
+          "ok: descriptors: ", "ok: threads: ", "warning: log: standard error leads to a pipe"}) {
+        EXPECT_THAT(run.out, HasSubstr(line));
+    }
+    EXPECT_THAT(run.out, Not(HasSubstr("critical: ")));
+    server.err().wait_for_line_starting("Connection for play unsubscribed from 'check_");
+    EXPECT_EQ(server.count("AMF0 error command"), 0U);
+    EXPECT_EQ(server.err().count_starting("Hrmph"), 0U);
+}
+
+TEST(ctl_check, without_a_server_is_critical) {
+    const ProgramRun run = run_tool({"check", "--quiet"});
+    EXPECT_EQ(run.end, (ProgramEnd{CRITICAL, 0}));
+    EXPECT_THAT(
+        run.out,
+        AllOf(HasSubstr("critical: control socket: there is no socket at "),
+              HasSubstr("critical: RTMP: 127.0.0.1:1935: it takes no connection (Connection refused)"),
+              Not(HasSubstr("ok: "))));
+}
+
+TEST(ctl_check, a_server_that_does_not_answer_is_critical) {
+    ServerProcess server;
+    server.pause();
+    const ProgramRun run = run_tool({"check", "--timeout", "0.5"});
+    server.resume();
+    EXPECT_EQ(run.end, (ProgramEnd{CRITICAL, 0}));
+    EXPECT_THAT(run.out, AllOf(HasSubstr("critical: control socket: the server did not answer in time"),
+                               HasSubstr("critical: RTMP: 127.0.0.1:1935: it did not answer in time")));
+}
+
+TEST(ctl_check, a_second_process_on_the_port_is_critical) {
+    ServerProcess first;
+    ServerOptions options;
+    options.beside_another = true;
+    ServerProcess second(options);
+    const ProgramRun run = run_tool({"check"});
+    EXPECT_EQ(run.end, (ProgramEnd{CRITICAL, 0}));
+    EXPECT_THAT(run.out, HasSubstr("critical: port: 2 processes listen on port 1935"));
+}
+
+TEST(ctl_check, what_it_does_not_understand_is_unknown) {
+    for (const char* const word : {"--no-such-option", "--rtmp=nowhere", "word"}) {
+        EXPECT_EQ(run_tool({"check", word}).end, (ProgramEnd{UNKNOWN, 0})) << word;
+    }
+}
+
+TEST(ctl_events, tell_of_each_client_and_run_a_program_for_each) {
+    ServerProcess server;
+    const std::string hook = "/run/hook";
+    std::ofstream(hook) << "#!/bin/sh\necho \"$V9_EVENT $V9_STREAM $V9_MODE\" >> /run/hook.out\n";
+    std::filesystem::permissions(hook, std::filesystem::perms::owner_all);
+    RtmpClient first = publishing_client("cam1");
+    ProgramProcess events({tool_path(), "events", "--interval", "0.1", "--exec", hook});
+    // What is there before the first look is no event. The hook's first line says that the looking has begun.
+    std::vector<RtmpClient> probes;
+    EXPECT_TRUE(holds_within(DEFAULT_WAIT, [&] {
+        probes.emplace_back();
+        return holds_within(Milliseconds{300}, [] { return std::filesystem::exists("/run/hook.out"); });
+    }));
+    const RtmpClient second = publishing_client("cam1");
+    const auto wait_for = [&](const std::string& text) {
+        EXPECT_TRUE(holds_within(DEFAULT_WAIT,
+                                 [&] { return events.out().raw_text().find(text) != std::string::npos; }))
+            << text << "\n"
+            << events.out().raw_text();
+    };
+    wait_for(", publish of 'cam1' from " + second.local_address() + "\n");
+    const std::string address = first.local_address();
+    first.close();
+    wait_for(", publish of 'cam1' from " + second.local_address() + " after 0, publish of 'cam1' from " +
+             address + "\n");
+    EXPECT_TRUE(holds_within(DEFAULT_WAIT, [] {
+        std::ostringstream text;
+        text << std::ifstream("/run/hook.out").rdbuf();
+        return text.str().find("gone cam1 publish\ntakeover cam1 publish\n") != std::string::npos;
+    }));
+    for (const std::string& line : events.out().lines_since()) {
+        EXPECT_THAT(line,
+                    MatchesRegex(time_and("(connect|publish|gone|takeover) .* from 127\\.0\\.0\\.1:.*")));
+    }
+    events.send_signal(SIGINT);
+    EXPECT_EQ(events.wait_for_exit(), (ProgramEnd{0, 0}));
+    EXPECT_EQ(events.err().raw_text(), "");
+    std::filesystem::remove(hook);
+    std::filesystem::remove("/run/hook.out");
+}

@@ -1,0 +1,23 @@
+// Another machine: a network namespace that is joined to the test's own by a pair of interfaces, and can be cut off so
+// that nothing tells either side.
+#pragma once
+
+#include "tests/support/rtmp_client.h"
+
+#include <string>
+
+class FarSide {
+  public:
+    FarSide();
+    ~FarSide();
+    FarSide(const FarSide&) = delete;
+    FarSide& operator=(const FarSide&) = delete;
+
+    // A player that connects from there, from 192.0.2.2.
+    RtmpClient player(const std::string& stream_name, ClientOptions options = {}) const;
+
+    void cut_link() const;
+
+  private:
+    const int net;
+};

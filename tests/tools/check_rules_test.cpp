@@ -1,0 +1,102 @@
+#include "tools/v9_rtmp_ctl/check_rules.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+using testing::HasSubstr;
+using testing::Optional;
+
+namespace {
+
+const std::string LIMITS =
+    "Limit                     Soft Limit           Hard Limit           Units     \n"
+    "Max cpu time              unlimited            unlimited            seconds   \n"
+    "Max processes             1000                 2000                 processes \n"
+    "Max open files            1024                 4096                 files     \n";
+
+std::string limits_with(const std::string& processes, const std::string& files) {
+    return "Max processes             " + processes + "  2000 processes\nMax open files            " + files +
+           "  4096  files\n";
+}
+
+}  // namespace
+
+TEST(CheckRules, TheWorstFindingDecides) {
+    const Finding ok{Level::OK, "", ""};
+    const Finding warning{Level::WARNING, "", ""};
+    const Finding critical{Level::CRITICAL, "", ""};
+    const Finding unknown{Level::UNKNOWN, "", ""};
+    EXPECT_EQ(worst_of({}), Level::OK);
+    EXPECT_EQ(worst_of({ok, unknown}), Level::UNKNOWN);
+    EXPECT_EQ(worst_of({unknown, warning, ok}), Level::WARNING);
+    EXPECT_EQ(worst_of({critical, warning, unknown}), Level::CRITICAL);
+}
+
+TEST(CheckRules, LimitsAreReadFromTheKernelsTable) {
+    EXPECT_THAT(find_limit(LIMITS, "Max open files"), Optional(1024U));
+    EXPECT_THAT(find_limit(LIMITS, "Max cpu time"), Optional(~std::uint64_t{0}));
+    EXPECT_EQ(find_limit(LIMITS, "Max nothing"), std::nullopt);
+    EXPECT_EQ(find_limit("Max open files  x y\n", "Max open files"), std::nullopt);
+    EXPECT_EQ(find_cgroup("1:name=x:/a\n0::/system.slice/a.service\n"), "/system.slice/a.service");
+    EXPECT_EQ(find_cgroup("1:name=x:/a\n"), "");
+}
+
+TEST(CheckRules, SlotsWarnWhenATenthIsLeftAndAreCriticalWhenNoneIs) {
+    EXPECT_EQ(judge_slots(115).level, Level::OK);
+    EXPECT_EQ(judge_slots(116).level, Level::WARNING);
+    EXPECT_EQ(judge_slots(127).level, Level::WARNING);
+    EXPECT_EQ(judge_slots(128).level, Level::CRITICAL);
+}
+
+TEST(CheckRules, DescriptorsAndThreadsSufficeForAFullTable) {
+    EXPECT_EQ(judge_descriptor_limit(LIMITS).level, Level::OK);
+    EXPECT_EQ(judge_descriptor_limit(limits_with("1", "256")).level, Level::OK);
+    EXPECT_EQ(judge_descriptor_limit(limits_with("1", "255")).level, Level::WARNING);
+    EXPECT_EQ(judge_descriptor_limit(std::nullopt).level, Level::UNKNOWN);
+    EXPECT_EQ(judge_thread_limit(limits_with("300", "1"), std::nullopt).level, Level::OK);
+    EXPECT_EQ(judge_thread_limit(limits_with("299", "1"), std::nullopt).level, Level::WARNING);
+    EXPECT_EQ(judge_thread_limit(LIMITS, "300\n").level, Level::OK);
+    EXPECT_THAT(judge_thread_limit(LIMITS, "299\n").text, HasSubstr("may have 299 threads"));
+    EXPECT_EQ(judge_thread_limit(LIMITS, "max\n").level, Level::OK);
+    EXPECT_EQ(judge_thread_limit(std::nullopt, "1\n").level, Level::UNKNOWN);
+}
+
+TEST(CheckRules, AServerWithoutAMemoryLimitIsAWarning) {
+    EXPECT_EQ(judge_memory_limit(std::nullopt).level, Level::WARNING);
+    EXPECT_EQ(judge_memory_limit("268435456\n").level, Level::OK);
+    EXPECT_EQ(judge_memory_limit("268435455\n").level, Level::WARNING);
+}
+
+TEST(CheckRules, StandardErrorMayLeadToTheJournalOrNowhere) {
+    EXPECT_EQ(judge_standard_error("socket:[123]").level, Level::OK);
+    EXPECT_EQ(judge_standard_error("/dev/null").level, Level::OK);
+    EXPECT_THAT(judge_standard_error("pipe:[123]").text, HasSubstr("the relay stops while its reader does"));
+    EXPECT_THAT(judge_standard_error("/dev/pts/0").text, HasSubstr("Start the server as a service"));
+    EXPECT_THAT(judge_standard_error("/var/log/a\nb").text,
+                HasSubstr("/var/log/a\\x0Ab, which strangers can fill"));
+    EXPECT_EQ(judge_standard_error(std::nullopt).level, Level::UNKNOWN);
+}
+
+TEST(CheckRules, ClockAndKernelAreLookedAt) {
+    EXPECT_EQ(judge_clock(true, true).level, Level::OK);
+    EXPECT_EQ(judge_clock(true, false).level, Level::WARNING);
+    EXPECT_EQ(judge_clock(false, false).level, Level::UNKNOWN);
+    EXPECT_EQ(judge_kernel(4096, 60000, 0).level, Level::OK);
+    EXPECT_THAT(judge_kernel(19, 60000, 0).text, HasSubstr("net.core.somaxconn is 19"));
+    EXPECT_THAT(judge_kernel(4096, 599, 0).text, HasSubstr("kernel.threads-max is 599"));
+    EXPECT_THAT(judge_kernel(4096, 60000, 2).text, HasSubstr("vm.overcommit_memory is 2"));
+    EXPECT_EQ(judge_kernel(std::nullopt, 60000, 0).level, Level::UNKNOWN);
+}
+
+TEST(CheckRules, EveryFindingThatIsNotOkSaysWhatToDo) {
+    for (const Finding& finding :
+         {judge_slots(120), judge_slots(128), judge_descriptor_limit(limits_with("1", "1")),
+          judge_descriptor_limit(std::nullopt), judge_thread_limit(limits_with("1", "1"), std::nullopt),
+          judge_memory_limit(std::nullopt), judge_memory_limit("1\n"), judge_standard_error("pipe:[1]"),
+          judge_standard_error("/dev/pts/1"), judge_standard_error("/x"), judge_clock(true, false),
+          judge_clock(false, false), judge_kernel(1, 1, 1), judge_kernel(4096, 1, 1),
+          judge_kernel(4096, 60000, 2), judge_kernel(std::nullopt, std::nullopt, std::nullopt)}) {
+        EXPECT_NE(finding.level, Level::OK);
+        EXPECT_TRUE(finding.text.ends_with('.') || finding.text.ends_with(").")) << finding.text;
+    }
+}

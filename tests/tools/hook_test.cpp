@@ -1,0 +1,62 @@
+#include "tools/v9_rtmp_ctl/hook.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+using testing::Optional;
+
+namespace {
+
+class Hook : public testing::Test {
+  protected:
+    ~Hook() override { std::filesystem::remove_all(directory); }
+
+    // A script of the shell's; what it writes to "$0.out" is its output.
+    std::optional<std::string> run(const std::string& script, std::uint64_t max_us = MAX_HOOK_US) {
+        std::filesystem::create_directories(directory);
+        std::ofstream(program) << "#!/bin/sh\n" << script << "\n";
+        std::filesystem::permissions(program, std::filesystem::perms::owner_all);
+        sigset_t mask;
+        sigemptyset(&mask);
+        return run_hook(program,
+                        {{"V9_EVENT", "play"}, {"V9_STREAM", "a b;$(touch owned)'\""}, {"V9_MODE", ""}}, mask,
+                        max_us);
+    }
+
+    std::string output() const {
+        std::ostringstream text;
+        text << std::ifstream(program + ".out").rdbuf();
+        return text.str();
+    }
+
+    const std::filesystem::path directory =
+        std::filesystem::path(testing::TempDir()) /
+        ("hook " + std::string(testing::UnitTest::GetInstance()->current_test_info()->name()));
+    const std::string program = directory / "program";
+};
+
+}  // namespace
+
+TEST_F(Hook, GetsValuesInItsEnvironmentAndNoArguments) {
+    EXPECT_EQ(run(R"(echo "$# $V9_EVENT $V9_STREAM ${V9_MODE-unset}." > "$0.out"; cat >> "$0.out")"),
+              std::nullopt);
+    EXPECT_EQ(output(), "0 play a b;$(touch owned)'\" .\n");
+}
+
+TEST_F(Hook, ThatFailsIsReported) {
+    EXPECT_THAT(run("exit 3"), Optional(std::string("ended with status 3")));
+    EXPECT_THAT(run("kill -TERM $$"), Optional(std::string("was ended by signal 15")));
+    sigset_t mask;
+    sigemptyset(&mask);
+    EXPECT_THAT(run_hook("/absent/program", {}, mask),
+                Optional(std::string("could not be started (No such file or directory)")));
+}
+
+TEST_F(Hook, ThatDoesNotEndIsKilled) {
+    EXPECT_THAT(run("exec sleep 100", 1000000),
+                Optional(std::string("ran for more than 1 s and was killed")));
+}

@@ -1,0 +1,32 @@
+#include "tools/v9_rtmp_ctl/listen_address.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+TEST(ListenAddress, IsAnAddressAndAPort) {
+    for (const char* const text : {"127.0.0.1:9935", "0.0.0.0:0", "[::1]:9935", "[::]:65535"}) {
+        const std::optional<ListenAddress> parsed = parse_listen_address(text);
+        ASSERT_TRUE(parsed) << text;
+        EXPECT_EQ(listen_address_text(parsed->address), text);
+    }
+}
+
+TEST(ListenAddress, IsNothingElse) {
+    for (const char* const text :
+         {"", ":9935", "127.0.0.1", "127.0.0.1:", "127.0.0.1:65536", "127.0.0.1:-1", "localhost:9935",
+          "::1:9935", "[::1]9935", "[::1", "[127.0.0.1]:1", "1.2.3.4:80 "}) {
+        EXPECT_FALSE(parse_listen_address(text)) << text;
+    }
+}
+
+TEST(HostOfARequest, MayHaveAPortOrNone) {
+    const std::optional<HostAndPort> with_port = split_host("Relay.example:9935");
+    ASSERT_TRUE(with_port);
+    EXPECT_EQ(with_port->host, "relay.example");
+    EXPECT_EQ(with_port->port, 9935);
+    const std::optional<HostAndPort> without = split_host("[FE80::1]");
+    ASSERT_TRUE(without);
+    EXPECT_EQ(without->host, "fe80::1");
+    EXPECT_TRUE(without->is_ipv6);
+    EXPECT_FALSE(without->port);
+}

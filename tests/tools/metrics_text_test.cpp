@@ -1,0 +1,133 @@
+#include "tools/v9_rtmp_ctl/metrics_text.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <set>
+#include <sstream>
+
+#include "tests/tools/observed_clients.h"
+
+using testing::HasSubstr;
+using testing::Not;
+using testing::StartsWith;
+
+namespace {
+
+const std::string HOSTILE = "a\"} 1\nevil_metric 9\n\\ \xff\xc3 \u202e{}\t";
+
+class Metrics : public testing::Test {
+  protected:
+    void look(std::uint64_t second, const std::vector<Connection>& connections) {
+        history.take_in({second * ONE_SECOND_US, connections});
+        series.take_in(history);
+        source.connections = connections;
+    }
+
+    // Of a server that answers, with everything that there can be.
+    std::string everything() {
+        look(1, {observed_publisher(0, "cam1", 100000), observed_player(1, "cam1", 50000)});
+        look(2, {observed_publisher(0, "cam1", 200000), observed_player(1, "cam1", 150000),
+                 observed_publisher(2, HOSTILE, 70000), observed_client(3, "", "", 0, 0)});
+        source.round_trip_s = 0.05;
+        source.process = {1.25, 1700000000.5, 9, 1000000, 500000, 17, 1024};
+        source.history = &history;
+        source.series = &series;
+        source.watchdog = make_statistics({}, false);
+        source.watchdog->rules[DropRule::STALLED].drops = 3;
+        source.watchdog->updated_unix_seconds = 1700000001;
+        return metrics_text(source);
+    }
+
+    ConnectionHistory history;
+    StreamSeries series;
+    MetricsSource source;
+};
+
+}  // namespace
+
+TEST_F(Metrics, TellThatTheServerDoesNotAnswer) {
+    const std::string text = metrics_text(source);
+    EXPECT_THAT(text, HasSubstr("\nv9_rtmp_up 0\n"));
+    EXPECT_THAT(text, Not(HasSubstr("v9_rtmp_connections")));
+}
+
+TEST_F(Metrics, OfAServerThatDoesNotAnswerAreItsCountersAlone) {
+    static_cast<void>(everything());
+    source.round_trip_s.reset();
+    source.connections.clear();
+    const std::string text = metrics_text(source);
+    EXPECT_THAT(text, HasSubstr(R"(v9_rtmp_stream_sent_bytes_total{stream="cam1"} 150000)"));
+    EXPECT_THAT(text, Not(HasSubstr("v9_rtmp_oldest_player_seconds")));
+    EXPECT_THAT(text, Not(HasSubstr("v9_rtmp_stream_players")));
+}
+
+TEST_F(Metrics, CountConnectionsStreamsAndBytes) {
+    const std::string text = everything();
+    for (const char* const line :
+         {"v9_rtmp_up 1", "v9_rtmp_slots 128", R"(v9_rtmp_connections{mode="publish"} 2)",
+          R"(v9_rtmp_connections{mode="play"} 1)", R"(v9_rtmp_connections{mode="none"} 1)",
+          R"(v9_rtmp_streams{state="live"} 2)", R"(v9_rtmp_streams{state="waiting"} 0)",
+          R"(v9_rtmp_stream_received_bytes_total{stream="cam1"} 200000)",
+          R"(v9_rtmp_stream_sent_bytes_total{stream="cam1"} 150000)",
+          R"(v9_rtmp_stream_players{stream="cam1"} 1)",
+          R"-(v9_rtmp_stream_received_bytes_total{stream="(other)"} 0)-", "v9_rtmp_oldest_player_seconds 1",
+          "v9_rtmp_control_round_trip_seconds 0.05", "v9_rtmp_server_cpu_seconds_total 1.25",
+          "v9_rtmp_server_threads 9", "v9_rtmp_server_open_fds 17",
+          R"(v9_rtmp_watchdog_drops_total{rule="stalled"} 3)",
+          R"(v9_rtmp_watchdog_drops_total{rule="age"} 0)"}) {
+        EXPECT_THAT("\n" + text, HasSubstr("\n" + std::string(line) + "\n"));
+    }
+}
+
+TEST_F(Metrics, OfOneListingLeaveOutWhatItCannotTell) {
+    source.connections = {observed_publisher(0, "cam1", 100000)};
+    source.round_trip_s = 0.05;
+    const std::string text = metrics_text(source);
+    EXPECT_THAT(text, HasSubstr(R"(v9_rtmp_streams{state="live"} 1)"));
+    EXPECT_THAT(text, Not(HasSubstr("_bytes_total")));
+    EXPECT_THAT(text, Not(HasSubstr("stall")));
+    EXPECT_THAT(text, Not(HasSubstr("v9_rtmp_server_")));
+}
+
+TEST_F(Metrics, AHostileStreamNameStaysAValue) {
+    const std::string text = everything();
+    EXPECT_THAT(text, HasSubstr("{stream=\"a\\\"} 1\\\\x0Aevil_metric 9\\\\x0A\\\\ \\\\xFF\\\\xC3 "
+                                "\\\\xE2\\\\x80\\\\xAE{}\\\\x09\"} 70000\n"));
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        EXPECT_TRUE(line.starts_with("# HELP v9_rtmp_") || line.starts_with("# TYPE v9_rtmp_") ||
+                    line.starts_with("v9_rtmp_"))
+            << line;
+    }
+}
+
+TEST_F(Metrics, EachHasItsHelpAndTypeOnce) {
+    std::istringstream lines(everything());
+    std::set<std::string> described;
+    std::string current;
+    for (std::string line; std::getline(lines, line);) {
+        if (line.starts_with("# HELP ")) {
+            current = line.substr(7, line.find(' ', 7) - 7);
+            EXPECT_TRUE(described.insert(current).second) << current;
+            std::getline(lines, line);
+            EXPECT_THAT(line,
+                        testing::AnyOf("# TYPE " + current + " gauge", "# TYPE " + current + " counter"));
+            EXPECT_EQ(line.ends_with(" counter"), current.ends_with("_total")) << current;
+        } else {
+            EXPECT_THAT(line, StartsWith(current));
+        }
+    }
+}
+
+TEST_F(Metrics, TwoNamesThatLookTheSameShareASeries) {
+    look(1, {observed_publisher(0, "a\xff", 100000), observed_publisher(1, "a\\xFF", 100000)});
+    source.round_trip_s = 0.05;
+    source.history = &history;
+    source.series = &series;
+    EXPECT_THAT(metrics_text(source), HasSubstr("{stream=\"a\\\\xFF\"} 200000\n"));
+}
+
+TEST(MetricsLabel, EscapesWhatEndsAValueOrALine) {
+    EXPECT_EQ(escape_label("a\"b\\c\nd"), R"(a\"b\\c\nd)");
+}

@@ -1,0 +1,63 @@
+#include "tools/v9_rtmp_ctl/state_file.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <fstream>
+
+using testing::Optional;
+
+namespace {
+
+class StateFile : public testing::Test {
+  protected:
+    StateFile() {
+        std::filesystem::remove_all(directory);
+        std::filesystem::create_directory(directory);
+    }
+    ~StateFile() override { std::filesystem::remove_all(directory); }
+
+    const std::filesystem::path directory =
+        std::filesystem::path(testing::TempDir()) /
+        ("state_file_" + std::string(testing::UnitTest::GetInstance()->current_test_info()->name()));
+    const std::string path = directory / "state.json";
+};
+
+}  // namespace
+
+TEST_F(StateFile, IsReadAsItWasWritten) {
+    const std::string text(300000, 'x');
+    ASSERT_TRUE(replace_file(path, "first"));
+    ASSERT_TRUE(replace_file(path, text));
+    EXPECT_THAT(read_file(path), Optional(text));
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(directory), {}), 1);
+}
+
+TEST_F(StateFile, ThatIsAbsentHasNoText) {
+    EXPECT_EQ(read_file(path), std::nullopt);
+    EXPECT_EQ(errno, ENOENT);
+}
+
+TEST_F(StateFile, ATemporaryFileThatWasLeftIsReplacedAndNotFollowed) {
+    const std::string other = directory / "other";
+    std::ofstream(other) << "other";
+    std::filesystem::create_symlink(other, path + ".new");
+    ASSERT_TRUE(replace_file(path, "text"));
+    EXPECT_THAT(read_file(path), Optional(std::string("text")));
+    EXPECT_THAT(read_file(other), Optional(std::string("other")));
+}
+
+TEST_F(StateFile, StaysAsItWasWhenItCannotBeReplaced) {
+    EXPECT_FALSE(replace_file(directory / "absent" / "state.json", "text"));
+    EXPECT_EQ(errno, ENOENT);
+    std::filesystem::create_directory(path);
+    EXPECT_FALSE(replace_file(path, "text"));
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(directory), {}), 1);
+}
+
+TEST(BootId, IsTheSameWhenReadAgain) {
+    EXPECT_FALSE(boot_id().empty());
+    EXPECT_EQ(boot_id(), boot_id());
+}

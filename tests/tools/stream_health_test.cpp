@@ -1,0 +1,104 @@
+#include "tools/v9_rtmp_ctl/stream_health.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tests/tools/observed_clients.h"
+
+using testing::ElementsAre;
+using testing::Pair;
+
+namespace {
+
+class Health : public testing::Test {
+  protected:
+    template <typename MakeConnections>
+    void seconds(unsigned count, const MakeConnections& make_connections) {
+        for (unsigned i = 0; i < count; ++i) {
+            ++now_s;
+            last = make_connections(now_s);
+            history.take_in({now_s * ONE_SECOND_US, last});
+        }
+    }
+    ClientHealth of(std::size_t idx) const { return client_health(history, history.clients().at(idx)); }
+
+    std::uint64_t now_s = 0;
+    std::vector<Connection> last;
+    ConnectionHistory history;
+};
+
+}  // namespace
+
+TEST_F(Health, APlayerThatStandsStillWhileItsStreamGoesOnIsStalled) {
+    seconds(20, [](std::uint64_t s) {
+        return std::vector{observed_publisher(0, "cam1", 1000 * s), observed_player(1, "cam1", 1000 * s)};
+    });
+    EXPECT_FALSE(of(1).is_stalled);
+    seconds(4, [](std::uint64_t s) {
+        return std::vector{observed_publisher(0, "cam1", 1000 * s), observed_player(1, "cam1", 20000)};
+    });
+    EXPECT_FALSE(of(1).is_stalled);
+    seconds(1, [](std::uint64_t s) {
+        return std::vector{observed_publisher(0, "cam1", 1000 * s), observed_player(1, "cam1", 20000)};
+    });
+    EXPECT_TRUE(of(1).is_stalled);
+    EXPECT_EQ(of(1).still_us, 5 * ONE_SECOND_US);
+}
+
+TEST_F(Health, PlayersOfASilentPublisherAreNotStalled) {
+    seconds(30, [](std::uint64_t s) {
+        return std::vector{observed_publisher(0, "cam1", s < 10 ? 1000 * s : 10000),
+                           observed_player(1, "cam1", s < 10 ? 1000 * s : 10000)};
+    });
+    EXPECT_FALSE(of(1).is_stalled);
+    EXPECT_THAT(stream_states(last, &history), ElementsAre(Pair("cam1", StreamState::SILENT)));
+}
+
+TEST_F(Health, APlayerThatReadsSlowlyIsBehindTheForemost) {
+    seconds(40, [](std::uint64_t s) {
+        return std::vector{observed_publisher(0, "cam1", 1000 * s), observed_player(1, "cam1", 1000 * s),
+                           observed_player(2, "cam1", 500 * s)};
+    });
+    EXPECT_EQ(of(1).behind_us, 0U);
+    // Half of what the other one got, in the 34 s since both could be compared or a little more.
+    EXPECT_GE(of(2).behind_us, 17 * ONE_SECOND_US);
+    EXPECT_LE(of(2).behind_us, 20 * ONE_SECOND_US);
+}
+
+TEST_F(Health, ALonePlayerIsNotBehind) {
+    seconds(40, [](std::uint64_t s) {
+        return std::vector{observed_publisher(0, "cam1", 1000 * s), observed_player(1, "cam1", 500 * s)};
+    });
+    EXPECT_EQ(of(1).behind_us, 0U);
+}
+
+TEST_F(Health, APlayerNearsTheLimitOfItsTimestampsTwentyMinutesBefore) {
+    const auto both = [](std::uint64_t s) {
+        return std::vector{observed_publisher(0, "cam1", 1000 * s), observed_player(1, "cam1", 1000 * s)};
+    };
+    seconds(1, both);
+    now_s += NEAR_LIMIT_US / ONE_SECOND_US - 2;
+    seconds(1, both);
+    EXPECT_FALSE(of(1).is_near_limit);
+    seconds(2, both);
+    EXPECT_TRUE(of(1).is_near_limit);
+    EXPECT_FALSE(of(0).is_near_limit);
+}
+
+TEST_F(Health, AStreamWaitsUntilItHasAPublisher) {
+    seconds(1, [](std::uint64_t s) {
+        return std::vector{observed_player(0, "lobby", s), observed_publisher(1, "cam1", s),
+                           observed_client(2, "", "", 0, 0)};
+    });
+    EXPECT_THAT(stream_states(last, &history),
+                ElementsAre(Pair("cam1", StreamState::LIVE), Pair("lobby", StreamState::WAITING)));
+    EXPECT_THAT(stream_states(last, nullptr),
+                ElementsAre(Pair("cam1", StreamState::LIVE), Pair("lobby", StreamState::WAITING)));
+}
+
+TEST_F(Health, AStreamIsLiveWhileOneOfItsPublishersSends) {
+    seconds(10, [](std::uint64_t s) {
+        return std::vector{observed_publisher(0, "cam1", 5), observed_publisher(1, "cam1", 1000 * s)};
+    });
+    EXPECT_THAT(stream_states(last, &history), ElementsAre(Pair("cam1", StreamState::LIVE)));
+}

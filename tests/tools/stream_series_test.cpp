@@ -1,0 +1,111 @@
+#include "tools/v9_rtmp_ctl/stream_series.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tests/tools/observed_clients.h"
+
+using testing::Contains;
+using testing::IsEmpty;
+using testing::Key;
+using testing::Not;
+using testing::SizeIs;
+
+namespace {
+
+class Series : public testing::Test {
+  protected:
+    void look(std::uint64_t second, const std::vector<Connection>& connections) {
+        history.take_in({second * ONE_SECOND_US, connections});
+        series.take_in(history);
+    }
+
+    // As many publishers as there are series, of streams s0, s1 and so on.
+    static std::vector<Connection> full_house(std::uint64_t received) {
+        std::vector<Connection> connections;
+        for (unsigned id = 0; id < StreamSeries::MAX_SERIES; ++id) {
+            connections.push_back(observed_publisher(id, "s" + std::to_string(id), received + id));
+        }
+        return connections;
+    }
+
+    ConnectionHistory history;
+    StreamSeries series;
+};
+
+constexpr std::uint64_t MUCH = 1000000;
+
+}  // namespace
+
+TEST_F(Series, AStreamHasItsOwnOnceItHasCarriedSomething) {
+    look(1, {observed_publisher(0, "cam1", StreamSeries::MIN_BYTES - 1)});
+    EXPECT_THAT(series.listed(), IsEmpty());
+    EXPECT_EQ(series.other().bytes_received, StreamSeries::MIN_BYTES - 1);
+    look(2, {observed_publisher(0, "cam1", StreamSeries::MIN_BYTES + 99)});
+    EXPECT_EQ(series.listed().at("cam1").bytes_received, 100U);
+    EXPECT_EQ(series.other().bytes_received, StreamSeries::MIN_BYTES - 1);
+}
+
+TEST_F(Series, ACounterGoesOnWhereItsClientComesBack) {
+    look(1, {observed_publisher(0, "cam1", MUCH)});
+    look(2, {});
+    look(3, {observed_publisher(4, "cam1", 500)});
+    EXPECT_EQ(series.listed().at("cam1").bytes_received, MUCH + 500);
+}
+
+TEST_F(Series, NamesBeyondTheMostAreCountedTogether) {
+    look(1, full_house(MUCH));
+    EXPECT_THAT(series.listed(), SizeIs(StreamSeries::MAX_SERIES));
+    std::vector<Connection> more = full_house(MUCH);
+    more.push_back(observed_publisher(100, "one_more", MUCH));
+    look(2, more);
+    EXPECT_THAT(series.listed(), SizeIs(StreamSeries::MAX_SERIES));
+    EXPECT_THAT(series.listed(), Not(Contains(Key("one_more"))));
+    EXPECT_EQ(series.other().bytes_received, MUCH);
+}
+
+TEST_F(Series, TheSmallestGivesWayToANameOfTwiceItsBytes) {
+    look(1, full_house(MUCH));
+    std::vector<Connection> more = full_house(MUCH);
+    more.push_back(observed_publisher(100, "large", 2 * MUCH));
+    look(2, more);
+    EXPECT_THAT(series.listed(), Contains(Key("large")));
+    EXPECT_THAT(series.listed(), Not(Contains(Key("s0"))));
+    EXPECT_THAT(series.listed(), SizeIs(StreamSeries::MAX_SERIES));
+    more.back() = observed_publisher(100, "large", 2 * MUCH + 7);
+    look(3, more);
+    EXPECT_EQ(series.listed().at("large").bytes_received, 2 * MUCH + 7);
+}
+
+TEST_F(Series, AStreamThatHasLongBeenGoneGivesWay) {
+    look(1, full_house(MUCH));
+    look(2, {});
+    const std::uint64_t kept_s = StreamSeries::KEEP_US / ONE_SECOND_US;
+    look(kept_s, {observed_publisher(0, "new", MUCH)});
+    EXPECT_THAT(series.listed(), Not(Contains(Key("new"))));
+    look(kept_s + 1, {observed_publisher(0, "new", MUCH + 5)});
+    EXPECT_EQ(series.listed().at("new").bytes_received, 5U);
+}
+
+TEST_F(Series, NamesThatComeAndGoDoNotAddUp) {
+    for (unsigned second = 1; second < 2000; ++second) {
+        look(second, {observed_publisher(second % 128, "name" + std::to_string(second), MUCH)});
+    }
+    EXPECT_THAT(series.listed(), SizeIs(StreamSeries::MAX_SERIES));
+}
+
+TEST_F(Series, AStreamThatIsCalledLikeAllOthersHasNoneOfItsOwn) {
+    look(1, {observed_publisher(0, OTHER_STREAMS, MUCH)});
+    EXPECT_THAT(series.listed(), IsEmpty());
+    EXPECT_EQ(series.other().bytes_received, MUCH);
+}
+
+TEST(StreamLabel, KeepsWhatCanBeSeen) {
+    EXPECT_EQ(stream_label("cam1"), "cam1");
+    EXPECT_EQ(stream_label("K\u00fcche \u98a8 \U0001f39e"), "K\u00fcche \u98a8 \U0001f39e");
+    EXPECT_EQ(stream_label("a\tb\nc\x7f"), "a\\x09b\\x0Ac\\x7F");
+    EXPECT_EQ(stream_label("\xff\xfe"), "\\xFF\\xFE");
+    EXPECT_EQ(stream_label("\u202egpj"), "\\xE2\\x80\\xAEgpj");
+    EXPECT_EQ(stream_label("\u200b\ufeff\u0085"), "\\xE2\\x80\\x8B\\xEF\\xBB\\xBF\\xC2\\x85");
+    EXPECT_EQ(stream_label(""), "");
+}

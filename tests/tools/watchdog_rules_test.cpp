@@ -1,0 +1,458 @@
+#include "tools/v9_rtmp_ctl/watchdog_rules.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <functional>
+
+using testing::AllOf;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::Field;
+using testing::IsEmpty;
+using testing::Not;
+using testing::SizeIs;
+
+namespace {
+
+constexpr std::uint64_t SECOND = 1000000;
+constexpr std::uint64_t FOUR_MBIT = 500000;  // bytes per second
+
+// Media bytes of a client in dependence of the second; the first listing is that of second 1.
+using Media = std::function<std::uint64_t(std::uint64_t second)>;
+
+// One that gets, or sends, as much each second.
+Media steady(std::uint64_t bytes_per_second) {
+    return [bytes_per_second](std::uint64_t s) { return s * bytes_per_second; };
+}
+
+// One that stands still from a second on.
+Media until(std::uint64_t last_second, std::uint64_t bytes_per_second = FOUR_MBIT) {
+    return [=](std::uint64_t s) { return std::min(s, last_second) * bytes_per_second; };
+}
+
+struct Client {
+    unsigned id = 0;
+    std::string mode;
+    Media media;
+    std::uint64_t first_second = 1;
+    std::string stream = "cam1";
+    std::string address = "203.0.113.7";
+};
+
+// Clients that are listed once a second.
+class WatchdogRules : public testing::Test {
+  protected:
+    void player(unsigned id, Media media, std::uint64_t first_second = 1) {
+        clients.push_back({id, "play", std::move(media), first_second});
+    }
+    void publisher(unsigned id, Media media, std::uint64_t first_second = 1) {
+        clients.push_back({id, "publish", std::move(media), first_second});
+    }
+
+    std::vector<Verdict> at(std::uint64_t second) {
+        EXPECT_GE(second, now_s) << "time does not go back";
+        while (now_s < second) {
+            look();
+        }
+        return judge(history, limits, age_drops);
+    }
+
+    // The first second in which a client is judged, up to a last one; 0 for never.
+    std::uint64_t first_verdict(std::uint64_t last_second) {
+        while (now_s < last_second) {
+            look();
+            if (!judge(history, limits, age_drops).empty()) {
+                return now_s;
+            }
+        }
+        return 0;
+    }
+
+    std::vector<unsigned> ids(const std::vector<Verdict>& verdicts) {
+        std::vector<unsigned> found;
+        for (const Verdict& verdict : verdicts) {
+            found.push_back(verdict.target.id);
+        }
+        return found;
+    }
+
+    void only(DropRule rule) {
+        const WatchdogLimits all;
+        limits = WatchdogLimits{std::nullopt, std::nullopt, std::nullopt, std::nullopt,  std::nullopt,
+                                std::nullopt, std::nullopt, {},           all.stagger_us};
+        switch (rule) {
+            case DropRule::STALLED:
+                limits.stalled_us = all.stalled_us;
+                break;
+            case DropRule::BEHIND:
+                limits.behind_us = all.behind_us;
+                break;
+            case DropRule::AGE:
+                limits.age_us = all.age_us;
+                break;
+            case DropRule::SILENT:
+                limits.silent_us = all.silent_us;
+                break;
+            case DropRule::LONG_NAME:
+            case DropRule::ORIGIN:
+            case DropRule::UNNAMED:
+            case DropRule::CONTESTED:
+                FAIL() << "not used";
+        }
+        history = make_history();
+    }
+
+    ConnectionHistory make_history() const {
+        return ConnectionHistory(history_times(limits, 5 * SECOND, SECOND));
+    }
+
+    std::vector<Client> clients;
+    WatchdogLimits limits;
+    AgeDrops age_drops;
+    std::uint64_t now_s = 0;
+    ConnectionHistory history{history_times(WatchdogLimits(), 5 * SECOND, SECOND)};
+
+  private:
+    void look() {
+        ++now_s;
+        Listing listing{now_s * SECOND, {}};
+        for (const Client& client : clients) {
+            if (now_s < client.first_second) {
+                continue;
+            }
+            Connection connection;
+            connection.id = client.id;
+            connection.mode = client.mode;
+            connection.stream = client.stream;
+            connection.address = client.address + ":" + std::to_string(40000 + client.id);
+            const std::uint64_t media = 4000 + client.media(now_s);
+            connection.bytes_sent = client.mode == "publish" ? 3500 : media;
+            connection.bytes_received = client.mode == "publish" ? media : 3500;
+            listing.connections.push_back(connection);
+        }
+        history.take_in(listing);
+    }
+};
+
+auto verdict(unsigned id, DropRule rule, const std::string& reason) {
+    return AllOf(Field(&Verdict::target, Field(&Connection::id, id)), Field(&Verdict::rule, rule),
+                 Field(&Verdict::reason, reason));
+}
+
+}  // namespace
+
+TEST_F(WatchdogRules, APlayerThatStandsStillBesideOthersIsDroppedAfterThirtySeconds) {
+    only(DropRule::STALLED);
+    publisher(1, steady(FOUR_MBIT));
+    player(2, steady(FOUR_MBIT));
+    player(3, until(100));
+    EXPECT_THAT(at(129), IsEmpty());
+    EXPECT_THAT(at(130),
+                ElementsAre(verdict(3, DropRule::STALLED,
+                                    "it has taken nothing for 30 s while other players of the stream "
+                                    "did")));
+}
+
+TEST_F(WatchdogRules, ALonePlayerThatStandsStillIsJudgedByThePublisher) {
+    only(DropRule::STALLED);
+    publisher(1, steady(FOUR_MBIT));
+    player(3, until(100));
+    EXPECT_THAT(at(129), IsEmpty());
+    EXPECT_THAT(at(130), ElementsAre(verdict(3, DropRule::STALLED,
+                                             "it has taken nothing for 30 s while the publisher went on")));
+}
+
+TEST_F(WatchdogRules, ALonePlayerOfAStreamWithoutAPublisherIsKept) {
+    player(3, until(1));
+    EXPECT_EQ(first_verdict(3000), 0U);
+}
+
+TEST_F(WatchdogRules, ALonePlayerIsKeptWhileItIsNotKnownWhichOfTwoPublishersIsRelayed) {
+    only(DropRule::STALLED);
+    publisher(1, steady(FOUR_MBIT));
+    publisher(2, until(50));
+    player(3, until(50));
+    EXPECT_EQ(first_verdict(3000), 0U);
+}
+
+TEST_F(WatchdogRules, WhenAllPlayersStandStillOnlyTheirPublisherIsASuspect) {
+    publisher(1, steady(FOUR_MBIT));
+    for (unsigned id = 2; id < 22; ++id) {
+        player(id, until(100));
+    }
+    EXPECT_EQ(first_verdict(3000), 0U);
+}
+
+TEST_F(WatchdogRules, OfTwentyPlayersOfAFrozenPublisherWithAWaitingRivalNoneIsDropped) {
+    publisher(1, until(100));
+    publisher(30, steady(FOUR_MBIT), 20);
+    for (unsigned id = 2; id < 22; ++id) {
+        player(id, until(100));
+    }
+    EXPECT_THAT(at(114), IsEmpty());
+    EXPECT_THAT(at(115), ElementsAre(verdict(
+                             1, DropRule::CONTESTED,
+                             "it has sent nothing for 15 s while another publisher of the stream waits")));
+    for (std::uint64_t s = 116; s < 1000; ++s) {
+        ASSERT_THAT(ids(at(s)), ElementsAre(1)) << s;
+    }
+}
+
+// What a new player is sent first is no sign that the others could have got something.
+TEST_F(WatchdogRules, PlayersThatJoinAFrozenStreamMakeNoOtherOnesLookStalled) {
+    only(DropRule::STALLED);
+    limits.behind_us = WatchdogLimits().behind_us;
+    publisher(1, until(100));
+    for (unsigned id = 2; id < 12; ++id) {
+        player(id, until(100));
+    }
+    for (unsigned i = 0; i < 20; ++i) {
+        const std::uint64_t join = 110 + 10 * i;
+        player(
+            40 + i, [join](std::uint64_t s) { return s < join + 2 ? 0 : 60000; }, join);
+    }
+    EXPECT_EQ(first_verdict(1000), 0U);
+}
+
+TEST_F(WatchdogRules, AnswersToWhatAPlayerSendsAreNoMedia) {
+    only(DropRule::STALLED);
+    publisher(1, until(100));
+    player(2, until(100));
+    player(3, [](std::uint64_t s) { return std::min<std::uint64_t>(s, 100) * FOUR_MBIT + s * 100; });
+    EXPECT_EQ(first_verdict(1000), 0U);
+}
+
+TEST_F(WatchdogRules, ASecondPlayerThatHasJustJoinedDoesNotProtectOneThatStandsStill) {
+    only(DropRule::STALLED);
+    publisher(1, steady(FOUR_MBIT));
+    player(2, until(100));
+    player(3, steady(FOUR_MBIT), 120);
+    EXPECT_THAT(ids(at(130)), ElementsAre(2));
+}
+
+TEST_F(WatchdogRules, APlayerThatStandsStillForLessThanTheLimitIsKept) {
+    only(DropRule::STALLED);
+    publisher(1, steady(FOUR_MBIT));
+    player(2, steady(FOUR_MBIT));
+    player(3, [](std::uint64_t s) { return (s - s % 29) * FOUR_MBIT; });
+    EXPECT_EQ(first_verdict(1000), 0U);
+}
+
+TEST_F(WatchdogRules, AReaderOfAKilobyteASecondIsDroppedThoughItNeverStandsStill) {
+    publisher(1, steady(FOUR_MBIT));
+    player(2, steady(FOUR_MBIT));
+    player(4, steady(FOUR_MBIT));
+    player(3, [](std::uint64_t s) { return std::min<std::uint64_t>(s, 100) * FOUR_MBIT + s * 1000; });
+    EXPECT_THAT(at(115), IsEmpty());
+    EXPECT_THAT(at(116), ElementsAre(verdict(3, DropRule::BEHIND,
+                                             "it is more than 15 s behind other players of the stream")));
+}
+
+TEST_F(WatchdogRules, ALoneReaderOfAKilobyteASecondIsJudgedByThePublisher) {
+    publisher(1, steady(FOUR_MBIT));
+    player(3, steady(1000));
+    // Both settle in second 6; a tenth may be headers.
+    EXPECT_THAT(at(21), IsEmpty());
+    EXPECT_THAT(at(23),
+                ElementsAre(verdict(3, DropRule::BEHIND, "it is more than 15 s behind its publisher")));
+}
+
+TEST_F(WatchdogRules, HeadersOfDifferentSizeMakeNoLonePlayerLookBehind) {
+    publisher(1, steady(FOUR_MBIT));
+    player(3, steady(FOUR_MBIT / 100 * 91));
+    EXPECT_EQ(first_verdict(10000), 0U);
+}
+
+TEST_F(WatchdogRules, OneThatReadsNineTenthsBesideOthersIsDroppedInTheEnd) {
+    publisher(1, steady(FOUR_MBIT));
+    player(2, steady(FOUR_MBIT));
+    player(3, steady(FOUR_MBIT / 10 * 9));
+    // 15 s at a tenth of the speed.
+    EXPECT_NEAR(static_cast<double>(first_verdict(1000)), 157, 3);
+}
+
+TEST_F(WatchdogRules, ManySlowReadersDoNotProtectEachOther) {
+    publisher(1, steady(FOUR_MBIT));
+    player(2, steady(FOUR_MBIT));
+    for (unsigned id = 3; id < 40; ++id) {
+        player(id, steady(1000));
+    }
+    EXPECT_THAT(at(60), SizeIs(37));
+}
+
+TEST_F(WatchdogRules, PlayersThatStandStillDoNotProtectOneThatFallsBehind) {
+    only(DropRule::BEHIND);
+    publisher(1, steady(FOUR_MBIT));
+    player(2, steady(FOUR_MBIT));
+    for (unsigned id = 3; id < 10; ++id) {
+        player(id, until(100));
+    }
+    player(10, [](std::uint64_t s) { return std::min<std::uint64_t>(s, 200) * FOUR_MBIT + s * 1000; });
+    EXPECT_THAT(ids(at(215)), Not(Contains(10)));
+    EXPECT_THAT(ids(at(216)), Contains(10));
+}
+
+TEST_F(WatchdogRules, APlayerThatCatchesUpIsKept) {
+    publisher(1, steady(FOUR_MBIT));
+    player(2, steady(FOUR_MBIT));
+    player(4, steady(FOUR_MBIT));
+    // Stands for 14 seconds of each 100, and then has everything.
+    player(3, [](std::uint64_t s) { return (s % 100 < 14 ? s - s % 100 : s) * FOUR_MBIT; });
+    EXPECT_EQ(first_verdict(2000), 0U);
+}
+
+// The other one settles while this one is slow, and then seems ahead by what it was behind.
+TEST_F(WatchdogRules, OneThatCatchesUpMakesNoOtherOneLookBehind) {
+    publisher(1, steady(FOUR_MBIT));
+    player(2, [](std::uint64_t s) { return (s >= 95 && s < 109 ? 95 : s) * FOUR_MBIT; });
+    // Settles in second 105; it has short pauses of its own later.
+    player(
+        3, [](std::uint64_t s) { return (s % 60 < 10 ? s - s % 60 : s) * FOUR_MBIT; }, 100);
+    player(4, steady(FOUR_MBIT));
+    player(5, steady(FOUR_MBIT));
+    EXPECT_EQ(first_verdict(1000), 0U);
+}
+
+TEST_F(WatchdogRules, AStreamThatPausesMakesNoPlayerLookBehind) {
+    const Media pausing = [](std::uint64_t s) {
+        return (s / 100 * 50 + std::min<std::uint64_t>(s % 100, 50)) * FOUR_MBIT;
+    };
+    only(DropRule::BEHIND);
+    publisher(1, pausing);
+    player(2, pausing);
+    // Ten seconds later than the other.
+    player(3, [pausing](std::uint64_t s) { return s < 10 ? 0 : pausing(s - 10); });
+    EXPECT_EQ(first_verdict(2000), 0U);
+}
+
+TEST_F(WatchdogRules, ALonePlayerThatGetsEverythingIsKept) {
+    publisher(1, steady(FOUR_MBIT));
+    player(2, steady(FOUR_MBIT));
+    EXPECT_EQ(first_verdict(10000), 0U);
+}
+
+TEST_F(WatchdogRules, PublishersThatSendLittleOrSeldomAreKeptAndSoAreTheirPlayers) {
+    struct Row {
+        const char* what;
+        Media sent;
+        Media got;
+    };
+    const Row rows[] = {
+        {"metadata that players are sent, every 20 s", [](std::uint64_t s) { return s / 20 * 400; },
+         [](std::uint64_t s) { return s / 20 * 380; }},
+        {"data that players are not sent", [](std::uint64_t s) { return s * 400; },
+         [](std::uint64_t /*second*/) { return 0; }},
+        {"audio of 32 kbit/s", steady(4500), steady(4400)},
+        {"a small frame in 5 s", [](std::uint64_t s) { return s / 5 * 500; },
+         [](std::uint64_t s) { return s / 5 * 500; }},
+        {"a large frame in 5 s", [](std::uint64_t s) { return s / 5 * 400000; },
+         [](std::uint64_t s) { return s / 5 * 399000; }},
+    };
+    for (const unsigned player_count : {1U, 2U, 20U}) {
+        for (const Row& row : rows) {
+            clients.clear();
+            now_s = 0;
+            history = make_history();
+            publisher(1, row.sent);
+            for (unsigned id = 2; id < 2 + player_count; ++id) {
+                player(id, row.got, id);
+            }
+            EXPECT_EQ(first_verdict(1000), 0U) << row.what << ", players: " << player_count;
+        }
+    }
+}
+
+TEST_F(WatchdogRules, AStalledPlayerOfASlowStreamIsDropped) {
+    publisher(1, steady(4500));
+    player(2, steady(4400));
+    player(3, until(100, 4400));
+    EXPECT_NEAR(static_cast<double>(first_verdict(1000)), 119, 2);
+}
+
+TEST_F(WatchdogRules, AClientWithoutAStreamNameIsDroppedAfterTwentySeconds) {
+    clients.push_back({7, "", steady(0), 1, ""});
+    clients.push_back({8, "play", steady(0), 1, ""});
+    EXPECT_THAT(at(20), IsEmpty());
+    EXPECT_THAT(at(21), ElementsAre(verdict(7, DropRule::UNNAMED, "it has had no stream name for 20 s"),
+                                    verdict(8, DropRule::UNNAMED, "it has had no stream name for 20 s")));
+}
+
+TEST_F(WatchdogRules, ASilentPublisherIsDroppedAfterThirtySeconds) {
+    publisher(1, until(100));
+    EXPECT_THAT(at(129), IsEmpty());
+    EXPECT_THAT(at(130), ElementsAre(verdict(1, DropRule::SILENT, "it has sent nothing for 30 s")));
+}
+
+TEST_F(WatchdogRules, OfTwoSilentPublishersNoneIsPreferredToTheOther) {
+    publisher(1, until(100));
+    publisher(2, until(90));
+    EXPECT_THAT(ids(at(115)), IsEmpty());
+    EXPECT_THAT(ids(at(120)), ElementsAre(2));
+    EXPECT_THAT(ids(at(130)), ElementsAre(1, 2));
+}
+
+TEST_F(WatchdogRules, ARivalOfAnotherStreamWaitsForNothing) {
+    publisher(1, until(100));
+    clients.push_back({2, "publish", steady(FOUR_MBIT), 1, "cam2"});
+    EXPECT_THAT(at(129), IsEmpty());
+}
+
+TEST_F(WatchdogRules, PlayersAreDroppedForTheirAgeOneAfterTheOther) {
+    only(DropRule::AGE);
+    player(4, steady(FOUR_MBIT));
+    player(2, steady(FOUR_MBIT), 2);
+    player(3, steady(FOUR_MBIT), 2);
+    clients.push_back({5, "play", steady(FOUR_MBIT), 2, "cam2"});
+    publisher(1, steady(FOUR_MBIT));
+    EXPECT_THAT(at(16200), IsEmpty());
+    EXPECT_THAT(at(16201), ElementsAre(verdict(4, DropRule::AGE, "it has played for 4 h 30 min")));
+    age_drops["cam1"] = now_s * SECOND;
+    std::erase_if(clients, [](const Client& c) { return c.id == 4; });
+    EXPECT_THAT(ids(at(16204)), ElementsAre(5));
+    EXPECT_THAT(ids(at(16205)), ElementsAre(2, 5));
+}
+
+// Timestamps pass 24 bits after 4 h 39 min 37 s.
+TEST(WatchdogDefaults, AFullTableOfPlayersIsDroppedForItsAgeBeforeTimestampsPassTwentyFourBits) {
+    const WatchdogLimits limits;
+    EXPECT_LT(*limits.age_us + (SLOT_COUNT - 1) * limits.stagger_us,
+              std::uint64_t{1 << 24} * 1000 - 60 * SECOND);
+}
+
+TEST_F(WatchdogRules, TheNameAtTheLimitIsKeptAndALongerOneDropped) {
+    clients.push_back({1, "publish", steady(100), 1, std::string(200, 'a')});
+    clients.push_back({2, "play", steady(100), 1, std::string(201, 'a')});
+    EXPECT_THAT(at(1), ElementsAre(verdict(2, DropRule::LONG_NAME, "its stream name has 201 bytes")));
+}
+
+TEST_F(WatchdogRules, PublishersFromElsewhereAreDroppedAndPlayersFromElsewhereKept) {
+    limits.publish_from = {*parse_address_range("203.0.113.0/24"), *parse_address_range("10.1.2.3")};
+    clients.push_back({1, "publish", steady(100), 1, "cam1", "203.0.113.255"});
+    clients.push_back({2, "publish", steady(100), 1, "cam2", "203.0.114.0"});
+    clients.push_back({3, "publish", steady(100), 1, "cam3", "10.1.2.3"});
+    clients.push_back({4, "play", steady(100), 1, "cam3", "198.51.100.1"});
+    EXPECT_THAT(at(1), ElementsAre(verdict(2, DropRule::ORIGIN, "publishers may not come from its address")));
+}
+
+TEST_F(WatchdogRules, ARuleThatIsOffDropsNoClient) {
+    limits = WatchdogLimits{std::nullopt, std::nullopt, std::nullopt,
+                            std::nullopt, std::nullopt, std::nullopt,
+                            std::nullopt, {},           0};
+    publisher(1, until(10));
+    publisher(2, steady(FOUR_MBIT));
+    player(3, until(10));
+    player(4, steady(FOUR_MBIT));
+    clients.push_back({5, "", steady(0), 1, ""});
+    clients.push_back({6, "play", steady(0), 1, std::string(1000, 'a')});
+    EXPECT_EQ(first_verdict(17000), 0U);
+}
+
+TEST_F(WatchdogRules, ServerThatStoodStillMakesNoClientASuspect) {
+    publisher(1, until(10));
+    player(2, until(10));
+    clients.push_back({3, "", steady(0), 9, ""});
+    at(10);
+    now_s += 100;  // no listing was answered
+    EXPECT_THAT(at(now_s + 1), IsEmpty());
+}

@@ -1,0 +1,190 @@
+#include <sys/timex.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstdio>
+#include <iostream>
+
+#include "tools/v9_rtmp_ctl/check_rules.h"
+#include "tools/v9_rtmp_ctl/commands.h"
+#include "tools/v9_rtmp_ctl/json_forms.h"
+#include "tools/v9_rtmp_ctl/parse_number.h"
+#include "tools/v9_rtmp_ctl/port_check.h"
+#include "tools/v9_rtmp_ctl/rtmp_probe.h"
+#include "tools/v9_rtmp_ctl/state_file.h"
+
+namespace {
+
+// A server that needs longer for an answer has too much to do.
+constexpr std::uint64_t SLOW_ANSWER_US = 1000000;
+
+using Findings = std::vector<Finding>;
+
+std::string milliseconds(std::uint64_t us) {
+    std::array<char, 32> text{};
+    std::snprintf(text.data(), text.size(), "%.1f ms", static_cast<double>(us) / 1000);
+    return text.data();
+}
+
+Finding time_finding(const std::string& what, const std::string& done, std::uint64_t took_us) {
+    const std::string text = done + " in " + milliseconds(took_us);
+    return took_us > SLOW_ANSWER_US
+               ? Finding{Level::WARNING, what,
+                         text + ". See whether the machine or the log's reader is too slow."}
+               : Finding{Level::OK, what, text};
+}
+
+Finding failure_finding(const std::string& what, const Failure& failure) {
+    const bool is_known = failure.exit_code != ExitCode::PERMISSION && failure.exit_code != ExitCode::USAGE;
+    return {is_known ? Level::CRITICAL : Level::UNKNOWN, what, failure.message};
+}
+
+// Nothing when the server does not answer. The peer is the process that answers.
+std::optional<Peer> check_control(const Settings& settings, Findings& findings) {
+    ControlClient client(settings.socket_path, settings.timeout_us());
+    Reply reply;
+    std::optional<Failure> failure = client.connect();
+    std::uint64_t began_us = clock_us();
+    if (!failure) {
+        failure = client.call({"hello", {}}, reply);
+    }
+    if (failure) {
+        findings.push_back(failure_finding("control socket", *failure));
+        return std::nullopt;
+    }
+    findings.push_back(time_finding("control socket", "it answered", clock_us() - began_us));
+    Listing listing;
+    began_us = clock_us();
+    failure = take_listing(client, "", listing);
+    if (failure) {
+        findings.push_back(failure_finding("list", *failure));
+    } else {
+        findings.push_back(time_finding("list", "it came", clock_us() - began_us));
+        findings.push_back(judge_slots(listing.connections.size()));
+    }
+    return find_peer(client.fd()).value_or(Peer());
+}
+
+void check_listeners(const Peer& peer, Findings& findings) {
+    const PortCheck port = check_port(peer);
+    for (const std::string& warning : port.warnings) {
+        findings.push_back({Level::CRITICAL, "port", warning});
+    }
+    if (!port.gap.empty()) {
+        findings.push_back({Level::UNKNOWN, "port", port.gap});
+    } else if (port.warnings.empty()) {
+        findings.push_back(
+            {Level::OK, "port", "process " + std::to_string(peer.pid) + " alone listens on it"});
+    }
+}
+
+Finding probe_finding(const std::string& what, const std::string& done, const std::string& address,
+                      const ProbeResult& result) {
+    return result.problem ? Finding{Level::CRITICAL, what,
+                                    address + ": " + *result.problem +
+                                        ". See the server's log, and whether --rtmp names its address."}
+                          : time_finding(what, done, result.took_us);
+}
+
+void check_rtmp(const Settings& settings, const CheckOptions& options, const RtmpAddress& address,
+                Findings& findings) {
+    const std::string place = escape_untrusted(options.rtmp);
+    findings.push_back(
+        probe_finding("RTMP", "handshake", place, probe_handshake(address, settings.timeout_us())));
+    if (options.publish_test) {
+        const std::string stream = "check_" + std::to_string(getpid()) + "_" + std::to_string(clock_us());
+        findings.push_back(probe_finding("relay", "a message came through", place,
+                                         probe_stream(address, stream, settings.timeout_us())));
+    }
+}
+
+std::optional<std::string> find_link(const std::string& path) {
+    std::array<char, 4096> target{};
+    const ssize_t length = readlink(path.c_str(), target.data(), target.size());
+    return length < 0 ? std::nullopt
+                      : std::optional(std::string(target.data(), static_cast<std::size_t>(length)));
+}
+
+// A limit of the server's cgroup or of one above it: the first from below that is set.
+std::optional<std::string> find_cgroup_limit(std::string cgroup, const char* name) {
+    for (;;) {
+        std::optional<std::string> text =
+            read_file("/sys/fs/cgroup" + (cgroup == "/" ? "" : cgroup) + "/" + name);
+        if (text && *text != "max\n") {
+            return text;
+        }
+        if (cgroup.empty() || cgroup == "/") {
+            return std::nullopt;
+        }
+        cgroup.resize(cgroup.rfind('/') == std::string::npos ? 0 : cgroup.rfind('/'));
+    }
+}
+
+void check_process(const Peer& peer, Findings& findings) {
+    const std::string process = "/proc/" + std::to_string(peer.pid);
+    const std::optional<std::string> limits = peer.pid > 0 ? read_file(process + "/limits") : std::nullopt;
+    findings.push_back(judge_descriptor_limit(limits));
+    if (limits) {
+        const std::string cgroup = find_cgroup(read_file(process + "/cgroup").value_or(""));
+        findings.push_back(judge_thread_limit(limits, find_cgroup_limit(cgroup, "pids.max")));
+        findings.push_back(judge_memory_limit(find_cgroup_limit(cgroup, "memory.max")));
+    }
+    findings.push_back(judge_standard_error(peer.pid > 0 ? find_link(process + "/fd/2") : std::nullopt));
+}
+
+std::optional<std::uint64_t> kernel_setting(const std::string& name) {
+    std::string text = read_file("/proc/sys/" + name).value_or("");
+    std::uint64_t number = 0;
+    if (!text.empty() && text.back() == '\n') {
+        text.pop_back();
+    }
+    return parse_number(text, number) ? std::optional(number) : std::nullopt;
+}
+
+void check_machine(Findings& findings) {
+    timex state{};
+    const int result = adjtimex(&state);
+    findings.push_back(judge_clock(result >= 0, result != TIME_ERROR && (state.status & STA_UNSYNC) == 0));
+    findings.push_back(judge_kernel(kernel_setting("net/core/somaxconn"),
+                                    kernel_setting("kernel/threads-max"),
+                                    kernel_setting("vm/overcommit_memory")));
+}
+
+void print(const Settings& settings, const Findings& findings) {
+    if (settings.form == OutputForm::JSON) {
+        std::vector<FindingLine> lines;
+        for (const Finding& finding : findings) {
+            lines.push_back({level_name(finding.level), finding.what, finding.text});
+        }
+        std::cout << findings_json(lines, level_name(worst_of(findings))) << '\n';
+        return;
+    }
+    const char separator = settings.form == OutputForm::PLAIN ? '\t' : ' ';
+    const char* const colon = settings.form == OutputForm::PLAIN ? "" : ":";
+    for (const Finding& finding : findings) {
+        if (finding.level != Level::OK || !settings.quiet) {
+            std::cout << level_name(finding.level) << colon << separator << finding.what << colon << separator
+                      << escape_untrusted(finding.text) << '\n';
+        }
+    }
+}
+
+}  // namespace
+
+ExitCode run_check(const Settings& settings, const CheckOptions& options) {
+    const std::optional<RtmpAddress> address = parse_rtmp_address(options.rtmp);
+    Findings findings;
+    const std::optional<Peer> peer = check_control(settings, findings);
+    if (peer) {
+        check_listeners(*peer, findings);
+    }
+    if (address) {
+        check_rtmp(settings, options, *address, findings);
+    }
+    if (peer) {
+        check_process(*peer, findings);
+    }
+    check_machine(findings);
+    print(settings, findings);
+    return static_cast<ExitCode>(worst_of(findings));
+}

@@ -1,0 +1,55 @@
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <iostream>
+#include <thread>
+
+#include "tools/v9_rtmp_ctl/commands.h"
+#include "tools/v9_rtmp_ctl/monitor.h"
+#include "tools/v9_rtmp_ctl/state_file.h"
+#include "tools/v9_rtmp_ctl/text.h"
+
+namespace {
+
+std::optional<Failure> write_metrics(const std::string& path, const std::string& text) {
+    if (path.empty()) {
+        std::cout << text << std::flush;
+        return std::nullopt;
+    }
+    if (replace_file(path, text)) {
+        return std::nullopt;
+    }
+    return Failure{ExitCode::NEGATIVE_ANSWER,
+                   "the metrics cannot be written to " + escape_untrusted(path) + " (" +
+                       std::strerror(errno) +
+                       "). Check the directory, in which a temporary file is made too."};
+}
+
+}  // namespace
+
+ExitCode run_metrics(const Settings& settings, const MetricsOptions& options) {
+    Monitor monitor(settings.socket_path, settings.timeout_us(), options.watchdog_state);
+    if (!options.interval_seconds) {
+        monitor.look();
+        const MonitorView& view = monitor.view();
+        const std::optional<Failure> failure =
+            write_metrics(options.file, metrics_of(view, MetricsSpan::ONE_LOOK));
+        if (failure) {
+            return report(*failure);
+        }
+        return view.failure ? report(*view.failure) : ExitCode::DONE;
+    }
+    const std::chrono::microseconds every(static_cast<std::int64_t>(*options.interval_seconds * 1e6));
+    std::string told;
+    for (auto next = std::chrono::steady_clock::now();; std::this_thread::sleep_until(next)) {
+        monitor.look();
+        const std::optional<Failure> failure =
+            write_metrics(options.file, metrics_of(monitor.view(), MetricsSpan::ALL_LOOKS));
+        // A disk that is full may have room again, and the counters are worth waiting for.
+        if (failure && failure->message != told) {
+            static_cast<void>(report(*failure));
+        }
+        told = failure ? failure->message : "";
+        next = std::max(next + every, std::chrono::steady_clock::now());
+    }
+}

@@ -1,0 +1,32 @@
+// Metrics in the text format of Prometheus. Pure.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "tools/v9_rtmp_ctl/connection_history.h"
+#include "tools/v9_rtmp_ctl/process_info.h"
+#include "tools/v9_rtmp_ctl/stream_series.h"
+#include "tools/v9_rtmp_ctl/watchdog_statistics.h"
+
+// A publisher that has sent nothing for so long is silent.
+constexpr std::uint64_t SILENT_AFTER_US = 5000000;
+
+// What is absent has no metrics.
+struct MetricsSource {
+    std::vector<Connection> connections;  // of the last listing; empty while the server does not answer
+    std::optional<double> round_trip_s;   // of that listing; nothing while the server does not answer
+    ProcessInfo process;                  // the server's
+    const ConnectionHistory* history = nullptr;  // null: there was one listing only
+    const StreamSeries* series = nullptr;        // with history
+    std::optional<WatchdogStatistics> watchdog;
+};
+
+// Ends with a line end.
+[[nodiscard]] std::string metrics_text(const MetricsSource& source);
+
+// A label's value as it stands between quotes.
+[[nodiscard]] std::string escape_label(std::string_view value);

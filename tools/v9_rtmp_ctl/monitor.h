@@ -1,0 +1,48 @@
+// Looks at the server again and again, and keeps what the looks show together: for metrics and for the status page.
+// Used by one thread at a time.
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "tools/v9_rtmp_ctl/connection_history.h"
+#include "tools/v9_rtmp_ctl/control_client.h"
+#include "tools/v9_rtmp_ctl/metrics_text.h"
+#include "tools/v9_rtmp_ctl/process_info.h"
+#include "tools/v9_rtmp_ctl/rate_history.h"
+#include "tools/v9_rtmp_ctl/stream_series.h"
+#include "tools/v9_rtmp_ctl/watchdog_statistics.h"
+
+// All that is known after a look.
+struct MonitorView {
+    std::optional<Failure> failure;  // nothing: the server answered
+    Listing listing;                 // with rates since the look before; empty after a failure
+    std::uint64_t round_trip_us = 0;
+    ProcessInfo process;
+    ConnectionHistory history;
+    StreamSeries series;
+    RateHistory rates;
+    std::optional<WatchdogStatistics> watchdog;  // what its file says
+};
+
+class Monitor {
+  public:
+    // A watchdog's state directory has its statistics, and clients that it saw before this began.
+    Monitor(const std::string& socket_path, std::uint64_t silence_us, std::string watchdog_state);
+
+    // Asks for a listing, which takes as long as ControlClient waits at most.
+    void look();
+
+    [[nodiscard]] const MonitorView& view() const { return current; }
+
+  private:
+    void read_watchdog();
+
+    const std::string state;
+    ControlClient client;
+    MonitorView current;
+};
+
+// Metrics of one view, or of its listing alone.
+enum class MetricsSpan { ALL_LOOKS, ONE_LOOK };
+[[nodiscard]] std::string metrics_of(const MonitorView& view, MetricsSpan span);

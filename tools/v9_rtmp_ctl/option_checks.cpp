@@ -1,0 +1,72 @@
+#include "tools/v9_rtmp_ctl/option_checks.h"
+
+#include <sstream>
+#include <string>
+
+#include "tools/v9_rtmp_ctl/listen_address.h"
+#include "tools/v9_rtmp_ctl/rtmp_probe.h"
+#include "tools/v9_rtmp_ctl/selection.h"
+#include "tools/v9_rtmp_ctl/text.h"
+
+namespace {
+
+constexpr const char* OFF = "off";
+
+// Empty for a number of seconds that may be given.
+std::string advise(const std::string& text, double min, const char* alternative) {
+    double value = 0;
+    // Written so that a value that is no number fails too.
+    if (CLI::detail::lexical_cast(text, value) && value >= min && value <= MAX_SECONDS) {
+        return "";
+    }
+    std::ostringstream advice;
+    advice << "'" << escape_untrusted(text) << "' is not a number of seconds from " << min << " to "
+           << MAX_SECONDS << alternative;
+    return advice.str();
+}
+
+}  // namespace
+
+CLI::Validator seconds(double min) {
+    return CLI::Validator([min](const std::string& text) { return advise(text, min, ""); }, "");
+}
+
+CLI::Validator seconds_or_off(double min) {
+    return CLI::Validator(
+        [min](const std::string& text) {
+            return text == OFF ? std::string() : advise(text, min, ", or off");
+        },
+        "");
+}
+
+CLI::Validator address_range() {
+    return CLI::Validator(
+        [](const std::string& text) {
+            return parse_address_range(text) ? std::string()
+                                             : "'" + escape_untrusted(text) +
+                                                   "' is not an IPv4 address. Give one such as 203.0.113.7 "
+                                                   "or 203.0.113.7:50000, or a prefix such as 203.0.113.0/24";
+        },
+        "");
+}
+
+CLI::Validator address_and_port() {
+    return CLI::Validator(
+        [](const std::string& text) {
+            return parse_listen_address(text) ? std::string()
+                                              : "'" + escape_untrusted(text) +
+                                                    "' is not an address and a port. Give both, such as "
+                                                    "127.0.0.1:9935 or [::1]:9935";
+        },
+        "");
+}
+
+CLI::Validator rtmp_address() {
+    return CLI::Validator(
+        [](const std::string& text) {
+            return parse_rtmp_address(text)
+                       ? std::string()
+                       : "'" + escape_untrusted(text) + "' is not a host and a port, such as 127.0.0.1:1935";
+        },
+        "");
+}

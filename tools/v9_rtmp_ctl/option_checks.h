@@ -1,0 +1,18 @@
+// Checks of option values, each with the advice that a wrong one gets.
+#pragma once
+
+#include <CLI/CLI.hpp>
+
+constexpr double MAX_SECONDS = 86400;
+// The server answers ten times a second, so a shorter interval shows nothing new.
+constexpr double MIN_INTERVAL_SECONDS = 0.1;
+
+[[nodiscard]] CLI::Validator seconds(double min);
+
+// The same, or "off".
+[[nodiscard]] CLI::Validator seconds_or_off(double min);
+
+[[nodiscard]] CLI::Validator address_range();
+
+[[nodiscard]] CLI::Validator address_and_port();
+[[nodiscard]] CLI::Validator rtmp_address();

@@ -1,0 +1,224 @@
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+#include <iostream>
+#include <utility>
+
+#include "tools/v9_rtmp_ctl/commands.h"
+#include "tools/v9_rtmp_ctl/state_file.h"
+#include "tools/v9_rtmp_ctl/stop_signals.h"
+#include "tools/v9_rtmp_ctl/text.h"
+#include "tools/v9_rtmp_ctl/trouble.h"
+#include "tools/v9_rtmp_ctl/watchdog_log.h"
+#include "tools/v9_rtmp_ctl/watchdog_statistics.h"
+
+namespace {
+
+// How often the state is saved while nothing happens.
+constexpr std::uint64_t SAVE_EVERY_US = 10000000;
+constexpr mode_t DIRECTORY_MODE = 0755;
+
+std::uint64_t microseconds(double seconds) {
+    return static_cast<std::uint64_t>(seconds * 1e6);
+}
+
+// What is known beyond the end of a watchdog: first-seen times and counters.
+class StateDirectory {
+  public:
+    explicit StateDirectory(std::string directory) : path(std::move(directory)) {}
+
+    void load(ConnectionHistory& history, WatchdogStatistics& statistics) const {
+        if (const std::optional<std::string> text = read_file(file(WATCHDOG_HISTORY_FILE))) {
+            if (!history.restore(*text, boot)) {
+                warn(file(WATCHDOG_HISTORY_FILE) +
+                     " is not a history and was not used: all clients count as new.");
+            }
+        }
+        if (const std::optional<std::string> text = read_file(file(WATCHDOG_STATISTICS_FILE))) {
+            if (const std::optional<WatchdogStatistics> earlier = parse_statistics(*text)) {
+                continue_counting(*earlier, statistics);
+            }
+        }
+    }
+
+    void save(const ConnectionHistory& history, const WatchdogStatistics& statistics) {
+        static_cast<void>(mkdir(path.c_str(), DIRECTORY_MODE));
+        const bool done = replace_file(file(WATCHDOG_HISTORY_FILE), history.to_json(boot) + "\n") &&
+                          replace_file(file(WATCHDOG_STATISTICS_FILE), statistics_json(statistics) + "\n");
+        if (!done && !has_failed) {
+            warn("nothing can be kept in " + path + " (" + std::strerror(errno) +
+                 "), so first-seen times will not survive the end of this watchdog. Name a directory that it "
+                 "may write to "
+                 "with --state.");
+        }
+        has_failed = !done;
+    }
+
+  private:
+    [[nodiscard]] std::string file(const char* name) const { return path + "/" + name; }
+    static void warn(const std::string& text) {
+        static_cast<void>(report({ExitCode::DONE, "warning: " + escape_untrusted(text)}));
+    }
+
+    const std::string path;
+    const std::string boot = boot_id();
+    bool has_failed = false;
+};
+
+class Watchdog {
+  public:
+    Watchdog(const Settings& all_settings, const WatchdogOptions& all_options)
+        : settings(all_settings),
+          options(all_options),
+          client(all_settings.socket_path, all_settings.timeout_us()),
+          history(history_times(all_options.limits, microseconds(all_options.settle_seconds),
+                                microseconds(all_options.interval_seconds))),
+          statistics(make_statistics(all_options.limits, all_options.dry_run)),
+          state(all_options.state_directory),
+          trouble(all_settings.quiet) {
+        state.load(history, statistics);
+    }
+
+    // One listing, and the drops that follow from it. A failure that no further look can mend is returned.
+    [[nodiscard]] std::optional<Failure> look() {
+        Listing listing;
+        if (std::optional<Failure> failure = take_listing(client, "", listing)) {
+            ++statistics.failed_looks;
+            if (failure->exit_code == ExitCode::USAGE) {
+                return failure;
+            }
+            trouble.tell(*failure);
+            return std::nullopt;
+        }
+        ++statistics.looks;
+        trouble.tell_end();
+        const std::vector<std::uint64_t> before = first_seen_times();
+        history.take_in(listing);
+        act(judge(history, options.limits, age_drops));
+        if (has_news || before != first_seen_times() || clock_us() - saved_us >= SAVE_EVERY_US) {
+            save();
+        }
+        return std::nullopt;
+    }
+
+    void save() {
+        statistics.updated_unix_seconds = std::time(nullptr);
+        state.save(history, statistics);
+        saved_us = clock_us();
+        has_news = false;
+    }
+
+  private:
+    [[nodiscard]] std::vector<std::uint64_t> first_seen_times() const {
+        std::vector<std::uint64_t> times;
+        for (const ClientRecord& record : history.clients()) {
+            times.push_back(record.connection.id);
+            times.push_back(record.first_seen_us);
+            times.push_back(record.stream_seen_us);
+            times.push_back(record.settled_as);
+        }
+        return times;
+    }
+
+    void act(const std::vector<Verdict>& verdicts) {
+        std::erase_if(age_drops, [this](const auto& entry) {
+            return history.now_us() - entry.second >= options.limits.stagger_us;
+        });
+        if (options.dry_run) {
+            announce(verdicts);
+        } else if (!verdicts.empty()) {
+            drop(verdicts);
+        }
+    }
+
+    // The client stays, and is judged again with each look: it is told once for each rule.
+    void announce(const std::vector<Verdict>& verdicts) {
+        std::vector<std::pair<Connection, DropRule>> now;
+        for (const Verdict& verdict : verdicts) {
+            const bool is_known =
+                std::any_of(announced.begin(), announced.end(), [&verdict](const auto& entry) {
+                    return entry.second == verdict.rule && is_same_client(entry.first, verdict.target);
+                });
+            if (!is_known) {
+                tell({WatchdogAction::WOULD_DROP, verdict, ""});
+            }
+            now.emplace_back(verdict.target, verdict.rule);
+        }
+        announced = std::move(now);
+    }
+
+    void drop(const std::vector<Verdict>& verdicts) {
+        std::vector<DropTarget> targets;
+        targets.reserve(verdicts.size());
+        for (const Verdict& verdict : verdicts) {
+            targets.push_back(target_of(verdict.target));
+        }
+        std::vector<DropOutcome> outcomes;
+        const std::optional<Failure> failure = drop_targets(client, targets, outcomes);
+        for (std::size_t i = 0; i < outcomes.size(); ++i) {
+            tell(event_of(verdicts[i], outcomes[i]));
+        }
+        if (failure) {
+            trouble.tell(*failure);
+        }
+    }
+
+    void tell(const WatchdogEvent& event) {
+        RuleCounts& counts = statistics.rules[event.verdict.rule];
+        has_news = true;
+        switch (event.action) {
+            case WatchdogAction::DROPPED:
+                if (event.verdict.rule == DropRule::AGE) {
+                    age_drops[event.verdict.target.stream] = history.now_us();
+                }
+                [[fallthrough]];
+            case WatchdogAction::WOULD_DROP:
+                ++counts.drops;
+                break;
+            case WatchdogAction::KEPT:
+                ++counts.left;
+                break;
+            case WatchdogAction::MISSED:
+                ++counts.misses;
+                break;
+        }
+        if (settings.quiet) {
+            return;
+        }
+        std::cout << (settings.form == OutputForm::JSON ? event_json(event, std::time(nullptr))
+                                                        : event_line(event, counts.misses))
+                  << std::endl;
+    }
+
+    const Settings& settings;
+    const WatchdogOptions& options;
+    ControlClient client;
+    ConnectionHistory history;
+    WatchdogStatistics statistics;
+    StateDirectory state;
+    AgeDrops age_drops;
+    std::vector<std::pair<Connection, DropRule>> announced;
+    Trouble trouble;
+    std::uint64_t saved_us = 0;
+    bool has_news = false;  // something was dropped since then
+};
+
+}  // namespace
+
+ExitCode run_watchdog(const Settings& settings, const WatchdogOptions& options) {
+    StopSignals stop;
+    Watchdog watchdog(settings, options);
+    const std::uint64_t every_us = microseconds(options.interval_seconds);
+    std::uint64_t next_us = clock_us();
+    do {
+        if (const std::optional<Failure> failure = watchdog.look()) {
+            return report(*failure);
+        }
+        next_us = std::max(next_us + every_us, clock_us());
+    } while (std::cout && !stop.wait_until(next_us));
+    watchdog.save();
+    return ExitCode::DONE;
+}

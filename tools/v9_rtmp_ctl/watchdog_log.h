@@ -1,0 +1,33 @@
+// The watchdog's lines on standard output: one for each client that it dropped, or meant to. Pure.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "tools/v9_rtmp_ctl/drop_batch.h"
+#include "tools/v9_rtmp_ctl/watchdog_rules.h"
+
+enum class WatchdogAction {
+    WOULD_DROP,  // of a dry run
+    DROPPED,
+    KEPT,    // the client had left, or the server refused
+    MISSED,  // another client was dropped, or it is not certain which
+};
+
+struct WatchdogEvent {
+    WatchdogAction action = WatchdogAction::DROPPED;
+    Verdict verdict;
+    std::string message;  // why it was kept or missed
+};
+
+// What a drop came to.
+[[nodiscard]] WatchdogEvent event_of(const Verdict& verdict, const DropOutcome& outcome);
+
+// "dropped 17, play of 'cam1' from 203.0.113.7:50000: stalled: it has taken nothing for 30 s while ..."
+// Without a stream name, only the id says whom a drop hits: such a line says so, with the misses so far.
+[[nodiscard]] std::string event_line(const WatchdogEvent& event, std::uint64_t misses);
+
+// {"unix_seconds":N,"action":"dropped","rule":"stalled","reason":"...","id":17,"stream":"cam1","mode":"play",
+//  "address":"203.0.113.7:50000","message":null}
+[[nodiscard]] std::string event_json(const WatchdogEvent& event, std::int64_t unix_seconds);

@@ -1,0 +1,120 @@
+#include "tools/v9_rtmp_ctl/watchdog_options.h"
+
+#include "tools/v9_rtmp_ctl/option_checks.h"
+#include "tools/v9_rtmp_ctl/parse_number.h"
+#include "tools/v9_rtmp_ctl/text.h"
+
+namespace {
+
+constexpr const char* OFF = "off";
+constexpr double MIN_LIMIT_SECONDS = 0.1;
+constexpr double US_PER_SECOND = 1e6;
+
+std::uint64_t microseconds(const std::string& text) {
+    return static_cast<std::uint64_t>(std::stod(text) * US_PER_SECOND);
+}
+
+void read_limit(const std::string& text, std::optional<std::uint64_t>& limit_us) {
+    if (text == OFF) {
+        limit_us.reset();
+    } else if (!text.empty()) {
+        limit_us = microseconds(text);
+    }
+}
+
+CLI::Validator bytes_or_off() {
+    return CLI::Validator(
+        [](const std::string& text) {
+            std::size_t bytes = 0;
+            return text == OFF || (parse_number(text, bytes) && bytes > 0)
+                       ? std::string()
+                       : "'" + escape_untrusted(text) + "' is not a number of bytes, or off";
+        },
+        "");
+}
+
+// Of a file and the command line together, the last word counts.
+CLI::Option& add_limit(CLI::App& command, const std::string& name, std::string& text,
+                       const std::string& default_text, const std::string& help) {
+    return *command.add_option(name, text, help)
+                ->default_str(default_text)
+                ->type_name("SECONDS")
+                ->take_last()
+                ->check(seconds_or_off(MIN_LIMIT_SECONDS));
+}
+
+}  // namespace
+
+void add_watchdog_options(CLI::App& command, WatchdogOptions& options, WatchdogTexts& texts) {
+    add_limit(command, "--stalled", texts.stalled, "30",
+              "Drop a player that takes nothing, while others do, for this long");
+    add_limit(command, "--behind", texts.behind, "15", "Drop a player that is so much of its stream behind");
+    add_limit(command, "--unnamed", texts.unnamed, "20",
+              "Drop a client that has no stream name for this long");
+    add_limit(command, "--silent", texts.silent, "30", "Drop a publisher that sends nothing for this long");
+    add_limit(command, "--contested", texts.contested, "15",
+              "The same, while another publisher of the name waits");
+    add_limit(command, "--age", texts.age, "16200", "Drop a player before its timestamps pass 24 bits");
+    command.add_option("--stagger", texts.stagger, "Time from one such player of a stream to the next")
+        ->default_str("4")
+        ->type_name("SECONDS")
+        ->take_last()
+        ->check(seconds(0));
+    command.add_option("--long-name", texts.long_name, "Drop a client whose stream name is longer")
+        ->default_str("200")
+        ->type_name("BYTES")
+        ->take_last()
+        ->check(bytes_or_off());
+    command
+        .add_option("--publish-from", texts.publish_from,
+                    "Drop publishers from elsewhere than these addresses")
+        ->type_name("CIDR")
+        ->check(address_range());
+    command.add_option("--interval", options.interval_seconds, "Time from one look to the next")
+        ->capture_default_str()
+        ->type_name("SECONDS")
+        ->take_last()
+        ->check(seconds(MIN_INTERVAL_SECONDS));
+    command
+        .add_option("--settle", options.settle_seconds,
+                    "Compare a client from so long after its choice of a stream")
+        ->capture_default_str()
+        ->type_name("SECONDS")
+        ->take_last()
+        ->check(seconds(0));
+    command
+        .add_option("--state", options.state_directory,
+                    "Keeps first-seen times and counters in this directory")
+        ->capture_default_str()
+        ->type_name("DIR")
+        ->take_last()
+        ->envname("RUNTIME_DIRECTORY");
+    command
+        .add_option("--config", options.config_path,
+                    "Read options from this file too, such as 'stalled = 30'")
+        ->type_name("FILE");
+    command.add_flag("-n,--dry-run", options.dry_run, "Only say what would be dropped");
+}
+
+WatchdogLimits read_limits(const WatchdogTexts& texts) {
+    WatchdogLimits limits;
+    read_limit(texts.stalled, limits.stalled_us);
+    read_limit(texts.behind, limits.behind_us);
+    read_limit(texts.unnamed, limits.unnamed_us);
+    read_limit(texts.silent, limits.silent_us);
+    read_limit(texts.contested, limits.contested_us);
+    read_limit(texts.age, limits.age_us);
+    if (!texts.stagger.empty()) {
+        limits.stagger_us = microseconds(texts.stagger);
+    }
+    std::size_t bytes = 0;
+    if (texts.long_name == OFF) {
+        limits.long_name_bytes.reset();
+    } else if (parse_number(texts.long_name, bytes)) {
+        limits.long_name_bytes = bytes;
+    }
+    for (const std::string& range : texts.publish_from) {
+        limits.publish_from.push_back(*parse_address_range(range));
+    }
+    return limits;
+}

@@ -1,0 +1,26 @@
+// The options of the watchdog, as the command line and its file give them.
+#pragma once
+
+#include <CLI/CLI.hpp>
+#include <string>
+#include <vector>
+
+#include "tools/v9_rtmp_ctl/commands.h"
+
+// Limits as they are written: a number, or "off". Empty for the default.
+struct WatchdogTexts {
+    std::string stalled;
+    std::string behind;
+    std::string unnamed;
+    std::string silent;
+    std::string contested;
+    std::string age;
+    std::string long_name;
+    std::string stagger;
+    std::vector<std::string> publish_from;
+};
+
+void add_watchdog_options(CLI::App& command, WatchdogOptions& options, WatchdogTexts& texts);
+
+// The texts have passed the checks of the options.
+[[nodiscard]] WatchdogLimits read_limits(const WatchdogTexts& texts);

@@ -1,0 +1,289 @@
+#include "tools/v9_rtmp_ctl/watchdog_rules.h"
+
+#include <algorithm>
+
+namespace {
+
+constexpr std::uint64_t US_PER_SECOND = 1000000;
+// What moves a counter as media does grows it in all of so many parts of the time.
+constexpr unsigned PARTS = 3;
+// A player's counter grows a little by answers to what it sends.
+constexpr std::uint64_t PLAYER_BYTES_PER_SECOND = 250;
+// A publisher's grows by messages that no player is sent.
+constexpr std::uint64_t PUBLISHER_BYTES_PER_SECOND = 2000;
+// The headers around the same media differ in size between a publisher and its players.
+constexpr std::uint64_t PUBLISHER_PERCENT = 90;
+// Metadata is sent to some players sooner than to others.
+constexpr std::uint64_t SLACK_BYTES = 16384;
+
+using Clients = std::vector<const ClientRecord*>;
+
+std::string seconds_text(std::uint64_t us) {
+    return std::to_string(us / US_PER_SECOND) + " s";
+}
+
+std::string age_text(std::uint64_t us) {
+    const std::uint64_t minutes = us / US_PER_SECOND / 60;
+    return minutes < 60 ? seconds_text(us)
+                        : std::to_string(minutes / 60) + " h " + std::to_string(minutes % 60) + " min";
+}
+
+bool is_player(const ClientRecord& record) {
+    return record.connection.mode == "play";
+}
+
+bool is_publisher(const ClientRecord& record) {
+    return record.connection.mode == "publish";
+}
+
+class Judge {
+  public:
+    Judge(const ConnectionHistory& all, const WatchdogLimits& set, const AgeDrops& earlier)
+        : history(all), limits(set), age_drops(earlier) {}
+
+    // The rules in the order of ALL_DROP_RULES; the first that holds counts.
+    [[nodiscard]] std::optional<Verdict> judge(const ClientRecord& record) const {
+        for (const DropRule rule : ALL_DROP_RULES) {
+            if (std::optional<std::string> reason = find_reason(rule, record)) {
+                return Verdict{record.connection, rule, std::move(*reason)};
+            }
+        }
+        return std::nullopt;
+    }
+
+  private:
+    using Reason = std::optional<std::string>;
+
+    [[nodiscard]] Reason find_reason(DropRule rule, const ClientRecord& record) const {
+        switch (rule) {
+            case DropRule::LONG_NAME:
+                return judge_name(record);
+            case DropRule::ORIGIN:
+                return judge_origin(record);
+            case DropRule::UNNAMED:
+                return judge_unnamed(record);
+            case DropRule::CONTESTED:
+                return judge_contested(record);
+            case DropRule::SILENT:
+                return judge_silent(record);
+            case DropRule::STALLED:
+                return judge_stalled(record);
+            case DropRule::BEHIND:
+                return judge_behind(record);
+            case DropRule::AGE:
+                return judge_age(record);
+        }
+        return std::nullopt;
+    }
+
+    [[nodiscard]] Reason judge_name(const ClientRecord& record) const {
+        const std::size_t bytes = record.connection.stream.size();
+        if (!limits.long_name_bytes || bytes <= *limits.long_name_bytes) {
+            return std::nullopt;
+        }
+        return "its stream name has " + std::to_string(bytes) + " bytes";
+    }
+
+    [[nodiscard]] Reason judge_origin(const ClientRecord& record) const {
+        const bool is_allowed = limits.publish_from.empty() || !is_publisher(record) ||
+                                std::any_of(limits.publish_from.begin(), limits.publish_from.end(),
+                                            [&](const AddressRange& range) {
+                                                return matches_address(range, record.connection.address);
+                                            });
+        return is_allowed ? Reason() : "publishers may not come from its address";
+    }
+
+    [[nodiscard]] Reason judge_unnamed(const ClientRecord& record) const {
+        const std::uint64_t age_us = history.attended_us() - record.first_attended_us;
+        if (!limits.unnamed_us || !record.connection.stream.empty() || age_us < *limits.unnamed_us) {
+            return std::nullopt;
+        }
+        return "it has had no stream name for " + seconds_text(age_us);
+    }
+
+    [[nodiscard]] Reason judge_contested(const ClientRecord& record) const {
+        if (!limits.contested_us || !is_silent_publisher(record, *limits.contested_us)) {
+            return std::nullopt;
+        }
+        const Clients rivals = others(record, is_publisher);
+        const bool is_awaited = std::any_of(rivals.begin(), rivals.end(), [this](const ClientRecord* rival) {
+            return still_us(history, rival->received) < *limits.contested_us;
+        });
+        return is_awaited
+                   ? Reason("it has sent nothing for " + seconds_text(still_us(history, record.received)) +
+                            " while another publisher of the stream waits")
+                   : std::nullopt;
+    }
+
+    [[nodiscard]] Reason judge_silent(const ClientRecord& record) const {
+        if (!limits.silent_us || !is_silent_publisher(record, *limits.silent_us)) {
+            return std::nullopt;
+        }
+        return "it has sent nothing for " + seconds_text(still_us(history, record.received));
+    }
+
+    [[nodiscard]] Reason judge_stalled(const ClientRecord& record) const {
+        const std::uint64_t still = still_us(history, record.sent);
+        if (!limits.stalled_us || !is_player(record) || still < *limits.stalled_us) {
+            return std::nullopt;
+        }
+        Clients players = others(record, is_player);
+        std::erase_if(players, [this](const ClientRecord* player) {
+            return !recent_movement(history, *player, *limits.stalled_us, PARTS);
+        });
+        if (std::any_of(players.begin(), players.end(), [this](const ClientRecord* player) {
+                return moves(*player, *limits.stalled_us, PLAYER_BYTES_PER_SECOND);
+            })) {
+            return "it has taken nothing for " + seconds_text(still) +
+                   " while other players of the stream did";
+        }
+        const ClientRecord* const source = players.empty() ? only_publisher(record) : nullptr;
+        if (source != nullptr && moves(*source, *limits.stalled_us, PUBLISHER_BYTES_PER_SECOND)) {
+            return "it has taken nothing for " + seconds_text(still) + " while the publisher went on";
+        }
+        return std::nullopt;
+    }
+
+    [[nodiscard]] Reason judge_behind(const ClientRecord& record) const {
+        if (!limits.behind_us || !is_player(record) || record.settled_as == 0) {
+            return std::nullopt;
+        }
+        const std::uint64_t limit = *limits.behind_us;
+        Clients players = others(record, is_player);
+        std::erase_if(players, [](const ClientRecord* player) { return player->settled_as == 0; });
+        const std::string by = "it is more than " + seconds_text(limit) + " behind ";
+        if (players.empty()) {
+            const ClientRecord* const source = only_publisher(record);
+            return source != nullptr && moves(*source, limit, PUBLISHER_BYTES_PER_SECOND) &&
+                           is_behind(record, *source, limit, PUBLISHER_PERCENT)
+                       ? by + "its publisher"
+                       : Reason();
+        }
+        std::erase_if(players, [&](const ClientRecord* p) { return still_us(history, p->sent) >= limit; });
+        const auto count_ahead = [&](std::uint64_t lead_us) {
+            return std::count_if(players.begin(), players.end(), [&](const ClientRecord* player) {
+                return is_behind(record, *player, lead_us, 100);
+            });
+        };
+        // A player that was slow when the other settled, and has caught up since, seems ahead by as much. So one alone
+        // has to be further ahead than it could have been behind.
+        const auto half = static_cast<std::ptrdiff_t>((players.size() + 1) / 2);
+        const bool is_alone_behind = !players.empty() && count_ahead(limit) >= half;
+        return is_alone_behind || count_ahead(2 * limit) > 0 ? by + "other players of the stream" : Reason();
+    }
+
+    [[nodiscard]] Reason judge_age(const ClientRecord& record) const {
+        if (!limits.age_us || !is_player(record) || record.stream_seen_us == 0) {
+            return std::nullopt;
+        }
+        const std::uint64_t age_us = history.now_us() - record.stream_seen_us;
+        const auto last = age_drops.find(record.connection.stream);
+        const bool waits_its_turn =
+            last != age_drops.end() && history.now_us() - last->second < limits.stagger_us;
+        if (age_us < *limits.age_us || waits_its_turn || !is_oldest_player(record)) {
+            return std::nullopt;
+        }
+        return "it has played for " + age_text(age_us);
+    }
+
+    [[nodiscard]] bool is_silent_publisher(const ClientRecord& record, std::uint64_t limit_us) const {
+        return is_publisher(record) && still_us(history, record.received) >= limit_us;
+    }
+
+    // Whether the client's media has grown as media does.
+    [[nodiscard]] bool moves(const ClientRecord& record, std::uint64_t window_us,
+                             std::uint64_t bytes_per_second) const {
+        const std::optional<Movement> movement = recent_movement(history, record, window_us, PARTS);
+        return movement && movement->parts == PARTS &&
+               movement->bytes >= bytes_per_second * window_us / US_PER_SECOND;
+    }
+
+    // Whether a client has less than the other had so long before it last got something.
+    [[nodiscard]] static bool is_behind(const ClientRecord& record, const ClientRecord& other,
+                                        std::uint64_t lead_us, std::uint64_t percent) {
+        const std::uint64_t last_us = media_counter(other).grew_us;
+        if (last_us < lead_us) {
+            return false;
+        }
+        const std::optional<std::uint64_t> gained = gained_beside(record, other);
+        const std::optional<std::uint64_t> wanted = gained_beside_until(other, record, last_us - lead_us);
+        return gained && wanted && *gained + SLACK_BYTES < *wanted / 100 * percent;
+    }
+
+    [[nodiscard]] bool is_oldest_player(const ClientRecord& record) const {
+        const Clients players = others(record, is_player);
+        return std::none_of(players.begin(), players.end(), [&record](const ClientRecord* player) {
+            return std::pair(player->stream_seen_us, player->connection.id) <
+                   std::pair(record.stream_seen_us, record.connection.id);
+        });
+    }
+
+    // Null where the stream has none, or several: it is not known then which one is relayed.
+    [[nodiscard]] const ClientRecord* only_publisher(const ClientRecord& record) const {
+        const Clients publishers = others(record, is_publisher);
+        return publishers.size() == 1 ? publishers.front() : nullptr;
+    }
+
+    template <typename Predicate>
+    [[nodiscard]] Clients others(const ClientRecord& record, const Predicate& predicate) const {
+        Clients found;
+        for (const ClientRecord& other : history.clients()) {
+            if (&other != &record && other.connection.stream == record.connection.stream &&
+                predicate(other)) {
+                found.push_back(&other);
+            }
+        }
+        return found;
+    }
+
+    const ConnectionHistory& history;
+    const WatchdogLimits& limits;
+    const AgeDrops& age_drops;
+};
+
+}  // namespace
+
+const char* rule_name(DropRule rule) {
+    switch (rule) {
+        case DropRule::LONG_NAME:
+            return "long-name";
+        case DropRule::ORIGIN:
+            return "origin";
+        case DropRule::UNNAMED:
+            return "unnamed";
+        case DropRule::CONTESTED:
+            return "contested";
+        case DropRule::SILENT:
+            return "silent";
+        case DropRule::STALLED:
+            return "stalled";
+        case DropRule::BEHIND:
+            return "behind";
+        case DropRule::AGE:
+            return "age";
+    }
+    return "";
+}
+
+HistoryTimes history_times(const WatchdogLimits& limits, std::uint64_t settle_us, std::uint64_t interval_us) {
+    HistoryTimes times;
+    times.longest_gap_us = 5 * interval_us;
+    times.settle_us = settle_us;
+    // What is compared lies before the last time that the other got something, which is a while ago itself.
+    times.window_us =
+        std::max({limits.stalled_us.value_or(0), 3 * limits.behind_us.value_or(0), interval_us}) +
+        2 * interval_us;
+    return times;
+}
+
+std::vector<Verdict> judge(const ConnectionHistory& history, const WatchdogLimits& limits,
+                           const AgeDrops& age_drops) {
+    const Judge rules(history, limits, age_drops);
+    std::vector<Verdict> verdicts;
+    for (const ClientRecord& record : history.clients()) {
+        if (std::optional<Verdict> verdict = rules.judge(record)) {
+            verdicts.push_back(std::move(*verdict));
+        }
+    }
+    return verdicts;
+}

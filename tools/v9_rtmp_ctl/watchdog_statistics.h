@@ -1,0 +1,52 @@
+// What the watchdog has done so far, as a file in its state directory that other programs may read. Pure.
+//
+// STATE/watchdog.json is one line, replaced whole every 10 s and after each drop:
+//
+//   {"version":1,"updated_unix_seconds":1760000000,"dry_run":false,"looks":86400,"failed_looks":3,
+//    "rules":{"long-name":{"limit":200,"drops":0,"misses":0,"left":0},"origin":{...},"unnamed":{...},
+//             "contested":{...},"silent":{...},"stalled":{...},"behind":{...},"age":{...}}}
+//
+// limit is in seconds, of long-name in bytes, of origin the number of address ranges; null for a rule that is off.
+// drops, misses (another client was hit, or it is not certain which) and left (the client had gone before) are counters
+// that survive a restart of the watchdog. A dry run counts what it would have dropped as drops. A file that is no longer
+// updated is that of a watchdog that has ended.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "tools/v9_rtmp_ctl/watchdog_rules.h"
+
+constexpr const char* WATCHDOG_STATISTICS_FILE = "watchdog.json";
+constexpr const char* WATCHDOG_HISTORY_FILE = "history.json";
+// Where systemd does not name one in RUNTIME_DIRECTORY.
+constexpr const char* DEFAULT_WATCHDOG_STATE = "/run/v9_rtmp_watchdog";
+
+struct RuleCounts {
+    std::optional<double> limit;
+    std::uint64_t drops = 0;
+    std::uint64_t misses = 0;
+    std::uint64_t left = 0;
+};
+
+struct WatchdogStatistics {
+    std::int64_t updated_unix_seconds = 0;
+    bool dry_run = false;
+    std::uint64_t looks = 0;
+    std::uint64_t failed_looks = 0;
+    std::map<DropRule, RuleCounts> rules;  // all of them
+};
+
+// No drops yet.
+[[nodiscard]] WatchdogStatistics make_statistics(const WatchdogLimits& limits, bool dry_run);
+
+[[nodiscard]] std::string statistics_json(const WatchdogStatistics& statistics);
+
+// Nothing when the text is something else.
+[[nodiscard]] std::optional<WatchdogStatistics> parse_statistics(std::string_view json);
+
+// Goes on counting where an earlier watchdog ended.
+void continue_counting(const WatchdogStatistics& earlier, WatchdogStatistics& statistics);
