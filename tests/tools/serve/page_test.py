@@ -169,7 +169,7 @@ class PageTest(unittest.TestCase):
         try:
             self.open(serve)
             server.stop()
-            self.wait_for_text("no answer", "there is no socket at")
+            self.wait_for_text("no answer", "here is no socket at")  # The page begins it with a capital letter.
             self.picture("no_answer")
             server = start_server()
             self.wait_for_text("running", "of 128 slots")
