@@ -337,6 +337,23 @@ TEST_F(watchdog, first_seen_times_survive_its_own_restart) {
     EXPECT_LT(elapsed_since(second_start), Milliseconds{5500}) << "it counted from the second start";
 }
 
+TEST_F(watchdog, a_client_of_a_restarted_server_is_not_as_old_as_the_one_that_had_its_slot) {
+    Watchdog dog(with(ALL_OFF, {"--age", "3"}));
+    {
+        ServerProcess server;
+        const RtmpClient player = playing_client("cam1");
+        const TimePoint seen = SteadyClock::now();
+        EXPECT_TRUE(holds_within(DEFAULT_WAIT, [&] { return elapsed_since(seen) > Milliseconds{2000}; }));
+        server.stop();
+    }
+    ServerProcess server;
+    const TimePoint before = SteadyClock::now();
+    const RtmpClient player = playing_client("cam1");
+    EXPECT_THAT(dog.line_about(player), EndsWith(dropped("age", "it has played for 3 s")));
+    EXPECT_GE(elapsed_since(before), Milliseconds{3000});
+    EXPECT_THAT(dog.lines(), SizeIs(1));
+}
+
 TEST_F(watchdog, it_waits_for_a_server_that_is_not_there_and_says_so_once) {
     Watchdog dog(with(ALL_OFF, {"--unnamed", "1"}));
     std::string trouble;

@@ -4,7 +4,10 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
 
+#include <csignal>
+#include <filesystem>
 #include <mutex>
 
 #include "tests/tools/fake_server.h"
@@ -42,6 +45,9 @@ class Commands : public testing::Test {
             if (!later_lines.empty()) {
                 lines = later_lines.front();
                 later_lines.erase(later_lines.begin());
+                if (later_lines.empty() && ends_after_last_listing) {
+                    pthread_kill(main_thread, SIGTERM);
+                }
             }
             for (const std::string& line : lines) {
                 reply.pairs.emplace_back("connection", line);
@@ -84,6 +90,8 @@ class Commands : public testing::Test {
     std::vector<Request> requests;
     std::vector<std::string> lines{CAM1_PUBLISHER, CAM1_PLAYER, UNNAMED};
     std::vector<std::vector<std::string>> later_lines;  // of the next listings, one each
+    bool ends_after_last_listing = false;               // a command that runs until SIGTERM
+    const pthread_t main_thread = pthread_self();
     std::uint64_t status = 0;
     std::string message = "OK";
     Settings settings;
@@ -282,6 +290,25 @@ TEST_F(Commands, DropIdThatMayHaveHitAnotherClientSaysSo) {
     EXPECT_THAT(outcome.err,
                 HasSubstr("it is not certain which one that was: before the drop the id was without a "
                           "stream from 10.0.0.3:3, after it without a stream from 10.0.0.9:9."));
+}
+
+TEST_F(Commands, TheWatchdogCountsADropAsAMissWhenTheSlotGotAnotherClient) {
+    const std::string newcomer = "9\t\t\t\t0\t0\t10.0.0.9:9";
+    WatchdogOptions options;
+    options.limits.unnamed_us = 1;
+    options.interval_seconds = 0.1;
+    options.state_directory = make_directory();
+    // Two looks until the client is old enough; then the listings before and after its drop.
+    later_lines = {{UNNAMED},  {UNNAMED},  {UNNAMED},  {newcomer}, {newcomer},
+                   {newcomer}, {newcomer}, {newcomer}, {}};
+    ends_after_last_listing = true;
+    const Outcome outcome = outcome_of([&] { return run_watchdog(settings, options); });
+    std::filesystem::remove_all(options.state_directory);
+    EXPECT_EQ(outcome.exit_code, 0);
+    EXPECT_EQ(outcome.err, "");
+    EXPECT_THAT(outcome.out,
+                testing::MatchesRegex("missed 9, .* from 10\\.0\\.0\\.3:3: .*\\(misses so far: 1\\).*\n"
+                                      "dropped 9, .* from 10\\.0\\.0\\.9:9: .*\\(misses so far: 1\\)\n"));
 }
 
 TEST_F(Commands, OfSeveralIdsAllAreTriedAndTheWorstStatusIsTold) {
