@@ -20,6 +20,7 @@
 #include "bench/soak/stalled_player.h"
 #include "bench/soak/takeover.h"
 #include "tests/support/private_namespaces.h"
+#include "tests/support/program_process.h"
 #include "tests/support/test_failure.h"
 
 namespace {
@@ -53,6 +54,7 @@ struct Soak {
     unsigned late_ms = 250;
     unsigned seed = 1;
     unsigned skip_frame = 0;
+    std::vector<std::string> beside;
 };
 
 volatile std::sig_atomic_t end_requested = 0;
@@ -100,8 +102,15 @@ class SoakRun {
         }
         (void)receiver.take_tally().frames;
         samples.emplace(soak.out_dir + "/samples.csv", server, soak.late_ms);
+        std::optional<ProgramProcess> beside;
+        if (!soak.beside.empty()) {
+            beside.emplace(soak.beside);
+        }
         start_actors();
         observe();
+        if (beside) {
+            end_program(*beside);
+        }
         for (const auto& actor : actors) {
             actor->stop();
         }
@@ -206,6 +215,13 @@ class SoakRun {
                   [this](Actor& self) { take_over(self, journal); });
     }
 
+    void end_program(ProgramProcess& program) {
+        program.send_signal(SIGTERM);
+        if (program.wait_for_exit(STOP_WAIT) != ProgramEnd{0, 0}) {
+            journal.fail(soak.beside.front() + ": " + program.out().raw_text() + program.err().raw_text());
+        }
+    }
+
     void observe() {
         begin = SteadyClock::now();
         const TimePoint end = begin + std::chrono::seconds(soak.seconds);
@@ -276,6 +292,8 @@ int main(int argc, char** argv) {
     add("--seed", soak.seed, "of the garbage", 0, 1U << 30);
     add("--skip-frame", soak.skip_frame,
         "number every so manieth frame without sending it: the report must notice", 0, 1U << 30);
+    app.add_option("beside", soak.beside, "a program, and after -- its arguments, that runs beside the load")
+        ->type_name("PROGRAM ...");
     CLI11_PARSE(app, argc, argv);
     try {
         enter_private_namespaces(argv);

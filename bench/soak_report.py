@@ -3,7 +3,8 @@
 
 usage: soak_report.py DIR [--memory-rise KIB] [--late-share SHARE] [--short]
 
-DIR holds samples.csv, totals.json and server.log. The table is also written to DIR/report.txt. Exit status 0 only when
+DIR holds samples.csv, totals.json and server.log, and around.csv and around.json if watchdog, serve, Prometheus and a
+browser ran beside the load. The table is also written to DIR/report.txt. Exit status 0 only when
 every limit holds, 1 when one does not, 2 when DIR cannot be read.
 """
 import argparse
@@ -22,6 +23,8 @@ SLOPE_MIN_SECONDS = 600
 SANITIZER_SIGNS = re.compile(r"ERROR: (Address|Leak|UndefinedBehavior)Sanitizer|(WARNING|FATAL): ThreadSanitizer"
                              r"|: runtime error: |Assertion")
 SHOWN_REPORTS = 10
+PAGE_GROWTH = 1.2
+PAGE_SLACK_KIB = 500
 # Whoever does not do its part proves nothing. A short run has no time for the others.
 ALWAYS_SEEN = ["joins", "leaves", "stalls", "garbage clients", "lists", "drops by id", "takeovers"]
 SEEN_IN_A_LONG_RUN = ["drops by stream", "stalls with full sockets"]
@@ -43,17 +46,17 @@ def slope_per_minute(samples, value):
     return statistics.linear_regression(*zip(*points)) if len(points) > 1 else None
 
 
-def judge_memory(samples, limit):
+def judge_memory(samples, limit, column="rss_kib", figure="memory slope"):
     """What a heap keeps of its worst moment is bounded, however long the run; what leaks is not. So the limit is for the
     whole second half, and the slope that is allowed the smaller the longer the run."""
-    line = slope_per_minute(samples, "rss_kib")
+    line = slope_per_minute(samples, column)
     value = f"{line.slope:+.1f} KiB/min" if line else "none"
     if limit is None:
-        return Row("memory slope", value, "not applied", None)
+        return Row(figure, value, "not applied", None)
     if samples[-1]["seconds"] < SLOPE_MIN_SECONDS:
-        return Row("memory slope", value, f"not applied below {SLOPE_MIN_SECONDS} s", None)
+        return Row(figure, value, f"not applied below {SLOPE_MIN_SECONDS} s", None)
     limit_per_minute = limit / (samples[-1]["seconds"] / 60 / 2)
-    return Row("memory slope", value, f"at most {limit_per_minute:.1f} KiB/min", line.slope <= limit_per_minute)
+    return Row(figure, value, f"at most {limit_per_minute:.1f} KiB/min", line.slope <= limit_per_minute)
 
 
 def judge_memory_left(totals, applies):
@@ -80,6 +83,48 @@ def judge_idle(counts, short, ended_early):
     if ended_early:
         return Row("who did nothing", value, "not applied: ended early", None)
     return Row("who did nothing", value, "nobody", not idle)
+
+
+def judge_flat(samples, who, what):
+    """A descriptor or a thread that is left behind raises the median of the second half."""
+    half = len(samples) // 2
+    first, second = (statistics.median(s[f"{who}_{what}"] for s in part) for part in (samples[:half], samples[half:]))
+    return Row(f"{who}: {what}, median of each half", f"{first:.0f}, {second:.0f}", "no more in the second",
+               second <= first)
+
+
+def judge_page(page):
+    """Rows come and go with connections; what grows beyond that is left behind."""
+    first, last = page[1 if len(page) > 2 else 0], page[-1]
+    holds = (last["elements"] <= first["elements"] * PAGE_GROWTH and
+             last["heap_kib"] <= first["heap_kib"] * PAGE_GROWTH + PAGE_SLACK_KIB)
+    return Row("the page in the browser", f"{first['elements']} to {last['elements']} elements, {first['heap_kib']} to "
+               f"{last['heap_kib']} KiB", f"at most {PAGE_GROWTH} times", holds)
+
+
+def judge_around(samples, around, memory_rise, ended_early):
+    """The rows about watchdog, serve, Prometheus and browser."""
+    innocent = [event for event in around["events"] if event["address"] not in around["offenders"]]
+    tried, dropped = len(around["offenders"]), len(around["offenders_dropped"])
+    rows = [
+        Row("watchdog: others dropped", str(len(innocent)), "0", not innocent),
+        Row("watchdog: dropped of those it must", f"{dropped} of {tried}", "all, and at least one",
+            tried == dropped and (tried > 0 or ended_early)),
+        Row("watchdog: other lines, problems", str(len(around["watchdog_said"]) + (around["problem"] is not None)), "0",
+            not around["watchdog_said"] and around["problem"] is None),
+        Row("Prometheus: scrapes that failed", f"{around['scrapes_failed']:.0f} of {around['scrapes']:.0f}", "0",
+            around["scrapes_failed"] == 0 and around["scrapes"] > 0),
+        Row("serve: looks that failed", f"{around['looks_failed']:.0f}", "0", around["looks_failed"] == 0),
+        Row("the browser's complaints", str(len(around["complaints"])), "0", not around["complaints"]),
+        judge_page(around["page"]),
+    ]
+    for who in ("watchdog", "serve"):
+        rss = [s[f"{who}_rss_kib"] for s in samples]
+        rows += [judge_memory(samples, memory_rise, f"{who}_rss_kib", f"{who}: memory slope"),
+                 Row(f"{who}: memory, CPU", f"{min(rss) / 1024:.1f} to {max(rss) / 1024:.1f} MiB, "
+                     f"{statistics.mean(s[f'{who}_cpu_percent'] for s in samples):.2f} % of one core", "", None),
+                 judge_flat(samples, who, "descriptors"), judge_flat(samples, who, "threads")]
+    return rows
 
 
 def find_reports(lines):
@@ -145,7 +190,19 @@ def read_samples(path):
         return [{name: float(value) for name, value in line.items()} for line in csv.DictReader(file)]
 
 
-def draw(samples, passed, path):
+def draw_around(samples, memory, descriptors):
+    minutes = [s["seconds"] / 60 for s in samples]
+    for who, colour in (("watchdog", "tab:orange"), ("serve", "tab:green")):
+        memory.plot(minutes, [s[f"{who}_rss_kib"] / 1024 for s in samples], color=colour, linewidth=0.8, label=who)
+        for what, style in (("descriptors", "-"), ("threads", ":")):
+            descriptors.plot(minutes, [s[f"{who}_{what}"] for s in samples], style, color=colour, linewidth=0.8,
+                             label=f"{who}: {what}")
+    memory.set_ylabel("memory, MiB")
+    memory.set_ylim(bottom=0)
+    descriptors.set_ylim(bottom=0)
+
+
+def draw(samples, around_samples, passed, path):
     """Memory, CPU and lateness over time; False without matplotlib."""
     try:
         import matplotlib
@@ -158,8 +215,9 @@ def draw(samples, passed, path):
     def series(name, factor=1.0):
         return [s[name] * factor for s in samples]
 
-    figure, (memory, cpu, late, people) = pyplot.subplots(4, 1, figsize=(11, 11), sharex=True,
-                                                         gridspec_kw={"height_ratios": [3, 2, 3, 1]})
+    heights = [3, 2, 3, 1] + ([2, 1] if around_samples else [])
+    figure, (memory, cpu, late, people, *around) = pyplot.subplots(
+        len(heights), 1, figsize=(11, 1.2 * sum(heights)), sharex=True, gridspec_kw={"height_ratios": heights})
     memory.plot(minutes, series("rss_kib", 1 / 1024), color="tab:blue", linewidth=0.8, label="resident")
     line = slope_per_minute(samples, "rss_kib")
     if line:
@@ -182,14 +240,17 @@ def draw(samples, passed, path):
     people.plot(minutes, series("descriptors"), color="tab:purple", linewidth=0.8, label="descriptors")
     people.plot(minutes, series("threads"), color="tab:brown", linewidth=0.8, label="threads")
     people.set_ylim(bottom=0)
-    people.set_xlabel("minutes")
-    for axes in (memory, cpu, late, people):
+    if around_samples:
+        draw_around(around_samples, *around)
+    all_axes = (memory, cpu, late, people, *around)
+    all_axes[-1].set_xlabel("minutes")
+    for axes in all_axes:
         axes.legend(loc="lower right", fontsize="small", ncols=4)
         axes.grid(alpha=0.3)
     lost, damaged = (int(sum(series(name))) for name in ("lost", "damaged"))
     figure.suptitle(f"soak: {'every limit holds' if passed else 'FAILED'}; {int(sum(series('frames')))} frames, "
                     f"{lost} lost, {damaged} damaged")
-    figure.tight_layout()
+    figure.tight_layout(rect=(0, 0, 1, 0.99))
     figure.savefig(path, dpi=110)
     return True
 
@@ -212,10 +273,15 @@ def main(arguments):
         totals = json.loads((options.dir / "totals.json").read_text(encoding="utf-8"))
         with open(options.dir / "server.log", encoding="utf-8", errors="replace") as log:
             reports = find_reports(log)
+        is_around = (options.dir / "around.json").exists()
+        around_samples = read_samples(options.dir / "around.csv") if is_around else []
+        around = json.loads((options.dir / "around.json").read_text(encoding="utf-8")) if is_around else None
     except (OSError, ValueError) as error:
         print(f"soak_report.py: there is nothing to judge: {error}", file=sys.stderr)
         return 2
     rows = judge(samples, totals, reports, options)
+    if around_samples:
+        rows += judge_around(around_samples, around, options.memory_rise, totals["ended_early"])
     passed = all(row.holds is not False for row in rows)
     text = table(rows)
     (options.dir / "report.txt").write_text(text + "\n", encoding="utf-8")
@@ -224,7 +290,7 @@ def main(arguments):
         print(f"the server: {line}")
     for failure in totals["failures"]:
         print(f"failure: {failure}")
-    if samples and draw(samples, passed, options.dir / "soak.png"):
+    if samples and draw(samples, around_samples, passed, options.dir / "soak.png"):
         print(f"picture: {options.dir / 'soak.png'}")
     else:
         print("no picture; scripts/install_packages soak installs what draws it")

@@ -38,6 +38,20 @@ def good_totals():
                        "takeovers": 80}}
 
 
+def good_around_samples():
+    columns = {"rss_kib": 6000, "threads": 1, "descriptors": 7, "cpu_percent": 0.4}
+    return [{"seconds": second, **{f"{who}_{column}": value for who in ("watchdog", "serve")
+                                   for column, value in columns.items()}} for second in range(1, SECONDS + 1)]
+
+
+def good_around():
+    return {"offenders": ["127.0.0.1:40000", "127.0.0.1:40002"],
+            "offenders_dropped": ["127.0.0.1:40000", "127.0.0.1:40002"], "problem": None,
+            "events": [{"address": address, "action": "dropped"} for address in ("127.0.0.1:40000", "127.0.0.1:40002")],
+            "watchdog_said": [], "scrapes": SECONDS, "scrapes_failed": 0, "looks_failed": 0, "complaints": [],
+            "page": [{"elements": 900 + i % 2, "heap_kib": 3000 + i} for i in range(20)]}
+
+
 class SoakReport(unittest.TestCase):
     def setUp(self):
         self.samples = good_samples()
@@ -174,17 +188,76 @@ class SoakReport(unittest.TestCase):
         self.assertIn("the run", self.failed_rows())
 
 
+class AroundReport(unittest.TestCase):
+    def setUp(self):
+        self.samples = good_around_samples()
+        self.around = good_around()
+
+    def failed_rows(self, ended_early=False):
+        return [row.figure for row in soak_report.judge_around(self.samples, self.around, 1024.0, ended_early)
+                if row.holds is False]
+
+    def test_a_good_run_passes(self):
+        self.assertEqual(self.failed_rows(), [])
+
+    def test_a_client_that_was_dropped_and_did_no_harm_fails(self):
+        self.around["events"].append({"address": "127.0.0.1:50000", "action": "dropped"})
+        self.assertEqual(self.failed_rows(), ["watchdog: others dropped"])
+
+    def test_a_watchdog_that_misses_a_client_or_had_none_to_drop_fails(self):
+        self.around["offenders_dropped"].pop()
+        self.assertEqual(self.failed_rows(), ["watchdog: dropped of those it must"])
+        self.around.update(offenders=[], offenders_dropped=[], events=[])
+        self.assertEqual(self.failed_rows(), ["watchdog: dropped of those it must"])
+        self.assertEqual(self.failed_rows(ended_early=True), [])
+
+    def test_a_warning_of_the_watchdog_and_a_client_that_could_not_be_tried_fail(self):
+        for change in ({"watchdog_said": ["v9_rtmp_ctl: warning"]}, {"problem": "OSError()"}):
+            self.around = {**good_around(), **change}
+            self.assertEqual(self.failed_rows(), ["watchdog: other lines, problems"])
+
+    def test_a_failed_scrape_or_look_fails_and_so_does_a_run_without_scrapes(self):
+        for change, row in (({"scrapes_failed": 1}, "Prometheus: scrapes that failed"),
+                            ({"scrapes": 0}, "Prometheus: scrapes that failed"),
+                            ({"looks_failed": 1}, "serve: looks that failed"),
+                            ({"complaints": ["a policy was violated"]}, "the browser's complaints")):
+            self.around = {**good_around(), **change}
+            self.assertEqual(self.failed_rows(), [row])
+
+    def test_a_page_that_grows_fails(self):
+        for what in ("elements", "heap_kib"):
+            self.around = good_around()
+            self.around["page"][-1][what] *= 1.5
+            self.assertEqual(self.failed_rows(), ["the page in the browser"])
+
+    def test_memory_descriptors_or_threads_that_rise_fail(self):
+        for column, rise, row in (("serve_rss_kib", 150, "serve: memory slope"),
+                                  ("watchdog_rss_kib", 150, "watchdog: memory slope"),
+                                  ("serve_descriptors", 0.1, "serve: descriptors, median of each half"),
+                                  ("watchdog_threads", 0.1, "watchdog: threads, median of each half")):
+            self.samples = good_around_samples()
+            for sample in self.samples:
+                sample[column] += rise * sample["seconds"] / 60
+            self.assertEqual(self.failed_rows(), [row])
+
+
 class SoakReportProgram(unittest.TestCase):
-    def run_program(self, totals, log=""):
+    @staticmethod
+    def write_samples(path, samples):
+        lines = [",".join(samples[0])] + [",".join(str(value) for value in sample.values()) for sample in samples]
+        path.write_text("\n".join(lines) + "\n", encoding="utf-8")
+
+    def run_program(self, totals, log="", around=None):
         """Exit status and output for a directory with these totals and server messages."""
         with tempfile.TemporaryDirectory() as name:
             path = pathlib.Path(name)
-            samples = good_samples()
-            lines = [",".join(samples[0])] + [",".join(str(value) for value in sample.values()) for sample in samples]
-            (path / "samples.csv").write_text("\n".join(lines) + "\n", encoding="utf-8")
+            self.write_samples(path / "samples.csv", good_samples())
             (path / "server.log").write_text(log, encoding="utf-8")
             if totals:
                 (path / "totals.json").write_text(json.dumps(totals), encoding="utf-8")
+            if around:
+                self.write_samples(path / "around.csv", good_around_samples())
+                (path / "around.json").write_text(json.dumps(around), encoding="utf-8")
             with contextlib.redirect_stdout(io.StringIO()) as out, contextlib.redirect_stderr(out):
                 status = soak_report.main([name])
             if totals:
@@ -202,6 +275,14 @@ class SoakReportProgram(unittest.TestCase):
         status, output = self.run_program({**good_totals(), "lost": 7})
         self.assertEqual(status, 1)
         self.assertRegex(output, r"frames lost +7 +0 +FAILED")
+
+    def test_what_ran_around_the_load_is_judged_too(self):
+        status, output = self.run_program(good_totals(), around=good_around())
+        self.assertEqual(status, 0)
+        self.assertRegex(output, r"watchdog: dropped of those it must +2 of 2 ")
+        status, output = self.run_program(good_totals(), around={**good_around(), "looks_failed": 3})
+        self.assertEqual(status, 1)
+        self.assertRegex(output, r"serve: looks that failed +3 +0 +FAILED")
 
     def test_a_sanitizer_report_of_the_server_is_shown(self):
         report = "WARNING: ThreadSanitizer: data race (pid=1)"

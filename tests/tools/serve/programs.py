@@ -17,6 +17,7 @@ import tempfile
 import time
 import unittest
 import urllib.error
+import urllib.parse
 import urllib.request
 
 INSIDE = "V9_INSIDE_NAMESPACES"
@@ -166,6 +167,30 @@ class Serve(Process):
             if line.startswith(name + " "):
                 return float(line.rsplit(" ", 1)[1])
         return None
+
+
+class Prometheus(Process):
+    """A Prometheus that scrapes a serve once a second and keeps what it gets in a directory."""
+
+    PORT = 9090
+
+    def __init__(self, directory, serve, rules=()):
+        config = pathlib.Path(directory) / "prometheus.yml"
+        config.write_text(f"""
+global: {{scrape_interval: 1s, evaluation_interval: 1s}}
+rule_files: {json.dumps([str(path) for path in rules])}
+scrape_configs: [{{job_name: rtmp, static_configs: [{{targets: ["127.0.0.1:{serve.port}"]}}]}}]
+""")
+        super().__init__("prometheus", f"--config.file={config}", f"--storage.tsdb.path={directory}/data",
+                         f"--web.listen-address=127.0.0.1:{self.PORT}")
+        self.wait_for_output("Server is ready to receive web requests.")
+
+    def query(self, expression):
+        """Value by the labels, as Prometheus has it now."""
+        url = f"http://127.0.0.1:{self.PORT}/api/v1/query?query={urllib.parse.quote(expression)}"
+        with DIRECT.open(url, timeout=10) as reply:
+            result = json.load(reply)["data"]["result"]
+        return {tuple(sorted(sample["metric"].items())): float(sample["value"][1]) for sample in result}
 
 
 class ListingServer(Process):

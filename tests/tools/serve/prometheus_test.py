@@ -10,16 +10,14 @@ import shutil
 import subprocess
 import tempfile
 import unittest
-import urllib.parse
 
-from programs import DIRECT, ListingServer, Process, Serve, line, play, publish, run_tests, start_server, wait_for
+from programs import ListingServer, Prometheus, Serve, line, play, publish, run_tests, start_server, wait_for
 
 PACKAGING = pathlib.Path(__file__).resolve().parents[3] / "packaging"
 RULES = PACKAGING / "prometheus" / "v9_rtmp.rules.yml"
 RULE_TESTS = PACKAGING / "prometheus" / "v9_rtmp.rules.test.yml"
 DASHBOARD = PACKAGING / "grafana" / "v9_rtmp.json"
 METRIC = re.compile(r"\bv9_rtmp_[a-z0-9_]+")
-PORT = 9090
 # As the watchdog writes it.
 STATISTICS = {"version": 1, "updated_unix_seconds": 1760000000, "dry_run": False, "looks": 5, "failed_looks": 0, "rules": {
     rule: {"limit": 1, "drops": 2, "misses": 1, "left": 0}
@@ -43,39 +41,23 @@ class PrometheusTest(unittest.TestCase):
     def serve(self, **options):
         return self.keep(Serve("--watchdog-state", str(self.directory), **options))
 
-    def query(self, expression):
-        """Value by the labels, as Prometheus has it now."""
-        url = f"http://127.0.0.1:{PORT}/api/v1/query?query={urllib.parse.quote(expression)}"
-        with DIRECT.open(url, timeout=10) as reply:
-            result = json.load(reply)["data"]["result"]
-        return {tuple(sorted(sample["metric"].items())): float(sample["value"][1]) for sample in result}
-
     def start_prometheus(self, serve):
-        config = self.directory / "prometheus.yml"
-        config.write_text(f"""
-global: {{scrape_interval: 1s, evaluation_interval: 1s}}
-rule_files: ["{RULES}"]
-scrape_configs: [{{job_name: rtmp, static_configs: [{{targets: ["127.0.0.1:{serve.port}"]}}]}}]
-""")
-        prometheus = self.keep(Process("prometheus", f"--config.file={config}", f"--storage.tsdb.path={self.directory}/data",
-                                       f"--web.listen-address=127.0.0.1:{PORT}"))
-        prometheus.wait_for_output("Server is ready to receive web requests.")
-        return prometheus
+        return self.keep(Prometheus(self.directory, serve, [RULES]))
 
     def test_prometheus_scrapes_what_flows_and_alerts_when_the_server_stops(self):
         server = self.keep(start_server())
         serve = self.serve()
-        self.start_prometheus(serve)
+        prometheus = self.start_prometheus(serve)
         self.keep(publish("cam1", rate="300k"))
         self.keep(play("cam1"))
-        rate = wait_for("a rate of cam1", lambda: self.query('rate(v9_rtmp_stream_sent_bytes_total{stream="cam1"}[10s]) > 10000'))
+        rate = wait_for("a rate of cam1", lambda: prometheus.query('rate(v9_rtmp_stream_sent_bytes_total{stream="cam1"}[10s]) > 10000'))
         self.assertEqual(1, len(rate))
-        self.assertEqual([1], list(self.query("up").values()))
-        self.assertEqual([1], list(self.query("v9_rtmp_up").values()))
-        self.assertEqual([], list(self.query('scrape_samples_scraped == 0')))
-        self.assertEqual([2], list(self.query('v9_rtmp_watchdog_drops_total{rule="stalled"}').values()))
+        self.assertEqual([1], list(prometheus.query("up").values()))
+        self.assertEqual([1], list(prometheus.query("v9_rtmp_up").values()))
+        self.assertEqual([], list(prometheus.query('scrape_samples_scraped == 0')))
+        self.assertEqual([2], list(prometheus.query('v9_rtmp_watchdog_drops_total{rule="stalled"}').values()))
         server.stop()
-        wait_for("the alert is pending", lambda: self.query('ALERTS{alertname="RtmpServerDown"}'))
+        wait_for("the alert is pending", lambda: prometheus.query('ALERTS{alertname="RtmpServerDown"}'))
 
     def test_the_metrics_and_the_alerts_pass_promtool(self):
         server = self.keep(ListingServer([line(0, "cam1", "publish", 3000, 10 ** 6), line(1, "cam1", "play", 10 ** 6, 3000)]))
@@ -108,12 +90,12 @@ scrape_configs: [{{job_name: rtmp, static_configs: [{{targets: ["127.0.0.1:{serv
     def test_every_expression_of_the_dashboard_is_understood(self):
         server = self.keep(ListingServer([line(0, "cam1", "publish", 3000, 10 ** 6)]))
         serve = self.serve(control_socket=server.path)
-        self.start_prometheus(serve)
-        wait_for("a scrape", lambda: self.query("v9_rtmp_up"))
+        prometheus = self.start_prometheus(serve)
+        wait_for("a scrape", lambda: prometheus.query("v9_rtmp_up"))
         for panel in json.loads(DASHBOARD.read_text())["panels"]:
             for target in panel["targets"]:
                 plain = target["expr"].replace("$__rate_interval", "10s").replace("$instance", ".+")
-                self.assertTrue(wait_for(plain, lambda: self.query(plain)), plain)
+                self.assertTrue(wait_for(plain, lambda: prometheus.query(plain)), plain)
 
     def test_the_names_of_strangers_make_a_bounded_number_of_series(self):
         server = self.keep(ListingServer([]))
