@@ -14,6 +14,7 @@ namespace {
 
 std::vector<char*> pointers_to_text(std::vector<std::string>& texts) {
     std::vector<char*> pointers;
+    pointers.reserve(texts.size() + 1);
     for (std::string& text : texts) {
         pointers.push_back(text.data());
     }
