@@ -273,7 +273,16 @@ TEST_F(watchdog,
 TEST_F(watchdog, clients_that_do_no_harm_are_left_alone) {
     ServerProcess server;
     LivePair live;  // a lone player
-    LivePair audio_like({.stream_name = "audio", .interval = Milliseconds{20}, .message_bytes = 100});
+    RtmpClient audio_player = playing_client("audio");
+    const MessageRecorder audio_reader(audio_player);
+    RtmpClient audio_publisher = publishing_client("audio");
+    audio_publisher.send_audio(0, aac_header());
+    std::uint32_t audio_ms = 0;
+    Background audio([&] {
+        audio_publisher.send_audio(audio_ms, aac_frame(audio_ms));
+        audio_ms += 20;
+        std::this_thread::sleep_for(Milliseconds{20});
+    });
     // Half a second is a tenth of five.
     LivePair seldom({.stream_name = "seldom", .interval = Milliseconds{500}, .message_bytes = 2000});
     RtmpClient metadata_player = playing_client("metadata");
@@ -298,10 +307,12 @@ TEST_F(watchdog, clients_that_do_no_harm_are_left_alone) {
     EXPECT_THAT(dog.lines(), IsEmpty());
     dog.stop();
     EXPECT_EQ(dog.err().raw_text(), "");
-    metadata.stop();
-    data.stop();
-    EXPECT_EQ(metadata.failure() + data.failure(), "");
-    for (LivePair* pair : {&live, &audio_like, &seldom}) {
+    for (Background* sending : {&audio, &metadata, &data}) {
+        sending->stop();
+        EXPECT_EQ(sending->failure(), "");
+    }
+    audio_reader.wait_for_type(100, MSG_AUDIO);
+    for (LivePair* pair : {&live, &seldom}) {
         pair->finish();
     }
 }
