@@ -66,7 +66,7 @@ class Offenders(threading.Thread):
                 self.ways[turn % len(self.ways)]()
                 turn += 1
                 stopped.wait(BETWEEN_CLIENTS_S)
-        except Exception as error:  # It would end in silence otherwise.
+        except Exception as error:  # A thread's exception ends no program.
             self.problem = repr(error)
 
     def wait_for_drop(self, address):
@@ -77,7 +77,7 @@ class Offenders(threading.Thread):
                 self.dropped.append(address)
                 return
             if stopped.wait(0.5):
-                self.tried.pop()  # It had no time.
+                self.tried.pop()  # The run ended before the limit was reached.
                 return
 
     def try_without_stream(self):
@@ -111,7 +111,7 @@ def sample(file, begin, programs, before):
 
 def look_around(directory, is_short):
     begin = time.monotonic()
-    # Of its own, and short: the soak's mount namespace has a /run that goes with it.
+    # In the /run of the load's own mount namespace, which ends with it.
     state = pathlib.Path("/run/around")
     state.mkdir()
     started = []
