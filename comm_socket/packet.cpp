@@ -1,7 +1,9 @@
 #include "comm_socket/packet.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <exception>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -70,11 +72,14 @@ int write_argument(comm_socket_v4_packet* packet, const std::optional<std::strin
     return 0;
 }
 
-int write_pair(comm_socket_v4_packet* packet, std::string_view name, std::string_view value) {
-    if (is_too_long(name) || is_too_long(value)) {
+// value does not hold the shared part, if there is one.
+int write_pair(comm_socket_v4_packet* packet, std::string_view name, std::string_view value,
+               SharedPart* shared = nullptr) {
+    const std::string_view shared_bytes = shared != nullptr ? shared->bytes : std::string_view();
+    if (is_too_long(name) || is_too_long(value) || is_too_long(shared_bytes)) {
         return refuse(EMSGSIZE);
     }
-    const std::uint64_t added = encoded_pair_bytes(name, value);
+    const std::uint64_t added = encoded_pair_bytes(name, value) + shared_bytes.size();
     if (const int error = test_writable(packet, added); error != 0) {
         return refuse(error);
     }
@@ -82,9 +87,15 @@ int write_pair(comm_socket_v4_packet* packet, std::string_view name, std::string
     if (pairs.size() >= REPLY_LIMITS.pairs) {
         return refuse(EMSGSIZE);
     }
+    const std::size_t pair_idx = pairs.size();
     try {
         pairs.emplace_back(name, value);
+        if (shared != nullptr) {
+            shared->pair_idx = pair_idx;
+            packet->content->text->shared_parts.push_back(std::move(*shared));
+        }
     } catch (const std::exception&) {
+        pairs.resize(pair_idx);
         return refuse(ENOMEM);
     }
     packet->content->body_bytes += added;
@@ -119,7 +130,22 @@ const std::string* pair_value_at(const comm_socket_v4_packet* packet, size_t idx
     if (packet == nullptr || idx >= packet->content->text->pairs.size()) {
         return nullptr;
     }
-    return &packet->content->text->pairs[idx].second;
+    const FrameText& text = *packet->content->text;
+    const std::string& value = text.pairs[idx].second;
+    const auto shared = std::find_if(text.shared_parts.begin(), text.shared_parts.end(),
+                                     [idx](const SharedPart& part) { return part.pair_idx == idx; });
+    if (shared == text.shared_parts.end()) {
+        return &value;
+    }
+    try {
+        std::string& joined = packet->content->joined_values[idx];
+        if (joined.empty()) {
+            joined.append(value, 0, shared->offset).append(shared->bytes).append(value, shared->offset);
+        }
+        return &joined;
+    } catch (const std::exception&) {
+        return nullptr;
+    }
 }
 
 const char* c_string(const std::string* string) {
@@ -189,6 +215,7 @@ int comm_socket_v4_packet_begin_writing(comm_socket_v4_packet* packet, int reser
             return comm_socket::refuse(EMSGSIZE);
         }
         packet->content->text = std::move(text);
+        packet->content->joined_values.clear();
         packet->content->body_bytes = body_bytes;
         packet->content->state = PacketState::WRITING;
     } catch (const std::exception&) {
@@ -226,6 +253,29 @@ int comm_socket_v4_packet_write_nv_pair_bytes(comm_socket_v4_packet* packet, con
     }
     return comm_socket::write_pair(packet, comm_socket::view_bytes(name, name_length),
                                    comm_socket::view_bytes(value, value_length));
+}
+
+int comm_socket_v4_packet_write_nv_pair_shared(comm_socket_v4_packet* packet, const char* name,
+                                               const char* before, comm_socket_v4_shared_bytes shared,
+                                               const char* after) {
+    if (shared.release == nullptr) {
+        return comm_socket::refuse(EINVAL);
+    }
+    try {
+        // Calls release if it throws.
+        comm_socket::SharedPart part{0, 0, {}, std::shared_ptr<void>(shared.owner, shared.release)};
+        if (name == nullptr || before == nullptr || after == nullptr ||
+            !comm_socket::is_bytes(shared.bytes, shared.length)) {
+            return comm_socket::refuse(EINVAL);
+        }
+        std::string value = before;
+        part.offset = value.size();
+        part.bytes = comm_socket::view_bytes(shared.bytes, shared.length);
+        value += after;
+        return comm_socket::write_pair(packet, name, value, &part);
+    } catch (const std::exception&) {
+        return comm_socket::refuse(ENOMEM);
+    }
 }
 
 int comm_socket_v4_packet_write_end(comm_socket_v4_packet* packet) {

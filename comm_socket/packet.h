@@ -4,7 +4,9 @@
 
 #include <cstdint>
 #include <list>
+#include <map>
 #include <memory>
+#include <string>
 
 #include "comm_socket/include/comm_socket_v4.h"
 #include "comm_socket/wire.h"
@@ -37,7 +39,8 @@ struct comm_socket_v4_content {
     // Never modified once the packet is COMPLETE, only replaced, because queued replies share it.
     std::shared_ptr<comm_socket::FrameText> text = std::make_shared<comm_socket::FrameText>();
     comm_socket::PacketState state = comm_socket::PacketState::EMPTY;
-    std::uint64_t body_bytes = 0;  // encoded size so far, while the packet is written
+    std::uint64_t body_bytes = 0;                      // encoded size so far, while the packet is written
+    std::map<std::size_t, std::string> joined_values;  // by pair: values with a shared part that were read
 
     // For a request in held; null and empty otherwise.
     comm_socket::HeldRequests* held = nullptr;

@@ -64,7 +64,11 @@ std::string dump(const comm_socket_v4_packet* packet) {
         out += "  pair ";
         append_quoted(&out, text.pairs[i].first);
         out += " = ";
-        append_quoted(&out, text.pairs[i].second);
+        const char* const value = comm_socket_v4_packet_get_pair_value(packet, i);
+        append_quoted(&out,
+                      value == nullptr
+                          ? std::string_view()
+                          : std::string_view(value, comm_socket_v4_packet_get_pair_value_length(packet, i)));
         out += '\n';
     }
     if (text.pairs.size() > SHOWN_PAIRS) {

@@ -1,5 +1,6 @@
 #include "comm_socket/wire.h"
 
+#include <array>
 #include <cstring>
 
 #include "comm_socket/include/comm_socket_v4.h"
@@ -101,16 +102,34 @@ void put_u64(unsigned char*& d, std::uint64_t value) {
     put_u32(d, static_cast<std::uint32_t>(value));
 }
 
-void put_string(unsigned char*& d, const std::string& value) {
-    put_u32(d, static_cast<std::uint32_t>(value.size()));
-    std::memcpy(d, value.data(), value.size());
-    d += value.size();
+void put_bytes(unsigned char*& d, std::string_view bytes) {
+    std::memcpy(d, bytes.data(), bytes.size());
+    d += bytes.size();
 }
 
-// Writes a whole frame. put_text(d, string) writes a string with its length.
-template <typename PutText>
+// The value of a pair: what stands before its shared part, the shared part, and what stands after it.
+using ValueParts = std::array<std::string_view, 3>;
+using SharedParts = std::vector<SharedPart>;
+
+// Returns the value of the pair at idx. *shared is the first shared part that no earlier pair has; advances it
+// if it belongs to this pair.
+ValueParts next_value(const FrameText& text, std::size_t idx, SharedParts::const_iterator* shared) {
+    const std::string_view own = text.pairs[idx].second;
+    if (*shared == text.shared_parts.end() || (*shared)->pair_idx != idx) {
+        return {own, {}, {}};
+    }
+    const SharedPart& part = *(*shared)++;
+    return {own.substr(0, part.offset), part.bytes, own.substr(part.offset)};
+}
+
+// Writes a whole frame. put_part(d, bytes) writes a string or a part of one, without a length.
+template <typename PutPart>
 void put_frame(unsigned char*& d, std::uint64_t body_bytes, const FrameHead& head, const FrameText& text,
-               PutText put_text) {
+               PutPart put_part) {
+    const auto put_text = [&d, &put_part](const std::string& string) {
+        put_u32(d, static_cast<std::uint32_t>(string.size()));
+        put_part(d, string);
+    };
     for (const unsigned char byte : PREAMBLE) {
         *d++ = byte;
     }
@@ -118,31 +137,36 @@ void put_frame(unsigned char*& d, std::uint64_t body_bytes, const FrameHead& hea
     put_u32(d, head.flags);
     put_u64(d, head.request_id);
     put_u64(d, head.status);
-    put_text(d, text.command);
-    put_text(d, text.message);
+    put_text(text.command);
+    put_text(text.message);
     put_u32(d, static_cast<std::uint32_t>(text.arguments.size()));
     for (const auto& argument : text.arguments) {
         if (argument) {
-            put_text(d, *argument);
+            put_text(*argument);
         } else {
             put_u32(d, ABSENT);
         }
     }
     put_u32(d, static_cast<std::uint32_t>(text.pairs.size()));
-    for (const auto& [name, value] : text.pairs) {
-        put_text(d, name);
-        put_text(d, value);
+    auto shared = text.shared_parts.begin();
+    for (std::size_t i = 0; i < text.pairs.size(); ++i) {
+        put_text(text.pairs[i].first);
+        const ValueParts value = next_value(text, i, &shared);
+        put_u32(d, static_cast<std::uint32_t>(value[0].size() + value[1].size() + value[2].size()));
+        for (const std::string_view part : value) {
+            put_part(d, part);
+        }
     }
 }
 
-bool is_long(const std::string& string) {
+bool is_long(std::string_view string) {
     return string.size() >= LONG_STRING_BYTES;
 }
 
 // Returns the bytes of the strings that an outgoing frame does not copy.
 std::uint64_t long_string_bytes(const FrameText& text) {
     std::uint64_t bytes = 0;
-    const auto add = [&bytes](const std::string& string) { bytes += is_long(string) ? string.size() : 0; };
+    const auto add = [&bytes](std::string_view string) { bytes += is_long(string) ? string.size() : 0; };
     add(text.command);
     add(text.message);
     for (const auto& argument : text.arguments) {
@@ -150,9 +174,12 @@ std::uint64_t long_string_bytes(const FrameText& text) {
             add(*argument);
         }
     }
-    for (const auto& [name, value] : text.pairs) {
-        add(name);
-        add(value);
+    auto shared = text.shared_parts.begin();
+    for (std::size_t i = 0; i < text.pairs.size(); ++i) {
+        add(text.pairs[i].first);
+        for (const std::string_view part : next_value(text, i, &shared)) {
+            add(part);
+        }
     }
     return bytes;
 }
@@ -238,6 +265,9 @@ std::uint64_t encoded_body_bytes(const FrameText& text) {
     for (const auto& [name, value] : text.pairs) {
         bytes += encoded_pair_bytes(name, value);
     }
+    for (const SharedPart& shared : text.shared_parts) {
+        bytes += shared.bytes.size();
+    }
     return bytes;
 }
 
@@ -251,7 +281,7 @@ bool encode_frame(unsigned char*& d, const unsigned char* end, const FrameHead& 
     if (room(d, end) < FRAME_HEADER_BYTES || room(d, end) - FRAME_HEADER_BYTES < body_bytes) {
         return false;
     }
-    put_frame(d, body_bytes, head, text, put_string);
+    put_frame(d, body_bytes, head, text, put_bytes);
     return true;
 }
 
@@ -271,14 +301,13 @@ OutgoingFrame::OutgoingFrame(const FrameHead& head, std::shared_ptr<const FrameT
     short_bytes.resize(all_bytes - long_string_bytes(*text));
     unsigned char* const begin = reinterpret_cast<unsigned char*>(short_bytes.data());
     unsigned char* d = begin;
-    put_frame(d, body_bytes, head, *text, [this, begin](unsigned char*& cursor, const std::string& string) {
-        if (!is_long(string)) {
-            put_string(cursor, string);
+    put_frame(d, body_bytes, head, *text, [this, begin](unsigned char*& cursor, std::string_view part) {
+        if (!is_long(part)) {
+            put_bytes(cursor, part);
             return;
         }
-        put_u32(cursor, static_cast<std::uint32_t>(string.size()));
         end_short_piece(static_cast<std::size_t>(cursor - begin));
-        pieces.push_back({&string, 0, string.size()});
+        pieces.push_back({part.data(), 0, part.size()});
     });
     end_short_piece(short_bytes.size());
 }
@@ -297,8 +326,8 @@ void OutgoingFrame::end_short_piece(std::size_t end) {
 
 std::string_view OutgoingFrame::piece(std::size_t idx) const {
     const Piece& piece = pieces[idx];
-    const std::string& holder = piece.long_string != nullptr ? *piece.long_string : short_bytes;
-    return std::string_view(holder).substr(piece.start, piece.size);
+    const char* const bytes = piece.long_bytes != nullptr ? piece.long_bytes : short_bytes.data();
+    return {bytes + piece.start, piece.size};
 }
 
 }  // namespace comm_socket

@@ -41,11 +41,19 @@ struct FrameHead {
     std::uint64_t request_id = 0;
     std::uint64_t status = 0;
 };
+// Bytes of a pair's value that the frame shares with their owner instead of copying them.
+struct SharedPart {
+    std::size_t pair_idx;
+    std::size_t offset;  // in pairs[pair_idx].second, which holds the bytes before and after
+    std::string_view bytes;
+    std::shared_ptr<void> owner;  // keeps the bytes
+};
 struct FrameText {
     std::string command;
     std::string message;
     std::vector<std::optional<std::string>> arguments;
     std::vector<std::pair<std::string, std::string>> pairs;
+    std::vector<SharedPart> shared_parts;  // in the order of the pairs, at most one for each; never decoded
 };
 
 enum class FrameState { INCOMPLETE, COMPLETE, BROKEN };
@@ -81,7 +89,7 @@ enum class FrameState { INCOMPLETE, COMPLETE, BROKEN };
 [[nodiscard]] bool encode_frame(unsigned char*& d, const unsigned char* end, const FrameHead& head,
                                 const FrameText& text);
 
-// An outgoing frame in pieces. Long strings are not copied: the pieces point into the text.
+// An outgoing frame in pieces. Long strings and shared parts are not copied: the pieces point to them.
 class OutgoingFrame {
   public:
     // Requires within_limits. The text must not change afterwards. Throws std::bad_alloc.
@@ -96,8 +104,8 @@ class OutgoingFrame {
 
   private:
     struct Piece {
-        const std::string* long_string;  // null if the piece is in short_bytes
-        std::size_t start;
+        const char* long_bytes;  // null if the piece is in short_bytes
+        std::size_t start;       // in short_bytes
         std::size_t size;
     };
     void end_short_piece(std::size_t end);

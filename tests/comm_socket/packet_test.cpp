@@ -30,6 +30,11 @@ std::string dump_of(const comm_socket_v4_packet* packet) {
     return result;
 }
 
+std::string pair_value(const comm_socket_v4_packet* packet, std::size_t idx) {
+    return {comm_socket_v4_packet_get_pair_value(packet, idx),
+            comm_socket_v4_packet_get_pair_value_length(packet, idx)};
+}
+
 // -1 and this errno.
 #define EXPECT_REFUSED(call, error) \
     do {                            \
@@ -149,6 +154,64 @@ TEST(Packet, takes_a_body_of_256_mib_and_not_a_byte_more) {
     EXPECT_EQ(comm_socket_v4_packet_get_pair_count(packet.get()), 0u);
     EXPECT_EQ(comm_socket_v4_packet_write_nv_pair_bytes(packet.get(), "", 0, value.data(), value.size()), 0);
     EXPECT_REFUSED(comm_socket_v4_packet_write_argv(packet.get(), nullptr), EMSGSIZE);
+}
+
+TEST(Packet, joins_a_shared_value_with_what_stands_before_and_after_it) {
+    SharedBytes bytes("na\0me");
+    {
+        const Packet packet = begun();
+        EXPECT_EQ(comm_socket_v4_packet_write_nv_pair(packet.get(), "first", "1"), 0);
+        EXPECT_EQ(comm_socket_v4_packet_write_nv_pair_shared(packet.get(), "n", "7-", bytes.lend(), "-x"), 0);
+        EXPECT_EQ(comm_socket_v4_packet_write_nv_pair_shared(packet.get(), "n", "", bytes.lend(), ""), 0);
+        EXPECT_EQ(comm_socket_v4_packet_write_nv_pair(packet.get(), "last", "2"), 0);
+        EXPECT_EQ(comm_socket_v4_packet_write_end(packet.get()), 0);
+        ASSERT_EQ(comm_socket_v4_packet_get_pair_count(packet.get()), 4u);
+        EXPECT_EQ(pair_value(packet.get(), 0), "1");
+        EXPECT_EQ(pair_value(packet.get(), 1), "7-" + bytes.text + "-x");
+        EXPECT_EQ(pair_value(packet.get(), 2), bytes.text);
+        EXPECT_EQ(pair_value(packet.get(), 3), "2");
+        EXPECT_THAT(dump_of(packet.get()), testing::HasSubstr("  pair \"n\" = \"7-na\\x00me-x\"\n"));
+        EXPECT_EQ(bytes.released, 0);
+    }
+    EXPECT_EQ(bytes.released, 2);
+}
+
+TEST(Packet, gives_shared_bytes_back_once_when_it_is_begun_again) {
+    SharedBytes bytes("name");
+    const Packet packet = begun();
+    EXPECT_EQ(comm_socket_v4_packet_write_nv_pair_shared(packet.get(), "n", "", bytes.lend(), ""), 0);
+    EXPECT_EQ(pair_value(packet.get(), 0), "name");
+    EXPECT_EQ(comm_socket_v4_packet_begin_writing(packet.get(), 0, "", ""), 0);
+    EXPECT_EQ(bytes.released, 1);
+    SharedBytes other("other");
+    EXPECT_EQ(comm_socket_v4_packet_write_nv_pair_shared(packet.get(), "n", "an", other.lend(), ""), 0);
+    EXPECT_EQ(pair_value(packet.get(), 0), "another");
+}
+
+TEST(Packet, gives_shared_bytes_back_before_it_refuses_them) {
+    SharedBytes bytes("name");
+    const auto write = [&bytes](comm_socket_v4_packet* packet, const char* name, const char* before,
+                                const char* after, std::size_t length = 4) {
+        comm_socket_v4_shared_bytes shared = bytes.lend();
+        shared.length = length;
+        return comm_socket_v4_packet_write_nv_pair_shared(packet, name, before, shared, after);
+    };
+    const Packet packet = begun();
+    EXPECT_REFUSED(write(nullptr, "n", "", ""), EINVAL);
+    EXPECT_REFUSED(write(packet.get(), nullptr, "", ""), EINVAL);
+    EXPECT_REFUSED(write(packet.get(), "n", nullptr, ""), EINVAL);
+    EXPECT_REFUSED(write(packet.get(), "n", "", nullptr), EINVAL);
+    EXPECT_REFUSED(write(packet.get(), "n", "", "", std::size_t{1} << 28), EMSGSIZE);
+    EXPECT_REFUSED(write(packet.get(), "n", "", "", std::numeric_limits<std::size_t>::max()), EMSGSIZE);
+    EXPECT_EQ(bytes.released, 6);
+    EXPECT_EQ(comm_socket_v4_packet_get_pair_count(packet.get()), 0u);
+    comm_socket_v4_shared_bytes nothing_to_call = bytes.lend();
+    nothing_to_call.release = nullptr;
+    EXPECT_REFUSED(comm_socket_v4_packet_write_nv_pair_shared(packet.get(), "n", "", nothing_to_call, ""),
+                   EINVAL);
+    EXPECT_EQ(comm_socket_v4_packet_write_end(packet.get()), 0);
+    EXPECT_REFUSED(write(packet.get(), "n", "", ""), EINVAL);
+    EXPECT_EQ(bytes.released, 7);
 }
 
 TEST(Packet, refuses_null_strings_and_a_reserved_value) {

@@ -89,6 +89,22 @@ class DrivenServer {
     comm_socket_v4* handle;
 };
 
+// Bytes that packets share, and how often they were given back.
+struct SharedBytes {
+    template <std::size_t N>
+    explicit SharedBytes(const char (&literal)[N]) : text(literal, N - 1) {}
+    explicit SharedBytes(std::string bytes) : text(std::move(bytes)) {}
+    SharedBytes(const SharedBytes&) = delete;
+    SharedBytes& operator=(const SharedBytes&) = delete;
+    comm_socket_v4_shared_bytes lend() {
+        return {text.data(), text.size(), this,
+                [](void* owner) { ++static_cast<SharedBytes*>(owner)->released; }};
+    }
+
+    std::string text;
+    int released = 0;
+};
+
 // A complete response to id with this message.
 comm_socket_v4_packet* make_reply(std::uint64_t id, const std::string& command, const std::string& message);
 

@@ -439,6 +439,55 @@ TEST_F(ServerTest, a_client_that_closed_its_sending_side_gets_its_reply) {
     EXPECT_NE(comm_socket_v4_get_disconnected_client(server.handle), nullptr);
 }
 
+TEST_F(ServerTest, sends_shared_bytes_and_gives_them_back_when_they_have_left) {
+    for (const std::size_t bytes : {std::size_t{0}, std::size_t{16383}, std::size_t{16384}, 3 * MEBIBYTE}) {
+        SCOPED_TRACE(bytes);
+        SharedBytes name(std::string(bytes, 'n'));
+        DrivenServer server(path);
+        const RawPeer peer(path);
+        server.idle();
+        comm_socket_v4_client* client = comm_socket_v4_accept_connection(server.handle);
+        {
+            const Packet reply(comm_socket_v4_packet_create());
+            comm_socket_v4_packet_make_response(reply.get());
+            ASSERT_EQ(comm_socket_v4_packet_begin_writing(reply.get(), 0, "list", "ok"), 0);
+            for (const char* const before : {"1 ", "2 "}) {
+                ASSERT_EQ(comm_socket_v4_packet_write_nv_pair_shared(reply.get(), "line", before, name.lend(),
+                                                                     " end"),
+                          0);
+            }
+            ASSERT_EQ(comm_socket_v4_packet_write_nv_pair(reply.get(), "last", "3"), 0);
+            ASSERT_EQ(comm_socket_v4_packet_write_end(reply.get()), 0);
+            ASSERT_EQ(comm_socket_v4_packet_send_to_client(client, reply.get()), 1);
+        }
+        EXPECT_EQ(name.released, bytes > MEBIBYTE ? 0 : 2) << "a long reply has not left yet";
+        const std::string expected = reply_frame(
+            0, "list", "ok",
+            {{"line", "1 " + name.text + " end"}, {"line", "2 " + name.text + " end"}, {"last", "3"}});
+        std::jthread reader([&] { EXPECT_EQ(peer.read_bytes(expected.size()), expected); });
+        comm_socket_v4_flush(server.handle, comm_socket::deadline_after(10000000));
+        EXPECT_EQ(name.released, 2);
+    }
+}
+
+TEST_F(ServerTest, gives_shared_bytes_back_when_their_client_leaves) {
+    SharedBytes name(std::string(3 * MEBIBYTE, 'n'));
+    DrivenServer server(path);
+    RawPeer peer(path);
+    server.idle();
+    comm_socket_v4_client* client = comm_socket_v4_accept_connection(server.handle);
+    Packet reply(make_reply(1, "list", ""));
+    ASSERT_EQ(comm_socket_v4_packet_begin_writing(reply.get(), 0, "list", "ok"), 0);
+    ASSERT_EQ(comm_socket_v4_packet_write_nv_pair_shared(reply.get(), "line", "", name.lend(), ""), 0);
+    ASSERT_EQ(comm_socket_v4_packet_write_end(reply.get()), 0);
+    ASSERT_EQ(comm_socket_v4_packet_send_to_client(client, reply.get()), 1);
+    reply.reset();
+    EXPECT_EQ(name.released, 0);
+    peer.close_now();
+    server.idle();
+    EXPECT_EQ(name.released, 1);
+}
+
 TEST_F(ServerTest, returns_0_only_beyond_16_mib_and_then_times_out) {
     DrivenServer server(path);
     const RawPeer peer(path);
