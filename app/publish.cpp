@@ -49,6 +49,6 @@ bool handle_publish(RTMPConnection& conn, const RTMP_Packet& request, CommandArg
         set_publisher(record, conn.conn_idx);
     }
     conn.stall_deadline_us = now_us + FIRST_MEDIA_GRACE_US;
-    diag("Connection is publishing '%s'\n", conn.stream_name.c_str());
+    diag("Connection is publishing '%s'\n", conn.stream_name.str().c_str());
     return true;
 }

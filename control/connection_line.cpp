@@ -11,21 +11,22 @@ std::string video_size(const StreamFormat& format) {
 
 }  // namespace
 
-void connection_line(RTMPConnection& conn, std::string* line) {
-    *line = std::to_string(conn.conn_idx);
-    line->append(1, '\t').append(conn.stream_name);
-    line->append(1, '\t').append(conn.stream_mode);
-    line->append(1, '\t').append(video_size(conn.stream_format));
+ConnectionLine connection_line(RTMPConnection& conn) {
+    ConnectionLine line{std::to_string(conn.conn_idx) + '\t', conn.stream_name, {}};
+    std::string& rest = line.after_name;
+    rest.append(1, '\t').append(conn.stream_mode);
+    rest.append(1, '\t').append(video_size(conn.stream_format));
 
     const ConnectionLock lock(conn, OTHER_UNLOCK_EXPRESSION);
     if (!lock.held()) {
-        line->append("\t\t\t");
-        return;
+        rest.append("\t\t\t");
+        return line;
     }
     const auto total = [](const LinkDirection& direction) {
         return std::to_string(direction.bytes_total.load(std::memory_order_relaxed));
     };
-    line->append(1, '\t').append(total(conn.conn_g_client));
-    line->append(1, '\t').append(total(conn.conn_g_server));
-    line->append(1, '\t').append(conn.address);
+    rest.append(1, '\t').append(total(conn.conn_g_client));
+    rest.append(1, '\t').append(total(conn.conn_g_server));
+    rest.append(1, '\t').append(conn.address);
+    return line;
 }

@@ -5,8 +5,13 @@
 
 #include "core/connection.h"
 
-// Writes slot, stream name, stream mode, picture size ("1280x720", empty if unknown), bytes sent to the
+// A line in three parts. The stream name may have a megabyte and is shared with the connection, not copied.
+struct ConnectionLine {
+    std::string before_name;
+    SharedText stream_name;
+    std::string after_name;
+};
+
+// Formats slot, stream name, stream mode, picture size ("1280x720", empty if unknown), bytes sent to the
 // client, bytes received from it, and address. The last three are empty if the connection's lock fails.
-// Replaces the contents of line. Callers reuse one line for a whole list, so that a name of a megabyte is not
-// allocated each time.
-void connection_line(RTMPConnection& conn, std::string* line) ON_MAIN_THREAD;
+[[nodiscard]] ConnectionLine connection_line(RTMPConnection& conn) ON_MAIN_THREAD;

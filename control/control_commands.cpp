@@ -32,6 +32,15 @@ void write_pair(comm_socket_v4_packet* respkt, const char* name, const char* val
     CHECK(comm_socket_v4_packet_write_nv_pair(respkt, name, value) == 0);
 }
 
+// The reply keeps a copy of the line's name until it has been sent.
+void write_connection(comm_socket_v4_packet* respkt, const ConnectionLine& line) {
+    auto* const name = new SharedText(line.stream_name);
+    const auto release = [](void* owner) { delete static_cast<SharedText*>(owner); };
+    CHECK(comm_socket_v4_packet_write_nv_pair_shared(respkt, "connection", line.before_name.c_str(),
+                                                     {name->str().data(), name->str().size(), name, release},
+                                                     line.after_name.c_str()) == 0);
+}
+
 void end_reply(comm_socket_v4_packet* respkt) {
     CHECK(comm_socket_v4_packet_write_end(respkt) == 0);
 }
@@ -100,12 +109,10 @@ void list_connections(const comm_socket_v4_packet* request, comm_socket_v4_packe
     begin_reply(respkt, "list connections", "Connection list response");
     write_pair(respkt, "connection field order",
                "connect id,stream name,stream mode,video size,byte sent to,byte recv from,address");
-    std::string line;
     for (std::size_t i = 0; i < MAX_CONNECTIONS; ++i) {
         RTMPConnection* const p = get_connection(i);
         if (p != nullptr && (mode.empty() || p->stream_mode == mode)) {
-            connection_line(*p, &line);
-            write_pair(respkt, "connection", line.c_str());
+            write_connection(respkt, connection_line(*p));
         }
     }
     end_reply(respkt);

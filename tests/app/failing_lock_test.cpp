@@ -46,9 +46,10 @@ TEST_F(FailingLockTest, a_connection_is_listed_with_empty_counters_and_address) 
     conn.stream_name = "cam1";
     conn.stream_mode = "play";
     const FailingLock failing(conn);
-    std::string line;
-    connection_line(conn, &line);
-    EXPECT_EQ(line, std::to_string(conn.conn_idx) + "\tcam1\tplay\t\t\t\t");
+    const ConnectionLine line = connection_line(conn);
+    EXPECT_EQ(line.before_name, std::to_string(conn.conn_idx) + "\t");
+    EXPECT_EQ(line.stream_name, "cam1");
+    EXPECT_EQ(line.after_name, "\tplay\t\t\t\t");
 }
 
 TEST_F(FailingLockTest, messages_wait_for_a_later_pass) {

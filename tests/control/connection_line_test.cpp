@@ -10,9 +10,8 @@ namespace {
 class ConnectionLineTest : public ConnectionFixture {};
 
 std::string line_of(RTMPConnection& conn) {
-    std::string line = "what was there before";
-    connection_line(conn, &line);
-    return line;
+    const ConnectionLine line = connection_line(conn);
+    return line.before_name + line.stream_name.str() + line.after_name;
 }
 
 std::string slot_of(const RTMPConnection& conn) {

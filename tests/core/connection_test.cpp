@@ -40,7 +40,7 @@ TEST_F(connection, begins_with_nothing_known) {
     EXPECT_EQ(conn.audio.lock_type, -1);
     EXPECT_EQ(conn.video.lock_type, -1);
     EXPECT_EQ(conn.metadata.type, AMF_Type::Undefined);
-    EXPECT_EQ(conn.app_name + conn.stream_mode + conn.stream_name, "");
+    EXPECT_EQ(conn.app_name + conn.stream_mode + conn.stream_name.str(), "");
 }
 
 TEST_F(connection, is_kept_with_both_threads_and_an_open_socket) {

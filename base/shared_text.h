@@ -1,0 +1,27 @@
+// Immutable text whose copies share its bytes. Different threads may use different copies.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <string_view>
+#include <utility>
+
+class SharedText {
+  public:
+    SharedText& operator=(std::string new_text) {
+        text = std::make_shared<const std::string>(std::move(new_text));
+        return *this;
+    }
+
+    // Returns the text. Valid while this object or a copy of it holds the text.
+    [[nodiscard]] const std::string& str() const { return *text; }
+    operator const std::string&() const { return *text; }
+    [[nodiscard]] bool empty() const { return text->empty(); }
+
+    friend bool operator==(const SharedText& one, std::string_view other) { return one.str() == other; }
+
+  private:
+    static inline const auto NO_TEXT = std::make_shared<const std::string>();
+
+    std::shared_ptr<const std::string> text = NO_TEXT;
+};
