@@ -36,9 +36,10 @@ void write_pair(comm_socket_v4_packet* respkt, const char* name, const char* val
 void write_connection(comm_socket_v4_packet* respkt, const ConnectionLine& line) {
     auto* const name = new SharedText(line.stream_name);
     const auto release = [](void* owner) { delete static_cast<SharedText*>(owner); };
-    CHECK(comm_socket_v4_packet_write_nv_pair_shared(respkt, "connection", line.before_name.c_str(),
-                                                     {name->str().data(), name->str().size(), name, release},
-                                                     line.after_name.c_str()) == 0);
+    const comm_socket_v4_shared_bytes shared{name->str().data(), name->str().size(), name, release};
+    const int written = comm_socket_v4_packet_write_nv_pair_shared(
+        respkt, "connection", line.before_name.c_str(), shared, line.after_name.c_str());
+    CHECK(written == 0);  // NOLINT(clang-analyzer-cplusplus.NewDeleteLeaks): release frees it
 }
 
 void end_reply(comm_socket_v4_packet* respkt) {
