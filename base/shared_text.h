@@ -8,6 +8,11 @@
 
 class SharedText {
   public:
+    SharedText() = default;
+    // Only copied, never moved from, so that every object has a text.
+    SharedText(const SharedText&) = default;
+    SharedText& operator=(const SharedText&) = default;
+    ~SharedText() = default;
     SharedText& operator=(std::string new_text) {
         text = std::make_shared<const std::string>(std::move(new_text));
         return *this;

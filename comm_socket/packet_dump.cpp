@@ -1,6 +1,7 @@
 // Prints a packet for people to read.
 #include <algorithm>
 #include <exception>
+#include <new>
 #include <string>
 #include <string_view>
 
@@ -65,10 +66,10 @@ std::string dump(const comm_socket_v4_packet* packet) {
         append_quoted(&out, text.pairs[i].first);
         out += " = ";
         const char* const value = comm_socket_v4_packet_get_pair_value(packet, i);
-        append_quoted(&out,
-                      value == nullptr
-                          ? std::string_view()
-                          : std::string_view(value, comm_socket_v4_packet_get_pair_value_length(packet, i)));
+        if (value == nullptr) {
+            throw std::bad_alloc();
+        }
+        append_quoted(&out, {value, comm_socket_v4_packet_get_pair_value_length(packet, i)});
         out += '\n';
     }
     if (text.pairs.size() > SHOWN_PAIRS) {

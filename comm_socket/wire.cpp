@@ -103,8 +103,10 @@ void put_u64(unsigned char*& d, std::uint64_t value) {
 }
 
 void put_bytes(unsigned char*& d, std::string_view bytes) {
-    std::memcpy(d, bytes.data(), bytes.size());
-    d += bytes.size();
+    if (!bytes.empty()) {  // memcpy must not get the null pointer of an empty part
+        std::memcpy(d, bytes.data(), bytes.size());
+        d += bytes.size();
+    }
 }
 
 // The value of a pair: what stands before its shared part, the shared part, and what stands after it.

@@ -89,7 +89,7 @@ enum class FrameState { INCOMPLETE, COMPLETE, BROKEN };
 [[nodiscard]] bool encode_frame(unsigned char*& d, const unsigned char* end, const FrameHead& head,
                                 const FrameText& text);
 
-// An outgoing frame in pieces. Long strings and shared parts are not copied: the pieces point to them.
+// An outgoing frame in pieces. Long strings and long shared parts are not copied: the pieces point to them.
 class OutgoingFrame {
   public:
     // Requires within_limits. The text must not change afterwards. Throws std::bad_alloc.

@@ -32,15 +32,18 @@ void write_pair(comm_socket_v4_packet* respkt, const char* name, const char* val
     CHECK(comm_socket_v4_packet_write_nv_pair(respkt, name, value) == 0);
 }
 
-// The reply keeps a copy of the line's name until it has been sent.
+void write_shared_pair(comm_socket_v4_packet* respkt, const char* name, const char* before,
+                       const comm_socket_v4_shared_bytes& shared, const char* after) {
+    CHECK(comm_socket_v4_packet_write_nv_pair_shared(respkt, name, before, shared, after) == 0);
+}
+
+// The reply keeps the stream name until it has been sent, even if the connection leaves before that.
 void write_connection(comm_socket_v4_packet* respkt, const ConnectionLine& line) {
     auto* const name = new SharedText(line.stream_name);
     const auto release = [](void* owner) { delete static_cast<SharedText*>(owner); };
-    const comm_socket_v4_shared_bytes shared{name->str().data(), name->str().size(), name, release};
-    const int written = comm_socket_v4_packet_write_nv_pair_shared(
-        respkt, "connection", line.before_name.c_str(), shared, line.after_name.c_str());
-    CHECK(written == 0);  // NOLINT(clang-analyzer-cplusplus.NewDeleteLeaks): release frees it
-}
+    write_shared_pair(respkt, "connection", line.before_name.c_str(),
+                      {name->str().data(), name->str().size(), name, release}, line.after_name.c_str());
+}  // NOLINT(clang-analyzer-cplusplus.NewDeleteLeaks): release frees it
 
 void end_reply(comm_socket_v4_packet* respkt) {
     CHECK(comm_socket_v4_packet_write_end(respkt) == 0);

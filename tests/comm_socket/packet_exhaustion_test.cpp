@@ -1,19 +1,22 @@
-// A packet that cannot be printed for want of memory. The allocator of this executable fails on command.
+// Packets for which there is no memory. The allocator of this executable fails on command.
 #include <comm_socket_v4.h>
 #include <gtest/gtest.h>
 
 #include <cstdlib>
 #include <new>
+#include <string>
 
 namespace {
 
-bool memory_is_exhausted = false;
+constexpr int UNLIMITED = 1000000;
+int allocations_left = UNLIMITED;
 
 }  // namespace
 
 // Not inlined: where the compiler sees one of them and not the other, it takes them for mismatched.
 [[gnu::noinline]] void* operator new(std::size_t size) {
-    void* const memory = memory_is_exhausted ? nullptr : std::malloc(size);
+    void* const memory = allocations_left == 0 ? nullptr : std::malloc(size);
+    allocations_left -= allocations_left > 0 ? 1 : 0;
     return memory != nullptr ? memory : throw std::bad_alloc();
 }
 
@@ -28,9 +31,30 @@ bool memory_is_exhausted = false;
 TEST(packet_exhaustion, a_packet_that_cannot_be_printed_is_at_least_mentioned) {
     comm_socket_v4_packet* packet = comm_socket_v4_packet_create();
     testing::internal::CaptureStderr();
-    memory_is_exhausted = true;
+    allocations_left = 0;
     comm_socket_v4_packet_dump_user_friendly(packet, stderr);
-    memory_is_exhausted = false;
+    allocations_left = UNLIMITED;
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "Packet: no memory to print it\n");
     comm_socket_v4_packet_release(packet);
+}
+
+TEST(packet_exhaustion, shared_bytes_are_given_back_once_whichever_allocation_fails) {
+    const std::string before(100, 'b');
+    int refusals = 0;
+    for (int result = -1; result != 0; ++refusals) {
+        ASSERT_LT(refusals, 20);
+        comm_socket_v4_packet* packet = comm_socket_v4_packet_create();
+        ASSERT_EQ(comm_socket_v4_packet_begin_writing(packet, 0, "list", ""), 0);
+        int released = 0;
+        const auto release = [](void* owner) { ++*static_cast<int*>(owner); };
+        allocations_left = refusals;
+        result = comm_socket_v4_packet_write_nv_pair_shared(packet, "line", before.c_str(),
+                                                            {"name", 4, &released, release}, "after");
+        allocations_left = UNLIMITED;
+        EXPECT_EQ(released, result == 0 ? 0 : 1);
+        EXPECT_EQ(comm_socket_v4_packet_get_pair_count(packet), result == 0 ? 1u : 0u);
+        comm_socket_v4_packet_release(packet);
+        EXPECT_EQ(released, 1);
+    }
+    EXPECT_GT(refusals, 3);  // the owner's count, the value, the pair and the part
 }

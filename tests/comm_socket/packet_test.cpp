@@ -136,6 +136,10 @@ TEST(Packet, takes_65536_pairs_and_no_more) {
     for (int i = 0; i < 65536; i++)
         ASSERT_EQ(comm_socket_v4_packet_write_nv_pair(packet.get(), "", ""), 0);
     EXPECT_REFUSED(comm_socket_v4_packet_write_nv_pair(packet.get(), "", ""), EMSGSIZE);
+    SharedBytes bytes("");
+    EXPECT_REFUSED(comm_socket_v4_packet_write_nv_pair_shared(packet.get(), "", "", bytes.lend(), ""),
+                   EMSGSIZE);
+    EXPECT_EQ(bytes.released, 1);
     EXPECT_EQ(comm_socket_v4_packet_get_pair_count(packet.get()), 65536u);
 }
 
@@ -151,7 +155,14 @@ TEST(Packet, takes_a_body_of_256_mib_and_not_a_byte_more) {
     EXPECT_REFUSED(
         comm_socket_v4_packet_write_argv_bytes(packet.get(), "a", std::numeric_limits<std::size_t>::max()),
         EMSGSIZE);
+    SharedBytes all_but_two(value.substr(2));
+    EXPECT_REFUSED(
+        comm_socket_v4_packet_write_nv_pair_shared(packet.get(), "", "bb", all_but_two.lend(), "a"),
+        EMSGSIZE);
     EXPECT_EQ(comm_socket_v4_packet_get_pair_count(packet.get()), 0u);
+    EXPECT_EQ(comm_socket_v4_packet_write_nv_pair_shared(packet.get(), "", "b", all_but_two.lend(), "a"), 0);
+    EXPECT_REFUSED(comm_socket_v4_packet_write_argv(packet.get(), nullptr), EMSGSIZE);
+    EXPECT_EQ(comm_socket_v4_packet_begin_writing(packet.get(), 0, "", "message"), 0);
     EXPECT_EQ(comm_socket_v4_packet_write_nv_pair_bytes(packet.get(), "", 0, value.data(), value.size()), 0);
     EXPECT_REFUSED(comm_socket_v4_packet_write_argv(packet.get(), nullptr), EMSGSIZE);
 }

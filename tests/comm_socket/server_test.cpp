@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <fstream>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -468,6 +469,28 @@ TEST_F(ServerTest, sends_shared_bytes_and_gives_them_back_when_they_have_left) {
         comm_socket_v4_flush(server.handle, comm_socket::deadline_after(10000000));
         EXPECT_EQ(name.released, 2);
     }
+}
+
+TEST_F(ServerTest, gives_shared_bytes_back_once_when_it_is_destroyed_with_two_waiting_replies) {
+    SharedBytes name(std::string(3 * MEBIBYTE, 'n'));
+    std::optional<DrivenServer> server(std::in_place, path);
+    const std::vector<RawPeer> peers = peers_that_sent(2, request_frame(1, "list"));
+    server->idle();
+    Packet reply(make_reply(1, "list", ""));
+    ASSERT_EQ(comm_socket_v4_packet_begin_writing(reply.get(), 0, "list", "ok"), 0);
+    ASSERT_EQ(comm_socket_v4_packet_write_nv_pair_shared(reply.get(), "line", "", name.lend(), ""), 0);
+    ASSERT_EQ(comm_socket_v4_packet_write_end(reply.get()), 0);
+    for (std::size_t i = 0; i < peers.size(); ++i) {
+        comm_socket_v4_client* client = nullptr;
+        comm_socket_v4_packet* const request = server->take(&client);
+        ASSERT_NE(request, nullptr);
+        ASSERT_EQ(comm_socket_v4_packet_send_to_client(client, reply.get()), 1);
+        comm_socket_v4_packet_release(request);
+    }
+    reply.reset();
+    EXPECT_EQ(name.released, 0);
+    server.reset();
+    EXPECT_EQ(name.released, 1);
 }
 
 TEST_F(ServerTest, gives_shared_bytes_back_when_their_client_leaves) {

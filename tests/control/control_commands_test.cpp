@@ -7,6 +7,7 @@
 #include <utility>
 #include <vector>
 
+#include "core/connection_table.h"
 #include "core/limits.h"
 #include "tests/support/assertion_line.h"
 #include "tests/support/connection_fixture.h"
@@ -330,6 +331,18 @@ TEST_F(ControlCommandsTest, a_stream_name_of_a_mebibyte_can_be_listed_and_droppe
     add_stream(name, "play");
     EXPECT_EQ(ask(LIST).pairs.back().second, "0\t" + name + "\tplay\t\t0\t0\t192.0.2.7:50512");
     EXPECT_EQ(ask(DROP_BY_NAME, {name}).message, "OK, 1 connections dropped");
+}
+
+TEST_F(ControlCommandsTest, a_listing_keeps_the_names_of_connections_that_leave) {
+    const std::string name(1000000, 'x');
+    RTMPConnection& conn = add_stream(name, "play");
+    const std::string line = std::to_string(conn.conn_idx) + "\t" + name + "\tplay\t\t0\t0\t192.0.2.7:50512";
+    const Packet request = make_request(LIST, {});
+    const Packet response = make_response(request);
+    EXPECT_TRUE(run_control_command(request.get(), response.get()));
+    conn.stream_name = "another";
+    free_connection(conn.conn_idx);
+    EXPECT_EQ(read_reply(response).pairs.back().second, line);
 }
 
 TEST_F(ControlCommandsTest, a_reply_is_written_to_its_end) {

@@ -28,6 +28,7 @@ struct FakeLibrary {
     bool packet_create_fails = false;
     bool begin_writing_fails = false;
     bool write_nv_pair_fails = false;
+    bool write_nv_pair_shared_fails = false;
     bool write_end_fails = false;
     std::uint64_t sent_id = 0;
     std::uint32_t sent_flags = 0;
@@ -46,6 +47,8 @@ extern "C" {
 comm_socket_v4_packet* __real_comm_socket_v4_packet_create();
 int __real_comm_socket_v4_packet_begin_writing(comm_socket_v4_packet*, int, const char*, const char*);
 int __real_comm_socket_v4_packet_write_nv_pair(comm_socket_v4_packet*, const char*, const char*);
+int __real_comm_socket_v4_packet_write_nv_pair_shared(comm_socket_v4_packet*, const char*, const char*,
+                                                      comm_socket_v4_shared_bytes, const char*);
 int __real_comm_socket_v4_packet_write_end(comm_socket_v4_packet*);
 
 comm_socket_v4* __wrap_comm_socket_v4_create() {
@@ -120,6 +123,14 @@ int __wrap_comm_socket_v4_packet_begin_writing(comm_socket_v4_packet* packet, in
 int __wrap_comm_socket_v4_packet_write_nv_pair(comm_socket_v4_packet* packet, const char* name,
                                                const char* value) {
     return library.write_nv_pair_fails ? -1 : __real_comm_socket_v4_packet_write_nv_pair(packet, name, value);
+}
+
+int __wrap_comm_socket_v4_packet_write_nv_pair_shared(comm_socket_v4_packet* packet, const char* name,
+                                                      const char* before, comm_socket_v4_shared_bytes shared,
+                                                      const char* after) {
+    return library.write_nv_pair_shared_fails
+               ? -1
+               : __real_comm_socket_v4_packet_write_nv_pair_shared(packet, name, before, shared, after);
 }
 
 int __wrap_comm_socket_v4_packet_write_end(comm_socket_v4_packet* packet) {
@@ -323,6 +334,13 @@ TEST_F(ControlServerDeathTest, a_reply_that_cannot_be_made_is_our_mistake) {
         server_idle(), testing::KilledBySignal(SIGABRT),
         assertion_line("write_pair", "comm_socket_v4_packet_write_nv_pair(respkt, name, value) == 0"));
     library.write_nv_pair_fails = false;
+    add_connection();
+    library.write_nv_pair_shared_fails = true;
+    EXPECT_EXIT(server_idle(), testing::KilledBySignal(SIGABRT),
+                assertion_line(
+                    "write_shared_pair",
+                    "comm_socket_v4_packet_write_nv_pair_shared(respkt, name, before, shared, after) == 0"));
+    library.write_nv_pair_shared_fails = false;
     library.write_end_fails = true;
     EXPECT_EXIT(server_idle(), testing::KilledBySignal(SIGABRT),
                 assertion_line("end_reply", "comm_socket_v4_packet_write_end(respkt) == 0"));

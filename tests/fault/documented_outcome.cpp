@@ -304,6 +304,11 @@ DocumentedOutcome after_new(const FaultWatch& watch) {
         return process_ends(assertion(
             "begin_reply", "comm_socket_v4_packet_begin_writing(respkt, 0, command, message) == 0"));
     }
+    if (watch.came_through("comm_socket_v4_packet_write_nv_pair_shared")) {
+        return process_ends(assertion(
+            "write_shared_pair",
+            "comm_socket_v4_packet_write_nv_pair_shared(respkt, name, before, shared, after) == 0"));
+    }
     if (watch.came_through("comm_socket::write_pair")) {
         return process_ends(
             assertion("write_pair", "comm_socket_v4_packet_write_nv_pair(respkt, name, value) == 0"));
