@@ -15,6 +15,7 @@
 #include "tests/amf/hostile_values.h"
 #include "tests/support/assertion_line.h"
 #include "tests/support/guarded_bytes.h"
+#include "tests/support/page_example.h"
 
 namespace {
 
@@ -96,7 +97,58 @@ void expect_refused(const Bytes& bytes, std::string_view printed = "") {
     EXPECT_TRUE(result.value.elements.empty());
 }
 
+// The values of an example on the page, one after another. Expects nothing else in it.
+std::vector<AMF_Value> decode_example(const std::string& name) {
+    const std::string text = example_bytes(name);
+    GuardedBytes bytes(Bytes(text.begin(), text.end()));
+    const unsigned char* s = bytes.begin();
+    std::vector<AMF_Value> values;
+    while (s < bytes.end()) {
+        values.emplace_back();
+        if (!AMF_ReadValue(values.back(), s, bytes.end())) {
+            ADD_FAILURE() << name << " at byte " << s - bytes.begin();
+            return values;
+        }
+    }
+    return values;
+}
+
 }  // namespace
+
+TEST(amf_read, decodes_the_values_of_the_page) {
+    const std::vector<AMF_Value> values = decode_example("amf0_values");
+    const std::vector<AMF_Type> types{AMF_Type::Number,    AMF_Type::Boolean,    AMF_Type::String,
+                                      AMF_Type::Object,    AMF_Type::Null,       AMF_Type::Undefined,
+                                      AMF_Type::ECMAArray, AMF_Type::LongString, AMF_Type::XMLDocument};
+    ASSERT_EQ(values.size(), types.size());
+    for (std::size_t i = 0; i < types.size(); ++i) {
+        EXPECT_EQ(values[i].type, types[i]) << i;
+    }
+    EXPECT_EQ(values[0].number, 1);
+    EXPECT_EQ(values[1].boolean, 1);
+    EXPECT_EQ(values[2].string, "ab");
+    EXPECT_EQ(values[3].members.size(), 1U);
+    EXPECT_EQ(values[3].find_member("a").type, AMF_Type::Null);
+    EXPECT_EQ(values[6].members.size(), 1U);
+    EXPECT_EQ(values[6].find_member("b").number, 2);
+    EXPECT_EQ(values[7].string, "cd");
+    EXPECT_EQ(values[8].string, "<x/>");
+}
+
+TEST(amf_read, decodes_the_messages_of_the_page) {
+    const std::vector<AMF_Value> command = decode_example("amf0_connect");
+    ASSERT_EQ(command.size(), 3U);
+    EXPECT_EQ(command[0].string, "connect");
+    EXPECT_EQ(command[1].number, 1);
+    EXPECT_EQ(command[2].find_member("app").string, "ombrex-live");
+    EXPECT_EQ(command[2].find_member("objectEncoding").type, AMF_Type::Number);
+
+    const std::vector<AMF_Value> metadata = decode_example("amf0_metadata");
+    ASSERT_EQ(metadata.size(), 2U);
+    EXPECT_EQ(metadata[0].string, "onMetaData");
+    EXPECT_EQ(metadata[1].find_member("height").number, 720);
+    EXPECT_EQ(metadata[1].find_member("width").number, 1280);
+}
 
 TEST(amf_read, decodes_an_empty_string) {
     const Decoded result = decode({0x02, 0x00, 0x00});

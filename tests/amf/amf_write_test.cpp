@@ -9,11 +9,13 @@
 #include <new>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "amf/amf_read.h"
 #include "tests/amf/hostile_values.h"
 #include "tests/support/assertion_line.h"
 #include "tests/support/guarded_bytes.h"
+#include "tests/support/page_example.h"
 
 namespace {
 
@@ -61,7 +63,45 @@ AMF_Value text(std::string_view s) {
     return v;
 }
 
+// Expects that the values, one after another, are the example of the page.
+void expect_encoded(const std::vector<AMF_Value>& values, const std::string& example) {
+    std::string bytes;
+    for (const AMF_Value& v : values) {
+        const Bytes encoded = encode(v);
+        bytes.append(encoded.begin(), encoded.end());
+    }
+    EXPECT_EQ(bytes, example_bytes(example));
+}
+
 }  // namespace
+
+TEST(amf_write, encodes_the_values_of_the_page) {
+    AMF_Value yes = of_type(AMF_Type::Boolean);
+    yes.boolean = 1;
+    AMF_Value object = of_type(AMF_Type::Object);
+    object.member("a").set_null();
+    AMF_Value array = of_type(AMF_Type::ECMAArray);
+    array.member("b").set_number(2);
+    AMF_Value long_string = of_type(AMF_Type::LongString);
+    long_string.string = "cd";
+    AMF_Value document = of_type(AMF_Type::XMLDocument);
+    document.string = "<x/>";
+    expect_encoded({number(1), yes, text("ab"), object, of_type(AMF_Type::Null), of_type(AMF_Type::Undefined),
+                    array, long_string, document},
+                   "amf0_values");
+}
+
+TEST(amf_write, encodes_the_messages_of_the_page) {
+    AMF_Value command = of_type(AMF_Type::Object);
+    command.member("objectEncoding").set_number(0);
+    command.member("app").set_string("ombrex-live");
+    expect_encoded({text("connect"), number(1), command}, "amf0_connect");
+
+    AMF_Value metadata = of_type(AMF_Type::ECMAArray);
+    metadata.member("width").set_number(1280);
+    metadata.member("height").set_number(720);
+    expect_encoded({text("onMetaData"), metadata}, "amf0_metadata");
+}
 
 TEST(amf_write, encodes_numbers_bit_by_bit) {
     EXPECT_THAT(encode(number(1)), ElementsAre(0x00, 0x3F, 0xF0, 0, 0, 0, 0, 0, 0));

@@ -1,42 +1,17 @@
-// The page about the socket, the files of bytes it shows, the Python client on it and the C example.
+// The page about the socket: its examples in hex, its Python client, and the C example.
 #include <gtest/gtest.h>
 
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "comm_socket/wire.h"
 #include "tests/comm_socket/raw_peer.h"
+#include "tests/support/page_example.h"
 #include "tests/support/program_process.h"
 
 namespace {
-
-std::string read_file(const std::string& name) {
-    std::ifstream file(std::string(SOURCE_ROOT) + "/" + name);
-    EXPECT_TRUE(file.is_open()) << name;
-    std::ostringstream text;
-    text << file.rdbuf();
-    return text.str();
-}
-
-// The fenced block that follows the mark.
-std::string block_after(const std::string& page, const std::string& mark, const std::string& fence) {
-    const std::size_t start = page.find(fence + "\n", page.find(mark));
-    EXPECT_NE(page.find(mark), std::string::npos) << mark;
-    EXPECT_NE(start, std::string::npos) << mark;
-    const std::size_t first = start + fence.size() + 1;
-    return page.substr(first, page.find("```", first) - first);
-}
-
-std::string bytes_of_hex(const std::string& hex) {
-    std::istringstream words(hex);
-    std::string bytes;
-    for (unsigned value = 0; words >> std::hex >> value;)
-        bytes += static_cast<char>(value);
-    return bytes;
-}
 
 class Programs : public testing::Test {
   public:
@@ -44,8 +19,8 @@ class Programs : public testing::Test {
     std::string path = directory.file("socket");
     ProgramRun run_python(const std::vector<std::string>& words) const {
         const std::string script = directory.file("client.py");
-        std::ofstream(script) << block_after(read_file("docs/wire/control-socket.md"),
-                                             "## A client in Python", "```python");
+        std::ofstream(script) << page_block(source_text("docs/wire/control-socket.md"),
+                                            "## A client in Python", "```python");
         return run({"python3", script, path}, words);
     }
     ProgramRun run_example(const std::vector<std::string>& words = {}) const {
@@ -59,17 +34,10 @@ class Programs : public testing::Test {
     }
 };
 
-const char* const PAGE = "docs/wire/control-socket.md";
-
 }  // namespace
 
-TEST(WirePage, shows_the_bytes_of_the_files) {
-    for (const char* name : {"tests/data/control_request.hex", "tests/data/control_reply.hex"})
-        EXPECT_EQ(block_after(read_file(PAGE), std::string("<!-- ") + name, "```"), read_file(name));
-}
-
 TEST(WirePage, its_request_is_what_the_library_reads_and_writes) {
-    const std::string frame = bytes_of_hex(read_file("tests/data/control_request.hex"));
+    const std::string frame = example_bytes("control_request");
     const auto* s = reinterpret_cast<const unsigned char*>(frame.data());
     std::size_t body_bytes = 0;
     ASSERT_EQ(comm_socket::decode_header(s, s + frame.size(), comm_socket::REQUEST_LIMITS, &body_bytes),
@@ -89,7 +57,7 @@ TEST(WirePage, its_request_is_what_the_library_reads_and_writes) {
 }
 
 TEST(WirePage, its_reply_is_what_the_library_reads_and_writes) {
-    const std::string frame = bytes_of_hex(read_file("tests/data/control_reply.hex"));
+    const std::string frame = example_bytes("control_reply");
     const auto* s = reinterpret_cast<const unsigned char*>(frame.data());
     comm_socket::FrameHead head;
     comm_socket::FrameText text;

@@ -4,30 +4,19 @@
 
 #include <array>
 #include <cstring>
-#include <fstream>
-#include <sstream>
 #include <string>
 
 #include "amf/amf_dump.h"
 #include "comm_socket/packet.h"
 #include "rtmp/packet_dump.h"
+#include "tests/support/page_example.h"
 
 namespace {
 
 // The block of the page that is fenced with that word.
 std::string example(const std::string& word) {
-    std::ifstream file(V9_SOURCE_ROOT "/docs/messages.md");
-    std::ostringstream text;
-    text << file.rdbuf();
-    const std::string page = text.str();
-    const std::string fence = "```" + word + "\n";
-    const std::size_t start = page.find(fence);
-    if (start == std::string::npos) {
-        ADD_FAILURE() << "the page has no example of a " << word;
-        return {};
-    }
-    const std::size_t first = start + fence.size();
-    return page.substr(first, page.find("```", first) - first);
+    const std::string fence = "```" + word;
+    return page_block(source_text("docs/messages.md"), fence, fence);
 }
 
 AMF_Value text_value(const char* text) {

@@ -1,6 +1,7 @@
 #include "rtmp/chunk_format.h"
 #include "tests/support/assertion_line.h"
 #include "tests/support/connection_fixture.h"
+#include "tests/support/page_example.h"
 
 namespace {
 
@@ -28,6 +29,10 @@ std::string header_of(std::size_t length) {
     return header;
 }
 
+// The payload of the 40-byte message on the page.
+const std::string PAGE_PAYLOAD =
+    std::string("\x17\x01\0\0\0\0\0\0\0", 9) + R"(@ABCDEFGHIJKLMNOPQRSTUVWXYZ[\]^)";
+
 }  // namespace
 
 TEST_F(chunk_reader, joins_the_chunks_of_a_message) {
@@ -51,6 +56,48 @@ TEST_F(chunk_reader, takes_a_continuation_of_any_chunk_stream_id) {
     ASSERT_TRUE(read_message());
     EXPECT_EQ(payload_of(conn.in_pkt), std::string(128, 'a') + "yz");
     EXPECT_EQ(conn.chunk_streams.size(), 1U);
+}
+
+TEST_F(chunk_reader, reads_the_chunks_of_16_bytes_on_the_page) {
+    client_sends(example_bytes("chunk_size_of_16"));
+    EXPECT_EQ(printed_by([&] { EXPECT_TRUE(conn.rtmp_proc_packet()); }),
+              "RTMP: New chunk size 16 accepted\n");
+    ASSERT_TRUE(read_message());
+    EXPECT_EQ(payload_of(conn.in_pkt), PAGE_PAYLOAD);
+    EXPECT_EQ(conn.in_pkt.chunk.message_type_id, 9);
+    EXPECT_EQ(conn.in_pkt.chunk.timestamp, 40U);
+    EXPECT_EQ(conn.in_pkt.chunk.message_stream_id, 1U);
+}
+
+TEST_F(chunk_reader, reads_the_header_formats_on_the_page) {
+    client_sends(example_bytes("chunk_formats"));
+    const std::vector<std::pair<std::uint32_t, std::string>> messages{
+        {1000, "\xAF\x01"}, {1023, "\xAF\x01\x21"}, {1046, "\xAF\x01\x22"}, {1069, "\xAF\x01\x23"}};
+    for (const auto& [timestamp, payload] : messages) {
+        ASSERT_TRUE(read_message());
+        EXPECT_EQ(conn.in_pkt.chunk.timestamp, timestamp);
+        EXPECT_EQ(payload_of(conn.in_pkt), payload);
+        EXPECT_EQ(conn.in_pkt.chunk.message_type_id, 8);
+        EXPECT_EQ(conn.in_pkt.chunk.message_stream_id, 1U);
+    }
+}
+
+TEST_F(chunk_reader, reads_the_chunk_stream_ids_on_the_page) {
+    client_sends(example_bytes("chunk_stream_ids"));
+    for (const std::uint32_t id : {63U, 64U, 319U, 320U, 65599U}) {
+        ASSERT_TRUE(read_message());
+        EXPECT_EQ(conn.in_pkt.chunk.stream_id, id);
+        EXPECT_EQ(payload_of(conn.in_pkt), "\xAA");
+    }
+}
+
+TEST_F(chunk_reader, reads_the_timestamps_on_the_page) {
+    client_sends(example_bytes("chunk_timestamps"));
+    for (const std::uint32_t timestamp : {0xFFFFFEU, 0xFFFFFFU, 0x1000000U}) {
+        ASSERT_TRUE(read_message());
+        EXPECT_EQ(conn.in_pkt.chunk.timestamp, timestamp);
+        EXPECT_EQ(payload_of(conn.in_pkt), "\xAA");
+    }
 }
 
 TEST_F(chunk_reader, refuses_another_format_inside_a_message) {

@@ -3,6 +3,7 @@
 #include <thread>
 
 #include "tests/support/connection_fixture.h"
+#include "tests/support/page_example.h"
 
 namespace {
 
@@ -28,6 +29,10 @@ std::string chunked(const std::string& payload, std::size_t chunk_size) {
     }
     return bytes;
 }
+
+// The payload of the 40-byte message on the page.
+const std::string PAGE_PAYLOAD =
+    std::string("\x17\x01\0\0\0\0\0\0\0", 9) + R"(@ABCDEFGHIJKLMNOPQRSTUVWXYZ[\]^)";
 
 }  // namespace
 
@@ -65,6 +70,29 @@ TEST_F(chunk_writer, an_extended_timestamp_is_not_repeated_in_continuations) {
     ASSERT_TRUE(send_next());
     EXPECT_EQ(arrived(), std::string("\x03\xFF\xFF\xFF\x00\x00\x82\x14\x01\x00\x00\x00\x00\xFF\xFF\xFF", 16) +
                              std::string(128, 'p') + "\xC3" + "pp");
+}
+
+TEST_F(chunk_writer, writes_the_chunks_of_16_bytes_on_the_page) {
+    queue(make_packet(1, 0, std::string("\x00\x00\x00\x10", 4), 2, 0));
+    queue(make_packet(9, 40, PAGE_PAYLOAD, 4));
+    ASSERT_TRUE(send_next() && send_next());
+    EXPECT_EQ(arrived(), example_bytes("chunk_size_of_16"));
+}
+
+TEST_F(chunk_writer, writes_the_chunk_stream_ids_on_the_page) {
+    for (const std::uint32_t id : {63U, 64U, 319U, 320U, 65599U}) {
+        queue(make_packet(8, 0, "\xAA", id));
+    }
+    ASSERT_TRUE(send_next());
+    EXPECT_EQ(arrived(), example_bytes("chunk_stream_ids"));
+}
+
+TEST_F(chunk_writer, writes_the_timestamps_on_the_page) {
+    for (const std::uint32_t timestamp : {0xFFFFFEU, 0xFFFFFFU, 0x1000000U}) {
+        queue(make_packet(8, timestamp, "\xAA", 4));
+    }
+    ASSERT_TRUE(send_next());
+    EXPECT_EQ(arrived(), example_bytes("chunk_timestamps"));
 }
 
 TEST_F(chunk_writer, the_format_of_the_packet_is_ignored) {

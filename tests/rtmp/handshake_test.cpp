@@ -1,8 +1,10 @@
 #include <array>
+#include <cstdlib>
 #include <thread>
 
 #include "rtmp/reader_thread.h"
 #include "tests/support/connection_fixture.h"
+#include "tests/support/page_example.h"
 
 namespace {
 
@@ -57,6 +59,22 @@ TEST_F(handshake, succeeds_with_an_echo_and_counts_every_byte) {
     }));
     EXPECT_EQ(conn.conn_g_server.bytes_total, 1 + 2 * BLOCK_BYTES);
     EXPECT_EQ(conn.conn_g_client.bytes_total, 1 + 2 * BLOCK_BYTES);
+}
+
+// The page shows the first bytes of each block. The rest of C1 is 33, and the rest of C2 repeats S1.
+TEST_F(handshake, exchanges_the_blocks_of_the_page) {
+    const std::string hello = example_bytes("handshake_c0_c1");
+    std::srand(1);  // The state of a generator that was never seeded.
+    EXPECT_TRUE(shake([&] {
+        send_all(hello + std::string(1 + BLOCK_BYTES - hello.size(), '\x33'));
+        const std::string s0_s1 = receive(1 + BLOCK_BYTES);
+        const std::string shown_s0_s1 = example_bytes("handshake_s0_s1");
+        EXPECT_EQ(s0_s1.substr(0, shown_s0_s1.size()), shown_s0_s1);
+        const std::string shown_s2 = example_bytes("handshake_s2");
+        EXPECT_EQ(receive(BLOCK_BYTES), shown_s2 + std::string(BLOCK_BYTES - shown_s2.size(), '\x33'));
+        const std::string shown_c2 = example_bytes("handshake_c2");
+        send_all(shown_c2 + s0_s1.substr(1 + shown_c2.size()));
+    }));
 }
 
 TEST_F(handshake, counts_the_bytes_of_a_c1_that_ends_early) {

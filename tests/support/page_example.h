@@ -1,0 +1,13 @@
+// Texts of the checkout that tests read: its pages, and the examples in hex that pages and tests share.
+#pragma once
+
+#include <string>
+
+// Returns the text of a file, named from the root of the checkout. Throws TestFailure if there is none.
+std::string source_text(const std::string& name);
+
+// Returns the block that follows the mark and begins with the fence. Throws TestFailure if there is none.
+std::string page_block(const std::string& page, const std::string& mark, const std::string& fence = "```");
+
+// Returns the bytes of tests/data/NAME.hex, which a page in docs/wire shows.
+std::string example_bytes(const std::string& name);
