@@ -1,4 +1,4 @@
-# Read by the scripts next to it. Every script runs from the root of the checkout, wherever it was called from.
+# The beginning of every script. It runs from the root of the checkout, wherever it was called from.
 # shellcheck shell=bash
 
 set -euo pipefail
