@@ -1,171 +1,18 @@
-#!/usr/bin/env python3
-"""Compares what the players of scripts/demo recorded with what was published, packet by packet.
+"""What scripts/demo says about its players' recordings: a table, the problems, and pictures of what they saw.
 
-usage: demo_report.py --frames N --audio-packets N DIRECTORY
-
-Only the first N of each count: the end of the stream may be lost on the way to the server. Reads published.flv,
-early.flv and late.flv in DIRECTORY, writes early_from_key_frame.flv and
-late_from_key_frame.flv beside them, which are what a decoder can show, and prints a table. Ends with status 0 only
-if nothing was lost, changed or undecodable; otherwise with 1, after one line for each thing that is wrong.
+Reads published.flv, early.flv and late.flv of a directory. Writes early_from_key_frame.flv and
+late_from_key_frame.flv beside them, which are what a decoder can show, and contact_sheet.png.
 """
 
-import argparse
 import os
 import subprocess
-import sys
-from dataclasses import dataclass
 
-FIRST_TIMESTAMP_LIMIT_MS = 200
-SHIFT_SPREAD_LIMIT_MS = 2
-KINDS = ("video", "audio")
-UNITS = {"video": "frames", "audio": "audio packets"}
+from processes import say
+from recordings import (KINDS, check_decoded, check_published, check_received, compare, decode_from_key_frame,
+                        first_key_frame, read_packets)
 
-
-@dataclass(frozen=True)
-class Packet:
-    """A frame or audio packet as it stands in a recording, in the order of arrival."""
-
-    dts_ms: int
-    is_key_frame: bool
-    digest: str
-
-
-@dataclass(frozen=True)
-class Comparison:
-    """How the packets of one player lie among those that were published."""
-
-    received: int  # of those that count, and the foreign ones
-    before_join: int  # published before the player's first packet
-    missing: int  # published after that, but not received
-    foreign: int  # received, but never published like that or not in this order
-    shift_spread_ms: int  # how unevenly the timestamps were moved
-
-
-class ToolError(Exception):
-    """ffprobe or ffmpeg could not do its work; complaints are its own lines."""
-
-    def __init__(self, arguments, complaints):
-        super().__init__("\n".join([" ".join(arguments), *complaints[-3:]]))
-        self.complaints = complaints
-
-
-def run_tool(arguments):
-    result = subprocess.run(arguments, stdin=subprocess.DEVNULL, capture_output=True, text=True, check=False)
-    if result.returncode != 0:
-        raise ToolError(arguments, result.stderr.splitlines() or [f"status {result.returncode}"])
-    return result
-
-
-def read_packets(path):
-    """The packets of a recording by kind; no packets if nothing was recorded."""
-    packets = {kind: [] for kind in KINDS}
-    if not os.path.exists(path) or os.path.getsize(path) == 0:
-        return packets
-    entries = "packet=codec_type,dts,flags,data_hash"
-    listing = run_tool(["ffprobe", "-v", "error", "-show_data_hash", "sha256", "-show_entries", entries,
-                        "-of", "compact=print_section=0", path]).stdout
-    for line in listing.splitlines():
-        fields = dict(field.split("=", 1) for field in line.split("|") if "=" in field)
-        if fields.get("codec_type") in packets and "data_hash" in fields:  # FLV counts in milliseconds.
-            packets[fields["codec_type"]].append(
-                Packet(int(fields["dts"]), fields["flags"].startswith("K"), fields["data_hash"]))
-    return packets
-
-
-def compare(published, received, count):
-    """Walks both lists: what was received must be a run of what was published, up to the last that counts."""
-    position = 0
-    before_join = None
-    missing = foreign = counted = 0
-    shifts_ms = []
-    for packet in received:
-        found = next((i for i in range(position, len(published)) if published[i].digest == packet.digest), None)
-        if found is None:
-            foreign += 1
-            continue
-        if before_join is None:
-            before_join = min(found, count)
-        else:
-            missing += max(0, min(found, count) - position)
-        position = found + 1
-        counted += 1 if found < count else 0
-        shifts_ms.append(packet.dts_ms - published[found].dts_ms)
-    missing += max(0, count - position)
-    # A player's clock begins at its first packet of either kind, and nothing comes before 0.
-    even_shifts_ms = shifts_ms[1:] or [0]
-    return Comparison(counted + foreign, before_join or 0, missing, foreign, max(even_shifts_ms) - min(even_shifts_ms))
-
-
-def write_from_key_frame(source, target, frames):
-    """Copies so many frames of a recording from the first key frame on, and all of its audio."""
-    run_tool(["ffmpeg", "-nostdin", "-v", "error", "-y", "-copyts", "-i", source, "-map", "0", "-c", "copy",
-              "-frames:v", str(frames), "-avoid_negative_ts", "disabled", "-f", "flv", target])
-
-
-def decode_from_key_frame(source, target, frames):
-    try:
-        write_from_key_frame(source, target, frames)
-    except ToolError as error:
-        return 0, error.complaints
-    return decode(target)
-
-
-def decode(path):
-    """Decodes everything; returns the number of frames that came out and the decoder's complaints."""
-    result = subprocess.run(["ffmpeg", "-nostdin", "-v", "error", "-nostats", "-progress", "pipe:1", "-i", path,
-                             "-map", "0", "-fps_mode", "passthrough", "-f", "null", "-"],
-                            stdin=subprocess.DEVNULL, capture_output=True, text=True, check=False)
-    counts = [int(line.split("=", 1)[1]) for line in result.stdout.splitlines() if line.startswith("frame=")]
-    complaints = [line for line in result.stderr.splitlines() if line.strip()]
-    if result.returncode != 0 and not complaints:
-        complaints = [f"the decoder ended with status {result.returncode}"]
-    return (counts[-1] if counts else 0), complaints
-
-
-def first_key_frame(frames):
-    return next((i for i, frame in enumerate(frames) if frame.is_key_frame), None)
-
-
-def check_published(published, counts):
-    """What is wrong with the stream that went out: a short one would make every comparison worthless."""
-    return [f"only {len(published[kind])} of {counts[kind]} {UNITS[kind]} were published"
-            for kind in KINDS if len(published[kind]) < counts[kind]]
-
-
-def check_received(name, received, comparisons, must_join_late, kinds=KINDS, has_timestamps=True):
-    problems = []
-    for kind in kinds:
-        unit, comparison = UNITS[kind], comparisons[kind]
-        if not received[kind]:
-            problems.append(f"{name}: no {unit} at all")
-            continue
-        if must_join_late and comparison.before_join == 0:
-            problems.append(f"{name}: did not join late, it has the first of the {unit}")
-        if not must_join_late and comparison.before_join > 0:
-            problems.append(f"{name}: the first {comparison.before_join} {unit} are missing")
-        if comparison.missing > 0:
-            problems.append(f"{name}: {comparison.missing} {unit} are missing after its first one")
-        if comparison.foreign > 0:
-            problems.append(f"{name}: {comparison.foreign} {unit} are corrupt or out of order")
-        if not has_timestamps:
-            continue
-        if not 0 <= received[kind][0].dts_ms <= FIRST_TIMESTAMP_LIMIT_MS:
-            problems.append(f"{name}: the first of the {unit} has timestamp {received[kind][0].dts_ms} ms, not near 0")
-        if comparison.shift_spread_ms > SHIFT_SPREAD_LIMIT_MS:
-            problems.append(f"{name}: the timestamps of the {unit} are uneven by {comparison.shift_spread_ms} ms")
-    return problems
-
-
-def check_decoded(name, from_key_frame, decoded, complaints):
-    problems = []
-    if from_key_frame == 0:
-        problems.append(f"{name}: no key frame")
-    if decoded != from_key_frame:
-        problems.append(f"{name}: {decoded} of {from_key_frame} frames decode from the first key frame on")
-    if complaints:
-        problems.append(f"{name}: {len(complaints)} decode errors after the first key frame, the first one:"
-                        f" {complaints[0]}")
-    return problems
+FONT = "/usr/share/fonts/truetype/dejavu/DejaVuSansMono.ttf"
+PLAYERS = ("early", "late")
 
 
 def print_table(rows):
@@ -184,51 +31,74 @@ def print_table(rows):
     print()
 
 
-def main():
-    parser = argparse.ArgumentParser(description="Compares what the demo's players recorded with what was published.")
-    parser.add_argument("--frames", type=int, required=True, help="video frames that count")
-    parser.add_argument("--audio-packets", type=int, required=True, help="audio packets that count")
-    parser.add_argument("directory")
-    arguments = parser.parse_args()
+def compare_player(directory, name, published, counts):
+    """Returns the player's row of the table and what is wrong with its recording."""
+    is_late = name == "late"
+    recording = os.path.join(directory, f"{name}.flv")
+    received = read_packets(recording)
+    comparisons = {kind: compare(published[kind], received[kind], counts[kind]) for kind in KINDS}
+    problems = check_received(f"{name} player", received, comparisons, is_late)
 
-    def path(name):
-        return os.path.join(arguments.directory, name)
+    key_frame = first_key_frame(received["video"])
+    from_key_frame = 0 if key_frame is None else max(0, comparisons["video"].received - key_frame)
+    decoded, complaints = 0, []
+    if from_key_frame > 0:
+        decoded, complaints = decode_from_key_frame(
+            recording, os.path.join(directory, f"{name}_from_key_frame.flv"), from_key_frame)
+    problems += check_decoded(f"{name} player", from_key_frame, decoded, complaints)
 
-    published = read_packets(path("published.flv"))
-    counts = {"video": arguments.frames, "audio": arguments.audio_packets}
+    row = [f"{name} player"]
+    for kind in KINDS:
+        comparison = comparisons[kind]
+        missing = comparison.missing + (0 if is_late else comparison.before_join)
+        row += [comparison.received, missing, comparison.foreign]
+    row += [received[kind][0].dts_ms if received[kind] else "-" for kind in KINDS]
+    return (*row, f"{decoded} of {from_key_frame}", len(complaints)), problems
+
+
+def report(directory, counts):
+    """Prints the table. Returns true if nothing was lost, changed or undecodable; otherwise prints a line for each
+    problem. Only the first packets count, so many of each kind: the end of the stream may be lost on the way to the
+    server."""
+    published = read_packets(os.path.join(directory, "published.flv"))
     problems = check_published(published, counts)
     firsts = [published[kind][0].dts_ms if published[kind] else "-" for kind in KINDS]
     published_counts = [min(len(published[kind]), counts[kind]) for kind in KINDS]
     rows = [("published", published_counts[0], "", "", published_counts[1], "", "", *firsts, "", "")]
-    for name, must_join_late in (("early", False), ("late", True)):
-        received = read_packets(path(f"{name}.flv"))
-        comparisons = {kind: compare(published[kind], received[kind], counts[kind]) for kind in KINDS}
-        problems += check_received(f"{name} player", received, comparisons, must_join_late)
-
-        key_frame = first_key_frame(received["video"])
-        from_key_frame = 0 if key_frame is None else max(0, comparisons["video"].received - key_frame)
-        decoded, complaints = 0, []
-        if from_key_frame > 0:
-            decoded, complaints = decode_from_key_frame(
-                path(f"{name}.flv"), path(f"{name}_from_key_frame.flv"), from_key_frame)
-        problems += check_decoded(f"{name} player", from_key_frame, decoded, complaints)
-
-        row = [f"{name} player"]
-        for kind in KINDS:
-            comparison = comparisons[kind]
-            missing = comparison.missing + (0 if must_join_late else comparison.before_join)
-            row += [comparison.received, missing, comparison.foreign]
-        row += [received[kind][0].dts_ms if received[kind] else "-" for kind in KINDS]
-        rows.append((*row, f"{decoded} of {from_key_frame}", len(complaints)))
-
+    for name in PLAYERS:
+        row, of_player = compare_player(directory, name, published, counts)
+        rows.append(row)
+        problems += of_player
     print_table(rows)
     for problem in problems:
         print(f"    WRONG: {problem}")
-    return 1 if problems else 0
+    return not problems
 
 
-if __name__ == "__main__":
-    try:
-        sys.exit(main())
-    except ToolError as error:
-        sys.exit(f"demo_report.py: this failed: {error}")
+def sheet_row(index, name, layout, title):
+    """ffmpeg's filters for one player: a picture of each second, with the time by that player's own clock."""
+    return (f"[{index}:v]select='isnan(prev_selected_t)+gte(t-prev_selected_t,0.99)',scale=320:180"
+            f",drawtext=fontfile={FONT}:text='player %{{pts\\:hms}}':fontsize=18:fontcolor=black:box=1"
+            ":boxcolor=white@0.85:boxborderw=4:x=w-text_w-8:y=8"
+            f",tile=layout={layout}:padding=4:margin=4,pad=iw:ih+36:0:36:color=0x202020"
+            f",drawtext=fontfile={FONT}:text='{title}':fontsize=20:fontcolor=white:x=12:y=9[{name}]")
+
+
+def write_contact_sheet(directory, late_join_s):
+    """Returns false if the sheet could not be drawn."""
+    sheet, log_path = (os.path.join(directory, name) for name in ("contact_sheet.png", "contact_sheet.log"))
+    graph = ";".join([
+        sheet_row(0, "early", "6x2", "Early player, one picture of each second"),
+        sheet_row(1, "late", "6x1", f"Late player, joined after {late_join_s} s, from its first key frame on"),
+        "[early][late]vstack"])
+    inputs = [argument for name in PLAYERS
+              for argument in ("-copyts", "-i", os.path.join(directory, f"{name}_from_key_frame.flv"))]
+    with open(log_path, "w", encoding="utf-8") as log:
+        result = subprocess.run(
+            ["ffmpeg", "-nostdin", "-hide_banner", "-loglevel", "error", "-y", *inputs, "-filter_complex", graph,
+             "-frames:v", "1", "-update", "1", sheet], stdin=subprocess.DEVNULL, stdout=log, stderr=log, check=False)
+    if result.returncode == 0 and os.path.exists(sheet) and os.path.getsize(sheet) > 0:
+        say(f"What the players saw: {sheet}")
+        return True
+    print(f"The contact sheet could not be drawn: see {log_path}")
+    return False

@@ -4,9 +4,10 @@ Each player below must get exactly the verdict beside it, each refusal must be b
 """
 
 import interop_clients as clients
-import interop_matrix as matrix
+from interop_matrix import LEAST_S, run_matrix
+from interop_outcomes import CANNOT, DEFECT, WORKS
+from processes import say
 
-SECONDS = matrix.LEAST_S
 RECORD_AGAIN = ("-c:v", "libx264", "-preset", "ultrafast")
 
 
@@ -31,17 +32,17 @@ NEVER_SAID = clients.CannotWork("nobody knows", client_says="never said")
 
 # (player, verdict, part of what is reported)
 PLAYERS = (
-    (with_options("good"), matrix.WORKS, None),
-    (with_url("another_stream", lambda url: url + "_2"), matrix.DEFECT, "no frames at all"),
-    (with_options("leaves_early", "-t", "1"), matrix.DEFECT, "are missing after its first one"),
-    (with_options("loses_frames", "-bsf:v", "noise=drop=eq(n\\,20)"), matrix.DEFECT, "1 frames are missing"),
-    (with_options("changes_frames", *RECORD_AGAIN), matrix.DEFECT, "are corrupt or out of order"),
-    (with_options("moves_sound", "-bsf:a", "setts=ts=TS+1000"), matrix.DEFECT, "not near 0"),
-    (with_options("works_after_all", cannot=NEVER_SAID), matrix.DEFECT, "although it is said that it cannot"),
-    (with_url("fails_for_another_reason", lambda url: url + "_2", cannot=NEVER_SAID), matrix.DEFECT,
+    (with_options("good"), WORKS, None),
+    (with_url("another_stream", lambda url: url + "_2"), DEFECT, "no frames at all"),
+    (with_options("leaves_early", "-t", "1"), DEFECT, "are missing after its first one"),
+    (with_options("loses_frames", "-bsf:v", "noise=drop=eq(n\\,20)"), DEFECT, "1 frames are missing"),
+    (with_options("changes_frames", *RECORD_AGAIN), DEFECT, "are corrupt or out of order"),
+    (with_options("moves_sound", "-bsf:a", "setts=ts=TS+1000"), DEFECT, "not near 0"),
+    (with_options("works_after_all", cannot=NEVER_SAID), DEFECT, "although it is said that it cannot"),
+    (with_url("fails_for_another_reason", lambda url: url + "_2", cannot=NEVER_SAID), DEFECT,
      "not for the reason known"),
     (clients.Player("refused", "ffmpeg", "refused", clients.play_ffmpeg("-rtmp_live", "live"), cannot=UNKNOWN_COMMAND),
-     matrix.CANNOT, None),
+     CANNOT, None),
 )
 
 ACCEPTED = clients.Refusal("accepted", "ffmpeg", "", "", "play rejected, invalid stream name",
@@ -71,10 +72,9 @@ def check_outcomes(outcomes):
 
 def run(directory, program):
     """True if all of this is found."""
-    publishers = matrix.selected(clients.PUBLISHERS, ["ffmpeg"])
+    publishers = [publisher for publisher in clients.PUBLISHERS if publisher.name == "ffmpeg"]
     players = tuple(player for player, _, _ in PLAYERS)
-    outcomes, refused, reported = matrix.run_matrix(
-        directory, program, publishers, players, (REFUSED, ACCEPTED), SECONDS)
+    outcomes, refused, reported = run_matrix(directory, program, publishers, players, (REFUSED, ACCEPTED), LEAST_S)
     wrong = check_outcomes(outcomes)
     if refused != ["refused"]:
         wrong.append(f"believed to be refused: {refused}, not the first one alone")
@@ -82,5 +82,5 @@ def run(directory, program):
         wrong.append("the refusal that is none was not reported")
     for line in wrong:
         print(f"    WRONG: {line}")
-    matrix.say("The matrix finds what does not work" if not wrong else "The matrix misses something")
+    say("The matrix finds what does not work" if not wrong else "The matrix misses something")
     return not wrong
