@@ -3,12 +3,10 @@
 
 #include <string>
 
-// Returns the text of a file; the name is relative to the root of the checkout. Throws TestFailure if there is
-// no such file.
+// Returns the text of a file, named from the root of the checkout. Throws TestFailure if there is none.
 std::string source_text(const std::string& name);
 
-// Returns the block that begins with the first such fence line after the mark. Throws TestFailure if the page
-// has none.
+// Returns the block that follows the mark and begins with the fence. Throws TestFailure if there is none.
 std::string page_block(const std::string& page, const std::string& mark, const std::string& fence = "```");
 
 // Returns the bytes of tests/data/NAME.hex, which a page in docs/wire shows.
