@@ -231,6 +231,11 @@ std::size_t ControlPeer::ask_for_length(std::string_view command, Milliseconds w
     return length;
 }
 
+bool ControlPeer::has_unread_bytes() const {
+    char byte = 0;
+    return recv(fd, &byte, 1, MSG_PEEK | MSG_DONTWAIT) == 1;
+}
+
 void ControlPeer::read_one_byte(Milliseconds wait) const {
     pollfd entry{fd, POLLIN, 0};
     char byte = 0;

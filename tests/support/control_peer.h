@@ -68,6 +68,8 @@ class ControlPeer {
     // Sends a request with the next id and reads the reply without keeping it; how long its body is. For replies of a
     // hundred megabytes, which would otherwise cost the test more time than the server.
     std::size_t ask_for_length(std::string_view command, Milliseconds wait = DEFAULT_WAIT);
+    // Whether the server has sent bytes that were not read.
+    [[nodiscard]] bool has_unread_bytes() const;
     void read_one_byte(Milliseconds wait = DEFAULT_WAIT) const;
     // The server closes the connection and sends nothing before it.
     void expect_closed(Milliseconds wait = DEFAULT_WAIT);
