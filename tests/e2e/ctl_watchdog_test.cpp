@@ -272,7 +272,12 @@ TEST_F(watchdog,
 
 TEST_F(watchdog, clients_that_do_no_harm_are_left_alone) {
     ServerProcess server;
-    LivePair live;  // a lone player
+    LivePair live;
+    // It is sent twice the bytes: chunks of one byte have a header of one byte each.
+    RtmpClient tiny_chunks = playing_client("live");
+    tiny_chunks.set_chunk_size(1);
+    const MessageRecorder tiny_chunks_reader(tiny_chunks);
+    LivePair lone({.stream_name = "lone"});
     RtmpClient audio_player = playing_client("audio");
     const MessageRecorder audio_reader(audio_player);
     RtmpClient audio_publisher = publishing_client("audio");
@@ -312,7 +317,8 @@ TEST_F(watchdog, clients_that_do_no_harm_are_left_alone) {
         EXPECT_EQ(sending->failure(), "");
     }
     audio_reader.wait_for_type(100, MSG_AUDIO);
-    for (LivePair* pair : {&live, &seldom}) {
+    tiny_chunks_reader.wait_for_type(100, MSG_VIDEO);
+    for (LivePair* pair : {&live, &lone, &seldom}) {
         pair->finish();
     }
 }

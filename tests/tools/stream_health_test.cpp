@@ -65,6 +65,14 @@ TEST_F(Health, APlayerThatReadsSlowlyIsBehindTheForemost) {
     EXPECT_LE(of(2).behind_us, 20 * ONE_SECOND_US);
 }
 
+TEST_F(Health, APlayerWithLargeChunksIsNotBehindThoseWithSmallOnes) {
+    seconds(4000, [](std::uint64_t s) {
+        return std::vector{observed_publisher(0, "cam1", 1000 * s), observed_player(1, "cam1", 1008 * s),
+                           observed_player(2, "cam1", 1000 * s)};
+    });
+    EXPECT_EQ(of(2).behind_us, 0U);
+}
+
 TEST_F(Health, ALonePlayerIsNotBehind) {
     seconds(40, [](std::uint64_t s) {
         return std::vector{observed_publisher(0, "cam1", 1000 * s), observed_player(1, "cam1", 500 * s)};

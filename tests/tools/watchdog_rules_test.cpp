@@ -272,6 +272,34 @@ TEST_F(WatchdogRules, OneThatReadsNineTenthsBesideOthersIsDroppedInTheEnd) {
     EXPECT_NEAR(static_cast<double>(first_verdict(1000)), 157, 3);
 }
 
+// Chunks of 128 bytes have eight bytes of headers in a thousand more than large ones.
+TEST_F(WatchdogRules, PlayersWithLargeChunksAreKeptBesideThoseWithSmallOnes) {
+    only(DropRule::BEHIND);
+    publisher(1, steady(FOUR_MBIT / 1000 * 1008));
+    for (unsigned id = 2; id < 8; ++id) {
+        player(id, steady(FOUR_MBIT / 1000 * 1008));
+    }
+    player(8, steady(FOUR_MBIT));
+    EXPECT_EQ(first_verdict(16200), 0U);
+}
+
+// Chunks of one byte have as many bytes of headers as of media.
+TEST_F(WatchdogRules, APlayerThatAsksForTinyChunksMakesNoOtherOneLookBehind) {
+    for (const unsigned others : {1U, 2U, 5U}) {
+        clients.clear();
+        now_s = 0;
+        only(DropRule::BEHIND);
+        publisher(1, steady(FOUR_MBIT));
+        // A rival that waits does not change that, however little it sends.
+        publisher(2, steady(3000));
+        player(3, steady(2 * FOUR_MBIT));
+        for (unsigned id = 4; id < 4 + others; ++id) {
+            player(id, steady(FOUR_MBIT));
+        }
+        EXPECT_EQ(first_verdict(2000), 0U) << others;
+    }
+}
+
 TEST_F(WatchdogRules, ManySlowReadersDoNotProtectEachOther) {
     publisher(1, steady(FOUR_MBIT));
     player(2, steady(FOUR_MBIT));

@@ -5,29 +5,52 @@
 
 namespace {
 
+// What a player has to get of the bytes that a publisher has sent since both can be compared: chunks of 128 bytes have 0.8
+// percent more headers than large ones.
+constexpr std::uint64_t KEEPS_UP_PERCENT = 97;
+// And of those that it has sent recently, some of which may still be on their way.
+constexpr std::uint64_t KEEPS_UP_RECENTLY_PERCENT = 95;
+constexpr std::uint64_t LIMITS_PER_RECENT_TIME = 3;
+
 bool is_still(const ConnectionHistory& history, const ClientRecord& record) {
     return still_us(history, media_counter(record)) >= STILL_AFTER_US;
 }
 
-// How long ago the foremost player had got what this one has got by now, both since they could be compared. 0 where
-// there is no other to compare with.
+// How long ago the other one had got, or sent, what this one has got by now, both since they could be compared; of the
+// other's bytes so many percent count. Nothing while they cannot be compared.
+std::optional<std::uint64_t> find_lag_us(const ConnectionHistory& history, const ClientRecord& client,
+                                         const ClientRecord& other, std::uint64_t percent) {
+    const std::optional<std::uint64_t> own = gained_beside(client, other);
+    const std::optional<std::uint64_t> all = gained_beside(other, client);
+    if (!own || !all) {
+        return std::nullopt;
+    }
+    const std::uint64_t wanted = *all / 100 * percent;
+    const std::uint64_t since_us =
+        history.attended_us() - std::max(client.stream_attended_us, other.stream_attended_us);
+    const std::uint64_t missing = wanted - std::min(*own, wanted);
+    // At the other's rate.
+    return wanted == 0
+               ? 0
+               : static_cast<std::uint64_t>(static_cast<double>(since_us) * static_cast<double>(missing) /
+                                            static_cast<double>(wanted));
+}
+
+// Against the foremost player. 0 where the client keeps up with a publisher, because the foremost may only have smaller
+// chunks; also where there is no other player to compare with.
 std::uint64_t behind_us(const ConnectionHistory& history, const ClientRecord& client) {
     std::uint64_t behind = 0;
     for (const ClientRecord& other : history.clients()) {
-        const std::optional<std::uint64_t> own = gained_beside(client, other);
-        const std::optional<std::uint64_t> others = gained_beside(other, client);
-        if (other.connection.mode != "play" || other.connection.id == client.connection.id || !own ||
-            !others) {
-            continue;
+        const bool plays = other.connection.mode == "play";
+        const std::optional<std::uint64_t> lag_us =
+            other.connection.id == client.connection.id
+                ? std::nullopt
+                : find_lag_us(history, client, other, plays ? 100 : KEEPS_UP_PERCENT);
+        if (lag_us && plays) {
+            behind = std::max(behind, *lag_us);
+        } else if (lag_us && keeps_up(history, client, other, 3 * BEHIND_AFTER_US)) {
+            return 0;
         }
-        const std::uint64_t since_us =
-            history.attended_us() - std::max(client.stream_attended_us, other.stream_attended_us);
-        const std::uint64_t missing = *others - std::min(*own, *others);
-        // At the other's rate.
-        const double lag_us = *others == 0 ? 0
-                                           : static_cast<double>(since_us) * static_cast<double>(missing) /
-                                                 static_cast<double>(*others);
-        behind = std::max(behind, static_cast<std::uint64_t>(lag_us));
     }
     return behind;
 }
@@ -87,4 +110,16 @@ ClientHealth client_health(const ConnectionHistory& history, const ClientRecord&
     health.behind_us = behind_us(history, client);
     health.is_near_limit = health.age_us >= NEAR_LIMIT_US;
     return health;
+}
+
+bool keeps_up(const ConnectionHistory& history, const ClientRecord& player, const ClientRecord& publisher,
+              std::uint64_t limit_us) {
+    const std::optional<std::uint64_t> lag_us = find_lag_us(history, player, publisher, KEEPS_UP_PERCENT);
+    if (!lag_us || *lag_us > limit_us) {
+        return false;
+    }
+    const std::uint64_t recent_us = LIMITS_PER_RECENT_TIME * limit_us;
+    const std::optional<Movement> got = recent_movement(history, player, recent_us, 1);
+    const std::optional<Movement> sent = recent_movement(history, publisher, recent_us, 1);
+    return !got || !sent || got->bytes >= sent->bytes / 100 * KEEPS_UP_RECENTLY_PERCENT;
 }

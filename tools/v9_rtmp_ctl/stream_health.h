@@ -32,7 +32,12 @@ struct ClientHealth {
     std::uint64_t still_us = 0;  // since media last came from it, or went to it
     bool is_stalled = false;     // a player that stands still while its stream goes on
     std::uint64_t behind_us =
-        0;  // a player's, against the foremost of its stream; 0 also when there is no other
+        0;  // a player's, against the foremost of its stream; 0 also when it keeps up, or there is no other
     bool is_near_limit = false;  // a player whose timestamps pass 24 bits soon
 };
 [[nodiscard]] ClientHealth client_health(const ConnectionHistory& history, const ClientRecord& client);
+
+// Whether a player gets what a publisher of its stream sends, recently and all in all. Headers count in both counters and
+// differ with the chunk size, so a few percent may be missing. Both have settled.
+[[nodiscard]] bool keeps_up(const ConnectionHistory& history, const ClientRecord& player,
+                            const ClientRecord& publisher, std::uint64_t limit_us);

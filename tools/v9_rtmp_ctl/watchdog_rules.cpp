@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "tools/v9_rtmp_ctl/stream_health.h"
+
 namespace {
 
 constexpr std::uint64_t US_PER_SECOND = 1000000;
@@ -149,6 +151,9 @@ class Judge {
             return std::nullopt;
         }
         const std::uint64_t limit = *limits.behind_us;
+        if (keeps_up_with_a_publisher(record, limit)) {
+            return std::nullopt;
+        }
         Clients players = others(record, is_player);
         std::erase_if(players, [](const ClientRecord* player) { return player->settled_as == 0; });
         const std::string by = "it is more than " + seconds_text(limit) + " behind ";
@@ -208,6 +213,20 @@ class Judge {
         const std::optional<std::uint64_t> gained = gained_beside(record, other);
         const std::optional<std::uint64_t> wanted = gained_beside_until(other, record, last_us - lead_us);
         return gained && wanted && *gained + SLACK_BYTES < *wanted / 100 * percent;
+    }
+
+    // Also where no publisher can be compared with. Players cannot be trusted alone: a player that asks for chunks of one
+    // byte is sent twice the bytes, and all others seem behind it.
+    [[nodiscard]] bool keeps_up_with_a_publisher(const ClientRecord& record, std::uint64_t limit_us) const {
+        Clients publishers = others(record, is_publisher);
+        std::erase_if(publishers, [&](const ClientRecord* publisher) {
+            return publisher->settled_as == 0 || !moves(*publisher, limit_us, PUBLISHER_BYTES_PER_SECOND);
+        });
+        return std::any_of(publishers.begin(), publishers.end(),
+                           [&](const ClientRecord* publisher) {
+                               return keeps_up(history, record, *publisher, limit_us);
+                           }) ||
+               publishers.empty();
     }
 
     [[nodiscard]] bool is_oldest_player(const ClientRecord& record) const {

@@ -111,7 +111,7 @@ TEST_F(Loop, ARequestMayComeByteByByte) {
 }
 
 TEST_F(Loop, AReplyThatIsLargerThanTheSocketsBuffersArrivesWhole) {
-    reply = std::string(20000000, 'x');
+    reply = std::string(11000000, 'x');
     Peer peer(address);
     ASSERT_TRUE(peer.say("GET / HTTP/1.1\r\n\r\n"));
     turn_until_end(peer);
@@ -168,7 +168,7 @@ TEST_F(Loop, ClientsThatSendNothingKeepNoOtherOut) {
 }
 
 TEST_F(Loop, ClientsThatDoNotReadKeepNoOtherOut) {
-    reply = std::string(20000000, 'x');
+    reply = std::string(11000000, 'x');
     std::vector<std::unique_ptr<Peer>> deaf;
     for (int i = 0; i < 8; ++i) {
         deaf.push_back(std::make_unique<Peer>(address));
