@@ -157,7 +157,7 @@ bool read_body(AMF_Value& v, bool counted, const unsigned char*& s, const unsign
 
 bool read_string(std::string& out, std::ptrdiff_t length_bytes, std::uint32_t n, const unsigned char*& s,
                  const unsigned char* sf) {
-    if (sf - s - length_bytes < std::ptrdiff_t{n}) {
+    if (static_cast<std::size_t>(sf - s - length_bytes) < n) {
         return false;
     }
     s += length_bytes;

@@ -288,7 +288,7 @@ bool encode_frame(unsigned char*& d, const unsigned char* end, const FrameHead& 
 }
 
 std::string encode_frame(const FrameHead& head, const FrameText& text) {
-    std::string frame(FRAME_HEADER_BYTES + encoded_body_bytes(text), '\0');
+    std::string frame(static_cast<std::size_t>(FRAME_HEADER_BYTES + encoded_body_bytes(text)), '\0');
     unsigned char* d = reinterpret_cast<unsigned char*>(frame.data());
     if (!encode_frame(d, d + frame.size(), head, text)) {
         frame.clear();  // never reached, since the buffer has the exact size
@@ -299,8 +299,8 @@ std::string encode_frame(const FrameHead& head, const FrameText& text) {
 OutgoingFrame::OutgoingFrame(const FrameHead& head, std::shared_ptr<const FrameText> unchanging_text)
     : text(std::move(unchanging_text)) {
     const std::uint64_t body_bytes = encoded_body_bytes(*text);
-    all_bytes = FRAME_HEADER_BYTES + body_bytes;
-    short_bytes.resize(all_bytes - long_string_bytes(*text));
+    all_bytes = static_cast<std::size_t>(FRAME_HEADER_BYTES + body_bytes);
+    short_bytes.resize(all_bytes - static_cast<std::size_t>(long_string_bytes(*text)));
     unsigned char* const begin = reinterpret_cast<unsigned char*>(short_bytes.data());
     unsigned char* d = begin;
     put_frame(d, body_bytes, head, *text, [this, begin](unsigned char*& cursor, std::string_view part) {

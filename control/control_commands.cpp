@@ -79,7 +79,7 @@ std::int32_t parse_connection_id(const char* argument) {
     if (argument == nullptr || *argument < '0' || *argument > '9') {
         return -1;
     }
-    return static_cast<std::int32_t>(static_cast<std::uint32_t>(std::strtol(argument, nullptr, 10)));
+    return static_cast<std::int32_t>(static_cast<std::uint32_t>(std::strtoll(argument, nullptr, 10)));
 }
 
 // Returns the reply text. If an expected stream name is given, the connection is dropped only if its stream

@@ -50,6 +50,31 @@ TEST(ctl_check, sends_a_stream_through_the_server_and_says_what_would_bite_later
     EXPECT_EQ(server.err().count_starting("Hrmph"), 0U);
 }
 
+TEST(ctl_check, a_server_whose_socket_a_second_start_took_is_reported_with_its_process) {
+    ServerProcess server;
+    std::filesystem::remove("/var/run/v9_rtmp_server.socket");
+    const ProgramRun run = run_tool({"check", "--quiet"});
+    EXPECT_EQ(run.end, (ProgramEnd{CRITICAL, 0}));
+    EXPECT_THAT(
+        run.out,
+        HasSubstr("critical: control socket: there is no socket at /var/run/v9_rtmp_server.socket; "
+                  "process " +
+                  std::to_string(server.pid()) +
+                  " listens on port 1935 all the same. If that is a v9_rtmp_server, a second start took "
+                  "its control socket: stop it, then start it again.\n"));
+}
+
+TEST(ctl_check, a_service_gets_its_control_socket_back_without_a_restart) {
+    ServerProcess server;
+    std::filesystem::remove("/var/run/v9_rtmp_server.socket");
+    std::filesystem::create_directory("/run/v9-rtmp-server");
+    for (const char* const command : {"check", "hello"}) {
+        const ProgramRun run = run_tool({command});
+        EXPECT_THAT(run.out + run.err,
+                    HasSubstr("'systemd-tmpfiles --create v9-rtmp-server.conf' as root brings it back."));
+    }
+}
+
 TEST(ctl_check, without_a_server_is_critical) {
     const ProgramRun run = run_tool({"check", "--quiet"});
     EXPECT_EQ(run.end, (ProgramEnd{CRITICAL, 0}));

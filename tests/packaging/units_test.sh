@@ -7,9 +7,8 @@ packaging=$1 server=$2 tool=$3
 # What an attacker who has taken over the process may still do, as systemd counts it: 0 is nothing, 10 is everything.
 max_exposure() {
     case $1 in
-        v9-rtmp-server | v9-rtmp-serve) echo 1.5 ;;
         v9-rtmp-watchdog) echo 0.5 ;;
-        *) echo 1.6 ;;
+        *) echo 1.5 ;;
     esac
 }
 

@@ -49,7 +49,8 @@ std::optional<Peer> check_control(const Settings& settings, Findings& findings) 
         failure = client.call({"hello", {}}, reply);
     }
     if (failure) {
-        findings.push_back(failure_finding("control socket", *failure));
+        findings.push_back(
+            failure_finding("control socket", explain_no_connection(settings.socket_path, *failure)));
         return std::nullopt;
     }
     findings.push_back(time_finding("control socket", "it answered", clock_us() - began_us));

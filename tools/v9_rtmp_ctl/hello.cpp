@@ -37,20 +37,12 @@ void print_greeting(const Settings& settings, const Greeting& greeting, const Po
     }
 }
 
-// What listens on the server's port has to do only with the server's own socket.
-ExitCode report_unconnected(const Settings& settings, const Failure& failure) {
-    const bool looks_further =
-        failure.exit_code == ExitCode::NOT_RUNNING && is_default_socket(settings.socket_path);
-    return report(looks_further ? no_server(settings.socket_path, describe_listeners_without_answer())
-                                : failure);
-}
-
 }  // namespace
 
 ExitCode run_hello(const Settings& settings) {
     ControlClient client(settings.socket_path, settings.timeout_us());
     if (const std::optional<Failure> failure = client.connect()) {
-        return report_unconnected(settings, *failure);
+        return report(explain_no_connection(settings.socket_path, *failure));
     }
     const std::uint64_t sent_us = clock_us();
     Reply reply;

@@ -111,6 +111,25 @@ std::string many_listeners(const std::vector<ListeningSocket>& sockets, const st
            ". Stop all but one, then start that one again if it is not the one that answers.";
 }
 
+// The directory in which the service has its socket: see packaging/tmpfiles.
+constexpr const char* SERVICE_DIRECTORY = "/run/v9-rtmp-server";
+
+// When no server answers: a process that listens on the port all the same. Empty when there is none.
+std::string describe_listeners_without_answer() {
+    const std::optional<std::vector<ListeningSocket>> sockets = find_listening_of("self");
+    if (!sockets || sockets->empty()) {
+        return "";
+    }
+    const std::vector<unsigned> owners = find_owners(*sockets);
+    return (owners.empty() ? "a process of another user" : "process " + process_list(owners)) +
+           " listens on " + port_text() +
+           " all the same. If that is a v9_rtmp_server, a second start took its control socket: " +
+           (access(SERVICE_DIRECTORY, F_OK) == 0
+                ? "if it is the service, 'systemd-tmpfiles --create v9-rtmp-server.conf' as root brings it "
+                  "back. Otherwise stop it, then start it again."
+                : "stop it, then start it again.");
+}
+
 }  // namespace
 
 std::vector<ListeningSocket> find_listening(std::string_view table, std::uint16_t port) {
@@ -184,15 +203,8 @@ PortCheck check_port(const Peer& answering) {
     return check;
 }
 
-std::string describe_listeners_without_answer() {
-    const std::optional<std::vector<ListeningSocket>> sockets = find_listening_of("self");
-    if (!sockets || sockets->empty()) {
-        return "";
-    }
-    const std::vector<unsigned> owners = find_owners(*sockets);
-    return (owners.empty() ? "a process of another user" : "process " + process_list(owners)) +
-           " listens on " + port_text() +
-           " all the same. If that is a v9_rtmp_server, a second start took its control socket: stop it, "
-           "then start "
-           "it again.";
+Failure explain_no_connection(const std::string& socket_path, const Failure& failure) {
+    return failure.exit_code == ExitCode::NOT_RUNNING && is_default_socket(socket_path)
+               ? no_server(socket_path, describe_listeners_without_answer())
+               : failure;
 }

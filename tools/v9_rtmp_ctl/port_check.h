@@ -12,6 +12,8 @@
 #include <string_view>
 #include <vector>
 
+#include "tools/v9_rtmp_ctl/failure.h"
+
 constexpr std::uint16_t RTMP_PORT = 1935;
 
 // A socket that listens, from a table such as /proc/net/tcp.
@@ -42,5 +44,6 @@ struct PortCheck {
 // Of the network namespace of the server that answers.
 [[nodiscard]] PortCheck check_port(const Peer& answering);
 
-// When no server answers: a process that listens on the port all the same. Empty when there is none.
-[[nodiscard]] std::string describe_listeners_without_answer();
+// The failure of a connection to the control socket. If nothing listens there and it is the server's own path, it also
+// says which process listens on the port all the same, and what brings its socket back.
+[[nodiscard]] Failure explain_no_connection(const std::string& socket_path, const Failure& failure);
