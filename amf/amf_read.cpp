@@ -39,8 +39,7 @@ bool read_count(OpenObject& object, const unsigned char*& s, const unsigned char
 
 bool store_member(OpenObject& object, std::string&& key, AMF_Value&& value) {
     if (object.counted && object.read == object.count) {
-        diag("AMF0 error ECMA array too long vs count\n");
-        return false;
+        return refuse("AMF0 error ECMA array too long vs count\n");
     }
     ++object.read;
     object.value.members.store(std::move(key), std::move(value));
@@ -49,8 +48,7 @@ bool store_member(OpenObject& object, std::string&& key, AMF_Value&& value) {
 
 bool is_complete(const OpenObject& object) {
     if (object.counted && object.count > object.read) {
-        diag("AMF0 error ECMA array too short vs count\n");
-        return false;
+        return refuse("AMF0 error ECMA array too short vs count\n");
     }
     return true;
 }

@@ -67,8 +67,7 @@ bool handle_connect(RTMPConnection& conn, const RTMP_Packet& request, CommandArg
     const std::string name = requested_application(command_object);
     // The two names are treated alike from here on.
     if (name != "ombrex-live" && name != "ombrex-output") {
-        diag("rejected app %s\n", name.c_str());
-        return false;
+        return refuse("rejected app %s\n", name.c_str());
     }
     diag("accepted app %s\n", name.c_str());
     conn.app_name = name;

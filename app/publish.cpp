@@ -24,8 +24,8 @@ bool handle_publish(RTMPConnection& conn, const RTMP_Packet& request, CommandArg
         return false;
     }
     if (publishing_type.string != "live") {
-        diag("publish command must indicate 'live' type, not '%s'\n", publishing_type.string.c_str());
-        return false;
+        return refuse("publish command must indicate 'live' type, not '%s'\n",
+                      publishing_type.string.c_str());
     }
     if (conn.app_name.empty()) {
         return refuse("publish rejected, app mode rejected\n");

@@ -39,8 +39,7 @@ bool find_free_slot() ON_MAIN_THREAD {
 
 bool start_thread(pthread_t& thread, void* (*entry)(void*), RTMPConnection& conn) {
     if (pthread_create(&thread, nullptr, entry, &conn) != 0) {
-        diag("WARNING: Failure to create thread\n");
-        return false;
+        return refuse("WARNING: Failure to create thread\n");
     }
     return true;
 }

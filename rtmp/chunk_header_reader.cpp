@@ -52,15 +52,13 @@ bool read_basic_header(RTMPConnection& conn, RTMP_Packet::chunk_t& chunk) {
 
 bool resolve_chunk_header(RTMPConnection& conn, RTMP_Packet& pkt, bool first) {
     if (conn.chunk_streams.size() >= MAX_CHUNK_STREAMS) {
-        diag("RTMP: Too many streams\n");
-        return false;
+        return refuse("RTMP: Too many streams\n");
     }
     if (first) {
         return read_first_header(conn, pkt.chunk);
     }
     if (pkt.chunk.fmt != CONTINUATION_FMT) {
-        diag("fmt=%u and not first packet!\n", unsigned{pkt.chunk.fmt});
-        return false;
+        return refuse("fmt=%u and not first packet!\n", unsigned{pkt.chunk.fmt});
     }
     return true;
 }
