@@ -26,12 +26,12 @@ constexpr std::array<Command, 9> COMMANDS{{
     {"connect", handle_connect},
     {"play", handle_play},
     {"getStreamLength", ignore_command},
-    {"releaseStream", handle_acknowledge},
-    {"FCPublish", handle_acknowledge},
+    {"releaseStream", reply_result_only},
+    {"FCPublish", reply_result_only},
     {"createStream", handle_create_stream},
     {"publish", handle_publish},
     {"deleteStream", handle_delete_stream},
-    {"FCUnpublish", handle_acknowledge},
+    {"FCUnpublish", reply_result_only},
 }};
 
 }  // namespace
