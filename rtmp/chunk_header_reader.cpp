@@ -50,11 +50,11 @@ bool read_basic_header(RTMPConnection& conn, RTMP_Packet::chunk_t& chunk) {
     return true;
 }
 
-bool resolve_chunk_header(RTMPConnection& conn, RTMP_Packet& pkt, bool first) {
+bool resolve_chunk_header(RTMPConnection& conn, RTMP_Packet& pkt, ChunkPosition position) {
     if (conn.chunk_streams.size() >= MAX_CHUNK_STREAMS) {
         return refuse("RTMP: Too many streams\n");
     }
-    if (first) {
+    if (position == ChunkPosition::FIRST) {
         return read_first_header(conn, pkt.chunk);
     }
     if (pkt.chunk.fmt != CONTINUATION_FMT) {

@@ -15,7 +15,7 @@ namespace {
 bool read_continuation_header(RTMPConnection& conn, const RTMP_Packet& pkt,
                               std::size_t done) ON_READER_THREAD {
     RTMP_Packet next;
-    if (!read_basic_header(conn, next.chunk) || !resolve_chunk_header(conn, next, false)) {
+    if (!read_basic_header(conn, next.chunk) || !resolve_chunk_header(conn, next, ChunkPosition::FURTHER)) {
         return false;
     }
     if (next.chunk.fmt != CONTINUATION_FMT) {
@@ -75,7 +75,7 @@ bool refuse_payload(const RTMP_Packet& pkt) {
 }  // namespace
 
 bool RTMPConnection::rtmp_read_packet(RTMP_Packet& pkt) {
-    if (!read_basic_header(*this, pkt.chunk) || !resolve_chunk_header(*this, pkt, true)) {
+    if (!read_basic_header(*this, pkt.chunk) || !resolve_chunk_header(*this, pkt, ChunkPosition::FIRST)) {
         return false;
     }
     if (pkt.chunk.message.data != nullptr) {

@@ -4,6 +4,7 @@
 #include <new>
 #include <thread>
 
+#include "rtmp/chunk_header_reader.h"
 #include "rtmp/packet_dump.h"
 #include "rtmp/packet_queues.h"
 #include "tests/support/assertion_line.h"
@@ -26,14 +27,17 @@ BrokenPromises broken;
 // The linker's --wrap leads every call between two files here.
 extern "C" {
 
-bool __real__Z20resolve_chunk_headerR14RTMPConnectionR11RTMP_Packetb(RTMPConnection&, RTMP_Packet&, bool);
+bool __real__Z20resolve_chunk_headerR14RTMPConnectionR11RTMP_Packet13ChunkPosition(RTMPConnection&,
+                                                                                   RTMP_Packet&,
+                                                                                   ChunkPosition);
 bool __real__ZN11RTMP_Packet7chunk_t9message_t8allocateEj(RTMP_Packet::chunk_t::message_t*, std::uint32_t);
 bool __real__ZN14RTMPConnection16rtmp_read_packetER11RTMP_Packet(RTMPConnection*, RTMP_Packet&);
 
-bool __wrap__Z20resolve_chunk_headerR14RTMPConnectionR11RTMP_Packetb(RTMPConnection& conn, RTMP_Packet& pkt,
-                                                                     bool first) {
-    return (!first && broken.resolver_takes_any_continuation) ||
-           __real__Z20resolve_chunk_headerR14RTMPConnectionR11RTMP_Packetb(conn, pkt, first);
+bool __wrap__Z20resolve_chunk_headerR14RTMPConnectionR11RTMP_Packet13ChunkPosition(RTMPConnection& conn,
+                                                                                   RTMP_Packet& pkt,
+                                                                                   ChunkPosition position) {
+    return (position == ChunkPosition::FURTHER && broken.resolver_takes_any_continuation) ||
+           __real__Z20resolve_chunk_headerR14RTMPConnectionR11RTMP_Packet13ChunkPosition(conn, pkt, position);
 }
 
 bool __wrap__ZN11RTMP_Packet7chunk_t9message_t8allocateEj(RTMP_Packet::chunk_t::message_t* message,
