@@ -165,8 +165,8 @@ AMF_Value& AMF_Value::operator=(AMF_Value&& other) noexcept {
     boolean = taken.boolean;
     number = taken.number;
     string.swap(taken.string);
-    members = std::move(taken.members);
-    elements = std::move(taken.elements);
+    members.swap(taken.members);
+    elements.swap(taken.elements);
     return *this;
 }
 

@@ -53,11 +53,6 @@ class AMF_Children {
   public:
     constexpr AMF_Children() = default;
     AMF_Children(AMF_Children&& other) noexcept : block(std::exchange(other.block, nullptr)) {}
-    // Swaps the contents: what the target held is destroyed together with other.
-    AMF_Children& operator=(AMF_Children&& other) noexcept {
-        std::swap(block, other.block);
-        return *this;
-    }
     AMF_Children(const AMF_Children&) = delete;
     AMF_Children& operator=(const AMF_Children&) = delete;
     ~AMF_Children() { clear(); }
@@ -71,6 +66,8 @@ class AMF_Children {
     [[nodiscard]] auto end() const {
         return block == nullptr ? typename Container::const_iterator{} : block->items.cend();
     }
+
+    void swap(AMF_Children& other) noexcept { std::swap(block, other.block); }
 
     // Destroys everything below this value, at any depth.
     void clear() noexcept;
