@@ -9,8 +9,6 @@
 
 namespace {
 
-constexpr const char* DUMP_INDENT = "\t";
-
 // connect is the first command of a session, so its transaction id is 1.
 bool is_first_transaction(const AMF_Value& transaction_id) {
     if (transaction_id.type == AMF_Type::Number) {

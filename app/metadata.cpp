@@ -31,7 +31,6 @@ Integer read_integer(const AMF_Value& value, Integer unknown) {
     return fits ? static_cast<Integer>(rounded) : unknown;
 }
 
-constexpr const char* DUMP_INDENT = "\t";
 constexpr std::uint32_t METADATA_CHUNK_STREAM_ID = 9;
 
 StreamMetadata kept_metadata(const AMF_Value& value) ON_MAIN_THREAD {

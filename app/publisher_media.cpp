@@ -11,7 +11,6 @@
 namespace {
 
 constexpr std::uint64_t STALL_US = 2500000;
-constexpr std::uint64_t US_PER_MS = 1000;
 
 // Some encoders ignore the id from createStream and use message stream 1. Their id is adopted once.
 void adopt_stream_id(RTMPConnection& conn, std::uint32_t message_stream_id) ON_MAIN_THREAD {

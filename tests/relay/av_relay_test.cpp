@@ -295,7 +295,7 @@ TEST_F(AvRelayTest, a_message_that_is_neither_audio_nor_video_is_relayed_without
     EXPECT_TRUE(outcome.publisher_kept);
     EXPECT_EQ(outcome.printed, "");
     EXPECT_FALSE(player.timebase.timebase_set);
-    EXPECT_EQ(publisher.audio.lock_type, -1);
+    EXPECT_EQ(publisher.audio.lock_type, NO_CODEC_LOCK);
     EXPECT_EQ(take_queued(player), (Messages{{22, 1000, "\xAF\x01"}}));
 }
 
@@ -353,7 +353,7 @@ TEST_F(AvRelayTest, a_player_whose_socket_is_closed_gets_nothing) {
     EXPECT_EQ(outcome.printed, "Lock on audio type 10\nRelay fail\n");
     EXPECT_TRUE(player.connection_out.empty());
     EXPECT_FALSE(player.timebase.timebase_set);
-    EXPECT_EQ(player.audio.lock_type, -1);
+    EXPECT_EQ(player.audio.lock_type, NO_CODEC_LOCK);
 }
 
 TEST_F(AvRelayTest, a_payload_that_is_too_large_to_copy_reaches_nobody_and_does_not_end_the_publisher) {
