@@ -5,11 +5,11 @@
 
 #include "tools/v9_rtmp_ctl/parse_number.h"
 #include "tools/v9_rtmp_ctl/text.h"
+#include "tools/v9_rtmp_ctl/time_units.h"
 
 namespace {
 
 constexpr char SEPARATOR = '\t';
-constexpr double US_PER_SECOND = 1e6;
 
 bool parse_size(std::string_view text, std::optional<VideoSize>& size) {
     if (text.empty()) {

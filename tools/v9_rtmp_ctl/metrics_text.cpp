@@ -7,10 +7,10 @@
 #include <utility>
 
 #include "tools/v9_rtmp_ctl/stream_health.h"
+#include "tools/v9_rtmp_ctl/time_units.h"
 
 namespace {
 
-constexpr double US_PER_SECOND = 1e6;
 using Labels = std::vector<std::pair<std::string, std::string>>;
 
 double seconds(std::uint64_t us) {

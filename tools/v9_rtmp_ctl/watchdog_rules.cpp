@@ -3,10 +3,10 @@
 #include <algorithm>
 
 #include "tools/v9_rtmp_ctl/stream_health.h"
+#include "tools/v9_rtmp_ctl/time_units.h"
 
 namespace {
 
-constexpr std::uint64_t US_PER_SECOND = 1000000;
 // What moves a counter as media does grows it in all of so many parts of the time.
 constexpr unsigned PARTS = 3;
 // A player's counter grows a little by answers to what it sends.

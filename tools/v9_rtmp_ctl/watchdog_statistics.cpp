@@ -2,12 +2,13 @@
 
 #include <nlohmann/json.hpp>
 
+#include "tools/v9_rtmp_ctl/time_units.h"
+
 namespace {
 
 using Json = nlohmann::ordered_json;
 
 constexpr int FORMAT_VERSION = 1;
-constexpr double US_PER_SECOND = 1e6;
 
 std::optional<double> seconds(const std::optional<std::uint64_t>& us) {
     return us ? std::optional(static_cast<double>(*us) / US_PER_SECOND) : std::nullopt;

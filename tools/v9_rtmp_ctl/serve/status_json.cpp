@@ -9,10 +9,10 @@
 #include "tools/v9_rtmp_ctl/stream_health.h"
 #include "tools/v9_rtmp_ctl/stream_summary.h"
 #include "tools/v9_rtmp_ctl/text.h"
+#include "tools/v9_rtmp_ctl/time_units.h"
 
 namespace {
 
-constexpr std::uint64_t US_PER_SECOND = 1000000;
 // Names may be megabytes long, and every viewer is sent them every second.
 constexpr std::size_t MAX_NAME_BYTES = 200;
 
