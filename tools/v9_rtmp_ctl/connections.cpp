@@ -146,6 +146,12 @@ void add_rates(const Listing& before, Listing& after) {
     }
 }
 
+void add_rate(std::optional<double>& sum, const std::optional<double>& rate) {
+    if (rate) {
+        sum = sum.value_or(0) + *rate;
+    }
+}
+
 std::optional<double> total_rate(const Connection& connection) {
     if (!connection.sent_rate && !connection.received_rate) {
         return std::nullopt;

@@ -61,6 +61,9 @@ enum class SortKey { ID, STREAM, RATE };
 // Fills in the rates of after's connections.
 void add_rates(const Listing& before, Listing& after);
 
+// Adds a rate to a sum if it is known.
+void add_rate(std::optional<double>& sum, const std::optional<double>& rate);
+
 // Both directions together; nothing when neither is known.
 [[nodiscard]] std::optional<double> total_rate(const Connection& connection);
 
