@@ -110,6 +110,9 @@ class ConnectionHistory {
     std::uint64_t last_settled = 0;
 };
 
+// Null when no client has this slot.
+[[nodiscard]] const ClientRecord* find_client(const std::vector<ClientRecord>& records, unsigned id);
+
 // The one that media moves: bytes received of a publisher, bytes sent of every other client.
 [[nodiscard]] const CounterHistory& media_counter(const ClientRecord& record);
 

@@ -115,6 +115,12 @@ std::optional<Connection> parse_connection_line(std::string_view line) {
     return connection;
 }
 
+const Connection* find_connection(const std::vector<Connection>& connections, unsigned id) {
+    const auto found = std::find_if(connections.begin(), connections.end(),
+                                    [id](const Connection& c) { return c.id == id; });
+    return found == connections.end() ? nullptr : &*found;
+}
+
 std::string size_text(const std::optional<VideoSize>& size) {
     return size ? std::to_string(size->width) + "x" + std::to_string(size->height) : std::string();
 }

@@ -51,6 +51,9 @@ enum class SortKey { ID, STREAM, RATE };
 // id is no slot.
 [[nodiscard]] std::optional<Connection> parse_connection_line(std::string_view line);
 
+// Null when the listing has no such connection.
+[[nodiscard]] const Connection* find_connection(const std::vector<Connection>& connections, unsigned id);
+
 // The server's own seven fields, separated by TABs, with strangers' bytes escaped: a stream name can neither
 // begin a field nor a line.
 [[nodiscard]] std::string plain_line(const Connection& connection);

@@ -50,8 +50,5 @@ struct DropTarget {
 [[nodiscard]] Failure no_such_connection(unsigned id);
 [[nodiscard]] Failure not_of_stream(unsigned id, const std::string& stream);
 
-// Null when the listing has no such connection.
-[[nodiscard]] const Connection* find_connection(const std::vector<Connection>& connections, unsigned id);
-
 // "play of 'cam1' from 203.0.113.7:50000", for people.
 [[nodiscard]] std::string describe(const Connection& connection);

@@ -36,18 +36,11 @@ Json whole_seconds(std::uint64_t us) {
     return us / US_PER_SECOND;
 }
 
-const ClientRecord* find_record(const ConnectionHistory& history, const Connection& connection) {
-    const auto found = std::find_if(
-        history.clients().begin(), history.clients().end(),
-        [&connection](const ClientRecord& record) { return record.connection.id == connection.id; });
-    return found == history.clients().end() ? nullptr : &*found;
-}
-
 Json connection_status(const ConnectionHistory& history, const Connection& connection) {
     Connection cut = connection;
     cut.stream = cut_name(connection.stream);
     Json object = connection_object(cut, RateUnit::BYTES);
-    const ClientRecord* const record = find_record(history, connection);
+    const ClientRecord* const record = find_client(history.clients(), connection.id);
     const ClientHealth health = record == nullptr ? ClientHealth() : client_health(history, *record);
     object["age_seconds"] = whole_seconds(health.age_us);
     object["still_seconds"] = whole_seconds(health.still_us);
