@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "comm_socket/clock.h"
+#include "comm_socket/errors.h"
 #include "comm_socket/include/comm_socket_v4.h"
 
 namespace comm_socket {
@@ -27,10 +28,6 @@ constexpr std::size_t PIECES_PER_WRITE = 64;
 bool peer_is_gone(int fd) {
     pollfd entry = {fd, 0, 0};
     return poll(&entry, 1, 0) > 0 && (entry.revents & (POLLHUP | POLLERR | POLLNVAL)) != 0;
-}
-
-bool would_block(int error) {
-    return error == EAGAIN || error == EWOULDBLOCK;
 }
 
 }  // namespace

@@ -7,6 +7,8 @@
 #include <string_view>
 #include <utility>
 
+#include "comm_socket/errors.h"
+
 namespace comm_socket {
 
 comm_socket_v4_packet* make_packet(const FrameHead& head, FrameText&& text) {
@@ -30,11 +32,6 @@ FrameHead head_of(const comm_socket_v4_packet* packet) {
 }
 
 namespace {
-
-int refuse(int error) {
-    errno = error;
-    return -1;
-}
 
 // Returns 0 if the packet is being written and has room for added bytes, otherwise an errno. The sum cannot
 // overflow, because is_too_long refuses strings above the limit.
