@@ -11,6 +11,8 @@
 #include <cstdlib>
 #include <utility>
 
+#include "tools/v9_rtmp_ctl/io_errors.h"
+
 namespace {
 
 // Alternate screen, no cursor, no wrapping of a line that is as wide as the screen.
@@ -73,7 +75,7 @@ int open_output() {
 bool write_some(int fd, std::string_view& bytes) {
     const ssize_t n = ::write(fd, bytes.data(), bytes.size());
     if (n < 0) {
-        return errno == EAGAIN || errno == EINTR;
+        return can_try_again(errno);
     }
     bytes.remove_prefix(static_cast<std::size_t>(n));
     return n > 0;
@@ -177,7 +179,7 @@ bool Screen::read_keys(std::string& bytes) {
     if (n > 0) {
         bytes.append(typed.data(), static_cast<std::size_t>(n));
     }
-    return n > 0 || (n < 0 && (errno == EINTR || errno == EAGAIN));
+    return n > 0 || (n < 0 && can_try_again(errno));
 }
 
 bool Screen::write(std::string_view bytes) const {
