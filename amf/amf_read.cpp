@@ -84,7 +84,7 @@ bool read_payload(AMF_Value& v, const unsigned char*& s, const unsigned char* sf
     return false;  // A peer may send any byte as the marker.
 }
 
-// Ends the innermost object: checks its count and, unless it is the outermost, moves it into the enclosing one.
+// Ends the innermost object: checks its count and moves it into the enclosing one, if there is one.
 bool end_object(std::deque<OpenObject>& open) {
     if (!check_count(open.back())) {
         return false;

@@ -1,5 +1,5 @@
-// Audio and video frames that prove at the other end that they are whole, which one of the stream they are, and how
-// long they have been on their way: tag as in the FLV format, stamp, filling, CRC-32 of all of it.
+// Audio and video frames that prove at the other end that they are whole, which one of the stream they are,
+// and how long they have been on their way: tag as in the FLV format, stamp, filling, CRC-32 of all of it.
 #pragma once
 
 #include "tests/support/wire_bytes.h"

@@ -32,7 +32,7 @@ bool read_continuation_header(RTMPConnection& conn, const RTMP_Packet& pkt,
     return true;
 }
 
-// Reads the next chunk of a message of which toread bytes remain. Returns the length of the chunk, or 0 if the
+// Reads the next chunk; toread bytes of the message remain. Returns the length of the chunk, or 0 if the
 // client closes first.
 std::size_t read_chunk(RTMPConnection& conn, const RTMP_Packet& pkt, std::size_t toread) ON_READER_THREAD {
     const RTMP_Packet::chunk_t::message_t& message = pkt.chunk.message;

@@ -1,4 +1,5 @@
-// What guards the main thread against the system and against its own parts: each of them breaks a promise here.
+// What guards the main thread against the system and against its own parts: each of them breaks a
+// promise here.
 #include <cerrno>
 #include <functional>
 

@@ -11,7 +11,8 @@ class TurnTest : public AppFixture {
     TurnTest() { wrapped_calls = {}; }
     ~TurnTest() override { wrapped_calls = {}; }
 
-    // Every message of conn takes so long. A message is looked at under the lock, which is taken once for each.
+    // Every message of conn takes so long. A message is looked at under the lock, which is taken once
+    // for each.
     static void make_messages_take(const RTMPConnection& conn, std::uint64_t us) {
         wrapped_calls.at_lock = [&conn, us](const pthread_mutex_t* mutex) {
             fake_clock_us += mutex == &conn.mutex.handle ? us : 0;

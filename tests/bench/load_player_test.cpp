@@ -1,5 +1,5 @@
-// What the load's player makes of a server that keeps to the rules, and of one that loses, damages or misplaces
-// something. The server is a socket that says what it is told.
+// What the load's player makes of a server that keeps to the rules, and of one that loses, damages or
+// misplaces something. The server is a socket that says what it is told.
 #include "bench/load_player.h"
 
 #include "tests/support/media_bytes.h"

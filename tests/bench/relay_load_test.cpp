@@ -1,5 +1,5 @@
-// relay_load against a relay with planted faults: it must count exactly those. And each of its modes, in short, with the
-// real server.
+// relay_load against a relay with planted faults: it must count exactly those. And each of its modes, in
+// short, with the real server.
 #include <gtest/gtest.h>
 
 #include <nlohmann/json.hpp>

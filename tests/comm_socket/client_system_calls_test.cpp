@@ -14,8 +14,8 @@ namespace {
 
 constexpr std::uint64_t PATIENT_US = 10000000;
 
-// The errors of the next calls of each kind on this thread; when none is left they do what they always do. The server of
-// the tests runs on a thread of its own and is spared.
+// The errors of the next calls of each kind on this thread; when none is left they do what they always do.
+// The server of the tests runs on a thread of its own and is spared.
 struct NextErrors {
     std::vector<int> socket = {};
     std::vector<int> connect = {};

@@ -89,7 +89,8 @@ class RawServerTest : public ClientTest {
     }
 };
 
-// Sends a byte a second: the clock goes forward when the byte has been read, and then the next one follows at once.
+// Sends a byte a second: the clock goes forward when the byte has been read, and then the next one follows
+// at once.
 class DrippingServer {
   public:
     DrippingServer(const RawPeer& server, std::string bytes)

@@ -1,5 +1,5 @@
-// What a broken or hostile client does costs it its own connection, and a well-behaved client next to it
-// nothing.
+// What a broken or hostile client does costs it its own connection, and a well-behaved client next to
+// it nothing.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 

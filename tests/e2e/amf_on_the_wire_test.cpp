@@ -15,8 +15,8 @@ namespace {
 
 using Lines = std::vector<std::string>;
 
-// What the server prints about a connect with this command object, up to the refusal of the empty
-// application.
+// What the server prints about a connect with this command object, up to the refusal of the
+// empty application.
 Lines dump_of(const ServerProcess& server, const Bytes& command_object) {
     RtmpClient client = handshaken_client();
     (void)client.round_trip();

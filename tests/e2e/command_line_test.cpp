@@ -288,8 +288,8 @@ TEST(command_line, a_port_that_another_program_keeps_to_itself_prevents_the_star
         const PortOwner owner;
         expect_refusal({}, "Cannot bind socket\n");
     }
-    // The way out through the listener leaves the control socket as it is; the next start takes the path
-    // over.
+    // The way out through the listener leaves the control socket as it is; the next start takes the
+    // path over.
     EXPECT_TRUE(std::filesystem::is_socket(CONTROL_SOCKET_PATH));
     ServerProcess server;
     (void)connected_client();

@@ -35,7 +35,8 @@ void add_clients(const ServerProcess& server, Clients& clients, std::size_t coun
     }
 }
 
-// The size of a thread's stack for which no system has room. ThreadSanitizer does not start with more than this.
+// The size of a thread's stack for which no system has room. ThreadSanitizer does not start with more
+// than this.
 #ifdef __SANITIZE_THREAD__
 constexpr unsigned long IMPOSSIBLE_STACK = 1UL << 38;
 #else

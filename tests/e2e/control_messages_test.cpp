@@ -24,8 +24,8 @@ OutMessage control(std::uint8_t type, Bytes payload) {
     return {.type = type, .payload = std::move(payload), .csid = CONTROL_CSID};
 }
 
-// Sends, from the end of the handshake on, and knows which acknowledgements are due: after the first message, and
-// whenever a window of bytes has come.
+// Sends, from the end of the handshake on, and knows which acknowledgements are due: after the first message,
+// and whenever a window of bytes has come.
 class CountingSender {
   public:
     explicit CountingSender(RtmpClient& rtmp_client) : client(rtmp_client) {}

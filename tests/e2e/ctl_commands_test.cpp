@@ -1,5 +1,5 @@
-// v9_rtmp_ctl as people and scripts use it, against the real server: what it prints, what it does, and its exit
-// status for every way that it can end.
+// v9_rtmp_ctl as people and scripts use it, against the real server: what it prints, what it does, and its
+// exit status for every way that it can end.
 #include "tests/support/control_peer.h"
 #include "tests/support/media_bytes.h"
 #include "tests/support/rtmp_client.h"
@@ -62,8 +62,8 @@ std::string path_with_socket(const std::string& path) {
     return "--socket=" + path;
 }
 
-// Somebody else's server at OTHER_SOCKET: takes one client, waits for its first bytes, sends what it is told to
-// and closes. Without an answer it takes clients and says nothing.
+// Somebody else's server at OTHER_SOCKET: takes one client, waits for its first bytes, sends what it is told
+// to and closes. Without an answer it takes clients and says nothing.
 class OtherServer {
   public:
     OtherServer() : fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {

@@ -1,5 +1,5 @@
-// v9_rtmp_ctl watch, in a terminal and off it: what it shows of a running server, what its keys do, and that it
-// leaves the terminal as it found it on every way out.
+// v9_rtmp_ctl watch, in a terminal and off it: what it shows of a running server, what its keys do, and that
+// it leaves the terminal as it found it on every way out.
 #include "tests/support/media_bytes.h"
 #include "tests/support/private_namespaces.h"
 #include "tests/support/rtmp_client.h"

@@ -1,5 +1,5 @@
-// v9_rtmp_ctl watchdog against the real server: whom it drops, and whom it leaves alone. Its limits are options, so the
-// tests set short ones; each keeps the relation to the others that the usual ones have.
+// v9_rtmp_ctl watchdog against the real server: whom it drops, and whom it leaves alone. Its limits are
+// options, so the tests set short ones; each keeps the relation to the others that the usual ones have.
 #include "tests/support/far_side.h"
 #include "tests/support/live_pair.h"
 #include "tests/support/media_bytes.h"

@@ -23,8 +23,8 @@ Bytes two_byte_key(std::size_t n) {
     return amf_key(Bytes{static_cast<char>(n >> 8 & 0xFF), static_cast<char>(n & 0xFF)});
 }
 
-// Members that stay, each made right after one that is replaced and takes far more: the whole can be sent, and if it
-// were kept as it was decoded, hardly a page would become free.
+// Members that stay, each made right after one that is replaced and takes far more: the whole can be sent,
+// and if it were kept as it was decoded, hardly a page would become free.
 Bytes sparse_members() {
     constexpr std::size_t MEMBERS = 13000;
     constexpr std::size_t LEVELS = 11;

@@ -1,5 +1,5 @@
-// Data messages: which are taken as a stream's metadata, who gets it, in which form, and who is dropped by
-// it.
+// Data messages: which are taken as a stream's metadata, who gets it, in which form, and who is dropped
+// by it.
 #include "tests/support/control_peer.h"
 #include "tests/support/rtmp_client.h"
 #include "tests/support/server_process.h"

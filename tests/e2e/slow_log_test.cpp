@@ -1,5 +1,5 @@
-// A log that is taken slowly, and a client that makes the server say as much as it can. Another stream goes on, and
-// the server can be stopped.
+// A log that is taken slowly, and a client that makes the server say as much as it can. Another stream goes
+// on, and the server can be stopped.
 #include "tests/support/large_values.h"
 #include "tests/support/live_pair.h"
 #include "tests/support/rtmp_client.h"
@@ -79,8 +79,8 @@ class SlowLog {
     std::thread reader;
 };
 
-// Sends one connect after the other, each of which prints as much as a dump may hold, on a thread of its own. A
-// connection that the server closes is replaced by a new one.
+// Sends one connect after the other, each of which prints as much as a dump may hold, on a thread of its own.
+// A connection that the server closes is replaced by a new one.
 class FloodOfConnects {
   public:
     explicit FloodOfConnects(const std::string& app)

@@ -77,8 +77,8 @@ class ReadStream {
         }
     }
 
-    // Sends so many messages. What waits for the stuck players is one copy of them, and 100 bytes a message and player.
-    // Returns the memory that the server had before that.
+    // Sends so many messages. What waits for the stuck players is one copy of them, and 100 bytes a message
+    // and player. Returns the memory that the server had before that.
     std::size_t expect_one_copy_of(std::uint32_t messages) {
         send(20);  // The socket buffers are full.
         const std::size_t before_kib = server.rss_kib();

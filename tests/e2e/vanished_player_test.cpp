@@ -22,7 +22,8 @@
 
 namespace {
 
-// 0.2 s + 0.4 s + ... + 3.2 s: far more than the keepalive of these tests takes, and far less than the usual 15.
+// 0.2 s + 0.4 s + ... + 3.2 s: far more than the keepalive of these tests takes, and far less than the
+// usual 15.
 constexpr const char* RETRIES = "4";
 
 // The other end of a connection, as the server names its clients; empty for what is none.

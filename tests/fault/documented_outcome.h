@@ -1,5 +1,5 @@
-// What must become of the scripted session when one call has failed: which texts the server prints and how often, who
-// is dropped, who misses what.
+// What must become of the scripted session when one call has failed: which texts the server prints and how
+// often, who is dropped, who misses what.
 #pragma once
 
 #include "tests/fault/faulty_server.h"

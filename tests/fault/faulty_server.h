@@ -16,8 +16,8 @@ class ServerSymbols {
   public:
     static const ServerSymbols& get();
 
-    // "@FROM-TO" for a plan: the function of this name, with or without the namespaces and classes it is in. Throws
-    // TestFailure when there is none.
+    // "@FROM-TO" for a plan: the function of this name, with or without the namespaces and classes it is in.
+    // Throws TestFailure when there is none.
     std::string within(std::string_view name) const;
     // The names of the functions that the record's call came from, innermost first.
     std::vector<std::string> functions_of(const FaultRecord& record) const;

@@ -76,8 +76,8 @@ class Guest {
         }
     }
 
-    // Sends a command and waits for its answer: whatever was sent before has been handled then, and what was sent to
-    // this client before has arrived.
+    // Sends a command and waits for its answer: whatever was sent before has been handled then, and what was
+    // sent to this client before has arrived.
     void ask() {
         act([this](RtmpClient& rtmp) {
             const double id = FIRST_QUESTION_ID + questions++;

@@ -1,4 +1,5 @@
-// The control socket with the send buffer that a system grants by default: a long listing leaves in many pieces.
+// The control socket with the send buffer that a system grants by default: a long listing leaves in
+// many pieces.
 #include "tests/fault/faulty_server.h"
 #include "tests/support/control_peer.h"
 #include "tests/support/timed_stream.h"

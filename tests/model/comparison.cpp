@@ -50,7 +50,8 @@ struct Costs {
     std::deque<std::uint64_t> us;
 };
 
-// By the mutex that the server holds while it handles a message. A new connection may have the address of an old one.
+// By the mutex that the server holds while it handles a message. A new connection may have the address of an
+// old one.
 std::map<const pthread_mutex_t*, Costs> costs;
 
 }  // namespace

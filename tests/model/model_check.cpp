@@ -1,6 +1,6 @@
-// Drives the server's main loop and the reference model with random schedules on a fake clock, and stops at the
-// first difference. A difference is shown with the shortest schedule that was found to lead to it, and with the
-// command that repeats it.
+// Drives the server's main loop and the reference model with random schedules on a fake clock, and stops at
+// the first difference. A difference is shown with the shortest schedule that was found to lead to it, and
+// with the command that repeats it.
 #include "tests/model/comparison.h"
 #include "tests/support/silent_system.h"
 

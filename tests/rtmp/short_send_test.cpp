@@ -1,4 +1,5 @@
-// A batch of messages that leaves in other pieces than it was handed to the system, or that is not sent to its end.
+// A batch of messages that leaves in other pieces than it was handed to the system, or that is not sent to
+// its end.
 #include <pthread.h>
 
 #include "tests/support/connection_fixture.h"
@@ -20,7 +21,8 @@ class ShortSendTest : public ConnectionFixture {
     ShortSendTest() { wrapped_calls = {}; }
     ~ShortSendTest() override { wrapped_calls = {}; }
 
-    // Payloads of their own and shared ones, laid out for the size in force and for others, around its borders.
+    // Payloads of their own and shared ones, laid out for the size in force and for others, around
+    // its borders.
     static void queue_batch(RTMPConnection& conn) {
         add_own(conn, 300);
         add_shared(conn, 300, 128);
@@ -39,7 +41,8 @@ class ShortSendTest : public ConnectionFixture {
         EXPECT_TRUE(conn.rtmp_send_packet());
         EXPECT_EQ(wrapped_calls.sends.size(), 1U);
         const std::string bytes = arrived(conn);
-        // Six headers of 12 bytes, one of 16 for its large timestamp, and payloads with a byte between chunks.
+        // Six headers of 12 bytes, one of 16 for its large timestamp, and payloads with a byte
+        // between chunks.
         EXPECT_EQ(bytes.size(), 6U * 12 + 16 + (300 + 2) * 3 + 1 + 128 + (129 + 1) + 128);
         EXPECT_EQ(conn.conn_g_client.bytes_total, bytes.size());
         return bytes;

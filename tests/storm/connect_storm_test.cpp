@@ -40,7 +40,8 @@ void leave(Random& random, RtmpClient& client) {
     }
 }
 
-// Connects so many clients, not more than `at_once` of them open, who leave in an order and a way that are drawn.
+// Connects so many clients, not more than `at_once` of them open, who leave in an order and a way that
+// are drawn.
 void come_and_go(Random& random, std::size_t count, std::size_t at_once) {
     std::vector<std::unique_ptr<RtmpClient>> open;
     for (std::size_t i = 0; i < count; ++i) {

@@ -1,5 +1,5 @@
-// Visitors by the dozen, each a thread that pays one visit after the other, and somebody who drops connections of
-// theirs through the control socket at moments that suit nobody.
+// Visitors by the dozen, each a thread that pays one visit after the other, and somebody who drops
+// connections of theirs through the control socket at moments that suit nobody.
 //
 // The connections that exist when the crowd comes are left alone.
 #pragma once

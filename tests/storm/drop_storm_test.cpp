@@ -21,8 +21,8 @@ namespace {
 
 constexpr std::size_t CONNECTIONS_OF_PAIR = 2;
 
-// Send buffers as small as they can be, so that whoever does not read blocks the server's writer at once. Holds in
-// the namespace of this test only.
+// Send buffers as small as they can be, so that whoever does not read blocks the server's writer at once.
+// Holds in the namespace of this test only.
 void shrink_send_buffers() {
     std::ofstream file("/proc/sys/net/ipv4/tcp_wmem");
     file << "4096 4096 4096" << std::flush;
@@ -54,8 +54,8 @@ std::size_t occurrences(const std::string& text, const std::string& wanted) {
     return count;
 }
 
-// Reads the log in fits and starts, so that the server's threads wait in the middle of a line, and looks where they
-// are meanwhile.
+// Reads the log in fits and starts, so that the server's threads wait in the middle of a line, and looks
+// where they are meanwhile.
 class MoodyLogReader {
   public:
     MoodyLogReader(ServerProcess& log_server, std::uint64_t seed)

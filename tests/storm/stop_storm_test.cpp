@@ -66,8 +66,8 @@ class Broadcaster {
     std::thread thread;
 };
 
-// Visitors, a broadcaster, and the time that a server has among them. Nobody drops others than those who ask for it: not
-// the broadcaster, and not who tries whether there is service.
+// Visitors, a broadcaster, and the time that a server has among them. Nobody drops others than those who ask
+// for it: not the broadcaster, and not who tries whether there is service.
 class Load {
   public:
     explicit Load(std::uint64_t seed)

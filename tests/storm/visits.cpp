@@ -204,7 +204,8 @@ std::vector<RtmpClient*> open_clients(Visit& visit) {
     return found;
 }
 
-// What the server still sends stands before the end that it announces, and may fill its buffers: it is taken away.
+// What the server still sends stands before the end that it announces, and may fill its buffers: it is
+// taken away.
 bool is_closed_by_server(const RtmpClient& client) {
     std::array<char, 65536> ignored{};
     ssize_t count = 0;

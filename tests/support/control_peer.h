@@ -1,6 +1,6 @@
-// A client of the control socket, with control over every byte it sends: requests are put together here, byte
-// by byte, and replies are taken apart strictly, so that the server's side is checked by somebody else's
-// eyes.
+// A client of the control socket, with control over every byte it sends: requests are put together here,
+// byte by byte, and replies are taken apart strictly, so that the server's side is checked by somebody
+// else's eyes.
 //
 // Every wait has a deadline; what does not come throws TestFailure.
 #pragma once
@@ -58,15 +58,16 @@ class ControlPeer {
     // False when the server has closed the connection; part of the bytes may be gone by then.
     [[nodiscard]] bool try_send_bytes(std::string_view bytes, Milliseconds wait = DEFAULT_WAIT) const;
     void send_bytes(std::string_view bytes, Milliseconds wait = DEFAULT_WAIT) const;
-    // Sends without waiting; how many bytes the socket took. Throws when the server has closed the connection.
+    // Sends without waiting; how many bytes the socket took. Throws when the server has closed
+    // the connection.
     [[nodiscard]] std::size_t send_some(std::string_view bytes) const;
     // The next reply. A reply must be complete, with nothing behind its last field and no arguments.
     ControlReply read_reply(Milliseconds wait = DEFAULT_WAIT);
     // Sends a request with the next id and reads replies until there is one, which must carry that id.
     ControlReply ask(std::string_view command, const ControlArguments& arguments = {},
                      Milliseconds wait = DEFAULT_WAIT);
-    // Sends a request with the next id and reads the reply without keeping it; how long its body is. For replies of a
-    // hundred megabytes, which would otherwise cost the test more time than the server.
+    // Sends a request with the next id and reads the reply without keeping it; how long its body is. For
+    // replies of a hundred megabytes, which would otherwise cost the test more time than the server.
     std::size_t ask_for_length(std::string_view command, Milliseconds wait = DEFAULT_WAIT);
     void read_one_byte(Milliseconds wait = DEFAULT_WAIT) const;
     // The server closes the connection and sends nothing before it.

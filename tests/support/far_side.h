@@ -1,5 +1,5 @@
-// Another machine: a network namespace that is joined to the test's own by a pair of interfaces, and can be cut off so
-// that nothing tells either side.
+// Another machine: a network namespace that is joined to the test's own by a pair of interfaces, and can be
+// cut off so that nothing tells either side.
 #pragma once
 
 #include "tests/support/rtmp_client.h"

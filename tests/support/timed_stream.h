@@ -1,5 +1,5 @@
-// A stream whose messages are timed from the moment they are sent until the player has them, and work that goes on
-// beside it.
+// A stream whose messages are timed from the moment they are sent until the player has them, and work that
+// goes on beside it.
 #pragma once
 
 #include "tests/support/message_recorder.h"

@@ -46,8 +46,8 @@ struct CommandLine {
     std::string help_text;  // to be printed on standard output; of NONE
 };
 
-// words is the command line behind the program's name. Reads the file that --config names. A failure is
-// ExitCode::USAGE.
+// words is the command line behind the program's name. Reads the file that --config names. A failure
+// is ExitCode::USAGE.
 [[nodiscard]] std::optional<Failure> parse_command_line(const std::vector<std::string>& words,
                                                         CommandLine& command_line);
 

@@ -28,8 +28,8 @@ std::optional<Failure> drop_name(ControlClient& client, const std::string& name,
     return std::nullopt;
 }
 
-// Drops all connections of these stream names, those that have joined meanwhile too. The empty name stands for
-// connections that have chosen no stream.
+// Drops all connections of these stream names, those that have joined meanwhile too. The empty name stands
+// for connections that have chosen no stream.
 ExitCode drop_names(const Settings& settings, ControlClient& client, const std::set<std::string>& names,
                     const Failure& nothing_matched) {
     DropResult result;

@@ -10,8 +10,8 @@
 #include "tools/v9_rtmp_ctl/control_client.h"
 #include "tools/v9_rtmp_ctl/failure.h"
 
-// 0 to 127 in decimal digits alone. The server is more generous (it takes "5x" for 5), so this is tested
-// first.
+// 0 to 127 in decimal digits alone. The server is more generous (it takes "5x" for 5), so this is
+// tested first.
 [[nodiscard]] std::optional<unsigned> parse_connection_id(std::string_view text);
 
 // The number in the server's "OK, N connections dropped".
@@ -36,13 +36,14 @@ struct DropTarget {
 // Whether both are the same client on the same stream. False when the address is not known.
 [[nodiscard]] bool is_same_client(const Connection& a, const Connection& b);
 
-// Nothing when the target was dropped for certain. before and after are the listings that were asked for around the
-// drop. The client that had the id at the drop is certain only where both agree on its address and name.
+// Nothing when the target was dropped for certain. before and after are the listings that were asked for
+// around the drop. The client that had the id at the drop is certain only where both agree on its address
+// and name.
 [[nodiscard]] std::optional<Failure> judge_drop(const DropTarget& target, const Reply& reply,
                                                 const Listing& before, const Listing& after);
 
-// Nothing while the listing has the candidate as it was when the user was asked about it. The id alone does not say
-// so: the server gives the id of a client that has left to a later one.
+// Nothing while the listing has the candidate as it was when the user was asked about it. The id alone does
+// not say so: the server gives the id of a client that has left to a later one.
 [[nodiscard]] std::optional<Failure> judge_candidate(const Connection& candidate,
                                                      const std::vector<Connection>& listed);
 

@@ -1,5 +1,5 @@
-// Looks at the server again and again, and keeps what the looks show together: for metrics and for the status page.
-// Used by one thread at a time.
+// Looks at the server again and again, and keeps what the looks show together: for metrics and for the status
+// page. Used by one thread at a time.
 #pragma once
 
 #include <optional>

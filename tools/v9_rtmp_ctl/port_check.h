@@ -1,7 +1,7 @@
 // Who listens on the server's RTMP port, as /proc tells it.
 //
-// A second start by mistake takes the control socket, and of the same user it shares the port: players then land
-// where their publisher is not. Neither server notices.
+// A second start by mistake takes the control socket, and of the same user it shares the port: players then
+// land where their publisher is not. Neither server notices.
 #pragma once
 
 #include <sys/types.h>

@@ -19,8 +19,8 @@ namespace {
 constexpr std::string_view TAKE = "\x1b[?1049h\x1b[?25l\x1b[?7l\x1b[2J";
 constexpr std::string_view GIVE_BACK = "\x1b[0m\x1b[?7h\x1b[?25h\x1b[?1049l";
 
-// All that would end or stop the process with the terminal taken, but for what cannot be held and for those of a
-// crash, which leave a core to look at.
+// All that would end or stop the process with the terminal taken, but for what cannot be held and for those
+// of a crash, which leave a core to look at.
 sigset_t signals_to_tell() {
     sigset_t set;
     sigemptyset(&set);
@@ -41,8 +41,8 @@ bool can_fill_a_screen() {
            std::string_view(term) != "dumb";
 }
 
-// The system stops a background process that asks for this, with SIGTTOU, until it is brought to the foreground. False
-// when there is nobody who could do that, or no terminal.
+// The system stops a background process that asks for this, with SIGTTOU, until it is brought to the
+// foreground. False when there is nobody who could do that, or no terminal.
 bool wait_for_foreground() {
     int result = 0;
     do {
@@ -56,8 +56,8 @@ unsigned device_of(int fd) {
     return ioctl(fd, TIOCGDEV, &device) == 0 ? device : 0;
 }
 
-// Standard output once more, so that not to block concerns this process alone: the shell shares the other description.
-// Blocks where the terminal cannot be opened again.
+// Standard output once more, so that not to block concerns this process alone: the shell shares the other
+// description. Blocks where the terminal cannot be opened again.
 int open_output() {
     for (const char* const path : {"/dev/tty", "/proc/self/fd/1"}) {
         const int fd = open(path, O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);

@@ -37,7 +37,7 @@ struct ClientHealth {
 };
 [[nodiscard]] ClientHealth client_health(const ConnectionHistory& history, const ClientRecord& client);
 
-// Whether a player gets what a publisher of its stream sends, recently and all in all. Headers count in both counters and
-// differ with the chunk size, so a few percent may be missing. Both have settled.
+// Whether a player gets what a publisher of its stream sends, recently and all in all. Headers count in both
+// counters and differ with the chunk size, so a few percent may be missing. Both have settled.
 [[nodiscard]] bool keeps_up(const ConnectionHistory& history, const ClientRecord& player,
                             const ClientRecord& publisher, std::uint64_t limit_us);

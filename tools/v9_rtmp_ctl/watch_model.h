@@ -62,8 +62,8 @@ enum class WatchAction { NONE, QUIT, DROP };
 // What a key does. DROP: drop_candidate or drop_stream is to be dropped.
 [[nodiscard]] WatchAction press_key(WatchModel& model, const Key& key);
 
-// A look that was answered. Rates are measured against the listing before. A selected row stays with its client or
-// stream, or where that has gone, with its place.
+// A look that was answered. Rates are measured against the listing before. A selected row stays with its
+// client or stream, or where that has gone, with its place.
 void take_in(WatchModel& model, Listing listing);
 
 // A look that was not.

@@ -140,7 +140,8 @@ void WatchObserver::finish(WatchModel& model, std::uint64_t now_us) {
     replies.clear();
 }
 
-// A client that took the slot, or began something else, while the question waited is not the one that was meant.
+// A client that took the slot, or began something else, while the question waited is not the one that
+// was meant.
 void WatchObserver::finish_check(WatchModel& model, std::uint64_t now_us) {
     Listing listing;
     std::optional<Failure> failure = read_listing(replies.front(), listing);

@@ -1,7 +1,7 @@
 // Asks the server for watch, on time and without making the keys wait: looks, and drops that were confirmed.
 //
 //   [idle] --time for a look--> [LOOK] --listing--> [idle]
-//   [idle, LOOK] --begin_drop, of a connection--> [CHECK] --it is as it was--> [DROP] --list, drop, list--> [idle]
+//   [idle, LOOK] --begin_drop, of a connection--> [CHECK] --unchanged--> [DROP] --list, drop, list--> [idle]
 //   [idle, LOOK] --begin_drop, of a stream--> [DROP_STREAM] --count--> [idle]
 //
 // A failure leads to [idle] from everywhere. What came is in the model then.

@@ -170,8 +170,8 @@ class Judge {
                 return is_behind(record, *player, lead_us, 100);
             });
         };
-        // A player that was slow when the other settled, and has caught up since, seems ahead by as much. So one alone
-        // has to be further ahead than it could have been behind.
+        // A player that was slow when the other settled, and has caught up since, seems ahead by as much. So
+        // one alone has to be further ahead than it could have been behind.
         const auto half = static_cast<std::ptrdiff_t>((players.size() + 1) / 2);
         const bool is_alone_behind = !players.empty() && count_ahead(limit) >= half;
         return is_alone_behind || count_ahead(2 * limit) > 0 ? by + "other players of the stream" : Reason();
@@ -215,8 +215,8 @@ class Judge {
         return gained && wanted && *gained + SLACK_BYTES < *wanted / 100 * percent;
     }
 
-    // Also where no publisher can be compared with. Players cannot be trusted alone: a player that asks for chunks of one
-    // byte is sent twice the bytes, and all others seem behind it.
+    // Also where no publisher can be compared with. Players cannot be trusted alone: a player that asks for
+    // chunks of one byte is sent twice the bytes, and all others seem behind it.
     [[nodiscard]] bool keeps_up_with_a_publisher(const ClientRecord& record, std::uint64_t limit_us) const {
         Clients publishers = others(record, is_publisher);
         std::erase_if(publishers, [&](const ClientRecord* publisher) {
