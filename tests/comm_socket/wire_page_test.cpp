@@ -38,7 +38,7 @@ std::string bytes_of_hex(const std::string& hex) {
     return bytes;
 }
 
-class Programs : public testing::Test {
+class programs_test : public testing::Test {
   public:
     TemporaryDirectory directory;
     std::string path = directory.file("socket");
@@ -63,12 +63,12 @@ const char* const PAGE = "docs/wire/control-socket.md";
 
 }  // namespace
 
-TEST(WirePage, shows_the_bytes_of_the_files) {
+TEST(wire_page, shows_the_bytes_of_the_files) {
     for (const char* name : {"tests/data/control_request.hex", "tests/data/control_reply.hex"})
         EXPECT_EQ(block_after(read_file(PAGE), std::string("<!-- ") + name, "```"), read_file(name));
 }
 
-TEST(WirePage, its_request_is_what_the_library_reads_and_writes) {
+TEST(wire_page, its_request_is_what_the_library_reads_and_writes) {
     const std::string frame = bytes_of_hex(read_file("tests/data/control_request.hex"));
     const auto* s = reinterpret_cast<const unsigned char*>(frame.data());
     std::size_t body_bytes = 0;
@@ -88,7 +88,7 @@ TEST(WirePage, its_request_is_what_the_library_reads_and_writes) {
     EXPECT_EQ(comm_socket::encode_frame(head, text), frame);
 }
 
-TEST(WirePage, its_reply_is_what_the_library_reads_and_writes) {
+TEST(wire_page, its_reply_is_what_the_library_reads_and_writes) {
     const std::string frame = bytes_of_hex(read_file("tests/data/control_reply.hex"));
     const auto* s = reinterpret_cast<const unsigned char*>(frame.data());
     comm_socket::FrameHead head;
@@ -105,7 +105,7 @@ TEST(WirePage, its_reply_is_what_the_library_reads_and_writes) {
     EXPECT_EQ(comm_socket::encode_frame(head, text), frame);
 }
 
-TEST_F(Programs, the_python_client_of_the_page_runs_as_it_stands) {
+TEST_F(programs_test, the_python_client_of_the_page_runs_as_it_stands) {
     const EchoServer server(path);
     const ProgramRun hello = run_python({"hello"});
     EXPECT_EQ(hello.out + hello.err, "hello: How are you? (status 0)\n");
@@ -117,7 +117,7 @@ TEST_F(Programs, the_python_client_of_the_page_runs_as_it_stands) {
     EXPECT_EQ(unknown.end, (ProgramEnd{1, 0}));
 }
 
-TEST_F(Programs, the_c_example_runs) {
+TEST_F(programs_test, the_c_example_runs) {
     {
         const EchoServer server(path);
         const ProgramRun hello = run_example();

@@ -61,8 +61,8 @@ Milliseconds time_to_fill_the_table() {
     return elapsed_since(start);
 }
 
-class ConnectStorm : public testing::TestWithParam<int> {};
-INSTANTIATE_TEST_SUITE_P(server, ConnectStorm, testing::Range(0, STORM_SHARDS));
+class connect_storm_test : public testing::TestWithParam<int> {};
+INSTANTIATE_TEST_SUITE_P(server, connect_storm_test, testing::Range(0, STORM_SHARDS));
 
 }  // namespace
 
@@ -77,7 +77,7 @@ TEST(connect_storm_alone, all_128_clients_are_accepted_within_1600_ms) {
     EXPECT_GE(fastest, ALL_ACCEPTED_LEAST);
 }
 
-TEST_P(ConnectStorm, every_slot_comes_back) {
+TEST_P(connect_storm_test, every_slot_comes_back) {
     Random random(storm_seed() + static_cast<std::uint64_t>(GetParam()));
     const std::size_t connects = storm_count("V9_STORM_CONNECTS", 4000, 1600) / STORM_SHARDS;
     ServerProcess server;

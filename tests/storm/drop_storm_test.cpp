@@ -90,12 +90,12 @@ class MoodyLogReader {
     std::thread thread;
 };
 
-class DropStorm : public testing::TestWithParam<int> {};
-INSTANTIATE_TEST_SUITE_P(server, DropStorm, testing::Range(0, STORM_SHARDS));
+class drop_storm_test : public testing::TestWithParam<int> {};
+INSTANTIATE_TEST_SUITE_P(server, drop_storm_test, testing::Range(0, STORM_SHARDS));
 
 }  // namespace
 
-TEST_P(DropStorm, leaves_nothing_behind_and_disturbs_nobody) {
+TEST_P(drop_storm_test, leaves_nothing_behind_and_disturbs_nobody) {
     const std::uint64_t seed = storm_seed() + 1000 * static_cast<std::uint64_t>(GetParam());
     const std::size_t drops = storm_count("V9_STORM_DROPS", 10000, 1200) / STORM_SHARDS;
     shrink_send_buffers();

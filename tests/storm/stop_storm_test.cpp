@@ -105,15 +105,15 @@ void expect_service() {
     EXPECT_EQ(control.read_reply().message, "How are you?");
 }
 
-class StopStorm : public testing::TestWithParam<int> {
+class stop_storm_test : public testing::TestWithParam<int> {
   protected:
     std::uint64_t seed = storm_seed() + 1000 * static_cast<std::uint64_t>(GetParam());
 };
-INSTANTIATE_TEST_SUITE_P(server, StopStorm, testing::Range(0, STORM_SHARDS));
+INSTANTIATE_TEST_SUITE_P(server, stop_storm_test, testing::Range(0, STORM_SHARDS));
 
 }  // namespace
 
-TEST_P(StopStorm, a_server_told_to_stop_exits_in_order_within_a_second) {
+TEST_P(stop_storm_test, a_server_told_to_stop_exits_in_order_within_a_second) {
     const std::size_t stops = storm_count("V9_STORM_STOPS", 200, 40) / STORM_SHARDS;
     Load load(seed);
     Milliseconds longest{0};
@@ -128,7 +128,7 @@ TEST_P(StopStorm, a_server_told_to_stop_exits_in_order_within_a_second) {
               << load.threads() << " threads\n";
 }
 
-TEST_P(StopStorm, a_server_serves_within_a_second_after_another_was_killed) {
+TEST_P(stop_storm_test, a_server_serves_within_a_second_after_another_was_killed) {
     const std::size_t kills = storm_count("V9_STORM_KILLS", 100, 20) / STORM_SHARDS;
     Load load(seed);
     go_first();
