@@ -2,14 +2,13 @@
 // is checked, and beside them clients that come and go, stall, take over, are dropped and send garbage.
 // Writes what it measures once a second to DIR/samples.csv, what is known at the end to DIR/totals.json and
 // the server's messages to DIR/server.log; soak_report.py judges them. scripts/soak does all of it.
+#include <CLI/CLI.hpp>
 #include <csignal>
 #include <cstdio>
 #include <memory>
 #include <optional>
 #include <string>
 #include <vector>
-
-#include <CLI/CLI.hpp>
 
 #include "bench/publishers.h"
 #include "bench/soak/actor.h"

@@ -2,9 +2,6 @@
 // misplaces something. The server is a socket that says what it is told.
 #include "bench/load_player.h"
 
-#include "tests/support/media_bytes.h"
-#include "tests/support/test_failure.h"
-
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
@@ -13,6 +10,9 @@
 #include <unistd.h>
 
 #include <memory>
+
+#include "tests/support/media_bytes.h"
+#include "tests/support/test_failure.h"
 
 namespace {
 

@@ -1,11 +1,11 @@
 #include "bench/stamped_media.h"
 
-#include "tests/support/chunk_bytes.h"
-#include "tests/support/media_bytes.h"
-
 #include <gtest/gtest.h>
 
 #include <array>
+
+#include "tests/support/chunk_bytes.h"
+#include "tests/support/media_bytes.h"
 
 namespace {
 

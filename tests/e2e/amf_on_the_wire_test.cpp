@@ -1,15 +1,15 @@
 // Which AMF0 values the server takes, shown by the dump of a connect's command object, and what becomes of
 // those that it does not take.
-#include "tests/support/dropped_client.h"
-#include "tests/support/rtmp_client.h"
-#include "tests/support/server_process.h"
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <string>
 #include <vector>
+
+#include "tests/support/dropped_client.h"
+#include "tests/support/rtmp_client.h"
+#include "tests/support/server_process.h"
 
 namespace {
 

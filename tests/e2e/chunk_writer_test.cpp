@@ -1,15 +1,15 @@
 // The server's own chunks, byte for byte.
-#include "tests/support/expected_replies.h"
-#include "tests/support/media_bytes.h"
-#include "tests/support/rtmp_client.h"
-#include "tests/support/server_process.h"
-#include "tests/support/unseeded_rand.h"
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <string>
 #include <vector>
+
+#include "tests/support/expected_replies.h"
+#include "tests/support/media_bytes.h"
+#include "tests/support/rtmp_client.h"
+#include "tests/support/server_process.h"
+#include "tests/support/unseeded_rand.h"
 
 namespace {
 

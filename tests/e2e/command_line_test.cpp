@@ -1,9 +1,4 @@
 // Arguments, start, stop and exit status.
-#include "tests/support/control_peer.h"
-#include "tests/support/rtmp_client.h"
-#include "tests/support/server_process.h"
-#include "tests/support/test_failure.h"
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
@@ -18,6 +13,11 @@
 #include <fstream>
 #include <set>
 #include <string>
+
+#include "tests/support/control_peer.h"
+#include "tests/support/rtmp_client.h"
+#include "tests/support/server_process.h"
+#include "tests/support/test_failure.h"
 
 namespace {
 

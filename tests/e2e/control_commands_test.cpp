@@ -1,11 +1,4 @@
 // The commands of the control socket, as a script sends them: through the tool's "raw", to the real server.
-#include "tests/support/media_bytes.h"
-#include "tests/support/message_recorder.h"
-#include "tests/support/rtmp_client.h"
-#include "tests/support/server_process.h"
-#include "tests/support/test_failure.h"
-#include "tests/support/tool_run.h"
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -14,6 +7,13 @@
 #include <optional>
 #include <string>
 #include <vector>
+
+#include "tests/support/media_bytes.h"
+#include "tests/support/message_recorder.h"
+#include "tests/support/rtmp_client.h"
+#include "tests/support/server_process.h"
+#include "tests/support/test_failure.h"
+#include "tests/support/tool_run.h"
 
 namespace {
 

@@ -1,11 +1,5 @@
 // The programs that show how to use the control socket, run against the real server: the Python client as it
 // stands on the page about the socket, and the library's example in C.
-#include "tests/support/control_peer.h"
-#include "tests/support/program_process.h"
-#include "tests/support/rtmp_client.h"
-#include "tests/support/server_process.h"
-#include "tests/support/test_failure.h"
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -14,6 +8,12 @@
 #include <sstream>
 #include <string>
 #include <vector>
+
+#include "tests/support/control_peer.h"
+#include "tests/support/program_process.h"
+#include "tests/support/rtmp_client.h"
+#include "tests/support/server_process.h"
+#include "tests/support/test_failure.h"
 
 namespace {
 

@@ -1,11 +1,5 @@
 // The control socket's own life: who may connect, how it is lost and what goes on without it, and clients
 // that leave before their answer comes.
-#include "tests/support/control_peer.h"
-#include "tests/support/media_bytes.h"
-#include "tests/support/rtmp_client.h"
-#include "tests/support/server_process.h"
-#include "tests/support/test_failure.h"
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -17,6 +11,12 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include "tests/support/control_peer.h"
+#include "tests/support/media_bytes.h"
+#include "tests/support/rtmp_client.h"
+#include "tests/support/server_process.h"
+#include "tests/support/test_failure.h"
 
 namespace {
 

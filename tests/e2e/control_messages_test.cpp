@@ -1,10 +1,4 @@
 // Set chunk size, window acknowledgement size, acknowledgements, and how far the server reads ahead.
-#include "tests/support/dropped_client.h"
-#include "tests/support/expected_replies.h"
-#include "tests/support/media_bytes.h"
-#include "tests/support/rtmp_client.h"
-#include "tests/support/server_process.h"
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -12,6 +6,12 @@
 #include <optional>
 #include <string>
 #include <vector>
+
+#include "tests/support/dropped_client.h"
+#include "tests/support/expected_replies.h"
+#include "tests/support/media_bytes.h"
+#include "tests/support/rtmp_client.h"
+#include "tests/support/server_process.h"
 
 namespace {
 

@@ -1,13 +1,5 @@
 // v9_rtmp_ctl watch, in a terminal and off it: what it shows of a running server, what its keys do, and that
 // it leaves the terminal as it found it on every way out.
-#include "tests/support/media_bytes.h"
-#include "tests/support/private_namespaces.h"
-#include "tests/support/rtmp_client.h"
-#include "tests/support/server_process.h"
-#include "tests/support/terminal_program.h"
-#include "tests/support/test_failure.h"
-#include "tests/support/tool_run.h"
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -19,6 +11,14 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include "tests/support/media_bytes.h"
+#include "tests/support/private_namespaces.h"
+#include "tests/support/rtmp_client.h"
+#include "tests/support/server_process.h"
+#include "tests/support/terminal_program.h"
+#include "tests/support/test_failure.h"
+#include "tests/support/tool_run.h"
 
 namespace {
 

@@ -1,8 +1,4 @@
 // A real encoder and real players: what ffmpeg publishes and what ffmpeg receives are the same access units.
-#include "tests/support/server_process.h"
-#include "tests/support/test_failure.h"
-#include "tests/support/time_limits.h"
-
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -20,6 +16,10 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include "tests/support/server_process.h"
+#include "tests/support/test_failure.h"
+#include "tests/support/time_limits.h"
 
 namespace {
 

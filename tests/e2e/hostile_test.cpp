@@ -1,12 +1,5 @@
 // What a stranger may send: as large, as deep and as wrong as a message can be. It may cost the stranger its
 // connection; a stream beside it must go on all the time.
-#include "tests/support/large_values.h"
-#include "tests/support/live_pair.h"
-#include "tests/support/media_bytes.h"
-#include "tests/support/rtmp_client.h"
-#include "tests/support/server_process.h"
-#include "tests/support/test_failure.h"
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -15,6 +8,13 @@
 #include <random>
 #include <string>
 #include <vector>
+
+#include "tests/support/large_values.h"
+#include "tests/support/live_pair.h"
+#include "tests/support/media_bytes.h"
+#include "tests/support/rtmp_client.h"
+#include "tests/support/server_process.h"
+#include "tests/support/test_failure.h"
 
 namespace {
 

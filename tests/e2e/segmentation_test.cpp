@@ -4,12 +4,6 @@
 // tests/segmentation/ cuts the same sessions at every byte; here the threads and the socket are real, and
 // some places have to do. The reader's acknowledgements and the main loop's answers may come in any order
 // among each other: each kind is compared by itself.
-#include "tests/segmentation/session.h"
-#include "tests/support/media_bytes.h"
-#include "tests/support/rtmp_client.h"
-#include "tests/support/server_process.h"
-#include "tests/support/test_failure.h"
-
 #include <gtest/gtest.h>
 #include <linux/sockios.h>
 #include <sys/ioctl.h>
@@ -20,6 +14,12 @@
 #include <optional>
 #include <random>
 #include <sstream>
+
+#include "tests/segmentation/session.h"
+#include "tests/support/media_bytes.h"
+#include "tests/support/rtmp_client.h"
+#include "tests/support/server_process.h"
+#include "tests/support/test_failure.h"
 
 namespace {
 

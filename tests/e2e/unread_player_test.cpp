@@ -1,9 +1,4 @@
 // Clients that do not read what the server sends them.
-#include "tests/support/live_pair.h"
-#include "tests/support/media_bytes.h"
-#include "tests/support/rtmp_client.h"
-#include "tests/support/server_process.h"
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <net/if.h>
@@ -17,6 +12,11 @@
 #include <numeric>
 #include <string>
 #include <vector>
+
+#include "tests/support/live_pair.h"
+#include "tests/support/media_bytes.h"
+#include "tests/support/rtmp_client.h"
+#include "tests/support/server_process.h"
 
 namespace {
 

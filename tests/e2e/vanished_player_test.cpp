@@ -1,10 +1,4 @@
 // Players whose link is cut, so that nothing tells the server that they are gone.
-#include "tests/support/far_side.h"
-#include "tests/support/live_pair.h"
-#include "tests/support/rtmp_client.h"
-#include "tests/support/server_process.h"
-#include "tests/support/test_failure.h"
-
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <linux/sockios.h>
@@ -19,6 +13,12 @@
 #include <cerrno>
 #include <fstream>
 #include <string>
+
+#include "tests/support/far_side.h"
+#include "tests/support/live_pair.h"
+#include "tests/support/rtmp_client.h"
+#include "tests/support/server_process.h"
+#include "tests/support/test_failure.h"
 
 namespace {
 

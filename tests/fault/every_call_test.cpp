@@ -3,13 +3,6 @@
 // else is disturbed.
 //
 // A sweep shares its runs out among processes of its own, since a session mostly waits.
-#include "tests/fault/documented_outcome.h"
-#include "tests/fault/faulty_server.h"
-#include "tests/fault/scripted_session.h"
-#include "tests/fault/session_comparison.h"
-#include "tests/support/program_process.h"
-#include "tests/support/test_failure.h"
-
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -22,6 +15,13 @@
 #include <sstream>
 #include <string>
 #include <vector>
+
+#include "tests/fault/documented_outcome.h"
+#include "tests/fault/faulty_server.h"
+#include "tests/fault/scripted_session.h"
+#include "tests/fault/session_comparison.h"
+#include "tests/support/program_process.h"
+#include "tests/support/test_failure.h"
 
 namespace {
 

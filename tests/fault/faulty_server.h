@@ -3,13 +3,13 @@
 // A plan is what fault_injector.cpp reads from V9_FAULT. Each test process has one server at a time.
 #pragma once
 
-#include "tests/fault/fault_page.h"
-#include "tests/support/server_process.h"
-
 #include <map>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "tests/fault/fault_page.h"
+#include "tests/support/server_process.h"
 
 // The server's functions and where they are.
 class ServerSymbols {

@@ -1,14 +1,14 @@
 #include "tests/fault/scripted_session.h"
 
+#include <algorithm>
+#include <functional>
+#include <memory>
+
 #include "tests/support/amf_bytes.h"
 #include "tests/support/control_peer.h"
 #include "tests/support/media_bytes.h"
 #include "tests/support/rtmp_client.h"
 #include "tests/support/test_failure.h"
-
-#include <algorithm>
-#include <functional>
-#include <memory>
 
 namespace {
 

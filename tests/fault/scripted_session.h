@@ -7,14 +7,14 @@
 // takes longer than it may throws TestFailure.
 #pragma once
 
-#include "tests/support/server_process.h"
-
 #include <array>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
+
+#include "tests/support/server_process.h"
 
 // The clients, in the order in which they connect, which is also the order of their connections.
 constexpr std::size_t FIRST_PUBLISHER = 0;

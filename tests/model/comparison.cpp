@@ -1,5 +1,12 @@
 #include "tests/model/comparison.h"
 
+#include <algorithm>
+#include <cstring>
+#include <deque>
+#include <limits>
+#include <map>
+#include <string_view>
+
 #include "core/connection.h"
 #include "core/connection_table.h"
 #include "relay/stream_registry.h"
@@ -7,13 +14,6 @@
 #include "tests/support/queued_payload.h"
 #include "tests/support/silent_system.h"
 #include "tests/support/wire_bytes.h"
-
-#include <algorithm>
-#include <cstring>
-#include <deque>
-#include <limits>
-#include <map>
-#include <string_view>
 
 namespace {
 

@@ -5,11 +5,11 @@
 // actions name connections by the number of their join, and mean nothing when that one is gone.
 #pragma once
 
-#include "tests/model/reference_server.h"
-
 #include <cstdint>
 #include <string>
 #include <vector>
+
+#include "tests/model/reference_server.h"
 
 struct Action {
     enum class Kind { JOIN, RECEIVE, READER_ENDS, WRITER_ENDS, DROP, PASS };

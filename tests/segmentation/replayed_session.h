@@ -9,12 +9,12 @@
 // stream from the start, and a publisher whose metadata and sequence headers are there already.
 #pragma once
 
-#include "tests/segmentation/session.h"
-
 #include <cstddef>
 #include <map>
 #include <string>
 #include <vector>
+
+#include "tests/segmentation/session.h"
 
 // When the main loop and the writers have their turn.
 enum class MainLoop {

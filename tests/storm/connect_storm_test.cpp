@@ -1,10 +1,4 @@
 // More clients than there is room for, again and again.
-#include "tests/storm/accept_queue.h"
-#include "tests/storm/full_table.h"
-#include "tests/storm/storm_size.h"
-#include "tests/storm/visits.h"
-#include "tests/support/server_process.h"
-
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -12,6 +6,12 @@
 #include <iostream>
 #include <memory>
 #include <vector>
+
+#include "tests/storm/accept_queue.h"
+#include "tests/storm/full_table.h"
+#include "tests/storm/storm_size.h"
+#include "tests/storm/visits.h"
+#include "tests/support/server_process.h"
 
 namespace {
 

@@ -4,8 +4,6 @@
 // The connections that exist when the crowd comes are left alone.
 #pragma once
 
-#include "tests/storm/visits.h"
-
 #include <atomic>
 #include <map>
 #include <mutex>
@@ -13,6 +11,8 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include "tests/storm/visits.h"
 
 struct CrowdOptions {
     std::uint64_t seed = 0;

@@ -1,12 +1,4 @@
 // Thousands of connections that are dropped at every point of a session, by everybody who can.
-#include "tests/storm/accept_queue.h"
-#include "tests/storm/crowd.h"
-#include "tests/storm/full_table.h"
-#include "tests/storm/storm_size.h"
-#include "tests/storm/thread_places.h"
-#include "tests/support/live_pair.h"
-#include "tests/support/server_process.h"
-
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -16,6 +8,14 @@
 #include <map>
 #include <string>
 #include <thread>
+
+#include "tests/storm/accept_queue.h"
+#include "tests/storm/crowd.h"
+#include "tests/storm/full_table.h"
+#include "tests/storm/storm_size.h"
+#include "tests/storm/thread_places.h"
+#include "tests/support/live_pair.h"
+#include "tests/support/server_process.h"
 
 namespace {
 

@@ -1,11 +1,11 @@
 // A server's whole table in use: every slot has a client, and can carry media.
 #pragma once
 
-#include "tests/support/rtmp_client.h"
-#include "tests/support/server_process.h"
-
 #include <cstddef>
 #include <deque>
+
+#include "tests/support/rtmp_client.h"
+#include "tests/support/server_process.h"
 
 constexpr std::size_t SLOTS = 128;
 

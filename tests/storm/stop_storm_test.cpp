@@ -1,13 +1,4 @@
 // Stopping and killing a server while a crowd is at it, at moments that are drawn by lot.
-#include "tests/storm/accept_queue.h"
-#include "tests/storm/crowd.h"
-#include "tests/storm/full_table.h"
-#include "tests/storm/storm_size.h"
-#include "tests/support/control_peer.h"
-#include "tests/support/media_bytes.h"
-#include "tests/support/server_process.h"
-#include "tests/support/test_failure.h"
-
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -17,6 +8,15 @@
 #include <iostream>
 #include <memory>
 #include <thread>
+
+#include "tests/storm/accept_queue.h"
+#include "tests/storm/crowd.h"
+#include "tests/storm/full_table.h"
+#include "tests/storm/storm_size.h"
+#include "tests/support/control_peer.h"
+#include "tests/support/media_bytes.h"
+#include "tests/support/server_process.h"
+#include "tests/support/test_failure.h"
 
 namespace {
 

@@ -1,9 +1,5 @@
 #include "tests/storm/visits.h"
 
-#include "tests/storm/accept_queue.h"
-#include "tests/support/media_bytes.h"
-#include "tests/support/test_failure.h"
-
 #include <poll.h>
 #include <sys/socket.h>
 
@@ -13,6 +9,10 @@
 #include <optional>
 #include <set>
 #include <thread>
+
+#include "tests/storm/accept_queue.h"
+#include "tests/support/media_bytes.h"
+#include "tests/support/test_failure.h"
 
 namespace {
 

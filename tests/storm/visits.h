@@ -5,14 +5,14 @@
 // 2. Nothing here knows the server but through its sockets.
 #pragma once
 
-#include "tests/support/control_peer.h"
-#include "tests/support/rtmp_client.h"
-
 #include <cstdint>
 #include <deque>
 #include <random>
 #include <string>
 #include <vector>
+
+#include "tests/support/control_peer.h"
+#include "tests/support/rtmp_client.h"
 
 // The stream that is live beside the storm, for players of the storm; nobody of the storm publishes it.
 inline const std::string LIVE_STREAM = "live";

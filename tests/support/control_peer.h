@@ -5,15 +5,15 @@
 // Every wait has a deadline; what does not come throws TestFailure.
 #pragma once
 
-#include "tests/support/time_limits.h"
-#include "tests/support/wire_bytes.h"
-
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
+
+#include "tests/support/time_limits.h"
+#include "tests/support/wire_bytes.h"
 
 inline const std::string CONTROL_SOCKET_PATH = "/var/run/v9_rtmp_server.socket";
 

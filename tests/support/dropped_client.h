@@ -2,11 +2,11 @@
 // They neither publish nor play.
 #pragma once
 
-#include "tests/support/rtmp_client.h"
-#include "tests/support/server_process.h"
-
 #include <string>
 #include <vector>
+
+#include "tests/support/rtmp_client.h"
+#include "tests/support/server_process.h"
 
 // Sends a command behind the handshake. The lines from its arrival to the end of the connection.
 std::vector<std::string> lines_of_failure(const ServerProcess& server, const Bytes& payload);

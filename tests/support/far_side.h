@@ -2,9 +2,9 @@
 // cut off so that nothing tells either side.
 #pragma once
 
-#include "tests/support/rtmp_client.h"
-
 #include <string>
+
+#include "tests/support/rtmp_client.h"
 
 class FarSide {
   public:

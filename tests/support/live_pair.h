@@ -2,13 +2,13 @@
 // test does something else to the server. At the end it tells whether anybody was disturbed.
 #pragma once
 
-#include "tests/support/message_recorder.h"
-#include "tests/support/rtmp_client.h"
-
 #include <atomic>
 #include <cstdint>
 #include <string>
 #include <thread>
+
+#include "tests/support/message_recorder.h"
+#include "tests/support/rtmp_client.h"
 
 struct LiveOptions {
     std::string stream_name = "live";

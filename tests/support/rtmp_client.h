@@ -8,15 +8,15 @@
 // 3. Sending and reading share no state but the socket, so one thread may read while another sends.
 #pragma once
 
-#include "tests/support/amf_bytes.h"
-#include "tests/support/chunk_bytes.h"
-#include "tests/support/time_limits.h"
-
 #include <cstdint>
 #include <functional>
 #include <optional>
 #include <string>
 #include <vector>
+
+#include "tests/support/amf_bytes.h"
+#include "tests/support/chunk_bytes.h"
+#include "tests/support/time_limits.h"
 
 struct RtmpMessage {
     std::uint32_t csid = 0;

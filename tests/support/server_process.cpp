@@ -1,8 +1,5 @@
 #include "tests/support/server_process.h"
 
-#include "tests/support/program_process.h"
-#include "tests/support/test_failure.h"
-
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <linux/close_range.h>
@@ -17,6 +14,9 @@
 #include <cstdlib>
 #include <exception>
 #include <iostream>
+
+#include "tests/support/program_process.h"
+#include "tests/support/test_failure.h"
 
 namespace {
 

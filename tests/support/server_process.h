@@ -9,9 +9,6 @@
 //    that runs it).
 #pragma once
 
-#include "tests/support/captured_output.h"
-#include "tests/support/time_limits.h"
-
 #include <sys/types.h>
 
 #include <atomic>
@@ -20,6 +17,9 @@
 #include <thread>
 #include <utility>
 #include <vector>
+
+#include "tests/support/captured_output.h"
+#include "tests/support/time_limits.h"
 
 // The server's threads when it has no client (any more). ThreadSanitizer starts one of its own with the first
 // thread of the program.

@@ -5,10 +5,6 @@
 // starts. A program that still runs when its TerminalProgram goes is killed.
 #pragma once
 
-#include "tests/support/program_process.h"
-#include "tests/support/terminal_screen.h"
-#include "tests/support/time_limits.h"
-
 #include <sys/types.h>
 #include <termios.h>
 
@@ -20,6 +16,10 @@
 #include <string_view>
 #include <thread>
 #include <vector>
+
+#include "tests/support/program_process.h"
+#include "tests/support/terminal_screen.h"
+#include "tests/support/time_limits.h"
 
 constexpr std::size_t TERMINAL_ROWS = 24;
 constexpr std::size_t TERMINAL_COLUMNS = 80;

@@ -1,12 +1,12 @@
 #include "tests/support/timed_stream.h"
 
-#include "tests/support/media_bytes.h"
-#include "tests/support/test_failure.h"
-
 #include <algorithm>
 #include <functional>
 #include <future>
 #include <utility>
+
+#include "tests/support/media_bytes.h"
+#include "tests/support/test_failure.h"
 
 namespace {
 

@@ -2,10 +2,6 @@
 // goes on beside it.
 #pragma once
 
-#include "tests/support/message_recorder.h"
-#include "tests/support/rtmp_client.h"
-#include "tests/support/time_limits.h"
-
 #include <atomic>
 #include <cstddef>
 #include <exception>
@@ -13,6 +9,10 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include "tests/support/message_recorder.h"
+#include "tests/support/rtmp_client.h"
+#include "tests/support/time_limits.h"
 
 // Runs a loop body on a thread until it goes; what the body throws is kept for the test.
 class Background {
