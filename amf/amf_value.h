@@ -24,6 +24,7 @@ struct AMF_Value;
 // The marker byte of a value. May hold any number: if decoding refuses a marker without a name here, the
 // marker stays in `type`.
 enum class AMF_Type : std::uint32_t {
+    // NOLINTBEGIN(readability-identifier-naming): the names that AMF0 gives its types
     Number = 0x00,
     Boolean = 0x01,
     String = 0x02,
@@ -41,6 +42,7 @@ enum class AMF_Type : std::uint32_t {
     Recordset = 0x0E,
     XMLDocument = 0x0F,
     TypedObject = 0x10,
+    // NOLINTEND(readability-identifier-naming)
 };
 
 // The shortest string whose length does not fit in 16 bits.
