@@ -1,6 +1,6 @@
 #include "amf/amf_value.h"
 
-#include <type_traits>
+#include <type_traits>  // IWYU pragma: keep, for is_same_v
 
 // Destroys trees of any depth without recursion: pending blocks form a linked list through a field of their
 // own. A block is freed only after its values have given up their children.

@@ -1,11 +1,15 @@
 // The connect command: selects the application and describes the server.
+#include <cstdint>
 #include <string>
 
 #include "amf/amf_dump.h"
+#include "amf/amf_value.h"
+#include "app/command_args.h"
 #include "app/command_table.h"
 #include "app/random_number.h"
 #include "app/reply.h"
 #include "base/diag.h"
+#include "core/connection.h"
 
 namespace {
 

@@ -1,5 +1,10 @@
 // One pass of the main loop over one connection: a requested close, then its queued messages, then its
 // threads that have ended.
+#include <cstdint>
+#include <deque>
+
+#include "amf/amf_read.h"
+#include "amf/amf_value.h"
 #include "app/command_table.h"
 #include "app/metadata.h"
 #include "app/publisher_media.h"

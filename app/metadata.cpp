@@ -1,6 +1,8 @@
 #include "app/metadata.h"
 
 #include <cmath>
+#include <cstddef>
+#include <cstdint>
 #include <limits>
 #include <utility>
 
@@ -10,6 +12,7 @@
 #include "base/clock.h"
 #include "base/diag.h"
 #include "core/connection_table.h"
+#include "core/limits.h"
 #include "relay/stream_registry.h"
 #include "rtmp/message_types.h"
 

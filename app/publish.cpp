@@ -1,8 +1,14 @@
+#include <cstdint>
+
+#include "amf/amf_value.h"
+#include "app/command_args.h"
 #include "app/command_table.h"
 #include "app/refusal.h"
 #include "app/reply.h"
 #include "base/clock.h"
 #include "base/diag.h"
+#include "core/connection.h"
+#include "core/limits.h"
 #include "relay/stream_name.h"
 #include "relay/stream_registry.h"
 #include "relay/time_reset.h"

@@ -1,8 +1,11 @@
 #include "app/publisher_media.h"
 
+#include <cstddef>
+
 #include "base/clock.h"
 #include "base/diag.h"
 #include "core/connection_table.h"
+#include "core/limits.h"
 #include "core/switches.h"
 #include "relay/av_relay.h"
 #include "relay/stream_registry.h"

@@ -1,6 +1,9 @@
 // The commands releaseStream, FCPublish and FCUnpublish, which encoders send before and after publishing.
+#include "amf/amf_value.h"
+#include "app/command_args.h"
 #include "app/command_table.h"
 #include "app/reply.h"
+#include "core/connection.h"
 
 bool reply_result_only(RTMPConnection& conn, const RTMP_Packet& request, CommandArgs args) {
     AMF_Value transaction_id;

@@ -1,4 +1,5 @@
 // The client's end: connects, sends requests and waits for replies, each with a deadline.
+#include <comm_socket_v4.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -6,6 +7,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <exception>
 #include <span>
@@ -16,6 +18,7 @@
 #include "comm_socket/errors.h"
 #include "comm_socket/frame_buffer.h"
 #include "comm_socket/packet.h"
+#include "comm_socket/wire.h"
 
 struct comm_socket_v4_connection {
     explicit comm_socket_v4_connection(int connected_fd) : fd(connected_fd) {}

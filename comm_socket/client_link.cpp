@@ -1,5 +1,6 @@
 #include "comm_socket/client_link.h"
 
+#include <comm_socket_v4.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
@@ -7,11 +8,11 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <string_view>
 #include <utility>
 
 #include "comm_socket/clock.h"
 #include "comm_socket/errors.h"
-#include "comm_socket/include/comm_socket_v4.h"
 
 namespace comm_socket {
 

@@ -1,5 +1,7 @@
 #include "comm_socket/packet.h"
 
+#include <comm_socket_v4.h>
+
 #include <cerrno>
 #include <exception>
 #include <optional>

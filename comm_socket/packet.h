@@ -2,11 +2,13 @@
 // handed out, the list and counter it is registered with. Used by the thread that owns the packet.
 #pragma once
 
+#include <comm_socket_v4.h>
+
+#include <cstddef>
 #include <cstdint>
 #include <list>
 #include <memory>
 
-#include "comm_socket/include/comm_socket_v4.h"
 #include "comm_socket/wire.h"
 
 namespace comm_socket {

@@ -1,10 +1,14 @@
 // Prints a packet for people to read.
+#include <comm_socket_v4.h>
+
 #include <algorithm>
+#include <cstdio>
 #include <exception>
 #include <string>
 #include <string_view>
 
 #include "comm_socket/packet.h"
+#include "comm_socket/wire.h"
 
 namespace comm_socket {
 namespace {

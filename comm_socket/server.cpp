@@ -1,5 +1,5 @@
 // The server handle: the listening socket and its path, the clients, and the order of their turns.
-#include <fcntl.h>
+#include <comm_socket_v4.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <exception>
 #include <iterator>
@@ -21,6 +22,7 @@
 #include "comm_socket/clock.h"
 #include "comm_socket/errors.h"
 #include "comm_socket/packet.h"
+#include "comm_socket/wire.h"
 
 namespace {
 

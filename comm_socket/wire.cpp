@@ -1,8 +1,8 @@
 #include "comm_socket/wire.h"
 
-#include <cstring>
+#include <comm_socket_v4.h>
 
-#include "comm_socket/include/comm_socket_v4.h"
+#include <cstring>
 
 namespace comm_socket {
 

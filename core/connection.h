@@ -29,6 +29,7 @@
 #include <string>
 #include <vector>
 
+// IWYU pragma: begin_exports
 #include "base/thread_roles.h"
 #include "core/connection_mutex.h"
 #include "relay/media_track.h"
@@ -40,6 +41,7 @@
 #include "rtmp/outgoing_packet.h"
 #include "rtmp/read_ahead.h"
 #include "rtmp/rtmp_packet.h"
+// IWYU pragma: end_exports
 
 struct RelayedMessage;
 

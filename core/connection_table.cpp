@@ -1,7 +1,10 @@
 #include "core/connection_table.h"
 
+#include <pthread.h>
+
 #include <array>
 #include <memory>
+#include <utility>
 
 #include "base/check.h"
 #include "base/diag.h"

@@ -2,6 +2,9 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
 #include <utility>
 #include <vector>
 
@@ -16,6 +19,7 @@
 #include "relay/stream_registry.h"
 #include "rtmp/packet_dump.h"
 #include "rtmp/packet_queues.h"
+#include "rtmp/shared_payload.h"
 
 namespace {
 

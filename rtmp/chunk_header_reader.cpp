@@ -1,6 +1,8 @@
 #include "rtmp/chunk_header_reader.h"
 
 #include <array>
+#include <cstddef>
+#include <cstdint>
 
 #include "base/bytes.h"
 #include "base/diag.h"

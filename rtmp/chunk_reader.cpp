@@ -1,6 +1,8 @@
 // Reassembles messages from chunks. Messages are not interleaved: all chunks of a message after the first
 // must be format 3 continuations, whatever their chunk stream ids.
 #include <algorithm>
+#include <cstddef>
+#include <cstdint>
 
 #include "base/check.h"
 #include "base/diag.h"

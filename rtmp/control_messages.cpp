@@ -1,5 +1,7 @@
 #include "rtmp/control_messages.h"
 
+#include <atomic>
+#include <cstdint>
 #include <utility>
 
 #include "base/bytes.h"

@@ -1,6 +1,7 @@
 // What check finds, judged from what the system shows. Pure.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>

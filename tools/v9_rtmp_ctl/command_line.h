@@ -4,10 +4,13 @@
 // the server as it is, so options of the tool end there; a COMMAND that begins with '-' has a "--" before it.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "tools/v9_rtmp_ctl/commands.h"
+#include "tools/v9_rtmp_ctl/control_client.h"
+#include "tools/v9_rtmp_ctl/failure.h"
 
 enum class Subcommand {
     NONE,  // only something to print was asked for

@@ -1,6 +1,8 @@
 #include "tools/v9_rtmp_ctl/connection_events.h"
 
 #include <algorithm>
+#include <cstddef>
+#include <string_view>
 
 #include "tools/v9_rtmp_ctl/drop_rules.h"
 #include "tools/v9_rtmp_ctl/json_forms.h"

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "tools/v9_rtmp_ctl/connection_history.h"
+#include "tools/v9_rtmp_ctl/connections.h"
 
 enum class EventKind { CONNECT, PUBLISH, PLAY, TAKEOVER, GONE };
 

@@ -1,6 +1,7 @@
 #include "tools/v9_rtmp_ctl/connection_history.h"
 
 #include <algorithm>
+#include <iterator>
 #include <nlohmann/json.hpp>
 #include <utility>
 

@@ -13,6 +13,7 @@
 // a client nor what each one is sent when it joins makes a difference.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <map>

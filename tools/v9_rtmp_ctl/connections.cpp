@@ -1,6 +1,7 @@
 #include "tools/v9_rtmp_ctl/connections.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <tuple>
 
 #include "tools/v9_rtmp_ctl/parse_number.h"

@@ -4,7 +4,6 @@
 // slot, same address, same stream, counters that have not gone back.
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>

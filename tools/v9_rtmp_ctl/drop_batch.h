@@ -5,12 +5,15 @@
 // the server usually carries out at once, and both listings have to agree.
 #pragma once
 
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "tools/v9_rtmp_ctl/connections.h"
 #include "tools/v9_rtmp_ctl/control_client.h"
 #include "tools/v9_rtmp_ctl/drop_rules.h"
+#include "tools/v9_rtmp_ctl/failure.h"
 
 struct DropOutcome {
     unsigned id = 0;

@@ -1,11 +1,16 @@
 // drop stream and drop unnamed, and what they share with drop address.
 #include "tools/v9_rtmp_ctl/drop_by_selection.h"
 
+#include <comm_socket_v4.h>
+
 #include <algorithm>
+#include <optional>
 #include <set>
 
 #include "tools/v9_rtmp_ctl/drop_output.h"
 #include "tools/v9_rtmp_ctl/drop_rules.h"
+#include "tools/v9_rtmp_ctl/json_forms.h"
+#include "tools/v9_rtmp_ctl/selection.h"
 #include "tools/v9_rtmp_ctl/tables.h"
 #include "tools/v9_rtmp_ctl/text.h"
 

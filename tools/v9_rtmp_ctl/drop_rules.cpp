@@ -1,5 +1,9 @@
 #include "tools/v9_rtmp_ctl/drop_rules.h"
 
+#include <comm_socket_v4.h>
+
+#include <cstddef>
+
 #include "tools/v9_rtmp_ctl/parse_number.h"
 #include "tools/v9_rtmp_ctl/text.h"
 

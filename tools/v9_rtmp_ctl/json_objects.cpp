@@ -1,6 +1,7 @@
 #include "tools/v9_rtmp_ctl/json_objects.h"
 
 #include <cmath>
+#include <cstddef>
 
 namespace {
 

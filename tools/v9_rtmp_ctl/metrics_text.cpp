@@ -3,11 +3,12 @@
 #include <algorithm>
 #include <array>
 #include <charconv>
-#include <set>
+#include <map>
 #include <utility>
 
 #include "tools/v9_rtmp_ctl/stream_health.h"
 #include "tools/v9_rtmp_ctl/time_units.h"
+#include "tools/v9_rtmp_ctl/watchdog_rules.h"
 
 namespace {
 

@@ -1,6 +1,7 @@
 // The rates of each stream over the last minutes, for plots. Pure.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <map>

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "tools/v9_rtmp_ctl/connection_history.h"
+#include "tools/v9_rtmp_ctl/connections.h"
 
 // Without media for so long, a client stands still.
 constexpr std::uint64_t STILL_AFTER_US = 5000000;

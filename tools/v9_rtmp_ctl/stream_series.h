@@ -12,6 +12,7 @@
 //    OTHER_STREAMS stays there.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <string>

@@ -1,7 +1,13 @@
 #include "tools/v9_rtmp_ctl/watch_frame.h"
 
 #include <algorithm>
+#include <cstddef>
+#include <optional>
+#include <string_view>
 
+#include "tools/v9_rtmp_ctl/connections.h"
+#include "tools/v9_rtmp_ctl/stream_summary.h"
+#include "tools/v9_rtmp_ctl/table.h"
 #include "tools/v9_rtmp_ctl/tables.h"
 #include "tools/v9_rtmp_ctl/text.h"
 #include "tools/v9_rtmp_ctl/watch_text.h"

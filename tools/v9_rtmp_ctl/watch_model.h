@@ -6,6 +6,7 @@
 //   VIEW --'d', a row selected--> DROP_CONFIRM
 #pragma once
 
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <vector>
@@ -16,6 +17,7 @@
 #include "tools/v9_rtmp_ctl/selection.h"
 #include "tools/v9_rtmp_ctl/stream_summary.h"
 #include "tools/v9_rtmp_ctl/tables.h"
+#include "tools/v9_rtmp_ctl/text.h"
 
 enum class WatchMode { VIEW, FILTER, HELP, DROP_ID, DROP_CONFIRM };
 enum class WatchView { BOTH, STREAMS, CONNECTIONS };

@@ -1,9 +1,14 @@
 #include "tools/v9_rtmp_ctl/watch_observer.h"
 
+#include <comm_socket_v4.h>
+
 #include <algorithm>
 #include <array>
 #include <ctime>
+#include <utility>
 
+#include "tools/v9_rtmp_ctl/drop_batch.h"
+#include "tools/v9_rtmp_ctl/drop_rules.h"
 #include "tools/v9_rtmp_ctl/text.h"
 
 namespace {

@@ -7,12 +7,16 @@
 // A failure leads to [idle] from everywhere. What came is in the model then.
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "tools/v9_rtmp_ctl/commands.h"
-#include "tools/v9_rtmp_ctl/drop_batch.h"
+#include "tools/v9_rtmp_ctl/connections.h"
+#include "tools/v9_rtmp_ctl/control_client.h"
+#include "tools/v9_rtmp_ctl/failure.h"
 #include "tools/v9_rtmp_ctl/watch_model.h"
 
 // Takes a listing or its failure in, with the time of day.

@@ -2,8 +2,12 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdint>
+#include <optional>
 
-#include "tools/v9_rtmp_ctl/drop_rules.h"
+#include "tools/v9_rtmp_ctl/connections.h"
+#include "tools/v9_rtmp_ctl/failure.h"
+#include "tools/v9_rtmp_ctl/stream_summary.h"
 #include "tools/v9_rtmp_ctl/text.h"
 
 namespace {

@@ -1,7 +1,13 @@
 #include "tools/v9_rtmp_ctl/watchdog_options.h"
 
+#include <CLI/CLI.hpp>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+
 #include "tools/v9_rtmp_ctl/option_checks.h"
 #include "tools/v9_rtmp_ctl/parse_number.h"
+#include "tools/v9_rtmp_ctl/selection.h"
 #include "tools/v9_rtmp_ctl/text.h"
 #include "tools/v9_rtmp_ctl/time_units.h"
 

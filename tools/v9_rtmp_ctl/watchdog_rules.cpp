@@ -1,6 +1,7 @@
 #include "tools/v9_rtmp_ctl/watchdog_rules.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "tools/v9_rtmp_ctl/stream_health.h"
 #include "tools/v9_rtmp_ctl/time_units.h"

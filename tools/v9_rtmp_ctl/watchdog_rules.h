@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "tools/v9_rtmp_ctl/connection_history.h"
+#include "tools/v9_rtmp_ctl/connections.h"
 #include "tools/v9_rtmp_ctl/selection.h"
 
 enum class DropRule { LONG_NAME, ORIGIN, UNNAMED, CONTESTED, SILENT, STALLED, BEHIND, AGE };

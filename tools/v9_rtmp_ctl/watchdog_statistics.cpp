@@ -1,6 +1,7 @@
 #include "tools/v9_rtmp_ctl/watchdog_statistics.h"
 
 #include <nlohmann/json.hpp>
+#include <utility>
 
 #include "tools/v9_rtmp_ctl/time_units.h"
 

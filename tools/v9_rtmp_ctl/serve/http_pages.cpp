@@ -7,7 +7,9 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdio>
 #include <stdexcept>
+#include <string_view>
 #include <utility>
 
 #include "tools/v9_rtmp_ctl/listen_address.h"

@@ -2,14 +2,26 @@
 
 #include <algorithm>
 #include <cmath>
-#include <functional>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <optional>
+#include <utility>
 
+#include "tools/v9_rtmp_ctl/connection_history.h"
+#include "tools/v9_rtmp_ctl/connections.h"
 #include "tools/v9_rtmp_ctl/json_objects.h"
+#include "tools/v9_rtmp_ctl/process_info.h"
+#include "tools/v9_rtmp_ctl/rate_history.h"
 #include "tools/v9_rtmp_ctl/serve/http_rules.h"
 #include "tools/v9_rtmp_ctl/stream_health.h"
+#include "tools/v9_rtmp_ctl/stream_series.h"
 #include "tools/v9_rtmp_ctl/stream_summary.h"
 #include "tools/v9_rtmp_ctl/text.h"
 #include "tools/v9_rtmp_ctl/time_units.h"
+#include "tools/v9_rtmp_ctl/watchdog_rules.h"
+#include "tools/v9_rtmp_ctl/watchdog_statistics.h"
 
 namespace {
 
