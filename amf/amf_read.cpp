@@ -39,18 +39,17 @@ bool read_count(OpenObject& object, const unsigned char*& s, const unsigned char
 
 bool store_member(OpenObject& object, std::string&& key, AMF_Value&& value) {
     if (object.counted && object.read == object.count) {
-        diag("AMF0 error ECMA array too long vs count\n");
-        return false;
+        return refuse("AMF0 error ECMA array too long vs count\n");
     }
     ++object.read;
     object.value.members.store(std::move(key), std::move(value));
     return true;
 }
 
-bool is_complete(const OpenObject& object) {
+// Returns false after printing one line if fewer members were read than announced.
+bool check_count(const OpenObject& object) {
     if (object.counted && object.count > object.read) {
-        diag("AMF0 error ECMA array too short vs count\n");
-        return false;
+        return refuse("AMF0 error ECMA array too short vs count\n");
     }
     return true;
 }
@@ -85,17 +84,17 @@ bool read_payload(AMF_Value& v, const unsigned char*& s, const unsigned char* sf
     return false;  // A peer may send any byte as the marker.
 }
 
-// Closes the innermost object and moves it into the enclosing one. The outermost object stays open.
-bool close_object(std::deque<OpenObject>& open) {
-    if (!is_complete(open.back())) {
+// Ends the innermost object: checks its count and moves it into the enclosing one, if there is one.
+bool end_object(std::deque<OpenObject>& open) {
+    if (!check_count(open.back())) {
         return false;
     }
     if (open.size() == 1) {
         return true;
     }
-    OpenObject done = std::move(open.back());
+    OpenObject member = std::move(open.back());
     open.pop_back();
-    return store_member(open.back(), std::move(done.key), std::move(done.value));
+    return store_member(open.back(), std::move(member.key), std::move(member.value));
 }
 
 // Reads one member of the innermost object. A member that is itself an object is only opened. The end marker
@@ -130,7 +129,7 @@ bool read_members(std::deque<OpenObject>& open, const unsigned char*& s, const u
         }
         if (ended) {
             const bool outermost = open.size() == 1;
-            if (!close_object(open)) {
+            if (!end_object(open)) {
                 return false;
             }
             if (outermost) {

@@ -1,6 +1,6 @@
 #include "amf/amf_value.h"
 
-#include <type_traits>
+#include <type_traits>  // IWYU pragma: keep, for is_same_v
 
 // Destroys trees of any depth without recursion: pending blocks form a linked list through a field of their
 // own. A block is freed only after its values have given up their children.
@@ -165,8 +165,8 @@ AMF_Value& AMF_Value::operator=(AMF_Value&& other) noexcept {
     boolean = taken.boolean;
     number = taken.number;
     string.swap(taken.string);
-    members = std::move(taken.members);
-    elements = std::move(taken.elements);
+    members.swap(taken.members);
+    elements.swap(taken.elements);
     return *this;
 }
 

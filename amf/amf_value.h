@@ -24,6 +24,7 @@ struct AMF_Value;
 // The marker byte of a value. May hold any number: if decoding refuses a marker without a name here, the
 // marker stays in `type`.
 enum class AMF_Type : std::uint32_t {
+    // NOLINTBEGIN(readability-identifier-naming): the names that AMF0 gives its types
     Number = 0x00,
     Boolean = 0x01,
     String = 0x02,
@@ -41,6 +42,7 @@ enum class AMF_Type : std::uint32_t {
     Recordset = 0x0E,
     XMLDocument = 0x0F,
     TypedObject = 0x10,
+    // NOLINTEND(readability-identifier-naming)
 };
 
 // The shortest string whose length does not fit in 16 bits.
@@ -53,11 +55,6 @@ class AMF_Children {
   public:
     constexpr AMF_Children() = default;
     AMF_Children(AMF_Children&& other) noexcept : block(std::exchange(other.block, nullptr)) {}
-    // Swaps the contents: what the target held is destroyed together with other.
-    AMF_Children& operator=(AMF_Children&& other) noexcept {
-        std::swap(block, other.block);
-        return *this;
-    }
     AMF_Children(const AMF_Children&) = delete;
     AMF_Children& operator=(const AMF_Children&) = delete;
     ~AMF_Children() { clear(); }
@@ -71,6 +68,8 @@ class AMF_Children {
     [[nodiscard]] auto end() const {
         return block == nullptr ? typename Container::const_iterator{} : block->items.cend();
     }
+
+    void swap(AMF_Children& other) noexcept { std::swap(block, other.block); }
 
     // Destroys everything below this value, at any depth.
     void clear() noexcept;

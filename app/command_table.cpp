@@ -14,8 +14,7 @@ bool ignore_command(RTMPConnection& /*conn*/, const RTMP_Packet& /*request*/, Co
 
 // The client has finished, so the connection is dropped.
 bool handle_delete_stream(RTMPConnection& /*conn*/, const RTMP_Packet& /*request*/, CommandArgs /*args*/) {
-    diag("deleteStream, drop connection\n");
-    return false;
+    return refuse("deleteStream, drop connection\n");
 }
 
 struct Command {
@@ -27,12 +26,12 @@ constexpr std::array<Command, 9> COMMANDS{{
     {"connect", handle_connect},
     {"play", handle_play},
     {"getStreamLength", ignore_command},
-    {"releaseStream", handle_acknowledge},
-    {"FCPublish", handle_acknowledge},
+    {"releaseStream", reply_result_only},
+    {"FCPublish", reply_result_only},
     {"createStream", handle_create_stream},
     {"publish", handle_publish},
     {"deleteStream", handle_delete_stream},
-    {"FCUnpublish", handle_acknowledge},
+    {"FCUnpublish", reply_result_only},
 }};
 
 }  // namespace
@@ -44,6 +43,5 @@ bool run_command(RTMPConnection& conn, const RTMP_Packet& request, const std::st
             return command.handler(conn, request, args);
         }
     }
-    diag("Unknown command '%s'\n", name.c_str());
-    return false;
+    return refuse("Unknown command '%s'\n", name.c_str());
 }

@@ -28,7 +28,7 @@ using CommandHandler = bool (*)(RTMPConnection& conn, const RTMP_Packet& request
 // --- play.cpp
 [[nodiscard]] bool handle_play(RTMPConnection& conn, const RTMP_Packet& request, CommandArgs args)
     REQUIRES(conn.mutex, MAIN_THREAD);
-// --- acknowledge.cpp
+// --- release_stream.cpp
 // Handles releaseStream, FCPublish and FCUnpublish: replies with "_result" and does nothing else.
-[[nodiscard]] bool handle_acknowledge(RTMPConnection& conn, const RTMP_Packet& request, CommandArgs args)
+[[nodiscard]] bool reply_result_only(RTMPConnection& conn, const RTMP_Packet& request, CommandArgs args)
     REQUIRES(conn.mutex, MAIN_THREAD);

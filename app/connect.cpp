@@ -1,15 +1,17 @@
 // The connect command: selects the application and describes the server.
+#include <cstdint>
 #include <string>
 
 #include "amf/amf_dump.h"
+#include "amf/amf_value.h"
+#include "app/command_args.h"
 #include "app/command_table.h"
 #include "app/random_number.h"
 #include "app/reply.h"
 #include "base/diag.h"
+#include "core/connection.h"
 
 namespace {
-
-constexpr const char* DUMP_INDENT = "\t";
 
 // connect is the first command of a session, so its transaction id is 1.
 bool is_first_transaction(const AMF_Value& transaction_id) {
@@ -67,8 +69,7 @@ bool handle_connect(RTMPConnection& conn, const RTMP_Packet& request, CommandArg
     const std::string name = requested_application(command_object);
     // The two names are treated alike from here on.
     if (name != "ombrex-live" && name != "ombrex-output") {
-        diag("rejected app %s\n", name.c_str());
-        return false;
+        return refuse("rejected app %s\n", name.c_str());
     }
     diag("accepted app %s\n", name.c_str());
     conn.app_name = name;

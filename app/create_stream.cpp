@@ -1,7 +1,12 @@
+#include <cstdint>
+
+#include "amf/amf_value.h"
+#include "app/command_args.h"
 #include "app/command_table.h"
 #include "app/random_number.h"
 #include "app/reply.h"
 #include "base/diag.h"
+#include "core/connection.h"
 
 namespace {
 

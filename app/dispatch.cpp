@@ -1,5 +1,10 @@
 // One pass of the main loop over one connection: a requested close, then its queued messages, then its
 // threads that have ended.
+#include <cstdint>
+#include <deque>
+
+#include "amf/amf_read.h"
+#include "amf/amf_value.h"
 #include "app/command_table.h"
 #include "app/metadata.h"
 #include "app/publisher_media.h"
@@ -43,26 +48,26 @@ bool holds_large_values(const RTMP_Packet& pkt) {
            pkt.chunk.message.data_length >= LARGE_VALUES_BYTES;
 }
 
-// Handles the message at the front of the queue. The message stays there meanwhile.
-MediaResult handle_message(RTMPConnection& conn, RTMP_Packet& pkt) REQUIRES(conn.mutex, MAIN_THREAD) {
+// Handles the message at the front of the queue, where it stays meanwhile. Returns false if it is held back.
+bool handle_message(RTMPConnection& conn, RTMP_Packet& pkt) REQUIRES(conn.mutex, MAIN_THREAD) {
     switch (pkt.chunk.message_type_id) {
         case MESSAGE_AMF0_COMMAND:
             if (!run_command_message(conn, pkt)) {
                 diag("AMF0 error command\n");
                 conn.close_requested = true;
             }
-            return MediaResult::DONE;
+            return true;
         case MESSAGE_AMF0_DATA:
             if (!handle_data_message(conn, pkt)) {
                 diag("AMF0 error notify\n");
                 conn.close_requested = true;
             }
-            return MediaResult::DONE;
+            return true;
         case MESSAGE_AUDIO:
         case MESSAGE_VIDEO:
-            return handle_media(conn, pkt);
+            return handle_media(conn, pkt) == MediaResult::DONE;
         default:
-            return MediaResult::DONE;
+            return true;
     }
 }
 
@@ -76,7 +81,7 @@ bool dispatch_front_message(RTMPConnection& conn) ON_MAIN_THREAD {
     }
     std::deque<RTMP_Packet>& connection_in = conn.connection_in;
     RTMP_Packet& in_pkt = connection_in.front();
-    if (handle_message(conn, in_pkt) == MediaResult::HELD) {
+    if (!handle_message(conn, in_pkt)) {
         return false;
     }
     if (holds_large_values(in_pkt)) {

@@ -1,6 +1,8 @@
 #include "app/metadata.h"
 
 #include <cmath>
+#include <cstddef>
+#include <cstdint>
 #include <limits>
 #include <utility>
 
@@ -10,6 +12,7 @@
 #include "base/clock.h"
 #include "base/diag.h"
 #include "core/connection_table.h"
+#include "core/limits.h"
 #include "relay/stream_registry.h"
 #include "rtmp/message_types.h"
 
@@ -31,7 +34,6 @@ Integer read_integer(const AMF_Value& value, Integer unknown) {
     return fits ? static_cast<Integer>(rounded) : unknown;
 }
 
-constexpr const char* DUMP_INDENT = "\t";
 constexpr std::uint32_t METADATA_CHUNK_STREAM_ID = 9;
 
 StreamMetadata kept_metadata(const AMF_Value& value) ON_MAIN_THREAD {

@@ -2,6 +2,7 @@
 // format. Main thread.
 #pragma once
 
+#include "amf/amf_value.h"
 #include "core/connection.h"
 
 // Handles an AMF0 data message. Returns false if it is malformed; the connection is then dropped.

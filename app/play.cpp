@@ -1,10 +1,16 @@
+#include <cstddef>
+
+#include "amf/amf_value.h"
+#include "app/command_args.h"
 #include "app/command_table.h"
 #include "app/metadata.h"
 #include "app/refusal.h"
 #include "app/reply.h"
 #include "base/clock.h"
 #include "base/diag.h"
+#include "core/connection.h"
 #include "core/connection_table.h"
+#include "core/limits.h"
 #include "relay/stream_name.h"
 #include "relay/stream_registry.h"
 

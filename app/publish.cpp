@@ -1,8 +1,14 @@
+#include <cstdint>
+
+#include "amf/amf_value.h"
+#include "app/command_args.h"
 #include "app/command_table.h"
 #include "app/refusal.h"
 #include "app/reply.h"
 #include "base/clock.h"
 #include "base/diag.h"
+#include "core/connection.h"
+#include "core/limits.h"
 #include "relay/stream_name.h"
 #include "relay/stream_registry.h"
 #include "relay/time_reset.h"
@@ -24,8 +30,8 @@ bool handle_publish(RTMPConnection& conn, const RTMP_Packet& request, CommandArg
         return false;
     }
     if (publishing_type.string != "live") {
-        diag("publish command must indicate 'live' type, not '%s'\n", publishing_type.string.c_str());
-        return false;
+        return refuse("publish command must indicate 'live' type, not '%s'\n",
+                      publishing_type.string.c_str());
     }
     if (conn.app_name.empty()) {
         return refuse("publish rejected, app mode rejected\n");

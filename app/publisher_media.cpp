@@ -1,8 +1,11 @@
 #include "app/publisher_media.h"
 
+#include <cstddef>
+
 #include "base/clock.h"
 #include "base/diag.h"
 #include "core/connection_table.h"
+#include "core/limits.h"
 #include "core/switches.h"
 #include "relay/av_relay.h"
 #include "relay/stream_registry.h"
@@ -11,7 +14,6 @@
 namespace {
 
 constexpr std::uint64_t STALL_US = 2500000;
-constexpr std::uint64_t US_PER_MS = 1000;
 
 // Some encoders ignore the id from createStream and use message stream 1. Their id is adopted once.
 void adopt_stream_id(RTMPConnection& conn, std::uint32_t message_stream_id) ON_MAIN_THREAD {
@@ -35,19 +37,18 @@ void note_media(RTMPConnection& conn, std::uint32_t timestamp, std::uint64_t now
     conn.stall_deadline_us = now_us + STALL_US;
 }
 
-// Drops the stream's publisher if it has stalled. Returns whether it was dropped.
-bool displace_stalled_publisher(const RTMPConnection& conn, std::size_t publisher_idx,
-                                std::uint64_t now_us) ON_MAIN_THREAD {
+// Returns the publisher in a slot if it has stalled, otherwise null.
+RTMPConnection* find_stalled_publisher(std::size_t publisher_idx, std::uint64_t now_us) ON_MAIN_THREAD {
     RTMPConnection* const publisher = get_connection(publisher_idx);
-    if (publisher == nullptr || publisher->stream_mode != "publish" ||
-        publisher->stall_deadline_us > now_us) {
-        return false;
-    }
+    const bool has_stalled =
+        publisher != nullptr && publisher->stream_mode == "publish" && publisher->stall_deadline_us <= now_us;
+    return has_stalled ? publisher : nullptr;
+}
+
+void drop_stalled_publisher(RTMPConnection& publisher) ON_MAIN_THREAD {
     diag("Existing RTMP publisher for stream stalled, taking over as publisher\n");
-    publisher->stall_deadline_us = 0;
-    publisher->close_requested = true;
-    stream_unsubscribe_for_play(conn.stream_name, conn.conn_idx);
-    return true;
+    publisher.stall_deadline_us = 0;
+    publisher.close_requested = true;
 }
 
 // Makes the connection the publisher of its stream if there is none or the current one has stalled.
@@ -55,9 +56,15 @@ void claim_stream(const RTMPConnection& conn, StreamRecord& record, std::uint64_
     if (record.publisher == conn.conn_idx) {
         return;
     }
-    if (record.publisher == NO_CONNECTION || displace_stalled_publisher(conn, record.publisher, now_us)) {
-        set_publisher(record, conn.conn_idx);
+    if (record.publisher != NO_CONNECTION) {
+        RTMPConnection* const stalled = find_stalled_publisher(record.publisher, now_us);
+        if (stalled == nullptr) {
+            return;
+        }
+        drop_stalled_publisher(*stalled);
+        stream_unsubscribe_for_play(conn.stream_name, conn.conn_idx);
     }
+    set_publisher(record, conn.conn_idx);
 }
 
 }  // namespace

@@ -1,6 +1,8 @@
 // Handles a publisher's audio and video: stream id, pacing and takeover, then the relay. Main thread.
 #pragma once
 
+#include <cstdint>
+
 #include "core/connection.h"
 
 // Pacing: media is relayed no faster than real time, counted from the first media message examined. Returns

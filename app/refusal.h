@@ -1,8 +1,5 @@
-// Refuses a command: prints one line to standard error; the connection is then dropped.
+// A refusal that two commands share.
 #pragma once
 
-// Prints a complete line. Always returns false.
-[[nodiscard]] bool refuse(const char* text);
-
-// Refuses a stream name. intended: publish prints the same line as play.
+// Refuses a stream name: prints one line and returns false. intended: publish prints the same line as play.
 [[nodiscard]] bool refuse_stream_name();

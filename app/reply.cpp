@@ -1,6 +1,7 @@
 #include "app/reply.h"
 
 #include <array>
+#include <cstdint>
 #include <cstring>
 #include <utility>
 

@@ -1,6 +1,7 @@
 // Encodes the server's replies: AMF0 values into a message payload. Main thread.
 #pragma once
 
+#include <cstddef>
 #include <initializer_list>
 
 #include "amf/amf_value.h"

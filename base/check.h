@@ -4,7 +4,7 @@
 // is false, the process prints
 //     v9_rtmp_server: <function>: Assertion '<expression>' failed.
 // on standard error and aborts. The text of an expression is an interface: operators and tests search for it.
-// Some expressions keep an unusual spelling for that reason.
+// Expressions therefore keep odd spellings (a cast, NULL, missing spaces); never tidy one up.
 #pragma once
 
 [[noreturn]] void check_failed(const char* expression, const char* function);

@@ -3,6 +3,8 @@
 
 #include <cstdint>
 
+constexpr std::uint64_t US_PER_MS = 1000;
+
 // Returns the microseconds since an arbitrary start. Never decreases, and does not follow changes of the wall
 // clock. Any thread. Unit tests replace this function with a clock of their own.
 std::uint64_t monotonic_clock_us();

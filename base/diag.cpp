@@ -48,6 +48,14 @@ void diag(const char* format, ...) {
     va_end(args);
 }
 
+bool refuse(const char* format, ...) {
+    std::va_list args;
+    va_start(args, format);
+    write_formatted(STDERR_FILENO, format, args);
+    va_end(args);
+    return false;
+}
+
 void diag_block(std::string_view text) {
     write_all(STDERR_FILENO, text);
 }

@@ -1,5 +1,5 @@
-// The frames of one stream: when each is due, and what it is. Pictures come at a steady rate with a key frame at
-// regular distances; AAC-like audio comes 43 times a second.
+// The frames of one stream: when each is due, and what it is. Pictures come at a steady rate with a key frame
+// at regular distances; AAC-like audio comes 43 times a second.
 #pragma once
 
 #include <cstddef>

@@ -1,4 +1,5 @@
-// How late messages were: counts in steps of half a millisecond, so that any number of them takes the same room.
+// How late messages were: counts in steps of half a millisecond, so that any number of them takes the
+// same room.
 #pragma once
 
 #include <cstddef>

@@ -12,8 +12,8 @@
 
 namespace {
 
-// Basic header of one byte and an 11-byte message header: the only form in which a message of a server begins when its
-// chunk stream id is below 64, as those of the load's publishers are.
+// Basic header of one byte and an 11-byte message header: the only form in which a message of a server begins
+// when its chunk stream id is below 64, as those of the load's publishers are.
 constexpr std::size_t FIRST_HEADER_BYTES = 12;
 constexpr std::size_t EXTENDED_TIMESTAMP_BYTES = 4;
 constexpr std::size_t TIMESTAMP_OFFSET = 1;

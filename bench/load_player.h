@@ -1,6 +1,6 @@
-// A player of a load generator: cheap enough for a hundred of them on one thread, strict enough that nothing which is
-// lost, damaged or out of its place goes unnoticed. It takes chunks apart as they come and keeps no more of a message
-// than is needed to check it.
+// A player of a load generator: cheap enough for a hundred of them on one thread, strict enough that nothing
+// which is lost, damaged or out of its place goes unnoticed. It takes chunks apart as they come and keeps no
+// more of a message than is needed to check it.
 #pragma once
 
 #include <cstddef>
@@ -18,7 +18,8 @@
 struct FrameTally {
     std::uint64_t bytes = 0;
     std::uint64_t frames = 0;
-    // Frames of gaps that have not come. Below zero in a tally that begins between a gap and the frame that fills it.
+    // Frames of gaps that have not come. Below zero in a tally that begins between a gap and the frame that
+    // fills it.
     std::int64_t lost = 0;
     std::uint64_t doubled = 0;
     std::uint64_t swapped = 0;  // came after a later frame of the stream
@@ -36,8 +37,9 @@ enum class Measure { LATENESS, LOSS_ONLY };
 
 class LoadPlayer {
   public:
-    // Asks for the chunk size, unless it is the one to begin with, and for the stream; reads nothing yet. Everything
-    // that the client gets is read by this class. begun_us, by now_us(), is when the client began to connect.
+    // Asks for the chunk size, unless it is the one to begin with, and for the stream; reads nothing yet.
+    // Everything that the client gets is read by this class. begun_us, by now_us(), is when the client began
+    // to connect.
     LoadPlayer(RtmpClient handshaken_client, std::string_view stream_name, std::uint32_t chunk_bytes,
                std::uint64_t begun_us = now_us());
 
@@ -69,8 +71,8 @@ class LoadPlayer {
     std::uint32_t wanted_chunk;
     int replies = 0;
 
-    // Of the message that is being read. A header is complete, and a chunk's payload awaited, when nothing of the
-    // header is missing.
+    // Of the message that is being read. A header is complete, and a chunk's payload awaited, when nothing of
+    // the header is missing.
     std::string header;        // of its first chunk
     std::string continuation;  // of a later one
     std::size_t header_missing;

@@ -1,5 +1,5 @@
-// Publishers that send stamped audio and video in real time, all on one thread: metadata and decoder settings first,
-// then the frames of a schedule.
+// Publishers that send stamped audio and video in real time, all on one thread: metadata and decoder settings
+// first, then the frames of a schedule.
 #pragma once
 
 #include <atomic>
@@ -41,8 +41,8 @@ class Publishers {
     bool have_failed() const { return failed; }
     // Frames of each stream so far.
     std::vector<std::uint32_t> sent() const;
-    // By how much the machine woke this thread up too late since the last call, at worst: its own share of what makes
-    // frames late.
+    // By how much the machine woke this thread up too late since the last call, at worst: its own share of
+    // what makes frames late.
     double take_worst_oversleep_ms();
     // How long after its time a frame was sent since the last call, at worst.
     double take_worst_delay_ms();

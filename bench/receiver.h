@@ -1,5 +1,5 @@
-// One thread that reads for everybody: the players, whose frames it checks, and the publishers, whose answers it
-// throws away, since a client that never reads is another test. The rest may be called from any thread.
+// One thread that reads for everybody: the players, whose frames it checks, and the publishers, whose answers
+// it throws away, since a client that never reads is another test. The rest may be called from any thread.
 #pragma once
 
 #include <atomic>
@@ -28,7 +28,8 @@ class Receiver {
 
     // The server must not close this player's connection.
     Id add(LoadPlayer player, std::size_t stream_idx, Measure measure = Measure::LATENESS);
-    // Closes the player's connection; the number of the frame that it would have received next, if it has any.
+    // Closes the player's connection; the number of the frame that it would have received next, if it
+    // has any.
     std::optional<std::uint32_t> remove(Id id, Leave leave = Leave::CLOSE);
     // The descriptor must stay open as long as this object, and the server must not close it.
     void drain(int fd, const std::string& whose);

@@ -1,15 +1,14 @@
-// A long and busy day of the real server, in namespaces of its own: publishers and players whose every frame is
-// checked, and beside them clients that come and go, stall, take over, are dropped and send garbage. Writes what it
-// measures once a second to DIR/samples.csv, what is known at the end to DIR/totals.json and the server's messages to
-// DIR/server.log; soak_report.py judges them. scripts/soak does all of it.
+// A long and busy day of the real server, in namespaces of its own: publishers and players whose every frame
+// is checked, and beside them clients that come and go, stall, take over, are dropped and send garbage.
+// Writes what it measures once a second to DIR/samples.csv, what is known at the end to DIR/totals.json and
+// the server's messages to DIR/server.log; soak_report.py judges them. scripts/soak does all of it.
+#include <CLI/CLI.hpp>
 #include <csignal>
 #include <cstdio>
 #include <memory>
 #include <optional>
 #include <string>
 #include <vector>
-
-#include <CLI/CLI.hpp>
 
 #include "bench/publishers.h"
 #include "bench/soak/actor.h"
@@ -69,8 +68,8 @@ bool settles(Condition condition) {
     return holds_within(SETTLE_WAIT, condition, SETTLE_POLL);
 }
 
-// What the server holds when one client has come and gone: some of it is created with the first, such as the thread
-// that a sanitizer has of its own.
+// What the server holds when one client has come and gone: some of it is created with the first, such as the
+// thread that a sanitizer has of its own.
 Holdings holdings_at_rest(const ServerProcess& server) {
     const std::size_t descriptors = server.fd_count();
     (void)connected_client().round_trip();

@@ -1,13 +1,13 @@
-// Audio and video frames that prove at the other end that they are whole, which one of the stream they are, and how
-// long they have been on their way: tag as in the FLV format, stamp, filling, CRC-32 of all of it.
+// Audio and video frames that prove at the other end that they are whole, which one of the stream they are,
+// and how long they have been on their way: tag as in the FLV format, stamp, filling, CRC-32 of all of it.
 #pragma once
-
-#include "tests/support/wire_bytes.h"
 
 #include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string_view>
+
+#include "tests/support/wire_bytes.h"
 
 struct FrameStamp {
     std::uint32_t sequence = 0;  // counts audio and video of a stream together

@@ -1,4 +1,5 @@
 // The client's end: connects, sends requests and waits for replies, each with a deadline.
+#include <comm_socket_v4.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -6,6 +7,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <exception>
 #include <span>
@@ -13,8 +15,10 @@
 #include <utility>
 
 #include "comm_socket/clock.h"
+#include "comm_socket/errors.h"
 #include "comm_socket/frame_buffer.h"
 #include "comm_socket/packet.h"
+#include "comm_socket/wire.h"
 
 struct comm_socket_v4_connection {
     explicit comm_socket_v4_connection(int connected_fd) : fd(connected_fd) {}
@@ -51,10 +55,6 @@ class Patience {
     std::uint64_t total_deadline_us;
     std::uint64_t silence_deadline_us;
 };
-
-bool would_block(int error) {
-    return error == EAGAIN || error == EWOULDBLOCK;
-}
 
 // Returns OK if the socket may be ready, or TIMEOUT.
 comm_socket_v4_error wait_for(int fd, short events, std::uint64_t deadline_us) {
@@ -99,7 +99,7 @@ comm_socket_v4_error connect_until(int fd, const sockaddr_un& address, std::uint
         if (errno == EINTR) {
             continue;
         }
-        if (!would_block(errno)) {
+        if (!comm_socket::would_block(errno)) {
             return connect_error(errno);
         }
         // The server's backlog is full. No event reports room in it, so try again a little later.
@@ -124,7 +124,7 @@ comm_socket_v4_error send_all(comm_socket_v4_connection* connection, const std::
         if (n >= 0) {
             sent += static_cast<std::size_t>(n);
             patience->restart_silence();
-        } else if (would_block(errno)) {
+        } else if (comm_socket::would_block(errno)) {
             const comm_socket_v4_error error = wait_for(connection->fd, POLLOUT, patience->deadline_us());
             if (error != COMM_SOCKET_V4_OK) {
                 connection->failure = COMM_SOCKET_V4_CLOSED;  // part of a frame was sent: nothing can follow
@@ -152,7 +152,7 @@ comm_socket_v4_error receive_some(comm_socket_v4_connection* connection, std::ui
         const bool is_between_frames = connection->input.size() == 0;
         return fail(connection, is_between_frames ? COMM_SOCKET_V4_CLOSED : COMM_SOCKET_V4_BROKEN_FRAME);
     }
-    if (would_block(errno)) {
+    if (comm_socket::would_block(errno)) {
         return wait_for(connection->fd, POLLIN, deadline_us);
     }
     if (errno == EINTR) {

@@ -1,5 +1,6 @@
 #include "comm_socket/client_link.h"
 
+#include <comm_socket_v4.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
@@ -7,10 +8,11 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <string_view>
 #include <utility>
 
 #include "comm_socket/clock.h"
-#include "comm_socket/include/comm_socket_v4.h"
+#include "comm_socket/errors.h"
 
 namespace comm_socket {
 
@@ -27,10 +29,6 @@ constexpr std::size_t PIECES_PER_WRITE = 64;
 bool peer_is_gone(int fd) {
     pollfd entry = {fd, 0, 0};
     return poll(&entry, 1, 0) > 0 && (entry.revents & (POLLHUP | POLLERR | POLLNVAL)) != 0;
-}
-
-bool would_block(int error) {
-    return error == EAGAIN || error == EWOULDBLOCK;
 }
 
 }  // namespace

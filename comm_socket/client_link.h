@@ -15,6 +15,7 @@
 #include <deque>
 
 #include "comm_socket/frame_buffer.h"
+#include "comm_socket/wire.h"
 
 namespace comm_socket {
 

@@ -1,5 +1,7 @@
 #include "comm_socket/packet.h"
 
+#include <comm_socket_v4.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <exception>
@@ -8,6 +10,8 @@
 #include <string>
 #include <string_view>
 #include <utility>
+
+#include "comm_socket/errors.h"
 
 namespace comm_socket {
 
@@ -32,11 +36,6 @@ FrameHead head_of(const comm_socket_v4_packet* packet) {
 }
 
 namespace {
-
-int refuse(int error) {
-    errno = error;
-    return -1;
-}
 
 // Returns 0 if the packet is being written and has room for added bytes, otherwise an errno. The sum cannot
 // overflow, because is_too_long refuses strings above the limit.

@@ -2,13 +2,15 @@
 // handed out, the list and counter it is registered with. Used by the thread that owns the packet.
 #pragma once
 
+#include <comm_socket_v4.h>
+
+#include <cstddef>
 #include <cstdint>
 #include <list>
 #include <map>
 #include <memory>
 #include <string>
 
-#include "comm_socket/include/comm_socket_v4.h"
 #include "comm_socket/wire.h"
 
 namespace comm_socket {

@@ -1,11 +1,15 @@
 // Prints a packet for people to read.
+#include <comm_socket_v4.h>
+
 #include <algorithm>
+#include <cstdio>
 #include <exception>
 #include <new>
 #include <string>
 #include <string_view>
 
 #include "comm_socket/packet.h"
+#include "comm_socket/wire.h"
 
 namespace comm_socket {
 namespace {

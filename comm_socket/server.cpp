@@ -1,5 +1,5 @@
 // The server handle: the listening socket and its path, the clients, and the order of their turns.
-#include <fcntl.h>
+#include <comm_socket_v4.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <exception>
 #include <iterator>
@@ -19,7 +20,9 @@
 
 #include "comm_socket/client_link.h"
 #include "comm_socket/clock.h"
+#include "comm_socket/errors.h"
 #include "comm_socket/packet.h"
+#include "comm_socket/wire.h"
 
 namespace {
 
@@ -30,11 +33,6 @@ constexpr std::size_t READ_BYTES_PER_IDLE = 8388608;   // all clients together
 constexpr std::size_t WRITE_BYTES_PER_IDLE = 8388608;  // all clients together
 
 using ClientList = std::list<comm_socket_v4_client>;
-
-int refuse(int error) {
-    errno = error;
-    return -1;
-}
 
 }  // namespace
 
@@ -124,7 +122,7 @@ int listen_at(const sockaddr_un& address, struct stat* identity) {
         unlink(address.sun_path);
     }
     close(fd);
-    return refuse(error);
+    return comm_socket::refuse(error);
 }
 
 // Moves disconnected clients from clients to left. Call before counting room for new clients.
@@ -352,16 +350,16 @@ comm_socket_v4* comm_socket_v4_create(void) {
 
 int comm_socket_v4_create_server(comm_socket_v4* server, const char* path) {
     if (server == nullptr || path == nullptr || *path == '\0') {
-        return refuse(EINVAL);
+        return comm_socket::refuse(EINVAL);
     }
     if (server->listen_fd >= 0) {
-        return refuse(EALREADY);
+        return comm_socket::refuse(EALREADY);
     }
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     const std::size_t length = std::strlen(path);
     if (length >= sizeof address.sun_path) {
-        return refuse(ENAMETOOLONG);
+        return comm_socket::refuse(ENAMETOOLONG);
     }
     std::memcpy(address.sun_path, path, length);
     try {
@@ -376,7 +374,7 @@ int comm_socket_v4_create_server(comm_socket_v4* server, const char* path) {
         server->device = identity.st_dev;
         server->inode = identity.st_ino;
     } catch (const std::exception&) {
-        return refuse(ENOMEM);
+        return comm_socket::refuse(ENOMEM);
     }
     return 0;
 }
@@ -405,10 +403,10 @@ int comm_socket_v4_is_open(const comm_socket_v4* server) {
 
 int comm_socket_v4_idle(comm_socket_v4* server) {
     if (server == nullptr) {
-        return refuse(EINVAL);
+        return comm_socket::refuse(EINVAL);
     }
     if (server->listen_fd < 0) {
-        return refuse(EBADF);
+        return comm_socket::refuse(EBADF);
     }
     server->handed_out = 0;
     if (server->has_served_connected) {
@@ -428,7 +426,7 @@ int comm_socket_v4_idle(comm_socket_v4* server) {
     const int error = errno;
     move_disconnected_to_left(server);
     discard_surplus_requests(server);
-    return result == 0 ? 0 : refuse(error);
+    return result == 0 ? 0 : comm_socket::refuse(error);
 }
 
 void comm_socket_v4_flush(comm_socket_v4* server, uint64_t deadline_us) {
@@ -525,15 +523,15 @@ comm_socket_v4_packet* comm_socket_v4_server_get_packet(comm_socket_v4* server,
 int comm_socket_v4_packet_send_to_client(comm_socket_v4_client* client, const comm_socket_v4_packet* packet) {
     if (client == nullptr || packet == nullptr ||
         packet->content->state != comm_socket::PacketState::COMPLETE) {
-        return refuse(EINVAL);
+        return comm_socket::refuse(EINVAL);
     }
     comm_socket::ClientLink& link = client->link;
     if (link.send_error() != 0) {
-        return refuse(link.send_error());
+        return comm_socket::refuse(link.send_error());
     }
     const comm_socket::FrameHead head = comm_socket::head_of(packet);
     if (!comm_socket::within_limits(head, *packet->content->text, comm_socket::REPLY_LIMITS)) {
-        return refuse(EINVAL);
+        return comm_socket::refuse(EINVAL);
     }
     if (!link.can_queue()) {
         return 0;
@@ -541,9 +539,9 @@ int comm_socket_v4_packet_send_to_client(comm_socket_v4_client* client, const co
     try {
         link.queue(comm_socket::OutgoingFrame(head, packet->content->text));
     } catch (const std::exception&) {
-        return refuse(ENOMEM);
+        return comm_socket::refuse(ENOMEM);
     }
-    return link.send_error() == 0 ? 1 : refuse(link.send_error());
+    return link.send_error() == 0 ? 1 : comm_socket::refuse(link.send_error());
 }
 
 void comm_socket_v4_wait_for_server_to_client_writeable(comm_socket_v4_client* client, uint64_t deadline_us) {

@@ -1,9 +1,9 @@
 #include "comm_socket/wire.h"
 
+#include <comm_socket_v4.h>
+
 #include <array>
 #include <cstring>
-
-#include "comm_socket/include/comm_socket_v4.h"
 
 namespace comm_socket {
 
@@ -113,8 +113,8 @@ void put_bytes(unsigned char*& d, std::string_view bytes) {
 using ValueParts = std::array<std::string_view, 3>;
 using SharedParts = std::vector<SharedPart>;
 
-// Returns the value of the pair at idx. *shared is the first shared part that no earlier pair has; advances it
-// if it belongs to this pair.
+// Returns the value of the pair at idx. *shared is the first shared part that no earlier pair has; advances
+// it if it belongs to this pair.
 ValueParts next_value(const FrameText& text, std::size_t idx, SharedParts::const_iterator* shared) {
     const std::string_view own = text.pairs[idx].second;
     if (*shared == text.shared_parts.end() || (*shared)->pair_idx != idx) {

@@ -1,5 +1,7 @@
 #include "control/connection_line.h"
 
+#include <atomic>
+
 namespace {
 
 std::string video_size(const StreamFormat& format) {

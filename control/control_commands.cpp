@@ -1,5 +1,7 @@
 #include "control/control_commands.h"
 
+#include <comm_socket_v4.h>
+
 #include <array>
 #include <cstdint>
 #include <cstdio>

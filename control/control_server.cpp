@@ -25,12 +25,10 @@ std::uint64_t comm_next_service_us GUARDED_BY(MAIN_THREAD) = 0;
 // Returns false after printing one line if the socket has failed.
 bool socket_is_usable() ON_MAIN_THREAD {
     if (comm_socket_v4_is_open(comm_server) == 0) {
-        diag("Lost server socket\n");
-        return false;
+        return refuse("Lost server socket\n");
     }
     if (comm_socket_v4_idle(comm_server) != 0) {
-        diag("Idle failed: %s", std::strerror(errno));  // intended: no line end
-        return false;
+        return refuse("Idle failed: %s", std::strerror(errno));  // intended: no line end
     }
     return true;
 }
@@ -62,13 +60,11 @@ void answer(comm_socket_v4_client* client, const comm_socket_v4_packet* request)
 bool start_control_server() {
     comm_server = comm_socket_v4_create();
     if (comm_server == nullptr) {
-        diag("Failed to create comm socket\n");
-        return false;
+        return refuse("Failed to create comm socket\n");
     }
     if (comm_socket_v4_create_server(comm_server, SOCKET_PATH) != 0) {
-        diag("Failed to create server socket\n");
         stop_control_server();
-        return false;
+        return refuse("Failed to create server socket\n");
     }
     return true;
 }

@@ -43,8 +43,7 @@ bool RTMPConnection::ok() {
     {
         const ConnectionLock lock(*this);
         if (!lock.held()) {
-            diag("Lock fail\n");
-            return false;
+            return refuse("Lock fail\n");
         }
         messages_waiting = !connection_in.empty();
     }

@@ -29,6 +29,7 @@
 #include <string>
 #include <vector>
 
+// IWYU pragma: begin_exports
 #include "base/shared_text.h"
 #include "base/thread_roles.h"
 #include "core/connection_mutex.h"
@@ -41,6 +42,7 @@
 #include "rtmp/outgoing_packet.h"
 #include "rtmp/read_ahead.h"
 #include "rtmp/rtmp_packet.h"
+// IWYU pragma: end_exports
 
 struct RelayedMessage;
 
@@ -89,9 +91,9 @@ class RTMPConnection {
     bool closed GUARDED_BY(MAIN_THREAD) = false;   // both threads have been stopped; for the debugger
 
     // --- main thread, app: what the client has requested
-    std::string app_name GUARDED_BY(MAIN_THREAD);     // accepted by connect; play and publish require it
-    std::string stream_mode GUARDED_BY(MAIN_THREAD);  // "publish", "play" or empty; set once
-    SharedText stream_name GUARDED_BY(MAIN_THREAD);  // shared with the listings that are being sent
+    std::string app_name GUARDED_BY(MAIN_THREAD);         // accepted by connect; play and publish require it
+    std::string stream_mode GUARDED_BY(MAIN_THREAD);      // "publish", "play" or empty; set once
+    SharedText stream_name GUARDED_BY(MAIN_THREAD);       // shared with the listings that are being sent
     std::uint32_t client_id GUARDED_BY(MAIN_THREAD) = 0;  // sent in the reply to connect
     std::uint32_t stream_id GUARDED_BY(MAIN_THREAD) = 0;  // message stream id assigned by createStream
     // set by createStream; cleared when media arrives on another id

@@ -1,8 +1,12 @@
+#include <pthread.h>
 #include <unistd.h>
+
+#include <atomic>
 
 #include "base/check.h"
 #include "base/diag.h"
 #include "core/connection.h"
+#include "core/limits.h"
 #include "relay/stream_registry.h"
 
 namespace {

@@ -1,7 +1,10 @@
 #include "core/connection_table.h"
 
+#include <pthread.h>
+
 #include <array>
 #include <memory>
+#include <utility>
 
 #include "base/check.h"
 #include "base/diag.h"
@@ -39,8 +42,7 @@ bool find_free_slot() ON_MAIN_THREAD {
 
 bool start_thread(pthread_t& thread, void* (*entry)(void*), RTMPConnection& conn) {
     if (pthread_create(&thread, nullptr, entry, &conn) != 0) {
-        diag("WARNING: Failure to create thread\n");
-        return false;
+        return refuse("WARNING: Failure to create thread\n");
     }
     return true;
 }

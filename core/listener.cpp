@@ -32,12 +32,18 @@ bool enable_option(int option) ON_MAIN_THREAD {
     return setsockopt(listen_fd, SOL_SOCKET, option, &on, sizeof on) == 0;
 }
 
-bool give_up_listener(const char* text) ON_MAIN_THREAD {
-    diag("%s", text);
-    close(listen_fd);
-    listen_fd = -1;
-    free_all_connections();
-    return false;
+bool bind_and_listen() ON_MAIN_THREAD {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_ANY);
+    address.sin_port = htons(RTMP_PORT);
+    if (bind(listen_fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+        return refuse("Cannot bind socket\n");
+    }
+    if (listen(listen_fd, LISTEN_BACKLOG) != 0) {
+        return refuse("Cannot listen\n");
+    }
+    return true;
 }
 
 // Ignores errors: the socket works without the option.
@@ -68,15 +74,9 @@ bool open_listener() {
     if (!enable_option(SO_REUSEPORT)) {
         diag("WARNING: IPTV out cannot set SO_REUSEPORT\n");
     }
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_ANY);
-    address.sin_port = htons(RTMP_PORT);
-    if (bind(listen_fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
-        return give_up_listener("Cannot bind socket\n");
-    }
-    if (listen(listen_fd, LISTEN_BACKLOG) != 0) {
-        return give_up_listener("Cannot listen\n");
+    if (!bind_and_listen()) {
+        server_shutdown();
+        return false;
     }
     return true;
 }

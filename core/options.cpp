@@ -34,8 +34,7 @@ bool apply_switch(std::string_view name) {
             return true;
         }
     }
-    diag("Unhandled switch %s\n", name.data());
-    return false;
+    return refuse("Unhandled switch %s\n", name.data());
 }
 
 }  // namespace
@@ -44,8 +43,7 @@ bool parse_options(int argc, const char* const* argv) {
     for (int i = 1; i < argc; ++i) {
         std::string_view name = argv[i];
         if (!name.starts_with('-')) {
-            diag("Unhandled arg '%s'\n", argv[i]);
-            return false;
+            return refuse("Unhandled arg '%s'\n", argv[i]);
         }
         // Any number of dashes is accepted: -x, --x and ---x are the same switch.
         while (name.starts_with('-')) {

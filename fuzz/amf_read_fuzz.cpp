@@ -8,6 +8,9 @@
 
 // Refusals are the rule here, and are not worth a line each.
 void diag(const char*, ...) {}
+bool refuse(const char*, ...) {
+    return false;
+}
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const unsigned char* s = data;

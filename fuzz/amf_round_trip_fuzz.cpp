@@ -11,6 +11,9 @@
 
 // Refusals are the rule here, and are not worth a line each.
 void diag(const char*, ...) {}
+bool refuse(const char*, ...) {
+    return false;
+}
 
 namespace {
 

@@ -1,7 +1,7 @@
-// What a client sends after a good handshake, through the reader thread's own loop on one end of a socket pair.
-// A reader of the target's own says which messages these bytes are, where they are refused, and which
-// acknowledgements and echoes they are answered with. The main thread takes messages only when the reader waits
-// for it.
+// What a client sends after a good handshake, through the reader thread's own loop on one end of a socket
+// pair. A reader of the target's own says which messages these bytes are, where they are refused, and which
+// acknowledgements and echoes they are answered with. The main thread takes messages only when the reader
+// waits for it.
 //
 //   input: options | the client's bytes
 #include <sys/socket.h>

@@ -1,7 +1,8 @@
 // Messages through the real chunk writer into a socket that takes a few bytes at a time. A reader of the
 // target's own must find the same messages in what was sent, and so must the server's reader.
 //
-//   input: options | for each message: what, layout | chunk stream | timestamp | length | type | message stream
+//   input: options | for each message: what, layout | chunk stream | timestamp | length | type
+//          | message stream
 #include <sys/socket.h>
 #include <sys/uio.h>
 #include <unistd.h>

@@ -1,5 +1,5 @@
-// The handshake with a client that sends anything, in pieces of any size, and takes only so many bytes: what is
-// answered, what is refused and what is said about it must follow from the bytes.
+// The handshake with a client that sends anything, in pieces of any size, and takes only so many bytes: what
+// is answered, what is refused and what is said about it must follow from the bytes.
 //
 //   input: how the bytes are cut | how many are taken | the client's bytes
 #include <sys/socket.h>

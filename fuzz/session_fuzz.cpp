@@ -1,6 +1,6 @@
-// Whole sessions: a list of what clients and operators do, against the real server from the accepted socket to
-// the sent chunk, in one thread and on a clock of its own. After every pass of the main loop the table, the
-// registry and the queues must fit together.
+// Whole sessions: a list of what clients and operators do, against the real server from the accepted socket
+// to the sent chunk, in one thread and on a clock of its own. After every pass of the main loop the table,
+// the registry and the queues must fit together.
 //
 //   input: options | actions: what and when | whose | arguments
 #include <comm_socket_v4.h>
@@ -358,7 +358,8 @@ bool is_publisher_in_force(const RTMPConnection& conn) {
            find_or_insert_stream(conn.stream_name).publisher == conn.conn_idx;
 }
 
-// Whoever loses a stream to another connection is dropped for it. Nobody has it once its record was disposed of.
+// Whoever loses a stream to another connection is dropped for it. Nobody has it once its record was
+// disposed of.
 void check_takeover(const RTMPConnection& conn, const Watched& watch) {
     if (watch.publisher_in_force && !is_publisher_in_force(conn)) {
         CHECK(conn.close_requested || find_or_insert_stream(conn.stream_name).publisher == NO_CONNECTION);

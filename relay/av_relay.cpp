@@ -2,6 +2,9 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
 #include <utility>
 #include <vector>
 
@@ -16,6 +19,7 @@
 #include "relay/stream_registry.h"
 #include "rtmp/packet_dump.h"
 #include "rtmp/packet_queues.h"
+#include "rtmp/shared_payload.h"
 
 namespace {
 
@@ -35,8 +39,7 @@ bool lock_codec(RTMPConnection& publisher, const MediaKind& kind, const RTMP_Pac
             diag(audio ? "Lock on audio type %d\n" : "Lock on video type %d\n", lock_type);
             return true;
         case CodecLock::FORMAT_CHANGED:
-            diag("%s", kind.format_change_text);
-            return false;
+            return refuse("%s", kind.format_change_text);
     }
     CHECK(false);
     return false;
@@ -59,9 +62,8 @@ bool agree_with_publisher(RTMPConnection& player, const RTMPConnection& publishe
     if (agree_on_codec((player.*kind.track).lock_type, (publisher.*kind.track).lock_type)) {
         return true;
     }
-    diag("%s", kind.codec_changed_text);
     player.close_requested = true;
-    return false;
+    return refuse("%s", kind.codec_changed_text);
 }
 
 // Returns the output chunk size that most of the players use. Never below the default, because each chunk
@@ -121,12 +123,10 @@ bool RTMPConnection::relay_from_publisher(const RelayedMessage& message, RTMPCon
 
 bool relay_published_packet(RTMPConnection& publisher, const RTMP_Packet& pkt, StreamRecord& record) {
     if (publisher.stream_mode != "publish") {
-        diag("A/V packet when stream mode is '%s' not allowed\n", publisher.stream_mode.c_str());
-        return false;
+        return refuse("A/V packet when stream mode is '%s' not allowed\n", publisher.stream_mode.c_str());
     }
     if (publisher.stream_name.empty()) {
-        diag("A/V packet without a stream name\n");
-        return false;
+        return refuse("A/V packet without a stream name\n");
     }
     RelayedMessage message(pkt);
     if (message.kind != nullptr) {

@@ -1,6 +1,8 @@
 // Sends saved sequence headers to players that joined after the publisher sent them. Main thread.
 #pragma once
 
+#include <cstdint>
+
 #include "core/connection.h"
 #include "relay/relayed_message.h"
 

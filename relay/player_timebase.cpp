@@ -1,10 +1,11 @@
 #include "relay/player_timebase.h"
 
+#include "base/clock.h"
+
 namespace {
 
 constexpr std::uint32_t BACKWARD_JUMP_MS = 5000;
 constexpr std::uint32_t RESET_GAP_MS = 250;
-constexpr std::uint64_t US_PER_MS = 1000;
 
 }  // namespace
 

@@ -2,16 +2,16 @@
 
 namespace {
 
-// Records a first value. Returns true if told already holds another one.
+// Records the first known value; later known values must equal it. Returns false if this one does not.
 template <typename Integer>
-bool differs_or_record(Integer& told, Integer value) {
+bool agree_on_field(Integer& told, Integer value) {
     if (value < 1) {
-        return false;
+        return true;
     }
     if (told < 1) {
         told = value;
     }
-    return told != value;
+    return told == value;
 }
 
 }  // namespace
@@ -32,16 +32,16 @@ void update_format(StreamFormat& format, const StreamFormat& update) {
 }
 
 FormatChange tell_format(StreamFormat& told, const StreamFormat& format) {
-    if (differs_or_record(told.video_width, format.video_width)) {
+    if (!agree_on_field(told.video_width, format.video_width)) {
         return FormatChange::WIDTH;
     }
-    if (differs_or_record(told.video_height, format.video_height)) {
+    if (!agree_on_field(told.video_height, format.video_height)) {
         return FormatChange::HEIGHT;
     }
-    if (differs_or_record(told.audio_codec_id, format.audio_codec_id)) {
+    if (!agree_on_field(told.audio_codec_id, format.audio_codec_id)) {
         return FormatChange::AUDIO_CODEC;
     }
-    if (differs_or_record(told.video_codec_id, format.video_codec_id)) {
+    if (!agree_on_field(told.video_codec_id, format.video_codec_id)) {
         return FormatChange::VIDEO_CODEC;
     }
     return FormatChange::NONE;

@@ -1,6 +1,8 @@
 #include "rtmp/chunk_header_reader.h"
 
 #include <array>
+#include <cstddef>
+#include <cstdint>
 
 #include "base/bytes.h"
 #include "base/diag.h"
@@ -50,17 +52,15 @@ bool read_basic_header(RTMPConnection& conn, RTMP_Packet::chunk_t& chunk) {
     return true;
 }
 
-bool resolve_chunk_header(RTMPConnection& conn, RTMP_Packet& pkt, bool first) {
+bool resolve_chunk_header(RTMPConnection& conn, RTMP_Packet& pkt, ChunkPosition position) {
     if (conn.chunk_streams.size() >= MAX_CHUNK_STREAMS) {
-        diag("RTMP: Too many streams\n");
-        return false;
+        return refuse("RTMP: Too many streams\n");
     }
-    if (first) {
+    if (position == ChunkPosition::FIRST) {
         return read_first_header(conn, pkt.chunk);
     }
     if (pkt.chunk.fmt != CONTINUATION_FMT) {
-        diag("fmt=%u and not first packet!\n", unsigned{pkt.chunk.fmt});
-        return false;
+        return refuse("fmt=%u and not first packet!\n", unsigned{pkt.chunk.fmt});
     }
     return true;
 }

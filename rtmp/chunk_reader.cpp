@@ -1,6 +1,8 @@
 // Reassembles messages from chunks. Messages are not interleaved: all chunks of a message after the first
 // must be format 3 continuations, whatever their chunk stream ids.
 #include <algorithm>
+#include <cstddef>
+#include <cstdint>
 
 #include "base/check.h"
 #include "base/diag.h"
@@ -13,15 +15,15 @@
 namespace {
 
 bool read_continuation_header(RTMPConnection& conn, const RTMP_Packet& pkt,
-                              std::size_t done) ON_READER_THREAD {
+                              std::size_t complete_bytes) ON_READER_THREAD {
     RTMP_Packet next;
-    if (!read_basic_header(conn, next.chunk) || !resolve_chunk_header(conn, next, false)) {
+    if (!read_basic_header(conn, next.chunk) || !resolve_chunk_header(conn, next, ChunkPosition::FURTHER)) {
         return false;
     }
     if (next.chunk.fmt != CONTINUATION_FMT) {
         // resolve_chunk_header has already refused this; the test guards against changes there.
         diag("RTMP packet error: Chunk not finished, expected type 3. %u / %u complete\n",
-             static_cast<unsigned>(done), pkt.chunk.message.data_length);
+             static_cast<unsigned>(complete_bytes), pkt.chunk.message.data_length);
         diag("Initial:\n");
         dump_packet(pkt);
         diag("Last:\n");
@@ -32,7 +34,8 @@ bool read_continuation_header(RTMPConnection& conn, const RTMP_Packet& pkt,
     return true;
 }
 
-// Reads the next chunk; toread bytes remain. Returns the bytes read, or 0 if the client closes first.
+// Reads the next chunk; toread bytes of the message remain. Returns the length of the chunk, or 0 if the
+// client closes first.
 std::size_t read_chunk(RTMPConnection& conn, const RTMP_Packet& pkt, std::size_t toread) ON_READER_THREAD {
     const RTMP_Packet::chunk_t::message_t& message = pkt.chunk.message;
     unsigned char* const dp = message.data + (pkt.chunk.message_length - toread);
@@ -52,11 +55,11 @@ bool read_payload(RTMPConnection& conn, const RTMP_Packet& pkt) ON_READER_THREAD
     CHECK(pkt.chunk.message.data_length >= toread);
     CHECK(conn_g_client.chunk_size != uint32_t(0));
     for (;;) {
-        const std::size_t done = read_chunk(conn, pkt, toread);
-        if (done == 0) {
+        const std::size_t chunk_bytes = read_chunk(conn, pkt, toread);
+        if (chunk_bytes == 0) {
             return false;
         }
-        toread -= done;
+        toread -= chunk_bytes;
         if (toread == 0) {
             return true;
         }
@@ -75,7 +78,7 @@ bool refuse_payload(const RTMP_Packet& pkt) {
 }  // namespace
 
 bool RTMPConnection::rtmp_read_packet(RTMP_Packet& pkt) {
-    if (!read_basic_header(*this, pkt.chunk) || !resolve_chunk_header(*this, pkt, true)) {
+    if (!read_basic_header(*this, pkt.chunk) || !resolve_chunk_header(*this, pkt, ChunkPosition::FIRST)) {
         return false;
     }
     if (pkt.chunk.message.data != nullptr) {

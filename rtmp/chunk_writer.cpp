@@ -10,6 +10,9 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
 
 #include "base/bytes.h"
 #include "base/check.h"
@@ -17,6 +20,7 @@
 #include "rtmp/chunk_format.h"
 #include "rtmp/packet_dump.h"
 #include "rtmp/packet_queues.h"
+#include "rtmp/shared_payload.h"
 
 namespace {
 

@@ -1,5 +1,7 @@
 #include "rtmp/control_messages.h"
 
+#include <atomic>
+#include <cstdint>
 #include <utility>
 
 #include "base/bytes.h"
@@ -19,8 +21,7 @@ bool read_chunk_size(const RTMP_Packet::chunk_t::message_t& message, std::uint32
     }
     chunk_size = read_be32(message.data);
     if (chunk_size - 1 >= MAX_CHUNK_SIZE) {
-        diag("RTMP: New chunk size %lu rejected\n", static_cast<unsigned long>(chunk_size));
-        return false;
+        return refuse("RTMP: New chunk size %lu rejected\n", static_cast<unsigned long>(chunk_size));
     }
     return true;
 }
@@ -31,8 +32,7 @@ bool read_chunk_size(const RTMP_Packet::chunk_t::message_t& message, std::uint32
 bool accept_chunk_size(RTMPConnection& conn, const RTMP_Packet& pkt) ON_READER_THREAD {
     std::uint32_t chunk_size = 0;
     if (!read_chunk_size(pkt.chunk.message, chunk_size)) {
-        diag("Chunk size rejected\n");
-        return false;
+        return refuse("Chunk size rejected\n");
     }
     diag("RTMP: New chunk size %lu accepted\n", static_cast<unsigned long>(chunk_size));
     conn.conn_g_client.chunk_size = chunk_size;
@@ -62,9 +62,8 @@ bool act_on_control_message(RTMPConnection& conn, const RTMP_Packet& pkt) {
         return true;
     }
     if (pkt.chunk.stream_id < CONTROL_CHUNK_STREAM_ID) {
-        diag("RTMP: control stream unexpected chunk stream ID %lu\n",
-             static_cast<unsigned long>(pkt.chunk.stream_id));
-        return false;
+        return refuse("RTMP: control stream unexpected chunk stream ID %lu\n",
+                      static_cast<unsigned long>(pkt.chunk.stream_id));
     }
     switch (pkt.chunk.message_type_id) {
         case MESSAGE_SET_CHUNK_SIZE:
@@ -76,9 +75,8 @@ bool act_on_control_message(RTMPConnection& conn, const RTMP_Packet& pkt) {
             accept_window_ack_size(conn, pkt.chunk.message);
             return true;
         default:
-            diag("RTMP: unexpected control stream message type 0x%02x\n",
-                 unsigned{pkt.chunk.message_type_id});
-            return false;
+            return refuse("RTMP: unexpected control stream message type 0x%02x\n",
+                          unsigned{pkt.chunk.message_type_id});
     }
 }
 

@@ -38,36 +38,31 @@ bool echoes(const HandshakeBlock& c2, const HandshakeBlock& s1) {
                0;
 }
 
-bool fail(const char* text) {
-    diag("%s", text);
-    return false;
-}
-
 }  // namespace
 
 bool RTMPConnection::handshake() {
     unsigned char version = 0;
     if (!read_whole(*this, &version, 1) || version != RTMP_VERSION) {
-        return fail("C0 fail\n");
+        return refuse("C0 fail\n");
     }
     if (!write_whole(*this, &version, 1)) {
-        return fail("S0 fail\n");
+        return refuse("S0 fail\n");
     }
     HandshakeBlock from_client;
     if (!read_whole(*this, from_client.data(), BLOCK_BYTES)) {
-        return fail("C1 fail\n");
+        return refuse("C1 fail\n");
     }
     HandshakeBlock s1{};
     fill_random(s1);
     if (!write_whole(*this, s1.data(), BLOCK_BYTES)) {
-        return fail("S1 fail\n");
+        return refuse("S1 fail\n");
     }
     std::memset(from_client.data() + TIME_BYTES, 0, RANDOM_OFFSET - TIME_BYTES);
     if (!write_whole(*this, from_client.data(), BLOCK_BYTES)) {
-        return fail("S2 fail\n");
+        return refuse("S2 fail\n");
     }
     if (!read_whole(*this, from_client.data(), BLOCK_BYTES) || !echoes(from_client, s1)) {
-        return fail("C2 fail\n");
+        return refuse("C2 fail\n");
     }
     return true;
 }

@@ -1,5 +1,6 @@
 #include "rtmp/packet_dump.h"
 
+#include <cstdint>
 #include <cstdio>
 #include <string>
 

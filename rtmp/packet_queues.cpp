@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <cstddef>
 #include <utility>
 
 #include "base/bytes.h"
@@ -110,8 +111,7 @@ bool RTMPConnection::add_to_incoming_queue(RTMP_Packet&& pkt) {
             return true;
         }
     }
-    diag("Failure to add to queue\n");
-    return false;
+    return refuse("Failure to add to queue\n");
 }
 
 bool wait_for_room_in_incoming_queue(RTMPConnection& conn) {

@@ -2,6 +2,8 @@
 
 #include <sys/prctl.h>
 
+#include <atomic>
+
 #include "base/diag.h"
 #include "core/connection.h"
 #include "rtmp/reader_thread.h"

@@ -4,6 +4,9 @@
 
 #include <sys/socket.h>
 
+#include <atomic>
+#include <cstdint>
+
 #include "base/check.h"
 
 ssize_t RTMPConnection::cread(void* buffer, std::size_t c) {

@@ -22,7 +22,7 @@ FOLDERS = ["amf", "app", "base", "comm_socket", "control", "core", "relay", "rtm
 NOT_THE_SERVER = ["comm_socket/examples/"]
 ASSERTIONS_HEADING = "Assertions"
 
-PRINTERS = {"diag", "diag_block", "diag_stdout", "fputs"}
+PRINTERS = {"diag", "refuse", "diag_block", "diag_stdout", "fputs"}
 STANDARD_OUTPUT_PRINTERS = {"diag_stdout"}
 PASSED_ON = "%s"  # diag("%s", text): the text stands whole where it is chosen
 OTHER_PRINTERS = re.compile(r"\b(?:v?f?d?printf|puts|fputs|fwrite|perror|syslog|cout|cerr|clog)\b")

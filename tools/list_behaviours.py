@@ -31,7 +31,7 @@ GROUPS = [
     ("AMF0", "The values in commands and metadata: held, decoded, encoded and printed.",
      ["amf/*", "e2e/amf_on_the_wire_*"]),
     ("Commands", "What a client may ask for, in which order, and what it is answered.",
-     ["app/acknowledge_*", "app/command_table_*", "app/connect_*", "app/create_stream_*", "app/dispatch_*", "app/play_*",
+     ["app/release_stream_*", "app/command_table_*", "app/connect_*", "app/create_stream_*", "app/dispatch_*", "app/play_*",
       "app/publish_*", "app/reply_*", "app/turn_*", "e2e/connect_*", "e2e/dispatch_*", "e2e/stream_commands_*"]),
     ("Metadata", "What a publisher says of its stream, and what becomes of it when it changes.",
      ["app/metadata_*", "relay/stream_format_*", "e2e/metadata*"]),

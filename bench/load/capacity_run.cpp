@@ -1,5 +1,5 @@
-// Raises the rate of the streams until frames are lost, damaged or late, then looks for the limit between the last rate
-// that held and the first that did not.
+// Raises the rate of the streams until frames are lost, damaged or late, then looks for the limit between the
+// last rate that held and the first that did not.
 #include <cstdio>
 
 #include "bench/load/runs.h"

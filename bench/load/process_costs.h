@@ -1,4 +1,5 @@
-// What processes and the machine have used so far, as the kernel counts it; costs are differences of two of these.
+// What processes and the machine have used so far, as the kernel counts it; costs are differences of two
+// of these.
 #pragma once
 
 #include <sys/types.h>

@@ -1,5 +1,5 @@
-// Publishers and players: they join, get their first picture, warm up, are measured, and everything that was sent must
-// have arrived at the end.
+// Publishers and players: they join, get their first picture, warm up, are measured, and everything that was
+// sent must have arrived at the end.
 #include <cmath>
 #include <deque>
 #include <memory>
@@ -134,8 +134,8 @@ class RelayRun {
         }
     }
 
-    // Players join one after the other; one that has been there for a few joins leaves, by turns in good order and by a
-    // reset.
+    // Players join one after the other; one that has been there for a few joins leaves, by turns in good
+    // order and by a reset.
     void storm_until(TimePoint end) {
         std::deque<Receiver::Id> visitors;
         std::uint64_t visits = 0;

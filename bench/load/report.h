@@ -22,7 +22,8 @@ struct Snapshot {
 };
 
 nlohmann::json setup_of(const LoadOptions& load);
-// What was used between the two: "seconds", "server", "load_generator", "machine_busy_percent" and "bottleneck".
+// What was used between the two: "seconds", "server", "load_generator", "machine_busy_percent"
+// and "bottleneck".
 nlohmann::json costs_between(const Snapshot& before, const Snapshot& after);
 nlohmann::json figures_of(const Lateness& lateness);
 nlohmann::json faults_of(const FrameTally& tally);

@@ -1,5 +1,5 @@
-// The modes of relay_load. Each returns its report; "passed" in it says whether everything was as it must be, and
-// "failures" what was not. A failure that ends the run early is thrown as TestFailure.
+// The modes of relay_load. Each returns its report; "passed" in it says whether everything was as it must be,
+// and "failures" what was not. A failure that ends the run early is thrown as TestFailure.
 #pragma once
 
 #include <nlohmann/json.hpp>

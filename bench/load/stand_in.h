@@ -1,5 +1,5 @@
-// Processes that are measured in the server's place, for what no server can do without: sending the bytes, and waking up
-// to look for work. Create them before the process has threads.
+// Processes that are measured in the server's place, for what no server can do without: sending the bytes,
+// and waking up to look for work. Create them before the process has threads.
 #pragma once
 
 #include <sys/types.h>
@@ -28,8 +28,9 @@ class StandIn {
     int report_fd = -1;
 };
 
-// The bare fan-out: takes as many players as the load has, then sends them the frames of one stream in real time, each
-// message with one send to each player, on blocking sockets with TCP_NODELAY. The messages are laid out before.
+// The bare fan-out: takes as many players as the load has, then sends them the frames of one stream in real
+// time, each message with one send to each player, on blocking sockets with TCP_NODELAY. The messages are
+// laid out before.
 class FloorSender : public StandIn {
   public:
     struct Counts {
@@ -38,8 +39,8 @@ class FloorSender : public StandIn {
         std::uint64_t sends = 0;
     };
     explicit FloorSender(const LoadOptions& load);
-    // Waits until it has sent everything. Throws TestFailure when it has failed, or has not made exactly as many sends as
-    // there are messages for all players.
+    // Waits until it has sent everything. Throws TestFailure when it has failed, or has not made exactly as
+    // many sends as there are messages for all players.
     Counts finish() const;
 
   private:
@@ -47,7 +48,8 @@ class FloorSender : public StandIn {
     unsigned players;
 };
 
-// As many threads as the load has players, that sleep 50 ms again and again, and a main thread that sleeps 10 ms.
+// As many threads as the load has players, that sleep 50 ms again and again, and a main thread that sleeps
+// 10 ms.
 class Sleepers : public StandIn {
   public:
     explicit Sleepers(const LoadOptions& load);

@@ -1,5 +1,5 @@
-// Connections of the server's own table for benchmarks, on a clock that stands still and with threads that do nothing. The
-// peer's end of each socket pair is the benchmark's.
+// Connections of the server's own table for benchmarks, on a clock that stands still and with threads that do
+// nothing. The peer's end of each socket pair is the benchmark's.
 #pragma once
 
 #include <cstddef>
@@ -9,7 +9,8 @@
 
 #include "core/connection.h"
 
-// Of the wrapped recv(2): what the server receives comes from here as long as it is set, and begins again at its end.
+// Of the wrapped recv(2): what the server receives comes from here as long as it is set, and begins again at
+// its end.
 struct ReceivedBytes {
     static void set(const std::string* new_source);
 };

@@ -1,4 +1,5 @@
-// The road of a message: chunks into a message, one message into the queues of all players, a message into chunks.
+// The road of a message: chunks into a message, one message into the queues of all players, a message
+// into chunks.
 #include <benchmark/benchmark.h>
 #include <sys/socket.h>
 

@@ -1,5 +1,5 @@
-// Somebody who does the same thing again and again beside the others, on a thread of its own. A step that fails is
-// kept in the journal, and the next one comes all the same.
+// Somebody who does the same thing again and again beside the others, on a thread of its own. A step that
+// fails is kept in the journal, and the next one comes all the same.
 #pragma once
 
 #include <condition_variable>

@@ -16,8 +16,8 @@ class Crowd {
 
     void join_to_stay() { stay.push_back(join()); }
     void join_for_a_while() { come_and_go.push_back(join()); }
-    // The one that came first of those who come and go leaves: by turns in good order and by a reset. When it has been
-    // there for long enough, it must have kept up with what has been sent of its stream so far.
+    // The one that came first of those who come and go leaves: by turns in good order and by a reset. When it
+    // has been there for long enough, it must have kept up with what has been sent of its stream so far.
     void let_one_leave(const std::vector<std::uint32_t>& sent);
     void let_all_leave(const std::vector<std::uint32_t>& sent);
 

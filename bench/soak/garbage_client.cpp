@@ -126,8 +126,8 @@ void GarbageClients::damaged_metadata() {
     read_on(client);
 }
 
-// A message from the future is held until its time has come, and its publisher with it, even when the client has gone:
-// only the control socket ends that.
+// A message from the future is held until its time has come, and its publisher with it, even when the client
+// has gone: only the control socket ends that.
 void GarbageClients::garbage_media() {
     RtmpClient client = publishing_client(MEDIA_STREAM);
     for (std::uint32_t i = 0; i < MESSAGES; ++i) {

@@ -8,8 +8,8 @@ struct OperatorOrders {
     std::size_t players;  // who stay
 };
 
-// One step: a list, which must show the publishers and the players, then a drop of one player of a stream by its id, or
-// by turns of all that wait for a stream by its name.
+// One step: a list, which must show the publishers and the players, then a drop of one player of a stream by
+// its id, or by turns of all that wait for a stream by its name.
 class Operator {
   public:
     Operator(const OperatorOrders& operator_orders, Journal& events)

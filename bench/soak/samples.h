@@ -1,5 +1,5 @@
-// What is measured once a second, as lines of a CSV file, and what is known at the end, as JSON; soak_report.py reads
-// both.
+// What is measured once a second, as lines of a CSV file, and what is known at the end, as JSON;
+// soak_report.py reads both.
 #pragma once
 
 #include <cstddef>

@@ -1,5 +1,5 @@
-// A player that stops reading, so that its stream piles up in the server, and then leaves, is dropped through the tool,
-// or reads on and must find everything in its place.
+// A player that stops reading, so that its stream piles up in the server, and then leaves, is dropped through
+// the tool, or reads on and must find everything in its place.
 #pragma once
 
 #include <string>

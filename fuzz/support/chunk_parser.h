@@ -1,5 +1,5 @@
-// A reader of chunk streams of its own, for comparison: it takes the bytes at once, from memory, and shares no
-// code with the server.
+// A reader of chunk streams of its own, for comparison: it takes the bytes at once, from memory, and shares
+// no code with the server.
 #pragma once
 
 #include <cstddef>

@@ -3,8 +3,8 @@
 // sendmsg, close, usleep, pthread_create, pthread_cancel and pthread_join.
 //
 // What the server must never do fails here: use or close a socket that is closed, close one under a running
-// thread, wait while holding its connection's lock, wait after cancellation, join a thread that nobody told to
-// end, leave one behind.
+// thread, wait while holding its connection's lock, wait after cancellation, join a thread that nobody told
+// to end, leave one behind.
 #pragma once
 
 #include <cstddef>
@@ -60,7 +60,8 @@ FakeClient* find_client(int fd);
 // Lets every thread run until all wait for something that is not there yet.
 void run_threads();
 
-// Whether a thread that prints stops there until run_threads() is called again, and may be cancelled meanwhile.
+// Whether a thread that prints stops there until run_threads() is called again, and may be
+// cancelled meanwhile.
 void stop_at_prints(bool stop);
 
 // So many threads cannot be created from now on.

@@ -1,5 +1,5 @@
-// Threads that take turns on one: each runs until it waits, and goes on when it is told to. Thereby what a fuzz
-// target does with the server's threads depends on its input alone.
+// Threads that take turns on one: each runs until it waits, and goes on when it is told to. Thereby what a
+// fuzz target does with the server's threads depends on its input alone.
 #pragma once
 
 #include <ucontext.h>

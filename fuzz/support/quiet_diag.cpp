@@ -41,6 +41,14 @@ void diag(const char* format, ...) {
     va_end(args);
 }
 
+bool refuse(const char* format, ...) {
+    std::va_list args;
+    va_start(args, format);
+    print(format, args);
+    va_end(args);
+    return false;
+}
+
 void diag_block(std::string_view text) {
     if (before_diagnostic != nullptr) {
         before_diagnostic();

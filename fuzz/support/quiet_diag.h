@@ -1,5 +1,5 @@
-// The server's diagnostics, linked in place of the real ones: every line is formatted, as an argument that does
-// not fit its format is a finding, and only the last one is kept.
+// The server's diagnostics, linked in place of the real ones: every line is formatted, as an argument that
+// does not fit its format is a finding, and only the last one is kept.
 #pragma once
 
 #include <string_view>

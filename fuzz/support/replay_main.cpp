@@ -1,5 +1,5 @@
-// Runs a fuzz target over files and over all files in folders, for builds without libFuzzer. A folder that does
-// not exist is empty, but there must be something to run.
+// Runs a fuzz target over files and over all files in folders, for builds without libFuzzer. A folder that
+// does not exist is empty, but there must be something to run.
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>

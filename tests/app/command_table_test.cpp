@@ -7,11 +7,11 @@
 
 namespace {
 
-class CommandTableTest : public AppFixture {};
+class command_table_test : public AppFixture {};
 
 }  // namespace
 
-TEST_F(CommandTableTest, get_stream_length_is_known_and_not_answered) {
+TEST_F(command_table_test, get_stream_length_is_known_and_not_answered) {
     RTMPConnection& conn = add_connection();
     EXPECT_EQ(command(conn, amf_string("getStreamLength") + amf_number(3) + amf_null() + amf_string("cam1")),
               "");
@@ -21,7 +21,7 @@ TEST_F(CommandTableTest, get_stream_length_is_known_and_not_answered) {
     EXPECT_FALSE(conn.close_requested);
 }
 
-TEST_F(CommandTableTest, delete_stream_drops_the_connection_with_two_lines) {
+TEST_F(command_table_test, delete_stream_drops_the_connection_with_two_lines) {
     RTMPConnection& conn = add_connection();
     EXPECT_EQ(command(conn, amf_string("deleteStream")),
               "deleteStream, drop connection\nAMF0 error command\n");
@@ -29,7 +29,7 @@ TEST_F(CommandTableTest, delete_stream_drops_the_connection_with_two_lines) {
     EXPECT_TRUE(conn.connection_out.empty());
 }
 
-TEST_F(CommandTableTest, unknown_commands_are_named_and_end_the_connection) {
+TEST_F(command_table_test, unknown_commands_are_named_and_end_the_connection) {
     struct Case {
         Bytes payload;
         std::string name;
@@ -55,14 +55,14 @@ TEST_F(CommandTableTest, unknown_commands_are_named_and_end_the_connection) {
     }
 }
 
-TEST_F(CommandTableTest, a_name_may_come_as_any_kind_of_string) {
+TEST_F(command_table_test, a_name_may_come_as_any_kind_of_string) {
     for (const Bytes& name : {amf_long_string("deleteStream"), amf_xml_document("deleteStream")}) {
         RTMPConnection& conn = add_connection();
         EXPECT_EQ(command(conn, name), "deleteStream, drop connection\nAMF0 error command\n");
     }
 }
 
-TEST_F(CommandTableTest, every_command_needs_its_arguments) {
+TEST_F(command_table_test, every_command_needs_its_arguments) {
     for (const char* const name :
          {"connect", "play", "releaseStream", "FCPublish", "createStream", "publish", "FCUnpublish"}) {
         RTMPConnection& conn = add_client();

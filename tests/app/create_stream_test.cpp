@@ -8,16 +8,16 @@ namespace {
 
 using Messages = std::vector<QueuedMessage>;
 
-class CreateStreamTest : public AppFixture {
+class create_stream_test : public AppFixture {
   protected:
-    ~CreateStreamTest() override { EXPECT_TRUE(scripted_draws.empty()) << "rand() was called too seldom"; }
+    ~create_stream_test() override { EXPECT_TRUE(scripted_draws.empty()) << "rand() was called too seldom"; }
 
     void SetUp() override { scripted_draws.clear(); }
 };
 
 }  // namespace
 
-TEST_F(CreateStreamTest, hands_out_the_product_of_two_draws_in_31_bits_and_never_0) {
+TEST_F(create_stream_test, hands_out_the_product_of_two_draws_in_31_bits_and_never_0) {
     struct Case {
         int first;
         int second;
@@ -45,7 +45,7 @@ TEST_F(CreateStreamTest, hands_out_the_product_of_two_draws_in_31_bits_and_never
     }
 }
 
-TEST_F(CreateStreamTest, draws_a_new_id_each_time) {
+TEST_F(create_stream_test, draws_a_new_id_each_time) {
     RTMPConnection& conn = add_connection();
     scripted_draws = {2, 3, 4, 5};
     command(conn, amf_string("createStream") + amf_number(2) + amf_null());
@@ -58,7 +58,7 @@ TEST_F(CreateStreamTest, draws_a_new_id_each_time) {
                         {MESSAGE_AMF0_COMMAND, 0, create_stream_reply(amf_undefined(), 20), 3, 0}}));
 }
 
-TEST_F(CreateStreamTest, refuses_missing_and_malformed_arguments_before_it_draws) {
+TEST_F(create_stream_test, refuses_missing_and_malformed_arguments_before_it_draws) {
     for (const Bytes& arguments : std::vector<Bytes>{"", amf_number(2), amf_number(2).substr(0, 5),
                                                      amf_number(2) + bytes_of({0x0A})}) {
         RTMPConnection& conn = add_connection();
@@ -71,7 +71,7 @@ TEST_F(CreateStreamTest, refuses_missing_and_malformed_arguments_before_it_draws
     }
 }
 
-TEST_F(CreateStreamTest, drops_a_client_whose_transaction_id_cannot_be_echoed) {
+TEST_F(create_stream_test, drops_a_client_whose_transaction_id_cannot_be_echoed) {
     RTMPConnection& conn = add_connection();
     scripted_draws = {2, 3};
     EXPECT_EQ(command(conn, amf_string("createStream") + bytes_of({AMF_OBJECT_END}) + amf_null()),

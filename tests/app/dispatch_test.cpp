@@ -10,7 +10,7 @@ namespace {
 
 constexpr std::size_t MESSAGES_PER_PASS = 1000;
 
-class DispatchTest : public AppFixture {
+class dispatch_test : public AppFixture {
   protected:
     // The reader (or writer) thread comes to its end, as after a disconnect.
     static void end_reader(RTMPConnection& conn) {
@@ -34,13 +34,13 @@ class DispatchTest : public AppFixture {
 
 }  // namespace
 
-TEST_F(DispatchTest, nothing_to_do_is_done_in_silence) {
+TEST_F(dispatch_test, nothing_to_do_is_done_in_silence) {
     RTMPConnection& conn = add_connection();
     EXPECT_EQ(service(conn), "");
     EXPECT_TRUE(conn.ok());
 }
 
-TEST_F(DispatchTest, a_command_without_payload_is_consumed_in_silence) {
+TEST_F(dispatch_test, a_command_without_payload_is_consumed_in_silence) {
     RTMPConnection& conn = add_connection();
     EXPECT_EQ(command(conn, ""), "");
     EXPECT_TRUE(conn.connection_in.empty());
@@ -48,7 +48,7 @@ TEST_F(DispatchTest, a_command_without_payload_is_consumed_in_silence) {
     EXPECT_FALSE(conn.close_requested);
 }
 
-TEST_F(DispatchTest, a_command_with_a_length_but_no_bytes_ends_the_connection) {
+TEST_F(dispatch_test, a_command_with_a_length_but_no_bytes_ends_the_connection) {
     RTMPConnection& conn = add_connection();
     RTMP_Packet pkt = make_packet(MESSAGE_AMF0_COMMAND, 0, "");
     pkt.chunk.message.data_length = 5;
@@ -58,7 +58,7 @@ TEST_F(DispatchTest, a_command_with_a_length_but_no_bytes_ends_the_connection) {
     EXPECT_TRUE(conn.close_requested);
 }
 
-TEST_F(DispatchTest, a_command_whose_name_is_malformed_ends_the_connection) {
+TEST_F(dispatch_test, a_command_whose_name_is_malformed_ends_the_connection) {
     struct Case {
         Bytes payload;
         std::string printed;
@@ -78,7 +78,7 @@ TEST_F(DispatchTest, a_command_whose_name_is_malformed_ends_the_connection) {
     }
 }
 
-TEST_F(DispatchTest, messages_of_other_types_are_discarded_in_silence) {
+TEST_F(dispatch_test, messages_of_other_types_are_discarded_in_silence) {
     RTMPConnection& conn = add_publisher();
     for (int type = 0; type < 256; ++type) {
         if (type == MESSAGE_AUDIO || type == MESSAGE_VIDEO || type == MESSAGE_AMF0_DATA ||
@@ -93,7 +93,7 @@ TEST_F(DispatchTest, messages_of_other_types_are_discarded_in_silence) {
     EXPECT_TRUE(conn.connection_out.empty());
 }
 
-TEST_F(DispatchTest, messages_are_handled_in_the_order_in_which_they_came) {
+TEST_F(dispatch_test, messages_are_handled_in_the_order_in_which_they_came) {
     RTMPConnection& conn = add_connection();
     for (int id = 0; id < 3; ++id) {
         receive_command(conn, amf_string("FCPublish") + amf_number(id) + amf_null());
@@ -106,7 +106,7 @@ TEST_F(DispatchTest, messages_are_handled_in_the_order_in_which_they_came) {
     }
 }
 
-TEST_F(DispatchTest, one_pass_takes_up_to_1000_messages_of_a_connection) {
+TEST_F(dispatch_test, one_pass_takes_up_to_1000_messages_of_a_connection) {
     RTMPConnection& conn = add_connection();
     for (std::size_t i = 0; i < MESSAGES_PER_PASS; ++i) {
         receive_command(conn, amf_string("getStreamLength"));
@@ -123,7 +123,7 @@ TEST_F(DispatchTest, one_pass_takes_up_to_1000_messages_of_a_connection) {
     EXPECT_EQ(conn.connection_in.size(), 0U);
 }
 
-TEST_F(DispatchTest, messages_behind_a_failed_one_are_handled_in_the_same_pass) {
+TEST_F(dispatch_test, messages_behind_a_failed_one_are_handled_in_the_same_pass) {
     RTMPConnection& conn = add_client();
     receive_command(conn, amf_string("badcmd"));
     receive_command(conn, publish_command("cam1"));
@@ -136,7 +136,7 @@ TEST_F(DispatchTest, messages_behind_a_failed_one_are_handled_in_the_same_pass) 
     EXPECT_EQ(record().publisher, NO_CONNECTION);
 }
 
-TEST_F(DispatchTest, a_requested_close_comes_before_any_message) {
+TEST_F(dispatch_test, a_requested_close_comes_before_any_message) {
     RTMPConnection& conn = add_player();
     receive_command(conn, amf_string("deleteStream"));
     conn.close_requested = true;
@@ -150,7 +150,7 @@ TEST_F(DispatchTest, a_requested_close_comes_before_any_message) {
     EXPECT_FALSE(conn.ok());
 }
 
-TEST_F(DispatchTest, a_requested_close_gives_up_the_publishers_place) {
+TEST_F(dispatch_test, a_requested_close_gives_up_the_publishers_place) {
     RTMPConnection& conn = add_publisher();
     conn.close_requested = true;
     const std::size_t slot = conn.conn_idx;
@@ -159,7 +159,7 @@ TEST_F(DispatchTest, a_requested_close_gives_up_the_publishers_place) {
     EXPECT_EQ(get_connection(slot), nullptr);
 }
 
-TEST_F(DispatchTest, a_requested_close_of_a_rival_leaves_the_publisher_in_its_place) {
+TEST_F(dispatch_test, a_requested_close_of_a_rival_leaves_the_publisher_in_its_place) {
     const RTMPConnection& publisher = add_publisher();
     RTMPConnection& rival = add_publisher();
     rival.close_requested = true;
@@ -167,14 +167,14 @@ TEST_F(DispatchTest, a_requested_close_of_a_rival_leaves_the_publisher_in_its_pl
     EXPECT_EQ(record().publisher, publisher.conn_idx);
 }
 
-TEST_F(DispatchTest, the_close_of_a_connection_without_a_name_leaves_a_record_for_one_pass) {
+TEST_F(dispatch_test, the_close_of_a_connection_without_a_name_leaves_a_record_for_one_pass) {
     RTMPConnection& conn = add_connection();
     conn.close_requested = true;
     EXPECT_EQ(printed_by([] { idle_all_connections(); }), "Dropping connection\nDisposing old stream ''\n");
     EXPECT_EQ(stream_count(), 0U);
 }
 
-TEST_F(DispatchTest, a_reader_that_has_ended_is_joined_with_two_lines) {
+TEST_F(dispatch_test, a_reader_that_has_ended_is_joined_with_two_lines) {
     RTMPConnection& conn = add_connection();
     end_reader(conn);
     EXPECT_EQ(idle(conn), "Thread 1 died\nWARNING: Thread terminated unexpectedly\n");
@@ -184,7 +184,7 @@ TEST_F(DispatchTest, a_reader_that_has_ended_is_joined_with_two_lines) {
     EXPECT_FALSE(conn.ok());
 }
 
-TEST_F(DispatchTest, a_writer_that_has_ended_is_joined_with_two_lines) {
+TEST_F(dispatch_test, a_writer_that_has_ended_is_joined_with_two_lines) {
     RTMPConnection& conn = add_connection();
     end_writer(conn);
     EXPECT_EQ(idle(conn), "Thread 2 died\nWARNING: Thread2 terminated unexpectedly\n");
@@ -193,7 +193,7 @@ TEST_F(DispatchTest, a_writer_that_has_ended_is_joined_with_two_lines) {
     EXPECT_FALSE(conn.ok());
 }
 
-TEST_F(DispatchTest, both_threads_that_have_ended_are_joined_in_one_pass_and_the_connection_is_dropped) {
+TEST_F(dispatch_test, both_threads_that_have_ended_are_joined_in_one_pass_and_the_connection_is_dropped) {
     RTMPConnection& conn = add_player();
     end_reader(conn);
     end_writer(conn);
@@ -206,7 +206,7 @@ TEST_F(DispatchTest, both_threads_that_have_ended_are_joined_in_one_pass_and_the
               "Connection for play unsubscribed from 'cam1'\n");
 }
 
-TEST_F(DispatchTest, threads_that_had_ended_before_a_requested_close_are_not_cancelled) {
+TEST_F(dispatch_test, threads_that_had_ended_before_a_requested_close_are_not_cancelled) {
     RTMPConnection& conn = add_publisher();
     end_reader(conn);
     end_writer(conn);
@@ -217,7 +217,7 @@ TEST_F(DispatchTest, threads_that_had_ended_before_a_requested_close_are_not_can
               "Dropping connection\n");
 }
 
-TEST_F(DispatchTest, messages_of_a_reader_that_has_ended_are_handled_before_the_drop) {
+TEST_F(dispatch_test, messages_of_a_reader_that_has_ended_are_handled_before_the_drop) {
     RTMPConnection& conn = add_client();
     receive_command(conn, publish_command("cam1"));
     end_reader(conn);
@@ -229,7 +229,7 @@ TEST_F(DispatchTest, messages_of_a_reader_that_has_ended_are_handled_before_the_
               "Dropping connection\n");
 }
 
-TEST_F(DispatchTest, a_connection_whose_reader_has_ended_lives_while_its_media_is_ahead_of_time) {
+TEST_F(dispatch_test, a_connection_whose_reader_has_ended_lives_while_its_media_is_ahead_of_time) {
     RTMPConnection& conn = add_publisher();
     receive_audio(conn, 1);
     receive_audio(conn, 1001);
@@ -243,7 +243,7 @@ TEST_F(DispatchTest, a_connection_whose_reader_has_ended_lives_while_its_media_i
     EXPECT_EQ(service(conn), "Dropping connection\n");
 }
 
-TEST_F(DispatchTest, a_message_that_is_held_back_stays_at_the_front_with_everything_behind_it) {
+TEST_F(dispatch_test, a_message_that_is_held_back_stays_at_the_front_with_everything_behind_it) {
     RTMPConnection& conn = add_publisher();
     receive_audio(conn, 1);
     receive_audio(conn, 1001, AAC_HEADER);
@@ -260,7 +260,7 @@ TEST_F(DispatchTest, a_message_that_is_held_back_stays_at_the_front_with_everyth
     EXPECT_EQ(payload_of(conn.audio.seq_header), AAC_HEADER);
 }
 
-TEST_F(DispatchTest, media_that_the_relay_refuses_ends_the_publisher_and_is_taken_off_the_queue) {
+TEST_F(dispatch_test, media_that_the_relay_refuses_ends_the_publisher_and_is_taken_off_the_queue) {
     RTMPConnection& conn = add_publisher();
     audio(conn, 1, AAC_FRAME);
     EXPECT_EQ(audio(conn, 1, MP3_FRAME), "Audio format change\nA/V error\n");
@@ -268,14 +268,14 @@ TEST_F(DispatchTest, media_that_the_relay_refuses_ends_the_publisher_and_is_take
     EXPECT_TRUE(conn.connection_in.empty());
 }
 
-TEST_F(DispatchTest, a_data_message_that_is_malformed_ends_the_connection_and_is_taken_off_the_queue) {
+TEST_F(dispatch_test, a_data_message_that_is_malformed_ends_the_connection_and_is_taken_off_the_queue) {
     RTMPConnection& conn = add_publisher();
     EXPECT_EQ(data_message(conn, bytes_of({0x0A})), "AMF0 error notify\n");
     EXPECT_TRUE(conn.close_requested);
     EXPECT_TRUE(conn.connection_in.empty());
 }
 
-TEST_F(DispatchTest, the_lock_is_free_again_after_every_pass) {
+TEST_F(dispatch_test, the_lock_is_free_again_after_every_pass) {
     RTMPConnection& conn = add_publisher();
     receive_audio(conn, 1);
     receive_audio(conn, 100000);

@@ -26,14 +26,14 @@ void operator delete[](void* memory, std::size_t /*bytes*/) noexcept {
 
 namespace {
 
-class FailingAllocationTest : public AppFixture {
+class failing_allocation_test : public AppFixture {
   protected:
-    ~FailingAllocationTest() override { refuse = false; }
+    ~failing_allocation_test() override { refuse = false; }
 };
 
 }  // namespace
 
-TEST_F(FailingAllocationTest, a_connect_without_memory_for_its_reply_drops_the_client) {
+TEST_F(failing_allocation_test, a_connect_without_memory_for_its_reply_drops_the_client) {
     RTMPConnection& conn = add_connection();
     receive_command(conn, connect_command(amf_number(1), amf_object({{"app", amf_string("ombrex-live")}})));
     refuse = true;
@@ -42,7 +42,7 @@ TEST_F(FailingAllocationTest, a_connect_without_memory_for_its_reply_drops_the_c
     EXPECT_TRUE(take_queued(conn).empty());
 }
 
-TEST_F(FailingAllocationTest, a_publish_without_memory_for_its_reply_drops_the_client) {
+TEST_F(failing_allocation_test, a_publish_without_memory_for_its_reply_drops_the_client) {
     RTMPConnection& conn = add_client();
     receive_command(conn, publish_command("cam1"));
     refuse = true;
@@ -50,7 +50,7 @@ TEST_F(FailingAllocationTest, a_publish_without_memory_for_its_reply_drops_the_c
     EXPECT_TRUE(conn.close_requested);
 }
 
-TEST_F(FailingAllocationTest, a_play_without_memory_for_its_reply_drops_the_client) {
+TEST_F(failing_allocation_test, a_play_without_memory_for_its_reply_drops_the_client) {
     RTMPConnection& conn = add_client();
     receive_command(conn, play_command("cam1"));
     refuse = true;
@@ -58,7 +58,7 @@ TEST_F(FailingAllocationTest, a_play_without_memory_for_its_reply_drops_the_clie
     EXPECT_TRUE(conn.close_requested);
 }
 
-TEST_F(FailingAllocationTest, metadata_without_memory_is_not_sent_and_drops_nobody) {
+TEST_F(failing_allocation_test, metadata_without_memory_is_not_sent_and_drops_nobody) {
     RTMPConnection& publisher = add_publisher();
     RTMPConnection& player = add_player();
     receive(publisher, make_packet(MESSAGE_AMF0_DATA, 0, set_metadata(amf_object({}))));
@@ -68,7 +68,7 @@ TEST_F(FailingAllocationTest, metadata_without_memory_is_not_sent_and_drops_nobo
     EXPECT_FALSE(publisher.close_requested || player.close_requested);
 }
 
-TEST_F(FailingAllocationTest, all_players_miss_a_message_without_memory_for_what_they_share) {
+TEST_F(failing_allocation_test, all_players_miss_a_message_without_memory_for_what_they_share) {
     RTMPConnection& publisher = add_publisher();
     RTMPConnection& player = add_player();
     RTMPConnection& other = add_player();
@@ -85,7 +85,7 @@ TEST_F(FailingAllocationTest, all_players_miss_a_message_without_memory_for_what
     EXPECT_EQ(take_queued(other).size(), 1U);
 }
 
-TEST_F(FailingAllocationTest, a_sequence_header_without_memory_is_not_kept) {
+TEST_F(failing_allocation_test, a_sequence_header_without_memory_is_not_kept) {
     RTMPConnection& publisher = add_publisher();
     audio(publisher, 5, AAC_HEADER);
     receive_audio(publisher, 5, AAC_HEADER);

@@ -11,7 +11,7 @@ namespace {
 // The mutex that the system refuses to lock; null: none.
 pthread_mutex_t* refused_mutex = nullptr;
 
-class FailingLockTest : public AppFixture {
+class failing_lock_test : public AppFixture {
   protected:
     class FailingLock {
       public:
@@ -35,13 +35,13 @@ int __wrap_pthread_mutex_lock(pthread_mutex_t* mutex) {
 
 }  // extern "C"
 
-TEST_F(FailingLockTest, a_connection_is_not_kept) {
+TEST_F(failing_lock_test, a_connection_is_not_kept) {
     RTMPConnection& conn = add_connection();
     const FailingLock failing(conn);
     EXPECT_EQ(printed_by([&] { EXPECT_FALSE(conn.ok()); }), "Lock fail\n");
 }
 
-TEST_F(FailingLockTest, a_connection_is_listed_with_empty_counters_and_address) {
+TEST_F(failing_lock_test, a_connection_is_listed_with_empty_counters_and_address) {
     RTMPConnection& conn = add_connection();
     conn.stream_name = "cam1";
     conn.stream_mode = "play";
@@ -52,7 +52,7 @@ TEST_F(FailingLockTest, a_connection_is_listed_with_empty_counters_and_address) 
     EXPECT_EQ(line.after_name, "\tplay\t\t\t\t");
 }
 
-TEST_F(FailingLockTest, messages_wait_for_a_later_pass) {
+TEST_F(failing_lock_test, messages_wait_for_a_later_pass) {
     RTMPConnection& conn = add_client();
     receive_command(conn, amf_string("nonsense"));
     {
@@ -62,7 +62,7 @@ TEST_F(FailingLockTest, messages_wait_for_a_later_pass) {
     EXPECT_EQ(conn.connection_in.size(), 1U);
 }
 
-TEST_F(FailingLockTest, the_reader_gives_up_a_message_that_it_cannot_queue) {
+TEST_F(failing_lock_test, the_reader_gives_up_a_message_that_it_cannot_queue) {
     RTMPConnection& conn = add_client();
     const FailingLock failing(conn);
     EXPECT_EQ(printed_by([&] { EXPECT_FALSE(conn.add_to_incoming_queue(make_packet(9, 0, "x"))); }),
@@ -73,7 +73,7 @@ TEST_F(FailingLockTest, the_reader_gives_up_a_message_that_it_cannot_queue) {
     EXPECT_FALSE(take_outgoing(conn));
 }
 
-TEST_F(FailingLockTest, a_player_misses_the_message_and_the_others_get_it) {
+TEST_F(failing_lock_test, a_player_misses_the_message_and_the_others_get_it) {
     RTMPConnection& publisher = add_publisher();
     RTMPConnection& first = add_player();
     RTMPConnection& second = add_player();
@@ -86,7 +86,7 @@ TEST_F(FailingLockTest, a_player_misses_the_message_and_the_others_get_it) {
     EXPECT_EQ(take_queued(second).size(), 1U);
 }
 
-TEST_F(FailingLockTest, a_player_misses_the_repeated_header_and_is_relayed_to_all_the_same) {
+TEST_F(failing_lock_test, a_player_misses_the_repeated_header_and_is_relayed_to_all_the_same) {
     RTMPConnection& publisher = add_publisher();
     audio(publisher, 5, AAC_HEADER);
     RTMPConnection& player = add_player();
@@ -98,7 +98,7 @@ TEST_F(FailingLockTest, a_player_misses_the_repeated_header_and_is_relayed_to_al
     EXPECT_EQ(take_queued(player).size(), 1U);
 }
 
-TEST_F(FailingLockTest, metadata_passes_a_player_by) {
+TEST_F(failing_lock_test, metadata_passes_a_player_by) {
     RTMPConnection& publisher = add_publisher();
     RTMPConnection& player = add_player();
     {

@@ -7,14 +7,14 @@ namespace {
 
 constexpr std::uint64_t TEN_SECONDS_US = 10000000;
 
-class LargeValuesTest : public AppFixture {
+class large_values_test : public AppFixture {
   protected:
-    LargeValuesTest() {
+    large_values_test() {
         // What other tests have left.
         (void)trims_after(TEN_SECONDS_US);
         wrapped_calls = {};
     }
-    ~LargeValuesTest() override { wrapped_calls = {}; }
+    ~large_values_test() override { wrapped_calls = {}; }
 
     // How often free memory was given back so far, once so much more time has passed.
     static std::size_t trims_after(std::uint64_t us) {
@@ -32,7 +32,7 @@ class LargeValuesTest : public AppFixture {
 
 }  // namespace
 
-TEST_F(LargeValuesTest, are_given_back_ten_seconds_after_their_message_and_ordinary_ones_are_not) {
+TEST_F(large_values_test, are_given_back_ten_seconds_after_their_message_and_ordinary_ones_are_not) {
     constexpr std::size_t LARGE = 4096;
     RTMPConnection& conn = add_publisher();
     const Bytes command_payload = amf_string("createStream") + amf_number(2) + amf_null();

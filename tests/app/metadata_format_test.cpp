@@ -1,5 +1,3 @@
-#include "app/metadata.h"
-
 #include <gtest/gtest.h>
 
 #include <limits>
@@ -7,6 +5,7 @@
 #include <vector>
 
 #include "amf/amf_value.h"
+#include "app/metadata.h"
 
 namespace {
 

@@ -19,12 +19,12 @@ Bytes number_member(const std::string& key, double number) {
     return amf_object({{key, amf_number(number)}});
 }
 
-class MetadataTest : public AppFixture {};
-using MetadataDeathTest = MetadataTest;
+class metadata_test : public AppFixture {};
+using metadata_death_test = metadata_test;
 
 }  // namespace
 
-TEST_F(MetadataTest, before_play_or_publish_is_ignored_whatever_it_is) {
+TEST_F(metadata_test, before_play_or_publish_is_ignored_whatever_it_is) {
     RTMPConnection& conn = add_client();
     for (const Bytes& payload : {Bytes(), bytes_of({0x0A}), set_metadata(amf_object({}))}) {
         EXPECT_EQ(data_message(conn, payload), "AMF0 notify without a stream name\n");
@@ -34,7 +34,7 @@ TEST_F(MetadataTest, before_play_or_publish_is_ignored_whatever_it_is) {
     EXPECT_EQ(stream_count(), 0U);
 }
 
-TEST_F(MetadataTest, an_empty_message_counts_as_activity_of_publishers_and_players) {
+TEST_F(metadata_test, an_empty_message_counts_as_activity_of_publishers_and_players) {
     RTMPConnection& publisher = add_publisher();
     RTMPConnection& player = add_player();
     for (RTMPConnection* const conn : {&publisher, &player}) {
@@ -45,7 +45,7 @@ TEST_F(MetadataTest, an_empty_message_counts_as_activity_of_publishers_and_playe
     }
 }
 
-TEST_F(MetadataTest, a_message_with_a_length_but_no_bytes_ends_the_connection) {
+TEST_F(metadata_test, a_message_with_a_length_but_no_bytes_ends_the_connection) {
     RTMPConnection& conn = add_publisher();
     RTMP_Packet pkt = make_packet(MESSAGE_AMF0_DATA, 0, "");
     pkt.chunk.message.data_length = 5;
@@ -54,7 +54,7 @@ TEST_F(MetadataTest, a_message_with_a_length_but_no_bytes_ends_the_connection) {
     EXPECT_TRUE(conn.close_requested);
 }
 
-TEST_F(MetadataTest, other_notifications_are_named_and_ignored) {
+TEST_F(metadata_test, other_notifications_are_named_and_ignored) {
     struct Case {
         Bytes payload;
         std::string printed;
@@ -77,7 +77,7 @@ TEST_F(MetadataTest, other_notifications_are_named_and_ignored) {
     }
 }
 
-TEST_F(MetadataTest, a_message_that_ends_too_early_or_is_malformed_ends_the_connection) {
+TEST_F(metadata_test, a_message_that_ends_too_early_or_is_malformed_ends_the_connection) {
     struct Case {
         Bytes payload;
         std::string printed;
@@ -104,7 +104,7 @@ TEST_F(MetadataTest, a_message_that_ends_too_early_or_is_malformed_ends_the_conn
     }
 }
 
-TEST_F(MetadataTest, of_a_player_is_ignored) {
+TEST_F(metadata_test, of_a_player_is_ignored) {
     RTMPConnection& player = add_player();
     EXPECT_EQ(data_message(player, set_metadata(number_member("width", 1280))),
               "onMetaData ignored from client\n");
@@ -113,7 +113,7 @@ TEST_F(MetadataTest, of_a_player_is_ignored) {
     EXPECT_FALSE(player.close_requested);
 }
 
-TEST_F(MetadataTest, of_the_publisher_is_dumped_kept_and_sent_to_every_player) {
+TEST_F(metadata_test, of_the_publisher_is_dumped_kept_and_sent_to_every_player) {
     RTMPConnection& publisher = add_publisher();
     RTMPConnection& first = add_player();
     first.stream_id = 99;
@@ -141,7 +141,7 @@ TEST_F(MetadataTest, of_the_publisher_is_dumped_kept_and_sent_to_every_player) {
     EXPECT_EQ(record().last_activity_us, fake_clock_us);
 }
 
-TEST_F(MetadataTest, names_may_come_as_any_kind_of_string_and_nothing_behind_the_value_is_read) {
+TEST_F(metadata_test, names_may_come_as_any_kind_of_string_and_nothing_behind_the_value_is_read) {
     RTMPConnection& publisher = add_publisher();
     RTMPConnection& player = add_player();
     data_message(publisher, amf_long_string("@setDataFrame") + amf_xml_document("onMetaData") +
@@ -150,7 +150,7 @@ TEST_F(MetadataTest, names_may_come_as_any_kind_of_string_and_nothing_behind_the
     EXPECT_FALSE(publisher.close_requested);
 }
 
-TEST_F(MetadataTest, an_ecma_array_is_passed_on_as_one_sorted_and_without_duplicates) {
+TEST_F(metadata_test, an_ecma_array_is_passed_on_as_one_sorted_and_without_duplicates) {
     RTMPConnection& publisher = add_publisher();
     RTMPConnection& player = add_player();
     data_message(publisher, set_metadata(amf_ecma_array(
@@ -161,7 +161,7 @@ TEST_F(MetadataTest, an_ecma_array_is_passed_on_as_one_sorted_and_without_duplic
                    ON_META_DATA + amf_ecma_array(2, {{"a", amf_string("x")}, {"b", amf_number(2)}}), 9, 0}}));
 }
 
-TEST_F(MetadataTest, of_another_type_is_kept_and_sent_to_nobody) {
+TEST_F(metadata_test, of_another_type_is_kept_and_sent_to_nobody) {
     RTMPConnection& publisher = add_publisher();
     RTMPConnection& player = add_player();
     data_message(publisher, set_metadata(number_member("width", 1280)));
@@ -173,7 +173,7 @@ TEST_F(MetadataTest, of_another_type_is_kept_and_sent_to_nobody) {
     EXPECT_TRUE(player.connection_out.empty());
 }
 
-TEST_F(MetadataTest, the_same_metadata_is_sent_again) {
+TEST_F(metadata_test, the_same_metadata_is_sent_again) {
     RTMPConnection& publisher = add_publisher();
     RTMPConnection& player = add_player();
     const Bytes metadata = amf_object({{"height", amf_number(720)}, {"width", amf_number(1280)}});
@@ -183,7 +183,7 @@ TEST_F(MetadataTest, the_same_metadata_is_sent_again) {
     EXPECT_FALSE(player.close_requested);
 }
 
-TEST_F(MetadataTest, sizes_are_rounded_half_up) {
+TEST_F(metadata_test, sizes_are_rounded_half_up) {
     RTMPConnection& publisher = add_publisher();
     RTMPConnection& player = add_player();
     data_message(publisher,
@@ -194,7 +194,7 @@ TEST_F(MetadataTest, sizes_are_rounded_half_up) {
     }
 }
 
-TEST_F(MetadataTest, another_format_drops_every_player_that_was_told_one) {
+TEST_F(metadata_test, another_format_drops_every_player_that_was_told_one) {
     struct Case {
         std::string key;
         double other;
@@ -230,7 +230,7 @@ TEST_F(MetadataTest, another_format_drops_every_player_that_was_told_one) {
     }
 }
 
-TEST_F(MetadataTest, a_member_that_is_absent_leaves_what_was_recorded) {
+TEST_F(metadata_test, a_member_that_is_absent_leaves_what_was_recorded) {
     RTMPConnection& publisher = add_publisher();
     RTMPConnection& player = add_player();
     data_message(publisher, set_metadata(number_member("width", 1280)));
@@ -243,7 +243,7 @@ TEST_F(MetadataTest, a_member_that_is_absent_leaves_what_was_recorded) {
     }
 }
 
-TEST_F(MetadataTest, the_publishers_own_format_follows_its_metadata) {
+TEST_F(metadata_test, the_publishers_own_format_follows_its_metadata) {
     RTMPConnection& publisher = add_publisher();
     data_message(publisher, set_metadata(number_member("audiocodecid", 10)));
     data_message(publisher, set_metadata(number_member("audiocodecid", 2)));
@@ -251,7 +251,7 @@ TEST_F(MetadataTest, the_publishers_own_format_follows_its_metadata) {
     EXPECT_FALSE(publisher.close_requested);
 }
 
-TEST_F(MetadataTest, of_a_rival_is_kept_for_later) {
+TEST_F(metadata_test, of_a_rival_is_kept_for_later) {
     RTMPConnection& publisher = add_publisher();
     RTMPConnection& rival = add_publisher();
     RTMPConnection& player = add_player();
@@ -265,7 +265,7 @@ TEST_F(MetadataTest, of_a_rival_is_kept_for_later) {
     EXPECT_EQ(publisher.metadata.type, AMF_Type::Undefined);
 }
 
-TEST_F(MetadataTest, of_a_publisher_whose_record_has_no_publisher_is_sent) {
+TEST_F(metadata_test, of_a_publisher_whose_record_has_no_publisher_is_sent) {
     RTMPConnection& publisher = add_publisher();
     RTMPConnection& player = add_player();
     record().publisher = NO_CONNECTION;
@@ -274,7 +274,7 @@ TEST_F(MetadataTest, of_a_publisher_whose_record_has_no_publisher_is_sent) {
     EXPECT_EQ(record().publisher, NO_CONNECTION);
 }
 
-TEST_F(MetadataTest, is_sent_only_to_listed_connections_that_play) {
+TEST_F(metadata_test, is_sent_only_to_listed_connections_that_play) {
     RTMPConnection& publisher = add_publisher();
     RTMPConnection& listed = add_player();
     listed.stream_mode = "publish";
@@ -286,7 +286,7 @@ TEST_F(MetadataTest, is_sent_only_to_listed_connections_that_play) {
     EXPECT_EQ(take_queued(player).size(), 1U);
 }
 
-TEST_F(MetadataTest, of_more_than_65536_bytes_is_recorded_but_reaches_no_player) {
+TEST_F(metadata_test, of_more_than_65536_bytes_is_recorded_but_reaches_no_player) {
     // Name, object, key and end: 13 + 1 + 3 + 3 bytes; marker and length of the text: 3.
     constexpr std::size_t LONGEST_TEXT = 65536 - 13 - 1 - 3 - 3 - 3;
     RTMPConnection& publisher = add_publisher();
@@ -305,7 +305,7 @@ TEST_F(MetadataTest, of_more_than_65536_bytes_is_recorded_but_reaches_no_player)
 }
 
 // 100 KB can be sent to nobody; everything else is done with them as with any metadata.
-TEST_F(MetadataTest, that_is_too_large_is_dumped_and_settles_the_format_of_every_player_in_silence) {
+TEST_F(metadata_test, that_is_too_large_is_dumped_and_settles_the_format_of_every_player_in_silence) {
     RTMPConnection& publisher = add_publisher();
     RTMPConnection& first = add_player();
     RTMPConnection& second = add_player();
@@ -334,7 +334,7 @@ TEST_F(MetadataTest, that_is_too_large_is_dumped_and_settles_the_format_of_every
     }
 }
 
-TEST_F(MetadataTest, that_is_too_large_drops_every_player_that_was_told_another_format) {
+TEST_F(metadata_test, that_is_too_large_drops_every_player_that_was_told_another_format) {
     struct Case {
         std::string key;
         std::string printed;
@@ -361,7 +361,7 @@ TEST_F(MetadataTest, that_is_too_large_drops_every_player_that_was_told_another_
     }
 }
 
-TEST_F(MetadataTest, that_can_be_sent_again_takes_the_place_of_what_was_too_large) {
+TEST_F(metadata_test, that_can_be_sent_again_takes_the_place_of_what_was_too_large) {
     RTMPConnection& publisher = add_publisher();
     RTMPConnection& player = add_player();
     data_message(publisher, set_metadata(too_large({})));
@@ -372,7 +372,7 @@ TEST_F(MetadataTest, that_can_be_sent_again_takes_the_place_of_what_was_too_larg
     EXPECT_EQ(take_queued(late_player).size(), 2U);
 }
 
-TEST_F(MetadataTest, numbers_that_fit_no_integer_count_as_absent) {
+TEST_F(metadata_test, numbers_that_fit_no_integer_count_as_absent) {
     RTMPConnection& publisher = add_publisher();
     RTMPConnection& player = add_player();
     data_message(publisher, set_metadata(amf_object({{"width", amf_number(1e300)},
@@ -386,14 +386,14 @@ TEST_F(MetadataTest, numbers_that_fit_no_integer_count_as_absent) {
     EXPECT_EQ(player.stream_format.video_codec_id, 0U);
 }
 
-TEST_F(MetadataTest, of_a_connection_without_a_name_is_forwarded_to_nobody) {
+TEST_F(metadata_test, of_a_connection_without_a_name_is_forwarded_to_nobody) {
     RTMPConnection& conn = add_connection();
     conn.metadata.type = AMF_Type::Object;
     forward_metadata_to_players(conn);
     EXPECT_EQ(stream_count(), 0U);
 }
 
-TEST_F(MetadataDeathTest, a_player_outside_the_table_ends_the_process) {
+TEST_F(metadata_death_test, a_player_outside_the_table_ends_the_process) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     RTMPConnection& publisher = add_publisher();
     const auto tell_slot = [&](std::size_t slot) {

@@ -10,7 +10,7 @@ using Messages = std::vector<QueuedMessage>;
 
 constexpr std::uint64_t GRACE_US = 3500000;
 
-class PublishTest : public AppFixture {};
+class publish_test : public AppFixture {};
 
 Bytes publish_arguments(const Bytes& name, const Bytes& type) {
     return amf_string("publish") + amf_number(5) + amf_null() + name + type;
@@ -18,7 +18,7 @@ Bytes publish_arguments(const Bytes& name, const Bytes& type) {
 
 }  // namespace
 
-TEST_F(PublishTest, makes_the_connection_the_publisher_of_a_free_name) {
+TEST_F(publish_test, makes_the_connection_the_publisher_of_a_free_name) {
     RTMPConnection& conn = add_client();
     receive(conn, make_packet(MESSAGE_AMF0_COMMAND, 4711, publish_command("cam_01"), 8, 77));
     EXPECT_EQ(idle(conn), "Notifing subscribers of time reset\nConnection is publishing 'cam_01'\n");
@@ -33,7 +33,7 @@ TEST_F(PublishTest, makes_the_connection_the_publisher_of_a_free_name) {
     EXPECT_FALSE(conn.close_requested);
 }
 
-TEST_F(PublishTest, does_not_displace_the_publisher_that_is_there) {
+TEST_F(publish_test, does_not_displace_the_publisher_that_is_there) {
     RTMPConnection& first = add_publisher();
     RTMPConnection& second = add_client();
     fake_clock_us += 7;
@@ -46,7 +46,7 @@ TEST_F(PublishTest, does_not_displace_the_publisher_that_is_there) {
     EXPECT_FALSE(first.close_requested);
 }
 
-TEST_F(PublishTest, resets_the_time_of_players_that_came_first_and_drops_those_that_have_had_media) {
+TEST_F(publish_test, resets_the_time_of_players_that_came_first_and_drops_those_that_have_had_media) {
     RTMPConnection& fresh = add_player();
     RTMPConnection& served = add_player();
     served.audio.header_delivered = true;
@@ -59,7 +59,7 @@ TEST_F(PublishTest, resets_the_time_of_players_that_came_first_and_drops_those_t
     EXPECT_TRUE(served.close_requested);
 }
 
-TEST_F(PublishTest, echoes_a_transaction_id_of_any_type) {
+TEST_F(publish_test, echoes_a_transaction_id_of_any_type) {
     for (const Bytes& id : {amf_string("x"), amf_boolean(2), amf_null(), amf_object({})}) {
         RTMPConnection& conn = add_client();
         command(conn, amf_string("publish") + id + amf_null() + amf_string("cam1") + amf_string("live"));
@@ -67,7 +67,7 @@ TEST_F(PublishTest, echoes_a_transaction_id_of_any_type) {
     }
 }
 
-TEST_F(PublishTest, takes_whatever_string_content_its_arguments_have) {
+TEST_F(publish_test, takes_whatever_string_content_its_arguments_have) {
     struct Case {
         Bytes name;
         Bytes type;
@@ -90,7 +90,7 @@ TEST_F(PublishTest, takes_whatever_string_content_its_arguments_have) {
     }
 }
 
-TEST_F(PublishTest, with_the_empty_name_ends_at_the_first_media) {
+TEST_F(publish_test, with_the_empty_name_ends_at_the_first_media) {
     RTMPConnection& conn = add_client();
     EXPECT_EQ(command(conn, publish_command("")),
               "Notifing subscribers of time reset\nConnection is publishing ''\n");
@@ -99,7 +99,7 @@ TEST_F(PublishTest, with_the_empty_name_ends_at_the_first_media) {
     EXPECT_TRUE(conn.close_requested);
 }
 
-TEST_F(PublishTest, is_refused_with_the_first_reason_that_applies) {
+TEST_F(publish_test, is_refused_with_the_first_reason_that_applies) {
     struct Case {
         std::string app_name;
         std::string stream_mode;
@@ -142,7 +142,7 @@ TEST_F(PublishTest, is_refused_with_the_first_reason_that_applies) {
     }
 }
 
-TEST_F(PublishTest, under_a_refused_name_leaves_the_name_to_the_close) {
+TEST_F(publish_test, under_a_refused_name_leaves_the_name_to_the_close) {
     RTMPConnection& conn = add_client();
     command(conn, publish_command("a-b"));
     EXPECT_EQ(conn.stream_mode, "publish");
@@ -154,7 +154,7 @@ TEST_F(PublishTest, under_a_refused_name_leaves_the_name_to_the_close) {
     EXPECT_EQ(printed_by([] { dispose_idle_streams(); }), "Disposing old stream 'a-b'\n");
 }
 
-TEST_F(PublishTest, without_or_with_malformed_arguments_is_refused_in_silence) {
+TEST_F(publish_test, without_or_with_malformed_arguments_is_refused_in_silence) {
     const Bytes id = amf_number(5);
     const Bytes bad = bytes_of({0x0A});
     for (const Bytes& arguments : std::vector<Bytes>{
@@ -177,7 +177,7 @@ TEST_F(PublishTest, without_or_with_malformed_arguments_is_refused_in_silence) {
     }
 }
 
-TEST_F(PublishTest, with_a_transaction_id_that_cannot_be_echoed_does_not_become_the_publisher) {
+TEST_F(publish_test, with_a_transaction_id_that_cannot_be_echoed_does_not_become_the_publisher) {
     RTMPConnection& conn = add_client();
     EXPECT_EQ(command(conn, amf_string("publish") + bytes_of({AMF_OBJECT_END}) + amf_null() +
                                 amf_string("cam1") + amf_string("live")),

@@ -21,12 +21,12 @@ constexpr const char* TAKEOVER =
     "Existing RTMP publisher for stream stalled, taking over as publisher\n"
     "Notifing subscribers of time reset\n";
 
-class PublisherMediaTest : public AppFixture {
+class publisher_media_test : public AppFixture {
   protected:
-    ~PublisherMediaTest() override { opt_dbg_pkt = false; }
+    ~publisher_media_test() override { opt_dbg_pkt = false; }
 };
 
-using PublisherMediaDeathTest = PublisherMediaTest;
+using publisher_media_death_test = publisher_media_test;
 
 }  // namespace
 
@@ -59,7 +59,7 @@ TEST(pacing, does_not_move_before_its_start) {
     EXPECT_EQ(pacing_limit(7000000, 500, 6999999), 500U);
 }
 
-TEST_F(PublisherMediaTest, media_of_a_connection_that_does_not_publish_is_ignored) {
+TEST_F(publisher_media_test, media_of_a_connection_that_does_not_publish_is_ignored) {
     RTMPConnection& player = add_player();
     RTMPConnection& neither = add_client();
     for (RTMPConnection* const conn : {&player, &neither}) {
@@ -74,7 +74,7 @@ TEST_F(PublisherMediaTest, media_of_a_connection_that_does_not_publish_is_ignore
     }
 }
 
-TEST_F(PublisherMediaTest, is_relayed_no_faster_than_real_time) {
+TEST_F(publisher_media_test, is_relayed_no_faster_than_real_time) {
     RTMPConnection& publisher = add_publisher();
     RTMPConnection& player = add_player();
     for (const std::uint32_t timestamp : {5000U, 5000U, 4000U, 5020U, 5040U, 15000U}) {
@@ -98,7 +98,7 @@ TEST_F(PublisherMediaTest, is_relayed_no_faster_than_real_time) {
     EXPECT_TRUE(publisher.connection_in.empty());
 }
 
-TEST_F(PublisherMediaTest,
+TEST_F(publisher_media_test,
        is_paced_from_the_first_timestamp_that_is_not_0_and_the_time_of_the_first_message) {
     RTMPConnection& publisher = add_publisher();
     audio(publisher, 0);
@@ -117,7 +117,7 @@ TEST_F(PublisherMediaTest,
     EXPECT_TRUE(publisher.connection_in.empty());
 }
 
-TEST_F(PublisherMediaTest, is_paced_alike_where_timestamps_outgrow_24_bits) {
+TEST_F(publisher_media_test, is_paced_alike_where_timestamps_outgrow_24_bits) {
     RTMPConnection& publisher = add_publisher();
     receive_audio(publisher, 0xFFFFFF);
     receive_audio(publisher, 0x1000000);
@@ -128,7 +128,7 @@ TEST_F(PublisherMediaTest, is_paced_alike_where_timestamps_outgrow_24_bits) {
     EXPECT_TRUE(publisher.connection_in.empty());
 }
 
-TEST_F(PublisherMediaTest, that_is_late_when_the_clock_wraps_waits_for_the_whole_round) {
+TEST_F(publisher_media_test, that_is_late_when_the_clock_wraps_waits_for_the_whole_round) {
     RTMPConnection& publisher = add_publisher();
     receive_audio(publisher, HIGHEST);
     receive_audio(publisher, 0);
@@ -147,7 +147,7 @@ TEST_F(PublisherMediaTest, that_is_late_when_the_clock_wraps_waits_for_the_whole
     EXPECT_TRUE(publisher.connection_in.empty());
 }
 
-TEST_F(PublisherMediaTest, moves_the_stall_deadline_each_time_it_is_looked_at) {
+TEST_F(publisher_media_test, moves_the_stall_deadline_each_time_it_is_looked_at) {
     RTMPConnection& publisher = add_publisher();
     EXPECT_EQ(publisher.stall_deadline_us, fake_clock_us + FIRST_MEDIA_GRACE_US);
     receive_audio(publisher, 1);
@@ -160,7 +160,7 @@ TEST_F(PublisherMediaTest, moves_the_stall_deadline_each_time_it_is_looked_at) {
     }
 }
 
-TEST_F(PublisherMediaTest, without_players_is_announced_anew_each_pass_once_it_is_held_for_five_seconds) {
+TEST_F(publisher_media_test, without_players_is_announced_anew_each_pass_once_it_is_held_for_five_seconds) {
     RTMPConnection& publisher = add_publisher();
     receive_audio(publisher, 1);
     receive_audio(publisher, 3600001);
@@ -174,7 +174,7 @@ TEST_F(PublisherMediaTest, without_players_is_announced_anew_each_pass_once_it_i
     EXPECT_EQ(pass(), "Notifing subscribers of time reset\nDisposing old stream 'cam1'\n");
 }
 
-TEST_F(PublisherMediaTest, does_not_announce_a_publisher_again_within_five_seconds) {
+TEST_F(publisher_media_test, does_not_announce_a_publisher_again_within_five_seconds) {
     RTMPConnection& publisher = add_publisher();
     EXPECT_EQ(audio(publisher, 1), "Lock on audio type 10\n");
     fake_clock_us += 4999999;
@@ -182,7 +182,7 @@ TEST_F(PublisherMediaTest, does_not_announce_a_publisher_again_within_five_secon
     EXPECT_EQ(audio(publisher, 2), "");
 }
 
-TEST_F(PublisherMediaTest, takes_the_place_of_a_publisher_at_its_deadline_and_not_a_microsecond_before) {
+TEST_F(publisher_media_test, takes_the_place_of_a_publisher_at_its_deadline_and_not_a_microsecond_before) {
     for (const bool first_has_sent_media : {false, true}) {
         RTMPConnection& first = add_publisher();
         RTMPConnection& player = add_player();
@@ -216,7 +216,7 @@ TEST_F(PublisherMediaTest, takes_the_place_of_a_publisher_at_its_deadline_and_no
     }
 }
 
-TEST_F(PublisherMediaTest, that_is_held_keeps_its_publisher_in_place) {
+TEST_F(publisher_media_test, that_is_held_keeps_its_publisher_in_place) {
     RTMPConnection& first = add_publisher();
     receive_audio(first, 1);
     receive_audio(first, 3600001);
@@ -230,7 +230,7 @@ TEST_F(PublisherMediaTest, that_is_held_keeps_its_publisher_in_place) {
     EXPECT_FALSE(first.close_requested);
 }
 
-TEST_F(PublisherMediaTest, takes_the_place_of_a_publisher_that_has_closed) {
+TEST_F(publisher_media_test, takes_the_place_of_a_publisher_that_has_closed) {
     RTMPConnection& first = add_publisher();
     RTMPConnection& second = add_publisher();
     audio(second, 1);
@@ -240,7 +240,7 @@ TEST_F(PublisherMediaTest, takes_the_place_of_a_publisher_that_has_closed) {
     EXPECT_EQ(record().publisher, second.conn_idx);
 }
 
-TEST_F(PublisherMediaTest, that_takes_over_with_another_codec_drops_the_players_in_this_order) {
+TEST_F(publisher_media_test, that_takes_over_with_another_codec_drops_the_players_in_this_order) {
     RTMPConnection& first = add_publisher();
     RTMPConnection& player = add_player();
     data_message(first, set_metadata(amf_object({{"audiocodecid", amf_number(10)}})));
@@ -263,7 +263,7 @@ TEST_F(PublisherMediaTest, that_takes_over_with_another_codec_drops_the_players_
     EXPECT_FALSE(second.close_requested);
 }
 
-TEST_F(PublisherMediaTest, does_not_take_the_place_of_a_slot_that_is_empty_or_does_not_publish) {
+TEST_F(publisher_media_test, does_not_take_the_place_of_a_slot_that_is_empty_or_does_not_publish) {
     RTMPConnection& conn = add_publisher();
     record().publisher = MAX_CONNECTIONS - 1;
     EXPECT_EQ(audio(conn, 1), "Lock on audio type 10\n");
@@ -276,7 +276,7 @@ TEST_F(PublisherMediaTest, does_not_take_the_place_of_a_slot_that_is_empty_or_do
     EXPECT_FALSE(idle_client.close_requested);
 }
 
-TEST_F(PublisherMediaTest, on_another_message_stream_is_believed_once_for_each_stream_id_handed_out) {
+TEST_F(publisher_media_test, on_another_message_stream_is_believed_once_for_each_stream_id_handed_out) {
     RTMPConnection& publisher = add_publisher();
     publisher.stream_id = 4711;
     publisher.stream_id_unconfirmed = true;
@@ -296,13 +296,14 @@ TEST_F(PublisherMediaTest, on_another_message_stream_is_believed_once_for_each_s
     EXPECT_EQ(publisher.stream_id, HIGHEST);
 }
 
-TEST_F(PublisherMediaTest, on_any_message_stream_is_fine_when_none_was_handed_out) {
+TEST_F(publisher_media_test, on_any_message_stream_is_fine_when_none_was_handed_out) {
     RTMPConnection& publisher = add_publisher();
     EXPECT_EQ(audio(publisher, 1, AAC_FRAME, 5), "Lock on audio type 10\n");
     EXPECT_EQ(publisher.stream_id, 0U);
 }
 
-TEST_F(PublisherMediaTest, is_shown_on_standard_output_each_time_it_is_looked_at_when_packets_are_debugged) {
+TEST_F(publisher_media_test,
+       is_shown_on_standard_output_each_time_it_is_looked_at_when_packets_are_debugged) {
     RTMPConnection& publisher = add_publisher();
     RTMPConnection& neither = add_client();
     opt_dbg_pkt = true;
@@ -332,7 +333,7 @@ TEST_F(PublisherMediaTest, is_shown_on_standard_output_each_time_it_is_looked_at
     EXPECT_EQ(shown_by_idle(publisher), "");
 }
 
-TEST_F(PublisherMediaDeathTest, a_publisher_outside_the_table_ends_the_process) {
+TEST_F(publisher_media_death_test, a_publisher_outside_the_table_ends_the_process) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     RTMPConnection& conn = add_publisher();
     record().publisher = MAX_CONNECTIONS;

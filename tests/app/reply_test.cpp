@@ -12,7 +12,7 @@ namespace {
 // Marker and length of a string.
 constexpr std::size_t STRING_OVERHEAD = 3;
 
-class ReplyTest : public AppFixture {
+class reply_test : public AppFixture {
   protected:
     static bool queue(RTMPConnection& conn, const AMF_Value& value) {
         const ConnectionLock lock(conn);
@@ -22,7 +22,7 @@ class ReplyTest : public AppFixture {
 
 }  // namespace
 
-TEST_F(ReplyTest, values_are_encoded_one_after_another) {
+TEST_F(reply_test, values_are_encoded_one_after_another) {
     const AMF_Value name = string_value("_result");
     const AMF_Value number = number_value(-2.5);
     const AMF_Value null = null_value();
@@ -31,7 +31,7 @@ TEST_F(ReplyTest, values_are_encoded_one_after_another) {
     EXPECT_EQ(payload_of(pkt), amf_string("_result") + amf_number(-2.5) + amf_null());
 }
 
-TEST_F(ReplyTest, the_buffer_of_a_message_has_the_size_of_what_was_encoded) {
+TEST_F(reply_test, the_buffer_of_a_message_has_the_size_of_what_was_encoded) {
     const AMF_Value null = null_value();
     RTMP_Packet pkt;
     EXPECT_TRUE(encode_values({&null}, pkt.chunk.message));
@@ -39,7 +39,7 @@ TEST_F(ReplyTest, the_buffer_of_a_message_has_the_size_of_what_was_encoded) {
     EXPECT_LT(malloc_usable_size(pkt.chunk.message.data), 64U);
 }
 
-TEST_F(ReplyTest, a_message_of_65536_bytes_is_encoded_and_a_longer_one_is_not) {
+TEST_F(reply_test, a_message_of_65536_bytes_is_encoded_and_a_longer_one_is_not) {
     constexpr std::size_t LONGEST = MAX_ENCODED_BYTES - STRING_OVERHEAD;
     AMF_Value value;
     value.set_string(std::string(LONGEST, 'x'));
@@ -58,7 +58,7 @@ TEST_F(ReplyTest, a_message_of_65536_bytes_is_encoded_and_a_longer_one_is_not) {
     EXPECT_FALSE(encode_values({&long_string}, pkt.chunk.message));
 }
 
-TEST_F(ReplyTest, a_reply_has_the_header_of_the_request_and_waits_behind_others) {
+TEST_F(reply_test, a_reply_has_the_header_of_the_request_and_waits_behind_others) {
     RTMPConnection& conn = add_connection();
     EXPECT_TRUE(queue(conn, null_value()));
     EXPECT_TRUE(queue(conn, number_value(7)));
@@ -68,7 +68,7 @@ TEST_F(ReplyTest, a_reply_has_the_header_of_the_request_and_waits_behind_others)
                                           {MESSAGE_AMF0_COMMAND, 4711, amf_number(7), 70, 9}}));
 }
 
-TEST_F(ReplyTest, nothing_is_queued_that_cannot_be_encoded) {
+TEST_F(reply_test, nothing_is_queued_that_cannot_be_encoded) {
     RTMPConnection& conn = add_connection();
     AMF_Value too_long;
     too_long.set_string(std::string(MAX_ENCODED_BYTES, 'x'));
@@ -81,7 +81,7 @@ TEST_F(ReplyTest, nothing_is_queued_that_cannot_be_encoded) {
     EXPECT_TRUE(conn.connection_out.empty());
 }
 
-TEST_F(ReplyTest, a_status_has_three_properties_in_key_order) {
+TEST_F(reply_test, a_status_has_three_properties_in_key_order) {
     RTMPConnection& conn = add_connection();
     {
         const ConnectionLock lock(conn);

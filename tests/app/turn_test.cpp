@@ -6,12 +6,13 @@ namespace {
 
 using testing::ElementsAre;
 
-class TurnTest : public AppFixture {
+class turn_test : public AppFixture {
   protected:
-    TurnTest() { wrapped_calls = {}; }
-    ~TurnTest() override { wrapped_calls = {}; }
+    turn_test() { wrapped_calls = {}; }
+    ~turn_test() override { wrapped_calls = {}; }
 
-    // Every message of conn takes so long. A message is looked at under the lock, which is taken once for each.
+    // Every message of conn takes so long. A message is looked at under the lock, which is taken once
+    // for each.
     static void make_messages_take(const RTMPConnection& conn, std::uint64_t us) {
         wrapped_calls.at_lock = [&conn, us](const pthread_mutex_t* mutex) {
             fake_clock_us += mutex == &conn.mutex.handle ? us : 0;
@@ -38,7 +39,7 @@ class TurnTest : public AppFixture {
 
 }  // namespace
 
-TEST_F(TurnTest, a_turn_ends_after_the_message_during_which_20_ms_have_passed) {
+TEST_F(turn_test, a_turn_ends_after_the_message_during_which_20_ms_have_passed) {
     struct Case {
         std::uint64_t us;
         std::size_t handled;
@@ -54,7 +55,7 @@ TEST_F(TurnTest, a_turn_ends_after_the_message_during_which_20_ms_have_passed) {
     }
 }
 
-TEST_F(TurnTest, what_a_turn_has_left_keeps_its_order_and_is_handled_in_the_next_passes) {
+TEST_F(turn_test, what_a_turn_has_left_keeps_its_order_and_is_handled_in_the_next_passes) {
     RTMPConnection& conn = add_connection();
     receive_numbered(conn, 5);
     make_messages_take(conn, 10000);
@@ -63,7 +64,7 @@ TEST_F(TurnTest, what_a_turn_has_left_keeps_its_order_and_is_handled_in_the_next
     EXPECT_THAT(answered(conn), ElementsAre(4));
 }
 
-TEST_F(TurnTest, a_long_turn_of_one_connection_takes_nothing_from_the_turn_of_the_next) {
+TEST_F(turn_test, a_long_turn_of_one_connection_takes_nothing_from_the_turn_of_the_next) {
     RTMPConnection& slow = add_connection();
     RTMPConnection& next = add_connection();
     receive_numbered(slow, 2);
@@ -74,7 +75,7 @@ TEST_F(TurnTest, a_long_turn_of_one_connection_takes_nothing_from_the_turn_of_th
     EXPECT_EQ(next.connection_in.size(), 0U);
 }
 
-TEST_F(TurnTest, a_message_that_asks_for_the_close_does_not_end_the_turn) {
+TEST_F(turn_test, a_message_that_asks_for_the_close_does_not_end_the_turn) {
     RTMPConnection& conn = add_connection();
     receive_command(conn, amf_string("badcmd"));
     receive_numbered(conn, 4);

@@ -37,6 +37,12 @@ TEST(diag, writes_the_formatted_line_to_standard_error) {
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "chunk size 4096 for 'cam1'\n");
 }
 
+TEST(diag, refuse_writes_the_formatted_line_and_returns_false) {
+    testing::internal::CaptureStderr();
+    EXPECT_FALSE(refuse("Unknown command '%s'\n", "seek"));
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "Unknown command 'seek'\n");
+}
+
 TEST(diag, writes_lines_of_any_length_whole) {
     for (const std::size_t length : {510U, 511U, 512U, 513U, 1048575U}) {
         const std::string name(length, 'x');

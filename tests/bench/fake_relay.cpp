@@ -129,7 +129,8 @@ bool FakeRelay::take_handshake(Client& client) const {
     return true;
 }
 
-// Messages of the load generators begin with a header of format 0 and are continued without another one in between.
+// Messages of the load generators begin with a header of format 0 and are continued without another one
+// in between.
 bool FakeRelay::take_message(Client& client) {
     const Bytes& input = client.input;
     if (input.size() < FIRST_HEADER_BYTES) {

@@ -1,6 +1,6 @@
-// A small relay that does to each player what it is told: it loses, doubles, swaps, changes or delays frames at planned
-// places. It proves that a load generator notices exactly that. One thread; a port of the system's choice on the
-// loopback.
+// A small relay that does to each player what it is told: it loses, doubles, swaps, changes or delays frames
+// at planned places. It proves that a load generator notices exactly that. One thread; a port of the system's
+// choice on the loopback.
 #pragma once
 
 #include <atomic>

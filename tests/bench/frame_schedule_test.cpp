@@ -27,7 +27,7 @@ Sum sum_of(const StreamShape& shape, std::uint32_t ms) {
     return sum;
 }
 
-TEST(FrameSchedule, AStreamHasItsRateItsKeyFramesAndItsAudio) {
+TEST(frame_schedule, AStreamHasItsRateItsKeyFramesAndItsAudio) {
     StreamShape shape;
     shape.set_video_kbit(4000);
     EXPECT_EQ(shape.video_kbit(), 4000U);
@@ -39,7 +39,7 @@ TEST(FrameSchedule, AStreamHasItsRateItsKeyFramesAndItsAudio) {
     EXPECT_EQ(shape.key_interval_ms(), 2000U);
 }
 
-TEST(FrameSchedule, KeyFramesOfTwelveMeansLeaveTheRateAsItIs) {
+TEST(frame_schedule, KeyFramesOfTwelveMeansLeaveTheRateAsItIs) {
     StreamShape shape;
     shape.set_video_kbit(8000);
     shape.key_frame_in_means = 12;
@@ -48,13 +48,13 @@ TEST(FrameSchedule, KeyFramesOfTwelveMeansLeaveTheRateAsItIs) {
     EXPECT_EQ(sum.largest, 12 * shape.mean_frame_bytes);
 }
 
-TEST(FrameSchedule, AStreamWithoutAudioHasNone) {
+TEST(frame_schedule, AStreamWithoutAudioHasNone) {
     StreamShape shape;
     shape.audio_kbit_per_second = 0;
     EXPECT_EQ(sum_of(shape, 1000).audio_bytes, 0U);
 }
 
-TEST(FrameSchedule, AStreamOfKeyFramesOnlyHasNoOthers) {
+TEST(frame_schedule, AStreamOfKeyFramesOnlyHasNoOthers) {
     StreamShape shape;
     shape.frames_per_key_frame = 1;
     EXPECT_EQ(sum_of(shape, 1000).key_frames, 30U);

@@ -4,7 +4,7 @@
 
 namespace {
 
-TEST(Lateness, PercentilesAreThoseOfTheMessagesToHalfAMillisecond) {
+TEST(lateness, PercentilesAreThoseOfTheMessagesToHalfAMillisecond) {
     Lateness lateness;
     for (std::uint64_t ms = 1; ms <= 100; ++ms) {
         lateness.add(ms * 1000 - 1);
@@ -15,13 +15,13 @@ TEST(Lateness, PercentilesAreThoseOfTheMessagesToHalfAMillisecond) {
     EXPECT_EQ(lateness.count(), 100U);
 }
 
-TEST(Lateness, APercentileIsNeverMoreThanTheMost) {
+TEST(lateness, APercentileIsNeverMoreThanTheMost) {
     Lateness lateness;
     lateness.add(100);
     EXPECT_DOUBLE_EQ(lateness.percentile_ms(0.5), 0.1);
 }
 
-TEST(Lateness, WhatTookLongerThanTheLimitIsCounted) {
+TEST(lateness, WhatTookLongerThanTheLimitIsCounted) {
     Lateness lateness;
     for (const std::uint64_t us : {100U, 249999U, 250000U, 251000U, 60000000U}) {
         lateness.add(us);
@@ -32,7 +32,7 @@ TEST(Lateness, WhatTookLongerThanTheLimitIsCounted) {
     EXPECT_DOUBLE_EQ(lateness.most_ms(), 60000);
 }
 
-TEST(Lateness, TheHistogramHoldsEveryStepThatIsNotEmpty) {
+TEST(lateness, TheHistogramHoldsEveryStepThatIsNotEmpty) {
     Lateness lateness;
     for (const std::uint64_t us : {100U, 400U, 500U, 7499U}) {
         lateness.add(us);
@@ -41,7 +41,7 @@ TEST(Lateness, TheHistogramHoldsEveryStepThatIsNotEmpty) {
     EXPECT_EQ(lateness.histogram(), expected);
 }
 
-TEST(Lateness, WithoutMessagesEverythingIsZero) {
+TEST(lateness, WithoutMessagesEverythingIsZero) {
     const Lateness lateness;
     EXPECT_EQ(lateness.count(), 0U);
     EXPECT_EQ(lateness.later_than_ms(1), 0U);
@@ -49,7 +49,7 @@ TEST(Lateness, WithoutMessagesEverythingIsZero) {
     EXPECT_DOUBLE_EQ(lateness.most_ms(), 0);
 }
 
-TEST(Lateness, MergedCountsAreThoseOfBoth) {
+TEST(lateness, MergedCountsAreThoseOfBoth) {
     Lateness one;
     Lateness other;
     one.add(1000);

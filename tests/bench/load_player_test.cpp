@@ -1,9 +1,6 @@
-// What the load's player makes of a server that keeps to the rules, and of one that loses, damages or misplaces
-// something. The server is a socket that says what it is told.
+// What the load's player makes of a server that keeps to the rules, and of one that loses, damages or
+// misplaces something. The server is a socket that says what it is told.
 #include "bench/load_player.h"
-
-#include "tests/support/media_bytes.h"
-#include "tests/support/test_failure.h"
 
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
@@ -14,6 +11,9 @@
 
 #include <memory>
 
+#include "tests/support/media_bytes.h"
+#include "tests/support/test_failure.h"
+
 namespace {
 
 constexpr std::uint32_t AUDIO_CSID = 4;
@@ -21,9 +21,9 @@ constexpr std::uint32_t VIDEO_CSID = 6;
 // What a late player's clock is behind the publisher's.
 constexpr std::uint32_t SHIFT_MS = 5000;
 
-class LoadPlayerTest : public testing::Test {
+class load_player_test : public testing::Test {
   protected:
-    LoadPlayerTest() {
+    load_player_test() {
         sockaddr_in address{};
         address.sin_family = AF_INET;
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
@@ -37,7 +37,7 @@ class LoadPlayerTest : public testing::Test {
         player = std::make_unique<LoadPlayer>(RtmpClient(options), "stream", DEFAULT_CHUNK_SIZE);
         server = accept(listener, nullptr, nullptr);
     }
-    ~LoadPlayerTest() override {
+    ~load_player_test() override {
         close(server);
         close(listener);
     }
@@ -99,7 +99,7 @@ class LoadPlayerTest : public testing::Test {
     FrameTally tally;
 };
 
-TEST_F(LoadPlayerTest, EverythingInItsPlaceIsCountedAndNothingElse) {
+TEST_F(load_player_test, EverythingInItsPlaceIsCountedAndNothingElse) {
     serve(headers() + frame(100) + frame(101) + frame(102, 1) + frame(103, 5000));
     let_read();
     expect_tally(4, 0, 0);
@@ -107,46 +107,46 @@ TEST_F(LoadPlayerTest, EverythingInItsPlaceIsCountedAndNothingElse) {
     EXPECT_EQ(tally.lateness.count(), 4U);
 }
 
-TEST_F(LoadPlayerTest, ItDoesNotMatterHowTheBytesAreCut) {
+TEST_F(load_player_test, ItDoesNotMatterHowTheBytesAreCut) {
     serve(headers() + frame(100, 300) + frame(101, 257) + frame(102, 500));
     let_read(1);
     expect_tally(3, 0, 0);
 }
 
-TEST_F(LoadPlayerTest, FramesThatAreMissingAreLost) {
+TEST_F(load_player_test, FramesThatAreMissingAreLost) {
     serve(headers() + frame(100) + frame(103) + frame(104));
     let_read();
     expect_tally(3, 2, 0);
 }
 
-TEST_F(LoadPlayerTest, AFrameThatComesTwiceIsDoubled) {
+TEST_F(load_player_test, AFrameThatComesTwiceIsDoubled) {
     serve(headers() + frame(100) + frame(101) + frame(101) + frame(100) + frame(102));
     let_read();
     expect_tally(5, 0, 0);
     expect_order(2, 0);
 }
 
-TEST_F(LoadPlayerTest, AFrameThatComesAfterALaterOneIsSwappedAndNotLost) {
+TEST_F(load_player_test, AFrameThatComesAfterALaterOneIsSwappedAndNotLost) {
     serve(headers() + frame(100) + frame(102) + frame(101) + frame(103) + frame(106) + frame(104));
     let_read();
     expect_tally(6, 1, 0);
     expect_order(0, 2);
 }
 
-TEST_F(LoadPlayerTest, AGapOfManyFramesIsForgottenAfterOnesThatAreSeen) {
+TEST_F(load_player_test, AGapOfManyFramesIsForgottenAfterOnesThatAreSeen) {
     serve(headers() + frame(100) + frame(163) + frame(101) + frame(228) + frame(164) + frame(228));
     let_read();
     expect_tally(6, 62 - 1 + 64, 0);
     expect_order(2, 1);
 }
 
-TEST_F(LoadPlayerTest, TheFirstPictureOfAPlayerIsTimedOnce) {
+TEST_F(load_player_test, TheFirstPictureOfAPlayerIsTimedOnce) {
     serve(headers() + frame(101) + frame(102) + frame(104));
     let_read();
     EXPECT_EQ(tally.first_pictures.count(), 1U);
 }
 
-TEST_F(LoadPlayerTest, AChangedByteIsDamage) {
+TEST_F(load_player_test, AChangedByteIsDamage) {
     Bytes payload = stamped_frame(FrameKind::VIDEO_KEY, 1000, {100, media_ms(100), now_us()});
     payload[500] = static_cast<char>(payload[500] + 1);
     serve(headers() + video_message(payload, media_ms(100)));
@@ -154,7 +154,7 @@ TEST_F(LoadPlayerTest, AChangedByteIsDamage) {
     expect_tally(1, 0, 1);
 }
 
-TEST_F(LoadPlayerTest, ATimestampThatLeavesThePlayersClockIsDamage) {
+TEST_F(load_player_test, ATimestampThatLeavesThePlayersClockIsDamage) {
     const FrameStamp stamp{102, media_ms(102), now_us()};
     serve(headers() + frame(100) + frame(101) +
           video_message(stamped_frame(FrameKind::VIDEO_INTER, 1000, stamp), stamp.media_ms + 1));
@@ -162,14 +162,14 @@ TEST_F(LoadPlayerTest, ATimestampThatLeavesThePlayersClockIsDamage) {
     expect_tally(3, 0, 1);
 }
 
-TEST_F(LoadPlayerTest, AFrameBeforeItsDecoderSettingsIsDamage) {
+TEST_F(load_player_test, AFrameBeforeItsDecoderSettingsIsDamage) {
     serve(chunked({.type = MSG_VIDEO, .payload = avc_header(), .csid = VIDEO_CSID}) + frame(100) +
           frame(101));
     let_read();
     expect_tally(2, 0, 1);
 }
 
-TEST_F(LoadPlayerTest, AContinuationOfAnotherChunkStreamIsDamage) {
+TEST_F(load_player_test, AContinuationOfAnotherChunkStreamIsDamage) {
     Bytes bytes = frame(100, 200);
     constexpr std::size_t CONTINUATION_OFFSET = 12 + DEFAULT_CHUNK_SIZE;
     ASSERT_EQ(static_cast<unsigned char>(bytes[CONTINUATION_OFFSET]), 0xC0 + VIDEO_CSID);
@@ -179,7 +179,7 @@ TEST_F(LoadPlayerTest, AContinuationOfAnotherChunkStreamIsDamage) {
     expect_tally(1, 0, 1);
 }
 
-TEST_F(LoadPlayerTest, AnExtendedTimestampStandsBehindTheFirstHeaderAlone) {
+TEST_F(load_player_test, AnExtendedTimestampStandsBehindTheFirstHeaderAlone) {
     for (std::uint32_t sequence : {1000000U, 1000001U, 1000002U}) {
         serve((sequence == 1000000U ? headers() : Bytes()) + frame(sequence, 500));
     }
@@ -187,7 +187,7 @@ TEST_F(LoadPlayerTest, AnExtendedTimestampStandsBehindTheFirstHeaderAlone) {
     expect_tally(3, 0, 0);
 }
 
-TEST_F(LoadPlayerTest, ItPlaysWhenConnectCreateStreamAndPlayHaveBeenAnswered) {
+TEST_F(load_player_test, ItPlaysWhenConnectCreateStreamAndPlayHaveBeenAnswered) {
     const Bytes answer = chunked({.payload = amf_string("_result")});
     serve(answer + answer + chunked({.type = MSG_ACKNOWLEDGEMENT, .payload = be32(1), .csid = 2}) +
           chunked({.type = MSG_DATA}));
@@ -199,14 +199,14 @@ TEST_F(LoadPlayerTest, ItPlaysWhenConnectCreateStreamAndPlayHaveBeenAnswered) {
     EXPECT_EQ(player->next_frame(), std::nullopt);
 }
 
-TEST_F(LoadPlayerTest, LatenessIsLeftOutWhereOnlyLossIsMeasured) {
+TEST_F(load_player_test, LatenessIsLeftOutWhereOnlyLossIsMeasured) {
     serve(headers() + frame(100) + frame(102));
     let_read(1 << 16, Measure::LOSS_ONLY);
     expect_tally(2, 1, 0);
     EXPECT_EQ(tally.lateness.count(), 0U);
 }
 
-TEST_F(LoadPlayerTest, TheEndOfTheConnectionIsTold) {
+TEST_F(load_player_test, TheEndOfTheConnectionIsTold) {
     shutdown(server, SHUT_WR);
     std::vector<char> buffer(16);
     pollfd entry{player->fd(), POLLIN, 0};

@@ -1,5 +1,5 @@
-// relay_load against a relay with planted faults: it must count exactly those. And each of its modes, in short, with the
-// real server.
+// relay_load against a relay with planted faults: it must count exactly those. And each of its modes, in
+// short, with the real server.
 #include <gtest/gtest.h>
 
 #include <nlohmann/json.hpp>
@@ -57,7 +57,7 @@ void PrintTo(const Counts& counts, std::ostream* out) {
          << counts.damaged << " damaged, " << counts.late << " late";
 }
 
-TEST(RelayLoad, FindsNothingWrongWithARelayThatKeepsToTheRules) {
+TEST(relay_load, FindsNothingWrongWithARelayThatKeepsToTheRules) {
     const FakeRelay relay({});
     const LoadRun run = run_load(three_seconds_of(relay));
     EXPECT_EQ(counts_of(run.report), (Counts{0, 0, 0, 0, 0}));
@@ -67,7 +67,7 @@ TEST(RelayLoad, FindsNothingWrongWithARelayThatKeepsToTheRules) {
     EXPECT_EQ(run.program.end, (ProgramEnd{0, 0}));
 }
 
-TEST(RelayLoad, CountsEveryPlantedFaultOfEveryPlayerOnce) {
+TEST(relay_load, CountsEveryPlantedFaultOfEveryPlayerOnce) {
     const FakeRelay relay({.faults = {{20, Fault::LOSE},
                                       {21, Fault::LOSE},
                                       {30, Fault::DOUBLE},
@@ -95,23 +95,23 @@ struct OneFault {
     Counts counts;
 };
 
-class RelayLoadFault : public testing::TestWithParam<OneFault> {};
+class relay_load_fault_test : public testing::TestWithParam<OneFault> {};
 
-TEST_P(RelayLoadFault, IsCountedAsWhatItIsAndAsNothingElse) {
+TEST_P(relay_load_fault_test, IsCountedAsWhatItIsAndAsNothingElse) {
     const FakeRelay relay({.faults = {{40, GetParam().fault}}});
     const LoadRun run = run_load({"--server", relay.address(), "--players", "1", "--seconds", "1.5", "--kbit",
                                   "400", "--chunk-size", "1000", "--publisher-chunk-size", "128"});
     EXPECT_EQ(counts_of(run.report), GetParam().counts);
 }
 
-INSTANTIATE_TEST_SUITE_P(Each, RelayLoadFault,
+INSTANTIATE_TEST_SUITE_P(each, relay_load_fault_test,
                          testing::Values(OneFault{Fault::LOSE, {1, 0, 0, 0, 0}},
                                          OneFault{Fault::DOUBLE, {0, 1, 0, 0, 0}},
                                          OneFault{Fault::SWAP, {0, 0, 1, 0, 0}},
                                          OneFault{Fault::FLIP, {0, 0, 0, 1, 0}},
                                          OneFault{Fault::DELAY, {0, 0, 0, 0, 1}}));
 
-TEST(RelayLoad, CapacityIsTheHighestRateThatHolds) {
+TEST(relay_load, CapacityIsTheHighestRateThatHolds) {
     // 6000 bytes are 1440 kbit/s at 30 frames a second.
     const FakeRelay relay({.faults = {}, .most_frame_bytes = 6000});
     const LoadRun run = run_load({"--mode", "capacity", "--server", relay.address(), "--players", "1",
@@ -122,7 +122,7 @@ TEST(RelayLoad, CapacityIsTheHighestRateThatHolds) {
     EXPECT_EQ(run.program.end, (ProgramEnd{0, 0}));
 }
 
-TEST(RelayLoad, APortThatIsNoPortIsRefused) {
+TEST(relay_load, APortThatIsNoPortIsRefused) {
     for (const char* const address : {"127.0.0.1:", "127.0.0.1:0", "127.0.0.1:x", "127.0.0.1:99999"}) {
         const ProgramRun run = run_program({RELAY_LOAD_PATH, "--server", address}, {}, RUN_WAIT);
         EXPECT_NE(run.end, (ProgramEnd{0, 0}));
@@ -130,14 +130,14 @@ TEST(RelayLoad, APortThatIsNoPortIsRefused) {
     }
 }
 
-TEST(RelayLoad, TheBareSenderMakesOneSendForEachMessageAndPlayer) {
+TEST(relay_load, TheBareSenderMakesOneSendForEachMessageAndPlayer) {
     const LoadRun run = run_load({"--mode", "floor", "--players", "7", "--seconds", "0.5"});
     EXPECT_GT(run.report["messages"], 30);
     EXPECT_EQ(run.report["sends"].get<int>(), 7 * run.report["messages"].get<int>());
     EXPECT_EQ(counts_of(run.report), (Counts{0, 0, 0, 0, 0}));
 }
 
-TEST(RelayLoad, StormsLoseNothing) {
+TEST(relay_load, StormsLoseNothing) {
     const LoadRun run = run_load({"--mode", "storm", "--players", "5", "--seconds", "1"});
     EXPECT_EQ(counts_of(run.report), (Counts{0, 0, 0, 0, 0}));
     EXPECT_GT(run.report["visits"], 0);
@@ -145,7 +145,7 @@ TEST(RelayLoad, StormsLoseNothing) {
     EXPECT_EQ(run.program.end, (ProgramEnd{0, 0}));
 }
 
-TEST(RelayLoad, IdlePlayersAndSleepersAreMeasured) {
+TEST(relay_load, IdlePlayersAndSleepersAreMeasured) {
     const LoadRun idle = run_load({"--mode", "idle", "--players", "10", "--seconds", "0.5"});
     EXPECT_EQ(idle.program.end, (ProgramEnd{0, 0}));
     EXPECT_GT(idle.report["server"]["voluntary_switches"], 10);

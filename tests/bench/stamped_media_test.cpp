@@ -1,11 +1,11 @@
 #include "bench/stamped_media.h"
 
-#include "tests/support/chunk_bytes.h"
-#include "tests/support/media_bytes.h"
-
 #include <gtest/gtest.h>
 
 #include <array>
+
+#include "tests/support/chunk_bytes.h"
+#include "tests/support/media_bytes.h"
 
 namespace {
 
@@ -18,7 +18,7 @@ struct Kind {
 constexpr std::array<Kind, 3> KINDS{
     {{FrameKind::AUDIO, MSG_AUDIO}, {FrameKind::VIDEO_KEY, MSG_VIDEO}, {FrameKind::VIDEO_INTER, MSG_VIDEO}}};
 
-TEST(StampedMedia, AFrameTellsItsStamp) {
+TEST(stamped_media, AFrameTellsItsStamp) {
     for (const auto& [kind, type] : KINDS) {
         const Bytes frame = stamped_frame(kind, 3000, STAMP);
         EXPECT_EQ(frame.size(), 3000U);
@@ -27,7 +27,7 @@ TEST(StampedMedia, AFrameTellsItsStamp) {
     }
 }
 
-TEST(StampedMedia, AFrameWithOneOtherBitAnywhereHasNoStamp) {
+TEST(stamped_media, AFrameWithOneOtherBitAnywhereHasNoStamp) {
     for (const auto& [kind, type] : KINDS) {
         const Bytes frame = stamped_frame(kind, 60, STAMP);
         for (std::size_t bit = 0; bit < frame.size() * 8; ++bit) {
@@ -38,7 +38,7 @@ TEST(StampedMedia, AFrameWithOneOtherBitAnywhereHasNoStamp) {
     }
 }
 
-TEST(StampedMedia, AFrameThatIsCutAnywhereHasNoStamp) {
+TEST(stamped_media, AFrameThatIsCutAnywhereHasNoStamp) {
     for (const auto& [kind, type] : KINDS) {
         const Bytes frame = stamped_frame(kind, 60, STAMP);
         for (std::size_t size = 0; size < frame.size(); ++size) {
@@ -47,13 +47,13 @@ TEST(StampedMedia, AFrameThatIsCutAnywhereHasNoStamp) {
     }
 }
 
-TEST(StampedMedia, AFrameHasRoomForItsStampHoweverSmallItIsToBe) {
+TEST(stamped_media, AFrameHasRoomForItsStampHoweverSmallItIsToBe) {
     for (const auto& [kind, type] : KINDS) {
         EXPECT_EQ(read_stamp(type, stamped_frame(kind, 0, STAMP)), STAMP);
     }
 }
 
-TEST(StampedMedia, DecoderSettingsAreNoFrames) {
+TEST(stamped_media, DecoderSettingsAreNoFrames) {
     EXPECT_TRUE(is_sequence_header(aac_header()));
     EXPECT_TRUE(is_sequence_header(avc_header()));
     EXPECT_FALSE(is_sequence_header({}));

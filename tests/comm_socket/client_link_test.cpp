@@ -23,9 +23,9 @@ constexpr std::size_t PLENTY = 1u << 30;
 constexpr std::uint64_t TIMEOUT_US = COMM_SOCKET_V4_CLIENT_TIMEOUT_US;
 constexpr std::size_t MEBIBYTE = 1u << 20;
 
-class ClientLinkTest : public testing::Test {
+class client_link_test : public testing::Test {
   public:
-    ClientLinkTest() {
+    client_link_test() {
         int fds[2];
         EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds), 0);
         link = std::make_unique<ClientLink>(fds[0]);
@@ -54,7 +54,7 @@ class ClientLinkTest : public testing::Test {
 
 }  // namespace
 
-TEST_F(ClientLinkTest, reads_requests_that_come_byte_by_byte) {
+TEST_F(client_link_test, reads_requests_that_come_byte_by_byte) {
     for (const char byte : request_frame(1, "hello") + request_frame(2, "list", {"play"})) {
         ASSERT_FALSE(link->has_request() && link->send_error() != 0);
         peer.send_all(std::string(1, byte));
@@ -73,7 +73,7 @@ TEST_F(ClientLinkTest, reads_requests_that_come_byte_by_byte) {
     EXPECT_TRUE(link->is_open());
 }
 
-TEST_F(ClientLinkTest, writes_all_of_a_reply_to_a_peer_that_reads_byte_by_byte) {
+TEST_F(client_link_test, writes_all_of_a_reply_to_a_peer_that_reads_byte_by_byte) {
     std::string sent;
     for (int i = 0; i < 300; i++) {
         const std::string frame = reply_frame(static_cast<std::uint64_t>(i), "hello", "How are you?");
@@ -89,7 +89,7 @@ TEST_F(ClientLinkTest, writes_all_of_a_reply_to_a_peer_that_reads_byte_by_byte) 
     EXPECT_EQ(received, sent);
 }
 
-TEST_F(ClientLinkTest, a_long_reply_leaves_as_the_peer_reads) {
+TEST_F(client_link_test, a_long_reply_leaves_as_the_peer_reads) {
     std::string frame(5 * MEBIBYTE, '\0');
     for (std::size_t i = 0; i < frame.size(); i++)
         frame[i] = static_cast<char>(i * 7 + i / 256);
@@ -105,7 +105,7 @@ TEST_F(ClientLinkTest, a_long_reply_leaves_as_the_peer_reads) {
     EXPECT_EQ(received, frame);
 }
 
-TEST_F(ClientLinkTest, takes_16_mib_behind_the_reply_under_way_and_refuses_then) {
+TEST_F(client_link_test, takes_16_mib_behind_the_reply_under_way_and_refuses_then) {
     link->queue(OutgoingFrame(std::string(100 * MEBIBYTE, 'a')));  // under way; its size does not count
     for (int i = 0; i < 16; i++) {
         ASSERT_TRUE(link->can_queue()) << i;
@@ -117,7 +117,7 @@ TEST_F(ClientLinkTest, takes_16_mib_behind_the_reply_under_way_and_refuses_then)
     EXPECT_EQ(link->send_error(), 0);
 }
 
-TEST_F(ClientLinkTest, a_client_with_too_much_waiting_is_not_asked_for_requests) {
+TEST_F(client_link_test, a_client_with_too_much_waiting_is_not_asked_for_requests) {
     EXPECT_EQ(fill(), 17);  // 16 MiB, and one more
     peer.send_all(request_frame(1, "hello"));
     read();
@@ -130,7 +130,7 @@ TEST_F(ClientLinkTest, a_client_with_too_much_waiting_is_not_asked_for_requests)
     EXPECT_TRUE(link->has_request());
 }
 
-TEST_F(ClientLinkTest, waiting_ends_as_soon_as_there_is_room) {
+TEST_F(client_link_test, waiting_ends_as_soon_as_there_is_room) {
     EXPECT_EQ(fill(), 17);
     std::thread reader([this] { EXPECT_EQ(peer.read_bytes(4 * MEBIBYTE).size(), 4 * MEBIBYTE); });
     const std::uint64_t start = comm_socket::now_us();
@@ -141,7 +141,7 @@ TEST_F(ClientLinkTest, waiting_ends_as_soon_as_there_is_room) {
     reader.join();
 }
 
-TEST_F(ClientLinkTest, waiting_without_any_progress_ends_the_connection) {
+TEST_F(client_link_test, waiting_without_any_progress_ends_the_connection) {
     EXPECT_EQ(fill(), 17);
     const std::uint64_t start = comm_socket::now_us();
     link->wait_until_writable(start + 50000);
@@ -150,7 +150,7 @@ TEST_F(ClientLinkTest, waiting_without_any_progress_ends_the_connection) {
     EXPECT_FALSE(link->is_open());
 }
 
-TEST_F(ClientLinkTest, waiting_with_some_progress_keeps_the_connection) {
+TEST_F(client_link_test, waiting_with_some_progress_keeps_the_connection) {
     EXPECT_EQ(fill(64 * MEBIBYTE), 17);
     // All that the socket holds, so that a little more can leave, but not enough to make room.
     EXPECT_FALSE(peer.read_available().empty());
@@ -159,14 +159,14 @@ TEST_F(ClientLinkTest, waiting_with_some_progress_keeps_the_connection) {
     EXPECT_FALSE(link->can_queue());
 }
 
-TEST_F(ClientLinkTest, waiting_ends_when_the_peer_goes) {
+TEST_F(client_link_test, waiting_ends_when_the_peer_goes) {
     EXPECT_EQ(fill(), 17);
     peer.close_now();
     link->wait_until_writable(comm_socket::now_us() + 60000000);
     EXPECT_TRUE(link->send_error() == EPIPE || link->send_error() == ECONNRESET);
 }
 
-TEST_F(ClientLinkTest, reading_nothing_for_ten_seconds_ends_the_connection) {
+TEST_F(client_link_test, reading_nothing_for_ten_seconds_ends_the_connection) {
     EXPECT_EQ(fill(), 17);
     put_clock_forward(TIMEOUT_US - 1000000);
     write();
@@ -177,7 +177,7 @@ TEST_F(ClientLinkTest, reading_nothing_for_ten_seconds_ends_the_connection) {
     EXPECT_EQ(link->send_error(), ETIMEDOUT);
 }
 
-TEST_F(ClientLinkTest, reading_a_little_within_ten_seconds_keeps_the_connection) {
+TEST_F(client_link_test, reading_a_little_within_ten_seconds_keeps_the_connection) {
     EXPECT_EQ(fill(), 17);
     for (int i = 0; i < 5; i++) {
         put_clock_forward(TIMEOUT_US - 1000000);
@@ -187,7 +187,7 @@ TEST_F(ClientLinkTest, reading_a_little_within_ten_seconds_keeps_the_connection)
     }
 }
 
-TEST(ClientLink, half_a_frame_and_silence_for_ten_seconds_ends_the_connection) {
+TEST(client_link, half_a_frame_and_silence_for_ten_seconds_ends_the_connection) {
     const std::string frame = request_frame(1, "hello");
     for (const std::size_t length : {std::size_t{1}, std::size_t{8}, frame.size() - 1}) {
         int fds[2];
@@ -206,7 +206,7 @@ TEST(ClientLink, half_a_frame_and_silence_for_ten_seconds_ends_the_connection) {
     }
 }
 
-TEST_F(ClientLinkTest, a_frame_that_trickles_for_ten_seconds_ends_the_connection) {
+TEST_F(client_link_test, a_frame_that_trickles_for_ten_seconds_ends_the_connection) {
     const std::string frame = request_frame(1, "hello");
     for (std::size_t i = 0; i < 10; i++) {
         peer.send_all(frame.substr(i, 1));
@@ -219,7 +219,7 @@ TEST_F(ClientLinkTest, a_frame_that_trickles_for_ten_seconds_ends_the_connection
     EXPECT_FALSE(link->is_open());
 }
 
-TEST_F(ClientLinkTest, silence_between_frames_may_last) {
+TEST_F(client_link_test, silence_between_frames_may_last) {
     peer.send_all(request_frame(1, "hello"));
     read();
     put_clock_forward(10 * TIMEOUT_US);
@@ -235,7 +235,7 @@ TEST_F(ClientLinkTest, silence_between_frames_may_last) {
     EXPECT_TRUE(link->is_open());
 }
 
-TEST_F(ClientLinkTest, a_slow_server_is_not_the_clients_fault) {
+TEST_F(client_link_test, a_slow_server_is_not_the_clients_fault) {
     const std::string frame = request_frame(1, std::string(100000, 'c'));
     std::thread sender([this, &frame] { peer.send_all(frame); });
     while (!link->has_request() && link->is_open()) {
@@ -248,7 +248,7 @@ TEST_F(ClientLinkTest, a_slow_server_is_not_the_clients_fault) {
     EXPECT_TRUE(link->has_request());
 }
 
-TEST_F(ClientLinkTest, reads_no_further_ahead_than_it_has_to) {
+TEST_F(client_link_test, reads_no_further_ahead_than_it_has_to) {
     const std::string frame = request_frame(1, std::string(1000, 'c'));
     std::size_t taken = 0;
     for (int idle = 0; idle < 100; idle++) {
@@ -260,7 +260,7 @@ TEST_F(ClientLinkTest, reads_no_further_ahead_than_it_has_to) {
     EXPECT_TRUE(link->is_open());
 }
 
-TEST_F(ClientLinkTest, complete_requests_stay_when_the_peer_has_gone) {
+TEST_F(client_link_test, complete_requests_stay_when_the_peer_has_gone) {
     peer.send_all(request_frame(1, "one") + request_frame(2, "two") + "CS");
     peer.close_now();
     read();
@@ -273,7 +273,7 @@ TEST_F(ClientLinkTest, complete_requests_stay_when_the_peer_has_gone) {
     EXPECT_EQ(text.command, "two");
 }
 
-TEST_F(ClientLinkTest, a_half_closed_peer_gets_its_replies_before_the_link_finishes) {
+TEST_F(client_link_test, a_half_closed_peer_gets_its_replies_before_the_link_finishes) {
     peer.send_all(request_frame(1, "one"));
     peer.shut_sending();
     read();
@@ -296,7 +296,7 @@ TEST_F(ClientLinkTest, a_half_closed_peer_gets_its_replies_before_the_link_finis
     EXPECT_TRUE(peer.is_closed());
 }
 
-TEST_F(ClientLinkTest, what_was_sent_before_leaving_is_read_after_a_failed_reply) {
+TEST_F(client_link_test, what_was_sent_before_leaving_is_read_after_a_failed_reply) {
     peer.send_all(request_frame(1, "one") + request_frame(2, "two"));
     peer.close_now();
     link->queue(OutgoingFrame("reply"));
@@ -309,7 +309,7 @@ TEST_F(ClientLinkTest, what_was_sent_before_leaving_is_read_after_a_failed_reply
     EXPECT_FALSE(link->is_open());
 }
 
-TEST_F(ClientLinkTest, a_peer_that_only_stops_reading_loses_the_connection) {
+TEST_F(client_link_test, a_peer_that_only_stops_reading_loses_the_connection) {
     shutdown(peer.fd, SHUT_RD);
     link->queue(OutgoingFrame("reply"));
     EXPECT_EQ(link->send_error(), EPIPE);

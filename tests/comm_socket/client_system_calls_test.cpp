@@ -14,8 +14,8 @@ namespace {
 
 constexpr std::uint64_t PATIENT_US = 10000000;
 
-// The errors of the next calls of each kind on this thread; when none is left they do what they always do. The server of
-// the tests runs on a thread of its own and is spared.
+// The errors of the next calls of each kind on this thread; when none is left they do what they always do.
+// The server of the tests runs on a thread of its own and is spared.
 struct NextErrors {
     std::vector<int> socket = {};
     std::vector<int> connect = {};
@@ -75,9 +75,9 @@ struct Row {
     comm_socket_v4_error outcome;
 };
 
-class ClientSystemCallsTest : public testing::Test {
+class client_system_calls_test : public testing::Test {
   protected:
-    ~ClientSystemCallsTest() override { next_errors = {}; }
+    ~client_system_calls_test() override { next_errors = {}; }
 
     Connection connect_to_server(comm_socket_v4_error* error) const {
         return Connection(comm_socket_v4_connect(path.c_str(), PATIENT_US, error));
@@ -90,7 +90,7 @@ class ClientSystemCallsTest : public testing::Test {
 
 }  // namespace
 
-TEST_F(ClientSystemCallsTest, a_refused_connection_says_why_and_leaves_no_descriptor) {
+TEST_F(client_system_calls_test, a_refused_connection_says_why_and_leaves_no_descriptor) {
     const int descriptors = count_descriptors();
     for (const Row& row : {Row{&NextErrors::socket, EMFILE, COMM_SOCKET_V4_SYSTEM},
                            {&NextErrors::connect, EACCES, COMM_SOCKET_V4_PERMISSION},
@@ -106,7 +106,7 @@ TEST_F(ClientSystemCallsTest, a_refused_connection_says_why_and_leaves_no_descri
     }
 }
 
-TEST_F(ClientSystemCallsTest, a_refused_call_ends_the_request_with_its_reason) {
+TEST_F(client_system_calls_test, a_refused_call_ends_the_request_with_its_reason) {
     for (const Row& row : {Row{&NextErrors::send, ECONNRESET, COMM_SOCKET_V4_CLOSED},
                            {&NextErrors::send, ENOBUFS, COMM_SOCKET_V4_SYSTEM},
                            {&NextErrors::recv, ECONNRESET, COMM_SOCKET_V4_CLOSED},
@@ -124,7 +124,7 @@ TEST_F(ClientSystemCallsTest, a_refused_call_ends_the_request_with_its_reason) {
     }
 }
 
-TEST_F(ClientSystemCallsTest, after_a_failed_send_nothing_more_is_sent) {
+TEST_F(client_system_calls_test, after_a_failed_send_nothing_more_is_sent) {
     const Connection connection = connect_to_server(nullptr);
     const Packet request = make_request("hello");
     next_errors.send = {ENOBUFS};
@@ -134,7 +134,7 @@ TEST_F(ClientSystemCallsTest, after_a_failed_send_nothing_more_is_sent) {
               COMM_SOCKET_V4_CLOSED);
 }
 
-TEST_F(ClientSystemCallsTest, several_requests_leave_in_one_write) {
+TEST_F(client_system_calls_test, several_requests_leave_in_one_write) {
     const Connection connection = connect_to_server(nullptr);
     const Packet list = make_request("list connections");
     const Packet drop = make_request("drop connection by id", {"5"});
@@ -144,7 +144,7 @@ TEST_F(ClientSystemCallsTest, several_requests_leave_in_one_write) {
     EXPECT_EQ(sends, 1);
 }
 
-TEST_F(ClientSystemCallsTest, interrupted_calls_are_made_again) {
+TEST_F(client_system_calls_test, interrupted_calls_are_made_again) {
     // A reply that is there at once needs no poll, so the first look finds none.
     next_errors = {.connect = {EINTR}, .poll = {EINTR}, .send = {EINTR}, .recv = {EINTR, EAGAIN}};
     comm_socket_v4_error error = COMM_SOCKET_V4_SYSTEM;

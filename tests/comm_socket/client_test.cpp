@@ -43,7 +43,7 @@ class RawListener {
     int fd;
 };
 
-class ClientTest : public testing::Test {
+class client_test : public testing::Test {
   public:
     TemporaryDirectory directory;
     std::string path = directory.file("socket");
@@ -63,7 +63,7 @@ class ClientTest : public testing::Test {
 };
 
 // With a raw server behind the connection.
-class RawServerTest : public ClientTest {
+class raw_server_test : public client_test {
   public:
     RawListener listener{path};
     Connection connection = connected();
@@ -89,7 +89,8 @@ class RawServerTest : public ClientTest {
     }
 };
 
-// Sends a byte a second: the clock goes forward when the byte has been read, and then the next one follows at once.
+// Sends a byte a second: the clock goes forward when the byte has been read, and then the next one follows
+// at once.
 class DrippingServer {
   public:
     DrippingServer(const RawPeer& server, std::string bytes)
@@ -115,7 +116,7 @@ constexpr std::size_t BYTES_TO_ID = 20;
 
 }  // namespace
 
-TEST_F(ClientTest, calls_the_server_and_reads_the_reply) {
+TEST_F(client_test, calls_the_server_and_reads_the_reply) {
     const EchoServer server(path);
     const Connection connection = connected();
     const Packet request = make_request("echo", {"one", std::nullopt, "", "two"});
@@ -134,7 +135,7 @@ TEST_F(ClientTest, calls_the_server_and_reads_the_reply) {
     EXPECT_EQ(pairs, (Pairs{{"argument", "one"}, {"absent", ""}, {"argument", ""}, {"argument", "two"}}));
 }
 
-TEST_F(ClientTest, an_error_status_is_a_reply_like_any_other) {
+TEST_F(client_test, an_error_status_is_a_reply_like_any_other) {
     const EchoServer server(path);
     const Connection connection = connected();
     const Packet request = make_request("no such thing");
@@ -144,7 +145,7 @@ TEST_F(ClientTest, an_error_status_is_a_reply_like_any_other) {
     EXPECT_EQ(reply->status, COMM_SOCKET_V4_STATUS_ERROR);
 }
 
-TEST_F(ClientTest, several_requests_may_be_under_way) {
+TEST_F(client_test, several_requests_may_be_under_way) {
     const EchoServer server(path);
     const Connection connection = connected();
     for (std::uint64_t id = 1; id <= 200; id++) {
@@ -161,7 +162,7 @@ TEST_F(ClientTest, several_requests_may_be_under_way) {
     }
 }
 
-TEST_F(ClientTest, an_async_request_is_sent_and_not_waited_for) {
+TEST_F(client_test, an_async_request_is_sent_and_not_waited_for) {
     const EchoServer server(path);
     const Connection connection = connected();
     const Packet async = make_request("hello");
@@ -179,7 +180,7 @@ TEST_F(ClientTest, an_async_request_is_sent_and_not_waited_for) {
     comm_socket_v4_packet_release(received);
 }
 
-TEST_F(ClientTest, a_request_at_the_limit_goes_through_and_one_beyond_is_not_sent) {
+TEST_F(client_test, a_request_at_the_limit_goes_through_and_one_beyond_is_not_sent) {
     const EchoServer server(path);
     const Connection connection = connected();
     comm_socket_v4_packet* received = nullptr;
@@ -200,7 +201,7 @@ TEST_F(ClientTest, a_request_at_the_limit_goes_through_and_one_beyond_is_not_sen
     EXPECT_EQ(reply->request_id, 1u) << "what was not sent used no id";
 }
 
-TEST_F(ClientTest, says_why_it_could_not_connect) {
+TEST_F(client_test, says_why_it_could_not_connect) {
     EXPECT_EQ(connect_error(path), COMM_SOCKET_V4_NO_SOCKET);
     EXPECT_EQ(connect_error(directory.file("missing/socket")), COMM_SOCKET_V4_NO_SOCKET);
     std::ofstream(path) << "a file";
@@ -227,7 +228,7 @@ TEST_F(ClientTest, says_why_it_could_not_connect) {
     EXPECT_EQ(comm_socket_v4_connect(nullptr, SHORT_US, nullptr), nullptr);
 }
 
-TEST_F(ClientTest, says_that_it_has_no_permission) {
+TEST_F(client_test, says_that_it_has_no_permission) {
     const DrivenServer server(path);
     ASSERT_EQ(chmod(path.c_str(), 0), 0);
     const pid_t child = fork();
@@ -243,7 +244,7 @@ TEST_F(ClientTest, says_that_it_has_no_permission) {
     EXPECT_EQ(status, 0);
 }
 
-TEST_F(ClientTest, connecting_to_a_full_backlog_times_out) {
+TEST_F(client_test, connecting_to_a_full_backlog_times_out) {
     const RawListener listener(path, 0);
     const RawPeer first(path);
     const auto start = std::chrono::steady_clock::now();
@@ -251,7 +252,7 @@ TEST_F(ClientTest, connecting_to_a_full_backlog_times_out) {
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::microseconds(SHORT_US));
 }
 
-TEST_F(ClientTest, connecting_waits_for_a_place_in_the_backlog) {
+TEST_F(client_test, connecting_waits_for_a_place_in_the_backlog) {
     const RawListener listener(path, 0);
     const RawPeer first(path);
     std::thread server([&listener] {
@@ -262,7 +263,7 @@ TEST_F(ClientTest, connecting_waits_for_a_place_in_the_backlog) {
     server.join();
 }
 
-TEST_F(ClientTest, a_full_server_closes_the_connection) {
+TEST_F(client_test, a_full_server_closes_the_connection) {
     const DrivenServer server(path);
     std::vector<RawPeer> peers;
     for (int i = 0; i < 64; i++)
@@ -276,7 +277,7 @@ TEST_F(ClientTest, a_full_server_closes_the_connection) {
     EXPECT_EQ(received, nullptr);
 }
 
-TEST_F(ClientTest, the_mistakes_of_the_caller_are_named) {
+TEST_F(client_test, the_mistakes_of_the_caller_are_named) {
     const DrivenServer server(path);
     const Connection connection = connected();
     comm_socket_v4_packet* received = nullptr;
@@ -300,7 +301,7 @@ TEST_F(ClientTest, the_mistakes_of_the_caller_are_named) {
     EXPECT_EQ(comm_socket_v4_disconnect(nullptr), nullptr);
 }
 
-TEST_F(ClientTest, a_failed_call_leaves_no_reply_behind) {
+TEST_F(client_test, a_failed_call_leaves_no_reply_behind) {
     const DrivenServer server(path);
     const Connection connection = connected();
     const Packet request = make_request("x");
@@ -321,7 +322,7 @@ TEST_F(ClientTest, a_failed_call_leaves_no_reply_behind) {
     expect_none([&](auto reply) { return comm_socket_v4_wait_reply_within(nullptr, 1, 1, 1, reply); });
 }
 
-TEST_F(ClientTest, every_error_has_a_text_of_its_own) {
+TEST_F(client_test, every_error_has_a_text_of_its_own) {
     std::set<std::string> texts;
     for (int error = COMM_SOCKET_V4_OK; error <= COMM_SOCKET_V4_SYSTEM; error++)
         texts.insert(comm_socket_v4_error_text(static_cast<comm_socket_v4_error>(error)));
@@ -331,7 +332,7 @@ TEST_F(ClientTest, every_error_has_a_text_of_its_own) {
                  "unknown error");
 }
 
-TEST_F(RawServerTest, reads_a_reply_that_comes_byte_by_byte) {
+TEST_F(raw_server_test, reads_a_reply_that_comes_byte_by_byte) {
     const std::string frame = reply_frame(1, "hello", "How are you?", {{"a", "b"}});
     std::thread sender([&] {
         for (const char byte : frame) {
@@ -345,7 +346,7 @@ TEST_F(RawServerTest, reads_a_reply_that_comes_byte_by_byte) {
     EXPECT_STREQ(comm_socket_v4_packet_get_pair_value(reply.get(), 0), "b");
 }
 
-TEST_F(RawServerTest, reads_a_reply_of_many_megabytes) {
+TEST_F(raw_server_test, reads_a_reply_of_many_megabytes) {
     const std::string value(20u << 20, 'v');
     std::thread sender([&] {
         server.send_all(reply_frame(1, "list", "", {{"long", value}, {"short", "x"}}));
@@ -357,14 +358,14 @@ TEST_F(RawServerTest, reads_a_reply_of_many_megabytes) {
     EXPECT_STREQ(comm_socket_v4_packet_get_pair_value(reply.get(), 1), "x");
 }
 
-TEST_F(RawServerTest, skips_replies_to_other_requests_and_frames_that_are_no_replies) {
+TEST_F(raw_server_test, skips_replies_to_other_requests_and_frames_that_are_no_replies) {
     server.send_all(reply_frame(7, "late", "") + request_frame(1, "a request") + reply_frame(1, "mine", ""));
     Packet reply;
     ASSERT_EQ(wait(1, &reply), COMM_SOCKET_V4_OK);
     EXPECT_STREQ(comm_socket_v4_packet_get_command(reply.get()), "mine");
 }
 
-TEST_F(RawServerTest, may_wait_again_after_a_time_out_in_the_middle_of_a_reply) {
+TEST_F(raw_server_test, may_wait_again_after_a_time_out_in_the_middle_of_a_reply) {
     const std::string frame = reply_frame(1, "hello", "How are you?");
     server.send_all(frame.substr(0, 30));
     Packet reply;
@@ -374,7 +375,7 @@ TEST_F(RawServerTest, may_wait_again_after_a_time_out_in_the_middle_of_a_reply) 
     EXPECT_EQ(wait(1, &reply), COMM_SOCKET_V4_OK);
 }
 
-TEST_F(RawServerTest, takes_what_is_there_with_a_time_out_of_0) {
+TEST_F(raw_server_test, takes_what_is_there_with_a_time_out_of_0) {
     server.send_all(reply_frame(1, "a", "") + reply_frame(2, "b", ""));
     Packet reply;
     EXPECT_EQ(wait(1, &reply, 0), COMM_SOCKET_V4_OK);
@@ -382,7 +383,7 @@ TEST_F(RawServerTest, takes_what_is_there_with_a_time_out_of_0) {
     EXPECT_EQ(wait(3, &reply, 0), COMM_SOCKET_V4_TIMEOUT);
 }
 
-TEST_F(RawServerTest, a_server_that_talks_without_end_does_not_stretch_the_time_out) {
+TEST_F(raw_server_test, a_server_that_talks_without_end_does_not_stretch_the_time_out) {
     // More than is read at a time: the deadline is looked at in between, and the rest is for the next call.
     const std::string chatter = reply_frame(999, "chatter", std::string(50000, 'x'));
     server.send_all(chatter + chatter + chatter + reply_frame(1, "mine", ""));
@@ -391,7 +392,7 @@ TEST_F(RawServerTest, a_server_that_talks_without_end_does_not_stretch_the_time_
     EXPECT_EQ(wait(1, &reply), COMM_SOCKET_V4_OK);
 }
 
-TEST_F(RawServerTest, a_reply_that_drips_is_waited_for_within_the_limits) {
+TEST_F(raw_server_test, a_reply_that_drips_is_waited_for_within_the_limits) {
     const std::string mine = reply_frame(1, "hello", "How are you?");
     const std::string other = reply_frame(7, "chatter", std::string(200, 'x'));
     const std::string not_a_reply = request_frame(1, "chatter", {std::string(200, 'x')});
@@ -426,7 +427,7 @@ TEST_F(RawServerTest, a_reply_that_drips_is_waited_for_within_the_limits) {
     }
 }
 
-TEST_F(RawServerTest, a_reply_that_drips_does_not_stretch_the_plain_time_out) {
+TEST_F(raw_server_test, a_reply_that_drips_does_not_stretch_the_plain_time_out) {
     const std::string frame = reply_frame(1, "hello", "How are you?");
     server.send_all(frame.substr(0, BYTES_TO_ID));
     const StoppedClock clock;
@@ -435,7 +436,7 @@ TEST_F(RawServerTest, a_reply_that_drips_does_not_stretch_the_plain_time_out) {
     EXPECT_EQ(wait(1, &reply, 5 * SECOND_US), COMM_SOCKET_V4_TIMEOUT);
 }
 
-TEST_F(RawServerTest,
+TEST_F(raw_server_test,
        a_reply_that_stops_in_the_middle_times_out_after_the_silence_and_may_be_waited_for_again) {
     const std::string frame = reply_frame(1, "hello", "How are you?");
     server.send_all(frame.substr(0, 30));
@@ -447,13 +448,13 @@ TEST_F(RawServerTest,
     EXPECT_EQ(wait_within(1, SHORT_US, PATIENT_US, &reply), COMM_SOCKET_V4_OK);
 }
 
-TEST_F(RawServerTest, a_reply_that_came_while_the_client_was_stopped_is_read_all_the_same) {
+TEST_F(raw_server_test, a_reply_that_came_while_the_client_was_stopped_is_read_all_the_same) {
     server.send_all(reply_frame(1, "list", "", {{"long", std::string(150000, 'v')}}));
     Packet reply;
     EXPECT_EQ(wait_within(1, 1, PATIENT_US, &reply), COMM_SOCKET_V4_OK);
 }
 
-TEST_F(RawServerTest, sends_several_requests_in_their_order) {
+TEST_F(raw_server_test, sends_several_requests_in_their_order) {
     const Packet first = make_request("list connections");
     const Packet second = make_request("drop connection by id", {"5", "cam1"});
     const Packet third = make_request("list connections");
@@ -471,7 +472,7 @@ TEST_F(RawServerTest, sends_several_requests_in_their_order) {
     EXPECT_EQ(server.read_available(), "");
 }
 
-TEST_F(RawServerTest, of_several_requests_none_is_sent_when_one_cannot_be) {
+TEST_F(raw_server_test, of_several_requests_none_is_sent_when_one_cannot_be) {
     const Packet good = make_request("hello");
     const Packet unfinished(comm_socket_v4_packet_create());
     const Packet response = make_request("x");
@@ -497,7 +498,7 @@ TEST_F(RawServerTest, of_several_requests_none_is_sent_when_one_cannot_be) {
     EXPECT_EQ(good->request_id, 1u) << "what was not sent used no id";
 }
 
-TEST_F(RawServerTest, a_call_is_not_silent_while_its_request_is_read) {
+TEST_F(raw_server_test, a_call_is_not_silent_while_its_request_is_read) {
     const Packet request = make_request("x", {std::string(2000000, 'a')});
     const std::string frame = request_frame(1, "x", {std::string(2000000, 'a')});
     const StoppedClock clock;
@@ -515,7 +516,7 @@ TEST_F(RawServerTest, a_call_is_not_silent_while_its_request_is_read) {
     const Packet reply(received);
 }
 
-TEST_F(RawServerTest, a_call_to_a_server_that_does_not_read_times_out_after_the_silence) {
+TEST_F(raw_server_test, a_call_to_a_server_that_does_not_read_times_out_after_the_silence) {
     const Packet request = make_request("x", {std::string(2000000, 'a')});
     comm_socket_v4_packet* received = nullptr;
     EXPECT_EQ(
@@ -524,7 +525,7 @@ TEST_F(RawServerTest, a_call_to_a_server_that_does_not_read_times_out_after_the_
     EXPECT_EQ(received, nullptr);
 }
 
-TEST_F(RawServerTest, a_broken_reply_ends_the_connection) {
+TEST_F(raw_server_test, a_broken_reply_ends_the_connection) {
     server.send_all("garbage");
     Packet reply;
     EXPECT_EQ(wait(1, &reply), COMM_SOCKET_V4_BROKEN_FRAME);
@@ -533,7 +534,7 @@ TEST_F(RawServerTest, a_broken_reply_ends_the_connection) {
     EXPECT_EQ(comm_socket_v4_send_request(connection.get(), request.get(), SHORT_US), COMM_SOCKET_V4_CLOSED);
 }
 
-TEST_F(RawServerTest, every_kind_of_broken_reply_is_noticed) {
+TEST_F(raw_server_test, every_kind_of_broken_reply_is_noticed) {
     const std::string rows[] = {
         frame_around(frame_body(0, 1, 0, "x", "", {}, {}), 5),
         std::string("CS\4\0", 4) + be32(268435457),
@@ -552,7 +553,7 @@ TEST_F(RawServerTest, every_kind_of_broken_reply_is_noticed) {
     }
 }
 
-TEST_F(RawServerTest, a_reply_cut_at_any_byte_is_told_from_none) {
+TEST_F(raw_server_test, a_reply_cut_at_any_byte_is_told_from_none) {
     const std::string frame = reply_frame(1, "hello", "x", {{"a", "b"}});
     for (std::size_t length = 0; length < frame.size(); length++) {
         connection = connected();
@@ -566,19 +567,19 @@ TEST_F(RawServerTest, a_reply_cut_at_any_byte_is_told_from_none) {
     }
 }
 
-TEST_F(RawServerTest, sending_to_a_server_that_does_not_read_times_out_and_ends_the_connection) {
+TEST_F(raw_server_test, sending_to_a_server_that_does_not_read_times_out_and_ends_the_connection) {
     const Packet request = make_request("x", {std::string(2000000, 'a')});
     EXPECT_EQ(comm_socket_v4_send_request(connection.get(), request.get(), SHORT_US), COMM_SOCKET_V4_TIMEOUT);
     EXPECT_EQ(comm_socket_v4_send_request(connection.get(), request.get(), SHORT_US), COMM_SOCKET_V4_CLOSED);
 }
 
-TEST_F(RawServerTest, sending_to_a_server_that_has_gone_says_closed) {
+TEST_F(raw_server_test, sending_to_a_server_that_has_gone_says_closed) {
     server.close_now();
     const Packet request = make_request("hello");
     EXPECT_EQ(comm_socket_v4_send_request(connection.get(), request.get(), SHORT_US), COMM_SOCKET_V4_CLOSED);
 }
 
-TEST_F(RawServerTest, sends_the_bytes_of_the_page) {
+TEST_F(raw_server_test, sends_the_bytes_of_the_page) {
     const Packet request = make_request("hello", {"a", std::nullopt});
     ASSERT_EQ(comm_socket_v4_send_request(connection.get(), request.get(), PATIENT_US), COMM_SOCKET_V4_OK);
     const std::string expected = request_frame(1, "hello", {"a", std::nullopt});

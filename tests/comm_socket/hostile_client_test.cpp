@@ -1,5 +1,5 @@
-// What a broken or hostile client does costs it its own connection, and a well-behaved client next to it
-// nothing.
+// What a broken or hostile client does costs it its own connection, and a well-behaved client next to
+// it nothing.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
@@ -14,7 +14,7 @@
 
 namespace {
 
-class HostileClientTest : public testing::Test {
+class hostile_client_test : public testing::Test {
   public:
     // A service ends after 50 ms, which a busy machine may take for fewer clients than these.
     StoppedClock stopped;
@@ -45,7 +45,7 @@ std::string arguments_frame(std::size_t count) {
 
 }  // namespace
 
-TEST_F(HostileClientTest, a_broken_frame_costs_the_connection) {
+TEST_F(hostile_client_test, a_broken_frame_costs_the_connection) {
     const struct {
         const char* what;
         std::string bytes;
@@ -72,7 +72,7 @@ TEST_F(HostileClientTest, a_broken_frame_costs_the_connection) {
     }
 }
 
-TEST_F(HostileClientTest, what_is_just_within_the_limits_is_served) {
+TEST_F(hostile_client_test, what_is_just_within_the_limits_is_served) {
     for (const std::string& bytes :
          {arguments_frame(64), frame_around(frame_body(1, 1, 0, "x", "", {}, Pairs(64)))}) {
         const RawPeer peer(server.path);
@@ -82,7 +82,7 @@ TEST_F(HostileClientTest, what_is_just_within_the_limits_is_served) {
     }
 }
 
-TEST_F(HostileClientTest, a_request_of_2_mib_is_served) {
+TEST_F(hostile_client_test, a_request_of_2_mib_is_served) {
     const RawPeer peer(server.path);
     const std::string frame = request_frame(1, std::string(2097152 - 36, 'c'));
     ASSERT_EQ(frame.size(), 2097152u + 8);
@@ -98,7 +98,7 @@ TEST_F(HostileClientTest, a_request_of_2_mib_is_served) {
     expect_good_is_served();
 }
 
-TEST_F(HostileClientTest, garbage_after_a_good_request_costs_the_connection_after_the_answer) {
+TEST_F(hostile_client_test, garbage_after_a_good_request_costs_the_connection_after_the_answer) {
     const RawPeer hostile(server.path);
     hostile.send_all(request_frame(1, "hello") + "garbage");
     serve();
@@ -108,7 +108,7 @@ TEST_F(HostileClientTest, garbage_after_a_good_request_costs_the_connection_afte
     EXPECT_TRUE(hostile.is_closed());
 }
 
-TEST_F(HostileClientTest, disconnecting_at_any_byte_is_harmless) {
+TEST_F(hostile_client_test, disconnecting_at_any_byte_is_harmless) {
     const std::string frame = request_frame(1, "hello", {"argument", std::nullopt});
     for (std::size_t length = 0; length <= frame.size(); length++) {
         RawPeer hostile(server.path);
@@ -123,7 +123,7 @@ TEST_F(HostileClientTest, disconnecting_at_any_byte_is_harmless) {
         comm_socket_v4_free_client(client);
 }
 
-TEST_F(HostileClientTest, half_a_frame_and_silence_costs_the_connection_after_ten_seconds) {
+TEST_F(hostile_client_test, half_a_frame_and_silence_costs_the_connection_after_ten_seconds) {
     const RawPeer hostile(server.path);
     hostile.send_all(request_frame(1, "hello").substr(0, 30));
     expect_good_is_served();
@@ -133,7 +133,7 @@ TEST_F(HostileClientTest, half_a_frame_and_silence_costs_the_connection_after_te
     EXPECT_TRUE(hostile.is_closed());
 }
 
-TEST_F(HostileClientTest, ten_thousand_requests_and_no_reading_hold_nobody_up) {
+TEST_F(hostile_client_test, ten_thousand_requests_and_no_reading_hold_nobody_up) {
     const RawPeer hostile(server.path);
     const std::string request = request_frame(1, "hello");
     std::string flood;
@@ -151,7 +151,7 @@ TEST_F(HostileClientTest, ten_thousand_requests_and_no_reading_hold_nobody_up) {
     EXPECT_LT(slowest, std::chrono::milliseconds(200));
 }
 
-TEST_F(HostileClientTest, a_flood_of_long_replies_and_no_reading_costs_the_connection) {
+TEST_F(hostile_client_test, a_flood_of_long_replies_and_no_reading_costs_the_connection) {
     const RawPeer hostile(server.path);
     std::string flood;
     for (int i = 0; i < 100; i++)
@@ -174,7 +174,7 @@ TEST_F(HostileClientTest, a_flood_of_long_replies_and_no_reading_costs_the_conne
     }));
 }
 
-TEST_F(HostileClientTest, many_connections_that_come_and_go_leave_nothing_behind) {
+TEST_F(hostile_client_test, many_connections_that_come_and_go_leave_nothing_behind) {
     expect_good_is_served();
     const int descriptors = count_descriptors();
     for (int round = 0; round < 50; round++) {
@@ -191,7 +191,7 @@ TEST_F(HostileClientTest, many_connections_that_come_and_go_leave_nothing_behind
     expect_good_is_served();
 }
 
-TEST_F(HostileClientTest, any_number_of_clients_that_ask_and_leave_locks_nobody_out) {
+TEST_F(hostile_client_test, any_number_of_clients_that_ask_and_leave_locks_nobody_out) {
     constexpr int ROUNDS = 100;
     constexpr std::size_t CLIENTS = 50;
     const StoppedClock clock;  // on a busy machine 50 answers take longer than a service
@@ -208,7 +208,7 @@ TEST_F(HostileClientTest, any_number_of_clients_that_ask_and_leave_locks_nobody_
     }
 }
 
-TEST_F(HostileClientTest, clients_that_have_left_requests_behind_take_no_place_and_no_turns) {
+TEST_F(hostile_client_test, clients_that_have_left_requests_behind_take_no_place_and_no_turns) {
     constexpr int LEAVERS = 100;
     constexpr int REQUESTS = 10;
     const StoppedClock clock;
@@ -237,7 +237,7 @@ TEST_F(HostileClientTest, clients_that_have_left_requests_behind_take_no_place_a
     EXPECT_EQ(expected, 0);
 }
 
-TEST_F(HostileClientTest, a_client_that_left_more_requests_than_are_read_ahead_takes_no_place) {
+TEST_F(hostile_client_test, a_client_that_left_more_requests_than_are_read_ahead_takes_no_place) {
     const StoppedClock clock;
     std::string requests;
     while (requests.size() < 300000) {
@@ -266,7 +266,7 @@ TEST_F(HostileClientTest, a_client_that_left_more_requests_than_are_read_ahead_t
     EXPECT_FALSE(another.is_closed());
 }
 
-TEST_F(HostileClientTest, of_what_clients_left_behind_the_largest_parts_are_discarded_beyond_the_limits) {
+TEST_F(hostile_client_test, of_what_clients_left_behind_the_largest_parts_are_discarded_beyond_the_limits) {
     const StoppedClock clock;
     server.idle();  // takes in the well-behaved client
     std::string requests;
@@ -304,7 +304,7 @@ TEST_F(HostileClientTest, of_what_clients_left_behind_the_largest_parts_are_disc
     EXPECT_EQ(count_of("single"), 1024U);
 }
 
-TEST_F(HostileClientTest, sixty_clients_that_send_long_requests_do_not_keep_a_short_one_waiting) {
+TEST_F(hostile_client_test, sixty_clients_that_send_long_requests_do_not_keep_a_short_one_waiting) {
     const StoppedClock clock;
     const std::string long_request = request_frame(1, std::string(2000000, 'c'));
     std::vector<RawPeer> senders;
@@ -333,7 +333,7 @@ TEST_F(HostileClientTest, sixty_clients_that_send_long_requests_do_not_keep_a_sh
     }
 }
 
-TEST_F(HostileClientTest, random_changes_of_a_good_request_never_disturb_the_others) {
+TEST_F(hostile_client_test, random_changes_of_a_good_request_never_disturb_the_others) {
     std::srand(1);
     const std::string good_frame = request_frame(1, "hello", {"argument", std::nullopt, ""});
     for (int round = 0; round < 300; round++) {

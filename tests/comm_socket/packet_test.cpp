@@ -45,7 +45,7 @@ std::string pair_value(const comm_socket_v4_packet* packet, std::size_t idx) {
 
 }  // namespace
 
-TEST(Packet, is_a_request_without_anything_when_created) {
+TEST(packet, is_a_request_without_anything_when_created) {
     const Packet packet(comm_socket_v4_packet_create());
     ASSERT_NE(packet, nullptr);
     EXPECT_EQ(packet->flags, COMM_SOCKET_V4_REQUEST);
@@ -59,7 +59,7 @@ TEST(Packet, is_a_request_without_anything_when_created) {
     EXPECT_EQ(comm_socket_v4_packet_get_pair_name(packet.get(), 0), nullptr);
 }
 
-TEST(Packet, becomes_a_response_and_async_by_its_flags) {
+TEST(packet, becomes_a_response_and_async_by_its_flags) {
     const Packet packet(comm_socket_v4_packet_create());
     comm_socket_v4_packet_set_async(packet.get(), 1);
     EXPECT_EQ(packet->flags, COMM_SOCKET_V4_REQUEST | COMM_SOCKET_V4_ASYNC);
@@ -69,7 +69,7 @@ TEST(Packet, becomes_a_response_and_async_by_its_flags) {
     EXPECT_EQ(packet->flags, 0u);
 }
 
-TEST(Packet, keeps_what_is_written_in_order) {
+TEST(packet, keeps_what_is_written_in_order) {
     const Packet packet = begun();
     EXPECT_EQ(comm_socket_v4_packet_write_argv(packet.get(), "first"), 0);
     EXPECT_EQ(comm_socket_v4_packet_write_nv_pair(packet.get(), "a", "1"), 0);
@@ -100,7 +100,7 @@ TEST(Packet, keeps_what_is_written_in_order) {
     EXPECT_EQ(comm_socket_v4_packet_get_pair_value(packet.get(), 3), nullptr);
 }
 
-TEST(Packet, is_written_only_between_begin_and_end) {
+TEST(packet, is_written_only_between_begin_and_end) {
     const Packet packet(comm_socket_v4_packet_create());
     EXPECT_REFUSED(comm_socket_v4_packet_write_argv(packet.get(), "x"), EINVAL);
     EXPECT_REFUSED(comm_socket_v4_packet_write_nv_pair(packet.get(), "x", "y"), EINVAL);
@@ -113,7 +113,7 @@ TEST(Packet, is_written_only_between_begin_and_end) {
     EXPECT_EQ(comm_socket_v4_packet_get_argv_count(packet.get()), 0u);
 }
 
-TEST(Packet, forgets_what_was_written_when_it_is_begun_again) {
+TEST(packet, forgets_what_was_written_when_it_is_begun_again) {
     const Packet packet = begun();
     ASSERT_EQ(comm_socket_v4_packet_write_argv(packet.get(), "x"), 0);
     ASSERT_EQ(comm_socket_v4_packet_write_end(packet.get()), 0);
@@ -123,7 +123,7 @@ TEST(Packet, forgets_what_was_written_when_it_is_begun_again) {
     EXPECT_EQ(comm_socket_v4_packet_write_argv(packet.get(), "y"), 0);
 }
 
-TEST(Packet, takes_64_arguments_and_no_more) {
+TEST(packet, takes_64_arguments_and_no_more) {
     const Packet packet = begun();
     for (int i = 0; i < 64; i++)
         ASSERT_EQ(comm_socket_v4_packet_write_argv(packet.get(), i % 2 == 0 ? "x" : nullptr), 0);
@@ -131,7 +131,7 @@ TEST(Packet, takes_64_arguments_and_no_more) {
     EXPECT_EQ(comm_socket_v4_packet_get_argv_count(packet.get()), 64u);
 }
 
-TEST(Packet, takes_65536_pairs_and_no_more) {
+TEST(packet, takes_65536_pairs_and_no_more) {
     const Packet packet = begun();
     for (int i = 0; i < 65536; i++)
         ASSERT_EQ(comm_socket_v4_packet_write_nv_pair(packet.get(), "", ""), 0);
@@ -143,7 +143,7 @@ TEST(Packet, takes_65536_pairs_and_no_more) {
     EXPECT_EQ(comm_socket_v4_packet_get_pair_count(packet.get()), 65536u);
 }
 
-TEST(Packet, takes_a_body_of_256_mib_and_not_a_byte_more) {
+TEST(packet, takes_a_body_of_256_mib_and_not_a_byte_more) {
     const Packet packet = begun("");  // 36 bytes and the 7 of the message
     const std::string value(268435456 - 36 - 7 - 8, 'v');
     EXPECT_REFUSED(
@@ -167,7 +167,7 @@ TEST(Packet, takes_a_body_of_256_mib_and_not_a_byte_more) {
     EXPECT_REFUSED(comm_socket_v4_packet_write_argv(packet.get(), nullptr), EMSGSIZE);
 }
 
-TEST(Packet, joins_a_shared_value_with_what_stands_before_and_after_it) {
+TEST(packet, joins_a_shared_value_with_what_stands_before_and_after_it) {
     SharedBytes bytes("na\0me");
     {
         const Packet packet = begun();
@@ -187,7 +187,7 @@ TEST(Packet, joins_a_shared_value_with_what_stands_before_and_after_it) {
     EXPECT_EQ(bytes.released, 2);
 }
 
-TEST(Packet, gives_shared_bytes_back_once_when_it_is_begun_again) {
+TEST(packet, gives_shared_bytes_back_once_when_it_is_begun_again) {
     SharedBytes bytes("name");
     const Packet packet = begun();
     EXPECT_EQ(comm_socket_v4_packet_write_nv_pair_shared(packet.get(), "n", "", bytes.lend(), ""), 0);
@@ -199,7 +199,7 @@ TEST(Packet, gives_shared_bytes_back_once_when_it_is_begun_again) {
     EXPECT_EQ(pair_value(packet.get(), 0), "another");
 }
 
-TEST(Packet, gives_shared_bytes_back_before_it_refuses_them) {
+TEST(packet, gives_shared_bytes_back_before_it_refuses_them) {
     SharedBytes bytes("name");
     const auto write = [&bytes](comm_socket_v4_packet* packet, const char* name, const char* before,
                                 const char* after, std::size_t length = 4) {
@@ -225,7 +225,7 @@ TEST(Packet, gives_shared_bytes_back_before_it_refuses_them) {
     EXPECT_EQ(bytes.released, 7);
 }
 
-TEST(Packet, refuses_null_strings_and_a_reserved_value) {
+TEST(packet, refuses_null_strings_and_a_reserved_value) {
     const Packet packet(comm_socket_v4_packet_create());
     EXPECT_REFUSED(comm_socket_v4_packet_begin_writing(packet.get(), 0, nullptr, ""), EINVAL);
     EXPECT_REFUSED(comm_socket_v4_packet_begin_writing(packet.get(), 0, "", nullptr), EINVAL);
@@ -237,7 +237,7 @@ TEST(Packet, refuses_null_strings_and_a_reserved_value) {
     EXPECT_REFUSED(comm_socket_v4_packet_write_nv_pair_bytes(packet.get(), nullptr, 1, "", 0), EINVAL);
 }
 
-TEST(Packet, a_null_packet_is_refused_everywhere_and_released_as_nothing) {
+TEST(packet, a_null_packet_is_refused_everywhere_and_released_as_nothing) {
     EXPECT_EQ(comm_socket_v4_packet_release(nullptr), nullptr);
     comm_socket_v4_packet_make_response(nullptr);
     comm_socket_v4_packet_set_async(nullptr, 1);
@@ -255,7 +255,7 @@ TEST(Packet, a_null_packet_is_refused_everywhere_and_released_as_nothing) {
     EXPECT_EQ(comm_socket_v4_packet_get_pair_value(nullptr, 0), nullptr);
 }
 
-TEST(PacketDump, shows_every_field) {
+TEST(packet_dump, shows_every_field) {
     const Packet packet = begun("reload");
     comm_socket_v4_packet_set_async(packet.get(), 1);
     packet->request_id = 12;
@@ -272,7 +272,7 @@ TEST(PacketDump, shows_every_field) {
               "  pair \"depth\" = \"3\"\n");
 }
 
-TEST(PacketDump, escapes_what_a_terminal_would_obey) {
+TEST(packet_dump, escapes_what_a_terminal_would_obey) {
     const Packet packet = begun("\x1b[2J\n\"\\\x7f\xff~ ");
     comm_socket_v4_packet_make_response(packet.get());
     EXPECT_EQ(dump_of(packet.get()),
@@ -281,7 +281,7 @@ TEST(PacketDump, escapes_what_a_terminal_would_obey) {
               "  message: \"message\"\n");
 }
 
-TEST(PacketDump, cuts_a_string_above_1024_bytes) {
+TEST(packet_dump, cuts_a_string_above_1024_bytes) {
     EXPECT_THAT(dump_of(begun(std::string(1024, 'c').c_str()).get()),
                 testing::HasSubstr("\"" + std::string(1024, 'c') + "\"\n"));
     EXPECT_THAT(dump_of(begun(std::string(1025, 'c').c_str()).get()),

@@ -134,8 +134,8 @@ using Connection = std::unique_ptr<comm_socket_v4_connection, Releaser>;
 // Ready to be sent.
 Packet make_request(const std::string& command, const Arguments& arguments = {});
 
-// From here on this process may do with files what their modes permit, also as root, and as the root of a user namespace
-// that has no other users. True on success.
+// From here on this process may do with files what their modes permit, also as root, and as the root of a
+// user namespace that has no other users. True on success.
 [[nodiscard]] bool obey_file_modes();
 
 // Open descriptors of this process.

@@ -22,7 +22,7 @@
 
 namespace {
 
-class ServerTest : public testing::Test {
+class server_test : public testing::Test {
   public:
     TemporaryDirectory directory;
     std::string path = directory.file("socket");
@@ -49,7 +49,7 @@ int create_at(comm_socket_v4* server, const std::string& path) {
 
 }  // namespace
 
-TEST_F(ServerTest, answers_a_request_with_its_id) {
+TEST_F(server_test, answers_a_request_with_its_id) {
     DrivenServer server(path);
     const RawPeer peer(path);
     peer.send_all(request_frame(77, "hello", {"a", std::nullopt, ""}));
@@ -76,7 +76,7 @@ TEST_F(ServerTest, answers_a_request_with_its_id) {
     EXPECT_EQ(peer.read_bytes(expected.size()), expected);
 }
 
-TEST_F(ServerTest, a_packet_can_be_sent_to_several_clients) {
+TEST_F(server_test, a_packet_can_be_sent_to_several_clients) {
     DrivenServer server(path);
     const RawPeer first(path);
     const RawPeer second(path);
@@ -94,7 +94,7 @@ TEST_F(ServerTest, a_packet_can_be_sent_to_several_clients) {
     EXPECT_EQ(second.read_bytes(expected.size()), expected);
 }
 
-TEST_F(ServerTest, hands_out_a_packet_that_is_no_request) {
+TEST_F(server_test, hands_out_a_packet_that_is_no_request) {
     DrivenServer server(path);
     const RawPeer peer(path);
     peer.send_all(reply_frame(5, "odd", "message", {{"a", "b"}}));
@@ -106,7 +106,7 @@ TEST_F(ServerTest, hands_out_a_packet_that_is_no_request) {
     comm_socket_v4_packet_release(packet);
 }
 
-TEST_F(ServerTest, an_incomplete_packet_or_one_with_unknown_flags_is_not_sent) {
+TEST_F(server_test, an_incomplete_packet_or_one_with_unknown_flags_is_not_sent) {
     DrivenServer server(path);
     const RawPeer peer(path);
     server.idle();
@@ -126,7 +126,7 @@ TEST_F(ServerTest, an_incomplete_packet_or_one_with_unknown_flags_is_not_sent) {
     comm_socket_v4_packet_release(packet);
 }
 
-TEST_F(ServerTest, hands_out_64_requests_between_two_idles) {
+TEST_F(server_test, hands_out_64_requests_between_two_idles) {
     const StoppedClock clock;
     DrivenServer server(path);
     const RawPeer peer(path);
@@ -141,7 +141,7 @@ TEST_F(ServerTest, hands_out_64_requests_between_two_idles) {
     }
 }
 
-TEST_F(ServerTest, hands_out_requests_for_50_ms_and_one_at_least) {
+TEST_F(server_test, hands_out_requests_for_50_ms_and_one_at_least) {
     const StoppedClock clock;
     DrivenServer server(path);
     const RawPeer peer(path);
@@ -167,7 +167,7 @@ TEST_F(ServerTest, hands_out_requests_for_50_ms_and_one_at_least) {
     EXPECT_FALSE(hand_out());
 }
 
-TEST_F(ServerTest, while_64_mib_wait_one_request_is_handed_out_and_the_latest_client_is_first) {
+TEST_F(server_test, while_64_mib_wait_one_request_is_handed_out_and_the_latest_client_is_first) {
     const StoppedClock clock;
     DrivenServer server(path);
     const std::vector<RawPeer> unread =
@@ -186,7 +186,7 @@ TEST_F(ServerTest, while_64_mib_wait_one_request_is_handed_out_and_the_latest_cl
     }
 }
 
-TEST_F(ServerTest, clients_that_never_read_make_no_more_wait_than_64_mib_and_twelve_replies) {
+TEST_F(server_test, clients_that_never_read_make_no_more_wait_than_64_mib_and_twelve_replies) {
     constexpr std::size_t REPLY_BYTES = 6 * MEBIBYTE;
     const StoppedClock clock;
     DrivenServer server(path);
@@ -209,7 +209,7 @@ TEST_F(ServerTest, clients_that_never_read_make_no_more_wait_than_64_mib_and_twe
     EXPECT_LE(most, 64 * MEBIBYTE + 12 * REPLY_BYTES);
 }
 
-TEST_F(ServerTest, in_a_crowd_a_client_that_reads_nothing_for_a_second_is_disconnected) {
+TEST_F(server_test, in_a_crowd_a_client_that_reads_nothing_for_a_second_is_disconnected) {
     const StoppedClock clock;
     DrivenServer server(path);
     std::vector<RawPeer> peers = peers_that_sent(4, request_frame(1, "long"));
@@ -234,7 +234,7 @@ TEST_F(ServerTest, in_a_crowd_a_client_that_reads_nothing_for_a_second_is_discon
     EXPECT_FALSE(peers[0].is_hung_up()) << "there is no crowd any more";
 }
 
-TEST_F(ServerTest, a_flush_sends_a_long_reply_to_its_end) {
+TEST_F(server_test, a_flush_sends_a_long_reply_to_its_end) {
     DrivenServer server(path);
     const RawPeer peer(path);
     peer.send_all(request_frame(1, "long"));
@@ -247,7 +247,7 @@ TEST_F(ServerTest, a_flush_sends_a_long_reply_to_its_end) {
     EXPECT_LT(comm_socket::now_us() - start, 5000000u) << "nothing waits any more";
 }
 
-TEST_F(ServerTest, a_flush_ends_at_its_deadline_however_slowly_its_clients_read) {
+TEST_F(server_test, a_flush_ends_at_its_deadline_however_slowly_its_clients_read) {
     DrivenServer server(path);
     std::vector<RawPeer> peers = peers_that_sent(6, request_frame(1, "long"));
     server.idle();
@@ -268,7 +268,7 @@ TEST_F(ServerTest, a_flush_ends_at_its_deadline_however_slowly_its_clients_read)
     }
 }
 
-TEST_F(ServerTest, a_flush_does_not_wait_for_a_client_that_has_gone) {
+TEST_F(server_test, a_flush_does_not_wait_for_a_client_that_has_gone) {
     DrivenServer server(path);
     RawPeer peer(path);
     peer.send_all(request_frame(1, "long"));
@@ -280,7 +280,7 @@ TEST_F(ServerTest, a_flush_does_not_wait_for_a_client_that_has_gone) {
     EXPECT_LT(comm_socket::now_us() - start, 10000000u);
 }
 
-TEST_F(ServerTest, clients_take_turns) {
+TEST_F(server_test, clients_take_turns) {
     const StoppedClock clock;
     DrivenServer server(path);
     const RawPeer flooder(path);
@@ -302,7 +302,7 @@ TEST_F(ServerTest, clients_take_turns) {
     EXPECT_EQ(order, (std::vector<std::string>{"flood", "other", "flood", "other", "flood", "other"}));
 }
 
-TEST_F(ServerTest, serves_64_clients_and_closes_the_next_at_once) {
+TEST_F(server_test, serves_64_clients_and_closes_the_next_at_once) {
     const StoppedClock stopped;  // One service hands out for 50 ms at most.
     DrivenServer server(path);
     std::vector<RawPeer> peers;
@@ -323,7 +323,7 @@ TEST_F(ServerTest, serves_64_clients_and_closes_the_next_at_once) {
     EXPECT_FALSE(next.is_closed());
 }
 
-TEST_F(ServerTest, an_accepted_client_stays_valid_until_it_is_freed) {
+TEST_F(server_test, an_accepted_client_stays_valid_until_it_is_freed) {
     DrivenServer server(path);
     RawPeer peer(path);
     peer.send_all(request_frame(1, "hello"));
@@ -348,7 +348,7 @@ TEST_F(ServerTest, an_accepted_client_stays_valid_until_it_is_freed) {
     comm_socket_v4_packet_release(reply);
 }
 
-TEST_F(ServerTest, a_client_known_by_its_requests_alone_stays_valid_until_the_idle_after_the_last_release) {
+TEST_F(server_test, a_client_known_by_its_requests_alone_stays_valid_until_the_idle_after_the_last_release) {
     DrivenServer server(path);
     RawPeer peer(path);
     peer.send_all(request_frame(1, "hello"));
@@ -369,7 +369,7 @@ TEST_F(ServerTest, a_client_known_by_its_requests_alone_stays_valid_until_the_id
     EXPECT_EQ(comm_socket_v4_get_disconnected_client(server.handle), nullptr) << "it was freed silently";
 }
 
-TEST_F(ServerTest, newcomers_wait_while_the_caller_has_4096_disconnected_clients_to_free) {
+TEST_F(server_test, newcomers_wait_while_the_caller_has_4096_disconnected_clients_to_free) {
     DrivenServer server(path);
     for (int round = 0; round < 64; round++) {
         std::vector<RawPeer> peers;
@@ -394,7 +394,7 @@ TEST_F(ServerTest, newcomers_wait_while_the_caller_has_4096_disconnected_clients
     EXPECT_EQ(server.answer_all(), 1);
 }
 
-TEST_F(ServerTest, a_request_survives_its_freed_client) {
+TEST_F(server_test, a_request_survives_its_freed_client) {
     DrivenServer server(path);
     const RawPeer peer(path);
     peer.send_all(request_frame(1, "hello"));
@@ -408,7 +408,7 @@ TEST_F(ServerTest, a_request_survives_its_freed_client) {
     server.idle();
 }
 
-TEST_F(ServerTest, what_was_sent_before_closing_is_handed_out) {
+TEST_F(server_test, what_was_sent_before_closing_is_handed_out) {
     const StoppedClock stopped;  // One service hands out for 50 ms at most.
     DrivenServer server(path);
     RawPeer peer(path);
@@ -427,7 +427,7 @@ TEST_F(ServerTest, what_was_sent_before_closing_is_handed_out) {
     EXPECT_NE(comm_socket_v4_get_disconnected_client(server.handle), nullptr);
 }
 
-TEST_F(ServerTest, a_client_that_closed_its_sending_side_gets_its_reply) {
+TEST_F(server_test, a_client_that_closed_its_sending_side_gets_its_reply) {
     DrivenServer server(path);
     const RawPeer peer(path);
     peer.send_all(request_frame(9, "hello"));
@@ -442,7 +442,7 @@ TEST_F(ServerTest, a_client_that_closed_its_sending_side_gets_its_reply) {
     EXPECT_NE(comm_socket_v4_get_disconnected_client(server.handle), nullptr);
 }
 
-TEST_F(ServerTest, sends_shared_bytes_and_gives_them_back_when_they_have_left) {
+TEST_F(server_test, sends_shared_bytes_and_gives_them_back_when_they_have_left) {
     for (const std::size_t bytes : {std::size_t{0}, std::size_t{16383}, std::size_t{16384}, 3 * MEBIBYTE}) {
         SCOPED_TRACE(bytes);
         SharedBytes name(std::string(bytes, 'n'));
@@ -473,7 +473,7 @@ TEST_F(ServerTest, sends_shared_bytes_and_gives_them_back_when_they_have_left) {
     }
 }
 
-TEST_F(ServerTest, gives_shared_bytes_back_once_when_it_is_destroyed_with_two_waiting_replies) {
+TEST_F(server_test, gives_shared_bytes_back_once_when_it_is_destroyed_with_two_waiting_replies) {
     SharedBytes name(std::string(3 * MEBIBYTE, 'n'));
     std::optional<DrivenServer> server(std::in_place, path);
     const std::vector<RawPeer> peers = peers_that_sent(2, request_frame(1, "list"));
@@ -495,7 +495,7 @@ TEST_F(ServerTest, gives_shared_bytes_back_once_when_it_is_destroyed_with_two_wa
     EXPECT_EQ(name.released, 1);
 }
 
-TEST_F(ServerTest, gives_shared_bytes_back_when_their_client_leaves) {
+TEST_F(server_test, gives_shared_bytes_back_when_their_client_leaves) {
     SharedBytes name(std::string(3 * MEBIBYTE, 'n'));
     DrivenServer server(path);
     RawPeer peer(path);
@@ -513,7 +513,7 @@ TEST_F(ServerTest, gives_shared_bytes_back_when_their_client_leaves) {
     EXPECT_EQ(name.released, 1);
 }
 
-TEST_F(ServerTest, returns_0_only_beyond_16_mib_and_then_times_out) {
+TEST_F(server_test, returns_0_only_beyond_16_mib_and_then_times_out) {
     DrivenServer server(path);
     const RawPeer peer(path);
     server.idle();
@@ -533,7 +533,7 @@ TEST_F(ServerTest, returns_0_only_beyond_16_mib_and_then_times_out) {
     EXPECT_EQ(comm_socket_v4_get_disconnected_client(server.handle), client);
 }
 
-TEST_F(ServerTest, sets_mode_0660_whatever_the_umask) {
+TEST_F(server_test, sets_mode_0660_whatever_the_umask) {
     for (const mode_t mask : {mode_t{0}, mode_t{0022}, mode_t{0777}}) {
         const mode_t before = umask(mask);
         DrivenServer server(path);
@@ -545,7 +545,7 @@ TEST_F(ServerTest, sets_mode_0660_whatever_the_umask) {
     }
 }
 
-TEST_F(ServerTest, replaces_whatever_socket_or_file_is_at_the_path) {
+TEST_F(server_test, replaces_whatever_socket_or_file_is_at_the_path) {
     {
         std::ofstream(path) << "a file";
         DrivenServer server(path);
@@ -556,7 +556,7 @@ TEST_F(ServerTest, replaces_whatever_socket_or_file_is_at_the_path) {
     EXPECT_NE(RawPeer(path).fd, -1);
 }
 
-TEST_F(ServerTest, replaces_a_stale_socket) {
+TEST_F(server_test, replaces_a_stale_socket) {
     const pid_t child = fork();
     if (child == 0) {
         comm_socket_v4* server = comm_socket_v4_create();
@@ -571,7 +571,7 @@ TEST_F(ServerTest, replaces_a_stale_socket) {
     EXPECT_NE(RawPeer(path).fd, -1);
 }
 
-TEST_F(ServerTest, fails_where_it_cannot_bind_and_may_be_tried_again) {
+TEST_F(server_test, fails_where_it_cannot_bind_and_may_be_tried_again) {
     ASSERT_EQ(mkdir(directory.file("folder").c_str(), 0700), 0);
     comm_socket_v4* server = comm_socket_v4_create();
     const int descriptors = count_descriptors();
@@ -595,7 +595,7 @@ TEST_F(ServerTest, fails_where_it_cannot_bind_and_may_be_tried_again) {
     comm_socket_v4_destroy(server);
 }
 
-TEST_F(ServerTest, fails_without_the_permission_to_write_the_directory) {
+TEST_F(server_test, fails_without_the_permission_to_write_the_directory) {
     std::ofstream(path) << "a file";
     ASSERT_EQ(chmod(directory.path.c_str(), 0555), 0);
     const pid_t child = fork();
@@ -614,7 +614,7 @@ TEST_F(ServerTest, fails_without_the_permission_to_write_the_directory) {
     EXPECT_TRUE(exists(path));
 }
 
-TEST_F(ServerTest, takes_a_path_of_107_bytes_and_not_of_108) {
+TEST_F(server_test, takes_a_path_of_107_bytes_and_not_of_108) {
     const std::string longest = path + std::string(107 - path.size(), 'x');
     comm_socket_v4* server = comm_socket_v4_create();
     EXPECT_EQ(create_at(server, longest + "x"), -1);
@@ -625,7 +625,7 @@ TEST_F(ServerTest, takes_a_path_of_107_bytes_and_not_of_108) {
     EXPECT_FALSE(exists(longest));
 }
 
-TEST_F(ServerTest, is_lost_when_its_path_is_removed_and_still_serves_its_clients) {
+TEST_F(server_test, is_lost_when_its_path_is_removed_and_still_serves_its_clients) {
     DrivenServer server(path);
     const RawPeer peer(path);
     server.idle();
@@ -637,7 +637,7 @@ TEST_F(ServerTest, is_lost_when_its_path_is_removed_and_still_serves_its_clients
     EXPECT_EQ(server.answer_all(), 1);
 }
 
-TEST_F(ServerTest, is_lost_when_a_file_takes_its_path_and_leaves_that_there) {
+TEST_F(server_test, is_lost_when_a_file_takes_its_path_and_leaves_that_there) {
     {
         DrivenServer server(path);
         ASSERT_EQ(unlink(path.c_str()), 0);
@@ -647,7 +647,7 @@ TEST_F(ServerTest, is_lost_when_a_file_takes_its_path_and_leaves_that_there) {
     EXPECT_TRUE(exists(path));
 }
 
-TEST_F(ServerTest, a_second_server_takes_the_path_and_keeps_it_when_the_first_goes) {
+TEST_F(server_test, a_second_server_takes_the_path_and_keeps_it_when_the_first_goes) {
     auto first = std::make_unique<DrivenServer>(path);
     DrivenServer second(path);
     EXPECT_EQ(comm_socket_v4_is_open(first->handle), 0);
@@ -658,7 +658,7 @@ TEST_F(ServerTest, a_second_server_takes_the_path_and_keeps_it_when_the_first_go
     EXPECT_NE(RawPeer(path).fd, -1);
 }
 
-TEST_F(ServerTest, an_unusable_listening_descriptor_is_noticed) {
+TEST_F(server_test, an_unusable_listening_descriptor_is_noticed) {
     const int next_fd = dup(0);
     close(next_fd);
     DrivenServer server(path);  // its socket gets the lowest free descriptor, which is next_fd
@@ -671,7 +671,7 @@ TEST_F(ServerTest, an_unusable_listening_descriptor_is_noticed) {
     EXPECT_EQ(errno, ENOTSOCK);
 }
 
-TEST_F(ServerTest, destroying_removes_the_own_path_and_closes_everything) {
+TEST_F(server_test, destroying_removes_the_own_path_and_closes_everything) {
     const int descriptors = count_descriptors();
     RawPeer peer;
     {
@@ -687,7 +687,7 @@ TEST_F(ServerTest, destroying_removes_the_own_path_and_closes_everything) {
 }
 
 // The leak checker of the sanitizer build is the judge here.
-TEST_F(ServerTest, destroying_frees_requests_that_nobody_released) {
+TEST_F(server_test, destroying_frees_requests_that_nobody_released) {
     DrivenServer server(path);
     RawPeer gone(path);
     const RawPeer there(path);
@@ -700,7 +700,7 @@ TEST_F(ServerTest, destroying_frees_requests_that_nobody_released) {
     EXPECT_EQ(comm_socket_v4_get_disconnected_client(server.handle), nullptr);
 }
 
-TEST_F(ServerTest, destroying_frees_clients_that_were_returned_and_not_freed) {
+TEST_F(server_test, destroying_frees_clients_that_were_returned_and_not_freed) {
     DrivenServer server(path);
     RawPeer peer(path);
     server.idle();
@@ -710,7 +710,7 @@ TEST_F(ServerTest, destroying_frees_clients_that_were_returned_and_not_freed) {
     EXPECT_EQ(comm_socket_v4_get_disconnected_client(server.handle), client);
 }
 
-TEST_F(ServerTest, null_handles_do_nothing) {
+TEST_F(server_test, null_handles_do_nothing) {
     EXPECT_EQ(comm_socket_v4_destroy(nullptr), nullptr);
     EXPECT_EQ(comm_socket_v4_is_open(nullptr), 0);
     EXPECT_EQ(comm_socket_v4_idle(nullptr), -1);

@@ -13,7 +13,7 @@
 
 namespace {
 
-class Programs : public testing::Test {
+class programs_test : public testing::Test {
   public:
     TemporaryDirectory directory;
     std::string path = directory.file("socket");
@@ -36,7 +36,7 @@ class Programs : public testing::Test {
 
 }  // namespace
 
-TEST(WirePage, its_request_is_what_the_library_reads_and_writes) {
+TEST(wire_page, its_request_is_what_the_library_reads_and_writes) {
     const std::string frame = example_bytes("control_request");
     const auto* s = reinterpret_cast<const unsigned char*>(frame.data());
     std::size_t body_bytes = 0;
@@ -56,7 +56,7 @@ TEST(WirePage, its_request_is_what_the_library_reads_and_writes) {
     EXPECT_EQ(comm_socket::encode_frame(head, text), frame);
 }
 
-TEST(WirePage, its_reply_is_what_the_library_reads_and_writes) {
+TEST(wire_page, its_reply_is_what_the_library_reads_and_writes) {
     const std::string frame = example_bytes("control_reply");
     const auto* s = reinterpret_cast<const unsigned char*>(frame.data());
     comm_socket::FrameHead head;
@@ -73,7 +73,7 @@ TEST(WirePage, its_reply_is_what_the_library_reads_and_writes) {
     EXPECT_EQ(comm_socket::encode_frame(head, text), frame);
 }
 
-TEST_F(Programs, the_python_client_of_the_page_runs_as_it_stands) {
+TEST_F(programs_test, the_python_client_of_the_page_runs_as_it_stands) {
     const EchoServer server(path);
     const ProgramRun hello = run_python({"hello"});
     EXPECT_EQ(hello.out + hello.err, "hello: How are you? (status 0)\n");
@@ -85,7 +85,7 @@ TEST_F(Programs, the_python_client_of_the_page_runs_as_it_stands) {
     EXPECT_EQ(unknown.end, (ProgramEnd{1, 0}));
 }
 
-TEST_F(Programs, the_c_example_runs) {
+TEST_F(programs_test, the_c_example_runs) {
     {
         const EchoServer server(path);
         const ProgramRun hello = run_example();

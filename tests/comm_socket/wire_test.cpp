@@ -71,7 +71,7 @@ std::string rich_body() {
 
 }  // namespace
 
-TEST(Wire, the_id_of_a_frame_is_known_from_its_first_20_bytes_on) {
+TEST(wire, the_id_of_a_frame_is_known_from_its_first_20_bytes_on) {
     const std::string frame = frame_around(rich_body());
     for (std::size_t length = 0; length <= frame.size(); ++length) {
         const GuardedCopy copy(frame.substr(0, length));
@@ -86,7 +86,7 @@ TEST(Wire, the_id_of_a_frame_is_known_from_its_first_20_bytes_on) {
     EXPECT_FALSE(comm_socket::peek_head(broken.begin(), broken.end(), REQUEST_LIMITS, &head));
 }
 
-TEST(Wire, decodes_every_field) {
+TEST(wire, decodes_every_field) {
     FrameHead head;
     FrameText text;
     ASSERT_TRUE(decodes(rich_body(), REQUEST_LIMITS, &head, &text));
@@ -99,7 +99,7 @@ TEST(Wire, decodes_every_field) {
     EXPECT_EQ(text.pairs, (Pairs{{"name", "value"}, {"", ""}, {"name", "again"}}));
 }
 
-TEST(Wire, encodes_what_was_decoded_into_the_same_bytes) {
+TEST(wire, encodes_what_was_decoded_into_the_same_bytes) {
     FrameHead head;
     FrameText text;
     ASSERT_TRUE(decodes(rich_body(), REQUEST_LIMITS, &head, &text));
@@ -107,7 +107,7 @@ TEST(Wire, encodes_what_was_decoded_into_the_same_bytes) {
     EXPECT_EQ(comm_socket::encode_frame(head, text), frame_around(rich_body()));
 }
 
-TEST(Wire, encodes_only_where_there_is_room_for_all) {
+TEST(wire, encodes_only_where_there_is_room_for_all) {
     FrameHead head;
     FrameText text;
     ASSERT_TRUE(decodes(rich_body(), REQUEST_LIMITS, &head, &text));
@@ -121,7 +121,7 @@ TEST(Wire, encodes_only_where_there_is_room_for_all) {
     }
 }
 
-TEST(Wire, a_body_cut_at_any_byte_is_broken_and_leaves_the_target_alone) {
+TEST(wire, a_body_cut_at_any_byte_is_broken_and_leaves_the_target_alone) {
     const std::string body = rich_body();
     for (std::size_t length = 0; length < body.size(); length++) {
         FrameHead head = {9, 9, 9};
@@ -134,17 +134,17 @@ TEST(Wire, a_body_cut_at_any_byte_is_broken_and_leaves_the_target_alone) {
     }
 }
 
-TEST(Wire, a_byte_left_over_is_broken) {
+TEST(wire, a_byte_left_over_is_broken) {
     EXPECT_FALSE(decodes(rich_body() + '\0', REQUEST_LIMITS));
 }
 
-TEST(Wire, unknown_flags_are_broken) {
+TEST(wire, unknown_flags_are_broken) {
     EXPECT_TRUE(decodes(frame_body(3, 1, 0, "x", "", {}, {}), REQUEST_LIMITS));
     for (std::uint64_t flags : {4u, 8u, 0x80000000u})
         EXPECT_FALSE(decodes(frame_body(flags, 1, 0, "x", "", {}, {}), REQUEST_LIMITS)) << flags;
 }
 
-TEST(Wire, counts_hold_at_their_limit_and_not_beyond) {
+TEST(wire, counts_hold_at_their_limit_and_not_beyond) {
     const struct {
         const FrameLimits& limits;
         std::size_t arguments;
@@ -159,7 +159,7 @@ TEST(Wire, counts_hold_at_their_limit_and_not_beyond) {
     }
 }
 
-TEST(Wire, a_count_of_more_pairs_than_there_are_bytes_for_is_broken) {
+TEST(wire, a_count_of_more_pairs_than_there_are_bytes_for_is_broken) {
     const std::string start = be32(0) + be64(1) + be64(0) + counted("") + counted("") + be32(0);
     EXPECT_TRUE(decodes(start + be32(1) + counted("") + counted(""), REPLY_LIMITS));
     EXPECT_FALSE(decodes(start + be32(2) + counted("") + counted(""), REPLY_LIMITS));
@@ -167,7 +167,7 @@ TEST(Wire, a_count_of_more_pairs_than_there_are_bytes_for_is_broken) {
     EXPECT_FALSE(decodes(start + be32(0xFFFFFFFF), REPLY_LIMITS));
 }
 
-TEST(Wire, a_string_longer_than_the_body_is_broken) {
+TEST(wire, a_string_longer_than_the_body_is_broken) {
     const std::string start = be32(0) + be64(1) + be64(0);
     const std::string end = counted("") + be32(0) + be32(0);
     EXPECT_TRUE(decodes(start + be32(1) + "x" + end, REQUEST_LIMITS));
@@ -175,7 +175,7 @@ TEST(Wire, a_string_longer_than_the_body_is_broken) {
         EXPECT_FALSE(decodes(start + be32(length) + "x" + end, REQUEST_LIMITS)) << length;
 }
 
-TEST(Wire, a_header_is_judged_byte_by_byte) {
+TEST(wire, a_header_is_judged_byte_by_byte) {
     const std::string good = frame_around(rich_body()).substr(0, 8);
     std::size_t body_bytes = 0;
     for (std::size_t length = 0; length < 8; length++) {
@@ -197,7 +197,7 @@ TEST(Wire, a_header_is_judged_byte_by_byte) {
     }
 }
 
-TEST(Wire, body_lengths_hold_at_their_limits_and_not_beyond) {
+TEST(wire, body_lengths_hold_at_their_limits_and_not_beyond) {
     const struct {
         const FrameLimits& limits;
         std::uint64_t length;
@@ -218,7 +218,7 @@ TEST(Wire, body_lengths_hold_at_their_limits_and_not_beyond) {
     }
 }
 
-TEST(Wire, within_limits_says_what_the_receiver_will_say) {
+TEST(wire, within_limits_says_what_the_receiver_will_say) {
     FrameText text;
     text.command = std::string(2097152 - 36, 'c');
     EXPECT_TRUE(comm_socket::within_limits({1, 1, 0}, text, REQUEST_LIMITS));
@@ -230,7 +230,7 @@ TEST(Wire, within_limits_says_what_the_receiver_will_say) {
     EXPECT_FALSE(comm_socket::within_limits({4, 1, 0}, text, REPLY_LIMITS));
 }
 
-TEST(FrameBuffer, finds_frames_whatever_the_pieces_they_come_in) {
+TEST(frame_buffer, finds_frames_whatever_the_pieces_they_come_in) {
     const std::string stream = frame_around(rich_body()) + request_frame(2, "hello") +
                                frame_around(rich_body()) + request_frame(4, "x");
     for (std::size_t piece = 1; piece <= stream.size(); piece++) {
@@ -252,7 +252,7 @@ TEST(FrameBuffer, finds_frames_whatever_the_pieces_they_come_in) {
     }
 }
 
-TEST(FrameBuffer, a_broken_body_stays_where_it_is) {
+TEST(frame_buffer, a_broken_body_stays_where_it_is) {
     FrameBuffer buffer(REQUEST_LIMITS);
     const std::string frame = frame_around(rich_body() + "surplus");
     buffer.append(bytes_of(frame), frame.size());

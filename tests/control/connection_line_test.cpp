@@ -7,7 +7,7 @@
 
 namespace {
 
-class ConnectionLineTest : public ConnectionFixture {};
+class connection_line_test : public ConnectionFixture {};
 
 std::string line_of(RTMPConnection& conn) {
     const ConnectionLine line = connection_line(conn);
@@ -20,12 +20,12 @@ std::string slot_of(const RTMPConnection& conn) {
 
 }  // namespace
 
-TEST_F(ConnectionLineTest, of_a_client_that_has_done_nothing_has_seven_fields) {
+TEST_F(connection_line_test, of_a_client_that_has_done_nothing_has_seven_fields) {
     RTMPConnection& conn = add_connection("192.0.2.7:50512");
     EXPECT_EQ(line_of(conn), slot_of(conn) + "\t\t\t\t0\t0\t192.0.2.7:50512");
 }
 
-TEST_F(ConnectionLineTest, has_name_mode_size_bytes_sent_bytes_received_and_address_in_this_order) {
+TEST_F(connection_line_test, has_name_mode_size_bytes_sent_bytes_received_and_address_in_this_order) {
     RTMPConnection& conn = add_connection("203.0.113.9:1234");
     conn.stream_name = "cam1";
     conn.stream_mode = "publish";
@@ -37,7 +37,7 @@ TEST_F(ConnectionLineTest, has_name_mode_size_bytes_sent_bytes_received_and_addr
               slot_of(conn) + "\tcam1\tpublish\t1280x720\t3073\t18446744073709551615\t203.0.113.9:1234");
 }
 
-TEST_F(ConnectionLineTest, has_a_size_only_when_both_sides_are_known) {
+TEST_F(connection_line_test, has_a_size_only_when_both_sides_are_known) {
     struct Case {
         std::int32_t width;
         std::int32_t height;
@@ -59,7 +59,7 @@ TEST_F(ConnectionLineTest, has_a_size_only_when_both_sides_are_known) {
     }
 }
 
-TEST_F(ConnectionLineTest, leaves_the_lock_free) {
+TEST_F(connection_line_test, leaves_the_lock_free) {
     RTMPConnection& conn = add_connection();
     (void)line_of(conn);
     ASSERT_EQ(pthread_mutex_trylock(&conn.mutex.handle), 0);

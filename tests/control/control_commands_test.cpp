@@ -73,7 +73,7 @@ Reply read_reply(const Packet& packet) {
     return reply;
 }
 
-class ControlCommandsTest : public ConnectionFixture {
+class control_commands_test : public ConnectionFixture {
   protected:
     void SetUp() override { connections_free_scan = 0; }
 
@@ -122,17 +122,17 @@ class ControlCommandsTest : public ConnectionFixture {
     std::string printed;  // by the last ask()
 };
 
-using ControlCommandsDeathTest = ControlCommandsTest;
+using control_commands_death_test = control_commands_test;
 
 }  // namespace
 
-TEST_F(ControlCommandsTest, hello_is_answered) {
+TEST_F(control_commands_test, hello_is_answered) {
     EXPECT_EQ(ask("hello"), (Reply{"hello", "How are you?", 0}));
     EXPECT_EQ(ask("hello", {"there", std::nullopt}), (Reply{"hello", "How are you?", 0}));
     EXPECT_EQ(printed, "");
 }
 
-TEST_F(ControlCommandsTest, unknown_commands_are_answered_with_their_own_name_and_said_on_standard_error) {
+TEST_F(control_commands_test, unknown_commands_are_answered_with_their_own_name_and_said_on_standard_error) {
     for (const char* const command : {"foo", "", "Hello", "hello ", "hell", "drop connection",
                                       "drop connection by id ", "List connections", "%s%n"}) {
         EXPECT_EQ(ask(command, {"1"}), (Reply{command, "Unknown command", COMM_SOCKET_V4_STATUS_ERROR}));
@@ -141,7 +141,7 @@ TEST_F(ControlCommandsTest, unknown_commands_are_answered_with_their_own_name_an
     EXPECT_EQ(COMM_SOCKET_V4_STATUS_ERROR, 6U);
 }
 
-TEST_F(ControlCommandsTest, an_unknown_command_that_wants_no_reply_is_printed_for_a_person) {
+TEST_F(control_commands_test, an_unknown_command_that_wants_no_reply_is_printed_for_a_person) {
     const std::string text = tell("foo", {"cam1", std::nullopt});
     EXPECT_TRUE(text.starts_with("Unknown command 'foo'\n")) << text;
     for (const char* const part : {"request, async, id 7", "\"foo\"", "\"cam1\"", "absent"}) {
@@ -149,7 +149,7 @@ TEST_F(ControlCommandsTest, an_unknown_command_that_wants_no_reply_is_printed_fo
     }
 }
 
-TEST_F(ControlCommandsTest, a_known_command_that_wants_no_reply_is_not_carried_out) {
+TEST_F(control_commands_test, a_known_command_that_wants_no_reply_is_not_carried_out) {
     add_stream("cam1", "play");
     EXPECT_EQ(tell("hello"), "");
     EXPECT_EQ(tell(DROP_BY_NAME, {"cam1"}), "");
@@ -158,7 +158,7 @@ TEST_F(ControlCommandsTest, a_known_command_that_wants_no_reply_is_not_carried_o
     EXPECT_EQ(requested_closes(), std::vector<std::size_t>{});
 }
 
-TEST_F(ControlCommandsTest, all_connections_of_a_stream_are_dropped_and_counted) {
+TEST_F(control_commands_test, all_connections_of_a_stream_are_dropped_and_counted) {
     add_stream("cam1", "publish");
     add_stream("cam1", "play");
     add_stream("cam10", "play");
@@ -172,13 +172,13 @@ TEST_F(ControlCommandsTest, all_connections_of_a_stream_are_dropped_and_counted)
     EXPECT_EQ(printed, "");
 }
 
-TEST_F(ControlCommandsTest, dropping_a_stream_that_nobody_uses_drops_nobody) {
+TEST_F(control_commands_test, dropping_a_stream_that_nobody_uses_drops_nobody) {
     add_stream("cam1", "play");
     EXPECT_EQ(ask(DROP_BY_NAME, {"cam2"}), (Reply{DROP_BY_NAME, "OK, 0 connections dropped", 0}));
     EXPECT_EQ(requested_closes(), std::vector<std::size_t>{});
 }
 
-TEST_F(ControlCommandsTest, an_empty_or_absent_name_drops_the_connections_that_have_none) {
+TEST_F(control_commands_test, an_empty_or_absent_name_drops_the_connections_that_have_none) {
     for (const Arguments& arguments :
          {Arguments{}, Arguments{""}, Arguments{std::nullopt}, Arguments{std::nullopt, "x"}}) {
         printed_by([] { free_all_connections(); });
@@ -191,7 +191,7 @@ TEST_F(ControlCommandsTest, an_empty_or_absent_name_drops_the_connections_that_h
     }
 }
 
-TEST_F(ControlCommandsTest, a_connection_is_dropped_in_the_next_pass_and_counted_until_then) {
+TEST_F(control_commands_test, a_connection_is_dropped_in_the_next_pass_and_counted_until_then) {
     add_stream("cam1", "play");
     EXPECT_EQ(ask(DROP_BY_NAME, {"cam1"}).message, "OK, 1 connections dropped");
     EXPECT_EQ(ask(DROP_BY_NAME, {"cam1"}).message, "OK, 1 connections dropped");
@@ -199,7 +199,7 @@ TEST_F(ControlCommandsTest, a_connection_is_dropped_in_the_next_pass_and_counted
     EXPECT_EQ(ask(DROP_BY_NAME, {"cam1"}).message, "OK, 0 connections dropped");
 }
 
-TEST_F(ControlCommandsTest, a_connection_is_dropped_by_the_number_its_id_begins_with) {
+TEST_F(control_commands_test, a_connection_is_dropped_by_the_number_its_id_begins_with) {
     add_connections(8);
     struct Case {
         std::string id;
@@ -224,7 +224,7 @@ TEST_F(ControlCommandsTest, a_connection_is_dropped_by_the_number_its_id_begins_
     }
 }
 
-TEST_F(ControlCommandsTest, an_id_that_is_no_number_or_outside_the_table_is_an_error) {
+TEST_F(control_commands_test, an_id_that_is_no_number_or_outside_the_table_is_an_error) {
     add_connections(2);
     for (const Arguments& arguments :
          {Arguments{}, Arguments{std::nullopt}, Arguments{std::nullopt, "cam1"}, Arguments{""},
@@ -239,7 +239,7 @@ TEST_F(ControlCommandsTest, an_id_that_is_no_number_or_outside_the_table_is_an_e
     EXPECT_EQ(printed, "");
 }
 
-TEST_F(ControlCommandsTest, an_empty_slot_has_no_connection_to_drop) {
+TEST_F(control_commands_test, an_empty_slot_has_no_connection_to_drop) {
     add_connection();
     for (const Arguments& arguments :
          {Arguments{"1"}, Arguments{"9"}, Arguments{"99x"}, Arguments{"127", "cam1"}}) {
@@ -248,7 +248,7 @@ TEST_F(ControlCommandsTest, an_empty_slot_has_no_connection_to_drop) {
     }
 }
 
-TEST_F(ControlCommandsTest, a_connection_is_dropped_only_under_the_stream_name_that_is_given) {
+TEST_F(control_commands_test, a_connection_is_dropped_only_under_the_stream_name_that_is_given) {
     add_stream("cam1", "play");
     add_connection();
     struct Case {
@@ -272,11 +272,11 @@ TEST_F(ControlCommandsTest, a_connection_is_dropped_only_under_the_stream_name_t
     }
 }
 
-TEST_F(ControlCommandsTest, an_empty_table_is_listed_with_the_field_order_alone) {
+TEST_F(control_commands_test, an_empty_table_is_listed_with_the_field_order_alone) {
     EXPECT_EQ(ask(LIST), (Reply{LIST, "Connection list response", 0, {FIELD_ORDER}}));
 }
 
-TEST_F(ControlCommandsTest, connections_are_listed_in_slot_order) {
+TEST_F(control_commands_test, connections_are_listed_in_slot_order) {
     add_stream("cam1", "publish");
     add_connection();
     add_stream("cam1", "play");
@@ -296,7 +296,7 @@ TEST_F(ControlCommandsTest, connections_are_listed_in_slot_order) {
     EXPECT_EQ(printed, "");
 }
 
-TEST_F(ControlCommandsTest, a_list_may_be_limited_to_one_mode) {
+TEST_F(control_commands_test, a_list_may_be_limited_to_one_mode) {
     add_stream("cam1", "publish");
     add_stream("cam1", "play");
     add_connection();
@@ -317,7 +317,7 @@ TEST_F(ControlCommandsTest, a_list_may_be_limited_to_one_mode) {
     EXPECT_EQ(slots_listed(""), (std::vector<std::string>{"0", "1", "2"}));
 }
 
-TEST_F(ControlCommandsTest, a_full_table_is_listed_whole) {
+TEST_F(control_commands_test, a_full_table_is_listed_whole) {
     add_connections(MAX_CONNECTIONS);
     const Reply reply = ask(LIST);
     ASSERT_EQ(reply.pairs.size(), MAX_CONNECTIONS + 1);
@@ -326,14 +326,14 @@ TEST_F(ControlCommandsTest, a_full_table_is_listed_whole) {
     EXPECT_EQ(ask(DROP_BY_ID, {"127"}).message, "OK");
 }
 
-TEST_F(ControlCommandsTest, a_stream_name_of_a_mebibyte_can_be_listed_and_dropped) {
+TEST_F(control_commands_test, a_stream_name_of_a_mebibyte_can_be_listed_and_dropped) {
     const std::string name(1048543, 'x');
     add_stream(name, "play");
     EXPECT_EQ(ask(LIST).pairs.back().second, "0\t" + name + "\tplay\t\t0\t0\t192.0.2.7:50512");
     EXPECT_EQ(ask(DROP_BY_NAME, {name}).message, "OK, 1 connections dropped");
 }
 
-TEST_F(ControlCommandsTest, a_listing_keeps_the_names_of_connections_that_leave) {
+TEST_F(control_commands_test, a_listing_keeps_the_names_of_connections_that_leave) {
     const std::string name(1000000, 'x');
     RTMPConnection& conn = add_stream(name, "play");
     const std::string line = std::to_string(conn.conn_idx) + "\t" + name + "\tplay\t\t0\t0\t192.0.2.7:50512";
@@ -345,7 +345,7 @@ TEST_F(ControlCommandsTest, a_listing_keeps_the_names_of_connections_that_leave)
     EXPECT_EQ(read_reply(response).pairs.back().second, line);
 }
 
-TEST_F(ControlCommandsTest, a_reply_is_written_to_its_end) {
+TEST_F(control_commands_test, a_reply_is_written_to_its_end) {
     const Packet request = make_request("hello", {});
     const Packet response = make_response(request);
     EXPECT_EQ(comm_socket_v4_packet_begin_writing(response.get(), 0, "left over", ""), 0);
@@ -355,13 +355,13 @@ TEST_F(ControlCommandsTest, a_reply_is_written_to_its_end) {
     EXPECT_EQ(read_reply(response), (Reply{"hello", "How are you?", 0}));
 }
 
-TEST_F(ControlCommandsDeathTest, a_request_without_a_command_ends_the_process) {
+TEST_F(control_commands_death_test, a_request_without_a_command_ends_the_process) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_EXIT((void)run_control_command(nullptr, nullptr), testing::KilledBySignal(SIGABRT),
                 assertion_line("run_control_command", "command != NULL"));
 }
 
-TEST_F(ControlCommandsDeathTest, a_reply_that_cannot_be_written_ends_the_process_and_names_the_call) {
+TEST_F(control_commands_death_test, a_reply_that_cannot_be_written_ends_the_process_and_names_the_call) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     const Packet request = make_request("hello", {});
     EXPECT_EXIT((void)run_control_command(request.get(), nullptr), testing::KilledBySignal(SIGABRT),

@@ -161,13 +161,13 @@ void __wrap_comm_socket_v4_wait_for_server_to_client_writeable(comm_socket_v4_cl
 
 namespace {
 
-class ControlServerTest : public ConnectionFixture {
+class control_server_test : public ConnectionFixture {
   protected:
-    ControlServerTest() {
+    control_server_test() {
         library = {};
         fake_clock_us += 1000000;
     }
-    ~ControlServerTest() override {
+    ~control_server_test() override {
         quit_signals = 0;
         stop_control_server();
         for (comm_socket_v4_packet* const request : library.requests) {
@@ -194,17 +194,17 @@ class ControlServerTest : public ConnectionFixture {
     }
 };
 
-using ControlServerDeathTest = ControlServerTest;
+using control_server_death_test = control_server_test;
 
 }  // namespace
 
-TEST_F(ControlServerTest, starts_at_its_fixed_path) {
+TEST_F(control_server_test, starts_at_its_fixed_path) {
     EXPECT_TRUE(start_control_server());
     EXPECT_EQ(library.calls, "create create_server ");
     EXPECT_EQ(library.sent_path, "/var/run/v9_rtmp_server.socket");
 }
 
-TEST_F(ControlServerTest, says_which_step_of_the_start_failed) {
+TEST_F(control_server_test, says_which_step_of_the_start_failed) {
     library.create_fails = true;
     EXPECT_EQ(printed_by([] { EXPECT_FALSE(start_control_server()); }), "Failed to create comm socket\n");
     library = {};
@@ -213,12 +213,12 @@ TEST_F(ControlServerTest, says_which_step_of_the_start_failed) {
     EXPECT_EQ(library.calls, "create create_server destroy ");
 }
 
-TEST_F(ControlServerTest, stopping_without_a_socket_is_harmless) {
+TEST_F(control_server_test, stopping_without_a_socket_is_harmless) {
     stop_control_server();
     EXPECT_EQ(library.calls, "destroy_null ");
 }
 
-TEST_F(ControlServerTest, a_service_goes_through_its_steps_in_order) {
+TEST_F(control_server_test, a_service_goes_through_its_steps_in_order) {
     start();
     add_request("hello", 0x123456789);
     EXPECT_EQ(service(), "");
@@ -228,20 +228,20 @@ TEST_F(ControlServerTest, a_service_goes_through_its_steps_in_order) {
     EXPECT_EQ(library.sent_flags, 0U);
 }
 
-TEST_F(ControlServerTest, a_service_frees_no_client_when_none_has_gone) {
+TEST_F(control_server_test, a_service_frees_no_client_when_none_has_gone) {
     start();
     library.client_has_gone = false;
     EXPECT_EQ(service(), "");
     EXPECT_EQ(library.calls, "is_open idle accept get_disconnected get_packet flush ");
 }
 
-TEST_F(ControlServerTest, a_service_ends_with_20_ms_of_sending) {
+TEST_F(control_server_test, a_service_ends_with_20_ms_of_sending) {
     start();
     EXPECT_EQ(service(), "");
     EXPECT_EQ(library.flush_deadlines_us, (std::vector<std::uint64_t>{fake_clock_us + 20000}));
 }
 
-TEST_F(ControlServerTest, services_are_100_ms_apart) {
+TEST_F(control_server_test, services_are_100_ms_apart) {
     start();
     service();
     library.calls.clear();
@@ -253,7 +253,7 @@ TEST_F(ControlServerTest, services_are_100_ms_apart) {
     EXPECT_NE(library.calls, "");
 }
 
-TEST_F(ControlServerTest, a_lost_socket_is_told_once_and_stays_dead) {
+TEST_F(control_server_test, a_lost_socket_is_told_once_and_stays_dead) {
     start();
     library.open = false;
     EXPECT_EQ(service(), "Lost server socket\n");
@@ -263,7 +263,7 @@ TEST_F(ControlServerTest, a_lost_socket_is_told_once_and_stays_dead) {
     EXPECT_EQ(library.calls, "is_open destroy ");
 }
 
-TEST_F(ControlServerTest, a_failing_library_is_told_without_a_line_end_and_stays_dead) {
+TEST_F(control_server_test, a_failing_library_is_told_without_a_line_end_and_stays_dead) {
     start();
     library.idle_errno = EBADF;
     EXPECT_EQ(service(), "Idle failed: Bad file descriptor");
@@ -272,7 +272,7 @@ TEST_F(ControlServerTest, a_failing_library_is_told_without_a_line_end_and_stays
     EXPECT_EQ(service(), "");
 }
 
-TEST_F(ControlServerTest, a_reply_that_would_block_is_waited_for_ten_seconds_at_a_time) {
+TEST_F(control_server_test, a_reply_that_would_block_is_waited_for_ten_seconds_at_a_time) {
     start();
     add_request("hello");
     library.send_results = {0, 0, 1};
@@ -281,7 +281,7 @@ TEST_F(ControlServerTest, a_reply_that_would_block_is_waited_for_ten_seconds_at_
     EXPECT_EQ(library.wait_deadlines_us, (std::vector<std::uint64_t>(2, fake_clock_us + 10000000)));
 }
 
-TEST_F(ControlServerTest, a_reply_that_cannot_be_sent_is_told_and_the_next_request_is_answered) {
+TEST_F(control_server_test, a_reply_that_cannot_be_sent_is_told_and_the_next_request_is_answered) {
     start();
     add_request("hello");
     add_request("hello");
@@ -291,7 +291,7 @@ TEST_F(ControlServerTest, a_reply_that_cannot_be_sent_is_told_and_the_next_reque
     EXPECT_TRUE(library.calls.ends_with("get_packet send get_packet send get_packet flush "));
 }
 
-TEST_F(ControlServerTest, what_is_no_request_is_skipped) {
+TEST_F(control_server_test, what_is_no_request_is_skipped) {
     start();
     comm_socket_v4_packet_make_response(add_request("hello"));
     add_request("hello");
@@ -299,14 +299,14 @@ TEST_F(ControlServerTest, what_is_no_request_is_skipped) {
     EXPECT_TRUE(library.calls.ends_with("get_packet get_packet send get_packet flush "));
 }
 
-TEST_F(ControlServerTest, a_reply_carries_the_async_bit_only_where_one_is_sent) {
+TEST_F(control_server_test, a_reply_carries_the_async_bit_only_where_one_is_sent) {
     start();
     comm_socket_v4_packet_set_async(add_request("hello"), 1);
     EXPECT_EQ(service(), "");
     EXPECT_EQ(library.calls.find("send"), std::string::npos);
 }
 
-TEST_F(ControlServerTest, a_quit_signal_leaves_the_requests_to_the_end_of_the_socket) {
+TEST_F(control_server_test, a_quit_signal_leaves_the_requests_to_the_end_of_the_socket) {
     start();
     comm_socket_v4_packet* const kept = add_request("hello");
     add_request("hello");
@@ -317,7 +317,7 @@ TEST_F(ControlServerTest, a_quit_signal_leaves_the_requests_to_the_end_of_the_so
     comm_socket_v4_packet_release(kept);
 }
 
-TEST_F(ControlServerDeathTest, a_reply_that_cannot_be_made_is_our_mistake) {
+TEST_F(control_server_death_test, a_reply_that_cannot_be_made_is_our_mistake) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     start();
     add_request("list connections");

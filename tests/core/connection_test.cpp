@@ -37,8 +37,8 @@ TEST_F(connection, begins_with_nothing_known) {
     EXPECT_EQ(conn.stream_format.video_height, -1);
     EXPECT_EQ(conn.stream_format.audio_codec_id, 0U);
     EXPECT_EQ(conn.stream_format.video_codec_id, 0U);
-    EXPECT_EQ(conn.audio.lock_type, -1);
-    EXPECT_EQ(conn.video.lock_type, -1);
+    EXPECT_EQ(conn.audio.lock_type, NO_CODEC_LOCK);
+    EXPECT_EQ(conn.video.lock_type, NO_CODEC_LOCK);
     EXPECT_EQ(conn.metadata.type, AMF_Type::Undefined);
     EXPECT_EQ(conn.app_name + conn.stream_mode + conn.stream_name.str(), "");
 }

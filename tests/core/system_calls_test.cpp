@@ -15,13 +15,13 @@
 
 namespace {
 
-class SystemCallsTest : public ConnectionFixture {
+class system_calls_test : public ConnectionFixture {
   protected:
-    SystemCallsTest() { wrapped_calls = {}; }
-    ~SystemCallsTest() override { wrapped_calls = {}; }
+    system_calls_test() { wrapped_calls = {}; }
+    ~system_calls_test() override { wrapped_calls = {}; }
 };
 
-using SystemCallsDeathTest = SystemCallsTest;
+using system_calls_death_test = system_calls_test;
 
 // Runs the main loop for one pass, up to the end of the stop.
 void run_one_pass(const std::function<void()>& meanwhile = [] {}) {
@@ -50,7 +50,7 @@ int connect_to_server() {
 
 }  // namespace
 
-TEST_F(SystemCallsTest, a_message_that_is_cut_leaves_in_a_call_for_256_pieces) {
+TEST_F(system_calls_test, a_message_that_is_cut_leaves_in_a_call_for_256_pieces) {
     RTMPConnection& conn = add_connection();
     const int large = 1 << 20;
     ASSERT_EQ(setsockopt(conn.fd, SOL_SOCKET, SO_SNDBUF, &large, sizeof large), 0);
@@ -68,7 +68,7 @@ TEST_F(SystemCallsTest, a_message_that_is_cut_leaves_in_a_call_for_256_pieces) {
     EXPECT_EQ(bytes, 50000U + 12 + 390);
 }
 
-TEST_F(SystemCallsTest, all_messages_that_wait_leave_in_one_call) {
+TEST_F(system_calls_test, all_messages_that_wait_leave_in_one_call) {
     RTMPConnection& conn = add_connection();
     conn.connection_out.push_back(make_packet(9, 0, "first"));
     conn.connection_out.push_back(make_packet(9, 0, ""));
@@ -79,7 +79,7 @@ TEST_F(SystemCallsTest, all_messages_that_wait_leave_in_one_call) {
     EXPECT_EQ(wrapped_calls.sends[0].bytes, 12U + 5 + 12 + 6);
 }
 
-TEST_F(SystemCallsTest, a_relayed_message_laid_out_for_the_players_chunk_size_is_two_pieces) {
+TEST_F(system_calls_test, a_relayed_message_laid_out_for_the_players_chunk_size_is_two_pieces) {
     RTMPConnection& conn = add_connection();
     const RTMP_Packet pkt = make_packet(9, 0, std::string(16000, 'x'));
     OutgoingPacket outgoing;
@@ -92,7 +92,7 @@ TEST_F(SystemCallsTest, a_relayed_message_laid_out_for_the_players_chunk_size_is
     EXPECT_EQ(wrapped_calls.sends[0].bytes, 12U + 16000 + 124);
 }
 
-TEST_F(SystemCallsTest, listener_and_clients_get_their_options) {
+TEST_F(system_calls_test, listener_and_clients_get_their_options) {
     ASSERT_TRUE(open_listener());
     EXPECT_EQ(wrapped_calls.backlogs, std::vector<int>{20});
     EXPECT_EQ(wrapped_calls.options,
@@ -112,7 +112,7 @@ TEST_F(SystemCallsTest, listener_and_clients_get_their_options) {
     close(client);
 }
 
-TEST_F(SystemCallsTest, clients_that_wait_together_are_accepted_one_a_pass) {
+TEST_F(system_calls_test, clients_that_wait_together_are_accepted_one_a_pass) {
     ASSERT_TRUE(open_listener());
     const int first = connect_to_server();
     const int second = connect_to_server();
@@ -127,7 +127,7 @@ TEST_F(SystemCallsTest, clients_that_wait_together_are_accepted_one_a_pass) {
     close(second);
 }
 
-TEST_F(SystemCallsTest, a_client_whose_socket_refuses_its_options_is_served_in_silence) {
+TEST_F(system_calls_test, a_client_whose_socket_refuses_its_options_is_served_in_silence) {
     ASSERT_TRUE(open_listener());
     for (int refused = 1; refused <= 5; ++refused) {
         wrapped_calls = {};
@@ -140,7 +140,7 @@ TEST_F(SystemCallsTest, a_client_whose_socket_refuses_its_options_is_served_in_s
     server_shutdown();
 }
 
-TEST_F(SystemCallsTest, a_listener_goes_on_without_an_option_that_is_refused) {
+TEST_F(system_calls_test, a_listener_goes_on_without_an_option_that_is_refused) {
     for (const auto& [refused, text] : {std::pair{1, "WARNING: IPTV out cannot set SO_REUSEADDR\n"},
                                         std::pair{2, "WARNING: IPTV out cannot set SO_REUSEPORT\n"}}) {
         wrapped_calls = {};
@@ -152,7 +152,7 @@ TEST_F(SystemCallsTest, a_listener_goes_on_without_an_option_that_is_refused) {
     }
 }
 
-TEST_F(SystemCallsTest, a_listener_that_cannot_listen_frees_every_connection) {
+TEST_F(system_calls_test, a_listener_that_cannot_listen_frees_every_connection) {
     RTMPConnection& conn = add_connection();
     const std::size_t slot = conn.conn_idx;
     wrapped_calls.failing_listen = 1;
@@ -162,7 +162,7 @@ TEST_F(SystemCallsTest, a_listener_that_cannot_listen_frees_every_connection) {
     EXPECT_EQ(printed_by([] { accept_connections(); }), "");
 }
 
-TEST_F(SystemCallsTest, a_connection_without_one_of_its_threads_is_accepted_and_dropped) {
+TEST_F(system_calls_test, a_connection_without_one_of_its_threads_is_accepted_and_dropped) {
     for (const int failing : {1, 2}) {
         ASSERT_TRUE(ensure_listener());
         wrapped_calls = {};
@@ -180,7 +180,7 @@ TEST_F(SystemCallsTest, a_connection_without_one_of_its_threads_is_accepted_and_
     }
 }
 
-TEST_F(SystemCallsTest, the_pass_that_accepts_a_connection_without_its_threads_drops_it) {
+TEST_F(system_calls_test, the_pass_that_accepts_a_connection_without_its_threads_drops_it) {
     ASSERT_TRUE(ensure_listener());
     const int client = connect_to_server();
     wrapped_calls = {};
@@ -191,7 +191,7 @@ TEST_F(SystemCallsTest, the_pass_that_accepts_a_connection_without_its_threads_d
     close(client);
 }
 
-TEST_F(SystemCallsTest, a_pass_sleeps_ten_milliseconds_and_then_looks_for_clients) {
+TEST_F(system_calls_test, a_pass_sleeps_ten_milliseconds_and_then_looks_for_clients) {
     ASSERT_TRUE(ensure_listener());
     int client = -1;
     EXPECT_EQ(printed_by([&client] { run_one_pass([&client] { client = connect_to_server(); }); }),
@@ -200,7 +200,7 @@ TEST_F(SystemCallsTest, a_pass_sleeps_ten_milliseconds_and_then_looks_for_client
     close(client);
 }
 
-TEST_F(SystemCallsTest, a_stop_gives_up_the_control_socket_then_the_listener_then_each_slot_in_order) {
+TEST_F(system_calls_test, a_stop_gives_up_the_control_socket_then_the_listener_then_each_slot_in_order) {
     std::map<int, std::size_t> slots;
     for (const char* const name : {"cam2", "cam3", "cam1"}) {
         RTMPConnection& conn = add_connection();
@@ -227,13 +227,13 @@ TEST_F(SystemCallsTest, a_stop_gives_up_the_control_socket_then_the_listener_the
     wrapped_calls = {};
 }
 
-TEST_F(SystemCallsTest, a_writer_with_nothing_to_send_looks_again_after_fifty_milliseconds) {
+TEST_F(system_calls_test, a_writer_with_nothing_to_send_looks_again_after_fifty_milliseconds) {
     RTMPConnection& conn = add_connection();
     EXPECT_TRUE(send_next(conn));
     EXPECT_EQ(wrapped_calls.sleeps, std::vector<useconds_t>{50000});
 }
 
-TEST_F(SystemCallsTest, a_reader_looks_every_ten_milliseconds_whether_fewer_than_eight_messages_wait) {
+TEST_F(system_calls_test, a_reader_looks_every_ten_milliseconds_whether_fewer_than_eight_messages_wait) {
     RTMPConnection& conn = add_connection();
     for (int i = 0; i < 7; ++i) {
         ASSERT_TRUE(conn.add_to_incoming_queue(make_packet(9, 0, "x")));
@@ -251,7 +251,8 @@ TEST_F(SystemCallsTest, a_reader_looks_every_ten_milliseconds_whether_fewer_than
     EXPECT_EQ(wrapped_calls.sleeps, (std::vector<useconds_t>{10000, 10000, 10000}));
 }
 
-TEST_F(SystemCallsTest, free_memory_goes_back_to_the_system_ten_seconds_after_the_first_of_several_has_left) {
+TEST_F(system_calls_test,
+       free_memory_goes_back_to_the_system_ten_seconds_after_the_first_of_several_has_left) {
     const std::uint64_t second_us = 1000000;
     const auto trims_after = [](std::uint64_t wait_us) {
         fake_clock_us += wait_us;
@@ -272,7 +273,7 @@ TEST_F(SystemCallsTest, free_memory_goes_back_to_the_system_ten_seconds_after_th
     EXPECT_EQ(wrapped_calls.malloc_trims, std::vector<std::size_t>{0});
 }
 
-TEST_F(SystemCallsTest, free_memory_whose_time_has_come_goes_back_within_a_pass) {
+TEST_F(system_calls_test, free_memory_whose_time_has_come_goes_back_within_a_pass) {
     add_connection();
     (void)printed_by([] { free_connection(0); });
     fake_clock_us += 10000000;
@@ -280,7 +281,7 @@ TEST_F(SystemCallsTest, free_memory_whose_time_has_come_goes_back_within_a_pass)
     EXPECT_EQ(wrapped_calls.malloc_trims, std::vector<std::size_t>{0});
 }
 
-TEST_F(SystemCallsTest, a_close_reports_what_it_could_not_do_and_goes_on) {
+TEST_F(system_calls_test, a_close_reports_what_it_could_not_do_and_goes_on) {
     RTMPConnection& conn = add_connection();
     wrapped_calls.cancel_result = ESRCH;
     wrapped_calls.join_result = ESRCH;
@@ -291,7 +292,7 @@ TEST_F(SystemCallsTest, a_close_reports_what_it_could_not_do_and_goes_on) {
     EXPECT_EQ(conn.fd, -1);
 }
 
-TEST_F(SystemCallsTest, a_thread_that_cannot_be_joined_is_tried_again_on_every_pass) {
+TEST_F(system_calls_test, a_thread_that_cannot_be_joined_is_tried_again_on_every_pass) {
     RTMPConnection& conn = add_connection();
     pthread_cancel(conn.thread);
     conn.thread_died = true;
@@ -305,7 +306,7 @@ TEST_F(SystemCallsTest, a_thread_that_cannot_be_joined_is_tried_again_on_every_p
     EXPECT_FALSE(conn.thread_init);
 }
 
-TEST_F(SystemCallsDeathTest, a_failing_unlock_ends_the_process) {
+TEST_F(system_calls_death_test, a_failing_unlock_ends_the_process) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     RTMPConnection& conn = add_connection();
     wrapped_calls.failing_unlock = &conn.mutex.handle;
@@ -313,7 +314,7 @@ TEST_F(SystemCallsDeathTest, a_failing_unlock_ends_the_process) {
                 assertion_line("ok", "connection_io_unlock()"));
 }
 
-TEST_F(SystemCallsDeathTest, threads_that_come_back_after_they_were_joined_end_the_process) {
+TEST_F(system_calls_death_test, threads_that_come_back_after_they_were_joined_end_the_process) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     RTMPConnection& conn = add_connection();
     wrapped_calls.refuse_join = true;

@@ -1,9 +1,5 @@
 // Which AMF0 values the server takes, shown by the dump of a connect's command object, and what becomes of
 // those that it does not take.
-#include "tests/support/dropped_client.h"
-#include "tests/support/rtmp_client.h"
-#include "tests/support/server_process.h"
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -11,12 +7,16 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/dropped_client.h"
+#include "tests/support/rtmp_client.h"
+#include "tests/support/server_process.h"
+
 namespace {
 
 using Lines = std::vector<std::string>;
 
-// What the server prints about a connect with this command object, up to the refusal of the empty
-// application.
+// What the server prints about a connect with this command object, up to the refusal of the
+// empty application.
 Lines dump_of(const ServerProcess& server, const Bytes& command_object) {
     RtmpClient client = handshaken_client();
     (void)client.round_trip();

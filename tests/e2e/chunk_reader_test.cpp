@@ -1,14 +1,14 @@
 // What clients may do with chunk headers, and what ends their connection. A createStream answer carries the
 // chunk stream, timestamp and message stream of its request, so it shows what the server made of a header.
-#include "tests/support/dropped_client.h"
-#include "tests/support/rtmp_client.h"
-#include "tests/support/server_process.h"
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <string>
 #include <vector>
+
+#include "tests/support/dropped_client.h"
+#include "tests/support/rtmp_client.h"
+#include "tests/support/server_process.h"
 
 namespace {
 

@@ -1,15 +1,15 @@
 // The server's own chunks, byte for byte.
-#include "tests/support/expected_replies.h"
-#include "tests/support/media_bytes.h"
-#include "tests/support/rtmp_client.h"
-#include "tests/support/server_process.h"
-#include "tests/support/unseeded_rand.h"
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <string>
 #include <vector>
+
+#include "tests/support/expected_replies.h"
+#include "tests/support/media_bytes.h"
+#include "tests/support/rtmp_client.h"
+#include "tests/support/server_process.h"
+#include "tests/support/unseeded_rand.h"
 
 namespace {
 
@@ -161,8 +161,8 @@ TEST(chunk_writer, the_chunk_size_echo_goes_out_under_the_old_size_and_what_foll
 }
 
 TEST(chunk_writer, replies_that_wait_when_the_chunk_size_changes_keep_the_old_one) {
-    // However the replies and the echo come to stand in the queue, the strict reader sees each in its own
-    // size.
+    // However the replies and the echo come to stand in the queue, the strict reader sees each in its
+    // own size.
     ServerProcess server;
     RtmpClient client = handshaken_client();
     for (const std::uint32_t size : {4096U, 128U, 1U, 200U, 3U, 128U}) {

@@ -1,9 +1,4 @@
 // Arguments, start, stop and exit status.
-#include "tests/support/control_peer.h"
-#include "tests/support/rtmp_client.h"
-#include "tests/support/server_process.h"
-#include "tests/support/test_failure.h"
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
@@ -18,6 +13,11 @@
 #include <fstream>
 #include <set>
 #include <string>
+
+#include "tests/support/control_peer.h"
+#include "tests/support/rtmp_client.h"
+#include "tests/support/server_process.h"
+#include "tests/support/test_failure.h"
 
 namespace {
 
@@ -288,8 +288,8 @@ TEST(command_line, a_port_that_another_program_keeps_to_itself_prevents_the_star
         const PortOwner owner;
         expect_refusal({}, "Cannot bind socket\n");
     }
-    // The way out through the listener leaves the control socket as it is; the next start takes the path
-    // over.
+    // The way out through the listener leaves the control socket as it is; the next start takes the
+    // path over.
     EXPECT_TRUE(std::filesystem::is_socket(CONTROL_SOCKET_PATH));
     ServerProcess server;
     (void)connected_client();

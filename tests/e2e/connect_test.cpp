@@ -1,10 +1,4 @@
 // The connect command: who is let in, what the answer says, what the log shows of the request.
-#include "tests/support/dropped_client.h"
-#include "tests/support/expected_replies.h"
-#include "tests/support/rtmp_client.h"
-#include "tests/support/server_process.h"
-#include "tests/support/unseeded_rand.h"
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -12,6 +6,12 @@
 #include <limits>
 #include <string>
 #include <vector>
+
+#include "tests/support/dropped_client.h"
+#include "tests/support/expected_replies.h"
+#include "tests/support/rtmp_client.h"
+#include "tests/support/server_process.h"
+#include "tests/support/unseeded_rand.h"
 
 namespace {
 

@@ -1,9 +1,4 @@
 // How connections end, and that their slots, threads and descriptors come back.
-#include "tests/support/media_bytes.h"
-#include "tests/support/message_recorder.h"
-#include "tests/support/rtmp_client.h"
-#include "tests/support/server_process.h"
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
@@ -11,6 +6,11 @@
 #include <memory>
 #include <string>
 #include <vector>
+
+#include "tests/support/media_bytes.h"
+#include "tests/support/message_recorder.h"
+#include "tests/support/rtmp_client.h"
+#include "tests/support/server_process.h"
 
 namespace {
 
@@ -35,7 +35,8 @@ void add_clients(const ServerProcess& server, Clients& clients, std::size_t coun
     }
 }
 
-// The size of a thread's stack for which no system has room. ThreadSanitizer does not start with more than this.
+// The size of a thread's stack for which no system has room. ThreadSanitizer does not start with more
+// than this.
 #ifdef __SANITIZE_THREAD__
 constexpr unsigned long IMPOSSIBLE_STACK = 1UL << 38;
 #else

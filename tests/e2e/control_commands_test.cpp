@@ -1,11 +1,4 @@
 // The commands of the control socket, as a script sends them: through the tool's "raw", to the real server.
-#include "tests/support/media_bytes.h"
-#include "tests/support/message_recorder.h"
-#include "tests/support/rtmp_client.h"
-#include "tests/support/server_process.h"
-#include "tests/support/test_failure.h"
-#include "tests/support/tool_run.h"
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -14,6 +7,13 @@
 #include <optional>
 #include <string>
 #include <vector>
+
+#include "tests/support/media_bytes.h"
+#include "tests/support/message_recorder.h"
+#include "tests/support/rtmp_client.h"
+#include "tests/support/server_process.h"
+#include "tests/support/test_failure.h"
+#include "tests/support/tool_run.h"
 
 namespace {
 
@@ -136,7 +136,7 @@ RawReply dropped_reply(int count) {
 }
 
 // The one who asks with the request bit and everything else that "raw" does not let a person choose.
-class ControlCommandsOnTheWire : public testing::Test {
+class control_commands_on_the_wire_test : public testing::Test {
   protected:
     ServerProcess server;
     ControlPeer peer;
@@ -553,7 +553,7 @@ TEST(control_commands, async_commands_are_not_carried_out) {
 
 // ---- what "raw" cannot say
 
-TEST_F(ControlCommandsOnTheWire, a_reply_carries_the_id_of_its_request_and_no_flags) {
+TEST_F(control_commands_on_the_wire_test, a_reply_carries_the_id_of_its_request_and_no_flags) {
     for (const std::uint64_t id : {std::uint64_t{0}, std::uint64_t{7}, UINT64_MAX}) {
         peer.send_bytes(control_request(id, "hello"));
         const ControlReply reply = peer.read_reply();
@@ -564,7 +564,7 @@ TEST_F(ControlCommandsOnTheWire, a_reply_carries_the_id_of_its_request_and_no_fl
     }
 }
 
-TEST_F(ControlCommandsOnTheWire, requests_are_answered_in_their_order_sixty_four_at_a_service) {
+TEST_F(control_commands_on_the_wire_test, requests_are_answered_in_their_order_sixty_four_at_a_service) {
     constexpr std::uint64_t REQUESTS = 200;
     Bytes burst;
     for (std::uint64_t id = 1; id <= REQUESTS; ++id) {
@@ -579,7 +579,7 @@ TEST_F(ControlCommandsOnTheWire, requests_are_answered_in_their_order_sixty_four
     EXPECT_GE(elapsed_since(start), Milliseconds{300});
 }
 
-TEST_F(ControlCommandsOnTheWire, async_requests_get_no_reply_whatever_they_ask) {
+TEST_F(control_commands_on_the_wire_test, async_requests_get_no_reply_whatever_they_ask) {
     Bytes requests;
     std::uint64_t id = 0;
     for (const char* const command : {"hello", "list connections", "drop connection by id",
@@ -592,7 +592,7 @@ TEST_F(ControlCommandsOnTheWire, async_requests_get_no_reply_whatever_they_ask) 
     EXPECT_EQ(server.count("Unknown command 'nobody knows this'"), 1U);
 }
 
-TEST_F(ControlCommandsOnTheWire, a_packet_that_is_no_request_is_passed_over) {
+TEST_F(control_commands_on_the_wire_test, a_packet_that_is_no_request_is_passed_over) {
     const LineMark mark = server.mark();
     RtmpClient client = connected_client();
     for (const std::uint32_t flags : {0U, CONTROL_ASYNC}) {
@@ -606,7 +606,7 @@ TEST_F(ControlCommandsOnTheWire, a_packet_that_is_no_request_is_passed_over) {
     EXPECT_EQ(server.count("Dropping connection", mark), 0U);
 }
 
-TEST_F(ControlCommandsOnTheWire, an_absent_argument_is_like_an_empty_name_and_like_no_id) {
+TEST_F(control_commands_on_the_wire_test, an_absent_argument_is_like_an_empty_name_and_like_no_id) {
     RtmpClient publisher = publishing_client("cam1");
     const RtmpClient unnamed = connected_client();
     EXPECT_THAT(peer.ask(LIST, {std::nullopt}).values("connection"), SizeIs(2));
@@ -618,7 +618,8 @@ TEST_F(ControlCommandsOnTheWire, an_absent_argument_is_like_an_empty_name_and_li
     publisher.expect_closed_without_answer();
 }
 
-TEST_F(ControlCommandsOnTheWire, who_is_dropped_is_there_until_the_service_ends_and_not_at_the_next) {
+TEST_F(control_commands_on_the_wire_test,
+       who_is_dropped_is_there_until_the_service_ends_and_not_at_the_next) {
     RtmpClient publisher = publishing_client("cam1");
     RtmpClient player = playing_client("cam1");
     peer.send_bytes(control_request(1, DROP_BY_ID, {"0"}) + control_request(2, DROP_BY_NAME, {"cam1"}) +

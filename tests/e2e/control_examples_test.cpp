@@ -1,11 +1,5 @@
 // The programs that show how to use the control socket, run against the real server: the Python client as it
 // stands on the page about the socket, and the library's example in C.
-#include "tests/support/control_peer.h"
-#include "tests/support/program_process.h"
-#include "tests/support/rtmp_client.h"
-#include "tests/support/server_process.h"
-#include "tests/support/test_failure.h"
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -14,6 +8,12 @@
 #include <sstream>
 #include <string>
 #include <vector>
+
+#include "tests/support/control_peer.h"
+#include "tests/support/program_process.h"
+#include "tests/support/rtmp_client.h"
+#include "tests/support/server_process.h"
+#include "tests/support/test_failure.h"
 
 namespace {
 
@@ -44,7 +44,7 @@ struct Example {
     bool shows_status;
 };
 
-class ControlExamples : public testing::TestWithParam<Example> {
+class control_examples_test : public testing::TestWithParam<Example> {
   protected:
     static ProgramRun ask(const std::vector<std::string>& words) {
         std::vector<std::string> command = GetParam().command;
@@ -61,7 +61,7 @@ class ControlExamples : public testing::TestWithParam<Example> {
 
 }  // namespace
 
-TEST_P(ControlExamples, greets_lists_and_drops) {
+TEST_P(control_examples_test, greets_lists_and_drops) {
     std::ofstream(SCRIPT) << page_client();
     const ServerProcess server;
     RtmpClient publisher = publishing_client("cam1");
@@ -91,7 +91,7 @@ TEST_P(ControlExamples, greets_lists_and_drops) {
     }
 }
 
-TEST_P(ControlExamples, fails_when_no_server_is_there) {
+TEST_P(control_examples_test, fails_when_no_server_is_there) {
     std::ofstream(SCRIPT) << page_client();
     std::filesystem::remove(CONTROL_SOCKET_PATH);
     const ProgramRun hello = ask({"hello"});
@@ -100,7 +100,7 @@ TEST_P(ControlExamples, fails_when_no_server_is_there) {
     EXPECT_NE(hello.err, "");
 }
 
-INSTANTIATE_TEST_SUITE_P(programs, ControlExamples,
+INSTANTIATE_TEST_SUITE_P(programs, control_examples_test,
                          testing::Values(Example{"python_of_the_page", {"python3", SCRIPT}, true},
                                          Example{"c_of_the_library", {V9_HELLO_EXAMPLE_PATH}, false}),
                          [](const testing::TestParamInfo<Example>& row) { return row.param.name; });

@@ -1,10 +1,5 @@
-// Clients of the control socket that behave as badly as they can, beside one that behaves and a stream that plays:
-// the answers and the stream stay in time.
-#include "tests/support/control_peer.h"
-#include "tests/support/server_process.h"
-#include "tests/support/test_failure.h"
-#include "tests/support/timed_stream.h"
-
+// Clients of the control socket that behave as badly as they can, beside one that behaves and a stream that
+// plays: the answers and the stream stay in time.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -14,6 +9,11 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include "tests/support/control_peer.h"
+#include "tests/support/server_process.h"
+#include "tests/support/test_failure.h"
+#include "tests/support/timed_stream.h"
 
 namespace {
 

@@ -1,11 +1,5 @@
-// The control socket's own life: who may connect, how it is lost and what goes on without it, and clients that
-// leave before their answer comes.
-#include "tests/support/control_peer.h"
-#include "tests/support/media_bytes.h"
-#include "tests/support/rtmp_client.h"
-#include "tests/support/server_process.h"
-#include "tests/support/test_failure.h"
-
+// The control socket's own life: who may connect, how it is lost and what goes on without it, and clients
+// that leave before their answer comes.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -17,6 +11,12 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include "tests/support/control_peer.h"
+#include "tests/support/media_bytes.h"
+#include "tests/support/rtmp_client.h"
+#include "tests/support/server_process.h"
+#include "tests/support/test_failure.h"
 
 namespace {
 
@@ -250,8 +250,8 @@ TEST(control_socket, the_sixty_fifth_client_is_turned_away_and_takes_a_place_tha
     }
     ControlPeer().expect_closed();
     peers[17].close();
-    // Whoever comes in the middle of the service that turned one away may find the place still taken. The second
-    // of these is answered in a service that began after the place became free.
+    // Whoever comes in the middle of the service that turned one away may find the place still taken. The
+    // second of these is answered in a service that began after the place became free.
     (void)peers.back().ask("hello");
     (void)peers.back().ask("hello");
     expect_greeted();

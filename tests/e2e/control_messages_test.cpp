@@ -1,10 +1,4 @@
 // Set chunk size, window acknowledgement size, acknowledgements, and how far the server reads ahead.
-#include "tests/support/dropped_client.h"
-#include "tests/support/expected_replies.h"
-#include "tests/support/media_bytes.h"
-#include "tests/support/rtmp_client.h"
-#include "tests/support/server_process.h"
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -12,6 +6,12 @@
 #include <optional>
 #include <string>
 #include <vector>
+
+#include "tests/support/dropped_client.h"
+#include "tests/support/expected_replies.h"
+#include "tests/support/media_bytes.h"
+#include "tests/support/rtmp_client.h"
+#include "tests/support/server_process.h"
 
 namespace {
 
@@ -24,8 +24,8 @@ OutMessage control(std::uint8_t type, Bytes payload) {
     return {.type = type, .payload = std::move(payload), .csid = CONTROL_CSID};
 }
 
-// Sends, from the end of the handshake on, and knows which acknowledgements are due: after the first message, and
-// whenever a window of bytes has come.
+// Sends, from the end of the handshake on, and knows which acknowledgements are due: after the first message,
+// and whenever a window of bytes has come.
 class CountingSender {
   public:
     explicit CountingSender(RtmpClient& rtmp_client) : client(rtmp_client) {}

@@ -1,9 +1,4 @@
 // v9_rtmp_ctl check and events against the real server.
-#include "tests/support/program_process.h"
-#include "tests/support/rtmp_client.h"
-#include "tests/support/server_process.h"
-#include "tests/support/tool_run.h"
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -13,6 +8,11 @@
 #include <sstream>
 #include <string>
 #include <vector>
+
+#include "tests/support/program_process.h"
+#include "tests/support/rtmp_client.h"
+#include "tests/support/server_process.h"
+#include "tests/support/tool_run.h"
 
 namespace {
 

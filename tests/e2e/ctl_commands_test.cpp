@@ -1,13 +1,5 @@
-// v9_rtmp_ctl as people and scripts use it, against the real server: what it prints, what it does, and its exit
-// status for every way that it can end.
-#include "tests/support/control_peer.h"
-#include "tests/support/media_bytes.h"
-#include "tests/support/rtmp_client.h"
-#include "tests/support/server_process.h"
-#include "tests/support/terminal_program.h"
-#include "tests/support/test_failure.h"
-#include "tests/support/tool_run.h"
-
+// v9_rtmp_ctl as people and scripts use it, against the real server: what it prints, what it does, and its
+// exit status for every way that it can end.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -23,6 +15,14 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include "tests/support/control_peer.h"
+#include "tests/support/media_bytes.h"
+#include "tests/support/rtmp_client.h"
+#include "tests/support/server_process.h"
+#include "tests/support/terminal_program.h"
+#include "tests/support/test_failure.h"
+#include "tests/support/tool_run.h"
 
 namespace {
 
@@ -62,8 +62,8 @@ std::string path_with_socket(const std::string& path) {
     return "--socket=" + path;
 }
 
-// Somebody else's server at OTHER_SOCKET: takes one client, waits for its first bytes, sends what it is told to
-// and closes. Without an answer it takes clients and says nothing.
+// Somebody else's server at OTHER_SOCKET: takes one client, waits for its first bytes, sends what it is told
+// to and closes. Without an answer it takes clients and says nothing.
 class OtherServer {
   public:
     OtherServer() : fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {

@@ -1,13 +1,5 @@
-// v9_rtmp_ctl watch, in a terminal and off it: what it shows of a running server, what its keys do, and that it
-// leaves the terminal as it found it on every way out.
-#include "tests/support/media_bytes.h"
-#include "tests/support/private_namespaces.h"
-#include "tests/support/rtmp_client.h"
-#include "tests/support/server_process.h"
-#include "tests/support/terminal_program.h"
-#include "tests/support/test_failure.h"
-#include "tests/support/tool_run.h"
-
+// v9_rtmp_ctl watch, in a terminal and off it: what it shows of a running server, what its keys do, and that
+// it leaves the terminal as it found it on every way out.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -19,6 +11,14 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include "tests/support/media_bytes.h"
+#include "tests/support/private_namespaces.h"
+#include "tests/support/rtmp_client.h"
+#include "tests/support/server_process.h"
+#include "tests/support/terminal_program.h"
+#include "tests/support/test_failure.h"
+#include "tests/support/tool_run.h"
 
 namespace {
 
@@ -76,7 +76,7 @@ class TmuxTerminal {
 };
 
 // A publisher of a picture, two players of it and somebody who has not chosen yet: connections 0 to 3.
-class CtlWatch : public testing::Test {
+class ctl_watch_test : public testing::Test {
   protected:
     void SetUp() override {
         publisher.send_metadata(amf_object({{"height", amf_number(720)}, {"width", amf_number(1280)}}));
@@ -125,7 +125,7 @@ class CtlWatch : public testing::Test {
 
 // ---- what it shows
 
-TEST_F(CtlWatch, a_frame_shows_the_streams_that_run_and_who_is_connected) {
+TEST_F(ctl_watch_test, a_frame_shows_the_streams_that_run_and_who_is_connected) {
     TerminalProgram watch(watch_command());
     expect_whole_frame(watch);
     for (const std::string& row : watch.screen().rows()) {
@@ -133,7 +133,7 @@ TEST_F(CtlWatch, a_frame_shows_the_streams_that_run_and_who_is_connected) {
     }
 }
 
-TEST_F(CtlWatch, it_shows_who_comes_and_goes_and_the_rates) {
+TEST_F(ctl_watch_test, it_shows_who_comes_and_goes_and_the_rates) {
     TerminalProgram watch(watch_command());
     expect_whole_frame(watch);
     {
@@ -157,7 +157,7 @@ TEST_F(CtlWatch, it_shows_who_comes_and_goes_and_the_rates) {
     (void)watch.wait_for_row(flow, Milliseconds{0});
 }
 
-TEST_F(CtlWatch, a_line_as_wide_as_the_terminal_is_shown_to_its_last_column) {
+TEST_F(ctl_watch_test, a_line_as_wide_as_the_terminal_is_shown_to_its_last_column) {
     const RtmpClient player = playing_client(std::string(100, 'x'));
     const TmuxTerminal terminal(watch_command());
     const auto is_whole = [&player](const std::string& row) {
@@ -171,7 +171,7 @@ TEST_F(CtlWatch, a_line_as_wide_as_the_terminal_is_shown_to_its_last_column) {
     EXPECT_THAT(rows, Contains(testing::ResultOf(is_whole, testing::IsTrue())));
 }
 
-TEST_F(CtlWatch, it_fits_a_terminal_whose_size_changes) {
+TEST_F(ctl_watch_test, it_fits_a_terminal_whose_size_changes) {
     TerminalProgram watch(watch_command());
     expect_whole_frame(watch);
     watch.resize(12, 40);
@@ -190,7 +190,7 @@ TEST_F(CtlWatch, it_fits_a_terminal_whose_size_changes) {
     EXPECT_EQ(watch.wait_for_exit(), (ProgramEnd{0, 0}));
 }
 
-TEST_F(CtlWatch, it_waits_for_a_server_that_has_stopped) {
+TEST_F(ctl_watch_test, it_waits_for_a_server_that_has_stopped) {
     TerminalProgram watch(watch_command());
     expect_whole_frame(watch);
     server.stop();
@@ -208,7 +208,7 @@ TEST_F(CtlWatch, it_waits_for_a_server_that_has_stopped) {
 
 // ---- what its keys do
 
-TEST_F(CtlWatch, the_drop_key_asks_first) {
+TEST_F(ctl_watch_test, the_drop_key_asks_first) {
     TerminalProgram watch(watch_command());
     expect_whole_frame(watch);
     for (const char* const answer : {"n", "\r", "x"}) {
@@ -229,7 +229,7 @@ TEST_F(CtlWatch, the_drop_key_asks_first) {
     EXPECT_EQ(server.count("Dropping connection"), 1U);
 }
 
-TEST_F(CtlWatch, a_yes_drops_nobody_who_changed_while_the_question_waited) {
+TEST_F(ctl_watch_test, a_yes_drops_nobody_who_changed_while_the_question_waited) {
     TerminalProgram watch(watch_command());
     expect_whole_frame(watch);
     watch.type("d3\r");
@@ -248,7 +248,7 @@ TEST_F(CtlWatch, a_yes_drops_nobody_who_changed_while_the_question_waited) {
     (void)watch.wait_for_text("there is no connection 2.");
 }
 
-TEST_F(CtlWatch, a_selected_connection_is_dropped_after_a_yes) {
+TEST_F(ctl_watch_test, a_selected_connection_is_dropped_after_a_yes) {
     (void)second_player.round_trip();
     TerminalProgram watch(watch_command());
     expect_whole_frame(watch);
@@ -265,7 +265,7 @@ TEST_F(CtlWatch, a_selected_connection_is_dropped_after_a_yes) {
     EXPECT_EQ(server.count("Dropping connection"), 1U);
 }
 
-TEST_F(CtlWatch, a_selected_stream_is_dropped_after_a_yes) {
+TEST_F(ctl_watch_test, a_selected_stream_is_dropped_after_a_yes) {
     TerminalProgram watch(watch_command());
     expect_whole_frame(watch);
     watch.type("\t" + END_KEY);
@@ -277,7 +277,7 @@ TEST_F(CtlWatch, a_selected_stream_is_dropped_after_a_yes) {
     (void)watch.wait_for_text("1 of 128 slots used");
 }
 
-TEST_F(CtlWatch, the_view_key_shows_either_table_alone) {
+TEST_F(ctl_watch_test, the_view_key_shows_either_table_alone) {
     TerminalProgram watch(watch_command());
     expect_whole_frame(watch);
     const auto shows = [&watch](const char* what, bool streams, bool connections) {
@@ -297,7 +297,7 @@ TEST_F(CtlWatch, the_view_key_shows_either_table_alone) {
     shows("both", true, true);
 }
 
-TEST_F(CtlWatch, options_pick_what_it_shows) {
+TEST_F(ctl_watch_test, options_pick_what_it_shows) {
     std::vector<std::string> command = watch_command();
     command.insert(command.end(), {"--mode", "play", "--unit", "bits"});
     TerminalProgram watch(command);
@@ -307,7 +307,7 @@ TEST_F(CtlWatch, options_pick_what_it_shows) {
     EXPECT_THAT(rows, Not(Contains(HasSubstr(" publish "))));
 }
 
-TEST_F(CtlWatch, the_filter_key_leaves_what_contains_the_text) {
+TEST_F(ctl_watch_test, the_filter_key_leaves_what_contains_the_text) {
     const RtmpClient other = playing_client("garden");
     TerminalProgram watch(watch_command());
     (void)watch.wait_for_text("garden");
@@ -322,7 +322,7 @@ TEST_F(CtlWatch, the_filter_key_leaves_what_contains_the_text) {
     (void)watch.wait_for_text("cam1");
 }
 
-TEST_F(CtlWatch, the_pause_key_keeps_the_frame_until_it_is_pressed_again) {
+TEST_F(ctl_watch_test, the_pause_key_keeps_the_frame_until_it_is_pressed_again) {
     TerminalProgram watch(watch_command());
     expect_whole_frame(watch);
     watch.type("p");
@@ -336,7 +336,7 @@ TEST_F(CtlWatch, the_pause_key_keeps_the_frame_until_it_is_pressed_again) {
     EXPECT_THAT(rows[1], Not(HasSubstr("PAUSED")));
 }
 
-TEST_F(CtlWatch, the_sort_key_goes_through_the_orders) {
+TEST_F(ctl_watch_test, the_sort_key_goes_through_the_orders) {
     const RtmpClient first_by_name = playing_client("a_stream");
     TerminalProgram watch(watch_command());
     const auto shows_order = [&watch](const std::string& name, const std::string& first,
@@ -365,14 +365,14 @@ TEST_F(CtlWatch, the_sort_key_goes_through_the_orders) {
 
 // ---- its ways out
 
-TEST_F(CtlWatch, it_leaves_the_terminal_as_it_was_when_q_is_pressed) {
+TEST_F(ctl_watch_test, it_leaves_the_terminal_as_it_was_when_q_is_pressed) {
     TerminalProgram watch(watch_command());
     expect_whole_frame(watch);
     watch.type("q");
     expect_left_in_order(watch);
 }
 
-TEST_F(CtlWatch, it_leaves_the_terminal_as_it_was_when_ctrl_c_is_pressed) {
+TEST_F(ctl_watch_test, it_leaves_the_terminal_as_it_was_when_ctrl_c_is_pressed) {
     for (const std::string& key : {CTRL_C, CTRL_BACKSLASH}) {
         TerminalProgram watch(watch_command());
         expect_whole_frame(watch);
@@ -381,7 +381,7 @@ TEST_F(CtlWatch, it_leaves_the_terminal_as_it_was_when_ctrl_c_is_pressed) {
     }
 }
 
-TEST_F(CtlWatch, it_leaves_the_terminal_as_it_was_when_it_is_ended_from_outside) {
+TEST_F(ctl_watch_test, it_leaves_the_terminal_as_it_was_when_it_is_ended_from_outside) {
     for (const int number : {SIGTERM, SIGINT, SIGHUP, SIGUSR1, SIGUSR2, SIGALRM, SIGVTALRM, SIGPROF, SIGXCPU,
                              SIGXFSZ, SIGPIPE, SIGIO, SIGPWR, SIGSTKFLT, SIGRTMIN, SIGRTMAX}) {
         TerminalProgram watch(watch_command());
@@ -391,7 +391,7 @@ TEST_F(CtlWatch, it_leaves_the_terminal_as_it_was_when_it_is_ended_from_outside)
     }
 }
 
-TEST_F(CtlWatch, it_leaves_the_terminal_as_it_was_in_the_middle_of_a_question) {
+TEST_F(ctl_watch_test, it_leaves_the_terminal_as_it_was_in_the_middle_of_a_question) {
     for (const char* const keys : {"/cam", "d1", "d1\r", "?"}) {
         TerminalProgram watch(watch_command());
         expect_whole_frame(watch);
@@ -401,7 +401,7 @@ TEST_F(CtlWatch, it_leaves_the_terminal_as_it_was_in_the_middle_of_a_question) {
     }
 }
 
-TEST_F(CtlWatch, it_leaves_the_terminal_as_it_was_while_no_server_runs) {
+TEST_F(ctl_watch_test, it_leaves_the_terminal_as_it_was_while_no_server_runs) {
     server.stop();
     TerminalProgram watch(watch_command());
     (void)watch.wait_for_text("Trying again.");
@@ -409,7 +409,7 @@ TEST_F(CtlWatch, it_leaves_the_terminal_as_it_was_while_no_server_runs) {
     expect_left_in_order(watch);
 }
 
-TEST_F(CtlWatch, it_gives_the_terminal_back_while_it_is_stopped_and_takes_it_again) {
+TEST_F(ctl_watch_test, it_gives_the_terminal_back_while_it_is_stopped_and_takes_it_again) {
     TerminalProgram watch(watch_command());
     expect_whole_frame(watch);
     const std::vector<std::function<void()>> ways_to_stop = {
@@ -429,7 +429,7 @@ TEST_F(CtlWatch, it_gives_the_terminal_back_while_it_is_stopped_and_takes_it_aga
     expect_left_in_order(watch);
 }
 
-TEST_F(CtlWatch, in_the_background_it_waits_until_it_is_brought_to_the_foreground) {
+TEST_F(ctl_watch_test, in_the_background_it_waits_until_it_is_brought_to_the_foreground) {
     const std::string frame = "4 of 128 slots used";
     TerminalProgram shell({"bash", "--noprofile", "--norc", "-i"}, {"PS1=ready> "});
     (void)shell.wait_for_text("ready>");
@@ -465,7 +465,7 @@ TEST_F(CtlWatch, in_the_background_it_waits_until_it_is_brought_to_the_foregroun
     (void)shell.wait_for_text("ended with 143");
 }
 
-TEST_F(CtlWatch, it_ends_while_its_terminal_takes_no_output) {
+TEST_F(ctl_watch_test, it_ends_while_its_terminal_takes_no_output) {
     for (const int number : {SIGTERM, SIGINT, SIGHUP}) {
         TerminalProgram watch(watch_command());
         expect_whole_frame(watch);
@@ -481,7 +481,7 @@ TEST_F(CtlWatch, it_ends_while_its_terminal_takes_no_output) {
     }
 }
 
-TEST_F(CtlWatch, it_goes_on_once_its_terminal_takes_output_again) {
+TEST_F(ctl_watch_test, it_goes_on_once_its_terminal_takes_output_again) {
     TerminalProgram watch(watch_command());
     expect_whole_frame(watch);
     watch.stop_taking_output();
@@ -492,7 +492,7 @@ TEST_F(CtlWatch, it_goes_on_once_its_terminal_takes_output_again) {
     EXPECT_EQ(watch.wait_for_exit(), (ProgramEnd{0, 0}));
 }
 
-TEST_F(CtlWatch, it_ends_when_its_terminal_goes_away) {
+TEST_F(ctl_watch_test, it_ends_when_its_terminal_goes_away) {
     TerminalProgram watch(watch_command());
     expect_whole_frame(watch);
     watch.hang_up();
@@ -501,7 +501,7 @@ TEST_F(CtlWatch, it_ends_when_its_terminal_goes_away) {
 
 // ---- off a terminal
 
-TEST_F(CtlWatch, off_a_terminal_it_prints_a_frame_per_interval) {
+TEST_F(ctl_watch_test, off_a_terminal_it_prints_a_frame_per_interval) {
     const TimePoint start = SteadyClock::now();
     ProgramProcess watch(watch_command());
     const std::string heading = "v9_rtmp_ctl ";
@@ -523,7 +523,7 @@ TEST_F(CtlWatch, off_a_terminal_it_prints_a_frame_per_interval) {
     EXPECT_EQ(watch.err().raw_text(), "");
 }
 
-TEST_F(CtlWatch, a_terminal_that_can_do_nothing_gets_a_frame_per_interval_too) {
+TEST_F(ctl_watch_test, a_terminal_that_can_do_nothing_gets_a_frame_per_interval_too) {
     TerminalProgram watch(watch_command(), {"TERM=dumb"});
     (void)watch.wait_for_text("cam1");
     watch.type(CTRL_C);
@@ -531,7 +531,7 @@ TEST_F(CtlWatch, a_terminal_that_can_do_nothing_gets_a_frame_per_interval_too) {
     EXPECT_THAT(watch.raw_text(), Not(HasSubstr("\x1b")));
 }
 
-TEST_F(CtlWatch, json_frames_are_one_document_a_line) {
+TEST_F(ctl_watch_test, json_frames_are_one_document_a_line) {
     std::vector<std::string> command = watch_command();
     command.emplace_back("--json");
     ProgramProcess watch(command);

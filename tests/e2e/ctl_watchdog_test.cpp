@@ -1,15 +1,5 @@
-// v9_rtmp_ctl watchdog against the real server: whom it drops, and whom it leaves alone. Its limits are options, so the
-// tests set short ones; each keeps the relation to the others that the usual ones have.
-#include "tests/support/far_side.h"
-#include "tests/support/live_pair.h"
-#include "tests/support/media_bytes.h"
-#include "tests/support/message_recorder.h"
-#include "tests/support/program_process.h"
-#include "tests/support/rtmp_client.h"
-#include "tests/support/server_process.h"
-#include "tests/support/timed_stream.h"
-#include "tests/support/tool_run.h"
-
+// v9_rtmp_ctl watchdog against the real server: whom it drops, and whom it leaves alone. Its limits are
+// options, so the tests set short ones; each keeps the relation to the others that the usual ones have.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -20,6 +10,16 @@
 #include <sstream>
 #include <string>
 #include <vector>
+
+#include "tests/support/far_side.h"
+#include "tests/support/live_pair.h"
+#include "tests/support/media_bytes.h"
+#include "tests/support/message_recorder.h"
+#include "tests/support/program_process.h"
+#include "tests/support/rtmp_client.h"
+#include "tests/support/server_process.h"
+#include "tests/support/timed_stream.h"
+#include "tests/support/tool_run.h"
 
 namespace {
 

@@ -1,14 +1,14 @@
 // What becomes of a message when its turn has come: by type, by command name, and when it fails.
-#include "tests/support/dropped_client.h"
-#include "tests/support/expected_replies.h"
-#include "tests/support/rtmp_client.h"
-#include "tests/support/server_process.h"
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <string>
 #include <vector>
+
+#include "tests/support/dropped_client.h"
+#include "tests/support/expected_replies.h"
+#include "tests/support/rtmp_client.h"
+#include "tests/support/server_process.h"
 
 namespace {
 

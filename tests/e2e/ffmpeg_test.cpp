@@ -1,8 +1,4 @@
 // A real encoder and real players: what ffmpeg publishes and what ffmpeg receives are the same access units.
-#include "tests/support/server_process.h"
-#include "tests/support/test_failure.h"
-#include "tests/support/time_limits.h"
-
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -20,6 +16,10 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include "tests/support/server_process.h"
+#include "tests/support/test_failure.h"
+#include "tests/support/time_limits.h"
 
 namespace {
 
@@ -174,7 +174,7 @@ std::vector<std::string> extradata(const std::string& path) {
     return result;
 }
 
-class FfmpegPeers : public testing::Test {
+class ffmpeg_peers_test : public testing::Test {
   protected:
     void SetUp() override {
         Ffmpeg make(scratch / "make.log", {"-f",
@@ -267,7 +267,7 @@ class FfmpegPeers : public testing::Test {
 
 }  // namespace
 
-TEST_F(FfmpegPeers, players_that_wait_receive_every_access_unit_that_is_published) {
+TEST_F(ffmpeg_peers_test, players_that_wait_receive_every_access_unit_that_is_published) {
     ServerProcess server(ORDERLY_END);
     Ffmpeg player(scratch / "player.log", list_arguments(PLAY_URL, "played"));
     Ffmpeg second_player(scratch / "player2.log", list_arguments(PLAY_URL, "played2"));
@@ -285,7 +285,7 @@ TEST_F(FfmpegPeers, players_that_wait_receive_every_access_unit_that_is_publishe
     }
 }
 
-TEST_F(FfmpegPeers, with_acknowledgements_nothing_is_lost_but_what_the_encoders_reset_discards) {
+TEST_F(ffmpeg_peers_test, with_acknowledgements_nothing_is_lost_but_what_the_encoders_reset_discards) {
     ServerProcess server;
     Ffmpeg player(scratch / "player.log", list_arguments(PLAY_URL, "played"));
     server.wait_for_line("Connection for play subscribed to 'camera'");
@@ -305,7 +305,7 @@ TEST_F(FfmpegPeers, with_acknowledgements_nothing_is_lost_but_what_the_encoders_
     expect_same_setup("played");
 }
 
-TEST_F(FfmpegPeers, a_late_player_starts_near_zero_and_misses_nothing_from_its_first_key_frame_on) {
+TEST_F(ffmpeg_peers_test, a_late_player_starts_near_zero_and_misses_nothing_from_its_first_key_frame_on) {
     ServerProcess server(ORDERLY_END);
     Ffmpeg publisher(scratch / "publisher.log", publish_arguments());
     server.wait_for_line("RTMP: Saving a copy of the audio sequence header");

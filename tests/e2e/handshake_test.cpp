@@ -1,15 +1,15 @@
 // The first 3073 bytes each way, and every way in which they go wrong.
-#include "tests/support/expected_replies.h"
-#include "tests/support/rtmp_client.h"
-#include "tests/support/server_process.h"
-#include "tests/support/unseeded_rand.h"
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 
 #include <string>
 #include <vector>
+
+#include "tests/support/expected_replies.h"
+#include "tests/support/rtmp_client.h"
+#include "tests/support/server_process.h"
+#include "tests/support/unseeded_rand.h"
 
 namespace {
 

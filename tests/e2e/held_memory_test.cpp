@@ -1,14 +1,14 @@
 // What messages leave in the server's memory while those who sent them stay.
-#include "tests/support/large_values.h"
-#include "tests/support/rtmp_client.h"
-#include "tests/support/server_process.h"
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <memory>
 #include <string>
 #include <vector>
+
+#include "tests/support/large_values.h"
+#include "tests/support/rtmp_client.h"
+#include "tests/support/server_process.h"
 
 namespace {
 
@@ -23,8 +23,8 @@ Bytes two_byte_key(std::size_t n) {
     return amf_key(Bytes{static_cast<char>(n >> 8 & 0xFF), static_cast<char>(n & 0xFF)});
 }
 
-// Members that stay, each made right after one that is replaced and takes far more: the whole can be sent, and if it
-// were kept as it was decoded, hardly a page would become free.
+// Members that stay, each made right after one that is replaced and takes far more: the whole can be sent,
+// and if it were kept as it was decoded, hardly a page would become free.
 Bytes sparse_members() {
     constexpr std::size_t MEMBERS = 13000;
     constexpr std::size_t LEVELS = 11;
@@ -38,7 +38,7 @@ Bytes sparse_members() {
     return result;
 }
 
-class HeldMemory : public testing::Test {
+class held_memory_test : public testing::Test {
   protected:
     void SetUp() override {
         if (TIME_SCALE > 1) {
@@ -57,7 +57,7 @@ class HeldMemory : public testing::Test {
 
 }  // namespace
 
-TEST_F(HeldMemory, of_metadata_is_little_whatever_a_publisher_sends) {
+TEST_F(held_memory_test, of_metadata_is_little_whatever_a_publisher_sends) {
     const std::vector<Bytes> values = {open_nest(349000), many_members(170000, true),
                                        amf_long_string(std::string(1000000, 'x')), sparse_members()};
     std::vector<std::unique_ptr<RtmpClient>> publishers;
@@ -74,7 +74,7 @@ TEST_F(HeldMemory, of_metadata_is_little_whatever_a_publisher_sends) {
     expect_little_held(before_kib);
 }
 
-TEST_F(HeldMemory, of_a_large_command_is_little_while_its_sender_stays) {
+TEST_F(held_memory_test, of_a_large_command_is_little_while_its_sender_stays) {
     RtmpClient client = connected_client();
     client.set_chunk_size(LARGE_CHUNKS);
     (void)client.expect_message(MSG_SET_CHUNK_SIZE);

@@ -1,12 +1,5 @@
 // What a stranger may send: as large, as deep and as wrong as a message can be. It may cost the stranger its
 // connection; a stream beside it must go on all the time.
-#include "tests/support/large_values.h"
-#include "tests/support/live_pair.h"
-#include "tests/support/media_bytes.h"
-#include "tests/support/rtmp_client.h"
-#include "tests/support/server_process.h"
-#include "tests/support/test_failure.h"
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -15,6 +8,13 @@
 #include <random>
 #include <string>
 #include <vector>
+
+#include "tests/support/large_values.h"
+#include "tests/support/live_pair.h"
+#include "tests/support/media_bytes.h"
+#include "tests/support/rtmp_client.h"
+#include "tests/support/server_process.h"
+#include "tests/support/test_failure.h"
 
 namespace {
 
@@ -27,7 +27,7 @@ constexpr std::size_t MEMBERS = 174000;
 constexpr Milliseconds LONGEST_PAUSE = scaled(Milliseconds{2000});
 const std::string DUMP_CUT = "WARNING: AMF dump cut";
 
-class TheServerOutlives : public testing::Test {
+class the_server_outlives_test : public testing::Test {
   protected:
     // The stream beside the stranger went on all the time, and the server still takes new clients.
     void TearDown() override {
@@ -80,7 +80,7 @@ void read_to_the_end(RtmpClient& client) {
 
 }  // namespace
 
-TEST_F(TheServerOutlives, objects_nested_to_the_end_of_the_message_as_command_name) {
+TEST_F(the_server_outlives_test, objects_nested_to_the_end_of_the_message_as_command_name) {
     RtmpClient client = stranger();
     const LineMark mark = server.mark();
     client.send_command(open_nest(LEVELS));
@@ -88,7 +88,7 @@ TEST_F(TheServerOutlives, objects_nested_to_the_end_of_the_message_as_command_na
     server.wait_for_consecutive_lines({"Unknown command ''", "AMF0 error command"}, mark);
 }
 
-TEST_F(TheServerOutlives, objects_nested_to_the_end_of_the_message_as_transaction_id) {
+TEST_F(the_server_outlives_test, objects_nested_to_the_end_of_the_message_as_transaction_id) {
     for (const char* command : {"connect", "createStream", "play", "releaseStream"}) {
         RtmpClient client = stranger();
         const LineMark mark = server.mark();
@@ -99,7 +99,7 @@ TEST_F(TheServerOutlives, objects_nested_to_the_end_of_the_message_as_transactio
     }
 }
 
-TEST_F(TheServerOutlives, a_nested_transaction_id_and_echoes_it_as_long_as_the_reply_holds_it) {
+TEST_F(the_server_outlives_test, a_nested_transaction_id_and_echoes_it_as_long_as_the_reply_holds_it) {
     RtmpClient client = stranger();
     const Bytes nest = closed_nest(10000);
     client.send_command(amf_string("releaseStream") + nest + amf_null());
@@ -111,7 +111,7 @@ TEST_F(TheServerOutlives, a_nested_transaction_id_and_echoes_it_as_long_as_the_r
     server.wait_for_line("AMF0 error command");
 }
 
-TEST_F(TheServerOutlives, objects_nested_to_the_end_of_the_message_as_command_object) {
+TEST_F(the_server_outlives_test, objects_nested_to_the_end_of_the_message_as_command_object) {
     RtmpClient client = stranger();
     const LineMark mark = server.mark();
     client.send_command(connect_with(open_nest(LEVELS - 10)));
@@ -125,7 +125,7 @@ TEST_F(TheServerOutlives, objects_nested_to_the_end_of_the_message_as_command_ob
     EXPECT_GT(dumped_bytes, 1000000U);
 }
 
-TEST_F(TheServerOutlives, objects_nested_to_the_end_of_the_message_as_metadata) {
+TEST_F(the_server_outlives_test, objects_nested_to_the_end_of_the_message_as_metadata) {
     RtmpClient early_player = playing_client("deep");
     RtmpClient publisher = publishing_stranger("deep");
     publisher.send_metadata(open_nest(LEVELS - 20));
@@ -142,7 +142,7 @@ TEST_F(TheServerOutlives, objects_nested_to_the_end_of_the_message_as_metadata) 
     EXPECT_EQ(early_player.read_message().payload, amf_string("onMetaData") + amf_object({}));
 }
 
-TEST_F(TheServerOutlives, many_members_in_any_order_as_command_object) {
+TEST_F(the_server_outlives_test, many_members_in_any_order_as_command_object) {
     for (const bool ascending : {true, false}) {
         RtmpClient client = stranger();
         const LineMark mark = server.mark();
@@ -152,7 +152,7 @@ TEST_F(TheServerOutlives, many_members_in_any_order_as_command_object) {
     }
 }
 
-TEST_F(TheServerOutlives, many_members_in_any_order_as_metadata) {
+TEST_F(the_server_outlives_test, many_members_in_any_order_as_metadata) {
     RtmpClient publisher = publishing_stranger("wide");
     (void)publisher.expect_message(MSG_SET_CHUNK_SIZE);
     for (const bool ascending : {true, false, true}) {
@@ -162,7 +162,7 @@ TEST_F(TheServerOutlives, many_members_in_any_order_as_metadata) {
     EXPECT_EQ(server.count(DUMP_CUT), 3U);
 }
 
-TEST_F(TheServerOutlives, one_key_again_and_again) {
+TEST_F(the_server_outlives_test, one_key_again_and_again) {
     Bytes object = bytes_of({AMF_OBJECT});
     for (std::size_t i = 0; i < MEMBERS; ++i) {
         object += amf_key("key") + amf_null();
@@ -176,7 +176,7 @@ TEST_F(TheServerOutlives, one_key_again_and_again) {
                                       mark);
 }
 
-TEST_F(TheServerOutlives, strings_as_long_as_the_message_as_names) {
+TEST_F(the_server_outlives_test, strings_as_long_as_the_message_as_names) {
     const std::string name(1000000, 'a');
     const Bytes long_name = amf_long_string(name);
     {
@@ -205,7 +205,7 @@ TEST_F(TheServerOutlives, strings_as_long_as_the_message_as_names) {
     }
 }
 
-TEST_F(TheServerOutlives, stream_names_as_long_as_the_message_and_relays_under_them) {
+TEST_F(the_server_outlives_test, stream_names_as_long_as_the_message_and_relays_under_them) {
     const std::string name(1000000, 'a');
     RtmpClient player = connected_client();
     player.set_chunk_size(LARGE_CHUNKS);
@@ -225,7 +225,7 @@ TEST_F(TheServerOutlives, stream_names_as_long_as_the_message_and_relays_under_t
     server.wait_for_line("Connection is publishing '" + name + "'");
 }
 
-TEST_F(TheServerOutlives, repeated_connects_of_full_size) {
+TEST_F(the_server_outlives_test, repeated_connects_of_full_size) {
     RtmpClient client = stranger();
     Bytes object = many_members(MEMBERS, true);
     object.resize(object.size() - amf_end().size());
@@ -240,7 +240,7 @@ TEST_F(TheServerOutlives, repeated_connects_of_full_size) {
     EXPECT_EQ(server.count("accepted app ombrex-live"), 4U);
 }
 
-TEST_F(TheServerOutlives, sequence_headers_of_full_size) {
+TEST_F(the_server_outlives_test, sequence_headers_of_full_size) {
     RtmpClient publisher = publishing_stranger("header");
     (void)publisher.expect_message(MSG_SET_CHUNK_SIZE);
     const Bytes header = from_hex("AF 00") + pattern_bytes(MAX_MESSAGE_BYTES - 2);
@@ -255,7 +255,7 @@ TEST_F(TheServerOutlives, sequence_headers_of_full_size) {
     EXPECT_EQ(player.expect_message(MSG_AUDIO).payload, aac_frame(1));
 }
 
-TEST_F(TheServerOutlives, random_bytes_instead_of_a_handshake) {
+TEST_F(the_server_outlives_test, random_bytes_instead_of_a_handshake) {
     std::mt19937 random(20240229);
     for (int i = 0; i < 60; ++i) {
         RtmpClient client;
@@ -271,7 +271,7 @@ TEST_F(TheServerOutlives, random_bytes_instead_of_a_handshake) {
     EXPECT_EQ(server.count("RTMP handshake failed"), 60U);
 }
 
-TEST_F(TheServerOutlives, random_bytes_after_the_handshake) {
+TEST_F(the_server_outlives_test, random_bytes_after_the_handshake) {
     std::mt19937 random(19991231);
     for (int i = 0; i < 60; ++i) {
         RtmpClient client = handshaken_client();
@@ -281,7 +281,7 @@ TEST_F(TheServerOutlives, random_bytes_after_the_handshake) {
     }
 }
 
-TEST_F(TheServerOutlives, sessions_with_some_bytes_changed) {
+TEST_F(the_server_outlives_test, sessions_with_some_bytes_changed) {
     const auto command = [](const Bytes& payload) {
         return chunked({.type = MSG_COMMAND, .payload = payload, .csid = 3});
     };
@@ -315,7 +315,7 @@ TEST_F(TheServerOutlives, sessions_with_some_bytes_changed) {
     }
 }
 
-TEST_F(TheServerOutlives, clients_that_stay_silent_on_every_other_slot) {
+TEST_F(the_server_outlives_test, clients_that_stay_silent_on_every_other_slot) {
     std::vector<std::unique_ptr<RtmpClient>> clients;
     for (std::size_t taken = 2; taken < 128; ++taken) {
         clients.push_back(std::make_unique<RtmpClient>());
@@ -340,7 +340,7 @@ TEST_F(TheServerOutlives, clients_that_stay_silent_on_every_other_slot) {
     server.err().wait_for_count("Dropping connection", 126);
 }
 
-TEST_F(TheServerOutlives, messages_that_are_announced_and_never_come) {
+TEST_F(the_server_outlives_test, messages_that_are_announced_and_never_come) {
     const std::size_t before_kib = server.rss_kib();
     std::vector<std::unique_ptr<RtmpClient>> clients;
     for (int i = 0; i < 60; ++i) {
@@ -354,7 +354,7 @@ TEST_F(TheServerOutlives, messages_that_are_announced_and_never_come) {
     EXPECT_LT(server.rss_kib(), before_kib + std::size_t{60} * 1024 * TIME_SCALE);
 }
 
-TEST_F(TheServerOutlives, floods_of_the_smallest_messages) {
+TEST_F(the_server_outlives_test, floods_of_the_smallest_messages) {
     std::vector<std::unique_ptr<RtmpClient>> clients;
     for (int i = 0; i < 8; ++i) {
         clients.push_back(std::make_unique<RtmpClient>(handshaken_client()));
@@ -365,7 +365,7 @@ TEST_F(TheServerOutlives, floods_of_the_smallest_messages) {
     server.err().wait_for_count("AMF0 notify without a stream name", 8 * 1001);
 }
 
-TEST_F(TheServerOutlives, players_that_ask_for_chunks_of_one_byte) {
+TEST_F(the_server_outlives_test, players_that_ask_for_chunks_of_one_byte) {
     std::vector<std::unique_ptr<RtmpClient>> players;
     for (int i = 0; i < 3; ++i) {
         players.push_back(std::make_unique<RtmpClient>(playing_client("live")));

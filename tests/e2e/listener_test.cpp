@@ -1,7 +1,4 @@
 // Accepting and refusing TCP connections.
-#include "tests/support/rtmp_client.h"
-#include "tests/support/server_process.h"
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -10,6 +7,9 @@
 #include <sstream>
 #include <string>
 #include <vector>
+
+#include "tests/support/rtmp_client.h"
+#include "tests/support/server_process.h"
 
 namespace {
 

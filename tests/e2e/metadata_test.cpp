@@ -1,9 +1,5 @@
-// Data messages: which are taken as a stream's metadata, who gets it, in which form, and who is dropped by
-// it.
-#include "tests/support/control_peer.h"
-#include "tests/support/rtmp_client.h"
-#include "tests/support/server_process.h"
-
+// Data messages: which are taken as a stream's metadata, who gets it, in which form, and who is dropped
+// by it.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -11,6 +7,10 @@
 #include <limits>
 #include <string>
 #include <vector>
+
+#include "tests/support/control_peer.h"
+#include "tests/support/rtmp_client.h"
+#include "tests/support/server_process.h"
 
 namespace {
 

@@ -1,10 +1,4 @@
 // A publisher's media on its way to the players of the stream.
-#include "tests/support/live_pair.h"
-#include "tests/support/media_bytes.h"
-#include "tests/support/message_recorder.h"
-#include "tests/support/rtmp_client.h"
-#include "tests/support/server_process.h"
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -13,6 +7,12 @@
 #include <memory>
 #include <string>
 #include <vector>
+
+#include "tests/support/live_pair.h"
+#include "tests/support/media_bytes.h"
+#include "tests/support/message_recorder.h"
+#include "tests/support/rtmp_client.h"
+#include "tests/support/server_process.h"
 
 namespace {
 

@@ -1,16 +1,9 @@
-// The real server over TCP: a session that comes in pieces is served like one that comes at once. A piece is sent
-// when the server has read the one before, so none are put together again on the way.
+// The real server over TCP: a session that comes in pieces is served like one that comes at once. A piece is
+// sent when the server has read the one before, so none are put together again on the way.
 //
-// tests/segmentation/ cuts the same sessions at every byte; here the threads and the socket are real, and some places
-// have to do. The reader's
-// acknowledgements and the main loop's answers may come in any order among each other: each kind is compared by
-// itself.
-#include "tests/segmentation/session.h"
-#include "tests/support/media_bytes.h"
-#include "tests/support/rtmp_client.h"
-#include "tests/support/server_process.h"
-#include "tests/support/test_failure.h"
-
+// tests/segmentation/ cuts the same sessions at every byte; here the threads and the socket are real, and
+// some places have to do. The reader's acknowledgements and the main loop's answers may come in any order
+// among each other: each kind is compared by itself.
 #include <gtest/gtest.h>
 #include <linux/sockios.h>
 #include <sys/ioctl.h>
@@ -21,6 +14,12 @@
 #include <optional>
 #include <random>
 #include <sstream>
+
+#include "tests/segmentation/session.h"
+#include "tests/support/media_bytes.h"
+#include "tests/support/rtmp_client.h"
+#include "tests/support/server_process.h"
+#include "tests/support/test_failure.h"
 
 namespace {
 
@@ -101,8 +100,8 @@ void send_segments(RtmpClient& client, const Session& session, std::size_t from,
     send_to(to);
 }
 
-// The messages up to the answer to a request that is sent behind the session; everything before has been handled by
-// then, and has been acknowledged when the second such answer is there.
+// The messages up to the answer to a request that is sent behind the session; everything before has been
+// handled by then, and has been acknowledged when the second such answer is there.
 void read_answers(RtmpClient& client, std::size_t session_bytes, Served& served) {
     const Bytes request = amf_string("releaseStream") + amf_number(1000) + amf_null();
     for (int trip = 0; trip < 2; ++trip) {

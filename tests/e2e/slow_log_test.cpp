@@ -1,11 +1,5 @@
-// A log that is taken slowly, and a client that makes the server say as much as it can. Another stream goes on, and
-// the server can be stopped.
-#include "tests/support/large_values.h"
-#include "tests/support/live_pair.h"
-#include "tests/support/rtmp_client.h"
-#include "tests/support/server_process.h"
-#include "tests/support/test_failure.h"
-
+// A log that is taken slowly, and a client that makes the server say as much as it can. Another stream goes
+// on, and the server can be stopped.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -18,6 +12,12 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include "tests/support/large_values.h"
+#include "tests/support/live_pair.h"
+#include "tests/support/rtmp_client.h"
+#include "tests/support/server_process.h"
+#include "tests/support/test_failure.h"
 
 namespace {
 
@@ -79,8 +79,8 @@ class SlowLog {
     std::thread reader;
 };
 
-// Sends one connect after the other, each of which prints as much as a dump may hold, on a thread of its own. A
-// connection that the server closes is replaced by a new one.
+// Sends one connect after the other, each of which prints as much as a dump may hold, on a thread of its own.
+// A connection that the server closes is replaced by a new one.
 class FloodOfConnects {
   public:
     explicit FloodOfConnects(const std::string& app)

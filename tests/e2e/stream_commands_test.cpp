@@ -1,14 +1,14 @@
 // createStream, releaseStream, FCPublish, FCUnpublish, publish and play.
-#include "tests/support/expected_replies.h"
-#include "tests/support/rtmp_client.h"
-#include "tests/support/server_process.h"
-#include "tests/support/unseeded_rand.h"
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <string>
 #include <vector>
+
+#include "tests/support/expected_replies.h"
+#include "tests/support/rtmp_client.h"
+#include "tests/support/server_process.h"
+#include "tests/support/unseeded_rand.h"
 
 namespace {
 

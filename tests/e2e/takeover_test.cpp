@@ -1,9 +1,5 @@
-// Which connection publishes a stream: the first, until it leaves or stalls; and what a change does to
-// players.
-#include "tests/support/media_bytes.h"
-#include "tests/support/rtmp_client.h"
-#include "tests/support/server_process.h"
-
+// Which connection publishes a stream: the first, until it leaves or stalls; and what a change does
+// to players.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -12,6 +8,10 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include "tests/support/media_bytes.h"
+#include "tests/support/rtmp_client.h"
+#include "tests/support/server_process.h"
 
 namespace {
 

@@ -1,7 +1,4 @@
 // How exactly the kernel keeps the sleeps of the server's threads.
-#include "tests/support/rtmp_client.h"
-#include "tests/support/server_process.h"
-
 #include <gtest/gtest.h>
 #include <sys/syscall.h>
 
@@ -14,6 +11,9 @@
 #include <set>
 #include <string>
 #include <vector>
+
+#include "tests/support/rtmp_client.h"
+#include "tests/support/server_process.h"
 
 namespace {
 

@@ -1,9 +1,4 @@
 // Clients that do not read what the server sends them.
-#include "tests/support/live_pair.h"
-#include "tests/support/media_bytes.h"
-#include "tests/support/rtmp_client.h"
-#include "tests/support/server_process.h"
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <net/if.h>
@@ -17,6 +12,11 @@
 #include <numeric>
 #include <string>
 #include <vector>
+
+#include "tests/support/live_pair.h"
+#include "tests/support/media_bytes.h"
+#include "tests/support/rtmp_client.h"
+#include "tests/support/server_process.h"
 
 namespace {
 
@@ -77,8 +77,8 @@ class ReadStream {
         }
     }
 
-    // Sends so many messages. What waits for the stuck players is one copy of them, and 100 bytes a message and player.
-    // Returns the memory that the server had before that.
+    // Sends so many messages. What waits for the stuck players is one copy of them, and 100 bytes a message
+    // and player. Returns the memory that the server had before that.
     std::size_t expect_one_copy_of(std::uint32_t messages) {
         send(20);  // The socket buffers are full.
         const std::size_t before_kib = server.rss_kib();

@@ -1,10 +1,4 @@
 // Players whose link is cut, so that nothing tells the server that they are gone.
-#include "tests/support/far_side.h"
-#include "tests/support/live_pair.h"
-#include "tests/support/rtmp_client.h"
-#include "tests/support/server_process.h"
-#include "tests/support/test_failure.h"
-
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <linux/sockios.h>
@@ -20,9 +14,16 @@
 #include <fstream>
 #include <string>
 
+#include "tests/support/far_side.h"
+#include "tests/support/live_pair.h"
+#include "tests/support/rtmp_client.h"
+#include "tests/support/server_process.h"
+#include "tests/support/test_failure.h"
+
 namespace {
 
-// 0.2 s + 0.4 s + ... + 3.2 s: far more than the keepalive of these tests takes, and far less than the usual 15.
+// 0.2 s + 0.4 s + ... + 3.2 s: far more than the keepalive of these tests takes, and far less than the
+// usual 15.
 constexpr const char* RETRIES = "4";
 
 // The other end of a connection, as the server names its clients; empty for what is none.

@@ -34,8 +34,8 @@ DocumentedOutcome process_ends(const std::string& last_line) {
     return expected;
 }
 
-// The three requests come in one go, and the answers leave one by one, each in one call, before the socket is read
-// again. The client waits for two of them.
+// The three requests come in one go, and the answers leave one by one, each in one call, before the socket is
+// read again. The client waits for two of them.
 constexpr std::uint32_t CONTROL_REQUESTS = 3;
 constexpr std::uint32_t CONTROL_ANSWERS_AWAITED = 2;
 

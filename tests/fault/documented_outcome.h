@@ -1,15 +1,15 @@
-// What must become of the scripted session when one call has failed: which texts the server prints and how often, who
-// is dropped, who misses what.
+// What must become of the scripted session when one call has failed: which texts the server prints and how
+// often, who is dropped, who misses what.
 #pragma once
-
-#include "tests/fault/faulty_server.h"
-#include "tests/fault/scripted_session.h"
 
 #include <cstddef>
 #include <cstdint>
 #include <limits>
 #include <map>
 #include <string>
+
+#include "tests/fault/faulty_server.h"
+#include "tests/fault/scripted_session.h"
 
 inline constexpr std::size_t NOBODY = std::numeric_limits<std::size_t>::max();
 

@@ -1,14 +1,8 @@
-// The scripted session again and again, each time with another call that fails: every call of a kind, from the first
-// to the last that a session makes. Whatever fails, the outcome is the documented one, and nobody else is disturbed.
+// The scripted session again and again, each time with another call that fails: every call of a kind, from
+// the first to the last that a session makes. Whatever fails, the outcome is the documented one, and nobody
+// else is disturbed.
 //
 // A sweep shares its runs out among processes of its own, since a session mostly waits.
-#include "tests/fault/documented_outcome.h"
-#include "tests/fault/faulty_server.h"
-#include "tests/fault/scripted_session.h"
-#include "tests/fault/session_comparison.h"
-#include "tests/support/program_process.h"
-#include "tests/support/test_failure.h"
-
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -21,6 +15,13 @@
 #include <sstream>
 #include <string>
 #include <vector>
+
+#include "tests/fault/documented_outcome.h"
+#include "tests/fault/faulty_server.h"
+#include "tests/fault/scripted_session.h"
+#include "tests/fault/session_comparison.h"
+#include "tests/support/program_process.h"
+#include "tests/support/test_failure.h"
 
 namespace {
 
@@ -140,9 +141,9 @@ class Worker {
     ProgramProcess process;
 };
 
-// One in how many of the counted calls a later session may not reach. Calls that are made again and again until something
-// happens depend on how long a session takes; threads that look for work lock most often, and the sessions that are
-// counted may have met a busier machine than those that follow.
+// One in how many of the counted calls a later session may not reach. Calls that are made again and again
+// until something happens depend on how long a session takes; threads that look for work lock most often, and
+// the sessions that are counted may have met a busier machine than those that follow.
 int unreached_part(const Sweep& sweep) {
     switch (sweep.call) {
         case FaultCall::ACCEPT4:

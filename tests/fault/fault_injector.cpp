@@ -1,10 +1,10 @@
-// Preloaded into the server: makes the calls fail that V9_FAULT names. Only calls that the program itself makes
-// count; what its libraries do among themselves is left alone.
+// Preloaded into the server: makes the calls fail that V9_FAULT names. Only calls that the program itself
+// makes count; what its libraries do among themselves is left alone.
 //
 //   V9_FAULT      fault[;fault...], each CALL[.THREAD][@FROM-TO]:N[+]:ACTION
 //                 CALL     a name of FAULT_CALL_NAMES
 //                 THREAD   main, reader or writer: only calls of such a thread count
-//                 FROM-TO  addresses of a function in the program, hexadecimal: only calls from within it count
+//                 FROM-TO  addresses of a function in the program, hexadecimal: only calls from there count
 //                 N        the call that fails, from 1; with a plus sign all later ones fail too
 //                 ACTION   an errno such as EIO; or
 //                          short    recv, send, sendmsg: only one byte passes
@@ -13,9 +13,9 @@
 //                          hold     the call waits until the page says `released`, and then is made
 //   V9_FAULT_PAGE a file of the size of FaultPage: the counts and what was done
 //
-// With an errno a call fails without having been made, but for those whose failure must not leave the process in a
-// state that the system could not have brought about: a mutex that "cannot" be unlocked is unlocked, a thread that
-// "cannot" be cancelled or joined is cancelled or joined. Joining it once more then succeeds.
+// With an errno a call fails without having been made, but for those whose failure must not leave the process
+// in a state that the system could not have brought about: a mutex that "cannot" be unlocked is unlocked, a
+// thread that "cannot" be cancelled or joined is cancelled or joined. Joining it once more then succeeds.
 #include <dlfcn.h>
 #include <execinfo.h>
 #include <fcntl.h>

@@ -1,11 +1,11 @@
 // Every test runs in namespaces of its own process; listing the tests needs none.
-#include "tests/support/private_namespaces.h"
-
 #include <gtest/gtest.h>
 
 #include <cstdlib>
 #include <string>
 #include <vector>
+
+#include "tests/support/private_namespaces.h"
 
 namespace {
 

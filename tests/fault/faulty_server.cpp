@@ -1,9 +1,5 @@
 #include "tests/fault/faulty_server.h"
 
-#include "tests/support/private_namespaces.h"
-#include "tests/support/program_process.h"
-#include "tests/support/test_failure.h"
-
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
@@ -12,6 +8,10 @@
 #include <algorithm>
 #include <new>
 #include <sstream>
+
+#include "tests/support/private_namespaces.h"
+#include "tests/support/program_process.h"
+#include "tests/support/test_failure.h"
 
 namespace {
 

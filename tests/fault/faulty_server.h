@@ -3,21 +3,21 @@
 // A plan is what fault_injector.cpp reads from V9_FAULT. Each test process has one server at a time.
 #pragma once
 
-#include "tests/fault/fault_page.h"
-#include "tests/support/server_process.h"
-
 #include <map>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "tests/fault/fault_page.h"
+#include "tests/support/server_process.h"
 
 // The server's functions and where they are.
 class ServerSymbols {
   public:
     static const ServerSymbols& get();
 
-    // "@FROM-TO" for a plan: the function of this name, with or without the namespaces and classes it is in. Throws
-    // TestFailure when there is none.
+    // "@FROM-TO" for a plan: the function of this name, with or without the namespaces and classes it is in.
+    // Throws TestFailure when there is none.
     std::string within(std::string_view name) const;
     // The names of the functions that the record's call came from, innermost first.
     std::vector<std::string> functions_of(const FaultRecord& record) const;

@@ -1,4 +1,11 @@
 // One system call that fails, and all that follows from it.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <string>
+#include <vector>
+
 #include "tests/fault/faulty_server.h"
 #include "tests/support/amf_bytes.h"
 #include "tests/support/control_peer.h"
@@ -6,13 +13,6 @@
 #include "tests/support/media_bytes.h"
 #include "tests/support/rtmp_client.h"
 #include "tests/support/test_failure.h"
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <csignal>
-#include <string>
-#include <vector>
 
 namespace {
 

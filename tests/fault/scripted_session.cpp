@@ -1,14 +1,14 @@
 #include "tests/fault/scripted_session.h"
 
+#include <algorithm>
+#include <functional>
+#include <memory>
+
 #include "tests/support/amf_bytes.h"
 #include "tests/support/control_peer.h"
 #include "tests/support/media_bytes.h"
 #include "tests/support/rtmp_client.h"
 #include "tests/support/test_failure.h"
-
-#include <algorithm>
-#include <functional>
-#include <memory>
 
 namespace {
 
@@ -76,8 +76,8 @@ class Guest {
         }
     }
 
-    // Sends a command and waits for its answer: whatever was sent before has been handled then, and what was sent to
-    // this client before has arrived.
+    // Sends a command and waits for its answer: whatever was sent before has been handled then, and what was
+    // sent to this client before has arrived.
     void ask() {
         act([this](RtmpClient& rtmp) {
             const double id = FIRST_QUESTION_ID + questions++;

@@ -1,12 +1,11 @@
-// One session of everything that the server does, as short as that can be: two streams with a publisher and a player
-// each, a player that comes late to the first, metadata, media, a listing and a drop through the control socket.
+// One session of everything that the server does, as short as that can be: two streams with a publisher and a
+// player each, a player that comes late to the first, metadata, media, a listing and a drop through the
+// control socket.
 //
-// Whatever happens to the server meanwhile, the session is played as far as it goes, and what became of each client
-// is written down. A client is gone from the moment when the server has closed its connection. What takes longer than
-// it may throws TestFailure.
+// Whatever happens to the server meanwhile, the session is played as far as it goes, and what became of each
+// client is written down. A client is gone from the moment when the server has closed its connection. What
+// takes longer than it may throws TestFailure.
 #pragma once
-
-#include "tests/support/server_process.h"
 
 #include <array>
 #include <cstddef>
@@ -14,6 +13,8 @@
 #include <optional>
 #include <string>
 #include <vector>
+
+#include "tests/support/server_process.h"
 
 // The clients, in the order in which they connect, which is also the order of their connections.
 constexpr std::size_t FIRST_PUBLISHER = 0;
@@ -33,7 +34,8 @@ struct ClientStory {
     // Acknowledgements stand apart: the reader thread sends them, so their place among the rest is free.
     Transcript received;
     std::vector<std::uint64_t> acknowledged;
-    // What they must say: how much the client had sent, handshake included, at the end of each of its messages.
+    // What they must say: how much the client had sent, handshake included, at the end of each of
+    // its messages.
     std::vector<std::uint64_t> to_acknowledge;
     // Closed by the server, though nobody had asked for it.
     bool dropped = false;
@@ -63,6 +65,6 @@ bool is_media(const std::string& received);
 bool is_first_stream(std::size_t client);
 bool is_player(std::size_t client);
 
-// Plays the session. At its end all clients have gone and the server has stopped in good order, unless it ended by
-// itself.
+// Plays the session. At its end all clients have gone and the server has stopped in good order, unless it
+// ended by itself.
 SessionStory play_session(ServerProcess& server);

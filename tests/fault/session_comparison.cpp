@@ -275,8 +275,8 @@ class Comparison {
         };
         add("Dropping connection", {SESSION_CLIENTS, SESSION_CLIENTS});
         for (std::size_t i = 0; i < SESSION_CLIENTS; ++i) {
-            // A client that leaves just when its writer dies leaves a dead reader as well. And a thread that died just
-            // before a drop is found dead by the drop.
+            // A client that leaves just when its writer dies leaves a dead reader as well. And a thread that
+            // died just before a drop is found dead by the drop.
             const bool late = i == dropped && !story.clients[i].dropped;
             const Times seldom{0, late ? 1 : 0};
             const Times surely{late ? 0 : 1, 1};

@@ -1,9 +1,5 @@
-// The control socket with the send buffer that a system grants by default: a long listing leaves in many pieces.
-#include "tests/fault/faulty_server.h"
-#include "tests/support/control_peer.h"
-#include "tests/support/timed_stream.h"
-#include "tests/support/tool_run.h"
-
+// The control socket with the send buffer that a system grants by default: a long listing leaves in
+// many pieces.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -12,6 +8,11 @@
 #include <string>
 #include <utility>
 #include <vector>
+
+#include "tests/fault/faulty_server.h"
+#include "tests/support/control_peer.h"
+#include "tests/support/timed_stream.h"
+#include "tests/support/tool_run.h"
 
 namespace {
 

@@ -1,5 +1,12 @@
 #include "tests/model/comparison.h"
 
+#include <algorithm>
+#include <cstring>
+#include <deque>
+#include <limits>
+#include <map>
+#include <string_view>
+
 #include "core/connection.h"
 #include "core/connection_table.h"
 #include "relay/stream_registry.h"
@@ -7,13 +14,6 @@
 #include "tests/support/queued_payload.h"
 #include "tests/support/silent_system.h"
 #include "tests/support/wire_bytes.h"
-
-#include <algorithm>
-#include <cstring>
-#include <deque>
-#include <limits>
-#include <map>
-#include <string_view>
 
 namespace {
 
@@ -50,7 +50,8 @@ struct Costs {
     std::deque<std::uint64_t> us;
 };
 
-// By the mutex that the server holds while it handles a message. A new connection may have the address of an old one.
+// By the mutex that the server holds while it handles a message. A new connection may have the address of an
+// old one.
 std::map<const pthread_mutex_t*, Costs> costs;
 
 }  // namespace

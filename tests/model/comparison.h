@@ -2,10 +2,10 @@
 // pass: what was printed, who is connected, what waits for each client, what is held back, and the registry.
 #pragma once
 
-#include "tests/model/schedule.h"
-
 #include <optional>
 #include <string>
+
+#include "tests/model/schedule.h"
 
 struct Difference {
     std::size_t action = 0;  // after which the two were not the same

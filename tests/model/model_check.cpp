@@ -1,18 +1,18 @@
-// Drives the server's main loop and the reference model with random schedules on a fake clock, and stops at the
-// first difference. A difference is shown with the shortest schedule that was found to lead to it, and with the
-// command that repeats it.
-#include "tests/model/comparison.h"
-#include "tests/support/silent_system.h"
-
+// Drives the server's main loop and the reference model with random schedules on a fake clock, and stops at
+// the first difference. A difference is shown with the shortest schedule that was found to lead to it, and
+// with the command that repeats it.
 #include <unistd.h>
-#include <CLI/CLI.hpp>
 
+#include <CLI/CLI.hpp>
 #include <array>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <string>
 #include <string_view>
+
+#include "tests/model/comparison.h"
+#include "tests/support/silent_system.h"
 
 namespace {
 

@@ -1,11 +1,11 @@
 #include "tests/model/reference_server.h"
 
-#include "tests/support/amf_bytes.h"
-#include "tests/support/expected_replies.h"
-
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+
+#include "tests/support/amf_bytes.h"
+#include "tests/support/expected_replies.h"
 
 namespace reference {
 

@@ -1,9 +1,9 @@
-// What the server must do with the messages of its clients, said a second time: pacing, takeover, rebasing, the
-// codec lock, late joiners, metadata and the registry, in the plainest form that says all of it.
+// What the server must do with the messages of its clients, said a second time: pacing, takeover, rebasing,
+// the codec lock, late joiners, metadata and the registry, in the plainest form that says all of it.
 //
 // It shares no code and no type with the server and is given the meaning of a message beside its bytes, so it
-// never parses. There are no threads, no locks and no sockets: a connection is a queue in and a queue out, and
-// time is an argument. Where this and the server differ, one of them is wrong.
+// never parses. There are no threads, no locks and no sockets: a connection is a queue in and a queue out,
+// and time is an argument. Where this and the server differ, one of them is wrong.
 #pragma once
 
 #include <array>

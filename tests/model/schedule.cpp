@@ -1,9 +1,9 @@
 #include "tests/model/schedule.h"
 
-#include "tests/support/amf_bytes.h"
-
 #include <array>
 #include <limits>
+
+#include "tests/support/amf_bytes.h"
 
 using reference::Metadata;
 using reference::Received;

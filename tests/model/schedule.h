@@ -1,14 +1,15 @@
-// Random schedules for the server and its reference: who joins, who sends what, who leaves, and how time passes.
+// Random schedules for the server and its reference: who joins, who sends what, who leaves, and how
+// time passes.
 //
 // A schedule is plain data and follows from its seed alone, so it can be run again, shortened and shown. Its
 // actions name connections by the number of their join, and mean nothing when that one is gone.
 #pragma once
 
-#include "tests/model/reference_server.h"
-
 #include <cstdint>
 #include <string>
 #include <vector>
+
+#include "tests/model/reference_server.h"
 
 struct Action {
     enum class Kind { JOIN, RECEIVE, READER_ENDS, WRITER_ENDS, DROP, PASS };

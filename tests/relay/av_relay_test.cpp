@@ -12,18 +12,18 @@ namespace {
 
 using Messages = std::vector<QueuedMessage>;
 
-class AvRelayTest : public RelayFixture {
+class av_relay_test : public RelayFixture {
   protected:
     void free_slot(const RTMPConnection& conn) {
         printed_by([&] { free_connection(conn.conn_idx); });
     }
 };
 
-using AvRelayDeathTest = AvRelayTest;
+using av_relay_death_test = av_relay_test;
 
 }  // namespace
 
-TEST_F(AvRelayTest, media_of_a_connection_that_does_not_publish_is_refused) {
+TEST_F(av_relay_test, media_of_a_connection_that_does_not_publish_is_refused) {
     RTMPConnection& conn = add_publisher();
     for (const char* const mode : {"", "play", "Publish"}) {
         conn.stream_mode = mode;
@@ -34,14 +34,14 @@ TEST_F(AvRelayTest, media_of_a_connection_that_does_not_publish_is_refused) {
     }
 }
 
-TEST_F(AvRelayTest, media_without_a_stream_name_is_refused) {
+TEST_F(av_relay_test, media_without_a_stream_name_is_refused) {
     RTMPConnection& conn = add_publisher("");
     const RelayOutcome outcome = relay_audio(conn, 0, AAC_FRAME);
     EXPECT_FALSE(outcome.publisher_kept);
     EXPECT_EQ(outcome.printed, "A/V packet without a stream name\n");
 }
 
-TEST_F(AvRelayTest, the_codec_lock_is_announced_with_what_it_was_taken_from) {
+TEST_F(av_relay_test, the_codec_lock_is_announced_with_what_it_was_taken_from) {
     struct Case {
         std::uint8_t type;
         std::uint32_t metadata_codec_id;
@@ -74,7 +74,7 @@ TEST_F(AvRelayTest, the_codec_lock_is_announced_with_what_it_was_taken_from) {
     }
 }
 
-TEST_F(AvRelayTest, another_codec_than_the_first_ends_the_publisher) {
+TEST_F(av_relay_test, another_codec_than_the_first_ends_the_publisher) {
     RTMPConnection& publisher = add_publisher();
     RTMPConnection& player = add_player();
     relay_audio(publisher, 0, AAC_FRAME);
@@ -90,7 +90,7 @@ TEST_F(AvRelayTest, another_codec_than_the_first_ends_the_publisher) {
     EXPECT_TRUE(player.connection_out.empty());
 }
 
-TEST_F(AvRelayTest, a_codec_id_in_the_metadata_outweighs_the_payload_and_may_change) {
+TEST_F(av_relay_test, a_codec_id_in_the_metadata_outweighs_the_payload_and_may_change) {
     RTMPConnection& publisher = add_publisher();
     relay_audio(publisher, 0, AAC_FRAME);
     publisher.stream_format.audio_codec_id = 2;
@@ -100,7 +100,7 @@ TEST_F(AvRelayTest, a_codec_id_in_the_metadata_outweighs_the_payload_and_may_cha
     EXPECT_TRUE(relay_audio(publisher, 2, MP3_FRAME).publisher_kept);
 }
 
-TEST_F(AvRelayTest, sequence_headers_are_saved_and_dumped) {
+TEST_F(av_relay_test, sequence_headers_are_saved_and_dumped) {
     RTMPConnection& publisher = add_publisher();
     EXPECT_EQ(relay(publisher, make_packet(MESSAGE_AUDIO, 7, AAC_HEADER, 4, 1)).printed,
               "Lock on audio type 10\n"
@@ -123,7 +123,7 @@ TEST_F(AvRelayTest, sequence_headers_are_saved_and_dumped) {
     EXPECT_EQ(publisher.video.seq_header.chunk.stream_id, 6U);
 }
 
-TEST_F(AvRelayTest, a_newer_sequence_header_replaces_the_saved_one) {
+TEST_F(av_relay_test, a_newer_sequence_header_replaces_the_saved_one) {
     RTMPConnection& publisher = add_publisher();
     relay_audio(publisher, 0, AAC_HEADER);
     const std::string newer{"\xAF\x00\x11\x90\x56", 5};
@@ -132,7 +132,7 @@ TEST_F(AvRelayTest, a_newer_sequence_header_replaces_the_saved_one) {
     EXPECT_EQ(publisher.audio.seq_header.chunk.timestamp, 1U);
 }
 
-TEST_F(AvRelayTest, frames_are_not_saved) {
+TEST_F(av_relay_test, frames_are_not_saved) {
     RTMPConnection& publisher = add_publisher();
     relay_audio(publisher, 0, AAC_FRAME);
     relay_video(publisher, 0, AVC_INTER_FRAME);
@@ -141,7 +141,7 @@ TEST_F(AvRelayTest, frames_are_not_saved) {
     EXPECT_EQ(publisher.video.seq_header.chunk.message.data_length, 0U);
 }
 
-TEST_F(AvRelayTest, a_rival_of_the_publisher_is_checked_and_saved_but_not_relayed) {
+TEST_F(av_relay_test, a_rival_of_the_publisher_is_checked_and_saved_but_not_relayed) {
     RTMPConnection& publisher = add_publisher();
     RTMPConnection& rival = add_publisher();
     RTMPConnection& player = add_player();
@@ -156,14 +156,14 @@ TEST_F(AvRelayTest, a_rival_of_the_publisher_is_checked_and_saved_but_not_relaye
     EXPECT_FALSE(relay_audio(rival, 1, MP3_FRAME).publisher_kept);
 }
 
-TEST_F(AvRelayTest, media_without_players_keeps_the_record_alive) {
+TEST_F(av_relay_test, media_without_players_keeps_the_record_alive) {
     RTMPConnection& publisher = add_publisher();
     fake_clock_us += 4999999;
     EXPECT_TRUE(relay_audio(publisher, 0, AAC_FRAME).publisher_kept);
     EXPECT_EQ(find_or_insert_stream("cam1").last_activity_us, fake_clock_us);
 }
 
-TEST_F(AvRelayTest, every_player_of_the_stream_gets_the_payload_under_the_publishers_header) {
+TEST_F(av_relay_test, every_player_of_the_stream_gets_the_payload_under_the_publishers_header) {
     RTMPConnection& publisher = add_publisher();
     RTMPConnection& first = add_player();
     RTMPConnection& second = add_player();
@@ -186,7 +186,7 @@ TEST_F(AvRelayTest, every_player_of_the_stream_gets_the_payload_under_the_publis
     EXPECT_EQ(take_queued(second), expected);
 }
 
-TEST_F(AvRelayTest, a_hundred_thousand_messages_wait_for_one_player_while_another_takes_its_own) {
+TEST_F(av_relay_test, a_hundred_thousand_messages_wait_for_one_player_while_another_takes_its_own) {
     RTMPConnection& publisher = add_publisher();
     RTMPConnection& stuck = add_player();
     RTMPConnection& live = add_player();
@@ -205,7 +205,7 @@ TEST_F(AvRelayTest, a_hundred_thousand_messages_wait_for_one_player_while_anothe
     }
 }
 
-TEST_F(AvRelayTest, a_message_is_laid_out_for_the_chunk_size_of_most_players) {
+TEST_F(av_relay_test, a_message_is_laid_out_for_the_chunk_size_of_most_players) {
     RTMPConnection& publisher = add_publisher();
     struct Row {
         std::vector<std::uint32_t> chunk_sizes;
@@ -236,7 +236,7 @@ TEST_F(AvRelayTest, a_message_is_laid_out_for_the_chunk_size_of_most_players) {
     }
 }
 
-TEST_F(AvRelayTest, each_player_has_a_clock_of_its_own) {
+TEST_F(av_relay_test, each_player_has_a_clock_of_its_own) {
     RTMPConnection& publisher = add_publisher();
     RTMPConnection& early = add_player();
     EXPECT_EQ(relay_audio(publisher, 5000, AAC_FRAME).printed,
@@ -252,7 +252,7 @@ TEST_F(AvRelayTest, each_player_has_a_clock_of_its_own) {
     EXPECT_EQ(early.timebase.last_sent_timestamp, 40U);
 }
 
-TEST_F(AvRelayTest, a_player_whose_clock_runs_continues_from_it) {
+TEST_F(av_relay_test, a_player_whose_clock_runs_continues_from_it) {
     RTMPConnection& publisher = add_publisher();
     RTMPConnection& player = add_player();
     player.av_start_us = fake_clock_us - 1200000;
@@ -265,7 +265,7 @@ TEST_F(AvRelayTest, a_player_whose_clock_runs_continues_from_it) {
                                              {MESSAGE_AUDIO, 1200, AAC_FRAME}}));
 }
 
-TEST_F(AvRelayTest, timestamps_beyond_24_bits_are_relayed_and_a_wrap_stops_the_players_clock) {
+TEST_F(av_relay_test, timestamps_beyond_24_bits_are_relayed_and_a_wrap_stops_the_players_clock) {
     RTMPConnection& publisher = add_publisher();
     RTMPConnection& player = add_player();
     for (const std::uint32_t timestamp : {1U, 0xFFFFFFU, 0x1000000U, 0x1000001U, 0xFFFFFFFFU, 0U, 5U}) {
@@ -278,7 +278,7 @@ TEST_F(AvRelayTest, timestamps_beyond_24_bits_are_relayed_and_a_wrap_stops_the_p
     EXPECT_EQ(timestamps, (std::vector<std::uint32_t>{0, 0xFFFFFE, 0xFFFFFF, 0x1000000, 0xFFFFFFFE, 0, 4}));
 }
 
-TEST_F(AvRelayTest, an_empty_message_is_queued_and_starts_the_players_clock) {
+TEST_F(av_relay_test, an_empty_message_is_queued_and_starts_the_players_clock) {
     RTMPConnection& publisher = add_publisher();
     RTMPConnection& player = add_player();
     EXPECT_EQ(relay_audio(publisher, 1000, "").printed,
@@ -288,18 +288,18 @@ TEST_F(AvRelayTest, an_empty_message_is_queued_and_starts_the_players_clock) {
     EXPECT_EQ(take_queued(player), (Messages{{MESSAGE_AUDIO, 0, ""}}));
 }
 
-TEST_F(AvRelayTest, a_message_that_is_neither_audio_nor_video_is_relayed_without_a_timebase) {
+TEST_F(av_relay_test, a_message_that_is_neither_audio_nor_video_is_relayed_without_a_timebase) {
     RTMPConnection& publisher = add_publisher();
     RTMPConnection& player = add_player();
     const RelayOutcome outcome = relay(publisher, make_packet(22, 1000, "\xAF\x01"));
     EXPECT_TRUE(outcome.publisher_kept);
     EXPECT_EQ(outcome.printed, "");
     EXPECT_FALSE(player.timebase.timebase_set);
-    EXPECT_EQ(publisher.audio.lock_type, -1);
+    EXPECT_EQ(publisher.audio.lock_type, NO_CODEC_LOCK);
     EXPECT_EQ(take_queued(player), (Messages{{22, 1000, "\xAF\x01"}}));
 }
 
-TEST_F(AvRelayTest, a_player_locked_on_another_codec_is_dropped_and_the_others_are_served) {
+TEST_F(av_relay_test, a_player_locked_on_another_codec_is_dropped_and_the_others_are_served) {
     RTMPConnection& publisher = add_publisher();
     RTMPConnection& other_audio = add_player();
     other_audio.audio.lock_type = 2;
@@ -326,7 +326,7 @@ TEST_F(AvRelayTest, a_player_locked_on_another_codec_is_dropped_and_the_others_a
     EXPECT_EQ(other_audio.audio.lock_type, 2);
 }
 
-TEST_F(AvRelayTest, a_listed_player_that_is_gone_is_reported_and_taken_off_the_list) {
+TEST_F(av_relay_test, a_listed_player_that_is_gone_is_reported_and_taken_off_the_list) {
     RTMPConnection& publisher = add_publisher();
     RTMPConnection& player = add_player();
     StreamRecord& record = find_or_insert_stream("cam1");
@@ -343,7 +343,7 @@ TEST_F(AvRelayTest, a_listed_player_that_is_gone_is_reported_and_taken_off_the_l
     EXPECT_EQ(player.connection_out.size(), 1U);
 }
 
-TEST_F(AvRelayTest, a_player_whose_socket_is_closed_gets_nothing) {
+TEST_F(av_relay_test, a_player_whose_socket_is_closed_gets_nothing) {
     RTMPConnection& publisher = add_publisher();
     RTMPConnection& player = add_player();
     const int fd = std::exchange(player.fd, -1);
@@ -353,10 +353,10 @@ TEST_F(AvRelayTest, a_player_whose_socket_is_closed_gets_nothing) {
     EXPECT_EQ(outcome.printed, "Lock on audio type 10\nRelay fail\n");
     EXPECT_TRUE(player.connection_out.empty());
     EXPECT_FALSE(player.timebase.timebase_set);
-    EXPECT_EQ(player.audio.lock_type, -1);
+    EXPECT_EQ(player.audio.lock_type, NO_CODEC_LOCK);
 }
 
-TEST_F(AvRelayTest, a_payload_that_is_too_large_to_copy_reaches_nobody_and_does_not_end_the_publisher) {
+TEST_F(av_relay_test, a_payload_that_is_too_large_to_copy_reaches_nobody_and_does_not_end_the_publisher) {
     RTMPConnection& publisher = add_publisher();
     RTMPConnection& player = add_player();
     RTMP_Packet pkt = make_packet(MESSAGE_AUDIO, 1000, "");
@@ -371,7 +371,7 @@ TEST_F(AvRelayTest, a_payload_that_is_too_large_to_copy_reaches_nobody_and_does_
     EXPECT_TRUE(player.connection_out.empty());
 }
 
-TEST_F(AvRelayTest, the_largest_payload_is_relayed) {
+TEST_F(av_relay_test, the_largest_payload_is_relayed) {
     RTMPConnection& publisher = add_publisher();
     RTMPConnection& player = add_player();
     std::string payload(MAX_PAYLOAD_BYTES, '\x5A');
@@ -380,7 +380,7 @@ TEST_F(AvRelayTest, the_largest_payload_is_relayed) {
     EXPECT_EQ(take_queued(player), (Messages{{MESSAGE_AUDIO, 0, payload}}));
 }
 
-TEST_F(AvRelayDeathTest, a_connection_that_is_relayed_to_itself_ends_the_process) {
+TEST_F(av_relay_death_test, a_connection_that_is_relayed_to_itself_ends_the_process) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     RTMPConnection& publisher = add_publisher();
     RTMP_Packet pkt = make_packet(MESSAGE_AUDIO, 0, AAC_FRAME);
@@ -389,7 +389,7 @@ TEST_F(AvRelayDeathTest, a_connection_that_is_relayed_to_itself_ends_the_process
                 assertion_line("relay_from_publisher", "&publisher != this"));
 }
 
-TEST_F(AvRelayDeathTest, a_publisher_in_the_players_own_slot_ends_the_process) {
+TEST_F(av_relay_death_test, a_publisher_in_the_players_own_slot_ends_the_process) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     RTMPConnection& player = add_player();
     RTMPConnection impostor(-1, player.conn_idx, "");
@@ -399,7 +399,7 @@ TEST_F(AvRelayDeathTest, a_publisher_in_the_players_own_slot_ends_the_process) {
                 assertion_line("relay_from_publisher", "publisher.conn_idx != conn_idx"));
 }
 
-TEST_F(AvRelayDeathTest, a_player_outside_the_table_ends_the_process) {
+TEST_F(av_relay_death_test, a_player_outside_the_table_ends_the_process) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     RTMPConnection& publisher = add_publisher();
     const auto relay_to_slot = [&](std::size_t slot) {

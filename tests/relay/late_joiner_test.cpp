@@ -9,11 +9,11 @@ namespace {
 
 using Messages = std::vector<QueuedMessage>;
 
-class LateJoinerTest : public RelayFixture {};
+class late_joiner_test : public RelayFixture {};
 
 }  // namespace
 
-TEST_F(LateJoinerTest, a_player_gets_the_saved_audio_header_before_its_first_audio) {
+TEST_F(late_joiner_test, a_player_gets_the_saved_audio_header_before_its_first_audio) {
     RTMPConnection& publisher = add_publisher();
     relay(publisher, make_packet(MESSAGE_AUDIO, 900, AAC_HEADER, 5, 77));
     RTMPConnection& player = add_player();
@@ -26,7 +26,7 @@ TEST_F(LateJoinerTest, a_player_gets_the_saved_audio_header_before_its_first_aud
     EXPECT_EQ(take_queued(player), (Messages{{MESSAGE_AUDIO, 21, AAC_FRAME}}));
 }
 
-TEST_F(LateJoinerTest, a_player_gets_the_saved_video_header_before_its_first_video) {
+TEST_F(late_joiner_test, a_player_gets_the_saved_video_header_before_its_first_video) {
     RTMPConnection& publisher = add_publisher();
     relay(publisher, make_packet(MESSAGE_VIDEO, 900, AVC_HEADER, 7, 77));
     RTMPConnection& player = add_player();
@@ -39,7 +39,7 @@ TEST_F(LateJoinerTest, a_player_gets_the_saved_video_header_before_its_first_vid
     EXPECT_EQ(take_queued(player), (Messages{{MESSAGE_VIDEO, 40, AVC_INTER_FRAME, 6}}));
 }
 
-TEST_F(LateJoinerTest, a_repeated_header_carries_the_timestamp_of_the_message_behind_it) {
+TEST_F(late_joiner_test, a_repeated_header_carries_the_timestamp_of_the_message_behind_it) {
     RTMPConnection& publisher = add_publisher();
     relay_audio(publisher, 900, AAC_HEADER);
     relay_video(publisher, 900, AVC_HEADER);
@@ -51,7 +51,7 @@ TEST_F(LateJoinerTest, a_repeated_header_carries_the_timestamp_of_the_message_be
               (Messages{{MESSAGE_VIDEO, 33, AVC_HEADER, 6}, {MESSAGE_VIDEO, 33, AVC_INTER_FRAME, 6}}));
 }
 
-TEST_F(LateJoinerTest, only_the_player_that_joined_late_gets_the_header_again) {
+TEST_F(late_joiner_test, only_the_player_that_joined_late_gets_the_header_again) {
     RTMPConnection& publisher = add_publisher();
     RTMPConnection& early = add_player();
     relay_audio(publisher, 1000, AAC_HEADER);
@@ -62,7 +62,7 @@ TEST_F(LateJoinerTest, only_the_player_that_joined_late_gets_the_header_again) {
     EXPECT_EQ(take_queued(late), (Messages{{MESSAGE_AUDIO, 0, AAC_HEADER}, {MESSAGE_AUDIO, 0, AAC_FRAME}}));
 }
 
-TEST_F(LateJoinerTest, the_last_of_several_headers_is_repeated) {
+TEST_F(late_joiner_test, the_last_of_several_headers_is_repeated) {
     RTMPConnection& publisher = add_publisher();
     relay_audio(publisher, 900, AAC_HEADER);
     const std::string newer{"\xAF\x00\x11\x90\x56", 5};
@@ -72,7 +72,7 @@ TEST_F(LateJoinerTest, the_last_of_several_headers_is_repeated) {
     EXPECT_EQ(take_queued(player), (Messages{{MESSAGE_AUDIO, 0, newer}, {MESSAGE_AUDIO, 0, AAC_FRAME}}));
 }
 
-TEST_F(LateJoinerTest, a_header_that_comes_as_the_first_message_is_not_sent_twice) {
+TEST_F(late_joiner_test, a_header_that_comes_as_the_first_message_is_not_sent_twice) {
     RTMPConnection& publisher = add_publisher();
     relay_audio(publisher, 900, AAC_HEADER);
     relay_video(publisher, 900, AVC_HEADER);
@@ -86,7 +86,7 @@ TEST_F(LateJoinerTest, a_header_that_comes_as_the_first_message_is_not_sent_twic
     EXPECT_EQ(take_queued(player).size(), 2U);
 }
 
-TEST_F(LateJoinerTest, nothing_is_ever_repeated_to_a_player_whose_first_frame_had_no_header_before_it) {
+TEST_F(late_joiner_test, nothing_is_ever_repeated_to_a_player_whose_first_frame_had_no_header_before_it) {
     RTMPConnection& publisher = add_publisher();
     RTMPConnection& player = add_player();
     relay_video(publisher, 1000, AVC_INTER_FRAME);
@@ -100,7 +100,7 @@ TEST_F(LateJoinerTest, nothing_is_ever_repeated_to_a_player_whose_first_frame_ha
               (Messages{{MESSAGE_VIDEO, 40, AVC_HEADER, 6}, {MESSAGE_VIDEO, 80, AVC_INTER_FRAME, 6}}));
 }
 
-TEST_F(LateJoinerTest, an_empty_message_is_a_first_message_like_any_other) {
+TEST_F(late_joiner_test, an_empty_message_is_a_first_message_like_any_other) {
     RTMPConnection& publisher = add_publisher();
     relay_audio(publisher, 900, AAC_HEADER);
     RTMPConnection& player = add_player();
@@ -110,7 +110,7 @@ TEST_F(LateJoinerTest, an_empty_message_is_a_first_message_like_any_other) {
     EXPECT_EQ(take_queued(player), (Messages{{MESSAGE_AUDIO, 0, AAC_HEADER}, {MESSAGE_AUDIO, 0, ""}}));
 }
 
-TEST_F(LateJoinerTest, other_messages_have_no_header) {
+TEST_F(late_joiner_test, other_messages_have_no_header) {
     RTMPConnection& publisher = add_publisher();
     relay_audio(publisher, 900, AAC_HEADER);
     RTMPConnection& player = add_player();

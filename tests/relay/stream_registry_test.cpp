@@ -10,7 +10,7 @@ namespace {
 
 constexpr std::uint64_t FIVE_SECONDS_US = 5000000;
 
-class StreamRegistryTest : public ConnectionFixture {
+class stream_registry_test : public ConnectionFixture {
   protected:
     std::string subscribe(const std::string& name, std::size_t connection) {
         return printed_by([&] { stream_subscribe_for_play(name, connection); });
@@ -26,11 +26,11 @@ class StreamRegistryTest : public ConnectionFixture {
     }
 };
 
-using StreamRegistryDeathTest = StreamRegistryTest;
+using stream_registry_death_test = stream_registry_test;
 
 }  // namespace
 
-TEST_F(StreamRegistryTest, a_look_up_makes_a_record_without_publisher_players_and_activity) {
+TEST_F(stream_registry_test, a_look_up_makes_a_record_without_publisher_players_and_activity) {
     const StreamRecord& record = find_or_insert_stream("cam1");
     EXPECT_EQ(record.publisher, NO_CONNECTION);
     EXPECT_EQ(record.last_activity_us, 0U);
@@ -39,7 +39,7 @@ TEST_F(StreamRegistryTest, a_look_up_makes_a_record_without_publisher_players_an
     EXPECT_EQ(stream_count(), 1U);
 }
 
-TEST_F(StreamRegistryTest, names_are_told_apart_byte_by_byte) {
+TEST_F(stream_registry_test, names_are_told_apart_byte_by_byte) {
     const std::vector<std::string> names{"", "cam", "Cam", "cam1", std::string("cam\0", 4)};
     for (const std::string& name : names) {
         insert(name, fake_clock_us);
@@ -47,7 +47,7 @@ TEST_F(StreamRegistryTest, names_are_told_apart_byte_by_byte) {
     EXPECT_EQ(stream_count(), names.size());
 }
 
-TEST_F(StreamRegistryTest, subscribing_twice_is_said_once_and_listed_once) {
+TEST_F(stream_registry_test, subscribing_twice_is_said_once_and_listed_once) {
     EXPECT_EQ(subscribe("live", 3), "Connection for play subscribed to 'live'\n");
     fake_clock_us += 7;
     EXPECT_EQ(subscribe("live", 3), "");
@@ -56,7 +56,7 @@ TEST_F(StreamRegistryTest, subscribing_twice_is_said_once_and_listed_once) {
     unsubscribe("live", 3);
 }
 
-TEST_F(StreamRegistryTest, players_are_kept_in_the_order_of_their_subscription) {
+TEST_F(stream_registry_test, players_are_kept_in_the_order_of_their_subscription) {
     for (const std::size_t player : {127U, 0U, 5U}) {
         subscribe("live", player);
     }
@@ -67,14 +67,14 @@ TEST_F(StreamRegistryTest, players_are_kept_in_the_order_of_their_subscription) 
     unsubscribe("live", 5);
 }
 
-TEST_F(StreamRegistryTest, unsubscribing_removes_every_occurrence_and_says_so_once) {
+TEST_F(stream_registry_test, unsubscribing_removes_every_occurrence_and_says_so_once) {
     find_or_insert_stream("live").players = {3, 4, 3};
     EXPECT_EQ(unsubscribe("live", 3), "Connection for play unsubscribed from 'live'\n");
     EXPECT_EQ(find_or_insert_stream("live").players, std::vector<std::size_t>{4});
     unsubscribe("live", 4);
 }
 
-TEST_F(StreamRegistryTest, unsubscribing_from_an_unknown_name_leaves_a_record_for_five_seconds) {
+TEST_F(stream_registry_test, unsubscribing_from_an_unknown_name_leaves_a_record_for_five_seconds) {
     EXPECT_EQ(unsubscribe("nobody", 3), "");
     EXPECT_EQ(stream_count(), 1U);
     EXPECT_EQ(find_or_insert_stream("nobody").last_activity_us, fake_clock_us);
@@ -85,7 +85,7 @@ TEST_F(StreamRegistryTest, unsubscribing_from_an_unknown_name_leaves_a_record_fo
     EXPECT_EQ(stream_count(), 0U);
 }
 
-TEST_F(StreamRegistryTest, unsubscribing_somebody_who_does_not_play_counts_as_activity_in_silence) {
+TEST_F(stream_registry_test, unsubscribing_somebody_who_does_not_play_counts_as_activity_in_silence) {
     subscribe("live", 3);
     fake_clock_us += 7;
     EXPECT_EQ(unsubscribe("live", 4), "");
@@ -94,13 +94,13 @@ TEST_F(StreamRegistryTest, unsubscribing_somebody_who_does_not_play_counts_as_ac
     unsubscribe("live", 3);
 }
 
-TEST_F(StreamRegistryTest, nobody_subscribes_to_or_unsubscribes_from_the_empty_name) {
+TEST_F(stream_registry_test, nobody_subscribes_to_or_unsubscribes_from_the_empty_name) {
     EXPECT_EQ(subscribe("", 3), "");
     EXPECT_EQ(unsubscribe("", 3), "");
     EXPECT_EQ(stream_count(), 0U);
 }
 
-TEST_F(StreamRegistryTest, a_record_is_disposed_of_when_it_is_exactly_five_seconds_old) {
+TEST_F(stream_registry_test, a_record_is_disposed_of_when_it_is_exactly_five_seconds_old) {
     const std::uint64_t start_us = fake_clock_us;
     insert("old", start_us);
     insert("younger", start_us + 1);
@@ -110,7 +110,7 @@ TEST_F(StreamRegistryTest, a_record_is_disposed_of_when_it_is_exactly_five_secon
     EXPECT_EQ(stream_count(), 1U);
 }
 
-TEST_F(StreamRegistryTest, a_record_with_a_player_is_never_disposed_of) {
+TEST_F(stream_registry_test, a_record_with_a_player_is_never_disposed_of) {
     subscribe("live", 3);
     fake_clock_us += 1000 * FIVE_SECONDS_US;
     EXPECT_EQ(dispose(), "");
@@ -121,7 +121,7 @@ TEST_F(StreamRegistryTest, a_record_with_a_player_is_never_disposed_of) {
     EXPECT_EQ(dispose(), "Disposing old stream 'live'\n");
 }
 
-TEST_F(StreamRegistryTest, a_publisher_alone_does_not_keep_a_record) {
+TEST_F(stream_registry_test, a_publisher_alone_does_not_keep_a_record) {
     insert("live", fake_clock_us);
     find_or_insert_stream("live").publisher = 3;
     fake_clock_us += FIVE_SECONDS_US;
@@ -129,7 +129,7 @@ TEST_F(StreamRegistryTest, a_publisher_alone_does_not_keep_a_record) {
     EXPECT_EQ(find_or_insert_stream("live").publisher, NO_CONNECTION);
 }
 
-TEST_F(StreamRegistryTest, old_records_go_one_per_pass_in_byte_order_of_their_names) {
+TEST_F(stream_registry_test, old_records_go_one_per_pass_in_byte_order_of_their_names) {
     for (const char* const name : {"b", "\xE9", "a", "", "B", "ab"}) {
         insert(name, fake_clock_us);
     }
@@ -142,7 +142,7 @@ TEST_F(StreamRegistryTest, old_records_go_one_per_pass_in_byte_order_of_their_na
     EXPECT_EQ(stream_count(), 1U);
 }
 
-TEST_F(StreamRegistryTest, a_record_stays_where_it_is_when_others_come_and_go) {
+TEST_F(stream_registry_test, a_record_stays_where_it_is_when_others_come_and_go) {
     subscribe("m", 3);
     const StreamRecord& record = find_or_insert_stream("m");
     for (char letter = 'a'; letter <= 'z'; ++letter) {
@@ -157,12 +157,12 @@ TEST_F(StreamRegistryTest, a_record_stays_where_it_is_when_others_come_and_go) {
     unsubscribe("m", 3);
 }
 
-TEST_F(StreamRegistryTest, the_last_slot_of_the_table_may_play) {
+TEST_F(stream_registry_test, the_last_slot_of_the_table_may_play) {
     EXPECT_EQ(subscribe("live", MAX_CONNECTIONS - 1), "Connection for play subscribed to 'live'\n");
     EXPECT_EQ(unsubscribe("live", MAX_CONNECTIONS - 1), "Connection for play unsubscribed from 'live'\n");
 }
 
-TEST_F(StreamRegistryDeathTest, a_slot_outside_the_table_ends_the_process) {
+TEST_F(stream_registry_death_test, a_slot_outside_the_table_ends_the_process) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     for (const char* const name : {"live", ""}) {
         EXPECT_EXIT(stream_subscribe_for_play(name, MAX_CONNECTIONS), testing::KilledBySignal(SIGABRT),

@@ -8,22 +8,22 @@
 
 namespace {
 
-class TimeResetTest : public RelayFixture {
+class time_reset_test : public RelayFixture {
   protected:
     std::string reset(const std::string& name = "cam1") {
         return printed_by([&] { notify_time_reset(find_or_insert_stream(name)); });
     }
 };
 
-using TimeResetDeathTest = TimeResetTest;
+using time_reset_death_test = time_reset_test;
 
 }  // namespace
 
-TEST_F(TimeResetTest, is_announced_even_when_nobody_plays) {
+TEST_F(time_reset_test, is_announced_even_when_nobody_plays) {
     EXPECT_EQ(reset(), "Notifing subscribers of time reset\n");
 }
 
-TEST_F(TimeResetTest, clears_the_timebase_of_a_player_that_has_had_no_media_and_keeps_it) {
+TEST_F(time_reset_test, clears_the_timebase_of_a_player_that_has_had_no_media_and_keeps_it) {
     RTMPConnection& player = add_player();
     player.timebase.timebase_set = true;
     player.timebase.source_timebase = 5000;
@@ -39,7 +39,7 @@ TEST_F(TimeResetTest, clears_the_timebase_of_a_player_that_has_had_no_media_and_
     EXPECT_FALSE(player.close_requested);
 }
 
-TEST_F(TimeResetTest, drops_every_player_that_has_had_media_of_either_kind) {
+TEST_F(time_reset_test, drops_every_player_that_has_had_media_of_either_kind) {
     RTMPConnection& with_audio = add_player();
     with_audio.audio.header_delivered = true;
     RTMPConnection& with_nothing = add_player();
@@ -54,7 +54,7 @@ TEST_F(TimeResetTest, drops_every_player_that_has_had_media_of_either_kind) {
     EXPECT_TRUE(with_video.close_requested);
 }
 
-TEST_F(TimeResetTest, does_not_touch_the_players_of_other_streams) {
+TEST_F(time_reset_test, does_not_touch_the_players_of_other_streams) {
     RTMPConnection& other = add_player("cam2");
     other.timebase.timebase_set = true;
     other.audio.header_delivered = true;
@@ -63,7 +63,7 @@ TEST_F(TimeResetTest, does_not_touch_the_players_of_other_streams) {
     EXPECT_FALSE(other.close_requested);
 }
 
-TEST_F(TimeResetTest, does_not_drop_a_listed_connection_that_does_not_play) {
+TEST_F(time_reset_test, does_not_drop_a_listed_connection_that_does_not_play) {
     RTMPConnection& listed = add_player();
     listed.stream_mode = "publish";
     listed.audio.header_delivered = true;
@@ -71,7 +71,7 @@ TEST_F(TimeResetTest, does_not_drop_a_listed_connection_that_does_not_play) {
     EXPECT_FALSE(listed.close_requested);
 }
 
-TEST_F(TimeResetTest, passes_over_empty_slots) {
+TEST_F(time_reset_test, passes_over_empty_slots) {
     RTMPConnection& player = add_player();
     player.timebase.timebase_set = true;
     StreamRecord& record = find_or_insert_stream("cam1");
@@ -82,7 +82,7 @@ TEST_F(TimeResetTest, passes_over_empty_slots) {
     record.players.erase(record.players.begin());
 }
 
-TEST_F(TimeResetTest, shows_the_offset_it_left_once_and_then_continues_from_the_players_clock) {
+TEST_F(time_reset_test, shows_the_offset_it_left_once_and_then_continues_from_the_players_clock) {
     RTMPConnection& publisher = add_publisher();
     RTMPConnection& player = add_player();
     relay_audio(publisher, 5000, AAC_FRAME);
@@ -96,7 +96,7 @@ TEST_F(TimeResetTest, shows_the_offset_it_left_once_and_then_continues_from_the_
     EXPECT_EQ(take_queued(player), (std::vector<QueuedMessage>{{MESSAGE_AUDIO, 1200, AAC_FRAME}}));
 }
 
-TEST_F(TimeResetDeathTest, a_player_outside_the_table_ends_the_process) {
+TEST_F(time_reset_death_test, a_player_outside_the_table_ends_the_process) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     StreamRecord record;
     record.players.push_back(MAX_CONNECTIONS);

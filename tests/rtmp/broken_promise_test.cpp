@@ -4,6 +4,7 @@
 #include <new>
 #include <thread>
 
+#include "rtmp/chunk_header_reader.h"
 #include "rtmp/packet_dump.h"
 #include "rtmp/packet_queues.h"
 #include "tests/support/assertion_line.h"
@@ -26,14 +27,17 @@ BrokenPromises broken;
 // The linker's --wrap leads every call between two files here.
 extern "C" {
 
-bool __real__Z20resolve_chunk_headerR14RTMPConnectionR11RTMP_Packetb(RTMPConnection&, RTMP_Packet&, bool);
+bool __real__Z20resolve_chunk_headerR14RTMPConnectionR11RTMP_Packet13ChunkPosition(RTMPConnection&,
+                                                                                   RTMP_Packet&,
+                                                                                   ChunkPosition);
 bool __real__ZN11RTMP_Packet7chunk_t9message_t8allocateEj(RTMP_Packet::chunk_t::message_t*, std::uint32_t);
 bool __real__ZN14RTMPConnection16rtmp_read_packetER11RTMP_Packet(RTMPConnection*, RTMP_Packet&);
 
-bool __wrap__Z20resolve_chunk_headerR14RTMPConnectionR11RTMP_Packetb(RTMPConnection& conn, RTMP_Packet& pkt,
-                                                                     bool first) {
-    return (!first && broken.resolver_takes_any_continuation) ||
-           __real__Z20resolve_chunk_headerR14RTMPConnectionR11RTMP_Packetb(conn, pkt, first);
+bool __wrap__Z20resolve_chunk_headerR14RTMPConnectionR11RTMP_Packet13ChunkPosition(RTMPConnection& conn,
+                                                                                   RTMP_Packet& pkt,
+                                                                                   ChunkPosition position) {
+    return (position == ChunkPosition::FURTHER && broken.resolver_takes_any_continuation) ||
+           __real__Z20resolve_chunk_headerR14RTMPConnectionR11RTMP_Packet13ChunkPosition(conn, pkt, position);
 }
 
 bool __wrap__ZN11RTMP_Packet7chunk_t9message_t8allocateEj(RTMP_Packet::chunk_t::message_t* message,
@@ -75,10 +79,10 @@ void* operator new[](std::size_t bytes) {
 
 namespace {
 
-class BrokenPromise : public ConnectionFixture {
+class broken_promise_test : public ConnectionFixture {
   protected:
-    BrokenPromise() { keep_all_promises(); }
-    ~BrokenPromise() override { keep_all_promises(); }
+    broken_promise_test() { keep_all_promises(); }
+    ~broken_promise_test() override { keep_all_promises(); }
 
     RTMPConnection& conn = add_connection();
 
@@ -103,7 +107,7 @@ class BrokenPromise : public ConnectionFixture {
     }
 };
 
-using BrokenPromiseDeathTest = BrokenPromise;
+using broken_promise_death_test = broken_promise_test;
 
 // Format 0 on chunk stream 3: timestamp 0, type 20, message stream 0.
 std::string header_of(unsigned char length_high, unsigned char length_low) {
@@ -117,7 +121,8 @@ const std::string HEADER_OF_300 = header_of(1, 44);
 
 }  // namespace
 
-TEST_F(BrokenPromise, of_a_resolver_that_takes_any_continuation_ends_the_reading_with_both_headers_dumped) {
+TEST_F(broken_promise_test,
+       of_a_resolver_that_takes_any_continuation_ends_the_reading_with_both_headers_dumped) {
     broken.resolver_takes_any_continuation = true;
     RTMP_Packet initial = make_packet(20, 0, std::string(128, 'a') + std::string(172, '\0'), 3, 0);
     const std::string initial_dump = printed_by([&] { dump_packet(initial); });
@@ -135,7 +140,7 @@ TEST_F(BrokenPromise, of_a_resolver_that_takes_any_continuation_ends_the_reading
                   "----\n");
 }
 
-TEST_F(BrokenPromise, of_a_chunk_stream_id_that_no_bytes_spell_ends_the_reading) {
+TEST_F(broken_promise_test, of_a_chunk_stream_id_that_no_bytes_spell_ends_the_reading) {
     for (const std::uint32_t id : {0U, 1U}) {
         const RTMP_Packet pkt = make_packet(1, 0, "", id, 0);
         broken.message = &pkt;
@@ -148,7 +153,7 @@ TEST_F(BrokenPromise, of_a_chunk_stream_id_that_no_bytes_spell_ends_the_reading)
     EXPECT_EQ(printed_by([&] { EXPECT_TRUE(conn.rtmp_proc_packet()); }), "");
 }
 
-TEST_F(BrokenPromise, of_a_socket_fails_the_handshake_at_the_block_that_is_not_sent) {
+TEST_F(broken_promise_test, of_a_socket_fails_the_handshake_at_the_block_that_is_not_sent) {
     constexpr std::size_t BLOCK_BYTES = 1536;
     const char* const texts[] = {"S0 fail\n", "S1 fail\n", "S2 fail\n"};
     for (int failing = 0; failing < 3; ++failing) {
@@ -161,14 +166,14 @@ TEST_F(BrokenPromise, of_a_socket_fails_the_handshake_at_the_block_that_is_not_s
     }
 }
 
-TEST_F(BrokenPromiseDeathTest, of_an_allocation_with_less_room_than_asked_for_ends_the_process) {
+TEST_F(broken_promise_death_test, of_an_allocation_with_less_room_than_asked_for_ends_the_process) {
     client_sends(header_of(0, 3) + "abc");
     broken.missing_room = 1;
     EXPECT_EXIT((void)read_message(), testing::KilledBySignal(SIGABRT),
                 assertion_line("read_payload", "pkt.chunk.message.data_length >= toread"));
 }
 
-TEST_F(BrokenPromiseDeathTest, of_a_chunk_size_that_becomes_0_inside_a_message_ends_the_process) {
+TEST_F(broken_promise_death_test, of_a_chunk_size_that_becomes_0_inside_a_message_ends_the_process) {
     client_sends(HEADER_OF_300 + std::string(128, 'a') + "\xC3" + std::string(128, 'b'));
     wrapped_calls.recv_result = [&](ssize_t received) {
         if (received == 128) {
@@ -180,7 +185,7 @@ TEST_F(BrokenPromiseDeathTest, of_a_chunk_size_that_becomes_0_inside_a_message_e
                 assertion_line("read_chunk", "todo != uint32_t(0)"));
 }
 
-TEST_F(BrokenPromiseDeathTest, of_a_payload_that_shrinks_while_it_is_read_ends_the_process) {
+TEST_F(broken_promise_death_test, of_a_payload_that_shrinks_while_it_is_read_ends_the_process) {
     client_sends(HEADER_OF_300 + std::string(128, 'a') + "\xC3" + std::string(128, 'b'));
     wrapped_calls.recv_result = [&](ssize_t received) {
         if (received == 128) {
@@ -192,7 +197,7 @@ TEST_F(BrokenPromiseDeathTest, of_a_payload_that_shrinks_while_it_is_read_ends_t
                 assertion_line("read_chunk", "(dp+todo) <= dpf"));
 }
 
-TEST_F(BrokenPromiseDeathTest, of_a_kernel_that_received_more_than_asked_for_ends_the_process) {
+TEST_F(broken_promise_death_test, of_a_kernel_that_received_more_than_asked_for_ends_the_process) {
     client_sends("\x03");
     wrapped_calls.recv_result = [](ssize_t received) { return received + 1; };
     EXPECT_EXIT((void)read_message(), testing::KilledBySignal(SIGABRT),
@@ -203,7 +208,7 @@ TEST_F(BrokenPromiseDeathTest, of_a_kernel_that_received_more_than_asked_for_end
                 assertion_line("fill", "(size_t)ret <= c"));
 }
 
-TEST_F(BrokenPromiseDeathTest, of_a_kernel_that_sent_more_than_asked_for_ends_the_process) {
+TEST_F(broken_promise_death_test, of_a_kernel_that_sent_more_than_asked_for_ends_the_process) {
     wrapped_calls.send_result = [](ssize_t sent) { return sent + 1; };
     wrapped_calls.sendmsg_result = [](ssize_t sent) { return sent + 1; };
     EXPECT_EXIT((void)conn.cwrite("x", 1), testing::KilledBySignal(SIGABRT),
@@ -213,14 +218,14 @@ TEST_F(BrokenPromiseDeathTest, of_a_kernel_that_sent_more_than_asked_for_ends_th
                 assertion_line("flush", "(size_t)ret <= c"));
 }
 
-TEST_F(BrokenPromiseDeathTest, of_an_output_chunk_size_of_0_ends_the_process) {
+TEST_F(broken_promise_death_test, of_an_output_chunk_size_of_0_ends_the_process) {
     conn.conn_g_server.chunk_size = 0;
     queue(make_packet(20, 0, "x"));
     EXPECT_EXIT((void)conn.rtmp_send_packet(), testing::KilledBySignal(SIGABRT),
                 assertion_line("add_chunk", "todo != size_t(0)"));
 }
 
-TEST_F(BrokenPromiseDeathTest, of_a_payload_that_shrinks_while_it_is_sent_ends_the_process) {
+TEST_F(broken_promise_death_test, of_a_payload_that_shrinks_while_it_is_sent_ends_the_process) {
     conn.conn_g_server.chunk_size = 1;
     queue(make_packet(20, 0, std::string(2000, 'x')));
     // The first 256 pieces leave in the middle of the message.
@@ -232,13 +237,13 @@ TEST_F(BrokenPromiseDeathTest, of_a_payload_that_shrinks_while_it_is_sent_ends_t
                 assertion_line("add_chunk", "(s+todo) <= sf"));
 }
 
-TEST_F(BrokenPromiseDeathTest, of_an_echoed_chunk_size_without_four_bytes_ends_the_process) {
+TEST_F(broken_promise_death_test, of_an_echoed_chunk_size_without_four_bytes_ends_the_process) {
     queue(make_packet(1, 0, "abc", 2, 0));
     EXPECT_EXIT((void)conn.rtmp_send_packet(), testing::KilledBySignal(SIGABRT),
                 assertion_line("adopt_chunk_size", "sent.message.data_length >= 4"));
 }
 
-TEST_F(BrokenPromiseDeathTest, of_a_payload_that_changes_while_it_is_copied_ends_the_process) {
+TEST_F(broken_promise_death_test, of_a_payload_that_changes_while_it_is_copied_ends_the_process) {
     RTMP_Packet source = make_packet(9, 0, "abcd");
     RTMP_Packet copy;
     broken.at_allocation = [&] { source.chunk.message.data_length = 3; };
@@ -246,7 +251,7 @@ TEST_F(BrokenPromiseDeathTest, of_a_payload_that_changes_while_it_is_copied_ends
                 assertion_line("copy_to", "dst.data_length == data_length"));
 }
 
-TEST_F(BrokenPromiseDeathTest, of_an_unlock_ends_the_process_wherever_a_queue_is_used) {
+TEST_F(broken_promise_death_test, of_an_unlock_ends_the_process_wherever_a_queue_is_used) {
     struct Use {
         const char* function;
         std::function<void()> action;

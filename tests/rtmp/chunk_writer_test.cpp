@@ -111,8 +111,8 @@ TEST_F(chunk_writer, a_message_without_payload_produces_no_bytes) {
     EXPECT_TRUE(conn.connection_out.empty());
 }
 
-// More pieces than one system call takes, and more bytes than the socket buffers: every byte still arrives in
-// order.
+// More pieces than one system call takes, and more bytes than the socket buffers: every byte still arrives
+// in order.
 TEST_F(chunk_writer, a_long_message_in_chunks_of_one_byte_arrives_whole) {
     conn.conn_g_server.chunk_size = 1;
     std::string payload(300000, '\0');

@@ -1,4 +1,5 @@
-// A batch of messages that leaves in other pieces than it was handed to the system, or that is not sent to its end.
+// A batch of messages that leaves in other pieces than it was handed to the system, or that is not sent to
+// its end.
 #include <pthread.h>
 
 #include "tests/support/connection_fixture.h"
@@ -15,12 +16,13 @@ std::string payload_bytes(std::size_t count, std::size_t seed) {
     return bytes;
 }
 
-class ShortSendTest : public ConnectionFixture {
+class short_send_test : public ConnectionFixture {
   protected:
-    ShortSendTest() { wrapped_calls = {}; }
-    ~ShortSendTest() override { wrapped_calls = {}; }
+    short_send_test() { wrapped_calls = {}; }
+    ~short_send_test() override { wrapped_calls = {}; }
 
-    // Payloads of their own and shared ones, laid out for the size in force and for others, around its borders.
+    // Payloads of their own and shared ones, laid out for the size in force and for others, around
+    // its borders.
     static void queue_batch(RTMPConnection& conn) {
         add_own(conn, 300);
         add_shared(conn, 300, 128);
@@ -39,7 +41,8 @@ class ShortSendTest : public ConnectionFixture {
         EXPECT_TRUE(conn.rtmp_send_packet());
         EXPECT_EQ(wrapped_calls.sends.size(), 1U);
         const std::string bytes = arrived(conn);
-        // Six headers of 12 bytes, one of 16 for its large timestamp, and payloads with a byte between chunks.
+        // Six headers of 12 bytes, one of 16 for its large timestamp, and payloads with a byte
+        // between chunks.
         EXPECT_EQ(bytes.size(), 6U * 12 + 16 + (300 + 2) * 3 + 1 + 128 + (129 + 1) + 128);
         EXPECT_EQ(conn.conn_g_client.bytes_total, bytes.size());
         return bytes;
@@ -62,7 +65,7 @@ class ShortSendTest : public ConnectionFixture {
 
 }  // namespace
 
-TEST_F(ShortSendTest, that_ends_at_any_byte_of_a_batch_changes_nothing_and_counts_what_left) {
+TEST_F(short_send_test, that_ends_at_any_byte_of_a_batch_changes_nothing_and_counts_what_left) {
     const std::string whole = sent_at_once();
     RTMPConnection& conn = add_connection();
     for (std::size_t cut = 1; cut < whole.size(); ++cut) {
@@ -84,7 +87,7 @@ TEST_F(ShortSendTest, that_ends_at_any_byte_of_a_batch_changes_nothing_and_count
     }
 }
 
-TEST_F(ShortSendTest, of_any_length_again_and_again_changes_nothing) {
+TEST_F(short_send_test, of_any_length_again_and_again_changes_nothing) {
     const std::string whole = sent_at_once();
     RTMPConnection& conn = add_connection();
     for (std::size_t length = 1; length < whole.size(); length += length < 320 ? 1 : 64) {
@@ -103,7 +106,7 @@ TEST_F(ShortSendTest, of_any_length_again_and_again_changes_nothing) {
     }
 }
 
-TEST_F(ShortSendTest, that_is_the_last_before_a_failure_is_counted_and_the_rest_is_not) {
+TEST_F(short_send_test, that_is_the_last_before_a_failure_is_counted_and_the_rest_is_not) {
     const std::string whole = sent_at_once();
     for (std::size_t cut = 1; cut < whole.size(); cut += 5) {
         RTMPConnection& conn = add_connection();
@@ -118,7 +121,7 @@ TEST_F(ShortSendTest, that_is_the_last_before_a_failure_is_counted_and_the_rest_
 }
 
 // The address sanitizer sees what is not freed.
-TEST_F(ShortSendTest, after_which_the_writer_is_cancelled_leaves_the_batch_in_the_connection) {
+TEST_F(short_send_test, after_which_the_writer_is_cancelled_leaves_the_batch_in_the_connection) {
     const std::string whole = sent_at_once();
     constexpr std::size_t LENGTH = 29;
     for (std::size_t nth = 1; (nth - 1) * LENGTH < whole.size(); ++nth) {

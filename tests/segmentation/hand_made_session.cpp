@@ -1,5 +1,4 @@
 #include "tests/segmentation/session.h"
-
 #include "tests/support/amf_bytes.h"
 #include "tests/support/chunk_bytes.h"
 #include "tests/support/media_bytes.h"

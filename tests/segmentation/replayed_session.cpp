@@ -1,5 +1,8 @@
 #include "tests/segmentation/replayed_session.h"
 
+#include <algorithm>
+#include <limits>
+
 #include "core/connection.h"
 #include "core/connection_table.h"
 #include "relay/stream_registry.h"
@@ -8,9 +11,6 @@
 #include "tests/support/connection_fixture.h"
 #include "tests/support/media_bytes.h"
 #include "tests/support/silent_system.h"
-
-#include <algorithm>
-#include <limits>
 
 namespace {
 

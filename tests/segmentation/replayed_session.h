@@ -1,20 +1,20 @@
 // One client's bytes through the server's own reader, main loop and writer, cut into segments at will.
 //
-// Everything runs on the test's thread. The reader asks for bytes and gets no more than what has arrived; where
-// it asks beyond the end of a segment it waits, and only then does the next segment arrive: nothing is coalesced.
-// While it waits the main loop and the writers run. Time stands still, except that it goes on by 10 ms whenever
-// the server itself would sleep. Random numbers are the same in every replay.
+// Everything runs on the test's thread. The reader asks for bytes and gets no more than what has arrived;
+// where it asks beyond the end of a segment it waits, and only then does the next segment arrive: nothing is
+// coalesced. While it waits the main loop and the writers run. Time stands still, except that it goes on by
+// 10 ms whenever the server itself would sleep. Random numbers are the same in every replay.
 //
-// Two more connections may be there, whose messages are put straight into their queues: a player of the stream
-// from the start, and a publisher whose metadata and sequence headers are there already.
+// Two more connections may be there, whose messages are put straight into their queues: a player of the
+// stream from the start, and a publisher whose metadata and sequence headers are there already.
 #pragma once
-
-#include "tests/segmentation/session.h"
 
 #include <cstddef>
 #include <map>
 #include <string>
 #include <vector>
+
+#include "tests/segmentation/session.h"
 
 // When the main loop and the writers have their turn.
 enum class MainLoop {
@@ -36,8 +36,8 @@ struct Replay {
     std::vector<std::size_t> waits;  // where in the bytes the reader had to wait for a segment
 };
 
-// segment_ends: ascending positions inside of the bytes at which a segment ends. The last one ends with the session,
-// after which the client closes.
+// segment_ends: ascending positions inside of the bytes at which a segment ends. The last one ends with the
+// session, after which the client closes.
 Replay replay(const Session& session, const std::vector<std::size_t>& segment_ends, MainLoop main_loop);
 
 // The random handshake bytes that the server sends in every replay: S1.

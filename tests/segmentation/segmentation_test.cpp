@@ -1,16 +1,16 @@
 // How TCP cuts a client's bytes makes no difference to anything that the server says or sends.
 //
-// The reader's acknowledgements and the main loop's answers are queued by two threads, so their order among each
-// other is free. Where the main loop has its turn at every read, all output is compared as it stands; where the
-// reader gets ahead, the acknowledgements are compared among themselves and the rest among itself.
-#include "tests/segmentation/replayed_session.h"
-#include "tests/support/media_bytes.h"
-#include "tests/support/time_limits.h"
-
+// The reader's acknowledgements and the main loop's answers are queued by two threads, so their order among
+// each other is free. Where the main loop has its turn at every read, all output is compared as it stands;
+// where the reader gets ahead, the acknowledgements are compared among themselves and the rest among itself.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <random>
+
+#include "tests/segmentation/replayed_session.h"
+#include "tests/support/media_bytes.h"
+#include "tests/support/time_limits.h"
 
 namespace {
 

@@ -1,10 +1,10 @@
 #include "tests/segmentation/session.h"
 
-#include "tests/support/amf_bytes.h"
-#include "tests/support/test_failure.h"
-
 #include <fstream>
 #include <iterator>
+
+#include "tests/support/amf_bytes.h"
+#include "tests/support/test_failure.h"
 
 namespace {
 

@@ -1,4 +1,5 @@
-// Whole sessions as their clients sent them: an ffmpeg publisher's, an ffmpeg player's, and one put together by hand.
+// Whole sessions as their clients sent them: an ffmpeg publisher's, an ffmpeg player's, and one put together
+// by hand.
 #pragma once
 
 #include <cstddef>
@@ -21,8 +22,9 @@ constexpr std::size_t C2_OFFSET = 1 + HANDSHAKE_BLOCK_BYTES;
 // "publisher", "player" or "hand_made".
 Session session_named(const std::string& name);
 
-// Publishes with everything that chunks can look like: each header format, each form of the basic header, extended
-// timestamps, lengths of zero, changing chunk sizes down to 1, and every control message. Ends in chunks of 100.
+// Publishes with everything that chunks can look like: each header format, each form of the basic header,
+// extended timestamps, lengths of zero, changing chunk sizes down to 1, and every control message. Ends in
+// chunks of 100.
 Session hand_made_session();
 
 // Makes the session answer this S1, whatever server it was recorded with.

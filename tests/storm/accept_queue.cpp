@@ -1,11 +1,11 @@
 #include "tests/storm/accept_queue.h"
 
-#include "tests/support/test_failure.h"
-
 #include <fstream>
 #include <mutex>
 #include <sstream>
 #include <string>
+
+#include "tests/support/test_failure.h"
 
 namespace {
 

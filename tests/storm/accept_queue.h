@@ -1,11 +1,11 @@
-// How a storm of clients connects: the kernel queues few connections for the server, and whoever finds that queue
-// full tries again a second later, which would measure the kernel's patience instead of the server.
+// How a storm of clients connects: the kernel queues few connections for the server, and whoever finds that
+// queue full tries again a second later, which would measure the kernel's patience instead of the server.
 #pragma once
 
 #include "tests/support/rtmp_client.h"
 
-// Connects once the queue has room. Threads take turns. Throws TestFailure when the queue stays full or nobody
-// listens.
+// Connects once the queue has room. Threads take turns. Throws TestFailure when the queue stays full or
+// nobody listens.
 RtmpClient connect_through_queue(const ClientOptions& options = {});
 
 // The server has accepted everybody who has connected so far.

@@ -1,10 +1,4 @@
 // More clients than there is room for, again and again.
-#include "tests/storm/accept_queue.h"
-#include "tests/storm/full_table.h"
-#include "tests/storm/storm_size.h"
-#include "tests/storm/visits.h"
-#include "tests/support/server_process.h"
-
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -12,6 +6,12 @@
 #include <iostream>
 #include <memory>
 #include <vector>
+
+#include "tests/storm/accept_queue.h"
+#include "tests/storm/full_table.h"
+#include "tests/storm/storm_size.h"
+#include "tests/storm/visits.h"
+#include "tests/support/server_process.h"
 
 namespace {
 
@@ -40,7 +40,8 @@ void leave(Random& random, RtmpClient& client) {
     }
 }
 
-// Connects so many clients, not more than `at_once` of them open, who leave in an order and a way that are drawn.
+// Connects so many clients, not more than `at_once` of them open, who leave in an order and a way that
+// are drawn.
 void come_and_go(Random& random, std::size_t count, std::size_t at_once) {
     std::vector<std::unique_ptr<RtmpClient>> open;
     for (std::size_t i = 0; i < count; ++i) {
@@ -60,8 +61,8 @@ Milliseconds time_to_fill_the_table() {
     return elapsed_since(start);
 }
 
-class ConnectStorm : public testing::TestWithParam<int> {};
-INSTANTIATE_TEST_SUITE_P(server, ConnectStorm, testing::Range(0, STORM_SHARDS));
+class connect_storm_test : public testing::TestWithParam<int> {};
+INSTANTIATE_TEST_SUITE_P(server, connect_storm_test, testing::Range(0, STORM_SHARDS));
 
 }  // namespace
 
@@ -76,7 +77,7 @@ TEST(connect_storm_alone, all_128_clients_are_accepted_within_1600_ms) {
     EXPECT_GE(fastest, ALL_ACCEPTED_LEAST);
 }
 
-TEST_P(ConnectStorm, every_slot_comes_back) {
+TEST_P(connect_storm_test, every_slot_comes_back) {
     Random random(storm_seed() + static_cast<std::uint64_t>(GetParam()));
     const std::size_t connects = storm_count("V9_STORM_CONNECTS", 4000, 1600) / STORM_SHARDS;
     ServerProcess server;

@@ -1,9 +1,9 @@
 #include "tests/storm/crowd.h"
 
-#include "tests/support/test_failure.h"
-
 #include <exception>
 #include <vector>
+
+#include "tests/support/test_failure.h"
 
 namespace {
 

@@ -1,10 +1,8 @@
-// Visitors by the dozen, each a thread that pays one visit after the other, and somebody who drops connections of
-// theirs through the control socket at moments that suit nobody.
+// Visitors by the dozen, each a thread that pays one visit after the other, and somebody who drops
+// connections of theirs through the control socket at moments that suit nobody.
 //
 // The connections that exist when the crowd comes are left alone.
 #pragma once
-
-#include "tests/storm/visits.h"
 
 #include <atomic>
 #include <map>
@@ -13,6 +11,8 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include "tests/storm/visits.h"
 
 struct CrowdOptions {
     std::uint64_t seed = 0;

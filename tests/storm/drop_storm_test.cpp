@@ -1,12 +1,4 @@
 // Thousands of connections that are dropped at every point of a session, by everybody who can.
-#include "tests/storm/accept_queue.h"
-#include "tests/storm/crowd.h"
-#include "tests/storm/full_table.h"
-#include "tests/storm/storm_size.h"
-#include "tests/storm/thread_places.h"
-#include "tests/support/live_pair.h"
-#include "tests/support/server_process.h"
-
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -17,12 +9,20 @@
 #include <string>
 #include <thread>
 
+#include "tests/storm/accept_queue.h"
+#include "tests/storm/crowd.h"
+#include "tests/storm/full_table.h"
+#include "tests/storm/storm_size.h"
+#include "tests/storm/thread_places.h"
+#include "tests/support/live_pair.h"
+#include "tests/support/server_process.h"
+
 namespace {
 
 constexpr std::size_t CONNECTIONS_OF_PAIR = 2;
 
-// Send buffers as small as they can be, so that whoever does not read blocks the server's writer at once. Holds in
-// the namespace of this test only.
+// Send buffers as small as they can be, so that whoever does not read blocks the server's writer at once.
+// Holds in the namespace of this test only.
 void shrink_send_buffers() {
     std::ofstream file("/proc/sys/net/ipv4/tcp_wmem");
     file << "4096 4096 4096" << std::flush;
@@ -54,8 +54,8 @@ std::size_t occurrences(const std::string& text, const std::string& wanted) {
     return count;
 }
 
-// Reads the log in fits and starts, so that the server's threads wait in the middle of a line, and looks where they
-// are meanwhile.
+// Reads the log in fits and starts, so that the server's threads wait in the middle of a line, and looks
+// where they are meanwhile.
 class MoodyLogReader {
   public:
     MoodyLogReader(ServerProcess& log_server, std::uint64_t seed)
@@ -90,12 +90,12 @@ class MoodyLogReader {
     std::thread thread;
 };
 
-class DropStorm : public testing::TestWithParam<int> {};
-INSTANTIATE_TEST_SUITE_P(server, DropStorm, testing::Range(0, STORM_SHARDS));
+class drop_storm_test : public testing::TestWithParam<int> {};
+INSTANTIATE_TEST_SUITE_P(server, drop_storm_test, testing::Range(0, STORM_SHARDS));
 
 }  // namespace
 
-TEST_P(DropStorm, leaves_nothing_behind_and_disturbs_nobody) {
+TEST_P(drop_storm_test, leaves_nothing_behind_and_disturbs_nobody) {
     const std::uint64_t seed = storm_seed() + 1000 * static_cast<std::uint64_t>(GetParam());
     const std::size_t drops = storm_count("V9_STORM_DROPS", 10000, 1200) / STORM_SHARDS;
     shrink_send_buffers();

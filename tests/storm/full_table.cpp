@@ -1,15 +1,15 @@
 #include "tests/storm/full_table.h"
 
-#include "tests/storm/accept_queue.h"
-#include "tests/storm/visits.h"
-#include "tests/support/media_bytes.h"
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <set>
 #include <string>
 #include <vector>
+
+#include "tests/storm/accept_queue.h"
+#include "tests/storm/visits.h"
+#include "tests/support/media_bytes.h"
 
 std::deque<RtmpClient> fill_table(const ServerProcess& server, std::size_t present) {
     const LineMark mark = server.mark();

@@ -1,13 +1,4 @@
 // Stopping and killing a server while a crowd is at it, at moments that are drawn by lot.
-#include "tests/storm/accept_queue.h"
-#include "tests/storm/crowd.h"
-#include "tests/storm/full_table.h"
-#include "tests/storm/storm_size.h"
-#include "tests/support/control_peer.h"
-#include "tests/support/media_bytes.h"
-#include "tests/support/server_process.h"
-#include "tests/support/test_failure.h"
-
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -17,6 +8,15 @@
 #include <iostream>
 #include <memory>
 #include <thread>
+
+#include "tests/storm/accept_queue.h"
+#include "tests/storm/crowd.h"
+#include "tests/storm/full_table.h"
+#include "tests/storm/storm_size.h"
+#include "tests/support/control_peer.h"
+#include "tests/support/media_bytes.h"
+#include "tests/support/server_process.h"
+#include "tests/support/test_failure.h"
 
 namespace {
 
@@ -66,8 +66,8 @@ class Broadcaster {
     std::thread thread;
 };
 
-// Visitors, a broadcaster, and the time that a server has among them. Nobody drops others than those who ask for it: not
-// the broadcaster, and not who tries whether there is service.
+// Visitors, a broadcaster, and the time that a server has among them. Nobody drops others than those who ask
+// for it: not the broadcaster, and not who tries whether there is service.
 class Load {
   public:
     explicit Load(std::uint64_t seed)
@@ -105,15 +105,15 @@ void expect_service() {
     EXPECT_EQ(control.read_reply().message, "How are you?");
 }
 
-class StopStorm : public testing::TestWithParam<int> {
+class stop_storm_test : public testing::TestWithParam<int> {
   protected:
     std::uint64_t seed = storm_seed() + 1000 * static_cast<std::uint64_t>(GetParam());
 };
-INSTANTIATE_TEST_SUITE_P(server, StopStorm, testing::Range(0, STORM_SHARDS));
+INSTANTIATE_TEST_SUITE_P(server, stop_storm_test, testing::Range(0, STORM_SHARDS));
 
 }  // namespace
 
-TEST_P(StopStorm, a_server_told_to_stop_exits_in_order_within_a_second) {
+TEST_P(stop_storm_test, a_server_told_to_stop_exits_in_order_within_a_second) {
     const std::size_t stops = storm_count("V9_STORM_STOPS", 200, 40) / STORM_SHARDS;
     Load load(seed);
     Milliseconds longest{0};
@@ -128,7 +128,7 @@ TEST_P(StopStorm, a_server_told_to_stop_exits_in_order_within_a_second) {
               << load.threads() << " threads\n";
 }
 
-TEST_P(StopStorm, a_server_serves_within_a_second_after_another_was_killed) {
+TEST_P(stop_storm_test, a_server_serves_within_a_second_after_another_was_killed) {
     const std::size_t kills = storm_count("V9_STORM_KILLS", 100, 20) / STORM_SHARDS;
     Load load(seed);
     go_first();

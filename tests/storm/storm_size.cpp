@@ -1,13 +1,13 @@
 #include "tests/storm/storm_size.h"
 
-#include "tests/support/time_limits.h"
-
 #include <sched.h>
 
 #include <cstdlib>
 #include <iostream>
 #include <random>
 #include <string>
+
+#include "tests/support/time_limits.h"
 
 std::size_t storm_count(const char* variable, std::size_t in_release, std::size_t under_a_sanitizer) {
     if (const char* given = std::getenv(variable)) {

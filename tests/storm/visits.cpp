@@ -1,9 +1,5 @@
 #include "tests/storm/visits.h"
 
-#include "tests/storm/accept_queue.h"
-#include "tests/support/media_bytes.h"
-#include "tests/support/test_failure.h"
-
 #include <poll.h>
 #include <sys/socket.h>
 
@@ -13,6 +9,10 @@
 #include <optional>
 #include <set>
 #include <thread>
+
+#include "tests/storm/accept_queue.h"
+#include "tests/support/media_bytes.h"
+#include "tests/support/test_failure.h"
 
 namespace {
 
@@ -204,7 +204,8 @@ std::vector<RtmpClient*> open_clients(Visit& visit) {
     return found;
 }
 
-// What the server still sends stands before the end that it announces, and may fill its buffers: it is taken away.
+// What the server still sends stands before the end that it announces, and may fill its buffers: it is
+// taken away.
 bool is_closed_by_server(const RtmpClient& client) {
     std::array<char, 65536> ignored{};
     ssize_t count = 0;

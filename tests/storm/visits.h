@@ -1,18 +1,18 @@
-// What a client of a storm does: it comes as far as some point of a session and is ended there, in a way that is drawn by
-// lot, and somebody else may end it before.
+// What a client of a storm does: it comes as far as some point of a session and is ended there, in a way that
+// is drawn by lot, and somebody else may end it before.
 //
 // 1. A server that closes is expected at every moment; one that neither answers nor closes is a failure.
 // 2. Nothing here knows the server but through its sockets.
 #pragma once
-
-#include "tests/support/control_peer.h"
-#include "tests/support/rtmp_client.h"
 
 #include <cstdint>
 #include <deque>
 #include <random>
 #include <string>
 #include <vector>
+
+#include "tests/support/control_peer.h"
+#include "tests/support/rtmp_client.h"
 
 // The stream that is live beside the storm, for players of the storm; nobody of the storm publishes it.
 inline const std::string LIVE_STREAM = "live";
@@ -29,16 +29,18 @@ class Visit {
     // number makes its stream name its own.
     Visit(Random& visitor_random, std::size_t number);
 
-    // Each connects, once there is room in the accept queue, and comes so far. Throws TestFailure when it does not.
+    // Each connects, once there is room in the accept queue, and comes so far. Throws TestFailure when it
+    // does not.
     RtmpClient& open(int receive_buffer_bytes = 0);
     RtmpClient& open_handshaken();
     RtmpClient& open_connected(int receive_buffer_bytes = 0);
     RtmpClient& open_publisher();
     RtmpClient& open_player(const std::string& stream_name, int receive_buffer_bytes = 0);
-    // Whether the server, or somebody who asked it to, has ended one of the clients. What they were still to read is
-    // gone.
+    // Whether the server, or somebody who asked it to, has ended one of the clients. What they were still to
+    // read is gone.
     bool was_interrupted();
-    // Waits for the next message of that type. Throws TestFailure when the visit is interrupted or nothing comes.
+    // Waits for the next message of that type. Throws TestFailure when the visit is interrupted or
+    // nothing comes.
     void await_message(RtmpClient& client, std::uint8_t type);
     void await_interruption();
 

@@ -1,8 +1,8 @@
 #include "tests/support/amf_bytes.h"
 
-#include "tests/support/test_failure.h"
-
 #include <bit>
+
+#include "tests/support/test_failure.h"
 
 Bytes amf_number(double value) {
     const std::uint64_t bits = std::bit_cast<std::uint64_t>(value);

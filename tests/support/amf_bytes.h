@@ -2,13 +2,13 @@
 // answers. A payload is the concatenation of values: amf_string("play") + amf_number(4) + amf_null() + ...
 #pragma once
 
-#include "tests/support/wire_bytes.h"
-
 #include <cstdint>
 #include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
+
+#include "tests/support/wire_bytes.h"
 
 // Key and encoded value, in the order in which they go out.
 using AmfMembers = std::vector<std::pair<std::string, Bytes>>;

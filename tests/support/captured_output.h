@@ -6,13 +6,13 @@
 // when it passes or when the stream ended without the text. Texts are compared whole, without the line end.
 #pragma once
 
-#include "tests/support/time_limits.h"
-
 #include <condition_variable>
 #include <mutex>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "tests/support/time_limits.h"
 
 using LineMark = std::size_t;
 

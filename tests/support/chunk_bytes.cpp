@@ -1,8 +1,8 @@
 #include "tests/support/chunk_bytes.h"
 
-#include "tests/support/test_failure.h"
-
 #include <algorithm>
+
+#include "tests/support/test_failure.h"
 
 namespace {
 

@@ -2,10 +2,10 @@
 // send what no honest client would.
 #pragma once
 
-#include "tests/support/wire_bytes.h"
-
 #include <cstdint>
 #include <optional>
+
+#include "tests/support/wire_bytes.h"
 
 constexpr std::uint8_t MSG_SET_CHUNK_SIZE = 1;
 constexpr std::uint8_t MSG_ABORT = 2;

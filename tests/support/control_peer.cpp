@@ -1,7 +1,5 @@
 #include "tests/support/control_peer.h"
 
-#include "tests/support/test_failure.h"
-
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -11,6 +9,8 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+
+#include "tests/support/test_failure.h"
 
 namespace {
 

@@ -1,12 +1,9 @@
-// A client of the control socket, with control over every byte it sends: requests are put together here, byte
-// by byte, and replies are taken apart strictly, so that the server's side is checked by somebody else's
-// eyes.
+// A client of the control socket, with control over every byte it sends: requests are put together here,
+// byte by byte, and replies are taken apart strictly, so that the server's side is checked by somebody
+// else's eyes.
 //
 // Every wait has a deadline; what does not come throws TestFailure.
 #pragma once
-
-#include "tests/support/time_limits.h"
-#include "tests/support/wire_bytes.h"
 
 #include <cstdint>
 #include <optional>
@@ -14,6 +11,9 @@
 #include <string_view>
 #include <utility>
 #include <vector>
+
+#include "tests/support/time_limits.h"
+#include "tests/support/wire_bytes.h"
 
 inline const std::string CONTROL_SOCKET_PATH = "/var/run/v9_rtmp_server.socket";
 
@@ -58,15 +58,16 @@ class ControlPeer {
     // False when the server has closed the connection; part of the bytes may be gone by then.
     [[nodiscard]] bool try_send_bytes(std::string_view bytes, Milliseconds wait = DEFAULT_WAIT) const;
     void send_bytes(std::string_view bytes, Milliseconds wait = DEFAULT_WAIT) const;
-    // Sends without waiting; how many bytes the socket took. Throws when the server has closed the connection.
+    // Sends without waiting; how many bytes the socket took. Throws when the server has closed
+    // the connection.
     [[nodiscard]] std::size_t send_some(std::string_view bytes) const;
     // The next reply. A reply must be complete, with nothing behind its last field and no arguments.
     ControlReply read_reply(Milliseconds wait = DEFAULT_WAIT);
     // Sends a request with the next id and reads replies until there is one, which must carry that id.
     ControlReply ask(std::string_view command, const ControlArguments& arguments = {},
                      Milliseconds wait = DEFAULT_WAIT);
-    // Sends a request with the next id and reads the reply without keeping it; how long its body is. For replies of a
-    // hundred megabytes, which would otherwise cost the test more time than the server.
+    // Sends a request with the next id and reads the reply without keeping it; how long its body is. For
+    // replies of a hundred megabytes, which would otherwise cost the test more time than the server.
     std::size_t ask_for_length(std::string_view command, Milliseconds wait = DEFAULT_WAIT);
     // Whether the server has sent bytes that were not read.
     [[nodiscard]] bool has_unread_bytes() const;

@@ -2,9 +2,9 @@
 // that the request carried.
 #pragma once
 
-#include "tests/support/amf_bytes.h"
-
 #include <cstdint>
+
+#include "tests/support/amf_bytes.h"
 
 inline Bytes connect_reply(const Bytes& transaction_id, std::uint32_t client_id) {
     return amf_string("_result") + transaction_id +

@@ -1,8 +1,5 @@
 #include "tests/support/far_side.h"
 
-#include "tests/support/program_process.h"
-#include "tests/support/test_failure.h"
-
 #include <fcntl.h>
 #include <sched.h>
 #include <unistd.h>
@@ -10,6 +7,9 @@
 #include <future>
 #include <type_traits>
 #include <vector>
+
+#include "tests/support/program_process.h"
+#include "tests/support/test_failure.h"
 
 namespace {
 

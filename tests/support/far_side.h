@@ -1,10 +1,10 @@
-// Another machine: a network namespace that is joined to the test's own by a pair of interfaces, and can be cut off so
-// that nothing tells either side.
+// Another machine: a network namespace that is joined to the test's own by a pair of interfaces, and can be
+// cut off so that nothing tells either side.
 #pragma once
 
-#include "tests/support/rtmp_client.h"
-
 #include <string>
+
+#include "tests/support/rtmp_client.h"
 
 class FarSide {
   public:

@@ -1,9 +1,9 @@
 // AMF0 values as large and as deep as a message holds.
 #pragma once
 
-#include "tests/support/amf_bytes.h"
-
 #include <string_view>
+
+#include "tests/support/amf_bytes.h"
 
 // An object whose only member is such an object, and so on; the ends are left out, which is allowed.
 inline Bytes open_nest(std::size_t levels) {

@@ -1,10 +1,10 @@
 #include "tests/support/live_pair.h"
 
-#include "tests/support/media_bytes.h"
-#include "tests/support/test_failure.h"
-
 #include <algorithm>
 #include <exception>
+
+#include "tests/support/media_bytes.h"
+#include "tests/support/test_failure.h"
 
 namespace {
 

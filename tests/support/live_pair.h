@@ -2,13 +2,13 @@
 // test does something else to the server. At the end it tells whether anybody was disturbed.
 #pragma once
 
-#include "tests/support/message_recorder.h"
-#include "tests/support/rtmp_client.h"
-
 #include <atomic>
 #include <cstdint>
 #include <string>
 #include <thread>
+
+#include "tests/support/message_recorder.h"
+#include "tests/support/rtmp_client.h"
 
 struct LiveOptions {
     std::string stream_name = "live";
@@ -30,7 +30,8 @@ class LivePair {
     void finish();
     // The longest time in which the player received nothing. After finish().
     Milliseconds longest_pause() const;
-    // The longest time from the moment at which a message was due to be sent until the player had it. After finish().
+    // The longest time from the moment at which a message was due to be sent until the player had it.
+    // After finish().
     Milliseconds longest_delay() const;
     std::uint32_t messages_sent() const { return sent; }
     // Waits until the player has received so many more messages.

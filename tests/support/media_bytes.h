@@ -2,10 +2,10 @@
 // that no decoder would like and that no two seeds share.
 #pragma once
 
-#include "tests/support/wire_bytes.h"
-
 #include <cstddef>
 #include <cstdint>
+
+#include "tests/support/wire_bytes.h"
 
 inline Bytes aac_header() {
     return from_hex("AF 00 12 10");

@@ -1,9 +1,9 @@
 #include "tests/support/message_recorder.h"
 
-#include "tests/support/test_failure.h"
-
 #include <algorithm>
 #include <optional>
+
+#include "tests/support/test_failure.h"
 
 namespace {
 

@@ -2,13 +2,13 @@
 // does something else (sends from the same client included).
 #pragma once
 
-#include "tests/support/rtmp_client.h"
-
 #include <condition_variable>
 #include <functional>
 #include <mutex>
 #include <thread>
 #include <vector>
+
+#include "tests/support/rtmp_client.h"
 
 class MessageRecorder {
   public:

@@ -1,10 +1,10 @@
 #include "tests/support/page_example.h"
 
-#include "tests/support/test_failure.h"
-#include "tests/support/wire_bytes.h"
-
 #include <fstream>
 #include <sstream>
+
+#include "tests/support/test_failure.h"
+#include "tests/support/wire_bytes.h"
 
 std::string source_text(const std::string& name) {
     const std::ifstream file(V9_SOURCE_ROOT "/" + name);

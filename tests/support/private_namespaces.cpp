@@ -1,7 +1,5 @@
 #include "tests/support/private_namespaces.h"
 
-#include "tests/support/test_failure.h"
-
 #include <net/if.h>
 #include <sched.h>
 #include <sys/ioctl.h>
@@ -18,6 +16,8 @@
 #include <fstream>
 #include <string>
 #include <vector>
+
+#include "tests/support/test_failure.h"
 
 namespace {
 

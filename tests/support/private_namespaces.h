@@ -11,6 +11,6 @@
 // exits with status 2: a test must never run against the machine's real port by accident.
 void enter_private_namespaces(char** argv);
 
-// Returns a link in the private /run that leads to the file: a short path without blanks. For what splits a path at
-// blanks or colons, and for what is shown in a narrow terminal. Throws TestFailure.
+// Returns a link in the private /run that leads to the file: a short path without blanks. For what splits a
+// path at blanks or colons, and for what is shown in a narrow terminal. Throws TestFailure.
 std::string linked_in_run(const std::string& file);

@@ -1,9 +1,9 @@
 // main of the tests that run in namespaces of their own process; listing them needs none.
-#include "tests/support/private_namespaces.h"
-
 #include <gtest/gtest.h>
 
 #include <vector>
+
+#include "tests/support/private_namespaces.h"
 
 int main(int argc, char** argv) {
     // GoogleTest takes its arguments out of argv; a second start of this program needs them all.

@@ -1,7 +1,5 @@
 #include "tests/support/program_process.h"
 
-#include "tests/support/test_failure.h"
-
 #include <fcntl.h>
 #include <linux/capability.h>
 #include <poll.h>
@@ -14,6 +12,8 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
+
+#include "tests/support/test_failure.h"
 
 namespace {
 

@@ -5,14 +5,14 @@
 // as long as the test.
 #pragma once
 
-#include "tests/support/captured_output.h"
-#include "tests/support/time_limits.h"
-
 #include <sys/types.h>
 
 #include <string>
 #include <thread>
 #include <vector>
+
+#include "tests/support/captured_output.h"
+#include "tests/support/time_limits.h"
 
 struct ProgramOptions {
     // NAME=value entries that replace those of the test's own environment.

@@ -1,7 +1,5 @@
 #include "tests/support/rtmp_client.h"
 
-#include "tests/support/test_failure.h"
-
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
@@ -14,6 +12,8 @@
 #include <cerrno>
 #include <cstring>
 #include <utility>
+
+#include "tests/support/test_failure.h"
 
 namespace {
 

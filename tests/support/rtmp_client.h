@@ -8,15 +8,15 @@
 // 3. Sending and reading share no state but the socket, so one thread may read while another sends.
 #pragma once
 
-#include "tests/support/amf_bytes.h"
-#include "tests/support/chunk_bytes.h"
-#include "tests/support/time_limits.h"
-
 #include <cstdint>
 #include <functional>
 #include <optional>
 #include <string>
 #include <vector>
+
+#include "tests/support/amf_bytes.h"
+#include "tests/support/chunk_bytes.h"
+#include "tests/support/time_limits.h"
 
 struct RtmpMessage {
     std::uint32_t csid = 0;
@@ -101,13 +101,14 @@ class RtmpClient {
     // The end of the stream, or a reset, has been read.
     bool closed_by_server() const { return peer_closed; }
 
-    // ---- reading messages (rtmp_client_reading.cpp)
-    // The next message that is no acknowledgement. The server's reader acknowledges while its main thread answers,
-    // so an acknowledgement may come before or after anything else.
+    // ---- reading messages (rtmp_client_reading.cpp) The next message that is no acknowledgement. The
+    // server's reader acknowledges while its main thread answers, so an acknowledgement may come before or
+    // after anything else.
     RtmpMessage read_message(Milliseconds wait = DEFAULT_WAIT);
     // The next message, acknowledgements included.
     RtmpMessage read_any_message(Milliseconds wait = DEFAULT_WAIT);
-    // The next message, acknowledgements included; nothing when the time is over or the server has closed first.
+    // The next message, acknowledgements included; nothing when the time is over or the server has
+    // closed first.
     std::optional<RtmpMessage> try_read_message(Milliseconds wait);
     // The next message, acknowledgements skipped unless they are what is expected; throws when it is another.
     RtmpMessage expect_message(std::uint8_t type, Milliseconds wait = DEFAULT_WAIT);

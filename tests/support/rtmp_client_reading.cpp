@@ -1,9 +1,8 @@
-#include "tests/support/rtmp_client.h"
-
-#include "tests/support/test_failure.h"
-
 #include <algorithm>
 #include <utility>
+
+#include "tests/support/rtmp_client.h"
+#include "tests/support/test_failure.h"
 
 namespace {
 

@@ -1,7 +1,3 @@
-#include "tests/support/server_process.h"
-
-#include "tests/support/test_failure.h"
-
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -9,6 +5,9 @@
 #include <fstream>
 #include <sstream>
 #include <system_error>
+
+#include "tests/support/server_process.h"
+#include "tests/support/test_failure.h"
 
 std::string ServerProcess::status_field(const std::string& field) const {
     std::ifstream file("/proc/" + std::to_string(child) + "/status");

@@ -1,11 +1,11 @@
-#include "tests/support/server_process.h"
-
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
+
+#include "tests/support/server_process.h"
 
 namespace {
 

@@ -1,8 +1,5 @@
 #include "tests/support/server_process.h"
 
-#include "tests/support/program_process.h"
-#include "tests/support/test_failure.h"
-
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <linux/close_range.h>
@@ -18,15 +15,18 @@
 #include <exception>
 #include <iostream>
 
+#include "tests/support/program_process.h"
+#include "tests/support/test_failure.h"
+
 namespace {
 
 constexpr int CANNOT_START = 127;
 constexpr std::size_t SHOWN_LINES = 200;
 
-// AddressSanitizer of GCC 12 takes the stack of a cancelled thread for overflown, because the unwinding has left the
-// marks of frames that are gone: when it gives back its signal stack, and whenever a destructor on the way out leaves a
-// frame. Without signal stacks it does not look in the first case; in the second the marks are not on the stack where
-// frames are kept aside, which also finds uses of frames that have returned.
+// AddressSanitizer of GCC 12 takes the stack of a cancelled thread for overflown, because the unwinding has
+// left the marks of frames that are gone: when it gives back its signal stack, and whenever a destructor on
+// the way out leaves a frame. Without signal stacks it does not look in the first case; in the second the
+// marks are not on the stack where frames are kept aside, which also finds uses of frames that have returned.
 std::string sanitizer_options() {
     const char* given = std::getenv("ASAN_OPTIONS");
     return std::string("ASAN_OPTIONS=") + (given != nullptr ? std::string(given) + ":" : "") +
@@ -193,8 +193,8 @@ void ServerProcess::start(const ServerOptions& options) {
 }
 
 void ServerProcess::wait_until_ready() {
-    // The handler for SIGQUIT is the last thing that the server sets up before its main loop, which begins by sleeping.
-    // ThreadSanitizer can lose a signal that comes before signal() has returned.
+    // The handler for SIGQUIT is the last thing that the server sets up before its main loop, which begins by
+    // sleeping. ThreadSanitizer can lose a signal that comes before signal() has returned.
     constexpr unsigned long long SIGQUIT_BIT = 1ULL << (SIGQUIT - 1);
     const auto is_ready = [this] {
         if (reap(WNOHANG)) {

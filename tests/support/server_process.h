@@ -9,9 +9,6 @@
 //    that runs it).
 #pragma once
 
-#include "tests/support/captured_output.h"
-#include "tests/support/time_limits.h"
-
 #include <sys/types.h>
 
 #include <atomic>
@@ -20,6 +17,9 @@
 #include <thread>
 #include <utility>
 #include <vector>
+
+#include "tests/support/captured_output.h"
+#include "tests/support/time_limits.h"
 
 // The server's threads when it has no client (any more). ThreadSanitizer starts one of its own with the first
 // thread of the program.
@@ -50,7 +50,8 @@ struct ServerOptions {
     // 0 keeps the system's size of the standard error pipe.
     int stderr_pipe_bytes = 0;
     bool drain_stderr = true;
-    // When given, standard error goes to this file and nothing of it is captured: for servers that run for hours.
+    // When given, standard error goes to this file and nothing of it is captured: for servers that run
+    // for hours.
     std::string stderr_file = {};
     // Two servers share the port, and the kernel deals clients out to both: no test wants that by accident.
     bool beside_another = false;
@@ -104,7 +105,8 @@ class ServerProcess {
     // The server notices a control client that has left at its next look at the control socket.
     void wait_for_fd_count(std::size_t count, Milliseconds wait = DEFAULT_WAIT) const;
     std::size_t rss_kib() const;
-    // Waits until the server has given back what was free when this was called, 10 s after the last client has left.
+    // Waits until the server has given back what was free when this was called, 10 s after the last client
+    // has left.
     std::size_t rss_kib_at_rest() const;
     Milliseconds cpu_time() const;
     // The main thread is inside a write to standard error; it stays there while the pipe is full.

@@ -11,14 +11,30 @@
 std::string printed_text;
 std::function<std::uint32_t()> random_source;
 
-void diag(const char* format, ...) {
+namespace {
+
+[[gnu::format(printf, 1, 0)]] void append(const char* format, std::va_list args) {
     char text[512];
-    std::va_list args;
-    va_start(args, format);
     const int length = std::vsnprintf(text, sizeof text, format, args);
-    va_end(args);
     // Nothing in a schedule is so long that it would be cut here.
     printed_text.append(text, static_cast<std::size_t>(length));
+}
+
+}  // namespace
+
+void diag(const char* format, ...) {
+    std::va_list args;
+    va_start(args, format);
+    append(format, args);
+    va_end(args);
+}
+
+bool refuse(const char* format, ...) {
+    std::va_list args;
+    va_start(args, format);
+    append(format, args);
+    va_end(args);
+    return false;
 }
 
 void diag_block(std::string_view text) {

@@ -1,6 +1,6 @@
 // What the server asks of the system, for a program that runs it a million times over: its text goes into a
-// string, its threads and sockets are only pretended, its random numbers are given. Linked in place of base/diag
-// and rand(), and with --wrap for pthread_create, pthread_cancel, pthread_join and close.
+// string, its threads and sockets are only pretended, its random numbers are given. Linked in place of
+// base/diag and rand(), and with --wrap for pthread_create, pthread_cancel, pthread_join and close.
 #pragma once
 
 #include <cstdint>

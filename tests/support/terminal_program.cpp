@@ -1,7 +1,5 @@
 #include "tests/support/terminal_program.h"
 
-#include "tests/support/test_failure.h"
-
 #include <fcntl.h>
 #include <poll.h>
 #include <pty.h>
@@ -14,6 +12,8 @@
 #include <algorithm>
 #include <array>
 #include <csignal>
+
+#include "tests/support/test_failure.h"
 
 namespace {
 

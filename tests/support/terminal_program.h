@@ -5,10 +5,6 @@
 // starts. A program that still runs when its TerminalProgram goes is killed.
 #pragma once
 
-#include "tests/support/program_process.h"
-#include "tests/support/terminal_screen.h"
-#include "tests/support/time_limits.h"
-
 #include <sys/types.h>
 #include <termios.h>
 
@@ -20,6 +16,10 @@
 #include <string_view>
 #include <thread>
 #include <vector>
+
+#include "tests/support/program_process.h"
+#include "tests/support/terminal_screen.h"
+#include "tests/support/time_limits.h"
 
 constexpr std::size_t TERMINAL_ROWS = 24;
 constexpr std::size_t TERMINAL_COLUMNS = 80;
@@ -36,7 +36,8 @@ class TerminalProgram {
     void type(std::string_view keys) const;
     void send_signal(int signal_number) const;
     void resize(std::size_t rows, std::size_t columns);
-    // The terminal is full and takes nothing more, as when Ctrl-S was pressed or a network link hangs; then it does again.
+    // The terminal is full and takes nothing more, as when Ctrl-S was pressed or a network link hangs; then
+    // it does again.
     void stop_taking_output();
     void take_output_again() { takes_output = true; }
     // The terminal goes away, as when its window is closed. Nothing more is captured.
@@ -60,8 +61,8 @@ class TerminalProgram {
     // Waits until it does nothing because a signal has stopped it. Throws TestFailure at the deadline.
     void wait_until_stopped(Milliseconds wait = DEFAULT_WAIT) const;
     ProgramEnd wait_for_exit(Milliseconds wait = DEFAULT_WAIT);
-    // After the exit or the stop: empty when the terminal is as the program found it, modes, screens, cursor and style;
-    // else what is not.
+    // After the exit or the stop: empty when the terminal is as the program found it, modes, screens, cursor
+    // and style; else what is not.
     std::string damage() const;
 
   private:

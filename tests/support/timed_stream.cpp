@@ -1,19 +1,19 @@
 #include "tests/support/timed_stream.h"
 
-#include "tests/support/media_bytes.h"
-#include "tests/support/test_failure.h"
-
 #include <algorithm>
 #include <functional>
 #include <future>
 #include <utility>
 
+#include "tests/support/media_bytes.h"
+#include "tests/support/test_failure.h"
+
 namespace {
 
 constexpr std::size_t MESSAGE_BYTES = 20000;
 constexpr Milliseconds MESSAGE_INTERVAL{40};
-// What a message takes when nothing disturbs: up to 10 ms until the main loop looks, and up to 50 ms until the
-// player's writer does. Only what comes on top is late.
+// What a message takes when nothing disturbs: up to 10 ms until the main loop looks, and up to 50 ms until
+// the player's writer does. Only what comes on top is late.
 constexpr Milliseconds QUIET_LATENCY{60};
 constexpr std::size_t CONNECTED_SIDE_BY_SIDE = 8;
 

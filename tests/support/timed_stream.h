@@ -1,10 +1,6 @@
-// A stream whose messages are timed from the moment they are sent until the player has them, and work that goes on
-// beside it.
+// A stream whose messages are timed from the moment they are sent until the player has them, and work that
+// goes on beside it.
 #pragma once
-
-#include "tests/support/message_recorder.h"
-#include "tests/support/rtmp_client.h"
-#include "tests/support/time_limits.h"
 
 #include <atomic>
 #include <cstddef>
@@ -13,6 +9,10 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include "tests/support/message_recorder.h"
+#include "tests/support/rtmp_client.h"
+#include "tests/support/time_limits.h"
 
 // Runs a loop body on a thread until it goes; what the body throws is kept for the test.
 class Background {

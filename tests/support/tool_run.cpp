@@ -1,11 +1,10 @@
 #include "tests/support/tool_run.h"
 
-#include "tests/support/test_failure.h"
-
-#include <nlohmann/json.hpp>
-
 #include <cstdlib>
+#include <nlohmann/json.hpp>
 #include <ostream>
+
+#include "tests/support/test_failure.h"
 
 namespace {
 

@@ -1,14 +1,14 @@
 // v9_rtmp_ctl as a script runs it: to its end, with what it printed and its exit status.
 #pragma once
 
-#include "tests/support/control_peer.h"
-#include "tests/support/program_process.h"
-
 #include <cstdint>
 #include <iosfwd>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "tests/support/control_peer.h"
+#include "tests/support/program_process.h"
 
 std::string tool_path();
 

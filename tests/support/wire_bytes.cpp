@@ -1,8 +1,8 @@
 #include "tests/support/wire_bytes.h"
 
-#include "tests/support/test_failure.h"
-
 #include <cctype>
+
+#include "tests/support/test_failure.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
 // System calls of the server that a unit test watches or makes fail.
 //
-// An executable that links wrapped_calls.cpp with the linker's --wrap option for every call below sees them pass
-// through here. Without orders each does what the system does.
+// An executable that links wrapped_calls.cpp with the linker's --wrap option for every call below sees them
+// pass through here. Without orders each does what the system does.
 #pragma once
 
 #include <pthread.h>

@@ -21,7 +21,7 @@ std::string limits_with(const std::string& processes, const std::string& files) 
 
 }  // namespace
 
-TEST(CheckRules, TheWorstFindingDecides) {
+TEST(check_rules, TheWorstFindingDecides) {
     const Finding ok{Level::OK, "", ""};
     const Finding warning{Level::WARNING, "", ""};
     const Finding critical{Level::CRITICAL, "", ""};
@@ -32,7 +32,7 @@ TEST(CheckRules, TheWorstFindingDecides) {
     EXPECT_EQ(worst_of({critical, warning, unknown}), Level::CRITICAL);
 }
 
-TEST(CheckRules, LimitsAreReadFromTheKernelsTable) {
+TEST(check_rules, LimitsAreReadFromTheKernelsTable) {
     EXPECT_THAT(find_limit(LIMITS, "Max open files"), Optional(1024U));
     EXPECT_THAT(find_limit(LIMITS, "Max cpu time"), Optional(~std::uint64_t{0}));
     EXPECT_EQ(find_limit(LIMITS, "Max nothing"), std::nullopt);
@@ -41,14 +41,14 @@ TEST(CheckRules, LimitsAreReadFromTheKernelsTable) {
     EXPECT_EQ(find_cgroup("1:name=x:/a\n"), "");
 }
 
-TEST(CheckRules, SlotsWarnWhenATenthIsLeftAndAreCriticalWhenNoneIs) {
+TEST(check_rules, SlotsWarnWhenATenthIsLeftAndAreCriticalWhenNoneIs) {
     EXPECT_EQ(judge_slots(115).level, Level::OK);
     EXPECT_EQ(judge_slots(116).level, Level::WARNING);
     EXPECT_EQ(judge_slots(127).level, Level::WARNING);
     EXPECT_EQ(judge_slots(128).level, Level::CRITICAL);
 }
 
-TEST(CheckRules, DescriptorsAndThreadsSufficeForAFullTable) {
+TEST(check_rules, DescriptorsAndThreadsSufficeForAFullTable) {
     EXPECT_EQ(judge_descriptor_limit(LIMITS).level, Level::OK);
     EXPECT_EQ(judge_descriptor_limit(limits_with("1", "256")).level, Level::OK);
     EXPECT_EQ(judge_descriptor_limit(limits_with("1", "255")).level, Level::WARNING);
@@ -61,13 +61,13 @@ TEST(CheckRules, DescriptorsAndThreadsSufficeForAFullTable) {
     EXPECT_EQ(judge_thread_limit(std::nullopt, "1\n").level, Level::UNKNOWN);
 }
 
-TEST(CheckRules, AServerWithoutAMemoryLimitIsAWarning) {
+TEST(check_rules, AServerWithoutAMemoryLimitIsAWarning) {
     EXPECT_EQ(judge_memory_limit(std::nullopt).level, Level::WARNING);
     EXPECT_EQ(judge_memory_limit("268435456\n").level, Level::OK);
     EXPECT_EQ(judge_memory_limit("268435455\n").level, Level::WARNING);
 }
 
-TEST(CheckRules, StandardErrorMayLeadToTheJournalOrNowhere) {
+TEST(check_rules, StandardErrorMayLeadToTheJournalOrNowhere) {
     EXPECT_EQ(judge_standard_error("socket:[123]").level, Level::OK);
     EXPECT_EQ(judge_standard_error("/dev/null").level, Level::OK);
     EXPECT_THAT(judge_standard_error("pipe:[123]").text, HasSubstr("the relay stops while its reader does"));
@@ -77,7 +77,7 @@ TEST(CheckRules, StandardErrorMayLeadToTheJournalOrNowhere) {
     EXPECT_EQ(judge_standard_error(std::nullopt).level, Level::UNKNOWN);
 }
 
-TEST(CheckRules, ClockAndKernelAreLookedAt) {
+TEST(check_rules, ClockAndKernelAreLookedAt) {
     EXPECT_EQ(judge_clock(true, true).level, Level::OK);
     EXPECT_EQ(judge_clock(true, false).level, Level::WARNING);
     EXPECT_EQ(judge_clock(false, false).level, Level::UNKNOWN);
@@ -88,7 +88,7 @@ TEST(CheckRules, ClockAndKernelAreLookedAt) {
     EXPECT_EQ(judge_kernel(std::nullopt, 60000, 0).level, Level::UNKNOWN);
 }
 
-TEST(CheckRules, EveryFindingThatIsNotOkSaysWhatToDo) {
+TEST(check_rules, EveryFindingThatIsNotOkSaysWhatToDo) {
     for (const Finding& finding :
          {judge_slots(120), judge_slots(128), judge_descriptor_limit(limits_with("1", "1")),
           judge_descriptor_limit(std::nullopt), judge_thread_limit(limits_with("1", "1"), std::nullopt),

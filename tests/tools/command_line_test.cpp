@@ -36,7 +36,7 @@ Failure refused(const Words& words) {
 
 }  // namespace
 
-TEST(CommandLine, EverySubcommandIsKnown) {
+TEST(command_line, EverySubcommandIsKnown) {
     struct Row {
         Words words;
         Subcommand subcommand;
@@ -66,7 +66,7 @@ TEST(CommandLine, EverySubcommandIsKnown) {
     }
 }
 
-TEST(CommandLine, WithoutOptionsTheDefaultsHold) {
+TEST(command_line, WithoutOptionsTheDefaultsHold) {
     const CommandLine line = parsed({"list"});
     EXPECT_EQ(line.settings.socket_path, "/var/run/v9_rtmp_server.socket");
     EXPECT_EQ(line.settings.timeout_us(), 5000000U);
@@ -80,7 +80,7 @@ TEST(CommandLine, WithoutOptionsTheDefaultsHold) {
     EXPECT_EQ(parsed({"watch"}).watch.interval_seconds, 1);
 }
 
-TEST(CommandLine, GlobalOptionsStandBeforeOrBehindTheSubcommand) {
+TEST(command_line, GlobalOptionsStandBeforeOrBehindTheSubcommand) {
     for (const Words& words :
          {Words{"--socket", "/s", "--timeout", "0.25", "--unit", "bits", "--json", "--no-color", "-q",
                 "list"},
@@ -96,7 +96,7 @@ TEST(CommandLine, GlobalOptionsStandBeforeOrBehindTheSubcommand) {
     EXPECT_EQ(parsed({"drop", "unnamed", "-f", "--plain"}).settings.form, OutputForm::PLAIN);
 }
 
-TEST(CommandLine, ListIsPickedAndSorted) {
+TEST(command_line, ListIsPickedAndSorted) {
     const CommandLine line = parsed({"list", "--mode", "none", "--stream", "cam1", "--stream", "d*",
                                      "--address", "10.0.0.0/8", "--sort", "rate", "-r", "--no-legend"});
     EXPECT_THAT(line.list.selection.mode, Optional(std::string("none")));
@@ -109,7 +109,7 @@ TEST(CommandLine, ListIsPickedAndSorted) {
     EXPECT_THAT(parsed({"list", "--stream", ""}).list.selection.streams, ElementsAre(""));
 }
 
-TEST(CommandLine, StreamsTakesNamesAndAnOrder) {
+TEST(command_line, StreamsTakesNamesAndAnOrder) {
     const CommandLine line = parsed({"streams", "cam1", "d*", "--sort", "rate", "--reverse", "--no-legend"});
     EXPECT_THAT(line.streams.names, ElementsAre("cam1", "d*"));
     EXPECT_EQ(line.streams.sort, SortKey::RATE);
@@ -118,7 +118,7 @@ TEST(CommandLine, StreamsTakesNamesAndAnOrder) {
     EXPECT_EQ(parsed({"streams"}).streams.sort, SortKey::STREAM);
 }
 
-TEST(CommandLine, DropTakesWhatToDrop) {
+TEST(command_line, DropTakesWhatToDrop) {
     const CommandLine by_id = parsed({"drop", "id", "5", "7", "--stream", "cam1"});
     EXPECT_THAT(by_id.drop.ids, ElementsAre("5", "7"));
     EXPECT_THAT(by_id.drop.expected_stream, Optional(std::string("cam1")));
@@ -142,7 +142,7 @@ TEST(CommandLine, DropTakesWhatToDrop) {
     }
 }
 
-TEST(CommandLine, TheSocketCanStandInTheEnvironment) {
+TEST(command_line, TheSocketCanStandInTheEnvironment) {
     setenv("V9_RTMP_SOCKET", "/run/mine", 1);
     EXPECT_EQ(parsed({"list"}).settings.socket_path, "/run/mine");
     EXPECT_EQ(parsed({"raw", "hello"}).settings.socket_path, "/run/mine");
@@ -152,7 +152,7 @@ TEST(CommandLine, TheSocketCanStandInTheEnvironment) {
     unsetenv("V9_RTMP_SOCKET");
 }
 
-TEST(CommandLine, AnErrorSaysWhatToDo) {
+TEST(command_line, AnErrorSaysWhatToDo) {
     struct Row {
         Words words;
         const char* advice;
@@ -180,7 +180,7 @@ TEST(CommandLine, AnErrorSaysWhatToDo) {
     }
 }
 
-TEST(CommandLine, WhatIsNotUnderstoodIsAUsageErrorWithAHint) {
+TEST(command_line, WhatIsNotUnderstoodIsAUsageErrorWithAHint) {
     for (const Words& words : {Words{},
                                Words{"bogus"},
                                Words{"--bogus", "list"},
@@ -217,7 +217,7 @@ TEST(CommandLine, WhatIsNotUnderstoodIsAUsageErrorWithAHint) {
     }
 }
 
-TEST(CommandLine, HelpIsToldAboutTheToolAndItsCommands) {
+TEST(command_line, HelpIsToldAboutTheToolAndItsCommands) {
     for (const Words& words : {Words{"help"}, Words{"--help"}, Words{"-h"}}) {
         const CommandLine line = parsed(words);
         EXPECT_EQ(line.subcommand, Subcommand::NONE);
@@ -231,7 +231,7 @@ TEST(CommandLine, HelpIsToldAboutTheToolAndItsCommands) {
     EXPECT_THAT(parsed({"raw", "-h"}).help_text, HasSubstr("--async"));
 }
 
-TEST(RawCommandLine, ArgumentsArePassedAsGiven) {
+TEST(raw_command_line, ArgumentsArePassedAsGiven) {
     struct Row {
         Words words;
         std::string command;
@@ -265,7 +265,7 @@ TEST(RawCommandLine, ArgumentsArePassedAsGiven) {
     }
 }
 
-TEST(RawCommandLine, OptionsOfTheToolStandBeforeTheCommand) {
+TEST(raw_command_line, OptionsOfTheToolStandBeforeTheCommand) {
     const CommandLine line =
         parsed({"--socket", "/s", "-q", "raw", "--async", "--timeout", "2", "c", "--socket", "/t"});
     EXPECT_EQ(line.settings.socket_path, "/s");
@@ -275,7 +275,7 @@ TEST(RawCommandLine, OptionsOfTheToolStandBeforeTheCommand) {
     EXPECT_THAT(line.raw.request.arguments, ElementsAre("--socket", "/t"));
 }
 
-TEST(RawCommandLine, ASocketCalledRawIsNoSubcommand) {
+TEST(raw_command_line, ASocketCalledRawIsNoSubcommand) {
     const CommandLine line = parsed({"--socket", "raw", "hello"});
     EXPECT_EQ(line.subcommand, Subcommand::HELLO);
     EXPECT_EQ(line.settings.socket_path, "raw");
@@ -298,7 +298,7 @@ class ConfigFile {
 
 }  // namespace
 
-TEST(CommandLine, TheWatchdogsRulesHaveDefaults) {
+TEST(command_line, TheWatchdogsRulesHaveDefaults) {
     const WatchdogOptions options = parsed({"watchdog"}).watchdog;
     EXPECT_THAT(options.limits.stalled_us, Optional(30000000U));
     EXPECT_THAT(options.limits.behind_us, Optional(15000000U));
@@ -315,7 +315,7 @@ TEST(CommandLine, TheWatchdogsRulesHaveDefaults) {
     EXPECT_EQ(options.state_directory, "/run/v9_rtmp_watchdog");
 }
 
-TEST(CommandLine, EachRuleOfTheWatchdogCanBeSetAndTurnedOff) {
+TEST(command_line, EachRuleOfTheWatchdogCanBeSetAndTurnedOff) {
     using Limit = std::optional<std::uint64_t> WatchdogLimits::*;
     const std::pair<const char*, Limit> rows[] = {
         {"--stalled", &WatchdogLimits::stalled_us},     {"--behind", &WatchdogLimits::behind_us},
@@ -338,7 +338,7 @@ TEST(CommandLine, EachRuleOfTheWatchdogCanBeSetAndTurnedOff) {
                 HasSubstr("'x' is not a number of seconds from 0.1 to 86400, or off"));
 }
 
-TEST(CommandLine, TheWatchdogTakesAddressesOfPublishers) {
+TEST(command_line, TheWatchdogTakesAddressesOfPublishers) {
     const AddressRange near = *parse_address_range("10.0.0.0/8");
     const AddressRange one = *parse_address_range("192.0.2.1");
     EXPECT_THAT(
@@ -351,7 +351,7 @@ TEST(CommandLine, TheWatchdogTakesAddressesOfPublishers) {
                 HasSubstr("is not an IPv4 address"));
 }
 
-TEST(CommandLine, TheWatchdogReadsOptionsFromAFileAndThoseOfTheLineCount) {
+TEST(command_line, TheWatchdogReadsOptionsFromAFileAndThoseOfTheLineCount) {
     const ConfigFile file(
         "# limits\n; more\nstalled = 40\nbehind=off\n\nsilent = 50\npublish-from = 10.0.0.0/8 192.0.2.1\n"
         "state = \"/run/other place\"\ndry-run = true\n");
@@ -369,12 +369,12 @@ TEST(CommandLine, TheWatchdogReadsOptionsFromAFileAndThoseOfTheLineCount) {
     EXPECT_TRUE(options.dry_run);
 }
 
-TEST(CommandLine, AnEmptyFileOfOptionsChangesNothing) {
+TEST(command_line, AnEmptyFileOfOptionsChangesNothing) {
     const ConfigFile file("\n# nothing\n");
     EXPECT_THAT(parsed({"watchdog", "--config", file.path}).watchdog.limits.stalled_us, Optional(30000000U));
 }
 
-TEST(CommandLine, AFileOfOptionsThatCannotBeReadOrUnderstoodIsRefusedWithItsName) {
+TEST(command_line, AFileOfOptionsThatCannotBeReadOrUnderstoodIsRefusedWithItsName) {
     EXPECT_THAT(refused({"watchdog", "--config", "/absent.conf"}).message,
                 HasSubstr("the options in /absent.conf cannot be read (No such file or directory)"));
     for (const char* const text : {"stalled = x\n", "stallled = 30\n", "[rules]\nstalled = 30\n",
@@ -386,11 +386,11 @@ TEST(CommandLine, AFileOfOptionsThatCannotBeReadOrUnderstoodIsRefusedWithItsName
     }
 }
 
-TEST(CommandLine, TheWatchdogHasNoPlainForm) {
+TEST(command_line, TheWatchdogHasNoPlainForm) {
     EXPECT_THAT(refused({"watchdog", "--plain"}).message, HasSubstr("watchdog has no --plain form"));
 }
 
-TEST(CommandLine, EventsCanRunAProgram) {
+TEST(command_line, EventsCanRunAProgram) {
     const CommandLine line =
         parsed({"events", "--exec", "/usr/local/bin/tell me", "--interval", "0.2", "--json"});
     EXPECT_EQ(line.events.program, "/usr/local/bin/tell me");
@@ -399,7 +399,7 @@ TEST(CommandLine, EventsCanRunAProgram) {
     EXPECT_THAT(refused({"events", "--plain"}).message, HasSubstr("events has no --plain form"));
 }
 
-TEST(CommandLine, CheckTakesAnAddress) {
+TEST(command_line, CheckTakesAnAddress) {
     const CommandLine line = parsed({"check", "--rtmp", "relay.example:1936", "--publish-test"});
     EXPECT_EQ(line.check.rtmp, "relay.example:1936");
     EXPECT_TRUE(line.check.publish_test);
@@ -410,14 +410,14 @@ TEST(CommandLine, CheckTakesAnAddress) {
     }
 }
 
-TEST(CommandLine, AUsageErrorOfCheckIsItsUnknown) {
+TEST(command_line, AUsageErrorOfCheckIsItsUnknown) {
     EXPECT_EQ(usage_status({"check", "--foo"}), 3);
     EXPECT_EQ(usage_status({"--timeout", "1", "check", "x"}), 3);
     EXPECT_EQ(usage_status({"list", "check"}), 2);
     EXPECT_EQ(usage_status({}), 2);
 }
 
-TEST(CommandLine, ServeListensOnThisMachineAloneUnlessToldOtherwise) {
+TEST(command_line, ServeListensOnThisMachineAloneUnlessToldOtherwise) {
     const ServeOptions usual = parsed({"serve"}).serve;
     EXPECT_EQ(usual.listen, "127.0.0.1:9935");
     EXPECT_FALSE(usual.allow_drop);
@@ -434,12 +434,12 @@ TEST(CommandLine, ServeListensOnThisMachineAloneUnlessToldOtherwise) {
                 HasSubstr("'localhost:80' is not an address and a port"));
 }
 
-TEST(CommandLine, ADropFromThePageNeedsAToken) {
+TEST(command_line, ADropFromThePageNeedsAToken) {
     EXPECT_THAT(refused({"serve", "--allow-drop"}).message, HasSubstr("go together"));
     EXPECT_THAT(refused({"serve", "--token-file", "/etc/token"}).message, HasSubstr("go together"));
 }
 
-TEST(CommandLine, MetricsAtAnIntervalNeedAFile) {
+TEST(command_line, MetricsAtAnIntervalNeedAFile) {
     EXPECT_THAT(refused({"metrics", "--interval", "15"}).message, HasSubstr("needs a file to write"));
     const MetricsOptions options = parsed({"metrics", "-o", "x.prom", "--interval", "15"}).metrics;
     EXPECT_EQ(options.file, "x.prom");

@@ -30,9 +30,9 @@ struct Outcome {
     std::string err;
 };
 
-class Commands : public testing::Test {
+class commands_test : public testing::Test {
   protected:
-    Commands() { settings.socket_path = server.path(); }
+    commands_test() { settings.socket_path = server.path(); }
 
     std::optional<Reply> answer(const Request& request, bool async) {
         const std::lock_guard lock(mutex);
@@ -113,7 +113,7 @@ DropOptions of_stream(std::string stream, bool force) {
 
 }  // namespace
 
-TEST_F(Commands, HelloTellsTheGreeting) {
+TEST_F(commands_test, HelloTellsTheGreeting) {
     message = "How are you?";
     EXPECT_THAT(outcome_of([&] { return run_hello(settings); }).out,
                 StartsWith("How are you? (answered in "));
@@ -125,7 +125,7 @@ TEST_F(Commands, HelloTellsTheGreeting) {
     EXPECT_EQ(outcome_of([&] { return run_hello(settings); }).out, "");
 }
 
-TEST_F(Commands, AnErrorStatusIsExitCodeOne) {
+TEST_F(commands_test, AnErrorStatusIsExitCodeOne) {
     status = 6;
     message = "Unknown command";
     const Outcome outcome = outcome_of([&] { return run_hello(settings); });
@@ -134,7 +134,7 @@ TEST_F(Commands, AnErrorStatusIsExitCodeOne) {
     EXPECT_THAT(outcome.err, HasSubstr("Unknown command"));
 }
 
-TEST_F(Commands, ListPrintsATableFieldsOrADocument) {
+TEST_F(commands_test, ListPrintsATableFieldsOrADocument) {
     EXPECT_EQ(list({}).out,
               "ID  STREAM  MODE        SIZE  SENT  RECEIVED  ADDRESS\n"
               " 0  cam1    publish  640x360  10 B      20 B  10.0.0.1:1\n"
@@ -147,7 +147,7 @@ TEST_F(Commands, ListPrintsATableFieldsOrADocument) {
     EXPECT_THAT(list({}).out, StartsWith(R"({"slots":128,"connections":[{"id":0,)"));
 }
 
-TEST_F(Commands, ListWithoutLegendIsOnlyTheRows) {
+TEST_F(commands_test, ListWithoutLegendIsOnlyTheRows) {
     ListOptions options;
     options.selection.streams = {"cam1"};
     options.no_legend = true;
@@ -156,7 +156,7 @@ TEST_F(Commands, ListWithoutLegendIsOnlyTheRows) {
               "3  cam1  play     640x360  30 B  40 B  10.0.0.2:2\n");
 }
 
-TEST_F(Commands, ListOfAModeIsPickedByTheServerAndNoneHere) {
+TEST_F(commands_test, ListOfAModeIsPickedByTheServerAndNoneHere) {
     settings.form = OutputForm::PLAIN;
     ListOptions options;
     options.selection.mode = "none";
@@ -167,7 +167,7 @@ TEST_F(Commands, ListOfAModeIsPickedByTheServerAndNoneHere) {
     EXPECT_THAT(requests[1].arguments, ElementsAre("play"));
 }
 
-TEST_F(Commands, ListSaysSoWhenNothingMatches) {
+TEST_F(commands_test, ListSaysSoWhenNothingMatches) {
     ListOptions options;
     options.selection.streams = {"cam2"};
     EXPECT_EQ(list(options).exit_code, 1);
@@ -176,14 +176,14 @@ TEST_F(Commands, ListSaysSoWhenNothingMatches) {
     EXPECT_EQ(list({}).exit_code, 0);
 }
 
-TEST_F(Commands, AListingThatCannotBeReadIsExitCodeFive) {
+TEST_F(commands_test, AListingThatCannotBeReadIsExitCodeFive) {
     lines = {"what"};
     const Outcome outcome = list({});
     EXPECT_EQ(outcome.exit_code, 5);
     EXPECT_EQ(outcome.out, "");
 }
 
-TEST_F(Commands, RawPrintsWhateverWasAnswered) {
+TEST_F(commands_test, RawPrintsWhateverWasAnswered) {
     status = 6;
     message = "Unknown command";
     RawOptions options;
@@ -195,7 +195,7 @@ TEST_F(Commands, RawPrintsWhateverWasAnswered) {
     EXPECT_THAT(requests[0].arguments, ElementsAre("a", ""));
 }
 
-TEST_F(Commands, RawAsyncOnlySends) {
+TEST_F(commands_test, RawAsyncOnlySends) {
     RawOptions options;
     options.async = true;
     options.request = {"hello", {}};
@@ -205,7 +205,7 @@ TEST_F(Commands, RawAsyncOnlySends) {
     EXPECT_EQ(outcome.err, "");
 }
 
-TEST_F(Commands, DropIdSendsTheStreamNameAsGuard) {
+TEST_F(commands_test, DropIdSendsTheStreamNameAsGuard) {
     const Outcome outcome = drop_id(of_id("3"));
     EXPECT_EQ(outcome.exit_code, 0);
     EXPECT_EQ(outcome.out, "dropped connection 3 of stream 'cam1'\n");
@@ -213,13 +213,13 @@ TEST_F(Commands, DropIdSendsTheStreamNameAsGuard) {
     EXPECT_THAT(other_requests()[0].arguments, ElementsAre("3", "cam1"));
 }
 
-TEST_F(Commands, DropIdOfAConnectionWithoutStreamHasNoGuard) {
+TEST_F(commands_test, DropIdOfAConnectionWithoutStreamHasNoGuard) {
     EXPECT_EQ(drop_id(of_id("9")).exit_code, 0);
     ASSERT_EQ(other_requests().size(), 1U);
     EXPECT_THAT(other_requests()[0].arguments, ElementsAre("9"));
 }
 
-TEST_F(Commands, DropIdSendsTheNameThatTheUserExpects) {
+TEST_F(commands_test, DropIdSendsTheNameThatTheUserExpects) {
     message = "Stream name does not match";
     DropOptions options = of_id("3");
     options.expected_stream = "cam2";
@@ -231,19 +231,19 @@ TEST_F(Commands, DropIdSendsTheNameThatTheUserExpects) {
     EXPECT_EQ(drop_id(options).exit_code, 2);
 }
 
-TEST_F(Commands, DropIdOfAnEmptySlotMatchesNothing) {
+TEST_F(commands_test, DropIdOfAnEmptySlotMatchesNothing) {
     EXPECT_EQ(drop_id(of_id("5")).exit_code, 1);
     EXPECT_THAT(other_requests(), IsEmpty());
 }
 
-TEST_F(Commands, ABadIdIsNeverSent) {
+TEST_F(commands_test, ABadIdIsNeverSent) {
     for (const char* id : {"5x", "x5", "-1", "128", ""}) {
         EXPECT_EQ(drop_id(of_id(id)).exit_code, 2) << id;
     }
     EXPECT_THAT(requests, IsEmpty());
 }
 
-TEST_F(Commands, DropIdIsSentBetweenTwoListings) {
+TEST_F(commands_test, DropIdIsSentBetweenTwoListings) {
     EXPECT_EQ(drop_id(of_id("3")).exit_code, 0);
     std::vector<std::string> commands;
     for (const Request& request : requests) {
@@ -253,7 +253,7 @@ TEST_F(Commands, DropIdIsSentBetweenTwoListings) {
                                       "list connections"));
 }
 
-TEST_F(Commands, DropsOfLongNamesShareTheListingBetweenThem) {
+TEST_F(commands_test, DropsOfLongNamesShareTheListingBetweenThem) {
     const auto line = [](char id, char letter) {
         return std::string(1, id) + "\t" + std::string(60000, letter) + "\tpublish\t\t1\t2\t10.0.0.1:1";
     };
@@ -268,7 +268,7 @@ TEST_F(Commands, DropsOfLongNamesShareTheListingBetweenThem) {
     EXPECT_THAT(commands, ElementsAre("list", "list", "drop", "list", "drop", "list", "drop", "list"));
 }
 
-TEST_F(Commands, DropIdTellsWhomItHitWhenTheSlotGotAnotherClient) {
+TEST_F(commands_test, DropIdTellsWhomItHitWhenTheSlotGotAnotherClient) {
     const std::string newcomer = "3\tcam1\tplay\t\t0\t0\t10.0.0.9:9";
     later_lines = {lines, {newcomer}, {newcomer}};
     const Outcome outcome = drop_id(of_id("3"));
@@ -279,7 +279,7 @@ TEST_F(Commands, DropIdTellsWhomItHitWhenTheSlotGotAnotherClient) {
                           "was looked up, and play of 'cam1' from 10.0.0.9:9 when it was dropped."));
 }
 
-TEST_F(Commands, DropIdThatMayHaveHitAnotherClientSaysSo) {
+TEST_F(commands_test, DropIdThatMayHaveHitAnotherClientSaysSo) {
     const std::string newcomer = "9\t\t\t\t0\t0\t10.0.0.9:9";
     settings.form = OutputForm::JSON;
     later_lines = {lines, lines, {newcomer}};
@@ -292,7 +292,7 @@ TEST_F(Commands, DropIdThatMayHaveHitAnotherClientSaysSo) {
                           "stream from 10.0.0.3:3, after it without a stream from 10.0.0.9:9."));
 }
 
-TEST_F(Commands, TheWatchdogCountsADropAsAMissWhenTheSlotGotAnotherClient) {
+TEST_F(commands_test, TheWatchdogCountsADropAsAMissWhenTheSlotGotAnotherClient) {
     const std::string newcomer = "9\t\t\t\t0\t0\t10.0.0.9:9";
     WatchdogOptions options;
     options.limits.unnamed_us = 1;
@@ -311,7 +311,7 @@ TEST_F(Commands, TheWatchdogCountsADropAsAMissWhenTheSlotGotAnotherClient) {
                                       "dropped 9, .* from 10\\.0\\.0\\.9:9: .*\\(misses so far: 1\\)\n"));
 }
 
-TEST_F(Commands, OfSeveralIdsAllAreTriedAndTheWorstStatusIsTold) {
+TEST_F(commands_test, OfSeveralIdsAllAreTriedAndTheWorstStatusIsTold) {
     DropOptions options;
     options.ids = {"3", "5", "0", "3", "200"};
     const Outcome outcome = drop_id(options);
@@ -325,7 +325,7 @@ TEST_F(Commands, OfSeveralIdsAllAreTriedAndTheWorstStatusIsTold) {
     EXPECT_EQ(drop_id(options).out, "1\n");
 }
 
-TEST_F(Commands, OfSeveralAnswersTheDocumentHasNone) {
+TEST_F(commands_test, OfSeveralAnswersTheDocumentHasNone) {
     settings.form = OutputForm::JSON;
     EXPECT_THAT(drop_id(of_id("3")).out, HasSubstr(R"("message":"OK")"));
     DropOptions options;
@@ -333,7 +333,7 @@ TEST_F(Commands, OfSeveralAnswersTheDocumentHasNone) {
     EXPECT_THAT(drop_id(options).out, HasSubstr(R"("message":null,"ids":[0,3])"));
 }
 
-TEST_F(Commands, DropIdThatSendsNothingLeavesNothingUnknown) {
+TEST_F(commands_test, DropIdThatSendsNothingLeavesNothingUnknown) {
     DropOptions options = of_id("3");
     options.no_list = true;
     settings.socket_path = server.path() + "_missing";
@@ -345,7 +345,7 @@ TEST_F(Commands, DropIdThatSendsNothingLeavesNothingUnknown) {
     EXPECT_THAT(drop_id(of_id("3")).err, HasSubstr("What was dropped until then is not known"));
 }
 
-TEST_F(Commands, DropIdWithoutListNeedsNoList) {
+TEST_F(commands_test, DropIdWithoutListNeedsNoList) {
     DropOptions options = of_id("3");
     options.no_list = true;
     EXPECT_EQ(drop_id(options).out, "dropped connection 3\n");
@@ -355,7 +355,7 @@ TEST_F(Commands, DropIdWithoutListNeedsNoList) {
     EXPECT_THAT(requests[1].arguments, ElementsAre("3", "cam1"));
 }
 
-TEST_F(Commands, ADryRunOfIdsShowsThemAndDropsNothing) {
+TEST_F(commands_test, ADryRunOfIdsShowsThemAndDropsNothing) {
     settings.form = OutputForm::PLAIN;
     DropOptions options;
     options.ids = {"3", "7"};
@@ -369,7 +369,7 @@ TEST_F(Commands, ADryRunOfIdsShowsThemAndDropsNothing) {
     EXPECT_THAT(other_requests(), IsEmpty());
 }
 
-TEST_F(Commands, DropAddressDropsWhatComesFromThere) {
+TEST_F(commands_test, DropAddressDropsWhatComesFromThere) {
     DropOptions options;
     options.selection.addresses = {*parse_address_range("10.0.0.2/31")};
     options.dry_run = true;
@@ -385,7 +385,7 @@ TEST_F(Commands, DropAddressDropsWhatComesFromThere) {
     EXPECT_EQ(outcome_of([&] { return run_drop_address(settings, options); }).exit_code, 1);
 }
 
-TEST_F(Commands, DropStreamTakesPatternsAndModes) {
+TEST_F(commands_test, DropStreamTakesPatternsAndModes) {
     message = "OK, 2 connections dropped";
     EXPECT_EQ(drop_stream(of_stream("c*", true)).out, "dropped 2 connections\n");
     EXPECT_THAT(other_requests()[0].arguments, ElementsAre("cam1"));
@@ -403,7 +403,7 @@ TEST_F(Commands, DropStreamTakesPatternsAndModes) {
     EXPECT_THAT(outcome.err, HasSubstr("no connection publishes or plays 'cam2'"));
 }
 
-TEST_F(Commands, StreamsCanBeNamed) {
+TEST_F(commands_test, StreamsCanBeNamed) {
     settings.form = OutputForm::PLAIN;
     StreamsOptions options;
     options.names = {"cam?"};
@@ -415,7 +415,7 @@ TEST_F(Commands, StreamsCanBeNamed) {
     EXPECT_EQ(outcome.out, "");
 }
 
-TEST_F(Commands, StreamsWithoutLegendIsOnlyTheRows) {
+TEST_F(commands_test, StreamsWithoutLegendIsOnlyTheRows) {
     lines.push_back("5\tcam1\tpublish\t\t0\t99\t10.0.0.5:5");
     StreamsOptions options;
     const std::string row = "cam1  0? 10.0.0.1:1  1  640x360  0 B/s  0 B/s  5\n";
@@ -426,14 +426,14 @@ TEST_F(Commands, StreamsWithoutLegendIsOnlyTheRows) {
                 testing::EndsWith("\n? is a guess: the server does not tell which one.\n"));
 }
 
-TEST_F(Commands, DropStreamNeedsForceWhereNobodyCanBeAsked) {
+TEST_F(commands_test, DropStreamNeedsForceWhereNobodyCanBeAsked) {
     const Outcome outcome = drop_stream(of_stream("cam1", false));
     EXPECT_EQ(outcome.exit_code, 2);
     EXPECT_THAT(outcome.err, HasSubstr("--force"));
     EXPECT_THAT(other_requests(), IsEmpty());
 }
 
-TEST_F(Commands, DropStreamForcedTellsHowManyWereDropped) {
+TEST_F(commands_test, DropStreamForcedTellsHowManyWereDropped) {
     message = "OK, 2 connections dropped";
     EXPECT_EQ(drop_stream(of_stream("cam1", true)).out, "dropped 2 connections\n");
     ASSERT_EQ(other_requests().size(), 1U);
@@ -446,17 +446,17 @@ TEST_F(Commands, DropStreamForcedTellsHowManyWereDropped) {
               "{\"dropped\":2,\"dry_run\":false,\"message\":\"OK, 2 connections dropped\"}\n");
 }
 
-TEST_F(Commands, DropStreamThatEndedMeanwhileMatchesNothing) {
+TEST_F(commands_test, DropStreamThatEndedMeanwhileMatchesNothing) {
     message = "OK, 0 connections dropped";
     EXPECT_EQ(drop_stream(of_stream("cam1", true)).exit_code, 1);
 }
 
-TEST_F(Commands, DropStreamOfAnUnknownNameMatchesNothing) {
+TEST_F(commands_test, DropStreamOfAnUnknownNameMatchesNothing) {
     EXPECT_EQ(drop_stream(of_stream("cam2", true)).exit_code, 1);
     EXPECT_THAT(other_requests(), IsEmpty());
 }
 
-TEST_F(Commands, ADryRunDropsNothing) {
+TEST_F(commands_test, ADryRunDropsNothing) {
     DropOptions options = of_stream("cam1", true);
     options.dry_run = true;
     const Outcome outcome = drop_stream(options);
@@ -465,7 +465,7 @@ TEST_F(Commands, ADryRunDropsNothing) {
     EXPECT_THAT(other_requests(), IsEmpty());
 }
 
-TEST_F(Commands, TheEmptyNameIsDroppedOnlyAsUnnamed) {
+TEST_F(commands_test, TheEmptyNameIsDroppedOnlyAsUnnamed) {
     message = "OK, 1 connections dropped";
     const Outcome refused = drop_stream(of_stream("", true));
     EXPECT_EQ(refused.exit_code, 2);
@@ -479,7 +479,7 @@ TEST_F(Commands, TheEmptyNameIsDroppedOnlyAsUnnamed) {
     EXPECT_THAT(other_requests()[0].arguments, ElementsAre(""));
 }
 
-TEST_F(Commands, EveryCompletionScriptIsPrinted) {
+TEST_F(commands_test, EveryCompletionScriptIsPrinted) {
     EXPECT_THAT(outcome_of([] { return run_completion("bash"); }).out,
                 HasSubstr("complete -o nosort -F _v9_rtmp_ctl v9_rtmp_ctl"));
     EXPECT_THAT(outcome_of([] { return run_completion("zsh"); }).out, StartsWith("#compdef v9_rtmp_ctl"));

@@ -21,7 +21,7 @@ Connection client(unsigned id, const std::string& mode, const std::string& strea
     return connection;
 }
 
-class Events : public testing::Test {
+class events_test : public testing::Test {
   protected:
     // The lines of a listing that comes a second later.
     std::vector<std::string> listed(const std::vector<Connection>& connections) {
@@ -38,12 +38,12 @@ class Events : public testing::Test {
 
 }  // namespace
 
-TEST_F(Events, OfClientsThatWereThereBeforeThereAreNone) {
+TEST_F(events_test, OfClientsThatWereThereBeforeThereAreNone) {
     EXPECT_THAT(listed({client(1, "publish"), client(2, "")}), IsEmpty());
     EXPECT_THAT(listed({client(1, "publish"), client(2, "")}), IsEmpty());
 }
 
-TEST_F(Events, TellWhatEachClientBeginsAndThatItGoes) {
+TEST_F(events_test, TellWhatEachClientBeginsAndThatItGoes) {
     EXPECT_THAT(listed({}), IsEmpty());
     EXPECT_THAT(
         listed({client(1, ""), client(2, "play")}),
@@ -56,7 +56,7 @@ TEST_F(Events, TellWhatEachClientBeginsAndThatItGoes) {
         ElementsAre("gone 2, play of 'cam1' from 10.0.0.2:1 after 2 s, 2.0 KiB sent, 2.9 KiB received"));
 }
 
-TEST_F(Events, ASlotThatGotAnotherClientTellsOfBoth) {
+TEST_F(events_test, ASlotThatGotAnotherClientTellsOfBoth) {
     EXPECT_THAT(listed({client(1, "play")}), IsEmpty());
     Connection other = client(1, "play", "cam2");
     other.address = "10.9.9.9:1";
@@ -66,7 +66,7 @@ TEST_F(Events, ASlotThatGotAnotherClientTellsOfBoth) {
                     "connect 1, play of 'cam2' from 10.9.9.9:1", "play 1, play of 'cam2' from 10.9.9.9:1"));
 }
 
-TEST_F(Events, APublisherThatWaitedTakesOverWhenTheFirstOneGoes) {
+TEST_F(events_test, APublisherThatWaitedTakesOverWhenTheFirstOneGoes) {
     EXPECT_THAT(listed({client(5, "publish")}), IsEmpty());
     EXPECT_THAT(listed({client(3, "publish"), client(5, "publish")}), testing::SizeIs(2));
     EXPECT_THAT(
@@ -76,7 +76,7 @@ TEST_F(Events, APublisherThatWaitedTakesOverWhenTheFirstOneGoes) {
             "takeover 3, publish of 'cam1' from 10.0.0.3:1 after 5, publish of 'cam1' from 10.0.0.5:1"));
 }
 
-TEST_F(Events, ARivalThatGoesAndAPublisherThatComesLaterTakeNothingOver) {
+TEST_F(events_test, ARivalThatGoesAndAPublisherThatComesLaterTakeNothingOver) {
     EXPECT_THAT(listed({client(3, "publish"), client(5, "publish", "cam2")}), IsEmpty());
     EXPECT_THAT(listed({client(3, "publish"), client(4, "publish"), client(5, "publish", "cam2")}),
                 testing::SizeIs(2));
@@ -87,7 +87,7 @@ TEST_F(Events, ARivalThatGoesAndAPublisherThatComesLaterTakeNothingOver) {
                             testing::StartsWith("publish 6, ")));
 }
 
-TEST_F(Events, AreGivenToScriptsAsJsonAndAsVariables) {
+TEST_F(events_test, AreGivenToScriptsAsJsonAndAsVariables) {
     ConnectionEvent event{EventKind::TAKEOVER, client(3, "publish"), client(5, "publish"), std::nullopt};
     EXPECT_EQ(
         event_json(event, 1760000000),
@@ -102,7 +102,7 @@ TEST_F(Events, AreGivenToScriptsAsJsonAndAsVariables) {
                     Pair("V9_PREVIOUS_ID", "5"), Pair("V9_PREVIOUS_ADDRESS", "10.0.0.5:1")));
 }
 
-TEST_F(Events, NamesOfStrangersAreHarmlessInVariables) {
+TEST_F(events_test, NamesOfStrangersAreHarmlessInVariables) {
     const ConnectionEvent event{EventKind::PLAY, client(3, "play", "a\n$(b)\x1b" + std::string(5000, 'x')),
                                 std::nullopt, std::nullopt};
     EXPECT_THAT(event_variables(event),

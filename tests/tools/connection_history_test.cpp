@@ -33,7 +33,7 @@ Connection publisher(unsigned id, std::uint64_t received) {
 }
 
 // One listing each second, that of each second with the counters of its own.
-class History : public testing::Test {
+class history_test : public testing::Test {
   protected:
     template <typename MakeConnections>
     void seconds(unsigned count, const MakeConnections& make_connections) {
@@ -58,7 +58,7 @@ class History : public testing::Test {
 
 }  // namespace
 
-TEST_F(History, AClientsAgeBeginsWhenItIsFirstSeen) {
+TEST_F(history_test, AClientsAgeBeginsWhenItIsFirstSeen) {
     listing_at(1000, {});
     EXPECT_THAT(history.clients(), IsEmpty());
     listing_at(1001, {player(3, 10)});
@@ -69,7 +69,7 @@ TEST_F(History, AClientsAgeBeginsWhenItIsFirstSeen) {
     EXPECT_THAT(history.clients(), IsEmpty());
 }
 
-TEST_F(History, AChoiceOfAStreamIsMadeByTheSameClient) {
+TEST_F(history_test, AChoiceOfAStreamIsMadeByTheSameClient) {
     listing_at(1000, {client(3, "", 10, 10)});
     EXPECT_EQ(history.clients()[0].stream_seen_us, 0U);
     listing_at(1005, {client(3, "play", 10, 10)});
@@ -77,7 +77,7 @@ TEST_F(History, AChoiceOfAStreamIsMadeByTheSameClient) {
     EXPECT_EQ(history.clients()[0].stream_seen_us, 1005 * SECOND);
 }
 
-TEST_F(History, AnotherAddressStreamModeOrACounterThatWentBackIsAnotherClient) {
+TEST_F(history_test, AnotherAddressStreamModeOrACounterThatWentBackIsAnotherClient) {
     Connection elsewhere = player(3, 10);
     elsewhere.address = "10.0.0.3:2";
     for (const Connection& other :
@@ -92,7 +92,7 @@ TEST_F(History, AnotherAddressStreamModeOrACounterThatWentBackIsAnotherClient) {
     }
 }
 
-TEST_F(History, ACounterStandsStillFromTheListingThatLastShowedItGrown) {
+TEST_F(history_test, ACounterStandsStillFromTheListingThatLastShowedItGrown) {
     listing_at(1000, {player(3, 10)});
     listing_at(1001, {player(3, 20)});
     seconds(7, [](std::uint64_t /*second*/) { return std::vector{player(3, 20)}; });
@@ -103,7 +103,7 @@ TEST_F(History, ACounterStandsStillFromTheListingThatLastShowedItGrown) {
     EXPECT_EQ(still_us(history, history.clients()[0].sent), 0U);
 }
 
-TEST_F(History, TimeWithoutListingsCountsForAgesButMakesNoClientStandStill) {
+TEST_F(history_test, TimeWithoutListingsCountsForAgesButMakesNoClientStandStill) {
     listing_at(1000, {player(3, 10)});
     listing_at(1600, {player(3, 10)});
     EXPECT_EQ(age_s(), 600U);
@@ -111,7 +111,7 @@ TEST_F(History, TimeWithoutListingsCountsForAgesButMakesNoClientStandStill) {
     EXPECT_EQ(history.attended_us(), 5 * SECOND);
 }
 
-TEST_F(History, AListingWithoutAddressOrCountersCountsAgainstNoClient) {
+TEST_F(history_test, AListingWithoutAddressOrCountersCountsAgainstNoClient) {
     listing_at(1000, {player(3, 10)});
     Connection unknown = player(3, 10);
     unknown.bytes_sent.reset();
@@ -126,7 +126,7 @@ TEST_F(History, AListingWithoutAddressOrCountersCountsAgainstNoClient) {
     EXPECT_THAT(history.clients(), IsEmpty());
 }
 
-TEST_F(History, AClockThatWentBackBeginsANewHistoryOfClients) {
+TEST_F(history_test, AClockThatWentBackBeginsANewHistoryOfClients) {
     listing_at(1000, {player(3, 10)});
     listing_at(1010, {player(3, 20)});
     listing_at(500, {player(3, 30)});
@@ -134,7 +134,7 @@ TEST_F(History, AClockThatWentBackBeginsANewHistoryOfClients) {
     EXPECT_EQ(history.streams().at("cam1").bytes_sent, 50U);
 }
 
-TEST_F(History, TotalsOfAStreamSurviveReconnects) {
+TEST_F(history_test, TotalsOfAStreamSurviveReconnects) {
     listing_at(1000, {client(1, "", 100, 100), player(3, 10)});
     listing_at(1001, {client(1, "publish", 100, 500), player(3, 30)});
     listing_at(1002, {player(3, 70)});
@@ -145,7 +145,7 @@ TEST_F(History, TotalsOfAStreamSurviveReconnects) {
     EXPECT_THAT(history.streams(), SizeIs(1));
 }
 
-TEST_F(History, StallSecondsCountOnlyWhileTheStreamMoves) {
+TEST_F(history_test, StallSecondsCountOnlyWhileTheStreamMoves) {
     const auto listed = [this](std::uint64_t fast, std::uint64_t slow, std::uint64_t source) {
         listing_at(now_s + 1, {player(1, fast), player(2, slow), publisher(3, source)});
     };
@@ -160,7 +160,7 @@ TEST_F(History, StallSecondsCountOnlyWhileTheStreamMoves) {
     EXPECT_EQ(stream.publisher_silence_us, 2 * SECOND);
 }
 
-TEST_F(History, NamesOfStrangersAreBounded) {
+TEST_F(history_test, NamesOfStrangersAreBounded) {
     const std::string longest(ConnectionHistory::MAX_NAME_BYTES, 'a');
     listing_at(1000, {client(1, "play", 1, 1, longest), client(2, "play", 1, 1, longest + "a")});
     EXPECT_THAT(history.streams(), SizeIs(1));
@@ -172,7 +172,7 @@ TEST_F(History, NamesOfStrangersAreBounded) {
     EXPECT_FALSE(history.streams().contains("name0"));
 }
 
-TEST_F(History, ClientsAreComparedFromTheMomentWhenBothHaveSettled) {
+TEST_F(history_test, ClientsAreComparedFromTheMomentWhenBothHaveSettled) {
     // The second one joins five seconds later, and is sent a burst of headers then.
     seconds(5, [](std::uint64_t s) { return std::vector{player(1, (s - 1000) * 100)}; });
     seconds(5, [](std::uint64_t s) {
@@ -193,12 +193,12 @@ TEST_F(History, ClientsAreComparedFromTheMomentWhenBothHaveSettled) {
     EXPECT_THAT(gained_beside_until(first, second, history.attended_us() - 15 * SECOND), Optional(0U));
 }
 
-TEST_F(History, ClientsOfTwoStreamsAreNotCompared) {
+TEST_F(history_test, ClientsOfTwoStreamsAreNotCompared) {
     seconds(20, [](std::uint64_t s) { return std::vector{player(1, s), client(2, "play", s, s, "cam2")}; });
     EXPECT_EQ(gained_beside(history.clients()[0], history.clients()[1]), std::nullopt);
 }
 
-TEST_F(History, MovementIsKnownForClientsThatWereThereForTheWholeWindow) {
+TEST_F(history_test, MovementIsKnownForClientsThatWereThereForTheWholeWindow) {
     seconds(10, [](std::uint64_t s) { return std::vector{player(1, s)}; });
     EXPECT_FALSE(recent_movement(history, history.clients()[0], 10 * SECOND, 2));
     seconds(1, [](std::uint64_t s) { return std::vector{player(1, s)}; });
@@ -213,13 +213,13 @@ TEST_F(History, MovementIsKnownForClientsThatWereThereForTheWholeWindow) {
     EXPECT_EQ(half->bytes, 4U);
 }
 
-TEST_F(History, SamplesStayAsManyAsTheWindowNeeds) {
+TEST_F(history_test, SamplesStayAsManyAsTheWindowNeeds) {
     seconds(1000, [](std::uint64_t s) { return std::vector{player(1, s)}; });
     EXPECT_LE(history.clients()[0].samples.size(), 62U);
     EXPECT_THAT(recent_movement(history, history.clients()[0], 60 * SECOND, 3)->bytes, 60U);
 }
 
-TEST_F(History, ARestoredHistoryGoesOnWhereItWasSaved) {
+TEST_F(history_test, ARestoredHistoryGoesOnWhereItWasSaved) {
     const auto both = [](std::uint64_t s) {
         return std::vector{client(1, "play", s * 10, 1, "a\"b\xc3\xa4"),
                            client(2, "play", 7, 1, "a\"b\xc3\xa4"), client(3, "", 1, 1)};
@@ -242,7 +242,7 @@ TEST_F(History, ARestoredHistoryGoesOnWhereItWasSaved) {
     EXPECT_EQ(restored.streams().begin()->second.bytes_sent, now_s * 10 + 7);
 }
 
-TEST_F(History, OfAnotherBootOnlyTotalsAreRestored) {
+TEST_F(history_test, OfAnotherBootOnlyTotalsAreRestored) {
     seconds(3, [](std::uint64_t s) { return std::vector{player(1, s)}; });
     ConnectionHistory restored;
     ASSERT_TRUE(restored.restore(history.to_json(BOOT), "another boot"));
@@ -252,7 +252,7 @@ TEST_F(History, OfAnotherBootOnlyTotalsAreRestored) {
     EXPECT_EQ(restored.streams().at("cam1").bytes_sent, 1003U + 2000U);
 }
 
-TEST_F(History, TextThatIsNoHistoryIsRefused) {
+TEST_F(history_test, TextThatIsNoHistoryIsRefused) {
     seconds(3, [](std::uint64_t s) { return std::vector{player(1, s)}; });
     const std::string saved = history.to_json(BOOT);
     for (const std::string& text :

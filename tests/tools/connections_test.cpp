@@ -36,7 +36,7 @@ std::vector<unsigned> sorted_ids(std::vector<Connection> connections, SortKey ke
 
 }  // namespace
 
-TEST(ConnectionLine, SevenFieldsAreRead) {
+TEST(connection_line, SevenFieldsAreRead) {
     const std::optional<Connection> connection = parse_connection_line(FULL_LINE);
     ASSERT_TRUE(connection);
     EXPECT_EQ(connection->id, 5U);
@@ -48,13 +48,13 @@ TEST(ConnectionLine, SevenFieldsAreRead) {
     EXPECT_EQ(connection->address, "10.0.0.1:5000");
 }
 
-TEST(ConnectionLine, EmptyFieldsAreAbsent) {
+TEST(connection_line, EmptyFieldsAreAbsent) {
     const std::optional<Connection> connection = parse_connection_line("0\t\t\t\t\t\t");
     ASSERT_TRUE(connection);
     EXPECT_EQ(*connection, Connection());
 }
 
-TEST(ConnectionLine, ATabInTheStreamNameForgesNoField) {
+TEST(connection_line, ATabInTheStreamNameForgesNoField) {
     const std::optional<Connection> connection =
         parse_connection_line("3\tcam\tplay\t1x1\t9\t9\t6.6.6.6:6\tpublish\t2x2\t1\t2\t10.0.0.1:5000");
     ASSERT_TRUE(connection);
@@ -65,13 +65,13 @@ TEST(ConnectionLine, ATabInTheStreamNameForgesNoField) {
               "3\tcam\\x09play\\x091x1\\x099\\x099\\x096.6.6.6:6\tpublish\t2x2\t1\t2\t10.0.0.1:5000");
 }
 
-TEST(ConnectionLine, ALineEndInTheStreamNameForgesNoLine) {
+TEST(connection_line, ALineEndInTheStreamNameForgesNoLine) {
     const std::optional<Connection> connection = parse_connection_line("3\tx\n4\tplay\t\t1\t2\ta");
     ASSERT_TRUE(connection);
     EXPECT_EQ(plain_line(*connection), "3\tx\\x0A4\tplay\t\t1\t2\ta");
 }
 
-TEST(ConnectionLine, WhatIsNoLineIsRefused) {
+TEST(connection_line, WhatIsNoLineIsRefused) {
     for (const char* line :
          {"", "5", "5\tcam1\tplay\t\t1\t2",  // six fields
           "\tcam1\tplay\t\t1\t2\ta",         // no id
@@ -86,14 +86,14 @@ TEST(ConnectionLine, WhatIsNoLineIsRefused) {
     }
 }
 
-TEST(ConnectionLine, TheLargestNumbersAreRead) {
+TEST(connection_line, TheLargestNumbersAreRead) {
     const char* const line = "127\tcam1\tplay\t2147483647x4294967295\t18446744073709551615\t0\ta";
     const std::optional<Connection> connection = parse_connection_line(line);
     ASSERT_TRUE(connection);
     EXPECT_EQ(plain_line(*connection), line);
 }
 
-TEST(ConnectionLine, ThePlainFormIsTheServersOwn) {
+TEST(connection_line, ThePlainFormIsTheServersOwn) {
     for (const char* line :
          {FULL_LINE, "0\t\t\t\t0\t0\t1.2.3.4:5", "127\tcam_2\tplay\t\t1\t2\t", "9\ta\tplay\t\t\t\t"}) {
         const std::optional<Connection> connection = parse_connection_line(line);
@@ -102,7 +102,7 @@ TEST(ConnectionLine, ThePlainFormIsTheServersOwn) {
     }
 }
 
-TEST(Rates, AreBytesPerSecondBetweenTwoListings) {
+TEST(rates, AreBytesPerSecondBetweenTwoListings) {
     const Listing before = listing_of(1000000, "5\tcam1\tplay\t\t1000\t200\ta");
     Listing after = listing_of(3000000, "5\tcam1\tplay\t\t5000\t200\ta");
     add_rates(before, after);
@@ -111,7 +111,7 @@ TEST(Rates, AreBytesPerSecondBetweenTwoListings) {
     EXPECT_THAT(total_rate(after.connections[0]), Optional(DoubleEq(2000)));
 }
 
-TEST(Rates, AreUnknownForSomebodyElseInTheSameSlot) {
+TEST(rates, AreUnknownForSomebodyElseInTheSameSlot) {
     const Listing before = listing_of(1000000, "5\tcam1\tplay\t\t1000\t200\ta");
     for (const char* line : {"5\tcam1\tplay\t\t2000\t300\tb", "5\tcam2\tplay\t\t2000\t300\ta",
                              "5\tcam1\tpublish\t\t2000\t300\ta", "6\tcam1\tplay\t\t2000\t300\ta"}) {
@@ -122,7 +122,7 @@ TEST(Rates, AreUnknownForSomebodyElseInTheSameSlot) {
     }
 }
 
-TEST(Rates, AreUnknownWhereACounterIsMissingOrWentBack) {
+TEST(rates, AreUnknownWhereACounterIsMissingOrWentBack) {
     const Listing before = listing_of(1000000, "5\tcam1\tplay\t\t1000\t200\ta");
     Listing gone_back = listing_of(2000000, "5\tcam1\tplay\t\t999\t300\ta");
     add_rates(before, gone_back);
@@ -133,7 +133,7 @@ TEST(Rates, AreUnknownWhereACounterIsMissingOrWentBack) {
     EXPECT_EQ(missing.connections[0].received_rate, std::nullopt);
 }
 
-TEST(Rates, AreUnknownWhenNoTimeHasPassed) {
+TEST(rates, AreUnknownWhenNoTimeHasPassed) {
     const Listing before = listing_of(1000000, "5\tcam1\tplay\t\t1000\t200\ta");
     for (const std::uint64_t taken_us : {std::uint64_t{1000000}, std::uint64_t{999999}}) {
         Listing after = listing_of(taken_us, "5\tcam1\tplay\t\t5000\t200\ta");
@@ -142,7 +142,7 @@ TEST(Rates, AreUnknownWhenNoTimeHasPassed) {
     }
 }
 
-TEST(Sorting, FollowsTheKey) {
+TEST(sorting, FollowsTheKey) {
     const std::vector<Connection> connections{make(4, "", ""), make(3, "b", "play", 5.0),
                                               make(2, "b", "publish", 7.0), make(1, "a", "play"),
                                               make(0, "b", "play", 0.0)};

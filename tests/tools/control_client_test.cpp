@@ -68,7 +68,7 @@ class RudeServer {
 
 }  // namespace
 
-TEST(ControlClient, CallsAndReadsTheWholeReply) {
+TEST(control_client, CallsAndReadsTheWholeReply) {
     std::vector<Request> requests;
     const FakeServer server([&requests](const Request& request, bool async) {
         EXPECT_FALSE(async);
@@ -89,7 +89,7 @@ TEST(ControlClient, CallsAndReadsTheWholeReply) {
     EXPECT_THAT(requests[0].arguments, ElementsAre("", "-1", std::string("x\0y", 3)));
 }
 
-TEST(ControlClient, EveryWayToFailHasItsExitCode) {
+TEST(control_client, EveryWayToFailHasItsExitCode) {
     const std::string directory = make_directory();
     EXPECT_EQ(exit_code_of_call(directory + "/none", TIMEOUT_US), ExitCode::NOT_RUNNING);
     EXPECT_EQ(exit_code_of_call(std::string(200, 'x'), TIMEOUT_US), ExitCode::USAGE);
@@ -105,7 +105,7 @@ TEST(ControlClient, EveryWayToFailHasItsExitCode) {
     EXPECT_EQ(exit_code_of_call(half_a_frame.path(), TIMEOUT_US), ExitCode::NO_REPLY);
 }
 
-TEST(ControlClient, ARequestAboveALimitIsAMistakeOfTheUser) {
+TEST(control_client, ARequestAboveALimitIsAMistakeOfTheUser) {
     const FakeServer server([](const Request& request, bool) { return Reply{0, request.command, "", {}}; });
     ControlClient client(server.path(), TIMEOUT_US);
     Reply reply;
@@ -115,7 +115,7 @@ TEST(ControlClient, ARequestAboveALimitIsAMistakeOfTheUser) {
     EXPECT_EQ(failure->exit_code, ExitCode::USAGE);
 }
 
-TEST(ControlClient, ConnectsAgainAfterAFailure) {
+TEST(control_client, ConnectsAgainAfterAFailure) {
     bool silent = true;
     const FakeServer server([&silent](const Request& request, bool) {
         const bool skip = std::exchange(silent, false);
@@ -129,7 +129,7 @@ TEST(ControlClient, ConnectsAgainAfterAFailure) {
     EXPECT_GE(client.fd(), 0);
 }
 
-TEST(ControlClient, AStartedRequestIsPolledForItsReply) {
+TEST(control_client, AStartedRequestIsPolledForItsReply) {
     const FakeServer server([](const Request& request, bool) { return Reply{0, request.command, "", {}}; });
     ControlClient client(server.path(), TIMEOUT_US);
     ASSERT_FALSE(client.start({{"one", {}}, {"two", {}}}));
@@ -146,7 +146,7 @@ TEST(ControlClient, AStartedRequestIsPolledForItsReply) {
     }
 }
 
-TEST(ControlClient, SeveralRequestsGetTheirRepliesInOrder) {
+TEST(control_client, SeveralRequestsGetTheirRepliesInOrder) {
     const FakeServer server([](const Request& request, bool) { return Reply{0, request.command, "", {}}; });
     ControlClient client(server.path(), TIMEOUT_US);
     std::vector<Reply> replies;
@@ -156,7 +156,7 @@ TEST(ControlClient, SeveralRequestsGetTheirRepliesInOrder) {
     EXPECT_EQ(replies[2].command, "three");
 }
 
-TEST(ControlClient, AReplyThatKeepsComingMayTakeLongerThanSilence) {
+TEST(control_client, AReplyThatKeepsComingMayTakeLongerThanSilence) {
     for (const std::uint64_t silence_s : {0U, 1U, 5U, 60U, 61U, 1000U}) {
         const std::uint64_t silence_us = silence_s * 1000000;
         EXPECT_GT(longest_reply_us(silence_us), silence_us);
@@ -164,7 +164,7 @@ TEST(ControlClient, AReplyThatKeepsComingMayTakeLongerThanSilence) {
     EXPECT_EQ(longest_reply_us(5000000), 60000000U);
 }
 
-TEST(Listing, OnlyConnectionPairsAreRead) {
+TEST(listing, OnlyConnectionPairsAreRead) {
     Listing listing;
     ASSERT_FALSE(read_listing({0,
                                "",
@@ -178,7 +178,7 @@ TEST(Listing, OnlyConnectionPairsAreRead) {
     EXPECT_EQ(listing.connections[1].id, 2U);
 }
 
-TEST(Listing, ABadLineOrStatusIsAFailure) {
+TEST(listing, ABadLineOrStatusIsAFailure) {
     Listing listing;
     std::optional<Failure> failure = read_listing({0, "", "", {{"connection", "what"}}}, listing);
     ASSERT_TRUE(failure);
@@ -188,7 +188,7 @@ TEST(Listing, ABadLineOrStatusIsAFailure) {
     EXPECT_EQ(failure->exit_code, ExitCode::NEGATIVE_ANSWER);
 }
 
-TEST(Listing, AModeIsPassedOnlyWhenThereIsOne) {
+TEST(listing, AModeIsPassedOnlyWhenThereIsOne) {
     EXPECT_TRUE(list_request("").arguments.empty());
     EXPECT_THAT(list_request("play").arguments, ElementsAre("play"));
 }

@@ -11,9 +11,9 @@ using testing::Optional;
 
 namespace {
 
-class Hook : public testing::Test {
+class hook_test : public testing::Test {
   protected:
-    ~Hook() override { std::filesystem::remove_all(directory); }
+    ~hook_test() override { std::filesystem::remove_all(directory); }
 
     // A script of the shell's; what it writes to "$0.out" is its output.
     std::optional<std::string> run(const std::string& script, std::uint64_t max_us = MAX_HOOK_US) {
@@ -41,13 +41,13 @@ class Hook : public testing::Test {
 
 }  // namespace
 
-TEST_F(Hook, GetsValuesInItsEnvironmentAndNoArguments) {
+TEST_F(hook_test, GetsValuesInItsEnvironmentAndNoArguments) {
     EXPECT_EQ(run(R"(echo "$# $V9_EVENT $V9_STREAM ${V9_MODE-unset}." > "$0.out"; cat >> "$0.out")"),
               std::nullopt);
     EXPECT_EQ(output(), "0 play a b;$(touch owned)'\" .\n");
 }
 
-TEST_F(Hook, ThatFailsIsReported) {
+TEST_F(hook_test, ThatFailsIsReported) {
     EXPECT_THAT(run("exit 3"), Optional(std::string("ended with status 3")));
     EXPECT_THAT(run("kill -TERM $$"), Optional(std::string("was ended by signal 15")));
     sigset_t mask;
@@ -56,7 +56,7 @@ TEST_F(Hook, ThatFailsIsReported) {
                 Optional(std::string("could not be started (No such file or directory)")));
 }
 
-TEST_F(Hook, ThatDoesNotEndIsKilled) {
+TEST_F(hook_test, ThatDoesNotEndIsKilled) {
     EXPECT_THAT(run("exec sleep 100", 1000000),
                 Optional(std::string("ran for more than 1 s and was killed")));
 }

@@ -3,7 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-TEST(ListenAddress, IsAnAddressAndAPort) {
+TEST(listen_address, IsAnAddressAndAPort) {
     for (const char* const text : {"127.0.0.1:9935", "0.0.0.0:0", "[::1]:9935", "[::]:65535"}) {
         const std::optional<ListenAddress> parsed = parse_listen_address(text);
         ASSERT_TRUE(parsed) << text;
@@ -11,7 +11,7 @@ TEST(ListenAddress, IsAnAddressAndAPort) {
     }
 }
 
-TEST(ListenAddress, IsNothingElse) {
+TEST(listen_address, IsNothingElse) {
     for (const char* const text :
          {"", ":9935", "127.0.0.1", "127.0.0.1:", "127.0.0.1:65536", "127.0.0.1:-1", "localhost:9935",
           "::1:9935", "[::1]9935", "[::1", "[127.0.0.1]:1", "1.2.3.4:80 "}) {
@@ -19,7 +19,7 @@ TEST(ListenAddress, IsNothingElse) {
     }
 }
 
-TEST(HostOfARequest, MayHaveAPortOrNone) {
+TEST(host_of_a_request, MayHaveAPortOrNone) {
     const std::optional<HostAndPort> with_port = split_host("Relay.example:9935");
     ASSERT_TRUE(with_port);
     EXPECT_EQ(with_port->host, "relay.example");

@@ -16,7 +16,7 @@ namespace {
 
 const std::string HOSTILE = "a\"} 1\nevil_metric 9\n\\ \xff\xc3 \u202e{}\t";
 
-class Metrics : public testing::Test {
+class metrics_test : public testing::Test {
   protected:
     void look(std::uint64_t second, const std::vector<Connection>& connections) {
         history.take_in({second * ONE_SECOND_US, connections});
@@ -46,13 +46,13 @@ class Metrics : public testing::Test {
 
 }  // namespace
 
-TEST_F(Metrics, TellThatTheServerDoesNotAnswer) {
+TEST_F(metrics_test, TellThatTheServerDoesNotAnswer) {
     const std::string text = metrics_text(source);
     EXPECT_THAT(text, HasSubstr("\nv9_rtmp_up 0\n"));
     EXPECT_THAT(text, Not(HasSubstr("v9_rtmp_connections")));
 }
 
-TEST_F(Metrics, OfAServerThatDoesNotAnswerAreItsCountersAlone) {
+TEST_F(metrics_test, OfAServerThatDoesNotAnswerAreItsCountersAlone) {
     static_cast<void>(everything());
     source.round_trip_s.reset();
     source.connections.clear();
@@ -62,7 +62,7 @@ TEST_F(Metrics, OfAServerThatDoesNotAnswerAreItsCountersAlone) {
     EXPECT_THAT(text, Not(HasSubstr("v9_rtmp_stream_players")));
 }
 
-TEST_F(Metrics, CountConnectionsStreamsAndBytes) {
+TEST_F(metrics_test, CountConnectionsStreamsAndBytes) {
     const std::string text = everything();
     for (const char* const line :
          {"v9_rtmp_up 1", "v9_rtmp_slots 128", R"(v9_rtmp_connections{mode="publish"} 2)",
@@ -80,7 +80,7 @@ TEST_F(Metrics, CountConnectionsStreamsAndBytes) {
     }
 }
 
-TEST_F(Metrics, OfOneListingLeaveOutWhatItCannotTell) {
+TEST_F(metrics_test, OfOneListingLeaveOutWhatItCannotTell) {
     source.connections = {observed_publisher(0, "cam1", 100000)};
     source.round_trip_s = 0.05;
     const std::string text = metrics_text(source);
@@ -90,7 +90,7 @@ TEST_F(Metrics, OfOneListingLeaveOutWhatItCannotTell) {
     EXPECT_THAT(text, Not(HasSubstr("v9_rtmp_server_")));
 }
 
-TEST_F(Metrics, AHostileStreamNameStaysAValue) {
+TEST_F(metrics_test, AHostileStreamNameStaysAValue) {
     const std::string text = everything();
     EXPECT_THAT(text, HasSubstr("{stream=\"a\\\"} 1\\\\x0Aevil_metric 9\\\\x0A\\\\ \\\\xFF\\\\xC3 "
                                 "\\\\xE2\\\\x80\\\\xAE{}\\\\x09\"} 70000\n"));
@@ -102,7 +102,7 @@ TEST_F(Metrics, AHostileStreamNameStaysAValue) {
     }
 }
 
-TEST_F(Metrics, EachHasItsHelpAndTypeOnce) {
+TEST_F(metrics_test, EachHasItsHelpAndTypeOnce) {
     std::istringstream lines(everything());
     std::set<std::string> described;
     std::string current;
@@ -120,7 +120,7 @@ TEST_F(Metrics, EachHasItsHelpAndTypeOnce) {
     }
 }
 
-TEST_F(Metrics, TwoNamesThatLookTheSameShareASeries) {
+TEST_F(metrics_test, TwoNamesThatLookTheSameShareASeries) {
     look(1, {observed_publisher(0, "a\xff", 100000), observed_publisher(1, "a\\xFF", 100000)});
     source.round_trip_s = 0.05;
     source.history = &history;
@@ -128,6 +128,6 @@ TEST_F(Metrics, TwoNamesThatLookTheSameShareASeries) {
     EXPECT_THAT(metrics_text(source), HasSubstr("{stream=\"a\\\\xFF\"} 200000\n"));
 }
 
-TEST(MetricsLabel, EscapesWhatEndsAValueOrALine) {
+TEST(metrics_label, EscapesWhatEndsAValueOrALine) {
     EXPECT_EQ(escape_label("a\"b\\c\nd"), R"(a\"b\\c\nd)");
 }

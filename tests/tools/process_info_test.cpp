@@ -22,7 +22,7 @@ std::string stat_line(const std::string& name) {
 
 }  // namespace
 
-TEST(ProcessInfo, IsReadFromTheFieldsBehindTheName) {
+TEST(process_info, IsReadFromTheFieldsBehindTheName) {
     for (const char* const name : {"v9_rtmp_server", "a b", "a) S 9 9 9 (", ")"}) {
         ProcessInfo info;
         ASSERT_TRUE(read_process_stat(stat_line(name), 1000, info)) << name;
@@ -36,7 +36,7 @@ TEST(ProcessInfo, IsReadFromTheFieldsBehindTheName) {
     }
 }
 
-TEST(ProcessInfo, IsNotReadFromSomethingElse) {
+TEST(process_info, IsNotReadFromSomethingElse) {
     ProcessInfo info;
     for (const std::string& text : {std::string(), std::string("4711 (name"),
                                     std::string("4711 (name) S 1 2"), stat_line("x").substr(0, 60)}) {
@@ -45,7 +45,7 @@ TEST(ProcessInfo, IsNotReadFromSomethingElse) {
     EXPECT_FALSE(info.threads);
 }
 
-TEST(ProcessInfo, IsKnownOfThisProcessAndNotOfNone) {
+TEST(process_info, IsKnownOfThisProcessAndNotOfNone) {
     const ProcessInfo own = find_process_info(getpid());
     EXPECT_THAT(own.open_descriptors, Optional(Gt(2U)));
     EXPECT_THAT(own.max_descriptors, Optional(Gt(2U)));

@@ -13,7 +13,7 @@ using testing::SizeIs;
 
 namespace {
 
-class RatePlots : public testing::Test {
+class rate_plots_test : public testing::Test {
   protected:
     // A publisher of 1000 and a player of 500 bytes a second, until the second.
     void run_until(std::uint64_t second) {
@@ -33,7 +33,7 @@ class RatePlots : public testing::Test {
 
 }  // namespace
 
-TEST_F(RatePlots, HaveAPointForEachStep) {
+TEST_F(rate_plots_test, HaveAPointForEachStep) {
     run_until(5);
     EXPECT_THAT(rates.streams(), IsEmpty());
     run_until(16);
@@ -45,13 +45,13 @@ TEST_F(RatePlots, HaveAPointForEachStep) {
     EXPECT_DOUBLE_EQ(rates.total().back().in, 1000);
 }
 
-TEST_F(RatePlots, KeepTheLastMinutesOnly) {
+TEST_F(rate_plots_test, KeepTheLastMinutesOnly) {
     run_until(1000);
     EXPECT_THAT(rates.streams().at("cam1"), SizeIs(RateHistory::MAX_POINTS));
     EXPECT_THAT(rates.total(), SizeIs(RateHistory::MAX_POINTS));
 }
 
-TEST_F(RatePlots, ForgetAStreamThatHasBeenGoneForMinutes) {
+TEST_F(rate_plots_test, ForgetAStreamThatHasBeenGoneForMinutes) {
     run_until(20);
     for (; now_s < 100; ++now_s) {
         look({});

@@ -3,7 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-TEST(Selection, APatternMatchesWholeNames) {
+TEST(selection, APatternMatchesWholeNames) {
     struct Row {
         const char* pattern;
         const char* name;
@@ -34,13 +34,13 @@ TEST(Selection, APatternMatchesWholeNames) {
     }
 }
 
-TEST(Selection, AMegabyteOfNameIsMatchedInTime) {
+TEST(selection, AMegabyteOfNameIsMatchedInTime) {
     const std::string name(1 << 20, 'a');
     EXPECT_FALSE(matches_name("*a*a*a*a*a*a*b", name));
     EXPECT_TRUE(matches_name("*a*a*a*a*a*a*", name));
 }
 
-TEST(Selection, AnAddressMayHaveAPortOrBeAPrefix) {
+TEST(selection, AnAddressMayHaveAPortOrBeAPrefix) {
     struct Row {
         const char* range;
         const char* address;
@@ -63,7 +63,7 @@ TEST(Selection, AnAddressMayHaveAPortOrBeAPrefix) {
     }
 }
 
-TEST(Selection, OfEachKindOneHasToMatch) {
+TEST(selection, OfEachKindOneHasToMatch) {
     const Connection player = *parse_connection_line("5\tcam1\tplay\t\t1\t2\t10.0.0.1:1");
     const Connection unnamed = *parse_connection_line("6\t\t\t\t1\t2\t10.0.0.1:2");
     EXPECT_TRUE(matches({}, player));

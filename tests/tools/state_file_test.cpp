@@ -11,13 +11,13 @@ using testing::Optional;
 
 namespace {
 
-class StateFile : public testing::Test {
+class state_file_test : public testing::Test {
   protected:
-    StateFile() {
+    state_file_test() {
         std::filesystem::remove_all(directory);
         std::filesystem::create_directory(directory);
     }
-    ~StateFile() override { std::filesystem::remove_all(directory); }
+    ~state_file_test() override { std::filesystem::remove_all(directory); }
 
     const std::filesystem::path directory =
         std::filesystem::path(testing::TempDir()) /
@@ -27,7 +27,7 @@ class StateFile : public testing::Test {
 
 }  // namespace
 
-TEST_F(StateFile, IsReadAsItWasWritten) {
+TEST_F(state_file_test, IsReadAsItWasWritten) {
     const std::string text(300000, 'x');
     ASSERT_TRUE(replace_file(path, "first"));
     ASSERT_TRUE(replace_file(path, text));
@@ -35,12 +35,12 @@ TEST_F(StateFile, IsReadAsItWasWritten) {
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(directory), {}), 1);
 }
 
-TEST_F(StateFile, ThatIsAbsentHasNoText) {
+TEST_F(state_file_test, ThatIsAbsentHasNoText) {
     EXPECT_EQ(read_file(path), std::nullopt);
     EXPECT_EQ(errno, ENOENT);
 }
 
-TEST_F(StateFile, ATemporaryFileThatWasLeftIsReplacedAndNotFollowed) {
+TEST_F(state_file_test, ATemporaryFileThatWasLeftIsReplacedAndNotFollowed) {
     const std::string other = directory / "other";
     std::ofstream(other) << "other";
     std::filesystem::create_symlink(other, path + ".new");
@@ -49,7 +49,7 @@ TEST_F(StateFile, ATemporaryFileThatWasLeftIsReplacedAndNotFollowed) {
     EXPECT_THAT(read_file(other), Optional(std::string("other")));
 }
 
-TEST_F(StateFile, StaysAsItWasWhenItCannotBeReplaced) {
+TEST_F(state_file_test, StaysAsItWasWhenItCannotBeReplaced) {
     EXPECT_FALSE(replace_file(directory / "absent" / "state.json", "text"));
     EXPECT_EQ(errno, ENOENT);
     std::filesystem::create_directory(path);
@@ -57,7 +57,7 @@ TEST_F(StateFile, StaysAsItWasWhenItCannotBeReplaced) {
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(directory), {}), 1);
 }
 
-TEST(BootId, IsTheSameWhenReadAgain) {
+TEST(boot_id, IsTheSameWhenReadAgain) {
     EXPECT_FALSE(boot_id().empty());
     EXPECT_EQ(boot_id(), boot_id());
 }

@@ -10,7 +10,7 @@ using testing::Pair;
 
 namespace {
 
-class Health : public testing::Test {
+class health_test : public testing::Test {
   protected:
     template <typename MakeConnections>
     void seconds(unsigned count, const MakeConnections& make_connections) {
@@ -29,7 +29,7 @@ class Health : public testing::Test {
 
 }  // namespace
 
-TEST_F(Health, APlayerThatStandsStillWhileItsStreamGoesOnIsStalled) {
+TEST_F(health_test, APlayerThatStandsStillWhileItsStreamGoesOnIsStalled) {
     seconds(20, [](std::uint64_t s) {
         return std::vector{observed_publisher(0, "cam1", 1000 * s), observed_player(1, "cam1", 1000 * s)};
     });
@@ -45,7 +45,7 @@ TEST_F(Health, APlayerThatStandsStillWhileItsStreamGoesOnIsStalled) {
     EXPECT_EQ(of(1).still_us, 5 * ONE_SECOND_US);
 }
 
-TEST_F(Health, PlayersOfASilentPublisherAreNotStalled) {
+TEST_F(health_test, PlayersOfASilentPublisherAreNotStalled) {
     seconds(30, [](std::uint64_t s) {
         return std::vector{observed_publisher(0, "cam1", s < 10 ? 1000 * s : 10000),
                            observed_player(1, "cam1", s < 10 ? 1000 * s : 10000)};
@@ -54,7 +54,7 @@ TEST_F(Health, PlayersOfASilentPublisherAreNotStalled) {
     EXPECT_THAT(stream_states(last, &history), ElementsAre(Pair("cam1", StreamState::SILENT)));
 }
 
-TEST_F(Health, APlayerThatReadsSlowlyIsBehindTheForemost) {
+TEST_F(health_test, APlayerThatReadsSlowlyIsBehindTheForemost) {
     seconds(40, [](std::uint64_t s) {
         return std::vector{observed_publisher(0, "cam1", 1000 * s), observed_player(1, "cam1", 1000 * s),
                            observed_player(2, "cam1", 500 * s)};
@@ -65,7 +65,7 @@ TEST_F(Health, APlayerThatReadsSlowlyIsBehindTheForemost) {
     EXPECT_LE(of(2).behind_us, 20 * ONE_SECOND_US);
 }
 
-TEST_F(Health, APlayerWithLargeChunksIsNotBehindThoseWithSmallOnes) {
+TEST_F(health_test, APlayerWithLargeChunksIsNotBehindThoseWithSmallOnes) {
     seconds(4000, [](std::uint64_t s) {
         return std::vector{observed_publisher(0, "cam1", 1000 * s), observed_player(1, "cam1", 1008 * s),
                            observed_player(2, "cam1", 1000 * s)};
@@ -73,14 +73,14 @@ TEST_F(Health, APlayerWithLargeChunksIsNotBehindThoseWithSmallOnes) {
     EXPECT_EQ(of(2).behind_us, 0U);
 }
 
-TEST_F(Health, ALonePlayerIsNotBehind) {
+TEST_F(health_test, ALonePlayerIsNotBehind) {
     seconds(40, [](std::uint64_t s) {
         return std::vector{observed_publisher(0, "cam1", 1000 * s), observed_player(1, "cam1", 500 * s)};
     });
     EXPECT_EQ(of(1).behind_us, 0U);
 }
 
-TEST_F(Health, APlayerNearsTheLimitOfItsTimestampsTwentyMinutesBefore) {
+TEST_F(health_test, APlayerNearsTheLimitOfItsTimestampsTwentyMinutesBefore) {
     const auto both = [](std::uint64_t s) {
         return std::vector{observed_publisher(0, "cam1", 1000 * s), observed_player(1, "cam1", 1000 * s)};
     };
@@ -93,7 +93,7 @@ TEST_F(Health, APlayerNearsTheLimitOfItsTimestampsTwentyMinutesBefore) {
     EXPECT_FALSE(of(0).is_near_limit);
 }
 
-TEST_F(Health, AStreamWaitsUntilItHasAPublisher) {
+TEST_F(health_test, AStreamWaitsUntilItHasAPublisher) {
     seconds(1, [](std::uint64_t s) {
         return std::vector{observed_player(0, "lobby", s), observed_publisher(1, "cam1", s),
                            observed_client(2, "", "", 0, 0)};
@@ -104,7 +104,7 @@ TEST_F(Health, AStreamWaitsUntilItHasAPublisher) {
                 ElementsAre(Pair("cam1", StreamState::LIVE), Pair("lobby", StreamState::WAITING)));
 }
 
-TEST_F(Health, AStreamIsLiveWhileOneOfItsPublishersSends) {
+TEST_F(health_test, AStreamIsLiveWhileOneOfItsPublishersSends) {
     seconds(10, [](std::uint64_t s) {
         return std::vector{observed_publisher(0, "cam1", 5), observed_publisher(1, "cam1", 1000 * s)};
     });

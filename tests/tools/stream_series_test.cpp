@@ -13,7 +13,7 @@ using testing::SizeIs;
 
 namespace {
 
-class Series : public testing::Test {
+class series_test : public testing::Test {
   protected:
     void look(std::uint64_t second, const std::vector<Connection>& connections) {
         history.take_in({second * ONE_SECOND_US, connections});
@@ -37,7 +37,7 @@ constexpr std::uint64_t MUCH = 1000000;
 
 }  // namespace
 
-TEST_F(Series, AStreamHasItsOwnOnceItHasCarriedSomething) {
+TEST_F(series_test, AStreamHasItsOwnOnceItHasCarriedSomething) {
     look(1, {observed_publisher(0, "cam1", StreamSeries::MIN_BYTES - 1)});
     EXPECT_THAT(series.listed(), IsEmpty());
     EXPECT_EQ(series.other().bytes_received, StreamSeries::MIN_BYTES - 1);
@@ -46,14 +46,14 @@ TEST_F(Series, AStreamHasItsOwnOnceItHasCarriedSomething) {
     EXPECT_EQ(series.other().bytes_received, StreamSeries::MIN_BYTES - 1);
 }
 
-TEST_F(Series, ACounterGoesOnWhereItsClientComesBack) {
+TEST_F(series_test, ACounterGoesOnWhereItsClientComesBack) {
     look(1, {observed_publisher(0, "cam1", MUCH)});
     look(2, {});
     look(3, {observed_publisher(4, "cam1", 500)});
     EXPECT_EQ(series.listed().at("cam1").bytes_received, MUCH + 500);
 }
 
-TEST_F(Series, NamesBeyondTheMostAreCountedTogether) {
+TEST_F(series_test, NamesBeyondTheMostAreCountedTogether) {
     look(1, full_house(MUCH));
     EXPECT_THAT(series.listed(), SizeIs(StreamSeries::MAX_SERIES));
     std::vector<Connection> more = full_house(MUCH);
@@ -64,7 +64,7 @@ TEST_F(Series, NamesBeyondTheMostAreCountedTogether) {
     EXPECT_EQ(series.other().bytes_received, MUCH);
 }
 
-TEST_F(Series, TheSmallestGivesWayToANameOfTwiceItsBytes) {
+TEST_F(series_test, TheSmallestGivesWayToANameOfTwiceItsBytes) {
     look(1, full_house(MUCH));
     std::vector<Connection> more = full_house(MUCH);
     more.push_back(observed_publisher(100, "large", 2 * MUCH));
@@ -77,7 +77,7 @@ TEST_F(Series, TheSmallestGivesWayToANameOfTwiceItsBytes) {
     EXPECT_EQ(series.listed().at("large").bytes_received, 2 * MUCH + 7);
 }
 
-TEST_F(Series, AStreamThatHasLongBeenGoneGivesWay) {
+TEST_F(series_test, AStreamThatHasLongBeenGoneGivesWay) {
     look(1, full_house(MUCH));
     look(2, {});
     const std::uint64_t kept_s = StreamSeries::KEEP_US / ONE_SECOND_US;
@@ -87,20 +87,20 @@ TEST_F(Series, AStreamThatHasLongBeenGoneGivesWay) {
     EXPECT_EQ(series.listed().at("new").bytes_received, 5U);
 }
 
-TEST_F(Series, NamesThatComeAndGoDoNotAddUp) {
+TEST_F(series_test, NamesThatComeAndGoDoNotAddUp) {
     for (unsigned second = 1; second < 2000; ++second) {
         look(second, {observed_publisher(second % 128, "name" + std::to_string(second), MUCH)});
     }
     EXPECT_THAT(series.listed(), SizeIs(StreamSeries::MAX_SERIES));
 }
 
-TEST_F(Series, AStreamThatIsCalledLikeAllOthersHasNoneOfItsOwn) {
+TEST_F(series_test, AStreamThatIsCalledLikeAllOthersHasNoneOfItsOwn) {
     look(1, {observed_publisher(0, OTHER_STREAMS, MUCH)});
     EXPECT_THAT(series.listed(), IsEmpty());
     EXPECT_EQ(series.other().bytes_received, MUCH);
 }
 
-TEST(StreamLabel, KeepsWhatCanBeSeen) {
+TEST(stream_label, KeepsWhatCanBeSeen) {
     EXPECT_EQ(stream_label("cam1"), "cam1");
     EXPECT_EQ(stream_label("K\u00fcche \u98a8 \U0001f39e"), "K\u00fcche \u98a8 \U0001f39e");
     EXPECT_EQ(stream_label("a\tb\nc\x7f"), "a\\x09b\\x0Ac\\x7F");

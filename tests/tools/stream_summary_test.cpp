@@ -31,7 +31,7 @@ Connection player(unsigned id, std::optional<double> sent_rate, const char* stre
 
 }  // namespace
 
-TEST(StreamSummary, TakesTheConnectionsOfANameTogether) {
+TEST(stream_summary, TakesTheConnectionsOfANameTogether) {
     Connection source = publisher(2, 100);
     source.size = VideoSize{1280, 720};
     source.received_rate = 500;
@@ -49,7 +49,7 @@ TEST(StreamSummary, TakesTheConnectionsOfANameTogether) {
     EXPECT_THAT(streams[0].rivals, IsEmpty());
 }
 
-TEST(StreamSummary, PlayersMayWaitForAPublisher) {
+TEST(stream_summary, PlayersMayWaitForAPublisher) {
     const std::vector<StreamSummary> streams =
         summarize_streams({player(0, std::nullopt)}, {}, SortKey::STREAM);
     ASSERT_EQ(streams.size(), 1U);
@@ -58,11 +58,11 @@ TEST(StreamSummary, PlayersMayWaitForAPublisher) {
     EXPECT_EQ(plain_line(streams[0]), "cam1\t\t1\t\t\t\t");
 }
 
-TEST(StreamSummary, LeavesOutWhoHasNoStream) {
+TEST(stream_summary, LeavesOutWhoHasNoStream) {
     EXPECT_THAT(summarize_streams({Connection()}, {}, SortKey::STREAM), IsEmpty());
 }
 
-TEST(StreamSummary, OfSeveralPublishersTheOneThatSentMostIsShownFirst) {
+TEST(stream_summary, OfSeveralPublishersTheOneThatSentMostIsShownFirst) {
     const std::vector<StreamSummary> streams =
         summarize_streams({publisher(1, 10), publisher(2, 30), publisher(3, 30)}, {}, SortKey::STREAM);
     ASSERT_EQ(streams.size(), 1U);
@@ -70,7 +70,7 @@ TEST(StreamSummary, OfSeveralPublishersTheOneThatSentMostIsShownFirst) {
     EXPECT_THAT(streams[0].rivals, ElementsAre(1, 3));
 }
 
-TEST(StreamSummary, APublisherStaysWhenARivalOvertakesItInBytes) {
+TEST(stream_summary, APublisherStaysWhenARivalOvertakesItInBytes) {
     const std::vector<StreamSummary> before =
         summarize_streams({publisher(1, 10), publisher(2, 5)}, {}, SortKey::STREAM);
     const std::vector<StreamSummary> after =
@@ -81,7 +81,7 @@ TEST(StreamSummary, APublisherStaysWhenARivalOvertakesItInBytes) {
     EXPECT_THAT(dropped[0].publisher_id, Optional(2U));
 }
 
-TEST(StreamSummary, AnotherClientInThePublishersSlotIsNotThePublisher) {
+TEST(stream_summary, AnotherClientInThePublishersSlotIsNotThePublisher) {
     const std::vector<StreamSummary> before = summarize_streams({publisher(1, 10)}, {}, SortKey::STREAM);
     Connection newcomer = publisher(1, 1);
     newcomer.address = "10.0.0.99:1";
@@ -90,7 +90,7 @@ TEST(StreamSummary, AnotherClientInThePublishersSlotIsNotThePublisher) {
     EXPECT_THAT(after[0].publisher_id, Optional(2U));
 }
 
-TEST(StreamSummary, ARivalThatHasSentMoreAltogetherIsNotThePublisher) {
+TEST(stream_summary, ARivalThatHasSentMoreAltogetherIsNotThePublisher) {
     // The rival was relayed before it stalled; or it sent much at once and is held now.
     Connection relayed = publisher(1, 100000);
     relayed.received_rate = 50000;
@@ -105,7 +105,7 @@ TEST(StreamSummary, ARivalThatHasSentMoreAltogetherIsNotThePublisher) {
     EXPECT_THAT(streams[0].rivals, ElementsAre(2));
 }
 
-TEST(StreamSummary, APublisherIsAGuessWhileItHasRivals) {
+TEST(stream_summary, APublisherIsAGuessWhileItHasRivals) {
     const std::vector<StreamSummary> streams =
         summarize_streams({publisher(1, 10), publisher(2, 30), publisher(3, 5, "demo")}, {}, SortKey::STREAM);
     EXPECT_TRUE(streams[0].publisher_is_guess);
@@ -113,7 +113,7 @@ TEST(StreamSummary, APublisherIsAGuessWhileItHasRivals) {
     EXPECT_FALSE(summarize_streams({publisher(2, 40)}, streams, SortKey::STREAM)[0].publisher_is_guess);
 }
 
-TEST(StreamSummary, IsSortedByNameOrByRate) {
+TEST(stream_summary, IsSortedByNameOrByRate) {
     const std::vector<Connection> connections{player(0, 10.0, "b"), player(1, 5.0, "a"),
                                               player(2, 90.0, "c")};
     const auto names = [](const std::vector<StreamSummary>& streams) {
@@ -128,7 +128,7 @@ TEST(StreamSummary, IsSortedByNameOrByRate) {
     EXPECT_EQ(names(summarize_streams(connections, {}, SortKey::RATE)), "cba");
 }
 
-TEST(StreamSummary, ThePlainLineHasSevenFields) {
+TEST(stream_summary, ThePlainLineHasSevenFields) {
     StreamSummary summary;
     summary.stream = "a\tb";
     summary.publisher_id = 3;

@@ -19,34 +19,34 @@ Table sample_table() {
 
 }  // namespace
 
-TEST(Table, ColumnsAreAsWideAsTheirContent) {
+TEST(table, ColumnsAreAsWideAsTheirContent) {
     EXPECT_THAT(layout_table(sample_table(), std::nullopt, true),
                 ElementsAre(" ID  STREAM                             SENT  ADDRESS",
                             "  3  cam1                            1.5 KiB  10.0.0.1:5000",
                             "127  a_very_long_stream_name_indeed     12 B  10.0.0.2:50001"));
 }
 
-TEST(Table, WithoutTitlesOnlyTheContentCounts) {
+TEST(table, WithoutTitlesOnlyTheContentCounts) {
     const Table table{{{"LONG TITLE", Align::RIGHT, 0}, {"B", Align::LEFT, 0}}, {{"1", "x"}}};
     EXPECT_THAT(layout_table(table, std::nullopt, false), ElementsAre("1  x"));
 }
 
-TEST(Table, WithRoomEnoughNothingIsCut) {
+TEST(table, WithRoomEnoughNothingIsCut) {
     EXPECT_EQ(layout_table(sample_table(), 80, true), layout_table(sample_table(), std::nullopt, true));
 }
 
-TEST(Table, TheWidestColumnThatMayShrinkIsCutFirst) {
+TEST(table, TheWidestColumnThatMayShrinkIsCutFirst) {
     EXPECT_THAT(layout_table(sample_table(), 40, true),
                 ElementsAre(" ID  STREAM           SENT  ADDRESS", "  3  cam1          1.5 KiB  10.0.0.1:50~",
                             "127  a_very_long~     12 B  10.0.0.2:50~"));
 }
 
-TEST(Table, BelowTheLeastWidthsLinesAreCutAtTheirEnd) {
+TEST(table, BelowTheLeastWidthsLinesAreCutAtTheirEnd) {
     EXPECT_THAT(layout_table(sample_table(), 20, true),
                 ElementsAre(" ID  STREAM       S~", "  3  cam1      1.5 ~", "127  a_very_~     1~"));
 }
 
-TEST(Table, NoLineIsWiderThanAsked) {
+TEST(table, NoLineIsWiderThanAsked) {
     for (std::size_t width = 0; width <= 70; ++width) {
         for (const std::string& line : layout_table(sample_table(), width, true)) {
             EXPECT_LE(line.size(), width) << line;
@@ -54,19 +54,19 @@ TEST(Table, NoLineIsWiderThanAsked) {
     }
 }
 
-TEST(Table, AMegabyteOfNameIsCutToo) {
+TEST(table, AMegabyteOfNameIsCutToo) {
     const Table table{{{"ID", Align::RIGHT, 0}, {"STREAM", Align::LEFT, 8}},
                       {{"1", std::string(1 << 20, 'x')}}};
     EXPECT_THAT(layout_table(table, 20, false), ElementsAre("1  " + std::string(16, 'x') + "~"));
 }
 
-TEST(Table, AnEmptyTableHasItsTitles) {
+TEST(table, AnEmptyTableHasItsTitles) {
     const Table table{{{"ID", Align::RIGHT, 0}, {"STREAM", Align::LEFT, 8}}, {}};
     EXPECT_THAT(layout_table(table, 80, true), ElementsAre("ID  STREAM"));
     EXPECT_THAT(layout_table(table, 80, false), IsEmpty());
 }
 
-TEST(Table, ColumnsWithARankAreShownWhereThereIsRoom) {
+TEST(table, ColumnsWithARankAreShownWhereThereIsRoom) {
     const Table table{{{"ID", Align::RIGHT, 0},
                        {"STREAM", Align::LEFT, 8},
                        {"SENT", Align::RIGHT, 0, 2},

@@ -5,7 +5,7 @@
 #include <cmath>
 #include <limits>
 
-TEST(Text, StrangersBytesAreShownInHex) {
+TEST(text, StrangersBytesAreShownInHex) {
     EXPECT_EQ(escape_untrusted("cam_1 ~!"), "cam_1 ~!");
     EXPECT_EQ(escape_untrusted("\x1b[2J"), "\\x1B[2J");
     EXPECT_EQ(escape_untrusted("a\tb\nc\x7f\x80\xff"), "a\\x09b\\x0Ac\\x7F\\x80\\xFF");
@@ -15,7 +15,7 @@ TEST(Text, StrangersBytesAreShownInHex) {
     EXPECT_EQ(escape_untrusted(""), "");
 }
 
-TEST(Text, ACutTextSaysThatItWasCut) {
+TEST(text, ACutTextSaysThatItWasCut) {
     EXPECT_EQ(cut_text("stream", 6), "stream");
     EXPECT_EQ(cut_text("stream", 5), "stre~");
     EXPECT_EQ(cut_text("stream", 1), "~");
@@ -23,7 +23,7 @@ TEST(Text, ACutTextSaysThatItWasCut) {
     EXPECT_EQ(cut_text("", 0), "");
 }
 
-TEST(Text, BytesAreShownInIecUnits) {
+TEST(text, BytesAreShownInIecUnits) {
     struct Row {
         std::uint64_t bytes;
         const char* text;
@@ -49,7 +49,7 @@ TEST(Text, BytesAreShownInIecUnits) {
     EXPECT_EQ(format_bytes(std::nullopt), "-");
 }
 
-TEST(Text, RatesAreShownPerSecond) {
+TEST(text, RatesAreShownPerSecond) {
     EXPECT_EQ(format_rate(0.0), "0 B/s");
     EXPECT_EQ(format_rate(0.4), "0 B/s");
     EXPECT_EQ(format_rate(1023.4), "1023 B/s");
@@ -61,7 +61,7 @@ TEST(Text, RatesAreShownPerSecond) {
     EXPECT_EQ(format_rate(std::numeric_limits<double>::infinity()), "-");
 }
 
-TEST(Text, RatesAreInBitsWhereAsked) {
+TEST(text, RatesAreInBitsWhereAsked) {
     EXPECT_EQ(format_rate(0.0, RateUnit::BITS), "0 bit/s");
     EXPECT_EQ(format_rate(124.9, RateUnit::BITS), "999 bit/s");
     EXPECT_EQ(format_rate(124.95, RateUnit::BITS), "1.0 kbit/s");  // never 1000 bit/s

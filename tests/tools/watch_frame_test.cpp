@@ -63,7 +63,7 @@ std::vector<std::string> frame(const WatchModel& model, std::size_t columns, std
 
 }  // namespace
 
-TEST(WatchFrame, ShowsStreamsAndConnectionsIn80Columns) {
+TEST(watch_frame, ShowsStreamsAndConnectionsIn80Columns) {
     const std::vector<std::string> lines = frame(small_model(), 80, 24);
     ASSERT_EQ(lines.size(), 24U);
     EXPECT_EQ(lines[0], "v9_rtmp_ctl 12:34:56  4 of 128 slots used: 2 publish, 1 play, 1 neither");
@@ -81,7 +81,7 @@ TEST(WatchFrame, ShowsStreamsAndConnectionsIn80Columns) {
     EXPECT_EQ(lines[23], "q quit  s sort  p pause  / filter  d drop  Tab table  v view  r reverse  ? help");
 }
 
-TEST(WatchFrame, FitsIntoEverySize) {
+TEST(watch_frame, FitsIntoEverySize) {
     for (const WatchModel& model : {small_model(), full_model(), WatchModel()}) {
         for (std::size_t rows = 1; rows <= 30; ++rows) {
             for (const std::size_t columns : {1U, 10U, 40U, 79U, 80U, 200U}) {
@@ -95,7 +95,7 @@ TEST(WatchFrame, FitsIntoEverySize) {
     }
 }
 
-TEST(WatchFrame, SaysWhatThereIsNoRoomFor) {
+TEST(watch_frame, SaysWhatThereIsNoRoomFor) {
     const std::vector<std::string> lines = frame(full_model(), 80, 24);
     EXPECT_THAT(lines[3], StartsWith("STREAM"));
     EXPECT_EQ(lines[12], "... 56 more");  // ten rows for the streams: titles, eight of 64, and this
@@ -105,7 +105,7 @@ TEST(WatchFrame, SaysWhatThereIsNoRoomFor) {
     EXPECT_EQ(lines[22], "... 121 more");
 }
 
-TEST(WatchFrame, ScrollsToTheSelectedConnection) {
+TEST(watch_frame, ScrollsToTheSelectedConnection) {
     WatchModel model = full_model();
     model.connection_cursor.scroll = 2;
     EXPECT_THAT(frame(model, 80, 24)[15], StartsWith("  2"));
@@ -131,7 +131,7 @@ TEST(WatchFrame, ScrollsToTheSelectedConnection) {
     EXPECT_THAT(model.connection_cursor.selected, testing::Optional(127U));
 }
 
-TEST(WatchFrame, ScrollsTheStreamsToo) {
+TEST(watch_frame, ScrollsTheStreamsToo) {
     WatchModel model = full_model();
     model.stream_cursor.selected = 63;
     settle(model, {24, 80});
@@ -140,7 +140,7 @@ TEST(WatchFrame, ScrollsTheStreamsToo) {
     EXPECT_THAT(lines[15], StartsWith("  0"));
 }
 
-TEST(WatchFrame, ShowsEitherTableAlone) {
+TEST(watch_frame, ShowsEitherTableAlone) {
     WatchModel model = full_model();
     model.view = WatchView::STREAMS;
     std::vector<std::string> lines = frame(model, 80, 24);
@@ -152,7 +152,7 @@ TEST(WatchFrame, ShowsEitherTableAlone) {
     EXPECT_EQ(lines[22], "... 110 more");
 }
 
-TEST(WatchFrame, At50ColumnsTheAddressGoesBeforeTheRates) {
+TEST(watch_frame, At50ColumnsTheAddressGoesBeforeTheRates) {
     const std::vector<std::string> lines = frame(small_model(), 50, 20);
     EXPECT_EQ(lines[0], "12:34:56  4 of 128 slots used: 2 publish, 1 play");
     EXPECT_EQ(lines[1], "in 102.0 KiB/s  out 50.1 KiB/s  sort id");
@@ -161,7 +161,7 @@ TEST(WatchFrame, At50ColumnsTheAddressGoesBeforeTheRates) {
     EXPECT_EQ(lines[19], "q quit  s sort  p pause  / filter  d drop  ? help");
 }
 
-TEST(WatchFrame, At160ColumnsSizesAndTotalsStandBesideTheRates) {
+TEST(watch_frame, At160ColumnsSizesAndTotalsStandBesideTheRates) {
     const std::vector<std::string> lines = frame(small_model(), 160, 50);
     EXPECT_EQ(lines[6],
               "ID  STREAM  MODE        SIZE      SENT   RECEIVED     SENDING    RECEIVING  ADDRESS");
@@ -169,7 +169,7 @@ TEST(WatchFrame, At160ColumnsSizesAndTotalsStandBesideTheRates) {
               " 0  cam1    publish  640x360     100 B  100.0 KiB     100 B/s  100.0 KiB/s  10.0.0.1:5000");
 }
 
-TEST(WatchFrame, TotalsCanBeKeptInsteadOfAddresses) {
+TEST(watch_frame, TotalsCanBeKeptInsteadOfAddresses) {
     WatchModel model = small_model();
     model.keep = Keep::TOTALS;
     model.unit = RateUnit::BITS;
@@ -178,19 +178,19 @@ TEST(WatchFrame, TotalsCanBeKeptInsteadOfAddresses) {
     EXPECT_EQ(lines[7], " 0  cam1    publish  640x360     100 B  100.0 KiB     800 bit/s  819.2 kbit/s");
 }
 
-TEST(WatchFrame, OnAFewRowsTheConnectionsRemain) {
+TEST(watch_frame, OnAFewRowsTheConnectionsRemain) {
     EXPECT_THAT(frame(small_model(), 80, 7),
                 ElementsAre(StartsWith("v9_rtmp_ctl"), StartsWith("in "), "", StartsWith("ID"),
                             StartsWith(" 0"), "... 3 more", StartsWith("q quit")));
     EXPECT_THAT(frame(small_model(), 80, 1), ElementsAre(StartsWith("q quit")));
 }
 
-TEST(WatchFrame, CutsLinesAt40And20Columns) {
+TEST(watch_frame, CutsLinesAt40And20Columns) {
     EXPECT_EQ(frame(small_model(), 40, 24)[7], " 0  cam1    pub~     100 B/s  100.0 KiB~");
     EXPECT_EQ(frame(small_model(), 20, 24)[7], " 0  cam1    pub~   ~");
 }
 
-TEST(WatchFrame, ShowsStrangersBytesInHex) {
+TEST(watch_frame, ShowsStrangersBytesInHex) {
     const WatchModel model = model_of({std::string("0\t\x1b[2J\n\tplay\t\t1\t2\t\x9b") + "1"});
     for (const FrameLine& line : render_frame(model, {24, 80})) {
         for (const char c : line.text) {
@@ -200,7 +200,7 @@ TEST(WatchFrame, ShowsStrangersBytesInHex) {
     EXPECT_THAT(frame(model, 80, 24)[4], StartsWith("\\x1B[2J\\x0A  "));
 }
 
-TEST(WatchFrame, SaysThatTheServerIsNotRunning) {
+TEST(watch_frame, SaysThatTheServerIsNotRunning) {
     WatchModel model = small_model();
     take_in(model, Failure{ExitCode::NOT_RUNNING, "there is no socket. Start it."});
     const std::vector<std::string> lines = frame(model, 80, 24);
@@ -210,7 +210,7 @@ TEST(WatchFrame, SaysThatTheServerIsNotRunning) {
     EXPECT_EQ(frame(model, 80, 24)[0], "v9_rtmp_ctl 12:34:56  no answer");
 }
 
-TEST(WatchFrame, BreaksLongAdviceAtBlanks) {
+TEST(watch_frame, BreaksLongAdviceAtBlanks) {
     WatchModel model;
     take_in(model, Failure{ExitCode::NO_REPLY, "one two three aaaaaaaaaaaaaaaa"});
     const std::vector<std::string> lines = frame(model, 10, 24);
@@ -220,7 +220,7 @@ TEST(WatchFrame, BreaksLongAdviceAtBlanks) {
     EXPECT_EQ(lines[7], "aaaaaa");
 }
 
-TEST(WatchFrame, TheFootAsksAndTells) {
+TEST(watch_frame, TheFootAsksAndTells) {
     WatchModel model = small_model();
     model.mode = WatchMode::DROP_ID;
     model.input = "1";
@@ -244,7 +244,7 @@ TEST(WatchFrame, TheFootAsksAndTells) {
     EXPECT_EQ(frame(model, 80, 24)[23], "Dropped connection 1.");
 }
 
-TEST(WatchFrame, ANoticeIsShownWhole) {
+TEST(watch_frame, ANoticeIsShownWhole) {
     WatchModel model = full_model();
     model.notice = "'" + std::string(64, 'x') + "' is no connection id. Give a number from 0 to 127.";
     const std::vector<std::string> lines = frame(model, 80, 24);
@@ -254,14 +254,14 @@ TEST(WatchFrame, ANoticeIsShownWhole) {
     EXPECT_THAT(frame(model, 40, 2), ElementsAre("'" + std::string(39, 'x'), StartsWith("xxx")));
 }
 
-TEST(WatchFrame, SaysThatItIsPausedAndFiltered) {
+TEST(watch_frame, SaysThatItIsPausedAndFiltered) {
     WatchModel model = small_model();
     model.paused = true;
     model.filter = "cam";
     EXPECT_THAT(frame(model, 80, 24)[1], StartsWith("PAUSED  filter 'cam'  3 shown  in 102.0 KiB/s"));
 }
 
-TEST(WatchFrame, TotalsFollowTheFilter) {
+TEST(watch_frame, TotalsFollowTheFilter) {
     WatchModel model = small_model();
     model.filter = "10.0.0.2";
     EXPECT_EQ(frame(model, 80, 24)[1],
@@ -273,7 +273,7 @@ TEST(WatchFrame, TotalsFollowTheFilter) {
               "2 shown  in 102.0 KiB/s (102.0 KiB)  out 100 B/s (100 B)  sort id, reversed");
 }
 
-TEST(WatchFrame, HelpFitsInto80x24) {
+TEST(watch_frame, HelpFitsInto80x24) {
     WatchModel model = small_model();
     model.mode = WatchMode::HELP;
     const std::vector<FrameLine> lines = render_frame(model, {24, 200});
@@ -287,13 +287,13 @@ TEST(WatchFrame, HelpFitsInto80x24) {
     }
 }
 
-TEST(WatchFrame, AnEndlessFrameLeavesNothingOut) {
+TEST(watch_frame, AnEndlessFrameLeavesNothingOut) {
     const std::vector<std::string> lines = texts(render_endless_frame(full_model()));
     EXPECT_EQ(lines.size(), 3U + 65U + 1U + 129U);
     EXPECT_THAT(lines.back(), StartsWith("127"));
 }
 
-TEST(WatchFrame, FillsTheScreenToItsLastColumnAndLeavesNothingOfTheOldFrame) {
+TEST(watch_frame, FillsTheScreenToItsLastColumnAndLeavesNothingOfTheOldFrame) {
     for (const bool color : {false, true}) {
         TerminalScreen screen(3, 4);
         screen.feed("\x1b[?7l");
@@ -307,7 +307,7 @@ TEST(WatchFrame, FillsTheScreenToItsLastColumnAndLeavesNothingOfTheOldFrame) {
     }
 }
 
-TEST(WatchFrame, IsPaintedOverTheOldOneWithoutColorIfNotWanted) {
+TEST(watch_frame, IsPaintedOverTheOldOneWithoutColorIfNotWanted) {
     const std::vector<FrameLine> lines{{"a", LineStyle::HEADING}, {"b", LineStyle::PLAIN}};
     EXPECT_EQ(paint_frame(lines, false), "\x1b[H\x1b[Ka\r\n\x1b[Jb");
     EXPECT_EQ(paint_frame(lines, true), "\x1b[H\x1b[K\x1b[1ma\x1b[0m\r\n\x1b[Jb");

@@ -44,13 +44,13 @@ WatchAction type(WatchModel& model, std::string_view characters) {
 
 }  // namespace
 
-TEST(WatchModel, QuitsOnQ) {
+TEST(watch_model, QuitsOnQ) {
     WatchModel model = running_model();
     EXPECT_EQ(type(model, "x"), WatchAction::NONE);
     EXPECT_EQ(type(model, "q"), WatchAction::QUIT);
 }
 
-TEST(WatchModel, MeasuresRatesFromLookToLook) {
+TEST(watch_model, MeasuresRatesFromLookToLook) {
     WatchModel model = running_model();
     EXPECT_EQ(model.listing.connections[1].sent_rate, std::nullopt);
     Listing next = sample_listing(3000000);
@@ -60,7 +60,7 @@ TEST(WatchModel, MeasuresRatesFromLookToLook) {
     EXPECT_THAT(model.streams[0].out_rate, Optional(2000.0));
 }
 
-TEST(WatchModel, ForgetsEverythingWhenTheServerIsGone) {
+TEST(watch_model, ForgetsEverythingWhenTheServerIsGone) {
     WatchModel model = running_model();
     take_in(model, Failure{ExitCode::NOT_RUNNING, "gone"});
     EXPECT_FALSE(model.running);
@@ -74,7 +74,7 @@ TEST(WatchModel, ForgetsEverythingWhenTheServerIsGone) {
     EXPECT_EQ(model.listing.connections[1].sent_rate, std::nullopt);
 }
 
-TEST(WatchModel, SortsByTheNextKeyAtOnce) {
+TEST(watch_model, SortsByTheNextKeyAtOnce) {
     WatchModel model = running_model();
     type(model, "s");
     EXPECT_EQ(model.sort, SortKey::STREAM);
@@ -85,7 +85,7 @@ TEST(WatchModel, SortsByTheNextKeyAtOnce) {
     EXPECT_EQ(model.listing.connections[3].id, 3U);
 }
 
-TEST(WatchModel, PausesWithPAndSpace) {
+TEST(watch_model, PausesWithPAndSpace) {
     WatchModel model = running_model();
     type(model, "p");
     EXPECT_TRUE(model.paused);
@@ -93,7 +93,7 @@ TEST(WatchModel, PausesWithPAndSpace) {
     EXPECT_FALSE(model.paused);
 }
 
-TEST(WatchModel, FiltersWhileTyped) {
+TEST(watch_model, FiltersWhileTyped) {
     WatchModel model = running_model();
     type(model, "/cam");
     EXPECT_THAT(shown_connections(model), SizeIs(2));
@@ -110,7 +110,7 @@ TEST(WatchModel, FiltersWhileTyped) {
     EXPECT_EQ(model.filter, "cam");
 }
 
-TEST(WatchModel, FiltersByModeAndAddressToo) {
+TEST(watch_model, FiltersByModeAndAddressToo) {
     WatchModel model = running_model();
     model.filter = "publish";
     EXPECT_THAT(shown_connections(model), SizeIs(1));
@@ -118,7 +118,7 @@ TEST(WatchModel, FiltersByModeAndAddressToo) {
     EXPECT_THAT(shown_connections(model), SizeIs(1));
 }
 
-TEST(WatchModel, DropsOnlyAfterAYes) {
+TEST(watch_model, DropsOnlyAfterAYes) {
     WatchModel model = running_model();
     type(model, "d1");
     static_cast<void>(press_key(model, ENTER));
@@ -136,7 +136,7 @@ TEST(WatchModel, DropsOnlyAfterAYes) {
     EXPECT_EQ(model.mode, WatchMode::VIEW);
 }
 
-TEST(WatchModel, DropsNobodyWhoIsNotListed) {
+TEST(watch_model, DropsNobodyWhoIsNotListed) {
     WatchModel model = running_model();
     for (const char* typed : {"d99", "d128", "d1x", "d-1"}) {
         type(model, typed);
@@ -151,7 +151,7 @@ TEST(WatchModel, DropsNobodyWhoIsNotListed) {
     EXPECT_FALSE(model.drop_candidate);
 }
 
-TEST(WatchModel, HelpGoesAwayWithAnyKey) {
+TEST(watch_model, HelpGoesAwayWithAnyKey) {
     WatchModel model = running_model();
     type(model, "?");
     EXPECT_EQ(model.mode, WatchMode::HELP);
@@ -159,7 +159,7 @@ TEST(WatchModel, HelpGoesAwayWithAnyKey) {
     EXPECT_EQ(model.mode, WatchMode::VIEW);
 }
 
-TEST(WatchModel, ArrowsSelectAndTheSelectionStaysWithItsClient) {
+TEST(watch_model, ArrowsSelectAndTheSelectionStaysWithItsClient) {
     WatchModel model = running_model();
     press(model, KeyKind::UP);
     EXPECT_THAT(model.connection_cursor.selected, Optional(0U));
@@ -181,7 +181,7 @@ TEST(WatchModel, ArrowsSelectAndTheSelectionStaysWithItsClient) {
     EXPECT_EQ(model.connection_cursor.selected, std::nullopt);
 }
 
-TEST(WatchModel, TabSelectsAmongTheStreams) {
+TEST(watch_model, TabSelectsAmongTheStreams) {
     WatchModel model = running_model();
     press(model, KeyKind::TAB);
     press(model, KeyKind::END);
@@ -193,7 +193,7 @@ TEST(WatchModel, TabSelectsAmongTheStreams) {
     EXPECT_EQ(*model.drop_stream, "demo");
 }
 
-TEST(WatchModel, TheSelectedConnectionIsDroppedAfterAYes) {
+TEST(watch_model, TheSelectedConnectionIsDroppedAfterAYes) {
     WatchModel model = running_model();
     press(model, KeyKind::END);
     type(model, "d");
@@ -203,7 +203,7 @@ TEST(WatchModel, TheSelectedConnectionIsDroppedAfterAYes) {
     EXPECT_FALSE(model.drop_candidate);
 }
 
-TEST(WatchModel, EitherTableCanBeShownAlone) {
+TEST(watch_model, EitherTableCanBeShownAlone) {
     WatchModel model = running_model();
     type(model, "v");
     EXPECT_EQ(model.view, WatchView::STREAMS);
@@ -215,7 +215,7 @@ TEST(WatchModel, EitherTableCanBeShownAlone) {
     EXPECT_EQ(model.view, WatchView::BOTH);
 }
 
-TEST(WatchModel, UnitAndColumnsAreChanged) {
+TEST(watch_model, UnitAndColumnsAreChanged) {
     WatchModel model = running_model();
     type(model, "ut");
     EXPECT_EQ(model.unit, RateUnit::BITS);
@@ -225,7 +225,7 @@ TEST(WatchModel, UnitAndColumnsAreChanged) {
     EXPECT_EQ(model.keep, Keep::ADDRESSES);
 }
 
-TEST(WatchModel, AFilterShowsTheStreamsOfWhatItShows) {
+TEST(watch_model, AFilterShowsTheStreamsOfWhatItShows) {
     WatchModel model = running_model();
     model.filter = "10.0.0.3";
     ASSERT_THAT(shown_streams(model), SizeIs(1));

@@ -11,9 +11,9 @@ namespace {
 
 constexpr std::uint64_t SECOND_US = 1000000;
 
-class WatchOfASilentServer : public testing::Test {
+class watch_of_a_silent_server_test : public testing::Test {
   protected:
-    WatchOfASilentServer() {
+    watch_of_a_silent_server_test() {
         settings.socket_path = server.path();
         settings.timeout_seconds = 5;
     }
@@ -25,7 +25,7 @@ class WatchOfASilentServer : public testing::Test {
 
 }  // namespace
 
-TEST_F(WatchOfASilentServer, SaysThatNothingCame) {
+TEST_F(watch_of_a_silent_server_test, SaysThatNothingCame) {
     WatchObserver observer(settings, {});
     EXPECT_FALSE(observer.keep_time(model, 0));
     EXPECT_FALSE(observer.keep_time(model, 5 * SECOND_US - 1));
@@ -34,7 +34,7 @@ TEST_F(WatchOfASilentServer, SaysThatNothingCame) {
     EXPECT_THAT(model.trouble->message, HasSubstr("did not answer in time (5 s)"));
 }
 
-TEST_F(WatchOfASilentServer, AServerThatIsStillSendingIsNotToBeRestarted) {
+TEST_F(watch_of_a_silent_server_test, AServerThatIsStillSendingIsNotToBeRestarted) {
     for (const std::uint64_t timeout : {5U, 60U, 100U}) {
         settings.timeout_seconds = static_cast<double>(timeout);
         WatchObserver observer(settings, {});

@@ -26,7 +26,7 @@ DropOutcome outcome(std::optional<Failure> failure) {
 
 }  // namespace
 
-TEST(WatchdogLog, ADropIsOneLineWithItsRuleAndReason) {
+TEST(watchdog_log, ADropIsOneLineWithItsRuleAndReason) {
     const WatchdogEvent event = event_of(stalled(), outcome(std::nullopt));
     EXPECT_EQ(
         event_line(event, 0),
@@ -39,7 +39,7 @@ TEST(WatchdogLog, ADropIsOneLineWithItsRuleAndReason) {
         R"("address":"203.0.113.7:50000","message":null})");
 }
 
-TEST(WatchdogLog, AClientThatHadLeftWasKeptAndAnotherOneThatWasHitIsAMiss) {
+TEST(watchdog_log, AClientThatHadLeftWasKeptAndAnotherOneThatWasHitIsAMiss) {
     const WatchdogEvent kept =
         event_of(stalled(), outcome(Failure{ExitCode::NEGATIVE_ANSWER, "It had left."}));
     EXPECT_EQ(kept.action, WatchdogAction::KEPT);
@@ -51,14 +51,14 @@ TEST(WatchdogLog, AClientThatHadLeftWasKeptAndAnotherOneThatWasHitIsAMiss) {
     EXPECT_EQ(event_line(missed, 1).substr(0, 10), "missed 17,");
 }
 
-TEST(WatchdogLog, ADropThatNoNameGuardsSaysSoAndCountsMisses) {
+TEST(watchdog_log, ADropThatNoNameGuardsSaysSoAndCountsMisses) {
     EXPECT_EQ(event_line({WatchdogAction::DROPPED, unnamed(), ""}, 3),
               "dropped 5, without a stream from 203.0.113.8:50000: unnamed: it has had no stream name for 20 "
               "s; no name "
               "guards such a drop, only the id (misses so far: 3)");
 }
 
-TEST(WatchdogLog, NamesOfStrangersCanNeitherEndALineNorSteerATerminal) {
+TEST(watchdog_log, NamesOfStrangersCanNeitherEndALineNorSteerATerminal) {
     Verdict verdict = stalled();
     verdict.target.stream = "a\nb\x1b[2J" + std::string(1000, 'x');
     const std::string line = event_line({WatchdogAction::WOULD_DROP, verdict, ""}, 0);

@@ -41,7 +41,7 @@ struct Client {
 };
 
 // Clients that are listed once a second.
-class WatchdogRules : public testing::Test {
+class watchdog_rules_test : public testing::Test {
   protected:
     void player(unsigned id, Media media, std::uint64_t first_second = 1) {
         clients.push_back({id, "play", std::move(media), first_second});
@@ -142,7 +142,7 @@ auto verdict(unsigned id, DropRule rule, const std::string& reason) {
 
 }  // namespace
 
-TEST_F(WatchdogRules, APlayerThatStandsStillBesideOthersIsDroppedAfterThirtySeconds) {
+TEST_F(watchdog_rules_test, APlayerThatStandsStillBesideOthersIsDroppedAfterThirtySeconds) {
     only(DropRule::STALLED);
     publisher(1, steady(FOUR_MBIT));
     player(2, steady(FOUR_MBIT));
@@ -154,7 +154,7 @@ TEST_F(WatchdogRules, APlayerThatStandsStillBesideOthersIsDroppedAfterThirtySeco
                                     "did")));
 }
 
-TEST_F(WatchdogRules, ALonePlayerThatStandsStillIsJudgedByThePublisher) {
+TEST_F(watchdog_rules_test, ALonePlayerThatStandsStillIsJudgedByThePublisher) {
     only(DropRule::STALLED);
     publisher(1, steady(FOUR_MBIT));
     player(3, until(100));
@@ -163,12 +163,12 @@ TEST_F(WatchdogRules, ALonePlayerThatStandsStillIsJudgedByThePublisher) {
                                              "it has taken nothing for 30 s while the publisher went on")));
 }
 
-TEST_F(WatchdogRules, ALonePlayerOfAStreamWithoutAPublisherIsKept) {
+TEST_F(watchdog_rules_test, ALonePlayerOfAStreamWithoutAPublisherIsKept) {
     player(3, until(1));
     EXPECT_EQ(first_verdict(3000), 0U);
 }
 
-TEST_F(WatchdogRules, ALonePlayerIsKeptWhileItIsNotKnownWhichOfTwoPublishersIsRelayed) {
+TEST_F(watchdog_rules_test, ALonePlayerIsKeptWhileItIsNotKnownWhichOfTwoPublishersIsRelayed) {
     only(DropRule::STALLED);
     publisher(1, steady(FOUR_MBIT));
     publisher(2, until(50));
@@ -176,7 +176,7 @@ TEST_F(WatchdogRules, ALonePlayerIsKeptWhileItIsNotKnownWhichOfTwoPublishersIsRe
     EXPECT_EQ(first_verdict(3000), 0U);
 }
 
-TEST_F(WatchdogRules, WhenAllPlayersStandStillOnlyTheirPublisherIsASuspect) {
+TEST_F(watchdog_rules_test, WhenAllPlayersStandStillOnlyTheirPublisherIsASuspect) {
     publisher(1, steady(FOUR_MBIT));
     for (unsigned id = 2; id < 22; ++id) {
         player(id, until(100));
@@ -184,7 +184,7 @@ TEST_F(WatchdogRules, WhenAllPlayersStandStillOnlyTheirPublisherIsASuspect) {
     EXPECT_EQ(first_verdict(3000), 0U);
 }
 
-TEST_F(WatchdogRules, OfTwentyPlayersOfAFrozenPublisherWithAWaitingRivalNoneIsDropped) {
+TEST_F(watchdog_rules_test, OfTwentyPlayersOfAFrozenPublisherWithAWaitingRivalNoneIsDropped) {
     publisher(1, until(100));
     publisher(30, steady(FOUR_MBIT), 20);
     for (unsigned id = 2; id < 22; ++id) {
@@ -200,7 +200,7 @@ TEST_F(WatchdogRules, OfTwentyPlayersOfAFrozenPublisherWithAWaitingRivalNoneIsDr
 }
 
 // What a new player is sent first is no sign that the others could have got something.
-TEST_F(WatchdogRules, PlayersThatJoinAFrozenStreamMakeNoOtherOnesLookStalled) {
+TEST_F(watchdog_rules_test, PlayersThatJoinAFrozenStreamMakeNoOtherOnesLookStalled) {
     only(DropRule::STALLED);
     limits.behind_us = WatchdogLimits().behind_us;
     publisher(1, until(100));
@@ -215,7 +215,7 @@ TEST_F(WatchdogRules, PlayersThatJoinAFrozenStreamMakeNoOtherOnesLookStalled) {
     EXPECT_EQ(first_verdict(1000), 0U);
 }
 
-TEST_F(WatchdogRules, AnswersToWhatAPlayerSendsAreNoMedia) {
+TEST_F(watchdog_rules_test, AnswersToWhatAPlayerSendsAreNoMedia) {
     only(DropRule::STALLED);
     publisher(1, until(100));
     player(2, until(100));
@@ -223,7 +223,7 @@ TEST_F(WatchdogRules, AnswersToWhatAPlayerSendsAreNoMedia) {
     EXPECT_EQ(first_verdict(1000), 0U);
 }
 
-TEST_F(WatchdogRules, ASecondPlayerThatHasJustJoinedDoesNotProtectOneThatStandsStill) {
+TEST_F(watchdog_rules_test, ASecondPlayerThatHasJustJoinedDoesNotProtectOneThatStandsStill) {
     only(DropRule::STALLED);
     publisher(1, steady(FOUR_MBIT));
     player(2, until(100));
@@ -231,7 +231,7 @@ TEST_F(WatchdogRules, ASecondPlayerThatHasJustJoinedDoesNotProtectOneThatStandsS
     EXPECT_THAT(ids(at(130)), ElementsAre(2));
 }
 
-TEST_F(WatchdogRules, APlayerThatStandsStillForLessThanTheLimitIsKept) {
+TEST_F(watchdog_rules_test, APlayerThatStandsStillForLessThanTheLimitIsKept) {
     only(DropRule::STALLED);
     publisher(1, steady(FOUR_MBIT));
     player(2, steady(FOUR_MBIT));
@@ -239,7 +239,7 @@ TEST_F(WatchdogRules, APlayerThatStandsStillForLessThanTheLimitIsKept) {
     EXPECT_EQ(first_verdict(1000), 0U);
 }
 
-TEST_F(WatchdogRules, AReaderOfAKilobyteASecondIsDroppedThoughItNeverStandsStill) {
+TEST_F(watchdog_rules_test, AReaderOfAKilobyteASecondIsDroppedThoughItNeverStandsStill) {
     publisher(1, steady(FOUR_MBIT));
     player(2, steady(FOUR_MBIT));
     player(4, steady(FOUR_MBIT));
@@ -249,7 +249,7 @@ TEST_F(WatchdogRules, AReaderOfAKilobyteASecondIsDroppedThoughItNeverStandsStill
                                              "it is more than 15 s behind other players of the stream")));
 }
 
-TEST_F(WatchdogRules, ALoneReaderOfAKilobyteASecondIsJudgedByThePublisher) {
+TEST_F(watchdog_rules_test, ALoneReaderOfAKilobyteASecondIsJudgedByThePublisher) {
     publisher(1, steady(FOUR_MBIT));
     player(3, steady(1000));
     // Both settle in second 6; a tenth may be headers.
@@ -258,13 +258,13 @@ TEST_F(WatchdogRules, ALoneReaderOfAKilobyteASecondIsJudgedByThePublisher) {
                 ElementsAre(verdict(3, DropRule::BEHIND, "it is more than 15 s behind its publisher")));
 }
 
-TEST_F(WatchdogRules, HeadersOfDifferentSizeMakeNoLonePlayerLookBehind) {
+TEST_F(watchdog_rules_test, HeadersOfDifferentSizeMakeNoLonePlayerLookBehind) {
     publisher(1, steady(FOUR_MBIT));
     player(3, steady(FOUR_MBIT / 100 * 91));
     EXPECT_EQ(first_verdict(10000), 0U);
 }
 
-TEST_F(WatchdogRules, OneThatReadsNineTenthsBesideOthersIsDroppedInTheEnd) {
+TEST_F(watchdog_rules_test, OneThatReadsNineTenthsBesideOthersIsDroppedInTheEnd) {
     publisher(1, steady(FOUR_MBIT));
     player(2, steady(FOUR_MBIT));
     player(3, steady(FOUR_MBIT / 10 * 9));
@@ -273,7 +273,7 @@ TEST_F(WatchdogRules, OneThatReadsNineTenthsBesideOthersIsDroppedInTheEnd) {
 }
 
 // Chunks of 128 bytes have eight bytes of headers in a thousand more than large ones.
-TEST_F(WatchdogRules, PlayersWithLargeChunksAreKeptBesideThoseWithSmallOnes) {
+TEST_F(watchdog_rules_test, PlayersWithLargeChunksAreKeptBesideThoseWithSmallOnes) {
     only(DropRule::BEHIND);
     publisher(1, steady(FOUR_MBIT / 1000 * 1008));
     for (unsigned id = 2; id < 8; ++id) {
@@ -284,7 +284,7 @@ TEST_F(WatchdogRules, PlayersWithLargeChunksAreKeptBesideThoseWithSmallOnes) {
 }
 
 // Chunks of one byte have as many bytes of headers as of media.
-TEST_F(WatchdogRules, APlayerThatAsksForTinyChunksMakesNoOtherOneLookBehind) {
+TEST_F(watchdog_rules_test, APlayerThatAsksForTinyChunksMakesNoOtherOneLookBehind) {
     for (const unsigned others : {1U, 2U, 5U}) {
         clients.clear();
         now_s = 0;
@@ -300,7 +300,7 @@ TEST_F(WatchdogRules, APlayerThatAsksForTinyChunksMakesNoOtherOneLookBehind) {
     }
 }
 
-TEST_F(WatchdogRules, ManySlowReadersDoNotProtectEachOther) {
+TEST_F(watchdog_rules_test, ManySlowReadersDoNotProtectEachOther) {
     publisher(1, steady(FOUR_MBIT));
     player(2, steady(FOUR_MBIT));
     for (unsigned id = 3; id < 40; ++id) {
@@ -309,7 +309,7 @@ TEST_F(WatchdogRules, ManySlowReadersDoNotProtectEachOther) {
     EXPECT_THAT(at(60), SizeIs(37));
 }
 
-TEST_F(WatchdogRules, PlayersThatStandStillDoNotProtectOneThatFallsBehind) {
+TEST_F(watchdog_rules_test, PlayersThatStandStillDoNotProtectOneThatFallsBehind) {
     only(DropRule::BEHIND);
     publisher(1, steady(FOUR_MBIT));
     player(2, steady(FOUR_MBIT));
@@ -321,7 +321,7 @@ TEST_F(WatchdogRules, PlayersThatStandStillDoNotProtectOneThatFallsBehind) {
     EXPECT_THAT(ids(at(216)), Contains(10));
 }
 
-TEST_F(WatchdogRules, APlayerThatCatchesUpIsKept) {
+TEST_F(watchdog_rules_test, APlayerThatCatchesUpIsKept) {
     publisher(1, steady(FOUR_MBIT));
     player(2, steady(FOUR_MBIT));
     player(4, steady(FOUR_MBIT));
@@ -331,7 +331,7 @@ TEST_F(WatchdogRules, APlayerThatCatchesUpIsKept) {
 }
 
 // The other one settles while this one is slow, and then seems ahead by what it was behind.
-TEST_F(WatchdogRules, OneThatCatchesUpMakesNoOtherOneLookBehind) {
+TEST_F(watchdog_rules_test, OneThatCatchesUpMakesNoOtherOneLookBehind) {
     publisher(1, steady(FOUR_MBIT));
     player(2, [](std::uint64_t s) { return (s >= 95 && s < 109 ? 95 : s) * FOUR_MBIT; });
     // Settles in second 105; it has short pauses of its own later.
@@ -342,7 +342,7 @@ TEST_F(WatchdogRules, OneThatCatchesUpMakesNoOtherOneLookBehind) {
     EXPECT_EQ(first_verdict(1000), 0U);
 }
 
-TEST_F(WatchdogRules, AStreamThatPausesMakesNoPlayerLookBehind) {
+TEST_F(watchdog_rules_test, AStreamThatPausesMakesNoPlayerLookBehind) {
     const Media pausing = [](std::uint64_t s) {
         return (s / 100 * 50 + std::min<std::uint64_t>(s % 100, 50)) * FOUR_MBIT;
     };
@@ -354,13 +354,13 @@ TEST_F(WatchdogRules, AStreamThatPausesMakesNoPlayerLookBehind) {
     EXPECT_EQ(first_verdict(2000), 0U);
 }
 
-TEST_F(WatchdogRules, ALonePlayerThatGetsEverythingIsKept) {
+TEST_F(watchdog_rules_test, ALonePlayerThatGetsEverythingIsKept) {
     publisher(1, steady(FOUR_MBIT));
     player(2, steady(FOUR_MBIT));
     EXPECT_EQ(first_verdict(10000), 0U);
 }
 
-TEST_F(WatchdogRules, PublishersThatSendLittleOrSeldomAreKeptAndSoAreTheirPlayers) {
+TEST_F(watchdog_rules_test, PublishersThatSendLittleOrSeldomAreKeptAndSoAreTheirPlayers) {
     struct Row {
         const char* what;
         Media sent;
@@ -391,14 +391,14 @@ TEST_F(WatchdogRules, PublishersThatSendLittleOrSeldomAreKeptAndSoAreTheirPlayer
     }
 }
 
-TEST_F(WatchdogRules, AStalledPlayerOfASlowStreamIsDropped) {
+TEST_F(watchdog_rules_test, AStalledPlayerOfASlowStreamIsDropped) {
     publisher(1, steady(4500));
     player(2, steady(4400));
     player(3, until(100, 4400));
     EXPECT_NEAR(static_cast<double>(first_verdict(1000)), 119, 2);
 }
 
-TEST_F(WatchdogRules, AClientWithoutAStreamNameIsDroppedAfterTwentySeconds) {
+TEST_F(watchdog_rules_test, AClientWithoutAStreamNameIsDroppedAfterTwentySeconds) {
     clients.push_back({7, "", steady(0), 1, ""});
     clients.push_back({8, "play", steady(0), 1, ""});
     EXPECT_THAT(at(20), IsEmpty());
@@ -406,13 +406,13 @@ TEST_F(WatchdogRules, AClientWithoutAStreamNameIsDroppedAfterTwentySeconds) {
                                     verdict(8, DropRule::UNNAMED, "it has had no stream name for 20 s")));
 }
 
-TEST_F(WatchdogRules, ASilentPublisherIsDroppedAfterThirtySeconds) {
+TEST_F(watchdog_rules_test, ASilentPublisherIsDroppedAfterThirtySeconds) {
     publisher(1, until(100));
     EXPECT_THAT(at(129), IsEmpty());
     EXPECT_THAT(at(130), ElementsAre(verdict(1, DropRule::SILENT, "it has sent nothing for 30 s")));
 }
 
-TEST_F(WatchdogRules, OfTwoSilentPublishersNoneIsPreferredToTheOther) {
+TEST_F(watchdog_rules_test, OfTwoSilentPublishersNoneIsPreferredToTheOther) {
     publisher(1, until(100));
     publisher(2, until(90));
     EXPECT_THAT(ids(at(115)), IsEmpty());
@@ -420,13 +420,13 @@ TEST_F(WatchdogRules, OfTwoSilentPublishersNoneIsPreferredToTheOther) {
     EXPECT_THAT(ids(at(130)), ElementsAre(1, 2));
 }
 
-TEST_F(WatchdogRules, ARivalOfAnotherStreamWaitsForNothing) {
+TEST_F(watchdog_rules_test, ARivalOfAnotherStreamWaitsForNothing) {
     publisher(1, until(100));
     clients.push_back({2, "publish", steady(FOUR_MBIT), 1, "cam2"});
     EXPECT_THAT(at(129), IsEmpty());
 }
 
-TEST_F(WatchdogRules, PlayersAreDroppedForTheirAgeOneAfterTheOther) {
+TEST_F(watchdog_rules_test, PlayersAreDroppedForTheirAgeOneAfterTheOther) {
     only(DropRule::AGE);
     player(4, steady(FOUR_MBIT));
     player(2, steady(FOUR_MBIT), 2);
@@ -442,19 +442,19 @@ TEST_F(WatchdogRules, PlayersAreDroppedForTheirAgeOneAfterTheOther) {
 }
 
 // Timestamps pass 24 bits after 4 h 39 min 37 s.
-TEST(WatchdogDefaults, AFullTableOfPlayersIsDroppedForItsAgeBeforeTimestampsPassTwentyFourBits) {
+TEST(watchdog_defaults, AFullTableOfPlayersIsDroppedForItsAgeBeforeTimestampsPassTwentyFourBits) {
     const WatchdogLimits limits;
     EXPECT_LT(*limits.age_us + (SLOT_COUNT - 1) * limits.stagger_us,
               std::uint64_t{1 << 24} * 1000 - 60 * SECOND);
 }
 
-TEST_F(WatchdogRules, TheNameAtTheLimitIsKeptAndALongerOneDropped) {
+TEST_F(watchdog_rules_test, TheNameAtTheLimitIsKeptAndALongerOneDropped) {
     clients.push_back({1, "publish", steady(100), 1, std::string(200, 'a')});
     clients.push_back({2, "play", steady(100), 1, std::string(201, 'a')});
     EXPECT_THAT(at(1), ElementsAre(verdict(2, DropRule::LONG_NAME, "its stream name has 201 bytes")));
 }
 
-TEST_F(WatchdogRules, PublishersFromElsewhereAreDroppedAndPlayersFromElsewhereKept) {
+TEST_F(watchdog_rules_test, PublishersFromElsewhereAreDroppedAndPlayersFromElsewhereKept) {
     limits.publish_from = {*parse_address_range("203.0.113.0/24"), *parse_address_range("10.1.2.3")};
     clients.push_back({1, "publish", steady(100), 1, "cam1", "203.0.113.255"});
     clients.push_back({2, "publish", steady(100), 1, "cam2", "203.0.114.0"});
@@ -463,7 +463,7 @@ TEST_F(WatchdogRules, PublishersFromElsewhereAreDroppedAndPlayersFromElsewhereKe
     EXPECT_THAT(at(1), ElementsAre(verdict(2, DropRule::ORIGIN, "publishers may not come from its address")));
 }
 
-TEST_F(WatchdogRules, ARuleThatIsOffDropsNoClient) {
+TEST_F(watchdog_rules_test, ARuleThatIsOffDropsNoClient) {
     limits = WatchdogLimits{std::nullopt, std::nullopt, std::nullopt,
                             std::nullopt, std::nullopt, std::nullopt,
                             std::nullopt, {},           0};
@@ -476,7 +476,7 @@ TEST_F(WatchdogRules, ARuleThatIsOffDropsNoClient) {
     EXPECT_EQ(first_verdict(17000), 0U);
 }
 
-TEST_F(WatchdogRules, ServerThatStoodStillMakesNoClientASuspect) {
+TEST_F(watchdog_rules_test, ServerThatStoodStillMakesNoClientASuspect) {
     publisher(1, until(10));
     player(2, until(10));
     clients.push_back({3, "", steady(0), 9, ""});

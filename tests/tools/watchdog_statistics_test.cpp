@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-TEST(WatchdogStatistics, AreOneLineWithEachRule) {
+TEST(watchdog_statistics, AreOneLineWithEachRule) {
     WatchdogLimits limits;
     limits.stalled_us.reset();
     limits.publish_from = {*parse_address_range("10.0.0.0/8")};
@@ -27,7 +27,7 @@ TEST(WatchdogStatistics, AreOneLineWithEachRule) {
     EXPECT_EQ(statistics_json(*read), statistics_json(statistics));
 }
 
-TEST(WatchdogStatistics, GoOnCountingAfterARestart) {
+TEST(watchdog_statistics, GoOnCountingAfterARestart) {
     WatchdogStatistics earlier = make_statistics(WatchdogLimits(), false);
     earlier.looks = 10;
     earlier.rules[DropRule::AGE].drops = 4;
@@ -41,7 +41,7 @@ TEST(WatchdogStatistics, GoOnCountingAfterARestart) {
     EXPECT_FALSE(statistics.rules[DropRule::AGE].limit) << "the rule is off now";
 }
 
-TEST(WatchdogStatistics, TextThatIsSomethingElseIsRefused) {
+TEST(watchdog_statistics, TextThatIsSomethingElseIsRefused) {
     for (const char* const text :
          {"", "{}", "[]", R"({"version":2})", R"({"version":1,"rules":{}})", "\xff"}) {
         EXPECT_FALSE(parse_statistics(text)) << text;

@@ -2,16 +2,24 @@
 #include <unistd.h>
 
 #include <array>
+#include <cstdint>
 #include <cstdio>
 #include <iostream>
+#include <optional>
+#include <string>
+#include <vector>
 
 #include "tools/v9_rtmp_ctl/check_rules.h"
 #include "tools/v9_rtmp_ctl/commands.h"
+#include "tools/v9_rtmp_ctl/connections.h"
+#include "tools/v9_rtmp_ctl/control_client.h"
+#include "tools/v9_rtmp_ctl/failure.h"
 #include "tools/v9_rtmp_ctl/json_forms.h"
 #include "tools/v9_rtmp_ctl/parse_number.h"
 #include "tools/v9_rtmp_ctl/port_check.h"
 #include "tools/v9_rtmp_ctl/rtmp_probe.h"
 #include "tools/v9_rtmp_ctl/state_file.h"
+#include "tools/v9_rtmp_ctl/text.h"
 
 namespace {
 

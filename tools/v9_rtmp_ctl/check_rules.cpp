@@ -1,7 +1,6 @@
 #include "tools/v9_rtmp_ctl/check_rules.h"
 
 #include <algorithm>
-#include <array>
 #include <limits>
 #include <sstream>
 

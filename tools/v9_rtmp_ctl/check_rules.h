@@ -1,6 +1,7 @@
 // What check finds, judged from what the system shows. Pure.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -26,8 +27,8 @@ struct Finding {
 constexpr std::uint64_t NEEDED_DESCRIPTORS = 256;
 constexpr std::uint64_t NEEDED_THREADS = 300;
 
-// The soft limit of a row such as "Max open files" of /proc/PID/limits; nothing when the row is absent, the largest number
-// for "unlimited".
+// The soft limit of a row such as "Max open files" of /proc/PID/limits; nothing when the row is absent, the
+// largest number for "unlimited".
 [[nodiscard]] std::optional<std::uint64_t> find_limit(std::string_view limits, std::string_view row);
 
 // The path of the cgroup of version 2 in /proc/PID/cgroup; empty when there is none.

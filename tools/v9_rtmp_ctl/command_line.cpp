@@ -1,6 +1,7 @@
 #include "tools/v9_rtmp_ctl/command_line.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <utility>
 
 #include "tools/v9_rtmp_ctl/check_rules.h"

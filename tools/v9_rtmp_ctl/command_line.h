@@ -4,10 +4,13 @@
 // the server as it is, so options of the tool end there; a COMMAND that begins with '-' has a "--" before it.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "tools/v9_rtmp_ctl/commands.h"
+#include "tools/v9_rtmp_ctl/control_client.h"
+#include "tools/v9_rtmp_ctl/failure.h"
 
 enum class Subcommand {
     NONE,  // only something to print was asked for
@@ -46,8 +49,8 @@ struct CommandLine {
     std::string help_text;  // to be printed on standard output; of NONE
 };
 
-// words is the command line behind the program's name. Reads the file that --config names. A failure is
-// ExitCode::USAGE.
+// words is the command line behind the program's name. Reads the file that --config names. A failure
+// is ExitCode::USAGE.
 [[nodiscard]] std::optional<Failure> parse_command_line(const std::vector<std::string>& words,
                                                         CommandLine& command_line);
 

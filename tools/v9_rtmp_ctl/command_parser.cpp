@@ -1,10 +1,14 @@
 #include "tools/v9_rtmp_ctl/command_parser.h"
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <array>
 #include <utility>
 
+#include "tools/v9_rtmp_ctl/commands.h"
+#include "tools/v9_rtmp_ctl/connections.h"
 #include "tools/v9_rtmp_ctl/option_checks.h"
+#include "tools/v9_rtmp_ctl/selection.h"
 #include "tools/v9_rtmp_ctl/serve_options.h"
 #include "tools/v9_rtmp_ctl/text.h"
 #include "tools/v9_rtmp_ctl/usage_failure.h"

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "tools/v9_rtmp_ctl/command_line.h"
+#include "tools/v9_rtmp_ctl/failure.h"
 #include "tools/v9_rtmp_ctl/watchdog_options.h"
 
 // Options that take a value as a word of its own, before or behind the subcommand.

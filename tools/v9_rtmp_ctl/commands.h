@@ -1,7 +1,7 @@
 // What the user asked for, and the subcommands that do it: one source file each.
 //
-// Every run_ function prints its result on standard output, reports a failure itself, and returns the exit
-// code.
+// Every run_ function prints its result on standard output, reports a failure itself, and returns the
+// exit code.
 #pragma once
 
 #include <cstdint>
@@ -115,8 +115,8 @@ ExitCode run_raw(const Settings& settings, const RawOptions& options);
 ExitCode run_completion(const std::string& shell);
 ExitCode run_version(const Settings& settings);
 
-// Becomes the program that serves, which is in a package of its own, with the words of this command line. Returns only
-// when that is not there.
+// Becomes the program that serves, which is in a package of its own, with the words of this command line.
+// Returns only when that is not there.
 ExitCode become_serve(const std::vector<std::string>& words);
 // In that program: serves until the process is ended.
 ExitCode run_serve(const Settings& settings, const ServeOptions& options);

@@ -1,8 +1,10 @@
 #include <iostream>
+#include <string>
 #include <string_view>
 
 #include "tools/v9_rtmp_ctl/commands.h"
 #include "tools/v9_rtmp_ctl/completion_scripts.h"
+#include "tools/v9_rtmp_ctl/failure.h"
 
 ExitCode run_completion(const std::string& shell) {
     if (shell == "bash") {

@@ -1,5 +1,5 @@
-// A file of options: one a line, "name = value", as on the command line but without its dashes. Lines that begin with
-// '#' or ';' are comments.
+// A file of options: one a line, "name = value", as on the command line but without its dashes. Lines that
+// begin with '#' or ';' are comments.
 #pragma once
 
 #include <optional>

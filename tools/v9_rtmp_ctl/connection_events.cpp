@@ -1,15 +1,17 @@
 #include "tools/v9_rtmp_ctl/connection_events.h"
 
 #include <algorithm>
+#include <cstddef>
+#include <string_view>
 
 #include "tools/v9_rtmp_ctl/drop_rules.h"
 #include "tools/v9_rtmp_ctl/json_forms.h"
 #include "tools/v9_rtmp_ctl/stream_summary.h"
 #include "tools/v9_rtmp_ctl/text.h"
+#include "tools/v9_rtmp_ctl/time_units.h"
 
 namespace {
 
-constexpr std::uint64_t US_PER_SECOND = 1000000;
 constexpr std::size_t MAX_NAME_BYTES = 1024;
 
 // Whether both are one client, as the history tells clients apart.

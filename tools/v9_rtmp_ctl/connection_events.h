@@ -1,8 +1,8 @@
 // What happened between two listings: who came, what each began, who went. Pure.
 //
-// What begins and ends between two listings is not seen. The listing does not say which of several publishers of a name is
-// relayed: the one that was there first counts as that one, and a takeover is that it goes while others stay. Of several
-// that stay, the likeliest is named (see stream_summary.h).
+// What begins and ends between two listings is not seen. The listing does not say which of several publishers
+// of a name is relayed: the one that was there first counts as that one, and a takeover is that it goes while
+// others stay. Of several that stay, the likeliest is named (see stream_summary.h).
 #pragma once
 
 #include <cstdint>
@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "tools/v9_rtmp_ctl/connection_history.h"
+#include "tools/v9_rtmp_ctl/connections.h"
 
 enum class EventKind { CONNECT, PUBLISH, PLAY, TAKEOVER, GONE };
 
@@ -42,15 +43,15 @@ class EventWatch {
     std::map<std::string, Connection> publishers;  // the one that counts as relayed, by stream
 };
 
-// "publish 3, publish of 'cam1' from 203.0.113.7:50000"; a takeover with the one before, one that went with its age and
-// bytes.
+// "publish 3, publish of 'cam1' from 203.0.113.7:50000"; a takeover with the one before, one that went with
+// its age and bytes.
 [[nodiscard]] std::string event_line(const ConnectionEvent& event);
 
 // {"unix_seconds":N,"event":"gone","id":3,"stream":...,"mode":...,"address":...,"seconds":12,"bytes_sent":N,
 //  "bytes_received":N,"previous_id":null,"previous_address":null}
 [[nodiscard]] std::string event_json(const ConnectionEvent& event, std::int64_t unix_seconds);
 
-// The same for a program's environment: V9_EVENT, V9_ID, V9_STREAM, V9_MODE, V9_ADDRESS, V9_SECONDS, V9_BYTES_SENT,
-// V9_BYTES_RECEIVED, V9_PREVIOUS_ID, V9_PREVIOUS_ADDRESS; what is absent is empty. Strangers' bytes are escaped, and
-// names cut after 1024 bytes.
+// The same for a program's environment: V9_EVENT, V9_ID, V9_STREAM, V9_MODE, V9_ADDRESS, V9_SECONDS,
+// V9_BYTES_SENT, V9_BYTES_RECEIVED, V9_PREVIOUS_ID, V9_PREVIOUS_ADDRESS; what is absent is empty. Strangers'
+// bytes are escaped, and names cut after 1024 bytes.
 [[nodiscard]] std::vector<std::pair<std::string, std::string>> event_variables(const ConnectionEvent& event);

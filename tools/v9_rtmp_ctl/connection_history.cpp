@@ -1,6 +1,7 @@
 #include "tools/v9_rtmp_ctl/connection_history.h"
 
 #include <algorithm>
+#include <iterator>
 #include <nlohmann/json.hpp>
 #include <utility>
 
@@ -159,10 +160,7 @@ void ConnectionHistory::take_in(const Listing& listing) {
     attended += elapsed_us;
     const std::vector<ClientRecord> before = std::exchange(records, {});
     for (const Connection& connection : listing.connections) {
-        const auto known = std::find_if(before.begin(), before.end(), [&connection](const ClientRecord& r) {
-            return r.connection.id == connection.id;
-        });
-        take_in_client(connection, known == before.end() ? nullptr : &*known, elapsed_us);
+        take_in_client(connection, find_client(before, connection.id), elapsed_us);
     }
     std::sort(records.begin(), records.end(),
               [](const ClientRecord& a, const ClientRecord& b) { return a.connection.id < b.connection.id; });
@@ -321,6 +319,12 @@ bool ConnectionHistory::restore(std::string_view json, const std::string& boot) 
     } catch (const Json::exception&) {
         return false;
     }
+}
+
+const ClientRecord* find_client(const std::vector<ClientRecord>& records, unsigned id) {
+    const auto found = std::find_if(records.begin(), records.end(),
+                                    [id](const ClientRecord& r) { return r.connection.id == id; });
+    return found == records.end() ? nullptr : &*found;
 }
 
 const CounterHistory& media_counter(const ClientRecord& record) {

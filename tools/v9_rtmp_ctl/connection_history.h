@@ -1,18 +1,19 @@
 // What listing after listing has shown of each client and each stream. No I/O; times are passed in.
 //
-// A client is an id with an address. Another address is another client, and so is a counter that has gone back, or a
-// stream that is no longer the one that was chosen; choosing one only adds to what is known. A listing that lacks a
-// client's address or counters says nothing about it, and nothing counts against it.
+// A client is an id with an address. Another address is another client, and so is a counter that has gone
+// back, or a stream that is no longer the one that was chosen; choosing one only adds to what is known. A
+// listing that lacks a client's address or counters says nothing about it, and nothing counts against it.
 //
 // Two clocks:
 //   monotonic  that of Listing::taken_us, for ages. It goes on while nothing is listed.
-//   attended   the sum of the times between listings, of each at most HistoryTimes::longest_gap_us. A server that
-//              stood, or a watchdog that did not run, makes no client stand still.
+//   attended   the sum of the times between listings, of each at most HistoryTimes::longest_gap_us. A server
+//              that stood, or a watchdog that did not run, makes no client stand still.
 //
-// Clients are compared by what each has got since both had settled in the stream, so that neither the age of a
-// client nor what each one is sent when it joins makes a difference.
+// Clients are compared by what each has got since both had settled in the stream, so that neither the age of
+// a client nor what each one is sent when it joins makes a difference.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <map>
@@ -68,14 +69,15 @@ struct StreamTotals {
 
 class ConnectionHistory {
   public:
-    // Strangers choose names: longer ones have no totals, and of more names than this those whose last client has been
-    // gone for longest are forgotten.
+    // Strangers choose names: longer ones have no totals, and of more names than this those whose last client
+    // has been gone for longest are forgotten.
     static constexpr std::size_t MAX_NAME_BYTES = 200;
     static constexpr std::size_t MAX_STREAMS = 512;
 
     explicit ConnectionHistory(HistoryTimes all_times = {});
 
-    // Listings come in the order of their times. One that is earlier than the last begins a new history of clients.
+    // Listings come in the order of their times. One that is earlier than the last begins a new history
+    // of clients.
     void take_in(const Listing& listing);
 
     // Those of the last listing, by id.
@@ -86,12 +88,13 @@ class ConnectionHistory {
     [[nodiscard]] std::uint64_t now_us() const { return last_us; }
     [[nodiscard]] std::uint64_t attended_us() const { return attended; }
 
-    // One line without line end. boot tells the boots of the machine apart, since its monotonic clock begins with each:
+    // One line without line end. boot tells the boots of the machine apart, since its monotonic clock begins
+    // with each:
     //   {"version":1,"boot":"...","now_us":N,"attended_us":N,"settled":N,"clients":[...],"streams":[...]}
     [[nodiscard]] std::string to_json(const std::string& boot) const;
 
-    // Takes what to_json gave. Of another boot only the streams' counters are taken. False, and nothing has changed,
-    // when the text is something else.
+    // Takes what to_json gave. Of another boot only the streams' counters are taken. False, and nothing has
+    // changed, when the text is something else.
     [[nodiscard]] bool restore(std::string_view json, const std::string& boot);
 
   private:
@@ -110,24 +113,28 @@ class ConnectionHistory {
     std::uint64_t last_settled = 0;
 };
 
+// Null when no client has this slot.
+[[nodiscard]] const ClientRecord* find_client(const std::vector<ClientRecord>& records, unsigned id);
+
 // The one that media moves: bytes received of a publisher, bytes sent of every other client.
 [[nodiscard]] const CounterHistory& media_counter(const ClientRecord& record);
 
 // For how long, on the attended clock, the counter has not grown.
 [[nodiscard]] std::uint64_t still_us(const ConnectionHistory& history, const CounterHistory& counter);
 
-// How much media a client has got, or sent, since it and the other had both settled. Nothing while one has not, or where
-// the two are not of one stream.
+// How much media a client has got, or sent, since it and the other had both settled. Nothing while one has
+// not, or where the two are not of one stream.
 [[nodiscard]] std::optional<std::uint64_t> gained_beside(const ClientRecord& client,
                                                          const ClientRecord& other);
 
-// The same at an earlier attended time, by the newest sample that is not later; 0 where that was before both had settled.
+// The same at an earlier attended time, by the newest sample that is not later; 0 where that was before both
+// had settled.
 [[nodiscard]] std::optional<std::uint64_t> gained_beside_until(const ClientRecord& client,
                                                                const ClientRecord& other,
                                                                std::uint64_t attended_us);
 
-// In how many of the parts of equal length into which the last window_us are cut the client's media has grown, and by
-// how much in the whole window. Nothing while the client has not been there as long.
+// In how many of the parts of equal length into which the last window_us are cut the client's media has
+// grown, and by how much in the whole window. Nothing while the client has not been there as long.
 struct Movement {
     unsigned parts = 0;
     std::uint64_t bytes = 0;

@@ -1,15 +1,16 @@
 #include "tools/v9_rtmp_ctl/connections.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <tuple>
 
 #include "tools/v9_rtmp_ctl/parse_number.h"
 #include "tools/v9_rtmp_ctl/text.h"
+#include "tools/v9_rtmp_ctl/time_units.h"
 
 namespace {
 
 constexpr char SEPARATOR = '\t';
-constexpr double US_PER_SECOND = 1e6;
 
 bool parse_size(std::string_view text, std::optional<VideoSize>& size) {
     if (text.empty()) {
@@ -115,6 +116,12 @@ std::optional<Connection> parse_connection_line(std::string_view line) {
     return connection;
 }
 
+const Connection* find_connection(const std::vector<Connection>& connections, unsigned id) {
+    const auto found = std::find_if(connections.begin(), connections.end(),
+                                    [id](const Connection& c) { return c.id == id; });
+    return found == connections.end() ? nullptr : &*found;
+}
+
 std::string size_text(const std::optional<VideoSize>& size) {
     return size ? std::to_string(size->width) + "x" + std::to_string(size->height) : std::string();
 }
@@ -143,6 +150,12 @@ void add_rates(const Listing& before, Listing& after) {
             now.sent_rate = rate(then->bytes_sent, now.bytes_sent, elapsed_us);
             now.received_rate = rate(then->bytes_received, now.bytes_received, elapsed_us);
         }
+    }
+}
+
+void add_rate(std::optional<double>& sum, const std::optional<double>& rate) {
+    if (rate) {
+        sum = sum.value_or(0) + *rate;
     }
 }
 

@@ -4,7 +4,6 @@
 // slot, same address, same stream, counters that have not gone back.
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -51,6 +50,9 @@ enum class SortKey { ID, STREAM, RATE };
 // id is no slot.
 [[nodiscard]] std::optional<Connection> parse_connection_line(std::string_view line);
 
+// Null when the listing has no such connection.
+[[nodiscard]] const Connection* find_connection(const std::vector<Connection>& connections, unsigned id);
+
 // The server's own seven fields, separated by TABs, with strangers' bytes escaped: a stream name can neither
 // begin a field nor a line.
 [[nodiscard]] std::string plain_line(const Connection& connection);
@@ -60,6 +62,9 @@ enum class SortKey { ID, STREAM, RATE };
 
 // Fills in the rates of after's connections.
 void add_rates(const Listing& before, Listing& after);
+
+// Adds a rate to a sum if it is known.
+void add_rate(std::optional<double>& sum, const std::optional<double>& rate);
 
 // Both directions together; nothing when neither is known.
 [[nodiscard]] std::optional<double> total_rate(const Connection& connection);

@@ -1,9 +1,11 @@
 #include "tools/v9_rtmp_ctl/control_client.h"
 
+#include <comm_socket_v4.h>
+
 #include <algorithm>
 #include <chrono>
+#include <cstddef>
 #include <memory>
-#include <string_view>
 #include <thread>
 
 namespace {

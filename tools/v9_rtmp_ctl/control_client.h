@@ -28,14 +28,14 @@ struct Reply {
     std::vector<std::pair<std::string, std::string>> pairs;  // in the order sent; names may repeat
 };
 
-// How long a reply may take in all while its bytes keep coming, when a pause may be silence_us: 60 s, or twice the pause
-// where that is more. So it is always told apart from silence.
+// How long a reply may take in all while its bytes keep coming, when a pause may be silence_us: 60 s, or
+// twice the pause where that is more. So it is always told apart from silence.
 [[nodiscard]] std::uint64_t longest_reply_us(std::uint64_t silence_us);
 
 class ControlClient {
   public:
-    // A call fails when nothing of its reply comes for silence_us, and after longest_reply_us. Connecting and sending
-    // fail after silence_us.
+    // A call fails when nothing of its reply comes for silence_us, and after longest_reply_us. Connecting and
+    // sending fail after silence_us.
     ControlClient(std::string path, std::uint64_t silence);
     ~ControlClient();
     ControlClient(const ControlClient&) = delete;
@@ -47,16 +47,17 @@ class ControlClient {
     // Sends and waits for the reply, which may carry any status.
     [[nodiscard]] std::optional<Failure> call(const Request& request, Reply& reply);
 
-    // Sends all requests in one write and waits for their replies, which are as many and in the same order. After a
-    // failure some of the requests may have been carried out.
+    // Sends all requests in one write and waits for their replies, which are as many and in the same order.
+    // After a failure some of the requests may have been carried out.
     [[nodiscard]] std::optional<Failure> call_all(const std::vector<Request>& requests,
                                                   std::vector<Reply>& replies);
 
     // Sends a request that wants no reply.
     [[nodiscard]] std::optional<Failure> send_async(const Request& request);
 
-    // For a caller that polls: start() sends all requests in one write, and poll_reply() looks for the next of their
-    // replies without waiting; found is false while it has not come. A failure ends the connection and the wait.
+    // For a caller that polls: start() sends all requests in one write, and poll_reply() looks for the next
+    // of their replies without waiting; found is false while it has not come. A failure ends the connection
+    // and the wait.
     [[nodiscard]] std::optional<Failure> start(const std::vector<Request>& requests);
     [[nodiscard]] std::optional<Failure> poll_reply(Reply& reply, bool& found);
 

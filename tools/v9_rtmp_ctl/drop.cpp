@@ -1,13 +1,21 @@
 // drop id and drop address: connections by their ids.
 #include <algorithm>
+#include <cstddef>
 #include <iterator>
+#include <optional>
+#include <string>
 #include <string_view>
+#include <vector>
 
 #include "tools/v9_rtmp_ctl/commands.h"
+#include "tools/v9_rtmp_ctl/connections.h"
+#include "tools/v9_rtmp_ctl/control_client.h"
 #include "tools/v9_rtmp_ctl/drop_batch.h"
 #include "tools/v9_rtmp_ctl/drop_by_selection.h"
 #include "tools/v9_rtmp_ctl/drop_output.h"
 #include "tools/v9_rtmp_ctl/drop_rules.h"
+#include "tools/v9_rtmp_ctl/failure.h"
+#include "tools/v9_rtmp_ctl/json_forms.h"
 #include "tools/v9_rtmp_ctl/text.h"
 
 namespace {

@@ -8,7 +8,8 @@ namespace {
 
 // The server carries out that many requests at once; two of them are listings.
 constexpr std::size_t MAX_BATCH_TARGETS = COMM_SOCKET_V4_MAX_REQUESTS_PER_IDLE - 2;
-// Names can be megabytes long. The server reads more than this of a client at once, so a batch is carried out at once.
+// Names can be megabytes long. The server reads more than this of a client at once, so a batch is carried out
+// at once.
 constexpr std::size_t MAX_BATCH_NAME_BYTES = 65536;
 
 using Batch = std::vector<DropTarget>;

@@ -1,16 +1,19 @@
 // Drops connections by their ids, and finds out which clients that hit.
 //
-// The server knows only ids and, as a guard, stream names. A slot can get another client of the same name, or again
-// one without a name, at any moment. So listing, drops and listing are asked for in one write, which the server
-// usually carries out at once, and both listings have to agree.
+// The server knows only ids and, as a guard, stream names. A slot can get another client of the same name, or
+// again one without a name, at any moment. So listing, drops and listing are asked for in one write, which
+// the server usually carries out at once, and both listings have to agree.
 #pragma once
 
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "tools/v9_rtmp_ctl/connections.h"
 #include "tools/v9_rtmp_ctl/control_client.h"
 #include "tools/v9_rtmp_ctl/drop_rules.h"
+#include "tools/v9_rtmp_ctl/failure.h"
 
 struct DropOutcome {
     unsigned id = 0;
@@ -26,8 +29,8 @@ struct DropOutcome {
 [[nodiscard]] std::vector<Request> batch_requests(const std::vector<DropTarget>& batch,
                                                   const std::optional<Listing>& before);
 
-// Appends the outcomes of the batch. replies answer batch_requests with the same listing from before, which becomes the
-// last one: the next batch needs no other.
+// Appends the outcomes of the batch. replies answer batch_requests with the same listing from before, which
+// becomes the last one: the next batch needs no other.
 [[nodiscard]] std::optional<Failure> judge_batch(const std::vector<DropTarget>& batch,
                                                  const std::vector<Reply>& replies,
                                                  std::optional<Listing>& before,

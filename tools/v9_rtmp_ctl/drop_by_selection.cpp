@@ -1,11 +1,16 @@
 // drop stream and drop unnamed, and what they share with drop address.
 #include "tools/v9_rtmp_ctl/drop_by_selection.h"
 
+#include <comm_socket_v4.h>
+
 #include <algorithm>
+#include <optional>
 #include <set>
 
 #include "tools/v9_rtmp_ctl/drop_output.h"
 #include "tools/v9_rtmp_ctl/drop_rules.h"
+#include "tools/v9_rtmp_ctl/json_forms.h"
+#include "tools/v9_rtmp_ctl/selection.h"
 #include "tools/v9_rtmp_ctl/tables.h"
 #include "tools/v9_rtmp_ctl/text.h"
 
@@ -28,8 +33,8 @@ std::optional<Failure> drop_name(ControlClient& client, const std::string& name,
     return std::nullopt;
 }
 
-// Drops all connections of these stream names, those that have joined meanwhile too. The empty name stands for
-// connections that have chosen no stream.
+// Drops all connections of these stream names, those that have joined meanwhile too. The empty name stands
+// for connections that have chosen no stream.
 ExitCode drop_names(const Settings& settings, ControlClient& client, const std::set<std::string>& names,
                     const Failure& nothing_matched) {
     DropResult result;

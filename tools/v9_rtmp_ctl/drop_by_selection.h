@@ -5,6 +5,9 @@
 #include <vector>
 
 #include "tools/v9_rtmp_ctl/commands.h"
+#include "tools/v9_rtmp_ctl/connections.h"
+#include "tools/v9_rtmp_ctl/control_client.h"
+#include "tools/v9_rtmp_ctl/failure.h"
 
 // whose ends the question: "of stream 'cam1'". nothing_matched is what to say where there is nothing to drop.
 ExitCode drop_by_selection(const Settings& settings, const DropOptions& options, const std::string& whose,

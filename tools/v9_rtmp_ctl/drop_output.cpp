@@ -5,6 +5,7 @@
 #include <iostream>
 
 #include "tools/v9_rtmp_ctl/output.h"
+#include "tools/v9_rtmp_ctl/table.h"
 #include "tools/v9_rtmp_ctl/tables.h"
 
 namespace {

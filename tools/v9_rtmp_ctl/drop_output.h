@@ -1,11 +1,14 @@
 // What a drop asks and tells.
 #pragma once
 
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "tools/v9_rtmp_ctl/commands.h"
+#include "tools/v9_rtmp_ctl/connections.h"
+#include "tools/v9_rtmp_ctl/failure.h"
 #include "tools/v9_rtmp_ctl/json_forms.h"
 
 // "1 connection", "2 connections".

@@ -1,6 +1,8 @@
 #include "tools/v9_rtmp_ctl/drop_rules.h"
 
-#include <algorithm>
+#include <comm_socket_v4.h>
+
+#include <cstddef>
 
 #include "tools/v9_rtmp_ctl/parse_number.h"
 #include "tools/v9_rtmp_ctl/text.h"
@@ -124,12 +126,6 @@ Failure not_of_stream(unsigned id, const std::string& stream) {
 Failure no_such_connection(unsigned id) {
     return {ExitCode::NEGATIVE_ANSWER,
             "there is no connection " + std::to_string(id) + ". 'v9_rtmp_ctl list' shows those there are."};
-}
-
-const Connection* find_connection(const std::vector<Connection>& connections, unsigned id) {
-    const auto found = std::find_if(connections.begin(), connections.end(),
-                                    [id](const Connection& c) { return c.id == id; });
-    return found == connections.end() ? nullptr : &*found;
 }
 
 std::string describe(const Connection& connection) {

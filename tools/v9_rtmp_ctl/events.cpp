@@ -1,12 +1,19 @@
 #include <algorithm>
 #include <array>
+#include <cstdint>
 #include <ctime>
 #include <iostream>
+#include <optional>
+#include <string>
 
 #include "tools/v9_rtmp_ctl/commands.h"
 #include "tools/v9_rtmp_ctl/connection_events.h"
+#include "tools/v9_rtmp_ctl/connections.h"
+#include "tools/v9_rtmp_ctl/control_client.h"
+#include "tools/v9_rtmp_ctl/failure.h"
 #include "tools/v9_rtmp_ctl/hook.h"
 #include "tools/v9_rtmp_ctl/stop_signals.h"
+#include "tools/v9_rtmp_ctl/text.h"
 #include "tools/v9_rtmp_ctl/trouble.h"
 
 namespace {

@@ -1,11 +1,11 @@
 #include "tools/v9_rtmp_ctl/failure.h"
 
+#include <comm_socket_v4.h>
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <filesystem>
 #include <iostream>
-#include <sstream>
 #include <system_error>
 
 #include "tools/v9_rtmp_ctl/text.h"

@@ -33,8 +33,9 @@ struct Failure {
 // COMM_SOCKET_V4_TIMEOUT. Looks at what is at the path.
 [[nodiscard]] Failure describe_failure(comm_socket_v4_error error, const std::string& socket_path);
 
-// No server answers at the path. Looks at what is there. listeners says what listens on the server's port all the same,
-// empty for nothing; it counts only at the server's own path. Without it the advice is to look with hello.
+// No server answers at the path. Looks at what is there. listeners says what listens on the server's port
+// all the same, empty for nothing; it counts only at the server's own path. Without it the advice is to look
+// with hello.
 [[nodiscard]] Failure no_server(const std::string& socket_path,
                                 const std::optional<std::string>& listeners = std::nullopt);
 

@@ -1,8 +1,15 @@
+#include <comm_socket_v4.h>
+
 #include <array>
+#include <cstdint>
 #include <cstdio>
 #include <iostream>
+#include <optional>
+#include <string>
 
 #include "tools/v9_rtmp_ctl/commands.h"
+#include "tools/v9_rtmp_ctl/control_client.h"
+#include "tools/v9_rtmp_ctl/failure.h"
 #include "tools/v9_rtmp_ctl/json_forms.h"
 #include "tools/v9_rtmp_ctl/port_check.h"
 #include "tools/v9_rtmp_ctl/text.h"

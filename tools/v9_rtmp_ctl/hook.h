@@ -1,4 +1,5 @@
-// A program of the user's that is run for each event: without a shell, what happened is in its environment alone.
+// A program of the user's that is run for each event: without a shell, what happened is in its
+// environment alone.
 #pragma once
 
 #include <signal.h>
@@ -12,8 +13,8 @@
 // One that runs for longer is killed.
 constexpr std::uint64_t MAX_HOOK_US = 10000000;
 
-// Runs the program, which is looked for in PATH, and waits for its end. Standard input is empty. Nothing when it ended
-// with status 0, or what went wrong.
+// Runs the program, which is looked for in PATH, and waits for its end. Standard input is empty. Nothing when
+// it ended with status 0, or what went wrong.
 [[nodiscard]] std::optional<std::string> run_hook(
     const std::string& program, const std::vector<std::pair<std::string, std::string>>& variables,
     const sigset_t& signal_mask, std::uint64_t max_us = MAX_HOOK_US);

@@ -1,5 +1,7 @@
 #include "tools/v9_rtmp_ctl/json_forms.h"
 
+#include <utility>
+
 #include "tools/v9_rtmp_ctl/json_objects.h"
 
 namespace {

@@ -30,7 +30,8 @@
                                      const std::vector<Connection>& connections,
                                      RateUnit unit = RateUnit::BYTES);
 
-// {"greeting":"...","round_trip_ms":1.234,"listeners":[4711],"notes":["..."]}; listeners null where it is not known.
+// {"greeting":"...","round_trip_ms":1.234,"listeners":[4711],"notes":["..."]}; listeners null where it is
+// not known.
 struct Greeting {
     std::string text;
     std::uint64_t round_trip_us = 0;
@@ -39,8 +40,8 @@ struct Greeting {
 };
 [[nodiscard]] std::string hello_json(const Greeting& greeting);
 
-// {"dropped":2,"dry_run":false,"message":"..."}; message null where none came from the server. Of a drop by id with
-// "ids", what was dropped for certain, and "uncertain", where another client may have been hit.
+// {"dropped":2,"dry_run":false,"message":"..."}; message null where none came from the server. Of a drop by
+// id with "ids", what was dropped for certain, and "uncertain", where another client may have been hit.
 struct DropResult {
     std::size_t dropped = 0;
     bool dry_run = false;

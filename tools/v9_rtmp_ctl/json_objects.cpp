@@ -1,11 +1,12 @@
 #include "tools/v9_rtmp_ctl/json_objects.h"
 
 #include <cmath>
+#include <cstddef>
 
 namespace {
 
-// What a terminal may obey although JSON lets it stand: DEL, and the controls U+0080 to U+009F. They occur in strings
-// only, where an escape means the same.
+// What a terminal may obey although JSON lets it stand: DEL, and the controls U+0080 to U+009F. They occur in
+// strings only, where an escape means the same.
 std::string escape_controls(const std::string& json) {
     constexpr char DEL = '\x7f';
     constexpr char FIRST_OF_TWO = '\xc2';  // of U+0080 to U+00BF in UTF-8; the second is the code itself

@@ -1,4 +1,5 @@
-// Connections and streams as JSON objects, shared by the forms that scripts read and by the status page. Pure.
+// Connections and streams as JSON objects, shared by the forms that scripts read and by the status
+// page. Pure.
 #pragma once
 
 #include <nlohmann/json.hpp>

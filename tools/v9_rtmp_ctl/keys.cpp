@@ -1,6 +1,7 @@
 #include "tools/v9_rtmp_ctl/keys.h"
 
 #include <array>
+#include <cstddef>
 #include <utility>
 
 namespace {

@@ -1,9 +1,17 @@
 #include <algorithm>
 #include <iostream>
+#include <optional>
+#include <string>
+#include <vector>
 
 #include "tools/v9_rtmp_ctl/commands.h"
+#include "tools/v9_rtmp_ctl/connections.h"
+#include "tools/v9_rtmp_ctl/control_client.h"
+#include "tools/v9_rtmp_ctl/failure.h"
 #include "tools/v9_rtmp_ctl/json_forms.h"
 #include "tools/v9_rtmp_ctl/output.h"
+#include "tools/v9_rtmp_ctl/selection.h"
+#include "tools/v9_rtmp_ctl/table.h"
 #include "tools/v9_rtmp_ctl/tables.h"
 
 namespace {

@@ -3,10 +3,13 @@
 
 #include <exception>
 #include <iostream>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "tools/v9_rtmp_ctl/command_line.h"
+#include "tools/v9_rtmp_ctl/commands.h"
+#include "tools/v9_rtmp_ctl/failure.h"
 
 namespace {
 

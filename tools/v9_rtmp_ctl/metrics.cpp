@@ -1,10 +1,15 @@
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cstdint>
 #include <cstring>
 #include <iostream>
+#include <optional>
+#include <string>
 #include <thread>
 
 #include "tools/v9_rtmp_ctl/commands.h"
+#include "tools/v9_rtmp_ctl/failure.h"
 #include "tools/v9_rtmp_ctl/monitor.h"
 #include "tools/v9_rtmp_ctl/state_file.h"
 #include "tools/v9_rtmp_ctl/text.h"

@@ -3,14 +3,15 @@
 #include <algorithm>
 #include <array>
 #include <charconv>
-#include <set>
+#include <map>
 #include <utility>
 
 #include "tools/v9_rtmp_ctl/stream_health.h"
+#include "tools/v9_rtmp_ctl/time_units.h"
+#include "tools/v9_rtmp_ctl/watchdog_rules.h"
 
 namespace {
 
-constexpr double US_PER_SECOND = 1e6;
 using Labels = std::vector<std::pair<std::string, std::string>>;
 
 double seconds(std::uint64_t us) {

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "tools/v9_rtmp_ctl/connection_history.h"
+#include "tools/v9_rtmp_ctl/connections.h"
 #include "tools/v9_rtmp_ctl/process_info.h"
 #include "tools/v9_rtmp_ctl/stream_series.h"
 #include "tools/v9_rtmp_ctl/watchdog_statistics.h"

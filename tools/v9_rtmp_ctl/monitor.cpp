@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "tools/v9_rtmp_ctl/metrics_text.h"
 #include "tools/v9_rtmp_ctl/port_check.h"
 #include "tools/v9_rtmp_ctl/state_file.h"
 

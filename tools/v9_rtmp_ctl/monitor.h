@@ -1,13 +1,15 @@
-// Looks at the server again and again, and keeps what the looks show together: for metrics and for the status page.
-// Used by one thread at a time.
+// Looks at the server again and again, and keeps what the looks show together: for metrics and for the status
+// page. Used by one thread at a time.
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string>
 
 #include "tools/v9_rtmp_ctl/connection_history.h"
+#include "tools/v9_rtmp_ctl/connections.h"
 #include "tools/v9_rtmp_ctl/control_client.h"
-#include "tools/v9_rtmp_ctl/metrics_text.h"
+#include "tools/v9_rtmp_ctl/failure.h"
 #include "tools/v9_rtmp_ctl/process_info.h"
 #include "tools/v9_rtmp_ctl/rate_history.h"
 #include "tools/v9_rtmp_ctl/stream_series.h"

@@ -1,5 +1,6 @@
 #include "tools/v9_rtmp_ctl/option_checks.h"
 
+#include <CLI/CLI.hpp>
 #include <sstream>
 #include <string>
 

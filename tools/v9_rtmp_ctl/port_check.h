@@ -1,7 +1,7 @@
 // Who listens on the server's RTMP port, as /proc tells it.
 //
-// A second start by mistake takes the control socket, and of the same user it shares the port: players then land
-// where their publisher is not. Neither server notices.
+// A second start by mistake takes the control socket, and of the same user it shares the port: players then
+// land where their publisher is not. Neither server notices.
 #pragma once
 
 #include <sys/types.h>
@@ -44,6 +44,6 @@ struct PortCheck {
 // Of the network namespace of the server that answers.
 [[nodiscard]] PortCheck check_port(const Peer& answering);
 
-// The failure of a connection to the control socket. If nothing listens there and it is the server's own path, it also
-// says which process listens on the port all the same, and what brings its socket back.
+// The failure of a connection to the control socket. If nothing listens there and it is the server's own
+// path, it also says which process listens on the port all the same, and what brings its socket back.
 [[nodiscard]] Failure explain_no_connection(const std::string& socket_path, const Failure& failure);

@@ -2,9 +2,12 @@
 
 #include <unistd.h>
 
+#include <cstddef>
 #include <filesystem>
 #include <limits>
 #include <sstream>
+#include <string>
+#include <system_error>
 #include <vector>
 
 #include "tools/v9_rtmp_ctl/check_rules.h"

@@ -5,7 +5,6 @@
 
 #include <cstdint>
 #include <optional>
-#include <string>
 #include <string_view>
 
 struct ProcessInfo {
@@ -18,8 +17,8 @@ struct ProcessInfo {
     std::optional<std::uint64_t> max_descriptors;   // absent too where there is no limit
 };
 
-// Reads "/proc/PID/stat", whose second field may hold blanks and parentheses. boot_time_s is when the machine started,
-// since the epoch. False when the text is something else; info is unchanged then.
+// Reads "/proc/PID/stat", whose second field may hold blanks and parentheses. boot_time_s is when the machine
+// started, since the epoch. False when the text is something else; info is unchanged then.
 [[nodiscard]] bool read_process_stat(std::string_view stat, double boot_time_s, ProcessInfo& info);
 
 // Of a process that runs. Everything is absent where the process is out of view.

@@ -2,9 +2,9 @@
 
 #include <algorithm>
 
-namespace {
+#include "tools/v9_rtmp_ctl/time_units.h"
 
-constexpr double US_PER_SECOND = 1e6;
+namespace {
 
 void append(std::deque<RatePoint>& points, const RatePoint& point) {
     points.push_back(point);

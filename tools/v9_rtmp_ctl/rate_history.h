@@ -1,6 +1,7 @@
 // The rates of each stream over the last minutes, for plots. Pure.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <map>
@@ -18,8 +19,8 @@ class RateHistory {
     static constexpr std::uint64_t STEP_US = 5000000;
     static constexpr std::size_t MAX_POINTS = 60;
 
-    // Adds a point to every stream once a step is over. Streams that the history does not know any more, and those that
-    // have carried nothing since the oldest point, are forgotten.
+    // Adds a point to every stream once a step is over. Streams that the history does not know any more, and
+    // those that have carried nothing since the oldest point, are forgotten.
     void take_in(const ConnectionHistory& history);
 
     // By stream name, the oldest point first.

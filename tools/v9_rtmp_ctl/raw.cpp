@@ -1,6 +1,9 @@
 #include <iostream>
+#include <optional>
 
 #include "tools/v9_rtmp_ctl/commands.h"
+#include "tools/v9_rtmp_ctl/control_client.h"
+#include "tools/v9_rtmp_ctl/failure.h"
 #include "tools/v9_rtmp_ctl/json_forms.h"
 
 ExitCode run_raw(const Settings& settings, const RawOptions& options) {

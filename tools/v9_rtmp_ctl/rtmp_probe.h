@@ -1,5 +1,5 @@
-// A small RTMP client that finds out whether the server relays: a handshake, or a short stream from a publisher to a
-// player of its own. It speaks as much of RTMP as that needs.
+// A small RTMP client that finds out whether the server relays: a handshake, or a short stream from a
+// publisher to a player of its own. It speaks as much of RTMP as that needs.
 #pragma once
 
 #include <cstdint>

@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/signalfd.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <array>
@@ -11,14 +12,16 @@
 #include <cstdlib>
 #include <utility>
 
+#include "tools/v9_rtmp_ctl/io_errors.h"
+
 namespace {
 
 // Alternate screen, no cursor, no wrapping of a line that is as wide as the screen.
 constexpr std::string_view TAKE = "\x1b[?1049h\x1b[?25l\x1b[?7l\x1b[2J";
 constexpr std::string_view GIVE_BACK = "\x1b[0m\x1b[?7h\x1b[?25h\x1b[?1049l";
 
-// All that would end or stop the process with the terminal taken, but for what cannot be held and for those of a
-// crash, which leave a core to look at.
+// All that would end or stop the process with the terminal taken, but for what cannot be held and for those
+// of a crash, which leave a core to look at.
 sigset_t signals_to_tell() {
     sigset_t set;
     sigemptyset(&set);
@@ -39,8 +42,8 @@ bool can_fill_a_screen() {
            std::string_view(term) != "dumb";
 }
 
-// The system stops a background process that asks for this, with SIGTTOU, until it is brought to the foreground. False
-// when there is nobody who could do that, or no terminal.
+// The system stops a background process that asks for this, with SIGTTOU, until it is brought to the
+// foreground. False when there is nobody who could do that, or no terminal.
 bool wait_for_foreground() {
     int result = 0;
     do {
@@ -54,8 +57,8 @@ unsigned device_of(int fd) {
     return ioctl(fd, TIOCGDEV, &device) == 0 ? device : 0;
 }
 
-// Standard output once more, so that not to block concerns this process alone: the shell shares the other description.
-// Blocks where the terminal cannot be opened again.
+// Standard output once more, so that not to block concerns this process alone: the shell shares the other
+// description. Blocks where the terminal cannot be opened again.
 int open_output() {
     for (const char* const path : {"/dev/tty", "/proc/self/fd/1"}) {
         const int fd = open(path, O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
@@ -73,7 +76,7 @@ int open_output() {
 bool write_some(int fd, std::string_view& bytes) {
     const ssize_t n = ::write(fd, bytes.data(), bytes.size());
     if (n < 0) {
-        return errno == EAGAIN || errno == EINTR;
+        return can_try_again(errno);
     }
     bytes.remove_prefix(static_cast<std::size_t>(n));
     return n > 0;
@@ -177,7 +180,7 @@ bool Screen::read_keys(std::string& bytes) {
     if (n > 0) {
         bytes.append(typed.data(), static_cast<std::size_t>(n));
     }
-    return n > 0 || (n < 0 && (errno == EINTR || errno == EAGAIN));
+    return n > 0 || (n < 0 && can_try_again(errno));
 }
 
 bool Screen::write(std::string_view bytes) const {

@@ -2,10 +2,10 @@
 //
 //   [usual] --open, resume--> [taken] --close, suspend, destructor--> [usual]
 //
-// However the owner is left, by return or by exception, the terminal is as it was before. A terminal that takes no
-// output is left within half a second; what it has not shown yet is thrown away then. Signals that would end or stop
-// the process are held back meanwhile and told by read_signals instead. A process in the background takes nothing: it
-// is stopped until it is brought to the foreground. One at a time; one thread.
+// However the owner is left, by return or by exception, the terminal is as it was before. A terminal that
+// takes no output is left within half a second; what it has not shown yet is thrown away then. Signals that
+// would end or stop the process are held back meanwhile and told by read_signals instead. A process in the
+// background takes nothing: it is stopped until it is brought to the foreground. One at a time; one thread.
 #pragma once
 
 #include <termios.h>
@@ -39,15 +39,15 @@ class Screen {
     // Appends what was typed. False when the terminal is gone.
     [[nodiscard]] static bool read_keys(std::string& bytes);
 
-    // Writes as long as the terminal takes output and no signal has come; the caller reads the signals and paints
-    // again. False when the terminal is gone.
+    // Writes as long as the terminal takes output and no signal has come; the caller reads the signals and
+    // paints again. False when the terminal is gone.
     [[nodiscard]] bool write(std::string_view bytes) const;
 
     // Another job has the terminal, although this process was not asked to give it back.
     [[nodiscard]] static bool is_in_background();
 
-    // Gives the terminal back, stops the process until it is continued in the foreground, and takes the terminal
-    // again. False when that is gone.
+    // Gives the terminal back, stops the process until it is continued in the foreground, and takes the
+    // terminal again. False when that is gone.
     [[nodiscard]] bool suspend();
 
   private:

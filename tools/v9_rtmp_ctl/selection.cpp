@@ -1,8 +1,11 @@
 #include "tools/v9_rtmp_ctl/selection.h"
 
 #include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 
 #include <algorithm>
+#include <cstddef>
 
 #include "tools/v9_rtmp_ctl/parse_number.h"
 

@@ -9,12 +9,12 @@
 
 #include "tools/v9_rtmp_ctl/connections.h"
 
-// Whether a name pattern has '*' (any bytes, also none) or '?' (any one byte) in it. No stream name that the server
-// accepts has one.
+// Whether a name pattern has '*' (any bytes, also none) or '?' (any one byte) in it. No stream name that the
+// server accepts has one.
 [[nodiscard]] bool is_pattern(std::string_view text);
 
-// A pattern matches names; every other text matches itself alone. The empty name, which stands for no stream, is
-// matched by no pattern.
+// A pattern matches names; every other text matches itself alone. The empty name, which stands for no stream,
+// is matched by no pattern.
 [[nodiscard]] bool matches_name(std::string_view pattern, std::string_view name);
 
 // An address, with or without a port, or a prefix such as 203.0.113.0/24.

@@ -3,8 +3,12 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <string>
+#include <system_error>
+#include <vector>
 
 #include "tools/v9_rtmp_ctl/commands.h"
+#include "tools/v9_rtmp_ctl/failure.h"
 #include "tools/v9_rtmp_ctl/text.h"
 
 ExitCode become_serve(const std::vector<std::string>& words) {

@@ -1,5 +1,7 @@
 #include "tools/v9_rtmp_ctl/serve_options.h"
 
+#include <string>
+
 #include "tools/v9_rtmp_ctl/option_checks.h"
 
 namespace {

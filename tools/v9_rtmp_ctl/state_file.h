@@ -7,8 +7,8 @@
 // Nothing when the file cannot be read, or is larger than 64 MiB; errno says why.
 [[nodiscard]] std::optional<std::string> read_file(const std::string& path);
 
-// Writes a temporary file beside it and renames that, so that a reader sees either the old text or the new one. False,
-// and the file is as it was, on a failure; errno says which.
+// Writes a temporary file beside it and renames that, so that a reader sees either the old text or the new
+// one. False, and the file is as it was, on a failure; errno says which.
 [[nodiscard]] bool replace_file(const std::string& path, const std::string& text);
 
 // What tells the boots of this machine apart; empty when the system does not say.

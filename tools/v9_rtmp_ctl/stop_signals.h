@@ -1,5 +1,5 @@
-// The signals that end a command which otherwise goes on: SIGINT, SIGTERM and SIGHUP. While one of these exists, they are
-// told here and do not end the process.
+// The signals that end a command which otherwise goes on: SIGINT, SIGTERM and SIGHUP. While one of these
+// exists, they are told here and do not end the process.
 #pragma once
 
 #include <signal.h>

@@ -5,8 +5,8 @@
 
 namespace {
 
-// What a player has to get of the bytes that a publisher has sent since both can be compared: chunks of 128 bytes have 0.8
-// percent more headers than large ones.
+// What a player has to get of the bytes that a publisher has sent since both can be compared: chunks of 128
+// bytes have 0.8 percent more headers than large ones.
 constexpr std::uint64_t KEEPS_UP_PERCENT = 97;
 // And of those that it has sent recently, some of which may still be on their way.
 constexpr std::uint64_t KEEPS_UP_RECENTLY_PERCENT = 95;
@@ -16,8 +16,8 @@ bool is_still(const ConnectionHistory& history, const ClientRecord& record) {
     return still_us(history, media_counter(record)) >= STILL_AFTER_US;
 }
 
-// How long ago the other one had got, or sent, what this one has got by now, both since they could be compared; of the
-// other's bytes so many percent count. Nothing while they cannot be compared.
+// How long ago the other one had got, or sent, what this one has got by now, both since they could be
+// compared; of the other's bytes so many percent count. Nothing while they cannot be compared.
 std::optional<std::uint64_t> find_lag_us(const ConnectionHistory& history, const ClientRecord& client,
                                          const ClientRecord& other, std::uint64_t percent) {
     const std::optional<std::uint64_t> own = gained_beside(client, other);
@@ -36,8 +36,8 @@ std::optional<std::uint64_t> find_lag_us(const ConnectionHistory& history, const
                                             static_cast<double>(wanted));
 }
 
-// Against the foremost player. 0 where the client keeps up with a publisher, because the foremost may only have smaller
-// chunks; also where there is no other player to compare with.
+// Against the foremost player. 0 where the client keeps up with a publisher, because the foremost may only
+// have smaller chunks; also where there is no other player to compare with.
 std::uint64_t behind_us(const ConnectionHistory& history, const ClientRecord& client) {
     std::uint64_t behind = 0;
     for (const ClientRecord& other : history.clients()) {

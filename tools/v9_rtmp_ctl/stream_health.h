@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "tools/v9_rtmp_ctl/connection_history.h"
+#include "tools/v9_rtmp_ctl/connections.h"
 
 // Without media for so long, a client stands still.
 constexpr std::uint64_t STILL_AFTER_US = 5000000;
@@ -37,7 +38,7 @@ struct ClientHealth {
 };
 [[nodiscard]] ClientHealth client_health(const ConnectionHistory& history, const ClientRecord& client);
 
-// Whether a player gets what a publisher of its stream sends, recently and all in all. Headers count in both counters and
-// differ with the chunk size, so a few percent may be missing. Both have settled.
+// Whether a player gets what a publisher of its stream sends, recently and all in all. Headers count in both
+// counters and differ with the chunk size, so a few percent may be missing. Both have settled.
 [[nodiscard]] bool keeps_up(const ConnectionHistory& history, const ClientRecord& player,
                             const ClientRecord& publisher, std::uint64_t limit_us);

@@ -1,16 +1,18 @@
 // Which streams have metrics of their own. Pure.
 //
-// Strangers choose stream names, and each name with metrics of its own is kept for weeks by the program that collects
-// them. So:
+// Strangers choose stream names, and each name with metrics of its own is kept for weeks by the program that
+// collects them. So:
 //
 // 1. At most MAX_SERIES names have their own; all others together are OTHER_STREAMS.
 // 2. A name has to have carried MIN_BYTES first.
-// 3. Where all are taken, a name gives way when its last client has been gone for KEEP_US, or to a name that has carried
-//    twice as much. So strangers make at most MAX_SERIES new ones in KEEP_US for free, and each one beyond that costs
-//    twice the bytes of the smallest.
-// 4. No counter goes back: a name's own begins with 0 when it is given one, and what was counted as OTHER_STREAMS stays there.
+// 3. Where all are taken, a name gives way when its last client has been gone for KEEP_US, or to a name that
+//    has carried twice as much. So strangers make at most MAX_SERIES new ones in KEEP_US for free, and each
+//    one beyond that costs twice the bytes of the smallest.
+// 4. No counter goes back: a name's own begins with 0 when it is given one, and what was counted as
+//    OTHER_STREAMS stays there.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <string>
@@ -41,6 +43,6 @@ class StreamSeries {
     std::map<std::string, StreamTotals> last;  // of the history, by name
 };
 
-// What stands for a stream name in metrics: the name itself where it is printable UTF-8; every other byte is shown as
-// \xNN. Two names that come out the same share their metrics.
+// What stands for a stream name in metrics: the name itself where it is printable UTF-8; every other byte is
+// shown as \xNN. Two names that come out the same share their metrics.
 [[nodiscard]] std::string stream_label(std::string_view name);

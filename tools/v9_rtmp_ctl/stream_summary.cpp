@@ -9,12 +9,6 @@
 
 namespace {
 
-void add(std::optional<double>& sum, const std::optional<double>& rate) {
-    if (rate) {
-        sum = sum.value_or(0) + *rate;
-    }
-}
-
 bool was_chosen(const Connection& candidate, const std::vector<StreamSummary>& previous) {
     return std::any_of(previous.begin(), previous.end(), [&candidate](const StreamSummary& summary) {
         return summary.stream == candidate.stream && summary.publisher_id == candidate.id &&
@@ -61,7 +55,7 @@ StreamSummary summarize(const std::string& stream, const Members& members,
     }
     summary.players = static_cast<unsigned>(members.players.size());
     for (const Connection* player : members.players) {
-        add(summary.out_rate, player->sent_rate);
+        add_rate(summary.out_rate, player->sent_rate);
     }
     return summary;
 }

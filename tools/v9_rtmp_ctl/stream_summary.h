@@ -1,9 +1,9 @@
 // The connections of each stream name, taken together: who publishes, how many play. Pure.
 //
-// The listing does not say which of several publishers of one name is relayed, so the one named here is a guess.
-// Likelier is one with a picture size: the server does not apply the metadata of a publisher that it holds. Next
-// comes the one that has sent the most since the last look, then the one named before, then the one that has sent
-// the most altogether.
+// The listing does not say which of several publishers of one name is relayed, so the one named here is a
+// guess. Likelier is one with a picture size: the server does not apply the metadata of a publisher that it
+// holds. Next comes the one that has sent the most since the last look, then the one named before, then the
+// one that has sent the most altogether.
 #pragma once
 
 #include <optional>
@@ -36,6 +36,6 @@ struct StreamSummary {
 // "3,17"; empty for none.
 [[nodiscard]] std::string id_list(const std::vector<unsigned>& ids);
 
-// Name, publisher id, players, size, bytes or bits per second in and out, ids of the rivals separated by commas; with
-// TABs between the fields and what is absent left empty.
+// Name, publisher id, players, size, bytes or bits per second in and out, ids of the rivals separated by
+// commas; with TABs between the fields and what is absent left empty.
 [[nodiscard]] std::string plain_line(const StreamSummary& summary, RateUnit unit = RateUnit::BYTES);

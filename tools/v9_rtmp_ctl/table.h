@@ -24,8 +24,8 @@ struct Table {
 };
 
 // One line for the titles, if wanted, and one for each row, without trailing blanks. With a width no line is
-// longer: columns that have a rank are shown as long as those that may be cut keep COMFORTABLE_WIDTH, then these shrink,
-// the widest before the others, then lines are cut at their end.
+// longer: columns that have a rank are shown as long as those that may be cut keep COMFORTABLE_WIDTH, then
+// these shrink, the widest before the others, then lines are cut at their end.
 [[nodiscard]] std::vector<std::string> layout_table(const Table& table, std::optional<std::size_t> width,
                                                     bool with_titles);
 

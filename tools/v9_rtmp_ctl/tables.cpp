@@ -1,8 +1,8 @@
 #include "tools/v9_rtmp_ctl/tables.h"
 
-#include <algorithm>
 #include <limits>
 #include <string>
+#include <string_view>
 #include <utility>
 
 namespace {

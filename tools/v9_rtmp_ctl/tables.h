@@ -26,7 +26,8 @@ enum class Keep { ADDRESSES, TOTALS };
 [[nodiscard]] Table connection_rate_table(const std::vector<const Connection*>& connections,
                                           const TableStyle& style, Keep keep);
 
-// The publisher's address is left out where the width has no room for it. A publisher that is a guess has a '?'.
+// The publisher's address is left out where the width has no room for it. A publisher that is a guess has
+// a '?'.
 [[nodiscard]] Table stream_table(const std::vector<const StreamSummary*>& streams, const TableStyle& style);
 
 // To all of them.

@@ -7,7 +7,8 @@
 
 namespace {
 
-// Names of a unit and its multiples, each step times the one before. Whole units are shown without a decimal place.
+// Names of a unit and its multiples, each step times the one before. Whole units are shown without a
+// decimal place.
 struct Scale {
     std::array<const char*, 7> names;
     double step;

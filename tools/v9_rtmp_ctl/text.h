@@ -11,8 +11,9 @@
 // one column per byte and cannot steer a terminal or end a line.
 [[nodiscard]] std::string escape_untrusted(std::string_view text);
 
-// The bytes of the character that text begins with, where it is UTF-8 and can be seen; 0 for a control, for what changes
-// the direction of the text around it or has no width, for a byte that is not UTF-8, and for an empty text.
+// The bytes of the character that text begins with, where it is UTF-8 and can be seen; 0 for a control, for
+// what changes the direction of the text around it or has no width, for a byte that is not UTF-8, and for an
+// empty text.
 [[nodiscard]] std::size_t printable_utf8_length(std::string_view text);
 
 // At most width columns; a text that was cut ends with '~'.

@@ -1,6 +1,7 @@
 #include "tools/v9_rtmp_ctl/usage_failure.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <numeric>
 #include <utility>
 

@@ -1,6 +1,7 @@
 #include <iostream>
 
 #include "tools/v9_rtmp_ctl/commands.h"
+#include "tools/v9_rtmp_ctl/failure.h"
 #include "tools/v9_rtmp_ctl/json_forms.h"
 
 ExitCode run_version(const Settings& settings) {

@@ -3,15 +3,24 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
+#include <cstdint>
 #include <iostream>
 #include <iterator>
 #include <memory>
+#include <optional>
+#include <string>
 #include <thread>
+#include <vector>
 
 #include "tools/v9_rtmp_ctl/commands.h"
+#include "tools/v9_rtmp_ctl/connections.h"
+#include "tools/v9_rtmp_ctl/control_client.h"
+#include "tools/v9_rtmp_ctl/failure.h"
 #include "tools/v9_rtmp_ctl/json_forms.h"
+#include "tools/v9_rtmp_ctl/keys.h"
 #include "tools/v9_rtmp_ctl/output.h"
 #include "tools/v9_rtmp_ctl/screen.h"
+#include "tools/v9_rtmp_ctl/stream_summary.h"
 #include "tools/v9_rtmp_ctl/watch_frame.h"
 #include "tools/v9_rtmp_ctl/watch_model.h"
 #include "tools/v9_rtmp_ctl/watch_observer.h"

@@ -1,7 +1,13 @@
 #include "tools/v9_rtmp_ctl/watch_frame.h"
 
 #include <algorithm>
+#include <cstddef>
+#include <optional>
+#include <string_view>
 
+#include "tools/v9_rtmp_ctl/connections.h"
+#include "tools/v9_rtmp_ctl/stream_summary.h"
+#include "tools/v9_rtmp_ctl/table.h"
 #include "tools/v9_rtmp_ctl/tables.h"
 #include "tools/v9_rtmp_ctl/text.h"
 #include "tools/v9_rtmp_ctl/watch_text.h"
@@ -34,15 +40,15 @@ Lines wrapped(const std::string& text, std::size_t columns, LineStyle style) {
     return lines;
 }
 
-// How many of the rows from first on are shown in room lines below the titles; the last line says how many more there
-// are if there are more.
+// How many of the rows from first on are shown in room lines below the titles; the last line says how many
+// more there are if there are more.
 std::size_t count_shown(std::size_t rows, std::size_t first, std::size_t room) {
     const std::size_t left = rows - first;
     return left <= room ? left : room - (room > 1 ? 1 : 0);
 }
 
-// The titles and those rows from the cursor's on that fit into room lines. Where a row is selected, every line begins
-// with a column for its mark.
+// The titles and those rows from the cursor's on that fit into room lines. Where a row is selected, every
+// line begins with a column for its mark.
 void append_table(const Table& table, std::optional<std::size_t> columns, const TableCursor& cursor,
                   std::size_t room, Lines& lines) {
     if (room == 0) {
@@ -153,7 +159,8 @@ void append_body(const WatchModel& model, const ScreenSize& size, Lines& lines) 
     }
 }
 
-// A notice says at its end what to do next, and a question whom it means, so they get the rows that they need.
+// A notice says at its end what to do next, and a question whom it means, so they get the rows that
+// they need.
 Lines foot_lines(const WatchModel& model, const ScreenSize& size) {
     const bool has_notice = model.mode == WatchMode::VIEW && !model.notice.empty();
     Lines foot =

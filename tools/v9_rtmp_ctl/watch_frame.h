@@ -14,12 +14,13 @@ struct FrameLine {
     LineStyle style = LineStyle::PLAIN;
 };
 
-// At most size.rows lines of at most size.columns. The last rows of the screen are the foot: the keys, a question, or
-// the result of the last drop. Where both tables are shown, streams get up to half of the room, connections the rest;
-// where some rows are left out, a line says how many more follow.
+// At most size.rows lines of at most size.columns. The last rows of the screen are the foot: the keys, a
+// question, or the result of the last drop. Where both tables are shown, streams get up to half of the room,
+// connections the rest; where some rows are left out, a line says how many more follow.
 [[nodiscard]] std::vector<FrameLine> render_frame(const WatchModel& model, const ScreenSize& size);
 
-// Scrolls the tables as render_frame shows them at this size: selected rows are on the screen, the last page is full.
+// Scrolls the tables as render_frame shows them at this size: selected rows are on the screen, the last page
+// is full.
 void settle(WatchModel& model, const ScreenSize& size);
 
 // For an output that is no terminal: everything, without foot, and nothing cut.

@@ -6,6 +6,7 @@
 //   VIEW --'d', a row selected--> DROP_CONFIRM
 #pragma once
 
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <vector>
@@ -16,6 +17,7 @@
 #include "tools/v9_rtmp_ctl/selection.h"
 #include "tools/v9_rtmp_ctl/stream_summary.h"
 #include "tools/v9_rtmp_ctl/tables.h"
+#include "tools/v9_rtmp_ctl/text.h"
 
 enum class WatchMode { VIEW, FILTER, HELP, DROP_ID, DROP_CONFIRM };
 enum class WatchView { BOTH, STREAMS, CONNECTIONS };
@@ -62,8 +64,8 @@ enum class WatchAction { NONE, QUIT, DROP };
 // What a key does. DROP: drop_candidate or drop_stream is to be dropped.
 [[nodiscard]] WatchAction press_key(WatchModel& model, const Key& key);
 
-// A look that was answered. Rates are measured against the listing before. A selected row stays with its client or
-// stream, or where that has gone, with its place.
+// A look that was answered. Rates are measured against the listing before. A selected row stays with its
+// client or stream, or where that has gone, with its place.
 void take_in(WatchModel& model, Listing listing);
 
 // A look that was not.

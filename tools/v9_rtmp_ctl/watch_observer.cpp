@@ -1,9 +1,14 @@
 #include "tools/v9_rtmp_ctl/watch_observer.h"
 
+#include <comm_socket_v4.h>
+
 #include <algorithm>
 #include <array>
 #include <ctime>
+#include <utility>
 
+#include "tools/v9_rtmp_ctl/drop_batch.h"
+#include "tools/v9_rtmp_ctl/drop_rules.h"
 #include "tools/v9_rtmp_ctl/text.h"
 
 namespace {
@@ -140,7 +145,8 @@ void WatchObserver::finish(WatchModel& model, std::uint64_t now_us) {
     replies.clear();
 }
 
-// A client that took the slot, or began something else, while the question waited is not the one that was meant.
+// A client that took the slot, or began something else, while the question waited is not the one that
+// was meant.
 void WatchObserver::finish_check(WatchModel& model, std::uint64_t now_us) {
     Listing listing;
     std::optional<Failure> failure = read_listing(replies.front(), listing);

@@ -1,18 +1,22 @@
 // Asks the server for watch, on time and without making the keys wait: looks, and drops that were confirmed.
 //
 //   [idle] --time for a look--> [LOOK] --listing--> [idle]
-//   [idle, LOOK] --begin_drop, of a connection--> [CHECK] --it is as it was--> [DROP] --list, drop, list--> [idle]
+//   [idle, LOOK] --begin_drop, of a connection--> [CHECK] --unchanged--> [DROP] --list, drop, list--> [idle]
 //   [idle, LOOK] --begin_drop, of a stream--> [DROP_STREAM] --count--> [idle]
 //
 // A failure leads to [idle] from everywhere. What came is in the model then.
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "tools/v9_rtmp_ctl/commands.h"
-#include "tools/v9_rtmp_ctl/drop_batch.h"
+#include "tools/v9_rtmp_ctl/connections.h"
+#include "tools/v9_rtmp_ctl/control_client.h"
+#include "tools/v9_rtmp_ctl/failure.h"
 #include "tools/v9_rtmp_ctl/watch_model.h"
 
 // Takes a listing or its failure in, with the time of day.

@@ -2,8 +2,12 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdint>
+#include <optional>
 
-#include "tools/v9_rtmp_ctl/drop_rules.h"
+#include "tools/v9_rtmp_ctl/connections.h"
+#include "tools/v9_rtmp_ctl/failure.h"
+#include "tools/v9_rtmp_ctl/stream_summary.h"
 #include "tools/v9_rtmp_ctl/text.h"
 
 namespace {
@@ -34,19 +38,13 @@ struct Totals {
     std::optional<double> received_rate;
 };
 
-void add(std::optional<double>& sum, const std::optional<double>& rate) {
-    if (rate) {
-        sum = sum.value_or(0) + *rate;
-    }
-}
-
 Totals sum_up(const std::vector<const Connection*>& connections) {
     Totals totals;
     for (const Connection* c : connections) {
         totals.sent += c->bytes_sent.value_or(0);
         totals.received += c->bytes_received.value_or(0);
-        add(totals.sent_rate, c->sent_rate);
-        add(totals.received_rate, c->received_rate);
+        add_rate(totals.sent_rate, c->sent_rate);
+        add_rate(totals.received_rate, c->received_rate);
     }
     return totals;
 }

@@ -10,7 +10,8 @@
 
 constexpr std::size_t ANY_WIDTH = std::numeric_limits<std::size_t>::max();
 
-// Two lines: what the server has, and the totals of what is shown. Of several lengths, those that fit into columns.
+// Two lines: what the server has, and the totals of what is shown. Of several lengths, those that fit
+// into columns.
 [[nodiscard]] std::string heading_text(const WatchModel& model, std::size_t columns);
 [[nodiscard]] std::string totals_text(const WatchModel& model, std::size_t columns);
 

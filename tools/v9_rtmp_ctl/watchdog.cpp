@@ -2,17 +2,29 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <ctime>
 #include <iostream>
+#include <map>
+#include <optional>
+#include <string>
 #include <utility>
+#include <vector>
 
 #include "tools/v9_rtmp_ctl/commands.h"
+#include "tools/v9_rtmp_ctl/connection_history.h"
+#include "tools/v9_rtmp_ctl/connections.h"
+#include "tools/v9_rtmp_ctl/control_client.h"
+#include "tools/v9_rtmp_ctl/drop_batch.h"
+#include "tools/v9_rtmp_ctl/drop_rules.h"
+#include "tools/v9_rtmp_ctl/failure.h"
 #include "tools/v9_rtmp_ctl/state_file.h"
 #include "tools/v9_rtmp_ctl/stop_signals.h"
 #include "tools/v9_rtmp_ctl/text.h"
 #include "tools/v9_rtmp_ctl/trouble.h"
 #include "tools/v9_rtmp_ctl/watchdog_log.h"
+#include "tools/v9_rtmp_ctl/watchdog_rules.h"
 #include "tools/v9_rtmp_ctl/watchdog_statistics.h"
 
 namespace {

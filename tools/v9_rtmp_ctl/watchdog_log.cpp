@@ -1,5 +1,10 @@
 #include "tools/v9_rtmp_ctl/watchdog_log.h"
 
+#include <optional>
+
+#include "tools/v9_rtmp_ctl/connections.h"
+#include "tools/v9_rtmp_ctl/drop_rules.h"
+#include "tools/v9_rtmp_ctl/failure.h"
 #include "tools/v9_rtmp_ctl/json_forms.h"
 
 namespace {

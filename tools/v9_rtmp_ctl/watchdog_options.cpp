@@ -1,14 +1,20 @@
 #include "tools/v9_rtmp_ctl/watchdog_options.h"
 
+#include <CLI/CLI.hpp>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+
 #include "tools/v9_rtmp_ctl/option_checks.h"
 #include "tools/v9_rtmp_ctl/parse_number.h"
+#include "tools/v9_rtmp_ctl/selection.h"
 #include "tools/v9_rtmp_ctl/text.h"
+#include "tools/v9_rtmp_ctl/time_units.h"
 
 namespace {
 
 constexpr const char* OFF = "off";
 constexpr double MIN_LIMIT_SECONDS = 0.1;
-constexpr double US_PER_SECOND = 1e6;
 
 std::uint64_t microseconds(const std::string& text) {
     return static_cast<std::uint64_t>(std::stod(text) * US_PER_SECOND);

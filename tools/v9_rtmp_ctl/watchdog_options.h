@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "tools/v9_rtmp_ctl/commands.h"
+#include "tools/v9_rtmp_ctl/watchdog_rules.h"
 
 // Limits as they are written: a number, or "off". Empty for the default.
 struct WatchdogTexts {

@@ -1,12 +1,13 @@
 #include "tools/v9_rtmp_ctl/watchdog_rules.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "tools/v9_rtmp_ctl/stream_health.h"
+#include "tools/v9_rtmp_ctl/time_units.h"
 
 namespace {
 
-constexpr std::uint64_t US_PER_SECOND = 1000000;
 // What moves a counter as media does grows it in all of so many parts of the time.
 constexpr unsigned PARTS = 3;
 // A player's counter grows a little by answers to what it sends.
@@ -170,8 +171,8 @@ class Judge {
                 return is_behind(record, *player, lead_us, 100);
             });
         };
-        // A player that was slow when the other settled, and has caught up since, seems ahead by as much. So one alone
-        // has to be further ahead than it could have been behind.
+        // A player that was slow when the other settled, and has caught up since, seems ahead by as much. So
+        // one alone has to be further ahead than it could have been behind.
         const auto half = static_cast<std::ptrdiff_t>((players.size() + 1) / 2);
         const bool is_alone_behind = !players.empty() && count_ahead(limit) >= half;
         return is_alone_behind || count_ahead(2 * limit) > 0 ? by + "other players of the stream" : Reason();
@@ -215,8 +216,8 @@ class Judge {
         return gained && wanted && *gained + SLACK_BYTES < *wanted / 100 * percent;
     }
 
-    // Also where no publisher can be compared with. Players cannot be trusted alone: a player that asks for chunks of one
-    // byte is sent twice the bytes, and all others seem behind it.
+    // Also where no publisher can be compared with. Players cannot be trusted alone: a player that asks for
+    // chunks of one byte is sent twice the bytes, and all others seem behind it.
     [[nodiscard]] bool keeps_up_with_a_publisher(const ClientRecord& record, std::uint64_t limit_us) const {
         Clients publishers = others(record, is_publisher);
         std::erase_if(publishers, [&](const ClientRecord* publisher) {

@@ -1,13 +1,15 @@
 #include "tools/v9_rtmp_ctl/watchdog_statistics.h"
 
 #include <nlohmann/json.hpp>
+#include <utility>
+
+#include "tools/v9_rtmp_ctl/time_units.h"
 
 namespace {
 
 using Json = nlohmann::ordered_json;
 
 constexpr int FORMAT_VERSION = 1;
-constexpr double US_PER_SECOND = 1e6;
 
 std::optional<double> seconds(const std::optional<std::uint64_t>& us) {
     return us ? std::optional(static_cast<double>(*us) / US_PER_SECOND) : std::nullopt;

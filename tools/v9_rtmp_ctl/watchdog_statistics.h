@@ -6,10 +6,10 @@
 //    "rules":{"long-name":{"limit":200,"drops":0,"misses":0,"left":0},"origin":{...},"unnamed":{...},
 //             "contested":{...},"silent":{...},"stalled":{...},"behind":{...},"age":{...}}}
 //
-// limit is in seconds, of long-name in bytes, of origin the number of address ranges; null for a rule that is off.
-// drops, misses (another client was hit, or it is not certain which) and left (the client had gone before) are counters
-// that survive a restart of the watchdog. A dry run counts what it would have dropped as drops. A file that is no longer
-// updated is that of a watchdog that has ended.
+// limit is in seconds, of long-name in bytes, of origin the number of address ranges; null for a rule that is
+// off. drops, misses (another client was hit, or it is not certain which) and left (the client had gone
+// before) are counters that survive a restart of the watchdog. A dry run counts what it would have dropped as
+// drops. A file that is no longer updated is that of a watchdog that has ended.
 #pragma once
 
 #include <cstdint>

@@ -51,9 +51,9 @@ class Peer {
     const int fd;
 };
 
-class Loop : public testing::Test {
+class loop_test : public testing::Test {
   protected:
-    Loop() {
+    loop_test() {
         address.sin_family = AF_INET;
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         socklen_t length = sizeof address;
@@ -61,7 +61,7 @@ class Loop : public testing::Test {
         EXPECT_EQ(listen(listener, 1024), 0);
         EXPECT_EQ(getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length), 0);
     }
-    ~Loop() override { close(listener); }
+    ~loop_test() override { close(listener); }
 
     // Turns until the peer's connection has ended, and returns how long that took.
     Clock::duration turn_until_end(Peer& peer) {
@@ -92,7 +92,7 @@ class Loop : public testing::Test {
 
 }  // namespace
 
-TEST_F(Loop, ARequestIsAnsweredAndTheConnectionEnds) {
+TEST_F(loop_test, ARequestIsAnsweredAndTheConnectionEnds) {
     Peer peer(address);
     ASSERT_TRUE(peer.say("GET / HTTP/1.1\r\n\r\n"));
     turn_until_end(peer);
@@ -100,7 +100,7 @@ TEST_F(Loop, ARequestIsAnsweredAndTheConnectionEnds) {
     EXPECT_THAT(heads, testing::ElementsAre("GET / HTTP/1.1\r\n\r\n"));
 }
 
-TEST_F(Loop, ARequestMayComeByteByByte) {
+TEST_F(loop_test, ARequestMayComeByteByByte) {
     Peer peer(address);
     for (const char c : std::string("GET / HTTP/1.1\r\n\r\n")) {
         ASSERT_TRUE(peer.say(std::string(1, c)));
@@ -110,7 +110,7 @@ TEST_F(Loop, ARequestMayComeByteByByte) {
     EXPECT_EQ(peer.heard, reply);
 }
 
-TEST_F(Loop, AReplyThatIsLargerThanTheSocketsBuffersArrivesWhole) {
+TEST_F(loop_test, AReplyThatIsLargerThanTheSocketsBuffersArrivesWhole) {
     reply = std::string(11000000, 'x');
     Peer peer(address);
     ASSERT_TRUE(peer.say("GET / HTTP/1.1\r\n\r\n"));
@@ -118,14 +118,14 @@ TEST_F(Loop, AReplyThatIsLargerThanTheSocketsBuffersArrivesWhole) {
     EXPECT_EQ(peer.heard.size(), reply.size());
 }
 
-TEST_F(Loop, WhatFollowsTheHeadDoesNotCostTheReply) {
+TEST_F(loop_test, WhatFollowsTheHeadDoesNotCostTheReply) {
     Peer peer(address);
     ASSERT_TRUE(peer.say("POST / HTTP/1.1\r\n\r\n" + std::string(200000, 'b')));
     turn_until_end(peer);
     EXPECT_EQ(peer.heard, reply);
 }
 
-TEST_F(Loop, AHeadThatIsTooLongEndsTheConnection) {
+TEST_F(loop_test, AHeadThatIsTooLongEndsTheConnection) {
     Peer peer(address);
     ASSERT_TRUE(peer.say("GET / HTTP/1.1\r\nX: " + std::string(MAX_HEAD_BYTES, 'a')));
     turn_until_end(peer);
@@ -133,7 +133,7 @@ TEST_F(Loop, AHeadThatIsTooLongEndsTheConnection) {
     EXPECT_TRUE(heads.empty());
 }
 
-TEST_F(Loop, AClientThatSendsTooSlowlyIsGivenUp) {
+TEST_F(loop_test, AClientThatSendsTooSlowlyIsGivenUp) {
     Peer peer(address);
     ASSERT_TRUE(peer.say("GET / HTTP/1.1\r\n"));
     const Clock::time_point begin = Clock::now();
@@ -149,7 +149,7 @@ TEST_F(Loop, AClientThatSendsTooSlowlyIsGivenUp) {
     EXPECT_EQ(loop->client_count(), 0U);
 }
 
-TEST_F(Loop, ClientsThatSendNothingKeepNoOtherOut) {
+TEST_F(loop_test, ClientsThatSendNothingKeepNoOtherOut) {
     std::vector<std::unique_ptr<Peer>> silent;
     for (std::size_t i = 0; i < MAX_HTTP_CLIENTS; ++i) {
         silent.push_back(std::make_unique<Peer>(address));
@@ -167,7 +167,7 @@ TEST_F(Loop, ClientsThatSendNothingKeepNoOtherOut) {
     EXPECT_TRUE(silent.back()->take());
 }
 
-TEST_F(Loop, ClientsThatDoNotReadKeepNoOtherOut) {
+TEST_F(loop_test, ClientsThatDoNotReadKeepNoOtherOut) {
     reply = std::string(11000000, 'x');
     std::vector<std::unique_ptr<Peer>> deaf;
     for (int i = 0; i < 8; ++i) {

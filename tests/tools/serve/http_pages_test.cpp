@@ -16,7 +16,7 @@ namespace {
 
 const std::string TOKEN = "0123456789abcdef";
 
-class Pages : public testing::Test {
+class pages_test : public testing::Test {
   protected:
     static std::string request(const std::string& line,
                                const std::string& headers = "Host: 127.0.0.1:9935\r\n") {
@@ -57,7 +57,7 @@ const std::string OWN_ORIGIN = "http://127.0.0.1:9935";
 
 }  // namespace
 
-TEST_F(Pages, AreWhatTheyShouldBe) {
+TEST_F(pages_test, AreWhatTheyShouldBe) {
     EXPECT_THAT(get("/metrics"), AllOf(StartsWith("HTTP/1.1 200 "), HasSubstr("version=0.0.4"),
                                        EndsWith("\r\n\r\nv9_rtmp_up 1\n")));
     EXPECT_THAT(get("/connections.json"), AllOf(HasSubstr("application/json"), EndsWith("\r\n\r\n{}")));
@@ -68,13 +68,13 @@ TEST_F(Pages, AreWhatTheyShouldBe) {
     EXPECT_THAT(get("/../../etc/passwd"), StartsWith("HTTP/1.1 404 "));
 }
 
-TEST_F(Pages, HealthIsBadWhileTheServerDoesNotAnswer) {
+TEST_F(pages_test, HealthIsBadWhileTheServerDoesNotAnswer) {
     sickness = "there is no socket";
     EXPECT_THAT(get("/healthz"),
                 AllOf(StartsWith("HTTP/1.1 503 "), EndsWith("\r\n\r\nthere is no socket\n")));
 }
 
-TEST_F(Pages, EachEndsItsConnectionAndIsProtected) {
+TEST_F(pages_test, EachEndsItsConnectionAndIsProtected) {
     for (const char* const path : {"/", "/metrics", "/connections.json", "/healthz", "/nothing"}) {
         EXPECT_THAT(
             get(path),
@@ -85,7 +85,7 @@ TEST_F(Pages, EachEndsItsConnectionAndIsProtected) {
     }
 }
 
-TEST_F(Pages, TheStatusPageRunsItsOwnScriptAlone) {
+TEST_F(pages_test, TheStatusPageRunsItsOwnScriptAlone) {
     const std::string reply = get("/");
     const std::size_t at = reply.find("script-src 'nonce-");
     ASSERT_NE(at, std::string::npos);
@@ -95,7 +95,7 @@ TEST_F(Pages, TheStatusPageRunsItsOwnScriptAlone) {
     EXPECT_THAT(get("/"), Not(HasSubstr(nonce)));
 }
 
-TEST_F(Pages, AreForNoOtherHost) {
+TEST_F(pages_test, AreForNoOtherHost) {
     for (const char* const headers :
          {"Host: evil.example\r\n", "Host: \r\n", "", "Host: localhost.evil.example:9935\r\n"}) {
         const std::string reply = pages("").answer(request("GET /connections.json", headers));
@@ -105,7 +105,7 @@ TEST_F(Pages, AreForNoOtherHost) {
                 StartsWith("HTTP/1.1 200 "));
 }
 
-TEST_F(Pages, ADropNeedsOriginAndToken) {
+TEST_F(pages_test, ADropNeedsOriginAndToken) {
     EXPECT_THAT(drop("http://evil.example", TOKEN), StartsWith("HTTP/1.1 403 "));
     EXPECT_THAT(drop(OWN_ORIGIN, "wrong"), AllOf(StartsWith("HTTP/1.1 403 "), HasSubstr("not the token")));
     EXPECT_THAT(
@@ -116,25 +116,25 @@ TEST_F(Pages, ADropNeedsOriginAndToken) {
     EXPECT_THAT(dropped, testing::ElementsAre("5 203.0.113.7:50000"));
 }
 
-TEST_F(Pages, ADropIsAPost) {
+TEST_F(pages_test, ADropIsAPost) {
     EXPECT_THAT(pages(TOKEN).answer(request("GET /drop?id=5", drop_headers(OWN_ORIGIN, TOKEN))),
                 StartsWith("HTTP/1.1 404 "));
     EXPECT_THAT(dropped, IsEmpty());
 }
 
-TEST_F(Pages, ADropIsOffWithoutAToken) {
+TEST_F(pages_test, ADropIsOffWithoutAToken) {
     const std::string reply = pages("").answer(request("POST /drop?id=5", drop_headers(OWN_ORIGIN, "")));
     EXPECT_THAT(reply, AllOf(StartsWith("HTTP/1.1 403 "), HasSubstr("--allow-drop")));
     EXPECT_THAT(dropped, IsEmpty());
 }
 
-TEST_F(Pages, ADropThatFailsSaysWhy) {
+TEST_F(pages_test, ADropThatFailsSaysWhy) {
     drop_failure = Failure{ExitCode::NEGATIVE_ANSWER, "there is no connection 5."};
     EXPECT_THAT(drop(OWN_ORIGIN, TOKEN),
                 AllOf(StartsWith("HTTP/1.1 409 "), EndsWith("there is no connection 5.\n")));
 }
 
-TEST_F(Pages, SomethingElseThanARequestIsRefused) {
+TEST_F(pages_test, SomethingElseThanARequestIsRefused) {
     HttpPages& router = pages("");
     for (const std::string& head :
          {std::string("\r\n\r\n"), std::string("GET\r\n\r\n"), std::string("GET / HTTP/9.9\r\n\r\n"),
@@ -147,20 +147,20 @@ TEST_F(Pages, SomethingElseThanARequestIsRefused) {
     EXPECT_THAT(dropped, IsEmpty());
 }
 
-TEST_F(Pages, RangesAndCompressionAreNotServed) {
+TEST_F(pages_test, RangesAndCompressionAreNotServed) {
     std::string ranges = "0-";
     while (ranges.size() < 7900) {
         ranges += ",0-";
     }
-    for (const std::string& headers :
-         {"Range: bytes=" + ranges, std::string("rAnGe:bytes=0-0"), std::string("Accept-Encoding: gzip, br")}) {
+    for (const std::string& headers : {"Range: bytes=" + ranges, std::string("rAnGe:bytes=0-0"),
+                                       std::string("Accept-Encoding: gzip, br")}) {
         const std::string reply =
             pages("").answer(request("GET /metrics", "Host: 127.0.0.1\r\n" + headers + "\r\n"));
         EXPECT_THAT(reply, AllOf(StartsWith("HTTP/1.1 200 "), EndsWith("\r\n\r\nv9_rtmp_up 1\n")));
     }
 }
 
-TEST_F(Pages, AnyBytesAreAnsweredOrNot) {
+TEST_F(pages_test, AnyBytesAreAnsweredOrNot) {
     HttpPages& router = pages(TOKEN);
     std::mt19937 random(1);
     const std::string good = request("POST /drop?id=5&address=1", drop_headers(OWN_ORIGIN, TOKEN));

@@ -10,14 +10,14 @@
 
 using testing::HasSubstr;
 
-TEST(HttpHost, AnAddressAndLocalhostAreTheServersOwn) {
+TEST(http_host, AnAddressAndLocalhostAreTheServersOwn) {
     for (const char* const host : {"127.0.0.1", "127.0.0.1:9935", "192.0.2.7:80", "[::1]:9935", "[fe80::1]",
                                    "localhost", "localhost:9935", "LocalHost:1"}) {
         EXPECT_TRUE(is_own_host(host, {})) << host;
     }
 }
 
-TEST(HttpHost, OtherNamesAreNot) {
+TEST(http_host, OtherNamesAreNot) {
     for (const char* const host : {"", "evil.example", "evil.example:9935", "localhost.evil.example",
                                    "127.0.0.1.evil.example", "127.0.0.1:9935:1", "127.0.0.1:x", "[localhost]",
                                    "[127.0.0.1]", "127.1", "0x7f000001", "127.0.0.1 "}) {
@@ -25,13 +25,13 @@ TEST(HttpHost, OtherNamesAreNot) {
     }
 }
 
-TEST(HttpHost, NamesThatWereGivenAre) {
+TEST(http_host, NamesThatWereGivenAre) {
     EXPECT_TRUE(is_own_host("Relay.Example:9935", {"relay.example"}));
     EXPECT_TRUE(is_own_host("relay.example", {"other.example", "RELAY.example"}));
     EXPECT_FALSE(is_own_host("sub.relay.example", {"relay.example"}));
 }
 
-TEST(HttpOrigin, OnlyTheServersOwnPageMayDrop) {
+TEST(http_origin, OnlyTheServersOwnPageMayDrop) {
     EXPECT_TRUE(is_same_origin("http://127.0.0.1:9935", "127.0.0.1:9935", "same-origin"));
     EXPECT_TRUE(is_same_origin("https://relay.example", "relay.example", ""));
     EXPECT_FALSE(is_same_origin("http://evil.example", "127.0.0.1:9935", "cross-site"));
@@ -41,7 +41,7 @@ TEST(HttpOrigin, OnlyTheServersOwnPageMayDrop) {
     EXPECT_FALSE(is_same_origin("http://127.0.0.1:9935", "127.0.0.1:9935", "same-site"));
 }
 
-TEST(HttpToken, HasToBeWhole) {
+TEST(http_token, HasToBeWhole) {
     const std::string token = "0123456789abcdef";
     EXPECT_TRUE(has_token("Bearer 0123456789abcdef", token));
     for (const char* const guess :
@@ -54,7 +54,7 @@ TEST(HttpToken, HasToBeWhole) {
 
 namespace {
 
-class TokenFile : public testing::Test {
+class token_file_test : public testing::Test {
   protected:
     std::optional<Failure> read(const std::string& content, mode_t mode = 0600) {
         std::ofstream(path) << content;
@@ -68,20 +68,20 @@ class TokenFile : public testing::Test {
 
 }  // namespace
 
-TEST_F(TokenFile, HoldsTheTokenInItsFirstLine) {
+TEST_F(token_file_test, HoldsTheTokenInItsFirstLine) {
     EXPECT_FALSE(read("0123456789abcdef \r\nmore\n"));
     EXPECT_EQ(token, "0123456789abcdef");
     EXPECT_FALSE(read("0123456789abcdef", 0640));
 }
 
-TEST_F(TokenFile, OfEveryUserIsRefused) {
+TEST_F(token_file_test, OfEveryUserIsRefused) {
     const std::optional<Failure> failure = read("0123456789abcdef\n", 0644);
     ASSERT_TRUE(failure);
     EXPECT_EQ(failure->exit_code, ExitCode::USAGE);
     EXPECT_THAT(failure->message, HasSubstr("chmod o="));
 }
 
-TEST_F(TokenFile, WithTooShortATokenIsRefused) {
+TEST_F(token_file_test, WithTooShortATokenIsRefused) {
     for (const char* const content : {"", "\n", "0123456789abcde\n", "0123456789abcde f\n",
                                       "0123456789abcd\xff"
                                       "ef\n"}) {
@@ -91,13 +91,13 @@ TEST_F(TokenFile, WithTooShortATokenIsRefused) {
     }
 }
 
-TEST(TokenFileThatIsMissing, IsExplained) {
+TEST(token_file_that_is_missing, IsExplained) {
     std::string token;
     const std::optional<Failure> failure = read_token("/nonexistent/token", token);
     ASSERT_TRUE(failure);
     EXPECT_THAT(failure->message, HasSubstr("/dev/urandom"));
 }
 
-TEST(Html, GetsNoMeaningFromAName) {
+TEST(html, GetsNoMeaningFromAName) {
     EXPECT_EQ(escape_html("<b a=\"1\" c='2'>&amp;"), "&lt;b a=&quot;1&quot; c=&#39;2&#39;&gt;&amp;amp;");
 }

@@ -1,3 +1,7 @@
+#include <cstddef>
+#include <string>
+#include <string_view>
+
 #include "tools/v9_rtmp_ctl/serve/status_page.h"
 
 namespace {

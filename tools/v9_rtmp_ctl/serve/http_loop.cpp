@@ -7,19 +7,18 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <iterator>
 #include <string_view>
 #include <utility>
 #include <vector>
+
+#include "tools/v9_rtmp_ctl/io_errors.h"
 
 namespace {
 
 constexpr std::string_view HEAD_END = "\r\n\r\n";
 // Enough for every viewer at once; more wait in the kernel for the next turn.
 constexpr int MAX_ACCEPTS_PER_TURN = 64;
-
-bool would_block() {
-    return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR;
-}
 
 }  // namespace
 
@@ -59,7 +58,7 @@ void HttpLoop::accept_all() {
         const int fd = accept4(listener, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
         if (fd < 0) {
             // Without descriptors the listener stays readable: it would be asked again without a pause.
-            may_accept = would_block() || errno == ECONNABORTED;
+            may_accept = can_try_again(errno) || errno == ECONNABORTED;
             return;
         }
         make_room();
@@ -96,7 +95,7 @@ bool HttpLoop::read_head(Client& client) {
     std::array<char, 4096> bytes{};
     const ssize_t length = recv(client.fd, bytes.data(), bytes.size(), 0);
     if (length <= 0) {
-        return length < 0 && would_block();
+        return length < 0 && can_try_again(errno);
     }
     // An empty line may be split between two reads.
     const std::size_t searched = client.head.size() - std::min(client.head.size(), HEAD_END.size() - 1);
@@ -117,7 +116,7 @@ bool HttpLoop::send_reply(Client& client) {
         const ssize_t length = send(client.fd, client.reply.data() + client.sent_bytes,
                                     client.reply.size() - client.sent_bytes, MSG_NOSIGNAL);
         if (length < 0) {
-            return would_block();
+            return can_try_again(errno);
         }
         client.sent_bytes += static_cast<std::size_t>(length);
     }
@@ -131,7 +130,7 @@ bool HttpLoop::send_reply(Client& client) {
 bool HttpLoop::read_rest(const Client& client) {
     std::array<char, 4096> bytes{};
     const ssize_t length = recv(client.fd, bytes.data(), bytes.size(), 0);
-    return length > 0 || (length < 0 && would_block());
+    return length > 0 || (length < 0 && can_try_again(errno));
 }
 
 void HttpLoop::close_late() {

@@ -1,9 +1,11 @@
-// Moves the bytes of HTTP clients on one thread: takes a request's head in, asks for the reply, sends it, closes.
+// Moves the bytes of HTTP clients on one thread: takes a request's head in, asks for the reply, sends
+// it, closes.
 //
 // 1. Memory is bounded: at most MAX_HTTP_CLIENTS connections, and MAX_HEAD_BYTES of each.
-// 2. A connection has one request. Its head has to be complete within HEAD_LIMIT, and its reply taken within REPLY_LIMIT.
-// 3. When the table is full, the newcomer takes the place of the connection that has been incomplete the longest. So
-//    clients that send slowly, or nothing, keep out no client that sends its request at once.
+// 2. A connection has one request. Its head has to be complete within HEAD_LIMIT, and its reply taken
+//    within REPLY_LIMIT.
+// 3. When the table is full, the newcomer takes the place of the connection that has been incomplete the
+//    longest. So clients that send slowly, or nothing, keep out no client that sends its request at once.
 // 4. Bodies are not read: the request ends at its first empty line.
 #pragma once
 

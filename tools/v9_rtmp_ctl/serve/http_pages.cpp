@@ -1,5 +1,5 @@
-// The only file that includes the HTTP library: it parses requests, routes them and writes replies. Sockets are the
-// business of http_loop.
+// The only file that includes the HTTP library: it parses requests, routes them and writes replies. Sockets
+// are the business of http_loop.
 #include "tools/v9_rtmp_ctl/serve/http_pages.h"
 
 #include <httplib.h>
@@ -7,7 +7,9 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdio>
 #include <stdexcept>
+#include <string_view>
 #include <utility>
 
 #include "tools/v9_rtmp_ctl/listen_address.h"
@@ -66,8 +68,8 @@ std::string make_nonce() {
     return nonce;
 }
 
-// Renames Range headers. The library reads them by a regular expression that recurses for each of their bytes, and sends
-// a part for each range, of which a request has room for thousands.
+// Renames Range headers. The library reads them by a regular expression that recurses for each of their
+// bytes, and sends a part for each range, of which a request has room for thousands.
 std::string without_ranges(const std::string& head) {
     constexpr std::string_view NAME = "range";
     std::string request = head;

@@ -5,6 +5,7 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -18,7 +19,8 @@ struct PageContents {
     std::function<std::string(const std::string& nonce)> status_page;
     // Nothing when the server answers; else what is wrong.
     std::function<std::string()> sickness;
-    // Drops the connection with this id, if it is still from the address. Nothing when it was dropped for certain.
+    // Drops the connection with this id, if it is still from the address. Nothing when it was dropped
+    // for certain.
     std::function<std::optional<Failure>(const std::string& id, const std::string& address)> drop;
 };
 

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstddef>
 #include <fstream>
 
 #include "tools/v9_rtmp_ctl/listen_address.h"

@@ -1,19 +1,27 @@
 // serve: one thread looks at the server once a second, another answers HTTP clients from what it saw.
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cstdint>
 #include <cstring>
 #include <functional>
 #include <iostream>
 #include <memory>
 #include <mutex>
+#include <optional>
+#include <string>
 #include <thread>
+#include <utility>
+#include <vector>
 
 #include "tools/v9_rtmp_ctl/commands.h"
+#include "tools/v9_rtmp_ctl/connections.h"
+#include "tools/v9_rtmp_ctl/control_client.h"
 #include "tools/v9_rtmp_ctl/drop_batch.h"
+#include "tools/v9_rtmp_ctl/drop_rules.h"
+#include "tools/v9_rtmp_ctl/failure.h"
 #include "tools/v9_rtmp_ctl/listen_address.h"
 #include "tools/v9_rtmp_ctl/monitor.h"
 #include "tools/v9_rtmp_ctl/serve/http_loop.h"

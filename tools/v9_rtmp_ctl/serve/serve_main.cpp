@@ -1,9 +1,12 @@
 // The program that v9_rtmp_ctl becomes for serve. It has the HTTP library, which the tool does without.
 #include <exception>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "tools/v9_rtmp_ctl/command_line.h"
+#include "tools/v9_rtmp_ctl/commands.h"
+#include "tools/v9_rtmp_ctl/failure.h"
 
 int main(int argc, char** argv) {
     try {

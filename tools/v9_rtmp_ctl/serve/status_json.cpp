@@ -2,17 +2,29 @@
 
 #include <algorithm>
 #include <cmath>
-#include <functional>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <optional>
+#include <utility>
 
+#include "tools/v9_rtmp_ctl/connection_history.h"
+#include "tools/v9_rtmp_ctl/connections.h"
 #include "tools/v9_rtmp_ctl/json_objects.h"
+#include "tools/v9_rtmp_ctl/process_info.h"
+#include "tools/v9_rtmp_ctl/rate_history.h"
 #include "tools/v9_rtmp_ctl/serve/http_rules.h"
 #include "tools/v9_rtmp_ctl/stream_health.h"
+#include "tools/v9_rtmp_ctl/stream_series.h"
 #include "tools/v9_rtmp_ctl/stream_summary.h"
 #include "tools/v9_rtmp_ctl/text.h"
+#include "tools/v9_rtmp_ctl/time_units.h"
+#include "tools/v9_rtmp_ctl/watchdog_rules.h"
+#include "tools/v9_rtmp_ctl/watchdog_statistics.h"
 
 namespace {
 
-constexpr std::uint64_t US_PER_SECOND = 1000000;
 // Names may be megabytes long, and every viewer is sent them every second.
 constexpr std::size_t MAX_NAME_BYTES = 200;
 
@@ -36,18 +48,11 @@ Json whole_seconds(std::uint64_t us) {
     return us / US_PER_SECOND;
 }
 
-const ClientRecord* find_record(const ConnectionHistory& history, const Connection& connection) {
-    const auto found = std::find_if(
-        history.clients().begin(), history.clients().end(),
-        [&connection](const ClientRecord& record) { return record.connection.id == connection.id; });
-    return found == history.clients().end() ? nullptr : &*found;
-}
-
 Json connection_status(const ConnectionHistory& history, const Connection& connection) {
     Connection cut = connection;
     cut.stream = cut_name(connection.stream);
     Json object = connection_object(cut, RateUnit::BYTES);
-    const ClientRecord* const record = find_record(history, connection);
+    const ClientRecord* const record = find_client(history.clients(), connection.id);
     const ClientHealth health = record == nullptr ? ClientHealth() : client_health(history, *record);
     object["age_seconds"] = whole_seconds(health.age_us);
     object["still_seconds"] = whole_seconds(health.still_us);

@@ -8,11 +8,11 @@ namespace {
 
 using Messages = std::vector<QueuedMessage>;
 
-class AcknowledgeTest : public AppFixture {};
+class release_stream_test : public AppFixture {};
 
 }  // namespace
 
-TEST_F(AcknowledgeTest, answers_with_the_transaction_id_under_the_requests_header_and_changes_nothing) {
+TEST_F(release_stream_test, answers_with_the_transaction_id_under_the_requests_header_and_changes_nothing) {
     for (const char* const name : {"releaseStream", "FCPublish", "FCUnpublish"}) {
         RTMPConnection& conn = add_connection();
         receive(conn, make_packet(MESSAGE_AMF0_COMMAND, 4711,
@@ -27,7 +27,7 @@ TEST_F(AcknowledgeTest, answers_with_the_transaction_id_under_the_requests_heade
     }
 }
 
-TEST_F(AcknowledgeTest, echoes_a_transaction_id_of_any_type) {
+TEST_F(release_stream_test, echoes_a_transaction_id_of_any_type) {
     for (const Bytes& id : {amf_number(-0.5), amf_boolean(2), amf_string("seven"), amf_string(""), amf_null(),
                             amf_undefined(), amf_object({{"a", amf_number(1)}}),
                             amf_ecma_array(1, {{"a", amf_null()}}), amf_xml_document("<a/>")}) {
@@ -37,13 +37,13 @@ TEST_F(AcknowledgeTest, echoes_a_transaction_id_of_any_type) {
     }
 }
 
-TEST_F(AcknowledgeTest, does_not_look_behind_its_arguments) {
+TEST_F(release_stream_test, does_not_look_behind_its_arguments) {
     RTMPConnection& conn = add_connection();
     EXPECT_EQ(command(conn, amf_string("FCPublish") + amf_number(2) + amf_null() + bytes_of({0x0A})), "");
     EXPECT_EQ(take_queued(conn).size(), 1U);
 }
 
-TEST_F(AcknowledgeTest, refuses_missing_malformed_and_unanswerable_arguments_in_silence) {
+TEST_F(release_stream_test, refuses_missing_malformed_and_unanswerable_arguments_in_silence) {
     for (const Bytes& arguments : std::vector<Bytes>{
              "", amf_number(2), amf_number(2).substr(0, 8), bytes_of({0x0A}),
              amf_number(2) + bytes_of({0x0A}), amf_number(2) + amf_string("cut").substr(0, 4),
@@ -57,7 +57,7 @@ TEST_F(AcknowledgeTest, refuses_missing_malformed_and_unanswerable_arguments_in_
     }
 }
 
-TEST_F(AcknowledgeTest, refuses_a_transaction_id_that_makes_the_reply_too_long) {
+TEST_F(release_stream_test, refuses_a_transaction_id_that_makes_the_reply_too_long) {
     // Beside the text: 10 bytes of "_result", marker and length of the id, and 1 byte of null.
     constexpr std::size_t LONGEST_ID = 65536 - 10 - 3 - 1;
     RTMPConnection& conn = add_connection();

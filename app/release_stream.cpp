@@ -1,7 +1,11 @@
+// The commands releaseStream, FCPublish and FCUnpublish, which encoders send before and after publishing.
+#include "amf/amf_value.h"
+#include "app/command_args.h"
 #include "app/command_table.h"
 #include "app/reply.h"
+#include "core/connection.h"
 
-bool handle_acknowledge(RTMPConnection& conn, const RTMP_Packet& request, CommandArgs args) {
+bool reply_result_only(RTMPConnection& conn, const RTMP_Packet& request, CommandArgs args) {
     AMF_Value transaction_id;
     AMF_Value ignored;  // Clients send a stream name after it, which is not read.
     if (!args.read_followed_by_more(transaction_id) || !args.read(ignored)) {
