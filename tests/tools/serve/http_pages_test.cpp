@@ -152,8 +152,8 @@ TEST_F(Pages, RangesAndCompressionAreNotServed) {
     while (ranges.size() < 7900) {
         ranges += ",0-";
     }
-    for (const std::string& headers :
-         {"Range: bytes=" + ranges, std::string("rAnGe:bytes=0-0"), std::string("Accept-Encoding: gzip, br")}) {
+    for (const std::string& headers : {"Range: bytes=" + ranges, std::string("rAnGe:bytes=0-0"),
+                                       std::string("Accept-Encoding: gzip, br")}) {
         const std::string reply =
             pages("").answer(request("GET /metrics", "Host: 127.0.0.1\r\n" + headers + "\r\n"));
         EXPECT_THAT(reply, AllOf(StartsWith("HTTP/1.1 200 "), EndsWith("\r\n\r\nv9_rtmp_up 1\n")));
