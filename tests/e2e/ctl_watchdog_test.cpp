@@ -52,7 +52,9 @@ std::string read_text(const std::string& path) {
 
 class Watchdog {
   public:
-    explicit Watchdog(const Words& options) : program(command(options)) {}
+    // Started by another program where there is one.
+    explicit Watchdog(const Words& options, const Words& starter = {})
+        : program(with(starter, command(options))) {}
 
     // The line about the client of an address. Waits for it.
     std::string line_about(const std::string& address) const {
@@ -420,6 +422,29 @@ TEST_F(watchdog, publishers_from_elsewhere_are_dropped_and_what_was_done_is_coun
     dog.stop();
     std::filesystem::remove(config);
     EXPECT_THAT(read_text(STATE + "/history.json"), HasSubstr(player.local_address()));
+}
+
+TEST_F(watchdog, many_clients_with_names_of_a_megabyte_are_dropped_in_little_memory) {
+    if (TIME_SCALE != 1) {
+        GTEST_SKIP() << "a sanitizer takes memory of its own";
+    }
+    constexpr std::size_t CLIENTS = 40;
+    constexpr std::size_t NAME_BYTES = 1000000;
+    ServerProcess server;
+    std::vector<RtmpClient> clients;
+    for (std::size_t i = 0; i < CLIENTS; ++i) {
+        clients.push_back(publishing_client(std::to_string(100 + i) + std::string(NAME_BYTES - 3, 'n')));
+    }
+    Watchdog dog(ALL_OFF, {"prlimit", "--data=" + std::to_string(4 * CLIENTS * NAME_BYTES)});
+    for (const RtmpClient& client : clients) {
+        EXPECT_THAT(dog.line_about(client), EndsWith("its stream name has 1000000 bytes"));
+    }
+    for (const std::string& line : dog.lines()) {
+        EXPECT_THAT(line, StartsWith("dropped"));
+    }
+    dog.stop();
+    EXPECT_EQ(dog.err().raw_text(), "");
+    EXPECT_LT(std::filesystem::file_size(STATE + "/history.json"), 100000U);
 }
 
 TEST_F(watchdog, it_goes_on_when_nothing_can_be_kept) {

@@ -71,6 +71,16 @@ TEST(connection_line, ALineEndInTheStreamNameForgesNoLine) {
     EXPECT_EQ(plain_line(*connection), "3\tx\\x0A4\tplay\t\t1\t2\ta");
 }
 
+TEST(connection_line, ALongNameIsCutAndItsLengthIsKept) {
+    Connection connection = make(0, std::string(1000, 'x'), "play");
+    cut_name(connection, 1000);
+    EXPECT_EQ(connection.stream, std::string(1000, 'x'));
+    EXPECT_EQ(connection.whole_name_bytes, 0U);
+    cut_name(connection, 999);
+    EXPECT_EQ(connection.stream, std::string(999, 'x') + "\u2026");
+    EXPECT_EQ(connection.whole_name_bytes, 1000U);
+}
+
 TEST(connection_line, WhatIsNoLineIsRefused) {
     for (const char* line :
          {"", "5", "5\tcam1\tplay\t\t1\t2",  // six fields

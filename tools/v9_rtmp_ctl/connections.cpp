@@ -116,6 +116,14 @@ std::optional<Connection> parse_connection_line(std::string_view line) {
     return connection;
 }
 
+void cut_name(Connection& connection, std::size_t longest_bytes) {
+    const std::size_t bytes = connection.stream.size();
+    if (bytes > longest_bytes) {
+        connection.whole_name_bytes = bytes;
+        connection.stream = connection.stream.substr(0, longest_bytes) + "\u2026";
+    }
+}
+
 const Connection* find_connection(const std::vector<Connection>& connections, unsigned id) {
     const auto found = std::find_if(connections.begin(), connections.end(),
                                     [id](const Connection& c) { return c.id == id; });

@@ -4,6 +4,7 @@
 // slot, same address, same stream, counters that have not gone back.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -29,6 +30,7 @@ struct Connection {
     std::optional<std::uint64_t> bytes_sent;      // to the client
     std::optional<std::uint64_t> bytes_received;  // from the client
     std::string address;                          // with port; may be empty
+    std::size_t whole_name_bytes = 0;             // of a stream name that was cut; 0: it is whole
 
     // Of bytes per second; filled in by add_rates.
     std::optional<double> sent_rate;
@@ -49,6 +51,10 @@ enum class SortKey { ID, STREAM, RATE };
 // it and five behind it, and none of those can hold a TAB. Nothing when the line is not of this form or its
 // id is no slot.
 [[nodiscard]] std::optional<Connection> parse_connection_line(std::string_view line);
+
+// Cuts a stream name above this length and ends it with an ellipsis, so that it differs from each name that
+// is whole.
+void cut_name(Connection& connection, std::size_t longest_bytes);
 
 // Null when the listing has no such connection.
 [[nodiscard]] const Connection* find_connection(const std::vector<Connection>& connections, unsigned id);

@@ -192,7 +192,7 @@ Request list_request(const std::string& mode) {
     return request;
 }
 
-std::optional<Failure> read_listing(const Reply& reply, Listing& listing) {
+std::optional<Failure> read_listing(const Reply& reply, Listing& listing, std::size_t longest_name_bytes) {
     listing.connections.clear();
     if (reply.status != COMM_SOCKET_V4_STATUS_SUCCESS) {
         return refused_by_server(reply.message);
@@ -205,18 +205,20 @@ std::optional<Failure> read_listing(const Reply& reply, Listing& listing) {
         if (!connection) {
             return unreadable_reply("'" + value.substr(0, 200) + "' is no line of a listing");
         }
+        cut_name(*connection, longest_name_bytes);
         listing.connections.push_back(std::move(*connection));
     }
     return std::nullopt;
 }
 
-std::optional<Failure> take_listing(ControlClient& client, const std::string& mode, Listing& listing) {
+std::optional<Failure> take_listing(ControlClient& client, const std::string& mode, Listing& listing,
+                                    std::size_t longest_name_bytes) {
     Reply reply;
     if (std::optional<Failure> failure = client.call(list_request(mode), reply)) {
         return failure;
     }
     listing.taken_us = clock_us();
-    return read_listing(reply, listing);
+    return read_listing(reply, listing, longest_name_bytes);
 }
 
 std::optional<Failure> take_listing_with_rates(ControlClient& client, const std::string& mode,

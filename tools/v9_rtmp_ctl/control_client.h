@@ -5,6 +5,7 @@
 
 #include <comm_socket_v4.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <optional>
@@ -85,12 +86,15 @@ class ControlClient {
 // The request for the connections of one mode, or of all when mode is empty.
 [[nodiscard]] Request list_request(const std::string& mode);
 
-// Reads the reply to list_request. listing is unspecified after a failure.
-[[nodiscard]] std::optional<Failure> read_listing(const Reply& reply, Listing& listing);
+// Reads the reply to list_request. Names above longest_name_bytes are cut. listing is unspecified after
+// a failure.
+[[nodiscard]] std::optional<Failure> read_listing(const Reply& reply, Listing& listing,
+                                                  std::size_t longest_name_bytes = SIZE_MAX);
 
 // Both together.
 [[nodiscard]] std::optional<Failure> take_listing(ControlClient& client, const std::string& mode,
-                                                  Listing& listing);
+                                                  Listing& listing,
+                                                  std::size_t longest_name_bytes = SIZE_MAX);
 
 // Two listings a second apart; what is returned are the connections of the second, with their rates.
 [[nodiscard]] std::optional<Failure> take_listing_with_rates(ControlClient& client, const std::string& mode,

@@ -103,6 +103,36 @@ std::optional<Failure> drop_targets(ControlClient& client, const std::vector<Dro
     });
 }
 
+std::optional<Failure> drop_cut_names(ControlClient& client, const std::vector<Connection>& targets,
+                                      std::vector<DropOutcome>& outcomes) {
+    Reply listing;
+    if (std::optional<Failure> failure = client.call(list_request(""), listing)) {
+        return failure;
+    }
+    for (const Connection& target : targets) {
+        std::optional<Failure> kept = no_such_connection(target.id);
+        Reply reply;
+        const std::string beginning = std::to_string(target.id) + "\t";
+        for (const auto& [name, line] : listing.pairs) {
+            if (name != "connection" || !line.starts_with(beginning)) {
+                continue;
+            }
+            const std::optional<Connection> whole = parse_connection_line(line);
+            if (!whole || whole->address != target.address ||
+                whole->stream.size() != target.whole_name_bytes) {
+                continue;
+            }
+            if (std::optional<Failure> failure =
+                    client.call(drop_id_request(target.id, whole->stream), reply)) {
+                return failure;
+            }
+            kept = judge_drop_id(target.id, target.stream, reply);
+        }
+        outcomes.push_back({target.id, target.stream, kept, reply.message});
+    }
+    return std::nullopt;
+}
+
 std::optional<Failure> drop_targets_unseen(ControlClient& client, const std::vector<DropTarget>& targets,
                                            std::vector<DropOutcome>& outcomes) {
     return for_each_batch(targets, [&](const Batch& batch) -> std::optional<Failure> {

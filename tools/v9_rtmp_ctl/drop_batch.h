@@ -41,7 +41,13 @@ struct DropOutcome {
                                                   const std::vector<DropTarget>& targets,
                                                   std::vector<DropOutcome>& outcomes);
 
-// The same without listings, and so without a word about which client had the id.
+// Drops clients whose names were cut. The whole names, which are the guards, come from one more listing; one
+// at a time is copied, and none is in an outcome. No listing follows: a name of that length is guard enough.
+[[nodiscard]] std::optional<Failure> drop_cut_names(ControlClient& client,
+                                                    const std::vector<Connection>& targets,
+                                                    std::vector<DropOutcome>& outcomes);
+
+// The same as drop_targets without listings, and so without a word about which client had the id.
 [[nodiscard]] std::optional<Failure> drop_targets_unseen(ControlClient& client,
                                                          const std::vector<DropTarget>& targets,
                                                          std::vector<DropOutcome>& outcomes);

@@ -25,7 +25,7 @@ void Monitor::look() {
     current.failure = client.connect();
     const std::uint64_t asked_us = clock_us();
     if (!current.failure) {
-        current.failure = take_listing(client, "", current.listing);
+        current.failure = take_listing(client, "", current.listing, ConnectionHistory::MAX_NAME_BYTES);
     }
     if (current.failure) {
         // The next look may find another server.

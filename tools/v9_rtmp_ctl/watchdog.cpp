@@ -97,7 +97,7 @@ class Watchdog {
     // One listing, and the drops that follow from it. A failure that no further look can mend is returned.
     [[nodiscard]] std::optional<Failure> look() {
         Listing listing;
-        if (std::optional<Failure> failure = take_listing(client, "", listing)) {
+        if (std::optional<Failure> failure = take_listing(client, "", listing, longest_name_bytes())) {
             ++statistics.failed_looks;
             if (failure->exit_code == ExitCode::USAGE) {
                 return failure;
@@ -162,14 +162,30 @@ class Watchdog {
         announced = std::move(now);
     }
 
-    void drop(const std::vector<Verdict>& verdicts) {
+    // Strangers choose names, and all of a listing can be longer than memory allows to copy.
+    [[nodiscard]] std::size_t longest_name_bytes() const {
+        return std::max(ConnectionHistory::MAX_NAME_BYTES, options.limits.long_name_bytes.value_or(0));
+    }
+
+    // Long names go first, so that the listings around the other drops lack them.
+    void drop(std::vector<Verdict> verdicts) {
+        const auto begin_of_whole = std::stable_partition(
+            verdicts.begin(), verdicts.end(),
+            [](const Verdict& verdict) { return verdict.target.whole_name_bytes != 0; });
+        std::vector<Connection> cut;
         std::vector<DropTarget> targets;
-        targets.reserve(verdicts.size());
-        for (const Verdict& verdict : verdicts) {
-            targets.push_back(target_of(verdict.target));
+        for (auto verdict = verdicts.begin(); verdict != verdicts.end(); ++verdict) {
+            if (verdict < begin_of_whole) {
+                cut.push_back(verdict->target);
+            } else {
+                targets.push_back(target_of(verdict->target));
+            }
         }
         std::vector<DropOutcome> outcomes;
-        const std::optional<Failure> failure = drop_targets(client, targets, outcomes);
+        std::optional<Failure> failure = cut.empty() ? std::nullopt : drop_cut_names(client, cut, outcomes);
+        if (!failure) {
+            failure = drop_targets(client, targets, outcomes);
+        }
         for (std::size_t i = 0; i < outcomes.size(); ++i) {
             tell(event_of(verdicts[i], outcomes[i]));
         }

@@ -80,7 +80,9 @@ class Judge {
     }
 
     [[nodiscard]] Reason judge_name(const ClientRecord& record) const {
-        const std::size_t bytes = record.connection.stream.size();
+        const Connection& client = record.connection;
+        const std::size_t bytes =
+            client.whole_name_bytes != 0 ? client.whole_name_bytes : client.stream.size();
         if (!limits.long_name_bytes || bytes <= *limits.long_name_bytes) {
             return std::nullopt;
         }
@@ -247,6 +249,10 @@ class Judge {
     template <typename Predicate>
     [[nodiscard]] Clients others(const ClientRecord& record, const Predicate& predicate) const {
         Clients found;
+        // Two names that were cut can differ where it does not show.
+        if (record.connection.whole_name_bytes != 0) {
+            return found;
+        }
         for (const ClientRecord& other : history.clients()) {
             if (&other != &record && other.connection.stream == record.connection.stream &&
                 predicate(other)) {

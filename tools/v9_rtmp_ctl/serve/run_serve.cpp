@@ -112,7 +112,10 @@ std::optional<Failure> drop(const Settings& settings, const MonitorView& view, c
     }
     ControlClient client(settings.socket_path, std::min(settings.timeout_us(), MAX_DROP_US));
     std::vector<DropOutcome> outcomes;
-    if (std::optional<Failure> failure = drop_targets(client, {target_of(*seen)}, outcomes)) {
+    std::optional<Failure> failure = seen->whole_name_bytes != 0
+                                         ? drop_cut_names(client, {*seen}, outcomes)
+                                         : drop_targets(client, {target_of(*seen)}, outcomes);
+    if (failure) {
         return failure;
     }
     return outcomes.front().failure;
