@@ -80,6 +80,9 @@ class ConnectionHistory {
     // of clients.
     void take_in(const Listing& listing);
 
+    // Counts all streams from 0 again.
+    void begin_totals();
+
     // Those of the last listing, by id.
     [[nodiscard]] const std::vector<ClientRecord>& clients() const { return records; }
     [[nodiscard]] const std::map<std::string, StreamTotals>& streams() const { return totals; }

@@ -11,6 +11,7 @@ Monitor::Monitor(const std::string& socket_path, std::uint64_t silence_us, std::
     const std::optional<std::string> history = read_file(state + "/" + WATCHDOG_HISTORY_FILE);
     // Without it, the history begins now.
     static_cast<void>(history && current.history.restore(*history, boot_id()));
+    current.history.begin_totals();
 }
 
 void Monitor::read_watchdog() {

@@ -29,7 +29,9 @@ struct MonitorView {
 
 class Monitor {
   public:
-    // A watchdog's state directory has its statistics, and clients that it saw before this began.
+    // A watchdog's state directory has its statistics, and the ages of clients that it saw before this began.
+    // Its counters of streams are not used: it looks at other moments, so its sums can be smaller than those
+    // that an earlier program has shown, and the whole sum would be counted again.
     Monitor(const std::string& socket_path, std::uint64_t silence_us, std::string watchdog_state);
 
     // Asks for a listing, which takes as long as ControlClient waits at most.
