@@ -3,6 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <set>
+
 #include "tests/tools/observed_clients.h"
 
 using testing::Contains;
@@ -92,6 +94,46 @@ TEST_F(series_test, NamesThatComeAndGoDoNotAddUp) {
         look(second, {observed_publisher(second % 128, "name" + std::to_string(second), MUCH)});
     }
     EXPECT_THAT(series.listed(), SizeIs(StreamSeries::MAX_SERIES));
+}
+
+TEST_F(series_test, NamesThatCarryALittleDoNotReplaceThoseThatCarriedAsMuch) {
+    std::set<std::string> ever;
+    look(1, full_house(StreamSeries::MIN_BYTES - 100));
+    look(2, full_house(StreamSeries::MIN_BYTES));
+    for (unsigned second = 3; second < 43; ++second) {
+        std::vector<Connection> clients = full_house(StreamSeries::MIN_BYTES);
+        clients.push_back(
+            observed_publisher(100, "new" + std::to_string(second), StreamSeries::MIN_BYTES + 500));
+        look(second, clients);
+        for (const auto& [label, totals] : series.listed()) {
+            ever.insert(label);
+        }
+    }
+    EXPECT_THAT(ever, SizeIs(StreamSeries::MAX_SERIES));
+}
+
+TEST_F(series_test, ANameThatGaveWayNeedsTwiceItsBytesToComeBack) {
+    look(1, full_house(MUCH));
+    std::vector<Connection> clients = full_house(MUCH);
+    clients.push_back(observed_publisher(100, "large", 2 * MUCH));
+    look(2, clients);
+    ASSERT_THAT(series.listed(), Not(Contains(Key("s0"))));
+    // Other names have been gone for long, so there is room.
+    const std::uint64_t later_s = StreamSeries::KEEP_US / ONE_SECOND_US + 2;
+    look(later_s, {observed_publisher(0, "s0", 2 * MUCH - 1)});
+    EXPECT_THAT(series.listed(), Not(Contains(Key("s0"))));
+    look(later_s + 1, {observed_publisher(0, "s0", 2 * MUCH)});
+    EXPECT_THAT(series.listed(), Contains(Key("s0")));
+}
+
+TEST_F(series_test, AStreamWhoseLastClientIsGoneGetsNone) {
+    std::vector<Connection> clients = full_house(MUCH);
+    clients.push_back(observed_publisher(100, "one_more", MUCH));
+    look(1, clients);
+    ASSERT_THAT(series.listed(), Not(Contains(Key("s9"))));
+    look(2, {});
+    look(2 + StreamSeries::KEEP_US / ONE_SECOND_US, {});
+    EXPECT_THAT(series.listed(), Not(Contains(Key("s9"))));
 }
 
 TEST_F(series_test, AStreamThatIsCalledLikeAllOthersHasNoneOfItsOwn) {

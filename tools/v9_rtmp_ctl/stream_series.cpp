@@ -29,10 +29,21 @@ void add_growth(StreamTotals& sum, const StreamTotals& before, const StreamTotal
 void StreamSeries::take_in(const ConnectionHistory& history) {
     for (const auto& [name, totals] : history.streams()) {
         const std::string label = stream_label(name);
+        if (series.contains(label)) {
+            carried[label] = std::max(carried[label], carried_bytes(totals));
+        }
+    }
+    for (const auto& [name, totals] : history.streams()) {
+        const std::string label = stream_label(name);
         const auto before = last.find(name);
         StreamTotals& sum = admit(label, totals, history.now_us()) ? series[label] : rest;
         add_growth(sum, before == last.end() ? StreamTotals() : before->second, totals);
     }
+    std::erase_if(gave_way, [&history](const auto& entry) {
+        return std::none_of(history.streams().begin(), history.streams().end(), [&entry](const auto& stream) {
+            return stream_label(stream.first) == entry.first;
+        });
+    });
     last = history.streams();
 }
 
@@ -41,15 +52,21 @@ bool StreamSeries::admit(const std::string& label, const StreamTotals& totals, s
         return true;
     }
     const std::uint64_t bytes = carried_bytes(totals);
-    if (bytes < MIN_BYTES || label == OTHER_STREAMS) {
+    const auto earlier = gave_way.find(label);
+    if (bytes < MIN_BYTES || label == OTHER_STREAMS || totals.last_member_us != now_us ||
+        (earlier != gave_way.end() && bytes < 2 * earlier->second) ||
+        (series.size() >= MAX_SERIES && !make_room(bytes, now_us))) {
         return false;
     }
-    if (series.size() < MAX_SERIES) {
-        return true;
-    }
-    const auto weakness = [now_us](const auto& entry) {
+    gave_way.erase(label);
+    carried[label] = bytes;
+    return true;
+}
+
+bool StreamSeries::make_room(std::uint64_t bytes, std::uint64_t now_us) {
+    const auto weakness = [this, now_us](const auto& entry) {
         const bool is_gone = now_us - std::min(now_us, entry.second.last_member_us) >= KEEP_US;
-        return std::pair(!is_gone, carried_bytes(entry.second));
+        return std::pair(!is_gone, carried.at(entry.first));
     };
     const auto weakest =
         std::min_element(series.begin(), series.end(),
@@ -58,6 +75,10 @@ bool StreamSeries::admit(const std::string& label, const StreamTotals& totals, s
     if (is_there && bytes < 2 * least) {
         return false;
     }
+    if (is_there) {
+        gave_way[weakest->first] = least;
+    }
+    carried.erase(weakest->first);
     series.erase(weakest);
     return true;
 }

@@ -5,9 +5,10 @@
 //
 // 1. At most MAX_SERIES names have their own; all others together are OTHER_STREAMS.
 // 2. A name has to have carried MIN_BYTES first.
-// 3. Where all are taken, a name gives way when its last client has been gone for KEEP_US, or to a name that
-//    has carried twice as much. So strangers make at most MAX_SERIES new ones in KEEP_US for free, and each
-//    one beyond that costs twice the bytes of the smallest.
+// 3. Only a name that has a client gets its own. Where all are taken, a name gives way when its last client
+//    has been gone for KEEP_US, or to a name that has carried twice as much in all. A name that gave way to a
+//    larger one gets its own again only when it has carried twice as much as then. So strangers make at most
+//    MAX_SERIES new ones in KEEP_US for free, and each one beyond that costs twice the bytes of the smallest.
 // 4. No counter goes back: a name's own begins with 0 when it is given one, and what was counted as
 //    OTHER_STREAMS stays there.
 #pragma once
@@ -37,8 +38,11 @@ class StreamSeries {
 
   private:
     [[nodiscard]] bool admit(const std::string& label, const StreamTotals& totals, std::uint64_t now_us);
+    [[nodiscard]] bool make_room(std::uint64_t bytes, std::uint64_t now_us);
 
     std::map<std::string, StreamTotals> series;
+    std::map<std::string, std::uint64_t> carried;   // of those listed: bytes in all, also before they were
+    std::map<std::string, std::uint64_t> gave_way;  // the same of those that gave way, at that moment
     StreamTotals rest;
     std::map<std::string, StreamTotals> last;  // of the history, by name
 };
