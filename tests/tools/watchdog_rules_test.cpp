@@ -342,6 +342,16 @@ TEST_F(watchdog_rules_test, OneThatCatchesUpMakesNoOtherOneLookBehind) {
     EXPECT_EQ(first_verdict(1000), 0U);
 }
 
+// The watchdog starts while that one is 45 s behind, so all others seem to have got less since.
+TEST_F(watchdog_rules_test, OneThatWasFarBehindAndCatchesUpGetsNoOtherOneDropped) {
+    publisher(1, steady(FOUR_MBIT));
+    player(2, [](std::uint64_t s) { return (s < 8 ? s : s + 45) * FOUR_MBIT; });
+    for (unsigned id = 3; id < 15; ++id) {
+        player(id, steady(FOUR_MBIT));
+    }
+    EXPECT_EQ(first_verdict(1000), 0U);
+}
+
 TEST_F(watchdog_rules_test, AStreamThatPausesMakesNoPlayerLookBehind) {
     const Media pausing = [](std::uint64_t s) {
         return (s / 100 * 50 + std::min<std::uint64_t>(s % 100, 50)) * FOUR_MBIT;
