@@ -63,8 +63,12 @@ TEST(check_rules, DescriptorsAndThreadsSufficeForAFullTable) {
 
 TEST(check_rules, AServerWithoutAMemoryLimitIsAWarning) {
     EXPECT_EQ(judge_memory_limit(std::nullopt).level, Level::WARNING);
-    EXPECT_EQ(judge_memory_limit("268435456\n").level, Level::OK);
-    EXPECT_EQ(judge_memory_limit("268435455\n").level, Level::WARNING);
+}
+
+// 160 MiB, and 13 MiB for each of 128 clients.
+TEST(check_rules, AMemoryLimitBelowWhatAFullTableMayHoldIsAWarning) {
+    EXPECT_EQ(judge_memory_limit("1912602624\n").level, Level::OK);
+    EXPECT_EQ(judge_memory_limit("1912602623\n").level, Level::WARNING);
 }
 
 TEST(check_rules, StandardErrorMayLeadToTheJournalOrNowhere) {

@@ -369,6 +369,15 @@ TEST(command_line, TheWatchdogReadsOptionsFromAFileAndThoseOfTheLineCount) {
     EXPECT_TRUE(options.dry_run);
 }
 
+TEST(command_line, AddressesOfPublishersOnTheLineReplaceThoseOfTheFile) {
+    const ConfigFile file("publish-from = 10.0.0.0/8 192.0.2.1\n");
+    const CommandLine line = parsed({"watchdog", "--config", file.path, "--publish-from", "192.0.2.7"});
+    EXPECT_THAT(line.watchdog.limits.publish_from, ElementsAre(*parse_address_range("192.0.2.7")));
+    const ConfigFile bad("publish-from = example\n");
+    EXPECT_THAT(refused({"watchdog", "--config", bad.path, "--publish-from", "192.0.2.7"}).message,
+                HasSubstr("is not an IPv4 address"));
+}
+
 TEST(command_line, AnEmptyFileOfOptionsChangesNothing) {
     const ConfigFile file("\n# nothing\n");
     EXPECT_THAT(parsed({"watchdog", "--config", file.path}).watchdog.limits.stalled_us, Optional(30000000U));

@@ -176,6 +176,51 @@ TEST_F(watchdog_rules_test, ALonePlayerIsKeptWhileItIsNotKnownWhichOfTwoPublishe
     EXPECT_EQ(first_verdict(3000), 0U);
 }
 
+TEST_F(watchdog_rules_test, ARivalThatWaitsDoesNotProtectALonePlayerThatStandsStill) {
+    // The second rival is seen to send too little for media.
+    for (const std::uint64_t rival_rate : {2500U, 500U}) {
+        clients.clear();
+        now_s = 0;
+        only(DropRule::STALLED);
+        publisher(1, steady(FOUR_MBIT));
+        publisher(2, steady(rival_rate), 3);
+        player(3, until(100));
+        EXPECT_EQ(first_verdict(200), 130U) << rival_rate;
+    }
+}
+
+TEST_F(watchdog_rules_test, ARivalThatWaitsDoesNotProtectALonePlayerThatFallsBehind) {
+    for (const std::uint64_t rival_rate : {std::uint64_t{2500}, 2 * FOUR_MBIT}) {
+        clients.clear();
+        now_s = 0;
+        only(DropRule::BEHIND);
+        publisher(1, steady(FOUR_MBIT));
+        publisher(2, steady(rival_rate), 3);
+        player(3, steady(3000));
+        EXPECT_NEAR(static_cast<double>(first_verdict(200)), 22, 2) << rival_rate;
+    }
+}
+
+TEST_F(watchdog_rules_test, ARivalThatWaitsDoesNotProtectASlowPlayerBesideOthers) {
+    only(DropRule::BEHIND);
+    publisher(1, steady(FOUR_MBIT));
+    publisher(2, steady(2500), 3);
+    player(3, steady(3000));
+    for (unsigned id = 4; id < 14; ++id) {
+        player(id, steady(FOUR_MBIT));
+    }
+    EXPECT_THAT(ids(at(40)), ElementsAre(3));
+}
+
+TEST_F(watchdog_rules_test, PlayersOfARivalThatTookOverAreNotComparedWithThePublisherThatPaused) {
+    const Media paused = [](std::uint64_t s) { return (s < 20 ? s : s < 24 ? 20 : s - 4) * FOUR_MBIT; };
+    only(DropRule::BEHIND);
+    publisher(1, paused);
+    publisher(2, steady(2500), 3);
+    player(3, [](std::uint64_t s) { return std::min<std::uint64_t>(s, 20) * FOUR_MBIT + s * 2500; });
+    EXPECT_EQ(first_verdict(1000), 0U);
+}
+
 TEST_F(watchdog_rules_test, WhenAllPlayersStandStillOnlyTheirPublisherIsASuspect) {
     publisher(1, steady(FOUR_MBIT));
     for (unsigned id = 2; id < 22; ++id) {
@@ -339,6 +384,16 @@ TEST_F(watchdog_rules_test, OneThatCatchesUpMakesNoOtherOneLookBehind) {
         3, [](std::uint64_t s) { return (s % 60 < 10 ? s - s % 60 : s) * FOUR_MBIT; }, 100);
     player(4, steady(FOUR_MBIT));
     player(5, steady(FOUR_MBIT));
+    EXPECT_EQ(first_verdict(1000), 0U);
+}
+
+// The watchdog starts while that one is 45 s behind, so all others seem to have got less since.
+TEST_F(watchdog_rules_test, OneThatWasFarBehindAndCatchesUpGetsNoOtherOneDropped) {
+    publisher(1, steady(FOUR_MBIT));
+    player(2, [](std::uint64_t s) { return (s < 8 ? s : s + 45) * FOUR_MBIT; });
+    for (unsigned id = 3; id < 15; ++id) {
+        player(id, steady(FOUR_MBIT));
+    }
     EXPECT_EQ(first_verdict(1000), 0U);
 }
 

@@ -12,7 +12,10 @@ namespace {
 
 constexpr std::uint64_t UNLIMITED = std::numeric_limits<std::uint64_t>::max();
 constexpr std::uint64_t NEEDED_BACKLOG = 20;
-constexpr std::uint64_t NEEDED_MEMORY_BYTES = std::uint64_t{256} << 20U;
+// What the server and a full table of clients may hold, beside what waits for slow players.
+constexpr std::uint64_t SERVER_MEMORY_BYTES = std::uint64_t{160} << 20U;
+constexpr std::uint64_t CLIENT_MEMORY_BYTES = std::uint64_t{13} << 20U;
+constexpr std::uint64_t NEEDED_MEMORY_BYTES = SERVER_MEMORY_BYTES + SLOT_COUNT * CLIENT_MEMORY_BYTES;
 constexpr std::size_t FEW_SLOTS = 13;  // a tenth
 
 std::string trimmed(std::string_view text) {
@@ -139,7 +142,8 @@ Finding judge_memory_limit(const std::optional<std::string>& memory_max) {
     }
     if (*limit < NEEDED_MEMORY_BYTES) {
         return {Level::WARNING, "memory limit",
-                format_bytes(limit) + " is less than a full table of slow players needs. Allow " +
+                format_bytes(limit) +
+                    " is less than the server and a full table of clients may hold. Allow " +
                     format_bytes(NEEDED_MEMORY_BYTES) + " or more (MemoryMax)."};
     }
     return {Level::OK, "memory limit", format_bytes(limit)};

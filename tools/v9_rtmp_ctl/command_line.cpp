@@ -52,6 +52,7 @@ std::optional<Failure> check_combinations(const CommandLine& line, bool has_requ
 // Reads the line again, with the options of the file before its own, so that those of the line count.
 std::optional<Failure> parse_with_file(const std::vector<std::string>& words, CommandLine& line) {
     const std::string path = line.watchdog.config_path;
+    const auto publish_from = line.watchdog.limits.publish_from;
     std::vector<std::string> file_words;
     if (std::optional<Failure> failure = read_config(path, file_words)) {
         return failure;
@@ -64,6 +65,10 @@ std::optional<Failure> parse_with_file(const std::vector<std::string>& words, Co
     std::optional<Failure> failure = CommandParser(line).parse(all);
     if (failure) {
         failure->message = "in " + escape_untrusted(path) + ": " + failure->message;
+    }
+    // A list takes all words; those of the line replace those of the file.
+    if (!publish_from.empty()) {
+        line.watchdog.limits.publish_from = publish_from;
     }
     return failure;
 }

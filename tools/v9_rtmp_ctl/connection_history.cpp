@@ -12,6 +12,8 @@ using Json = nlohmann::ordered_json;
 constexpr int FORMAT_VERSION = 1;
 // Samples are kept at this many moments of the window.
 constexpr std::uint64_t SAMPLES_PER_WINDOW = 120;
+// A publisher that sends nothing for so long loses the stream to another one that sends.
+constexpr std::uint64_t TAKEOVER_US = 2500000;
 
 bool is_member(const Connection& connection) {
     return !connection.stream.empty() && !connection.mode.empty();
@@ -98,6 +100,8 @@ Json client_json(const ClientRecord& record) {
             {"stream_attended_us", record.stream_attended_us},
             {"sent", counter_json(record.sent)},
             {"received", counter_json(record.received)},
+            {"is_relayed", record.is_relayed},
+            {"quiet_since_us", record.quiet_since_us},
             {"settled_as", record.settled_as},
             {"settled_bytes", record.settled_bytes},
             {"since", std::move(since)}};
@@ -117,6 +121,8 @@ ClientRecord read_client(const Json& json) {
     record.received = read_counter(json.at("received"));
     record.connection.bytes_sent = record.sent.bytes;
     record.connection.bytes_received = record.received.bytes;
+    record.is_relayed = json.value("is_relayed", false);
+    record.quiet_since_us = json.value("quiet_since_us", std::uint64_t{0});
     json.at("settled_as").get_to(record.settled_as);
     json.at("settled_bytes").get_to(record.settled_bytes);
     for (const Json& pair : json.at("since")) {
@@ -154,6 +160,7 @@ void ConnectionHistory::take_in(const Listing& listing) {
         last_us = listing.taken_us;
     }
     const bool is_first = last_us == 0;
+    before_us = is_first ? listing.taken_us : last_us;
     const std::uint64_t elapsed_us =
         is_first ? 0 : std::min(listing.taken_us - last_us, times.longest_gap_us);
     last_us = listing.taken_us;
@@ -164,6 +171,9 @@ void ConnectionHistory::take_in(const Listing& listing) {
     }
     std::sort(records.begin(), records.end(),
               [](const ClientRecord& a, const ClientRecord& b) { return a.connection.id < b.connection.id; });
+    for (ClientRecord& record : records) {
+        follow_publisher(record);
+    }
     // All counters are of this listing now, so that clients can be compared from this moment on.
     for (ClientRecord& record : records) {
         settle(record);
@@ -192,6 +202,10 @@ void ConnectionHistory::take_in_client(const Connection& connection, const Clien
         record.sent = {*connection.bytes_sent, *connection.bytes_sent, attended};
         record.received = {*connection.bytes_received, *connection.bytes_received, attended};
     }
+    record.is_relayed = record.is_relayed && last_us - record.quiet_since_us < TAKEOVER_US;
+    if (record.first_seen_us == last_us || record.received.bytes != *connection.bytes_received) {
+        record.quiet_since_us = before_us;
+    }
     const bool was_member = record.stream_seen_us != 0;
     const std::uint64_t sent_before = was_member ? record.sent.bytes : 0;
     const std::uint64_t received_before = was_member ? record.received.bytes : 0;
@@ -214,6 +228,17 @@ void ConnectionHistory::take_in_client(const Connection& connection, const Clien
         }
     }
     records.push_back(std::move(record));
+}
+
+void ConnectionHistory::follow_publisher(ClientRecord& record) const {
+    if (!is_member(record.connection) || !is_publisher(record.connection)) {
+        return;
+    }
+    const bool is_alone = std::none_of(records.begin(), records.end(), [&record](const ClientRecord& other) {
+        return &other != &record && is_publisher(other.connection) &&
+               other.connection.stream == record.connection.stream;
+    });
+    record.is_relayed = record.is_relayed || is_alone;
 }
 
 void ConnectionHistory::settle(ClientRecord& record) {

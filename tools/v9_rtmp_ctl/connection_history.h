@@ -51,6 +51,11 @@ struct ClientRecord {
     CounterHistory sent;
     CounterHistory received;
 
+    // Of a publisher. The server relays the only one of a name, until it has sent nothing for 2.5 s and
+    // another one sends. False also where listings are too far apart to tell.
+    bool is_relayed = false;
+    std::uint64_t quiet_since_us = 0;  // monotonic; it may have sent nothing since then
+
     // Of the counter that media_counter() names.
     std::deque<CounterSample> samples;             // the oldest first
     std::uint64_t settled_as = 0;                  // 0 until it has settled; later ones have larger numbers
@@ -102,6 +107,7 @@ class ConnectionHistory {
 
   private:
     void take_in_client(const Connection& connection, const ClientRecord* before, std::uint64_t elapsed_us);
+    void follow_publisher(ClientRecord& record) const;
     void settle(ClientRecord& record);
     void forget_left();
     void count_stalls(std::uint64_t elapsed_us);
@@ -112,6 +118,7 @@ class ConnectionHistory {
     std::vector<ClientRecord> records;
     std::map<std::string, StreamTotals> totals;
     std::uint64_t last_us = 0;
+    std::uint64_t before_us = 0;  // of the listing before the last
     std::uint64_t attended = 0;
     std::uint64_t last_settled = 0;
 };

@@ -142,8 +142,10 @@ class Judge {
             return "it has taken nothing for " + seconds_text(still) +
                    " while other players of the stream did";
         }
-        const ClientRecord* const source = players.empty() ? only_publisher(record) : nullptr;
-        if (source != nullptr && moves(*source, *limits.stalled_us, PUBLISHER_BYTES_PER_SECOND)) {
+        const auto goes_on = [this](const ClientRecord* publisher) {
+            return moves(*publisher, *limits.stalled_us, PUBLISHER_BYTES_PER_SECOND);
+        };
+        if (players.empty() && holds_for_source(record, goes_on)) {
             return "it has taken nothing for " + seconds_text(still) + " while the publisher went on";
         }
         return std::nullopt;
@@ -161,11 +163,11 @@ class Judge {
         std::erase_if(players, [](const ClientRecord* player) { return player->settled_as == 0; });
         const std::string by = "it is more than " + seconds_text(limit) + " behind ";
         if (players.empty()) {
-            const ClientRecord* const source = only_publisher(record);
-            return source != nullptr && moves(*source, limit, PUBLISHER_BYTES_PER_SECOND) &&
-                           is_behind(record, *source, limit, PUBLISHER_PERCENT)
-                       ? by + "its publisher"
-                       : Reason();
+            const auto is_ahead = [&](const ClientRecord* publisher) {
+                return moves(*publisher, limit, PUBLISHER_BYTES_PER_SECOND) &&
+                       is_behind(record, *publisher, limit, PUBLISHER_PERCENT);
+            };
+            return holds_for_source(record, is_ahead) ? by + "its publisher" : Reason();
         }
         std::erase_if(players, [&](const ClientRecord* p) { return still_us(history, p->sent) >= limit; });
         const auto count_ahead = [&](std::uint64_t lead_us) {
@@ -221,7 +223,7 @@ class Judge {
     // Also where no publisher can be compared with. Players cannot be trusted alone: a player that asks for
     // chunks of one byte is sent twice the bytes, and all others seem behind it.
     [[nodiscard]] bool keeps_up_with_a_publisher(const ClientRecord& record, std::uint64_t limit_us) const {
-        Clients publishers = others(record, is_publisher);
+        Clients publishers = sources(record);
         std::erase_if(publishers, [&](const ClientRecord* publisher) {
             return publisher->settled_as == 0 || !moves(*publisher, limit_us, PUBLISHER_BYTES_PER_SECOND);
         });
@@ -240,10 +242,19 @@ class Judge {
         });
     }
 
-    // Null where the stream has none, or several: it is not known then which one is relayed.
-    [[nodiscard]] const ClientRecord* only_publisher(const ClientRecord& record) const {
-        const Clients publishers = others(record, is_publisher);
-        return publishers.size() == 1 ? publishers.front() : nullptr;
+    // The publisher that is relayed; where it is not known which one that is, all of the stream.
+    [[nodiscard]] Clients sources(const ClientRecord& record) const {
+        Clients publishers = others(record, is_publisher);
+        const auto relayed = std::find_if(publishers.begin(), publishers.end(),
+                                          [](const ClientRecord* p) { return p->is_relayed; });
+        return relayed == publishers.end() ? publishers : Clients{*relayed};
+    }
+
+    // Whether it is true of the publisher that is relayed, whichever that is.
+    template <typename Predicate>
+    [[nodiscard]] bool holds_for_source(const ClientRecord& record, const Predicate& predicate) const {
+        const Clients publishers = sources(record);
+        return !publishers.empty() && std::all_of(publishers.begin(), publishers.end(), predicate);
     }
 
     template <typename Predicate>

@@ -1,8 +1,9 @@
 // Whom the watchdog drops, and why. Pure: a function of the history and of the limits.
 //
 // A player is judged by what others got. It is compared with the other players of its stream; where there is
-// none that has been there long enough, with the publisher, if there is only one and its counter has grown as
-// media does: in each third of the time, and by 2000 bytes a second. Where all players of a stream stand
+// none that has been there long enough, with the publisher that is relayed, if its counter has grown as media
+// does: in each third of the time, and by 2000 bytes a second. Where it is not known which of several is
+// relayed, all of them must have. Where all players of a stream stand
 // still, the publisher is the suspect and no player is dropped. A player that keeps up with a publisher is
 // not behind others: counters count headers too, and a player chooses its chunk size.
 #pragma once
