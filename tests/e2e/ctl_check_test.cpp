@@ -38,7 +38,7 @@ TEST(ctl_check, sends_a_stream_through_the_server_and_says_what_would_bite_later
     EXPECT_EQ(run.end, (ProgramEnd{WARNING, 0})) << run.out;
     EXPECT_EQ(run.err, "");
     for (const char* const line :
-         {"ok: control socket: it answered in ", "ok: list: it came in ",
+         {"ok: control socket: it answered in ", "ok: list: listed in ",
           "ok: slots: 0 of 128 slots are used\n", " alone listens on it\n", "ok: RTMP: handshake in ",
           "ok: relay: a message came through in ",
           "ok: descriptors: ", "ok: threads: ", "warning: log: standard error leads to a pipe"}) {
