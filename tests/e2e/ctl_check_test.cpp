@@ -38,7 +38,7 @@ TEST(ctl_check, sends_a_stream_through_the_server_and_says_what_would_bite_later
     EXPECT_EQ(run.end, (ProgramEnd{WARNING, 0})) << run.out;
     EXPECT_EQ(run.err, "");
     for (const char* const line :
-         {"ok: control socket: it answered in ", "ok: list: it came in ",
+         {"ok: control socket: it answered in ", "ok: list: listed in ",
           "ok: slots: 0 of 128 slots are used\n", " alone listens on it\n", "ok: RTMP: handshake in ",
           "ok: relay: a message came through in ",
           "ok: descriptors: ", "ok: threads: ", "warning: log: standard error leads to a pipe"}) {
@@ -150,4 +150,33 @@ TEST(ctl_events, tell_of_each_client_and_run_a_program_for_each) {
     EXPECT_EQ(events.err().raw_text(), "");
     std::filesystem::remove(hook);
     std::filesystem::remove("/run/hook.out");
+}
+
+TEST(ctl_events, end_after_the_program_that_runs_although_more_events_wait) {
+    ServerProcess server;
+    const std::string hook = "/run/hook";
+    const std::string output = hook + ".out";
+    std::ofstream(hook) << "#!/bin/sh\necho >> /run/hook.out\nsleep 1\n";
+    std::filesystem::permissions(hook, std::filesystem::perms::owner_all);
+    const auto runs = [&] {
+        return std::filesystem::exists(output) ? std::filesystem::file_size(output) : 0;
+    };
+    ProgramProcess events({tool_path(), "events", "--interval", "0.1", "--exec", hook});
+    std::vector<RtmpClient> clients;
+    EXPECT_TRUE(holds_within(DEFAULT_WAIT, [&] {
+        clients.emplace_back();
+        return holds_within(Milliseconds{300}, [&] { return runs() > 0; });
+    }));
+    // The first program still runs: the next look finds all of these.
+    for (int i = 0; i < 10; ++i) {
+        clients.emplace_back();
+    }
+    const auto first_runs = runs();
+    EXPECT_TRUE(holds_within(DEFAULT_WAIT, [&] { return runs() > first_runs; }));
+    events.send_signal(SIGTERM);
+    const auto runs_at_signal = runs();
+    EXPECT_EQ(events.wait_for_exit(), (ProgramEnd{0, 0}));
+    EXPECT_LE(runs(), runs_at_signal + 1);
+    std::filesystem::remove(hook);
+    std::filesystem::remove(output);
 }

@@ -108,6 +108,12 @@ grep -q "^critical: control socket: .*process $before listens on port 1935.*$adv
 systemd-tmpfiles --create v9-rtmp-server.conf
 answers >/dev/null || fail "the link is not back"
 
+step "a restart brings the link back after a second start by root"
+! /usr/bin/v9_rtmp_server 2>/dev/null || fail "a start by root succeeds"
+! answers >/dev/null 2>&1 || fail "a start by root has left the link"
+systemctl restart v9-rtmp-server
+wait_for "the restart has not brought the link back" answers
+
 for unit in watchdog serve; do
     if v9_rtmp_ctl help $unit >/dev/null 2>&1 && [[ -e /lib/systemd/system/v9-rtmp-$unit.service ]]; then
         step "$unit runs when the operator enables it"

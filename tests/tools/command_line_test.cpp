@@ -420,10 +420,17 @@ TEST(command_line, CheckTakesAnAddress) {
 }
 
 TEST(command_line, AUsageErrorOfCheckIsItsUnknown) {
-    EXPECT_EQ(usage_status({"check", "--foo"}), 3);
-    EXPECT_EQ(usage_status({"--timeout", "1", "check", "x"}), 3);
-    EXPECT_EQ(usage_status({"list", "check"}), 2);
-    EXPECT_EQ(usage_status({}), 2);
+    EXPECT_EQ(failure_status({"check", "--foo"}, ExitCode::USAGE), 3);
+    EXPECT_EQ(failure_status({"--timeout", "1", "check", "x"}, ExitCode::USAGE), 3);
+    EXPECT_EQ(failure_status({"list", "check"}, ExitCode::USAGE), 2);
+    EXPECT_EQ(failure_status({}, ExitCode::USAGE), 2);
+}
+
+TEST(command_line, AFailureOfCheckItselfIsItsUnknownAndNotAWarning) {
+    EXPECT_EQ(failure_status({"check"}, ExitCode::NEGATIVE_ANSWER), 3);
+    EXPECT_EQ(failure_status({"check"}, ExitCode::NO_REPLY), 3);
+    EXPECT_EQ(failure_status({"list"}, ExitCode::NEGATIVE_ANSWER), 1);
+    EXPECT_EQ(failure_status({"list"}, ExitCode::NO_REPLY), 5);
 }
 
 TEST(command_line, ServeListensOnThisMachineAloneUnlessToldOtherwise) {

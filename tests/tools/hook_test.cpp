@@ -2,7 +2,10 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <poll.h>
+#include <unistd.h>
 
+#include <array>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -59,4 +62,24 @@ TEST_F(hook_test, ThatFailsIsReported) {
 TEST_F(hook_test, ThatDoesNotEndIsKilled) {
     EXPECT_THAT(run("exec sleep 100", 1000000),
                 Optional(std::string("ran for more than 1 s and was killed")));
+}
+
+TEST_F(hook_test, ItsOutputGoesToStandardErrorAndNotBetweenTheEventLines) {
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(run("echo text"), std::nullopt);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "text\n");
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+}
+
+TEST_F(hook_test, ThatIsKilledLeavesNoProgramOfItsOwnBehind) {
+    // Each of the programs holds the writing end.
+    std::array<int, 2> ends{};
+    ASSERT_EQ(pipe(ends.data()), 0);
+    EXPECT_THAT(run("sleep 100 & sleep 100", 1000000),
+                Optional(std::string("ran for more than 1 s and was killed")));
+    close(ends[1]);
+    pollfd reading{ends[0], POLLIN, 0};
+    EXPECT_EQ(poll(&reading, 1, 10000), 1) << "a program still runs";
+    close(ends[0]);
 }

@@ -68,7 +68,7 @@ std::optional<Peer> check_control(const Settings& settings, Findings& findings) 
     if (failure) {
         findings.push_back(failure_finding("list", *failure));
     } else {
-        findings.push_back(time_finding("list", "it came", clock_us() - began_us));
+        findings.push_back(time_finding("list", "listed", clock_us() - began_us));
         findings.push_back(judge_slots(listing.connections.size()));
     }
     return find_peer(client.fd()).value_or(Peer());

@@ -34,7 +34,7 @@ std::optional<std::uint64_t> read_limit(const std::optional<std::string>& text) 
 }
 
 Finding unreadable(const std::string& what) {
-    return {Level::UNKNOWN, what, "this user may not look at the server's process. Ask again as root."};
+    return {Level::UNKNOWN, what, "this user may not look at the server's process. Run this again as root."};
 }
 
 }  // namespace
@@ -213,5 +213,5 @@ Finding judge_kernel(const std::optional<std::uint64_t>& somaxconn,
         return {Level::UNKNOWN, "kernel",
                 "/proc/sys does not show its settings. Ask from outside of this container."};
     }
-    return {Level::OK, "kernel", "its settings fit"};
+    return {Level::OK, "kernel", "kernel settings are sufficient"};
 }

@@ -96,10 +96,10 @@ SplitWords split_raw_words(const std::vector<std::string>& words) {
     return split;
 }
 
-int usage_status(const std::vector<std::string>& words) {
+int failure_status(const std::vector<std::string>& words, ExitCode exit_code) {
     const std::size_t command_idx = skip_options(words, 0);
     const bool is_check = command_idx < words.size() && words[command_idx] == "check";
-    return is_check ? static_cast<int>(Level::UNKNOWN) : static_cast<int>(ExitCode::USAGE);
+    return is_check ? static_cast<int>(Level::UNKNOWN) : static_cast<int>(exit_code);
 }
 
 std::optional<Failure> parse_command_line(const std::vector<std::string>& words, CommandLine& command_line) {

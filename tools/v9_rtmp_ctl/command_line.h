@@ -54,8 +54,8 @@ struct CommandLine {
 [[nodiscard]] std::optional<Failure> parse_command_line(const std::vector<std::string>& words,
                                                         CommandLine& command_line);
 
-// The exit status for words that were not understood: of check 3, its UNKNOWN, otherwise that of USAGE.
-[[nodiscard]] int usage_status(const std::vector<std::string>& words);
+// The exit status when the tool fails with exit_code, whatever the command found: of check 3, its UNKNOWN.
+[[nodiscard]] int failure_status(const std::vector<std::string>& words, ExitCode exit_code);
 
 // The part of the words of a raw command that is the tool's, and the request behind it.
 struct SplitWords {

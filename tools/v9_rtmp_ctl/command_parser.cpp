@@ -339,8 +339,9 @@ void CommandParser::add_serve() {
 }
 
 void CommandParser::add_watchdog() {
-    CLI::App* const watchdog = add("watchdog", Subcommand::WATCHDOG,
-                                   "Drop clients that stand still, fall behind or hold a slot in vain");
+    CLI::App* const watchdog =
+        add("watchdog", Subcommand::WATCHDOG,
+            "Drop clients that stand still, fall behind or hold a slot without using it");
     add_watchdog_options(*watchdog, line.watchdog, watchdog_texts);
 }
 

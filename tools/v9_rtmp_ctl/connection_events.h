@@ -1,4 +1,4 @@
-// What happened between two listings: who came, what each began, who went. Pure.
+// What happened between two listings: connections, publishes, plays and disconnects. Pure.
 //
 // What begins and ends between two listings is not seen. The listing does not say which of several publishers
 // of a name is relayed: the one that was there first counts as that one, and a takeover is that it goes while

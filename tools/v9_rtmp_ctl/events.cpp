@@ -65,6 +65,10 @@ ExitCode run_events(const Settings& settings, const EventsOptions& options) {
         } else {
             trouble.tell_end();
             for (const ConnectionEvent& event : watch.take_in(listing)) {
+                // A program may run for each.
+                if (stop.wait_until(0)) {
+                    break;
+                }
                 tell(settings, options, stop, event);
             }
         }

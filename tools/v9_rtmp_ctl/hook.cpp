@@ -47,9 +47,11 @@ int spawn(const std::string& program, const std::vector<std::pair<std::string, s
     posix_spawnattr_t attributes;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+    posix_spawn_file_actions_adddup2(&actions, STDERR_FILENO, STDOUT_FILENO);
     posix_spawnattr_init(&attributes);
     posix_spawnattr_setsigmask(&attributes, &signal_mask);
-    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK);
+    posix_spawnattr_setpgroup(&attributes, 0);
+    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETPGROUP);
     const int error = posix_spawnp(&child, program.c_str(), &actions, &attributes,
                                    pointers_to_text(words).data(), pointers_to_text(environment).data());
     posix_spawnattr_destroy(&attributes);
@@ -57,7 +59,7 @@ int spawn(const std::string& program, const std::vector<std::pair<std::string, s
     return error;
 }
 
-// False when it had to be killed.
+// False when its process group had to be killed.
 bool wait_for_end(pid_t child, std::uint64_t max_us) {
     const auto process = static_cast<int>(syscall(SYS_pidfd_open, child, 0));
     pollfd waited{process, POLLIN, 0};
@@ -66,7 +68,7 @@ bool wait_for_end(pid_t child, std::uint64_t max_us) {
         close(process);
     }
     if (!has_ended) {
-        kill(child, SIGKILL);
+        kill(-child, SIGKILL);
     }
     return has_ended;
 }

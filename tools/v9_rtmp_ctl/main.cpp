@@ -64,30 +64,32 @@ ExitCode run(const CommandLine& line, const std::vector<std::string>& words) {
     return ExitCode::USAGE;
 }
 
-ExitCode parse_and_run(const std::vector<std::string>& words) {
+int parse_and_run(const std::vector<std::string>& words) {
     CommandLine line;
     if (const std::optional<Failure> failure = parse_command_line(words, line)) {
-        static_cast<void>(report(*failure));
-        return static_cast<ExitCode>(usage_status(words));
+        return failure_status(words, report(*failure));
     }
     const ExitCode exit_code = run(line, words);
     if (!std::cout.flush()) {
-        return report(
-            {ExitCode::NEGATIVE_ANSWER,
-             "the output could not be written. Check the file or pipe that standard output leads to."});
+        return failure_status(
+            words,
+            report(
+                {ExitCode::NEGATIVE_ANSWER,
+                 "the output could not be written. Check the file or pipe that standard output leads to."}));
     }
-    return exit_code;
+    return static_cast<int>(exit_code);
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
     open_closed_standard_descriptors();
+    std::vector<std::string> words;
     try {
-        return static_cast<int>(
-            parse_and_run(std::vector<std::string>(argv + (argc > 0 ? 1 : 0), argv + argc)));
+        words.assign(argv + (argc > 0 ? 1 : 0), argv + argc);
+        return parse_and_run(words);
     } catch (const std::exception& error) {
-        return static_cast<int>(report({ExitCode::NO_REPLY, std::string("gave up: ") + error.what() +
-                                                                ". Free some memory and try again."}));
+        return failure_status(words, report({ExitCode::NO_REPLY, std::string("gave up: ") + error.what() +
+                                                                     ". Free some memory and try again."}));
     }
 }

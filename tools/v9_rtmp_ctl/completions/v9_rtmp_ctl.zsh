@@ -73,7 +73,7 @@ _v9_rtmp_ctl() {
         'streams:list the streams'
         'drop:drop connections'
         'watch:show streams and connections live'
-        'watchdog:drop clients that stand still, fall behind or hold a slot in vain'
+        'watchdog:drop clients that stand still, fall behind or hold a slot without using it'
         'events:print a line when a client connects, publishes, plays, takes over or goes'
         'check:look for what is wrong with the server, or will be'
         'metrics:print metrics in the text format of Prometheus'
