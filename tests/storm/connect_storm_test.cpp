@@ -79,7 +79,7 @@ TEST(connect_storm_alone, all_128_clients_are_accepted_within_1600_ms) {
 
 TEST_P(connect_storm_test, every_slot_comes_back) {
     Random random(storm_seed() + static_cast<std::uint64_t>(GetParam()));
-    const std::size_t connects = storm_count("V9_STORM_CONNECTS", 4000, 1600) / STORM_SHARDS;
+    const std::size_t connects = storm_count("V9_STORM_CONNECTS", 2400, 1600) / STORM_SHARDS;
     ServerProcess server;
     const std::size_t descriptors = server.fd_count();
     std::size_t rss_kib = 0;

@@ -97,7 +97,7 @@ INSTANTIATE_TEST_SUITE_P(server, drop_storm_test, testing::Range(0, STORM_SHARDS
 
 TEST_P(drop_storm_test, leaves_nothing_behind_and_disturbs_nobody) {
     const std::uint64_t seed = storm_seed() + 1000 * static_cast<std::uint64_t>(GetParam());
-    const std::size_t drops = storm_count("V9_STORM_DROPS", 10000, 1200) / STORM_SHARDS;
+    const std::size_t drops = storm_count("V9_STORM_DROPS", 4000, 1200) / STORM_SHARDS;
     shrink_send_buffers();
     ServerOptions server_options;
     server_options.arguments = {"--dbg-pkt"};
