@@ -9,7 +9,7 @@
 class SharedText {
   public:
     SharedText() = default;
-    // Only copied, never moved from, so that every object has a text.
+    // Only copied, never moved from, so that an object keeps its text.
     SharedText(const SharedText&) = default;
     SharedText& operator=(const SharedText&) = default;
     ~SharedText() = default;
@@ -19,14 +19,14 @@ class SharedText {
     }
 
     // Returns the text. Valid while this object or a copy of it holds the text.
-    [[nodiscard]] const std::string& str() const { return *text; }
-    operator const std::string&() const { return *text; }
-    [[nodiscard]] bool empty() const { return text->empty(); }
+    [[nodiscard]] const std::string& str() const { return text != nullptr ? *text : NO_TEXT; }
+    operator const std::string&() const { return str(); }
+    [[nodiscard]] bool empty() const { return str().empty(); }
 
     friend bool operator==(const SharedText& one, std::string_view other) { return one.str() == other; }
 
   private:
-    static inline const auto NO_TEXT = std::make_shared<const std::string>();
+    static inline const std::string NO_TEXT;
 
-    std::shared_ptr<const std::string> text = NO_TEXT;
+    std::shared_ptr<const std::string> text;  // null until a text is assigned
 };
