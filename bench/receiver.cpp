@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <utility>
@@ -83,6 +84,13 @@ std::size_t Receiver::player_count() const {
 FrameTally Receiver::take_tally() {
     const std::lock_guard guard(mutex);
     return std::exchange(tally, {});
+}
+
+std::size_t Receiver::waiting() const {
+    const std::lock_guard guard(mutex);
+    return static_cast<std::size_t>(std::count_if(players.begin(), players.end(), [](const auto& entry) {
+        return !entry.second.player.next_frame().has_value();
+    }));
 }
 
 std::uint64_t Receiver::missing(const std::vector<std::uint32_t>& sent) const {

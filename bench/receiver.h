@@ -37,6 +37,8 @@ class Receiver {
     std::size_t player_count() const;
     // What the players have received since the last call.
     FrameTally take_tally();
+    // How many players have received nothing yet.
+    std::size_t waiting() const;
     // Frames that players have still to get, when so many of each stream have been sent.
     std::uint64_t missing(const std::vector<std::uint32_t>& sent) const;
 

@@ -113,6 +113,8 @@ class SoakRun {
         for (const auto& actor : actors) {
             actor->stop();
         }
+        // A player begins with a key frame; the last that joined may still wait for theirs.
+        settles([&] { return receiver.waiting() == 0; });
         publishers->stop();
     }
 
