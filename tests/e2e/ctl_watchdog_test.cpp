@@ -26,6 +26,7 @@ namespace {
 using testing::EndsWith;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::Not;
 using testing::SizeIs;
 using testing::StartsWith;
 
@@ -48,6 +49,10 @@ std::string read_text(const std::string& path) {
     std::ostringstream text;
     text << std::ifstream(path).rdbuf();
     return text.str();
+}
+
+std::string statistics() {
+    return read_text(STATE + "/watchdog.json");
 }
 
 class Watchdog {
@@ -81,6 +86,11 @@ class Watchdog {
     void stop() {
         program.send_signal(SIGTERM);
         EXPECT_EQ(program.wait_for_exit(), (ProgramEnd{0, 0})) << program.err().raw_text();
+    }
+
+    void kill() {
+        program.send_signal(SIGKILL);
+        EXPECT_EQ(program.wait_for_exit().signal, SIGKILL);
     }
 
   private:
@@ -401,6 +411,45 @@ TEST_F(watchdog, a_dry_run_drops_no_client_and_says_once_whom_it_would_drop) {
     EXPECT_THAT(player.round_trip(), IsEmpty());
 }
 
+TEST_F(watchdog, only_one_keeps_its_state_in_a_directory_and_a_dry_run_leaves_that_alone) {
+    ServerProcess server;
+    const RtmpClient player = playing_client(std::string(201, 'a'));
+    Watchdog dog(with(ALL_OFF, {"--long-name", "300"}));
+    const auto is_counting = [] { return statistics().find(R"("looks":)") != std::string::npos; };
+    ASSERT_TRUE(holds_within(DEFAULT_WAIT, is_counting, Milliseconds{10}));
+    const ProgramRun second = run_tool({"watchdog", "--state", STATE});
+    EXPECT_EQ(second.end, (ProgramEnd{2, 0}));
+    EXPECT_THAT(second.err, StartsWith("v9_rtmp_ctl: another watchdog keeps its state in /run/watchdog. "));
+    {
+        Watchdog dry(with(ALL_OFF, {"--dry-run"}));
+        EXPECT_THAT(dry.line_about(player), StartsWith("would drop "));
+        dry.stop();
+    }
+    dog.stop();
+    EXPECT_THAT(statistics(), HasSubstr(R"("long-name":{"limit":300.0,"drops":0,)"));
+}
+
+TEST_F(watchdog, that_was_stopped_says_so_and_one_that_was_killed_does_not) {
+    ServerProcess server;
+    const RtmpClient player = playing_client("cam1");
+    Watchdog killed(ALL_OFF);
+    const auto runs = [] { return statistics().find(R"("running":true)") != std::string::npos; };
+    ASSERT_TRUE(holds_within(DEFAULT_WAIT, runs, Milliseconds{10}));
+    const auto metrics = [] { return run_tool({"metrics", "--watchdog-state", STATE}).out; };
+    const std::string updated = "\nv9_rtmp_watchdog_updated_timestamp_seconds ";
+    killed.kill();
+    EXPECT_TRUE(runs());
+    EXPECT_THAT(metrics(), HasSubstr(updated)) << "its age raises the alert";
+    const std::string of_killed = statistics();
+    Watchdog stopped(ALL_OFF);
+    ASSERT_TRUE(holds_within(
+        DEFAULT_WAIT, [&] { return statistics() != of_killed; }, Milliseconds{10}));
+    stopped.stop();
+    EXPECT_THAT(statistics(), HasSubstr(R"("running":false)"));
+    EXPECT_THAT(metrics(), Not(HasSubstr(updated)));
+    EXPECT_THAT(metrics(), HasSubstr("v9_rtmp_watchdog_drops_total{"));
+}
+
 TEST_F(watchdog, publishers_from_elsewhere_are_dropped_and_what_was_done_is_counted) {
     ServerProcess server;
     const RtmpClient publisher = publishing_client("cam1");
@@ -416,8 +465,8 @@ TEST_F(watchdog, publishers_from_elsewhere_are_dropped_and_what_was_done_is_coun
     EXPECT_THAT(lines[0],
                 HasSubstr(R"("stream":"cam1","mode":"publish","address":")" + publisher.local_address()));
     EXPECT_TRUE(holds_within(DEFAULT_WAIT, [] {
-        return read_text(STATE + "/watchdog.json")
-                   .find(R"("origin":{"limit":2.0,"drops":1,"misses":0,"left":0})") != std::string::npos;
+        return statistics().find(R"("origin":{"limit":2.0,"drops":1,"misses":0,"left":0})") !=
+               std::string::npos;
     }));
     dog.stop();
     std::filesystem::remove(config);

@@ -54,7 +54,7 @@ class commands_test : public testing::Test {
             }
             return reply;
         }
-        return Reply{status, request.command, message, {}};
+        return answers_drops ? std::optional(Reply{status, request.command, message, {}}) : std::nullopt;
     }
 
     // What was sent beside listings.
@@ -92,6 +92,7 @@ class commands_test : public testing::Test {
     std::vector<std::vector<std::string>> later_lines;  // of the next listings, one each
     bool ends_after_last_listing = false;               // a command that runs until SIGTERM
     const pthread_t main_thread = pthread_self();
+    bool answers_drops = true;
     std::uint64_t status = 0;
     std::string message = "OK";
     Settings settings;
@@ -309,6 +310,27 @@ TEST_F(commands_test, TheWatchdogCountsADropAsAMissWhenTheSlotGotAnotherClient) 
     EXPECT_THAT(outcome.out,
                 testing::MatchesRegex("missed 9, .* from 10\\.0\\.0\\.3:3: .*\\(misses so far: 1\\).*\n"
                                       "dropped 9, .* from 10\\.0\\.0\\.9:9: .*\\(misses so far: 1\\)\n"));
+}
+
+TEST_F(commands_test, TheWatchdogTellsWhoHasGoneAfterADropWithoutReply) {
+    WatchdogOptions options;
+    options.limits.unnamed_us = 1;
+    options.interval_seconds = 0.1;
+    options.state_directory = make_directory();
+    settings.timeout_seconds = 0.2;
+    answers_drops = false;
+    // Two looks until the clients are old enough, the listings around the drops, then a look at who
+    // has stayed.
+    const std::string stays = "7\t\t\t\t0\t0\t10.0.0.7:7";
+    later_lines = {{UNNAMED, stays}, {UNNAMED, stays}, {UNNAMED, stays}, {UNNAMED, stays}, {stays}};
+    ends_after_last_listing = true;
+    const Outcome outcome = outcome_of([&] { return run_watchdog(settings, options); });
+    std::filesystem::remove_all(options.state_directory);
+    EXPECT_EQ(outcome.exit_code, 0);
+    EXPECT_THAT(outcome.err, HasSubstr("v9_rtmp_ctl: "));
+    EXPECT_THAT(outcome.out,
+                testing::MatchesRegex("missed 9, .* from 10\\.0\\.0\\.3:3: .*\\(misses so far: "
+                                      "1\\); no reply came to the drop, and the client has gone\n"));
 }
 
 TEST_F(commands_test, OfSeveralIdsAllAreTriedAndTheWorstStatusIsTold) {

@@ -33,7 +33,7 @@ class metrics_test : public testing::Test {
         source.process = {1.25, 1700000000.5, 9, 1000000, 500000, 17, 1024};
         source.history = &history;
         source.series = &series;
-        source.watchdog = make_statistics({}, false);
+        source.watchdog = make_statistics({});
         source.watchdog->rules[DropRule::STALLED].drops = 3;
         source.watchdog->updated_unix_seconds = 1700000001;
         return metrics_text(source);

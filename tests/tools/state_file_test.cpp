@@ -57,6 +57,16 @@ TEST_F(state_file_test, StaysAsItWasWhenItCannotBeReplaced) {
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(directory), {}), 1);
 }
 
+TEST_F(state_file_test, ALockIsHeldOnceUntilItIsGivenBack) {
+    {
+        const FileLock lock(path);
+        EXPECT_FALSE(lock.is_held_elsewhere());
+        EXPECT_TRUE(FileLock(path).is_held_elsewhere());
+    }
+    EXPECT_FALSE(FileLock(path).is_held_elsewhere());
+    EXPECT_FALSE(FileLock(directory / "absent" / "lock").is_held_elsewhere());
+}
+
 TEST(boot_id, IsTheSameWhenReadAgain) {
     EXPECT_FALSE(boot_id().empty());
     EXPECT_EQ(boot_id(), boot_id());

@@ -6,14 +6,14 @@ TEST(watchdog_statistics, AreOneLineWithEachRule) {
     WatchdogLimits limits;
     limits.stalled_us.reset();
     limits.publish_from = {*parse_address_range("10.0.0.0/8")};
-    WatchdogStatistics statistics = make_statistics(limits, true);
+    WatchdogStatistics statistics = make_statistics(limits);
     statistics.updated_unix_seconds = 1760000000;
     statistics.looks = 7;
     statistics.failed_looks = 2;
     statistics.rules[DropRule::UNNAMED] = {20.0, 3, 1, 2};
     EXPECT_EQ(
         statistics_json(statistics),
-        R"({"version":1,"updated_unix_seconds":1760000000,"dry_run":true,"looks":7,"failed_looks":2,"rules":{)"
+        R"({"version":1,"updated_unix_seconds":1760000000,"running":true,"looks":7,"failed_looks":2,"rules":{)"
         R"("long-name":{"limit":200.0,"drops":0,"misses":0,"left":0},)"
         R"("origin":{"limit":1.0,"drops":0,"misses":0,"left":0},)"
         R"("unnamed":{"limit":20.0,"drops":3,"misses":1,"left":2},)"
@@ -28,12 +28,12 @@ TEST(watchdog_statistics, AreOneLineWithEachRule) {
 }
 
 TEST(watchdog_statistics, GoOnCountingAfterARestart) {
-    WatchdogStatistics earlier = make_statistics(WatchdogLimits(), false);
+    WatchdogStatistics earlier = make_statistics(WatchdogLimits());
     earlier.looks = 10;
     earlier.rules[DropRule::AGE].drops = 4;
     WatchdogLimits limits;
     limits.age_us.reset();
-    WatchdogStatistics statistics = make_statistics(limits, false);
+    WatchdogStatistics statistics = make_statistics(limits);
     statistics.rules[DropRule::AGE].drops = 1;
     continue_counting(earlier, statistics);
     EXPECT_EQ(statistics.looks, 10U);

@@ -161,9 +161,12 @@ void write_watchdog(Writer& writer, const WatchdogStatistics& statistics) {
     writer.counter("v9_rtmp_watchdog_misses_total",
                    "Drops by the watchdog that hit another client, or may have.");
     each_rule([](const RuleCounts& counts) { return counts.misses; });
-    writer.gauge("v9_rtmp_watchdog_updated_timestamp_seconds",
-                 "When the watchdog last wrote its statistics, since the epoch.");
-    writer.sample({}, statistics.updated_unix_seconds);
+    if (statistics.running) {
+        writer.gauge(
+            "v9_rtmp_watchdog_updated_timestamp_seconds",
+            "When the watchdog last wrote its statistics, since the epoch. Absent once it was stopped.");
+        writer.sample({}, statistics.updated_unix_seconds);
+    }
 }
 
 void write_process(Writer& writer, const ProcessInfo& process) {

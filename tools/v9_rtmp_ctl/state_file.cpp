@@ -1,6 +1,7 @@
 #include "tools/v9_rtmp_ctl/state_file.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <unistd.h>
 
 #include <array>
@@ -64,6 +65,16 @@ bool replace_file(const std::string& path, const std::string& text) {
         errno = error;
     }
     return done;
+}
+
+FileLock::FileLock(const std::string& path)
+    : fd(open(path.c_str(), O_RDONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW, FILE_MODE)),
+      held_elsewhere(fd >= 0 && flock(fd, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {}
+
+FileLock::~FileLock() {
+    if (fd >= 0) {
+        close(fd);
+    }
 }
 
 std::string boot_id() {

@@ -40,10 +40,22 @@ std::uint64_t microseconds(double seconds) {
     return static_cast<std::uint64_t>(seconds * 1e6);
 }
 
-// What is known beyond the end of a watchdog: first-seen times and counters.
+// What is known beyond the end of a watchdog: first-seen times and counters. Only one watchdog writes to it.
 class StateDirectory {
   public:
     explicit StateDirectory(std::string directory) : path(std::move(directory)) {}
+
+    [[nodiscard]] std::optional<Failure> lock_for_writing() {
+        static_cast<void>(mkdir(path.c_str(), DIRECTORY_MODE));
+        lock.emplace(file("lock"));
+        if (lock->is_held_elsewhere()) {
+            return Failure{
+                ExitCode::USAGE,
+                "another watchdog keeps its state in " + escape_untrusted(path) +
+                    ". Stop it, or name another directory with --state; --dry-run works beside it."};
+        }
+        return std::nullopt;
+    }
 
     void load(ConnectionHistory& history, WatchdogStatistics& statistics) const {
         if (const std::optional<std::string> text = read_file(file(WATCHDOG_HISTORY_FILE))) {
@@ -60,7 +72,6 @@ class StateDirectory {
     }
 
     void save(const ConnectionHistory& history, const WatchdogStatistics& statistics) {
-        static_cast<void>(mkdir(path.c_str(), DIRECTORY_MODE));
         const bool done = replace_file(file(WATCHDOG_HISTORY_FILE), history.to_json(boot) + "\n") &&
                           replace_file(file(WATCHDOG_STATISTICS_FILE), statistics_json(statistics) + "\n");
         if (!done && !has_failed) {
@@ -80,6 +91,7 @@ class StateDirectory {
 
     const std::string path;
     const std::string boot = boot_id();
+    std::optional<FileLock> lock;
     bool has_failed = false;
 };
 
@@ -91,10 +103,19 @@ class Watchdog {
           client(all_settings.socket_path, all_settings.timeout_us()),
           history(history_times(all_options.limits, microseconds(all_options.settle_seconds),
                                 microseconds(all_options.interval_seconds))),
-          statistics(make_statistics(all_options.limits, all_options.dry_run)),
+          statistics(make_statistics(all_options.limits)),
           state(all_options.state_directory),
-          trouble(all_settings.quiet) {
+          trouble(all_settings.quiet) {}
+
+    // A dry run saves nothing, so that it can run beside the watchdog of the service.
+    [[nodiscard]] std::optional<Failure> start() {
+        if (!options.dry_run) {
+            if (std::optional<Failure> failure = state.lock_for_writing()) {
+                return failure;
+            }
+        }
         state.load(history, statistics);
+        return std::nullopt;
     }
 
     // One listing, and the drops that follow from it. A failure that no further look can mend is returned.
@@ -112,6 +133,7 @@ class Watchdog {
         trouble.tell_end();
         const std::vector<std::uint64_t> before = first_seen_times();
         history.take_in(listing);
+        tell_unanswered();
         act(judge(history, options.limits, age_drops));
         if (has_news || before != first_seen_times() || clock_us() - saved_us >= SAVE_EVERY_US) {
             save();
@@ -120,10 +142,19 @@ class Watchdog {
     }
 
     void save() {
-        statistics.updated_unix_seconds = std::time(nullptr);
-        state.save(history, statistics);
         saved_us = clock_us();
         has_news = false;
+        if (options.dry_run) {
+            return;
+        }
+        statistics.updated_unix_seconds = std::time(nullptr);
+        state.save(history, statistics);
+    }
+
+    // The last save: a signal ends it, and no alert has to come.
+    void stop() {
+        statistics.running = false;
+        save();
     }
 
   private:
@@ -197,6 +228,22 @@ class Watchdog {
         }
         if (failure) {
             trouble.tell(*failure);
+            unanswered.assign(verdicts.begin() + static_cast<std::ptrdiff_t>(outcomes.size()),
+                              verdicts.end());
+        }
+    }
+
+    // The server may have carried out drops although no reply came. Those who have gone since are told; the
+    // others are judged again.
+    void tell_unanswered() {
+        for (const Verdict& verdict : std::exchange(unanswered, {})) {
+            const bool has_gone = std::none_of(history.clients().begin(), history.clients().end(),
+                                               [&verdict](const ClientRecord& record) {
+                                                   return is_same_client(record.connection, verdict.target);
+                                               });
+            if (has_gone) {
+                tell({WatchdogAction::MISSED, verdict, "no reply came to the drop, and the client has gone"});
+            }
         }
     }
 
@@ -235,6 +282,7 @@ class Watchdog {
     StateDirectory state;
     AgeDrops age_drops;
     std::vector<std::pair<Connection, DropRule>> announced;
+    std::vector<Verdict> unanswered;  // drops of the last look
     Trouble trouble;
     std::uint64_t saved_us = 0;
     bool has_news = false;  // something was dropped since then
@@ -245,6 +293,9 @@ class Watchdog {
 ExitCode run_watchdog(const Settings& settings, const WatchdogOptions& options) {
     StopSignals stop;
     Watchdog watchdog(settings, options);
+    if (const std::optional<Failure> failure = watchdog.start()) {
+        return report(*failure);
+    }
     const std::uint64_t every_us = microseconds(options.interval_seconds);
     std::uint64_t next_us = clock_us();
     do {
@@ -252,7 +303,11 @@ ExitCode run_watchdog(const Settings& settings, const WatchdogOptions& options) 
             return report(*failure);
         }
         next_us = std::max(next_us + every_us, clock_us());
-    } while (std::cout && !stop.wait_until(next_us));
-    watchdog.save();
+        if (!std::cout) {
+            watchdog.save();
+            return ExitCode::DONE;
+        }
+    } while (!stop.wait_until(next_us));
+    watchdog.stop();
     return ExitCode::DONE;
 }

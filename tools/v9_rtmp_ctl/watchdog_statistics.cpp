@@ -42,9 +42,8 @@ std::optional<double> limit_of(DropRule rule, const WatchdogLimits& limits) {
 
 }  // namespace
 
-WatchdogStatistics make_statistics(const WatchdogLimits& limits, bool dry_run) {
+WatchdogStatistics make_statistics(const WatchdogLimits& limits) {
     WatchdogStatistics statistics;
-    statistics.dry_run = dry_run;
     for (const DropRule rule : ALL_DROP_RULES) {
         statistics.rules[rule].limit = limit_of(rule, limits);
     }
@@ -61,7 +60,7 @@ std::string statistics_json(const WatchdogStatistics& statistics) {
     }
     return Json({{"version", FORMAT_VERSION},
                  {"updated_unix_seconds", statistics.updated_unix_seconds},
-                 {"dry_run", statistics.dry_run},
+                 {"running", statistics.running},
                  {"looks", statistics.looks},
                  {"failed_looks", statistics.failed_looks},
                  {"rules", std::move(rules)}})
@@ -76,7 +75,7 @@ std::optional<WatchdogStatistics> parse_statistics(std::string_view json) {
         }
         WatchdogStatistics statistics;
         document.at("updated_unix_seconds").get_to(statistics.updated_unix_seconds);
-        document.at("dry_run").get_to(statistics.dry_run);
+        document.at("running").get_to(statistics.running);
         document.at("looks").get_to(statistics.looks);
         document.at("failed_looks").get_to(statistics.failed_looks);
         for (const DropRule rule : ALL_DROP_RULES) {

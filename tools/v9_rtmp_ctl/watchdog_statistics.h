@@ -2,14 +2,14 @@
 //
 // STATE/watchdog.json is one line, replaced whole every 10 s and after each drop:
 //
-//   {"version":1,"updated_unix_seconds":1760000000,"dry_run":false,"looks":86400,"failed_looks":3,
+//   {"version":1,"updated_unix_seconds":1760000000,"running":true,"looks":86400,"failed_looks":3,
 //    "rules":{"long-name":{"limit":200,"drops":0,"misses":0,"left":0},"origin":{...},"unnamed":{...},
 //             "contested":{...},"silent":{...},"stalled":{...},"behind":{...},"age":{...}}}
 //
 // limit is in seconds, of long-name in bytes, of origin the number of address ranges; null for a rule that is
 // off. drops, misses (another client was hit, or it is not certain which) and left (the client had gone
-// before) are counters that survive a restart of the watchdog. A dry run counts what it would have dropped as
-// drops. A file that is no longer updated is that of a watchdog that has ended.
+// before) are counters that survive a restart of the watchdog. running is false once a signal has ended the
+// watchdog. A file that says true and is no longer updated is that of a watchdog that has failed.
 #pragma once
 
 #include <cstdint>
@@ -34,14 +34,14 @@ struct RuleCounts {
 
 struct WatchdogStatistics {
     std::int64_t updated_unix_seconds = 0;
-    bool dry_run = false;
+    bool running = true;
     std::uint64_t looks = 0;
     std::uint64_t failed_looks = 0;
     std::map<DropRule, RuleCounts> rules;  // all of them
 };
 
 // No drops yet.
-[[nodiscard]] WatchdogStatistics make_statistics(const WatchdogLimits& limits, bool dry_run);
+[[nodiscard]] WatchdogStatistics make_statistics(const WatchdogLimits& limits);
 
 [[nodiscard]] std::string statistics_json(const WatchdogStatistics& statistics);
 

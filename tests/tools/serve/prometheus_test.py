@@ -19,7 +19,7 @@ RULE_TESTS = PACKAGING / "prometheus" / "v9_rtmp.rules.test.yml"
 DASHBOARD = PACKAGING / "grafana" / "v9_rtmp.json"
 METRIC = re.compile(r"\bv9_rtmp_[a-z0-9_]+")
 # As the watchdog writes it.
-STATISTICS = {"version": 1, "updated_unix_seconds": 1760000000, "dry_run": False, "looks": 5, "failed_looks": 0, "rules": {
+STATISTICS = {"version": 1, "updated_unix_seconds": 1760000000, "running": True, "looks": 5, "failed_looks": 0, "rules": {
     rule: {"limit": 1, "drops": 2, "misses": 1, "left": 0}
     for rule in ("long-name", "origin", "unnamed", "contested", "silent", "stalled", "behind", "age")}}
 
