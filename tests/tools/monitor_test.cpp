@@ -31,11 +31,20 @@ TEST_F(monitor_test, TakesTheAgesOfAWatchdogsHistoryAndNotItsCounters) {
     watchdogs.take_in({clock_us() - 60 * ONE_SECOND_US, {observed_publisher(0, "cam1", 100000)}});
     ASSERT_TRUE(replace_file(state + "/" + WATCHDOG_HISTORY_FILE, watchdogs.to_json(boot_id())));
     Monitor monitor(server.path(), 5 * ONE_SECOND_US, state);
-    for (const std::uint64_t received_since : {50U, 100U}) {
+    for (const std::uint64_t received_since : {0U, 50U, 100U}) {
         monitor.look();
         ASSERT_FALSE(monitor.view().failure);
-        EXPECT_EQ(monitor.view().history.streams().at("cam1").bytes_received, received_since);
+        EXPECT_EQ(monitor.view().series.listed().at("cam1").bytes_received, received_since);
     }
     const ConnectionHistory& history = monitor.view().history;
     EXPECT_GE(history.now_us() - history.clients().at(0).first_seen_us, 60 * ONE_SECOND_US);
+}
+
+TEST_F(monitor_test, CountsFromItsFirstLookWhereNoWatchdogRuns) {
+    Monitor monitor(server.path(), 5 * ONE_SECOND_US, state);
+    for (const std::uint64_t received_since : {0U, 50U}) {
+        monitor.look();
+        ASSERT_FALSE(monitor.view().failure);
+        EXPECT_EQ(monitor.view().series.listed().at("cam1").bytes_received, received_since);
+    }
 }

@@ -65,6 +65,18 @@ TEST_F(health_test, APlayerThatReadsSlowlyIsBehindTheForemost) {
     EXPECT_LE(of(2).behind_us, 20 * ONE_SECOND_US);
 }
 
+TEST_F(health_test, APlayerThatReadsSlowlyIsBehindAlsoWhenItKeepsUpWithAPublisherThatWaits) {
+    seconds(40, [](std::uint64_t s) {
+        std::vector connections{observed_publisher(0, "cam1", 1000 * s), observed_player(1, "cam1", 1000 * s),
+                                observed_player(2, "cam1", 500 * s)};
+        if (s > 2) {
+            connections.push_back(observed_publisher(3, "cam1", 10 * s));
+        }
+        return connections;
+    });
+    EXPECT_GE(of(2).behind_us, 17 * ONE_SECOND_US);
+}
+
 TEST_F(health_test, APlayerWithLargeChunksIsNotBehindThoseWithSmallOnes) {
     seconds(4000, [](std::uint64_t s) {
         return std::vector{observed_publisher(0, "cam1", 1000 * s), observed_player(1, "cam1", 1008 * s),

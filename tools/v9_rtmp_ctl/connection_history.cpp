@@ -282,12 +282,6 @@ void ConnectionHistory::count_stalls(std::uint64_t elapsed_us) {
     }
 }
 
-void ConnectionHistory::begin_totals() {
-    for (auto& [name, stream] : totals) {
-        stream = {.last_member_us = stream.last_member_us};
-    }
-}
-
 void ConnectionHistory::bound_totals() {
     while (totals.size() > MAX_STREAMS) {
         totals.erase(std::min_element(totals.begin(), totals.end(), [](const auto& a, const auto& b) {

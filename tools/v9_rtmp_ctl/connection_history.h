@@ -85,8 +85,6 @@ class ConnectionHistory {
     // of clients.
     void take_in(const Listing& listing);
 
-    // Counts all streams from 0 again.
-    void begin_totals();
 
     // Those of the last listing, by id.
     [[nodiscard]] const std::vector<ClientRecord>& clients() const { return records; }

@@ -11,7 +11,6 @@ Monitor::Monitor(const std::string& socket_path, std::uint64_t silence_us, std::
     const std::optional<std::string> history = read_file(state + "/" + WATCHDOG_HISTORY_FILE);
     // Without it, the history begins now.
     static_cast<void>(history && current.history.restore(*history, boot_id()));
-    current.history.begin_totals();
 }
 
 void Monitor::read_watchdog() {
@@ -38,6 +37,10 @@ void Monitor::look() {
     current.process = find_process_info(find_peer(client.fd()).value_or(Peer()).pid);
     add_rates(before, current.listing);
     current.history.take_in(current.listing);
+    if (!std::exchange(has_looked, true)) {
+        // What the clients had sent and received before is not this program's to count.
+        current.series.begin(current.history);
+    }
     current.series.take_in(current.history);
     current.rates.take_in(current.history);
 }

@@ -30,8 +30,8 @@ struct MonitorView {
 class Monitor {
   public:
     // A watchdog's state directory has its statistics, and the ages of clients that it saw before this began.
-    // Its counters of streams are not used: it looks at other moments, so its sums can be smaller than those
-    // that an earlier program has shown, and the whole sum would be counted again.
+    // Counters of streams begin at 0 with the first look. What a watchdog or the clients have counted before
+    // can be less than an earlier program has shown, and then all of it would be counted again.
     Monitor(const std::string& socket_path, std::uint64_t silence_us, std::string watchdog_state);
 
     // Asks for a listing, which takes as long as ControlClient waits at most.
@@ -45,6 +45,7 @@ class Monitor {
     const std::string state;
     ControlClient client;
     MonitorView current;
+    bool has_looked = false;  // with success
 };
 
 // Metrics of one view, or of its listing alone.

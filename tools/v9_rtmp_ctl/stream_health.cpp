@@ -36,10 +36,19 @@ std::optional<std::uint64_t> find_lag_us(const ConnectionHistory& history, const
                                             static_cast<double>(wanted));
 }
 
-// Against the foremost player. 0 where the client keeps up with a publisher, because the foremost may only
-// have smaller chunks; also where there is no other player to compare with.
+bool is_relayed_publisher(const ClientRecord& record) {
+    return record.connection.mode == "publish" && record.is_relayed;
+}
+
+// Against the foremost player. 0 where the client keeps up with the publisher that is relayed, or with any if
+// it is not known which one that is, because the foremost may only have smaller chunks; also where there is
+// no other player to compare with.
 std::uint64_t behind_us(const ConnectionHistory& history, const ClientRecord& client) {
     std::uint64_t behind = 0;
+    const bool relayed_is_known =
+        std::any_of(history.clients().begin(), history.clients().end(), [&client](const ClientRecord& other) {
+            return is_relayed_publisher(other) && other.connection.stream == client.connection.stream;
+        });
     for (const ClientRecord& other : history.clients()) {
         const bool plays = other.connection.mode == "play";
         const std::optional<std::uint64_t> lag_us =
@@ -48,7 +57,8 @@ std::uint64_t behind_us(const ConnectionHistory& history, const ClientRecord& cl
                 : find_lag_us(history, client, other, plays ? 100 : KEEPS_UP_PERCENT);
         if (lag_us && plays) {
             behind = std::max(behind, *lag_us);
-        } else if (lag_us && keeps_up(history, client, other, 3 * BEHIND_AFTER_US)) {
+        } else if (lag_us && (!relayed_is_known || other.is_relayed) &&
+                   keeps_up(history, client, other, 3 * BEHIND_AFTER_US)) {
             return 0;
         }
     }

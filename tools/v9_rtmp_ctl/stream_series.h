@@ -30,6 +30,10 @@ class StreamSeries {
     static constexpr std::uint64_t MIN_BYTES = 65536;
     static constexpr std::uint64_t KEEP_US = 3600000000;
 
+    // What the streams have carried so far counts for rule 2 and 3, and in no counter. Optional,
+    // before take_in().
+    void begin(const ConnectionHistory& history) { last = history.streams(); }
+
     void take_in(const ConnectionHistory& history);
 
     // By the name's label.
