@@ -88,7 +88,7 @@ class ctl_watch_test : public testing::Test {
         const std::vector<std::string> rows = watch.wait_for_row(" *3 +- +- .* 127.0.0.1:[0-9]+");
         ASSERT_THAT(rows, SizeIs(TERMINAL_ROWS));
         EXPECT_THAT(rows[0],
-                    MatchesRegex("v9_rtmp_ctl [0-9:]{8}  4 of 128 slots used: 1 publish, 2 play, 1 neither"));
+                    MatchesRegex("v9_rtmp_ctl [0-9:]{8}  4 of 128 slots used: 1 publish, 2 play, 1 idle"));
         EXPECT_THAT(rows[1], MatchesRegex("in .* out .* sort id"));
         EXPECT_THAT(rows[3], MatchesRegex("STREAM +PUBLISHER +PLAYERS +SIZE +IN +OUT +RIVALS"));
         EXPECT_THAT(rows[4], MatchesRegex("cam1 +0 127.0.0.1:[0-9]+ +2 +1280x720 +.+ +.+ +-"));
@@ -139,7 +139,7 @@ TEST_F(ctl_watch_test, it_shows_who_comes_and_goes_and_the_rates) {
     {
         const RtmpClient other = playing_client("another_stream");
         const std::vector<std::string> rows = watch.wait_for_row(" *4 +another_stream +play .*");
-        EXPECT_THAT(rows[0], HasSubstr("5 of 128 slots used: 1 publish, 3 play, 1 neither"));
+        EXPECT_THAT(rows[0], HasSubstr("5 of 128 slots used: 1 publish, 3 play, 1 idle"));
         EXPECT_THAT(rows, Contains(MatchesRegex("another_stream +- +1 +-.*")));
     }
     (void)watch.wait_for_text("4 of 128 slots used");
@@ -184,7 +184,7 @@ TEST_F(ctl_watch_test, it_fits_a_terminal_whose_size_changes) {
     }
     watch.resize(50, 132);
     (void)watch.wait_for_rows("a large frame", [](const auto& rows) {
-        return rows.size() == 50 && rows[49].starts_with("q quit") && rows[0].ends_with("1 neither");
+        return rows.size() == 50 && rows[49].starts_with("q quit") && rows[0].ends_with("1 idle");
     });
     watch.type("q");
     EXPECT_EQ(watch.wait_for_exit(), (ProgramEnd{0, 0}));
@@ -510,7 +510,7 @@ TEST_F(ctl_watch_test, off_a_terminal_it_prints_a_frame_per_interval) {
     for (int i = 0; i < FRAMES; ++i) {
         std::string first;
         mark = watch.out().wait_for_line_starting(heading, mark, &first);
-        EXPECT_THAT(first, HasSubstr("4 of 128 slots used: 1 publish, 2 play, 1 neither"));
+        EXPECT_THAT(first, HasSubstr("4 of 128 slots used: 1 publish, 2 play, 1 idle"));
         std::string stream;
         mark = watch.out().wait_for_line_starting("cam1 ", mark, &stream);
         EXPECT_THAT(stream, MatchesRegex("cam1 +0 127.0.0.1:[0-9]+ +2 +1280x720 .*"));

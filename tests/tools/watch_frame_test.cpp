@@ -66,7 +66,7 @@ std::vector<std::string> frame(const WatchModel& model, std::size_t columns, std
 TEST(watch_frame, ShowsStreamsAndConnectionsIn80Columns) {
     const std::vector<std::string> lines = frame(small_model(), 80, 24);
     ASSERT_EQ(lines.size(), 24U);
-    EXPECT_EQ(lines[0], "v9_rtmp_ctl 12:34:56  4 of 128 slots used: 2 publish, 1 play, 1 neither");
+    EXPECT_EQ(lines[0], "v9_rtmp_ctl 12:34:56  4 of 128 slots used: 2 publish, 1 play, 1 idle");
     EXPECT_EQ(lines[1], "in 102.0 KiB/s (102.0 KiB)  out 50.1 KiB/s (50.1 KiB)  sort id");
     EXPECT_EQ(lines[2], "");
     EXPECT_EQ(lines[3], "STREAM  PUBLISHER         PLAYERS     SIZE           IN         OUT  RIVALS");

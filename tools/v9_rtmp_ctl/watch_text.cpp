@@ -90,9 +90,9 @@ std::string heading_text(const WatchModel& model, std::size_t columns) {
     const std::string slots = std::to_string(used) + " of " + std::to_string(SLOT_COUNT) + " slots used";
     const std::string modes =
         ": " + std::to_string(publishing) + " publish, " + std::to_string(playing) + " play";
-    const std::string neither = ", " + std::to_string(used - publishing - playing) + " neither";
+    const std::string idle = ", " + std::to_string(used - publishing - playing) + " idle";
     const std::string clock = model.clock + "  ";
-    return first_that_fits({name + clock + slots + modes + neither, clock + slots + modes + neither,
+    return first_that_fits({name + clock + slots + modes + idle, clock + slots + modes + idle,
                             clock + slots + modes, clock + slots, slots},
                            columns);
 }
