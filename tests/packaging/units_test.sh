@@ -43,6 +43,16 @@ for unit in "${units[@]}"; do
         complain "$(tail -n 1 <<<"$report") More than $limit:"$'\n'"$(grep '^✗' <<<"$report")"
 done
 
+# The examples, with the agent where they are.
+ln -s "$packaging/scaling/v9-rtmp-agent" "$copies/v9-rtmp-agent"
+for unit in "$packaging"/scaling/*.{service,socket}; do
+    name=$(basename "$unit")
+    sed "s|/usr/lib/v9-rtmp/|$copies/|" "$unit" >"$copies/${name/@/@cam1}"
+done
+for copy in "$copies"/v9-rtmp-{hls@cam1.service,agent@cam1.service}; do
+    check_syntax "$copy"
+done
+
 # The checks above can fail.
 sed 's/^PrivateUsers=yes/PrivateUsers=perhaps/' "$packaging/systemd/v9-rtmp-server.service" |
     sed "s|/usr/bin/v9_|$copies/v9_|" >"$copies/doctored.service"
