@@ -387,6 +387,10 @@ TEST_F(watchdog, it_waits_for_a_server_that_is_not_there_and_says_so_once) {
     Watchdog dog(with(ALL_OFF, {"--unnamed", "1"}));
     std::string trouble;
     dog.err().wait_for_line_starting("v9_rtmp_ctl: there is no socket at", 0, &trouble);
+    EXPECT_TRUE(holds_within(
+        DEFAULT_WAIT, [] { return statistics().find(R"("looks":0,"failed_looks":)") != std::string::npos; },
+        Milliseconds{10}))
+        << "without its file it looks dead: " << statistics();
     for (int start = 0; start < 2; ++start) {
         const LineMark mark = dog.err().mark();
         ServerProcess server;

@@ -62,13 +62,17 @@ TEST(check_rules, DescriptorsAndThreadsSufficeForAFullTable) {
 }
 
 TEST(check_rules, AServerWithoutAMemoryLimitIsAWarning) {
-    EXPECT_EQ(judge_memory_limit(std::nullopt).level, Level::WARNING);
+    EXPECT_EQ(judge_memory_limit(true, std::nullopt).level, Level::WARNING);
+}
+
+TEST(check_rules, AMemoryLimitThatCannotBeSeenIsUnknown) {
+    EXPECT_EQ(judge_memory_limit(false, std::nullopt).level, Level::UNKNOWN);
 }
 
 // 160 MiB, and 13 MiB for each of 128 clients.
 TEST(check_rules, AMemoryLimitBelowWhatAFullTableMayHoldIsAWarning) {
-    EXPECT_EQ(judge_memory_limit("1912602624\n").level, Level::OK);
-    EXPECT_EQ(judge_memory_limit("1912602623\n").level, Level::WARNING);
+    EXPECT_EQ(judge_memory_limit(true, "1912602624\n").level, Level::OK);
+    EXPECT_EQ(judge_memory_limit(true, "1912602623\n").level, Level::WARNING);
 }
 
 TEST(check_rules, StandardErrorMayLeadToTheJournalOrNowhere) {
@@ -96,7 +100,8 @@ TEST(check_rules, EveryFindingThatIsNotOkSaysWhatToDo) {
     for (const Finding& finding :
          {judge_slots(120), judge_slots(128), judge_descriptor_limit(limits_with("1", "1")),
           judge_descriptor_limit(std::nullopt), judge_thread_limit(limits_with("1", "1"), std::nullopt),
-          judge_memory_limit(std::nullopt), judge_memory_limit("1\n"), judge_standard_error("pipe:[1]"),
+          judge_memory_limit(true, std::nullopt), judge_memory_limit(false, std::nullopt),
+          judge_memory_limit(true, "1\n"), judge_standard_error("pipe:[1]"),
           judge_standard_error("/dev/pts/1"), judge_standard_error("/x"), judge_clock(true, false),
           judge_clock(false, false), judge_kernel(1, 1, 1), judge_kernel(4096, 1, 1),
           judge_kernel(4096, 60000, 2), judge_kernel(std::nullopt, std::nullopt, std::nullopt)}) {

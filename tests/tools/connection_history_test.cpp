@@ -262,3 +262,23 @@ TEST_F(history_test, TextThatIsNoHistoryIsRefused) {
     }
     EXPECT_EQ(history.to_json(BOOT), saved);
 }
+
+TEST_F(history_test, APublisherStaysTheRelayedOneOverAPauseBetweenLooksWhileItsStreamHasPlayers) {
+    for (const bool has_player : {true, false}) {
+        history = ConnectionHistory();
+        const auto both = [has_player](std::uint64_t s) {
+            std::vector<Connection> connections = {publisher(0, 1000 * s), publisher(1, 10 * s)};
+            if (has_player) {
+                connections.push_back(player(2, 1000));
+            }
+            return connections;
+        };
+        seconds(2, [](std::uint64_t s) { return std::vector{publisher(0, 1000 * s)}; });
+        seconds(2, both);
+        EXPECT_TRUE(history.clients().at(0).is_relayed);
+        now_s += 5;
+        seconds(1, both);
+        EXPECT_EQ(history.clients().at(0).is_relayed, has_player);
+        EXPECT_FALSE(history.clients().at(1).is_relayed);
+    }
+}

@@ -48,3 +48,11 @@ TEST_F(monitor_test, CountsFromItsFirstLookWhereNoWatchdogRuns) {
         EXPECT_EQ(monitor.view().series.listed().at("cam1").bytes_received, received_since);
     }
 }
+
+TEST(monitor, CountsAllOfTheTimeBetweenLooksThatAreFarApart) {
+    ConnectionHistory history(times_between_looks(15 * ONE_SECOND_US));
+    for (const std::uint64_t second : {100U, 115U, 130U}) {
+        history.take_in({second * ONE_SECOND_US, {observed_publisher(0, "cam1", 100000)}});
+    }
+    EXPECT_EQ(history.streams().at("cam1").publisher_silence_us, 15 * ONE_SECOND_US);
+}

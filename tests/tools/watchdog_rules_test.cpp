@@ -217,7 +217,8 @@ TEST_F(watchdog_rules_test, PlayersOfARivalThatTookOverAreNotComparedWithThePubl
     only(DropRule::BEHIND);
     publisher(1, paused);
     publisher(2, steady(2500), 3);
-    player(3, [](std::uint64_t s) { return std::min<std::uint64_t>(s, 20) * FOUR_MBIT + s * 2500; });
+    // With a player, the server would have disconnected the one that paused.
+    player(3, steady(2500), 30);
     EXPECT_EQ(first_verdict(1000), 0U);
 }
 
@@ -538,4 +539,13 @@ TEST_F(watchdog_rules_test, ServerThatStoodStillMakesNoClientASuspect) {
     at(10);
     now_s += 100;  // no listing was answered
     EXPECT_THAT(at(now_s + 1), IsEmpty());
+}
+
+TEST(age_drops, ALookThatComesALittleEarlyIsInTimeForTheNextOne) {
+    constexpr std::uint64_t STAGGER_US = 4000000;
+    AgeDrops drops{{"cam1", 10000000}};
+    forget_age_drops(drops, 13400000, STAGGER_US, 1000000);
+    EXPECT_THAT(drops, SizeIs(1));
+    forget_age_drops(drops, 13900000, STAGGER_US, 1000000);
+    EXPECT_THAT(drops, IsEmpty());
 }

@@ -133,11 +133,11 @@ void check_process(const Peer& peer, Findings& findings) {
     const std::string process = "/proc/" + std::to_string(peer.pid);
     const std::optional<std::string> limits = peer.pid > 0 ? read_file(process + "/limits") : std::nullopt;
     findings.push_back(judge_descriptor_limit(limits));
-    if (limits) {
-        const std::string cgroup = find_cgroup(read_file(process + "/cgroup").value_or(""));
-        findings.push_back(judge_thread_limit(limits, find_cgroup_limit(cgroup, "pids.max")));
-        findings.push_back(judge_memory_limit(find_cgroup_limit(cgroup, "memory.max")));
-    }
+    const std::string cgroup = find_cgroup(peer.pid > 0 ? read_file(process + "/cgroup").value_or("") : "");
+    findings.push_back(judge_thread_limit(limits, find_cgroup_limit(cgroup, "pids.max")));
+    const std::string controllers = read_file("/sys/fs/cgroup/cgroup.controllers").value_or("");
+    findings.push_back(judge_memory_limit(!cgroup.empty() && controllers.find("memory") != std::string::npos,
+                                          find_cgroup_limit(cgroup, "memory.max")));
     findings.push_back(judge_standard_error(peer.pid > 0 ? find_link(process + "/fd/2") : std::nullopt));
 }
 

@@ -132,7 +132,12 @@ Finding judge_thread_limit(const std::optional<std::string>& limits,
     return {Level::OK, "threads", "the limit is high enough"};
 }
 
-Finding judge_memory_limit(const std::optional<std::string>& memory_max) {
+Finding judge_memory_limit(bool is_known, const std::optional<std::string>& memory_max) {
+    if (!is_known) {
+        return {Level::UNKNOWN, "memory limit",
+                "only control groups of version 2 show it, and none is visible here. Ask systemctl show -p "
+                "MemoryMax."};
+    }
     const std::optional<std::uint64_t> limit = read_limit(memory_max);
     if (!limit) {
         return {Level::WARNING, "memory limit",
@@ -211,7 +216,7 @@ Finding judge_kernel(const std::optional<std::uint64_t>& somaxconn,
     }
     if (!somaxconn || !threads_max || !overcommit) {
         return {Level::UNKNOWN, "kernel",
-                "/proc/sys does not show its settings. Ask from outside of this container."};
+                "/proc/sys does not show its settings. Run it outside of this container."};
     }
     return {Level::OK, "kernel", "kernel settings are sufficient"};
 }

@@ -40,8 +40,8 @@ constexpr std::uint64_t NEEDED_THREADS = 300;
 // pids_max is that of the cgroup.
 [[nodiscard]] Finding judge_thread_limit(const std::optional<std::string>& limits,
                                          const std::optional<std::string>& pids_max);
-// memory_max is that of the cgroup; nothing when it has none.
-[[nodiscard]] Finding judge_memory_limit(const std::optional<std::string>& memory_max);
+// memory_max is that of the cgroup; nothing when it has none, or if it is not known.
+[[nodiscard]] Finding judge_memory_limit(bool is_known, const std::optional<std::string>& memory_max);
 // target is where /proc/PID/fd/2 leads.
 [[nodiscard]] Finding judge_standard_error(const std::optional<std::string>& target);
 [[nodiscard]] Finding judge_clock(bool is_known, bool is_synchronized);

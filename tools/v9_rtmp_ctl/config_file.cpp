@@ -36,6 +36,9 @@ std::optional<Failure> read_config(const std::string& path, std::vector<std::str
             return bad_file(path, "'" + item.fullname() + "' is not the name of an option");
         }
         for (const std::string& input : item.inputs) {
+            if (input.empty()) {
+                return bad_file(path, "'" + item.name + "' has no value");
+            }
             words.push_back("--" + item.name + "=" + input);
         }
     }

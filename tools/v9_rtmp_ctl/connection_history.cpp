@@ -165,7 +165,8 @@ void ConnectionHistory::take_in(const Listing& listing) {
         is_first ? 0 : std::min(listing.taken_us - last_us, times.longest_gap_us);
     last_us = listing.taken_us;
     attended += elapsed_us;
-    const std::vector<ClientRecord> before = std::exchange(records, {});
+    std::vector<ClientRecord> before = std::exchange(records, {});
+    forget_relayed(before);
     for (const Connection& connection : listing.connections) {
         take_in_client(connection, find_client(before, connection.id), elapsed_us);
     }
@@ -202,7 +203,6 @@ void ConnectionHistory::take_in_client(const Connection& connection, const Clien
         record.sent = {*connection.bytes_sent, *connection.bytes_sent, attended};
         record.received = {*connection.bytes_received, *connection.bytes_received, attended};
     }
-    record.is_relayed = record.is_relayed && last_us - record.quiet_since_us < TAKEOVER_US;
     if (record.first_seen_us == last_us || record.received.bytes != *connection.bytes_received) {
         record.quiet_since_us = before_us;
     }
@@ -228,6 +228,17 @@ void ConnectionHistory::take_in_client(const Connection& connection, const Clien
         }
     }
     records.push_back(std::move(record));
+}
+
+void ConnectionHistory::forget_relayed(std::vector<ClientRecord>& before) const {
+    for (ClientRecord& record : before) {
+        const bool has_players =
+            std::any_of(before.begin(), before.end(), [&record](const ClientRecord& other) {
+                return other.connection.mode == "play" && other.connection.stream == record.connection.stream;
+            });
+        record.is_relayed =
+            record.is_relayed && (has_players || last_us - record.quiet_since_us < TAKEOVER_US);
+    }
 }
 
 void ConnectionHistory::follow_publisher(ClientRecord& record) const {

@@ -52,7 +52,7 @@ struct ClientRecord {
     CounterHistory received;
 
     // Of a publisher. The server relays the only one of a name, until it has sent nothing for 2.5 s and
-    // another one sends. False also where listings are too far apart to tell.
+    // another one sends. False also if it is not known.
     bool is_relayed = false;
     std::uint64_t quiet_since_us = 0;  // monotonic; it may have sent nothing since then
 
@@ -85,7 +85,6 @@ class ConnectionHistory {
     // of clients.
     void take_in(const Listing& listing);
 
-
     // Those of the last listing, by id.
     [[nodiscard]] const std::vector<ClientRecord>& clients() const { return records; }
     [[nodiscard]] const std::map<std::string, StreamTotals>& streams() const { return totals; }
@@ -105,6 +104,10 @@ class ConnectionHistory {
 
   private:
     void take_in_client(const Connection& connection, const ClientRecord* before, std::uint64_t elapsed_us);
+    // A publisher that another one took over from is disconnected. So one that is still listed is still
+    // relayed, unless its stream had no player: the server forgets such a stream, and the next to send gets
+    // the name.
+    void forget_relayed(std::vector<ClientRecord>& before) const;
     void follow_publisher(ClientRecord& record) const;
     void settle(ClientRecord& record);
     void forget_left();

@@ -13,6 +13,7 @@
 #include "tools/v9_rtmp_ctl/monitor.h"
 #include "tools/v9_rtmp_ctl/state_file.h"
 #include "tools/v9_rtmp_ctl/text.h"
+#include "tools/v9_rtmp_ctl/time_units.h"
 
 namespace {
 
@@ -33,7 +34,8 @@ std::optional<Failure> write_metrics(const std::string& path, const std::string&
 }  // namespace
 
 ExitCode run_metrics(const Settings& settings, const MetricsOptions& options) {
-    Monitor monitor(settings.socket_path, settings.timeout_us(), options.watchdog_state);
+    Monitor monitor(settings.socket_path, settings.timeout_us(), options.watchdog_state,
+                    static_cast<std::uint64_t>(options.interval_seconds.value_or(1) * US_PER_SECOND));
     if (!options.interval_seconds) {
         monitor.look();
         const MonitorView& view = monitor.view();

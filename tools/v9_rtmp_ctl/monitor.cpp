@@ -1,13 +1,23 @@
 #include "tools/v9_rtmp_ctl/monitor.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "tools/v9_rtmp_ctl/metrics_text.h"
 #include "tools/v9_rtmp_ctl/port_check.h"
 #include "tools/v9_rtmp_ctl/state_file.h"
 
-Monitor::Monitor(const std::string& socket_path, std::uint64_t silence_us, std::string watchdog_state)
+HistoryTimes times_between_looks(std::uint64_t interval_us) {
+    HistoryTimes times;
+    times.longest_gap_us = std::max(times.longest_gap_us, 5 * interval_us);
+    times.window_us = std::max(times.window_us, 5 * interval_us);
+    return times;
+}
+
+Monitor::Monitor(const std::string& socket_path, std::uint64_t silence_us, std::string watchdog_state,
+                 std::uint64_t interval_us)
     : state(std::move(watchdog_state)), client(socket_path, silence_us) {
+    current.history = ConnectionHistory(times_between_looks(interval_us));
     const std::optional<std::string> history = read_file(state + "/" + WATCHDOG_HISTORY_FILE);
     // Without it, the history begins now.
     static_cast<void>(history && current.history.restore(*history, boot_id()));

@@ -13,6 +13,7 @@
 #include "tools/v9_rtmp_ctl/process_info.h"
 #include "tools/v9_rtmp_ctl/rate_history.h"
 #include "tools/v9_rtmp_ctl/stream_series.h"
+#include "tools/v9_rtmp_ctl/time_units.h"
 #include "tools/v9_rtmp_ctl/watchdog_statistics.h"
 
 // All that is known after a look.
@@ -27,12 +28,16 @@ struct MonitorView {
     std::optional<WatchdogStatistics> watchdog;  // what its file says
 };
 
+// What a history needs to know of looks that come once in interval_us.
+[[nodiscard]] HistoryTimes times_between_looks(std::uint64_t interval_us);
+
 class Monitor {
   public:
     // A watchdog's state directory has its statistics, and the ages of clients that it saw before this began.
     // Counters of streams begin at 0 with the first look. What a watchdog or the clients have counted before
     // can be less than an earlier program has shown, and then all of it would be counted again.
-    Monitor(const std::string& socket_path, std::uint64_t silence_us, std::string watchdog_state);
+    Monitor(const std::string& socket_path, std::uint64_t silence_us, std::string watchdog_state,
+            std::uint64_t interval_us = US_PER_SECOND);
 
     // Asks for a listing, which takes as long as ControlClient waits at most.
     void look();

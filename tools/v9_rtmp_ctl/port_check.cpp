@@ -199,7 +199,7 @@ PortCheck check_port(const Peer& answering) {
     } else if (!answering_listens) {
         check.gap = "Whether the process that answers, " + pid + ", is the one that listens on " +
                     port_text() +
-                    " is not known: this user may not look at its descriptors. Ask again with sudo.";
+                    " is not known: this user may not look at its descriptors. Run it again with sudo.";
     }
     return check;
 }

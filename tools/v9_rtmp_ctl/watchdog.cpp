@@ -127,6 +127,7 @@ class Watchdog {
                 return failure;
             }
             trouble.tell(*failure);
+            save_when_due();
             return std::nullopt;
         }
         ++statistics.looks;
@@ -135,10 +136,18 @@ class Watchdog {
         history.take_in(listing);
         tell_unanswered();
         act(judge(history, options.limits, age_drops));
-        if (has_news || before != first_seen_times() || clock_us() - saved_us >= SAVE_EVERY_US) {
+        if (has_news || before != first_seen_times()) {
             save();
         }
+        save_when_due();
         return std::nullopt;
+    }
+
+    // Also while the server does not answer: the age of the file shows whether the watchdog runs.
+    void save_when_due() {
+        if (clock_us() - saved_us >= SAVE_EVERY_US) {
+            save();
+        }
     }
 
     void save() {
@@ -170,9 +179,8 @@ class Watchdog {
     }
 
     void act(const std::vector<Verdict>& verdicts) {
-        std::erase_if(age_drops, [this](const auto& entry) {
-            return history.now_us() - entry.second >= options.limits.stagger_us;
-        });
+        forget_age_drops(age_drops, history.now_us(), options.limits.stagger_us,
+                         microseconds(options.interval_seconds));
         if (options.dry_run) {
             announce(verdicts);
         } else if (!verdicts.empty()) {

@@ -313,6 +313,12 @@ HistoryTimes history_times(const WatchdogLimits& limits, std::uint64_t settle_us
     return times;
 }
 
+void forget_age_drops(AgeDrops& age_drops, std::uint64_t now_us, std::uint64_t stagger_us,
+                      std::uint64_t interval_us) {
+    std::erase_if(age_drops,
+                  [&](const auto& entry) { return now_us - entry.second + interval_us / 2 >= stagger_us; });
+}
+
 std::vector<Verdict> judge(const ConnectionHistory& history, const WatchdogLimits& limits,
                            const AgeDrops& age_drops) {
     const Judge rules(history, limits, age_drops);

@@ -55,6 +55,11 @@ struct Verdict {
 // Monotonic times, by stream, at which the last player was dropped for its age.
 using AgeDrops = std::map<std::string, std::uint64_t>;
 
+// Removes the drops that are long enough ago for another one. Looks come once in interval_us, not exactly on
+// time, and the pause must not become one look longer.
+void forget_age_drops(AgeDrops& age_drops, std::uint64_t now_us, std::uint64_t stagger_us,
+                      std::uint64_t interval_us);
+
 // At most one verdict for each client, and one for age for each stream. In the order of the ids.
 [[nodiscard]] std::vector<Verdict> judge(const ConnectionHistory& history, const WatchdogLimits& limits,
                                          const AgeDrops& age_drops);
