@@ -3,8 +3,11 @@
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <limits>
+#include <string>
 #include <utility>
+#include <vector>
 
 #include "amf/amf_dump.h"
 #include "app/command_args.h"

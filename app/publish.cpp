@@ -1,4 +1,5 @@
 #include <cstdint>
+#include <string>
 
 #include "amf/amf_value.h"
 #include "app/command_args.h"

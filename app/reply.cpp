@@ -3,6 +3,7 @@
 #include <array>
 #include <cstdint>
 #include <cstring>
+#include <deque>
 #include <utility>
 
 #include "amf/amf_write.h"

@@ -4,9 +4,11 @@
 #include <algorithm>
 #include <cstdio>
 #include <exception>
+#include <memory>
 #include <new>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "comm_socket/packet.h"
 #include "comm_socket/wire.h"

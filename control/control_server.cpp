@@ -2,6 +2,7 @@
 
 #include <comm_socket_v4.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>

@@ -2,6 +2,8 @@
 
 #include <unistd.h>
 
+#include <atomic>
+
 #include "control/control_server.h"
 #include "core/connection_table.h"
 #include "core/heap.h"

@@ -1,6 +1,7 @@
 #include "core/options.h"
 
 #include <array>
+#include <string>
 #include <string_view>
 
 #include "base/diag.h"

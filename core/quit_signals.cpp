@@ -2,6 +2,7 @@
 
 #include <csignal>
 #include <cstdlib>
+#include <initializer_list>
 
 std::atomic<int> quit_signals = 0;
 

@@ -5,7 +5,6 @@
 #include <cstdint>
 
 #include "core/connection.h"
-#include "relay/media_track.h"
 #include "rtmp/shared_payload.h"
 
 // The fields and message texts of one kind of media.

@@ -1,5 +1,7 @@
 #include "relay/time_reset.h"
 
+#include <vector>
+
 #include "base/diag.h"
 #include "core/connection.h"
 #include "core/connection_table.h"

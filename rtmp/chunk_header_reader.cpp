@@ -3,10 +3,10 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <map>
 
 #include "base/bytes.h"
 #include "base/diag.h"
-#include "rtmp/chunk_format.h"
 #include "rtmp/socket_io.h"
 
 namespace {

@@ -7,7 +7,6 @@
 #include "base/check.h"
 #include "base/diag.h"
 #include "core/connection.h"
-#include "rtmp/chunk_format.h"
 #include "rtmp/chunk_header_reader.h"
 #include "rtmp/packet_dump.h"
 #include "rtmp/socket_io.h"

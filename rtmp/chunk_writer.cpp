@@ -13,11 +13,11 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <vector>
 
 #include "base/bytes.h"
 #include "base/check.h"
 #include "core/connection.h"
-#include "rtmp/chunk_format.h"
 #include "rtmp/packet_dump.h"
 #include "rtmp/packet_queues.h"
 #include "rtmp/shared_payload.h"

@@ -3,7 +3,9 @@
 #include <unistd.h>
 
 #include <cstddef>
+#include <deque>
 #include <utility>
+#include <vector>
 
 #include "base/bytes.h"
 #include "base/diag.h"

@@ -16,20 +16,15 @@ bool codec_rule_is_broken = false;
 
 }  // namespace
 
-extern "C" {
+// The server's file with its function under another name. The one below takes its place.
+#define check_codec_lock check_codec_lock_as_promised
+#include "relay/codec_lock.cpp"
+#undef check_codec_lock
 
-CodecLock __real__Z16check_codec_lockRijRK11RTMP_Packet(std::int32_t&, std::uint32_t, const RTMP_Packet&);
-
-CodecLock __wrap__Z16check_codec_lockRijRK11RTMP_Packet(std::int32_t& lock_type,
-                                                        std::uint32_t metadata_codec_id,
-                                                        const RTMP_Packet& pkt) {
+CodecLock check_codec_lock(std::int32_t& lock_type, std::uint32_t metadata_codec_id, const RTMP_Packet& pkt) {
     constexpr CodecLock NO_ANSWER{99};
-    return codec_rule_is_broken
-               ? NO_ANSWER
-               : __real__Z16check_codec_lockRijRK11RTMP_Packet(lock_type, metadata_codec_id, pkt);
+    return codec_rule_is_broken ? NO_ANSWER : check_codec_lock_as_promised(lock_type, metadata_codec_id, pkt);
 }
-
-}  // extern "C"
 
 namespace {
 

@@ -1,39 +1,26 @@
-#include <cerrno>
-
 #include "app/metadata.h"
 #include "control/connection_line.h"
 #include "rtmp/message_types.h"
 #include "rtmp/packet_queues.h"
 #include "tests/app/app_fixture.h"
+#include "tests/support/wrapped_calls.h"
 
 namespace {
-
-// The mutex that the system refuses to lock; null: none.
-pthread_mutex_t* refused_mutex = nullptr;
 
 class failing_lock_test : public AppFixture {
   protected:
     class FailingLock {
       public:
-        explicit FailingLock(RTMPConnection& connection) { refused_mutex = &connection.mutex.handle; }
-        ~FailingLock() { refused_mutex = nullptr; }
+        explicit FailingLock(RTMPConnection& connection) {
+            wrapped_calls.failing_lock = &connection.mutex.handle;
+        }
+        ~FailingLock() { wrapped_calls = {}; }
         FailingLock(const FailingLock&) = delete;
         FailingLock& operator=(const FailingLock&) = delete;
     };
 };
 
 }  // namespace
-
-// The linker's --wrap leads every call here.
-extern "C" {
-
-int __real_pthread_mutex_lock(pthread_mutex_t* mutex);
-
-int __wrap_pthread_mutex_lock(pthread_mutex_t* mutex) {
-    return mutex == refused_mutex ? EINVAL : __real_pthread_mutex_lock(mutex);
-}
-
-}  // extern "C"
 
 TEST_F(failing_lock_test, a_connection_is_not_kept) {
     RTMPConnection& conn = add_connection();

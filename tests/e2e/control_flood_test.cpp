@@ -29,8 +29,8 @@ constexpr int FLOOD_SEND_BUFFER_BYTES = 1 << 20;
 // A service of the control socket follows the other after 100 ms.
 constexpr Milliseconds ANSWER_TIME = scaled(Milliseconds{300});
 constexpr Milliseconds LATENESS = scaled(Milliseconds{150});
-constexpr Milliseconds QUIET_TIME{1500};
-constexpr Milliseconds FLOOD_TIME{6000};
+// Thirty services.
+constexpr Milliseconds FLOOD_TIME{3000};
 
 // Asks one thing after the other, each as soon as the last is answered.
 class Asker {
@@ -162,7 +162,7 @@ void expect_end(ControlPeer& peer) {
 TEST(control_flood, a_client_that_never_reads_and_one_that_sends_garbage_delay_neither_answers_nor_media) {
     ServerProcess server;
     TimedStream stream;
-    const Milliseconds quiet = stream.run_for(QUIET_TIME);
+    (void)stream.run_for(Milliseconds{100});  // All that is printed about the stream itself.
     const LineMark mark = server.mark();
 
     Flood flood;
@@ -197,11 +197,9 @@ TEST(control_flood, a_client_that_never_reads_and_one_that_sends_garbage_delay_n
     RecordProperty("longest_answer_ms", static_cast<int>(asker.longest.count()));
     RecordProperty("answers", static_cast<int>(asker.answers));
     RecordProperty("lateness_ms", static_cast<int>(lateness(disturbed).count()));
-    RecordProperty("latency_quiet_ms", static_cast<int>(quiet.count()));
     RecordProperty("latency_disturbed_ms", static_cast<int>(disturbed.count()));
     std::cout << "longest of " << asker.answers << " answers: " << asker.longest.count()
-              << " ms; lateness of media: " << lateness(disturbed).count() << " ms (longest way "
-              << disturbed.count() << " ms, without the flood " << quiet.count() << " ms); " << thrown_out
+              << " ms; lateness of media: " << lateness(disturbed).count() << " ms; " << thrown_out
               << " clients thrown out\n";
 }
 
@@ -265,7 +263,7 @@ TEST(control_flood, clients_that_ask_and_leave_as_fast_as_they_can_lock_nobody_o
     const Milliseconds disturbed = stream.run_beside([&] { hellos.ask_for(FLOOD_TIME); });
     leaving.stop();
     EXPECT_EQ(leaving.failure(), "");
-    EXPECT_GE(hellos.count, 20U);
+    EXPECT_GE(hellos.count, static_cast<std::size_t>(FLOOD_TIME / Milliseconds{300}));
     EXPECT_GE(left, 1000U) << "too few to take all places again and again";
     EXPECT_LE(lateness(disturbed), LATENESS);
     std::cout << hellos.text() << " beside "

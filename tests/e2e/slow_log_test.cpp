@@ -23,8 +23,8 @@ namespace {
 
 constexpr std::size_t LOG_BYTES_PER_MS = 50000;  // 50 MB/s
 constexpr std::size_t LEVELS = 1150;
-// 5 s of the stream beside the attack.
-constexpr std::size_t MESSAGES_MEANWHILE = 125;
+// 3 s of the stream beside the attack.
+constexpr std::size_t MESSAGES_MEANWHILE = 75;
 // Up to 10 ms until the main loop looks and up to 50 ms until the player's writer does are in it.
 constexpr Milliseconds LONGEST_DELAY = scaled(Milliseconds{250});
 constexpr Milliseconds LONGEST_STOP = scaled(Milliseconds{1000});

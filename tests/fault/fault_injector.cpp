@@ -67,7 +67,6 @@ struct CreatedThread {
 struct ThreadIdentity {
     FaultThread role = FaultThread::MAIN;
     std::uint32_t connection = NO_FAULT_CONNECTION;
-    bool in_nothrow_new = false;
     bool looking_at_the_stack = false;
     std::uint64_t received_bytes = 0;
     std::array<std::uint32_t, FAULT_CALL_NAMES.size()> calls{};
@@ -513,48 +512,42 @@ int pthread_mutex_unlock(pthread_mutex_t* mutex) noexcept {
 
 }  // extern "C"
 
-// ---- allocations: the names are those of the standard library's functions
+// ---- allocations: all of them and all releases pass here, so malloc() and free() serve them
 
 namespace {
 
-using NothrowNew = void* (*)(std::size_t, const std::nothrow_t&);
-using ThrowingNew = void* (*)(std::size_t);
-
-void* allocate(std::size_t bytes, const std::nothrow_t& tag, NothrowNew& cached, const char* name,
-               const void* caller) {
-    if (suffer(FaultCall::NOTHROW_NEW, caller, {}) != nullptr) {
-        return nullptr;
-    }
-    // The standard library's own asks the throwing one.
-    self.in_nothrow_new = true;
-    void* const memory = real(cached, name)(bytes, tag);
-    self.in_nothrow_new = false;
-    return memory;
+void* allocate(FaultCall call, std::size_t bytes, const void* caller) {
+    return suffer(call, caller, {}) != nullptr ? nullptr : std::malloc(bytes != 0 ? bytes : 1);
 }
 
-void* allocate_or_throw(std::size_t bytes, ThrowingNew& cached, const char* name, const void* caller) {
-    if (!self.in_nothrow_new && suffer(FaultCall::NEW, caller, {}) != nullptr) {
-        throw std::bad_alloc();
-    }
-    return real(cached, name)(bytes);
+void* allocate_or_throw(std::size_t bytes, const void* caller) {
+    void* const memory = allocate(FaultCall::NEW, bytes, caller);
+    return memory != nullptr ? memory : throw std::bad_alloc();
 }
-
-NothrowNew real_nothrow_new = nullptr;
-NothrowNew real_nothrow_new_array = nullptr;
-ThrowingNew real_new = nullptr;
-ThrowingNew real_new_array = nullptr;
 
 }  // namespace
 
-void* operator new(std::size_t bytes, const std::nothrow_t& tag) noexcept {
-    return allocate(bytes, tag, real_nothrow_new, "_ZnwmRKSt9nothrow_t", CALLER);
+void* operator new(std::size_t bytes, const std::nothrow_t& /*tag*/) noexcept {
+    return allocate(FaultCall::NOTHROW_NEW, bytes, CALLER);
 }
-void* operator new[](std::size_t bytes, const std::nothrow_t& tag) noexcept {
-    return allocate(bytes, tag, real_nothrow_new_array, "_ZnamRKSt9nothrow_t", CALLER);
+void* operator new[](std::size_t bytes, const std::nothrow_t& /*tag*/) noexcept {
+    return allocate(FaultCall::NOTHROW_NEW, bytes, CALLER);
 }
 void* operator new(std::size_t bytes) {
-    return allocate_or_throw(bytes, real_new, "_Znwm", CALLER);
+    return allocate_or_throw(bytes, CALLER);
 }
 void* operator new[](std::size_t bytes) {
-    return allocate_or_throw(bytes, real_new_array, "_Znam", CALLER);
+    return allocate_or_throw(bytes, CALLER);
+}
+void operator delete(void* memory) noexcept {
+    std::free(memory);
+}
+void operator delete[](void* memory) noexcept {
+    std::free(memory);
+}
+void operator delete(void* memory, std::size_t /*bytes*/) noexcept {
+    std::free(memory);
+}
+void operator delete[](void* memory, std::size_t /*bytes*/) noexcept {
+    std::free(memory);
 }

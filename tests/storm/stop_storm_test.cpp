@@ -114,7 +114,7 @@ INSTANTIATE_TEST_SUITE_P(server, stop_storm_test, testing::Range(0, STORM_SHARDS
 }  // namespace
 
 TEST_P(stop_storm_test, a_server_told_to_stop_exits_in_order_within_a_second) {
-    const std::size_t stops = storm_count("V9_STORM_STOPS", 200, 40) / STORM_SHARDS;
+    const std::size_t stops = storm_count("V9_STORM_STOPS", 120, 40) / STORM_SHARDS;
     Load load(seed);
     Milliseconds longest{0};
     for (std::size_t i = 0; i < stops; ++i) {
@@ -129,7 +129,7 @@ TEST_P(stop_storm_test, a_server_told_to_stop_exits_in_order_within_a_second) {
 }
 
 TEST_P(stop_storm_test, a_server_serves_within_a_second_after_another_was_killed) {
-    const std::size_t kills = storm_count("V9_STORM_KILLS", 100, 20) / STORM_SHARDS;
+    const std::size_t kills = storm_count("V9_STORM_KILLS", 60, 20) / STORM_SHARDS;
     Load load(seed);
     go_first();
     Milliseconds longest{0};

@@ -108,7 +108,7 @@ int __wrap_pthread_mutex_lock(pthread_mutex_t* mutex) {
     if (wrapped_calls.at_lock) {
         wrapped_calls.at_lock(mutex);
     }
-    return __real_pthread_mutex_lock(mutex);
+    return mutex == wrapped_calls.failing_lock ? EINVAL : __real_pthread_mutex_lock(mutex);
 }
 
 int __wrap_pthread_mutex_unlock(pthread_mutex_t* mutex) {

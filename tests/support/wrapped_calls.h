@@ -43,6 +43,8 @@ struct WrappedCalls {
     int join_result = 0;
     // The join really fails: nothing is joined.
     bool refuse_join = false;
+    // The lock of this mutex is refused.
+    const pthread_mutex_t* failing_lock = nullptr;
     // The unlock of this mutex is done and reported as failed.
     const pthread_mutex_t* failing_unlock = nullptr;
 

@@ -90,7 +90,7 @@ TEST_F(series_test, AStreamThatHasLongBeenGoneGivesWay) {
 }
 
 TEST_F(series_test, NamesThatComeAndGoDoNotAddUp) {
-    for (unsigned second = 1; second < 2000; ++second) {
+    for (unsigned second = 1; second < 5 * StreamSeries::MAX_SERIES; ++second) {
         look(second, {observed_publisher(second % 128, "name" + std::to_string(second), MUCH)});
     }
     EXPECT_THAT(series.listed(), SizeIs(StreamSeries::MAX_SERIES));

@@ -57,9 +57,9 @@ void add_sample(ClientRecord& record, std::uint64_t attended_us, std::uint64_t w
 
 // The newest one that is not later than the time; null when all are.
 const CounterSample* sample_at(const ClientRecord& record, std::uint64_t attended_us) {
-    const auto later =
-        std::find_if(record.samples.begin(), record.samples.end(),
-                     [attended_us](const CounterSample& s) { return s.attended_us > attended_us; });
+    const auto later = std::upper_bound(
+        record.samples.begin(), record.samples.end(), attended_us,
+        [](std::uint64_t time_us, const CounterSample& s) { return time_us < s.attended_us; });
     return later == record.samples.begin() ? nullptr : &*std::prev(later);
 }
 

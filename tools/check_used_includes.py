@@ -1,0 +1,73 @@
+#!/usr/bin/env python3
+"""Checks with include-what-you-use that the daemon's sources include what they name, and nothing else.
+
+    tools/check_used_includes.py [FILE.cpp]...
+
+Without files: every source of the daemon and of the control library, and the header of the same name.
+"""
+import concurrent.futures
+import os
+import pathlib
+import re
+import subprocess
+import sys
+
+ROOT = pathlib.Path(__file__).resolve().parent.parent
+FOLDERS = ["base", "amf", "rtmp", "core", "relay", "app", "control", "comm_socket"]
+COMMAND = ["include-what-you-use", "-std=c++20", "-I.", "-Icomm_socket/include", "-Xiwyu", "--no_fwd_decls",
+           "-Xiwyu", "--max_line_length=10000"]
+# The header that a private one of the system belongs to.
+PUBLIC = {"<bits/types/struct_iovec.h>": "<sys/uio.h>"}
+# What a template of the standard library names, not the source.
+TEMPLATE_PART = re.compile(r"__\w+|_Rb_tree\w*|(allocator_traits|tuple_element|add_const)<|operator==|basic_string$|pair$")
+
+HEADING = re.compile(r"(\S+) should (add|remove) these lines:$")
+LINE = re.compile(r'(?:- )?#include ([<"][^>"]+[>"])(?:\s+// for (.*))?')
+
+
+def names_something(reasons):
+    return any(not TEMPLATE_PART.match(reason) for reason in reasons.split(", "))
+
+
+def findings(output):
+    """One sentence for each line that is to be added or removed."""
+    wrong = set()
+    path = kind = None
+    for line in output.splitlines():
+        heading = HEADING.match(line)
+        found = LINE.match(line)
+        if heading:
+            path, kind = heading[1].removeprefix("./"), heading[2]
+        elif line == "" or line.startswith("The full include-list"):
+            kind = None
+        elif kind == "remove" and found:
+            wrong.add((path, PUBLIC.get(found[1], found[1]), "remove"))
+        elif kind == "add" and found and names_something(found[2] or ""):
+            wrong.add((path, PUBLIC.get(found[1], found[1]), "add"))
+    # Added by its private name and removed by its public one: it is right as it is.
+    return [f"{path}: {'does not include' if kind == 'add' else 'does not need'} {header}"
+            for path, header, kind in sorted(wrong)
+            if not {(path, header, "add"), (path, header, "remove")} <= wrong]
+
+
+def output_for(source):
+    result = subprocess.run([*COMMAND, source], cwd=ROOT, text=True, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+                            check=False)
+    # Its status is 2 whatever it finds. What it cannot read has no list of includes.
+    if "error:" in result.stdout or not re.search(r"^(The full include-list for |\()" + re.escape(source) + r"\b",
+                                                  result.stdout, re.MULTILINE):
+        raise RuntimeError(f"include-what-you-use cannot read {source}:\n{result.stdout}")
+    return result.stdout
+
+
+def main(arguments):
+    sources = arguments or sorted(path.relative_to(ROOT).as_posix() for folder in FOLDERS
+                                  for path in (ROOT / folder).rglob("*.cpp"))
+    with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
+        wrong = findings("\n".join(pool.map(output_for, sources)))
+    print("\n".join([*wrong, f"checked the includes of {len(sources)} sources, {len(wrong)} wrong"]))
+    return 0 if sources and not wrong else 1
+
+
+if __name__ == "__main__":
+    sys.exit(main(sys.argv[1:]))
