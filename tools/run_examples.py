@@ -13,7 +13,9 @@ end with status 0. Lines right before the block change that; they are not seen o
     <!-- not run: REASON -->   the block is not run; at most 15 % of all commands may be so
     <!-- with: server -->      a server runs beside the block; "stream": it also has a publisher of cam1
     <!-- until: COMMAND -->    the block runs without end; it has done its work when COMMAND succeeds, and gets Ctrl-C
+    <!-- says: TEXT -->        the same, when TEXT has been printed
     <!-- as: user -->          by a user other than root
+    <!-- status: 0 1 -->       the statuses with which it may end
 
 Output stands in ```text blocks. Commands may not hide: an indented block, a block without a language and a line that
 begins with "$ " in another block are errors.
@@ -44,11 +46,11 @@ MARK_FUNCTIONS = """
 plays() { v9_rtmp_ctl --plain list --mode play --stream "$1" | awk -F'\\t' '$5 > 100000 {found = 1} END {exit !found}'; }
 publishes() { v9_rtmp_ctl --plain list --mode publish --stream "$1" | awk -F'\\t' '$6 > 20000 {found = 1} END {exit !found}'; }
 """
-LIMIT_S = 180
+LIMIT_S = 90
 UNTIL_LIMIT_S = 30
 ADDRESS = "192.0.2.1"
 INSIDE = "V9_EXAMPLES_INSIDE"
-MARK = re.compile(r"<!-- (not run|with|until|as): (.+) -->$")
+MARK = re.compile(r"<!-- (not run|with|until|says|as|status): (.+) -->$")
 FENCE = re.compile(r"```(\w*)$")
 VALUES = {"with": {"server", "stream"}, "as": {"user"}}
 
@@ -167,7 +169,7 @@ class Machine:
             if what == "stream":
                 running.start("publisher", ["ffmpeg", "-v", "error", "-stream_loop", "-1", "-re", "-i",
                                             str(self.checkout / "film.mp4"), "-c", "copy", "-f", "flv",
-                                            "rtmp://127.0.0.1/ombrex-live/cam1"])
+                                            "rtmp://SERVER/ombrex-live/cam1"])
                 if not processes.wait_until(lambda: self.succeeds("v9_rtmp_ctl --plain list --mode publish --stream cam1"),
                                             UNTIL_LIMIT_S):
                     raise processes.RunError("cam1 has no publisher", running.log("publisher"))
@@ -186,11 +188,13 @@ class Machine:
         if example.marks.get("as") == "user":
             command = ["unshare", "--user", "--map-user=65534", "--", *command]
         with self.beside(example.marks.get("with"), example.name()):
-            return run_in_terminal(command, self, example.marks.get("until"))
+            return run_in_terminal(example, command, self)
 
 
-def run_in_terminal(command, machine, until):
+def run_in_terminal(example, command, machine):
     """Runs a command as at a terminal. Returns none, or why it has failed."""
+    until, says = example.marks.get("until"), example.marks.get("says")
+    is_endless = until is not None or says is not None
     near, far = pty.openpty()
     process = subprocess.Popen(command, cwd=machine.checkout, env=machine.environment, stdin=far, stdout=far, stderr=far,
                                start_new_session=True)
@@ -198,38 +202,42 @@ def run_in_terminal(command, machine, until):
     os.set_blocking(near, False)
     said = bytearray()
 
-    def read():
-        with contextlib.suppress(BlockingIOError, OSError):
+    def has_ended():
+        with contextlib.suppress(OSError):
             while data := os.read(near, 65536):
                 said.extend(data)
-
-    def has_ended():
-        read()
         return process.poll() is not None
 
-    deadline = time.monotonic() + (UNTIL_LIMIT_S if until else LIMIT_S)
+    def is_done():
+        return machine.succeeds(until) if until is not None else says.encode() in said
+
+    limit_s = UNTIL_LIMIT_S if is_endless else LIMIT_S
+    deadline = time.monotonic() + limit_s
     done = False
     while not done and not has_ended() and time.monotonic() < deadline:
-        done = until is not None and machine.succeeds(until)
+        done = is_endless and is_done()
         time.sleep(processes.POLL_S)
     why = None
     if not has_ended():
         if not done:
-            why = f"not within {LIMIT_S if until is None else UNTIL_LIMIT_S} s" + (f": {until}" if until else "")
+            why = f"not within {limit_s} s: {until or says or 'its end'}"
+        # Twice, because ffmpeg goes on waiting after the first.
         for number in (signal.SIGINT, signal.SIGINT, signal.SIGKILL):
-            with contextlib.suppress(ProcessLookupError):
-                os.killpg(process.pid, number)
+            end_group(process, number)
             if processes.wait_until(has_ended, 5):
                 break
-    elif process.returncode != 0:
+    elif str(process.returncode) not in example.marks.get("status", "0").split():
         why = f"ended with status {process.returncode}"
-    elif until is not None and not done and not machine.succeeds(until):
-        why = f"ended before: {until}"
-    with contextlib.suppress(ProcessLookupError):
-        os.killpg(process.pid, signal.SIGKILL)
-    read()
+    elif is_endless and not done and not is_done():
+        why = f"ended before: {until or says}"
+    end_group(process, signal.SIGKILL)
     os.close(near)
     return why and f"{why}\n{said.decode(errors='replace')[-3000:]}"
+
+
+def end_group(process, number):
+    with contextlib.suppress(ProcessLookupError):
+        os.killpg(process.pid, number)
 
 
 def run_page(page, programs):
@@ -263,6 +271,10 @@ def start_page(page, programs):
     return subprocess.run(command, env={**os.environ, INSIDE: "1"}, check=False).returncode == 0
 
 
+def exists(page):
+    return (ROOT / page).exists()
+
+
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--programs", type=pathlib.Path, default=ROOT / "build" / "release")
@@ -273,15 +285,14 @@ def main():
     if os.environ.get(INSIDE):
         return 0 if run_page(options.pages[0], programs) else 1
     examples, errors = [], []
-    for page in PAGES:
-        if (ROOT / page).exists():
-            found, wrong = parse(page, (ROOT / page).read_text(encoding="utf-8"))
-            examples += found
-            errors += wrong
+    for page in filter(exists, PAGES):
+        found, wrong = parse(page, (ROOT / page).read_text(encoding="utf-8"))
+        examples += found
+        errors += wrong
     print(*errors, sep="\n", end="\n" if errors else "")
     good = report_not_run(examples) and not errors
     if not options.list:
-        for page in options.pages or [page for page in PAGES if (ROOT / page).exists()]:
+        for page in filter(exists, options.pages or PAGES):
             good = start_page(page, programs) and good
     return 0 if good else 1
 
