@@ -142,7 +142,8 @@ class Machine:
         (self.home / ".config" / "mpv" / "mpv.conf").write_text("vo=null\nao=null\n", encoding="utf-8")
         self.environment = {
             **os.environ, "HOME": str(self.home), "TERM": "xterm", "COLUMNS": "120", "LINES": "40",
-            "SDL_VIDEODRIVER": "dummy", "SDL_AUDIODRIVER": "dummy", "GST_PLUGIN_FEATURE_RANK": "fakevideosink:MAX,fakeaudiosink:MAX",
+            "SDL_VIDEODRIVER": "dummy", "SDL_AUDIODRIVER": "dummy",
+            "GST_PLUGIN_FEATURE_RANK": "fakevideosink:MAX,fakeaudiosink:MAX",
             "PATH": f"{programs}:/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin"}
         for name in ("film.mp4", "film.mkv"):
             subprocess.run(
@@ -179,8 +180,9 @@ class Machine:
         return ["bash", "-euo", "pipefail", "-c", text]
 
     def succeeds(self, command):
-        return subprocess.run(self.shell(MARK_FUNCTIONS + command), cwd=self.checkout, env=self.environment, stdin=subprocess.DEVNULL,
-                              stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, timeout=LIMIT_S, check=False).returncode == 0
+        ended = subprocess.run(self.shell(MARK_FUNCTIONS + command), cwd=self.checkout, env=self.environment, check=False,
+                               stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, timeout=LIMIT_S)
+        return ended.returncode == 0
 
     def run(self, example):
         """Returns none, or why the example has failed."""

@@ -29,15 +29,16 @@ class the_commands_of_a_page(unittest.TestCase):
         return EXAMPLES.run_in_terminal(example, ["bash", "-euo", "pipefail", "-c", example.text], MACHINE)
 
     def test_are_the_lines_of_its_blocks(self):
-        examples, errors = EXAMPLES.parse("page", "text\n\n" + block("# why\na \\\n  b\n\nc", "with: server") + block("d", language="text"))
+        text = "text\n\n" + block("# why\na \\\n  b\n\nc", "with: server") + block("d", language="text")
+        examples, errors = EXAMPLES.parse("page", text)
         self.assertEqual([], errors)
         self.assertEqual([["a    b", "c"]], [example.commands() for example in examples])
         self.assertEqual({"with": "server"}, examples[0].marks)
 
     def test_do_not_hide(self):
         self.assertEqual([], self.errors("text\n" + block("a", "with: stream")))
-        for hidden in ("    ls\n", block("$ ls", language="text"), block("ls", language=""), "```sh\nls\n", block("ls", "with: beer"),
-                       "<!-- not run: x -->\n\n" + block("ls")):
+        for hidden in ("    ls\n", block("$ ls", language="text"), block("ls", language=""), "```sh\nls\n",
+                       block("ls", "with: beer"), "<!-- not run: x -->\n\n" + block("ls")):
             self.assertEqual(1, len(self.errors(hidden)), hidden)
 
     def test_are_run_but_for_15_in_100(self):
