@@ -20,8 +20,8 @@
 // Whether an Authorization header holds the token. Takes the same time for all guesses of the same length.
 [[nodiscard]] bool has_token(std::string_view authorization, std::string_view token);
 
-// Reads the token, the first line of the file. It must have 16 characters, and only owner and group may have
-// access to the file.
+// Reads the token, the first line of the file. It must have at least 16 characters, and other users must not
+// have access to the file.
 [[nodiscard]] std::optional<Failure> read_token(const std::string& path, std::string& token);
 
 // Replaces the special characters of HTML by references, for use in elements and quoted attributes.
