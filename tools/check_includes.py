@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
-"""Checks who includes whom. Prints every include line that points the wrong way and exits 1 if there is one.
+"""Checks which files include which. Prints every forbidden include line and exits with 1 if there is one.
 
-The matrix below is the whole rule: for a file, the first pattern that matches it lists the patterns of what it may
-include. Only includes of our own, in quotes or of the control library, are looked at.
+The matrix below is the whole rule: for each file, the first matching pattern lists the patterns of files it may
+include. Only the project's own includes are checked: those in quotes and of the control library.
 """
 import fnmatch
 import pathlib
@@ -31,19 +31,19 @@ RULES = [
     *[(header[:-2] + ".*", RELAY_VALUES + MODEL + ["base/*"] + LEAVES) for header in RELAY_VALUES],
     ("relay/stream_metadata.h", ["amf/amf_value.h", "relay/stream_format.h", "rtmp/rtmp_packet.h"]),
     ("app/random_number.h", []),
-    # The connection knows the values that it holds, and nobody who works on it.
+    # The connection depends on the values it holds, but not on the code that works on it.
     ("core/connection.h", ["base/*", "core/connection_mutex.h", "relay/media_track.h", "relay/player_timebase.h",
                            "relay/stream_format.h", "relay/stream_metadata.h", "rtmp/read_ahead.h"] + MODEL),
-    # Those who work on it.
+    # Code that works on it.
     ("rtmp/*", ["rtmp/*", "base/*", "core/connection.h"] + LEAVES),
     ("relay/*", ["relay/*", "rtmp/packet_queues.h", "base/*"] + MODEL + TABLE + LEAVES),
     ("app/*", ["app/*", "amf/*", "relay/*", "base/*", "core/heap.h"] + MODEL + TABLE + LEAVES),
     ("control/*", ["control/*", "comm_socket_v4.h", "base/*", "core/quit_signals.h"] + TABLE + LEAVES),
-    # The two that know everything.
+    # The two folders that may include everything.
     ("core/main.cpp", ["*"]),
     ("core/main_loop.cpp", ["*"]),
     ("core/*", ["core/*", "base/*", "relay/stream_registry.h", "rtmp/session_threads.h"]),
-    # Beside the daemon.
+    # Outside the daemon.
     ("tools/*", ["tools/*", "comm_socket_v4.h"]),
     ("bench/micro/*", ["bench/micro/*", "tests/support/*", "amf/*", "rtmp/*", "relay/*"] + TABLE + LEAVES),
     ("bench/*", ["bench/*", "tests/support/*"]),
