@@ -23,7 +23,7 @@ struct ProcessCosts {
 
 std::size_t resident_kib(pid_t pid);
 
-// The CPU time of the thread that used the most between the two.
+// Returns the CPU time of the thread that used the most between before and after.
 std::uint64_t busiest_thread_ns(const ProcessCosts& before, const ProcessCosts& after);
 
 struct MachineCosts {

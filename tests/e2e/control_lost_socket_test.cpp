@@ -265,7 +265,7 @@ TEST(control_socket, requests_that_wait_at_the_end_are_not_answered_and_the_end_
     ControlPeer peer;
     EXPECT_EQ(peer.ask("hello").message, "How are you?");
     const LineMark mark = server.mark();
-    // More than one poll handles, and with a visible effect if they were carried out.
+    // More requests than one poll handles. Their effect would be visible if they were carried out.
     send_while_paused(server, peer, control_request(1, "foo") + hellos(200));
     server.send_signal(SIGTERM);
     server.resume();

@@ -108,7 +108,7 @@ class ctl_watch_test : public testing::Test {
     static void expect_left_in_order(TerminalProgram& watch) {
         EXPECT_EQ(watch.wait_for_exit(), (ProgramEnd{0, 0}));
         EXPECT_EQ(watch.damage(), "");
-        // The alternate screen was left and entered again.
+        // The terminal's own screen was replaced and restored.
         EXPECT_THAT(watch.raw_text(), HasSubstr("\x1b[?1049h"));
         EXPECT_THAT(watch.raw_text(), HasSubstr("\x1b[?25h"));
         EXPECT_THAT(watch.raw_text(), HasSubstr("\x1b[?1049l"));

@@ -19,7 +19,7 @@ constexpr std::size_t CLIENTS_AT_A_TIME = 10;
 // A sanitizer keeps freed memory for a while, and reports leaks at exit.
 constexpr std::size_t ALLOWED_GROWTH_KIB = (TIME_SCALE > 1 ? 300 : 12) * 1024;
 
-// One visit of each kind; number makes its stream name its own.
+// One visit of each kind; number makes its stream name unique.
 const std::vector<std::function<void(std::size_t number)>> VISITS = {
     [](std::size_t) { RtmpClient().close(); },
     [](std::size_t) { RtmpClient().close_with_reset(); },

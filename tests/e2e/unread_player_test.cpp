@@ -85,7 +85,7 @@ class ReadStream {
         send(messages);
         const std::size_t stream_kib = messages * message_bytes / 1024;
         EXPECT_GT(server.rss_kib(), before_kib + stream_kib / 2) << "this test needs queues that grow";
-        if (TIME_SCALE == 1) {  // A sanitizer uses memory of its own.
+        if (TIME_SCALE == 1) {  // A sanitizer uses extra memory.
             EXPECT_LT(server.rss_kib(),
                       before_kib + stream_kib * 13 / 10 + messages * stuck.size() * 100 / 1024);
         }

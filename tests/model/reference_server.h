@@ -94,7 +94,7 @@ struct Connection {
     std::uint32_t first_timestamp = 0;
     std::uint64_t stalls_at_us = 0;
 
-    // publisher: the format it announced; player: the format it was told
+    // publisher: the format it announced; player: the format it received
     std::int32_t width = -1, height = -1;
     std::array<std::uint32_t, TRACKS> codec_id{};
     Metadata metadata;

@@ -66,9 +66,10 @@ class ServerProcess {
     ServerProcess(const ServerProcess&) = delete;
     ServerProcess& operator=(const ServerProcess&) = delete;
 
-    // ---- what it prints (server_output.cpp) Both contain everything the server had written before the call,
-    // except on standard error while its draining is paused. So after a reply has arrived, the lines printed
-    // before it are there.
+    // ---- what it prints (server_output.cpp)
+    //
+    // Both contain everything the server had written before the call, except on standard error while its
+    // draining is paused. So after a reply has arrived, the lines printed before it are there.
     const CapturedOutput& err() const;
     const CapturedOutput& out() const;
 

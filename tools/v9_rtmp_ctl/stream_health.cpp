@@ -41,8 +41,8 @@ bool is_relayed_publisher(const ClientRecord& record) {
 }
 
 // Returns how far the client is behind the foremost player. 0 if it keeps up with the relayed publisher,
-// because the foremost may only have smaller chunks; if the relayed publisher is not known, any one counts.
-// Also 0 if there is no other player to compare with.
+// because the foremost may only have smaller chunks; if that is not known, with any publisher. Also 0 if
+// there is no other player to compare with.
 std::uint64_t behind_us(const ConnectionHistory& history, const ClientRecord& client) {
     std::uint64_t behind = 0;
     const bool relayed_is_known =

@@ -30,13 +30,12 @@ class StreamSeries {
     static constexpr std::uint64_t MIN_BYTES = 65536;
     static constexpr std::uint64_t KEEP_US = 3600000000;
 
-    // Call before take_in(), optionally. What the streams have carried so far then counts for rules 2 and 3,
-    // but in no counter.
+    // Optional; call before take_in(). Then earlier bytes count for rules 2 and 3, but in no counter.
     void begin(const ConnectionHistory& history) { last = history.streams(); }
 
     void take_in(const ConnectionHistory& history);
 
-    // By label of the name.
+    // By the name's label.
     [[nodiscard]] const std::map<std::string, StreamTotals>& listed() const { return series; }
     [[nodiscard]] const StreamTotals& other() const { return rest; }
 

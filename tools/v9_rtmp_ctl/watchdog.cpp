@@ -107,7 +107,7 @@ class Watchdog {
           state(all_options.state_directory),
           trouble(all_settings.quiet) {}
 
-    // A dry run saves nothing, so it can run beside the service's watchdog.
+    // A dry run saves nothing, so it can run alongside the service's watchdog.
     [[nodiscard]] std::optional<Failure> start() {
         if (!options.dry_run) {
             if (std::optional<Failure> failure = state.lock_for_writing()) {
