@@ -205,8 +205,8 @@ class ffmpeg_peers_test : public testing::Test {
         ASSERT_GT(units_of("source", AUDIO).size(), 150U);
     }
 
-    // Writes one list for each kind: in a common list the last access unit of one kind would wait for the
-    // next of the other.
+    // Returns arguments that write one list for each kind: in a common list the last access unit of one kind
+    // would wait for the next of the other.
     std::vector<std::string> list_arguments(const std::string& input, const std::string& name) const {
         std::vector<std::string> result = {"-i", input};
         for (const std::string& kind : KINDS) {

@@ -61,7 +61,7 @@ const std::vector<VisitPoint>& visit_points();
 
 struct VisitEnd {
     const char* name;
-    // Not for held media, which keeps the connection after the client closes.
+    // Not usable with held media, which keeps the connection after the client closes.
     bool needs_free_media;
     // Drops by a slot number, which another client may have by then.
     bool may_hit_others;

@@ -66,7 +66,7 @@ std::optional<Failure> parse_with_file(const std::vector<std::string>& words, Co
     if (failure) {
         failure->message = "in " + escape_untrusted(path) + ": " + failure->message;
     }
-    // A list collects the words of both; those of the line replace those of the file.
+    // A list would collect the words of both; those of the line must replace those of the file.
     if (!publish_from.empty()) {
         line.watchdog.limits.publish_from = publish_from;
     }

@@ -26,7 +26,7 @@
 
 struct HistoryTimes {
     std::uint64_t longest_gap_us = 5000000;
-    std::uint64_t settle_us = 5000000;   // how long after choosing a stream a client is compared
+    std::uint64_t settle_us = 5000000;   // from choosing a stream until a client is compared
     std::uint64_t window_us = 60000000;  // how far back counter values are kept
 };
 
@@ -51,8 +51,8 @@ struct ClientRecord {
     CounterHistory sent;
     CounterHistory received;
 
-    // For publishers only: the server relays this one. That is the only publisher of a name, until it has
-    // sent nothing for 2.5 s and another one sends. Also false if listings are too far apart to know.
+    // For publishers only: the server relays this one. A name's only publisher is relayed until it has sent
+    // nothing for 2.5 s and another one sends. Also false if listings are too far apart to know.
     bool is_relayed = false;
     std::uint64_t quiet_since_us = 0;  // monotonic; possibly silent since then
 
@@ -120,7 +120,7 @@ class ConnectionHistory {
     std::uint64_t last_settled = 0;
 };
 
-// Null when no client has this slot.
+// Returns null if no client has this slot.
 [[nodiscard]] const ClientRecord* find_client(const std::vector<ClientRecord>& records, unsigned id);
 
 // Returns the counter that grows with media: bytes received for a publisher, bytes sent for any other client.

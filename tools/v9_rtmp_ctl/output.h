@@ -1,4 +1,4 @@
-// The properties of standard output.
+// Standard output: its destination and what it can show.
 #pragma once
 
 #include <cstddef>

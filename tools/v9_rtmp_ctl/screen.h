@@ -39,8 +39,8 @@ class Screen {
     // Appends the typed bytes. False if the terminal is gone.
     [[nodiscard]] static bool read_keys(std::string& bytes);
 
-    // Writes until the text is out, the terminal takes no more, or a signal arrives; the caller reads the
-    // signals and repaints. False if the terminal is gone.
+    // Writes until all bytes are written or a signal arrives; the caller then reads the signals and repaints.
+    // False if the terminal is gone.
     [[nodiscard]] bool write(std::string_view bytes) const;
 
     // Whether another job has the terminal although this process was not asked to give it back.
