@@ -1,4 +1,4 @@
-"""What scripts/bench measures: the cases of each round, the cases that are measured once, and the limits."""
+"""The measurements of scripts/bench: the cases of each round, the cases measured once, and the limits."""
 import dataclasses
 import statistics
 
@@ -8,10 +8,10 @@ MOST_FLOOR_S_PER_GB = 1.5
 KIB = 1024
 STUCK_SECONDS = 60
 STUCK_PLAYERS = 100
-# What a message that waits for a stuck player may take beside its bytes.
+# The memory that a message queued for a stuck player may take in addition to its bytes.
 STUCK_BYTES_PER_MESSAGE = 100
 STUCK_SHARE = 1.3
-# What the process may have touched for the first time.
+# Memory that the process may use for the first time.
 STUCK_LEFT_KIB = 2048
 
 
@@ -20,12 +20,12 @@ class Case:
     name: str
     arguments: tuple[str, ...]
     mode: str = "relay"
-    # In units of the run's --seconds, or in seconds when it is given.
+    # In units of the run's --seconds, or in seconds if given.
     seconds: float | None = None
 
     @property
     def stands_in(self):
-        """Whether something else than a server is measured."""
+        """Whether something other than a server is measured."""
         return self.mode in ("floor", "sleepers")
 
 
@@ -50,8 +50,8 @@ EACH_ROUND = [
 
 SWEEP_PLAYERS = (1, 30, 90, 127)
 SWEEP_CHUNKS = (512, 1024, 4096, 65536)
-# Many small messages. The main thread's time for one more is that of the larger case minus that of the smaller one, so that
-# what it needs at rest does not count.
+# Many small messages. The main thread's time for one more is the difference between the larger and the smaller case, so
+# its time at rest is not counted.
 MAIN_PLAYERS = (1, 60, 127)
 MAIN_STREAMS = (1, 20, 60)
 ONCE = [
@@ -66,7 +66,7 @@ ONCE = [
     case("stuck_100", f"--players 20 --stuck {STUCK_PLAYERS}", seconds=STUCK_SECONDS),
 ]
 
-# To see that everything works: few clients, and one of each kind of case.
+# To check that everything works: few clients, and one case of each kind.
 SMOKE_OPTIONS = {"--players": 5, "--publishers": 3, "--stuck": 2}
 SMOKE_ONCE = [one for one in ONCE if one.name in ("chunk_4096", "main_players_127", "main_streams_60", "stuck_none",
                                                   "stuck_100")]
@@ -85,7 +85,7 @@ class Figure:
 
 
 class Results:
-    """The reports of one build by case, and of what stands in for a server."""
+    """The reports of one build and of the stand-ins for a server, by case."""
 
     def __init__(self, reports):
         self.reports = reports
@@ -100,12 +100,12 @@ class Results:
         return found
 
     def median(self, name, *path):
-        """None when the case was not measured."""
+        """Returns None if the case was not measured."""
         values = self.values(name, *path)
         return statistics.median(values) if values else None
 
     def ratio(self, name, other, *path):
-        """The median of the ratios of each round."""
+        """Returns the median of the ratios of each round."""
         pairs = list(zip(self.values(name, *path), self.values(other, *path)))
         return statistics.median(a / b for a, b in pairs) if pairs else None
 
@@ -113,7 +113,7 @@ class Results:
         return self.median(name, "cpu_s_per_gb")
 
     def main_us(self, less, more):
-        """The main thread's time for each message and player that the second case has more than the first."""
+        """Returns the main thread's time for each additional message and player of the second case."""
         def rate(name, *path):
             value, seconds = self.median(name, *path), self.median(name, "seconds")
             return None if value is None else value / seconds
@@ -133,7 +133,7 @@ class Results:
                 for text in report["failures"]]
 
     def stuck_memory(self):
-        """What the stuck players cost, as a share of what they may, and what is left of it in KiB."""
+        """Returns the cost of the stuck players as a share of its limit, and the KiB still in use afterwards."""
         report = (self.reports.get("stuck_100") or [{}])[0]
         stuck = report.get("stuck")
         if not stuck:
@@ -148,13 +148,13 @@ class Results:
         return None if quiet is None or stuck is None else abs(stuck - quiet)
 
     def growth(self, name, steps):
-        """How much dearer one more is between the last two steps than between the first two."""
+        """Returns the ratio of the cost of one more between the last two steps to that between the first two."""
         first, last = (self.main_us(f"{name}_{less}", f"{name}_{more}") for less, more in zip(steps, steps[1:]))
         return None if first is None or last is None or first <= 0 else last / first
 
 
 def figures_of(results):
-    """The table: every figure that could be measured."""
+    """Returns the table of all figures that could be measured."""
     ratio, median = results.ratio, results.median
     memory_share, memory_left = results.stuck_memory()
     rows = [

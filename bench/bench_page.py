@@ -41,7 +41,7 @@ def measured(document, build):
 
 
 def figures_table(document):
-    """One column of values for each build."""
+    """Returns one column of values for each build."""
     columns = {build: {figure.name: figure for figure in bench_cases.figures_of(measured(document, build))}
                for build in document["builds"]}
     rows = []
@@ -76,7 +76,7 @@ def cases_table(document):
 
 
 def points(results, prefix, suffix, value):
-    """Pairs of the number in the name of a case and the value of it."""
+    """Returns pairs of the number in a case's name and its value."""
     found = {}
     for name in results.reports:
         middle = name[len(prefix):len(name) - len(suffix)]
@@ -103,7 +103,7 @@ def draw_cost(document, axes):
 
 
 def theoretical_density(ms):
-    """Of the sum of two even distributions: the main loop's poll and the writer's."""
+    """The distribution of the sum of two uniform delays: the main loop's poll and the writer's."""
     ramp_up, ramp_down = ms / MAIN_POLL_MS, (MAIN_POLL_MS + WRITER_POLL_MS - ms) / MAIN_POLL_MS
     return max(0.0, min(1.0, ramp_up, ramp_down)) / WRITER_POLL_MS
 
@@ -114,7 +114,7 @@ def draw_lateness(document, axes):
         counts = {}
         for report in reports:
             for end_ms, count in report["lateness"]["histogram"]:
-                # The middle of the millisecond that the half millisecond before end_ms is in.
+                # The middle of the millisecond that contains the half millisecond before end_ms.
                 middle = int(end_ms - 0.25) + 0.5
                 counts[middle] = counts.get(middle, 0) + count
         frames = max(sum(counts.values()), 1)
@@ -157,11 +157,11 @@ PLOTS = {"cost_over_players": ("What a GB costs, over players", draw_cost, "play
 
 
 def draw(document, out_dir):
-    """The names of the plots; none without matplotlib."""
+    """Returns the names of the plots; none without matplotlib."""
     try:
         import matplotlib
         matplotlib.use("Agg")
-        # The same results give the same file.
+        # Identical results give an identical file.
         matplotlib.rcParams["svg.hashsalt"] = "bench"
         from matplotlib import pyplot
     except ImportError:

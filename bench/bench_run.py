@@ -17,12 +17,12 @@ import bench_page  # noqa: E402
 
 CASE_TIMEOUT_S = 240
 SHOWN_STDERR = 500
-# What a case takes beside what it measures: clients join, warm up and leave.
+# The time of a case in addition to the measurement: clients join, warm up and leave.
 SECONDS_AROUND = 2.5
 SECONDS_AFTER_STUCK = 12
 WARM_UP = "0.5"
 SMOKE_SECONDS = 0.5
-# Distributions of lateness are drawn for this case alone; in the others they would only make the file large.
+# Distributions of lateness are plotted only for this case; in others they would only enlarge the file.
 DRAWN_CASE = "players_120x4"
 
 
@@ -64,7 +64,7 @@ def commit():
 
 
 class Run:
-    """All measurements of one call of scripts/bench."""
+    """All measurements of one run of scripts/bench."""
 
     def __init__(self, options):
         self.options = options
@@ -77,14 +77,14 @@ class Run:
         self.spent = 0.0
 
     def plan(self):
-        """Round, case and build of each measurement, in the order in which they are measured."""
+        """The round, case and build of each measurement, in order."""
         def wanted(case):
             return not self.options.only or any(case.name.startswith(name) for name in self.options.only)
 
         def with_builds(number, case):
             if case.stands_in:
                 return [(number, case, None)]
-            # In turns: the one that is first in this round is last in the next.
+            # In turns: the first of this round is the last of the next.
             names = list(self.builds)[::1 if number % 2 else -1]
             return [(number, case, name) for name in names]
 
@@ -169,7 +169,7 @@ class Run:
 
 
 def judge(run):
-    """Whether the run counts; says what is wrong with it."""
+    """Returns whether the run is valid; prints what is wrong with it."""
     valid = True
     floor = run.results().cost("floor_120x4")
     if floor is not None:

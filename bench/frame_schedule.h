@@ -1,5 +1,5 @@
-// The frames of one stream: when each is due, and what it is. Pictures come at a steady rate with a key frame
-// at regular distances; AAC-like audio comes 43 times a second.
+// The schedule of one stream's frames: their times and kinds. Video frames come at a steady rate with a key
+// frame at regular intervals. AAC-like audio frames come 43 times a second.
 #pragma once
 
 #include <cstddef>
@@ -12,7 +12,7 @@ struct StreamShape {
     unsigned frames_per_second = 30;
     std::size_t mean_frame_bytes = 16666;
     unsigned frames_per_key_frame = 60;
-    // The size of a key frame in means. The other frames shrink, so that the mean stays.
+    // The size of a key frame as a multiple of the mean. The other frames shrink to keep the mean.
     double key_frame_in_means = 1;
     // 0 for a stream without audio.
     unsigned audio_kbit_per_second = 128;
@@ -20,7 +20,7 @@ struct StreamShape {
     void set_video_kbit(unsigned kbit_per_second);
     unsigned video_kbit() const;
     std::size_t largest_frame_bytes() const;
-    // From one key frame to the next.
+    // The time from one key frame to the next.
     unsigned key_interval_ms() const { return 1000 * frames_per_key_frame / frames_per_second; }
 };
 
@@ -34,7 +34,7 @@ struct Frame {
 class FrameSchedule {
   public:
     explicit FrameSchedule(const StreamShape& stream_shape);
-    // Frames in the order in which they are due; of two at once the audio is first.
+    // Returns frames in the order in which they are due. Audio precedes video of the same time.
     Frame next();
 
   private:

@@ -1,4 +1,4 @@
-// What happened during a run: how often each client did its part, and what failed. Any thread may call it.
+// A record of a run: how often each client did its part, and the failures. May be used by any thread.
 #pragma once
 
 #include <cstdint>
@@ -11,9 +11,9 @@
 class Journal {
   public:
     void count(const std::string& what);
-    // Only the first failures are kept as text; all are counted.
+    // Counts all failures; keeps the text of the first ones only.
     void fail(const std::string& what);
-    // Runs the step of an actor; a failure in it is kept under the actor's name.
+    // Runs a step of an actor. A failure is recorded under the actor's name.
     bool attempt(const std::string& who, const std::function<void()>& step);
 
     std::map<std::string, std::uint64_t> counts() const;

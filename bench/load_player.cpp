@@ -12,15 +12,15 @@
 
 namespace {
 
-// Basic header of one byte and an 11-byte message header: the only form in which a message of a server begins
-// when its chunk stream id is below 64, as those of the load's publishers are.
+// A basic header of one byte and an 11-byte message header. A server's message always begins in this form if
+// its chunk stream id is below 64, as for the publishers here.
 constexpr std::size_t FIRST_HEADER_BYTES = 12;
 constexpr std::size_t EXTENDED_TIMESTAMP_BYTES = 4;
 constexpr std::size_t TIMESTAMP_OFFSET = 1;
 constexpr std::size_t LENGTH_OFFSET = 4;
 constexpr std::size_t TYPE_OFFSET = 7;
 constexpr int CONTINUATION_BITS = 0xC0;
-// A frame that is further out of its place counts as doubled.
+// A frame further out of place counts as a duplicate.
 constexpr std::uint32_t RECENT_FRAMES = 64;
 
 }  // namespace
@@ -176,7 +176,7 @@ void LoadPlayer::check_place(const FrameStamp& stamp, FrameTally& tally) {
     timestamp_shift = shift;
 }
 
-// A frame that is so many places before the last one.
+// Handles a frame this many places before the last one.
 void LoadPlayer::check_earlier(std::uint32_t places, FrameTally& tally) {
     const std::uint64_t bit = places < RECENT_FRAMES ? 1ULL << places : 0;
     if (bit == 0 || (recent & bit) != 0) {

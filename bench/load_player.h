@@ -1,6 +1,6 @@
-// A player of a load generator: cheap enough for a hundred of them on one thread, strict enough that nothing
-// which is lost, damaged or out of its place goes unnoticed. It takes chunks apart as they come and keeps no
-// more of a message than is needed to check it.
+// A player of a load generator. A hundred of them can run on one thread, and each detects every lost, damaged
+// or misplaced frame. It parses chunks as they arrive and keeps only as much of a message as it needs to
+// check it.
 #pragma once
 
 #include <cstddef>
@@ -14,19 +14,18 @@
 #include "bench/stamped_media.h"
 #include "tests/support/rtmp_client.h"
 
-// What players have received, and which mistakes they have found in it.
+// What players have received, and the errors they have found.
 struct FrameTally {
     std::uint64_t bytes = 0;
     std::uint64_t frames = 0;
-    // Frames of gaps that have not come. Below zero in a tally that begins between a gap and the frame that
-    // fills it.
+    // Frames missing in gaps. Negative in a tally that begins between a gap and the frame that fills it.
     std::int64_t lost = 0;
     std::uint64_t doubled = 0;
-    std::uint64_t swapped = 0;  // came after a later frame of the stream
+    std::uint64_t swapped = 0;  // arrived after a later frame of the stream
     // Wrong bytes, timestamp or chunk header, or a frame before its decoder settings.
     std::uint64_t damaged = 0;
     Lateness lateness;
-    // From the beginning of each player's connection to its first video frame.
+    // From the start of each player's connection to its first video frame.
     Lateness first_pictures;
 
     std::uint64_t faults() const { return doubled + swapped + damaged; }
@@ -37,19 +36,18 @@ enum class Measure { LATENESS, LOSS_ONLY };
 
 class LoadPlayer {
   public:
-    // Asks for the chunk size, unless it is the one to begin with, and for the stream; reads nothing yet.
-    // Everything that the client gets is read by this class. begun_us, by now_us(), is when the client began
-    // to connect.
+    // Requests the chunk size, unless it is the default, and the stream; reads nothing yet. Only this class
+    // reads from the client. begun_us is when the client began to connect, by now_us().
     LoadPlayer(RtmpClient handshaken_client, std::string_view stream_name, std::uint32_t chunk_bytes,
                std::uint64_t begun_us = now_us());
 
     int fd() const { return client.descriptor(); }
     // connect, createStream and play have been answered.
     bool is_playing() const { return replies >= 3; }
-    // The number of the next frame; nothing before the first, which may be any of the stream.
+    // The number of the next frame. Empty before the first, which may be any frame of the stream.
     std::optional<std::uint32_t> next_frame() const { return next_sequence; }
 
-    // Takes what is there, without waiting; false when the server has closed the connection.
+    // Reads available bytes without waiting. False if the server has closed the connection.
     [[nodiscard]] bool receive(std::vector<char>& buffer, FrameTally& tally,
                                Measure measure = Measure::LATENESS);
     void close_with_reset() { client.close_with_reset(); }
@@ -71,10 +69,9 @@ class LoadPlayer {
     std::uint32_t wanted_chunk;
     int replies = 0;
 
-    // Of the message that is being read. A header is complete, and a chunk's payload awaited, when nothing of
-    // the header is missing.
-    std::string header;        // of its first chunk
-    std::string continuation;  // of a later one
+    // The current message. If header_missing is 0, the header is complete and a chunk's payload follows.
+    std::string header;        // of the first chunk
+    std::string continuation;  // of a later chunk
     std::size_t header_missing;
     std::string payload;
     std::size_t payload_done = 0;
@@ -86,10 +83,10 @@ class LoadPlayer {
     bool had_picture = false;
     std::uint64_t begun;
     std::optional<std::uint32_t> next_sequence;
-    // Bit i: frame next_sequence - 1 - i has come. Frames before the first count as having come.
+    // Bit i: frame next_sequence - 1 - i has arrived. Frames before the first count as arrived.
     std::uint64_t recent = ~0ULL;
-    // Damaged frames since the last whole one: they are in the gap before the next.
+    // Damaged frames since the last intact one. They belong to the gap before the next one.
     std::uint32_t unplaced = 0;
-    // The player's timestamps minus the publisher's: one number for as long as it plays.
+    // The player's timestamps minus the publisher's. Constant while it plays.
     std::optional<std::uint32_t> timestamp_shift;
 };

@@ -7,9 +7,9 @@
 
 namespace {
 
-// The server takes 0 for a clock that has not begun.
+// The server treats 0 as a clock that has not started.
 constexpr std::uint32_t FIRST_TIMESTAMP_MS = 1;
-// Only the publishers' thread raises it; a reader that takes it in between gets one of the two.
+// Only the publishers' thread raises it. A concurrent reader gets the old or the new value.
 void raise(std::atomic<std::uint64_t>& worst_us, SteadyClock::duration duration) {
     const auto us = std::chrono::duration_cast<std::chrono::microseconds>(duration).count();
     if (us > 0 && static_cast<std::uint64_t>(us) > worst_us) {
@@ -46,9 +46,9 @@ Publishers::Publishers(const PublisherOptions& publisher_options, Receiver& rece
     for (std::size_t i = 0; i < options.count; ++i) {
         streams.push_back(std::make_unique<Stream>(i, options));
     }
-    // Asked for all at once, since the server takes its time for each answer.
+    // All are requested at once, because each reply takes a while.
     for (std::size_t i = 0; i < options.count; ++i) {
-        // The echo of the chunk size may come first.
+        // The echo of the chunk size may arrive first.
         for (int answers = 0; answers < 2;) {
             answers += streams[i]->client.read_message().type == MSG_COMMAND ? 1 : 0;
         }

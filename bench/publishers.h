@@ -20,18 +20,18 @@ std::string stream_name(std::size_t stream_idx);
 struct PublisherOptions {
     std::size_t count = 1;
     StreamShape shape = {};
-    // The chunk sizes that publishers send with, given out in turn.
+    // The chunk sizes of the publishers, assigned in turn.
     std::vector<std::uint32_t> chunk_sizes = {DEFAULT_CHUNK_SIZE};
-    // The start of each stream is this long after the start of the one before.
+    // Each stream starts this long after the previous one.
     Milliseconds between_streams{0};
-    // Every skip_frame-th frame is numbered but not sent: a proof that the rest notices; 0 for none.
+    // Every skip_frame-th frame is numbered but not sent, to prove that losses are detected. 0: none.
     std::uint32_t skip_frame = 0;
     ClientOptions client = {};
 };
 
 class Publishers {
   public:
-    // Connects them all, then sends until stop().
+    // Connects all publishers, then sends until stop().
     Publishers(const PublisherOptions& publisher_options, Receiver& receiver, Journal& failures);
     ~Publishers() { stop(); }
     Publishers(const Publishers&) = delete;
@@ -39,12 +39,11 @@ class Publishers {
 
     void stop();
     bool have_failed() const { return failed; }
-    // Frames of each stream so far.
+    // The frames of each stream sent so far.
     std::vector<std::uint32_t> sent() const;
-    // By how much the machine woke this thread up too late since the last call, at worst: its own share of
-    // what makes frames late.
+    // The longest delay in waking this thread since the last call: the machine's own share of the lateness.
     double take_worst_oversleep_ms();
-    // How long after its time a frame was sent since the last call, at worst.
+    // The longest delay of sending a frame since the last call.
     double take_worst_delay_ms();
 
   private:

@@ -33,7 +33,7 @@ void Receiver::stop() {
     }
 }
 
-// Under the mutex.
+// Call with the mutex held.
 Receiver::Id Receiver::watch(int fd) {
     epoll_event event{};
     event.events = EPOLLIN;
@@ -113,7 +113,7 @@ void Receiver::run() {
     }
 }
 
-// Who is in neither map has gone since the event came.
+// A client in neither map has gone since the event.
 void Receiver::serve(Id id) {
     if (const auto player = players.find(id); player != players.end()) {
         serve_player(id, player->second);

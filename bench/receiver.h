@@ -1,5 +1,5 @@
-// One thread that reads for everybody: the players, whose frames it checks, and the publishers, whose answers
-// it throws away, since a client that never reads is another test. The rest may be called from any thread.
+// One thread that reads for all clients. It checks the frames of players. It discards the replies to
+// publishers, because a client that never reads is another test. Its functions may be called from any thread.
 #pragma once
 
 #include <atomic>
@@ -21,25 +21,24 @@ class Receiver {
 
     explicit Receiver(Journal& failures);
     ~Receiver();
-    // Nobody is read from any more.
+    // Stops reading.
     void stop();
     Receiver(const Receiver&) = delete;
     Receiver& operator=(const Receiver&) = delete;
 
     // The server must not close this player's connection.
     Id add(LoadPlayer player, std::size_t stream_idx, Measure measure = Measure::LATENESS);
-    // Closes the player's connection; the number of the frame that it would have received next, if it
-    // has any.
+    // Closes the player's connection. Returns the number of the frame it would have received next, if known.
     std::optional<std::uint32_t> remove(Id id, Leave leave = Leave::CLOSE);
     // The descriptor must stay open as long as this object, and the server must not close it.
     void drain(int fd, const std::string& whose);
 
     std::size_t player_count() const;
-    // What the players have received since the last call.
+    // Returns what the players have received since the last call.
     FrameTally take_tally();
-    // How many players have received nothing yet.
+    // Returns how many players have received nothing yet.
     std::size_t waiting() const;
-    // Frames that players have still to get, when so many of each stream have been sent.
+    // Returns how many frames players have yet to receive. sent is the number of frames sent per stream.
     std::uint64_t missing(const std::vector<std::uint32_t>& sent) const;
 
   private:

@@ -1,5 +1,5 @@
-// Loads the real server, in namespaces of its own, or one that runs already, checks every frame that arrives
-// and reports what it cost. See --help and bench/README.md.
+// Loads the real server in its own namespaces, or one that is already running. Checks every frame that
+// arrives and reports the costs. See --help and bench/README.md.
 #include <cstdio>
 #include <exception>
 #include <fstream>

@@ -38,20 +38,20 @@ class Watchdog(Process):
         super().__init__(program("v9_rtmp_ctl"), "--json", "watchdog", "--state", str(directory), *options)
 
     def drops(self):
-        """What it has dropped, and what it says beside that."""
+        """Returns what it has dropped, and its other lines."""
         lines = self.output().splitlines()
         events = [json.loads(line) for line in lines if line.startswith("{")]
         return events, [line for line in lines if not line.startswith("{")]
 
 
 def address_of(process):
-    """The local address of the one connection of a program; nothing while it has none."""
+    """Returns the local address of a program's only connection; None while it has none."""
     table = subprocess.run(["ss", "-Htnp", "state", "established"], capture_output=True, text=True, check=True).stdout
     return next((line.split()[2] for line in table.splitlines() if f"pid={process.popen.pid}," in line), None)
 
 
 class Offenders(threading.Thread):
-    """Clients that have to be dropped. tried and dropped hold their addresses."""
+    """Clients that must be dropped. tried and dropped hold their addresses."""
 
     def __init__(self, watchdog, has_players):
         super().__init__()
@@ -66,7 +66,7 @@ class Offenders(threading.Thread):
                 self.ways[turn % len(self.ways)]()
                 turn += 1
                 stopped.wait(BETWEEN_CLIENTS_S)
-        except Exception as error:  # A thread's exception ends no program.
+        except Exception as error:  # An exception in a thread does not end the program.
             self.problem = repr(error)
 
     def wait_for_drop(self, address):
@@ -97,7 +97,7 @@ class Offenders(threading.Thread):
 
 
 def sample(file, begin, programs, before):
-    """Adds a line about each program; before holds its processor time at the last call."""
+    """Adds a line about each program; before holds its CPU time at the last call."""
     values = [f"{time.monotonic() - begin:.1f}"]
     for process in programs:
         now, cpu = time.monotonic(), process.cpu_s()

@@ -1,7 +1,7 @@
-// A long and busy day of the real server, in namespaces of its own: publishers and players whose every frame
-// is checked, and beside them clients that come and go, stall, take over, are dropped and send garbage.
-// Writes what it measures once a second to DIR/samples.csv, what is known at the end to DIR/totals.json and
-// the server's messages to DIR/server.log; soak_report.py judges them. scripts/soak does all of it.
+// A long, busy run of the real server in its own namespaces. Publishers and players check every frame, while
+// other clients come and go, stall, take over, are dropped and send garbage. Measurements go to
+// DIR/samples.csv once a second, totals to DIR/totals.json at the end, and the server's messages to
+// DIR/server.log. soak_report.py judges them. scripts/soak runs all of it.
 #include <CLI/CLI.hpp>
 #include <csignal>
 #include <cstdio>
@@ -31,12 +31,12 @@ constexpr Milliseconds SETTLE_WAIT{30000};
 constexpr Milliseconds SETTLE_POLL{20};
 constexpr Milliseconds THREAD_COUNT_DELAY{500};
 constexpr Milliseconds STOP_WAIT{60000};
-// One after the other: their large pictures do not come all at once.
+// Staggers the streams, so their key frames do not coincide.
 constexpr Milliseconds BETWEEN_STREAMS{261};
 constexpr double KEY_FRAME_IN_MEANS = 7;
 constexpr std::uint32_t LARGE_CHUNK_BYTES = 4096;
 constexpr unsigned WORTH_THE_WAIT_SECONDS = 60;
-// Of all players, who come and go: one in five.
+// One player in five comes and goes.
 constexpr unsigned PLAYERS_PER_VISITOR = 5;
 
 struct Soak {
@@ -62,18 +62,18 @@ void request_end(int /*signal*/) {
     end_requested = 1;
 }
 
-// Waits for what must come soon; false when it does not.
+// Waits for a condition that must hold soon. False if it does not.
 template <typename Condition>
 bool settles(Condition condition) {
     return holds_within(SETTLE_WAIT, condition, SETTLE_POLL);
 }
 
-// What the server holds when one client has come and gone: some of it is created with the first, such as the
-// thread that a sanitizer has of its own.
+// Returns what the server holds after one client has come and gone. Some of it is created with the first
+// client, such as a sanitizer's own thread.
 Holdings holdings_at_rest(const ServerProcess& server) {
     const std::size_t descriptors = server.fd_count();
     (void)connected_client().round_trip();
-    // The descriptor is closed last; the kernel may count the threads for a moment longer.
+    // The descriptor is closed last. The kernel may still count the threads for a moment.
     if (!settles([&] { return server.fd_count() == descriptors; })) {
         throw TestFailure("the server does not come to rest after its first client");
     }
@@ -113,12 +113,12 @@ class SoakRun {
         for (const auto& actor : actors) {
             actor->stop();
         }
-        // A player begins with a key frame; the last that joined may still wait for theirs.
+        // A player begins with a key frame; the last to join may still wait for theirs.
         settles([&] { return receiver.waiting() == 0; });
         publishers->stop();
     }
 
-    // Everybody leaves; what the server has left then, and whether everything arrived, goes into the report.
+    // Removes all clients. Reports what the server still holds, and whether everything arrived.
     void finish() {
         const std::vector<std::uint32_t> sent = publishers->sent();
         settles([&] { return receiver.missing(sent) == 0; });
@@ -142,7 +142,7 @@ class SoakRun {
         totals["stop_ms"] = server.stop(STOP_WAIT).count();
     }
 
-    // What is known, however far it came.
+    // Writes what is known, even after an early failure.
     void write_totals() {
         totals["start"] = to_json(start);
         totals["seconds"] = static_cast<double>(elapsed_since(begin).count()) / 1000;
@@ -185,7 +185,7 @@ class SoakRun {
         options.count = soak.publishers;
         options.shape.set_video_kbit(soak.kbit_per_second - options.shape.audio_kbit_per_second);
         options.shape.key_frame_in_means = KEY_FRAME_IN_MEANS;
-        // Encoders differ.
+        // Encoders use different chunk sizes.
         options.chunk_sizes = {LARGE_CHUNK_BYTES, DEFAULT_CHUNK_SIZE};
         options.between_streams = BETWEEN_STREAMS;
         options.skip_frame = soak.skip_frame;
@@ -246,7 +246,7 @@ class SoakRun {
     ServerProcess server;
     const Holdings start;
     TimePoint begin = SteadyClock::now();
-    // Reads from the publishers' descriptors, so it goes before them.
+    // Reads from the publishers' descriptors, so it must be destroyed before them.
     std::unique_ptr<Publishers> publishers;
     Receiver receiver;
     Crowd crowd;

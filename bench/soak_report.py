@@ -16,23 +16,23 @@ import re
 import statistics
 import sys
 
-# What may be left when all have left, in what the process had touched before they came.
+# Memory that may still be in use after all clients have left, compared with before they joined.
 MEMORY_LEFT_KIB = 2048
-# The second half of a shorter run says nothing about a slope.
+# The second half of a shorter run is too short to show a slope.
 SLOPE_MIN_SECONDS = 600
 SANITIZER_SIGNS = re.compile(r"ERROR: (Address|Leak|UndefinedBehavior)Sanitizer|(WARNING|FATAL): ThreadSanitizer"
                              r"|: runtime error: |Assertion")
 SHOWN_REPORTS = 10
 PAGE_GROWTH = 1.2
 PAGE_SLACK_KIB = 500
-# Whoever does not do its part proves nothing. A short run has no time for the others.
+# Each client must have done its part, or the run proves nothing. A short run has no time for the others.
 ALWAYS_SEEN = ["joins", "leaves", "stalls", "garbage clients", "lists", "drops by id", "takeovers"]
 SEEN_IN_A_LONG_RUN = ["drops by stream", "stalls with full sockets"]
 
 
 @dataclasses.dataclass
 class Row:
-    """One line of the table. holds is None where a limit is not applied; the limit then says why."""
+    """One line of the table. holds is None if the limit is not applied; limit then says why."""
     figure: str
     value: str
     limit: str
@@ -40,15 +40,15 @@ class Row:
 
 
 def slope_per_minute(samples, value):
-    """Least squares over the second half of the samples."""
+    """Returns the slope by least squares over the second half of the samples."""
     half = samples[-1]["seconds"] / 2
     points = [(s["seconds"] / 60, s[value]) for s in samples if s["seconds"] >= half]
     return statistics.linear_regression(*zip(*points)) if len(points) > 1 else None
 
 
 def judge_memory(samples, limit, column="rss_kib", figure="memory slope"):
-    """What a heap keeps of its worst moment is bounded, however long the run; what leaks is not. So the limit is for the
-    whole second half, and the slope that is allowed the smaller the longer the run."""
+    """A heap keeps a bounded amount after its peak, however long the run; a leak is not bounded. So the limit applies
+    to the whole second half, and the longer the run, the smaller the permitted slope."""
     line = slope_per_minute(samples, column)
     value = f"{line.slope:+.1f} KiB/min" if line else "none"
     if limit is None:
@@ -60,7 +60,7 @@ def judge_memory(samples, limit, column="rss_kib", figure="memory slope"):
 
 
 def judge_memory_left(totals, applies):
-    """Whatever there was, it is given back."""
+    """All memory is returned, whatever the load was."""
     rise = totals["end"]["rss_kib"] - totals["start"]["rss_kib"]
     value = f"{rise:+d} KiB"
     if not applies:
@@ -86,7 +86,7 @@ def judge_idle(counts, short, ended_early):
 
 
 def judge_flat(samples, who, what):
-    """A descriptor or a thread that is left behind raises the median of the second half."""
+    """A leaked descriptor or thread raises the median of the second half."""
     half = len(samples) // 2
     first, second = (statistics.median(s[f"{who}_{what}"] for s in part) for part in (samples[:half], samples[half:]))
     return Row(f"{who}: {what}, median of each half", f"{first:.0f}, {second:.0f}", "no more in the second",
@@ -94,7 +94,7 @@ def judge_flat(samples, who, what):
 
 
 def judge_page(page):
-    """Rows come and go with connections; what grows beyond that is left behind."""
+    """The number of rows follows that of connections; further growth is a leak."""
     first, last = page[1 if len(page) > 2 else 0], page[-1]
     holds = (last["elements"] <= first["elements"] * PAGE_GROWTH and
              last["heap_kib"] <= first["heap_kib"] * PAGE_GROWTH + PAGE_SLACK_KIB)
@@ -103,7 +103,7 @@ def judge_page(page):
 
 
 def judge_around(samples, around, memory_rise, ended_early):
-    """The rows about watchdog, serve, Prometheus and browser."""
+    """Returns the rows about watchdog, serve, Prometheus and browser."""
     innocent = [event for event in around["events"] if event["address"] not in around["offenders"]]
     tried, dropped = len(around["offenders"]), len(around["offenders_dropped"])
     rows = [
@@ -128,12 +128,12 @@ def judge_around(samples, around, memory_rise, ended_early):
 
 
 def find_reports(lines):
-    """Of a log that may be larger than memory."""
+    """Returns the sanitizer and assertion lines of a log, which may be larger than memory."""
     return [line.rstrip("\n") for line in lines if SANITIZER_SIGNS.search(line)]
 
 
 def judge(samples, totals, reports, options):
-    """All rows of the table; reports are the lines of the server in which a sanitizer or an assertion speaks."""
+    """Returns all rows of the table; reports are the server's lines from a sanitizer or an assertion."""
     def zero(figure, value):
         return Row(figure, str(value), "0", value == 0)
 
@@ -203,7 +203,7 @@ def draw_around(samples, memory, descriptors):
 
 
 def draw(samples, around_samples, passed, path):
-    """Memory, CPU and lateness over time; False without matplotlib."""
+    """Plots memory, CPU and lateness over time. Returns False without matplotlib."""
     try:
         import matplotlib
         matplotlib.use("Agg")

@@ -1,5 +1,5 @@
-// Audio and video frames that prove at the other end that they are whole, which one of the stream they are,
-// and how long they have been on their way: tag as in the FLV format, stamp, filling, CRC-32 of all of it.
+// Audio and video frames whose receiver can verify their integrity, position in the stream and transit time.
+// A frame is a tag as in the FLV format, a stamp, filling, and the CRC-32 of these.
 #pragma once
 
 #include <cstddef>
@@ -21,11 +21,11 @@ enum class FrameKind { AUDIO, VIDEO_KEY, VIDEO_INTER };
 
 std::uint64_t now_us();
 
-// The smallest size that has room for tag, stamp and CRC is used when size_bytes is smaller.
+// If size_bytes is too small for tag, stamp and CRC, the smallest size that fits is used.
 Bytes stamped_frame(FrameKind kind, std::size_t size_bytes, const FrameStamp& stamp);
 
-// Whether a message of this type (8 or 9) holds decoder settings and no frame.
+// Whether a message of this type (8 or 9) contains decoder settings instead of a frame.
 bool is_sequence_header(std::string_view payload);
 
-// The stamp of a frame; nothing when a byte of it is not what was sent.
+// Returns the stamp of a frame. Empty if any byte is wrong.
 std::optional<FrameStamp> read_stamp(std::uint8_t message_type, std::string_view payload);

@@ -8,7 +8,7 @@ ROOT_DIR=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 cd "$ROOT_DIR"
 SCRIPT=$ROOT_DIR/scripts/$(basename "$0")
 
-# What is being done now.
+# Prints the current step.
 say() { printf '==> %s\n' "$*"; }
 
 # fail WHAT_HAPPENED [WHAT_TO_DO...]: ends the script with status 1.
@@ -22,5 +22,5 @@ fail() {
     exit 1
 }
 
-# The header of the calling script, from its second line to the first line that is no comment.
+# The header of the calling script, from its second line to the first line that is not a comment.
 print_usage() { sed -n -e '1d' -e '/^#/!q' -e 's/^# \{0,1\}//p' "$SCRIPT"; }

@@ -1,7 +1,7 @@
-"""What scripts/demo says about its players' recordings: a table, the problems, and pictures of what they saw.
+"""Reports on the recordings of scripts/demo's players: a table, the problems, and pictures.
 
 Reads published.flv, early.flv and late.flv of a directory. Writes early_from_key_frame.flv and
-late_from_key_frame.flv beside them, which are what a decoder can show, and contact_sheet.png.
+late_from_key_frame.flv beside them, which hold what a decoder can show, and contact_sheet.png.
 """
 
 import os
@@ -76,7 +76,7 @@ def report(directory, counts):
 
 
 def sheet_row(index, name, layout, title):
-    """ffmpeg's filters for one player: a picture of each second, with the time by that player's own clock."""
+    """Returns ffmpeg's filters for one player: a picture for each second, with the time by the player's clock."""
     return (f"[{index}:v]select='isnan(prev_selected_t)+gte(t-prev_selected_t,0.99)',scale=320:180"
             f",drawtext=fontfile={FONT}:text='player %{{pts\\:hms}}':fontsize=18:fontcolor=black:box=1"
             ":boxcolor=white@0.85:boxborderw=4:x=w-text_w-8:y=8"

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Runs what scripts/demo shows: the server, an encoder and two players, then the report, then an endless stream.
 
-Started by scripts/demo, in namespaces of its own if it says so; see its --help.
+Started by scripts/demo, in private namespaces if requested; see its --help.
 """
 
 import argparse
@@ -32,21 +32,21 @@ FRAMES_PER_KEY_FRAME = 60  # The late player joins between two key frames.
 SAMPLES_PER_S = 44100
 SAMPLES_PER_AUDIO_PACKET = 1024
 PUBLISH_S = 12
-# ffmpeg leaves with a reset of its connection, and TCP then throws away what was still on its way. So the stream runs
-# on for a moment that does not count.
+# ffmpeg resets its connection when it exits, and TCP then discards data in transit. So the stream continues for a
+# moment that is not counted.
 RUN_OUT_S = 1
 LATE_JOIN_S = 4
-SETTLE_S = 1.5  # After the publisher has left: nothing new for so long means that the players have it all.
+SETTLE_S = 1.5  # After the publisher has left, no new data for this long means that the players have everything.
 SETTLE_LIMIT_S = 10
 SHOWN_LINES = re.compile("Connection is publishing |Connection for play |.*rejected|Dropping ")
 
 
 class Refusal(Exception):
-    """The demo cannot begin. The arguments are what is wrong and what to do."""
+    """The demo cannot start. The arguments are the problem and the advice."""
 
 
 def require_free_port():
-    """The server itself could share the port with another one of the same user."""
+    """Without this check, the server could share the port with another one of the same user."""
     if not port_is_taken():
         return
     holders = set()
@@ -61,7 +61,7 @@ def require_free_port():
 
 
 def require_free_control_socket():
-    """The server itself could take it from another one."""
+    """Without this check, the server could take over the socket of another one."""
     if os.path.isdir(CONTROL_SOCKET):
         raise Refusal(f"{CONTROL_SOCKET} is a directory",
                       "The server needs that path for its control socket: remove the directory.")
@@ -69,7 +69,7 @@ def require_free_control_socket():
         try:
             client.connect(CONTROL_SOCKET)
         except (FileNotFoundError, ConnectionRefusedError):
-            return  # The server removes what a dead one has left.
+            return  # The server removes the socket of a dead one.
         except OSError:
             pass
     raise Refusal(f"the control socket {CONTROL_SOCKET} is taken by a running server",
@@ -77,7 +77,7 @@ def require_free_control_socket():
 
 
 def show_progress(text):
-    """Writes one line, over the last one on a terminal."""
+    """Writes one line, on a terminal over the previous one."""
     print(f"\r    {text}\033[K" if sys.stdout.isatty() else f"    {text}\n", end="", flush=True)
 
 
@@ -107,7 +107,7 @@ class Demo:
             "-flags", "+global_header", "-f", output_format, target])
 
     def start_player(self, name):
-        """Records every packet as it came, with its timestamp, also those before the first key frame."""
+        """Records every packet as received, with its timestamp, including those before the first key frame."""
         self.start(f"{name}_player", [
             *FFMPEG, "-i", PLAY_URL, "-map", "0", "-c", "copy", "-copyinkf", "-copypriorss", "1", "-copyts",
             "-avoid_negative_ts", "disabled", "-flush_packets", "1", "-f", "flv", self.processes.path(f"{name}.flv")])
@@ -116,7 +116,7 @@ class Demo:
         self.processes.start(name, arguments, end_signal=signal.SIGINT)
 
     def wait_for(self, name, line, limit_s):
-        """Waits until the server has printed the line, which the client of that name brings about."""
+        """Waits until the server has printed the line, which the named client causes."""
         if self.server.says(line, 1, limit_s, needs=name):
             return
         self.server.require()
@@ -166,8 +166,9 @@ class Demo:
                 print()
 
     def wait_for_players(self):
-        """A player is not told that the stream has ended: it has it all when nothing comes any more. Then the server is
-        stopped, because a player writes its last packets when its connection ends, but not when it is interrupted."""
+        """A player is not notified that the stream has ended: it has everything once no more data arrives. Then the
+        server is stopped, because a player writes its last packets when its connection ends, but not when it is
+        interrupted."""
         recordings = [self.processes.path(f"{name}.flv") for name in demo_report.PLAYERS]
         players = [f"{name}_player" for name in demo_report.PLAYERS]
         wait_until_unchanged(lambda: [os.path.getsize(path) if os.path.exists(path) else 0 for path in recordings],
@@ -194,7 +195,7 @@ class Demo:
         print_urls(namespaces)
 
     def run_endless_stream(self):
-        """Runs until a signal, which is a success here."""
+        """Runs until a signal, which counts as success."""
         try:
             self.show_who_comes_and_goes()
         except Stopped:
@@ -283,7 +284,7 @@ def run(arguments):
 
 
 def look(namespaces):
-    """Refuses what can be seen without being in the namespaces."""
+    """Refuses for reasons that are visible outside the namespaces."""
     if namespaces != "all":
         require_free_port()
     if namespaces == "none":
@@ -296,7 +297,7 @@ def main():
     parser.add_argument("--once", action="store_true")
     parser.add_argument("--look", action="store_true", help="only see whether port and control socket are free")
     arguments = parser.parse_args()
-    sys.stdout.reconfigure(line_buffering=True)  # The lines of standard error must not come first.
+    sys.stdout.reconfigure(line_buffering=True)  # Otherwise lines of standard error could come first.
     try:
         raise_stopped_on_signals()
         if arguments.look:

@@ -17,7 +17,7 @@ FFMPEG = ["ffmpeg", "-nostdin", "-hide_banner", "-nostats", "-loglevel", "warnin
 
 @dataclass(frozen=True)
 class CannotWork:
-    """A pair that cannot work because of what the server is. Without this evidence it is a defect all the same."""
+    """A pair that cannot work because of the server's design. Without this evidence its failure is a defect."""
 
     reason: str
     server_says: Optional[str] = None  # a line of the server's log
@@ -32,10 +32,10 @@ class Player:
     command: Callable  # (url, recording) -> arguments; the recording is an FLV file
     environment: Optional[dict] = None
     user: Optional[str] = None
-    # It puts parameter sets into the key frames that it records. All but the picture is left out of the comparison.
+    # It puts parameter sets into the key frames it records. Only the picture data is compared.
     alters_key_frames: bool = False
-    keeps_timestamps: bool = True  # Else the recording does not show which ones it has received.
-    withholds_end: bool = False  # It ends without having recorded its last packets, also those of a film on disk.
+    keeps_timestamps: bool = True  # Otherwise the recording does not show the timestamps received.
+    withholds_end: bool = False  # It exits before recording its last packets, even for a film on disk.
     cannot: Optional[CannotWork] = None
 
 
@@ -46,10 +46,10 @@ class Publisher:
     shown_as: str
     command: Callable  # (url, film, published) -> arguments
     environment: Optional[dict] = None
-    # What was sent: the film itself, or what the publisher recorded of it in the file published.
+    # What was sent: the film itself, or the publisher's recording of it in the file published.
     records: bool = False
     records_before_stream: bool = False  # The recording begins a little earlier than the stream.
-    alters_key_frames: bool = False  # The stream's first frame says a word more about the encoder than the recording's.
+    alters_key_frames: bool = False  # The stream's first frame has more about the encoder than the recording's.
     ends_by_itself: bool = True
     server_options: tuple = ()
     leaves_out: tuple = ()  # kinds of media in the film that it does not send
@@ -60,7 +60,7 @@ class Publisher:
 
 @dataclass(frozen=True)
 class Refusal:
-    """Something a user may well try, which ends with the server dropping the connection and saying why."""
+    """Something a user may well try, which makes the server drop the connection and print the reason."""
 
     name: str
     package: str
@@ -74,7 +74,7 @@ class Refusal:
 
 
 def play_ffmpeg(*options):
-    """Every packet as it came, with its timestamp, also those before the first key frame."""
+    """Records every packet as received, with its timestamp, including those before the first key frame."""
     return lambda url, recording: [
         *FFMPEG, *options, "-i", url, "-map", "0", "-c", "copy", "-copyinkf", "-copypriorss", "1", "-copyts",
         "-avoid_negative_ts", "disabled", "-flush_packets", "1", "-f", "flv", recording]
@@ -121,8 +121,8 @@ PLAYERS = (
 )
 
 
-# A longer message has such a timestamp once, and every player that we know looks for it in each chunk of the message.
-# So those that have been there from the beginning come to an end; those that join later begin near 0 again.
+# A longer message has such a timestamp once, but every known player expects it in each chunk of the message. So players
+# that joined at the beginning stop; those that join later begin near 0 again.
 FIRST_LONG_TIMESTAMP_MS = 0xFFFFFF
 
 
@@ -135,7 +135,7 @@ def publish_ffmpeg(*options, real_time=True):
 
 
 def publish_gstreamer(element):
-    """What goes to the sink also goes to a file."""
+    """Writes the data for the sink to a file as well."""
     return lambda url, film, published: [
         "gst-launch-1.0", "-q", "filesrc", f"location={film}", "!", "flvdemux", "name=film",
         "flvmux", "name=mux", "streamable=true", "!", "tee", "name=copies",
@@ -145,7 +145,7 @@ def publish_gstreamer(element):
         "copies.", "!", "queue", "!", "filesink", f"location={published}"]
 
 
-HOURS_MS = 16_772_000  # 5 s later timestamps take more than 24 bits.
+HOURS_MS = 16_772_000  # 5 s later timestamps need more than 24 bits.
 
 OBS_GLOBAL = """[General]
 FirstRun=true
@@ -163,7 +163,7 @@ SceneCollectionFile=interop
 PreviewEnabled=false
 """
 
-# The recording takes what the stream's encoders deliver, so it holds what was published.
+# The recording uses the stream's encoders, so it contains what was published.
 OBS_PROFILE = """[General]
 Name=interop
 [Output]
@@ -210,7 +210,7 @@ def obs_scene(film):
 
 
 def prepare_obs(directory, url, film, published, start):
-    """A profile and a scene on disk, and a screen that nobody sees."""
+    """Prepares a profile and a scene on disk, and a virtual screen."""
     config = os.path.join(directory, "config", "obs-studio")
     recordings = os.path.dirname(published)
     files = {

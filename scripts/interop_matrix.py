@@ -1,8 +1,8 @@
 """Runs publishers against players through the real server.
 
 All players play one publisher's stream at once, each twice: from before the stream begins, and joining late. A pair
-works if every player has every packet after its first one unchanged and in order, with even timestamps that begin near
-0, and if every frame decodes from the first key frame on.
+works if every player has every packet after its first one, unchanged and in order, with even timestamps that begin near
+0, and if every frame from the first key frame on can be decoded.
 """
 
 import os
@@ -24,11 +24,11 @@ FRAMES_PER_S = 25
 FRAMES_PER_KEY_FRAME = 25
 LATE_JOIN_S = 3.4  # Between two key frames.
 LEAST_PUBLISHED = 0.8  # of the stream; an encoder may be slow to start
-SETTLE_S = 1.5  # Nothing new for so long means that the players have it all.
+SETTLE_S = 1.5  # No new data for this long means that the players have everything.
 SETTLE_LIMIT_S = 10
 START_LIMIT_S = 25  # for a client to load and connect
 REFUSAL_LIMIT_S = 8
-END_LIMIT_S = 4  # for a player to end when the server is gone
+END_LIMIT_S = 4  # for a player to exit after the server is gone
 
 
 def tail_of(path, lines=3):
@@ -45,7 +45,7 @@ class Session:
         self.film = film
         self.seconds = seconds
         self.published_path = processes.path("published.flv")
-        # VLC runs as somebody else.
+        # VLC runs as another user.
         os.makedirs(processes.path("recordings"), exist_ok=True)
         os.chmod(processes.path("recordings"), 0o777)
         self.server = Server(processes, program, publisher.server_options)
@@ -62,7 +62,7 @@ class Session:
             self.processes.start(run_name(player, is_late), arguments, environment=environment, user=player.user)
 
     def wait_for_players(self):
-        """Until all have subscribed that ever will."""
+        """Waits until all players that will ever subscribe have done so."""
         expected = sum(player.cannot is None or player.cannot.server_says is None for player in self.players)
         self.server.says("Connection for play subscribed to", expected, START_LIMIT_S)
 
@@ -81,7 +81,7 @@ class Session:
         return time.monotonic()
 
     def run(self):
-        """Publishes the film. What is wrong with the server afterwards, or none."""
+        """Publishes the film. Returns what is wrong with the server afterwards, or none."""
         self.start_players(is_late=False)
         self.wait_for_players()
         begin = self.start_publisher()
@@ -100,7 +100,7 @@ class Session:
         return wrong
 
     def settle(self):
-        """Players are not told that a stream has ended."""
+        """Ends the players, which are not notified that a stream has ended."""
         folder = self.processes.path("recordings")
         wait_until_unchanged(
             lambda: sum(entry.stat().st_size for entry in os.scandir(folder) if entry.name.endswith(".flv")),
@@ -113,7 +113,7 @@ class Session:
             self.processes.end(name, signal.SIGINT, 2)
 
     def find_recording(self):
-        """OBS names its recording by itself."""
+        """Finds the recording of OBS, which chooses the name itself."""
         if self.publisher.records and not os.path.exists(self.published_path):
             made = [entry.path for entry in os.scandir(self.processes.directory) if entry.name.endswith(".flv")]
             if len(made) != 1:
@@ -133,14 +133,14 @@ class Session:
         return count_published(packets, end_may_be_lost)
 
     def require_length(self, published):
-        """A short stream would make every comparison worthless."""
+        """Checks the length: a short stream would make every comparison worthless."""
         video, least = published.counts["video"], LEAST_PUBLISHED * self.seconds * FRAMES_PER_S
         if "video" not in self.publisher.leaves_out and video < least:
             raise RunError(f"{self.publisher.name} has published {video} frames, not {least:.0f} at least: "
                               f"{tail_of(self.processes.log('publisher'))}")
 
     def packets_before_long_timestamps(self, published):
-        """How many of each kind; ffmpeg counts from the film's own beginning."""
+        """Returns the number of each kind; ffmpeg counts from the film's own beginning."""
         listing = recordings.run_tool(["ffprobe", "-v", "error", "-show_entries", "format=start_time", "-of",
                                         "default=noprint_wrappers=1:nokey=1", self.film]).stdout
         shift_ms = self.publisher.clock_ms - round(float(listing) * 1000)
@@ -148,7 +148,7 @@ class Session:
                           for packet in published.packets[kind]) for kind in KINDS}
 
     def missing_evidence(self, player, is_late):
-        """Why the log does not show that this player cannot work; none if it does."""
+        """Returns why the log does not show that this player cannot work; none if it does."""
         cannot = player.cannot
         if cannot is None:
             return None
@@ -184,7 +184,7 @@ class Session:
 
 
 def run_session(directory, program, publisher, players, film, seconds):
-    """The outcomes, and what is wrong beside them."""
+    """Returns the outcomes, and other problems."""
     say(f"{publisher.name} ({publisher.shown_as}) and {len(players)} players, each early and late")
     with Processes(os.path.join(directory, publisher.name)) as processes:
         session = Session(processes, program, publisher, players, film, seconds)
@@ -196,7 +196,7 @@ def run_session(directory, program, publisher, players, film, seconds):
 
 
 def run_refusals(directory, program, refusals, film):
-    """Names of those that the server refused with the line known, and what is wrong with the others."""
+    """Returns the names of those that the server refused with the expected line, and the problems of the others."""
     refused, wrong = [], []
     with Processes(os.path.join(directory, "refusals")) as processes:
         server = Server(processes, program)
@@ -211,7 +211,7 @@ def run_refusals(directory, program, refusals, film):
             else:
                 refused.append(refusal.name)
             processes.end(refusal.name, signal.SIGKILL, 5)
-            # It may have left a connection behind, which is not the next one's.
+            # It may have left a connection that does not belong to the next one.
             server.says("Dropping connection", server.count("Accepted connection"), 5)
         problem = server.stop()
         if problem:
@@ -220,7 +220,7 @@ def run_refusals(directory, program, refusals, film):
 
 
 def write_film(path, seconds):
-    """B-frames, a key frame each second, and a tone."""
+    """Makes a film with B-frames, a key frame each second, and a tone."""
     recordings.run_tool(
         ["ffmpeg", "-nostdin", "-v", "error", "-y", "-f", "lavfi", "-i", f"testsrc2=size=320x240:rate={FRAMES_PER_S}",
          "-f", "lavfi", "-i", "sine=frequency=440:beep_factor=4:sample_rate=44100", "-t", str(seconds),
@@ -229,7 +229,7 @@ def write_film(path, seconds):
 
 
 def run_matrix(directory, program, publishers, players, refusals, seconds):
-    """Outcomes, refused names, and everything that is wrong."""
+    """Returns outcomes, refused names, and all problems."""
     film = os.path.join(directory, "film.flv")
     write_film(film, seconds + RUN_OUT_S)
     outcomes, wrong = [], []

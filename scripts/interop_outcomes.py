@@ -1,4 +1,4 @@
-"""What the players of scripts/interop received, compared with what was published, and whether that is right."""
+"""Compares what the players of scripts/interop received with what was published, and judges the result."""
 
 from dataclasses import dataclass, field, replace
 
@@ -7,19 +7,19 @@ import recordings
 from processes import RunError
 from recordings import KINDS, ToolError
 
-# An encoder that does not read the server's acknowledgements leaves with a reset of its connection, and TCP then
-# throws away what was on its way; players that take a stream apart keep some of its end to themselves. So the stream
-# runs on for a moment that does not count.
+# An encoder that does not read the server's acknowledgements resets its connection when it exits, and TCP then discards
+# data in transit. Players that demultiplex a stream may not record its end. So the stream continues for a moment that
+# is not counted.
 RUN_OUT_S = 1.5
 
-UNEVEN_RECORDING = "non monotonically increasing dts"  # ffmpeg's words about timestamps, while it decodes
+UNEVEN_RECORDING = "non monotonically increasing dts"  # ffmpeg's message about timestamps when it decodes
 
 WORKS, ENDS, CANNOT, DEFECT = "works", "ends", "cannot", "DEFECT"
-WORN_OUT_TOLERANCE = 3  # packets that a player has received but not recorded, or still made something of
+WORN_OUT_TOLERANCE = 3  # packets by which the end of a recording may differ
 
 
 def read_recording(path, pictures_only=False):
-    """Its packets by kind, in order of arrival; none if there is no audio or video in it."""
+    """Returns its packets by kind, in order of arrival; none if it has no audio or video."""
     try:
         packets = recordings.read_packets(path)
     except ToolError:
@@ -44,11 +44,11 @@ def picture_digests(path):
 @dataclass(frozen=True)
 class Published:
     packets: dict
-    counts: dict  # So many from the beginning count.
+    counts: dict  # This many from the beginning count.
 
 
 def count_published(packets, end_may_be_lost):
-    """Without the last moments where these may be lost."""
+    """Omits the end of the stream if it may be lost."""
     counts = {}
     for kind in KINDS:
         times = [packet.dts_ms for packet in packets[kind]]
@@ -58,7 +58,7 @@ def count_published(packets, end_may_be_lost):
 
 
 def without_beginning(packets, recordings):
-    """The published packets from the first on that any of the recordings has, with the recordings' own digests."""
+    """Returns the published packets from the first that any recording has, with the recordings' own digests."""
     cut = {}
     for kind in KINDS:
         firsts = {recording[kind][0].digest for recording in recordings if recording[kind]}
@@ -68,7 +68,7 @@ def without_beginning(packets, recordings):
 
 
 def without_run_out(received, published):
-    """The received packets up to the last that counts; all if that one never came."""
+    """Returns the received packets up to the last that counts; all if that one was not received."""
     cut = {}
     for kind in KINDS:
         count = published.counts[kind]
@@ -123,7 +123,7 @@ def examine(outcome, published, received, recording):
 
 
 def problems_of(outcome, published):
-    """Why this player did not get the stream; empty if it did."""
+    """Returns why this player did not get the stream; empty if it did."""
     kinds = [kind for kind in KINDS if published.counts[kind] > 0]
     problems = []
     for kind in KINDS:
@@ -157,7 +157,7 @@ def judge(outcome, published, evidence):
 
 
 def judge_worn_out(outcome, expected):
-    """For a player whose timestamps outgrow 24 bits: it must have come to an end there, after the expected packets."""
+    """For a player whose timestamps exceed 24 bits: it must have stopped there, after the expected packets."""
     for kind in KINDS:
         received = outcome.comparisons[kind].received - outcome.comparisons[kind].foreign
         if abs(received - expected[kind]) > WORN_OUT_TOLERANCE:

@@ -1,4 +1,4 @@
-"""What scripts/interop prints, and the tables of docs/clients.md."""
+"""The output of scripts/interop, and the tables of docs/clients.md."""
 
 import collections
 import os

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Started by scripts/interop, in namespaces of its own; see its --help."""
+"""Started by scripts/interop in private namespaces; see its --help."""
 
 import argparse
 import collections

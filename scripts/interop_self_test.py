@@ -1,6 +1,6 @@
-"""Shows that scripts/interop finds what does not work: pairs made to fail, each in its own way, with ffmpeg alone.
+"""Shows that scripts/interop detects failures: pairs made to fail, each in its own way, with ffmpeg alone.
 
-Each player below must get exactly the verdict beside it, each refusal must be believed or not as it says.
+Each player below must get exactly the verdict next to it, and each refusal must be accepted or not as stated.
 """
 
 import interop_clients as clients
@@ -12,7 +12,7 @@ RECORD_AGAIN = ("-c:v", "libx264", "-preset", "ultrafast")
 
 
 def with_options(name, *options, cannot=None):
-    """ffmpeg with these options in place of those for the recording that come first."""
+    """Returns an ffmpeg command with these options in place of the first ones for the recording."""
     plain = clients.play_ffmpeg()
 
     def command(url, recording):
@@ -52,7 +52,7 @@ REFUSED = clients.Refusal("refused", "ffmpeg", "", "", "play rejected, invalid s
 
 
 def check_outcomes(outcomes):
-    """What the matrix should have found and has not."""
+    """Returns what the matrix should have found but did not."""
     found = {}
     for outcome in outcomes:
         found.setdefault(outcome.player.name, []).append(outcome)

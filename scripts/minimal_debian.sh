@@ -1,8 +1,8 @@
 # Read by the scripts that try the project in a minimal Debian, after common.sh.
 # shellcheck shell=bash
 
-# make_minimal_debian TAR PACKAGE[,PACKAGE...]: leaves a minimal Debian with these packages in the tar file, unless it
-# is there already. It comes from this machine's package sources.
+# make_minimal_debian TAR PACKAGE[,PACKAGE...]: makes the tar file, a minimal Debian with these packages from this
+# machine's package sources, unless it already exists.
 make_minimal_debian() {
     local tar=$1 include=$2 suite i
     if [[ -e $tar && $(cat "$tar.packages" 2>/dev/null) == "$include" ]]; then

@@ -1,4 +1,4 @@
-"""Starts and ends the programs of scripts/demo and scripts/interop: the server, encoders and players."""
+"""Starts and stops the programs of scripts/demo and scripts/interop: the server, encoders and players."""
 
 import contextlib
 import fcntl
@@ -19,7 +19,7 @@ STOP_LIMIT_S = 10
 
 
 class RunError(Exception):
-    """A run cannot go on. log is the file that says why, if there is one."""
+    """The run cannot continue. log is the file that says why, if there is one."""
 
     def __init__(self, text, log=None):
         super().__init__(text)
@@ -27,7 +27,7 @@ class RunError(Exception):
 
 
 class Stopped(BaseException):
-    """A signal has asked the script to end. Not an Exception, so that nothing else catches it."""
+    """A signal told the script to stop. Not an Exception, so that no other handler catches it."""
 
     def __init__(self, number):
         super().__init__(number)
@@ -62,7 +62,7 @@ def wait_until(condition, limit_s):
 
 
 def wait_until_unchanged(measure, unchanged_s, limit_s):
-    """Waits until measure() has returned the same value for so long, or until the limit."""
+    """Waits until measure() has returned the same value for this long, or until the limit."""
     last, change = None, time.monotonic()
     deadline = change + limit_s
     while time.monotonic() < min(change + unchanged_s, deadline):
@@ -82,7 +82,7 @@ def last_lines(path, lines):
 
 
 def set_up_namespaces(own_network):
-    """In namespaces of its own, the process gets an empty /run and, with a network of its own, a loopback that is up."""
+    """Sets up the process's private namespaces: an empty /run and, with its own network, a loopback that is up."""
     subprocess.run(["mount", "-t", "tmpfs", "tmpfs", "/run"], check=True)
     if own_network:
         get_flags, set_flags, is_up = 0x8913, 0x8914, 1
@@ -92,14 +92,14 @@ def set_up_namespaces(own_network):
 
 
 def port_is_taken():
-    """Looks the port up instead of connecting: the server would print a line about the visitor."""
+    """Looks the port up instead of connecting, because the server would print a line about the client."""
     listens = re.compile(rf"^ *\d+: [0-9A-F]+:{RTMP_PORT:04X} [0-9A-F]+:0000 0A ", re.MULTILINE)
     return any(listens.search(text_of(f"/proc/net/{table}")) for table in ("tcp", "tcp6")
                if os.path.exists(f"/proc/net/{table}"))
 
 
 class Processes:
-    """The processes that run in a directory, each with a log of its own. All are ended together with this object, and
+    """The processes that run in a directory, each with its own log. All are stopped together with this object, and
     by the kernel if the script itself is killed."""
 
     def __init__(self, directory):
@@ -122,7 +122,7 @@ class Processes:
         return self.path(name + ".log")
 
     def start(self, name, arguments, *, environment=None, user=None, stdout=None, end_signal=signal.SIGKILL):
-        """Starts a program in a session of its own: Ctrl-C is for the script, which ends the others in order."""
+        """Starts a program in its own session: Ctrl-C goes to the script, which stops the others in order."""
         identity = {}
         if user is not None:
             entry = pwd.getpwnam(user)
@@ -140,7 +140,7 @@ class Processes:
         return self.by_name[name].poll() is None
 
     def status(self, name):
-        """The exit status as a shell gives it; none while the process runs."""
+        """Returns the exit status as in a shell; none while the process runs."""
         status = self.by_name[name].poll()
         return 128 - status if status is not None and status < 0 else status
 
@@ -160,7 +160,7 @@ class Processes:
 
 
 class Server:
-    """The relay as one of the processes."""
+    """The server as one of the processes."""
 
     def __init__(self, processes, program, options=()):
         self.processes = processes
@@ -175,17 +175,17 @@ class Server:
             raise RunError(f"the server ended by itself, with status {self.processes.status('server')}", self.log)
 
     def count(self, begin):
-        """Returns how many of its lines begin so."""
+        """Returns how many of its lines have this prefix."""
         return sum(line.startswith(begin) for line in text_of(self.log).splitlines())
 
     def says(self, begin, times, limit_s, needs="server"):
-        """Waits until so many of its lines begin so. Gives up when the process that is needed for this has ended."""
+        """Waits until this many of its lines have this prefix. Gives up if the process needed for this has ended."""
         wait_until(lambda: self.count(begin) >= times or not self.processes.runs(needs)
                    or not self.processes.runs("server"), limit_s)
         return self.count(begin) >= times
 
     def stop(self):
-        """Returns none, or what is wrong with how it ended."""
+        """Returns what is wrong with its exit, or none."""
         by_itself = not self.processes.runs("server")
         status = self.processes.end("server", signal.SIGTERM, STOP_LIMIT_S)
         if not by_itself and status == 0:

@@ -1,4 +1,4 @@
-"""Reads what encoders and players of scripts/demo and scripts/interop recorded, and compares it packet by packet."""
+"""Reads the recordings of the encoders and players of scripts/demo and scripts/interop, and compares their packets."""
 
 import os
 import subprocess
@@ -12,7 +12,7 @@ UNITS = {"video": "frames", "audio": "audio packets"}
 
 @dataclass(frozen=True)
 class Packet:
-    """A frame or audio packet as it stands in a recording, in the order of arrival."""
+    """A frame or audio packet of a recording, in order of arrival."""
 
     dts_ms: int
     is_key_frame: bool
@@ -21,17 +21,17 @@ class Packet:
 
 @dataclass(frozen=True)
 class Comparison:
-    """How the packets of one player lie among those that were published."""
+    """How the packets of one player match those published."""
 
-    received: int  # of those that count, and the foreign ones
+    received: int  # those that count, and foreign ones
     before_join: int  # published before the player's first packet
     missing: int  # published after that, but not received
-    foreign: int  # received, but never published like that or not in this order
-    shift_spread_ms: int  # how unevenly the timestamps were moved
+    foreign: int  # received, but not published in this form or order
+    shift_spread_ms: int  # variation of the timestamp shift
 
 
 class ToolError(Exception):
-    """ffprobe or ffmpeg could not do its work; complaints are its own lines."""
+    """ffprobe or ffmpeg failed; complaints are its messages."""
 
     def __init__(self, arguments, complaints):
         super().__init__("\n".join([" ".join(arguments), *complaints[-3:]]))
@@ -46,7 +46,7 @@ def run_tool(arguments):
 
 
 def read_packets(path):
-    """The packets of a recording by kind; no packets if nothing was recorded."""
+    """Returns the packets of a recording by kind; no packets if nothing was recorded."""
     packets = {kind: [] for kind in KINDS}
     if not os.path.exists(path) or os.path.getsize(path) == 0:
         return packets
@@ -62,7 +62,8 @@ def read_packets(path):
 
 
 def compare(published, received, count):
-    """Walks both lists: what was received must be a run of what was published, up to the last that counts."""
+    """Compares both lists: the received packets must be a contiguous part of those published, up to the last that
+    counts."""
     position = 0
     before_join = None
     missing = foreign = counted = 0
@@ -86,7 +87,7 @@ def compare(published, received, count):
 
 
 def write_from_key_frame(source, target, frames):
-    """Copies so many frames of a recording from the first key frame on, and all of its audio."""
+    """Copies this many frames of a recording from the first key frame on, and all of its audio."""
     run_tool(["ffmpeg", "-nostdin", "-v", "error", "-y", "-copyts", "-i", source, "-map", "0", "-c", "copy",
               "-frames:v", str(frames), "-avoid_negative_ts", "disabled", "-f", "flv", target])
 
@@ -100,7 +101,7 @@ def decode_from_key_frame(source, target, frames):
 
 
 def decode(path):
-    """Decodes everything; returns the number of frames that came out and the decoder's complaints."""
+    """Decodes everything. Returns the number of decoded frames and the decoder's messages."""
     result = subprocess.run(["ffmpeg", "-nostdin", "-v", "error", "-nostats", "-progress", "pipe:1", "-i", path,
                              "-map", "0", "-fps_mode", "passthrough", "-f", "null", "-"],
                             stdin=subprocess.DEVNULL, capture_output=True, text=True, check=False)
@@ -116,7 +117,7 @@ def first_key_frame(frames):
 
 
 def check_published(published, counts):
-    """What is wrong with the stream that went out: a short one would make every comparison worthless."""
+    """Returns what is wrong with the published stream: a short one would make every comparison worthless."""
     return [f"only {len(published[kind])} of {counts[kind]} {UNITS[kind]} were published"
             for kind in KINDS if len(published[kind]) < counts[kind]]
 

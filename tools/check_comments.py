@@ -39,7 +39,7 @@ class Paragraph:
         self.count += 1
 
     def filled(self):
-        """Its lines, filled. Narrower by a little if the last one would otherwise be a single word."""
+        """Returns the filled lines, slightly narrower if the last one would otherwise be a single word."""
         fewest = self.broken_at(COLUMNS)
         for columns in range(COLUMNS, NARROWEST, -1):
             lines = self.broken_at(columns)
@@ -60,7 +60,7 @@ class Paragraph:
 
 
 def paragraphs(lines):
-    """The paragraphs of a file whose lines may be filled again."""
+    """Returns the paragraphs of a file that may be refilled."""
     result, current = [], None
     for index, line in enumerate(lines):
         found = COMMENT_LINE.match(line)

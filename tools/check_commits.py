@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
-"""Checks the messages of all commits after the one that added this file: their subjects, and that they have a body.
+"""Checks the subjects and bodies of the messages of all commits after the one that added this file.
 
     tools/check_commits.py [ROOT]
 
-A clone without history has nothing to check, and a shallow one only the commits that are there; both pass.
+A clone without history has nothing to check, and a shallow one only its own commits; both pass.
 """
 import pathlib
 import subprocess
@@ -15,7 +15,7 @@ TRIVIAL_LINES = 10  # A commit that changes more lines needs a body.
 
 
 class NoHistory(Exception):
-    """There are no commits to check; the text says why."""
+    """There are no commits to check. The text says why."""
 
 
 def git(root, *arguments):
@@ -30,7 +30,7 @@ def git(root, *arguments):
 
 
 def commits_to_check(root):
-    """The commits after the first that has this file, the oldest first."""
+    """Returns the commits after the first that has this file, oldest first."""
     if pathlib.Path(git(root, "rev-parse", "--show-toplevel").strip()).resolve() != root.resolve():
         raise NoHistory(f"{root} is not the root of a repository")
     added = git(root, "log", "--diff-filter=A", "--format=%H", "--", THIS_FILE).split()

@@ -1,10 +1,10 @@
 #!/usr/bin/env python3
-"""Checks who includes whom. Prints every include line that points the wrong way and exits 1 if there is one.
+"""Checks which files include which. Prints every forbidden include line and exits with 1 if there is one.
 
-The matrix below is the whole rule: for a file, the first row with a pattern that matches it lists what it may include,
-as patterns and lists of patterns. Only includes of our own, in quotes or of the control library, are looked at. A
-pattern that no file has, and a permission that no file of its row uses, is an error too. What tests the server from
-outside may not reach the server's code through any number of headers.
+The matrix below is the whole rule: for each file, the first row with a pattern that matches it lists what it may include,
+as patterns and lists of patterns. Only the project's own includes are checked: those in quotes and of the control library.
+A pattern that no file matches, and a permission that no file of its row uses, is an error too. Code that tests the server
+from outside may not reach the server's code through any number of headers.
 """
 import fnmatch
 import pathlib

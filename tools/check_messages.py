@@ -3,15 +3,15 @@
 
     tools/check_messages.py [ROOT]
 
-Prints what is on one side only and exits 1 if there is anything. The rules by which it reads:
+Prints what is on one side only and exits with 1 if there is anything. Its rules:
 
-In the sources, a printed text is a string literal that ends in a line end, or one that is handed to a printing
-function itself. Literals that stand side by side are one. An assertion is the expression of a CHECK, or what an
-unlock is reported with. A dump that is built from pieces has each of its words somewhere on the page; the unit
-tests compare the examples on the page with real dumps. Nothing prints but base/diag and the dump of a control packet.
+In the sources, a printed text is a string literal that ends in a line end, or one passed directly to a printing
+function. Adjacent literals are one. An assertion is the expression of a CHECK, or the text that reports a failed
+unlock. A dump built from pieces must have each of its words on the page; the unit tests compare the examples on the
+page with real dumps. Only base/diag and the dump of a control packet print.
 
-On the page, a text is the code at the beginning of a table row, without its line end. "(no line end)" and
-"(standard output)" behind it mean what they say. Under the heading "Assertions" it is an expression.
+On the page, a text is the code at the beginning of a table row, without its line end. It may be followed by "(no line
+end)" or "(standard output)". Under the heading "Assertions" it is an expression.
 """
 import pathlib
 import re
@@ -24,7 +24,7 @@ ASSERTIONS_HEADING = "Assertions"
 
 PRINTERS = {"diag", "refuse", "diag_block", "diag_stdout", "fputs"}
 STANDARD_OUTPUT_PRINTERS = {"diag_stdout"}
-PASSED_ON = "%s"  # diag("%s", text): the text stands whole where it is chosen
+PASSED_ON = "%s"  # diag("%s", text): the text is complete where it is chosen
 OTHER_PRINTERS = re.compile(r"\b(?:v?f?d?printf|puts|fputs|fwrite|perror|syslog|cout|cerr|clog)\b")
 MAY_PRINT = ["base/diag.cpp", "base/diag.h", "comm_socket/packet_dump.cpp"]
 
@@ -50,7 +50,8 @@ STANDARD_OUTPUT = "standard output"
 
 
 def tokens(source):
-    """(kind, text, offset) without comments, spaces and directives; neighbouring literals joined and unescaped."""
+    """Returns (kind, text, offset) without comments, spaces and directives, with adjacent literals joined and
+    unescaped."""
     result = []
     for found in TOKEN.finditer(source):
         kind, text = found.lastgroup, found.group()
@@ -65,7 +66,7 @@ def tokens(source):
 
 
 def balanced(source, start):
-    """What stands between the parenthesis at start and the one that closes it."""
+    """Returns the text between the parenthesis at start and its closing one."""
     depth = 0
     for offset in range(start, len(source)):
         depth += {"(": 1, ")": -1}.get(source[offset], 0)

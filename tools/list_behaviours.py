@@ -3,8 +3,8 @@
 
     tools/list_behaviours.py [ROOT]
 
-A test is named by a sentence: its suite is the subject, its name the rest. Suites are grouped by their file; the first
-pattern that matches decides. Tests of GoogleTest, of Python's unittest and of CMake's add_test are listed.
+A test's name is a sentence: the suite is its subject, the test name the rest. Suites are grouped by file; the first
+matching pattern decides. Lists the tests of GoogleTest, Python's unittest and CMake's add_test.
 """
 import fnmatch
 import pathlib
@@ -73,7 +73,7 @@ Each line is a test, and its name is the sentence; the files with the tests foll
 
 
 def words(name):
-    """a_name_like_this or ANameLikeThis as words. The former keep their capitals."""
+    """Splits a_name_like_this or ANameLikeThis into words. The former keeps its capitals."""
     if "_" in name or name.islower():
         return name.replace("_", " ").strip()
     found = WORDS.findall(name)
@@ -87,7 +87,7 @@ def subject(suite):
 
 
 def tests_of(path):
-    """(subject, sentence) of every test in a file."""
+    """Returns (subject, sentence) of every test in a file."""
     text = path.read_text(encoding="utf-8")
     if path.suffix == ".cpp":
         return [(subject(suite), words(name)) for suite, name in GOOGLE_TEST.findall(text)]
@@ -107,7 +107,7 @@ def group_of(name):
 
 
 def collect(root):
-    """For each group: subject -> (sentences in order of the files, files)."""
+    """Returns for each group: subject -> (sentences in order of the files, files)."""
     groups = [{} for _ in GROUPS]
     files = sorted(path for path in (root / TESTS).rglob("*")
                    if path.suffix in (".cpp", ".py") or path.name == "CMakeLists.txt")

@@ -8,7 +8,7 @@ namespace {
 
 constexpr unsigned GROWTH_PERCENT = 150;
 constexpr unsigned SEARCH_STEPS = 3;
-// What takes longer is too late for every limit that can be asked for but the largest.
+// Anything slower is too late for every selectable limit but the largest.
 constexpr double ARRIVAL_WAIT_SECONDS = 2;
 
 bool holds(const nlohmann::json& report, unsigned late_ms) {
@@ -46,7 +46,7 @@ class CapacityRun {
     }
 
   private:
-    // Whether the frames of this rate are such that the server takes them.
+    // Whether the server accepts frames of the size that this rate needs.
     bool fits(unsigned kbit) const {
         StreamShape shape = load.shape;
         shape.set_video_kbit(kbit);

@@ -1,4 +1,4 @@
-// Players that wait for a stream, or threads that only sleep: what it costs to have nothing to do.
+// Measures the cost of being idle: players that wait for a stream, or threads that only sleep.
 #include <cmath>
 
 #include "bench/journal.h"
@@ -9,7 +9,7 @@
 
 namespace {
 
-// Memory is noted after every so many connections.
+// Memory is recorded each time this many connections were added.
 constexpr unsigned MEMORY_STEP = 10;
 constexpr Milliseconds SETTLE{500};
 
@@ -47,7 +47,7 @@ class IdleRun {
                 steps.push_back({i, memory()});
             }
         }
-        // The last replies are on their way.
+        // The last replies are still in transit.
         std::this_thread::sleep_for(SETTLE);
         const double rise = static_cast<double>(memory()) - static_cast<double>(empty);
         report["idle"] = {{"empty_kib", empty},

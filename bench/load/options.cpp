@@ -9,7 +9,7 @@
 namespace {
 
 constexpr unsigned TABLE_SLOTS = 128;
-// Visitors of a storm, and those whose slot is not free again yet.
+// Slots for the visitors of a storm, and for those whose slot is not yet free again.
 constexpr unsigned STORM_SLOTS = 16;
 constexpr unsigned STORM_PLAYERS = 100;
 constexpr const char* DESCRIPTION =

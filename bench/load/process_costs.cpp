@@ -17,7 +17,7 @@ std::string proc_path(pid_t pid) {
     return "/proc/" + std::to_string(pid);
 }
 
-// A number of a status file, such as that of "VmRSS:"; 0 when the file or the field is not there.
+// Returns a number in a status file, such as that of "VmRSS:". 0 if the file or the field is missing.
 std::uint64_t status_number(const std::string& path, const std::string& field) {
     std::ifstream file(path);
     for (std::string line; std::getline(file, line);) {

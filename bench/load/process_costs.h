@@ -1,5 +1,5 @@
-// What processes and the machine have used so far, as the kernel counts it; costs are differences of two
-// of these.
+// Resources used so far by a process and by the machine, as counted by the kernel. Costs are differences of
+// two of these.
 #pragma once
 
 #include <sys/types.h>
@@ -9,13 +9,13 @@
 #include <map>
 
 struct ProcessCosts {
-    // Throws TestFailure when there is no such process.
+    // Throws TestFailure if there is no such process.
     static ProcessCosts of(pid_t pid);
 
-    std::uint64_t cpu_ns = 0;  // all threads, those that have ended included
+    std::uint64_t cpu_ns = 0;  // all threads, including ended ones
     std::uint64_t main_ns = 0;
     std::map<pid_t, std::uint64_t> threads_ns;
-    // Of the threads that live.
+    // Of living threads only.
     std::uint64_t voluntary_switches = 0;
     std::uint64_t involuntary_switches = 0;
     std::size_t rss_kib = 0;
@@ -23,12 +23,12 @@ struct ProcessCosts {
 
 std::size_t resident_kib(pid_t pid);
 
-// CPU time of the thread that has used most since.
+// Returns the CPU time of the thread that used the most between before and after.
 std::uint64_t busiest_thread_ns(const ProcessCosts& before, const ProcessCosts& after);
 
 struct MachineCosts {
     static MachineCosts now();
-    // Of all cores, in per cent.
+    // The share of all cores, in percent.
     static double busy_percent(const MachineCosts& before, const MachineCosts& after);
 
     std::uint64_t all_ticks = 0;

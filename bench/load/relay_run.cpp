@@ -1,5 +1,5 @@
-// Publishers and players: they join, get their first picture, warm up, are measured, and everything that was
-// sent must have arrived at the end.
+// Publishers and players join, get their first picture, warm up and are measured. At the end everything sent
+// must have arrived.
 #include <cmath>
 #include <deque>
 #include <memory>
@@ -16,10 +16,10 @@ namespace {
 
 constexpr Milliseconds PICTURE_WAIT{30000};
 constexpr Milliseconds POLL{5};
-// The server gives memory back 10 s after connections have gone.
+// The server returns memory 10 s after connections have gone.
 constexpr Milliseconds GIVE_BACK_WAIT{11000};
 constexpr Milliseconds MEMORY_PERIOD{1000};
-// Streams do not begin together, and their key frames do not come together.
+// Neither the starts nor the key frames of the streams coincide.
 constexpr unsigned BEYOND_EVEN_MS = 7;
 constexpr std::size_t VISITS_AT_ONCE = 8;
 constexpr int STUCK_BUFFER_BYTES = 16384;
@@ -134,8 +134,8 @@ class RelayRun {
         }
     }
 
-    // Players join one after the other; one that has been there for a few joins leaves, by turns in good
-    // order and by a reset.
+    // Players join one after the other. After a few more joins each leaves, alternately by an orderly close
+    // and by a reset.
     void storm_until(TimePoint end) {
         std::deque<Receiver::Id> visitors;
         std::uint64_t visits = 0;
@@ -177,7 +177,7 @@ class RelayRun {
         }
     }
 
-    // Everything that was sent arrives, and the server ends in good order.
+    // Requires that everything sent arrives and that the server exits cleanly.
     void finish() {
         const std::vector<std::uint32_t> sent = stop_sending();
         const Milliseconds wait = milliseconds(load.arrival_wait_seconds);
@@ -224,7 +224,7 @@ class RelayRun {
     nlohmann::json report;
     Target target;
     Journal journal;
-    // The receiver reads from the publishers' descriptors, so it ends before them.
+    // The receiver reads from the publishers' descriptors, so it must be destroyed before them.
     std::unique_ptr<Publishers> publishers;
     Receiver receiver;
     std::vector<LoadPlayer> stuck;

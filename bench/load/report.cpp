@@ -9,7 +9,7 @@ namespace {
 
 constexpr double NS_PER_SECOND = 1e9;
 constexpr double KIB_PER_MIB = 1024;
-// A thread that works so much of the time, or cores that do, hold the others up.
+// A thread this busy, or cores this busy, are the bottleneck.
 constexpr double FULL_PERCENT = 90;
 
 double seconds_of(std::uint64_t ns) {

@@ -1,4 +1,4 @@
-// What a load has shown, as JSON, and the same for people.
+// The report of a load, as JSON and as text.
 #pragma once
 
 #include <nlohmann/json.hpp>
@@ -10,9 +10,9 @@
 #include "bench/load_player.h"
 #include "tests/support/time_limits.h"
 
-// What everybody has used so far.
+// Resources used so far by all processes involved.
 struct Snapshot {
-    // pid is the server's; 0 when it is not known.
+    // pid is the server's; 0: unknown.
     static Snapshot take(pid_t pid);
 
     TimePoint when;
@@ -22,11 +22,11 @@ struct Snapshot {
 };
 
 nlohmann::json setup_of(const LoadOptions& load);
-// What was used between the two: "seconds", "server", "load_generator", "machine_busy_percent"
+// Returns the costs between the two: "seconds", "server", "load_generator", "machine_busy_percent"
 // and "bottleneck".
 nlohmann::json costs_between(const Snapshot& before, const Snapshot& after);
 nlohmann::json figures_of(const Lateness& lateness);
 nlohmann::json faults_of(const FrameTally& tally);
 
-// Prints the report for people, to standard output.
+// Prints the report as text on standard output.
 void print_report(const nlohmann::json& report);

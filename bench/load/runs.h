@@ -1,5 +1,5 @@
-// The modes of relay_load. Each returns its report; "passed" in it says whether everything was as it must be,
-// and "failures" what was not. A failure that ends the run early is thrown as TestFailure.
+// The modes of relay_load. Each returns its report: "passed" says whether all checks held, and "failures"
+// lists those that did not. A failure that ends the run early is thrown as TestFailure.
 #pragma once
 
 #include <nlohmann/json.hpp>
@@ -12,5 +12,5 @@ nlohmann::json run_relay(const LoadOptions& load);
 nlohmann::json run_idle(const LoadOptions& load);
 nlohmann::json run_capacity(const LoadOptions& load);
 
-// Tells people, on standard error, what is done now.
+// Reports the current step on standard error.
 void say(const char* text);

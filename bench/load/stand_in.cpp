@@ -26,7 +26,7 @@ namespace {
 constexpr std::uint32_t AUDIO_CSID = 4;
 constexpr std::uint32_t VIDEO_CSID = 6;
 constexpr int BACKLOG = 128;
-// Time to lay the messages out.
+// Time to encode the messages.
 constexpr Milliseconds PREPARATION{1000};
 constexpr Milliseconds WRITER_SLEEP{50};
 constexpr Milliseconds MAIN_SLEEP{10};
@@ -49,7 +49,7 @@ struct LaidOut {
     Bytes bytes;
 };
 
-// Everything that a player gets, as it is on the wire.
+// Returns everything that a player receives, as on the wire.
 std::vector<LaidOut> lay_out(const LoadOptions& load, TimePoint begin, std::uint32_t& frames) {
     const std::uint32_t chunk = load.player_chunk_bytes;
     std::vector<LaidOut> messages;
@@ -62,7 +62,7 @@ std::vector<LaidOut> lay_out(const LoadOptions& load, TimePoint begin, std::uint
         {begin, chunked({.type = MSG_VIDEO, .payload = avc_header(), .csid = VIDEO_CSID}, chunk)});
     const auto begin_us = static_cast<std::uint64_t>(
         std::chrono::duration_cast<std::chrono::microseconds>(begin.time_since_epoch()).count());
-    // Half a second more than is measured.
+    // Half a second longer than the measurement.
     const auto end_ms = static_cast<std::uint32_t>((load.warm_up_seconds + load.seconds) * 1000) + 500;
     FrameSchedule schedule(load.shape);
     for (Frame frame = schedule.next(); frame.due_ms < end_ms; frame = schedule.next()) {
@@ -101,7 +101,7 @@ void send_floor(const LoadOptions& load, int listener, int report_fd) {
         }
     }
     (void)!write(report_fd, &counts, sizeof counts);
-    // Its times are read while it lives.
+    // Its times are read while it is alive.
     pause();
 }
 

@@ -1,5 +1,5 @@
-// Processes that are measured in the server's place, for what no server can do without: sending the bytes,
-// and waking up to look for work. Create them before the process has threads.
+// Processes measured in place of the server, for the costs that every server has: sending the bytes and
+// waking up to look for work. Create them before the process has threads.
 #pragma once
 
 #include <sys/types.h>
@@ -9,7 +9,7 @@
 
 #include "bench/load/options.h"
 
-// A child process that runs a function and reports once through a pipe. It is killed by the destructor.
+// A child process that runs a function and reports once through a pipe. The destructor kills it.
 class StandIn {
   public:
     explicit StandIn(const std::function<void(int report_fd)>& body);
@@ -20,7 +20,7 @@ class StandIn {
     pid_t pid() const { return child; }
 
   protected:
-    // Waits for the report; false when the child has ended without it.
+    // Waits for the report. False if the child ended without one.
     [[nodiscard]] bool read_report(void* report, std::size_t size_bytes) const;
 
   private:
@@ -28,9 +28,8 @@ class StandIn {
     int report_fd = -1;
 };
 
-// The bare fan-out: takes as many players as the load has, then sends them the frames of one stream in real
-// time, each message with one send to each player, on blocking sockets with TCP_NODELAY. The messages are
-// laid out before.
+// The bare fan-out. Accepts the load's players, then sends them the frames of one stream in real time, with
+// one send per message and player, on blocking sockets with TCP_NODELAY. The messages are encoded in advance.
 class FloorSender : public StandIn {
   public:
     struct Counts {
@@ -39,8 +38,8 @@ class FloorSender : public StandIn {
         std::uint64_t sends = 0;
     };
     explicit FloorSender(const LoadOptions& load);
-    // Waits until it has sent everything. Throws TestFailure when it has failed, or has not made exactly as
-    // many sends as there are messages for all players.
+    // Waits until it has sent everything. Throws TestFailure if it failed, or if the number of sends is not
+    // the number of messages times players.
     Counts finish() const;
 
   private:
@@ -48,7 +47,7 @@ class FloorSender : public StandIn {
     unsigned players;
 };
 
-// As many threads as the load has players, that sleep 50 ms again and again, and a main thread that sleeps
+// One thread per player of the load, which repeatedly sleeps 50 ms, and a main thread that repeatedly sleeps
 // 10 ms.
 class Sleepers : public StandIn {
   public:

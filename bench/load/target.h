@@ -1,4 +1,4 @@
-// What is loaded: a server of our own, one that runs already, or the process that stands in for it.
+// The target of the load: a server started for it, a running server, or a process that stands in for one.
 #pragma once
 
 #include <sys/types.h>
@@ -12,14 +12,14 @@
 
 class Target {
   public:
-    // Starts it, unless it runs already. To be created before the process has threads.
+    // Starts the target unless it is already running. Create it before the process has threads.
     explicit Target(const LoadOptions& load);
 
     ClientOptions client_options() const;
-    // 0 when it is not known.
+    // 0 if unknown.
     pid_t pid() const;
     const FloorSender* floor() const { return floor_sender ? &*floor_sender : nullptr; }
-    // Requires that a server of our own ends in good order.
+    // Stops a server started by this object and requires that it exits cleanly.
     void stop();
 
   private:

@@ -1,4 +1,4 @@
-// AMF0: the metadata of a real encoder, and the widest and the deepest value that a message can hold.
+// AMF0: the metadata of a real encoder, and the widest and deepest values that fit in a message.
 #include <benchmark/benchmark.h>
 
 #include <cstdint>
@@ -86,7 +86,7 @@ void decode(benchmark::State& state, const Bytes& bytes) {
 
 void encode(benchmark::State& state, const Bytes& bytes) {
     const AMF_Value value = decoded(bytes);
-    // Each level that the end of the data has closed is written with an end marker.
+    // Each level closed by the end of the data is written with an end marker.
     Bytes out(2 * MESSAGE_BYTES + bytes.size());
     for (auto _ : state) {
         unsigned char* d = out.data();

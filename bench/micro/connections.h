@@ -1,5 +1,5 @@
-// Connections of the server's own table for benchmarks, on a clock that stands still and with threads that do
-// nothing. The peer's end of each socket pair is the benchmark's.
+// Connections in the server's own table for benchmarks, with a stopped clock and idle threads. The benchmark
+// holds the peer's end of each socket pair.
 #pragma once
 
 #include <cstddef>
@@ -9,8 +9,7 @@
 
 #include "core/connection.h"
 
-// Of the wrapped recv(2): what the server receives comes from here as long as it is set, and begins again at
-// its end.
+// The data of the wrapped recv(2). While set, the server receives these bytes in a loop.
 struct ReceivedBytes {
     static void set(const std::string* new_source);
 };
@@ -25,14 +24,14 @@ class Connections {
     RTMPConnection& add();
     RTMPConnection& add_publisher(const std::string& stream_name);
     RTMPConnection& add_player(const std::string& stream_name);
-    // The peer's end of the connection that was added as this one.
+    // The peer's end of the connection added as number idx.
     int peer(std::size_t idx) const { return peers.at(idx); }
 
   private:
     std::vector<int> peers;
 };
 
-// What the main thread does with a publisher's audio or video message.
+// Does what the main thread does with a publisher's audio or video message.
 [[nodiscard]] bool relay_to_players(RTMPConnection& publisher, RTMP_Packet& pkt);
 
 RTMP_Packet packet_of(std::uint8_t type, std::uint32_t timestamp, const std::string& payload);

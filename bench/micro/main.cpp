@@ -10,7 +10,7 @@ int main(int argc, char** argv) {
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
         return 1;
     }
-    // What the server says is written, and read by nothing: a terminal would be timed.
+    // The server's messages go to /dev/null. A terminal would add to the times.
     const int nowhere = open("/dev/null", O_WRONLY | O_CLOEXEC);
     if (nowhere < 0 || dup2(nowhere, STDERR_FILENO) < 0) {
         std::printf("/dev/null cannot be opened\n");

@@ -1,11 +1,11 @@
-// For benchmarks of which only a part is timed.
+// Timing for part of a benchmark's loop.
 #pragma once
 
 #include <benchmark/benchmark.h>
 
 #include <chrono>
 
-// Times only what the action does, and not what stands around it in the loop of a benchmark with manual time.
+// Times only the action, not the rest of the loop, in a benchmark with manual time.
 template <typename Action>
 void timed(benchmark::State& state, Action action) {
     const auto begin = std::chrono::steady_clock::now();

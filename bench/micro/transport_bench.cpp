@@ -1,5 +1,4 @@
-// The road of a message: chunks into a message, one message into the queues of all players, a message
-// into chunks.
+// The path of a message: from chunks to a message, into the queues of all players, and to chunks again.
 #include <benchmark/benchmark.h>
 #include <sys/socket.h>
 
@@ -17,7 +16,7 @@
 
 namespace {
 
-// A frame of 4 Mbit/s at 30 a second.
+// A frame of a stream with 4 Mbit/s and 30 frames per second.
 constexpr std::size_t FRAME_BYTES = 16666;
 constexpr std::size_t KEY_FRAME_BYTES = 12 * FRAME_BYTES;
 constexpr unsigned FRAME_MS = 33;
@@ -48,7 +47,7 @@ void read_message(benchmark::State& state) {
     set_bytes(state, wire.size());
 }
 
-// A stream with players that have its decoder settings, and frames for it, 33 ms apart.
+// A stream, its frames 33 ms apart, and players that have its decoder settings.
 class Stream {
   public:
     Stream(std::size_t player_count, std::size_t frame_bytes)
@@ -97,7 +96,7 @@ void drain(int fd) {
     }
 }
 
-// Arguments: payload and chunk size. Several relayed messages wait, as they do when a writer wakes up.
+// Arguments: payload and chunk size. Several relayed messages are queued, as when a writer wakes up.
 void write_messages(benchmark::State& state) {
     Stream stream(1, static_cast<std::size_t>(state.range(0)));
     RTMPConnection& player = *stream.players[0];

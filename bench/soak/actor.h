@@ -1,5 +1,5 @@
-// Somebody who does the same thing again and again beside the others, on a thread of its own. A step that
-// fails is kept in the journal, and the next one comes all the same.
+// Repeats a step on its own thread, concurrently with other actors. A failed step is recorded in the journal
+// and does not prevent the next one.
 #pragma once
 
 #include <condition_variable>
@@ -13,16 +13,16 @@
 
 class Actor {
   public:
-    // The step may wait with rest(), on the actor's thread.
+    // On the actor's thread, the step may wait with rest().
     Actor(std::string actor_name, Milliseconds pause_between, Journal& failures,
           std::function<void(Actor&)> actor_step);
     ~Actor() { stop(); }
     Actor(const Actor&) = delete;
     Actor& operator=(const Actor&) = delete;
 
-    // Waits so long; false, and at once, when the actor is to stop.
+    // Waits for this time. Returns false at once if the actor is to stop.
     bool rest(Milliseconds time);
-    // Ends rest() and lets the step come to its end.
+    // Ends rest() and waits for the step to end.
     void stop();
 
   private:

@@ -6,9 +6,9 @@
 
 namespace {
 
-// Who leaves earlier need not have received anything.
+// A player that leaves earlier need not have received anything.
 constexpr Milliseconds LONG_ENOUGH{5000};
-// About five seconds of sound and pictures.
+// About five seconds of audio and video.
 constexpr std::uint32_t MOST_FRAMES_BEHIND = 365;
 // One player in four asks for larger chunks.
 constexpr std::size_t LARGE_CHUNKS_EVERY = 4;

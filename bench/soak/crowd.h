@@ -1,4 +1,4 @@
-// The well-behaved players: some stay for the whole soak, the others come and go all the time.
+// The well-behaved players. Some stay for the whole soak, the others come and go.
 #pragma once
 
 #include <cstdint>
@@ -11,13 +11,13 @@
 
 class Crowd {
   public:
-    // They join the streams in turn.
+    // Players join the streams in turn.
     Crowd(std::size_t stream_count, Receiver& receiver, Journal& events);
 
     void join_to_stay() { stay.push_back(join()); }
     void join_for_a_while() { come_and_go.push_back(join()); }
-    // The one that came first of those who come and go leaves: by turns in good order and by a reset. When it
-    // has been there for long enough, it must have kept up with what has been sent of its stream so far.
+    // Makes the oldest visiting player leave, alternately by an orderly close and by a reset. If it has
+    // stayed long enough, it must have kept up with what was sent of its stream.
     void let_one_leave(const std::vector<std::uint32_t>& sent);
     void let_all_leave(const std::vector<std::uint32_t>& sent);
 

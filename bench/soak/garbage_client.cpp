@@ -19,7 +19,7 @@ constexpr std::uint32_t CHUNK_STREAMS = 64;
 constexpr std::uint32_t FORMATS = 4;
 const std::string MEDIA_STREAM = "garbage_media";
 
-// Reads, whatever it is, until the server closes or the patience is over.
+// Reads anything until the server closes or the time limit expires.
 void read_on(const RtmpClient& client) {
     const TimePoint deadline = SteadyClock::now() + PATIENCE;
     std::array<char, 4096> ignored{};
@@ -53,7 +53,7 @@ std::uint8_t GarbageClients::any_type() {
     return TYPES[below(TYPES.size())];
 }
 
-// Names of its own, so that the garbage that works meets nobody else.
+// Uses its own names, so that garbage that is accepted affects no other client.
 Bytes GarbageClients::command() {
     static const std::array<std::string, 8> NAMES = {
         "connect", "createStream", "publish", "play", "releaseStream", "FCPublish", "_error", "deleteStream"};
@@ -126,8 +126,8 @@ void GarbageClients::damaged_metadata() {
     read_on(client);
 }
 
-// A message from the future is held until its time has come, and its publisher with it, even when the client
-// has gone: only the control socket ends that.
+// A message with a future timestamp is held until that time, together with its publisher, even if the client
+// has gone. Only the control socket ends that.
 void GarbageClients::garbage_media() {
     RtmpClient client = publishing_client(MEDIA_STREAM);
     for (std::uint32_t i = 0; i < MESSAGES; ++i) {

@@ -1,4 +1,5 @@
-// Clients that send garbage, further and further into the conversation: the same ones for the same seed.
+// Clients that send garbage at later and later points of the conversation. The same seed gives the
+// same clients.
 #pragma once
 
 #include <cstdint>
@@ -10,7 +11,7 @@
 class GarbageClients {
   public:
     GarbageClients(std::uint32_t seed, Journal& events) : random(seed), journal(events) {}
-    // One client comes, misbehaves and goes.
+    // Connects one client, which misbehaves and leaves.
     void step();
 
   private:

@@ -1,15 +1,15 @@
-// Somebody with the control tool: lists the connections, and drops some that have joined for just that.
+// An operator with the control tool. Lists the connections, and drops some that joined for this purpose.
 #pragma once
 
 #include "bench/journal.h"
 
 struct OperatorOrders {
     std::size_t publishers;
-    std::size_t players;  // who stay
+    std::size_t players;  // players that stay
 };
 
-// One step: a list, which must show the publishers and the players, then a drop of one player of a stream by
-// its id, or by turns of all that wait for a stream by its name.
+// A step takes a list, which must show the publishers and the players. Then it drops, by turns, one player of
+// a stream by its id or all players waiting for a stream by its name.
 class Operator {
   public:
     Operator(const OperatorOrders& operator_orders, Journal& events)

@@ -1,5 +1,5 @@
-// What is measured once a second, as lines of a CSV file, and what is known at the end, as JSON;
-// soak_report.py reads both.
+// The measurements of each second, as lines of a CSV file, and the totals at the end, as JSON. soak_report.py
+// reads both.
 #pragma once
 
 #include <cstddef>
@@ -12,7 +12,7 @@
 #include "bench/load_player.h"
 #include "tests/support/server_process.h"
 
-// What the server holds at one moment.
+// The resources of the server at one moment.
 struct Holdings {
     std::size_t rss_kib;
     std::size_t threads;
@@ -25,9 +25,9 @@ class SampleFile {
   public:
     SampleFile(const std::string& path, const ServerProcess& server, unsigned late_limit_ms);
 
-    // Measures the server, adds a line and keeps the sums. To be called about once a second.
+    // Measures the server, adds a line and updates the sums. Call about once a second.
     void add(const FrameTally& tally, std::size_t players, double oversleep_ms);
-    // The last line, for people.
+    // The last line as readable text.
     std::string progress() const;
     const FrameTally& total() const { return sum; }
 

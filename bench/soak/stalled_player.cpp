@@ -45,7 +45,7 @@ void StalledPlayer::step(Actor& self) {
     journal.count("stalls");
 }
 
-// Whether the server's writer waits by now: the sockets take a few megabytes before that.
+// Records whether the server's writer is blocked; first the sockets take a few megabytes.
 void StalledPlayer::note_full_socket(Actor& self, const std::string& address) const {
     const auto bytes_sent = [&] { return listed_connection(address).at("bytes_sent").get<std::uint64_t>(); };
     const std::uint64_t before = bytes_sent();

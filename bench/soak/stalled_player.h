@@ -1,5 +1,5 @@
-// A player that stops reading, so that its stream piles up in the server, and then leaves, is dropped through
-// the tool, or reads on and must find everything in its place.
+// A player that stops reading, so that its stream queues up in the server. Then it leaves, is dropped with
+// the tool, or reads on and must find every frame in order.
 #pragma once
 
 #include <string>

@@ -1,5 +1,5 @@
-// A publisher falls silent and another takes its stream over: the silent one and the player that had its
-// media are dropped, and a player that comes then gets the media of the other.
+// A publisher falls silent and another takes over its stream. The silent publisher and the player that had
+// its media are dropped, and a new player gets the media of the other.
 #pragma once
 
 #include "bench/journal.h"

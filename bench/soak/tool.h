@@ -1,4 +1,4 @@
-// v9_rtmp_ctl as the actors of a soak use it. Throws TestFailure when it does not do what it was asked for.
+// v9_rtmp_ctl for the actors of a soak. Throws TestFailure if the tool does not do as asked.
 #pragma once
 
 #include <cstdint>
@@ -8,7 +8,7 @@
 #include "tests/support/rtmp_client.h"
 
 nlohmann::json list_connections();
-// The connection from this address, as "list" shows it.
+// Returns the connection from this address, as "list" shows it.
 nlohmann::json listed_connection(const std::string& address);
 // Returns how many connections were dropped.
 std::uint64_t drop_by_id(std::uint64_t id);

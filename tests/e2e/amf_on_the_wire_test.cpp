@@ -1,5 +1,5 @@
-// Which AMF0 values the server takes, shown by the dump of a connect's command object, and what becomes of
-// those that it does not take.
+// The AMF0 values that the server accepts, shown by the dump of a connect's command object, and its handling
+// of those it rejects.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -15,7 +15,7 @@ namespace {
 
 using Lines = std::vector<std::string>;
 
-// What the server prints about a connect with this command object, up to the refusal of the
+// Returns what the server prints about a connect with this command object, up to the refusal of the
 // empty application.
 Lines dump_of(const ServerProcess& server, const Bytes& command_object) {
     RtmpClient client = handshaken_client();
@@ -215,7 +215,7 @@ TEST(amf_on_the_wire, values_that_are_cut_short_drop_the_client) {
         from_hex("02 0005 61626364"),  // 4 bytes of 5
         from_hex("0C 000000"),
         from_hex("0C 00000002 61"),
-        from_hex("0C 00100001 61"),  // longer than any long string may be
+        from_hex("0C 00100001 61"),  // longer than a long string may be
         from_hex("0C FFFFFFFF 61"),
         from_hex("0F 00000002 61"),
         from_hex("03 00"),

@@ -1,5 +1,5 @@
-// What clients may do with chunk headers, and what ends their connection. A createStream answer carries the
-// chunk stream, timestamp and message stream of its request, so it shows what the server made of a header.
+// Valid uses of chunk headers, and errors that end the connection. A createStream reply carries the chunk
+// stream, timestamp and message stream of its request, so it shows how the server read a header.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -14,7 +14,7 @@ namespace {
 
 using testing::ElementsAre;
 
-// A request that is answered at any time, connected or not; more bytes after it are not read.
+// A request that is answered at any time, connected or not. Extra bytes after it are ignored.
 Bytes request(std::size_t payload_bytes = 0) {
     Bytes payload = amf_string("createStream") + amf_number(2) + amf_null();
     if (payload_bytes > payload.size()) {
@@ -151,7 +151,7 @@ TEST(chunk_reader, a_shorter_header_on_a_new_chunk_stream_starts_from_zero) {
     EXPECT_EQ(answer(client), (Header{20, 5, 0}));
     client.send_message({.payload = request(), .csid = 20, .fmt = 3});
     EXPECT_EQ(answer(client), (Header{20, 10, 0}));
-    // Formats 2 and 3 take length 0 and type 0 from it: an empty message that nobody cares about.
+    // Formats 2 and 3 take length 0 and type 0 from it: an empty message that is ignored.
     client.send_bytes(basic_header(2, 21) + be24(9) + basic_header(3, 22));
     EXPECT_TRUE(client.round_trip().empty());
 }

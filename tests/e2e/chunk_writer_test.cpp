@@ -15,7 +15,7 @@ namespace {
 
 using testing::ElementsAre;
 
-// A transaction id, which the server sends back, that makes the answer to releaseStream exactly so long.
+// Returns a transaction id that makes the reply to releaseStream, which contains it, exactly this long.
 Bytes id_for_reply_of(std::size_t reply_bytes) {
     const std::size_t around = plain_result(amf_long_string("")).size();
     return amf_long_string(pattern_bytes(reply_bytes - around));
@@ -161,8 +161,8 @@ TEST(chunk_writer, the_chunk_size_echo_goes_out_under_the_old_size_and_what_foll
 }
 
 TEST(chunk_writer, replies_that_wait_when_the_chunk_size_changes_keep_the_old_one) {
-    // However the replies and the echo come to stand in the queue, the strict reader sees each in its
-    // own size.
+    // Whatever the order of the replies and the echo in the queue, the strict reader requires the right chunk
+    // size for each.
     ServerProcess server;
     RtmpClient client = handshaken_client();
     for (const std::uint32_t size : {4096U, 128U, 1U, 200U, 3U, 128U}) {

@@ -25,7 +25,7 @@ const std::string USAGE =
     "  --dbg-pkt     Debug packet conversation (without A/V content)\n"
     "  --no-def-ack  Do not send ACK packets unless asked to.\n";
 
-// Removes whatever a test puts at the control socket's path.
+// Removes what a test leaves at the control socket's path.
 struct CleanSocketPath {
     CleanSocketPath() { std::filesystem::remove_all(CONTROL_SOCKET_PATH); }
     ~CleanSocketPath() { std::filesystem::remove_all(CONTROL_SOCKET_PATH); }
@@ -39,14 +39,14 @@ void expect_refusal(const std::vector<std::string>& arguments, const std::string
     EXPECT_EQ(run.out, "") << shown;
 }
 
-// A listener on the server's port that lets nobody share it.
+// A listener on the server's port that does not share it.
 class PortOwner {
   public:
     PortOwner() : fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
         sockaddr_in address{};
         address.sin_family = AF_INET;
         address.sin_port = htons(1935);
-        // Past connections of the port may linger; a listener is in the server's way all the same.
+        // Past connections of the port may linger; a listener still blocks the server.
         const int on = 1;
         if (setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0 ||
             bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
@@ -62,7 +62,7 @@ class PortOwner {
     int fd;
 };
 
-// A /dev with nothing in it, as in a bare chroot.
+// An empty /dev, as in a bare chroot.
 class BareDev {
   public:
     BareDev() { checked(mount("tmpfs", "/dev", "tmpfs", 0, nullptr), "mounting a tmpfs on /dev"); }
@@ -81,7 +81,7 @@ void leave_stale_socket() {
     ASSERT_TRUE(std::filesystem::is_socket(CONTROL_SOCKET_PATH));
 }
 
-// A server whose main thread hangs in a write to its log, which nobody reads.
+// A server whose main thread blocks in a write to its log, which is not read.
 class StuckServer {
   public:
     StuckServer() : server(options()), client(handshaken_client()) {
@@ -106,7 +106,7 @@ class StuckServer {
     RtmpClient client;
 };
 
-// In either order: the reader thread acknowledges the request while the main thread may already answer it.
+// In either order: the reader thread acknowledges the request while the main thread may already reply.
 void expect_acknowledgement_and_answer(RtmpClient& client) {
     std::set<int> types{client.read_any_message().type};
     types.insert(client.read_any_message().type);
@@ -288,8 +288,7 @@ TEST(command_line, a_port_that_another_program_keeps_to_itself_prevents_the_star
         const PortOwner owner;
         expect_refusal({}, "Cannot bind socket\n");
     }
-    // The way out through the listener leaves the control socket as it is; the next start takes the
-    // path over.
+    // An exit because of the listener leaves the control socket in place; the next start takes over the path.
     EXPECT_TRUE(std::filesystem::is_socket(CONTROL_SOCKET_PATH));
     ServerProcess server;
     (void)connected_client();
@@ -318,7 +317,7 @@ TEST(command_line, no_descriptor_for_the_listener_ends_the_start_without_a_word)
     ServerOptions options;
     // Three standard descriptors and one for the control socket.
     options.limits = {{RLIMIT_NOFILE, 4}};
-    // A leak check at the end would need descriptors of its own.
+    // A leak check at exit would need more descriptors.
     options.environment = {"ASAN_OPTIONS=detect_leaks=0"};
     const FinishedRun run = run_server_to_its_end(options);
     EXPECT_EQ(run.end.status, 1);

@@ -1,4 +1,4 @@
-// The connect command: who is let in, what the answer says, what the log shows of the request.
+// The connect command: who is admitted, what the reply says, and what the log shows of the request.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 

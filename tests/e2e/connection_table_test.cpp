@@ -1,4 +1,4 @@
-// How connections end, and that their slots, threads and descriptors come back.
+// How connections end, and that their slots, threads and descriptors are freed.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
@@ -21,8 +21,8 @@ const std::string REFUSAL = "Too many connections, dropping new connection";
 
 using Clients = std::vector<std::unique_ptr<RtmpClient>>;
 
-// Not more at a time than the kernel queues for the server: whoever finds that queue full tries again a
-// second later.
+// At most as many at a time as the kernel queues for the server. A client that finds the queue full tries
+// again a second later.
 constexpr std::size_t CLIENTS_AT_A_TIME = 16;
 
 void add_clients(const ServerProcess& server, Clients& clients, std::size_t count) {
@@ -35,8 +35,7 @@ void add_clients(const ServerProcess& server, Clients& clients, std::size_t coun
     }
 }
 
-// The size of a thread's stack for which no system has room. ThreadSanitizer does not start with more
-// than this.
+// A thread stack size that no system can provide. ThreadSanitizer does not start with more than this.
 #ifdef __SANITIZE_THREAD__
 constexpr unsigned long IMPOSSIBLE_STACK = 1UL << 38;
 #else
@@ -81,7 +80,7 @@ TEST(connection_table, a_full_table_takes_as_many_as_have_left) {
     EXPECT_EQ(server.count(REFUSAL), 0U);
     (void)RtmpClient().expect_closed();
     server.wait_for_line(REFUSAL);
-    // Those who stayed were not touched.
+    // The clients that stayed are unaffected.
     for (RtmpClient* client : {more.back().get(), clients[6].get()}) {
         (void)client->handshake();
         (void)client->connect_app();
@@ -122,7 +121,7 @@ TEST(connection_table, a_publisher_that_left_is_kept_until_its_held_media_is_out
     for (std::uint32_t i = 0; i < 6; ++i) {
         publisher.send_audio(1000 + 300 * i, aac_frame(i));
     }
-    // Not closed: its host would answer the next acknowledgement with a reset.
+    // Half-closed only: after a close, its host would answer the next acknowledgement with a reset.
     publisher.half_close();
     const LineMark reader_ended =
         server.wait_for_consecutive_lines({"Thread 1 died", "WARNING: Thread terminated unexpectedly"});
@@ -146,7 +145,7 @@ TEST(connection_table, a_writer_that_cannot_send_ends_alone_while_media_is_held)
     (void)publisher.round_trip();
     const std::size_t threads = server.thread_count();
     const LineMark mark = server.mark();
-    // So much is held that the reader waits and does not look at the socket, which is reset before the writer
+    // So much is held that the reader waits and does not read the socket, which is reset before the writer
     // sends its acknowledgements.
     server.pause();
     for (std::uint32_t i = 0; i < 12; ++i) {
@@ -156,7 +155,7 @@ TEST(connection_table, a_writer_that_cannot_send_ends_alone_while_media_is_held)
     server.resume();
     server.wait_for_consecutive_lines({"Thread 2 died", "WARNING: Thread2 terminated unexpectedly"}, mark);
     server.wait_for_thread_count(threads - 1);
-    // The others are served, and the held media keeps the connection.
+    // Other clients are served, and the held media keeps the connection.
     RtmpClient other = connected_client();
     EXPECT_THAT(other.round_trip(), IsEmpty());
     EXPECT_EQ(server.count("Thread 2 died"), 1U);

@@ -34,8 +34,8 @@ const std::pair<std::string, std::string> FIELD_ORDER{
 
 using Clients = std::vector<std::unique_ptr<RtmpClient>>;
 
-// Clients that are accepted in this order and say nothing. Not more at a time than the kernel queues for the
-// server: whoever finds that queue full tries again a second later.
+// Connects clients that are accepted in this order and send nothing. At most as many at a time as the kernel
+// queues for the server; a client that finds the queue full tries again a second later.
 Clients silent_clients(const ServerProcess& server, std::size_t count) {
     constexpr std::size_t AT_A_TIME = 16;
     const LineMark mark = server.mark();
@@ -80,7 +80,7 @@ Line parse_line(const std::string& text) {
             fields[6]};
 }
 
-// The lines of a list, whatever the filter. The rest of the reply is as it always is.
+// Returns the lines of a list with any filter. The rest of the reply must be as always.
 std::vector<std::string> listed(const std::vector<std::string>& arguments = {}) {
     const RawReply reply = ask_raw(LIST, arguments);
     EXPECT_EQ(reply.status, CONTROL_SUCCESS);
@@ -122,7 +122,7 @@ std::string id_of(const RtmpClient& client) {
     return line_of(client).id;
 }
 
-// The client is still served: it gets the answer to a request of its own.
+// Requires that the client is still served: it gets the reply to a request.
 void expect_served(RtmpClient& client) {
     EXPECT_THAT(client.round_trip(), IsEmpty());
 }
@@ -135,7 +135,7 @@ RawReply dropped_reply(int count) {
     return {CONTROL_SUCCESS, DROP_BY_NAME, "OK, " + std::to_string(count) + " connections dropped"};
 }
 
-// The one who asks with the request bit and everything else that "raw" does not let a person choose.
+// Sends requests with the request bit and other fields that "raw" does not let the user choose.
 class control_commands_on_the_wire_test : public testing::Test {
   protected:
     ServerProcess server;
@@ -144,7 +144,7 @@ class control_commands_on_the_wire_test : public testing::Test {
 
 }  // namespace
 
-// ---- hello, and what nobody knows
+// ---- hello and unknown commands
 
 TEST(control_commands, hello_is_answered_with_a_question) {
     const ServerProcess server;
@@ -174,7 +174,7 @@ TEST(control_commands, an_async_hello_is_met_with_silence) {
     EXPECT_EQ(run.end, (ProgramEnd{0, 0}));
     EXPECT_EQ(run.out, "");
     EXPECT_EQ(run.err, "");
-    // The second of these is answered in a later service than the first: the async one is over by then.
+    // The second of these is answered in a later poll than the first: the async one is done by then.
     (void)ask_raw("hello");
     (void)ask_raw("hello");
     EXPECT_THAT(server.lines_since(mark), IsEmpty());
@@ -264,7 +264,7 @@ TEST(control_commands, the_filter_picks_one_mode_and_an_empty_one_picks_all) {
     EXPECT_THAT(listed_names({"publish"}), ElementsAre("cam2"));
     EXPECT_THAT(listed_names({""}), ElementsAre("", "cam1", "cam2", "cam3"));
     EXPECT_THAT(listed_names(), ElementsAre("", "cam1", "cam2", "cam3"));
-    // The whole word, as it is written, and nothing behind the first argument.
+    // Only the whole word as written matches; arguments after the first are ignored.
     for (const char* const nobody : {"Play", "pla", "plays", "play ", "none", "cam1"}) {
         EXPECT_THAT(listed({nobody}), IsEmpty()) << nobody;
     }
@@ -397,7 +397,7 @@ TEST(control_commands, a_slot_without_a_connection_is_no_error) {
     for (const char* const argument : {"0", "5", "127"}) {
         EXPECT_EQ(ask_raw(DROP_BY_ID, {argument}), drop_reply("OK, no such connection")) << argument;
     }
-    // Who is not there is not asked for a name.
+    // The name of an absent connection is not checked.
     EXPECT_EQ(ask_raw(DROP_BY_ID, {"5", "cam1"}), drop_reply("OK, no such connection"));
 }
 
@@ -543,7 +543,7 @@ TEST(control_commands, async_commands_are_not_carried_out) {
         EXPECT_EQ(run.end, (ProgramEnd{0, 0}));
         EXPECT_EQ(run.out + run.err, "");
     }
-    // The second of these is answered in a later service than the first, and a drop would be over by then.
+    // The second of these is answered in a later poll than the first, and a drop would be done by then.
     (void)ask_raw("hello");
     EXPECT_THAT(listed_names(), ElementsAre("cam1", ""));
     expect_served(publisher);
@@ -551,7 +551,7 @@ TEST(control_commands, async_commands_are_not_carried_out) {
     EXPECT_THAT(server.lines_since(mark), IsEmpty());
 }
 
-// ---- what "raw" cannot say
+// ---- what "raw" cannot send
 
 TEST_F(control_commands_on_the_wire_test, a_reply_carries_the_id_of_its_request_and_no_flags) {
     for (const std::uint64_t id : {std::uint64_t{0}, std::uint64_t{7}, UINT64_MAX}) {
@@ -575,7 +575,7 @@ TEST_F(control_commands_on_the_wire_test, requests_are_answered_in_their_order_s
     for (std::uint64_t id = 1; id <= REQUESTS; ++id) {
         ASSERT_EQ(peer.read_reply().request_id, id);
     }
-    // Four services, with a tenth of a second from each to the next.
+    // Four polls, a tenth of a second apart.
     EXPECT_GE(elapsed_since(start), Milliseconds{300});
 }
 

@@ -1,5 +1,5 @@
-// The programs that show how to use the control socket, run against the real server: the Python client as it
-// stands on the page about the socket, and the library's example in C.
+// The example programs for the control socket, run against the real server: the Python client from the page
+// about the socket, and the library's example in C.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -23,7 +23,7 @@ const std::string FIELD_ORDER =
     "connection field order = connect id,stream name,stream mode,video size,byte sent to,byte recv "
     "from,address\n";
 
-// The one block of Python on the page.
+// Returns the page's only block of Python.
 std::string page_client() {
     const std::string fence = "```python\n";
     std::ostringstream text;

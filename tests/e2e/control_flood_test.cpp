@@ -1,5 +1,5 @@
-// Clients of the control socket that behave as badly as they can, beside one that behaves and a stream that
-// plays: the answers and the stream stay in time.
+// Clients of the control socket that behave as badly as possible, next to a well-behaved one and a playing
+// stream: the replies and the stream stay on time.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -21,18 +21,18 @@ using testing::IsEmpty;
 
 const std::string LIST = "list connections";
 constexpr std::uint64_t FLOOD_REQUESTS = 10000;
-// More than fit into the socket: some of them waited at the server.
+// More than fit into the socket, so some were queued in the server.
 constexpr std::uint64_t FLOOD_ANSWERS = 700;
-// What the system grants at most; all the requests are to be on their way at once.
+// The largest buffer the system grants, so that all requests are in transit at once.
 constexpr int FLOOD_SEND_BUFFER_BYTES = 1 << 20;
 
-// A service of the control socket follows the other after 100 ms.
+// The control socket is polled every 100 ms.
 constexpr Milliseconds ANSWER_TIME = scaled(Milliseconds{300});
 constexpr Milliseconds LATENESS = scaled(Milliseconds{150});
 // Thirty services.
 constexpr Milliseconds FLOOD_TIME{3000};
 
-// Asks one thing after the other, each as soon as the last is answered.
+// Sends one request after the other, each as soon as the last is answered.
 class Asker {
   public:
     void ask_once() {
@@ -53,7 +53,7 @@ class Asker {
     ControlPeer peer;
 };
 
-// Times single questions, each of a client of its own as the tool is.
+// Times single requests, each from a new client, like the tool.
 struct HelloTimes {
     void ask_for(Milliseconds duration) {
         for (const TimePoint end = SteadyClock::now() + duration; SteadyClock::now() < end;) {
@@ -73,7 +73,7 @@ struct HelloTimes {
     std::size_t count = 0;
 };
 
-// Has ten thousand questions and reads no answer.
+// Sends ten thousand requests and reads no reply.
 class Flood {
   public:
     Flood() {
@@ -89,7 +89,7 @@ class Flood {
 
     bool is_sent() const { return sent_bytes == requests.size(); }
 
-    // At the end after all: the answers to the first questions.
+    // Finally reads the replies to the first requests.
     void read_first_answers(std::uint64_t count) {
         for (std::uint64_t id = 1; id <= count; ++id) {
             if (peer.read_reply().request_id != id) {
@@ -104,7 +104,7 @@ class Flood {
     ControlPeer peer{CONTROL_SOCKET_PATH, FLOOD_SEND_BUFFER_BYTES};
 };
 
-// What no honest client sends; each costs the one who sends it his connection, and some only in time.
+// Invalid input. Each kind costs the sender its connection, some only after a while.
 class GarbageSource {
   public:
     static constexpr std::size_t KINDS = 8;
@@ -131,7 +131,7 @@ class GarbageSource {
     }
 
   private:
-    // Never the beginning of a frame.
+    // Returns noise that is never the beginning of a frame.
     Bytes noise(std::size_t length) {
         Bytes bytes(length, '\0');
         std::generate(bytes.begin(), bytes.end(), [this] { return static_cast<char>(random()); });
@@ -143,7 +143,7 @@ class GarbageSource {
     std::size_t kind = 0;
 };
 
-// Reads what there is, replies included, until the server has closed.
+// Reads everything, including replies, until the server has closed.
 void expect_end(ControlPeer& peer) {
     try {
         while (true) {

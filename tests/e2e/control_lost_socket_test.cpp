@@ -1,5 +1,5 @@
-// The control socket's own life: who may connect, how it is lost and what goes on without it, and clients
-// that leave before their answer comes.
+// The lifetime of the control socket: who may connect, how it is lost and what works without it, and clients
+// that leave before their reply arrives.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -26,10 +26,10 @@ using testing::SizeIs;
 
 const std::string LOST = "Lost server socket";
 const std::string UNSENT = "Unable to send packet: Broken pipe";
-// Longer than from one service of the control socket to the next.
+// Longer than the interval between polls of the control socket.
 constexpr Milliseconds PAST_A_SERVICE{150};
 
-// Removes whatever a test leaves at the control socket's path.
+// Removes what a test leaves at the control socket's path.
 struct CleanSocketPath {
     CleanSocketPath() { std::filesystem::remove_all(CONTROL_SOCKET_PATH); }
     ~CleanSocketPath() { std::filesystem::remove_all(CONTROL_SOCKET_PATH); }
@@ -40,7 +40,7 @@ void expect_greeted() {
     EXPECT_EQ(peer.ask("hello").message, "How are you?");
 }
 
-// What is at the path, as long as it is there: two that exist at the same time never have the same number.
+// Identifies the socket at the path while it exists: two that exist at the same time have different numbers.
 ino_t socket_inode() {
     struct stat found {};
     if (stat(CONTROL_SOCKET_PATH.c_str(), &found) != 0) {
@@ -49,7 +49,7 @@ ino_t socket_inode() {
     return found.st_ino;
 }
 
-// Media goes through, and newcomers are served.
+// Requires that media is relayed and new clients are served.
 void expect_relaying() {
     RtmpClient player = playing_client("cam1");
     RtmpClient publisher = publishing_client("cam1");
@@ -57,7 +57,7 @@ void expect_relaying() {
     EXPECT_EQ(player.expect_message(MSG_AUDIO).payload, aac_frame(1));
 }
 
-// The server gets this while it cannot answer, and it is past a service when it goes on.
+// The server receives this while it is stopped; when it continues, a poll is due.
 void send_while_paused(ServerProcess& server, ControlPeer& peer, const Bytes& bytes) {
     const TimePoint start = SteadyClock::now();
     server.pause();
@@ -250,8 +250,8 @@ TEST(control_socket, the_sixty_fifth_client_is_turned_away_and_takes_a_place_tha
     }
     ControlPeer().expect_closed();
     peers[17].close();
-    // Whoever comes in the middle of the service that turned one away may find the place still taken. The
-    // second of these is answered in a service that began after the place became free.
+    // A client that connects during the poll that rejected another may find the place still taken. The second
+    // of these is answered in a poll that began after the place became free.
     (void)peers.back().ask("hello");
     (void)peers.back().ask("hello");
     expect_greeted();
@@ -265,7 +265,7 @@ TEST(control_socket, requests_that_wait_at_the_end_are_not_answered_and_the_end_
     ControlPeer peer;
     EXPECT_EQ(peer.ask("hello").message, "How are you?");
     const LineMark mark = server.mark();
-    // More than one service hands out, and what would be seen if it were carried out.
+    // More requests than one poll handles. Their effect would be visible if they were carried out.
     send_while_paused(server, peer, control_request(1, "foo") + hellos(200));
     server.send_signal(SIGTERM);
     server.resume();

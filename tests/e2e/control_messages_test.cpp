@@ -1,4 +1,4 @@
-// Set chunk size, window acknowledgement size, acknowledgements, and how far the server reads ahead.
+// Set chunk size, window acknowledgement size, acknowledgements, and the server's read-ahead.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -24,8 +24,8 @@ OutMessage control(std::uint8_t type, Bytes payload) {
     return {.type = type, .payload = std::move(payload), .csid = CONTROL_CSID};
 }
 
-// Sends, from the end of the handshake on, and knows which acknowledgements are due: after the first message,
-// and whenever a window of bytes has come.
+// Sends messages after the handshake and computes which acknowledgements are due: after the first message,
+// and after each window of bytes.
 class CountingSender {
   public:
     explicit CountingSender(RtmpClient& rtmp_client) : client(rtmp_client) {}
@@ -75,7 +75,8 @@ std::vector<std::uint32_t> acknowledgements(const std::vector<RtmpMessage>& mess
     return values;
 }
 
-// Everything up to the answer to a last command. Its own acknowledgement comes before or after the answer.
+// Returns everything up to the reply to a final command, whose acknowledgement comes before or after
+// the reply.
 std::vector<RtmpMessage> messages_until_answered(RtmpClient& client) {
     client.send_command(amf_string("releaseStream") + amf_number(99) + amf_null());
     std::vector<RtmpMessage> messages;
@@ -185,7 +186,7 @@ TEST(acknowledgement, is_sent_twice_for_five_megabytes_in_a_window_of_two_and_a_
     CountingSender sender(client);
     sender.send({.type = 99, .payload = "first"});
     sender.announce_window(2500000);
-    // Of this size, so that what the first window leaves over brings the second one a message forward.
+    // With this size, the rest of the first window makes the second one due a message earlier.
     const OutMessage media{.type = MSG_VIDEO, .payload = pattern_bytes(70000), .csid = 6, .timestamp = 1};
     for (int i = 0; i < 75; ++i) {
         sender.send(media);
@@ -285,7 +286,7 @@ TEST(set_chunk_size, is_taken_for_no_such_message_on_other_chunk_streams_and_mes
     client.send_message({.type = MSG_SET_CHUNK_SIZE, .payload = be32(4096), .csid = 3});
     client.send_message(
         {.type = MSG_SET_CHUNK_SIZE, .payload = be32(4096), .csid = CONTROL_CSID, .stream_id = 1});
-    // Still in 128-byte chunks both ways.
+    // Both directions still use 128-byte chunks.
     const Bytes id = amf_string(std::string(500, 'x'));
     client.send_command(amf_string("releaseStream") + id + amf_null());
     EXPECT_EQ(client.expect_message(MSG_COMMAND).raw, chunked({.payload = plain_result(id)}));
@@ -330,7 +331,7 @@ TEST(control_messages, a_command_may_come_on_the_control_stream_with_a_message_s
 TEST(control_messages, reading_stops_while_8_messages_wait_to_be_handled) {
     ServerProcess server;
     RtmpClient publisher = publishing_client("cam1");
-    // What is still on its way must not be counted below.
+    // Acknowledgements in transit must not be counted below.
     (void)messages_until_answered(publisher);
     constexpr std::uint32_t HOLD_MS = 2000;
     publisher.send_audio(1, from_hex("AF 01 00"));
@@ -353,7 +354,7 @@ TEST(control_messages, reading_stops_while_8_messages_wait_to_be_handled) {
     EXPECT_EQ(during_hold.size(), 8U);
     ASSERT_FALSE(during_hold.empty());
     EXPECT_EQ(during_hold.back(), eighth_end);
-    // When the clock has caught up, the rest is read and acknowledged.
+    // Once the clock has caught up, the rest is read and acknowledged.
     std::uint32_t last = 0;
     while (last < publisher.bytes_sent()) {
         last = publisher.expect_acknowledgement();

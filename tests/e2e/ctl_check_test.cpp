@@ -118,7 +118,8 @@ TEST(ctl_events, tell_of_each_client_and_run_a_program_for_each) {
     std::filesystem::permissions(hook, std::filesystem::perms::owner_all);
     RtmpClient first = publishing_client("cam1");
     ProgramProcess events({tool_path(), "events", "--interval", "0.1", "--exec", hook});
-    // What is there before the first look is no event. The hook's first line says that the looking has begun.
+    // What exists before the first look is not an event. The hook's first line shows that events has taken
+    // its first look.
     std::vector<RtmpClient> probes;
     EXPECT_TRUE(holds_within(DEFAULT_WAIT, [&] {
         probes.emplace_back();
@@ -167,7 +168,7 @@ TEST(ctl_events, end_after_the_program_that_runs_although_more_events_wait) {
         clients.emplace_back();
         return holds_within(Milliseconds{300}, [&] { return runs() > 0; });
     }));
-    // The first program still runs: the next look finds all of these.
+    // The first hook is still running, so the next look finds all of these.
     for (int i = 0; i < 10; ++i) {
         clients.emplace_back();
     }

@@ -1,5 +1,5 @@
-// v9_rtmp_ctl as people and scripts use it, against the real server: what it prints, what it does, and its
-// exit status for every way that it can end.
+// v9_rtmp_ctl against the real server, as users and scripts run it: its output, its effects, and its exit
+// status for every kind of result.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -41,7 +41,7 @@ constexpr int NO_REPLY = 5;
 
 const std::string OTHER_SOCKET = "/run/other.socket";
 
-// The tool has nothing to print but a reason, which ends with a sentence about what to do.
+// The tool prints only a reason, which ends with a sentence about what to do.
 void expect_failure(const ProgramRun& run, int status, const std::string& reason) {
     EXPECT_EQ(run.end, (ProgramEnd{status, 0})) << run.err;
     EXPECT_EQ(run.out, "");
@@ -62,8 +62,8 @@ std::string path_with_socket(const std::string& path) {
     return "--socket=" + path;
 }
 
-// Somebody else's server at OTHER_SOCKET: takes one client, waits for its first bytes, sends what it is told
-// to and closes. Without an answer it takes clients and says nothing.
+// A foreign server at OTHER_SOCKET. It accepts one client, waits for its first bytes, sends the given answer
+// and closes. Without an answer it accepts clients and sends nothing.
 class OtherServer {
   public:
     OtherServer() : fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
@@ -380,7 +380,7 @@ TEST(ctl, drop_address_drops_what_comes_from_a_prefix) {
 }
 
 TEST(ctl, an_id_is_looked_at_before_anything_is_sent) {
-    // There is no server, and it is not missed.
+    // There is no server, and none is needed.
     for (const char* const id : {"128", "5x", "x5", "-1", "", " 5", "+5", "4294967301", "0x3"}) {
         expect_failure(run_tool({"drop", "id", "--", id}), USAGE, "is no connection id");
     }

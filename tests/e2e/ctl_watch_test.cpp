@@ -1,5 +1,5 @@
-// v9_rtmp_ctl watch, in a terminal and off it: what it shows of a running server, what its keys do, and that
-// it leaves the terminal as it found it on every way out.
+// v9_rtmp_ctl watch, with and without a terminal: what it shows of a running server, what its keys do, and
+// that it always restores the terminal.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -41,7 +41,7 @@ std::vector<std::string> watch_command() {
     return {tool_path(), "watch", "--interval", "0.2"};
 }
 
-// A terminal made by others, of 24 rows and 80 columns, in which a command runs.
+// An independent terminal of 24 rows and 80 columns, running a command.
 class TmuxTerminal {
   public:
     explicit TmuxTerminal(const std::vector<std::string>& command) {
@@ -75,7 +75,7 @@ class TmuxTerminal {
     }
 };
 
-// A publisher of a picture, two players of it and somebody who has not chosen yet: connections 0 to 3.
+// A publisher of video, its two players, and a client without a stream: connections 0 to 3.
 class ctl_watch_test : public testing::Test {
   protected:
     void SetUp() override {
@@ -108,7 +108,7 @@ class ctl_watch_test : public testing::Test {
     static void expect_left_in_order(TerminalProgram& watch) {
         EXPECT_EQ(watch.wait_for_exit(), (ProgramEnd{0, 0}));
         EXPECT_EQ(watch.damage(), "");
-        // It was away, and came back.
+        // The terminal's own screen was replaced and restored.
         EXPECT_THAT(watch.raw_text(), HasSubstr("\x1b[?1049h"));
         EXPECT_THAT(watch.raw_text(), HasSubstr("\x1b[?25h"));
         EXPECT_THAT(watch.raw_text(), HasSubstr("\x1b[?1049l"));
@@ -143,7 +143,7 @@ TEST_F(ctl_watch_test, it_shows_who_comes_and_goes_and_the_rates) {
         EXPECT_THAT(rows, Contains(MatchesRegex("another_stream +- +1 +-.*")));
     }
     (void)watch.wait_for_text("4 of 128 slots used");
-    // Rates are of the last interval, so they show while media flows.
+    // Rates cover the last interval, so they are shown while media flows.
     const std::string flow = "cam1 .* [0-9.]+ KiB/s +[0-9.]+ KiB/s +-";
     const TimePoint start = SteadyClock::now();
     const auto shows_flow = [&flow](const std::vector<std::string>& rows) {
@@ -363,7 +363,7 @@ TEST_F(ctl_watch_test, the_sort_key_goes_through_the_orders) {
     shows_order("id", "0", "4");
 }
 
-// ---- its ways out
+// ---- how it ends
 
 TEST_F(ctl_watch_test, it_leaves_the_terminal_as_it_was_when_q_is_pressed) {
     TerminalProgram watch(watch_command());
@@ -460,7 +460,7 @@ TEST_F(ctl_watch_test, in_the_background_it_waits_until_it_is_brought_to_the_for
     (void)shell.wait_for_text(frame);
     shell.type(CTRL_Z);
     wait_until_stopped();
-    // It may have stopped once more before the signal comes, which then waits until it goes on.
+    // It may have stopped again before the signal arrives, which then stays pending until it continues.
     shell.type("bg; kill %1; kill -CONT %1 2>&-; wait -f %1; echo ended with $?\r");
     (void)shell.wait_for_text("ended with 143");
 }
@@ -499,7 +499,7 @@ TEST_F(ctl_watch_test, it_ends_when_its_terminal_goes_away) {
     EXPECT_EQ(watch.wait_for_exit().signal, 0);
 }
 
-// ---- off a terminal
+// ---- without a terminal
 
 TEST_F(ctl_watch_test, off_a_terminal_it_prints_a_frame_per_interval) {
     const TimePoint start = SteadyClock::now();
@@ -515,7 +515,7 @@ TEST_F(ctl_watch_test, off_a_terminal_it_prints_a_frame_per_interval) {
         mark = watch.out().wait_for_line_starting("cam1 ", mark, &stream);
         EXPECT_THAT(stream, MatchesRegex("cam1 +0 127.0.0.1:[0-9]+ +2 +1280x720 .*"));
     }
-    // The first at once, the others each an interval later.
+    // The first comes at once, each other one an interval later.
     EXPECT_GE(elapsed_since(start), Milliseconds{200} * (FRAMES - 1));
     EXPECT_THAT(watch.out().raw_text(), Not(HasSubstr("\x1b")));
     watch.send_signal(SIGTERM);

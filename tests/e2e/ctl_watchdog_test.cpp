@@ -1,5 +1,5 @@
-// v9_rtmp_ctl watchdog against the real server: whom it drops, and whom it leaves alone. Its limits are
-// options, so the tests set short ones; each keeps the relation to the others that the usual ones have.
+// v9_rtmp_ctl watchdog against the real server: which clients it drops, and which it does not. Its limits are
+// options, and the tests set short ones in the same proportions as the defaults.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -34,7 +34,7 @@ using Words = std::vector<std::string>;
 
 const std::string STATE = "/run/watchdog";
 
-// A tenth of the usual limits. What needs longer on a slow machine is the machine, not the watchdog.
+// A tenth of the default limits.
 const Words TENTH = {"--stalled",   "3",   "--behind",   "1.5", "--unnamed", "2",   "--silent", "3",
                      "--contested", "1.5", "--interval", "0.1", "--settle",  "0.5", "--age",    "off"};
 const Words ALL_OFF = {"--stalled",   "off", "--behind",   "off", "--unnamed", "off", "--silent", "off",
@@ -57,11 +57,11 @@ std::string statistics() {
 
 class Watchdog {
   public:
-    // Started by another program where there is one.
+    // If starter is given, that program starts the watchdog.
     explicit Watchdog(const Words& options, const Words& starter = {})
         : program(with(starter, command(options))) {}
 
-    // The line about the client of an address. Waits for it.
+    // Waits for the line about the client with this address and returns it.
     std::string line_about(const std::string& address) const {
         std::string found;
         EXPECT_TRUE(holds_within(
@@ -82,7 +82,7 @@ class Watchdog {
     Words lines() const { return program.out().lines_since(); }
     const CapturedOutput& err() const { return program.err(); }
 
-    // SIGTERM. It ends in order and says no more.
+    // Sends SIGTERM and requires a clean exit.
     void stop() {
         program.send_signal(SIGTERM);
         EXPECT_EQ(program.wait_for_exit(), (ProgramEnd{0, 0})) << program.err().raw_text();
@@ -176,7 +176,7 @@ TEST_F(watchdog, a_player_that_trickles_is_dropped_beside_others_and_alone) {
         ++message;
         std::this_thread::sleep_for(Milliseconds{40});
     });
-    // 1 KB/s each. A client that is dropped is sent no more, and the reading ends.
+    // Reads 1 KB/s for each client. A dropped client is sent no more, and reading ends.
     const auto trickle = [](RtmpClient& client) {
         if (!client.closed_by_server()) {
             try {
@@ -256,7 +256,7 @@ TEST_F(watchdog,
         frozen.send_video(1000 + i, avc_inter_frame(i, 5000));
     }
     RtmpClient rival = publishing_client("live");
-    // An hour ahead: all that follows is held back, and the rival has to wait.
+    // An hour ahead: all that follows is held, and the rival has to wait.
     std::uint32_t sent = 0;
     Background freezing([&] {
         if (sent < 1000) {
@@ -271,10 +271,10 @@ TEST_F(watchdog,
         ++message;
         std::this_thread::sleep_for(Milliseconds{40});
     });
-    // The players stand still for longer than they may.
+    // The players receive nothing for longer than their limit.
     Watchdog dog(with(ALL_OFF, {"--stalled", "2", "--behind", "1.5", "--contested", "5"}));
     EXPECT_THAT(dog.line_about(frozen), HasSubstr(": contested: it has sent nothing for 5 s while another "));
-    // The server itself drops players at a change of publishers; the watchdog has dropped none.
+    // The server itself drops players at a change of publishers; the watchdog drops none.
     server.err().wait_for_count("Dropping subscriber because format change", players.size());
     EXPECT_THAT(dog.lines(), SizeIs(1));
     freezing.stop();
@@ -315,7 +315,7 @@ TEST_F(watchdog, clients_that_do_no_harm_are_left_alone) {
     const MessageRecorder data_reader(data_player);
     RtmpClient data_publisher = publishing_client("data");
     Background data([&] {
-        // Players are not sent these.
+        // These are not relayed to players.
         data_publisher.send_data(amf_string("onTextData"));
         std::this_thread::sleep_for(Milliseconds{200});
     });
@@ -486,7 +486,7 @@ TEST_F(watchdog, many_clients_with_names_of_a_megabyte_are_dropped_in_little_mem
     ServerProcess server;
     const std::vector<RtmpClient> clients = publishers_with_long_names(CLIENTS, NAME_BYTES);
     Watchdog dog(ALL_OFF, {"prlimit", "--data=" + std::to_string(4 * CLIENTS * NAME_BYTES)});
-    // Each drop sends the whole name, which takes some of the server's services.
+    // Each drop sends the whole name, which takes several polls of the server.
     ASSERT_TRUE(holds_within(Milliseconds{60000}, [&] { return dog.lines().size() >= CLIENTS; }));
     for (const RtmpClient& client : clients) {
         EXPECT_THAT(dog.line_about(client), EndsWith("its stream name has 1000000 bytes"));

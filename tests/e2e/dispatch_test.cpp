@@ -1,4 +1,4 @@
-// What becomes of a message when its turn has come: by type, by command name, and when it fails.
+// How messages are dispatched: by type, by command name, and on failure.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -109,7 +109,7 @@ TEST(dispatch, a_failed_message_does_not_keep_those_behind_it_from_being_handled
     ServerProcess server;
     RtmpClient publisher = publishing_client("cam1");
     const LineMark mark = server.mark();
-    // A message ahead of the clock gathers the others behind it, so that one pass finds them all.
+    // A message ahead of the clock holds the others after it, so one pass finds them all.
     publisher.send_audio(1, from_hex("AF 01 00"));
     publisher.send_audio(801, from_hex("AF 01 00"));
     publisher.send_command(amf_string("x"));

@@ -29,14 +29,14 @@ using testing::Not;
 const std::string PUBLISH_URL = "rtmp://127.0.0.1/ombrex-live/camera";
 const std::string PLAY_URL = "rtmp://127.0.0.1/ombrex-output/camera";
 constexpr Milliseconds STREAM_LENGTH{4000};
-// ffmpeg leaves without having read acknowledgements, so its connection ends with a reset that discards what
-// was under way. Without acknowledgements it ends in order, and everything arrives.
+// ffmpeg exits without reading acknowledgements, so its connection ends with a reset that discards data in
+// transit. Without acknowledgements it closes cleanly, and everything arrives.
 const std::vector<std::string> ORDERLY_END = {"--no-def-ack"};
 const std::string VIDEO = "v";
 const std::string AUDIO = "a";
 const std::vector<std::string> KINDS = {VIDEO, AUDIO};
 
-// A folder of this test's own.
+// A private directory of the test.
 class Scratch {
   public:
     Scratch() {
@@ -63,7 +63,7 @@ std::string contents(const std::string& path) {
     return text.str();
 }
 
-// Killed at the end of its life, when it has not ended by then: a player waits for more for ever.
+// The destructor kills it if it is still running: a player waits for more data forever.
 class Ffmpeg {
   public:
     Ffmpeg(std::string log_path, std::vector<std::string> more_arguments) : log(std::move(log_path)) {
@@ -106,7 +106,7 @@ class Ffmpeg {
         return !ended;
     }
 
-    // The exit status; throws when it does not end, or was killed.
+    // Returns the exit status. Throws if the process does not end or was killed.
     int wait_for_exit(Milliseconds wait) {
         if (!holds_within(wait, [this] { return !is_running(); })) {
             throw TestFailure("ffmpeg did not end:\n" + contents(log));
@@ -129,7 +129,7 @@ struct AccessUnit {
     std::string size_and_hash;
 };
 
-// A list in ffmpeg's framehash format.
+// Reads a list in ffmpeg's framehash format.
 std::vector<AccessUnit> access_units(const std::string& path) {
     std::vector<AccessUnit> result;
     std::istringstream lines(contents(path));
@@ -162,7 +162,7 @@ std::vector<std::string> hashes(const std::vector<AccessUnit>& units) {
     return result;
 }
 
-// The codecs' set-up data (sequence headers), as the list gives them.
+// Returns the codecs' setup data (sequence headers) from the list.
 std::vector<std::string> extradata(const std::string& path) {
     std::vector<std::string> result;
     std::istringstream lines(contents(path));
@@ -205,8 +205,8 @@ class ffmpeg_peers_test : public testing::Test {
         ASSERT_GT(units_of("source", AUDIO).size(), 150U);
     }
 
-    // Two lists, one for each kind: in a common list the last access unit of one kind would wait for the next
-    // of the other.
+    // Returns arguments that write one list for each kind: in a common list the last access unit of one kind
+    // would wait for the next of the other.
     std::vector<std::string> list_arguments(const std::string& input, const std::string& name) const {
         std::vector<std::string> result = {"-i", input};
         for (const std::string& kind : KINDS) {
@@ -234,7 +234,7 @@ class ffmpeg_peers_test : public testing::Test {
         return access_units(scratch / (name + "." + kind));
     }
 
-    // Waits until both lists have all that the source has, or so many access units less.
+    // Waits until both lists have all access units of the source, or all but `less` of them.
     void wait_for_all_of(const std::string& name, std::size_t less = 0) const {
         const TimePoint deadline = SteadyClock::now() + STREAM_LENGTH + DEFAULT_WAIT;
         for (const std::string& kind : KINDS) {
@@ -326,7 +326,7 @@ TEST_F(ffmpeg_peers_test, a_late_player_starts_near_zero_and_misses_nothing_from
         const std::vector<std::string> end(published.end() - static_cast<std::ptrdiff_t>(played.size()),
                                            published.end());
         EXPECT_EQ(hashes(played), end);
-        // Up to one group of pictures passes before the first key frame.
+        // Up to one group of pictures may pass before the first key frame.
         EXPECT_LT(played.front().dts, 1300);
     }
 }

@@ -1,4 +1,4 @@
-// The first 3073 bytes each way, and every way in which they go wrong.
+// The first 3073 bytes in each direction, and every way they can be wrong.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -26,7 +26,7 @@ void expect_handshake_failure(const ServerProcess& server, const std::string& me
     EXPECT_EQ(server.count("RTMP handshake complete", from), 0U);
 }
 
-// S1 of a process in which nobody has drawn a random number yet.
+// Returns the S1 of a process that has not drawn a random number before.
 Bytes first_s1() {
     UnseededRand numbers;
     Bytes s1(8, '\0');
@@ -133,7 +133,7 @@ TEST(handshake, works_when_everything_comes_at_once) {
     RtmpClient client;
     const Bytes connect =
         amf_string("connect") + amf_number(1) + amf_object({{"app", amf_string("ombrex-live")}});
-    // A fresh server's bytes are known before it sends them.
+    // A new server's bytes are known before it sends them.
     client.send_bytes(bytes_of({3}) + pattern_bytes(BLOCK) + first_s1() + chunked({.payload = connect}));
     (void)client.read_bytes(1 + 2 * BLOCK);
     EXPECT_EQ(client.expect_message(MSG_COMMAND).values().at(0).string, "_result");

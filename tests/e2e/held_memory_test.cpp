@@ -1,4 +1,4 @@
-// What messages leave in the server's memory while those who sent them stay.
+// The server memory still used after messages were handled while their senders stay connected.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -16,15 +16,15 @@ using testing::IsEmpty;
 
 constexpr std::uint32_t LARGE_CHUNKS = 1 << 20;
 constexpr std::size_t MOST_HELD_KIB = 5 * 1024;
-// Free memory goes back 10 s after it was noticed, however slow the build is.
+// Free memory is returned after 10 s, even in slow builds.
 constexpr Milliseconds GIVE_BACK_WAIT{15000};
 
 Bytes two_byte_key(std::size_t n) {
     return amf_key(Bytes{static_cast<char>(n >> 8 & 0xFF), static_cast<char>(n & 0xFF)});
 }
 
-// Members that stay, each made right after one that is replaced and takes far more: the whole can be sent,
-// and if it were kept as it was decoded, hardly a page would become free.
+// Returns members that stay, each placed after a much larger one that gets replaced. The whole can be sent.
+// If it were kept as decoded, hardly a page would become free.
 Bytes sparse_members() {
     constexpr std::size_t MEMBERS = 13000;
     constexpr std::size_t LEVELS = 11;
@@ -79,7 +79,7 @@ TEST_F(held_memory_test, of_a_large_command_is_little_while_its_sender_stays) {
     client.set_chunk_size(LARGE_CHUNKS);
     (void)client.expect_message(MSG_SET_CHUNK_SIZE);
     const std::size_t before_kib = server.rss_kib();
-    // The name is kept, and lies behind everything that was decoded before it.
+    // The name is kept, and is allocated after everything decoded before it.
     client.send_command(amf_string("publish") + amf_number(2) + many_members(160000, false) +
                         amf_string(std::string(20000, 'n')) + amf_string("live"));
     (void)client.expect_message(MSG_COMMAND);

@@ -1,5 +1,5 @@
-// What a stranger may send: as large, as deep and as wrong as a message can be. It may cost the stranger its
-// connection; a stream beside it must go on all the time.
+// Hostile input: messages as large, as deep and as wrong as possible. The sender may lose its connection, but
+// another stream must continue undisturbed.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -29,7 +29,7 @@ const std::string DUMP_CUT = "WARNING: AMF dump cut";
 
 class the_server_outlives_test : public testing::Test {
   protected:
-    // The stream beside the stranger went on all the time, and the server still takes new clients.
+    // Requires that the other stream was undisturbed and that the server still accepts new clients.
     void TearDown() override {
         if (HasFatalFailure()) {
             return;
@@ -67,7 +67,7 @@ Bytes random_bytes(std::mt19937& random, std::size_t count) {
     return result;
 }
 
-// Whatever comes, until the server closes.
+// Reads anything until the server closes.
 void read_to_the_end(RtmpClient& client) {
     try {
         while (true) {
@@ -132,7 +132,7 @@ TEST_F(the_server_outlives_test, objects_nested_to_the_end_of_the_message_as_met
     (void)publisher.expect_message(MSG_SET_CHUNK_SIZE, scaled(Milliseconds{20000}));
     EXPECT_THAT(publisher.round_trip(scaled(Milliseconds{20000})), IsEmpty());
     EXPECT_EQ(server.count(DUMP_CUT), 1U);
-    // Too large to be told to anybody; the stream goes on without it.
+    // Too large to be sent to players; the stream continues without it.
     RtmpClient late_player = playing_client("deep");
     publisher.send_audio(1000, aac_frame(1));
     EXPECT_EQ(early_player.read_message().payload, aac_frame(1));
@@ -259,7 +259,7 @@ TEST_F(the_server_outlives_test, random_bytes_instead_of_a_handshake) {
     std::mt19937 random(20240229);
     for (int i = 0; i < 60; ++i) {
         RtmpClient client;
-        // Every other one begins like a client that means well.
+        // Every other one begins like an honest client.
         Bytes bytes = random_bytes(random, random() % 8000);
         if (i % 2 == 0) {
             bytes.insert(bytes.begin(), '\x03');
@@ -350,7 +350,7 @@ TEST_F(the_server_outlives_test, messages_that_are_announced_and_never_come) {
         clients.back()->send_message(message);
     }
     beside.wait_for_more(10);
-    // What was only announced takes no memory.
+    // Announced but unsent bytes take no memory.
     EXPECT_LT(server.rss_kib(), before_kib + std::size_t{60} * 1024 * TIME_SCALE);
 }
 
@@ -358,7 +358,7 @@ TEST_F(the_server_outlives_test, floods_of_the_smallest_messages) {
     std::vector<std::unique_ptr<RtmpClient>> clients;
     for (int i = 0; i < 8; ++i) {
         clients.push_back(std::make_unique<RtmpClient>(handshaken_client()));
-        // A data message without payload, and then one byte for each further one.
+        // A data message without payload; each further one then takes one byte.
         clients.back()->send_bytes(chunked({.type = MSG_DATA, .payload = "", .csid = 5}) +
                                    Bytes(1000, basic_header(3, 5)[0]));
     }

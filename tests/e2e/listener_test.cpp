@@ -20,7 +20,7 @@ const std::string REFUSAL = "Too many connections, dropping new connection";
 
 std::vector<std::unique_ptr<RtmpClient>> fill_the_table(const ServerProcess& server) {
     std::vector<std::unique_ptr<RtmpClient>> clients;
-    // Never more than fit into the backlog, where the kernel would make a client wait a second.
+    // Never more than fit into the backlog. Beyond it, the kernel makes a client wait a second.
     constexpr std::size_t IN_FLIGHT = 10;
     for (std::size_t i = 0; i < MAX_CLIENTS; ++i) {
         clients.push_back(std::make_unique<RtmpClient>());
@@ -35,7 +35,7 @@ struct KernelTimer {
     long ticks = 0;  // until it fires, in units of 10 ms
 };
 
-// The timer of the server's end of a connection, as the kernel shows it.
+// Returns the timer of the server's end of a connection, as the kernel reports it.
 KernelTimer timer_of_server_end(const std::string& client_address) {
     const unsigned long client_port = std::stoul(client_address.substr(client_address.find(':') + 1));
     std::ifstream file("/proc/self/net/tcp");
@@ -71,7 +71,7 @@ TEST(listener, a_client_that_leaves_at_once_frees_its_slot_and_its_threads) {
     const LineMark end = server.wait_for_lines({"C0 fail", "RTMP handshake failed", "Thread 1 died",
                                                 "WARNING: Thread terminated unexpectedly",
                                                 "Dropping connection", "Disposing old stream ''"});
-    // The writer's first word may come between any of them, and it may be stopped before it has said it.
+    // The writer's first line may come between any of these, or never if it is cancelled first.
     const std::size_t writer_lines = server.count("RTMP xmit begin");
     EXPECT_LE(writer_lines, 1U);
     EXPECT_EQ(end, 8U + writer_lines) << "two more lines: accepted, and the reader's";
@@ -105,7 +105,7 @@ TEST(listener, a_freed_slot_is_used_again) {
 
 TEST(listener, clients_that_connect_together_are_all_served) {
     ServerProcess server;
-    // They wait in the backlog while the server stands still, so all are there before its first pass.
+    // They wait in the backlog while the server is stopped, so all are there before its first pass.
     server.pause();
     std::vector<std::unique_ptr<RtmpClient>> clients;
     clients.reserve(10);

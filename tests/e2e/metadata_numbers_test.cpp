@@ -1,4 +1,4 @@
-// Numbers in metadata that no picture has: what does not fit counts as absent, and nothing is undefined.
+// Invalid picture sizes in metadata: a number out of range counts as absent, with no undefined behavior.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -49,7 +49,7 @@ TEST(metadata_numbers, sizes_that_do_not_fit_or_are_not_positive_tell_the_player
             publisher.send_metadata(value);
             EXPECT_EQ(to_hex(player.expect_message(MSG_DATA).payload), to_hex(metadata_message(value)));
         }
-        // The first size that the player is told is this one.
+        // This is the first size sent to the player.
         publisher.send_metadata(amf_object({{key, amf_number(640)}}));
         (void)player.expect_message(MSG_DATA);
         for (const double size : sizes) {

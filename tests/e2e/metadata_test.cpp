@@ -1,5 +1,5 @@
-// Data messages: which are taken as a stream's metadata, who gets it, in which form, and who is dropped
-// by it.
+// Data messages: which of them are a stream's metadata, who receives it and in which form, and which players
+// it drops.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -20,7 +20,7 @@ using testing::StartsWith;
 
 using Lines = std::vector<std::string>;
 
-// The message that a player with this message stream id gets.
+// Returns the message sent to a player with this message stream id.
 Bytes metadata_message(const Bytes& value, std::uint32_t stream_id = 0) {
     return chunked({.type = MSG_DATA,
                     .payload = amf_string("onMetaData") + value,
@@ -33,7 +33,7 @@ Bytes size_object(double width, double height) {
     return amf_object({{"height", amf_number(height)}, {"width", amf_number(width)}});
 }
 
-// A stream with one player that is already there.
+// A stream with one player that has already joined.
 struct Stream {
     ServerProcess server;
     RtmpClient publisher = publishing_client("cam1");
@@ -60,7 +60,7 @@ struct Stream {
         (void)player.expect_closed_without_answer();
         Lines lines = server.lines_through("Dropping connection", mark);
         ASSERT_GE(lines.size(), 3U);
-        // Before the reason stands the dump of what was submitted.
+        // The reason comes after the dump of the submitted value.
         lines.erase(lines.begin(), lines.end() - 3);
         EXPECT_THAT(lines, ElementsAre(reason, "Connection for play unsubscribed from 'cam1'",
                                        "Dropping connection"));
@@ -174,7 +174,7 @@ TEST(metadata, a_late_player_gets_none_when_there_is_none_to_repeat) {
         RtmpClient player = playing_client("cam1");
         EXPECT_TRUE(player.round_trip().empty());
     }
-    // A value that is no object replaces what was kept.
+    // A value that is not an object replaces the stored metadata.
     for (const Bytes& value : {amf_string("text"), amf_null(), amf_number(4), bytes_of({AMF_OBJECT_END})}) {
         publisher.send_metadata(size_object(640, 480));
         publisher.send_metadata(value);
@@ -458,7 +458,8 @@ TEST(data_messages, metadata_of_a_publisher_that_waits_is_held) {
     RtmpClient late = playing_client("cam1");
     EXPECT_EQ(late.expect_message(MSG_DATA).raw, metadata_message(amf_object({{"first", amf_null()}})))
         << "a late player gets the current publisher's";
-    // When the current one is gone and the rival's media has made it the publisher, its own is repeated.
+    // Once the publisher is gone and the rival's media has made it the publisher, the rival's metadata is
+    // sent again.
     const LineMark mark = stream.server.mark();
     stream.publisher.close();
     stream.server.wait_for_line("Dropping connection", mark);

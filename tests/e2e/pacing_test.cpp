@@ -1,4 +1,4 @@
-// A publisher that sends ahead of time is slowed down to real time, measured from its first media message.
+// A publisher that sends faster than real time is slowed down to it, measured from its first media message.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -16,7 +16,7 @@ namespace {
 
 using testing::IsEmpty;
 
-// How late a message may be on a busy machine; how early it may be is exact.
+// How late a message may be on a busy machine. It may not be early at all.
 constexpr Milliseconds LATE = scaled(Milliseconds{1000});
 
 Milliseconds after(TimePoint start, TimePoint arrival) {
@@ -142,7 +142,7 @@ TEST(pacing, a_publisher_far_ahead_fills_its_socket_and_not_the_servers_memory) 
         stopped = true;
     }
     EXPECT_TRUE(stopped) << "100 MB went into the server";
-    // Eight messages wait, a ninth is being read.
+    // Eight messages are queued, and a ninth is being read.
     EXPECT_LT(server.rss_kib(), before_kib + std::size_t{TIME_SCALE > 1 ? 60 : 24} * 1024);
     EXPECT_THAT(player.round_trip(), IsEmpty());
 }

@@ -1,4 +1,4 @@
-// Clients that come and go in every way leave nothing behind.
+// Clients that connect and leave in every way leave nothing behind.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -16,10 +16,10 @@
 namespace {
 
 constexpr std::size_t CLIENTS_AT_A_TIME = 10;
-// A sanitizer keeps freed memory for a while, and reports what is not freed at the end.
+// A sanitizer keeps freed memory for a while, and reports leaks at exit.
 constexpr std::size_t ALLOWED_GROWTH_KIB = (TIME_SCALE > 1 ? 300 : 12) * 1024;
 
-// One visit of each kind; number makes its stream name its own.
+// One visit of each kind; number makes its stream name unique.
 const std::vector<std::function<void(std::size_t number)>> VISITS = {
     [](std::size_t) { RtmpClient().close(); },
     [](std::size_t) { RtmpClient().close_with_reset(); },
@@ -69,7 +69,7 @@ const std::vector<std::function<void(std::size_t number)>> VISITS = {
     },
 };
 
-// Visits with these numbers, several at a time. Throws what any of them throws.
+// Makes the visits with these numbers, several at a time. Rethrows the exception of any of them.
 void visit(std::size_t from, std::size_t to) {
     std::vector<std::future<void>> visitors;
     for (std::size_t first = 0; first < CLIENTS_AT_A_TIME; ++first) {
@@ -90,7 +90,7 @@ TEST(reconnect, five_hundred_visits_of_every_kind_leave_threads_descriptors_and_
     ServerProcess server;
     RtmpClient publisher = publishing_client("shared");
     std::atomic<bool> stop_requested = false;
-    // Media for those who come to play.
+    // Media for the visiting players.
     std::thread sender([&] {
         while (!stop_requested) {
             publisher.send_audio(1000, aac_frame(1));

@@ -61,7 +61,7 @@ TEST(registry, old_streams_are_forgotten_in_the_order_of_their_names) {
     server.err().wait_for_count("Dropping connection", 5);
     // Served after the last of them was closed.
     RtmpClient bystander = connected_client();
-    // While the server stands still all of them grow old, the last included.
+    // While the server is stopped all of them grow old, including the last.
     server.pause();
     std::this_thread::sleep_for(IDLE_STREAM + Milliseconds{100});
     EXPECT_EQ(server.err().count_starting("Disposing"), 0U);

@@ -1,4 +1,4 @@
-// A publisher's media on its way to the players of the stream.
+// The relay of a publisher's media to the players of its stream.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -133,7 +133,7 @@ TEST(relay, players_of_any_chunk_size_come_and_go_and_take_nothing_from_the_othe
             player.send_connect("ombrex-output");
             player.send_play("live");
         }
-        // Some leave while they are sent something that they do not read.
+        // Some leave with unread data still being sent to them.
         while (visitors.size() > 8) {
             RtmpClient& player = visitors.front();
             if (visitors.size() % 2 == 0) {
@@ -438,7 +438,7 @@ TEST(relay, a_player_is_dropped_when_its_publisher_locks_on_another_codec) {
         };
         send(1);
         (void)player.expect_message(audio ? MSG_AUDIO : MSG_VIDEO);
-        // The player has not been told a codec yet, so the metadata alone changes nothing for it.
+        // The player has not received a codec yet, so the metadata alone changes nothing for it.
         publisher.send_metadata(amf_object({{audio ? "audiocodecid" : "videocodecid", amf_number(2)}}));
         (void)player.expect_message(MSG_DATA);
         send(2);
@@ -487,7 +487,7 @@ TEST(relay, a_player_that_joins_a_stream_with_metadata_gets_it_and_then_media) {
     publisher.send_audio(1020, aac_frame(1));
     expect_media(player.read_message(), MSG_AUDIO, 0, aac_header());
     expect_media(player.read_message(), MSG_AUDIO, 0, aac_frame(1));
-    // Everybody else is still served as well.
+    // All other clients are still served.
     EXPECT_THAT(player.round_trip(), IsEmpty());
     RtmpClient another = playing_client("cam1");
     EXPECT_EQ(another.expect_message(MSG_DATA).payload, amf_string("onMetaData") + metadata);

@@ -1,9 +1,9 @@
-// The real server over TCP: a session that comes in pieces is served like one that comes at once. A piece is
-// sent when the server has read the one before, so none are put together again on the way.
+// The real server over TCP: a session that arrives in pieces is served like one that arrives at once. Each
+// piece is sent after the server has read the previous one, so TCP does not merge them.
 //
 // tests/segmentation/ cuts the same sessions at every byte; here the threads and the socket are real, and
-// some places have to do. The reader's acknowledgements and the main loop's answers may come in any order
-// among each other: each kind is compared by itself.
+// only some cuts are tested. The reader's acknowledgements and the main loop's replies may interleave in any
+// order, so each kind is compared separately.
 #include <gtest/gtest.h>
 #include <linux/sockios.h>
 #include <sys/ioctl.h>
@@ -26,17 +26,17 @@ namespace {
 constexpr useconds_t POLL_US = 100;
 constexpr std::size_t MESSAGES_OFFSET = C2_OFFSET + HANDSHAKE_BLOCK_BYTES;
 constexpr std::size_t SINGLE_BYTES = 300;        // connect and what follows it
-constexpr std::uint32_t LAST_CHUNK_BYTES = 100;  // small enough for the sizes in which all the sessions end
+constexpr std::uint32_t LAST_CHUNK_BYTES = 100;  // at most the chunk size at the end of every session
 
-// What the server had to say to a session.
+// What the server sent for a session.
 struct Served {
     Bytes handshake;
     std::vector<std::uint32_t> acknowledgements;
     Bytes answers;  // with their headers
-    Bytes relayed;  // to the player of what is published
+    Bytes relayed;  // to the player of the published stream
 };
 
-// An acknowledgement of TCP that is delayed, as is usual, would make each piece take 40 ms.
+// Turns off delayed TCP acknowledgements, which would make each piece take 40 ms.
 void acknowledge_segments_at_once() {
     ASSERT_EQ(std::system("ip route replace table local local 127.0.0.1 dev lo proto kernel scope host "
                           "src 127.0.0.1 quickack 1"),
@@ -48,7 +48,7 @@ std::uint16_t local_port(const RtmpClient& client) {
     return static_cast<std::uint16_t>(std::stoul(address.substr(address.rfind(':') + 1)));
 }
 
-// Bytes of this client that the server has got and not read.
+// Returns how many bytes of this client the server has received but not read.
 std::size_t unread_by_server(std::uint16_t client_port) {
     std::ifstream table("/proc/net/tcp");
     std::string line;
@@ -83,7 +83,7 @@ void wait_until_read(const RtmpClient& client, std::uint16_t port) {
     }
 }
 
-// Sends the bytes from the position up to the end in segments that end at the given positions.
+// Sends the bytes from this position to the end in segments that end at the given positions.
 void send_segments(RtmpClient& client, const Session& session, std::size_t from, std::size_t to,
                    const std::vector<std::size_t>& ends) {
     const std::uint16_t port = local_port(client);
@@ -100,8 +100,8 @@ void send_segments(RtmpClient& client, const Session& session, std::size_t from,
     send_to(to);
 }
 
-// The messages up to the answer to a request that is sent behind the session; everything before has been
-// handled by then, and has been acknowledged when the second such answer is there.
+// Reads the messages up to the reply to a request sent after the session. Everything before has been handled
+// by then, and has been acknowledged once a second such reply arrives.
 void read_answers(RtmpClient& client, std::size_t session_bytes, Served& served) {
     const Bytes request = amf_string("releaseStream") + amf_number(1000) + amf_null();
     for (int trip = 0; trip < 2; ++trip) {
@@ -122,7 +122,7 @@ void read_answers(RtmpClient& client, std::size_t session_bytes, Served& served)
     }
 }
 
-// Publishes metadata and headers for a session that plays, and media when the session is there.
+// Publishes metadata and headers for a session that plays, and media once the session has joined.
 class OtherSide {
   public:
     explicit OtherSide(const Session& session)
@@ -169,7 +169,7 @@ Served serve(Session session, const std::vector<std::size_t>& ends) {
     const std::size_t end = session.plays ? session.media_at : session.bytes.size();
     send_segments(client, session, C2_OFFSET, end, ends);
     if (session.plays) {
-        // Media that comes before the request to play would not be relayed.
+        // Media that arrives before the request to play would not be relayed.
         server.wait_for_line("Repeating publisher's onMeta to new client");
         other.publish();
     }

@@ -1,4 +1,4 @@
-// A quit signal in the middle of the work.
+// Quit signals under load.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -17,8 +17,8 @@ namespace {
 
 constexpr Milliseconds STOP_LIMIT = scaled(Milliseconds{1000});
 
-// Not more at a time than the kernel queues for the server: whoever finds that queue full tries again a
-// second later.
+// At most as many at a time as the kernel queues for the server. A client that finds the queue full tries
+// again a second later.
 constexpr std::size_t CLIENTS_AT_A_TIME = 16;
 
 void add_clients(const ServerProcess& server, std::vector<std::unique_ptr<RtmpClient>>& clients,
@@ -47,7 +47,7 @@ TEST(shutdown, a_server_stops_within_a_second_while_it_relays_to_a_hundred_playe
     ServerProcess server;
     std::vector<std::unique_ptr<RtmpClient>> players;
     add_clients(server, players, 100);
-    // All at once: one after the other they would take as long as their answers together.
+    // All at once: one after the other, they would take the sum of their reply times.
     for (const auto& player : players) {
         (void)player->handshake();
         player->send_connect("ombrex-output");
@@ -58,7 +58,7 @@ TEST(shutdown, a_server_stops_within_a_second_while_it_relays_to_a_hundred_playe
     for (std::uint32_t i = 0; i < 20; ++i) {
         publisher.send_video(1000 + 20 * i, avc_inter_frame(i, 20000));
     }
-    // In the middle of the stream: the first players have media already, none has all of it.
+    // In the middle of the stream: the first players already have media, and none has all of it.
     server.wait_for_line("From publisher to connection: source timebase 1000, add 0");
     EXPECT_LT(server.stop(), STOP_LIMIT);
     for (const auto& player : players) {
@@ -101,7 +101,7 @@ TEST(shutdown, players_that_do_not_read_do_not_delay_the_stop) {
     for (std::uint32_t i = 0; i < 12; ++i) {
         publisher.send_video(1000, avc_inter_frame(i, 1000000));
     }
-    // More than any socket buffers: every writer thread but the witness's is blocked in the middle of a send.
+    // More than any socket buffers, so every writer thread except the witness's is blocked in a send.
     recorder.wait_for_type(12, MSG_VIDEO);
     EXPECT_LT(server.stop(), STOP_LIMIT);
 }

@@ -1,5 +1,5 @@
-// A log that is taken slowly, and a client that makes the server say as much as it can. Another stream goes
-// on, and the server can be stopped.
+// A log that is read slowly, and a client that makes the server log as much as possible. Another stream
+// continues, and the server can be stopped.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -23,13 +23,13 @@ namespace {
 
 constexpr std::size_t LOG_BYTES_PER_MS = 50000;  // 50 MB/s
 constexpr std::size_t LEVELS = 1150;
-// 3 s of the stream beside the attack.
+// 3 s of the stream during the attack.
 constexpr std::size_t MESSAGES_MEANWHILE = 75;
-// Up to 10 ms until the main loop looks and up to 50 ms until the player's writer does are in it.
+// Includes up to 10 ms until the main loop wakes up and up to 50 ms until the player's writer does.
 constexpr Milliseconds LONGEST_DELAY = scaled(Milliseconds{250});
 constexpr Milliseconds LONGEST_STOP = scaled(Milliseconds{1000});
 
-// Standard error of a server, as a named pipe that is read at LOG_BYTES_PER_MS.
+// A server's standard error, as a named pipe that is read at LOG_BYTES_PER_MS.
 class SlowLog {
   public:
     SlowLog() : fd(open_pipe()), reader([this] { read_slowly(); }) {}
@@ -68,7 +68,7 @@ class SlowLog {
                 poll(&entry, 1, 10) == 1 ? read(fd, buffer.data(), buffer.size()) : ssize_t{0};
             const std::size_t bytes = count > 0 ? static_cast<std::size_t>(count) : 0;
             taken += bytes;
-            // What is not used is not saved up for later.
+            // Unused reading time is not saved up for later.
             next = SteadyClock::now() + std::chrono::microseconds(bytes * 1000 / LOG_BYTES_PER_MS + 1);
         }
     }
@@ -79,8 +79,8 @@ class SlowLog {
     std::thread reader;
 };
 
-// Sends one connect after the other, each of which prints as much as a dump may hold, on a thread of its own.
-// A connection that the server closes is replaced by a new one.
+// Sends one connect after the other on its own thread, each of which makes the server print a dump of the
+// largest size. Replaces a connection that the server closes.
 class FloodOfConnects {
   public:
     explicit FloodOfConnects(const std::string& app)

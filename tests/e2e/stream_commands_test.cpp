@@ -46,7 +46,7 @@ Lines reason_of_failure(const Bytes& payload) {
     return reason_of_failure(server, client, payload);
 }
 
-// By connections that publish or play already.
+// Sent by connections that already publish or play.
 void expect_refused_to_both(const Bytes& command, const std::string& reason) {
     const ServerProcess server;
     RtmpClient publisher = publishing_client("cam1");
@@ -153,7 +153,7 @@ TEST(acknowledged_commands, are_answered_with_a_plain_result_and_nothing_else) {
     (void)client.round_trip();
     const LineMark mark = server.mark();
     for (const char* name : {"releaseStream", "FCPublish", "FCUnpublish"}) {
-        // What follows the second value is not even read.
+        // Data after the second value is not read.
         for (const Bytes& rest :
              {amf_null(), amf_null() + amf_string("cam1"), amf_object({}), amf_null() + from_hex("0A")}) {
             client.send_message({.payload = amf_string(name) + amf_number(7) + rest,

@@ -1,5 +1,5 @@
-// Which connection publishes a stream: the first, until it leaves or stalls; and what a change does
-// to players.
+// Which connection publishes a stream: the first, until it leaves or stalls. Also the effect of a change
+// on players.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -24,7 +24,7 @@ constexpr Milliseconds STALL{2500};
 constexpr Milliseconds FIRST_MEDIA_GRACE{3500};
 constexpr std::uint32_t NO_DELAY = 1;  // a timestamp that pacing never holds
 
-// The server's side of an instant: it lies between the two.
+// A moment at the server, known to lie between these two times.
 struct Instant {
     TimePoint earliest;
     TimePoint latest;
@@ -43,8 +43,8 @@ Instant send_media(RtmpClient& publisher) {
     });
 }
 
-// The rival sends until it has taken the stream over, and that must happen at the deadline: not before, and
-// with the first message that is handled after it.
+// The rival sends until it has taken over the stream. That must happen with the first message handled after
+// the deadline, and not before.
 void expect_takeover_after(const ServerProcess& server, RtmpClient& rival, const Instant& last_sign_of_life,
                            Milliseconds grace) {
     for (bool must_succeed = false; !must_succeed;) {
@@ -197,8 +197,8 @@ TEST(takeover, a_takeover_with_another_codec_in_the_metadata_says_so_too) {
     ServerProcess server;
     RtmpClient publisher = publishing_client("cam1");
     RtmpClient rival = publishing_client("cam1");
-    // Nobody plays and nothing is sent: after a while nobody is known as the publisher any more, and so the
-    // rival's metadata counts.
+    // Without players and media, after a while the stream has no publisher any more, so the rival's metadata
+    // is applied.
     server.wait_for_line("Disposing old stream 'cam1'", 0, Milliseconds{5000} + DEFAULT_WAIT);
     rival.send_metadata(amf_object({{"audiocodecid", amf_number(2)}}));
     (void)rival.round_trip();
@@ -220,7 +220,7 @@ TEST(takeover, a_waiting_rival_publishes_with_its_next_media_once_the_publisher_
     RtmpClient rival = publishing_client("cam1");
     publisher.close();
     const LineMark mark = server.wait_for_line("Dropping connection");
-    // Without any player, too.
+    // This also works without a player.
     rival.send_audio(NO_DELAY, aac_frame(1));
     server.wait_for_line(TIME_RESET, mark);
     EXPECT_EQ(server.count(TAKEOVER), 0U);
@@ -278,7 +278,7 @@ TEST(takeover, metadata_and_headers_of_a_rival_are_kept_until_it_has_taken_over)
     publisher.close();
     server.wait_for_line("Dropping connection");
     rival.send_audio(NO_DELAY, aac_frame(1));
-    // The metadata from before is not sent to those who play already; the header is repeated.
+    // Earlier metadata is not sent to current players; the header is sent again.
     EXPECT_EQ(early_player.expect_message(MSG_AUDIO).payload, aac_header());
     EXPECT_EQ(early_player.expect_message(MSG_AUDIO).payload, aac_frame(1));
     RtmpClient late_player = playing_client("cam1");

@@ -1,4 +1,4 @@
-// How exactly the kernel keeps the sleeps of the server's threads.
+// The precision of the sleeps of the server's threads.
 #include <gtest/gtest.h>
 #include <sys/syscall.h>
 
@@ -32,7 +32,7 @@ ThreadIds threads_of(const ServerProcess& server) {
     return ids;
 }
 
-// The kernel has the value of a thread as if it were a process, not below task/.
+// The kernel shows the value of a thread under /proc as for a process, not below task/.
 std::ifstream slack_file(pid_t thread) {
     return std::ifstream("/proc/" + std::to_string(thread) + "/timerslack_ns");
 }
@@ -60,17 +60,17 @@ TEST(timer_slack, of_writers_is_5_ms_and_of_readers_and_the_main_thread_the_defa
     }
     EXPECT_EQ(slack_ns(server.pid()), DEFAULT_SLACK_NS);
     std::vector<RtmpClient> clients;
-    clients.push_back(handshaken_client());  // With the first threads a sanitizer starts one of its own.
+    clients.push_back(handshaken_client());  // A sanitizer starts its own thread with the first threads.
     server.wait_for_line("RTMP xmit begin");
     for (std::size_t i = 2; i <= CLIENTS; ++i) {
         const ThreadIds before = threads_of(server);
         clients.push_back(handshaken_client());
-        // A writer prints it when it has set its slack.
+        // A writer prints this after it has set its slack.
         server.err().wait_for_count("RTMP xmit begin", i);
         ThreadIds added;
         std::ranges::set_difference(threads_of(server), before, std::inserter(added, added.end()));
         ASSERT_EQ(added.size(), 2U);
-        // The reader waits for the client.
+        // The reader waits for data from the client.
         const auto reads = [](pid_t thread) { return is_in_system_call(thread, SYS_recvfrom); };
         ASSERT_TRUE(holds_within(DEFAULT_WAIT, [&] { return std::ranges::count_if(added, reads) == 1; }));
         for (const pid_t thread : added) {

@@ -27,7 +27,7 @@ constexpr std::size_t SHARED_MESSAGE_BYTES = 50000;
 // A sanitizer's build, whose memory has no upper limit here, needs fewer for its queues to grow.
 constexpr std::uint32_t SHARED_MESSAGES = 400 / TIME_SCALE;
 
-// Packets on this process's own loopback as small as on a slow link, so that socket buffers stay small too.
+// Makes packets on the private loopback as small as on a slow link, so that socket buffers also stay small.
 void shrink_loopback_packets() {
     const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     ifreq request{};
@@ -44,14 +44,14 @@ ClientOptions small_buffer() {
     return options;
 }
 
-// A stream of large messages on a server of its own, and a player that reads it.
+// A stream of large messages on its own server, and a player that reads it.
 class ReadStream {
   public:
     explicit ReadStream(std::size_t size_of_message) : message_bytes(size_of_message) {
         publisher.set_chunk_size(1 << 20);
     }
 
-    // Returns once the player has them. The server's two polls pass once for several of them.
+    // Returns once the player has them. Each of the server's two polls handles several of them.
     void send(std::uint32_t count) {
         const auto at_once = static_cast<std::uint32_t>(std::max<std::size_t>(1, 500000 / message_bytes));
         for (std::uint32_t sent = 0; sent < count; sent += at_once) {
@@ -65,7 +65,7 @@ class ReadStream {
         }
     }
 
-    // Players that read nothing from now on, each with a chunk size of its own.
+    // Adds players that read nothing from now on, each with its own chunk size.
     void add_stuck(const std::vector<std::uint32_t>& chunk_sizes) {
         for (const std::uint32_t chunk_size : chunk_sizes) {
             stuck.push_back(std::make_unique<RtmpClient>(small_buffer()));
@@ -80,22 +80,22 @@ class ReadStream {
         }
     }
 
-    // Sends so many messages. What waits for the stuck players is one copy of them, and 100 bytes a message
-    // and player. Returns the memory that the server had before that.
+    // Sends this many messages. Requires that the queues of the stuck players take one copy of them, plus 100
+    // bytes per message and player. Returns the server's memory before.
     std::size_t expect_one_copy_of(std::uint32_t messages) {
-        send(20);  // The socket buffers are full.
+        send(20);  // Fills the socket buffers.
         const std::size_t before_kib = server.rss_kib();
         send(messages);
         const std::size_t stream_kib = messages * message_bytes / 1024;
         EXPECT_GT(server.rss_kib(), before_kib + stream_kib / 2) << "this test needs queues that grow";
-        if (TIME_SCALE == 1) {  // A sanitizer takes memory of its own.
+        if (TIME_SCALE == 1) {  // A sanitizer uses extra memory.
             EXPECT_LT(server.rss_kib(),
                       before_kib + stream_kib * 13 / 10 + messages * stuck.size() * 100 / 1024);
         }
         return before_kib;
     }
 
-    // Returns once the server has noticed it.
+    // Returns once the server has noticed.
     void drop_stuck() {
         const std::size_t players = stuck.size();
         stuck.clear();
@@ -125,7 +125,7 @@ TEST(unread_player, players_that_never_read_do_not_disturb_the_one_that_does) {
     live.wait_for_more(150);
     RtmpClient late_player = playing_client("live");
     EXPECT_EQ(late_player.expect_message(MSG_VIDEO).timestamp, 0U);
-    // They can leave in the middle of what the server is sending them.
+    // They can leave while the server is sending to them.
     const std::size_t with_stuck = server.thread_count();
     stuck.clear();
     server.err().wait_for_count("Connection for play unsubscribed from 'live'", STUCK_PLAYERS);
@@ -158,7 +158,7 @@ TEST(unread_player, players_that_read_nothing_share_what_waits_for_them) {
     stream.drop_stuck();
     if (TIME_SCALE == 1) {
         const std::size_t most_kib = before_kib + SHARED_MESSAGES * SHARED_MESSAGE_BYTES / 1024 / 4;
-        // Small blocks go back to the system together, some seconds later.
+        // Small blocks are returned to the system together, some seconds later.
         const TimePoint deadline = SteadyClock::now() + Milliseconds{15000};
         while (stream.server.rss_kib() >= most_kib && SteadyClock::now() < deadline) {
             stream.send(1);
@@ -191,14 +191,14 @@ TEST(unread_player, acknowledgements_that_nobody_reads_do_not_pile_up) {
     ServerProcess server;
     constexpr std::size_t PUBLISHERS = 5;
     constexpr std::size_t MESSAGES = 5000;
-    // About as many wait for the client; each further one takes the place of the one before it.
+    // About this many are queued for the client; each further one replaces the previous one.
     constexpr std::size_t LEAST_WAITING = 1000;
     constexpr std::size_t MOST_WAITING = 1200;
     std::vector<std::unique_ptr<RtmpClient>> publishers;
     for (std::size_t i = 0; i < PUBLISHERS; ++i) {
         publishers.push_back(
             std::make_unique<RtmpClient>(publishing_client("cam" + std::to_string(i), small_buffer())));
-        // Answers for which the socket has no room, so that all that follows waits in the server.
+        // Replies for which the socket has no room, so that everything after them is queued in the server.
         for (int answer = 0; answer < 10; ++answer) {
             publishers.back()->send_command(amf_string("releaseStream") +
                                             amf_string(std::string(60000, 'x')) + amf_null());
@@ -206,7 +206,7 @@ TEST(unread_player, acknowledgements_that_nobody_reads_do_not_pile_up) {
     }
     const std::size_t before_kib = server.rss_kib();
     for (const auto& publisher : publishers) {
-        // Audio without payload, and then one byte for each further message.
+        // Audio without payload; each further message then takes one byte.
         publisher->send_bytes(chunked({.type = MSG_AUDIO, .payload = "", .csid = 5}) +
                               Bytes(MESSAGES - 1, basic_header(3, 5)[0]));
         publisher->send_data(amf_string("all sent"));

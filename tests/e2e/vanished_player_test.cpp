@@ -1,4 +1,4 @@
-// Players whose link is cut, so that nothing tells the server that they are gone.
+// Players whose link is cut, so the server is not notified that they are gone.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <linux/sockios.h>
@@ -26,7 +26,7 @@ namespace {
 // usual 15.
 constexpr const char* RETRIES = "4";
 
-// The other end of a connection, as the server names its clients; empty for what is none.
+// Returns the peer's address in the server's notation. Empty if fd is not a connection.
 std::string peer_of(int fd) {
     sockaddr_in address{};
     socklen_t length = sizeof address;
@@ -55,7 +55,7 @@ class ServerEnd {
         return value;
     }
 
-    // Waits until nothing is under way, and makes two minutes three seconds.
+    // Waits until no data is in transit, and shortens the keepalive time of two minutes to three seconds.
     void hurry_keepalive() const {
         const auto bytes_under_way = [this] {
             int bytes = -1;
@@ -119,7 +119,7 @@ TEST(vanished_player, with_nothing_under_way_is_dropped_after_six_probes_that_no
     server.wait_for_thread_count(THREADS_AT_REST);
 }
 
-// Linux sends no probes while it repeats data. This is why such a player stays for a quarter of an hour.
+// Linux sends no probes while it retransmits data, so such a player stays for a quarter of an hour.
 TEST(vanished_player, with_data_under_way_is_dropped_when_the_kernel_gives_up_repeating_it_and_not_before) {
     std::ofstream("/proc/sys/net/ipv4/tcp_retries2") << RETRIES << std::flush;
     FarSide far;

@@ -34,7 +34,7 @@ DocumentedOutcome process_ends(const std::string& last_line) {
     return expected;
 }
 
-// The three requests come in one go, and the answers leave one by one, each in one call, before the socket is
+// The three requests arrive together. The replies are sent one by one, each in one call, before the socket is
 // read again. The client waits for two of them.
 constexpr std::uint32_t CONTROL_REQUESTS = 3;
 constexpr std::uint32_t CONTROL_ANSWERS_AWAITED = 2;
@@ -64,7 +64,7 @@ DocumentedOutcome after_recv(const FaultWatch& watch, const std::string& action)
         if (action != "EINTR") {
             const std::uint32_t sent = std::min(record.sendmsg_calls, CONTROL_REQUESTS);
             expected = control_client_closes(sent);
-            // Requests that had come before are still carried out, and cannot be answered.
+            // Requests that arrived earlier are still carried out, but cannot be answered.
             expect_unsent(expected, "Input/output error",
                           record.received_bytes != 0 ? CONTROL_REQUESTS - sent : 0);
         }
@@ -73,7 +73,7 @@ DocumentedOutcome after_recv(const FaultWatch& watch, const std::string& action)
     if (!watch.came_through("RTMPConnection::handshake")) {
         return reader_dies(record);
     }
-    // C0 and C1 come together, so each part takes one call.
+    // C0 and C1 arrive together, so each part takes one call.
     const std::string part = "C" + std::to_string(record.call_of_thread - 1) + " fail";
     return reader_dies(record, {part, "RTMP handshake failed"});
 }
@@ -100,7 +100,7 @@ DocumentedOutcome after_sendmsg(const FaultWatch& watch, const std::string& acti
         return expected;
     }
     if (action != "EINTR") {
-        // Nothing more can be sent to it: the answers behind this one are lost with it.
+        // Nothing more can be sent to it, so the replies after this one are lost as well.
         const std::uint32_t sent = record.call_of_thread - 1;
         expected = control_client_closes(sent);
         expect_unsent(expected, "Broken pipe", CONTROL_REQUESTS - sent);
@@ -152,7 +152,7 @@ DocumentedOutcome after_pthread_join(const FaultWatch& watch) {
     DocumentedOutcome expected;
     if (watch.came_through("RTMPConnection::reap_dead_threads")) {
         expected.in_short = "joined on the next pass";
-        expected.texts[is_reader ? "Thread 1 died" : "Thread 2 died"] = ONCE;  // once more
+        expected.texts[is_reader ? "Thread 1 died" : "Thread 2 died"] = ONCE;  // printed again
         return expected;
     }
     expected.in_short = "a warning";
@@ -217,9 +217,9 @@ DocumentedOutcome after_mutex_unlock(const FaultWatch& watch) {
     struct Site {
         const char* caller;
         const char* named;
-        bool other;  // another connection than the thread's or the pass's own
+        bool other;  // not the connection of the thread or the pass
     };
-    // The more particular come first.
+    // The more specific sites come first.
     for (const Site& site :
          {Site{"RTMPConnection::ok", "ok", false},
           Site{"RTMPConnection::relay_from_publisher", "queue_outgoing", false},
@@ -241,7 +241,7 @@ DocumentedOutcome after_mutex_unlock(const FaultWatch& watch) {
 DocumentedOutcome after_nothrow_new_on_main(const FaultWatch& watch) {
     DocumentedOutcome expected;
     if (watch.came_through("queue_reply")) {
-        // What had come together with the command is still handled, and answered.
+        // Messages that arrived together with the command are still handled and answered.
         expected.in_short = "AMF0 error command, dropped";
         expected.drops = true;
         expected.missing = Missing::REPLY_BEFORE_DROP;
@@ -258,13 +258,13 @@ DocumentedOutcome after_nothrow_new_on_main(const FaultWatch& watch) {
         expected.missing = Missing::A_HEADER;
         expected.misses = LATE_PLAYER;
     } else if (watch.came_through("SharedPayload::lay_out")) {
-        // The first stream has two players once the late one has come.
+        // The first stream has two players once the late one has joined.
         expected.in_short = "Relay fail, all players of the stream miss a message";
         expected.missing = Missing::ONE_MESSAGE;
         expected.most_who_miss = 2;
         expected.texts["Relay fail"] = {1, 2};
     } else if (watch.came_through("relay_published_packet")) {
-        // Of the second stream nobody would have had it.
+        // For the second stream, no client would have received it.
         expected.in_short = "a header is not kept";
         expected.missing = Missing::A_HEADER_OR_NOTHING;
         expected.misses = LATE_PLAYER;
@@ -323,7 +323,8 @@ DocumentedOutcome after_new(const FaultWatch& watch) {
         return control_client_closes(watch.first().sendmsg_calls);
     }
     expected = process_ends("terminate called after throwing an instance of 'std::bad_alloc'");
-    // The runtime writes its line in pieces, between which other threads may print: the first one is whole.
+    // The runtime writes its line in pieces, and other threads may print in between. The first piece
+    // is complete.
     expected.last_words = "terminate called after throwing an instance of '";
     return expected;
 }
@@ -357,7 +358,7 @@ DocumentedOutcome outcome_of(FaultCall call, const std::string& action, const Fa
         case FaultCall::SOCKET:
         case FaultCall::BIND:
         case FaultCall::LISTEN:
-            break;  // Without these there is no session.
+            break;  // Without these calls there is no session.
     }
     return process_ends("no session without this call");
 }

@@ -1,5 +1,5 @@
-// What must become of the scripted session when one call has failed: which texts the server prints and how
-// often, who is dropped, who misses what.
+// The required outcome of the scripted session after one call has failed: which texts the server prints and
+// how often, which client is dropped, and what each client misses.
 #pragma once
 
 #include <cstddef>
@@ -18,42 +18,43 @@ struct Times {
     int most = 0;
 };
 
-// How a connection comes to its end.
+// How a connection ends.
 enum class Ending { DROPPED_BY_CONTROL, CLIENT_LEFT, READER_DIED, WRITER_DIED, DROPPED_BY_SERVER };
 
-// What one client misses. `misses` says who it is, where that can be known.
+// What one client misses. `misses` is that client, if known.
 enum class Missing {
     NOTHING,
     ONE_MESSAGE,
     A_HEADER,
     A_HEADER_OR_NOTHING,
     METADATA,
-    METADATA_OF_A_STREAM,  // each of its players
+    METADATA_OF_A_STREAM,  // by each of its players
     CHUNK_SIZE,
     REPLY_BEFORE_DROP
 };
 
 struct DocumentedOutcome {
     std::string in_short = "nothing changes";
-    // Somebody is dropped; NOBODY in `dropped`: one whom the record does not name.
+    // A client is dropped. If `dropped` is NOBODY, the record does not say which.
     bool drops = false;
     std::size_t dropped = NOBODY;
     Ending ending = Ending::DROPPED_BY_SERVER;
     Missing missing = Missing::NOTHING;
     std::size_t misses = NOBODY;
     std::size_t most_who_miss = 1;
-    // Beside those that every session prints.
+    // In addition to those that every session prints.
     std::map<std::string, Times> texts;
-    // The process ends by an assertion, or for want of memory.
+    // The last text if the process ends by an assertion or out of memory.
     std::string last_words;
     bool control_socket_lost = false;
-    // Before it had the answers that it waits for.
+    // It is lost before it had the replies it waits for.
     bool control_client_lost = false;
-    std::uint32_t control_answer_lost = 0;  // which one, from 1; 0: none
-    // Whose messages are acknowledged but for one.
+    std::uint32_t control_answer_lost = 0;  // its number, from 1; 0: none
+    // The client that misses one acknowledgement.
     std::size_t misses_acknowledgement = NOBODY;
     std::size_t listed_without_lock = NOBODY;
 };
 
-// For the call that the watch has seen fail; nothing changes when it has seen none.
+// Returns the outcome for the failed call that the watch has recorded, or that of a normal session if there
+// is none.
 DocumentedOutcome documented_outcome(FaultCall call, const std::string& action, const FaultWatch& watch);

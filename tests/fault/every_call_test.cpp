@@ -1,8 +1,7 @@
-// The scripted session again and again, each time with another call that fails: every call of a kind, from
-// the first to the last that a session makes. Whatever fails, the outcome is the documented one, and nobody
-// else is disturbed.
+// Repeats the scripted session, each time with another failing call: every call of a kind, from the first to
+// the last in a session. Each failure must have the documented outcome and must not disturb other clients.
 //
-// A sweep shares its runs out among processes of its own, since a session mostly waits.
+// A sweep distributes its runs over several processes, because a session mostly waits.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -27,12 +26,12 @@ namespace {
 
 constexpr unsigned WORKERS = 8;
 constexpr int FAILURES_SHOWN = 3;
-// The test that waits has 120 s.
+// The waiting test has a limit of 120 s.
 constexpr Milliseconds SHARE_WAIT{115000};
-constexpr const char* SHARE = "V9_FAULT_SHARE";  // of one worker: "first step last"
+constexpr const char* SHARE = "V9_FAULT_SHARE";  // for one worker: "first step last"
 constexpr const char* TALLY = "tally: ";
 
-// Sanitizer builds, which are three times as slow, take one call of so many.
+// Sanitizer builds are three times as slow and test only one call in this many.
 constexpr std::uint64_t STEP = TIME_SCALE == 1 ? 1 : 7;
 
 constexpr const char* OUT_OF_MEMORY = "ends: terminate called after throwing an instance of 'std::bad_alloc'";
@@ -42,7 +41,7 @@ struct Sweep {
     std::string action;
     std::string within = {};  // "@FROM-TO", or empty
     std::uint64_t step = STEP;
-    bool all_later = false;  // not only the nth call fails, but all from it on
+    bool all_later = false;  // all calls from the nth on fail
 };
 
 std::string plan_of(const Sweep& sweep, std::uint64_t nth) {
@@ -51,9 +50,9 @@ std::string plan_of(const Sweep& sweep, std::uint64_t nth) {
 }
 
 struct SessionRun {
-    std::string outcome;  // that it must have had
-    std::string problem;  // how it differs from that
-    std::string told;     // what there is to know about it then
+    std::string outcome;  // required outcome
+    std::string problem;  // difference from it
+    std::string told;     // details for the failure message
 };
 
 SessionRun run_session(const Sweep& sweep, const std::string& plan) {
@@ -98,7 +97,7 @@ void run_share(const Sweep& sweep, const std::string& share) {
     }
 }
 
-// ---- the one who shares out
+// ---- the distributor
 
 std::string own_path() {
     std::string path(4096, '\0');
@@ -113,7 +112,7 @@ class Worker {
         : process({own_path(), "--gtest_filter=" + own_name()},
                   {.environment = {std::string(SHARE) + "=" + share}}) {}
 
-    // Waits for its end, and adds up what it has seen.
+    // Waits for the worker's end and adds its outcomes.
     void finish(std::map<std::string, int>& outcomes) {
         const ProgramEnd end = process.wait_for_exit(SHARE_WAIT);
         for (const std::string& line : process.out().lines_since()) {
@@ -141,9 +140,9 @@ class Worker {
     ProgramProcess process;
 };
 
-// One in how many of the counted calls a later session may not reach. Calls that are made again and again
-// until something happens depend on how long a session takes; threads that look for work lock most often, and
-// the sessions that are counted may have met a busier machine than those that follow.
+// Returns n if a later session may miss one in n of the counted calls. The number of repeated calls, such as
+// polls, depends on how long a session takes. Threads that poll for work lock most often, and the machine may
+// have been busier during the counted sessions than later.
 int unreached_part(const Sweep& sweep) {
     switch (sweep.call) {
         case FaultCall::ACCEPT4:
@@ -162,9 +161,9 @@ bool depends_on_time(const Sweep& sweep) {
     return unreached_part(sweep) != 0;
 }
 
-// The calls of this kind that a session makes in which nothing fails.
+// Returns the number of calls of this kind in a session without failures.
 std::uint64_t calls_of_one_session(const Sweep& sweep) {
-    // What is counted within one function only, the injector counts when told to let them all pass.
+    // Calls within one function are counted by the injector with a plan that lets them all pass.
     constexpr std::uint64_t NEVER = 1000000000;
     FaultyServer faulty(sweep.within.empty() ? "" : plan_of(sweep, NEVER));
     const SessionStory story = play_session(faulty.server);
@@ -176,7 +175,8 @@ std::uint64_t calls_of_one_session(const Sweep& sweep) {
     return sweep.within.empty() ? faulty.watch.calls(sweep.call) : faulty.watch.seen();
 }
 
-// Where it depends on time, as many as every session should make.
+// Returns the number of calls to test. If it depends on time, this is the number that every session
+// should make.
 std::uint64_t calls_of_a_session(const Sweep& sweep) {
     constexpr int SESSIONS = 5;
     std::uint64_t least = calls_of_one_session(sweep);
@@ -186,7 +186,7 @@ std::uint64_t calls_of_a_session(const Sweep& sweep) {
     return least;
 }
 
-// Expects that each of these was the outcome of at least one run, where no call is left out.
+// Expects each of these outcomes in at least one run, unless calls are skipped.
 void run_sweep(const Sweep& sweep, const std::vector<std::string>& must_be_among) {
     if (const char* const share = std::getenv(SHARE)) {
         run_share(sweep, share);
@@ -279,7 +279,7 @@ TEST(every_call, of_sendmsg_may_fail) {
     run_sweep({.call = FaultCall::SENDMSG, .action = "EPIPE"}, {"the writer dies"});
 }
 
-// How many the writers make depends on time, and these come after them.
+// The number of calls by writers depends on time, and these calls come after them.
 TEST(every_call, of_sendmsg_to_a_control_client_may_fail) {
     run_sweep({.call = FaultCall::SENDMSG,
                .action = "EPIPE",

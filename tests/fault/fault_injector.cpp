@@ -1,21 +1,21 @@
-// Preloaded into the server: makes the calls fail that V9_FAULT names. Only calls that the program itself
-// makes count; what its libraries do among themselves is left alone.
+// Preloaded into the server: makes the calls named by V9_FAULT fail. Only calls by the program itself count;
+// calls within its libraries are not affected.
 //
 //   V9_FAULT      fault[;fault...], each CALL[.THREAD][@FROM-TO]:N[+]:ACTION
 //                 CALL     a name of FAULT_CALL_NAMES
-//                 THREAD   main, reader or writer: only calls of such a thread count
-//                 FROM-TO  addresses of a function in the program, hexadecimal: only calls from there count
-//                 N        the call that fails, from 1; with a plus sign all later ones fail too
+//                 THREAD   main, reader or writer: only calls by such a thread count
+//                 FROM-TO  addresses of a function in the program, hexadecimal: only calls from it count
+//                 N        the call that fails, from 1; with a plus sign all later ones also fail
 //                 ACTION   an errno such as EIO; or
-//                          short    recv, send, sendmsg: only one byte passes
-//                          excess   recv, send, sendmsg: one byte more is reported than was asked for
-//                          refuse   pthread_join: fails and has not joined
-//                          hold     the call waits until the page says `released`, and then is made
-//   V9_FAULT_PAGE a file of the size of FaultPage: the counts and what was done
+//                          short    recv, send, sendmsg: transfers only one byte
+//                          excess   recv, send, sendmsg: returns one byte more than requested
+//                          refuse   pthread_join: fails without joining
+//                          hold     the call waits until the page says `released`, then proceeds
+//   V9_FAULT_PAGE a file of the size of FaultPage, for the counts and the record
 //
-// With an errno a call fails without having been made, but for those whose failure must not leave the process
-// in a state that the system could not have brought about: a mutex that "cannot" be unlocked is unlocked, a
-// thread that "cannot" be cancelled or joined is cancelled or joined. Joining it once more then succeeds.
+// With an errno, a call fails without being made. The exceptions are calls whose failure would otherwise
+// leave the process in a state that the system cannot produce: a mutex that "cannot" be unlocked is unlocked,
+// and a thread that "cannot" be cancelled or joined is cancelled or joined. Joining it again then succeeds.
 #include <dlfcn.h>
 #include <execinfo.h>
 #include <fcntl.h>
@@ -78,7 +78,7 @@ std::uintptr_t program_base = 0;
 std::uintptr_t program_end = 0;
 FaultPage private_page;
 FaultPage* page = &private_page;
-// Two for each connection, in the order of its creation: the reader's, then the writer's.
+// Two for each connection, in the order of creation: the reader's, then the writer's.
 std::array<CreatedThread, MAX_THREADS> threads;
 std::atomic<std::uint32_t> threads_created = 0;
 thread_local ThreadIdentity self;
@@ -174,7 +174,7 @@ int find_program(dl_phdr_info* info, std::size_t /*size*/, void* /*data*/) {
                 program_end, program_base + info->dlpi_phdr[i].p_vaddr + info->dlpi_phdr[i].p_memsz);
         }
     }
-    return 1;  // The program comes first; nothing else is wanted.
+    return 1;  // The program comes first; skip the rest.
 }
 
 void map_page(const char* path) {
@@ -195,7 +195,7 @@ void map_page(const char* path) {
     const char* const plan = std::getenv("V9_FAULT");
     std::string_view rest = plan != nullptr ? plan : "";
     while (!rest.empty()) {
-        // Each number ends at a delimiter, which strtoull does not go past.
+        // Each number ends at a delimiter, where strtoull stops.
         const std::string_view text = cut(rest, ';');
         if (fault_count == MAX_FAULTS) {
             reject(text);
@@ -205,14 +205,14 @@ void map_page(const char* path) {
     }
 }
 
-// ---- who calls
+// ---- the caller
 
 bool is_program(const void* address) {
     const auto value = reinterpret_cast<std::uintptr_t>(address);
     return program_base <= value && value < program_end;
 }
 
-// The frames of the program itself.
+// The stack frames of the program itself.
 struct Stack {
     std::array<std::uint64_t, MAX_FAULT_FRAMES> frames{};
     std::uint32_t count = 0;
@@ -238,7 +238,7 @@ bool is_within(const Stack& stack, const Fault& fault) {
                        [&](std::uint64_t frame) { return fault.from <= frame && frame < fault.to; });
 }
 
-// ---- what was done
+// ---- the record
 
 std::uint32_t connection_of_mutex(const void* mutex) {
     const auto address = reinterpret_cast<std::uintptr_t>(mutex);
@@ -246,7 +246,7 @@ std::uint32_t connection_of_mutex(const void* mutex) {
     std::uint32_t found = NO_FAULT_CONNECTION;
     for (std::uint32_t i = 0; i < std::min<std::uint32_t>(threads_created, MAX_THREADS); ++i) {
         const auto argument = reinterpret_cast<std::uintptr_t>(threads[i].argument);
-        // A later connection may stand where an earlier one stood.
+        // A later connection may have the address of an earlier one.
         if (argument <= address && argument >= nearest) {
             nearest = argument;
             found = i / 2;
@@ -303,7 +303,7 @@ void hold() {
     }
 }
 
-// Counts the call; the fault that it is to suffer, or null.
+// Counts the call. Returns the fault to inject, or null.
 const Fault* suffer(FaultCall call, const void* caller, const Subject& subject) {
     const bool by_anyone = call == FaultCall::NEW;  // Strings allocate from within the standard library.
     if (!(by_anyone || is_program(caller)) || self.looking_at_the_stack) {
@@ -346,7 +346,7 @@ Function real(Function& cached, const char* name) {
     return cached;
 }
 
-// The real call of the surrounding function's name.
+// The real function with the name of the enclosing function.
 #define REAL(name)                                 \
     ([] {                                          \
         static decltype(&::name) cached = nullptr; \
@@ -427,7 +427,7 @@ ssize_t recv(int fd, void* buffer, std::size_t length, int flags) {
     return receive(fd, buffer, length, flags, CALLER);
 }
 
-// What recv becomes where the compiler knows the size of the buffer.
+// The compiler replaces recv with this if it knows the buffer's size.
 ssize_t __recv_chk(int fd, void* buffer, std::size_t length, std::size_t /*room*/, int flags) {
     return receive(fd, buffer, length, flags, CALLER);
 }

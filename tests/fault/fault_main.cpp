@@ -1,4 +1,4 @@
-// Every test runs in namespaces of its own process; listing the tests needs none.
+// Every test process runs in its own namespaces. Listing the tests needs none.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -9,7 +9,7 @@
 
 namespace {
 
-// The injector stands before AddressSanitizer's own interceptors, and passes on to them.
+// The injector precedes AddressSanitizer's interceptors and calls them.
 void allow_an_injector_before_the_sanitizer() {
     const char* const given = std::getenv("ASAN_OPTIONS");
     const std::string options = std::string(given != nullptr ? given : "") + ":verify_asan_link_order=0";
@@ -19,7 +19,7 @@ void allow_an_injector_before_the_sanitizer() {
 }  // namespace
 
 int main(int argc, char** argv) {
-    // GoogleTest takes its arguments out of argv; a second start of this program needs them all.
+    // GoogleTest removes its arguments from argv, but a second start of this program needs them all.
     std::vector<char*> all_arguments(argv, argv + argc + 1);
     testing::InitGoogleTest(&argc, argv);
     if (!testing::GTEST_FLAG(list_tests)) {

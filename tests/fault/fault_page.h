@@ -1,4 +1,4 @@
-// What the fault injector and the test that uses it tell each other, in a file that both map.
+// The data shared by the fault injector and its test, in a file that both map.
 #pragma once
 
 #include <array>
@@ -24,7 +24,7 @@ enum class FaultCall : std::uint32_t {
     NEW,
 };
 
-// As they stand in V9_FAULT, in the order above.
+// The names used in V9_FAULT, in the order above.
 inline constexpr std::array<std::string_view, 15> FAULT_CALL_NAMES{"socket",
                                                                    "bind",
                                                                    "listen",
@@ -49,32 +49,32 @@ inline constexpr std::size_t MAX_FAULT_FRAMES = 32;
 // The first call that was made to fail.
 struct FaultRecord {
     FaultThread thread = FaultThread::MAIN;
-    // Whose thread it was or whose mutex, counted from 0 in the order of acceptance.
+    // The connection of the thread or mutex, counted from 0 in the order of acceptance.
     std::uint32_t connection = NO_FAULT_CONNECTION;
-    // Of this kind by this thread, from 1.
+    // The number of the call among those of this kind by this thread, from 1.
     std::uint32_t call_of_thread = 0;
-    // What this thread had done by then: calls of sendmsg, bytes that its calls of recv brought.
+    // What this thread had done before: calls of sendmsg, bytes received by recv.
     std::uint32_t sendmsg_calls = 0;
     std::uint64_t received_bytes = 0;
-    // The socket is the control socket or one of its clients.
+    // Whether the socket is the control socket or one of its clients.
     std::uint32_t on_control_socket = 0;
-    // pthread_cancel, pthread_join: whose thread was meant, and which of its two.
+    // For pthread_cancel and pthread_join: the target's connection, and which of its two threads.
     std::uint32_t target_connection = NO_FAULT_CONNECTION;
     FaultThread target_thread = FaultThread::MAIN;
-    // Return addresses, innermost first, from where the program was loaded.
+    // Return addresses, innermost first, relative to the program's load address.
     std::uint32_t frame_count = 0;
     std::array<std::uint64_t, MAX_FAULT_FRAMES> frames{};
 };
 
 struct FaultPage {
-    // The calls that the program made, by FaultCall.
+    // The number of calls by the program, by FaultCall.
     std::array<std::atomic<std::uint64_t>, FAULT_CALL_NAMES.size()> calls{};
-    // Those of them that the first fault of the plan could have struck.
+    // The number of these calls that match the first fault of the plan.
     std::atomic<std::uint64_t> seen{0};
     std::atomic<std::uint32_t> injected{0};
-    // Lets go what an action "hold" holds.
+    // Releases a call held by the action "hold".
     std::atomic<std::uint32_t> released{0};
-    // To be read once `injected` is not 0.
+    // Valid once `injected` is not 0.
     FaultRecord first;
 };
 static_assert(std::atomic<std::uint64_t>::is_always_lock_free);

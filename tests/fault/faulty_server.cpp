@@ -26,7 +26,7 @@ std::string plain_name(std::string function) {
     return function.substr(0, function.find_first_of("(["));
 }
 
-// Whether a function is called so, with or without the namespaces and classes that it is in.
+// Whether a function has this name, qualified or not.
 bool has_name(const std::string& function, std::string_view name) {
     std::string_view plain = function;
     if (!plain.ends_with(name)) {
@@ -77,7 +77,7 @@ std::string ServerSymbols::within(std::string_view name) const {
 std::vector<std::string> ServerSymbols::functions_of(const FaultRecord& record) const {
     std::vector<std::string> functions;
     for (std::uint32_t i = 0; i < record.frame_count; ++i) {
-        auto symbol = by_address.lower_bound(record.frames[i]);  // A return address is behind the call.
+        auto symbol = by_address.lower_bound(record.frames[i]);  // A return address is after the call.
         if (symbol != by_address.begin()) {
             functions.push_back(std::prev(symbol)->second);
         }
@@ -137,6 +137,6 @@ ServerOptions with_faults(const std::string& plan, std::vector<std::string> argu
     if (!plan.empty()) {
         options.environment.push_back("V9_FAULT=" + plan);
     }
-    options.limits = {{RLIMIT_CORE, 0}};  // Some end by an assertion, as they must.
+    options.limits = {{RLIMIT_CORE, 0}};  // Some must end by an assertion.
     return options;
 }

@@ -1,6 +1,6 @@
-// A server some of whose system calls fail, and what can be known about the call that did.
+// A server with failing system calls, and information about the call that failed.
 //
-// A plan is what fault_injector.cpp reads from V9_FAULT. Each test process has one server at a time.
+// A plan is the text that fault_injector.cpp reads from V9_FAULT. A test process has one server at a time.
 #pragma once
 
 #include <map>
@@ -11,15 +11,15 @@
 #include "tests/fault/fault_page.h"
 #include "tests/support/server_process.h"
 
-// The server's functions and where they are.
+// The server's functions and their addresses.
 class ServerSymbols {
   public:
     static const ServerSymbols& get();
 
-    // "@FROM-TO" for a plan: the function of this name, with or without the namespaces and classes it is in.
-    // Throws TestFailure when there is none.
+    // Returns "@FROM-TO" for a plan: the addresses of the function with this name, qualified or not. Throws
+    // TestFailure if there is none.
     std::string within(std::string_view name) const;
-    // The names of the functions that the record's call came from, innermost first.
+    // Returns the names of the functions on the stack of the record's call, innermost first.
     std::vector<std::string> functions_of(const FaultRecord& record) const;
 
   private:
@@ -28,7 +28,7 @@ class ServerSymbols {
     std::map<std::uint64_t, std::string> by_address;
 };
 
-// The page that the injector writes to. Made before the server starts.
+// The page that the injector writes to. Create it before the server starts.
 class FaultWatch {
   public:
     FaultWatch();
@@ -37,16 +37,16 @@ class FaultWatch {
     FaultWatch& operator=(const FaultWatch&) = delete;
 
     std::uint64_t calls(FaultCall call) const { return page->calls[static_cast<std::size_t>(call)]; }
-    // Those of them that are of the kind, thread and function that the plan's first fault is about.
+    // The number of calls of the kind, thread and function of the plan's first fault.
     std::uint64_t seen() const { return page->seen; }
-    // How many calls were made to fail, or are held.
+    // The number of calls that failed by injection or are held.
     std::uint32_t injected() const { return page->injected; }
     void wait_until_injected(Milliseconds wait = DEFAULT_WAIT) const;
-    // Lets go the call that is held.
+    // Releases the held call.
     void release() const { page->released = 1; }
-    // Once something was injected.
+    // Valid once a fault was injected.
     const FaultRecord& first() const { return page->first; }
-    // What called, and what called that, innermost first.
+    // The functions on the stack, innermost first.
     std::vector<std::string> functions() const { return ServerSymbols::get().functions_of(first()); }
     bool came_through(std::string_view function_name) const;
     // For the failure message.
@@ -58,7 +58,7 @@ class FaultWatch {
 
 ServerOptions with_faults(const std::string& plan, std::vector<std::string> arguments = {});
 
-// A server with a plan. An empty plan counts and changes nothing.
+// A server with a plan. An empty plan only counts.
 struct FaultyServer {
     explicit FaultyServer(const std::string& plan) : server(with_faults(plan)) {}
 

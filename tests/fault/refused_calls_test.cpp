@@ -1,4 +1,4 @@
-// One system call that fails, and all that follows from it.
+// One failing system call and all its consequences.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -41,7 +41,7 @@ void expect_assertion(FaultyServer& faulty, const std::string& function, const s
         << faulty.server.raw_text() << faulty.watch.describe();
 }
 
-// All that a connection leaves behind is gone, beside what was there before it.
+// Checks that a connection leaves nothing behind, compared with the state before it.
 class AtRest {
   public:
     explicit AtRest(const ServerProcess& process) : server(process), fds(process.fd_count()) {}
@@ -56,7 +56,7 @@ class AtRest {
     const std::size_t fds;
 };
 
-// A client whose threads have said all that they say of themselves.
+// Returns a client whose threads have printed all their startup lines.
 RtmpClient client_at_rest(const ServerProcess& server) {
     RtmpClient client = handshaken_client();
     for (const char* const line : {"Accepted connection", "RTMP handshake complete", "RTMP xmit begin"}) {
@@ -69,10 +69,11 @@ std::string drop(ControlPeer& peer, const std::string& id) {
     return peer.ask("drop connection by id", {id}).message;
 }
 
-// The main thread stands still between the drop and the pass that carries it out: where it answers.
+// The main thread is held between the drop and the pass that carries it out, in the call that sends
+// the reply.
 const std::string HELD_DROP = "sendmsg.main:2:hold";
 
-// What the server says when its client ends one of its threads meanwhile.
+// Returns what the server prints if its client ends one of its threads meanwhile.
 std::vector<std::string> lines_of_held_drop(FaultyServer& faulty, void (*end_thread)(RtmpClient& client)) {
     ControlPeer peer;
     (void)peer.ask("hello");
@@ -204,7 +205,7 @@ TEST(refused_calls, a_thread_that_has_died_by_the_time_of_the_drop_is_not_cancel
 
 TEST(refused_calls, a_writer_that_has_died_by_the_time_of_the_drop_is_not_cancelled) {
     FaultyServer faulty(HELD_DROP + ";sendmsg.writer:1:EPIPE");
-    // Its acknowledgement is what cannot be sent.
+    // The acknowledgement of this message cannot be sent.
     EXPECT_EQ(lines_of_held_drop(faulty, [](RtmpClient& client) { client.send_audio(1, aac_frame(1)); }),
               (std::vector<std::string>{"Not cancelling thread2, it died", "Dropping connection"}));
 }
@@ -327,7 +328,7 @@ TEST(refused_calls, a_reader_that_cannot_lock_gives_up_reading) {
         (void)client.expect_closed();
         const std::vector<std::string> lines = faulty.server.lines_through("Dropping connection", mark);
         EXPECT_EQ(faulty.server.count("Failure to add to queue", mark), row.says_so ? 1U : 0U);
-        // What was queued before is handled.
+        // Messages queued before are handled.
         EXPECT_EQ(faulty.server.count("accepted app ombrex-live", mark), row.says_so ? 0U : 1U)
             << row.function;
         EXPECT_EQ(faulty.server.count("Thread 1 died", mark), 1U);
@@ -395,9 +396,9 @@ TEST(refused_calls, a_connection_that_cannot_be_locked_is_listed_without_what_th
 
 TEST(refused_calls, an_unlock_that_fails_ends_the_process_and_says_where) {
     struct Row {
-        const char* function;  // within which the lock is taken
-        const char* named;     // in the assertion
-        bool own;              // the thread's own connection, not another one
+        const char* function;  // function that takes the lock
+        const char* named;     // name in the assertion
+        bool own;              // the thread's own connection
     };
     for (const Row& row :
          {Row{"RTMPConnection::ok", "ok", true}, Row{"RTMPConnection::idle", "dispatch_front_message", true},
@@ -419,7 +420,7 @@ TEST(refused_calls, an_unlock_that_fails_ends_the_process_and_says_where) {
             (void)ControlPeer().ask("list connections");
             ADD_FAILURE() << row.function << ": the server lives on";
         } catch (const TestFailure&) {
-            // Wherever the server ended, its clients' connections did.
+            // When the server ended, so did its clients' connections.
         }
         expect_assertion(faulty, row.named, row.own ? "connection_io_unlock()" : "p->connection_io_unlock()");
     }

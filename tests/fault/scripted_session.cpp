@@ -12,7 +12,7 @@
 
 namespace {
 
-constexpr std::uint32_t TIMESTAMP_MS = 1000;  // The same for all: nothing is held back.
+constexpr std::uint32_t TIMESTAMP_MS = 1000;  // The same for all, so nothing is held.
 constexpr std::size_t CONTROL_PEERS = 3;
 constexpr Milliseconds ACKNOWLEDGEMENT_WAIT = scaled(Milliseconds{5000});
 constexpr Milliseconds END_WAIT = scaled(Milliseconds{2000});
@@ -55,12 +55,12 @@ const char* stream_of(std::size_t client) {
     return is_first_stream(client) ? "cam1" : "cam2";
 }
 
-// A client of the session, for as long as the server lets it.
+// A client of the session, until the server closes it.
 class Guest {
   public:
     explicit Guest(ClientStory& written) : story(written) { client.note_message_ends(story.to_acknowledge); }
 
-    // Nothing, once the client is gone.
+    // Does nothing once the client is gone.
     void act(const std::function<void(RtmpClient&)>& step) {
         if (gone) {
             return;
@@ -76,7 +76,7 @@ class Guest {
         }
     }
 
-    // Sends a command and waits for its answer: whatever was sent before has been handled then, and what was
+    // Sends a command and waits for its reply. Then everything sent before has been handled, and everything
     // sent to this client before has arrived.
     void ask() {
         act([this](RtmpClient& rtmp) {
@@ -91,7 +91,7 @@ class Guest {
         });
     }
 
-    // Waits for the acknowledgement of its last message, in vain when it is that one which is missed.
+    // Waits for the acknowledgement of its last message, in vain if that one is missing.
     void wait_for_acknowledgements() {
         act([this](RtmpClient& rtmp) {
             const TimePoint deadline = SteadyClock::now() + ACKNOWLEDGEMENT_WAIT;
@@ -132,7 +132,7 @@ class Guest {
         }
     }
 
-    // Whether the server closes the connection in time; what it sends before that is kept.
+    // Whether the server closes the connection in time. Messages before that are kept.
     bool closes() {
         const TimePoint deadline = SteadyClock::now() + DEFAULT_WAIT;
         while (handshaken && !client.closed_by_server() && SteadyClock::now() < deadline) {
@@ -145,7 +145,7 @@ class Guest {
             try {
                 (void)client.read_bytes(1, Milliseconds{poll_timeout_ms(deadline)});
             } catch (const TestFailure&) {
-                // Closed, or too late: the conditions say which.
+                // Closed or too late; the conditions above show which.
             }
         }
         return client.closed_by_server();
@@ -243,17 +243,17 @@ class Session {
         }
     }
 
-    // Whether the drop was answered.
+    // Returns whether the drop was answered.
     bool ask_control_server(ControlPeer& peer) {
         ++story.control.peers;
-        // In one go: one service of the control socket answers all.
+        // Sent together, so one poll of the control socket answers all.
         if (!peer.try_send_bytes(control_request(1, "list connections") +
                                  control_request(2, "drop connection by stream name", {"cam1"}) +
                                  control_request(3, "hello"))) {
             return false;
         }
         try {
-            // An answer may be lost: the next one tells.
+            // A reply may be lost; the next one reveals it.
             for (std::uint64_t answered = 0; answered < 2;) {
                 const ControlReply reply = peer.read_reply();
                 answered = reply.request_id;
@@ -276,7 +276,7 @@ class Session {
         return server.raw_text().find("Idle failed: ") != std::string::npos;
     }
 
-    // Whether a client of the control socket had its answer. None has when the socket is lost.
+    // Returns whether a client of the control socket got its reply. None does if the socket is lost.
     bool ask_control_server() {
         while (control_peers.size() < CONTROL_PEERS) {
             try {
@@ -339,7 +339,7 @@ class Session {
     ServerProcess& server;
     SessionStory& story;
     std::array<std::unique_ptr<Guest>, SESSION_CLIENTS> guests;
-    // They stay until there was time to answer their last question.
+    // They stay connected until there was time to answer their last request.
     std::vector<ControlPeer> control_peers;
 };
 
@@ -377,7 +377,7 @@ SessionStory play_session(ServerProcess& server) {
     try {
         Session(server, story).play();
     } catch (const TestFailure&) {
-        // Either the server has ended, or it does not do its part.
+        // Either the server has ended, or it does not respond.
         if (!holds_within(END_WAIT, [&] { return !server.is_running(); })) {
             throw;
         }

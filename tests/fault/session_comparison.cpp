@@ -62,7 +62,7 @@ class Comparison {
         }
     }
 
-    // Who was dropped, where the record does not tell: whoever was.
+    // Determines which client was dropped if the record does not say: any that was.
     void find_dropped() {
         dropped = expected.drops ? expected.dropped : NOBODY;
         for (std::size_t i = 0; i < SESSION_CLIENTS && expected.drops && dropped == NOBODY; ++i) {
@@ -108,7 +108,8 @@ class Comparison {
                  joined(story.clients[client].received) + " of " + joined(whole_transcript(client)));
     }
 
-    // It got everything up to its end. If that came after its last message, nobody but the server knew.
+    // The client received everything up to its end. If that came after its last message, only the
+    // server noticed.
     void compare_dropped(std::size_t client) {
         const Transcript& received = story.clients[client].received;
         Transcript whole = whole_transcript(client);
@@ -128,7 +129,7 @@ class Comparison {
         }
     }
 
-    // All answers, and the media up to the end of the publisher.
+    // The client received all replies, and the media up to the end of the publisher.
     void compare_cut(std::size_t client) {
         const auto part = [](const Transcript& transcript, bool media) {
             Transcript wanted;
@@ -166,7 +167,7 @@ class Comparison {
         return false;
     }
 
-    // Exactly one message less.
+    // The client received exactly one message less.
     void compare_missing(std::size_t client) {
         const Transcript& received = story.clients[client].received;
         Transcript whole = whole_transcript(client);
@@ -189,7 +190,8 @@ class Comparison {
             const auto [in_told, in_due] = std::mismatch(told.begin(), told.end(), due.begin(), due.end());
             bool as_expected = told == due;
             if (i == dropped) {
-                as_expected = in_told == told.end();  // What its reader had come to, and its writer.
+                as_expected =
+                    in_told == told.end();  // Depends on how far its reader and its writer had come.
             } else if (i == expected.misses_acknowledgement) {
                 as_expected = in_due != due.end() && std::equal(in_told, told.end(), in_due + 1, due.end());
             }
@@ -200,7 +202,7 @@ class Comparison {
         }
     }
 
-    // What a listing says of a client between its slot and its video size.
+    // Returns the fields of a client's listing between its slot and its video size.
     static std::string role_of(std::size_t client) {
         return std::string("\t") + (is_first_stream(client) ? "cam1" : "cam2") + '\t' +
                (is_player(client) ? "play" : "publish") + '\t';
@@ -209,7 +211,7 @@ class Comparison {
     void compare_control() {
         const ControlStory& control = story.control;
         if (control.peers == 0) {
-            // Where the socket is expected to be lost, it may have been after its last answer.
+            // If the socket is expected to be lost, this may have happened after its last reply.
             if (!expected.control_socket_lost) {
                 complain("the control socket was lost");
             }
@@ -266,7 +268,7 @@ class Comparison {
         return by_control ? Ending::DROPPED_BY_CONTROL : Ending::CLIENT_LEFT;
     }
 
-    // Those that tell of trouble, each with how often it may stand there.
+    // Returns the expected error texts, each with how often it may appear.
     std::map<std::string, Times> expected_texts() const {
         std::map<std::string, Times> texts = expected.texts;
         const auto add = [&](const std::string& line, Times times) {
@@ -275,8 +277,8 @@ class Comparison {
         };
         add("Dropping connection", {SESSION_CLIENTS, SESSION_CLIENTS});
         for (std::size_t i = 0; i < SESSION_CLIENTS; ++i) {
-            // A client that leaves just when its writer dies leaves a dead reader as well. And a thread that
-            // died just before a drop is found dead by the drop.
+            // A client that leaves just when its writer dies also leaves a dead reader. A thread that died
+            // just before a drop is found dead by the drop.
             const bool late = i == dropped && !story.clients[i].dropped;
             const Times seldom{0, late ? 1 : 0};
             const Times surely{late ? 0 : 1, 1};

@@ -1,4 +1,4 @@
-// A session that was played against what must have become of it.
+// Compares a played session with its required outcome.
 #pragma once
 
 #include <string>
@@ -6,8 +6,8 @@
 #include "tests/fault/documented_outcome.h"
 #include "tests/fault/scripted_session.h"
 
-// How they differ, a line each; empty when they do not. text: all that the server printed. Whoever the
-// outcome does not name must have been served to the end, and nothing else that tells of trouble may have
+// Returns the differences, one per line; empty if there are none. text is everything the server printed.
+// All clients not named in the outcome must have been served to the end, and no other error may have
 // been printed.
 std::string differences(const DocumentedOutcome& expected, const SessionStory& story,
                         const std::string& text);

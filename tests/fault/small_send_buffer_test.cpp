@@ -1,5 +1,4 @@
-// The control socket with the send buffer that a system grants by default: a long listing leaves in
-// many pieces.
+// The control socket with the system's default send buffer: a long listing is sent in many pieces.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -17,15 +16,15 @@
 namespace {
 
 constexpr std::size_t NAME_BYTES = 1000000;
-// In a sanitizer's build every byte of a name costs a multiple, so there are fewer.
-constexpr std::size_t PUBLISHERS = 126 / TIME_SCALE;  // and the two of the stream that is timed
+// In sanitizer builds every byte of a name costs several times as much, so there are fewer.
+constexpr std::size_t PUBLISHERS = 126 / TIME_SCALE;  // plus the two of the timed stream
 constexpr std::size_t PUBLISHERS_FOR_TOOL = TIME_SCALE == 1 ? PUBLISHERS : 14;
 constexpr Milliseconds LIST_TIME = scaled(Milliseconds{10000});
-// The tool copies and prints every byte as well.
+// The tool also copies and prints every byte.
 constexpr Milliseconds TOOL_TIME = scaled(Milliseconds{30000});
 constexpr Milliseconds LATENESS = scaled(Milliseconds{250});
 
-// The server may ask for no larger buffer.
+// The server cannot request a larger buffer.
 std::string default_send_buffer() {
     return "setsockopt.main" + ServerSymbols::get().within("comm_socket_v4_idle") + ":1+:ENOBUFS";
 }

@@ -17,7 +17,7 @@
 
 namespace {
 
-// The reader waits when so many messages of its client do.
+// The reader waits if this many messages of its client are queued.
 constexpr std::size_t MOST_WAITING = 8;
 constexpr int PRETENDED_FD = 1000;
 
@@ -34,7 +34,7 @@ std::string shown(std::uint32_t type, std::uint32_t timestamp, std::uint32_t chu
            to_hex(payload) + "\n";
 }
 
-// The server as it was before the first client, whatever the schedule before has left.
+// Resets the server to its state before the first client, whatever the previous schedule left.
 void start_server() {
     free_all_connections();
     fake_clock_us = std::numeric_limits<std::uint64_t>::max() / 2;
@@ -44,19 +44,19 @@ void start_server() {
     printed_text.clear();
 }
 
-// What the messages that wait at a connection cost, in their order.
+// The costs of the messages queued at a connection, in order.
 struct Costs {
     const RTMPConnection* connection = nullptr;
     std::deque<std::uint64_t> us;
 };
 
-// By the mutex that the server holds while it handles a message. A new connection may have the address of an
-// old one.
+// Keyed by the mutex that the server holds while it handles a message. A new connection may have the address
+// of an old one.
 std::map<const pthread_mutex_t*, Costs> costs;
 
 }  // namespace
 
-// The linker's --wrap leads every call here. Time passes at the end of each message.
+// The linker's --wrap redirects every call here. Time passes at the end of each message.
 extern "C" {
 
 int __real_pthread_mutex_unlock(pthread_mutex_t* mutex);
@@ -237,7 +237,7 @@ class Comparison {
                 differences += "stream '" + name + "' has another publisher, other players or another time\n";
             }
         }
-        // One that only the model has was just inserted above, and is counted: it stands at time 0.
+        // A stream that only the model has was just inserted above with time 0, and is counted.
         if (stream_count() != model.streams.size()) {
             differences += std::to_string(stream_count()) + " streams, in the model " +
                            std::to_string(model.streams.size()) + "\n";

@@ -1,5 +1,5 @@
-// Runs a schedule through the server and its reference, and compares all that can be seen of both after every
-// pass: what was printed, who is connected, what waits for each client, what is held back, and the registry.
+// Runs a schedule through the server and its reference, and compares their visible state after every pass:
+// printed text, connections, queued messages, held messages, and the registry.
 #pragma once
 
 #include <optional>
@@ -8,12 +8,12 @@
 #include "tests/model/schedule.h"
 
 struct Difference {
-    std::size_t action = 0;  // after which the two were not the same
+    std::size_t action = 0;  // after which the two differed
     std::string what;
 };
 
-// Nothing when the two did the same. all_text, when given, is appended all that was printed.
+// Empty if the two behaved the same. If all_text is given, all printed text is appended to it.
 std::optional<Difference> compare(const Schedule& schedule, std::string* all_text = nullptr);
 
-// A schedule that still differs, with as few actions as leaving out some of them leads to.
+// Returns a schedule that still differs, shortened by removing actions.
 Schedule shortened(const Schedule& schedule);

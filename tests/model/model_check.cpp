@@ -1,6 +1,6 @@
 // Drives the server's main loop and the reference model with random schedules on a fake clock, and stops at
-// the first difference. A difference is shown with the shortest schedule that was found to lead to it, and
-// with the command that repeats it.
+// the first difference. It shows a difference with the shortest schedule found for it, and with the command
+// that repeats it.
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -16,10 +16,10 @@
 
 namespace {
 
-// Every SAMPLING-th schedule is looked through for what it reached.
+// Every SAMPLING-th schedule is searched for the texts it reached.
 constexpr std::uint64_t SAMPLING = 16;
 
-// What must have been printed by some schedule: where none gets that far, equal outcomes say nothing.
+// Texts that some schedule must have printed. If none gets that far, equal outcomes prove nothing.
 constexpr std::array<std::string_view, 34> TEXTS_TO_REACH{
     "Hrmph, RTMP publisher ignored stream ID in reply.",
     "Existing RTMP publisher for stream stalled, taking over as publisher\n",
@@ -64,7 +64,7 @@ struct Options {
     bool show = false;
 };
 
-// For the handler of an abort: which schedule it was.
+// The current schedule, for the abort handler.
 std::uint64_t running_seed = 0;
 
 extern "C" void tell_about_abort(int /*signal*/) {
@@ -139,7 +139,7 @@ int run(const Options& options) {
     std::printf("%llu schedules, %llu passes, no difference; %.1f s, %.0f schedules/s\n",
                 static_cast<unsigned long long>(options.schedules), static_cast<unsigned long long>(passes),
                 took.count(), static_cast<double>(options.schedules) / took.count());
-    // A few schedules, or those of a chosen length, are not expected to reach everything.
+    // A run of few schedules, or of a chosen length, need not reach everything.
     const bool many = options.schedules >= 1000 * SAMPLING && options.steps == 0;
     return !many || all_reached(reached, true) ? 0 : 1;
 }

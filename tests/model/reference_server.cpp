@@ -57,7 +57,7 @@ bool is_sequence_header(Track track, const std::string& payload) {
     return first % 16 == 7 && second == 0;
 }
 
-// The number of a member, rounded half up, when there is one and it lies in the range.
+// Returns a member's number, rounded half up. Empty if it is missing or out of range.
 std::optional<double> whole_number(const Metadata& metadata, const char* key, double low, double high) {
     const auto member = metadata.members.find(key);
     if (!metadata.has_members() || member == metadata.members.end()) {
@@ -443,7 +443,7 @@ void Server::tell(Connection& player, const Metadata& metadata) {
                           amf_string("onMetaData") + metadata.encoded()});
 }
 
-// Whether a player may go on under this description; what it had not been told before is noted on the way.
+// Whether the player may continue with this metadata. Also records values the player did not have before.
 bool Server::format_fits(Connection& player, const Metadata& metadata) {
     const auto fits = [&](auto& known, auto none, auto told, const std::string& text) {
         if (told <= none || told == known) {

@@ -1,9 +1,9 @@
-// What the server must do with the messages of its clients, said a second time: pacing, takeover, rebasing,
-// the codec lock, late joiners, metadata and the registry, in the plainest form that says all of it.
+// A second, simplest implementation of how the server handles its clients' messages: pacing, takeover,
+// rebasing, the codec lock, late joiners, metadata and the registry.
 //
-// It shares no code and no type with the server and is given the meaning of a message beside its bytes, so it
-// never parses. There are no threads, no locks and no sockets: a connection is a queue in and a queue out,
-// and time is an argument. Where this and the server differ, one of them is wrong.
+// It shares no code and no type with the server. It gets the meaning of a message along with its bytes, so it
+// never parses. It has no threads, locks or sockets: a connection is an input queue and an output queue, and
+// time is an argument. If it differs from the server, one of them is wrong.
 #pragma once
 
 #include <array>
@@ -20,7 +20,7 @@
 
 namespace reference {
 
-// A message on its way in or out.
+// An incoming or outgoing message.
 struct Message {
     std::uint8_t type = 0;
     std::uint32_t timestamp = 0;
@@ -29,13 +29,13 @@ struct Message {
     std::string payload;
 };
 
-// What a publisher says about its stream.
+// A publisher's metadata about its stream.
 struct Metadata {
     enum class Kind { OBJECT, ECMA_ARRAY, NUMBER, NOTHING };
     using Value = std::variant<double, std::string>;
 
     Kind kind = Kind::NOTHING;
-    double number = 0;  // of Kind::NUMBER
+    double number = 0;  // for Kind::NUMBER
     std::map<std::string, Value> members;
 
     bool has_members() const { return kind == Kind::OBJECT || kind == Kind::ECMA_ARRAY; }
@@ -43,7 +43,7 @@ struct Metadata {
     std::string dumped() const;
 };
 
-// What a message from a client asks for.
+// The request in a message from a client.
 enum class Request {
     MEDIA,
     CREATE_STREAM,
@@ -56,9 +56,9 @@ enum class Request {
     UNKNOWN_COMMAND,
     EMPTY_COMMAND,
     SET_METADATA,
-    BARE_METADATA,  // without the name of the setter in front
+    BARE_METADATA,  // without the setter's name first
     SET_OTHER,
-    SET_NOTHING,  // the setter and no more
+    SET_NOTHING,  // the setter's name only
     EMPTY_DATA,
     OTHER_TYPE
 };
@@ -67,9 +67,9 @@ struct Received {
     Request request = Request::OTHER_TYPE;
     Message message;
     std::string name;   // of the stream, the unknown command or the unknown data
-    Metadata metadata;  // of SET_METADATA
+    Metadata metadata;  // for SET_METADATA
     double transaction_id = 0;
-    std::uint64_t cost_us = 0;  // the time that it takes to handle it
+    std::uint64_t cost_us = 0;  // the time to handle it
 };
 
 enum Track : std::size_t { AUDIO = 0, VIDEO = 1, TRACKS = 2 };
@@ -90,11 +90,11 @@ struct Connection {
     bool stream_id_in_doubt = false;
 
     // publisher: pacing
-    std::uint64_t clock_start_us = 0;  // on a player: of its relay clock
+    std::uint64_t clock_start_us = 0;  // on a player: start of its relay clock
     std::uint32_t first_timestamp = 0;
     std::uint64_t stalls_at_us = 0;
 
-    // publisher: the format it announced; player: the format it was told
+    // publisher: the format it announced; player: the format it received
     std::int32_t width = -1, height = -1;
     std::array<std::uint32_t, TRACKS> codec_id{};
     Metadata metadata;
@@ -119,17 +119,17 @@ class Server {
   public:
     static constexpr std::size_t SLOTS = 128;
 
-    // draw is the source of random numbers, first_slot where the search for a free slot begins.
+    // draw is the source of random numbers. The search for a free slot begins at first_slot.
     Server(std::function<std::uint32_t()> draw, std::size_t first_slot)
         : draw_number(std::move(draw)), next_slot(first_slot) {}
 
-    // A client that was admitted to an application, or was not; the slot it got.
+    // Adds a client, admitted to an application or not. Returns its slot.
     std::optional<std::size_t> join(bool admitted);
-    // One round over all connections that begins at this time; returns when it ends.
+    // Makes one pass over all connections, beginning at this time. Returns the time when it ends.
     std::uint64_t pass(std::uint64_t time_us);
     void end(std::uint64_t time_us);
 
-    // The connection in a slot, or null.
+    // Returns the connection in a slot, or null.
     Connection* at(std::size_t slot) { return slots[slot].get(); }
 
     std::map<std::string, Stream> streams;
@@ -142,13 +142,13 @@ class Server {
     void remove(std::size_t slot);
     void dispose_one();
 
-    // False: the connection has to go.
+    // False if the connection must be dropped.
     bool command(std::size_t slot, const Received& received);
     bool play(std::size_t slot, const Received& received);
     bool publish(std::size_t slot, const Received& received);
     bool data(std::size_t slot, const Received& received);
 
-    // False: the message has to wait.
+    // False if the message must wait.
     bool media(std::size_t slot, const Message& message);
     bool relay(std::size_t slot, const Message& message);
     bool agree_on_codec(Connection& publisher, Track track, const std::string& payload);

@@ -39,7 +39,7 @@ constexpr std::uint64_t SECOND = 1000 * MS;
 constexpr std::uint64_t WRAP = 0x100000000ULL * MS;  // of 32-bit milliseconds
 constexpr std::size_t MOST_CLIENTS = 8;
 
-// Times between two passes: mostly the main loop's own, then those at which something may just happen.
+// Times between two passes: mostly the main loop's own, then those close to a limit.
 constexpr std::array<std::uint64_t, 24> WAITS{0,
                                               0,
                                               1,
@@ -65,15 +65,15 @@ constexpr std::array<std::uint64_t, 24> WAITS{0,
                                               3600 * SECOND,
                                               WRAP - 10 * MS};
 
-// What it may take to handle a message, where a turn of 20 ms is to end early.
+// Possible times to handle a message, to end a turn of 20 ms early.
 constexpr std::array<std::uint64_t, 7> COSTS{1, 5 * MS, 10 * MS, 20 * MS - 1, 20 * MS, 35 * MS, SECOND};
 
-// The last begins a wait of 4 s before the wrap, so that a publisher may stall and be replaced on the way.
+// The last one is 4 s before the wrap, so that a publisher may stall and be replaced before it.
 constexpr std::array<std::uint32_t, 14> FIRST_TIMESTAMPS{
     0,          0,          0,          1,          5000,       0xFFFFFA,   0xFFFFFF,
     0x7FFFFFF0, 0x80000000, 0xFFFFFFF0, 0xFFFFFFFF, 0xFFFF0000, 0xFFFFF000, 0xFFFFF000};
 
-// What a message's timestamp adds to the one before.
+// The difference of a message's timestamp from the previous one.
 constexpr std::array<std::int64_t, 24> TIMESTAMP_STEPS{
     0,   0,  1,   10,  10,   10,   20,   20,   40,    40,      40,       100,
     250, -1, -10, -40, 1000, 2500, 5000, 5001, -5001, 3600000, -3600000, 0x80000000LL};
@@ -82,7 +82,7 @@ const std::array<std::string, 4> STREAM_NAMES{"a", "b", "cam_1", ""};
 
 constexpr double NAN_NUMBER = std::numeric_limits<double>::quiet_NaN();
 
-// A member that is missing is a string of one blank; see member_of().
+// A missing member is a string of one blank; see member_of().
 const Metadata::Value MISSING = std::string(" ");
 
 const std::array<Metadata::Value, 12> SIZES{MISSING, 640.0, 640.0, 640.0,      1280.0, 1280.4,
@@ -120,7 +120,7 @@ struct Client {
     std::uint32_t connection = 0;
     bool publishes = false;
     std::uint32_t timestamp = 0;
-    unsigned steady_percent = 0;  // how much of its media is that of one codec
+    unsigned steady_percent = 0;  // share of its media in one codec
     bool mp3 = false, h263 = false;
     bool on_own_stream = false;
 };
@@ -153,7 +153,7 @@ class Generator {
     std::vector<Client> clients;
     std::uint32_t joined = 0;
     std::uint16_t serial = 0;
-    // Habits of the schedule.
+    // Properties of the schedule.
     unsigned plain_wait_percent = 0;
     unsigned odd_percent = 0;
     unsigned slow_percent = 0;
@@ -260,7 +260,7 @@ void Generator::media(Client& client) {
     const bool video = random.percent(50);
     client.timestamp += static_cast<std::uint32_t>(random.percent(75) ? TIMESTAMP_STEPS[random.below(12)]
                                                                       : random.one_of(TIMESTAMP_STEPS));
-    // A first timestamp of 0 leaves the base of pacing open, so that the next may be anything.
+    // A first timestamp of 0 leaves the base of pacing unset, so the next may be anything.
     if (random.percent(client.timestamp == 0 ? 20 : 1)) {
         client.timestamp = random.one_of(FIRST_TIMESTAMPS);
     }
@@ -287,7 +287,7 @@ Metadata Generator::random_metadata() {
             metadata.members.emplace(key, value);
         }
     };
-    // Mostly a description that stays the same, or its players would not live long.
+    // Mostly the same metadata, because otherwise its players would soon be dropped.
     const bool plain = random.percent(60);
     add_member("width", plain ? SIZES[1] : random.one_of(SIZES));
     add_member("height", plain ? OTHER_SIZES[1] : random.one_of(OTHER_SIZES));
@@ -379,7 +379,7 @@ std::string stream_command(const Received& received, const char* name) {
     return amf_string(name) + amf_number(received.transaction_id) + amf_null();
 }
 
-// Members in an order that is not the one in which they are kept.
+// Uses an order of members different from the stored one.
 std::string metadata_bytes(const Metadata& metadata) {
     if (!metadata.has_members()) {
         return metadata.encoded();

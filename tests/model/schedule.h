@@ -1,8 +1,7 @@
-// Random schedules for the server and its reference: who joins, who sends what, who leaves, and how
-// time passes.
+// Random schedules for the server and its reference: joins, messages, departures and the passing of time.
 //
-// A schedule is plain data and follows from its seed alone, so it can be run again, shortened and shown. Its
-// actions name connections by the number of their join, and mean nothing when that one is gone.
+// A schedule is plain data and depends only on its seed, so it can be repeated, shortened and shown. Its
+// actions name connections by the number of their join, and have no effect if that connection is gone.
 #pragma once
 
 #include <cstdint>
@@ -15,11 +14,11 @@ struct Action {
     enum class Kind { JOIN, RECEIVE, READER_ENDS, WRITER_ENDS, DROP, PASS };
 
     Kind kind = Kind::PASS;
-    std::uint32_t connection = 0;  // all but PASS
-    bool admitted = true;          // of JOIN
-    reference::Received received;  // of RECEIVE
-    bool on_own_stream = false;    // of RECEIVE: on the message stream id that the client was given
-    std::uint64_t wait_us = 0;     // of PASS, before it
+    std::uint32_t connection = 0;  // for all but PASS
+    bool admitted = true;          // for JOIN
+    reference::Received received;  // for RECEIVE
+    bool on_own_stream = false;    // for RECEIVE: on the message stream id that the client was given
+    std::uint64_t wait_us = 0;     // for PASS: before it
 };
 
 struct Schedule {
@@ -29,14 +28,14 @@ struct Schedule {
     std::vector<Action> actions;
 };
 
-// The schedule with this seed and so many passes; 0: the seed says how many, 10 to 35.
+// Returns the schedule with this seed and number of passes. 0: the seed determines the number, 10 to 35.
 Schedule make_schedule(std::uint64_t seed, std::size_t passes);
 
-// The draw-th random number of the server under this seed.
+// Returns the draw-th random number of the server for this seed.
 std::uint32_t random_number(std::uint64_t seed, std::uint64_t draw);
 
-// The payload that makes the server see this request.
+// Returns the payload of this request.
 std::string encoded(const reference::Received& received);
 
-// One line an action.
+// Returns one line for an action.
 std::string shown(const Action& action);

@@ -18,7 +18,7 @@ const std::string ESTABLISHED = "01";
 struct SocketLine {
     std::string local;
     std::string state;
-    std::size_t waiting = 0;  // of a listening socket: connections that nobody has accepted
+    std::size_t waiting = 0;  // of a listening socket: connections not yet accepted
 };
 
 bool read_line(std::istream& file, SocketLine& socket_line) {
@@ -38,7 +38,7 @@ bool read_line(std::istream& file, SocketLine& socket_line) {
 std::size_t accept_queue_length() {
     std::ifstream file("/proc/self/net/tcp");
     SocketLine line;
-    // Listening sockets stand first.
+    // Listening sockets come first.
     while (read_line(file, line)) {
         if (line.state == LISTENING && line.local.ends_with(PORT_1935)) {
             return line.waiting;
@@ -58,7 +58,7 @@ bool queue_gets_down_to(std::size_t length, Milliseconds wait) {
 
 RtmpClient connect_through_queue(const ClientOptions& options) {
     static std::mutex turn;
-    // Where one has waited in vain, the others need not.
+    // After one thread has waited in vain, the others need not wait.
     static bool given_up = false;
     const std::lock_guard guard(turn);
     given_up = !queue_gets_down_to(MOST_WAITING, given_up ? Milliseconds{0} : DEFAULT_WAIT);

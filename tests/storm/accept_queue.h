@@ -1,15 +1,16 @@
-// How a storm of clients connects: the kernel queues few connections for the server, and whoever finds that
-// queue full tries again a second later, which would measure the kernel's patience instead of the server.
+// How a storm of clients connects. The kernel queues few connections for the server, and a client that finds
+// the queue full tries again a second later, which would measure the kernel instead of the server.
 #pragma once
 
 #include "tests/support/rtmp_client.h"
 
-// Connects once the queue has room. Threads take turns. Throws TestFailure when the queue stays full or
-// nobody listens.
+// Connects once the queue has room. Threads take turns. Throws TestFailure if the queue stays full or nothing
+// listens on the port.
 RtmpClient connect_through_queue(const ClientOptions& options = {});
 
-// The server has accepted everybody who has connected so far.
+// Waits until the server has accepted all connections made so far.
 void wait_for_empty_accept_queue(Milliseconds wait = DEFAULT_WAIT);
 
-// Connections whose end on the server's port the kernel keeps after its process is gone or has closed them.
+// Returns the number of connections on the server's port that the kernel keeps after the process has closed
+// them or ended.
 std::size_t connections_left_to_the_kernel();

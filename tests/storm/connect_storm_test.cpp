@@ -1,4 +1,4 @@
-// More clients than there is room for, again and again.
+// Repeatedly connects more clients than there is room for.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -15,13 +15,13 @@
 
 namespace {
 
-// How often the fast way is tried.
+// How often the fast case is tried.
 constexpr int ATTEMPTS = 3;
 constexpr Milliseconds ALL_ACCEPTED_LIMIT{1600};
 // One client per pass of 10 ms, the first at once.
 constexpr Milliseconds ALL_ACCEPTED_LEAST{1270};
 
-// Each in one of the ways in which a client can leave before it has been anything, or soon after.
+// Makes a client leave in one of the possible ways, before or soon after it has a role.
 void leave(Random& random, RtmpClient& client) {
     switch (draw(random, 4)) {
         case 0:
@@ -34,14 +34,13 @@ void leave(Random& random, RtmpClient& client) {
             client.half_close();
             break;
         default:
-            // Its answer comes too late for it.
+            // The client does not wait for the reply.
             (void)client.try_send_bytes("\x03" + Bytes(1536, 'x'));
             client.close();
     }
 }
 
-// Connects so many clients, not more than `at_once` of them open, who leave in an order and a way that
-// are drawn.
+// Connects this many clients, at most `at_once` of them open. They leave in a random order and way.
 void come_and_go(Random& random, std::size_t count, std::size_t at_once) {
     std::vector<std::unique_ptr<RtmpClient>> open;
     for (std::size_t i = 0; i < count; ++i) {

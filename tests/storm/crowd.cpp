@@ -11,7 +11,7 @@ constexpr std::size_t LONGEST_STAY_MS = 20;
 constexpr std::size_t LONGEST_PEACE_MS = 30;
 constexpr std::size_t LONGEST_ABSENCE_MS = 300;
 
-// False when the server, or somebody who asked it to, has ended the visit before.
+// False if the server has ended the visit earlier, on request or not.
 bool come_to(const VisitPoint& point, Visit& visit) {
     try {
         point.come_to(visit);
@@ -55,7 +55,7 @@ Crowd::~Crowd() {
     try {
         wait();
     } catch (const std::exception&) {
-        // Whoever did not call wait() is on the way out for another reason.
+        // Without wait(), the test is already failing for another reason.
     }
 }
 
@@ -86,7 +86,7 @@ void Crowd::with_control(Random& random, Work work) {
             if (!options.server_may_go) {
                 note_failure(error.what());
             }
-            // The next server needs a moment to be there, and nobody comes back at once.
+            // The next server needs a moment to start, and visitors stay away for a while.
             std::this_thread::sleep_for(Milliseconds{draw(random, LONGEST_ABSENCE_MS)});
         }
     }

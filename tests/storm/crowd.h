@@ -1,7 +1,7 @@
-// Visitors by the dozen, each a thread that pays one visit after the other, and somebody who drops
-// connections of theirs through the control socket at moments that suit nobody.
+// Dozens of visitors, each a thread that makes one visit after the other, and a thread that drops their
+// connections through the control socket at random moments.
 //
-// The connections that exist when the crowd comes are left alone.
+// Connections that exist before the crowd starts are not dropped.
 #pragma once
 
 #include <atomic>
@@ -17,11 +17,11 @@
 struct CrowdOptions {
     std::uint64_t seed = 0;
     std::size_t visitors = 48;
-    // No visit begins once so many connections have been opened; 0: until stop().
+    // No visit begins after this many connections have been opened; 0: visits continue until stop().
     std::size_t connections = 0;
-    // The server may end at any moment, and another may take its place.
+    // The server may end at any moment, and another may replace it.
     bool server_may_go = false;
-    // Somebody drops visitors who have not asked for it, whatever stream they are at.
+    // A thread drops arbitrary visitors, on any stream.
     bool drops_at_random = true;
 };
 
@@ -32,14 +32,14 @@ class Crowd {
     Crowd(const Crowd&) = delete;
     Crowd& operator=(const Crowd&) = delete;
 
-    // Waits for the last visitor to leave. Throws TestFailure for the first visit that met what it must not.
+    // Waits for the last visitor to leave. Throws the TestFailure of the first visit that failed.
     void wait();
-    // Lets no further visit begin.
+    // Prevents further visits.
     void stop() { stop_requested = true; }
 
-    // After wait().
+    // Call after wait().
     std::size_t opened() const { return connections_opened; }
-    // Visits by where they were ended, and by how.
+    // The number of visits by the point where they ended, and by the way they ended.
     std::map<std::string, std::size_t> points() const { return visits_by_point; }
     std::map<std::string, std::size_t> ends() const { return visits_by_end; }
 
@@ -51,7 +51,7 @@ class Crowd {
     void drop_somebody(Random& random, ControlPeer& control);
     void note_visit(const std::string& point, const std::string& end);
     void note_failure(const std::string& what);
-    // Runs the work with a control connection, a new one after each failure that is none here.
+    // Runs the work with a control connection. Opens a new one after each failure that is permitted here.
     template <typename Work>
     void with_control(Random& random, Work work);
 

@@ -1,4 +1,4 @@
-// Thousands of connections that are dropped at every point of a session, by everybody who can.
+// Thousands of connections that are dropped at every point of a session, in every way.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -21,8 +21,8 @@ namespace {
 
 constexpr std::size_t CONNECTIONS_OF_PAIR = 2;
 
-// Send buffers as small as they can be, so that whoever does not read blocks the server's writer at once.
-// Holds in the namespace of this test only.
+// Makes send buffers as small as possible, so that a client that does not read blocks the server's writer at
+// once. Applies only in the namespace of this test.
 void shrink_send_buffers() {
     std::ofstream file("/proc/sys/net/ipv4/tcp_wmem");
     file << "4096 4096 4096" << std::flush;
@@ -45,7 +45,8 @@ void show(const std::string& what, const std::map<std::string, std::size_t>& cou
     std::cout << '\n';
 }
 
-// A thread that is stopped in the middle of a long dump ends no line, so what is said next may not begin one.
+// Counts occurrences anywhere in the text: a thread stopped during a long dump does not end its line, so the
+// next message may not begin one.
 std::size_t occurrences(const std::string& text, const std::string& wanted) {
     std::size_t count = 0;
     for (std::size_t at = text.find(wanted); at != std::string::npos; at = text.find(wanted, at + 1)) {
@@ -54,8 +55,8 @@ std::size_t occurrences(const std::string& text, const std::string& wanted) {
     return count;
 }
 
-// Reads the log in fits and starts, so that the server's threads wait in the middle of a line, and looks
-// where they are meanwhile.
+// Reads the log with pauses, so that the server's threads wait in the middle of a line, and records where
+// they wait.
 class MoodyLogReader {
   public:
     MoodyLogReader(ServerProcess& log_server, std::uint64_t seed)
@@ -70,7 +71,7 @@ class MoodyLogReader {
             thread.join();
         }
     }
-    // After stop().
+    // Call after stop().
     std::map<std::string, std::size_t> places_seen() const { return places; }
 
   private:
@@ -124,7 +125,7 @@ TEST_P(drop_storm_test, leaves_nothing_behind_and_disturbs_nobody) {
         add_to(places, log_reader.places_seen());
         wait_for_empty_accept_queue();
         server.wait_for_thread_count(threads);
-        // A sanitizer keeps freed memory for a while, and one of them names at the end what was lost.
+        // A sanitizer keeps freed memory for a while, and AddressSanitizer reports leaks at exit.
         if (TIME_SCALE == 1) {
             rss_kib = server.rss_kib_at_rest();
             std::cout << "after " << opened << " drops: " << rss_kib << " KiB resident\n";

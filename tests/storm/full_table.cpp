@@ -46,7 +46,7 @@ void expect_no_room(const ServerProcess& server) {
 }
 
 void expect_media_through(std::deque<RtmpClient>& clients) {
-    // Each step for all of them before the next: one after the other, their waits would add up.
+    // Do each step for all clients before the next step; otherwise their waits would add up.
     for (RtmpClient& client : clients) {
         (void)client.handshake();
         client.send_connect();

@@ -1,4 +1,4 @@
-// A server's whole table in use: every slot has a client, and can carry media.
+// A server with a full table: every slot has a client and can carry media.
 #pragma once
 
 #include <cstddef>
@@ -9,14 +9,14 @@
 
 constexpr std::size_t SLOTS = 128;
 
-// Connects until the table is full, with so many clients there already. The server has accepted all of
-// them then.
+// Connects clients until the table is full; `present` clients are already connected. Returns after the server
+// has accepted all of them.
 std::deque<RtmpClient> fill_table(const ServerProcess& server, std::size_t present = 0);
 
-// The server lists every slot, once.
+// Requires that the server lists every slot once.
 void expect_every_slot_in_use();
-// One more is closed at once, with one line in the log, and gets nothing.
+// Requires that one more client is closed at once without data, with one line in the log.
 void expect_no_room(const ServerProcess& server);
-// New clients become players and publishers by turns, and media comes from each publisher to the player
-// before it.
+// Makes new clients players and publishers by turns. Requires that media arrives from each publisher at the
+// player before it.
 void expect_media_through(std::deque<RtmpClient>& clients);

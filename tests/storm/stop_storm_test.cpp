@@ -1,4 +1,4 @@
-// Stopping and killing a server while a crowd is at it, at moments that are drawn by lot.
+// Stops and kills a server under load from a crowd, at random moments.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -22,13 +22,13 @@ namespace {
 
 constexpr Milliseconds STOP_LIMIT = scaled(Milliseconds{1000});
 constexpr Milliseconds SERVE_LIMIT = scaled(Milliseconds{1000});
-// Some are stopped before anybody has come, most in full work.
+// Some are stopped before the first client, most under full load.
 constexpr std::size_t LONGEST_LIFE_MS = 500;
-// One server in so many is waited for until it is in full work.
+// For one server in this many, the test waits until it is under full load.
 constexpr std::size_t BUSY_ONE_IN = 3;
 constexpr std::size_t BUSY_THREADS = 40;
 
-// What the crowd has to play; whoever plays and does not read is waited for by a writer.
+// Publishes the stream for the crowd to play. For a player that does not read, a writer thread has to wait.
 class Broadcaster {
   public:
     Broadcaster() : thread([this] { broadcast(); }) {}
@@ -40,7 +40,7 @@ class Broadcaster {
     Broadcaster& operator=(const Broadcaster&) = delete;
 
   private:
-    // Servers come and go; each is sent to as long as it is there.
+    // Publishes to each server for as long as it exists.
     void broadcast() {
         while (!stop_requested) {
             try {
@@ -66,8 +66,8 @@ class Broadcaster {
     std::thread thread;
 };
 
-// Visitors, a broadcaster, and the time that a server has among them. Nobody drops others than those who ask
-// for it: not the broadcaster, and not who tries whether there is service.
+// Visitors, a broadcaster, and the lifetime of a server under this load. Only visitors that request it are
+// dropped, never the broadcaster or the clients that check the service.
 class Load {
   public:
     explicit Load(std::uint64_t seed)
@@ -83,7 +83,7 @@ class Load {
         ++servers;
         most_threads = std::max(most_threads, server.thread_count());
     }
-    // That a server has had.
+    // The largest number of threads of a server.
     std::size_t threads() const { return most_threads; }
 
   private:
@@ -94,7 +94,7 @@ class Load {
     Crowd crowd;
 };
 
-// New clients get media through, and the control socket answers.
+// Requires that media is relayed between new clients and that the control socket answers.
 void expect_service() {
     ControlPeer control;
     control.send_bytes(control_request(1, "hello"));

@@ -1,24 +1,25 @@
-// How much a run of the storms does: little enough for every build by default, as much as wanted through the
-// environment. A number is that of all shards together.
+// The size of a run of the storms. The default is small enough for every build; the environment can raise it.
+// Numbers are totals over all shards.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 
-// Servers that are stormed side by side, each in namespaces of its own: one server accepts a hundred clients
-// a second.
+// The number of servers under storm in parallel, each in its own namespaces. One server accepts a hundred
+// clients a second.
 constexpr int STORM_SHARDS = 4;
 
-// What the variable says, or the default: a sanitizer makes everything several times slower.
+// Returns the value of the variable, or the default, which is lower under a sanitizer because it is several
+// times slower.
 std::size_t storm_count(const char* variable, std::size_t in_release, std::size_t under_a_sanitizer);
 
-// V9_STORM_SEED, or a new one each time. Says on standard output how to have it again.
+// Returns V9_STORM_SEED, or a new seed each time. Prints on standard output how to repeat the run.
 std::uint64_t storm_seed();
 
-// What the second half of a storm may add to the memory that the first half has left. A leak of 200 bytes for
-// each of a thousand connections is more.
+// How much the second half of a storm may add to the memory used after the first half. A leak of 200 bytes
+// for each of a thousand connections exceeds it.
 constexpr std::size_t ALLOWED_GROWTH_KIB = 256;
 
-// For who measures time: a machine that is busy with something else proves nothing about the server. Where it
-// is allowed, the calling thread runs before all others. The threads and servers that it starts do not.
+// For time measurements, which are meaningless on a machine busy with something else. If permitted, gives the
+// calling thread priority over all others, but not the threads and servers it starts.
 void go_first();

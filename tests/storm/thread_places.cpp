@@ -31,7 +31,7 @@ std::string place_of(long call, const std::string& first_argument) {
 std::map<std::string, std::size_t> thread_places(pid_t pid) {
     std::map<std::string, std::size_t> places;
     std::error_code error;
-    // Threads come and go meanwhile.
+    // Threads may start and end meanwhile.
     for (std::filesystem::directory_iterator it("/proc/" + std::to_string(pid) + "/task", error), last;
          !error && it != last; it.increment(error)) {
         std::ifstream file(it->path() / "syscall");

@@ -1,4 +1,4 @@
-// Where the threads of a server are: in which system call each waits, as the kernel shows it.
+// Shows in which system call each thread of a server waits, from the kernel.
 #pragma once
 
 #include <sys/types.h>
@@ -6,5 +6,6 @@
 #include <map>
 #include <string>
 
-// System call and number of threads: "recv", "send", "write to the log", "sleep", "lock", "elsewhere".
+// Returns the number of threads by system call: "recv", "send", "write to the log", "sleep",
+// "lock", "elsewhere".
 std::map<std::string, std::size_t> thread_places(pid_t pid);

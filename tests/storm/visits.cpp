@@ -27,7 +27,7 @@ void linger(Random& random, std::size_t at_most_ms) {
     std::this_thread::sleep_for(Milliseconds{draw(random, at_most_ms + 1)});
 }
 
-// At least one byte, and not all.
+// Returns at least one byte, but not all.
 std::string_view cut(Random& random, std::string_view bytes) {
     return bytes.substr(0, 1 + draw(random, bytes.size() - 1));
 }
@@ -124,7 +124,7 @@ void publish_to_a_player(Visit& visit) {
     visit.await_message(player, MSG_AUDIO);
 }
 
-// The reader sleeps for ever, since the queue of what is held back stays full.
+// The reader sleeps forever, because the queue of held messages stays full.
 void publish_from_the_future(Visit& visit) {
     RtmpClient& publisher = visit.open_publisher();
     visit.held = true;
@@ -134,7 +134,7 @@ void publish_from_the_future(Visit& visit) {
     }
 }
 
-// The reader sleeps now and then.
+// The reader sleeps from time to time.
 void publish_faster_than_time(Visit& visit) {
     RtmpClient& publisher = visit.open_publisher();
     for (std::uint32_t i = 0; i < 20; ++i) {
@@ -142,7 +142,7 @@ void publish_faster_than_time(Visit& visit) {
     }
 }
 
-// Each is printed by the thread that has read it, and some of them once more by the main thread.
+// The thread that reads a message prints it, and the main thread prints some of them again.
 void give_the_log_much_to_say(Visit& visit) {
     RtmpClient& client = visit.open_publisher();
     Bytes burst;
@@ -154,7 +154,7 @@ void give_the_log_much_to_say(Visit& visit) {
     linger(visit.random, 30);
 }
 
-// The player has had media of the first publisher.
+// The player has received media of the first publisher.
 void be_dropped_for_a_new_publisher(Visit& visit) {
     RtmpClient& player = visit.open_player(visit.own_stream);
     RtmpClient& publisher = visit.open_publisher();
@@ -204,8 +204,7 @@ std::vector<RtmpClient*> open_clients(Visit& visit) {
     return found;
 }
 
-// What the server still sends stands before the end that it announces, and may fill its buffers: it is
-// taken away.
+// Data from the server precedes the end of the stream and may fill the buffers, so it is read and discarded.
 bool is_closed_by_server(const RtmpClient& client) {
     std::array<char, 65536> ignored{};
     ssize_t count = 0;
@@ -225,7 +224,7 @@ void await_close(const RtmpClient& client) {
     }
 }
 
-// Those of the server's list that are the visit's.
+// Returns the visit's entries in the server's list.
 std::vector<ListedConnection> listed_of(Visit& visit, ControlPeer& control) {
     std::set<std::string> addresses;
     for (const RtmpClient* const client : open_clients(visit)) {
@@ -250,7 +249,7 @@ void reset_all(Visit& visit, ControlPeer& /*control*/) {
 
 void stop_sending_and_be_closed(Visit& visit, ControlPeer& /*control*/) {
     for (RtmpClient* const client : open_clients(visit)) {
-        (void)shutdown(client->descriptor(), SHUT_WR);  // Fails where the server was quicker.
+        (void)shutdown(client->descriptor(), SHUT_WR);  // Fails if the server has closed first.
         await_close(*client);
     }
 }
@@ -262,7 +261,7 @@ void be_dropped_by_id(Visit& visit, ControlPeer& control) {
         if (SteadyClock::now() >= deadline) {
             throw TestFailure("the server does not drop " + left.front()->local_address());
         }
-        // Some may still wait for being accepted.
+        // Some may not have been accepted yet.
         drop_listed(control, listed_of(visit, control));
         std::erase_if(left, [](const RtmpClient* client) { return is_closed_by_server(*client); });
     }
@@ -366,7 +365,7 @@ bool Visit::was_interrupted() {
                        [](const RtmpClient* client) { return is_closed_by_server(*client); });
 }
 
-// Whether one of the clients has been closed from the other side, as far as that shows before what is unread.
+// Whether the server has closed one of the clients, as far as this is visible before unread data.
 bool Visit::await_hang_up(Milliseconds wait) {
     std::vector<pollfd> entries;
     for (const RtmpClient* const client : open_clients(*this)) {
@@ -397,7 +396,7 @@ void drop_by_stream_name(ControlPeer& control, const std::string& stream_name) {
     (void)control.ask("drop connection by stream name", {stream_name});
 }
 
-// All in one go: the server looks at its control socket ten times a second.
+// Sends all requests at once, because the server polls its control socket only ten times a second.
 void drop_listed(ControlPeer& control, const std::vector<ListedConnection>& connections) {
     constexpr std::uint64_t ANY_ID = 1;
     Bytes requests;

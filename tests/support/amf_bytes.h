@@ -1,5 +1,5 @@
-// AMF0 values as bytes: builders for what clients send, sane or not, and a strict decoder for what the server
-// answers. A payload is the concatenation of values: amf_string("play") + amf_number(4) + amf_null() + ...
+// AMF0 values as bytes: builders for what clients send, valid or not, and a strict decoder for the server's
+// replies. A payload is a concatenation of values: amf_string("play") + amf_number(4) + amf_null() + ...
 #pragma once
 
 #include <cstdint>
@@ -10,7 +10,7 @@
 
 #include "tests/support/wire_bytes.h"
 
-// Key and encoded value, in the order in which they go out.
+// Keys and encoded values, in the order of sending.
 using AmfMembers = std::vector<std::pair<std::string, Bytes>>;
 
 Bytes amf_number(double value);
@@ -21,12 +21,12 @@ Bytes amf_xml_document(std::string_view text);
 Bytes amf_null();
 Bytes amf_undefined();
 Bytes amf_object(const AmfMembers& members);
-// count is written as given, right or wrong.
+// count is written as given, correct or not.
 Bytes amf_ecma_array(std::uint32_t count, const AmfMembers& members);
 
-// Parts, for values that are cut short or put together by hand.
+// Parts, for values that are truncated or assembled by hand.
 Bytes amf_key(std::string_view key);           // 16-bit length and bytes, no marker
-Bytes amf_members(const AmfMembers& members);  // keys and values, no end
+Bytes amf_members(const AmfMembers& members);  // keys and values, no end marker
 Bytes amf_end();                               // 00 00 09
 
 enum AmfMarker : std::uint8_t {
@@ -43,7 +43,7 @@ enum AmfMarker : std::uint8_t {
 };
 
 struct AmfNode {
-    // Defined where the type is complete, since a node holds nodes.
+    // Defined where the type is complete, because a node contains nodes.
     AmfNode();
     ~AmfNode();
     AmfNode(const AmfNode& other);
@@ -56,14 +56,14 @@ struct AmfNode {
     int boolean = 0;
     std::string string;
     std::uint32_t ecma_count = 0;
-    // In the order in which they came.
+    // In the order received.
     std::vector<std::pair<std::string, AmfNode>> members;
 
     bool has(std::string_view key) const;
-    // Throws TestFailure when there is no such member.
+    // Throws TestFailure if there is no such member.
     const AmfNode& at(std::string_view key) const;
 };
 
-// All values of a payload. Throws TestFailure on anything that is not complete and well-formed: an object
-// must end with its end marker, an array's count must be right.
+// Returns all values of a payload. Throws TestFailure unless they are complete and well-formed: an object
+// must end with its end marker, and an array's count must be correct.
 std::vector<AmfNode> amf_decode_all(std::string_view payload);

@@ -1,4 +1,4 @@
-// The line with which an assertion ends the process: the last that is printed, and whole.
+// The line that a failed assertion prints before it ends the process: the last one, and complete.
 #pragma once
 
 #include <gmock/gmock.h>

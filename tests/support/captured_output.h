@@ -1,9 +1,9 @@
-// What one output stream of the server has said so far, line by line, filled by the process's pump thread and
-// read by the test.
+// The lines that one output stream of the server has printed so far. The process's pump thread adds them, and
+// the test reads them.
 //
 // A LineMark counts complete lines. Every wait starts at a mark and returns the mark after what it found, so
-// the next wait can go on from there; every wait has a deadline and throws TestFailure with the recent lines
-// when it passes or when the stream ended without the text. Texts are compared whole, without the line end.
+// the next wait can continue there. Every wait has a deadline. It throws TestFailure with the recent lines if
+// the deadline passes or the stream ends without the text. Whole lines are compared, without the line end.
 #pragma once
 
 #include <condition_variable>
@@ -22,30 +22,30 @@ class CapturedOutput {
 
     LineMark mark() const;
     std::string raw_text() const;
-    // The complete lines from the mark on.
+    // Returns the complete lines from the mark on.
     std::vector<std::string> lines_since(LineMark from = 0) const;
-    // Text after the last line end.
+    // Returns the text after the last line end.
     std::string unfinished_line() const;
     std::size_t count(std::string_view line, LineMark from = 0) const;
     std::size_t count_starting(std::string_view prefix, LineMark from = 0) const;
     bool has_line(std::string_view line, LineMark from = 0) const { return count(line, from) > 0; }
 
     LineMark wait_for_line(std::string_view line, LineMark from = 0, Milliseconds wait = DEFAULT_WAIT) const;
-    // Waits for a line that begins so; found, when given, receives the whole line.
+    // Waits for a line with this prefix. If found is given, it receives the whole line.
     LineMark wait_for_line_starting(std::string_view prefix, LineMark from = 0, std::string* found = nullptr,
                                     Milliseconds wait = DEFAULT_WAIT) const;
-    // Waits for these lines in this order; other lines may stand between them.
+    // Waits for these lines in this order. Other lines may come between them.
     LineMark wait_for_lines(const std::vector<std::string>& lines, LineMark from = 0,
                             Milliseconds wait = DEFAULT_WAIT) const;
-    // Waits for these lines one directly after the other.
+    // Waits for these lines without other lines between them.
     LineMark wait_for_consecutive_lines(const std::vector<std::string>& lines, LineMark from = 0,
                                         Milliseconds wait = DEFAULT_WAIT) const;
-    // Waits until the line was printed at least so often since the mark.
+    // Waits until the line has been printed at least this many times since the mark.
     void wait_for_count(std::string_view line, std::size_t times, LineMark from = 0,
                         Milliseconds wait = DEFAULT_WAIT) const;
     void wait_for_end(Milliseconds wait = DEFAULT_WAIT) const;
 
-    // The pump thread's side.
+    // For the pump thread.
     void append(std::string_view text);
     void set_ended();
 
@@ -59,7 +59,7 @@ class CapturedOutput {
     const std::string name;
     mutable std::mutex mutex;
     mutable std::condition_variable changed;
-    // Under the mutex. line_starts has one entry more than there are complete lines.
+    // Guarded by the mutex. line_starts has one more entry than there are complete lines.
     std::string text;
     std::vector<std::size_t> line_starts{0};
     bool ended = false;

@@ -1,5 +1,5 @@
-// RTMP chunks as bytes: every header format and basic header form, with no rule enforced, so that tests can
-// send what no honest client would.
+// RTMP chunks as bytes: every header format and basic header form. No rule is enforced, so tests can send
+// invalid data.
 #pragma once
 
 #include <cstdint>
@@ -18,7 +18,7 @@ constexpr std::uint8_t MSG_VIDEO = 9;
 constexpr std::uint8_t MSG_DATA = 18;
 constexpr std::uint8_t MSG_COMMAND = 20;
 
-// The chunk stream of the protocol's own messages.
+// The chunk stream of protocol control messages.
 constexpr std::uint32_t CONTROL_CSID = 2;
 constexpr std::uint32_t DEFAULT_CHUNK_SIZE = 128;
 constexpr std::uint32_t EXTENDED_TIMESTAMP = 0xFFFFFF;
@@ -27,18 +27,18 @@ struct OutMessage {
     std::uint8_t type = MSG_COMMAND;
     Bytes payload = {};
     std::uint32_t csid = 3;
-    std::uint32_t timestamp = 0;  // of format 0: absolute; of formats 1 and 2: the delta
+    std::uint32_t timestamp = 0;  // format 0: absolute; formats 1 and 2: delta
     std::uint32_t stream_id = 0;  // message stream id
     int fmt = 0;
-    std::optional<std::uint32_t> length = std::nullopt;  // when the header is to lie about the payload
+    std::optional<std::uint32_t> length = std::nullopt;  // if set, a false payload length for the header
 };
 
-// The shortest form for the id, or the form of `size` bytes (1, 2 or 3) when it is given.
+// Uses the shortest form for the id, or the form of size bytes (1, 2 or 3) if given.
 Bytes basic_header(int fmt, std::uint32_t csid, int size = 0);
 
-// What follows the basic header: 11, 7, 3 or 0 bytes by format, 4 more for a format 0 timestamp of 0xFFFFFF
-// and above. Formats 1 and 2 carry the low 24 bits of the delta and nothing more.
+// Returns what follows the basic header: 11, 7, 3 or 0 bytes by format, and 4 more for a format 0 timestamp
+// of 0xFFFFFF or more. Formats 1 and 2 carry only the low 24 bits of the delta.
 Bytes message_header(const OutMessage& message);
 
-// The whole message in chunks, continued with format 3.
+// Returns the whole message in chunks, continued with format 3.
 Bytes chunked(const OutMessage& message, std::uint32_t chunk_size = DEFAULT_CHUNK_SIZE);

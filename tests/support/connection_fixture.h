@@ -1,7 +1,7 @@
-// For unit tests of code that needs real connections in the real table, without real threads behind them.
+// For unit tests of code that needs real connections in the real table, without their threads.
 //
-// Link with v9_still_connections. Everything runs on the test's own thread, which plays the
-// roles of all three threads.
+// Link with v9_still_connections. Everything runs on the test's thread, which takes the roles of all
+// three threads.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -20,7 +20,7 @@
 #include "tests/support/fake_clock.h"
 #include "tests/support/queued_payload.h"
 
-// A packet with a payload of exactly these bytes.
+// Returns a packet with this payload.
 inline RTMP_Packet make_packet(std::uint8_t type, std::uint32_t timestamp, const std::string& payload,
                                std::uint32_t chunk_stream_id = 4, std::uint32_t message_stream_id = 1) {
     RTMP_Packet pkt;
@@ -40,7 +40,7 @@ inline std::string payload_of(const RTMP_Packet& pkt) {
     return {reinterpret_cast<const char*>(pkt.chunk.message.data), pkt.chunk.message.data_length};
 }
 
-// A message as it waits for a client: what of its header reaches the wire, and its payload.
+// A message queued for a client: the header fields that reach the wire, and the payload.
 struct QueuedMessage {
     std::uint8_t type = 0;
     std::uint32_t timestamp = 0;
@@ -57,7 +57,7 @@ inline std::ostream& operator<<(std::ostream& stream, const QueuedMessage& messa
                   << " message stream " << message.message_stream_id;
 }
 
-// Empties connection_out, as the writer thread would.
+// Empties connection_out, like the writer thread.
 inline std::vector<QueuedMessage> take_queued(RTMPConnection& conn) {
     std::vector<QueuedMessage> messages;
     for (const OutgoingPacket& pkt : conn.connection_out) {
@@ -85,7 +85,7 @@ class ConnectionFixture : public testing::Test {
         }
     }
 
-    // A connection in the table; its peer's end of the socket is peer(conn).
+    // Adds a connection to the table. peer(conn) is the peer's end of its socket.
     RTMPConnection& add_connection(const char* address = "192.0.2.7:50512") {
         int fds[2] = {-1, -1};
         EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds), 0);
@@ -101,7 +101,7 @@ class ConnectionFixture : public testing::Test {
 
     int peer(const RTMPConnection& conn) { return peers.at(conn.conn_idx); }
 
-    // What the peer has not read yet. Reads it.
+    // Reads and returns what the peer has not read yet.
     std::string arrived(const RTMPConnection& conn) {
         std::string bytes(1 << 20, '\0');
         const ssize_t length = recv(peer(conn), bytes.data(), bytes.size(), MSG_DONTWAIT);
@@ -109,7 +109,7 @@ class ConnectionFixture : public testing::Test {
         return bytes;
     }
 
-    // Runs something and returns what it printed on standard error.
+    // Runs the action and returns what it printed on standard error.
     template <typename Action>
     std::string printed_by(Action action) {
         testing::internal::CaptureStderr();

@@ -25,7 +25,7 @@ Bytes counted(std::string_view text) {
     return be32(static_cast<std::uint32_t>(text.size())) + Bytes(text);
 }
 
-// Takes a body apart, from its start to its end.
+// Parses a body from start to end.
 class BodyReader {
   public:
     explicit BodyReader(std::string_view bytes) : rest(bytes) {}

@@ -1,8 +1,7 @@
-// A client of the control socket, with control over every byte it sends: requests are put together here,
-// byte by byte, and replies are taken apart strictly, so that the server's side is checked by somebody
-// else's eyes.
+// A client of the control socket, with control over every byte it sends. It encodes requests and strictly
+// decodes replies with its own code, so the server's code is checked independently.
 //
-// Every wait has a deadline; what does not come throws TestFailure.
+// Every wait has a deadline and throws TestFailure when it passes.
 #pragma once
 
 #include <cstdint>
@@ -22,14 +21,14 @@ constexpr std::uint32_t CONTROL_ASYNC = 2;
 constexpr std::uint64_t CONTROL_SUCCESS = 0;
 constexpr std::uint64_t CONTROL_ERROR = 6;
 
-// An argument that is absent is not the same as an empty one.
+// An absent argument differs from an empty one.
 using ControlArguments = std::vector<std::optional<std::string>>;
 using ControlPairs = std::vector<std::pair<std::string, std::string>>;
 
-// One frame.
+// Returns one frame.
 Bytes control_request(std::uint64_t id, std::string_view command, const ControlArguments& arguments = {},
                       std::uint32_t flags = CONTROL_REQUEST);
-// A frame around any body, with any version.
+// Returns a frame with any body and any version.
 Bytes control_frame(std::string_view body, std::uint8_t version = 4);
 
 struct ControlReply {
@@ -40,45 +39,45 @@ struct ControlReply {
     std::string message;
     ControlPairs pairs;
 
-    // The values of the pairs with this name, in their order.
+    // Returns the values of the pairs with this name, in order.
     std::vector<std::string> values(std::string_view name) const;
 };
 
-// One frame, as a server sends it.
+// Returns one frame as a server sends it.
 Bytes control_reply(const ControlReply& reply);
 
 class ControlPeer {
   public:
-    // Connects. send_buffer_bytes 0 keeps the system's size.
+    // Connects. send_buffer_bytes 0 keeps the system's default.
     explicit ControlPeer(const std::string& path = CONTROL_SOCKET_PATH, int send_buffer_bytes = 0);
     ~ControlPeer() { close(); }
     ControlPeer(ControlPeer&& other) noexcept;
     ControlPeer& operator=(ControlPeer&&) = delete;
 
-    // False when the server has closed the connection; part of the bytes may be gone by then.
+    // False if the server has closed the connection; some of the bytes may have been sent.
     [[nodiscard]] bool try_send_bytes(std::string_view bytes, Milliseconds wait = DEFAULT_WAIT) const;
     void send_bytes(std::string_view bytes, Milliseconds wait = DEFAULT_WAIT) const;
-    // Sends without waiting; how many bytes the socket took. Throws when the server has closed
+    // Sends without waiting and returns how many bytes the socket took. Throws if the server has closed
     // the connection.
     [[nodiscard]] std::size_t send_some(std::string_view bytes) const;
-    // The next reply. A reply must be complete, with nothing behind its last field and no arguments.
+    // Returns the next reply. It must be complete, with nothing after its last field and no arguments.
     ControlReply read_reply(Milliseconds wait = DEFAULT_WAIT);
-    // Sends a request with the next id and reads replies until there is one, which must carry that id.
+    // Sends a request with the next id and waits for a reply, which must carry that id.
     ControlReply ask(std::string_view command, const ControlArguments& arguments = {},
                      Milliseconds wait = DEFAULT_WAIT);
-    // Sends a request with the next id and reads the reply without keeping it; how long its body is. For
-    // replies of a hundred megabytes, which would otherwise cost the test more time than the server.
+    // Sends a request with the next id, discards the reply and returns the length of its body. For replies of
+    // a hundred megabytes, which would otherwise cost the test more time than the server.
     std::size_t ask_for_length(std::string_view command, Milliseconds wait = DEFAULT_WAIT);
-    // Whether the server has sent bytes that were not read.
+    // Whether there are unread bytes from the server.
     [[nodiscard]] bool has_unread_bytes() const;
     void read_one_byte(Milliseconds wait = DEFAULT_WAIT) const;
-    // The server closes the connection and sends nothing before it.
+    // Requires that the server closes the connection without sending anything first.
     void expect_closed(Milliseconds wait = DEFAULT_WAIT);
     void half_close() const;
     void close();
 
   private:
-    // False when the server has closed; throws at the deadline.
+    // False if the server has closed; throws at the deadline.
     bool fill_buffer(TimePoint deadline);
 
     int fd = -1;

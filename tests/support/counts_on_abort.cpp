@@ -1,5 +1,5 @@
-// Linked into the unit tests where coverage is counted: a process that a failed assertion ends still writes
-// down what it ran, so a death test counts for what it shows.
+// Linked into the unit tests in coverage builds. A process ended by a failed assertion still writes its
+// coverage data, so death tests count.
 #include <csignal>
 
 extern "C" void __gcov_dump();

@@ -1,5 +1,5 @@
-// The payloads that the server must answer with, byte for byte. A transaction id is the encoded AMF0 value
-// that the request carried.
+// The payloads that the server must reply with, byte for byte. transaction_id is the encoded AMF0 value from
+// the request.
 #pragma once
 
 #include <cstdint>
@@ -24,7 +24,7 @@ inline Bytes create_stream_reply(const Bytes& transaction_id, std::uint32_t stre
     return amf_string("_result") + transaction_id + amf_null() + amf_number(stream_id);
 }
 
-// To releaseStream, FCPublish and FCUnpublish.
+// The reply to releaseStream, FCPublish and FCUnpublish.
 inline Bytes plain_result(const Bytes& transaction_id) {
     return amf_string("_result") + transaction_id + amf_null();
 }

@@ -1,4 +1,4 @@
-// The clock of unit tests: linked in place of the real one, it stands still until a test moves it.
+// The clock of unit tests, linked in place of the real one. It advances only when a test moves it.
 #pragma once
 
 #include <cstdint>

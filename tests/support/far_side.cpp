@@ -31,7 +31,7 @@ int make_net() {
         .get();
 }
 
-// Does something on a thread that is over there.
+// Runs the action on a thread in the other namespace.
 template <typename Action>
 std::invoke_result_t<Action> do_in(int net, Action action) {
     return std::async(std::launch::async,

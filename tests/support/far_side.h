@@ -1,5 +1,5 @@
-// Another machine: a network namespace that is joined to the test's own by a pair of interfaces, and can be
-// cut off so that nothing tells either side.
+// Another machine: a network namespace connected to the test's own by a pair of interfaces. It can be cut off
+// without either side being notified.
 #pragma once
 
 #include <string>
@@ -13,7 +13,7 @@ class FarSide {
     FarSide(const FarSide&) = delete;
     FarSide& operator=(const FarSide&) = delete;
 
-    // A player that connects from there, from 192.0.2.2.
+    // Returns a player that connects from there, from 192.0.2.2.
     RtmpClient player(const std::string& stream_name, ClientOptions options = {}) const;
 
     void cut_link() const;

@@ -1,1 +1,1 @@
-// Carries the precompiled GoogleTest headers; nothing else.
+// Holds only the precompiled GoogleTest headers.

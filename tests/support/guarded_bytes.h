@@ -1,5 +1,4 @@
-// Bytes that end at an unreadable and unwritable page: whoever goes one byte too far is killed at once, in
-// every build. Tests only.
+// Bytes that end at an inaccessible page: an access past the end kills the process at once, in every build.
 #pragma once
 
 #include <sys/mman.h>
@@ -16,7 +15,7 @@ class GuardedBytes {
         std::copy(bytes.begin(), bytes.end(), first);
     }
 
-    // Zero bytes, to be written.
+    // Writable bytes, initially zero.
     explicit GuardedBytes(std::size_t size) : length(size) {
         const auto page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
         const std::size_t usable = (size + page - 1) / page * page;

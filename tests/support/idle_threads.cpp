@@ -1,5 +1,5 @@
-// The two threads of a connection for unit tests, linked in place of the real ones: they do nothing until
-// they are cancelled, so that a test alone fills and empties the queues.
+// The two threads of a connection for unit tests, linked in place of the real ones. They do nothing until
+// they are cancelled, so only the test fills and empties the queues.
 #include <unistd.h>
 
 #include "rtmp/session_threads.h"

@@ -1,11 +1,11 @@
-// AMF0 values as large and as deep as a message holds.
+// The largest and deepest AMF0 values that fit in a message.
 #pragma once
 
 #include <string_view>
 
 #include "tests/support/amf_bytes.h"
 
-// An object whose only member is such an object, and so on; the ends are left out, which is allowed.
+// Nested objects with one member each. The end markers are omitted, which is allowed.
 inline Bytes open_nest(std::size_t levels) {
     Bytes result = bytes_of({AMF_OBJECT});
     result.reserve(3 * levels);
@@ -23,7 +23,7 @@ inline Bytes closed_nest(std::size_t levels) {
     return result;
 }
 
-// Keys of three letters and digits in ascending order, each with a null.
+// Members with keys of three letters and digits, and null values.
 inline Bytes many_members(std::size_t count, bool ascending) {
     constexpr std::string_view DIGITS = "0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
     Bytes result = bytes_of({AMF_OBJECT});

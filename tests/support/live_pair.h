@@ -1,5 +1,5 @@
-// A publisher and a player of its stream, whose media flows in real time on threads of their own while the
-// test does something else to the server. At the end it tells whether anybody was disturbed.
+// A publisher and a player of its stream, with media flowing in real time on their own threads while the test
+// does something else to the server. At the end it reports whether the stream was disturbed.
 #pragma once
 
 #include <atomic>
@@ -20,21 +20,20 @@ class LivePair {
   public:
     // Returns once the player has received the first messages.
     explicit LivePair(const LiveOptions& options = {});
-    // Stops sending, when finish() has not been called.
+    // Stops sending if finish() was not called.
     ~LivePair();
     LivePair(const LivePair&) = delete;
     LivePair& operator=(const LivePair&) = delete;
 
-    // Stops sending and waits for what is still on its way. Throws TestFailure unless every message arrived,
-    // whole, once and in order.
+    // Stops sending and waits for messages in transit. Throws TestFailure unless every message arrived
+    // intact, once and in order.
     void finish();
-    // The longest time in which the player received nothing. After finish().
+    // The longest time in which the player received nothing. Call after finish().
     Milliseconds longest_pause() const;
-    // The longest time from the moment at which a message was due to be sent until the player had it.
-    // After finish().
+    // The longest time from when a message was due to be sent until the player had it. Call after finish().
     Milliseconds longest_delay() const;
     std::uint32_t messages_sent() const { return sent; }
-    // Waits until the player has received so many more messages.
+    // Waits until the player has received this many more messages.
     void wait_for_more(std::size_t times) const;
 
   private:
@@ -42,7 +41,7 @@ class LivePair {
     TimePoint due(std::uint32_t message_idx) const { return first_due + options.interval * message_idx; }
 
     const LiveOptions options;
-    // The player is there before the first message.
+    // The player joins before the first message.
     RtmpClient player;
     RtmpClient publisher;
     MessageRecorder recorder;

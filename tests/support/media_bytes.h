@@ -1,5 +1,5 @@
-// Audio and video payloads as encoders send them: AAC and H.264 in the tags of the FLV format, with contents
-// that no decoder would like and that no two seeds share.
+// Audio and video payloads: AAC and H.264 in tags of the FLV format, as encoders send them. The contents are
+// not decodable and differ for each seed.
 #pragma once
 
 #include <cstddef>

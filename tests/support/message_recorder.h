@@ -1,5 +1,5 @@
-// Reads everything a client receives on a thread of its own, so that arrival times are true while the test
-// does something else (sends from the same client included).
+// Reads everything a client receives on its own thread, so that arrival times are correct while the test does
+// something else, such as sending from the same client.
 #pragma once
 
 #include <condition_variable>
@@ -14,25 +14,25 @@ class MessageRecorder {
   public:
     using Wanted = std::function<bool(const RtmpMessage&)>;
 
-    // The client must outlive the recorder, and nobody else may read from it or close it meanwhile.
+    // The client must outlive the recorder. No other code may read from it or close it meanwhile.
     // Acknowledgements are dropped unless keep_acknowledgements is set.
     explicit MessageRecorder(RtmpClient& client, bool keep_acknowledgements = false);
-    // Stops reading; the client can be read directly again.
+    // Stops reading. Then the client can be read directly again.
     ~MessageRecorder();
     MessageRecorder(const MessageRecorder&) = delete;
     MessageRecorder& operator=(const MessageRecorder&) = delete;
 
-    // A copy of what came so far, or of those messages that are wanted.
+    // Returns a copy of all messages so far, or of the wanted ones.
     std::vector<RtmpMessage> messages() const;
     std::vector<RtmpMessage> messages_of_type(std::uint8_t type) const;
     std::size_t count(const Wanted& wanted) const;
-    // Waits until so many wanted messages came; throws TestFailure at the deadline, at a broken chunk stream,
-    // or when the connection closed without them.
+    // Waits until this many wanted messages have arrived. Throws TestFailure at the deadline, on a broken
+    // chunk stream, or if the connection closes first.
     void wait_for(std::size_t times, const Wanted& wanted, Milliseconds wait = DEFAULT_WAIT) const;
     void wait_for_type(std::size_t times, std::uint8_t type, Milliseconds wait = DEFAULT_WAIT) const;
     void wait_for_close(Milliseconds wait = DEFAULT_WAIT) const;
     bool closed() const;
-    // Why the reading ended, empty while it goes on or after an orderly close.
+    // Returns why reading ended. Empty while it continues and after an orderly close.
     std::string error() const;
     void stop();
 

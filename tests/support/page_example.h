@@ -1,9 +1,10 @@
-// Texts of the checkout that tests read: its pages, and the examples in hex that pages and tests share.
+// Reads texts of the checkout: its pages, and the hex examples shared by pages and tests.
 #pragma once
 
 #include <string>
 
-// Returns the text of a file, named from the root of the checkout. Throws TestFailure if there is none.
+// Returns the text of a file, named relative to the root of the checkout. Throws TestFailure if there
+// is none.
 std::string source_text(const std::string& name);
 
 // Returns the block that follows the mark and begins with the fence. Throws TestFailure if there is none.

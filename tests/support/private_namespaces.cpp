@@ -42,8 +42,8 @@ void write_map(const char* path, const std::string& text) {
     }
 }
 
-// A sanitizer's own thread exists before main, and a process with threads cannot change its user namespace:
-// the system's own tool does it in front of us then, and we find ourselves started again as its root.
+// A sanitizer's own thread exists before main, and a process with threads cannot change its user namespace.
+// So unshare(1) creates the namespace and starts this program again as its root.
 [[noreturn]] void start_again_as_namespace_root(char** argv) {
     std::vector<const char*> arguments = {"unshare", "--user", "--map-root-user", "/proc/self/exe"};
     std::string self(4096, '\0');

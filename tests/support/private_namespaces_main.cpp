@@ -1,4 +1,4 @@
-// main of the tests that run in namespaces of their own process; listing them needs none.
+// The main function of tests that run in private namespaces. Listing the tests needs none.
 #include <gtest/gtest.h>
 
 #include <vector>
@@ -6,7 +6,7 @@
 #include "tests/support/private_namespaces.h"
 
 int main(int argc, char** argv) {
-    // GoogleTest takes its arguments out of argv; a second start of this program needs them all.
+    // GoogleTest removes its arguments from argv, but a second start of this program needs them all.
     std::vector<char*> all_arguments(argv, argv + argc + 1);
     testing::InitGoogleTest(&argc, argv);
     if (!testing::GTEST_FLAG(list_tests)) {

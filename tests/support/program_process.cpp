@@ -19,7 +19,7 @@ namespace {
 
 constexpr int CANNOT_START = 127;
 
-// Of a NAME=value entry, with the sign.
+// Returns NAME= of a NAME=value entry.
 std::string_view name_of(std::string_view entry) {
     return entry.substr(0, entry.find('=') + 1);
 }
@@ -52,7 +52,7 @@ void become_program(pid_t parent, bool obeys_file_modes, char* const* argv, char
     if (prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || getppid() != parent) {
         _exit(CANNOT_START);
     }
-    // What leaves the bounding set is not given back to root by exec.
+    // exec does not restore to root what is dropped from the bounding set.
     if (obeys_file_modes && (prctl(PR_CAPBSET_DROP, CAP_DAC_OVERRIDE, 0, 0, 0) != 0 ||
                              prctl(PR_CAPBSET_DROP, CAP_DAC_READ_SEARCH, 0, 0, 0) != 0)) {
         _exit(CANNOT_START);

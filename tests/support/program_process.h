@@ -1,8 +1,8 @@
-// A program beside the server, as a child process: a tool, an example, a script. Its standard output and
-// standard error are captured while it runs; its standard input is empty.
+// A program other than the server as a child process: a tool, an example or a script. Its standard output and
+// standard error are captured while it runs. Its standard input is empty.
 //
-// A program that still runs when its ProgramProcess goes is killed. Start programs on the thread that lives
-// as long as the test.
+// The destructor kills a program that is still running. Start programs on the thread that lives as long as
+// the test.
 #pragma once
 
 #include <sys/types.h>
@@ -15,13 +15,13 @@
 #include "tests/support/time_limits.h"
 
 struct ProgramOptions {
-    // NAME=value entries that replace those of the test's own environment.
+    // NAME=value entries that override the test's environment.
     std::vector<std::string> environment = {};
-    // Root without the right to ignore what files and directories forbid.
+    // Removes root's right to ignore file permissions.
     bool obeys_file_modes = false;
 };
 
-// How a program ended: by exit with a status, or by a signal (then status is -1).
+// How a program ended: by exit with a status, or by a signal (status is -1).
 struct ProgramEnd {
     int status = -1;
     int signal = 0;
@@ -31,8 +31,8 @@ struct ProgramEnd {
 
 class ProgramProcess {
   public:
-    // command is the program and its arguments; a name without a slash is looked for in PATH. A program that
-    // cannot be started ends with status 127.
+    // command is the program and its arguments. A name without a slash is searched for in PATH. A program
+    // that cannot be started ends with status 127.
     explicit ProgramProcess(std::vector<std::string> command, const ProgramOptions& options = {});
     ~ProgramProcess();
     ProgramProcess(const ProgramProcess&) = delete;
@@ -42,7 +42,7 @@ class ProgramProcess {
     const CapturedOutput& err() const { return captured_err; }
 
     void send_signal(int signal_number) const;
-    // Waits until it has ended and everything that it wrote is captured. Throws TestFailure at the deadline.
+    // Waits until the program has ended and all its output is captured. Throws TestFailure at the deadline.
     ProgramEnd wait_for_exit(Milliseconds wait = DEFAULT_WAIT);
 
   private:
@@ -56,26 +56,26 @@ class ProgramProcess {
     std::thread pump_thread;
 };
 
-// What a program said and how it ended, when it has been run to its end.
+// The output and end of a program that was run to its end.
 struct ProgramRun {
     ProgramEnd end;
     std::string out;
     std::string err;
-    // From its start to its end.
+    // Time from start to end.
     Milliseconds took{0};
 };
 ProgramRun run_program(std::vector<std::string> command, const ProgramOptions& options = {},
                        Milliseconds wait = DEFAULT_WAIT);
 
-// The environment of this process with these entries instead of its own of the same names.
+// Returns the environment of this process, with these entries overriding its own.
 std::vector<std::string> environment_with(const std::vector<std::string>& entries);
 
 // Waits for a child and reaps it. Throws TestFailure at the deadline.
 ProgramEnd wait_for_child(pid_t child, Milliseconds wait);
 
-// Between fork and exec, in the child: dies with parent, takes no signal as ignored or blocked, and becomes
-// the program.
+// Call in the child between fork and exec: sets it to die with parent, resets ignored and blocked signals,
+// and executes the program.
 [[noreturn]] void become_program(pid_t parent, bool obeys_file_modes, char* const* argv, char* const* envp);
 
-// Pointers to the strings and a null behind them, as exec takes them.
+// Returns pointers to the strings, followed by a null, as exec needs them.
 std::vector<char*> exec_pointers(std::vector<std::string>& strings);

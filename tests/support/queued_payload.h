@@ -1,4 +1,4 @@
-// The payload of a message that waits for a client, whether it is its own or shared.
+// The payload of a message queued for a client, whether owned or shared.
 #pragma once
 
 #include <string>

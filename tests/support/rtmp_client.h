@@ -1,11 +1,11 @@
-// An RTMP client for tests, with control over every byte it sends and a strict eye on every byte it gets.
+// An RTMP client for tests. It controls every byte it sends and strictly checks every byte it receives.
 //
 // 1. The reader accepts only what the server is allowed to send: each message starts with a format 0 header
-//    in its shortest form and is continued, without any other chunk in between, by format 3 headers of the
-//    same chunk stream. It reads with 128-byte chunks until the server echoes a set chunk size message, and
-//    with the echoed size from the next message on.
-// 2. Every wait has a deadline; what does not come throws TestFailure.
-// 3. Sending and reading share no state but the socket, so one thread may read while another sends.
+//    in its shortest form and continues, without other chunks in between, with format 3 headers of the same
+//    chunk stream. The chunk size is 128 until the server echoes a set chunk size message; the echoed size
+//    applies from the next message on.
+// 2. Every wait has a deadline and throws TestFailure when it passes.
+// 3. Sending and reading share only the socket, so one thread may read while another sends.
 #pragma once
 
 #include <cstdint>
@@ -26,7 +26,7 @@ struct RtmpMessage {
     Bytes payload;
     Bytes raw;                             // as on the wire, headers included
     std::vector<std::size_t> chunk_sizes;  // payload bytes of each chunk
-    TimePoint arrival;                     // when its last byte was taken off the socket
+    TimePoint arrival;                     // when its last byte was read from the socket
 
     std::vector<AmfNode> values() const { return amf_decode_all(payload); }
 };
@@ -35,16 +35,16 @@ struct ClientOptions {
     std::string server = "127.0.0.1";
     std::uint16_t port = 1935;
     std::string local_address;     // empty: any
-    int receive_buffer_bytes = 0;  // 0: the system's
+    int receive_buffer_bytes = 0;  // 0: system default
     int send_buffer_bytes = 0;
 };
 
 struct HandshakeOptions {
     std::uint8_t c0 = 3;
     Bytes c1 = pattern_bytes(1536, 7);
-    // Sizes of the first sends of C0 and C1; what is left goes out in one more.
+    // Sizes of the first sends of C0 and C1; the rest follows in one send.
     std::vector<std::size_t> pieces;
-    // Changes C2, which is an echo of S1.
+    // Modifies C2, which by default echoes S1.
     std::function<void(Bytes&)> change_c2;
 };
 
@@ -58,28 +58,28 @@ enum class CloseKind { END_OF_STREAM, RESET };
 
 class RtmpClient {
   public:
-    // Connects by TCP and sends nothing.
+    // Connects over TCP and sends nothing.
     explicit RtmpClient(const ClientOptions& options = {});
     ~RtmpClient();
     RtmpClient(RtmpClient&& other) noexcept;
     RtmpClient& operator=(RtmpClient&&) = delete;
 
-    // The whole handshake; throws when the server does not complete its part.
+    // Performs the whole handshake. Throws if the server does not complete its part.
     HandshakeReply handshake(const HandshakeOptions& options = {});
 
     // ---- sending
     void send_bytes(std::string_view bytes, Milliseconds wait = DEFAULT_WAIT);
-    // False when the server has closed the connection; part of the bytes may be gone by then.
+    // False if the server has closed the connection; some of the bytes may have been sent.
     [[nodiscard]] bool try_send_bytes(std::string_view bytes, Milliseconds wait = DEFAULT_WAIT);
     void send_in_pieces(std::string_view bytes, std::size_t piece_bytes);
     void send_message(const OutMessage& message);
-    // Sends a set chunk size message and cuts what follows into such chunks. The server's echo changes the
-    // size with which messages are read when it is read.
+    // Sends a set chunk size message and uses that size for everything sent after it. The read size changes
+    // when the server's echo is read.
     void set_chunk_size(std::uint32_t chunk_bytes);
     std::uint32_t send_chunk_size() const { return send_chunk_bytes; }
-    // Everything sent so far, handshake included: what an acknowledgement counts.
+    // Returns the bytes sent so far, including the handshake, as acknowledgements count them.
     std::uint64_t bytes_sent() const { return sent_bytes; }
-    // From now on bytes_sent() is appended there whenever a message has been sent.
+    // From now on, appends bytes_sent() to ends after each message sent.
     void note_message_ends(std::vector<std::uint64_t>& ends) { message_ends = &ends; }
 
     void send_command(const Bytes& payload, std::uint32_t csid = 3, std::uint32_t stream_id = 0);
@@ -87,38 +87,39 @@ class RtmpClient {
     void send_create_stream(double transaction_id = 2);
     void send_publish(std::string_view name, double transaction_id = 3, std::string_view type = "live");
     void send_play(std::string_view name, double transaction_id = 3);
-    // Media and data go out with the message stream id that create_stream returned (0 without it): audio and
-    // data on chunk stream 4, video on 6.
+    // Media and data carry the message stream id returned by create_stream (0 without it). Audio and data use
+    // chunk stream 4, video 6.
     void send_audio(std::uint32_t timestamp, const Bytes& payload);
     void send_video(std::uint32_t timestamp, const Bytes& payload);
     void send_data(const Bytes& payload);
-    // "@setDataFrame", "onMetaData" and the value.
+    // Sends "@setDataFrame", "onMetaData" and the value.
     void send_metadata(const Bytes& value);
 
-    // ---- reading
-    // Raw bytes, exactly so many.
+    // ---- reading Reads exactly count raw bytes.
     Bytes read_bytes(std::size_t count, Milliseconds wait = DEFAULT_WAIT);
-    // The end of the stream, or a reset, has been read.
+    // Whether the end of the stream or a reset has been read.
     bool closed_by_server() const { return peer_closed; }
 
-    // ---- reading messages (rtmp_client_reading.cpp) The next message that is no acknowledgement. The
-    // server's reader acknowledges while its main thread answers, so an acknowledgement may come before or
-    // after anything else.
+    // ---- reading messages (rtmp_client_reading.cpp)
+    //
+    // Returns the next message that is not an acknowledgement. The server's reader thread acknowledges while
+    // its main thread replies, so an acknowledgement may come before or after any message.
     RtmpMessage read_message(Milliseconds wait = DEFAULT_WAIT);
-    // The next message, acknowledgements included.
+    // Returns the next message, including acknowledgements.
     RtmpMessage read_any_message(Milliseconds wait = DEFAULT_WAIT);
-    // The next message, acknowledgements included; nothing when the time is over or the server has
-    // closed first.
+    // Returns the next message, including acknowledgements. Empty if the wait ends or the server
+    // closes first.
     std::optional<RtmpMessage> try_read_message(Milliseconds wait);
-    // The next message, acknowledgements skipped unless they are what is expected; throws when it is another.
+    // Returns the next message, which must have this type. Skips acknowledgements unless they are expected.
     RtmpMessage expect_message(std::uint8_t type, Milliseconds wait = DEFAULT_WAIT);
-    // A number out of an acknowledgement that must be the next message.
+    // Returns the number in an acknowledgement, which must be the next message.
     std::uint32_t expect_acknowledgement(Milliseconds wait = DEFAULT_WAIT);
     std::uint32_t read_chunk_size() const { return read_chunk_bytes; }
 
-    // Reads until the server closes and returns how; messages before that are kept in `rest` when given.
+    // Reads until the server closes and returns how it closed. If rest is given, it receives the messages
+    // before that.
     CloseKind expect_closed(Milliseconds wait = DEFAULT_WAIT, std::vector<RtmpMessage>* rest = nullptr);
-    // The server closes and sends nothing but acknowledgements before it.
+    // Requires that the server closes after sending at most acknowledgements.
     CloseKind expect_closed_without_answer(Milliseconds wait = DEFAULT_WAIT);
 
     // ---- whole exchanges: the request, and the server's answer to it (rtmp_client_reading.cpp)
@@ -126,8 +127,8 @@ class RtmpClient {
     std::uint32_t create_stream(double transaction_id = 2);
     RtmpMessage publish(std::string_view name, double transaction_id = 3);
     RtmpMessage play(std::string_view name, double transaction_id = 3);
-    // Sends a releaseStream and waits for its answer: everything that was sent before has been handled by
-    // then. Returns the messages that came before the answer, acknowledgements left out.
+    // Sends a releaseStream and waits for its reply; everything sent before has then been handled. Returns
+    // the messages received before the reply, without acknowledgements.
     std::vector<RtmpMessage> round_trip(Milliseconds wait = DEFAULT_WAIT);
 
     // ---- ending
@@ -136,7 +137,7 @@ class RtmpClient {
     void half_close();
     bool is_open() const { return fd >= 0; }
     int descriptor() const { return fd; }
-    // "127.0.0.1:40312", as the server sees this client.
+    // The address as the server sees it, such as "127.0.0.1:40312".
     std::string local_address() const;
 
     std::uint32_t media_stream_id = 0;
@@ -154,12 +155,12 @@ class RtmpClient {
     [[noreturn]] void fail(const std::string& what) const;
 
     int fd = -1;
-    // The sending thread's.
+    // Used by the sending thread.
     std::uint32_t send_chunk_bytes = DEFAULT_CHUNK_SIZE;
     std::uint64_t sent_bytes = 0;
     std::vector<std::uint64_t>* message_ends = nullptr;
     double round_trips = 0;
-    // The reading thread's.
+    // Used by the reading thread.
     std::uint32_t read_chunk_bytes = DEFAULT_CHUNK_SIZE;
     Bytes buffer;
     std::size_t buffer_start = 0;
@@ -168,7 +169,8 @@ class RtmpClient {
     CloseKind close_kind = CloseKind::END_OF_STREAM;
 };
 
-// Clients that have come so far: through the handshake; accepted by an application; publishing; playing.
+// Clients that have completed the handshake; been accepted by an application; started to publish; started
+// to play.
 RtmpClient handshaken_client(const ClientOptions& options = {});
 RtmpClient connected_client(std::string_view app = "ombrex-live", const ClientOptions& options = {});
 RtmpClient publishing_client(std::string_view name, const ClientOptions& options = {});

@@ -7,7 +7,7 @@
 namespace {
 
 constexpr std::size_t FULL_HEADER = 11;
-// Far from the ids that tests give to their own commands.
+// Far above the ids that tests use for their own commands.
 constexpr double FIRST_ROUND_TRIP_ID = 1000000;
 
 std::string describe(const RtmpMessage& message) {
@@ -18,8 +18,8 @@ std::string describe(const RtmpMessage& message) {
 
 }  // namespace
 
-// Reads the header of a message into it and returns its size and the payload's length; nothing when it is not
-// all there yet.
+// Reads the header of a message into message. Returns the sizes of header and payload. Empty if the header
+// is incomplete.
 std::optional<RtmpClient::HeaderSizes> RtmpClient::parse_header(std::string_view data,
                                                                 RtmpMessage& message) const {
     if (data.empty()) {
@@ -153,7 +153,7 @@ CloseKind RtmpClient::expect_closed(Milliseconds wait, std::vector<RtmpMessage>*
             fail("the server did not close the connection");
         }
     }
-    // What came together with the end.
+    // Messages that arrived together with the end.
     while (std::optional<RtmpMessage> message = parse_message()) {
         if (rest != nullptr) {
             rest->push_back(std::move(*message));

@@ -64,7 +64,7 @@ Milliseconds ServerProcess::cpu_time() const {
     std::ifstream file("/proc/" + std::to_string(child) + "/stat");
     std::stringstream text;
     text << file.rdbuf();
-    // The name in parentheses may hold blanks; user and system time are fields 14 and 15.
+    // The name in parentheses may contain blanks. User and system time are fields 14 and 15.
     std::istringstream fields(text.str().substr(text.str().rfind(')') + 2));
     std::string skipped;
     for (int i = 3; i < 14; ++i) {

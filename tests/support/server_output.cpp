@@ -57,7 +57,7 @@ void ServerProcess::take_all(int fd, CapturedOutput& captured) const {
     pollfd entry{fd, POLLIN, 0};
     while (poll(&entry, 1, 0) == 1 && take(fd, captured)) {
     }
-    // The pump may have emptied the pipe and not have kept it yet.
+    // The pump may have read the pipe but not stored the bytes yet.
     const std::lock_guard guard(pipe_mutex);
 }
 
@@ -74,7 +74,8 @@ void ServerProcess::pump() {
         if (fds[0].revents != 0) {
             eventfd_t ignored = 0;
             (void)eventfd_read(wake_fd, &ignored);
-            // Something else may hold the pipe's other end open; all that the server wrote is there by now.
+            // Another process may hold the pipe's other end open, but everything the server wrote has arrived
+            // by now.
             if (pump_may_end && poll(&fds[1], 2, 0) == 0) {
                 break;
             }

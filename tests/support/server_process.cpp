@@ -23,10 +23,10 @@ namespace {
 constexpr int CANNOT_START = 127;
 constexpr std::size_t SHOWN_LINES = 200;
 
-// AddressSanitizer of GCC 12 takes the stack of a cancelled thread for overflown, because the unwinding has
-// left the marks of frames that are gone: when it gives back its signal stack, and whenever a destructor on
-// the way out leaves a frame. Without signal stacks it does not look in the first case; in the second the
-// marks are not on the stack where frames are kept aside, which also finds uses of frames that have returned.
+// AddressSanitizer of GCC 12 reports a false stack overflow in a cancelled thread, because unwinding leaves
+// the marks of frames that are gone. It does so when it frees the thread's signal stack, and whenever a
+// destructor called by the unwinding leaves a frame. Without signal stacks the first check is not made. With
+// frames on a fake stack, which also detects use after return, the marks are not on the real stack.
 std::string sanitizer_options() {
     const char* given = std::getenv("ASAN_OPTIONS");
     return std::string("ASAN_OPTIONS=") + (given != nullptr ? std::string(given) + ":" : "") +
@@ -51,7 +51,7 @@ void replace_by_file(int fd, const std::string& path) {
     close(file);
 }
 
-// From a destructor: nothing may leave it, and GoogleTest can be told to throw.
+// Called from a destructor, so no exception may escape; GoogleTest can be configured to throw.
 void report_failure(const std::string& text) noexcept {
     try {
         ADD_FAILURE() << text;
@@ -69,7 +69,7 @@ void print_recent_lines(const CapturedOutput& captured) {
     std::cerr << "----\n";
 }
 
-// Between fork and exec: system calls only.
+// Runs between fork and exec, so it makes system calls only.
 [[noreturn]] void become_server(const ServerOptions& options, pid_t parent, int out_fd, int err_fd,
                                 char* const* argv, char* const* envp) {
     if (prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || getppid() != parent || dup2(out_fd, STDOUT_FILENO) < 0 ||
@@ -88,7 +88,7 @@ void print_recent_lines(const CapturedOutput& captured) {
     for (const int fd : options.closed_descriptors) {
         close(fd);
     }
-    // Whatever the test's own parent left open is not the server's.
+    // The server must not inherit descriptors that the test's parent left open.
     if (close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC) != 0) {
         _exit(CANNOT_START);
     }
@@ -148,7 +148,7 @@ void ServerProcess::start(const ServerOptions& options) {
     }
     std::vector<std::string> argument_strings = {server_path()};
     argument_strings.insert(argument_strings.end(), options.arguments.begin(), options.arguments.end());
-    // Of two entries with one name the first counts.
+    // If two entries have the same name, the first counts.
     std::vector<std::string> environment_strings = options.environment;
     for (char** entry = environ; *entry != nullptr; ++entry) {
         if (!std::string_view(*entry).starts_with("ASAN_OPTIONS=")) {
@@ -193,8 +193,8 @@ void ServerProcess::start(const ServerOptions& options) {
 }
 
 void ServerProcess::wait_until_ready() {
-    // The handler for SIGQUIT is the last thing that the server sets up before its main loop, which begins by
-    // sleeping. ThreadSanitizer can lose a signal that comes before signal() has returned.
+    // The handler for SIGQUIT is the last thing the server sets up before its main loop, which begins by
+    // sleeping. ThreadSanitizer can lose a signal that arrives before signal() has returned.
     constexpr unsigned long long SIGQUIT_BIT = 1ULL << (SIGQUIT - 1);
     const auto is_ready = [this] {
         if (reap(WNOHANG)) {
@@ -258,7 +258,7 @@ void ServerProcess::send_signal(int signal_number) {
 
 void ServerProcess::pause() {
     send_signal(SIGSTOP);
-    // Reported once every thread has stopped.
+    // The kernel reports this once every thread has stopped.
     if (reap(WUNTRACED)) {
         throw TestFailure("the server ended instead of stopping");
     }

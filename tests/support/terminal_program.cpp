@@ -18,7 +18,7 @@
 namespace {
 
 constexpr int CANNOT_START = 127;
-// How long the end may wait for the reading thread.
+// How long stopping may wait for the reading thread.
 constexpr int READ_SLICE_MS = 20;
 
 winsize size_of(std::size_t rows, std::size_t columns) {
@@ -101,7 +101,7 @@ void TerminalProgram::hang_up() {
         pump_thread.join();
         close(terminal_fd);
         close(master_fd);
-        master_fd = -1;  // which poll passes over
+        master_fd = -1;  // poll ignores it
     }
 }
 
@@ -122,14 +122,14 @@ void TerminalProgram::resize(std::size_t rows, std::size_t columns) {
 
 void TerminalProgram::stop_taking_output() {
     {
-        // The pump is not reading now, and will not begin to.
+        // The pump is not reading now and will not start.
         const std::lock_guard guard(mutex);
         takes_output = false;
     }
     const std::string path = "/proc/self/fd/" + std::to_string(terminal_fd);
     const int filler = checked(open(path.c_str(), O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC), "open");
     const std::string blanks(4096, ' ');
-    // What was under way to the terminal may make a little room once more.
+    // Output in transit to the terminal may make a little room once more.
     for (int refusals = 0; refusals < 3;) {
         if (write(filler, blanks.data(), blanks.size()) < 0) {
             ++refusals;
@@ -193,7 +193,7 @@ void TerminalProgram::wait_until_stopped(Milliseconds wait) const {
 ProgramEnd TerminalProgram::wait_for_exit(Milliseconds wait) {
     const ProgramEnd end = wait_for_child(child, wait);
     child = -1;
-    // What it wrote last is in the terminal now, and the pump takes it out.
+    // The program's last output is in the terminal now, and the pump will read it.
     const TimePoint deadline = SteadyClock::now() + wait;
     pollfd entry{master_fd, POLLIN, 0};
     while (takes_output && poll(&entry, 1, 0) == 1 && SteadyClock::now() < deadline) {
@@ -227,7 +227,7 @@ void TerminalProgram::pump() {
         if (poll(&entry, 1, READ_SLICE_MS) != 1) {
             continue;
         }
-        // Held while reading: bytes are either in the terminal or in the capture.
+        // Held while reading, so bytes are always either in the terminal or in the capture.
         const std::lock_guard guard(mutex);
         if (!takes_output) {
             continue;

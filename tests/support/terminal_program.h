@@ -1,8 +1,7 @@
-// A program in a pseudo-terminal of its own, as a person uses it: what it shows, what is typed, and whether
-// it leaves the terminal as it found it.
+// A program in its own pseudo-terminal: its screen, typed input, and whether it restores the terminal.
 //
-// The terminal has 24 rows of 80 columns, the type xterm, and a prompt on its screen before the program
-// starts. A program that still runs when its TerminalProgram goes is killed.
+// The terminal has 24 rows of 80 columns, type xterm, and a prompt on its screen before the program starts.
+// The destructor kills a program that is still running.
 #pragma once
 
 #include <sys/types.h>
@@ -27,7 +26,7 @@ inline const std::string TERMINAL_PROMPT = "$ what was here before";
 
 class TerminalProgram {
   public:
-    // environment: NAME=value entries beside TERM=xterm, before which they count.
+    // environment: NAME=value entries, which override TERM=xterm.
     explicit TerminalProgram(std::vector<std::string> command, std::vector<std::string> environment = {});
     ~TerminalProgram();
     TerminalProgram(const TerminalProgram&) = delete;
@@ -36,47 +35,47 @@ class TerminalProgram {
     void type(std::string_view keys) const;
     void send_signal(int signal_number) const;
     void resize(std::size_t rows, std::size_t columns);
-    // The terminal is full and takes nothing more, as when Ctrl-S was pressed or a network link hangs; then
-    // it does again.
+    // Makes the terminal accept no more output, as after Ctrl-S or on a hung network link; then accept
+    // it again.
     void stop_taking_output();
     void take_output_again() { takes_output = true; }
-    // The terminal goes away, as when its window is closed. Nothing more is captured.
+    // Closes the terminal, like closing its window. Nothing more is captured.
     void hang_up();
 
-    // A copy of the screen as it is.
+    // Returns a copy of the current screen.
     TerminalScreen screen() const;
-    // Everything the program has written.
+    // Returns everything the program has written.
     std::string raw_text() const;
-    // Waits until the rows of the screen are as wanted and returns them. Throws TestFailure, with the screen,
-    // at the deadline.
+    // Waits until the rows of the screen are as wanted and returns them. At the deadline throws TestFailure
+    // with the screen.
     using Wanted = std::function<bool(const std::vector<std::string>& rows)>;
     std::vector<std::string> wait_for_rows(const std::string& what, const Wanted& wanted,
                                            Milliseconds wait = DEFAULT_WAIT) const;
-    // Waits until some row contains the text.
+    // Waits until a row contains the text.
     std::vector<std::string> wait_for_text(const std::string& text, Milliseconds wait = DEFAULT_WAIT) const;
 
-    // Waits until some whole row matches the extended regular expression.
+    // Waits until a whole row matches the extended regular expression.
     std::vector<std::string> wait_for_row(const std::string& pattern, Milliseconds wait = DEFAULT_WAIT) const;
 
-    // Waits until it does nothing because a signal has stopped it. Throws TestFailure at the deadline.
+    // Waits until a signal has stopped the program. Throws TestFailure at the deadline.
     void wait_until_stopped(Milliseconds wait = DEFAULT_WAIT) const;
     ProgramEnd wait_for_exit(Milliseconds wait = DEFAULT_WAIT);
-    // After the exit or the stop: empty when the terminal is as the program found it, modes, screens, cursor
-    // and style; else what is not.
+    // Call after the exit or stop. Empty if the program has restored the terminal's modes, screens, cursor
+    // and style; otherwise says what it left changed.
     std::string damage() const;
 
   private:
     void pump();
 
     int master_fd = -1;
-    int terminal_fd = -1;  // kept open, so that the terminal's modes outlive the program
+    int terminal_fd = -1;  // keeps the terminal's modes after the program exits
     termios modes_before{};
     pid_t child = -1;
     std::atomic<bool> pump_may_end{false};
     std::atomic<bool> takes_output{true};
     mutable std::mutex mutex;
     mutable std::condition_variable changed;
-    // Under the mutex.
+    // Guarded by the mutex.
     TerminalScreen shown{TERMINAL_ROWS, TERMINAL_COLUMNS};
     std::string written;
     std::thread pump_thread;

@@ -118,14 +118,14 @@ void TerminalScreen::switch_mode(std::string_view mode, bool on) {
     }
 }
 
-// After a character in the last column the cursor stands on it, as on real terminals, and it is erased too.
+// After a character in the last column the cursor is on it, as on real terminals, so it is erased too.
 void TerminalScreen::erase_line_end() {
     std::string& line = shown()[row];
     const std::size_t from = std::min(column, width - 1);
     line.replace(from, width - from, width - from, ' ');
 }
 
-// A line that is full stays full until something more comes.
+// A full line wraps only when another character arrives.
 void TerminalScreen::put(char byte) {
     if (column >= width) {
         if (wrapping) {

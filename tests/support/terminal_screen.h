@@ -1,7 +1,7 @@
-// What a terminal would show: takes the bytes that a program writes to one and keeps the two screens.
+// A terminal emulator: takes the bytes a program writes and maintains the two screens.
 //
-// It knows the few sequences that our tool has reason to use. Whatever else comes is listed in unknown(), so
-// that a test that looks at a screen can also demand that nothing was misread.
+// It supports only the few sequences that the tool needs. Others are listed in unknown(), so a test can also
+// require that nothing was misread.
 #pragma once
 
 #include <cstddef>
@@ -14,15 +14,15 @@ class TerminalScreen {
     TerminalScreen(std::size_t screen_rows, std::size_t screen_columns);
 
     void feed(std::string_view bytes);
-    // A screen that is made smaller loses what lies outside.
+    // A smaller screen loses what lies outside.
     void resize(std::size_t screen_rows, std::size_t screen_columns);
 
-    // The rows of the screen that is shown, without blanks at their ends.
+    // Returns the rows of the current screen, without trailing blanks.
     std::vector<std::string> rows() const;
     bool shows_alternate() const { return on_alternate; }
     bool shows_cursor() const { return cursor_shown; }
     bool wraps_lines() const { return wrapping; }
-    // Bold, underline, reverse or a colour is in force.
+    // Whether bold, underline, reverse or a color is in effect.
     bool has_style() const { return styled; }
     const std::vector<std::string>& unknown() const { return unknown_sequences; }
 
@@ -49,6 +49,6 @@ class TerminalScreen {
     bool cursor_shown = true;
     bool wrapping = true;
     bool styled = false;
-    std::string sequence;  // the escape sequence that has begun and is not complete
+    std::string sequence;  // an incomplete escape sequence
     std::vector<std::string> unknown_sequences;
 };

@@ -1,5 +1,5 @@
-// What the support code throws when something that had to happen did not; the test ends there and the text
-// says what was awaited and what came instead.
+// Thrown by the support code if something required did not happen. The test ends there. The text says what
+// was expected and what happened instead.
 #pragma once
 
 #include <cerrno>
@@ -11,7 +11,7 @@ struct TestFailure : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-// What a system call returned, unless it failed; the name is for the reader.
+// Returns the result of a system call, or throws with the call's name if it failed.
 inline int checked(int result, const char* call) {
     if (result < 0) {
         throw TestFailure(std::string(call) + ": " + std::strerror(errno));

@@ -1,5 +1,5 @@
-// How long a test waits for something that must happen. Nothing waits without a deadline, and no test
-// depends on one being short: sanitizer builds, which are slower, get three times as long.
+// Time limits for events that must happen. Every wait has a deadline, and no test depends on a deadline being
+// short. Sanitizer builds are slower and get three times as long.
 #pragma once
 
 #include <chrono>
@@ -15,20 +15,20 @@ using TimePoint = SteadyClock::time_point;
 
 constexpr int TIME_SCALE = V9_TEST_TIME_SCALE;
 
-// Stretches a deadline for slow builds. Do not use it for times that the server itself keeps.
+// Stretches a deadline for slow builds. Do not use it for the server's own times.
 constexpr Milliseconds scaled(Milliseconds wait) {
     return wait * TIME_SCALE;
 }
 
 constexpr Milliseconds DEFAULT_WAIT = scaled(Milliseconds{10000});
 
-// What is left until the deadline, never negative; in a form that poll(2) takes, rounded up.
+// Returns the time until the deadline for poll(2), rounded up and never negative.
 inline int poll_timeout_ms(TimePoint deadline) {
     const auto left = std::chrono::ceil<Milliseconds>(deadline - SteadyClock::now());
     return left.count() > 0 ? static_cast<int>(left.count()) : 0;
 }
 
-// Looks at the condition until it holds; false when it has not within the wait.
+// Polls the condition until it holds. False if it does not within the wait.
 template <typename Condition>
 [[nodiscard]] bool holds_within(Milliseconds wait, Condition condition,
                                 Milliseconds pause = Milliseconds{1}) {

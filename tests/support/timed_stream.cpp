@@ -12,8 +12,8 @@ namespace {
 
 constexpr std::size_t MESSAGE_BYTES = 20000;
 constexpr Milliseconds MESSAGE_INTERVAL{40};
-// What a message takes when nothing disturbs: up to 10 ms until the main loop looks, and up to 50 ms until
-// the player's writer does. Only what comes on top is late.
+// The latency of an undisturbed message: up to 10 ms until the main loop wakes up, and up to 50 ms until the
+// player's writer does. Only time beyond this counts as late.
 constexpr Milliseconds QUIET_LATENCY{60};
 constexpr std::size_t CONNECTED_SIDE_BY_SIDE = 8;
 

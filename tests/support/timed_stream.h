@@ -1,5 +1,4 @@
-// A stream whose messages are timed from the moment they are sent until the player has them, and work that
-// goes on beside it.
+// A stream whose messages are timed from sending until the player has them, and work concurrent with it.
 #pragma once
 
 #include <atomic>
@@ -14,7 +13,7 @@
 #include "tests/support/rtmp_client.h"
 #include "tests/support/time_limits.h"
 
-// Runs a loop body on a thread until it goes; what the body throws is kept for the test.
+// Runs a loop body on a thread until destroyed. An exception from the body is kept for the test.
 class Background {
   public:
     template <typename Body>
@@ -29,7 +28,7 @@ class Background {
             thread.join();
         }
     }
-    // After stop().
+    // Call after stop().
     const std::string& failure() const { return failure_text; }
 
   private:
@@ -49,14 +48,14 @@ class Background {
     std::thread thread;
 };
 
-// 4 Mbit/s at 25 messages a second.
+// A stream of 4 Mbit/s at 25 messages a second.
 class TimedStream {
   public:
     explicit TimedStream(const std::string& name = "live");
 
-    // Sends in real time, on the calling thread, and returns the longest that a message took.
+    // Sends in real time on the calling thread, and returns the longest time a message took.
     Milliseconds run_for(Milliseconds duration);
-    // The same until the work has been done; it runs on a thread of its own. What it throws is thrown here.
+    // The same until work, which runs on its own thread, has ended. Rethrows its exceptions.
     template <typename Work>
     Milliseconds run_beside(Work work);
 
@@ -98,10 +97,10 @@ Milliseconds TimedStream::run_beside(Work work) {
     return longest;
 }
 
-// How much of it is more than a message takes when nothing disturbs.
+// Returns the part of latency that exceeds that of an undisturbed message.
 Milliseconds lateness(Milliseconds latency);
 
 RtmpClient publisher_with_long_name(const std::string& name, const ClientOptions& options = {});
-// Publishers whose stream names are a number and so many bytes; connected side by side.
+// Connects publishers concurrently. Their stream names are a number followed by this many bytes.
 std::vector<RtmpClient> publishers_with_long_names(std::size_t count, std::size_t name_bytes);
 std::string long_stream_name(std::size_t idx, std::size_t name_bytes);

@@ -1,4 +1,4 @@
-// v9_rtmp_ctl as a script runs it: to its end, with what it printed and its exit status.
+// Runs v9_rtmp_ctl as a script does: to its end, with its output and exit status.
 #pragma once
 
 #include <cstdint>
@@ -16,7 +16,7 @@ std::string tool_path();
 ProgramRun run_tool(std::vector<std::string> arguments, const ProgramOptions& options = {},
                     Milliseconds wait = DEFAULT_WAIT);
 
-// What "raw" prints of a reply, without the line end.
+// A reply as "raw" prints it, without the line end.
 struct RawReply {
     std::uint64_t status = 0;
     std::string command;
@@ -24,14 +24,14 @@ struct RawReply {
     ControlPairs pairs = {};
 
     bool operator==(const RawReply&) const = default;
-    // The values of the pairs with this name, in their order.
+    // Returns the values of the pairs with this name, in order.
     std::vector<std::string> values(std::string_view name) const;
 };
 void PrintTo(const RawReply& reply, std::ostream* stream);
 
-// The one line that stands for this reply, made of printable ASCII and TABs.
+// Returns the line for this reply, of printable ASCII and TABs.
 std::string raw_line(const RawReply& reply);
 
-// Sends a command through the tool's "raw". Throws TestFailure unless it exits with 0, says nothing on
-// standard error, and prints exactly the line that stands for the reply it shows.
+// Sends a command through the tool's "raw". Throws TestFailure unless it exits with 0, prints nothing on
+// standard error, and prints exactly the line for the reply.
 RawReply ask_raw(const std::string& command, const std::vector<std::string>& arguments = {});

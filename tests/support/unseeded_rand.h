@@ -1,5 +1,5 @@
-// The numbers that rand() of the C library gives in a process that never seeds it, without touching this
-// process's own generator: what the server draws for its handshake, client ids and stream ids.
+// The numbers that the C library's rand() returns in a process that never seeds it, without use of this
+// process's generator. The server draws them for its handshake, client ids and stream ids.
 #pragma once
 
 #include <array>
@@ -18,7 +18,7 @@ class UnseededRand {
         return static_cast<std::uint32_t>(result);
     }
 
-    // The draws of one handshake: the 1528 random bytes of S1.
+    // Returns the draws of one handshake: the 1528 random bytes of S1.
     std::array<unsigned char, 1528> handshake_bytes() {
         std::array<unsigned char, 1528> bytes{};
         for (unsigned char& byte : bytes) {
@@ -27,7 +27,7 @@ class UnseededRand {
         return bytes;
     }
 
-    // The product of two draws, as client ids and stream ids are made.
+    // Returns the product of two draws, which is how client ids and stream ids are made.
     std::uint32_t product() {
         const std::uint32_t first = next();
         return first * next();

@@ -10,7 +10,7 @@ WrappedCalls wrapped_calls;
 
 namespace {
 
-// The pieces of a message up to so many bytes.
+// Returns the pieces of a message, up to this many bytes in total.
 std::vector<iovec> first_bytes(const msghdr& message, std::size_t bytes) {
     std::vector<iovec> pieces(message.msg_iov, message.msg_iov + message.msg_iovlen);
     for (iovec& piece : pieces) {

@@ -1,7 +1,7 @@
-// System calls of the server that a unit test watches or makes fail.
+// System calls of the server that a unit test records or makes fail.
 //
-// An executable that links wrapped_calls.cpp with the linker's --wrap option for every call below sees them
-// pass through here. Without orders each does what the system does.
+// Link wrapped_calls.cpp with the linker's --wrap option for every call below, and they go through these
+// functions. By default each does what the system does.
 #pragma once
 
 #include <pthread.h>
@@ -21,7 +21,7 @@ struct SentPieces {
 struct SetOption {
     int level = 0;
     int option = 0;
-    std::int64_t value = 0;  // as the kernel reads it: the low 32 bits
+    std::int64_t value = 0;  // low 32 bits, as the kernel reads it
     socklen_t length = 0;
 
     bool operator==(const SetOption&) const = default;
@@ -31,40 +31,40 @@ struct WrappedCalls {
     std::vector<SentPieces> sends;   // every sendmsg
     std::vector<SetOption> options;  // every setsockopt
     std::vector<int> backlogs;       // every listen
-    std::vector<useconds_t> sleeps;  // every usleep; none of them takes any time
+    std::vector<useconds_t> sleeps;  // every usleep; none actually sleeps
 
     // The nth call of its kind (from 1) fails; 0: none does.
     int failing_listen = 0;
     int failing_setsockopt = 0;
     int failing_pthread_create = 0;
 
-    // Results in place of the real ones. A cancel or join that "fails" has been done all the same.
+    // Returned instead of the real results. A cancel or join that "fails" has been done anyway.
     int cancel_result = 0;
     int join_result = 0;
     // The join really fails: nothing is joined.
     bool refuse_join = false;
     // The lock of this mutex is refused.
     const pthread_mutex_t* failing_lock = nullptr;
-    // The unlock of this mutex is done and reported as failed.
+    // The unlock of this mutex is done but reported as failed.
     const pthread_mutex_t* failing_unlock = nullptr;
 
-    // Makes what the caller is told from the real result; unset, it is told that.
+    // Computes the returned result from the real one; unset: the real one is returned.
     std::function<ssize_t(ssize_t)> recv_result;
     std::function<ssize_t(ssize_t)> send_result;
     std::function<ssize_t(ssize_t)> sendmsg_result;
 
-    // How many of its bytes a sendmsg is to take, asked before it is made; unset, it is made as it is.
+    // Called before a sendmsg; returns how many of its bytes to send. Unset: all.
     std::function<std::size_t()> sendmsg_takes;
 
-    // What somebody else does meanwhile: before a mutex is locked, after a join,
-    // before a descriptor is closed, and instead of a sleep.
+    // Actions of another thread or process: before a mutex is locked, after a join, before a descriptor is
+    // closed, and instead of a sleep.
     std::function<void(const pthread_mutex_t*)> at_lock;
     std::function<void()> at_join;
     std::function<void(int)> at_close;
     std::function<void()> at_sleep;
 
     int pthread_creates = 0;
-    std::vector<std::size_t> malloc_trims;  // what each left at the end of the heap
+    std::vector<std::size_t> malloc_trims;  // the pad argument of each call
 };
 
 extern WrappedCalls wrapped_calls;

@@ -54,5 +54,5 @@ TEST(monitor, CountsAllOfTheTimeBetweenLooksThatAreFarApart) {
     for (const std::uint64_t second : {100U, 115U, 130U}) {
         history.take_in({second * ONE_SECOND_US, {observed_publisher(0, "cam1", 100000)}});
     }
-    EXPECT_EQ(history.streams().at("cam1").publisher_silence_us, 15 * ONE_SECOND_US);
+    EXPECT_EQ(history.streams().at("cam1").publisher_silence_us, 30 * ONE_SECOND_US);
 }

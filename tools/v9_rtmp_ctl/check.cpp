@@ -23,7 +23,7 @@
 
 namespace {
 
-// A server that needs longer for an answer has too much to do.
+// A server that takes longer to answer is overloaded.
 constexpr std::uint64_t SLOW_ANSWER_US = 1000000;
 
 using Findings = std::vector<Finding>;
@@ -47,7 +47,7 @@ Finding failure_finding(const std::string& what, const Failure& failure) {
     return {is_known ? Level::CRITICAL : Level::UNKNOWN, what, failure.message};
 }
 
-// Nothing when the server does not answer. The peer is the process that answers.
+// Returns the process that answers. Empty if the server does not answer.
 std::optional<Peer> check_control(const Settings& settings, Findings& findings) {
     ControlClient client(settings.socket_path, settings.timeout_us());
     Reply reply;
@@ -114,7 +114,7 @@ std::optional<std::string> find_link(const std::string& path) {
                       : std::optional(std::string(target.data(), static_cast<std::size_t>(length)));
 }
 
-// A limit of the server's cgroup or of one above it: the first from below that is set.
+// Returns a limit of the server's cgroup, or of the nearest ancestor that sets it.
 std::optional<std::string> find_cgroup_limit(std::string cgroup, const char* name) {
     for (;;) {
         std::optional<std::string> text =

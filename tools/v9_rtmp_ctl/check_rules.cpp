@@ -12,11 +12,11 @@ namespace {
 
 constexpr std::uint64_t UNLIMITED = std::numeric_limits<std::uint64_t>::max();
 constexpr std::uint64_t NEEDED_BACKLOG = 20;
-// What the server and a full table of clients may hold, beside what waits for slow players.
+// Memory for the server and a full table of clients, without data queued for slow players.
 constexpr std::uint64_t SERVER_MEMORY_BYTES = std::uint64_t{160} << 20U;
 constexpr std::uint64_t CLIENT_MEMORY_BYTES = std::uint64_t{13} << 20U;
 constexpr std::uint64_t NEEDED_MEMORY_BYTES = SERVER_MEMORY_BYTES + SLOT_COUNT * CLIENT_MEMORY_BYTES;
-constexpr std::size_t FEW_SLOTS = 13;  // a tenth
+constexpr std::size_t FEW_SLOTS = 13;  // a tenth of all slots
 
 std::string trimmed(std::string_view text) {
     const std::size_t begin = text.find_first_not_of(" \n");
@@ -24,7 +24,7 @@ std::string trimmed(std::string_view text) {
     return begin == std::string_view::npos ? std::string() : std::string(text.substr(begin, end - begin + 1));
 }
 
-// "max" is no limit.
+// "max" means no limit.
 std::optional<std::uint64_t> read_limit(const std::optional<std::string>& text) {
     std::uint64_t number = 0;
     if (!text || !parse_number(trimmed(*text), number)) {

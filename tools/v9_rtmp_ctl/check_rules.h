@@ -1,4 +1,4 @@
-// What check finds, judged from what the system shows. Pure.
+// The findings of check, judged from the state of the system. Pure.
 #pragma once
 
 #include <cstddef>
@@ -8,7 +8,7 @@
 #include <string_view>
 #include <vector>
 
-// Also the exit status of check.
+// The values are also the exit statuses of check.
 enum class Level : int { OK = 0, WARNING = 1, CRITICAL = 2, UNKNOWN = 3 };
 
 // "ok", "warning", "critical", "unknown"
@@ -17,35 +17,35 @@ enum class Level : int { OK = 0, WARNING = 1, CRITICAL = 2, UNKNOWN = 3 };
 struct Finding {
     Level level = Level::OK;
     std::string what;  // a word or two
-    std::string text;  // what was found; unless OK also what to do
+    std::string text;  // what was found and, unless OK, what to do
 };
 
-// Critical before warning before unknown before OK.
+// The order of severity is critical, warning, unknown, OK.
 [[nodiscard]] Level worst_of(const std::vector<Finding>& findings);
 
-// Descriptors and threads that a full table of clients needs, with some to spare.
+// Descriptors and threads needed for a full table of clients, with some to spare.
 constexpr std::uint64_t NEEDED_DESCRIPTORS = 256;
 constexpr std::uint64_t NEEDED_THREADS = 300;
 
-// The soft limit of a row such as "Max open files" of /proc/PID/limits; nothing when the row is absent, the
-// largest number for "unlimited".
+// Returns the soft limit in a row of /proc/PID/limits, such as "Max open files". Empty if the row is absent;
+// the largest number for "unlimited".
 [[nodiscard]] std::optional<std::uint64_t> find_limit(std::string_view limits, std::string_view row);
 
-// The path of the cgroup of version 2 in /proc/PID/cgroup; empty when there is none.
+// Returns the path of the version 2 cgroup from the text of /proc/PID/cgroup. Empty if there is none.
 [[nodiscard]] std::string find_cgroup(std::string_view text);
 
 [[nodiscard]] Finding judge_slots(std::size_t connections);
-// limits is /proc/PID/limits; nothing when it cannot be read.
+// limits is the text of /proc/PID/limits; empty if it cannot be read.
 [[nodiscard]] Finding judge_descriptor_limit(const std::optional<std::string>& limits);
-// pids_max is that of the cgroup.
+// pids_max is the pids.max of the cgroup.
 [[nodiscard]] Finding judge_thread_limit(const std::optional<std::string>& limits,
                                          const std::optional<std::string>& pids_max);
-// memory_max is that of the cgroup; nothing when it has none, or if it is not known.
+// memory_max is the memory.max of the cgroup; empty if it has none, or if it is not known.
 [[nodiscard]] Finding judge_memory_limit(bool is_known, const std::optional<std::string>& memory_max);
-// target is where /proc/PID/fd/2 leads.
+// target is the target of the link /proc/PID/fd/2.
 [[nodiscard]] Finding judge_standard_error(const std::optional<std::string>& target);
 [[nodiscard]] Finding judge_clock(bool is_known, bool is_synchronized);
-// Of /proc/sys; nothing for one that cannot be read.
+// The values come from /proc/sys; a value that cannot be read is empty.
 [[nodiscard]] Finding judge_kernel(const std::optional<std::uint64_t>& somaxconn,
                                    const std::optional<std::uint64_t>& threads_max,
                                    const std::optional<std::uint64_t>& overcommit);

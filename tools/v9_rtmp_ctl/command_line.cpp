@@ -16,7 +16,7 @@ bool is_option(const std::string& word) {
     return word.size() > 1 && word[0] == '-' && word != "--";
 }
 
-// The first word from idx on that is neither an option nor an option's value.
+// Returns the index of the first word from idx on that is neither an option nor an option's value.
 std::size_t skip_options(const std::vector<std::string>& words, std::size_t idx) {
     while (idx < words.size() && is_option(words[idx])) {
         idx += takes_value(words[idx]) ? 2 : 1;
@@ -49,7 +49,7 @@ std::optional<Failure> check_combinations(const CommandLine& line, bool has_requ
     return std::nullopt;
 }
 
-// Reads the line again, with the options of the file before its own, so that those of the line count.
+// Parses the line again with the file's options first, so that the line's own options take precedence.
 std::optional<Failure> parse_with_file(const std::vector<std::string>& words, CommandLine& line) {
     const std::string path = line.watchdog.config_path;
     const auto publish_from = line.watchdog.limits.publish_from;
@@ -66,7 +66,7 @@ std::optional<Failure> parse_with_file(const std::vector<std::string>& words, Co
     if (failure) {
         failure->message = "in " + escape_untrusted(path) + ": " + failure->message;
     }
-    // A list takes all words; those of the line replace those of the file.
+    // A list would collect the words of both; those of the line must replace those of the file.
     if (!publish_from.empty()) {
         line.watchdog.limits.publish_from = publish_from;
     }
@@ -109,7 +109,7 @@ std::optional<Failure> parse_command_line(const std::vector<std::string>& words,
         return failure;
     }
     if (parser.help_asked) {
-        // A parser that has read something tells only about that.
+        // After parsing, a parser gives help only for what it parsed, so use a new one.
         CommandLine unread;
         return CommandParser(unread).find_help(parser.help_topic, command_line.help_text);
     }

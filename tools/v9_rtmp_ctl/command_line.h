@@ -1,7 +1,7 @@
-// The command line: what may be said, and what was. Pure.
+// The command line: its grammar and the parsed result. Pure.
 //
-// Global options stand before or behind the subcommand. Of raw, everything behind its COMMAND is passed to
-// the server as it is, so options of the tool end there; a COMMAND that begins with '-' has a "--" before it.
+// Global options may precede or follow the subcommand. Everything after the COMMAND of raw is passed to the
+// server unchanged, so the tool's options end there. A COMMAND that begins with '-' must be preceded by "--".
 #pragma once
 
 #include <optional>
@@ -13,7 +13,7 @@
 #include "tools/v9_rtmp_ctl/failure.h"
 
 enum class Subcommand {
-    NONE,  // only something to print was asked for
+    NONE,  // only text to print
     HELLO,
     LIST,
     STREAMS,
@@ -45,21 +45,21 @@ struct CommandLine {
     EventsOptions events;
     CheckOptions check;
     RawOptions raw;
-    std::string shell;      // of completion
-    std::string help_text;  // to be printed on standard output; of NONE
+    std::string shell;      // for completion
+    std::string help_text;  // for NONE: printed on standard output
 };
 
-// words is the command line behind the program's name. Reads the file that --config names. A failure
+// words is the command line after the program's name. Reads the file named by --config. Every failure
 // is ExitCode::USAGE.
 [[nodiscard]] std::optional<Failure> parse_command_line(const std::vector<std::string>& words,
                                                         CommandLine& command_line);
 
-// The exit status when the tool fails with exit_code, whatever the command found: of check 3, its UNKNOWN.
+// Returns the exit status when the tool itself fails with exit_code. For check it is 3, its UNKNOWN.
 [[nodiscard]] int failure_status(const std::vector<std::string>& words, ExitCode exit_code);
 
-// The part of the words of a raw command that is the tool's, and the request behind it.
+// The words of a raw command, split into those for the tool and the request after them.
 struct SplitWords {
-    std::vector<std::string> own;  // all words when the subcommand is not raw
+    std::vector<std::string> own;  // all words unless the subcommand is raw
     bool has_request = false;
     Request request;
 };

@@ -28,7 +28,7 @@ CLI::Validator one_of(const std::vector<std::string>& words) {
         "");
 }
 
-// One value each time; may be given again.
+// Takes one value each time and may be repeated.
 void repeatable(CLI::Option& option) {
     option.allow_extra_args(false)->take_all();
 }
@@ -91,7 +91,7 @@ std::optional<Failure> CommandParser::parse(std::vector<std::string> words) {
         app.parse(std::move(words));
     } catch (const CLI::CallForHelp&) {
         line.subcommand = Subcommand::NONE;
-        line.help_text = app.help();  // of the subcommand that was chosen, or of the tool
+        line.help_text = app.help();  // for the chosen subcommand, or for the tool
         return std::nullopt;
     } catch (const CLI::ParseError& error) {
         return explain(error);
@@ -148,7 +148,7 @@ std::optional<Failure> CommandParser::find_help(const std::vector<std::string>& 
     return std::nullopt;
 }
 
-// "drop id", or empty when no subcommand was found.
+// Returns, for example, "drop id". Empty if no subcommand was found.
 std::string CommandParser::chosen() const {
     std::string path;
     for (const CLI::App* at = &app; !at->get_subcommands().empty();) {
@@ -165,7 +165,7 @@ Failure CommandParser::explain(const CLI::ParseError& error) const {
     }
     const std::string reason = error.what();
     if (dynamic_cast<const CLI::RequiredError*>(&error) != nullptr) {
-        // "ID is required"
+        // reason is, for example, "ID is required".
         return usage_failure("'" + chosen() + "' needs an argument: " + reason.substr(0, reason.find(' ')),
                              chosen());
     }

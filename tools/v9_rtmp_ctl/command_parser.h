@@ -10,18 +10,18 @@
 #include "tools/v9_rtmp_ctl/failure.h"
 #include "tools/v9_rtmp_ctl/watchdog_options.h"
 
-// Options that take a value as a word of its own, before or behind the subcommand.
+// Whether the global option takes its value as a separate word.
 [[nodiscard]] bool takes_value(const std::string& global_option);
 
 class CommandParser {
   public:
-    // The parser writes into the target while it reads.
+    // The parser writes into target while it reads.
     explicit CommandParser(CommandLine& target);
 
-    // Reads the words. Nothing when they were understood.
+    // Reads the words. Empty on success.
     [[nodiscard]] std::optional<Failure> parse(std::vector<std::string> words);
 
-    // The help about a subcommand, "drop id" as two words, or about the tool.
+    // Finds the help for a subcommand ("drop id" is two words), or for the tool.
     [[nodiscard]] std::optional<Failure> find_help(const std::vector<std::string>& topic,
                                                    std::string& text) const;
 

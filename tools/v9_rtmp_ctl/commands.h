@@ -1,6 +1,6 @@
-// What the user asked for, and the subcommands that do it: one source file each.
+// The options of each subcommand and the functions that run them, one source file each.
 //
-// Every run_ function prints its result on standard output, reports a failure itself, and returns the
+// Every run_ function prints its result on standard output, reports its own failures, and returns the
 // exit code.
 #pragma once
 
@@ -19,14 +19,14 @@
 
 enum class OutputForm { PEOPLE, PLAIN, JSON };
 
-// What stands before or behind every subcommand.
+// The global options.
 struct Settings {
     std::string socket_path = DEFAULT_SOCKET_PATH;
     double timeout_seconds = 5;
     OutputForm form = OutputForm::PEOPLE;
     bool no_color = false;
     RateUnit unit = RateUnit::BYTES;
-    bool quiet = false;  // no word about what was done; failures are still reported
+    bool quiet = false;  // only failures are reported
 
     [[nodiscard]] std::uint64_t timeout_us() const {
         return static_cast<std::uint64_t>(timeout_seconds * 1e6);
@@ -41,16 +41,16 @@ struct ListOptions {
 };
 
 struct StreamsOptions {
-    std::vector<std::string> names;  // or patterns; empty: all
+    std::vector<std::string> names;  // names or patterns; empty: all
     SortKey sort = SortKey::STREAM;
     bool reverse = false;
     bool no_legend = false;
 };
 
 struct DropOptions {
-    std::vector<std::string> ids;                // of drop id
-    std::optional<std::string> expected_stream;  // of drop id
-    bool no_list = false;                        // of drop id
+    std::vector<std::string> ids;                // for drop id
+    std::optional<std::string> expected_stream;  // for drop id
+    bool no_list = false;                        // for drop id
     Selection selection;
     bool dry_run = false;
     bool force = false;
@@ -63,7 +63,7 @@ struct WatchOptions {
 
 struct MetricsOptions {
     std::string file;                        // empty: standard output
-    std::optional<double> interval_seconds;  // nothing: once
+    std::optional<double> interval_seconds;  // empty: once
     std::string watchdog_state = DEFAULT_WATCHDOG_STATE;
 };
 
@@ -78,15 +78,15 @@ struct ServeOptions {
 struct WatchdogOptions {
     WatchdogLimits limits;
     double interval_seconds = 1;
-    double settle_seconds = 5;  // from a client's choice of a stream until it is compared
+    double settle_seconds = 5;  // from choosing a stream until a client is compared
     bool dry_run = false;
     std::string state_directory = DEFAULT_WATCHDOG_STATE;
-    std::string config_path;  // a file with more options; empty for none
+    std::string config_path;  // file with more options; empty: none
 };
 
 struct EventsOptions {
     double interval_seconds = 0.5;
-    std::string program;  // run for each event; empty for none
+    std::string program;  // run for each event; empty: none
 };
 
 struct CheckOptions {
@@ -115,8 +115,8 @@ ExitCode run_raw(const Settings& settings, const RawOptions& options);
 ExitCode run_completion(const std::string& shell);
 ExitCode run_version(const Settings& settings);
 
-// Becomes the program that serves, which is in a package of its own, with the words of this command line.
-// Returns only when that is not there.
+// Replaces this process with the serve program, which has its own package, and passes it the words of the
+// command line. Returns only if that program is missing.
 ExitCode become_serve(const std::vector<std::string>& words);
-// In that program: serves until the process is ended.
+// In the serve program: serves until a signal ends the process.
 ExitCode run_serve(const Settings& settings, const ServeOptions& options);

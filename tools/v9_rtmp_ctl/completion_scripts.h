@@ -1,4 +1,4 @@
-// The files in completions/, compiled in, so that the tool can print them wherever it is installed.
+// The files in completions/, compiled in, so the tool can print them wherever it is installed.
 #pragma once
 
 #include <string_view>

@@ -1,5 +1,5 @@
-// A file of options: one a line, "name = value", as on the command line but without its dashes. Lines that
-// begin with '#' or ';' are comments.
+// An option file. Each line is "name = value", with the option names of the command line without dashes.
+// Lines that begin with '#' or ';' are comments.
 #pragma once
 
 #include <optional>
@@ -8,5 +8,5 @@
 
 #include "tools/v9_rtmp_ctl/failure.h"
 
-// Reads the file as words of a command line: "--name=value", again for each further value.
+// Reads the file as command-line words, one "--name=value" for each value.
 [[nodiscard]] std::optional<Failure> read_config(const std::string& path, std::vector<std::string>& words);

@@ -14,7 +14,7 @@ namespace {
 
 constexpr std::size_t MAX_NAME_BYTES = 1024;
 
-// Whether both are one client, as the history tells clients apart.
+// Whether both are the same client, by the rules of the history.
 bool is_same_record(const ClientRecord& a, const ClientRecord& b) {
     return a.connection.id == b.connection.id && a.first_seen_us == b.first_seen_us &&
            a.connection.address == b.connection.address;
@@ -113,7 +113,7 @@ void EventWatch::follow_publishers(std::vector<ConnectionEvent>& events) {
             current = nullptr;
         }
         const Connection* const likeliest = find_connection(connections, *stream.publisher_id);
-        // One that was listed before has waited; a new one only comes after.
+        // A publisher listed before has waited for the stream; a newly listed one has not.
         const bool has_waited = std::any_of(listed.begin(), listed.end(), [likeliest](const Connection& c) {
             return is_same_client(c, *likeliest);
         });

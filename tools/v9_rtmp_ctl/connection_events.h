@@ -1,8 +1,8 @@
-// What happened between two listings: connections, publishes, plays and disconnects. Pure.
+// The events between two listings: connections, publishes, plays and disconnects. Pure.
 //
-// What begins and ends between two listings is not seen. The listing does not say which of several publishers
-// of a name is relayed: the one that was there first counts as that one, and a takeover is that it goes while
-// others stay. Of several that stay, the likeliest is named (see stream_summary.h).
+// A connection that begins and ends between two listings is not seen. The listing does not say which of
+// several publishers of a name is relayed, so the first one is assumed. A takeover is when it leaves while
+// others stay. If several stay, the likeliest is named (see stream_summary.h).
 #pragma once
 
 #include <cstdint>
@@ -22,14 +22,14 @@ enum class EventKind { CONNECT, PUBLISH, PLAY, TAKEOVER, GONE };
 
 struct ConnectionEvent {
     EventKind kind = EventKind::CONNECT;
-    Connection client;                    // of TAKEOVER: the new publisher
-    std::optional<Connection> previous;   // of TAKEOVER: the one that has gone
-    std::optional<std::uint64_t> age_us;  // of GONE
+    Connection client;                    // for TAKEOVER: the new publisher
+    std::optional<Connection> previous;   // for TAKEOVER: the publisher that left
+    std::optional<std::uint64_t> age_us;  // for GONE
 };
 
 class EventWatch {
   public:
-    // What happened since the last listing; nothing for the first one. Those that went come first.
+    // Returns the events since the last listing, departures first. The first listing has no events.
     [[nodiscard]] std::vector<ConnectionEvent> take_in(const Listing& listing);
 
   private:
@@ -39,19 +39,19 @@ class EventWatch {
 
     ConnectionHistory history;
     bool is_first = true;
-    std::vector<Connection> listed;                // last
-    std::map<std::string, Connection> publishers;  // the one that counts as relayed, by stream
+    std::vector<Connection> listed;                // of the last listing
+    std::map<std::string, Connection> publishers;  // the publisher assumed to be relayed, by stream
 };
 
-// "publish 3, publish of 'cam1' from 203.0.113.7:50000"; a takeover with the one before, one that went with
-// its age and bytes.
+// "publish 3, publish of 'cam1' from 203.0.113.7:50000"; a takeover also names the previous publisher, and a
+// departure its age and bytes.
 [[nodiscard]] std::string event_line(const ConnectionEvent& event);
 
 // {"unix_seconds":N,"event":"gone","id":3,"stream":...,"mode":...,"address":...,"seconds":12,"bytes_sent":N,
 //  "bytes_received":N,"previous_id":null,"previous_address":null}
 [[nodiscard]] std::string event_json(const ConnectionEvent& event, std::int64_t unix_seconds);
 
-// The same for a program's environment: V9_EVENT, V9_ID, V9_STREAM, V9_MODE, V9_ADDRESS, V9_SECONDS,
-// V9_BYTES_SENT, V9_BYTES_RECEIVED, V9_PREVIOUS_ID, V9_PREVIOUS_ADDRESS; what is absent is empty. Strangers'
-// bytes are escaped, and names cut after 1024 bytes.
+// The same as environment variables: V9_EVENT, V9_ID, V9_STREAM, V9_MODE, V9_ADDRESS, V9_SECONDS,
+// V9_BYTES_SENT, V9_BYTES_RECEIVED, V9_PREVIOUS_ID, V9_PREVIOUS_ADDRESS; an absent value is an empty string.
+// Untrusted bytes are escaped; names are cut after 1024 bytes.
 [[nodiscard]] std::vector<std::pair<std::string, std::string>> event_variables(const ConnectionEvent& event);

@@ -10,9 +10,9 @@ namespace {
 using Json = nlohmann::ordered_json;
 
 constexpr int FORMAT_VERSION = 1;
-// Samples are kept at this many moments of the window.
+// Number of samples kept over the window.
 constexpr std::uint64_t SAMPLES_PER_WINDOW = 120;
-// A publisher that sends nothing for so long loses the stream to another one that sends.
+// A publisher that sends nothing for this long loses the stream to another one that sends.
 constexpr std::uint64_t TAKEOVER_US = 2500000;
 
 bool is_member(const Connection& connection) {
@@ -23,7 +23,7 @@ bool is_publisher(const Connection& connection) {
     return connection.mode == "publish";
 }
 
-// Whether the listing had everything that the connection is judged by.
+// Whether the listing had all the values that the connection is judged by.
 bool is_complete(const Connection& connection) {
     return connection.bytes_sent && connection.bytes_received && !connection.address.empty();
 }
@@ -49,13 +49,13 @@ void add_sample(ClientRecord& record, std::uint64_t attended_us, std::uint64_t w
         return;
     }
     samples.push_back({attended_us, media_counter(record).bytes});
-    // One sample stays that is as old as the window.
+    // Keep one sample as old as the window.
     while (samples.size() > 1 && attended_us - samples[1].attended_us >= window_us) {
         samples.pop_front();
     }
 }
 
-// The newest one that is not later than the time; null when all are.
+// Returns the newest sample not later than attended_us. Null if all are later.
 const CounterSample* sample_at(const ClientRecord& record, std::uint64_t attended_us) {
     const auto later = std::upper_bound(
         record.samples.begin(), record.samples.end(), attended_us,
@@ -175,7 +175,7 @@ void ConnectionHistory::take_in(const Listing& listing) {
     for (ClientRecord& record : records) {
         follow_publisher(record);
     }
-    // All counters are of this listing now, so that clients can be compared from this moment on.
+    // Now all counters are from this listing, so clients can be compared from this moment on.
     for (ClientRecord& record : records) {
         settle(record);
     }

@@ -1,16 +1,16 @@
-// What listing after listing has shown of each client and each stream. No I/O; times are passed in.
+// What successive listings have shown of each client and each stream. No I/O; times are passed in.
 //
-// A client is an id with an address. Another address is another client, and so is a counter that has gone
-// back, or a stream that is no longer the one that was chosen; choosing one only adds to what is known. A
-// listing that lacks a client's address or counters says nothing about it, and nothing counts against it.
+// A client is identified by its id and address. A different address, a counter that went back, or a change
+// from one stream to another means a different client; choosing its first stream does not. A client listed
+// without address or counters is left as it was.
 //
 // Two clocks:
-//   monotonic  that of Listing::taken_us, for ages. It goes on while nothing is listed.
-//   attended   the sum of the times between listings, of each at most HistoryTimes::longest_gap_us. A server
-//              that stood, or a watchdog that did not run, makes no client stand still.
+//   monotonic  that of Listing::taken_us, for ages. It advances while nothing is listed.
+//   attended   the sum of the times between listings, each at most HistoryTimes::longest_gap_us. A stopped
+//              server or a watchdog that did not run makes no client look stalled.
 //
-// Clients are compared by what each has got since both had settled in the stream, so that neither the age of
-// a client nor what each one is sent when it joins makes a difference.
+// Clients are compared by what each has received since both settled in the stream. Neither a client's age nor
+// the data sent when it joined affects the result.
 #pragma once
 
 #include <cstddef>
@@ -26,17 +26,17 @@
 
 struct HistoryTimes {
     std::uint64_t longest_gap_us = 5000000;
-    std::uint64_t settle_us = 5000000;   // from a client's choice of a stream until it is compared
-    std::uint64_t window_us = 60000000;  // for which earlier values of the counters are known
+    std::uint64_t settle_us = 5000000;   // from choosing a stream until a client is compared
+    std::uint64_t window_us = 60000000;  // how far back counter values are kept
 };
 
 struct CounterHistory {
     std::uint64_t bytes = 0;        // in the last listing
     std::uint64_t first_bytes = 0;  // when the client was first seen
-    std::uint64_t grew_us = 0;      // attended time at which it was last seen to have grown, or first seen
+    std::uint64_t grew_us = 0;      // attended time when it was last seen to grow, or first seen
 };
 
-// A counter as it was.
+// A past value of a counter.
 struct CounterSample {
     std::uint64_t attended_us = 0;
     std::uint64_t bytes = 0;
@@ -51,55 +51,55 @@ struct ClientRecord {
     CounterHistory sent;
     CounterHistory received;
 
-    // Of a publisher. The server relays the only one of a name, until it has sent nothing for 2.5 s and
-    // another one sends. False also if it is not known.
+    // For publishers only: the server relays this one. A name's only publisher is relayed until it has sent
+    // nothing for 2.5 s and another one sends. Also false if it is not known.
     bool is_relayed = false;
-    std::uint64_t quiet_since_us = 0;  // monotonic; it may have sent nothing since then
+    std::uint64_t quiet_since_us = 0;  // monotonic; possibly silent since then
 
-    // Of the counter that media_counter() names.
-    std::deque<CounterSample> samples;             // the oldest first
-    std::uint64_t settled_as = 0;                  // 0 until it has settled; later ones have larger numbers
+    // For the counter that media_counter() returns.
+    std::deque<CounterSample> samples;             // oldest first
+    std::uint64_t settled_as = 0;                  // 0 until settled; later clients have larger numbers
     std::uint64_t settled_bytes = 0;               // at that moment
-    std::map<std::uint64_t, std::uint64_t> since;  // settled_as of a later one to the bytes at its moment
+    std::map<std::uint64_t, std::uint64_t> since;  // settled_as of a later client to the bytes at that moment
 };
 
-// Counters of a stream name. They survive reconnects, and do not go back while the name is known.
+// The counters of a stream name. They survive reconnects and never decrease while the name is known.
 struct StreamTotals {
-    std::uint64_t bytes_received = 0;        // from publishers, those included that waited
+    std::uint64_t bytes_received = 0;        // from publishers, including waiting ones
     std::uint64_t bytes_sent = 0;            // to players
-    std::uint64_t player_stall_us = 0;       // players stood still while another client of the stream did not
-    std::uint64_t publisher_silence_us = 0;  // publishers stood still
-    std::uint64_t last_member_us = 0;        // monotonic time at which a client of this name was last listed
+    std::uint64_t player_stall_us = 0;       // players stalled while another client of the stream did not
+    std::uint64_t publisher_silence_us = 0;  // publishers sent nothing
+    std::uint64_t last_member_us = 0;        // monotonic time when a client of this name was last listed
 };
 
 class ConnectionHistory {
   public:
-    // Strangers choose names: longer ones have no totals, and of more names than this those whose last client
-    // has been gone for longest are forgotten.
+    // Names are untrusted. Longer names have no totals. Above this many names, those whose last client left
+    // the longest ago are forgotten.
     static constexpr std::size_t MAX_NAME_BYTES = 200;
     static constexpr std::size_t MAX_STREAMS = 512;
 
     explicit ConnectionHistory(HistoryTimes all_times = {});
 
-    // Listings come in the order of their times. One that is earlier than the last begins a new history
+    // Listings must come in the order of their times. A listing earlier than the last begins a new history
     // of clients.
     void take_in(const Listing& listing);
 
-    // Those of the last listing, by id.
+    // The clients of the last listing, by id.
     [[nodiscard]] const std::vector<ClientRecord>& clients() const { return records; }
     [[nodiscard]] const std::map<std::string, StreamTotals>& streams() const { return totals; }
 
-    // Of the last listing.
+    // The time of the last listing.
     [[nodiscard]] std::uint64_t now_us() const { return last_us; }
     [[nodiscard]] std::uint64_t attended_us() const { return attended; }
 
-    // One line without line end. boot tells the boots of the machine apart, since its monotonic clock begins
-    // with each:
+    // One line without a line end. boot identifies the boot of the machine, because the monotonic clock
+    // restarts with each:
     //   {"version":1,"boot":"...","now_us":N,"attended_us":N,"settled":N,"clients":[...],"streams":[...]}
     [[nodiscard]] std::string to_json(const std::string& boot) const;
 
-    // Takes what to_json gave. Of another boot only the streams' counters are taken. False, and nothing has
-    // changed, when the text is something else.
+    // Restores the output of to_json. After another boot only the streams' counters are restored. False, and
+    // nothing has changed, if the text is not valid.
     [[nodiscard]] bool restore(std::string_view json, const std::string& boot);
 
   private:
@@ -119,33 +119,33 @@ class ConnectionHistory {
     std::vector<ClientRecord> records;
     std::map<std::string, StreamTotals> totals;
     std::uint64_t last_us = 0;
-    std::uint64_t before_us = 0;  // of the listing before the last
+    std::uint64_t before_us = 0;  // time of the listing before the last
     std::uint64_t attended = 0;
     std::uint64_t last_settled = 0;
 };
 
-// Null when no client has this slot.
+// Returns null if no client has this slot.
 [[nodiscard]] const ClientRecord* find_client(const std::vector<ClientRecord>& records, unsigned id);
 
-// The one that media moves: bytes received of a publisher, bytes sent of every other client.
+// Returns the counter that grows with media: bytes received for a publisher, bytes sent for any other client.
 [[nodiscard]] const CounterHistory& media_counter(const ClientRecord& record);
 
-// For how long, on the attended clock, the counter has not grown.
+// Returns how long, on the attended clock, the counter has not grown.
 [[nodiscard]] std::uint64_t still_us(const ConnectionHistory& history, const CounterHistory& counter);
 
-// How much media a client has got, or sent, since it and the other had both settled. Nothing while one has
-// not, or where the two are not of one stream.
+// Returns the bytes of media a client has received or sent since it and the other had both settled. Empty if
+// either has not settled, or if they are in different streams.
 [[nodiscard]] std::optional<std::uint64_t> gained_beside(const ClientRecord& client,
                                                          const ClientRecord& other);
 
-// The same at an earlier attended time, by the newest sample that is not later; 0 where that was before both
-// had settled.
+// The same at an earlier attended time, from the newest sample that is not later. 0 if both had not yet
+// settled then.
 [[nodiscard]] std::optional<std::uint64_t> gained_beside_until(const ClientRecord& client,
                                                                const ClientRecord& other,
                                                                std::uint64_t attended_us);
 
-// In how many of the parts of equal length into which the last window_us are cut the client's media has
-// grown, and by how much in the whole window. Nothing while the client has not been there as long.
+// The last window_us are divided into parts of equal length. Counts the parts in which the client's media
+// grew, and by how much it grew in the whole window. Empty if the client is younger than the window.
 struct Movement {
     unsigned parts = 0;
     std::uint64_t bytes = 0;

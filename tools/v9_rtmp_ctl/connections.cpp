@@ -38,7 +38,7 @@ bool parse_counter(std::string_view text, std::optional<std::uint64_t>& counter)
     return true;
 }
 
-// Takes the first field off; false when no separator follows it.
+// Removes the first field; false if no separator follows it.
 bool take_first(std::string_view& line, std::string_view& field) {
     const std::size_t end = line.find(SEPARATOR);
     if (end == std::string_view::npos) {
@@ -49,7 +49,7 @@ bool take_first(std::string_view& line, std::string_view& field) {
     return true;
 }
 
-// Takes the last field off; false when no separator stands before it.
+// Removes the last field; false if no separator precedes it.
 bool take_last(std::string_view& line, std::string_view& field) {
     const std::size_t begin = line.rfind(SEPARATOR);
     if (begin == std::string_view::npos) {
@@ -84,7 +84,7 @@ bool comes_first(const Connection& a, const Connection& b, SortKey key) {
             return std::tuple(a.stream.empty(), std::string_view(a.stream), mode_rank(a), a.id) <
                    std::tuple(b.stream.empty(), std::string_view(b.stream), mode_rank(b), b.id);
         case SortKey::RATE:
-            // No rate at all is below a rate of 0.
+            // An unknown rate sorts below a rate of 0.
             return std::tuple(-total_rate(a).value_or(-1), a.id) <
                    std::tuple(-total_rate(b).value_or(-1), b.id);
     }

@@ -1,7 +1,7 @@
-// The server's connections as its listing gives them, picked, sorted and with rates. Pure.
+// The server's connections as its listing gives them: parsed, sorted and with rates. Pure.
 //
-// A rate comes from two listings a known time apart. It is known only for a connection that is in both: same
-// slot, same address, same stream, counters that have not gone back.
+// A rate comes from two listings a known time apart. It is known only for a connection in both: the same
+// slot, address and stream, and counters that have not gone back.
 #pragma once
 
 #include <cstddef>
@@ -30,16 +30,16 @@ struct Connection {
     std::optional<std::uint64_t> bytes_sent;      // to the client
     std::optional<std::uint64_t> bytes_received;  // from the client
     std::string address;                          // with port; may be empty
-    std::size_t whole_name_bytes = 0;             // of a stream name that was cut; 0: it is whole
+    std::size_t whole_name_bytes = 0;             // length of a stream name that was cut; 0: not cut
 
-    // Of bytes per second; filled in by add_rates.
+    // Bytes per second; filled in by add_rates.
     std::optional<double> sent_rate;
     std::optional<double> received_rate;
 
     bool operator==(const Connection&) const = default;
 };
 
-// One listing, and when it arrived.
+// One listing and its arrival time.
 struct Listing {
     std::uint64_t taken_us = 0;
     std::vector<Connection> connections;
@@ -47,34 +47,33 @@ struct Listing {
 
 enum class SortKey { ID, STREAM, RATE };
 
-// Reads one line of the listing. A TAB within the stream name stays part of the name: one field stands before
-// it and five behind it, and none of those can hold a TAB. Nothing when the line is not of this form or its
-// id is no slot.
+// Reads one line of the listing. A TAB in the stream name stays part of the name: one field precedes it and
+// five follow it, and none of these can contain a TAB. Empty if the line does not have this form or its id is
+// not a slot.
 [[nodiscard]] std::optional<Connection> parse_connection_line(std::string_view line);
 
-// Cuts a stream name above this length and ends it with an ellipsis, so that it differs from each name that
-// is whole.
+// Cuts a stream name longer than this and appends an ellipsis, so it cannot equal a whole name.
 void cut_name(Connection& connection, std::size_t longest_bytes);
 
-// Null when the listing has no such connection.
+// Returns null if there is no such connection.
 [[nodiscard]] const Connection* find_connection(const std::vector<Connection>& connections, unsigned id);
 
-// The server's own seven fields, separated by TABs, with strangers' bytes escaped: a stream name can neither
-// begin a field nor a line.
+// Returns the server's seven fields, separated by TABs. Untrusted bytes are escaped, so a stream name cannot
+// begin a field or a line.
 [[nodiscard]] std::string plain_line(const Connection& connection);
 
-// "1280x720", or empty when it is not known.
+// "1280x720", or empty if unknown.
 [[nodiscard]] std::string size_text(const std::optional<VideoSize>& size);
 
 // Fills in the rates of after's connections.
 void add_rates(const Listing& before, Listing& after);
 
-// Adds a rate to a sum if it is known.
+// Adds a rate to a sum if the rate is known.
 void add_rate(std::optional<double>& sum, const std::optional<double>& rate);
 
-// Both directions together; nothing when neither is known.
+// The sum of both directions. Empty if neither is known.
 [[nodiscard]] std::optional<double> total_rate(const Connection& connection);
 
-// ID: ascending. STREAM: by name, the unnamed last, of one name the publishers first. RATE: the busiest
-// first, unknown rates last. Ties go by id.
+// ID: ascending. STREAM: by name, then publishers first; connections without a name last. RATE: the busiest
+// first, unknown rates last. Ties are broken by id.
 void sort_connections(std::vector<Connection>& connections, SortKey key);

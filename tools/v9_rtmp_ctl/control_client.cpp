@@ -17,7 +17,7 @@ struct PacketRelease {
 };
 using PacketHandle = std::unique_ptr<comm_socket_v4_packet, PacketRelease>;
 
-// Null when the request is above a limit.
+// Returns null if the request exceeds a limit.
 PacketHandle make_packet(const Request& request, bool async) {
     PacketHandle packet(comm_socket_v4_packet_create());
     comm_socket_v4_packet* const p = packet.get();
@@ -125,7 +125,8 @@ std::optional<Failure> ControlClient::call_all(const std::vector<Request>& reque
     if (std::optional<Failure> failure = send(requests, false)) {
         return failure;
     }
-    // The server disconnects a client that does not read, so nothing is done with a reply until all are here.
+    // The server disconnects a client that does not read, so replies are processed only after all
+    // have arrived.
     std::vector<PacketHandle> answers;
     while (!awaited_ids.empty()) {
         const std::uint64_t began_us = clock_us();

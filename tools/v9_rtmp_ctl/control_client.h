@@ -1,4 +1,5 @@
-// One connection to the server's control socket: requests out, replies in, every failure with its advice.
+// One connection to the server's control socket. Sends requests, reads replies, and gives advice with
+// every failure.
 //
 // Connects at the first request and again after a failure. Used by one thread.
 #pragma once
@@ -29,43 +30,42 @@ struct Reply {
     std::vector<std::pair<std::string, std::string>> pairs;  // in the order sent; names may repeat
 };
 
-// How long a reply may take in all while its bytes keep coming, when a pause may be silence_us: 60 s, or
-// twice the pause where that is more. So it is always told apart from silence.
+// Returns the time limit for a whole reply whose bytes keep coming, when pauses may last silence_us: 60 s or
+// twice silence_us, whichever is longer. A slow reply is thus distinguished from silence.
 [[nodiscard]] std::uint64_t longest_reply_us(std::uint64_t silence_us);
 
 class ControlClient {
   public:
-    // A call fails when nothing of its reply comes for silence_us, and after longest_reply_us. Connecting and
+    // A call fails if no byte of its reply arrives for silence_us, or after longest_reply_us. Connecting and
     // sending fail after silence_us.
     ControlClient(std::string path, std::uint64_t silence);
     ~ControlClient();
     ControlClient(const ControlClient&) = delete;
     ControlClient& operator=(const ControlClient&) = delete;
 
-    // Connects now, so that the time of a call is that of request and reply alone.
+    // Connects now, so that the time of a call covers only request and reply.
     [[nodiscard]] std::optional<Failure> connect();
 
     // Sends and waits for the reply, which may carry any status.
     [[nodiscard]] std::optional<Failure> call(const Request& request, Reply& reply);
 
-    // Sends all requests in one write and waits for their replies, which are as many and in the same order.
-    // After a failure some of the requests may have been carried out.
+    // Sends all requests in one write and waits for their replies, one for each request and in the same
+    // order. After a failure some requests may have been carried out.
     [[nodiscard]] std::optional<Failure> call_all(const std::vector<Request>& requests,
                                                   std::vector<Reply>& replies);
 
-    // Sends a request that wants no reply.
+    // Sends a request that gets no reply.
     [[nodiscard]] std::optional<Failure> send_async(const Request& request);
 
-    // For a caller that polls: start() sends all requests in one write, and poll_reply() looks for the next
-    // of their replies without waiting; found is false while it has not come. A failure ends the connection
-    // and the wait.
+    // For a caller that polls: start() sends all requests in one write, and poll_reply() takes the next reply
+    // without waiting; found is false if it has not arrived yet. A failure ends the connection and the wait.
     [[nodiscard]] std::optional<Failure> start(const std::vector<Request>& requests);
     [[nodiscard]] std::optional<Failure> poll_reply(Reply& reply, bool& found);
 
-    // To be polled for input between start() and the last reply; -1 without a connection.
+    // The descriptor to poll for input between start() and the last reply; -1 without a connection.
     [[nodiscard]] int fd() const { return comm_socket_v4_connection_get_fd(connection); }
 
-    // Closes the connection; the next request makes a new one.
+    // Closes the connection. The next request opens a new one.
     void disconnect();
 
   private:
@@ -83,19 +83,19 @@ class ControlClient {
 // Microseconds of a clock that never goes back.
 [[nodiscard]] std::uint64_t clock_us();
 
-// The request for the connections of one mode, or of all when mode is empty.
+// Returns the request for the connections of one mode, or of all modes if mode is empty.
 [[nodiscard]] Request list_request(const std::string& mode);
 
-// Reads the reply to list_request. Names above longest_name_bytes are cut. listing is unspecified after
-// a failure.
+// Reads the reply to list_request. Names above longest_name_bytes are cut. After a failure, listing
+// is unspecified.
 [[nodiscard]] std::optional<Failure> read_listing(const Reply& reply, Listing& listing,
                                                   std::size_t longest_name_bytes = SIZE_MAX);
 
-// Both together.
+// Requests a listing and reads it.
 [[nodiscard]] std::optional<Failure> take_listing(ControlClient& client, const std::string& mode,
                                                   Listing& listing,
                                                   std::size_t longest_name_bytes = SIZE_MAX);
 
-// Two listings a second apart; what is returned are the connections of the second, with their rates.
+// Takes two listings a second apart and returns the second with rates.
 [[nodiscard]] std::optional<Failure> take_listing_with_rates(ControlClient& client, const std::string& mode,
                                                              Listing& listing);

@@ -1,4 +1,4 @@
-// drop id and drop address: connections by their ids.
+// drop id and drop address: drop connections by their ids.
 #include <algorithm>
 #include <cstddef>
 #include <iterator>
@@ -30,7 +30,7 @@ std::string short_name(const std::string& name) {
     return cut_text(escape_untrusted(std::string_view(name).substr(0, MAX_NAME_BYTES + 1)), MAX_NAME_BYTES);
 }
 
-// Of each that was dropped one line, of each other one its failure.
+// Prints one line for each connection dropped, and the failure for each other one.
 ExitCode print_outcomes(const Settings& settings, const std::vector<DropOutcome>& outcomes) {
     DropResult result;
     result.ids.emplace();
@@ -70,7 +70,7 @@ ExitCode drop_and_print(const Settings& settings, ControlClient& client,
     return failure ? report_worse(worst, *failure) : worst;
 }
 
-// Those of the words that are ids, each once. Reports the others.
+// Returns the words that are ids, each once. Reports the others.
 std::vector<unsigned> read_ids(const std::vector<std::string>& words, ExitCode& worst) {
     std::vector<unsigned> ids;
     for (const std::string& word : words) {
@@ -84,7 +84,7 @@ std::vector<unsigned> read_ids(const std::vector<std::string>& words, ExitCode& 
     return ids;
 }
 
-// Looks the ids up. Reports those that are not there, or not of the stream that the user expects.
+// Looks the ids up. Reports those that are not listed or not on the stream the user expects.
 std::optional<Failure> find_targets(ControlClient& client, const DropOptions& options,
                                     const std::vector<unsigned>& ids, std::vector<DropTarget>& targets,
                                     ExitCode& worst) {
@@ -126,7 +126,7 @@ ExitCode run_drop_id(const Settings& settings, const DropOptions& options) {
     }
     ControlClient client(settings.socket_path, settings.timeout_us());
     std::vector<DropTarget> targets;
-    // With a name to guard by, there is nothing to look up before.
+    // With a name as guard, no lookup is needed first.
     if (options.no_list || (options.expected_stream && !options.dry_run)) {
         for (const unsigned id : ids) {
             targets.push_back({id, options.expected_stream.value_or(""), std::nullopt});

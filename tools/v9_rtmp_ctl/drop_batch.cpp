@@ -6,20 +6,20 @@
 
 namespace {
 
-// The server carries out that many requests at once; two of them are listings.
+// The server carries out this many requests at once, of which two are listings.
 constexpr std::size_t MAX_BATCH_TARGETS = COMM_SOCKET_V4_MAX_REQUESTS_PER_IDLE - 2;
-// Names can be megabytes long. The server reads more than this of a client at once, so a batch is carried out
-// at once.
+// Names can be megabytes long. The server reads more than this from a client at once, so it carries out a
+// whole batch at once.
 constexpr std::size_t MAX_BATCH_NAME_BYTES = 65536;
 
 using Batch = std::vector<DropTarget>;
 
-// False where the server was not reached, or the request was refused here.
+// False if the server was not reached, or if the tool itself refused the request.
 bool may_have_been_sent(const Failure& failure) {
     return failure.exit_code == ExitCode::NO_REPLY || failure.exit_code == ExitCode::NEGATIVE_ANSWER;
 }
 
-// Calls for each batch; ends with the first failure.
+// Makes the call for each batch, until the first failure.
 template <typename Call>
 std::optional<Failure> for_each_batch(const Batch& targets, const Call& call) {
     for (std::size_t idx = 0; idx < targets.size();) {

@@ -1,8 +1,8 @@
-// Drops connections by their ids, and finds out which clients that hit.
+// Drops connections by their ids, and finds out which clients were dropped.
 //
-// The server knows only ids and, as a guard, stream names. A slot can get another client of the same name, or
-// again one without a name, at any moment. So listing, drops and listing are asked for in one write, which
-// the server usually carries out at once, and both listings have to agree.
+// The server knows only ids and, as a guard, stream names. At any moment another client of the same name, or
+// another without a name, can take over a slot. So one write requests a listing, the drops and another
+// listing. The server usually handles these at once. A drop is certain only if both listings agree.
 #pragma once
 
 #include <cstddef>
@@ -18,36 +18,37 @@
 struct DropOutcome {
     unsigned id = 0;
     std::string guard;
-    std::optional<Failure> failure;  // nothing: the target was dropped for certain
-    std::string message;             // the server's
+    std::optional<Failure> failure;  // empty: the target was certainly dropped
+    std::string message;             // from the server
 };
 
-// As many targets from idx on as are dropped in one write; idx is below their number.
+// Returns how many targets from idx on are dropped in one write. idx is less than the number of targets.
 [[nodiscard]] std::size_t count_batch(const std::vector<DropTarget>& targets, std::size_t idx);
 
-// Listing, drops, listing. The first listing is left out when there is one from before.
+// A listing, the drops, a listing. The first listing is omitted if an earlier one is given.
 [[nodiscard]] std::vector<Request> batch_requests(const std::vector<DropTarget>& batch,
                                                   const std::optional<Listing>& before);
 
-// Appends the outcomes of the batch. replies answer batch_requests with the same listing from before, which
-// becomes the last one: the next batch needs no other.
+// Appends the outcomes of the batch. replies answer batch_requests called with the same earlier listing. That
+// listing is replaced by the last one, for use by the next batch.
 [[nodiscard]] std::optional<Failure> judge_batch(const std::vector<DropTarget>& batch,
                                                  const std::vector<Reply>& replies,
                                                  std::optional<Listing>& before,
                                                  std::vector<DropOutcome>& outcomes);
 
-// Drops all targets. After a failure it is not known what was dropped of those without an outcome.
+// Drops all targets. After a failure, targets without an outcome may or may not have been dropped.
 [[nodiscard]] std::optional<Failure> drop_targets(ControlClient& client,
                                                   const std::vector<DropTarget>& targets,
                                                   std::vector<DropOutcome>& outcomes);
 
-// Drops clients whose names were cut. The whole names, which are the guards, come from one more listing; one
-// at a time is copied, and none is in an outcome. No listing follows: a name of that length is guard enough.
+// Drops clients whose names were cut. The whole names, used as guards, come from one more listing. They
+// are copied one at a time and do not appear in outcomes. No listing follows: a name of that length is
+// guard enough.
 [[nodiscard]] std::optional<Failure> drop_cut_names(ControlClient& client,
                                                     const std::vector<Connection>& targets,
                                                     std::vector<DropOutcome>& outcomes);
 
-// The same as drop_targets without listings, and so without a word about which client had the id.
+// Like drop_targets but without listings, so the client that had the id is not known.
 [[nodiscard]] std::optional<Failure> drop_targets_unseen(ControlClient& client,
                                                          const std::vector<DropTarget>& targets,
                                                          std::vector<DropOutcome>& outcomes);

@@ -1,4 +1,4 @@
-// drop stream and drop unnamed, and what they share with drop address.
+// drop stream and drop unnamed, and the code shared with drop address.
 #include "tools/v9_rtmp_ctl/drop_by_selection.h"
 
 #include <comm_socket_v4.h>
@@ -33,8 +33,8 @@ std::optional<Failure> drop_name(ControlClient& client, const std::string& name,
     return std::nullopt;
 }
 
-// Drops all connections of these stream names, those that have joined meanwhile too. The empty name stands
-// for connections that have chosen no stream.
+// Drops all connections of these stream names, including those that joined meanwhile. The empty name stands
+// for connections without a stream.
 ExitCode drop_names(const Settings& settings, ControlClient& client, const std::set<std::string>& names,
                     const Failure& nothing_matched) {
     DropResult result;
@@ -53,7 +53,7 @@ ExitCode drop_names(const Settings& settings, ControlClient& client, const std::
     return result.dropped == 0 && worst == ExitCode::DONE ? report(nothing_matched) : worst;
 }
 
-// Leaves out what has changed while the question waited, and reports it.
+// Removes connections that changed while the question waited, and reports them.
 ExitCode leave_out_changed(ControlClient& client, std::vector<Connection>& connections) {
     Listing listing;
     if (const std::optional<Failure> failure = take_listing(client, "", listing)) {
@@ -73,7 +73,7 @@ bool drops_whole_streams(const Selection& selection) {
     return !selection.streams.empty() && selection.addresses.empty() && !selection.mode;
 }
 
-// Reports the names and patterns that no connection has.
+// Reports the names and patterns that match no connection.
 ExitCode report_unmatched(const Selection& selection, const std::vector<Connection>& connections) {
     ExitCode worst = ExitCode::DONE;
     for (const std::string& name : selection.streams) {

@@ -1,4 +1,4 @@
-// Drops whatever a selection matches, after a question.
+// Drops the connections that match a selection, after confirmation.
 #pragma once
 
 #include <string>
@@ -9,10 +9,10 @@
 #include "tools/v9_rtmp_ctl/control_client.h"
 #include "tools/v9_rtmp_ctl/failure.h"
 
-// whose ends the question: "of stream 'cam1'". nothing_matched is what to say where there is nothing to drop.
+// whose ends the question: "of stream 'cam1'". nothing_matched is the message if there is nothing to drop.
 ExitCode drop_by_selection(const Settings& settings, const DropOptions& options, const std::string& whose,
                            const Failure& nothing_matched);
 
-// Drops these connections by their ids, and tells what was dropped.
+// Drops these connections by their ids, and reports what was dropped.
 ExitCode drop_connections(const Settings& settings, ControlClient& client,
                           const std::vector<Connection>& connections);

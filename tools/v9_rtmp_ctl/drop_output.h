@@ -1,4 +1,4 @@
-// What a drop asks and tells.
+// The question before a drop and the report after it.
 #pragma once
 
 #include <cstddef>
@@ -14,11 +14,11 @@
 // "1 connection", "2 connections".
 [[nodiscard]] std::string connections_text(std::size_t count);
 
-// Asks on a terminal. Where no question can be asked, options.force is needed. Nothing means yes.
+// Asks on the terminal. Without a terminal, options.force is required. Empty means yes.
 [[nodiscard]] std::optional<Failure> confirm(const DropOptions& options, const std::string& question);
 
-// Shows whom a drop would concern.
+// Shows which connections a drop would affect.
 void print_dry_run(const Settings& settings, const std::vector<const Connection*>& connections);
 
-// Tells what was dropped. For people line says it, and an empty one nothing.
+// Reports what was dropped. In text output prints line, which may be empty.
 void print_dropped(const Settings& settings, const DropResult& result, const std::string& line);

@@ -1,4 +1,4 @@
-// What may be dropped, how it is asked for and what the answer means. Pure.
+// What may be dropped, the requests for it, and the meaning of the replies. Pure.
 #pragma once
 
 #include <optional>
@@ -10,8 +10,8 @@
 #include "tools/v9_rtmp_ctl/control_client.h"
 #include "tools/v9_rtmp_ctl/failure.h"
 
-// 0 to 127 in decimal digits alone. The server is more generous (it takes "5x" for 5), so this is
-// tested first.
+// Accepts 0 to 127 in decimal digits only. The server is more lenient (it reads "5x" as 5), so ids are
+// checked here first.
 [[nodiscard]] std::optional<unsigned> parse_connection_id(std::string_view text);
 
 // The number in the server's "OK, N connections dropped".
@@ -20,30 +20,29 @@
 // With a guard, the server drops the connection only if its stream has that name. An empty guard is not sent.
 [[nodiscard]] Request drop_id_request(unsigned id, const std::string& guard);
 
-// What the server answered; nothing when it dropped the client that had the id then.
+// Judges the server's reply. Empty if it dropped the client that had the id at that moment.
 [[nodiscard]] std::optional<Failure> judge_drop_id(unsigned id, const std::string& guard, const Reply& reply);
 
-// A connection that is to be dropped by its id.
+// A connection to drop by its id.
 struct DropTarget {
     unsigned id = 0;
     std::string guard;                   // as in drop_id_request
-    std::optional<Connection> expected;  // the client that is meant, as far as it is known
+    std::optional<Connection> expected;  // the intended client, if known
 };
 
-// By the name that it has.
+// The guard is the name of its stream.
 [[nodiscard]] DropTarget target_of(const Connection& connection);
 
-// Whether both are the same client on the same stream. False when the address is not known.
+// Whether both are the same client on the same stream. False if the address is unknown.
 [[nodiscard]] bool is_same_client(const Connection& a, const Connection& b);
 
-// Nothing when the target was dropped for certain. before and after are the listings that were asked for
-// around the drop. The client that had the id at the drop is certain only where both agree on its address
-// and name.
+// Empty if the target was certainly dropped. before and after are the listings requested around the drop.
+// Which client had the id at the drop is certain only if both agree on its address and name.
 [[nodiscard]] std::optional<Failure> judge_drop(const DropTarget& target, const Reply& reply,
                                                 const Listing& before, const Listing& after);
 
-// Nothing while the listing has the candidate as it was when the user was asked about it. The id alone does
-// not say so: the server gives the id of a client that has left to a later one.
+// Empty if the listing still has the candidate as it was when the user was asked about it. The id alone is
+// not enough, because the server reuses ids.
 [[nodiscard]] std::optional<Failure> judge_candidate(const Connection& candidate,
                                                      const std::vector<Connection>& listed);
 

@@ -65,7 +65,7 @@ ExitCode run_events(const Settings& settings, const EventsOptions& options) {
         } else {
             trouble.tell_end();
             for (const ConnectionEvent& event : watch.take_in(listing)) {
-                // A program may run for each.
+                // A program may run for each event.
                 if (stop.wait_until(0)) {
                     break;
                 }

@@ -12,7 +12,7 @@
 
 namespace {
 
-// The server looks at its socket once in this time.
+// The server polls its socket at this interval.
 constexpr std::uint64_t SERVICE_US = 100000;
 
 std::string seconds_text(std::uint64_t us) {
@@ -24,7 +24,7 @@ std::string seconds_text(std::uint64_t us) {
 constexpr const char* SOCKET = "a socket";
 constexpr const char* DIRECTORY = "a directory";
 
-// What is at the path; empty for nothing.
+// Returns the kind of file at the path. Empty if there is none.
 std::string find_kind(const std::string& path) {
     struct stat status {};
     if (stat(path.c_str(), &status) != 0) {

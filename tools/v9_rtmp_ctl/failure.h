@@ -1,5 +1,5 @@
-// Why the tool gives up: the exit code for scripts, and a sentence or two for people that always says what to
-// do next. A function that can fail returns std::optional<Failure>; nothing means success.
+// Why the tool gives up: an exit code for scripts, and a sentence or two for people that always says what to
+// do next. A function that can fail returns std::optional<Failure>; empty means success.
 #pragma once
 
 #include <comm_socket_v4.h>
@@ -8,20 +8,20 @@
 #include <optional>
 #include <string>
 
-// check has statuses of its own: those of Level in check_rules.h.
+// check has its own statuses: see Level in check_rules.h.
 enum class ExitCode : int {
     DONE = 0,
     NEGATIVE_ANSWER = 1,  // the server answered with an error status, or nothing matched
     USAGE = 2,
-    NOT_RUNNING = 3,  // no socket, or nothing listens at it
+    NOT_RUNNING = 3,  // no socket, or nothing listens on it
     PERMISSION = 4,
-    NO_REPLY = 5,        // time-out, or a reply that cannot be read
-    ANOTHER_CLIENT = 6,  // a drop was carried out that may have hit another client
+    NO_REPLY = 5,        // timeout, or an unreadable reply
+    ANOTHER_CLIENT = 6,  // another client may have been dropped
 };
 
 constexpr const char* DEFAULT_SOCKET_PATH = "/var/run/v9_rtmp_server.socket";
 
-// True for other names of that path as well: /var/run is usually a link to /run.
+// Also true for other names of that path: /var/run is usually a link to /run.
 [[nodiscard]] bool is_default_socket(const std::string& path);
 
 struct Failure {
@@ -29,30 +29,30 @@ struct Failure {
     std::string message;  // without line end
 };
 
-// What an error of the control library means to the user. error is neither COMM_SOCKET_V4_OK nor
-// COMM_SOCKET_V4_TIMEOUT. Looks at what is at the path.
+// Explains an error of the control library to the user, after a look at the path. error is neither
+// COMM_SOCKET_V4_OK nor COMM_SOCKET_V4_TIMEOUT.
 [[nodiscard]] Failure describe_failure(comm_socket_v4_error error, const std::string& socket_path);
 
-// No server answers at the path. Looks at what is there. listeners says what listens on the server's port
-// all the same, empty for nothing; it counts only at the server's own path. Without it the advice is to look
-// with hello.
+// No server answers at the path. Looks at what is there. listeners describes what listens on the server's
+// port anyway; it is empty if nothing does, and used only for the server's default path. Without it the
+// advice is to run hello.
 [[nodiscard]] Failure no_server(const std::string& socket_path,
                                 const std::optional<std::string>& listeners = std::nullopt);
 
-// Nothing came for that long.
+// Nothing arrived for silence_us.
 [[nodiscard]] Failure no_answer(std::uint64_t silence_us);
 
-// The reply kept coming, and was not complete after that long.
+// The reply kept coming but was not complete after total_us.
 [[nodiscard]] Failure answer_too_long(std::uint64_t total_us);
 
-// For an error status in the reply to a command that this tool knows.
+// For an error status in the reply to a known command.
 [[nodiscard]] Failure refused_by_server(const std::string& message);
 
-// For a reply that is complete but does not say what this tool expects.
+// For a reply that is complete but does not have the expected form.
 [[nodiscard]] Failure unreadable_reply(const std::string& what);
 
 // Prints "v9_rtmp_ctl: MESSAGE" on standard error and returns the failure's exit code.
 ExitCode report(const Failure& failure);
 
-// The one of several results that the exit status tells: the higher one.
+// Returns the result that decides the exit status: the higher one.
 [[nodiscard]] ExitCode worse_of(ExitCode a, ExitCode b);

@@ -59,7 +59,7 @@ int spawn(const std::string& program, const std::vector<std::pair<std::string, s
     return error;
 }
 
-// False when its process group had to be killed.
+// False if the process group had to be killed.
 bool wait_for_end(pid_t child, std::uint64_t max_us) {
     const auto process = static_cast<int>(syscall(SYS_pidfd_open, child, 0));
     pollfd waited{process, POLLIN, 0};

@@ -3,7 +3,7 @@
 
 #include <cerrno>
 
-// Whether the call can be tried again: it was interrupted, or would have had to wait.
+// Whether to retry the call: it was interrupted, or would block.
 [[nodiscard]] inline bool can_try_again(int error) {
     return error == EAGAIN || error == EWOULDBLOCK || error == EINTR;
 }

@@ -1,6 +1,6 @@
 // The JSON that scripts read; the manual page describes each form member by member. Pure.
 //
-// Every form is one line without line end. Bytes that are not UTF-8 become U+FFFD.
+// Every form is one line without a line end. Bytes that are not UTF-8 become U+FFFD.
 #pragma once
 
 #include <cstddef>
@@ -17,7 +17,7 @@
 // {"status": 0, "command": "...", "message": "...", "pairs": [["name","value"], ...]}, blanks included.
 [[nodiscard]] std::string reply_json(const Reply& reply);
 
-// {"slots":128,"connections":[...]}. The members for rates are named after the unit.
+// {"slots":128,"connections":[...]}. The rate members are named after the unit.
 [[nodiscard]] std::string list_json(const std::vector<Connection>& connections,
                                     RateUnit unit = RateUnit::BYTES);
 
@@ -25,23 +25,22 @@
 [[nodiscard]] std::string streams_json(const std::vector<StreamSummary>& streams,
                                        RateUnit unit = RateUnit::BYTES);
 
-// {"running":true,"slots":128,"streams":[...],"connections":[...]}; what one interval of watch shows.
+// {"running":true,"slots":128,"streams":[...],"connections":[...]}; one interval of watch.
 [[nodiscard]] std::string watch_json(bool running, const std::vector<StreamSummary>& streams,
                                      const std::vector<Connection>& connections,
                                      RateUnit unit = RateUnit::BYTES);
 
-// {"greeting":"...","round_trip_ms":1.234,"listeners":[4711],"notes":["..."]}; listeners null where it is
-// not known.
+// {"greeting":"...","round_trip_ms":1.234,"listeners":[4711],"notes":["..."]}; listeners is null if unknown.
 struct Greeting {
     std::string text;
     std::uint64_t round_trip_us = 0;
-    std::optional<std::vector<unsigned>> listeners;  // processes that listen on the server's port
-    std::vector<std::string> notes;                  // what is wrong with the port, or could not be found out
+    std::optional<std::vector<unsigned>> listeners;  // processes listening on the server's port
+    std::vector<std::string> notes;                  // problems with the port, or what is unknown
 };
 [[nodiscard]] std::string hello_json(const Greeting& greeting);
 
-// {"dropped":2,"dry_run":false,"message":"..."}; message null where none came from the server. Of a drop by
-// id with "ids", what was dropped for certain, and "uncertain", where another client may have been hit.
+// {"dropped":2,"dry_run":false,"message":"..."}; message is null if the server sent none. A drop by id adds
+// "ids", certainly dropped, and "uncertain", where another client may have been dropped.
 struct DropResult {
     std::size_t dropped = 0;
     bool dry_run = false;

@@ -5,11 +5,11 @@
 
 namespace {
 
-// What a terminal may obey although JSON lets it stand: DEL, and the controls U+0080 to U+009F. They occur in
-// strings only, where an escape means the same.
+// Escapes characters that are valid in JSON but may control a terminal: DEL and U+0080 to U+009F. They occur
+// only in strings, where an escape means the same.
 std::string escape_controls(const std::string& json) {
     constexpr char DEL = '\x7f';
-    constexpr char FIRST_OF_TWO = '\xc2';  // of U+0080 to U+00BF in UTF-8; the second is the code itself
+    constexpr char FIRST_OF_TWO = '\xc2';  // of U+0080 to U+00BF; the second is the code point
     std::string escaped;
     for (std::size_t i = 0; i < json.size(); ++i) {
         const bool two_bytes = json[i] == FIRST_OF_TWO && static_cast<unsigned char>(json[i + 1]) < 0xA0;

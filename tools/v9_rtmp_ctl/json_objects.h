@@ -1,5 +1,4 @@
-// Connections and streams as JSON objects, shared by the forms that scripts read and by the status
-// page. Pure.
+// Connections and streams as JSON objects, for script output and the status page. Pure.
 #pragma once
 
 #include <nlohmann/json.hpp>
@@ -12,7 +11,8 @@
 
 using Json = nlohmann::ordered_json;
 
-// One line without line end. Bytes that are not UTF-8 become U+FFFD; what a terminal may obey is escaped.
+// One line without a line end. Bytes that are not UTF-8 become U+FFFD. Terminal control characters
+// are escaped.
 [[nodiscard]] std::string dump(const Json& json);
 
 template <typename Number>

@@ -23,7 +23,8 @@ constexpr std::array<std::pair<std::string_view, KeyKind>, 12> SEQUENCES{{
     {"[4~", KeyKind::END},
 }};
 
-// Length of the sequence behind an escape byte: a bracket or 'O', parameters, one final letter or '~'.
+// Returns the length of the sequence after an escape byte: a bracket or 'O', parameters, one final letter
+// or '~'.
 std::size_t sequence_length(std::string_view bytes) {
     if (bytes.empty() || (bytes[0] != '[' && bytes[0] != 'O')) {
         return 0;

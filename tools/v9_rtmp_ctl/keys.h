@@ -1,4 +1,4 @@
-// What a terminal sends for the keys that watch knows. Pure.
+// The bytes a terminal sends for the keys of watch. Pure.
 #pragma once
 
 #include <string_view>
@@ -21,11 +21,11 @@ enum class KeyKind {
 
 struct Key {
     KeyKind kind = KeyKind::OTHER;
-    char character = 0;  // of CHARACTER: 0x20 to 0x7E
+    char character = 0;  // for CHARACTER: 0x20 to 0x7E
 
     bool operator==(const Key&) const = default;
 };
 
-// The keys in what one read gave. A lone escape byte at its end is the key, not the beginning of a sequence:
-// terminals send a sequence at once.
+// Returns the keys in the bytes of one read. A lone escape byte at the end is the Escape key, not the start
+// of a sequence, because terminals send a sequence at once.
 [[nodiscard]] std::vector<Key> decode_keys(std::string_view bytes);

@@ -16,7 +16,7 @@
 
 namespace {
 
-// The server picks by mode, but it has no word for connections without one.
+// The server can filter by mode, but not for connections without one.
 std::string mode_for_server(const Selection& selection) {
     return selection.mode && *selection.mode != "none" ? *selection.mode : std::string();
 }

@@ -12,7 +12,7 @@
 
 namespace {
 
-// A family's own form of an address, in the storage for all.
+// Stores the address of one family in the generic storage.
 template <typename Address>
 ListenAddress stored(const Address& address) {
     ListenAddress listen;

@@ -1,4 +1,4 @@
-// Addresses and hosts as HTTP and command lines write them. Pure.
+// Addresses and hosts as written in HTTP and on command lines. Pure.
 #pragma once
 
 #include <sys/socket.h>
@@ -8,7 +8,7 @@
 #include <string>
 #include <string_view>
 
-// Of "host:port", "[host]:port" or "host".
+// The parts of "host:port", "[host]:port" or "host".
 struct HostAndPort {
     std::string host;  // without brackets, in lower case
     bool is_ipv6 = false;
@@ -16,7 +16,7 @@ struct HostAndPort {
 };
 [[nodiscard]] std::optional<HostAndPort> split_host(std::string_view text);
 
-// Whether the host is an address and no name.
+// Whether the host is an address, not a name.
 [[nodiscard]] bool is_address(const HostAndPort& split);
 
 struct ListenAddress {
@@ -24,11 +24,11 @@ struct ListenAddress {
     socklen_t length = 0;
 };
 
-// "127.0.0.1:9935" or "[::1]:9935". Nothing for anything else.
+// "127.0.0.1:9935" or "[::1]:9935". Empty for anything else.
 [[nodiscard]] std::optional<ListenAddress> parse_listen_address(std::string_view text);
 
-// The other way round.
+// The inverse of parse_listen_address.
 [[nodiscard]] std::string listen_address_text(const sockaddr_storage& address);
 
-// The text in small letters, of ASCII.
+// Returns the text with ASCII letters in lower case.
 [[nodiscard]] std::string lower_case(std::string_view text);

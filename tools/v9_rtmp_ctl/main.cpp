@@ -13,11 +13,11 @@
 
 namespace {
 
-// The control socket must not become standard output: the server would be sent what is meant for the user.
+// Otherwise the control socket could become standard output, and the server would receive the user's output.
 void open_closed_standard_descriptors() {
     for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
         if (fcntl(fd, F_GETFD) < 0) {
-            // The lowest free descriptor is this one, since those below it are open by now.
+            // open() returns the lowest free descriptor, which is this one: those below it are open by now.
             static_cast<void>(open("/dev/null", O_RDWR));
         }
     }

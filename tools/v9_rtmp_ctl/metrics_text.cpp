@@ -20,7 +20,7 @@ double seconds(std::uint64_t us) {
 
 class Writer {
   public:
-    // Begins a metric. Every sample that follows is of it.
+    // Begins a metric. All following samples belong to it.
     Writer& begin(const char* metric_name, const char* type, const char* help) {
         name = metric_name;
         text += "# HELP " + name + " " + help + "\n# TYPE " + name + " " + type + "\n";
@@ -84,7 +84,7 @@ void write_streams(Writer& writer, const MetricsSource& source) {
     }
 }
 
-// Of each listed stream, and of all others together.
+// Writes a sample for each listed stream, and one for all others together.
 template <typename Value>
 void write_totals(Writer& writer, const StreamSeries& series, const Value& value) {
     for (const auto& [label, totals] : series.listed()) {
@@ -217,7 +217,7 @@ std::string metrics_text(const MetricsSource& source) {
     }
     if (source.history != nullptr && source.series != nullptr) {
         write_counters(writer, *source.series);
-        // What was there before the server stopped answering says nothing about now.
+        // Values from before the server stopped answering are out of date.
         if (is_up) {
             write_health(writer, *source.history);
             write_players(writer, source);

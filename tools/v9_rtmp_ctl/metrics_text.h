@@ -13,21 +13,21 @@
 #include "tools/v9_rtmp_ctl/stream_series.h"
 #include "tools/v9_rtmp_ctl/watchdog_statistics.h"
 
-// A publisher that has sent nothing for so long is silent.
+// A publisher that has sent nothing for this long is silent.
 constexpr std::uint64_t SILENT_AFTER_US = 5000000;
 
-// What is absent has no metrics.
+// An absent value has no metrics.
 struct MetricsSource {
     std::vector<Connection> connections;  // of the last listing; empty while the server does not answer
-    std::optional<double> round_trip_s;   // of that listing; nothing while the server does not answer
-    ProcessInfo process;                  // the server's
-    const ConnectionHistory* history = nullptr;  // null: there was one listing only
-    const StreamSeries* series = nullptr;        // with history
+    std::optional<double> round_trip_s;   // for that listing; empty while the server does not answer
+    ProcessInfo process;                  // of the server
+    const ConnectionHistory* history = nullptr;  // null: only one listing
+    const StreamSeries* series = nullptr;        // set with history
     std::optional<WatchdogStatistics> watchdog;
 };
 
 // Ends with a line end.
 [[nodiscard]] std::string metrics_text(const MetricsSource& source);
 
-// A label's value as it stands between quotes.
+// Escapes a label's value for use between quotes.
 [[nodiscard]] std::string escape_label(std::string_view value);

@@ -19,7 +19,7 @@ Monitor::Monitor(const std::string& socket_path, std::uint64_t silence_us, std::
     : state(std::move(watchdog_state)), client(socket_path, silence_us) {
     current.history = ConnectionHistory(times_between_looks(interval_us));
     const std::optional<std::string> history = read_file(state + "/" + WATCHDOG_HISTORY_FILE);
-    // Without it, the history begins now.
+    // If this fails, the history begins now.
     static_cast<void>(history && current.history.restore(*history, boot_id()));
 }
 
@@ -48,7 +48,7 @@ void Monitor::look() {
     add_rates(before, current.listing);
     current.history.take_in(current.listing);
     if (!std::exchange(has_looked, true)) {
-        // What the clients had sent and received before is not this program's to count.
+        // Bytes the clients transferred before the first look are not counted.
         current.series.begin(current.history);
     }
     current.series.take_in(current.history);

@@ -13,10 +13,10 @@ namespace {
 
 constexpr const char* OFF = "off";
 
-// Empty for a number of seconds that may be given.
+// Returns the advice for an invalid number of seconds. Empty if the number is valid.
 std::string advise(const std::string& text, double min, const char* alternative) {
     double value = 0;
-    // Written so that a value that is no number fails too.
+    // In this form the test also fails for NaN.
     if (CLI::detail::lexical_cast(text, value) && value >= min && value <= MAX_SECONDS) {
         return "";
     }

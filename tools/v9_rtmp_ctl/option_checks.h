@@ -1,4 +1,4 @@
-// Checks of option values, each with the advice that a wrong one gets.
+// Checks of option values, each with advice for invalid values.
 #pragma once
 
 #include <CLI/CLI.hpp>
@@ -9,7 +9,7 @@ constexpr double MIN_INTERVAL_SECONDS = 0.1;
 
 [[nodiscard]] CLI::Validator seconds(double min);
 
-// The same, or "off".
+// A valid number of seconds, or "off".
 [[nodiscard]] CLI::Validator seconds_or_off(double min);
 
 [[nodiscard]] CLI::Validator address_range();

@@ -1,4 +1,4 @@
-// Where standard output goes, and what it can show.
+// Standard output: its destination and what it can show.
 #pragma once
 
 #include <cstddef>
@@ -9,7 +9,7 @@
 struct Settings;
 
 struct OutputStyle {
-    std::optional<std::size_t> width;  // of the terminal; nothing when it is none, and nothing is cut
+    std::optional<std::size_t> width;  // of the terminal; empty: not a terminal, lines are not cut
     bool color = false;
 };
 
@@ -18,15 +18,15 @@ struct ScreenSize {
     std::size_t columns = 80;
 };
 
-// Color needs a terminal that is not dumb, and nobody who declines it. A null variable is one that is not
-// set; an empty NO_COLOR declines nothing.
+// Whether to use color: on a terminal that is not dumb, unless the user declines it. A null variable is not
+// set; an empty NO_COLOR does not decline.
 [[nodiscard]] bool wants_color(bool is_terminal, bool no_color_option, const char* no_color_variable,
                                const char* term_variable);
 
 [[nodiscard]] OutputStyle find_output_style(const Settings& settings);
 
-// 24 rows of 80 columns when the terminal does not say.
+// Returns 24 rows of 80 columns if the terminal does not report its size.
 [[nodiscard]] ScreenSize find_screen_size();
 
-// Prints lines; the first one, the titles, in bold when there are titles and color is wanted.
+// Prints lines. With has_titles and color, the first line is bold.
 void print_lines(const std::vector<std::string>& lines, bool has_titles, const OutputStyle& style);

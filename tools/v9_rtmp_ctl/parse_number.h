@@ -1,11 +1,11 @@
-// Numbers in text from elsewhere. Pure.
+// Parses numbers in untrusted text. Pure.
 #pragma once
 
 #include <charconv>
 #include <string_view>
 #include <system_error>
 
-// Whether the whole text is the number, in digits of the base without a sign; if not, number is unspecified.
+// Whether the whole text is a number in digits of the base, without a sign. If not, number is unspecified.
 template <typename Number>
 [[nodiscard]] bool parse_number(std::string_view text, Number& number, int base = 10) {
     const char* const end = text.data() + text.size();

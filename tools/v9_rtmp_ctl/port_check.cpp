@@ -29,7 +29,8 @@ std::vector<std::string> split(const std::string& line) {
     return fields;
 }
 
-// Of the network namespace of a process: "self", or an id. Nothing when it cannot be looked at.
+// Returns the listening sockets in the network namespace of a process: "self" or an id. Empty if this process
+// may not look there.
 std::optional<std::vector<ListeningSocket>> find_listening_of(const std::string& process) {
     std::vector<ListeningSocket> all;
     bool found = false;
@@ -74,7 +75,7 @@ bool has_socket(const std::string& process, const std::vector<ListeningSocket>& 
     return false;
 }
 
-// The processes that hold one of the sockets, as far as their descriptors may be looked at.
+// Returns the processes that hold one of the sockets, as far as their descriptors are readable.
 std::vector<unsigned> find_owners(const std::vector<ListeningSocket>& sockets) {
     std::vector<unsigned> owners;
     for (const std::string& name : entries("/proc")) {
@@ -112,10 +113,10 @@ std::string many_listeners(const std::vector<ListeningSocket>& sockets, const st
            ". Stop all but one, then start that one again if it is not the one that answers.";
 }
 
-// The directory in which the service has its socket: see packaging/tmpfiles.
+// The directory of the service's socket; see packaging/tmpfiles.
 constexpr const char* SERVICE_DIRECTORY = "/run/v9-rtmp-server";
 
-// When no server answers: a process that listens on the port all the same. Empty when there is none.
+// If no server answers: describes a process that listens on the port anyway. Empty if there is none.
 std::string describe_listeners_without_answer() {
     const std::optional<std::vector<ListeningSocket>> sockets = find_listening_of("self");
     if (!sockets || sockets->empty()) {
@@ -180,7 +181,7 @@ PortCheck check_port(const Peer& answering) {
     const std::vector<unsigned> owners = find_owners(*sockets);
     const bool answering_listens =
         std::find(owners.begin(), owners.end(), static_cast<unsigned>(answering.pid)) != owners.end();
-    // Sockets without a visible owner belong to processes whose descriptors this user may not look at.
+    // Sockets without a visible owner belong to processes whose descriptors this user may not read.
     const bool owners_known = owners.size() >= sockets->size();
     if (owners_known) {
         check.listeners = owners;

@@ -1,7 +1,7 @@
-// Who listens on the server's RTMP port, as /proc tells it.
+// Finds the processes that listen on the server's RTMP port, from /proc.
 //
-// A second start by mistake takes the control socket, and of the same user it shares the port: players then
-// land where their publisher is not. Neither server notices.
+// A second server started by mistake takes over the control socket. If the same user runs it, it also shares
+// the port, and players may reach a different server from their publisher. Neither server notices.
 #pragma once
 
 #include <sys/types.h>
@@ -16,7 +16,7 @@
 
 constexpr std::uint16_t RTMP_PORT = 1935;
 
-// A socket that listens, from a table such as /proc/net/tcp.
+// A listening socket, from a table such as /proc/net/tcp.
 struct ListeningSocket {
     std::uint64_t inode = 0;
     unsigned uid = 0;
@@ -24,10 +24,10 @@ struct ListeningSocket {
     bool operator==(const ListeningSocket&) const = default;
 };
 
-// Those of the port. Lines that cannot be read are passed over.
+// Returns the listening sockets of the port. Unreadable lines are skipped.
 [[nodiscard]] std::vector<ListeningSocket> find_listening(std::string_view table, std::uint16_t port);
 
-// The process at the other end of a Unix socket; pid is 0 when it is outside of this process's view.
+// The process at the other end of a Unix socket; pid is 0 if this process cannot see it.
 struct Peer {
     pid_t pid = 0;
     uid_t uid = 0;
@@ -35,15 +35,14 @@ struct Peer {
 [[nodiscard]] std::optional<Peer> find_peer(int fd);
 
 struct PortCheck {
-    std::optional<std::vector<unsigned>>
-        listeners;                      // their process ids, ascending; nothing when they are not known
-    std::vector<std::string> warnings;  // something is wrong
-    std::string gap;                    // what could not be found out, and what helps; empty when all was
+    std::optional<std::vector<unsigned>> listeners;  // process ids, ascending; empty if unknown
+    std::vector<std::string> warnings;               // problems found
+    std::string gap;                                 // what is unknown, with advice; empty if nothing
 };
 
-// Of the network namespace of the server that answers.
+// Checks the port in the network namespace of the answering server.
 [[nodiscard]] PortCheck check_port(const Peer& answering);
 
-// The failure of a connection to the control socket. If nothing listens there and it is the server's own
-// path, it also says which process listens on the port all the same, and what brings its socket back.
+// Explains a failed connection to the control socket. If nothing listens there and it is the server's default
+// path, also says which process listens on the port anyway, and how to restore its socket.
 [[nodiscard]] Failure explain_no_connection(const std::string& socket_path, const Failure& failure);

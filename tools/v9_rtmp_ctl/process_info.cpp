@@ -16,7 +16,7 @@
 
 namespace {
 
-// Of /proc/PID/stat, counted from the field behind the name.
+// Indexes of fields in /proc/PID/stat, counted from the field after the name.
 constexpr std::size_t USER_TICKS = 11;
 constexpr std::size_t SYSTEM_TICKS = 12;
 constexpr std::size_t THREADS = 17;
@@ -44,10 +44,10 @@ bool read_process_stat(std::string_view stat, double boot_time_s, ProcessInfo& i
     std::istringstream words{std::string(stat.substr(end_of_name + 1))};
     std::string state;
     words >> state;
-    std::vector<std::uint64_t> fields(1);  // the state is no number
+    std::vector<std::uint64_t> fields(1);  // the state is not a number
     for (std::string word; fields.size() <= RESIDENT_PAGES && words >> word;) {
         std::uint64_t field = 0;
-        // Some that are of no interest here are negative.
+        // Some fields not used here are negative.
         fields.push_back(parse_number(word, field) ? field : 0);
     }
     if (fields.size() <= RESIDENT_PAGES) {

@@ -1,4 +1,4 @@
-// What /proc tells of the server's process. What this user may not read is absent.
+// The server's process as seen in /proc. Values that this user may not read are absent.
 #pragma once
 
 #include <sys/types.h>
@@ -13,13 +13,13 @@ struct ProcessInfo {
     std::optional<std::uint64_t> threads;
     std::optional<std::uint64_t> virtual_bytes;
     std::optional<std::uint64_t> resident_bytes;
-    std::optional<std::uint64_t> open_descriptors;  // needs the right to look at them
-    std::optional<std::uint64_t> max_descriptors;   // absent too where there is no limit
+    std::optional<std::uint64_t> open_descriptors;  // needs permission to read them
+    std::optional<std::uint64_t> max_descriptors;   // also absent if unlimited
 };
 
-// Reads "/proc/PID/stat", whose second field may hold blanks and parentheses. boot_time_s is when the machine
-// started, since the epoch. False when the text is something else; info is unchanged then.
+// Reads the text of /proc/PID/stat, whose second field may contain blanks and parentheses. boot_time_s is the
+// machine's boot time since the epoch. On invalid text returns false and leaves info unchanged.
 [[nodiscard]] bool read_process_stat(std::string_view stat, double boot_time_s, ProcessInfo& info);
 
-// Of a process that runs. Everything is absent where the process is out of view.
+// For a running process. All values are absent if this process cannot see it.
 [[nodiscard]] ProcessInfo find_process_info(pid_t pid);

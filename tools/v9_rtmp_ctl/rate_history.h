@@ -1,4 +1,4 @@
-// The rates of each stream over the last minutes, for plots. Pure.
+// The rates of each stream in recent minutes, for plots. Pure.
 #pragma once
 
 #include <cstddef>
@@ -19,13 +19,13 @@ class RateHistory {
     static constexpr std::uint64_t STEP_US = 5000000;
     static constexpr std::size_t MAX_POINTS = 60;
 
-    // Adds a point to every stream once a step is over. Streams that the history does not know any more, and
-    // those that have carried nothing since the oldest point, are forgotten.
+    // Adds a point to every stream at the end of each step. Forgets streams that the history no longer has,
+    // and those that have carried nothing since the oldest point.
     void take_in(const ConnectionHistory& history);
 
-    // By stream name, the oldest point first.
+    // By stream name, oldest point first.
     [[nodiscard]] const std::map<std::string, std::deque<RatePoint>>& streams() const { return points; }
-    // Of all streams together.
+    // The sum of all streams.
     [[nodiscard]] const std::deque<RatePoint>& total() const { return sum; }
 
   private:

@@ -29,7 +29,7 @@ constexpr int RTMP_VERSION = 3;
 
 enum MessageType : std::uint8_t { VIDEO = 9, COMMAND = 20 };
 
-// Ends a probe; its text is what the user is told.
+// Ends a probe; its text is reported to the user.
 struct ProbeFailure : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
@@ -64,7 +64,7 @@ Bytes amf_string(std::string_view text) {
 
 const Bytes AMF_NULL(1, '\x05');
 
-// A message of one chunk or more.
+// Returns a message split into chunks.
 Bytes chunked(MessageType type, std::uint32_t stream_id, std::uint32_t timestamp, const Bytes& payload) {
     constexpr char CHUNK_STREAM = 3;
     constexpr char CONTINUATION = '\xC3';
@@ -115,7 +115,7 @@ class Client {
 
     void create_stream() {
         send(chunked(COMMAND, 0, 0, amf_string("createStream") + amf_number(2) + AMF_NULL));
-        // "_result", the transaction's number, null, the stream's number.
+        // The reply is "_result", the transaction id, null, the stream id.
         const Bytes result = wait_for_command("_result");
         constexpr std::size_t NUMBER_AT = 10 + 9 + 1 + 1;
         if (result.size() < NUMBER_AT + 8) {
@@ -139,7 +139,7 @@ class Client {
     Message read_message() {
         const Bytes first = receive(1);
         constexpr unsigned CHUNK_STREAM_BITS = 0x3F;
-        // Numbers from 64 on have further bytes.
+        // Ids from 64 on take more bytes.
         const unsigned chunk_stream = static_cast<unsigned char>(first[0]) & CHUNK_STREAM_BITS;
         static_cast<void>(receive(chunk_stream == 0 ? 1 : chunk_stream == 1 ? 2 : 0));
         if (static_cast<unsigned char>(first[0]) > CHUNK_STREAM_BITS) {
@@ -161,7 +161,7 @@ class Client {
         return message;
     }
 
-    // Whether something can be read before a moment.
+    // Whether input arrives before moment_us.
     [[nodiscard]] bool wait_readable(std::uint64_t moment_us) const {
         return wait_for(POLLIN, std::min(moment_us, deadline_us));
     }
@@ -193,7 +193,7 @@ class Client {
         throw ProbeFailure(std::string("it takes no connection (") + std::strerror(reason) + ")");
     }
 
-    // Returns an errno; 0 once connected.
+    // Returns an errno, or 0 once connected.
     int connect_socket(int socket_fd, const addrinfo& address) const {
         if (socket_fd < 0) {
             return errno;
@@ -253,7 +253,7 @@ class Client {
         return taken;
     }
 
-    // The payload of the next command of this name.
+    // Returns the payload of the next command of this name.
     Bytes wait_for_command(std::string_view name) {
         const Bytes beginning = amf_string(name);
         for (;;) {
@@ -301,7 +301,7 @@ ProbeResult probe_handshake(const RtmpAddress& address, std::uint64_t max_us) {
 
 ProbeResult probe_stream(const RtmpAddress& address, const std::string& stream, std::uint64_t max_us) {
     constexpr std::uint64_t STEP_US = 40000;
-    // An H.264 frame that no decoder will like.
+    // An H.264 frame that is not decodable.
     const Bytes frame = Bytes("\x27\x01\0\0\0", 5) + stream;
     return run_probe([&] {
         const std::uint64_t deadline_us = clock_us() + max_us;

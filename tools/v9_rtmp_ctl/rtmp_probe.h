@@ -1,5 +1,5 @@
-// A small RTMP client that finds out whether the server relays: a handshake, or a short stream from a
-// publisher to a player of its own. It speaks as much of RTMP as that needs.
+// A small RTMP client that checks whether the server relays, with a handshake only or with a short stream
+// from its own publisher to its own player. It implements just enough RTMP for that.
 #pragma once
 
 #include <cstdint>
@@ -7,11 +7,11 @@
 #include <string>
 
 struct ProbeResult {
-    std::optional<std::string> problem;  // nothing when all went well
+    std::optional<std::string> problem;  // empty on success
     std::uint64_t took_us = 0;
 };
 
-// Host and port of "HOST:PORT"; nothing when it is not of this form.
+// The host and port of "HOST:PORT". Empty if the text does not have this form.
 struct RtmpAddress {
     std::string host;
     std::string port;
@@ -20,6 +20,6 @@ struct RtmpAddress {
 
 [[nodiscard]] ProbeResult probe_handshake(const RtmpAddress& address, std::uint64_t max_us);
 
-// Publishes a stream of this name and plays it until a message has come through.
+// Publishes a stream of this name and plays it until a message arrives.
 [[nodiscard]] ProbeResult probe_stream(const RtmpAddress& address, const std::string& stream,
                                        std::uint64_t max_us);

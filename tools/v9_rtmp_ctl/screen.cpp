@@ -16,12 +16,12 @@
 
 namespace {
 
-// Alternate screen, no cursor, no wrapping of a line that is as wide as the screen.
+// Alternate screen, no cursor, no wrapping of lines as wide as the screen.
 constexpr std::string_view TAKE = "\x1b[?1049h\x1b[?25l\x1b[?7l\x1b[2J";
 constexpr std::string_view GIVE_BACK = "\x1b[0m\x1b[?7h\x1b[?25h\x1b[?1049l";
 
-// All that would end or stop the process with the terminal taken, but for what cannot be held and for those
-// of a crash, which leave a core to look at.
+// Returns the signals that would end or stop the process while it has the terminal. Without those that cannot
+// be blocked, and those of a crash, which should leave a core dump.
 sigset_t signals_to_tell() {
     sigset_t set;
     sigemptyset(&set);
@@ -42,8 +42,8 @@ bool can_fill_a_screen() {
            std::string_view(term) != "dumb";
 }
 
-// The system stops a background process that asks for this, with SIGTTOU, until it is brought to the
-// foreground. False when there is nobody who could do that, or no terminal.
+// If this is a background process, the system stops it with SIGTTOU until it is brought to the foreground.
+// False if no shell can do that, or if there is no terminal.
 bool wait_for_foreground() {
     int result = 0;
     do {
@@ -57,8 +57,8 @@ unsigned device_of(int fd) {
     return ioctl(fd, TIOCGDEV, &device) == 0 ? device : 0;
 }
 
-// Standard output once more, so that not to block concerns this process alone: the shell shares the other
-// description. Blocks where the terminal cannot be opened again.
+// Opens the terminal of standard output again, so that O_NONBLOCK affects this process only: the shell shares
+// the original description. If the terminal cannot be opened again, the result blocks.
 int open_output() {
     for (const char* const path : {"/dev/tty", "/proc/self/fd/1"}) {
         const int fd = open(path, O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
@@ -72,7 +72,7 @@ int open_output() {
     return fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0);
 }
 
-// Takes off what the terminal took. False when it is gone.
+// Writes bytes and removes those the terminal took. False if the terminal is gone.
 bool write_some(int fd, std::string_view& bytes) {
     const ssize_t n = ::write(fd, bytes.data(), bytes.size());
     if (n < 0) {
@@ -86,7 +86,7 @@ bool write_some(int fd, std::string_view& bytes) {
 
 std::unique_ptr<Screen> Screen::open() {
     termios usual{};
-    // In the background the modes are those of whoever has the terminal.
+    // In the background, the modes are those of the job that has the terminal.
     if (!can_fill_a_screen() || !wait_for_foreground() || tcgetattr(STDIN_FILENO, &usual) != 0) {
         return nullptr;
     }
@@ -112,7 +112,7 @@ Screen::Screen(int signal_descriptor, int output_descriptor, const termios& usua
 
 Screen::~Screen() {
     give_back();
-    // What was told is not left to end the process once more, behind the caller's back.
+    // Discard pending signals, so they do not end the process when unblocked.
     static_cast<void>(read_signals());
     close(signals);
     close(output);
@@ -129,12 +129,12 @@ bool Screen::take() {
     return is_taken && write(TAKE);
 }
 
-// SIGTTOU is held, so it works in the background too.
+// SIGTTOU is blocked, so this also works in the background.
 void Screen::give_back() {
     if (!is_taken) {
         return;
     }
-    // What the terminal has not taken by now stands in the way of what restores it.
+    // Output still pending would block the bytes that restore the terminal.
     if (!write_in_time(GIVE_BACK)) {
         tcflush(output, TCOFLUSH);
         static_cast<void>(write_in_time(GIVE_BACK));
@@ -175,7 +175,7 @@ SignalEvents Screen::read_signals() const {
 
 bool Screen::read_keys(std::string& bytes) {
     std::array<char, 256> typed{};
-    // Only called when there is something to read, and then nothing read means that the terminal hung up.
+    // This is called only when input is ready, so 0 bytes mean that the terminal hung up.
     const ssize_t n = read(STDIN_FILENO, typed.data(), typed.size());
     if (n > 0) {
         bytes.append(typed.data(), static_cast<std::size_t>(n));
@@ -210,7 +210,7 @@ bool Screen::write_in_time(std::string_view bytes) const {
 
 bool Screen::suspend() {
     give_back();
-    // There is nothing to give back meanwhile, so signals may do what they usually do.
+    // The terminal has been given back, so signals may have their usual effect.
     sigset_t told;
     pthread_sigmask(SIG_SETMASK, &usual_mask, &told);
     kill(getpid(), SIGSTOP);

@@ -37,7 +37,7 @@ bool is_pattern(std::string_view text) {
     return text.find_first_of("*?") != std::string_view::npos;
 }
 
-// Takes time in proportion to both lengths multiplied: only the last star is ever tried again.
+// Takes time proportional to the product of both lengths: only the last star is retried.
 bool matches_name(std::string_view pattern, std::string_view name) {
     if (!is_pattern(pattern)) {
         return pattern == name;
@@ -45,7 +45,7 @@ bool matches_name(std::string_view pattern, std::string_view name) {
     std::size_t p = 0;
     std::size_t n = 0;
     std::size_t star = std::string_view::npos;
-    std::size_t star_end = 0;  // of what the last star matches
+    std::size_t star_end = 0;  // end of what the last star matches
     while (n < name.size()) {
         if (p < pattern.size() && pattern[p] == '*') {
             star = p++;

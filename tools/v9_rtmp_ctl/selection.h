@@ -1,4 +1,4 @@
-// Which connections a command concerns: picked by stream name, by address and by mode. Pure.
+// Selects the connections a command applies to, by stream name, address and mode. Pure.
 #pragma once
 
 #include <cstdint>
@@ -9,15 +9,15 @@
 
 #include "tools/v9_rtmp_ctl/connections.h"
 
-// Whether a name pattern has '*' (any bytes, also none) or '?' (any one byte) in it. No stream name that the
-// server accepts has one.
+// Whether the text is a pattern: it contains '*' (any bytes, or none) or '?' (any one byte). The server
+// accepts no stream name that contains one.
 [[nodiscard]] bool is_pattern(std::string_view text);
 
-// A pattern matches names; every other text matches itself alone. The empty name, which stands for no stream,
-// is matched by no pattern.
+// A pattern matches names; any other text matches only itself. No pattern matches the empty name, which means
+// no stream.
 [[nodiscard]] bool matches_name(std::string_view pattern, std::string_view name);
 
-// An address, with or without a port, or a prefix such as 203.0.113.0/24.
+// An address with or without a port, or a prefix such as 203.0.113.0/24.
 struct AddressRange {
     std::uint32_t network = 0;
     std::uint32_t mask = 0;
@@ -28,10 +28,10 @@ struct AddressRange {
 
 [[nodiscard]] std::optional<AddressRange> parse_address_range(std::string_view text);
 
-// Whether an address of the listing, "203.0.113.7:50000", lies in the range.
+// Whether the range contains an address of the listing, such as "203.0.113.7:50000".
 [[nodiscard]] bool matches_address(const AddressRange& range, std::string_view address);
 
-// Of each kind that is given, one has to match.
+// A connection matches if it matches one entry of each kind given.
 struct Selection {
     std::vector<std::string> streams;  // names or patterns
     std::vector<AddressRange> addresses;
@@ -42,5 +42,5 @@ struct Selection {
 
 [[nodiscard]] bool matches(const Selection& selection, const Connection& connection);
 
-// Removes what the selection does not match.
+// Removes the connections that do not match the selection.
 void pick(const Selection& selection, std::vector<Connection>& connections);

@@ -50,7 +50,7 @@ std::optional<std::string> read_file(const std::string& path) {
 
 bool replace_file(const std::string& path, const std::string& text) {
     const std::string temporary = path + ".new";
-    // A file of that name that another program left or still writes is not written into.
+    // Do not write into a file of that name that another program left or is still writing.
     unlink(temporary.c_str());
     const int fd = open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, FILE_MODE);
     if (fd < 0) {

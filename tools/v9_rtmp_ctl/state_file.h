@@ -1,18 +1,18 @@
-// Small files that a program leaves for itself or for others: read whole, replaced whole.
+// Small state files, read whole and replaced whole.
 #pragma once
 
 #include <optional>
 #include <string>
 
-// Nothing when the file cannot be read, or is larger than 64 MiB; errno says why.
+// Empty if the file cannot be read or is larger than 64 MiB; errno says why.
 [[nodiscard]] std::optional<std::string> read_file(const std::string& path);
 
-// Writes a temporary file beside it and renames that, so that a reader sees either the old text or the new
-// one. False, and the file is as it was, on a failure; errno says which.
+// Writes a temporary file beside it and renames that, so readers see either the old text or the new one. On
+// failure returns false, leaves the file unchanged and sets errno.
 [[nodiscard]] bool replace_file(const std::string& path, const std::string& text);
 
-// Holds a lock on a file, which is created if it is absent. Programs that write the same files use it to find
-// each other.
+// Holds a lock on a file, which is created if it is absent. Programs that write the same files use it to
+// detect each other.
 class FileLock {
   public:
     explicit FileLock(const std::string& path);
@@ -20,8 +20,8 @@ class FileLock {
     FileLock(const FileLock&) = delete;
     FileLock& operator=(const FileLock&) = delete;
 
-    // Another program, or another lock of this one, has it. Not if the file cannot be opened: then neither
-    // can what it protects be written.
+    // Another program, or another FileLock of this one, holds the lock. False if the file cannot be opened,
+    // since then the protected files cannot be written either.
     [[nodiscard]] bool is_held_elsewhere() const { return held_elsewhere; }
 
   private:
@@ -29,5 +29,5 @@ class FileLock {
     const bool held_elsewhere;
 };
 
-// What tells the boots of this machine apart; empty when the system does not say.
+// Returns an identifier of this boot of the machine. Empty if the system does not provide one.
 [[nodiscard]] std::string boot_id();

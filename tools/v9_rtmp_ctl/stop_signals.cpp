@@ -38,7 +38,7 @@ StopSignals::StopSignals() : fd(open_signals()) {
 }
 
 StopSignals::~StopSignals() {
-    // What was told is not left to end the process once more.
+    // Discard pending signals, so they do not end the process when unblocked.
     static_cast<void>(wait_until(0));
     close(fd);
     pthread_sigmask(SIG_SETMASK, &usual_mask, nullptr);

@@ -1,5 +1,5 @@
-// The signals that end a command which otherwise goes on: SIGINT, SIGTERM and SIGHUP. While one of these
-// exists, they are told here and do not end the process.
+// The signals that end a long-running command: SIGINT, SIGTERM and SIGHUP. While a StopSignals exists, it
+// reports them and they do not end the process.
 #pragma once
 
 #include <signal.h>
@@ -13,10 +13,10 @@ class StopSignals {
     StopSignals(const StopSignals&) = delete;
     StopSignals& operator=(const StopSignals&) = delete;
 
-    // Waits until a moment of clock_us(). True when a signal has come, also one that came before.
+    // Waits until a moment of clock_us(). True if a signal has arrived, during the wait or before.
     [[nodiscard]] bool wait_until(std::uint64_t moment_us);
 
-    // What was the mask of signals before; for programs that are started meanwhile.
+    // The previous signal mask, for child processes.
     [[nodiscard]] const sigset_t& mask_before() const { return usual_mask; }
 
   private:

@@ -5,10 +5,10 @@
 
 namespace {
 
-// What a player has to get of the bytes that a publisher has sent since both can be compared: chunks of 128
-// bytes have 0.8 percent more headers than large ones.
+// Part of a publisher's bytes, since both can be compared, that a player must receive. Chunks of 128 bytes
+// have 0.8 percent more headers than large ones.
 constexpr std::uint64_t KEEPS_UP_PERCENT = 97;
-// And of those that it has sent recently, some of which may still be on their way.
+// The same for bytes sent recently, some of which may still be in transit.
 constexpr std::uint64_t KEEPS_UP_RECENTLY_PERCENT = 95;
 constexpr std::uint64_t LIMITS_PER_RECENT_TIME = 3;
 
@@ -16,8 +16,8 @@ bool is_still(const ConnectionHistory& history, const ClientRecord& record) {
     return still_us(history, media_counter(record)) >= STILL_AFTER_US;
 }
 
-// How long ago the other one had got, or sent, what this one has got by now, both since they could be
-// compared; of the other's bytes so many percent count. Nothing while they cannot be compared.
+// Returns how long ago the other had transferred as much as this client has by now, both since they could be
+// compared. Only this percentage of the other's bytes counts. Empty while they cannot be compared.
 std::optional<std::uint64_t> find_lag_us(const ConnectionHistory& history, const ClientRecord& client,
                                          const ClientRecord& other, std::uint64_t percent) {
     const std::optional<std::uint64_t> own = gained_beside(client, other);
@@ -40,9 +40,9 @@ bool is_relayed_publisher(const ClientRecord& record) {
     return record.connection.mode == "publish" && record.is_relayed;
 }
 
-// Against the foremost player. 0 where the client keeps up with the publisher that is relayed, or with any if
-// it is not known which one that is, because the foremost may only have smaller chunks; also where there is
-// no other player to compare with.
+// Returns how far the client is behind the foremost player. 0 if it keeps up with the relayed publisher,
+// because the foremost may only have smaller chunks; if that is not known, with any publisher. Also 0 if
+// there is no other player to compare with.
 std::uint64_t behind_us(const ConnectionHistory& history, const ClientRecord& client) {
     std::uint64_t behind = 0;
     const bool relayed_is_known =

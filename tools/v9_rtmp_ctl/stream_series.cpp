@@ -11,7 +11,7 @@ std::uint64_t carried_bytes(const StreamTotals& totals) {
     return totals.bytes_received + totals.bytes_sent;
 }
 
-// A history that has forgotten a name begins anew with it.
+// A history that has forgotten a name starts again at 0.
 std::uint64_t growth(std::uint64_t before, std::uint64_t now) {
     return now >= before ? now - before : now;
 }

@@ -1,16 +1,16 @@
-// Which streams have metrics of their own. Pure.
+// Selects the streams that have their own metrics. Pure.
 //
-// Strangers choose stream names, and each name with metrics of its own is kept for weeks by the program that
-// collects them. So:
+// Stream names are untrusted, and the program that collects metrics keeps each name for weeks. So:
 //
-// 1. At most MAX_SERIES names have their own; all others together are OTHER_STREAMS.
-// 2. A name has to have carried MIN_BYTES first.
-// 3. Only a name that has a client gets its own. Where all are taken, a name gives way when its last client
-//    has been gone for KEEP_US, or to a name that has carried twice as much in all. A name that gave way to a
-//    larger one gets its own again only when it has carried twice as much as then. So strangers make at most
-//    MAX_SERIES new ones in KEEP_US for free, and each one beyond that costs twice the bytes of the smallest.
-// 4. No counter goes back: a name's own begins with 0 when it is given one, and what was counted as
-//    OTHER_STREAMS stays there.
+// 1. At most MAX_SERIES names have their own metrics; all others are counted together as OTHER_STREAMS.
+// 2. A name must first have carried MIN_BYTES.
+// 3. A name gets its own metrics only while it has a client. If all places are taken, a name gives way once
+//    its last client has been gone for KEEP_US, or to a name that has carried twice as much in total. A name
+//    that gave way to a larger one returns only after it has carried twice as much as it had then. So
+//    untrusted clients can add at most MAX_SERIES names per KEEP_US for free; each further one costs twice
+//    the bytes of the smallest.
+// 4. No counter decreases. A name's own counters begin at 0; bytes already counted as OTHER_STREAMS
+//    stay there.
 #pragma once
 
 #include <cstddef>
@@ -21,7 +21,7 @@
 
 #include "tools/v9_rtmp_ctl/connection_history.h"
 
-// No stream that the server accepts has this name.
+// The server accepts no stream with this name.
 constexpr const char* OTHER_STREAMS = "(other)";
 
 class StreamSeries {
@@ -30,8 +30,7 @@ class StreamSeries {
     static constexpr std::uint64_t MIN_BYTES = 65536;
     static constexpr std::uint64_t KEEP_US = 3600000000;
 
-    // What the streams have carried so far counts for rule 2 and 3, and in no counter. Optional,
-    // before take_in().
+    // Optional; call before take_in(). Then earlier bytes count for rules 2 and 3, but in no counter.
     void begin(const ConnectionHistory& history) { last = history.streams(); }
 
     void take_in(const ConnectionHistory& history);
@@ -45,12 +44,12 @@ class StreamSeries {
     [[nodiscard]] bool make_room(std::uint64_t bytes, std::uint64_t now_us);
 
     std::map<std::string, StreamTotals> series;
-    std::map<std::string, std::uint64_t> carried;   // of those listed: bytes in all, also before they were
-    std::map<std::string, std::uint64_t> gave_way;  // the same of those that gave way, at that moment
+    std::map<std::string, std::uint64_t> carried;   // by listed names: bytes since first seen
+    std::map<std::string, std::uint64_t> gave_way;  // by names that gave way: bytes at that moment
     StreamTotals rest;
-    std::map<std::string, StreamTotals> last;  // of the history, by name
+    std::map<std::string, StreamTotals> last;  // last totals of the history, by name
 };
 
-// What stands for a stream name in metrics: the name itself where it is printable UTF-8; every other byte is
-// shown as \xNN. Two names that come out the same share their metrics.
+// Returns the label of a stream name in metrics. Printable UTF-8 is kept; every other byte becomes \xNN.
+// Names with the same label share their metrics.
 [[nodiscard]] std::string stream_label(std::string_view name);

@@ -20,11 +20,11 @@ const Connection* choose_publisher(const std::vector<const Connection*>& candida
                                    const std::vector<StreamSummary>& previous) {
     const auto is_less_likely = [&previous](const Connection* a, const Connection* b) {
         const auto likelihood = [&previous](const Connection& c) {
-            // No rate at all is below a rate of 0.
+            // An unknown rate sorts below a rate of 0.
             return std::tuple(c.size.has_value(), c.received_rate.value_or(-1), was_chosen(c, previous),
                               c.bytes_received.value_or(0));
         };
-        // Of two that are equal, the one with the lower id counts as likelier.
+        // Of two equal ones, the lower id is likelier.
         return std::tuple(likelihood(*a), b->id) < std::tuple(likelihood(*b), a->id);
     };
     const auto likeliest = std::max_element(candidates.begin(), candidates.end(), is_less_likely);

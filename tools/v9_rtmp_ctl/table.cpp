@@ -11,7 +11,7 @@ constexpr std::size_t GAP_COLUMNS = 2;
 
 constexpr std::size_t LEFT_OUT = std::numeric_limits<std::size_t>::max();
 
-// Of each column; LEFT_OUT for one that is not shown.
+// The width of each column; LEFT_OUT if the column is not shown.
 using Widths = std::vector<std::size_t>;
 
 Widths natural_widths(const Table& table, bool with_titles) {
@@ -46,7 +46,7 @@ std::size_t comfortable_width(const Table& table, const Widths& widths) {
     });
 }
 
-// Leaves out the columns that have a rank but no room.
+// Omits columns that have a rank but no room.
 void leave_out_by_rank(const Table& table, std::size_t width, Widths& widths) {
     unsigned highest = 0;
     for (const Column& column : table.columns) {
@@ -70,7 +70,7 @@ void leave_out_by_rank(const Table& table, std::size_t width, Widths& widths) {
     widths = shown;
 }
 
-// The widest column that may still give up a place; null when there is none.
+// Returns the widest column that may still shrink. Null if there is none.
 std::size_t* widest_to_cut(const Table& table, Widths& widths) {
     std::size_t* widest = nullptr;
     for (std::size_t i = 0; i < widths.size(); ++i) {
@@ -86,7 +86,7 @@ std::size_t* widest_to_cut(const Table& table, Widths& widths) {
 void shrink_to(const Table& table, std::size_t width, Widths& widths) {
     for (std::size_t i = 0; i < widths.size(); ++i) {
         if (table.columns[i].min_width != 0 && widths[i] != LEFT_OUT) {
-            // A name of a megabyte is brought near the width at once.
+            // Shrink a name of a megabyte near the width in one step.
             widths[i] = std::min(widths[i], std::max(width, table.columns[i].min_width));
         }
     }

@@ -14,7 +14,7 @@ std::string or_dash(std::string text) {
     return text.empty() ? "-" : std::move(text);
 }
 
-// Names may be megabytes long. What does not fit into a line need not be escaped.
+// Names may be megabytes long. The part that does not fit into a line is not escaped.
 std::string name_text(const std::string& name, const TableStyle& style) {
     const std::size_t length = style.width ? *style.width + 1 : std::numeric_limits<std::size_t>::max();
     return or_dash(escape_untrusted(std::string_view(name).substr(0, length)));
@@ -28,7 +28,7 @@ std::string publisher_text(const StreamSummary& summary, bool with_address) {
            (with_address ? " " + escape_untrusted(summary.publisher_address) : "");
 }
 
-// The columns that every table of connections begins with.
+// Returns a table with the first columns of every table of connections.
 Table begin_connection_table() {
     Table table;
     table.columns = {{"ID", Align::RIGHT, 0},

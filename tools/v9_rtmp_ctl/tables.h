@@ -1,4 +1,4 @@
-// The tables that people see: connections and streams. Pure.
+// The tables of connections and streams in text output. Pure.
 #pragma once
 
 #include <cstddef>
@@ -11,26 +11,25 @@
 #include "tools/v9_rtmp_ctl/text.h"
 
 struct TableStyle {
-    std::optional<std::size_t> width;  // that the table is to be laid out for; names may be cut to it
+    std::optional<std::size_t> width;  // available width; names may be cut to it
     RateUnit unit = RateUnit::BYTES;
 };
 
-// Which columns stay longest beside the rates when room is short.
+// The columns, besides the rates, that are kept longest when room is short.
 enum class Keep { ADDRESSES, TOTALS };
 
-// Totals since each connection began.
+// Shows totals since each connection began.
 [[nodiscard]] Table connection_table(const std::vector<const Connection*>& connections,
                                      const TableStyle& style);
 
-// Rates beside picture size and totals.
+// Shows rates, picture size and totals.
 [[nodiscard]] Table connection_rate_table(const std::vector<const Connection*>& connections,
                                           const TableStyle& style, Keep keep);
 
-// The publisher's address is left out where the width has no room for it. A publisher that is a guess has
-// a '?'.
+// The publisher's address is omitted if there is no room for it. A guessed publisher is marked with '?'.
 [[nodiscard]] Table stream_table(const std::vector<const StreamSummary*>& streams, const TableStyle& style);
 
-// To all of them.
+// Returns pointers to all items.
 template <typename Item>
 [[nodiscard]] std::vector<const Item*> pointers_to(const std::vector<Item>& items) {
     std::vector<const Item*> pointers;

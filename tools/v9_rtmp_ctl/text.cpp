@@ -7,8 +7,8 @@
 
 namespace {
 
-// Names of a unit and its multiples, each step times the one before. Whole units are shown without a
-// decimal place.
+// The names of a unit and its multiples, each step times the previous one. Whole units are shown
+// without decimals.
 struct Scale {
     std::array<const char*, 7> names;
     double step;
@@ -17,7 +17,7 @@ constexpr Scale BYTE_SCALE{{"B", "KiB", "MiB", "GiB", "TiB", "PiB", "EiB"}, 1024
 constexpr Scale BIT_SCALE{{"bit", "kbit", "Mbit", "Gbit", "Tbit", "Pbit", "Ebit"}, 1000};
 
 std::string scaled(double value, const Scale& scale, const char* suffix) {
-    // From the step on, less what rounds up to it.
+    // Values that round up to the step use the next unit.
     constexpr double WHOLE = 0.5;
     constexpr double ONE_PLACE = 0.05;
     std::size_t idx = 0;
@@ -31,7 +31,7 @@ std::string scaled(double value, const Scale& scale, const char* suffix) {
     return {text.data(), static_cast<std::size_t>(length)};
 }
 
-// The code point that text begins with, and the number of its bytes; 0 bytes where it is not UTF-8.
+// The code point at the start of the text, and its length in bytes; 0 if it is not UTF-8.
 struct CodePoint {
     std::uint32_t value = 0;
     std::size_t length = 0;

@@ -1,4 +1,4 @@
-// Text for people: strangers' bytes made harmless, columns cut and filled, sizes and rates with units. Pure.
+// Text output: untrusted bytes escaped, columns cut and padded, sizes and rates with units. Pure.
 #pragma once
 
 #include <cstddef>
@@ -7,27 +7,27 @@
 #include <string>
 #include <string_view>
 
-// Names and addresses come from strangers: every byte outside 0x20 to 0x7E becomes \xNN. What comes out has
-// one column per byte and cannot steer a terminal or end a line.
+// Names and addresses are untrusted, so every byte outside 0x20 to 0x7E becomes \xNN. The result has one
+// column per byte and cannot control a terminal or end a line.
 [[nodiscard]] std::string escape_untrusted(std::string_view text);
 
-// The bytes of the character that text begins with, where it is UTF-8 and can be seen; 0 for a control, for
-// what changes the direction of the text around it or has no width, for a byte that is not UTF-8, and for an
-// empty text.
+// Returns the length in bytes of the visible UTF-8 character at the start of text. Returns 0 for a control
+// character, one that changes text direction or has no width, a byte that is not UTF-8, and an empty text.
 [[nodiscard]] std::size_t printable_utf8_length(std::string_view text);
 
-// At most width columns; a text that was cut ends with '~'.
+// Returns at most width columns; a cut text ends with '~'.
 [[nodiscard]] std::string cut_text(std::string_view text, std::size_t width);
 
-// "0 B", "1023 B", "1.0 KiB", "12.3 MiB"; "-" when the value is not known.
+// "0 B", "1023 B", "1.0 KiB", "12.3 MiB"; "-" if unknown.
 [[nodiscard]] std::string format_bytes(std::optional<std::uint64_t> bytes);
 
-// What rates are counted in. Totals are bytes always.
+// The unit of rates. Totals are always bytes.
 enum class RateUnit { BYTES, BITS };
 
-// "12.3 MiB/s", or "103.2 Mbit/s" in units of 1000, as encoders are set. Negative and unknown rates are "-".
+// "12.3 MiB/s", or "103.2 Mbit/s" with steps of 1000, as in encoder settings. "-" for negative and
+// unknown rates.
 [[nodiscard]] std::string format_rate(std::optional<double> bytes_per_second,
                                       RateUnit unit = RateUnit::BYTES);
 
-// The rate in that unit, for scripts.
+// Returns the rate in that unit, for scripts.
 [[nodiscard]] double in_unit(double bytes_per_second, RateUnit unit);

@@ -1,4 +1,4 @@
-// Times are microseconds, except where a person or another program reads them.
+// Times are in microseconds, except in output for people and other programs.
 #pragma once
 
 #include <cstdint>

@@ -1,4 +1,4 @@
-// A server that does not answer, as a command that goes on reports it: once, and again when it answers.
+// Reports in a long-running command that the server does not answer: once, and again when it answers.
 #pragma once
 
 #include <string>
@@ -7,10 +7,10 @@
 
 class Trouble {
   public:
-    // Quiet: that the server answers again is not told.
+    // A quiet one does not report that the server answers again.
     explicit Trouble(bool is_quiet) : quiet(is_quiet) {}
 
-    // Reports it unless it was the last one that was told.
+    // Reports the failure unless it was the last one reported.
     void tell(const Failure& failure);
     void tell_end();
 

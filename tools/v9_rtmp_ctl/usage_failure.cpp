@@ -12,7 +12,7 @@ namespace {
 constexpr std::size_t MAX_MISTAKES = 2;
 constexpr std::size_t MAX_QUOTED_BYTES = 64;
 
-// Letters to insert, to leave out or to replace, and neighbors to exchange, until one is the other.
+// Returns the edit distance: letters inserted, deleted or replaced, and neighbors swapped.
 std::size_t count_mistakes(std::string_view a, std::string_view b) {
     std::vector<std::size_t> before_last(b.size() + 1);
     std::vector<std::size_t> last(b.size() + 1);
@@ -35,7 +35,7 @@ std::string quoted(const std::string& word) {
     return "'" + cut_text(escape_untrusted(word.substr(0, MAX_QUOTED_BYTES + 1)), MAX_QUOTED_BYTES) + "'";
 }
 
-// A sentence that begins behind another; empty when no word is near.
+// Returns a sentence to append to another. Empty if no word is close.
 std::string suggestion(const std::string& word, const std::vector<std::string>& known) {
     const std::string nearest = find_nearest(word, known);
     return nearest.empty() ? "" : " Did you mean '" + nearest + "'?";
@@ -51,7 +51,7 @@ std::string find_nearest(std::string_view word, const std::vector<std::string>& 
             continue;
         }
         const std::size_t mistakes = count_mistakes(word, candidate);
-        // Of a short word, two mistakes leave nothing.
+        // In a short word, two mistakes leave nothing in common.
         if (mistakes < fewest && 2 * mistakes < std::max(word.size(), candidate.size())) {
             fewest = mistakes;
             nearest = candidate;

@@ -1,4 +1,5 @@
-// What is wrong with a command line, and what to type instead. Pure. Every failure here is ExitCode::USAGE.
+// Explains what is wrong with a command line and what to type instead. Pure. Every failure
+// is ExitCode::USAGE.
 #pragma once
 
 #include <string>
@@ -7,21 +8,21 @@
 
 #include "tools/v9_rtmp_ctl/failure.h"
 
-// The reason, and where help about the command is. command: "drop id", or empty for the tool.
+// Gives the reason and where to find help. command is, for example, "drop id", or empty for the tool.
 [[nodiscard]] Failure usage_failure(const std::string& reason, const std::string& command);
 
-// No command at all: an overview.
+// For no command at all: an overview.
 [[nodiscard]] Failure nothing_to_do();
 
-// "drop" alone.
+// For "drop" alone.
 [[nodiscard]] Failure nothing_to_drop();
 
-// parent: "drop", or empty.
+// parent is "drop" or empty.
 [[nodiscard]] Failure unknown_command(const std::string& parent, const std::string& word,
                                       const std::vector<std::string>& known);
 [[nodiscard]] Failure unknown_option(const std::string& command, const std::string& word,
                                      const std::vector<std::string>& known);
 [[nodiscard]] Failure too_many_words(const std::string& command, const std::vector<std::string>& words);
 
-// The known word that is most likely meant; empty when none is near.
+// Returns the known word most likely meant; empty if none is close.
 [[nodiscard]] std::string find_nearest(std::string_view word, const std::vector<std::string>& known);

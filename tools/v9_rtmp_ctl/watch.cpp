@@ -27,10 +27,10 @@
 
 namespace {
 
-// How long it may take to find out that the socket cannot be used.
+// Time limit for finding out that the socket cannot be used.
 constexpr std::uint64_t MAX_PROBE_US = 1000000;
 
-// False when it is time to leave.
+// False if watch should end.
 bool handle_keys(WatchModel& model, WatchObserver& observer) {
     std::string typed;
     if (!Screen::read_keys(typed)) {
@@ -50,7 +50,7 @@ bool handle_keys(WatchModel& model, WatchObserver& observer) {
     return true;
 }
 
-// False when the terminal is gone.
+// False if the terminal is gone.
 bool paint(WatchModel& model, const Screen& screen, bool color) {
     const ScreenSize size = find_screen_size();
     settle(model, size);
@@ -80,11 +80,11 @@ void watch_on_screen(const Settings& settings, const WatchOptions& options, Watc
                 return;
             }
             is_stale = true;
-            continue;  // What was typed before was for the shell.
+            continue;  // Earlier input was meant for the shell.
         }
-        // A new size is found when the next frame is made.
+        // Making the next frame finds the new size.
         is_stale |= events.resize;
-        // The reply goes first: a key may end the wait for it.
+        // Handle the reply first: a key may end the wait for it.
         if (waited[2].revents != 0) {
             is_stale |= observer.take_replies(model, clock_us());
         }
@@ -113,7 +113,7 @@ void print_frame(const Settings& settings, const WatchModel& model) {
     std::cout << '\n';
 }
 
-// Until the process is ended or the output takes nothing any more.
+// Runs until a signal ends the process or the output cannot be written.
 void watch_in_frames(const Settings& settings, const WatchOptions& options, WatchModel& model) {
     ControlClient client(settings.socket_path, settings.timeout_us());
     const std::chrono::microseconds every(static_cast<std::int64_t>(options.interval_seconds * 1e6));
@@ -135,7 +135,7 @@ void watch_in_frames(const Settings& settings, const WatchOptions& options, Watc
 }  // namespace
 
 ExitCode run_watch(const Settings& settings, const WatchOptions& options) {
-    // A server that is not running is waited for; a permission that is missing stays missing.
+    // Wait for a server that is not running, but not for a missing permission.
     ControlClient probe(settings.socket_path, std::min(settings.timeout_us(), MAX_PROBE_US));
     const std::optional<Failure> failure = probe.connect();
     if (failure && (failure->exit_code == ExitCode::PERMISSION || failure->exit_code == ExitCode::USAGE)) {

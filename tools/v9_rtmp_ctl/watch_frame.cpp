@@ -16,7 +16,7 @@ namespace {
 
 using Lines = std::vector<FrameLine>;
 
-// Titles and a line below them: less of a table says nothing.
+// The titles and one row: less is of no use.
 constexpr std::size_t MIN_TABLE_ROWS = 2;
 constexpr std::size_t HEAD_ROWS = 2;
 
@@ -25,7 +25,7 @@ void append_head(const WatchModel& model, std::size_t columns, Lines& lines) {
     lines.push_back({totals_text(model, columns), model.paused ? LineStyle::ALERT : LineStyle::PLAIN});
 }
 
-// A text of several lines, broken at blanks where it can be.
+// Returns the text in several lines, broken at blanks if possible.
 Lines wrapped(const std::string& text, std::size_t columns, LineStyle style) {
     Lines lines;
     std::string_view rest = text;
@@ -40,15 +40,15 @@ Lines wrapped(const std::string& text, std::size_t columns, LineStyle style) {
     return lines;
 }
 
-// How many of the rows from first on are shown in room lines below the titles; the last line says how many
-// more there are if there are more.
+// Returns how many rows from first on are shown in room lines below the titles. If more follow, the last line
+// says how many.
 std::size_t count_shown(std::size_t rows, std::size_t first, std::size_t room) {
     const std::size_t left = rows - first;
     return left <= room ? left : room - (room > 1 ? 1 : 0);
 }
 
-// The titles and those rows from the cursor's on that fit into room lines. Where a row is selected, every
-// line begins with a column for its mark.
+// Appends the titles and as many rows from the cursor's on as fit into room lines. If a row is selected,
+// every line begins with a column for its mark.
 void append_table(const Table& table, std::optional<std::size_t> columns, const TableCursor& cursor,
                   std::size_t room, Lines& lines) {
     if (room == 0) {
@@ -73,7 +73,7 @@ void append_table(const Table& table, std::optional<std::size_t> columns, const 
     }
 }
 
-// Rows of the frame that the table of the streams gets.
+// Returns the number of frame rows for the stream table.
 std::size_t stream_room(std::size_t streams, std::size_t connections, std::size_t room) {
     const std::size_t wanted = streams + 1;
     const std::size_t left_over =
@@ -82,7 +82,7 @@ std::size_t stream_room(std::size_t streams, std::size_t connections, std::size_
     return granted < MIN_TABLE_ROWS || room < 2 * MIN_TABLE_ROWS + 1 ? 0 : granted;
 }
 
-// How the rows between head and foot are shared out.
+// The rows between heading and foot.
 struct Rooms {
     std::size_t streams = 0;      // titles included; 0: no table
     std::size_t connections = 0;  // the same
@@ -108,7 +108,7 @@ std::size_t body_room(std::size_t rows) {
     return rows > OTHER_ROWS ? rows - OTHER_ROWS : 0;
 }
 
-// Scrolls so that the selected row is shown and the last page stays full.
+// Scrolls so that the selected row is shown and the last page is full.
 void settle_cursor(std::size_t rows, std::size_t room, TableCursor& cursor) {
     const std::size_t lines = room > 1 ? room - 1 : 1;
     cursor.page = lines > 2 ? lines - 1 : 1;
@@ -159,7 +159,7 @@ void append_body(const WatchModel& model, const ScreenSize& size, Lines& lines) 
     }
 }
 
-// A notice says at its end what to do next, and a question whom it means, so they get the rows that
+// A notice ends with what to do next, and a question names its connection, so both get as many rows as
 // they need.
 Lines foot_lines(const WatchModel& model, const ScreenSize& size) {
     const bool has_notice = model.mode == WatchMode::VIEW && !model.notice.empty();
@@ -237,7 +237,7 @@ std::vector<FrameLine> render_endless_frame(const WatchModel& model) {
     return lines;
 }
 
-// Each line is erased before it is written: after a full one the cursor still stands on its last character.
+// Each line is erased before it is written: after a full line the cursor is still on its last character.
 std::string paint_frame(const std::vector<FrameLine>& lines, bool color) {
     std::string bytes = "\x1b[H";
     for (std::size_t i = 0; i < lines.size(); ++i) {

@@ -1,4 +1,4 @@
-// One frame of watch as lines of text, made for a screen of a given size. Pure.
+// One frame of watch as lines of text, for a screen of a given size. Pure.
 #pragma once
 
 #include <string>
@@ -15,16 +15,16 @@ struct FrameLine {
 };
 
 // At most size.rows lines of at most size.columns. The last rows of the screen are the foot: the keys, a
-// question, or the result of the last drop. Where both tables are shown, streams get up to half of the room,
-// connections the rest; where some rows are left out, a line says how many more follow.
+// question, or the result of the last drop. If both tables are shown, streams get up to half of the room,
+// connections the rest. If rows are omitted, a line says how many more follow.
 [[nodiscard]] std::vector<FrameLine> render_frame(const WatchModel& model, const ScreenSize& size);
 
-// Scrolls the tables as render_frame shows them at this size: selected rows are on the screen, the last page
+// Scrolls the tables for render_frame at this size: selected rows are on the screen, and the last page
 // is full.
 void settle(WatchModel& model, const ScreenSize& size);
 
-// For an output that is no terminal: everything, without foot, and nothing cut.
+// For output that is not a terminal: all rows, without foot, and nothing cut.
 [[nodiscard]] std::vector<FrameLine> render_endless_frame(const WatchModel& model);
 
-// The bytes that paint the frame over whatever the screen shows.
+// Returns the bytes that paint the frame over the current screen.
 [[nodiscard]] std::string paint_frame(const std::vector<FrameLine>& lines, bool color);

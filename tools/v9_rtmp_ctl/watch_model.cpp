@@ -19,7 +19,7 @@ const Item* selected_item(const std::vector<const Item*>& shown, const TableCurs
     return cursor.selected && *cursor.selected < shown.size() ? shown[*cursor.selected] : nullptr;
 }
 
-// Moves the selection to the row that is the same; keeps its place when there is none.
+// Moves the selection to the same item's row; keeps its place if the item is gone.
 template <typename Item, typename IsSame>
 void select_again(const std::vector<const Item*>& shown, const IsSame& is_same, TableCursor& cursor) {
     const auto found = std::find_if(shown.begin(), shown.end(), is_same);
@@ -37,7 +37,7 @@ void arrange(WatchModel& model) {
     }
 }
 
-// Makes a change that moves rows; the selected ones are selected again behind it.
+// Makes a change that moves rows, then selects the same items again.
 template <typename Change>
 void keep_selection(WatchModel& model, const Change& change) {
     const Connection* const connection = selected_item(shown_connections(model), model.connection_cursor);

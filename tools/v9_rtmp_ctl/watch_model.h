@@ -1,4 +1,4 @@
-// What watch knows and shows, and what its keys do to it. No I/O.
+// The state of watch and the effect of its keys. No I/O.
 //
 //   VIEW --'/'--> FILTER --Enter, Esc--> VIEW
 //   VIEW --'?'--> HELP --any key--> VIEW
@@ -22,7 +22,7 @@
 enum class WatchMode { VIEW, FILTER, HELP, DROP_ID, DROP_CONFIRM };
 enum class WatchView { BOTH, STREAMS, CONNECTIONS };
 
-// Where the user is in a table. Rows count from 0, scrolled ones included.
+// The user's position in a table. Rows count from 0 and include those scrolled away.
 struct TableCursor {
     std::optional<std::size_t> selected;
     std::size_t scroll = 0;  // rows above the first one shown
@@ -32,10 +32,10 @@ struct TableCursor {
 struct WatchModel {
     // From the server.
     bool running = false;            // the last look was answered
-    std::optional<Failure> trouble;  // why it was not; nothing before the first look
+    std::optional<Failure> trouble;  // why it was not; empty before the first look
     Listing listing;                 // sorted; empty while not running
     std::vector<StreamSummary> streams;
-    std::string clock;  // time of day of the last look
+    std::string clock;  // wall-clock time of the last look
 
     // From the command line.
     Selection selection;
@@ -48,32 +48,32 @@ struct WatchModel {
     RateUnit unit = RateUnit::BYTES;
     Keep keep = Keep::ADDRESSES;
     bool paused = false;
-    std::string filter;         // shown is what contains it in its stream, mode or address
-    std::string filter_before;  // while a filter is typed: the one that Esc brings back
-    std::string input;          // of DROP_ID
+    std::string filter;         // shows rows with this text in stream, mode or address
+    std::string filter_before;  // while a filter is typed: the one Esc restores
+    std::string input;          // for DROP_ID
     TableCursor stream_cursor;
     TableCursor connection_cursor;
-    bool streams_have_keys = false;            // arrows select among the streams, not the connections
-    std::optional<Connection> drop_candidate;  // of DROP_CONFIRM: one connection
-    std::optional<std::string> drop_stream;    // or all of a stream
-    std::string notice;                        // the result of the last drop; until the next key
+    bool streams_have_keys = false;            // the arrow keys move in the streams, not the connections
+    std::optional<Connection> drop_candidate;  // for DROP_CONFIRM: one connection
+    std::optional<std::string> drop_stream;    // or all of one stream
+    std::string notice;                        // result of the last drop; shown until the next key
 };
 
 enum class WatchAction { NONE, QUIT, DROP };
 
-// What a key does. DROP: drop_candidate or drop_stream is to be dropped.
+// Handles a key. DROP: the caller drops drop_candidate or drop_stream.
 [[nodiscard]] WatchAction press_key(WatchModel& model, const Key& key);
 
-// A look that was answered. Rates are measured against the listing before. A selected row stays with its
-// client or stream, or where that has gone, with its place.
+// Takes in a listing. Rates are relative to the previous one. The selection follows its client or stream; if
+// that has gone, it keeps its place.
 void take_in(WatchModel& model, Listing listing);
 
-// A look that was not.
+// Takes in a failed look.
 void take_in(WatchModel& model, const Failure& failure);
 
-// Those that the selection and the filter let through. The pointers hold until the model changes.
+// Returns those that pass the selection and the filter. The pointers are valid until the model changes.
 [[nodiscard]] std::vector<const Connection*> shown_connections(const WatchModel& model);
 [[nodiscard]] std::vector<const StreamSummary*> shown_streams(const WatchModel& model);
 
-// Whether the arrows are for the streams.
+// Whether the arrow keys move in the streams.
 [[nodiscard]] bool keys_are_for_streams(const WatchModel& model);

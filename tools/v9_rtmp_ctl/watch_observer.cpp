@@ -13,7 +13,7 @@
 
 namespace {
 
-// Keys are not looked at while a connection is made or a request is sent.
+// Keys are not read while connecting or sending a request.
 constexpr std::uint64_t MAX_DEAF_US = 1000000;
 
 std::string time_of_day() {
@@ -108,7 +108,7 @@ void WatchObserver::begin_drop(WatchModel& model, std::uint64_t now_us) {
     if (task != Task::NONE && task != Task::LOOK) {
         model.notice = "The drop before is not answered yet. Try again in a moment.";
     } else {
-        client.disconnect();  // the look under way is lost; another follows the drop at once
+        client.disconnect();  // abandons the current look; another follows the drop at once
         candidate = model.drop_candidate;
         stream = model.drop_stream.value_or("");
         if (candidate) {
@@ -145,8 +145,7 @@ void WatchObserver::finish(WatchModel& model, std::uint64_t now_us) {
     replies.clear();
 }
 
-// A client that took the slot, or began something else, while the question waited is not the one that
-// was meant.
+// A client that took the slot or changed what it does while the question waited is not the intended one.
 void WatchObserver::finish_check(WatchModel& model, std::uint64_t now_us) {
     Listing listing;
     std::optional<Failure> failure = read_listing(replies.front(), listing);

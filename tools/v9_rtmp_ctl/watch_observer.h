@@ -1,10 +1,10 @@
-// Asks the server for watch, on time and without making the keys wait: looks, and drops that were confirmed.
+// Makes the requests of watch, looks and confirmed drops, on time and without delaying the keys.
 //
 //   [idle] --time for a look--> [LOOK] --listing--> [idle]
 //   [idle, LOOK] --begin_drop, of a connection--> [CHECK] --unchanged--> [DROP] --list, drop, list--> [idle]
 //   [idle, LOOK] --begin_drop, of a stream--> [DROP_STREAM] --count--> [idle]
 //
-// A failure leads to [idle] from everywhere. What came is in the model then.
+// A failure leads to [idle] from every state. The results are stored in the model.
 #pragma once
 
 #include <cstddef>
@@ -19,7 +19,7 @@
 #include "tools/v9_rtmp_ctl/failure.h"
 #include "tools/v9_rtmp_ctl/watch_model.h"
 
-// Takes a listing or its failure in, with the time of day.
+// Takes in a listing or its failure, with the wall-clock time.
 void take_in_answer(WatchModel& model, const Reply& reply, std::uint64_t now_us);
 void take_in_failure(WatchModel& model, const Failure& failure);
 
@@ -27,19 +27,19 @@ class WatchObserver {
   public:
     WatchObserver(const Settings& all_settings, const WatchOptions& options);
 
-    // Begins a look when one is due, and gives up an answer that is late. True when the model has changed.
+    // Begins a look when one is due, and gives up on a late answer. True if the model has changed.
     bool keep_time(WatchModel& model, std::uint64_t now_us);
 
-    // Takes what has come; called once fd() is readable. True when the model has changed.
+    // Takes the replies received; call when fd() is readable. True if the model has changed.
     bool take_replies(WatchModel& model, std::uint64_t now_us);
 
-    // Begins to drop the model's candidate or stream. The model's notice tells later what was dropped.
+    // Begins to drop the model's candidate or stream. The model's notice later says what was dropped.
     void begin_drop(WatchModel& model, std::uint64_t now_us);
 
-    // Readable when a reply may have come; -1 when none is awaited.
+    // Readable when a reply may have arrived; -1 if none is expected.
     [[nodiscard]] int fd() const { return task == Task::NONE ? -1 : client.fd(); }
 
-    // Until keep_time has something to do; -1 for never.
+    // Time until keep_time has something to do; -1: never.
     [[nodiscard]] int time_left_ms(const WatchModel& model, std::uint64_t now_us) const;
 
   private:
@@ -56,8 +56,8 @@ class WatchObserver {
     const std::uint64_t every_us;
     ControlClient client;
     Task task = Task::NONE;
-    std::uint64_t next_us = 0;          // of the next look
-    std::uint64_t silent_until_us = 0;  // the answer is late then, unless bytes come
+    std::uint64_t next_us = 0;          // time of the next look
+    std::uint64_t silent_until_us = 0;  // deadline of the answer, extended by each byte
     std::uint64_t give_up_us = 0;
     std::size_t awaited = 0;
     std::vector<Reply> replies;

@@ -12,7 +12,7 @@
 
 namespace {
 
-// The first that fits; the last when none does.
+// Returns the first text that fits, or else the last.
 std::string first_that_fits(const std::vector<std::string>& texts, std::size_t columns) {
     const auto found = std::find_if(texts.begin(), texts.end(),
                                     [columns](const std::string& text) { return text.size() <= columns; });

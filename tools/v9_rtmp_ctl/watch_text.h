@@ -1,4 +1,4 @@
-// The lines of watch around its tables: head, foot and help. Pure.
+// The lines of watch around its tables: heading, foot and help. Pure.
 #pragma once
 
 #include <cstddef>
@@ -10,12 +10,12 @@
 
 constexpr std::size_t ANY_WIDTH = std::numeric_limits<std::size_t>::max();
 
-// Two lines: what the server has, and the totals of what is shown. Of several lengths, those that fit
+// Two lines: what the server has, and the totals of what is shown, in the longest form that fits
 // into columns.
 [[nodiscard]] std::string heading_text(const WatchModel& model, std::size_t columns);
 [[nodiscard]] std::string totals_text(const WatchModel& model, std::size_t columns);
 
-// The keys that there is room for, or a question.
+// Lists as many keys as fit, or asks a question.
 [[nodiscard]] std::string foot_text(const WatchModel& model, std::size_t columns);
 
 [[nodiscard]] std::vector<std::string> help_texts();

@@ -30,9 +30,9 @@
 
 namespace {
 
-// How often the state is saved while nothing happens.
+// Interval for saving the state while nothing happens.
 constexpr std::uint64_t SAVE_EVERY_US = 10000000;
-// The server takes half a second to read a name of a megabyte. The other rules must not wait for all of them.
+// The server takes half a second to read a name of a megabyte. Other drops must not wait for all of them.
 constexpr std::ptrdiff_t LONG_NAMES_PER_LOOK = 4;
 constexpr mode_t DIRECTORY_MODE = 0755;
 
@@ -40,7 +40,7 @@ std::uint64_t microseconds(double seconds) {
     return static_cast<std::uint64_t>(seconds * 1e6);
 }
 
-// What is known beyond the end of a watchdog: first-seen times and counters. Only one watchdog writes to it.
+// The state that outlives a watchdog: first-seen times and counters. Only one watchdog writes to it.
 class StateDirectory {
   public:
     explicit StateDirectory(std::string directory) : path(std::move(directory)) {}
@@ -107,7 +107,7 @@ class Watchdog {
           state(all_options.state_directory),
           trouble(all_settings.quiet) {}
 
-    // A dry run saves nothing, so that it can run beside the watchdog of the service.
+    // A dry run saves nothing, so it can run alongside the service's watchdog.
     [[nodiscard]] std::optional<Failure> start() {
         if (!options.dry_run) {
             if (std::optional<Failure> failure = state.lock_for_writing()) {
@@ -118,7 +118,7 @@ class Watchdog {
         return std::nullopt;
     }
 
-    // One listing, and the drops that follow from it. A failure that no further look can mend is returned.
+    // Takes one listing and makes the drops it calls for. Returns a failure if further looks are pointless.
     [[nodiscard]] std::optional<Failure> look() {
         Listing listing;
         if (std::optional<Failure> failure = take_listing(client, "", listing, longest_name_bytes())) {
@@ -160,7 +160,7 @@ class Watchdog {
         state.save(history, statistics);
     }
 
-    // The last save: a signal ends it, and no alert has to come.
+    // Saves for the last time. A signal ended the watchdog, so no alert should follow.
     void stop() {
         statistics.running = false;
         save();
@@ -188,7 +188,7 @@ class Watchdog {
         }
     }
 
-    // The client stays, and is judged again with each look: it is told once for each rule.
+    // In a dry run the client stays and is judged again at each look, so it is reported once for each rule.
     void announce(const std::vector<Verdict>& verdicts) {
         std::vector<std::pair<Connection, DropRule>> now;
         for (const Verdict& verdict : verdicts) {
@@ -204,12 +204,12 @@ class Watchdog {
         announced = std::move(now);
     }
 
-    // Strangers choose names, and all of a listing can be longer than memory allows to copy.
+    // Names are untrusted, and those of a listing together can be too long to copy.
     [[nodiscard]] std::size_t longest_name_bytes() const {
         return std::max(ConnectionHistory::MAX_NAME_BYTES, options.limits.long_name_bytes.value_or(0));
     }
 
-    // Long names go first, so that the listings around the other drops lack them.
+    // Long names are dropped first, so that the listings around the other drops lack them.
     void drop(std::vector<Verdict> verdicts) {
         auto begin_of_whole = std::stable_partition(
             verdicts.begin(), verdicts.end(),
@@ -241,7 +241,7 @@ class Watchdog {
         }
     }
 
-    // The server may have carried out drops although no reply came. Those who have gone since are told; the
+    // The server may have carried out drops although no reply came. Reports clients that have gone since; the
     // others are judged again.
     void tell_unanswered() {
         for (const Verdict& verdict : std::exchange(unanswered, {})) {
@@ -290,10 +290,10 @@ class Watchdog {
     StateDirectory state;
     AgeDrops age_drops;
     std::vector<std::pair<Connection, DropRule>> announced;
-    std::vector<Verdict> unanswered;  // drops of the last look
+    std::vector<Verdict> unanswered;  // unanswered drops of the last look
     Trouble trouble;
     std::uint64_t saved_us = 0;
-    bool has_news = false;  // something was dropped since then
+    bool has_news = false;  // something was dropped since the last save
 };
 
 }  // namespace

@@ -1,4 +1,4 @@
-// The watchdog's lines on standard output: one for each client that it dropped, or meant to. Pure.
+// The watchdog's lines on standard output: one for each client it dropped or tried to drop. Pure.
 #pragma once
 
 #include <cstdint>
@@ -8,23 +8,23 @@
 #include "tools/v9_rtmp_ctl/watchdog_rules.h"
 
 enum class WatchdogAction {
-    WOULD_DROP,  // of a dry run
+    WOULD_DROP,  // in a dry run
     DROPPED,
     KEPT,    // the client had left, or the server refused
-    MISSED,  // another client was dropped, or it is not certain which
+    MISSED,  // another client was dropped, or it is uncertain which
 };
 
 struct WatchdogEvent {
     WatchdogAction action = WatchdogAction::DROPPED;
     Verdict verdict;
-    std::string message;  // why it was kept or missed
+    std::string message;  // why the client was kept or missed
 };
 
-// What a drop came to.
+// Returns the event for the outcome of a drop.
 [[nodiscard]] WatchdogEvent event_of(const Verdict& verdict, const DropOutcome& outcome);
 
 // "dropped 17, play of 'cam1' from 203.0.113.7:50000: stalled: it has taken nothing for 30 s while ..."
-// Without a stream name, only the id says whom a drop hits: such a line says so, with the misses so far.
+// Without a stream name, a drop is guarded by the id alone. Such a line says so and gives the misses so far.
 [[nodiscard]] std::string event_line(const WatchdogEvent& event, std::uint64_t misses);
 
 // {"unix_seconds":N,"action":"dropped","rule":"stalled","reason":"...","id":17,"stream":"cam1","mode":"play",

@@ -39,7 +39,7 @@ CLI::Validator bytes_or_off() {
         "");
 }
 
-// Of a file and the command line together, the last word counts.
+// If both the file and the command line give a value, the last one counts.
 CLI::Option& add_limit(CLI::App& command, const std::string& name, std::string& text,
                        const std::string& default_text, const std::string& help) {
     return *command.add_option(name, text, help)

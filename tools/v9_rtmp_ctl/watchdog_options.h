@@ -1,4 +1,4 @@
-// The options of the watchdog, as the command line and its file give them.
+// The options of the watchdog, from the command line and its file.
 #pragma once
 
 #include <CLI/CLI.hpp>
@@ -8,7 +8,7 @@
 #include "tools/v9_rtmp_ctl/commands.h"
 #include "tools/v9_rtmp_ctl/watchdog_rules.h"
 
-// Limits as they are written: a number, or "off". Empty for the default.
+// Limits as text: a number or "off". Empty for the default.
 struct WatchdogTexts {
     std::string stalled;
     std::string behind;
@@ -23,5 +23,5 @@ struct WatchdogTexts {
 
 void add_watchdog_options(CLI::App& command, WatchdogOptions& options, WatchdogTexts& texts);
 
-// The texts have passed the checks of the options.
+// The texts must have passed the option checks.
 [[nodiscard]] WatchdogLimits read_limits(const WatchdogTexts& texts);

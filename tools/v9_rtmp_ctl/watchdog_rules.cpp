@@ -8,11 +8,11 @@
 
 namespace {
 
-// What moves a counter as media does grows it in all of so many parts of the time.
+// Media makes a counter grow in every one of this many parts of the time.
 constexpr unsigned PARTS = 3;
-// A player's counter grows a little by answers to what it sends.
+// A player's counter also grows a little from replies.
 constexpr std::uint64_t PLAYER_BYTES_PER_SECOND = 250;
-// A publisher's grows by messages that no player is sent.
+// A publisher's counter also grows from messages that are not relayed.
 constexpr std::uint64_t PUBLISHER_BYTES_PER_SECOND = 2000;
 // The headers around the same media differ in size between a publisher and its players.
 constexpr std::uint64_t PUBLISHER_PERCENT = 90;
@@ -44,7 +44,7 @@ class Judge {
     Judge(const ConnectionHistory& all, const WatchdogLimits& set, const AgeDrops& earlier)
         : history(all), limits(set), age_drops(earlier) {}
 
-    // The rules in the order of ALL_DROP_RULES; the first that holds counts.
+    // Applies the rules in the order of ALL_DROP_RULES; the first match counts.
     [[nodiscard]] std::optional<Verdict> judge(const ClientRecord& record) const {
         for (const DropRule rule : ALL_DROP_RULES) {
             if (std::optional<std::string> reason = find_reason(rule, record)) {
@@ -175,8 +175,8 @@ class Judge {
                 return is_behind(record, *player, lead_us, 100);
             });
         };
-        // A player that was slow when the other settled, and has caught up since, seems ahead by as much. So
-        // one alone has to be further ahead than it could have been behind.
+        // A player that was slow when the other settled and has caught up since seems ahead by as much. So a
+        // single player must be further ahead than it could have been behind.
         const auto half = static_cast<std::ptrdiff_t>((players.size() + 1) / 2);
         const bool is_alone_behind = !players.empty() && count_ahead(limit) >= half;
         return is_alone_behind || count_ahead(2 * limit) > 0 ? by + "other players of the stream" : Reason();
@@ -200,7 +200,7 @@ class Judge {
         return is_publisher(record) && still_us(history, record.received) >= limit_us;
     }
 
-    // Whether the client's media has grown as media does.
+    // Whether the client's counter has grown as media makes it grow.
     [[nodiscard]] bool moves(const ClientRecord& record, std::uint64_t window_us,
                              std::uint64_t bytes_per_second) const {
         const std::optional<Movement> movement = recent_movement(history, record, window_us, PARTS);
@@ -208,7 +208,7 @@ class Judge {
                movement->bytes >= bytes_per_second * window_us / US_PER_SECOND;
     }
 
-    // Whether a client has less than the other had so long before it last got something.
+    // Whether a client has less than the other had this long before the other last received something.
     [[nodiscard]] static bool is_behind(const ClientRecord& record, const ClientRecord& other,
                                         std::uint64_t lead_us, std::uint64_t percent) {
         const std::uint64_t last_us = media_counter(other).grew_us;
@@ -220,7 +220,7 @@ class Judge {
         return gained && wanted && *gained + SLACK_BYTES < *wanted / 100 * percent;
     }
 
-    // Also where no publisher can be compared with. Players cannot be trusted alone: a player that asks for
+    // Also true if there is no publisher to compare with. Players alone cannot be trusted: one that asks for
     // chunks of one byte is sent twice the bytes, and all others seem behind it.
     [[nodiscard]] bool keeps_up_with_a_publisher(const ClientRecord& record, std::uint64_t limit_us) const {
         Clients publishers = sources(record);
@@ -242,7 +242,7 @@ class Judge {
         });
     }
 
-    // The publisher that is relayed; where it is not known which one that is, all of the stream.
+    // Returns the relayed publisher, or all publishers of the stream if it is not known which one is relayed.
     [[nodiscard]] Clients sources(const ClientRecord& record) const {
         Clients publishers = others(record, is_publisher);
         const auto relayed = std::find_if(publishers.begin(), publishers.end(),
@@ -250,7 +250,7 @@ class Judge {
         return relayed == publishers.end() ? publishers : Clients{*relayed};
     }
 
-    // Whether it is true of the publisher that is relayed, whichever that is.
+    // Whether the predicate holds for the relayed publisher, whichever it is.
     template <typename Predicate>
     [[nodiscard]] bool holds_for_source(const ClientRecord& record, const Predicate& predicate) const {
         const Clients publishers = sources(record);
@@ -260,7 +260,7 @@ class Judge {
     template <typename Predicate>
     [[nodiscard]] Clients others(const ClientRecord& record, const Predicate& predicate) const {
         Clients found;
-        // Two names that were cut can differ where it does not show.
+        // Two cut names can differ in the part that was cut.
         if (record.connection.whole_name_bytes != 0) {
             return found;
         }
@@ -306,7 +306,8 @@ HistoryTimes history_times(const WatchdogLimits& limits, std::uint64_t settle_us
     HistoryTimes times;
     times.longest_gap_us = 5 * interval_us;
     times.settle_us = settle_us;
-    // What is compared lies before the last time that the other got something, which is a while ago itself.
+    // The comparison looks back from the last time the other received something, which is itself some
+    // time ago.
     times.window_us =
         std::max({limits.stalled_us.value_or(0), 3 * limits.behind_us.value_or(0), interval_us}) +
         2 * interval_us;

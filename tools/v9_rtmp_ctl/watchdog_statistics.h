@@ -1,4 +1,4 @@
-// What the watchdog has done so far, as a file in its state directory that other programs may read. Pure.
+// The statistics of the watchdog, kept in a file in its state directory for other programs. Pure.
 //
 // STATE/watchdog.json is one line, replaced whole every 10 s and after each drop:
 //
@@ -6,10 +6,10 @@
 //    "rules":{"long-name":{"limit":200,"drops":0,"misses":0,"left":0},"origin":{...},"unnamed":{...},
 //             "contested":{...},"silent":{...},"stalled":{...},"behind":{...},"age":{...}}}
 //
-// limit is in seconds, of long-name in bytes, of origin the number of address ranges; null for a rule that is
-// off. drops, misses (another client was hit, or it is not certain which) and left (the client had gone
-// before) are counters that survive a restart of the watchdog. running is false once a signal has ended the
-// watchdog. A file that says true and is no longer updated is that of a watchdog that has failed.
+// limit is in seconds; for long-name in bytes, for origin the number of address ranges; null for a rule that
+// is off. The counters survive a restart of the watchdog: drops, misses (another client was dropped, or it is
+// uncertain which) and left (the client had already left). running is false once a signal has ended the
+// watchdog. If it is true and the file is no longer updated, the watchdog has failed.
 #pragma once
 
 #include <cstdint>
@@ -22,7 +22,7 @@
 
 constexpr const char* WATCHDOG_STATISTICS_FILE = "watchdog.json";
 constexpr const char* WATCHDOG_HISTORY_FILE = "history.json";
-// Where systemd does not name one in RUNTIME_DIRECTORY.
+// Used if systemd sets no RUNTIME_DIRECTORY.
 constexpr const char* DEFAULT_WATCHDOG_STATE = "/run/v9_rtmp_watchdog";
 
 struct RuleCounts {
@@ -37,16 +37,16 @@ struct WatchdogStatistics {
     bool running = true;
     std::uint64_t looks = 0;
     std::uint64_t failed_looks = 0;
-    std::map<DropRule, RuleCounts> rules;  // all of them
+    std::map<DropRule, RuleCounts> rules;  // all rules
 };
 
-// No drops yet.
+// Returns statistics without drops.
 [[nodiscard]] WatchdogStatistics make_statistics(const WatchdogLimits& limits);
 
 [[nodiscard]] std::string statistics_json(const WatchdogStatistics& statistics);
 
-// Nothing when the text is something else.
+// Empty if the text is not valid.
 [[nodiscard]] std::optional<WatchdogStatistics> parse_statistics(std::string_view json);
 
-// Goes on counting where an earlier watchdog ended.
+// Continues the counts of an earlier watchdog.
 void continue_counting(const WatchdogStatistics& earlier, WatchdogStatistics& statistics);

@@ -6,7 +6,7 @@
 
 namespace {
 
-// One pass, so that what is filled in is not looked through again.
+// A single pass, so that inserted text is not searched again.
 std::string fill(std::string_view page, std::string_view nonce, std::string_view table) {
     constexpr std::string_view NONCE = "{{nonce}}";
     constexpr std::string_view TABLE = "{{table}}";

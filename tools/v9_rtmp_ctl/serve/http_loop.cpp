@@ -57,13 +57,13 @@ void HttpLoop::accept_all() {
     for (int i = 0; i < MAX_ACCEPTS_PER_TURN; ++i) {
         const int fd = accept4(listener, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
         if (fd < 0) {
-            // Without descriptors the listener stays readable: it would be asked again without a pause.
+            // Without free descriptors the listener stays readable, and the loop would spin.
             may_accept = can_try_again(errno) || errno == ECONNABORTED;
             return;
         }
         make_room();
         clients.push_back({fd, State::HEAD, {}, {}, 0, Clock::now() + HEAD_LIMIT});
-        // Most clients have sent their request by now.
+        // Most clients have already sent their request.
         if (!advance(clients.back())) {
             end(std::prev(clients.end()));
         }

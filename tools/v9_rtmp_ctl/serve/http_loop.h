@@ -1,11 +1,10 @@
-// Moves the bytes of HTTP clients on one thread: takes a request's head in, asks for the reply, sends
-// it, closes.
+// Serves HTTP clients on one thread: reads a request's head, asks for the reply, sends it, closes.
 //
-// 1. Memory is bounded: at most MAX_HTTP_CLIENTS connections, and MAX_HEAD_BYTES of each.
-// 2. A connection has one request. Its head has to be complete within HEAD_LIMIT, and its reply taken
+// 1. Memory is bounded: at most MAX_HTTP_CLIENTS connections with MAX_HEAD_BYTES each.
+// 2. A connection carries one request. Its head must be complete within HEAD_LIMIT, and its reply taken
 //    within REPLY_LIMIT.
-// 3. When the table is full, the newcomer takes the place of the connection that has been incomplete the
-//    longest. So clients that send slowly, or nothing, keep out no client that sends its request at once.
+// 3. When the table is full, a new connection replaces the one whose request has been incomplete the longest.
+//    So clients that send slowly or not at all do not keep out clients that send their request at once.
 // 4. Bodies are not read: the request ends at its first empty line.
 #pragma once
 
@@ -19,7 +18,7 @@ constexpr std::size_t MAX_HTTP_CLIENTS = 256;
 constexpr std::size_t MAX_HEAD_BYTES = 16384;
 constexpr std::chrono::seconds HEAD_LIMIT{5};
 constexpr std::chrono::seconds REPLY_LIMIT{10};
-// A closed connection whose client still sends would be reset, and the client would lose the reply.
+// Closing a connection while its client still sends would reset it, and the client would lose the reply.
 constexpr std::chrono::seconds LINGER_LIMIT{1};
 
 class HttpLoop {
@@ -27,13 +26,13 @@ class HttpLoop {
     // Returns the whole reply to a head, which ends with an empty line.
     using Answer = std::function<std::string(const std::string& head)>;
 
-    // listener is a listening socket that does not block. The caller keeps it.
+    // listening_socket must be non-blocking. The caller keeps ownership.
     HttpLoop(int listening_socket, Answer answer_function);
     ~HttpLoop();
     HttpLoop(const HttpLoop&) = delete;
     HttpLoop& operator=(const HttpLoop&) = delete;
 
-    // Waits for something to do, for wait at most, and does it.
+    // Waits for events, at most for wait, and handles them.
     void turn(std::chrono::milliseconds wait);
 
     [[nodiscard]] std::size_t client_count() const { return clients.size(); }
@@ -43,7 +42,7 @@ class HttpLoop {
 
     //   [HEAD] --empty line--> [REPLY] --all sent--> [LINGER] --client closes--> gone
     //
-    // A failure, or the deadline of the state, ends the connection from everywhere.
+    // In every state, a failure or the state's deadline ends the connection.
     enum class State { HEAD, REPLY, LINGER };
     struct Client {
         int fd = -1;
@@ -57,7 +56,7 @@ class HttpLoop {
 
     void accept_all();
     void make_room();
-    // Each of these is false when the connection is to be closed.
+    // Each of these returns false if the connection is to be closed.
     [[nodiscard]] bool advance(Client& client);
     [[nodiscard]] bool read_head(Client& client);
     [[nodiscard]] static bool send_reply(Client& client);
@@ -67,6 +66,6 @@ class HttpLoop {
 
     const int listener;
     const Answer answer;
-    std::list<Client> clients;  // the longest connected first
-    bool may_accept = true;     // false for one turn when descriptors are short
+    std::list<Client> clients;  // oldest first
+    bool may_accept = true;     // false for one turn if out of descriptors
 };

@@ -1,5 +1,5 @@
-// The only file that includes the HTTP library: it parses requests, routes them and writes replies. Sockets
-// are the business of http_loop.
+// The only file that includes the HTTP library: it parses requests, routes them and writes replies. http_loop
+// handles the sockets.
 #include "tools/v9_rtmp_ctl/serve/http_pages.h"
 
 #include <httplib.h>
@@ -25,7 +25,7 @@ constexpr int CONFLICT = 409;
 constexpr int MISDIRECTED = 421;
 constexpr int UNAVAILABLE = 503;
 
-// A request in memory, and the reply to it.
+// A stream with the request and the reply in memory.
 class MemoryStream : public httplib::Stream {
   public:
     explicit MemoryStream(const std::string& request) : input(request) {}
@@ -54,7 +54,7 @@ class MemoryStream : public httplib::Stream {
     std::string output;
 };
 
-// Unpredictable, so that a script that found its way into the page could not name it.
+// Unpredictable, so that a script injected into the page does not know it.
 std::string make_nonce() {
     std::array<unsigned char, 16> bytes{};
     if (getrandom(bytes.data(), bytes.size(), 0) != static_cast<ssize_t>(bytes.size())) {
@@ -68,8 +68,8 @@ std::string make_nonce() {
     return nonce;
 }
 
-// Renames Range headers. The library reads them by a regular expression that recurses for each of their
-// bytes, and sends a part for each range, of which a request has room for thousands.
+// Renames Range headers. The library parses them with a regular expression that recurses for each byte, and
+// sends a part for each range; a request has room for thousands.
 std::string without_ranges(const std::string& head) {
     constexpr std::string_view NAME = "range";
     std::string request = head;
@@ -124,7 +124,7 @@ class HttpPages::Router : public httplib::Server {
         const std::string request = without_ranges(head);
         MemoryStream stream(request);
         bool closed = false;
-        // False where there is nothing to answer. What is sent is small, so it is not compressed.
+        // The result is false if there is no reply. Replies are small, so they are not compressed.
         static_cast<void>(process_request(
             stream, true, closed, [](httplib::Request& parsed) { parsed.headers.erase("Accept-Encoding"); }));
         return stream.take_output();

@@ -1,6 +1,6 @@
-// What serve answers to a request: which page there is, who may have it, and the headers that protect it.
+// The replies of serve: the pages, who may request them, and the headers that protect them.
 //
-// Needs no socket: a request's head goes in, the bytes of the reply come out. Used by one thread.
+// Uses no socket: takes a request's head and returns the bytes of the reply. Used by one thread.
 #pragma once
 
 #include <functional>
@@ -11,22 +11,21 @@
 
 #include "tools/v9_rtmp_ctl/failure.h"
 
-// The pages, made anew for each request.
+// The pages, generated for each request.
 struct PageContents {
     std::function<std::string()> metrics;
     std::function<std::string()> connections_json;
-    // Of which the nonce lets script and style run.
+    // The nonce permits the page's own script and style.
     std::function<std::string(const std::string& nonce)> status_page;
-    // Nothing when the server answers; else what is wrong.
+    // Empty if the server answers; otherwise what is wrong.
     std::function<std::string()> sickness;
-    // Drops the connection with this id, if it is still from the address. Nothing when it was dropped
-    // for certain.
+    // Drops the connection with this id, if it still has the address. Empty if it was certainly dropped.
     std::function<std::optional<Failure>(const std::string& id, const std::string& address)> drop;
 };
 
 struct PageRules {
-    std::vector<std::string> host_names;  // beside addresses and localhost
-    std::string token;                    // empty: no drops
+    std::vector<std::string> host_names;  // besides addresses and localhost
+    std::string token;                    // empty: drops not allowed
 };
 
 class HttpPages {
@@ -36,7 +35,7 @@ class HttpPages {
     HttpPages(const HttpPages&) = delete;
     HttpPages& operator=(const HttpPages&) = delete;
 
-    // The head ends with its empty line. The reply is whole and ends the connection.
+    // The head includes its empty line. Returns the whole reply, after which the connection ends.
     [[nodiscard]] std::string answer(const std::string& head);
 
   private:

@@ -1,4 +1,4 @@
-// serve: one thread looks at the server once a second, another answers HTTP clients from what it saw.
+// serve: one thread looks at the server once a second, another answers HTTP clients with the results.
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -33,7 +33,7 @@
 namespace {
 
 constexpr std::chrono::seconds LOOK_INTERVAL{1};
-// The other viewers wait while a drop is carried out.
+// Other viewers wait while a drop is carried out.
 constexpr std::uint64_t MAX_DROP_US = 1000000;
 constexpr int BACKLOG = 256;
 
@@ -51,7 +51,7 @@ std::optional<Failure> open_listener(const ServeOptions& options, int& listener)
                                                   "). Name another address or port with --listen."};
 }
 
-// What the server's last look has shown, for both threads.
+// The result of the last look, shared by both threads.
 class Board {
   public:
     void pin(const MonitorView& view) {
@@ -69,7 +69,7 @@ class Board {
     std::shared_ptr<const MonitorView> pinned = std::make_shared<const MonitorView>();
 };
 
-// The looks follow each other a second apart, or as soon as the one before is over.
+// Looks a second apart, or immediately if the previous look took longer.
 [[noreturn]] void look_for_ever(Monitor& monitor, Board& board) {
     for (auto next = std::chrono::steady_clock::now() + LOOK_INTERVAL;;) {
         std::this_thread::sleep_until(next);
@@ -84,7 +84,7 @@ double seconds_since_epoch() {
     return static_cast<double>(std::chrono::duration_cast<std::chrono::milliseconds>(now).count()) / 1000;
 }
 
-// All viewers are sent the same document until the next look.
+// All viewers get the same document until the next look.
 class StatusDocument {
   public:
     const std::string& of(const std::shared_ptr<const MonitorView>& view, bool allows_drop) {
@@ -140,7 +140,7 @@ PageContents make_contents(const Settings& settings, const Board& board, bool al
     return contents;
 }
 
-// With the port that the system has given, where it was asked to.
+// Prints the actual port, which the system may have chosen.
 void print_listening(const Settings& settings, int listener) {
     sockaddr_storage address{};
     socklen_t length = sizeof address;
@@ -162,7 +162,7 @@ ExitCode run_serve(const Settings& settings, const ServeOptions& options) {
     if (const std::optional<Failure> failure = open_listener(options, listener)) {
         return report(*failure);
     }
-    // The first client already sees what there is. Both last as long as the process.
+    // The first look precedes the first client. Both objects last as long as the process.
     static Board board;
     static Monitor monitor(settings.socket_path, settings.timeout_us(), options.watchdog_state);
     monitor.look();

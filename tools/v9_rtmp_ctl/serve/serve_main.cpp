@@ -1,4 +1,4 @@
-// The program that v9_rtmp_ctl becomes for serve. It has the HTTP library, which the tool does without.
+// The program that v9_rtmp_ctl becomes for serve. Only it needs the HTTP library.
 #include <exception>
 #include <optional>
 #include <string>

@@ -25,7 +25,7 @@
 
 namespace {
 
-// Names may be megabytes long, and every viewer is sent them every second.
+// Names may be megabytes long, and every viewer gets them every second.
 constexpr std::size_t MAX_NAME_BYTES = 200;
 
 std::string cut_name(const std::string& name) {
@@ -33,7 +33,7 @@ std::string cut_name(const std::string& name) {
         return name;
     }
     std::size_t length = MAX_NAME_BYTES;
-    // Not within a character.
+    // Do not cut within a character.
     while (length > 0 && (static_cast<unsigned char>(name[length]) & 0xC0U) == 0x80) {
         --length;
     }
@@ -74,7 +74,7 @@ void add_history(Json& object, const std::deque<RatePoint>& points) {
     object["history_out"] = std::move(out);
 }
 
-// Of the publisher that has sent most recently.
+// Returns the silence of the publisher that has sent most recently.
 std::uint64_t silence_us(const ConnectionHistory& history, const std::string& stream) {
     std::optional<std::uint64_t> silence;
     for (const ClientRecord& record : history.clients()) {
@@ -93,7 +93,7 @@ Json stream_array(const MonitorView& view) {
         StreamSummary cut = summary;
         cut.stream = cut_name(summary.stream);
         Json object = stream_object(cut, RateUnit::BYTES);
-        // Two names may look the same.
+        // Two different names may look the same.
         object["key"] = std::to_string(std::hash<std::string>()(summary.stream));
         const auto state = states.find(summary.stream);
         object["state"] = state_text(state == states.end() ? StreamState::WAITING : state->second);

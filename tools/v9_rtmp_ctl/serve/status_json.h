@@ -1,4 +1,4 @@
-// What the status page shows, as JSON and as a table for browsers without script. Pure.
+// The data of the status page, as JSON and as a table for browsers without script. Pure.
 #pragma once
 
 #include <string>
@@ -10,8 +10,8 @@ struct StatusFacts {
     double time_s = 0;  // since the epoch
 };
 
-// The document that the page polls; the manual page describes it. Long stream names are cut.
+// Returns the document that the page polls; the manual page describes it. Long stream names are cut.
 [[nodiscard]] std::string status_json(const MonitorView& view, const StatusFacts& facts);
 
-// HTML: what is wrong, or a table of the connections.
+// Returns HTML: what is wrong, or a table of the connections.
 [[nodiscard]] std::string status_table(const MonitorView& view);

@@ -6,6 +6,5 @@
 
 extern const std::string_view STATUS_PAGE;
 
-// The page with the nonce of its script and style, and with the table for browsers without script, which
-// is HTML.
+// Returns the page with the nonce of its script and style. table is HTML for browsers without script.
 [[nodiscard]] std::string status_page(const std::string& nonce, const std::string& table);
