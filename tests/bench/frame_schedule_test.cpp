@@ -27,7 +27,7 @@ Sum sum_of(const StreamShape& shape, std::uint32_t ms) {
     return sum;
 }
 
-TEST(frame_schedule, AStreamHasItsRateItsKeyFramesAndItsAudio) {
+TEST(frame_schedule, a_stream_has_its_rate_its_key_frames_and_its_audio) {
     StreamShape shape;
     shape.set_video_kbit(4000);
     EXPECT_EQ(shape.video_kbit(), 4000U);
@@ -39,7 +39,7 @@ TEST(frame_schedule, AStreamHasItsRateItsKeyFramesAndItsAudio) {
     EXPECT_EQ(shape.key_interval_ms(), 2000U);
 }
 
-TEST(frame_schedule, KeyFramesOfTwelveMeansLeaveTheRateAsItIs) {
+TEST(frame_schedule, key_frames_of_twelve_means_leave_the_rate_as_it_is) {
     StreamShape shape;
     shape.set_video_kbit(8000);
     shape.key_frame_in_means = 12;
@@ -48,13 +48,13 @@ TEST(frame_schedule, KeyFramesOfTwelveMeansLeaveTheRateAsItIs) {
     EXPECT_EQ(sum.largest, 12 * shape.mean_frame_bytes);
 }
 
-TEST(frame_schedule, AStreamWithoutAudioHasNone) {
+TEST(frame_schedule, a_stream_without_audio_has_none) {
     StreamShape shape;
     shape.audio_kbit_per_second = 0;
     EXPECT_EQ(sum_of(shape, 1000).audio_bytes, 0U);
 }
 
-TEST(frame_schedule, AStreamOfKeyFramesOnlyHasNoOthers) {
+TEST(frame_schedule, a_stream_of_key_frames_only_has_no_others) {
     StreamShape shape;
     shape.frames_per_key_frame = 1;
     EXPECT_EQ(sum_of(shape, 1000).key_frames, 30U);

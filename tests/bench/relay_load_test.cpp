@@ -57,7 +57,7 @@ void PrintTo(const Counts& counts, std::ostream* out) {
          << counts.damaged << " damaged, " << counts.late << " late";
 }
 
-TEST(relay_load, FindsNothingWrongWithARelayThatKeepsToTheRules) {
+TEST(relay_load, finds_nothing_wrong_with_a_relay_that_keeps_to_the_rules) {
     const FakeRelay relay({});
     const LoadRun run = run_load(three_seconds_of(relay));
     EXPECT_EQ(counts_of(run.report), (Counts{0, 0, 0, 0, 0}));
@@ -67,7 +67,7 @@ TEST(relay_load, FindsNothingWrongWithARelayThatKeepsToTheRules) {
     EXPECT_EQ(run.program.end, (ProgramEnd{0, 0}));
 }
 
-TEST(relay_load, CountsEveryPlantedFaultOfEveryPlayerOnce) {
+TEST(relay_load, counts_every_planted_fault_of_every_player_once) {
     const FakeRelay relay({.faults = {{20, Fault::LOSE},
                                       {21, Fault::LOSE},
                                       {30, Fault::DOUBLE},
@@ -97,7 +97,7 @@ struct OneFault {
 
 class relay_load_fault_test : public testing::TestWithParam<OneFault> {};
 
-TEST_P(relay_load_fault_test, IsCountedAsWhatItIsAndAsNothingElse) {
+TEST_P(relay_load_fault_test, is_counted_as_what_it_is_and_as_nothing_else) {
     const FakeRelay relay({.faults = {{40, GetParam().fault}}});
     const LoadRun run = run_load({"--server", relay.address(), "--players", "1", "--seconds", "1.5", "--kbit",
                                   "400", "--chunk-size", "1000", "--publisher-chunk-size", "128"});
@@ -111,7 +111,7 @@ INSTANTIATE_TEST_SUITE_P(each, relay_load_fault_test,
                                          OneFault{Fault::FLIP, {0, 0, 0, 1, 0}},
                                          OneFault{Fault::DELAY, {0, 0, 0, 0, 1}}));
 
-TEST(relay_load, CapacityIsTheHighestRateThatHolds) {
+TEST(relay_load, capacity_is_the_highest_rate_that_holds) {
     // 6000 bytes are 1440 kbit/s at 30 frames a second.
     const FakeRelay relay({.faults = {}, .most_frame_bytes = 6000});
     const LoadRun run = run_load({"--mode", "capacity", "--server", relay.address(), "--players", "1",
@@ -122,7 +122,7 @@ TEST(relay_load, CapacityIsTheHighestRateThatHolds) {
     EXPECT_EQ(run.program.end, (ProgramEnd{0, 0}));
 }
 
-TEST(relay_load, APortThatIsNoPortIsRefused) {
+TEST(relay_load, a_port_that_is_no_port_is_refused) {
     for (const char* const address : {"127.0.0.1:", "127.0.0.1:0", "127.0.0.1:x", "127.0.0.1:99999"}) {
         const ProgramRun run = run_program({RELAY_LOAD_PATH, "--server", address}, {}, RUN_WAIT);
         EXPECT_NE(run.end, (ProgramEnd{0, 0}));
@@ -130,14 +130,14 @@ TEST(relay_load, APortThatIsNoPortIsRefused) {
     }
 }
 
-TEST(relay_load, TheBareSenderMakesOneSendForEachMessageAndPlayer) {
+TEST(relay_load, the_bare_sender_makes_one_send_for_each_message_and_player) {
     const LoadRun run = run_load({"--mode", "floor", "--players", "7", "--seconds", "0.5"});
     EXPECT_GT(run.report["messages"], 30);
     EXPECT_EQ(run.report["sends"].get<int>(), 7 * run.report["messages"].get<int>());
     EXPECT_EQ(counts_of(run.report), (Counts{0, 0, 0, 0, 0}));
 }
 
-TEST(relay_load, StormsLoseNothing) {
+TEST(relay_load, storms_lose_nothing) {
     const LoadRun run = run_load({"--mode", "storm", "--players", "5", "--seconds", "1"});
     EXPECT_EQ(counts_of(run.report), (Counts{0, 0, 0, 0, 0}));
     EXPECT_GT(run.report["visits"], 0);
@@ -145,7 +145,7 @@ TEST(relay_load, StormsLoseNothing) {
     EXPECT_EQ(run.program.end, (ProgramEnd{0, 0}));
 }
 
-TEST(relay_load, IdlePlayersAndSleepersAreMeasured) {
+TEST(relay_load, idle_players_and_sleepers_are_measured) {
     const LoadRun idle = run_load({"--mode", "idle", "--players", "10", "--seconds", "0.5"});
     EXPECT_EQ(idle.program.end, (ProgramEnd{0, 0}));
     EXPECT_GT(idle.report["server"]["voluntary_switches"], 10);

@@ -21,7 +21,7 @@ std::string limits_with(const std::string& processes, const std::string& files) 
 
 }  // namespace
 
-TEST(check_rules, TheWorstFindingDecides) {
+TEST(check_rules, the_worst_finding_decides) {
     const Finding ok{Level::OK, "", ""};
     const Finding warning{Level::WARNING, "", ""};
     const Finding critical{Level::CRITICAL, "", ""};
@@ -32,7 +32,7 @@ TEST(check_rules, TheWorstFindingDecides) {
     EXPECT_EQ(worst_of({critical, warning, unknown}), Level::CRITICAL);
 }
 
-TEST(check_rules, LimitsAreReadFromTheKernelsTable) {
+TEST(check_rules, limits_are_read_from_the_kernels_table) {
     EXPECT_THAT(find_limit(LIMITS, "Max open files"), Optional(1024U));
     EXPECT_THAT(find_limit(LIMITS, "Max cpu time"), Optional(~std::uint64_t{0}));
     EXPECT_EQ(find_limit(LIMITS, "Max nothing"), std::nullopt);
@@ -41,14 +41,14 @@ TEST(check_rules, LimitsAreReadFromTheKernelsTable) {
     EXPECT_EQ(find_cgroup("1:name=x:/a\n"), "");
 }
 
-TEST(check_rules, SlotsWarnWhenATenthIsLeftAndAreCriticalWhenNoneIs) {
+TEST(check_rules, slots_warn_when_a_tenth_is_left_and_are_critical_when_none_is) {
     EXPECT_EQ(judge_slots(115).level, Level::OK);
     EXPECT_EQ(judge_slots(116).level, Level::WARNING);
     EXPECT_EQ(judge_slots(127).level, Level::WARNING);
     EXPECT_EQ(judge_slots(128).level, Level::CRITICAL);
 }
 
-TEST(check_rules, DescriptorsAndThreadsSufficeForAFullTable) {
+TEST(check_rules, descriptors_and_threads_suffice_for_a_full_table) {
     EXPECT_EQ(judge_descriptor_limit(LIMITS).level, Level::OK);
     EXPECT_EQ(judge_descriptor_limit(limits_with("1", "256")).level, Level::OK);
     EXPECT_EQ(judge_descriptor_limit(limits_with("1", "255")).level, Level::WARNING);
@@ -61,21 +61,21 @@ TEST(check_rules, DescriptorsAndThreadsSufficeForAFullTable) {
     EXPECT_EQ(judge_thread_limit(std::nullopt, "1\n").level, Level::UNKNOWN);
 }
 
-TEST(check_rules, AServerWithoutAMemoryLimitIsAWarning) {
+TEST(check_rules, a_server_without_a_memory_limit_is_a_warning) {
     EXPECT_EQ(judge_memory_limit(true, std::nullopt).level, Level::WARNING);
 }
 
-TEST(check_rules, AMemoryLimitThatCannotBeSeenIsUnknown) {
+TEST(check_rules, a_memory_limit_that_cannot_be_seen_is_unknown) {
     EXPECT_EQ(judge_memory_limit(false, std::nullopt).level, Level::UNKNOWN);
 }
 
 // 160 MiB, and 13 MiB for each of 128 clients.
-TEST(check_rules, AMemoryLimitBelowWhatAFullTableMayHoldIsAWarning) {
+TEST(check_rules, a_memory_limit_below_what_a_full_table_may_hold_is_a_warning) {
     EXPECT_EQ(judge_memory_limit(true, "1912602624\n").level, Level::OK);
     EXPECT_EQ(judge_memory_limit(true, "1912602623\n").level, Level::WARNING);
 }
 
-TEST(check_rules, StandardErrorMayLeadToTheJournalOrNowhere) {
+TEST(check_rules, standard_error_may_lead_to_the_journal_or_nowhere) {
     EXPECT_EQ(judge_standard_error("socket:[123]").level, Level::OK);
     EXPECT_EQ(judge_standard_error("/dev/null").level, Level::OK);
     EXPECT_THAT(judge_standard_error("pipe:[123]").text, HasSubstr("the relay stops while its reader does"));
@@ -85,7 +85,7 @@ TEST(check_rules, StandardErrorMayLeadToTheJournalOrNowhere) {
     EXPECT_EQ(judge_standard_error(std::nullopt).level, Level::UNKNOWN);
 }
 
-TEST(check_rules, ClockAndKernelAreLookedAt) {
+TEST(check_rules, clock_and_kernel_are_looked_at) {
     EXPECT_EQ(judge_clock(true, true).level, Level::OK);
     EXPECT_EQ(judge_clock(true, false).level, Level::WARNING);
     EXPECT_EQ(judge_clock(false, false).level, Level::UNKNOWN);
@@ -96,7 +96,7 @@ TEST(check_rules, ClockAndKernelAreLookedAt) {
     EXPECT_EQ(judge_kernel(std::nullopt, 60000, 0).level, Level::UNKNOWN);
 }
 
-TEST(check_rules, EveryFindingThatIsNotOkSaysWhatToDo) {
+TEST(check_rules, every_finding_that_is_not_ok_says_what_to_do) {
     for (const Finding& finding :
          {judge_slots(120), judge_slots(128), judge_descriptor_limit(limits_with("1", "1")),
           judge_descriptor_limit(std::nullopt), judge_thread_limit(limits_with("1", "1"), std::nullopt),

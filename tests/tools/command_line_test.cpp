@@ -36,7 +36,7 @@ Failure refused(const Words& words) {
 
 }  // namespace
 
-TEST(command_line, EverySubcommandIsKnown) {
+TEST(command_line, every_subcommand_is_known) {
     struct Row {
         Words words;
         Subcommand subcommand;
@@ -66,7 +66,7 @@ TEST(command_line, EverySubcommandIsKnown) {
     }
 }
 
-TEST(command_line, WithoutOptionsTheDefaultsHold) {
+TEST(command_line, without_options_the_defaults_hold) {
     const CommandLine line = parsed({"list"});
     EXPECT_EQ(line.settings.socket_path, "/var/run/v9_rtmp_server.socket");
     EXPECT_EQ(line.settings.timeout_us(), 5000000U);
@@ -80,7 +80,7 @@ TEST(command_line, WithoutOptionsTheDefaultsHold) {
     EXPECT_EQ(parsed({"watch"}).watch.interval_seconds, 1);
 }
 
-TEST(command_line, GlobalOptionsStandBeforeOrBehindTheSubcommand) {
+TEST(command_line, global_options_stand_before_or_behind_the_subcommand) {
     for (const Words& words :
          {Words{"--socket", "/s", "--timeout", "0.25", "--unit", "bits", "--json", "--no-color", "-q",
                 "list"},
@@ -96,7 +96,7 @@ TEST(command_line, GlobalOptionsStandBeforeOrBehindTheSubcommand) {
     EXPECT_EQ(parsed({"drop", "unnamed", "-f", "--plain"}).settings.form, OutputForm::PLAIN);
 }
 
-TEST(command_line, ListIsPickedAndSorted) {
+TEST(command_line, list_is_picked_and_sorted) {
     const CommandLine line = parsed({"list", "--mode", "none", "--stream", "cam1", "--stream", "d*",
                                      "--address", "10.0.0.0/8", "--sort", "rate", "-r", "--no-legend"});
     EXPECT_THAT(line.list.selection.mode, Optional(std::string("none")));
@@ -109,7 +109,7 @@ TEST(command_line, ListIsPickedAndSorted) {
     EXPECT_THAT(parsed({"list", "--stream", ""}).list.selection.streams, ElementsAre(""));
 }
 
-TEST(command_line, StreamsTakesNamesAndAnOrder) {
+TEST(command_line, streams_takes_names_and_an_order) {
     const CommandLine line = parsed({"streams", "cam1", "d*", "--sort", "rate", "--reverse", "--no-legend"});
     EXPECT_THAT(line.streams.names, ElementsAre("cam1", "d*"));
     EXPECT_EQ(line.streams.sort, SortKey::RATE);
@@ -118,7 +118,7 @@ TEST(command_line, StreamsTakesNamesAndAnOrder) {
     EXPECT_EQ(parsed({"streams"}).streams.sort, SortKey::STREAM);
 }
 
-TEST(command_line, DropTakesWhatToDrop) {
+TEST(command_line, drop_takes_what_to_drop) {
     const CommandLine by_id = parsed({"drop", "id", "5", "7", "--stream", "cam1"});
     EXPECT_THAT(by_id.drop.ids, ElementsAre("5", "7"));
     EXPECT_THAT(by_id.drop.expected_stream, Optional(std::string("cam1")));
@@ -142,7 +142,7 @@ TEST(command_line, DropTakesWhatToDrop) {
     }
 }
 
-TEST(command_line, TheSocketCanStandInTheEnvironment) {
+TEST(command_line, the_socket_can_stand_in_the_environment) {
     setenv("V9_RTMP_SOCKET", "/run/mine", 1);
     EXPECT_EQ(parsed({"list"}).settings.socket_path, "/run/mine");
     EXPECT_EQ(parsed({"raw", "hello"}).settings.socket_path, "/run/mine");
@@ -152,7 +152,7 @@ TEST(command_line, TheSocketCanStandInTheEnvironment) {
     unsetenv("V9_RTMP_SOCKET");
 }
 
-TEST(command_line, AnErrorSaysWhatToDo) {
+TEST(command_line, an_error_says_what_to_do) {
     struct Row {
         Words words;
         const char* advice;
@@ -180,7 +180,7 @@ TEST(command_line, AnErrorSaysWhatToDo) {
     }
 }
 
-TEST(command_line, WhatIsNotUnderstoodIsAUsageErrorWithAHint) {
+TEST(command_line, what_is_not_understood_is_a_usage_error_with_a_hint) {
     for (const Words& words : {Words{},
                                Words{"bogus"},
                                Words{"--bogus", "list"},
@@ -217,7 +217,7 @@ TEST(command_line, WhatIsNotUnderstoodIsAUsageErrorWithAHint) {
     }
 }
 
-TEST(command_line, HelpIsToldAboutTheToolAndItsCommands) {
+TEST(command_line, help_is_told_about_the_tool_and_its_commands) {
     for (const Words& words : {Words{"help"}, Words{"--help"}, Words{"-h"}}) {
         const CommandLine line = parsed(words);
         EXPECT_EQ(line.subcommand, Subcommand::NONE);
@@ -231,7 +231,7 @@ TEST(command_line, HelpIsToldAboutTheToolAndItsCommands) {
     EXPECT_THAT(parsed({"raw", "-h"}).help_text, HasSubstr("--async"));
 }
 
-TEST(raw_command_line, ArgumentsArePassedAsGiven) {
+TEST(raw_command_line, arguments_are_passed_as_given) {
     struct Row {
         Words words;
         std::string command;
@@ -265,7 +265,7 @@ TEST(raw_command_line, ArgumentsArePassedAsGiven) {
     }
 }
 
-TEST(raw_command_line, OptionsOfTheToolStandBeforeTheCommand) {
+TEST(raw_command_line, options_of_the_tool_stand_before_the_command) {
     const CommandLine line =
         parsed({"--socket", "/s", "-q", "raw", "--async", "--timeout", "2", "c", "--socket", "/t"});
     EXPECT_EQ(line.settings.socket_path, "/s");
@@ -275,7 +275,7 @@ TEST(raw_command_line, OptionsOfTheToolStandBeforeTheCommand) {
     EXPECT_THAT(line.raw.request.arguments, ElementsAre("--socket", "/t"));
 }
 
-TEST(raw_command_line, ASocketCalledRawIsNoSubcommand) {
+TEST(raw_command_line, a_socket_called_raw_is_no_subcommand) {
     const CommandLine line = parsed({"--socket", "raw", "hello"});
     EXPECT_EQ(line.subcommand, Subcommand::HELLO);
     EXPECT_EQ(line.settings.socket_path, "raw");
@@ -298,7 +298,7 @@ class ConfigFile {
 
 }  // namespace
 
-TEST(command_line, TheWatchdogsRulesHaveDefaults) {
+TEST(command_line, the_watchdogs_rules_have_defaults) {
     const WatchdogOptions options = parsed({"watchdog"}).watchdog;
     EXPECT_THAT(options.limits.stalled_us, Optional(30000000U));
     EXPECT_THAT(options.limits.behind_us, Optional(15000000U));
@@ -315,7 +315,7 @@ TEST(command_line, TheWatchdogsRulesHaveDefaults) {
     EXPECT_EQ(options.state_directory, "/run/v9_rtmp_watchdog");
 }
 
-TEST(command_line, EachRuleOfTheWatchdogCanBeSetAndTurnedOff) {
+TEST(command_line, each_rule_of_the_watchdog_can_be_set_and_turned_off) {
     using Limit = std::optional<std::uint64_t> WatchdogLimits::*;
     const std::pair<const char*, Limit> rows[] = {
         {"--stalled", &WatchdogLimits::stalled_us},     {"--behind", &WatchdogLimits::behind_us},
@@ -338,7 +338,7 @@ TEST(command_line, EachRuleOfTheWatchdogCanBeSetAndTurnedOff) {
                 HasSubstr("'x' is not a number of seconds from 0.1 to 86400, or off"));
 }
 
-TEST(command_line, TheWatchdogTakesAddressesOfPublishers) {
+TEST(command_line, the_watchdog_takes_addresses_of_publishers) {
     const AddressRange near = *parse_address_range("10.0.0.0/8");
     const AddressRange one = *parse_address_range("192.0.2.1");
     EXPECT_THAT(
@@ -351,7 +351,7 @@ TEST(command_line, TheWatchdogTakesAddressesOfPublishers) {
                 HasSubstr("is not an IPv4 address"));
 }
 
-TEST(command_line, TheWatchdogReadsOptionsFromAFileAndThoseOfTheLineCount) {
+TEST(command_line, the_watchdog_reads_options_from_a_file_and_those_of_the_line_count) {
     const ConfigFile file(
         "# limits\n; more\nstalled = 40\nbehind=off\n\nsilent = 50\npublish-from = 10.0.0.0/8 192.0.2.1\n"
         "state = \"/run/other place\"\ndry-run = true\n");
@@ -369,7 +369,7 @@ TEST(command_line, TheWatchdogReadsOptionsFromAFileAndThoseOfTheLineCount) {
     EXPECT_TRUE(options.dry_run);
 }
 
-TEST(command_line, AddressesOfPublishersOnTheLineReplaceThoseOfTheFile) {
+TEST(command_line, addresses_of_publishers_on_the_line_replace_those_of_the_file) {
     const ConfigFile file("publish-from = 10.0.0.0/8 192.0.2.1\n");
     const CommandLine line = parsed({"watchdog", "--config", file.path, "--publish-from", "192.0.2.7"});
     EXPECT_THAT(line.watchdog.limits.publish_from, ElementsAre(*parse_address_range("192.0.2.7")));
@@ -378,12 +378,12 @@ TEST(command_line, AddressesOfPublishersOnTheLineReplaceThoseOfTheFile) {
                 HasSubstr("is not an IPv4 address"));
 }
 
-TEST(command_line, AnEmptyFileOfOptionsChangesNothing) {
+TEST(command_line, an_empty_file_of_options_changes_nothing) {
     const ConfigFile file("\n# nothing\n");
     EXPECT_THAT(parsed({"watchdog", "--config", file.path}).watchdog.limits.stalled_us, Optional(30000000U));
 }
 
-TEST(command_line, AFileOfOptionsThatCannotBeReadOrUnderstoodIsRefusedWithItsName) {
+TEST(command_line, a_file_of_options_that_cannot_be_read_or_understood_is_refused_with_its_name) {
     EXPECT_THAT(refused({"watchdog", "--config", "/absent.conf"}).message,
                 HasSubstr("the options in /absent.conf cannot be read (No such file or directory)"));
     for (const char* const text : {"stalled = x\n", "stallled = 30\n", "[rules]\nstalled = 30\n",
@@ -395,11 +395,11 @@ TEST(command_line, AFileOfOptionsThatCannotBeReadOrUnderstoodIsRefusedWithItsNam
     }
 }
 
-TEST(command_line, TheWatchdogHasNoPlainForm) {
+TEST(command_line, the_watchdog_has_no_plain_form) {
     EXPECT_THAT(refused({"watchdog", "--plain"}).message, HasSubstr("watchdog has no --plain form"));
 }
 
-TEST(command_line, EventsCanRunAProgram) {
+TEST(command_line, events_can_run_a_program) {
     const CommandLine line =
         parsed({"events", "--exec", "/usr/local/bin/tell me", "--interval", "0.2", "--json"});
     EXPECT_EQ(line.events.program, "/usr/local/bin/tell me");
@@ -408,7 +408,7 @@ TEST(command_line, EventsCanRunAProgram) {
     EXPECT_THAT(refused({"events", "--plain"}).message, HasSubstr("events has no --plain form"));
 }
 
-TEST(command_line, CheckTakesAnAddress) {
+TEST(command_line, check_takes_an_address) {
     const CommandLine line = parsed({"check", "--rtmp", "relay.example:1936", "--publish-test"});
     EXPECT_EQ(line.check.rtmp, "relay.example:1936");
     EXPECT_TRUE(line.check.publish_test);
@@ -419,21 +419,21 @@ TEST(command_line, CheckTakesAnAddress) {
     }
 }
 
-TEST(command_line, AUsageErrorOfCheckIsItsUnknown) {
+TEST(command_line, a_usage_error_of_check_is_its_unknown) {
     EXPECT_EQ(failure_status({"check", "--foo"}, ExitCode::USAGE), 3);
     EXPECT_EQ(failure_status({"--timeout", "1", "check", "x"}, ExitCode::USAGE), 3);
     EXPECT_EQ(failure_status({"list", "check"}, ExitCode::USAGE), 2);
     EXPECT_EQ(failure_status({}, ExitCode::USAGE), 2);
 }
 
-TEST(command_line, AFailureOfCheckItselfIsItsUnknownAndNotAWarning) {
+TEST(command_line, a_failure_of_check_itself_is_its_unknown_and_not_a_warning) {
     EXPECT_EQ(failure_status({"check"}, ExitCode::NEGATIVE_ANSWER), 3);
     EXPECT_EQ(failure_status({"check"}, ExitCode::NO_REPLY), 3);
     EXPECT_EQ(failure_status({"list"}, ExitCode::NEGATIVE_ANSWER), 1);
     EXPECT_EQ(failure_status({"list"}, ExitCode::NO_REPLY), 5);
 }
 
-TEST(command_line, ServeListensOnThisMachineAloneUnlessToldOtherwise) {
+TEST(command_line, serve_listens_on_this_machine_alone_unless_told_otherwise) {
     const ServeOptions usual = parsed({"serve"}).serve;
     EXPECT_EQ(usual.listen, "127.0.0.1:9935");
     EXPECT_FALSE(usual.allow_drop);
@@ -450,12 +450,12 @@ TEST(command_line, ServeListensOnThisMachineAloneUnlessToldOtherwise) {
                 HasSubstr("'localhost:80' is not an address and a port"));
 }
 
-TEST(command_line, ADropFromThePageNeedsAToken) {
+TEST(command_line, a_drop_from_the_page_needs_a_token) {
     EXPECT_THAT(refused({"serve", "--allow-drop"}).message, HasSubstr("go together"));
     EXPECT_THAT(refused({"serve", "--token-file", "/etc/token"}).message, HasSubstr("go together"));
 }
 
-TEST(command_line, MetricsAtAnIntervalNeedAFile) {
+TEST(command_line, metrics_at_an_interval_need_a_file) {
     EXPECT_THAT(refused({"metrics", "--interval", "15"}).message, HasSubstr("needs a file to write"));
     const MetricsOptions options = parsed({"metrics", "-o", "x.prom", "--interval", "15"}).metrics;
     EXPECT_EQ(options.file, "x.prom");

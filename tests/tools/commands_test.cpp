@@ -114,7 +114,7 @@ DropOptions of_stream(std::string stream, bool force) {
 
 }  // namespace
 
-TEST_F(commands_test, HelloTellsTheGreeting) {
+TEST_F(commands_test, hello_tells_the_greeting) {
     message = "How are you?";
     EXPECT_THAT(outcome_of([&] { return run_hello(settings); }).out,
                 StartsWith("How are you? (answered in "));
@@ -126,7 +126,7 @@ TEST_F(commands_test, HelloTellsTheGreeting) {
     EXPECT_EQ(outcome_of([&] { return run_hello(settings); }).out, "");
 }
 
-TEST_F(commands_test, AnErrorStatusIsExitCodeOne) {
+TEST_F(commands_test, an_error_status_is_exit_code_one) {
     status = 6;
     message = "Unknown command";
     const Outcome outcome = outcome_of([&] { return run_hello(settings); });
@@ -135,7 +135,7 @@ TEST_F(commands_test, AnErrorStatusIsExitCodeOne) {
     EXPECT_THAT(outcome.err, HasSubstr("Unknown command"));
 }
 
-TEST_F(commands_test, ListPrintsATableFieldsOrADocument) {
+TEST_F(commands_test, list_prints_a_table_fields_or_a_document) {
     EXPECT_EQ(list({}).out,
               "ID  STREAM  MODE        SIZE  SENT  RECEIVED  ADDRESS\n"
               " 0  cam1    publish  640x360  10 B      20 B  10.0.0.1:1\n"
@@ -148,7 +148,7 @@ TEST_F(commands_test, ListPrintsATableFieldsOrADocument) {
     EXPECT_THAT(list({}).out, StartsWith(R"({"slots":128,"connections":[{"id":0,)"));
 }
 
-TEST_F(commands_test, ListWithoutLegendIsOnlyTheRows) {
+TEST_F(commands_test, list_without_legend_is_only_the_rows) {
     ListOptions options;
     options.selection.streams = {"cam1"};
     options.no_legend = true;
@@ -157,7 +157,7 @@ TEST_F(commands_test, ListWithoutLegendIsOnlyTheRows) {
               "3  cam1  play     640x360  30 B  40 B  10.0.0.2:2\n");
 }
 
-TEST_F(commands_test, ListOfAModeIsPickedByTheServerAndNoneHere) {
+TEST_F(commands_test, list_of_a_mode_is_picked_by_the_server_and_none_here) {
     settings.form = OutputForm::PLAIN;
     ListOptions options;
     options.selection.mode = "none";
@@ -168,7 +168,7 @@ TEST_F(commands_test, ListOfAModeIsPickedByTheServerAndNoneHere) {
     EXPECT_THAT(requests[1].arguments, ElementsAre("play"));
 }
 
-TEST_F(commands_test, ListSaysSoWhenNothingMatches) {
+TEST_F(commands_test, list_says_so_when_nothing_matches) {
     ListOptions options;
     options.selection.streams = {"cam2"};
     EXPECT_EQ(list(options).exit_code, 1);
@@ -177,14 +177,14 @@ TEST_F(commands_test, ListSaysSoWhenNothingMatches) {
     EXPECT_EQ(list({}).exit_code, 0);
 }
 
-TEST_F(commands_test, AListingThatCannotBeReadIsExitCodeFive) {
+TEST_F(commands_test, a_listing_that_cannot_be_read_is_exit_code_five) {
     lines = {"what"};
     const Outcome outcome = list({});
     EXPECT_EQ(outcome.exit_code, 5);
     EXPECT_EQ(outcome.out, "");
 }
 
-TEST_F(commands_test, RawPrintsWhateverWasAnswered) {
+TEST_F(commands_test, raw_prints_whatever_was_answered) {
     status = 6;
     message = "Unknown command";
     RawOptions options;
@@ -196,7 +196,7 @@ TEST_F(commands_test, RawPrintsWhateverWasAnswered) {
     EXPECT_THAT(requests[0].arguments, ElementsAre("a", ""));
 }
 
-TEST_F(commands_test, RawAsyncOnlySends) {
+TEST_F(commands_test, raw_async_only_sends) {
     RawOptions options;
     options.async = true;
     options.request = {"hello", {}};
@@ -206,7 +206,7 @@ TEST_F(commands_test, RawAsyncOnlySends) {
     EXPECT_EQ(outcome.err, "");
 }
 
-TEST_F(commands_test, DropIdSendsTheStreamNameAsGuard) {
+TEST_F(commands_test, drop_id_sends_the_stream_name_as_guard) {
     const Outcome outcome = drop_id(of_id("3"));
     EXPECT_EQ(outcome.exit_code, 0);
     EXPECT_EQ(outcome.out, "dropped connection 3 of stream 'cam1'\n");
@@ -214,13 +214,13 @@ TEST_F(commands_test, DropIdSendsTheStreamNameAsGuard) {
     EXPECT_THAT(other_requests()[0].arguments, ElementsAre("3", "cam1"));
 }
 
-TEST_F(commands_test, DropIdOfAConnectionWithoutStreamHasNoGuard) {
+TEST_F(commands_test, drop_id_of_a_connection_without_stream_has_no_guard) {
     EXPECT_EQ(drop_id(of_id("9")).exit_code, 0);
     ASSERT_EQ(other_requests().size(), 1U);
     EXPECT_THAT(other_requests()[0].arguments, ElementsAre("9"));
 }
 
-TEST_F(commands_test, DropIdSendsTheNameThatTheUserExpects) {
+TEST_F(commands_test, drop_id_sends_the_name_that_the_user_expects) {
     message = "Stream name does not match";
     DropOptions options = of_id("3");
     options.expected_stream = "cam2";
@@ -232,19 +232,19 @@ TEST_F(commands_test, DropIdSendsTheNameThatTheUserExpects) {
     EXPECT_EQ(drop_id(options).exit_code, 2);
 }
 
-TEST_F(commands_test, DropIdOfAnEmptySlotMatchesNothing) {
+TEST_F(commands_test, drop_id_of_an_empty_slot_matches_nothing) {
     EXPECT_EQ(drop_id(of_id("5")).exit_code, 1);
     EXPECT_THAT(other_requests(), IsEmpty());
 }
 
-TEST_F(commands_test, ABadIdIsNeverSent) {
+TEST_F(commands_test, a_bad_id_is_never_sent) {
     for (const char* id : {"5x", "x5", "-1", "128", ""}) {
         EXPECT_EQ(drop_id(of_id(id)).exit_code, 2) << id;
     }
     EXPECT_THAT(requests, IsEmpty());
 }
 
-TEST_F(commands_test, DropIdIsSentBetweenTwoListings) {
+TEST_F(commands_test, drop_id_is_sent_between_two_listings) {
     EXPECT_EQ(drop_id(of_id("3")).exit_code, 0);
     std::vector<std::string> commands;
     for (const Request& request : requests) {
@@ -254,7 +254,7 @@ TEST_F(commands_test, DropIdIsSentBetweenTwoListings) {
                                       "list connections"));
 }
 
-TEST_F(commands_test, DropsOfLongNamesShareTheListingBetweenThem) {
+TEST_F(commands_test, drops_of_long_names_share_the_listing_between_them) {
     const auto line = [](char id, char letter) {
         return std::string(1, id) + "\t" + std::string(60000, letter) + "\tpublish\t\t1\t2\t10.0.0.1:1";
     };
@@ -269,7 +269,7 @@ TEST_F(commands_test, DropsOfLongNamesShareTheListingBetweenThem) {
     EXPECT_THAT(commands, ElementsAre("list", "list", "drop", "list", "drop", "list", "drop", "list"));
 }
 
-TEST_F(commands_test, DropIdTellsWhomItHitWhenTheSlotGotAnotherClient) {
+TEST_F(commands_test, drop_id_tells_whom_it_hit_when_the_slot_got_another_client) {
     const std::string newcomer = "3\tcam1\tplay\t\t0\t0\t10.0.0.9:9";
     later_lines = {lines, {newcomer}, {newcomer}};
     const Outcome outcome = drop_id(of_id("3"));
@@ -280,7 +280,7 @@ TEST_F(commands_test, DropIdTellsWhomItHitWhenTheSlotGotAnotherClient) {
                           "was looked up, and play of 'cam1' from 10.0.0.9:9 when it was dropped."));
 }
 
-TEST_F(commands_test, DropIdThatMayHaveHitAnotherClientSaysSo) {
+TEST_F(commands_test, drop_id_that_may_have_hit_another_client_says_so) {
     const std::string newcomer = "9\t\t\t\t0\t0\t10.0.0.9:9";
     settings.form = OutputForm::JSON;
     later_lines = {lines, lines, {newcomer}};
@@ -293,7 +293,7 @@ TEST_F(commands_test, DropIdThatMayHaveHitAnotherClientSaysSo) {
                           "stream from 10.0.0.3:3, after it without a stream from 10.0.0.9:9."));
 }
 
-TEST_F(commands_test, TheWatchdogCountsADropAsAMissWhenTheSlotGotAnotherClient) {
+TEST_F(commands_test, the_watchdog_counts_a_drop_as_a_miss_when_the_slot_got_another_client) {
     const std::string newcomer = "9\t\t\t\t0\t0\t10.0.0.9:9";
     WatchdogOptions options;
     options.limits.unnamed_us = 1;
@@ -312,7 +312,7 @@ TEST_F(commands_test, TheWatchdogCountsADropAsAMissWhenTheSlotGotAnotherClient) 
                                       "dropped 9, .* from 10\\.0\\.0\\.9:9: .*\\(misses so far: 1\\)\n"));
 }
 
-TEST_F(commands_test, TheWatchdogTellsWhoHasGoneAfterADropWithoutReply) {
+TEST_F(commands_test, the_watchdog_tells_who_has_gone_after_a_drop_without_reply) {
     WatchdogOptions options;
     options.limits.unnamed_us = 1;
     options.interval_seconds = 0.1;
@@ -333,7 +333,7 @@ TEST_F(commands_test, TheWatchdogTellsWhoHasGoneAfterADropWithoutReply) {
                                       "1\\); no reply came to the drop, and the client has gone\n"));
 }
 
-TEST_F(commands_test, OfSeveralIdsAllAreTriedAndTheWorstStatusIsTold) {
+TEST_F(commands_test, of_several_ids_all_are_tried_and_the_worst_status_is_told) {
     DropOptions options;
     options.ids = {"3", "5", "0", "3", "200"};
     const Outcome outcome = drop_id(options);
@@ -347,7 +347,7 @@ TEST_F(commands_test, OfSeveralIdsAllAreTriedAndTheWorstStatusIsTold) {
     EXPECT_EQ(drop_id(options).out, "1\n");
 }
 
-TEST_F(commands_test, OfSeveralAnswersTheDocumentHasNone) {
+TEST_F(commands_test, of_several_answers_the_document_has_none) {
     settings.form = OutputForm::JSON;
     EXPECT_THAT(drop_id(of_id("3")).out, HasSubstr(R"("message":"OK")"));
     DropOptions options;
@@ -355,7 +355,7 @@ TEST_F(commands_test, OfSeveralAnswersTheDocumentHasNone) {
     EXPECT_THAT(drop_id(options).out, HasSubstr(R"("message":null,"ids":[0,3])"));
 }
 
-TEST_F(commands_test, DropIdThatSendsNothingLeavesNothingUnknown) {
+TEST_F(commands_test, drop_id_that_sends_nothing_leaves_nothing_unknown) {
     DropOptions options = of_id("3");
     options.no_list = true;
     settings.socket_path = server.path() + "_missing";
@@ -367,7 +367,7 @@ TEST_F(commands_test, DropIdThatSendsNothingLeavesNothingUnknown) {
     EXPECT_THAT(drop_id(of_id("3")).err, HasSubstr("What was dropped until then is not known"));
 }
 
-TEST_F(commands_test, DropIdWithoutListNeedsNoList) {
+TEST_F(commands_test, drop_id_without_list_needs_no_list) {
     DropOptions options = of_id("3");
     options.no_list = true;
     EXPECT_EQ(drop_id(options).out, "dropped connection 3\n");
@@ -377,7 +377,7 @@ TEST_F(commands_test, DropIdWithoutListNeedsNoList) {
     EXPECT_THAT(requests[1].arguments, ElementsAre("3", "cam1"));
 }
 
-TEST_F(commands_test, ADryRunOfIdsShowsThemAndDropsNothing) {
+TEST_F(commands_test, a_dry_run_of_ids_shows_them_and_drops_nothing) {
     settings.form = OutputForm::PLAIN;
     DropOptions options;
     options.ids = {"3", "7"};
@@ -391,7 +391,7 @@ TEST_F(commands_test, ADryRunOfIdsShowsThemAndDropsNothing) {
     EXPECT_THAT(other_requests(), IsEmpty());
 }
 
-TEST_F(commands_test, DropAddressDropsWhatComesFromThere) {
+TEST_F(commands_test, drop_address_drops_what_comes_from_there) {
     DropOptions options;
     options.selection.addresses = {*parse_address_range("10.0.0.2/31")};
     options.dry_run = true;
@@ -407,7 +407,7 @@ TEST_F(commands_test, DropAddressDropsWhatComesFromThere) {
     EXPECT_EQ(outcome_of([&] { return run_drop_address(settings, options); }).exit_code, 1);
 }
 
-TEST_F(commands_test, DropStreamTakesPatternsAndModes) {
+TEST_F(commands_test, drop_stream_takes_patterns_and_modes) {
     message = "OK, 2 connections dropped";
     EXPECT_EQ(drop_stream(of_stream("c*", true)).out, "dropped 2 connections\n");
     EXPECT_THAT(other_requests()[0].arguments, ElementsAre("cam1"));
@@ -425,7 +425,7 @@ TEST_F(commands_test, DropStreamTakesPatternsAndModes) {
     EXPECT_THAT(outcome.err, HasSubstr("no connection publishes or plays 'cam2'"));
 }
 
-TEST_F(commands_test, StreamsCanBeNamed) {
+TEST_F(commands_test, streams_can_be_named) {
     settings.form = OutputForm::PLAIN;
     StreamsOptions options;
     options.names = {"cam?"};
@@ -437,7 +437,7 @@ TEST_F(commands_test, StreamsCanBeNamed) {
     EXPECT_EQ(outcome.out, "");
 }
 
-TEST_F(commands_test, StreamsWithoutLegendIsOnlyTheRows) {
+TEST_F(commands_test, streams_without_legend_is_only_the_rows) {
     lines.push_back("5\tcam1\tpublish\t\t0\t99\t10.0.0.5:5");
     StreamsOptions options;
     const std::string row = "cam1  0? 10.0.0.1:1  1  640x360  0 B/s  0 B/s  5\n";
@@ -448,14 +448,14 @@ TEST_F(commands_test, StreamsWithoutLegendIsOnlyTheRows) {
                 testing::EndsWith("\n? is a guess: the server does not tell which one.\n"));
 }
 
-TEST_F(commands_test, DropStreamNeedsForceWhereNobodyCanBeAsked) {
+TEST_F(commands_test, drop_stream_needs_force_where_nobody_can_be_asked) {
     const Outcome outcome = drop_stream(of_stream("cam1", false));
     EXPECT_EQ(outcome.exit_code, 2);
     EXPECT_THAT(outcome.err, HasSubstr("--force"));
     EXPECT_THAT(other_requests(), IsEmpty());
 }
 
-TEST_F(commands_test, DropStreamForcedTellsHowManyWereDropped) {
+TEST_F(commands_test, drop_stream_forced_tells_how_many_were_dropped) {
     message = "OK, 2 connections dropped";
     EXPECT_EQ(drop_stream(of_stream("cam1", true)).out, "dropped 2 connections\n");
     ASSERT_EQ(other_requests().size(), 1U);
@@ -468,17 +468,17 @@ TEST_F(commands_test, DropStreamForcedTellsHowManyWereDropped) {
               "{\"dropped\":2,\"dry_run\":false,\"message\":\"OK, 2 connections dropped\"}\n");
 }
 
-TEST_F(commands_test, DropStreamThatEndedMeanwhileMatchesNothing) {
+TEST_F(commands_test, drop_stream_that_ended_meanwhile_matches_nothing) {
     message = "OK, 0 connections dropped";
     EXPECT_EQ(drop_stream(of_stream("cam1", true)).exit_code, 1);
 }
 
-TEST_F(commands_test, DropStreamOfAnUnknownNameMatchesNothing) {
+TEST_F(commands_test, drop_stream_of_an_unknown_name_matches_nothing) {
     EXPECT_EQ(drop_stream(of_stream("cam2", true)).exit_code, 1);
     EXPECT_THAT(other_requests(), IsEmpty());
 }
 
-TEST_F(commands_test, ADryRunDropsNothing) {
+TEST_F(commands_test, a_dry_run_drops_nothing) {
     DropOptions options = of_stream("cam1", true);
     options.dry_run = true;
     const Outcome outcome = drop_stream(options);
@@ -487,7 +487,7 @@ TEST_F(commands_test, ADryRunDropsNothing) {
     EXPECT_THAT(other_requests(), IsEmpty());
 }
 
-TEST_F(commands_test, TheEmptyNameIsDroppedOnlyAsUnnamed) {
+TEST_F(commands_test, the_empty_name_is_dropped_only_as_unnamed) {
     message = "OK, 1 connections dropped";
     const Outcome refused = drop_stream(of_stream("", true));
     EXPECT_EQ(refused.exit_code, 2);
@@ -501,7 +501,7 @@ TEST_F(commands_test, TheEmptyNameIsDroppedOnlyAsUnnamed) {
     EXPECT_THAT(other_requests()[0].arguments, ElementsAre(""));
 }
 
-TEST_F(commands_test, EveryCompletionScriptIsPrinted) {
+TEST_F(commands_test, every_completion_script_is_printed) {
     EXPECT_THAT(outcome_of([] { return run_completion("bash"); }).out,
                 HasSubstr("complete -o nosort -F _v9_rtmp_ctl v9_rtmp_ctl"));
     EXPECT_THAT(outcome_of([] { return run_completion("zsh"); }).out, StartsWith("#compdef v9_rtmp_ctl"));

@@ -58,7 +58,7 @@ class history_test : public testing::Test {
 
 }  // namespace
 
-TEST_F(history_test, AClientsAgeBeginsWhenItIsFirstSeen) {
+TEST_F(history_test, a_clients_age_begins_when_it_is_first_seen) {
     listing_at(1000, {});
     EXPECT_THAT(history.clients(), IsEmpty());
     listing_at(1001, {player(3, 10)});
@@ -69,7 +69,7 @@ TEST_F(history_test, AClientsAgeBeginsWhenItIsFirstSeen) {
     EXPECT_THAT(history.clients(), IsEmpty());
 }
 
-TEST_F(history_test, AChoiceOfAStreamIsMadeByTheSameClient) {
+TEST_F(history_test, a_choice_of_a_stream_is_made_by_the_same_client) {
     listing_at(1000, {client(3, "", 10, 10)});
     EXPECT_EQ(history.clients()[0].stream_seen_us, 0U);
     listing_at(1005, {client(3, "play", 10, 10)});
@@ -77,7 +77,7 @@ TEST_F(history_test, AChoiceOfAStreamIsMadeByTheSameClient) {
     EXPECT_EQ(history.clients()[0].stream_seen_us, 1005 * SECOND);
 }
 
-TEST_F(history_test, AnotherAddressStreamModeOrACounterThatWentBackIsAnotherClient) {
+TEST_F(history_test, another_address_stream_mode_or_a_counter_that_went_back_is_another_client) {
     Connection elsewhere = player(3, 10);
     elsewhere.address = "10.0.0.3:2";
     for (const Connection& other :
@@ -92,7 +92,7 @@ TEST_F(history_test, AnotherAddressStreamModeOrACounterThatWentBackIsAnotherClie
     }
 }
 
-TEST_F(history_test, ACounterStandsStillFromTheListingThatLastShowedItGrown) {
+TEST_F(history_test, a_counter_stands_still_from_the_listing_that_last_showed_it_grown) {
     listing_at(1000, {player(3, 10)});
     listing_at(1001, {player(3, 20)});
     seconds(7, [](std::uint64_t /*second*/) { return std::vector{player(3, 20)}; });
@@ -103,7 +103,7 @@ TEST_F(history_test, ACounterStandsStillFromTheListingThatLastShowedItGrown) {
     EXPECT_EQ(still_us(history, history.clients()[0].sent), 0U);
 }
 
-TEST_F(history_test, TimeWithoutListingsCountsForAgesButMakesNoClientStandStill) {
+TEST_F(history_test, time_without_listings_counts_for_ages_but_makes_no_client_stand_still) {
     listing_at(1000, {player(3, 10)});
     listing_at(1600, {player(3, 10)});
     EXPECT_EQ(age_s(), 600U);
@@ -111,7 +111,7 @@ TEST_F(history_test, TimeWithoutListingsCountsForAgesButMakesNoClientStandStill)
     EXPECT_EQ(history.attended_us(), 5 * SECOND);
 }
 
-TEST_F(history_test, AListingWithoutAddressOrCountersCountsAgainstNoClient) {
+TEST_F(history_test, a_listing_without_address_or_counters_counts_against_no_client) {
     listing_at(1000, {player(3, 10)});
     Connection unknown = player(3, 10);
     unknown.bytes_sent.reset();
@@ -126,7 +126,7 @@ TEST_F(history_test, AListingWithoutAddressOrCountersCountsAgainstNoClient) {
     EXPECT_THAT(history.clients(), IsEmpty());
 }
 
-TEST_F(history_test, AClockThatWentBackBeginsANewHistoryOfClients) {
+TEST_F(history_test, a_clock_that_went_back_begins_a_new_history_of_clients) {
     listing_at(1000, {player(3, 10)});
     listing_at(1010, {player(3, 20)});
     listing_at(500, {player(3, 30)});
@@ -134,7 +134,7 @@ TEST_F(history_test, AClockThatWentBackBeginsANewHistoryOfClients) {
     EXPECT_EQ(history.streams().at("cam1").bytes_sent, 50U);
 }
 
-TEST_F(history_test, TotalsOfAStreamSurviveReconnects) {
+TEST_F(history_test, totals_of_a_stream_survive_reconnects) {
     listing_at(1000, {client(1, "", 100, 100), player(3, 10)});
     listing_at(1001, {client(1, "publish", 100, 500), player(3, 30)});
     listing_at(1002, {player(3, 70)});
@@ -145,7 +145,7 @@ TEST_F(history_test, TotalsOfAStreamSurviveReconnects) {
     EXPECT_THAT(history.streams(), SizeIs(1));
 }
 
-TEST_F(history_test, StallSecondsCountOnlyWhileTheStreamMoves) {
+TEST_F(history_test, stall_seconds_count_only_while_the_stream_moves) {
     const auto listed = [this](std::uint64_t fast, std::uint64_t slow, std::uint64_t source) {
         listing_at(now_s + 1, {player(1, fast), player(2, slow), publisher(3, source)});
     };
@@ -160,7 +160,7 @@ TEST_F(history_test, StallSecondsCountOnlyWhileTheStreamMoves) {
     EXPECT_EQ(stream.publisher_silence_us, 2 * SECOND);
 }
 
-TEST_F(history_test, NamesOfStrangersAreBounded) {
+TEST_F(history_test, names_of_strangers_are_bounded) {
     const std::string longest(ConnectionHistory::MAX_NAME_BYTES, 'a');
     listing_at(1000, {client(1, "play", 1, 1, longest), client(2, "play", 1, 1, longest + "a")});
     EXPECT_THAT(history.streams(), SizeIs(1));
@@ -172,7 +172,7 @@ TEST_F(history_test, NamesOfStrangersAreBounded) {
     EXPECT_FALSE(history.streams().contains("name0"));
 }
 
-TEST_F(history_test, ClientsAreComparedFromTheMomentWhenBothHaveSettled) {
+TEST_F(history_test, clients_are_compared_from_the_moment_when_both_have_settled) {
     // The second one joins five seconds later, and is sent a burst of headers then.
     seconds(5, [](std::uint64_t s) { return std::vector{player(1, (s - 1000) * 100)}; });
     seconds(5, [](std::uint64_t s) {
@@ -193,12 +193,12 @@ TEST_F(history_test, ClientsAreComparedFromTheMomentWhenBothHaveSettled) {
     EXPECT_THAT(gained_beside_until(first, second, history.attended_us() - 15 * SECOND), Optional(0U));
 }
 
-TEST_F(history_test, ClientsOfTwoStreamsAreNotCompared) {
+TEST_F(history_test, clients_of_two_streams_are_not_compared) {
     seconds(20, [](std::uint64_t s) { return std::vector{player(1, s), client(2, "play", s, s, "cam2")}; });
     EXPECT_EQ(gained_beside(history.clients()[0], history.clients()[1]), std::nullopt);
 }
 
-TEST_F(history_test, MovementIsKnownForClientsThatWereThereForTheWholeWindow) {
+TEST_F(history_test, movement_is_known_for_clients_that_were_there_for_the_whole_window) {
     seconds(10, [](std::uint64_t s) { return std::vector{player(1, s)}; });
     EXPECT_FALSE(recent_movement(history, history.clients()[0], 10 * SECOND, 2));
     seconds(1, [](std::uint64_t s) { return std::vector{player(1, s)}; });
@@ -213,13 +213,13 @@ TEST_F(history_test, MovementIsKnownForClientsThatWereThereForTheWholeWindow) {
     EXPECT_EQ(half->bytes, 4U);
 }
 
-TEST_F(history_test, SamplesStayAsManyAsTheWindowNeeds) {
+TEST_F(history_test, samples_stay_as_many_as_the_window_needs) {
     seconds(1000, [](std::uint64_t s) { return std::vector{player(1, s)}; });
     EXPECT_LE(history.clients()[0].samples.size(), 62U);
     EXPECT_THAT(recent_movement(history, history.clients()[0], 60 * SECOND, 3)->bytes, 60U);
 }
 
-TEST_F(history_test, ARestoredHistoryGoesOnWhereItWasSaved) {
+TEST_F(history_test, a_restored_history_goes_on_where_it_was_saved) {
     const auto both = [](std::uint64_t s) {
         return std::vector{client(1, "play", s * 10, 1, "a\"b\xc3\xa4"),
                            client(2, "play", 7, 1, "a\"b\xc3\xa4"), client(3, "", 1, 1)};
@@ -242,7 +242,7 @@ TEST_F(history_test, ARestoredHistoryGoesOnWhereItWasSaved) {
     EXPECT_EQ(restored.streams().begin()->second.bytes_sent, now_s * 10 + 7);
 }
 
-TEST_F(history_test, OfAnotherBootOnlyTotalsAreRestored) {
+TEST_F(history_test, of_another_boot_only_totals_are_restored) {
     seconds(3, [](std::uint64_t s) { return std::vector{player(1, s)}; });
     ConnectionHistory restored;
     ASSERT_TRUE(restored.restore(history.to_json(BOOT), "another boot"));
@@ -252,7 +252,7 @@ TEST_F(history_test, OfAnotherBootOnlyTotalsAreRestored) {
     EXPECT_EQ(restored.streams().at("cam1").bytes_sent, 1003U + 2000U);
 }
 
-TEST_F(history_test, TextThatIsNoHistoryIsRefused) {
+TEST_F(history_test, text_that_is_no_history_is_refused) {
     seconds(3, [](std::uint64_t s) { return std::vector{player(1, s)}; });
     const std::string saved = history.to_json(BOOT);
     for (const std::string& text :
@@ -263,7 +263,8 @@ TEST_F(history_test, TextThatIsNoHistoryIsRefused) {
     EXPECT_EQ(history.to_json(BOOT), saved);
 }
 
-TEST_F(history_test, APublisherStaysTheRelayedOneOverAPauseBetweenLooksWhileItsStreamHasPlayers) {
+TEST_F(history_test,
+       a_publisher_stays_the_relayed_one_over_a_pause_between_looks_while_its_stream_has_players) {
     for (const bool has_player : {true, false}) {
         history = ConnectionHistory();
         const auto both = [has_player](std::uint64_t s) {

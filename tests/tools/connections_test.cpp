@@ -36,7 +36,7 @@ std::vector<unsigned> sorted_ids(std::vector<Connection> connections, SortKey ke
 
 }  // namespace
 
-TEST(connection_line, SevenFieldsAreRead) {
+TEST(connection_line, seven_fields_are_read) {
     const std::optional<Connection> connection = parse_connection_line(FULL_LINE);
     ASSERT_TRUE(connection);
     EXPECT_EQ(connection->id, 5U);
@@ -48,13 +48,13 @@ TEST(connection_line, SevenFieldsAreRead) {
     EXPECT_EQ(connection->address, "10.0.0.1:5000");
 }
 
-TEST(connection_line, EmptyFieldsAreAbsent) {
+TEST(connection_line, empty_fields_are_absent) {
     const std::optional<Connection> connection = parse_connection_line("0\t\t\t\t\t\t");
     ASSERT_TRUE(connection);
     EXPECT_EQ(*connection, Connection());
 }
 
-TEST(connection_line, ATabInTheStreamNameForgesNoField) {
+TEST(connection_line, a_tab_in_the_stream_name_forges_no_field) {
     const std::optional<Connection> connection =
         parse_connection_line("3\tcam\tplay\t1x1\t9\t9\t6.6.6.6:6\tpublish\t2x2\t1\t2\t10.0.0.1:5000");
     ASSERT_TRUE(connection);
@@ -65,13 +65,13 @@ TEST(connection_line, ATabInTheStreamNameForgesNoField) {
               "3\tcam\\x09play\\x091x1\\x099\\x099\\x096.6.6.6:6\tpublish\t2x2\t1\t2\t10.0.0.1:5000");
 }
 
-TEST(connection_line, ALineEndInTheStreamNameForgesNoLine) {
+TEST(connection_line, a_line_end_in_the_stream_name_forges_no_line) {
     const std::optional<Connection> connection = parse_connection_line("3\tx\n4\tplay\t\t1\t2\ta");
     ASSERT_TRUE(connection);
     EXPECT_EQ(plain_line(*connection), "3\tx\\x0A4\tplay\t\t1\t2\ta");
 }
 
-TEST(connection_line, ALongNameIsCutAndItsLengthIsKept) {
+TEST(connection_line, a_long_name_is_cut_and_its_length_is_kept) {
     Connection connection = make(0, std::string(1000, 'x'), "play");
     cut_name(connection, 1000);
     EXPECT_EQ(connection.stream, std::string(1000, 'x'));
@@ -81,7 +81,7 @@ TEST(connection_line, ALongNameIsCutAndItsLengthIsKept) {
     EXPECT_EQ(connection.whole_name_bytes, 1000U);
 }
 
-TEST(connection_line, WhatIsNoLineIsRefused) {
+TEST(connection_line, what_is_no_line_is_refused) {
     for (const char* line :
          {"", "5", "5\tcam1\tplay\t\t1\t2",  // six fields
           "\tcam1\tplay\t\t1\t2\ta",         // no id
@@ -96,14 +96,14 @@ TEST(connection_line, WhatIsNoLineIsRefused) {
     }
 }
 
-TEST(connection_line, TheLargestNumbersAreRead) {
+TEST(connection_line, the_largest_numbers_are_read) {
     const char* const line = "127\tcam1\tplay\t2147483647x4294967295\t18446744073709551615\t0\ta";
     const std::optional<Connection> connection = parse_connection_line(line);
     ASSERT_TRUE(connection);
     EXPECT_EQ(plain_line(*connection), line);
 }
 
-TEST(connection_line, ThePlainFormIsTheServersOwn) {
+TEST(connection_line, the_plain_form_is_the_servers_own) {
     for (const char* line :
          {FULL_LINE, "0\t\t\t\t0\t0\t1.2.3.4:5", "127\tcam_2\tplay\t\t1\t2\t", "9\ta\tplay\t\t\t\t"}) {
         const std::optional<Connection> connection = parse_connection_line(line);
@@ -112,7 +112,7 @@ TEST(connection_line, ThePlainFormIsTheServersOwn) {
     }
 }
 
-TEST(rates, AreBytesPerSecondBetweenTwoListings) {
+TEST(rates, are_bytes_per_second_between_two_listings) {
     const Listing before = listing_of(1000000, "5\tcam1\tplay\t\t1000\t200\ta");
     Listing after = listing_of(3000000, "5\tcam1\tplay\t\t5000\t200\ta");
     add_rates(before, after);
@@ -121,7 +121,7 @@ TEST(rates, AreBytesPerSecondBetweenTwoListings) {
     EXPECT_THAT(total_rate(after.connections[0]), Optional(DoubleEq(2000)));
 }
 
-TEST(rates, AreUnknownForSomebodyElseInTheSameSlot) {
+TEST(rates, are_unknown_for_somebody_else_in_the_same_slot) {
     const Listing before = listing_of(1000000, "5\tcam1\tplay\t\t1000\t200\ta");
     for (const char* line : {"5\tcam1\tplay\t\t2000\t300\tb", "5\tcam2\tplay\t\t2000\t300\ta",
                              "5\tcam1\tpublish\t\t2000\t300\ta", "6\tcam1\tplay\t\t2000\t300\ta"}) {
@@ -132,7 +132,7 @@ TEST(rates, AreUnknownForSomebodyElseInTheSameSlot) {
     }
 }
 
-TEST(rates, AreUnknownWhereACounterIsMissingOrWentBack) {
+TEST(rates, are_unknown_where_a_counter_is_missing_or_went_back) {
     const Listing before = listing_of(1000000, "5\tcam1\tplay\t\t1000\t200\ta");
     Listing gone_back = listing_of(2000000, "5\tcam1\tplay\t\t999\t300\ta");
     add_rates(before, gone_back);
@@ -143,7 +143,7 @@ TEST(rates, AreUnknownWhereACounterIsMissingOrWentBack) {
     EXPECT_EQ(missing.connections[0].received_rate, std::nullopt);
 }
 
-TEST(rates, AreUnknownWhenNoTimeHasPassed) {
+TEST(rates, are_unknown_when_no_time_has_passed) {
     const Listing before = listing_of(1000000, "5\tcam1\tplay\t\t1000\t200\ta");
     for (const std::uint64_t taken_us : {std::uint64_t{1000000}, std::uint64_t{999999}}) {
         Listing after = listing_of(taken_us, "5\tcam1\tplay\t\t5000\t200\ta");
@@ -152,7 +152,7 @@ TEST(rates, AreUnknownWhenNoTimeHasPassed) {
     }
 }
 
-TEST(sorting, FollowsTheKey) {
+TEST(sorting, follows_the_key) {
     const std::vector<Connection> connections{make(4, "", ""), make(3, "b", "play", 5.0),
                                               make(2, "b", "publish", 7.0), make(1, "a", "play"),
                                               make(0, "b", "play", 0.0)};

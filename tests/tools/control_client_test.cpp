@@ -68,7 +68,7 @@ class RudeServer {
 
 }  // namespace
 
-TEST(control_client, CallsAndReadsTheWholeReply) {
+TEST(control_client, calls_and_reads_the_whole_reply) {
     std::vector<Request> requests;
     const FakeServer server([&requests](const Request& request, bool async) {
         EXPECT_FALSE(async);
@@ -89,7 +89,7 @@ TEST(control_client, CallsAndReadsTheWholeReply) {
     EXPECT_THAT(requests[0].arguments, ElementsAre("", "-1", std::string("x\0y", 3)));
 }
 
-TEST(control_client, EveryWayToFailHasItsExitCode) {
+TEST(control_client, every_way_to_fail_has_its_exit_code) {
     const std::string directory = make_directory();
     EXPECT_EQ(exit_code_of_call(directory + "/none", TIMEOUT_US), ExitCode::NOT_RUNNING);
     EXPECT_EQ(exit_code_of_call(std::string(200, 'x'), TIMEOUT_US), ExitCode::USAGE);
@@ -105,7 +105,7 @@ TEST(control_client, EveryWayToFailHasItsExitCode) {
     EXPECT_EQ(exit_code_of_call(half_a_frame.path(), TIMEOUT_US), ExitCode::NO_REPLY);
 }
 
-TEST(control_client, ARequestAboveALimitIsAMistakeOfTheUser) {
+TEST(control_client, a_request_above_a_limit_is_a_mistake_of_the_user) {
     const FakeServer server([](const Request& request, bool) { return Reply{0, request.command, "", {}}; });
     ControlClient client(server.path(), TIMEOUT_US);
     Reply reply;
@@ -115,7 +115,7 @@ TEST(control_client, ARequestAboveALimitIsAMistakeOfTheUser) {
     EXPECT_EQ(failure->exit_code, ExitCode::USAGE);
 }
 
-TEST(control_client, ConnectsAgainAfterAFailure) {
+TEST(control_client, connects_again_after_a_failure) {
     bool silent = true;
     const FakeServer server([&silent](const Request& request, bool) {
         const bool skip = std::exchange(silent, false);
@@ -129,7 +129,7 @@ TEST(control_client, ConnectsAgainAfterAFailure) {
     EXPECT_GE(client.fd(), 0);
 }
 
-TEST(control_client, AStartedRequestIsPolledForItsReply) {
+TEST(control_client, a_started_request_is_polled_for_its_reply) {
     const FakeServer server([](const Request& request, bool) { return Reply{0, request.command, "", {}}; });
     ControlClient client(server.path(), TIMEOUT_US);
     ASSERT_FALSE(client.start({{"one", {}}, {"two", {}}}));
@@ -146,7 +146,7 @@ TEST(control_client, AStartedRequestIsPolledForItsReply) {
     }
 }
 
-TEST(control_client, SeveralRequestsGetTheirRepliesInOrder) {
+TEST(control_client, several_requests_get_their_replies_in_order) {
     const FakeServer server([](const Request& request, bool) { return Reply{0, request.command, "", {}}; });
     ControlClient client(server.path(), TIMEOUT_US);
     std::vector<Reply> replies;
@@ -156,7 +156,7 @@ TEST(control_client, SeveralRequestsGetTheirRepliesInOrder) {
     EXPECT_EQ(replies[2].command, "three");
 }
 
-TEST(control_client, AReplyThatKeepsComingMayTakeLongerThanSilence) {
+TEST(control_client, a_reply_that_keeps_coming_may_take_longer_than_silence) {
     for (const std::uint64_t silence_s : {0U, 1U, 5U, 60U, 61U, 1000U}) {
         const std::uint64_t silence_us = silence_s * 1000000;
         EXPECT_GT(longest_reply_us(silence_us), silence_us);
@@ -164,7 +164,7 @@ TEST(control_client, AReplyThatKeepsComingMayTakeLongerThanSilence) {
     EXPECT_EQ(longest_reply_us(5000000), 60000000U);
 }
 
-TEST(listing, OnlyConnectionPairsAreRead) {
+TEST(listing, only_connection_pairs_are_read) {
     Listing listing;
     ASSERT_FALSE(read_listing({0,
                                "",
@@ -178,7 +178,7 @@ TEST(listing, OnlyConnectionPairsAreRead) {
     EXPECT_EQ(listing.connections[1].id, 2U);
 }
 
-TEST(listing, ABadLineOrStatusIsAFailure) {
+TEST(listing, a_bad_line_or_status_is_a_failure) {
     Listing listing;
     std::optional<Failure> failure = read_listing({0, "", "", {{"connection", "what"}}}, listing);
     ASSERT_TRUE(failure);
@@ -188,7 +188,7 @@ TEST(listing, ABadLineOrStatusIsAFailure) {
     EXPECT_EQ(failure->exit_code, ExitCode::NEGATIVE_ANSWER);
 }
 
-TEST(listing, AModeIsPassedOnlyWhenThereIsOne) {
+TEST(listing, a_mode_is_passed_only_when_there_is_one) {
     EXPECT_TRUE(list_request("").arguments.empty());
     EXPECT_THAT(list_request("play").arguments, ElementsAre("play"));
 }

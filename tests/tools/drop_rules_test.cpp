@@ -6,7 +6,7 @@
 using testing::ElementsAre;
 using testing::Optional;
 
-TEST(drop_rules, AnIdIsDecimalAndBelow128) {
+TEST(drop_rules, an_id_is_decimal_and_below_128) {
     EXPECT_THAT(parse_connection_id("0"), Optional(0U));
     EXPECT_THAT(parse_connection_id("127"), Optional(127U));
     EXPECT_THAT(parse_connection_id("007"), Optional(7U));
@@ -16,7 +16,7 @@ TEST(drop_rules, AnIdIsDecimalAndBelow128) {
     }
 }
 
-TEST(drop_rules, TheCountIsReadFromTheAnswer) {
+TEST(drop_rules, the_count_is_read_from_the_answer) {
     EXPECT_THAT(dropped_count("OK, 0 connections dropped"), Optional(0U));
     EXPECT_THAT(dropped_count("OK, 128 connections dropped"), Optional(128U));
     for (const char* message :
@@ -26,13 +26,13 @@ TEST(drop_rules, TheCountIsReadFromTheAnswer) {
     }
 }
 
-TEST(drop_rules, AKnownStreamNameGuardsTheDrop) {
+TEST(drop_rules, a_known_stream_name_guards_the_drop) {
     EXPECT_EQ(drop_id_request(5, "cam1").command, "drop connection by id");
     EXPECT_THAT(drop_id_request(5, "cam1").arguments, ElementsAre("5", "cam1"));
     EXPECT_THAT(drop_id_request(5, "").arguments, ElementsAre("5"));
 }
 
-TEST(drop_rules, OnlyAPlainOkMeansThatItWasDropped) {
+TEST(drop_rules, only_a_plain_ok_means_that_it_was_dropped) {
     EXPECT_FALSE(judge_drop_id(5, "cam1", {0, "", "OK", {}}));
     struct Row {
         std::uint64_t status;
@@ -53,7 +53,7 @@ TEST(drop_rules, OnlyAPlainOkMeansThatItWasDropped) {
     }
 }
 
-TEST(drop_rules, ACandidateIsDroppedOnlyWhileTheListingHasItAsItWas) {
+TEST(drop_rules, a_candidate_is_dropped_only_while_the_listing_has_it_as_it_was) {
     const Connection unnamed = *parse_connection_line("5\t\t\t\t1\t2\t10.0.0.1:1");
     const Connection player = *parse_connection_line("6\tcam1\tplay\t\t1\t2\t10.0.0.2:2");
     Connection busier = player;
@@ -70,7 +70,7 @@ TEST(drop_rules, ACandidateIsDroppedOnlyWhileTheListingHasItAsItWas) {
     EXPECT_THAT(judge_candidate(unnamed, {player})->message, testing::HasSubstr("there is no connection 5"));
 }
 
-TEST(drop_rules, AClientThatHasChosenAStreamMeanwhileIsNotCalledAnother) {
+TEST(drop_rules, a_client_that_has_chosen_a_stream_meanwhile_is_not_called_another) {
     const Connection unnamed = *parse_connection_line("5\t\t\t\t1\t2\t10.0.0.1:1");
     const Connection named = *parse_connection_line("5\tcam1\tpublish\t\t1\t2\t10.0.0.1:1");
     const std::optional<Failure> failure =
@@ -83,7 +83,7 @@ TEST(drop_rules, AClientThatHasChosenAStreamMeanwhileIsNotCalledAnother) {
                                     "'cam1' from 10.0.0.1:1 when it was dropped."));
 }
 
-TEST(drop_rules, OnlyWhatBothListingsAgreeOnIsCertain) {
+TEST(drop_rules, only_what_both_listings_agree_on_is_certain) {
     const Connection meant = *parse_connection_line("5\tcam1\tplay\t\t1\t2\t10.0.0.1:1");
     const Connection other = *parse_connection_line("5\tcam1\tplay\t\t1\t2\t10.0.0.2:2");
     const Connection renamed = *parse_connection_line("5\tdemo\tplay\t\t1\t2\t10.0.0.1:1");

@@ -44,13 +44,13 @@ class hook_test : public testing::Test {
 
 }  // namespace
 
-TEST_F(hook_test, GetsValuesInItsEnvironmentAndNoArguments) {
+TEST_F(hook_test, gets_values_in_its_environment_and_no_arguments) {
     EXPECT_EQ(run(R"(echo "$# $V9_EVENT $V9_STREAM ${V9_MODE-unset}." > "$0.out"; cat >> "$0.out")"),
               std::nullopt);
     EXPECT_EQ(output(), "0 play a b;$(touch owned)'\" .\n");
 }
 
-TEST_F(hook_test, ThatFailsIsReported) {
+TEST_F(hook_test, that_fails_is_reported) {
     EXPECT_THAT(run("exit 3"), Optional(std::string("ended with status 3")));
     EXPECT_THAT(run("kill -TERM $$"), Optional(std::string("was ended by signal 15")));
     sigset_t mask;
@@ -59,12 +59,12 @@ TEST_F(hook_test, ThatFailsIsReported) {
                 Optional(std::string("could not be started (No such file or directory)")));
 }
 
-TEST_F(hook_test, ThatDoesNotEndIsKilled) {
+TEST_F(hook_test, that_does_not_end_is_killed) {
     EXPECT_THAT(run("exec sleep 100", 1000000),
                 Optional(std::string("ran for more than 1 s and was killed")));
 }
 
-TEST_F(hook_test, ItsOutputGoesToStandardErrorAndNotBetweenTheEventLines) {
+TEST_F(hook_test, its_output_goes_to_standard_error_and_not_between_the_event_lines) {
     testing::internal::CaptureStdout();
     testing::internal::CaptureStderr();
     EXPECT_EQ(run("echo text"), std::nullopt);
@@ -72,7 +72,7 @@ TEST_F(hook_test, ItsOutputGoesToStandardErrorAndNotBetweenTheEventLines) {
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
 }
 
-TEST_F(hook_test, ThatIsKilledLeavesNoProgramOfItsOwnBehind) {
+TEST_F(hook_test, that_is_killed_leaves_no_program_of_its_own_behind) {
     // Each of the programs holds the writing end.
     std::array<int, 2> ends{};
     ASSERT_EQ(pipe(ends.data()), 0);

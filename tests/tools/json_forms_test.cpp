@@ -15,7 +15,7 @@ Connection full_connection() {
 
 }  // namespace
 
-TEST(reply_json, IsOneLineInAFixedForm) {
+TEST(reply_json, is_one_line_in_a_fixed_form) {
     EXPECT_EQ(reply_json({0, "hello", "How are you?", {}}),
               R"({"status": 0, "command": "hello", "message": "How are you?", "pairs": []})");
     EXPECT_EQ(
@@ -23,30 +23,30 @@ TEST(reply_json, IsOneLineInAFixedForm) {
         R"({"status": 6, "command": "x", "message": "Unknown command", "pairs": [["b","1"], ["a","2"], ["b",""]]})");
 }
 
-TEST(reply_json, AStatusOf64BitsIsWhole) {
+TEST(reply_json, a_status_of_64_bits_is_whole) {
     EXPECT_EQ(reply_json({18446744073709551615U, "", "", {}}),
               R"({"status": 18446744073709551615, "command": "", "message": "", "pairs": []})");
 }
 
-TEST(reply_json, BytesThatAreNotUtf8BecomeTheReplacementCharacter) {
+TEST(reply_json, bytes_that_are_not_utf8become_the_replacement_character) {
     EXPECT_EQ(
         reply_json({0, "a\xff", "\xc3\xa4\xc3", {{"\x80", "ok\xf0\x9f"}}}),
         "{\"status\": 0, \"command\": \"a\xef\xbf\xbd\", \"message\": \"\xc3\xa4\xef\xbf\xbd\", \"pairs\": "
         "[[\"\xef\xbf\xbd\",\"ok\xef\xbf\xbd\"]]}");
 }
 
-TEST(reply_json, ControlBytesQuotesAndZerosAreEscaped) {
+TEST(reply_json, control_bytes_quotes_and_zeros_are_escaped) {
     EXPECT_EQ(reply_json({0, "a\tb\nc\"\\", std::string("x\0y\x1b", 4), {}}),
               R"({"status": 0, "command": "a\tb\nc\"\\", "message": "x\u0000y\u001b", "pairs": []})");
 }
 
-TEST(reply_json, ControlsThatATerminalWouldObeyAreEscapedAndOtherTextStaysAsItIs) {
+TEST(reply_json, controls_that_a_terminal_would_obey_are_escaped_and_other_text_stays_as_it_is) {
     EXPECT_EQ(reply_json({0, "\x7f", "\xc2\x80\xc2\x9b\xc2\x9f\xc2\xa0\xc3\x9b", {}}),
               "{\"status\": 0, \"command\": \"\\u007f\", \"message\": "
               "\"\\u0080\\u009b\\u009f\xc2\xa0\xc3\x9b\", \"pairs\": []}");
 }
 
-TEST(list_json, NumbersAreNumbers) {
+TEST(list_json, numbers_are_numbers) {
     EXPECT_EQ(
         list_json({full_connection()}),
         R"({"slots":128,"connections":[{"id":5,"stream":"cam1","mode":"publish","width":1280,"height":720,)"
@@ -54,7 +54,7 @@ TEST(list_json, NumbersAreNumbers) {
         R"("bytes_received_per_second":1000000,"address":"10.0.0.1:5000"}]})");
 }
 
-TEST(list_json, AbsentValuesAreNull) {
+TEST(list_json, absent_values_are_null) {
     EXPECT_EQ(list_json({Connection()}),
               R"({"slots":128,"connections":[{"id":0,"stream":null,"mode":null,"width":null,"height":null,)"
               R"("bytes_sent":null,"bytes_received":null,"bytes_sent_per_second":null,)"
@@ -62,7 +62,7 @@ TEST(list_json, AbsentValuesAreNull) {
     EXPECT_EQ(list_json({}), R"({"slots":128,"connections":[]})");
 }
 
-TEST(streams_json, HasOneObjectForEachStream) {
+TEST(streams_json, has_one_object_for_each_stream) {
     StreamSummary summary;
     summary.stream = "cam1";
     summary.publisher_id = 3;
@@ -91,11 +91,11 @@ TEST(streams_json, HasOneObjectForEachStream) {
                 testing::HasSubstr(R"("bits_in_per_second":8003,"bits_out_per_second":16000)"));
 }
 
-TEST(watch_json, SaysWhetherTheServerRuns) {
+TEST(watch_json, says_whether_the_server_runs) {
     EXPECT_EQ(watch_json(false, {}, {}), R"({"running":false,"slots":128,"streams":[],"connections":[]})");
 }
 
-TEST(other_json, TellWhatWasDone) {
+TEST(other_json, tell_what_was_done) {
     EXPECT_EQ(hello_json({"How are you?", 12345, std::vector<unsigned>{17}, {}}),
               R"({"greeting":"How are you?","round_trip_ms":12.345,"listeners":[17],"notes":[]})");
     EXPECT_EQ(hello_json({"Hi", 1000, std::nullopt, {"two"}}),

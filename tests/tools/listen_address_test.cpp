@@ -3,7 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-TEST(listen_address, IsAnAddressAndAPort) {
+TEST(listen_address, is_an_address_and_a_port) {
     for (const char* const text : {"127.0.0.1:9935", "0.0.0.0:0", "[::1]:9935", "[::]:65535"}) {
         const std::optional<ListenAddress> parsed = parse_listen_address(text);
         ASSERT_TRUE(parsed) << text;
@@ -11,7 +11,7 @@ TEST(listen_address, IsAnAddressAndAPort) {
     }
 }
 
-TEST(listen_address, IsNothingElse) {
+TEST(listen_address, is_nothing_else) {
     for (const char* const text :
          {"", ":9935", "127.0.0.1", "127.0.0.1:", "127.0.0.1:65536", "127.0.0.1:-1", "localhost:9935",
           "::1:9935", "[::1]9935", "[::1", "[127.0.0.1]:1", "1.2.3.4:80 "}) {
@@ -19,7 +19,7 @@ TEST(listen_address, IsNothingElse) {
     }
 }
 
-TEST(host_of_a_request, MayHaveAPortOrNone) {
+TEST(host_of_a_request, may_have_a_port_or_none) {
     const std::optional<HostAndPort> with_port = split_host("Relay.example:9935");
     ASSERT_TRUE(with_port);
     EXPECT_EQ(with_port->host, "relay.example");

@@ -46,13 +46,13 @@ class metrics_test : public testing::Test {
 
 }  // namespace
 
-TEST_F(metrics_test, TellThatTheServerDoesNotAnswer) {
+TEST_F(metrics_test, tell_that_the_server_does_not_answer) {
     const std::string text = metrics_text(source);
     EXPECT_THAT(text, HasSubstr("\nv9_rtmp_up 0\n"));
     EXPECT_THAT(text, Not(HasSubstr("v9_rtmp_connections")));
 }
 
-TEST_F(metrics_test, OfAServerThatDoesNotAnswerAreItsCountersAlone) {
+TEST_F(metrics_test, of_a_server_that_does_not_answer_are_its_counters_alone) {
     static_cast<void>(everything());
     source.round_trip_s.reset();
     source.connections.clear();
@@ -62,7 +62,7 @@ TEST_F(metrics_test, OfAServerThatDoesNotAnswerAreItsCountersAlone) {
     EXPECT_THAT(text, Not(HasSubstr("v9_rtmp_stream_players")));
 }
 
-TEST_F(metrics_test, CountConnectionsStreamsAndBytes) {
+TEST_F(metrics_test, count_connections_streams_and_bytes) {
     const std::string text = everything();
     for (const char* const line :
          {"v9_rtmp_up 1", "v9_rtmp_slots 128", R"(v9_rtmp_connections{mode="publish"} 2)",
@@ -80,7 +80,7 @@ TEST_F(metrics_test, CountConnectionsStreamsAndBytes) {
     }
 }
 
-TEST_F(metrics_test, OfOneListingLeaveOutWhatItCannotTell) {
+TEST_F(metrics_test, of_one_listing_leave_out_what_it_cannot_tell) {
     source.connections = {observed_publisher(0, "cam1", 100000)};
     source.round_trip_s = 0.05;
     const std::string text = metrics_text(source);
@@ -90,7 +90,7 @@ TEST_F(metrics_test, OfOneListingLeaveOutWhatItCannotTell) {
     EXPECT_THAT(text, Not(HasSubstr("v9_rtmp_server_")));
 }
 
-TEST_F(metrics_test, AHostileStreamNameStaysAValue) {
+TEST_F(metrics_test, a_hostile_stream_name_stays_a_value) {
     const std::string text = everything();
     EXPECT_THAT(text, HasSubstr("{stream=\"a\\\"} 1\\\\x0Aevil_metric 9\\\\x0A\\\\ \\\\xFF\\\\xC3 "
                                 "\\\\xE2\\\\x80\\\\xAE{}\\\\x09\"} 70000\n"));
@@ -102,7 +102,7 @@ TEST_F(metrics_test, AHostileStreamNameStaysAValue) {
     }
 }
 
-TEST_F(metrics_test, EachHasItsHelpAndTypeOnce) {
+TEST_F(metrics_test, each_has_its_help_and_type_once) {
     std::istringstream lines(everything());
     std::set<std::string> described;
     std::string current;
@@ -120,7 +120,7 @@ TEST_F(metrics_test, EachHasItsHelpAndTypeOnce) {
     }
 }
 
-TEST_F(metrics_test, TwoNamesThatLookTheSameShareASeries) {
+TEST_F(metrics_test, two_names_that_look_the_same_share_a_series) {
     look(1, {observed_publisher(0, "a\xff", 100000), observed_publisher(1, "a\\xFF", 100000)});
     source.round_trip_s = 0.05;
     source.history = &history;
@@ -128,6 +128,6 @@ TEST_F(metrics_test, TwoNamesThatLookTheSameShareASeries) {
     EXPECT_THAT(metrics_text(source), HasSubstr("{stream=\"a\\\\xFF\"} 200000\n"));
 }
 
-TEST(metrics_label, EscapesWhatEndsAValueOrALine) {
+TEST(metrics_label, escapes_what_ends_a_value_or_a_line) {
     EXPECT_EQ(escape_label("a\"b\\c\nd"), R"(a\"b\\c\nd)");
 }

@@ -26,7 +26,7 @@ class monitor_test : public testing::Test {
 
 }  // namespace
 
-TEST_F(monitor_test, TakesTheAgesOfAWatchdogsHistoryAndNotItsCounters) {
+TEST_F(monitor_test, takes_the_ages_of_a_watchdogs_history_and_not_its_counters) {
     ConnectionHistory watchdogs;
     watchdogs.take_in({clock_us() - 60 * ONE_SECOND_US, {observed_publisher(0, "cam1", 100000)}});
     ASSERT_TRUE(replace_file(state + "/" + WATCHDOG_HISTORY_FILE, watchdogs.to_json(boot_id())));
@@ -40,7 +40,7 @@ TEST_F(monitor_test, TakesTheAgesOfAWatchdogsHistoryAndNotItsCounters) {
     EXPECT_GE(history.now_us() - history.clients().at(0).first_seen_us, 60 * ONE_SECOND_US);
 }
 
-TEST_F(monitor_test, CountsFromItsFirstLookWhereNoWatchdogRuns) {
+TEST_F(monitor_test, counts_from_its_first_look_where_no_watchdog_runs) {
     Monitor monitor(server.path(), 5 * ONE_SECOND_US, state);
     for (const std::uint64_t received_since : {0U, 50U}) {
         monitor.look();
@@ -49,7 +49,7 @@ TEST_F(monitor_test, CountsFromItsFirstLookWhereNoWatchdogRuns) {
     }
 }
 
-TEST(monitor, CountsAllOfTheTimeBetweenLooksThatAreFarApart) {
+TEST(monitor, counts_all_of_the_time_between_looks_that_are_far_apart) {
     ConnectionHistory history(times_between_looks(15 * ONE_SECOND_US));
     for (const std::uint64_t second : {100U, 115U, 130U}) {
         history.take_in({second * ONE_SECOND_US, {observed_publisher(0, "cam1", 100000)}});

@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-TEST(output, ColorNeedsATerminalAndNobodyWhoDeclines) {
+TEST(output, color_needs_a_terminal_and_nobody_who_declines) {
     EXPECT_TRUE(wants_color(true, false, nullptr, "xterm"));
     EXPECT_TRUE(wants_color(true, false, "", "xterm"));
     EXPECT_FALSE(wants_color(false, false, nullptr, "xterm"));
@@ -13,7 +13,7 @@ TEST(output, ColorNeedsATerminalAndNobodyWhoDeclines) {
     EXPECT_FALSE(wants_color(true, false, nullptr, nullptr));
 }
 
-TEST(output, OnlyTitlesAreBold) {
+TEST(output, only_titles_are_bold) {
     testing::internal::CaptureStdout();
     print_lines({"ID", "1"}, true, {80, true});
     print_lines({"1"}, false, {80, true});

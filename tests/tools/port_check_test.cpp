@@ -6,7 +6,7 @@
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-TEST(port_check, SocketsThatListenOnThePortAreFound) {
+TEST(port_check, sockets_that_listen_on_the_port_are_found) {
     constexpr const char* TABLE =
         "  sl  local_address rem_address   st tx_queue rx_queue tr tm->when retrnsmt   uid  timeout inode\n"
         "   0: 00000000:078F 00000000:0000 0A 00000000:00000000 00:00000000 00000000  1000        0 4711 1 0 "
@@ -25,7 +25,7 @@ TEST(port_check, SocketsThatListenOnThePortAreFound) {
     EXPECT_THAT(find_listening("", RTMP_PORT), IsEmpty());
 }
 
-TEST(port_check, WhatCannotBeSeenIsSaid) {
+TEST(port_check, what_cannot_be_seen_is_said) {
     const PortCheck check = check_port(Peer{});
     EXPECT_THAT(check.gap, testing::HasSubstr("/proc does not show the process that answers"));
     EXPECT_THAT(check.warnings, IsEmpty());

@@ -33,7 +33,7 @@ class rate_plots_test : public testing::Test {
 
 }  // namespace
 
-TEST_F(rate_plots_test, HaveAPointForEachStep) {
+TEST_F(rate_plots_test, have_a_point_for_each_step) {
     run_until(5);
     EXPECT_THAT(rates.streams(), IsEmpty());
     run_until(16);
@@ -45,13 +45,13 @@ TEST_F(rate_plots_test, HaveAPointForEachStep) {
     EXPECT_DOUBLE_EQ(rates.total().back().in, 1000);
 }
 
-TEST_F(rate_plots_test, KeepTheLastMinutesOnly) {
+TEST_F(rate_plots_test, keep_the_last_minutes_only) {
     run_until(1000);
     EXPECT_THAT(rates.streams().at("cam1"), SizeIs(RateHistory::MAX_POINTS));
     EXPECT_THAT(rates.total(), SizeIs(RateHistory::MAX_POINTS));
 }
 
-TEST_F(rate_plots_test, ForgetAStreamThatHasBeenGoneForMinutes) {
+TEST_F(rate_plots_test, forget_a_stream_that_has_been_gone_for_minutes) {
     run_until(20);
     for (; now_s < 100; ++now_s) {
         look({});

@@ -3,7 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-TEST(selection, APatternMatchesWholeNames) {
+TEST(selection, a_pattern_matches_whole_names) {
     struct Row {
         const char* pattern;
         const char* name;
@@ -34,13 +34,13 @@ TEST(selection, APatternMatchesWholeNames) {
     }
 }
 
-TEST(selection, AMegabyteOfNameIsMatchedInTime) {
+TEST(selection, a_megabyte_of_name_is_matched_in_time) {
     const std::string name(1 << 20, 'a');
     EXPECT_FALSE(matches_name("*a*a*a*a*a*a*b", name));
     EXPECT_TRUE(matches_name("*a*a*a*a*a*a*", name));
 }
 
-TEST(selection, AnAddressMayHaveAPortOrBeAPrefix) {
+TEST(selection, an_address_may_have_a_port_or_be_a_prefix) {
     struct Row {
         const char* range;
         const char* address;
@@ -63,7 +63,7 @@ TEST(selection, AnAddressMayHaveAPortOrBeAPrefix) {
     }
 }
 
-TEST(selection, OfEachKindOneHasToMatch) {
+TEST(selection, of_each_kind_one_has_to_match) {
     const Connection player = *parse_connection_line("5\tcam1\tplay\t\t1\t2\t10.0.0.1:1");
     const Connection unnamed = *parse_connection_line("6\t\t\t\t1\t2\t10.0.0.1:2");
     EXPECT_TRUE(matches({}, player));

@@ -27,7 +27,7 @@ class state_file_test : public testing::Test {
 
 }  // namespace
 
-TEST_F(state_file_test, IsReadAsItWasWritten) {
+TEST_F(state_file_test, is_read_as_it_was_written) {
     const std::string text(300000, 'x');
     ASSERT_TRUE(replace_file(path, "first"));
     ASSERT_TRUE(replace_file(path, text));
@@ -35,12 +35,12 @@ TEST_F(state_file_test, IsReadAsItWasWritten) {
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(directory), {}), 1);
 }
 
-TEST_F(state_file_test, ThatIsAbsentHasNoText) {
+TEST_F(state_file_test, that_is_absent_has_no_text) {
     EXPECT_EQ(read_file(path), std::nullopt);
     EXPECT_EQ(errno, ENOENT);
 }
 
-TEST_F(state_file_test, ATemporaryFileThatWasLeftIsReplacedAndNotFollowed) {
+TEST_F(state_file_test, a_temporary_file_that_was_left_is_replaced_and_not_followed) {
     const std::string other = directory / "other";
     std::ofstream(other) << "other";
     std::filesystem::create_symlink(other, path + ".new");
@@ -49,7 +49,7 @@ TEST_F(state_file_test, ATemporaryFileThatWasLeftIsReplacedAndNotFollowed) {
     EXPECT_THAT(read_file(other), Optional(std::string("other")));
 }
 
-TEST_F(state_file_test, StaysAsItWasWhenItCannotBeReplaced) {
+TEST_F(state_file_test, stays_as_it_was_when_it_cannot_be_replaced) {
     EXPECT_FALSE(replace_file(directory / "absent" / "state.json", "text"));
     EXPECT_EQ(errno, ENOENT);
     std::filesystem::create_directory(path);
@@ -57,7 +57,7 @@ TEST_F(state_file_test, StaysAsItWasWhenItCannotBeReplaced) {
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(directory), {}), 1);
 }
 
-TEST_F(state_file_test, ALockIsHeldOnceUntilItIsGivenBack) {
+TEST_F(state_file_test, a_lock_is_held_once_until_it_is_given_back) {
     {
         const FileLock lock(path);
         EXPECT_FALSE(lock.is_held_elsewhere());
@@ -67,7 +67,7 @@ TEST_F(state_file_test, ALockIsHeldOnceUntilItIsGivenBack) {
     EXPECT_FALSE(FileLock(directory / "absent" / "lock").is_held_elsewhere());
 }
 
-TEST(boot_id, IsTheSameWhenReadAgain) {
+TEST(boot_id, is_the_same_when_read_again) {
     EXPECT_FALSE(boot_id().empty());
     EXPECT_EQ(boot_id(), boot_id());
 }

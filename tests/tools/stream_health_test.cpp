@@ -29,7 +29,7 @@ class health_test : public testing::Test {
 
 }  // namespace
 
-TEST_F(health_test, APlayerThatStandsStillWhileItsStreamGoesOnIsStalled) {
+TEST_F(health_test, a_player_that_stands_still_while_its_stream_goes_on_is_stalled) {
     seconds(20, [](std::uint64_t s) {
         return std::vector{observed_publisher(0, "cam1", 1000 * s), observed_player(1, "cam1", 1000 * s)};
     });
@@ -45,7 +45,7 @@ TEST_F(health_test, APlayerThatStandsStillWhileItsStreamGoesOnIsStalled) {
     EXPECT_EQ(of(1).still_us, 5 * ONE_SECOND_US);
 }
 
-TEST_F(health_test, PlayersOfASilentPublisherAreNotStalled) {
+TEST_F(health_test, players_of_a_silent_publisher_are_not_stalled) {
     seconds(30, [](std::uint64_t s) {
         return std::vector{observed_publisher(0, "cam1", s < 10 ? 1000 * s : 10000),
                            observed_player(1, "cam1", s < 10 ? 1000 * s : 10000)};
@@ -54,7 +54,7 @@ TEST_F(health_test, PlayersOfASilentPublisherAreNotStalled) {
     EXPECT_THAT(stream_states(last, &history), ElementsAre(Pair("cam1", StreamState::SILENT)));
 }
 
-TEST_F(health_test, APlayerThatReadsSlowlyIsBehindTheForemost) {
+TEST_F(health_test, a_player_that_reads_slowly_is_behind_the_foremost) {
     seconds(40, [](std::uint64_t s) {
         return std::vector{observed_publisher(0, "cam1", 1000 * s), observed_player(1, "cam1", 1000 * s),
                            observed_player(2, "cam1", 500 * s)};
@@ -65,7 +65,7 @@ TEST_F(health_test, APlayerThatReadsSlowlyIsBehindTheForemost) {
     EXPECT_LE(of(2).behind_us, 20 * ONE_SECOND_US);
 }
 
-TEST_F(health_test, APlayerThatReadsSlowlyIsBehindAlsoWhenItKeepsUpWithAPublisherThatWaits) {
+TEST_F(health_test, a_player_that_reads_slowly_is_behind_also_when_it_keeps_up_with_a_publisher_that_waits) {
     seconds(40, [](std::uint64_t s) {
         std::vector connections{observed_publisher(0, "cam1", 1000 * s), observed_player(1, "cam1", 1000 * s),
                                 observed_player(2, "cam1", 500 * s)};
@@ -77,7 +77,7 @@ TEST_F(health_test, APlayerThatReadsSlowlyIsBehindAlsoWhenItKeepsUpWithAPublishe
     EXPECT_GE(of(2).behind_us, 17 * ONE_SECOND_US);
 }
 
-TEST_F(health_test, APlayerWithLargeChunksIsNotBehindThoseWithSmallOnes) {
+TEST_F(health_test, a_player_with_large_chunks_is_not_behind_those_with_small_ones) {
     seconds(4000, [](std::uint64_t s) {
         return std::vector{observed_publisher(0, "cam1", 1000 * s), observed_player(1, "cam1", 1008 * s),
                            observed_player(2, "cam1", 1000 * s)};
@@ -85,14 +85,14 @@ TEST_F(health_test, APlayerWithLargeChunksIsNotBehindThoseWithSmallOnes) {
     EXPECT_EQ(of(2).behind_us, 0U);
 }
 
-TEST_F(health_test, ALonePlayerIsNotBehind) {
+TEST_F(health_test, a_lone_player_is_not_behind) {
     seconds(40, [](std::uint64_t s) {
         return std::vector{observed_publisher(0, "cam1", 1000 * s), observed_player(1, "cam1", 500 * s)};
     });
     EXPECT_EQ(of(1).behind_us, 0U);
 }
 
-TEST_F(health_test, APlayerNearsTheLimitOfItsTimestampsTwentyMinutesBefore) {
+TEST_F(health_test, a_player_nears_the_limit_of_its_timestamps_twenty_minutes_before) {
     const auto both = [](std::uint64_t s) {
         return std::vector{observed_publisher(0, "cam1", 1000 * s), observed_player(1, "cam1", 1000 * s)};
     };
@@ -105,7 +105,7 @@ TEST_F(health_test, APlayerNearsTheLimitOfItsTimestampsTwentyMinutesBefore) {
     EXPECT_FALSE(of(0).is_near_limit);
 }
 
-TEST_F(health_test, AStreamWaitsUntilItHasAPublisher) {
+TEST_F(health_test, a_stream_waits_until_it_has_a_publisher) {
     seconds(1, [](std::uint64_t s) {
         return std::vector{observed_player(0, "lobby", s), observed_publisher(1, "cam1", s),
                            observed_client(2, "", "", 0, 0)};
@@ -116,7 +116,7 @@ TEST_F(health_test, AStreamWaitsUntilItHasAPublisher) {
                 ElementsAre(Pair("cam1", StreamState::LIVE), Pair("lobby", StreamState::WAITING)));
 }
 
-TEST_F(health_test, AStreamIsLiveWhileOneOfItsPublishersSends) {
+TEST_F(health_test, a_stream_is_live_while_one_of_its_publishers_sends) {
     seconds(10, [](std::uint64_t s) {
         return std::vector{observed_publisher(0, "cam1", 5), observed_publisher(1, "cam1", 1000 * s)};
     });

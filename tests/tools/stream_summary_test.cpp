@@ -31,7 +31,7 @@ Connection player(unsigned id, std::optional<double> sent_rate, const char* stre
 
 }  // namespace
 
-TEST(stream_summary, TakesTheConnectionsOfANameTogether) {
+TEST(stream_summary, takes_the_connections_of_a_name_together) {
     Connection source = publisher(2, 100);
     source.size = VideoSize{1280, 720};
     source.received_rate = 500;
@@ -49,7 +49,7 @@ TEST(stream_summary, TakesTheConnectionsOfANameTogether) {
     EXPECT_THAT(streams[0].rivals, IsEmpty());
 }
 
-TEST(stream_summary, PlayersMayWaitForAPublisher) {
+TEST(stream_summary, players_may_wait_for_a_publisher) {
     const std::vector<StreamSummary> streams =
         summarize_streams({player(0, std::nullopt)}, {}, SortKey::STREAM);
     ASSERT_EQ(streams.size(), 1U);
@@ -58,11 +58,11 @@ TEST(stream_summary, PlayersMayWaitForAPublisher) {
     EXPECT_EQ(plain_line(streams[0]), "cam1\t\t1\t\t\t\t");
 }
 
-TEST(stream_summary, LeavesOutWhoHasNoStream) {
+TEST(stream_summary, leaves_out_who_has_no_stream) {
     EXPECT_THAT(summarize_streams({Connection()}, {}, SortKey::STREAM), IsEmpty());
 }
 
-TEST(stream_summary, OfSeveralPublishersTheOneThatSentMostIsShownFirst) {
+TEST(stream_summary, of_several_publishers_the_one_that_sent_most_is_shown_first) {
     const std::vector<StreamSummary> streams =
         summarize_streams({publisher(1, 10), publisher(2, 30), publisher(3, 30)}, {}, SortKey::STREAM);
     ASSERT_EQ(streams.size(), 1U);
@@ -70,7 +70,7 @@ TEST(stream_summary, OfSeveralPublishersTheOneThatSentMostIsShownFirst) {
     EXPECT_THAT(streams[0].rivals, ElementsAre(1, 3));
 }
 
-TEST(stream_summary, APublisherStaysWhenARivalOvertakesItInBytes) {
+TEST(stream_summary, a_publisher_stays_when_a_rival_overtakes_it_in_bytes) {
     const std::vector<StreamSummary> before =
         summarize_streams({publisher(1, 10), publisher(2, 5)}, {}, SortKey::STREAM);
     const std::vector<StreamSummary> after =
@@ -81,7 +81,7 @@ TEST(stream_summary, APublisherStaysWhenARivalOvertakesItInBytes) {
     EXPECT_THAT(dropped[0].publisher_id, Optional(2U));
 }
 
-TEST(stream_summary, AnotherClientInThePublishersSlotIsNotThePublisher) {
+TEST(stream_summary, another_client_in_the_publishers_slot_is_not_the_publisher) {
     const std::vector<StreamSummary> before = summarize_streams({publisher(1, 10)}, {}, SortKey::STREAM);
     Connection newcomer = publisher(1, 1);
     newcomer.address = "10.0.0.99:1";
@@ -90,7 +90,7 @@ TEST(stream_summary, AnotherClientInThePublishersSlotIsNotThePublisher) {
     EXPECT_THAT(after[0].publisher_id, Optional(2U));
 }
 
-TEST(stream_summary, ARivalThatHasSentMoreAltogetherIsNotThePublisher) {
+TEST(stream_summary, a_rival_that_has_sent_more_altogether_is_not_the_publisher) {
     // The rival was relayed before it stalled; or it sent much at once and is held now.
     Connection relayed = publisher(1, 100000);
     relayed.received_rate = 50000;
@@ -105,7 +105,7 @@ TEST(stream_summary, ARivalThatHasSentMoreAltogetherIsNotThePublisher) {
     EXPECT_THAT(streams[0].rivals, ElementsAre(2));
 }
 
-TEST(stream_summary, APublisherIsAGuessWhileItHasRivals) {
+TEST(stream_summary, a_publisher_is_a_guess_while_it_has_rivals) {
     const std::vector<StreamSummary> streams =
         summarize_streams({publisher(1, 10), publisher(2, 30), publisher(3, 5, "demo")}, {}, SortKey::STREAM);
     EXPECT_TRUE(streams[0].publisher_is_guess);
@@ -113,7 +113,7 @@ TEST(stream_summary, APublisherIsAGuessWhileItHasRivals) {
     EXPECT_FALSE(summarize_streams({publisher(2, 40)}, streams, SortKey::STREAM)[0].publisher_is_guess);
 }
 
-TEST(stream_summary, IsSortedByNameOrByRate) {
+TEST(stream_summary, is_sorted_by_name_or_by_rate) {
     const std::vector<Connection> connections{player(0, 10.0, "b"), player(1, 5.0, "a"),
                                               player(2, 90.0, "c")};
     const auto names = [](const std::vector<StreamSummary>& streams) {
@@ -128,7 +128,7 @@ TEST(stream_summary, IsSortedByNameOrByRate) {
     EXPECT_EQ(names(summarize_streams(connections, {}, SortKey::RATE)), "cba");
 }
 
-TEST(stream_summary, ThePlainLineHasSevenFields) {
+TEST(stream_summary, the_plain_line_has_seven_fields) {
     StreamSummary summary;
     summary.stream = "a\tb";
     summary.publisher_id = 3;

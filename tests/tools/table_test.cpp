@@ -19,34 +19,34 @@ Table sample_table() {
 
 }  // namespace
 
-TEST(table, ColumnsAreAsWideAsTheirContent) {
+TEST(table, columns_are_as_wide_as_their_content) {
     EXPECT_THAT(layout_table(sample_table(), std::nullopt, true),
                 ElementsAre(" ID  STREAM                             SENT  ADDRESS",
                             "  3  cam1                            1.5 KiB  10.0.0.1:5000",
                             "127  a_very_long_stream_name_indeed     12 B  10.0.0.2:50001"));
 }
 
-TEST(table, WithoutTitlesOnlyTheContentCounts) {
+TEST(table, without_titles_only_the_content_counts) {
     const Table table{{{"LONG TITLE", Align::RIGHT, 0}, {"B", Align::LEFT, 0}}, {{"1", "x"}}};
     EXPECT_THAT(layout_table(table, std::nullopt, false), ElementsAre("1  x"));
 }
 
-TEST(table, WithRoomEnoughNothingIsCut) {
+TEST(table, with_room_enough_nothing_is_cut) {
     EXPECT_EQ(layout_table(sample_table(), 80, true), layout_table(sample_table(), std::nullopt, true));
 }
 
-TEST(table, TheWidestColumnThatMayShrinkIsCutFirst) {
+TEST(table, the_widest_column_that_may_shrink_is_cut_first) {
     EXPECT_THAT(layout_table(sample_table(), 40, true),
                 ElementsAre(" ID  STREAM           SENT  ADDRESS", "  3  cam1          1.5 KiB  10.0.0.1:50~",
                             "127  a_very_long~     12 B  10.0.0.2:50~"));
 }
 
-TEST(table, BelowTheLeastWidthsLinesAreCutAtTheirEnd) {
+TEST(table, below_the_least_widths_lines_are_cut_at_their_end) {
     EXPECT_THAT(layout_table(sample_table(), 20, true),
                 ElementsAre(" ID  STREAM       S~", "  3  cam1      1.5 ~", "127  a_very_~     1~"));
 }
 
-TEST(table, NoLineIsWiderThanAsked) {
+TEST(table, no_line_is_wider_than_asked) {
     for (std::size_t width = 0; width <= 70; ++width) {
         for (const std::string& line : layout_table(sample_table(), width, true)) {
             EXPECT_LE(line.size(), width) << line;
@@ -54,19 +54,19 @@ TEST(table, NoLineIsWiderThanAsked) {
     }
 }
 
-TEST(table, AMegabyteOfNameIsCutToo) {
+TEST(table, a_megabyte_of_name_is_cut_too) {
     const Table table{{{"ID", Align::RIGHT, 0}, {"STREAM", Align::LEFT, 8}},
                       {{"1", std::string(1 << 20, 'x')}}};
     EXPECT_THAT(layout_table(table, 20, false), ElementsAre("1  " + std::string(16, 'x') + "~"));
 }
 
-TEST(table, AnEmptyTableHasItsTitles) {
+TEST(table, an_empty_table_has_its_titles) {
     const Table table{{{"ID", Align::RIGHT, 0}, {"STREAM", Align::LEFT, 8}}, {}};
     EXPECT_THAT(layout_table(table, 80, true), ElementsAre("ID  STREAM"));
     EXPECT_THAT(layout_table(table, 80, false), IsEmpty());
 }
 
-TEST(table, ColumnsWithARankAreShownWhereThereIsRoom) {
+TEST(table, columns_with_a_rank_are_shown_where_there_is_room) {
     const Table table{{{"ID", Align::RIGHT, 0},
                        {"STREAM", Align::LEFT, 8},
                        {"SENT", Align::RIGHT, 0, 2},

@@ -63,7 +63,7 @@ std::vector<std::string> frame(const WatchModel& model, std::size_t columns, std
 
 }  // namespace
 
-TEST(watch_frame, ShowsStreamsAndConnectionsIn80Columns) {
+TEST(watch_frame, shows_streams_and_connections_in_80_columns) {
     const std::vector<std::string> lines = frame(small_model(), 80, 24);
     ASSERT_EQ(lines.size(), 24U);
     EXPECT_EQ(lines[0], "v9_rtmp_ctl 12:34:56  4 of 128 slots used: 2 publish, 1 play, 1 idle");
@@ -81,7 +81,7 @@ TEST(watch_frame, ShowsStreamsAndConnectionsIn80Columns) {
     EXPECT_EQ(lines[23], "q quit  s sort  p pause  / filter  d drop  Tab table  v view  r reverse  ? help");
 }
 
-TEST(watch_frame, FitsIntoEverySize) {
+TEST(watch_frame, fits_into_every_size) {
     for (const WatchModel& model : {small_model(), full_model(), WatchModel()}) {
         for (std::size_t rows = 1; rows <= 30; ++rows) {
             for (const std::size_t columns : {1U, 10U, 40U, 79U, 80U, 200U}) {
@@ -95,7 +95,7 @@ TEST(watch_frame, FitsIntoEverySize) {
     }
 }
 
-TEST(watch_frame, SaysWhatThereIsNoRoomFor) {
+TEST(watch_frame, says_what_there_is_no_room_for) {
     const std::vector<std::string> lines = frame(full_model(), 80, 24);
     EXPECT_THAT(lines[3], StartsWith("STREAM"));
     EXPECT_EQ(lines[12], "... 56 more");  // ten rows for the streams: titles, eight of 64, and this
@@ -105,7 +105,7 @@ TEST(watch_frame, SaysWhatThereIsNoRoomFor) {
     EXPECT_EQ(lines[22], "... 121 more");
 }
 
-TEST(watch_frame, ScrollsToTheSelectedConnection) {
+TEST(watch_frame, scrolls_to_the_selected_connection) {
     WatchModel model = full_model();
     model.connection_cursor.scroll = 2;
     EXPECT_THAT(frame(model, 80, 24)[15], StartsWith("  2"));
@@ -131,7 +131,7 @@ TEST(watch_frame, ScrollsToTheSelectedConnection) {
     EXPECT_THAT(model.connection_cursor.selected, testing::Optional(127U));
 }
 
-TEST(watch_frame, ScrollsTheStreamsToo) {
+TEST(watch_frame, scrolls_the_streams_too) {
     WatchModel model = full_model();
     model.stream_cursor.selected = 63;
     settle(model, {24, 80});
@@ -140,7 +140,7 @@ TEST(watch_frame, ScrollsTheStreamsToo) {
     EXPECT_THAT(lines[15], StartsWith("  0"));
 }
 
-TEST(watch_frame, ShowsEitherTableAlone) {
+TEST(watch_frame, shows_either_table_alone) {
     WatchModel model = full_model();
     model.view = WatchView::STREAMS;
     std::vector<std::string> lines = frame(model, 80, 24);
@@ -152,7 +152,7 @@ TEST(watch_frame, ShowsEitherTableAlone) {
     EXPECT_EQ(lines[22], "... 110 more");
 }
 
-TEST(watch_frame, At50ColumnsTheAddressGoesBeforeTheRates) {
+TEST(watch_frame, at_50_columns_the_address_goes_before_the_rates) {
     const std::vector<std::string> lines = frame(small_model(), 50, 20);
     EXPECT_EQ(lines[0], "12:34:56  4 of 128 slots used: 2 publish, 1 play");
     EXPECT_EQ(lines[1], "in 102.0 KiB/s  out 50.1 KiB/s  sort id");
@@ -161,7 +161,7 @@ TEST(watch_frame, At50ColumnsTheAddressGoesBeforeTheRates) {
     EXPECT_EQ(lines[19], "q quit  s sort  p pause  / filter  d drop  ? help");
 }
 
-TEST(watch_frame, At160ColumnsSizesAndTotalsStandBesideTheRates) {
+TEST(watch_frame, at_160_columns_sizes_and_totals_stand_beside_the_rates) {
     const std::vector<std::string> lines = frame(small_model(), 160, 50);
     EXPECT_EQ(lines[6],
               "ID  STREAM  MODE        SIZE      SENT   RECEIVED     SENDING    RECEIVING  ADDRESS");
@@ -169,7 +169,7 @@ TEST(watch_frame, At160ColumnsSizesAndTotalsStandBesideTheRates) {
               " 0  cam1    publish  640x360     100 B  100.0 KiB     100 B/s  100.0 KiB/s  10.0.0.1:5000");
 }
 
-TEST(watch_frame, TotalsCanBeKeptInsteadOfAddresses) {
+TEST(watch_frame, totals_can_be_kept_instead_of_addresses) {
     WatchModel model = small_model();
     model.keep = Keep::TOTALS;
     model.unit = RateUnit::BITS;
@@ -178,19 +178,19 @@ TEST(watch_frame, TotalsCanBeKeptInsteadOfAddresses) {
     EXPECT_EQ(lines[7], " 0  cam1    publish  640x360     100 B  100.0 KiB     800 bit/s  819.2 kbit/s");
 }
 
-TEST(watch_frame, OnAFewRowsTheConnectionsRemain) {
+TEST(watch_frame, on_a_few_rows_the_connections_remain) {
     EXPECT_THAT(frame(small_model(), 80, 7),
                 ElementsAre(StartsWith("v9_rtmp_ctl"), StartsWith("in "), "", StartsWith("ID"),
                             StartsWith(" 0"), "... 3 more", StartsWith("q quit")));
     EXPECT_THAT(frame(small_model(), 80, 1), ElementsAre(StartsWith("q quit")));
 }
 
-TEST(watch_frame, CutsLinesAt40And20Columns) {
+TEST(watch_frame, cuts_lines_at_40_and_20_columns) {
     EXPECT_EQ(frame(small_model(), 40, 24)[7], " 0  cam1    pub~     100 B/s  100.0 KiB~");
     EXPECT_EQ(frame(small_model(), 20, 24)[7], " 0  cam1    pub~   ~");
 }
 
-TEST(watch_frame, ShowsStrangersBytesInHex) {
+TEST(watch_frame, shows_strangers_bytes_in_hex) {
     const WatchModel model = model_of({std::string("0\t\x1b[2J\n\tplay\t\t1\t2\t\x9b") + "1"});
     for (const FrameLine& line : render_frame(model, {24, 80})) {
         for (const char c : line.text) {
@@ -200,7 +200,7 @@ TEST(watch_frame, ShowsStrangersBytesInHex) {
     EXPECT_THAT(frame(model, 80, 24)[4], StartsWith("\\x1B[2J\\x0A  "));
 }
 
-TEST(watch_frame, SaysThatTheServerIsNotRunning) {
+TEST(watch_frame, says_that_the_server_is_not_running) {
     WatchModel model = small_model();
     take_in(model, Failure{ExitCode::NOT_RUNNING, "there is no socket. Start it."});
     const std::vector<std::string> lines = frame(model, 80, 24);
@@ -210,7 +210,7 @@ TEST(watch_frame, SaysThatTheServerIsNotRunning) {
     EXPECT_EQ(frame(model, 80, 24)[0], "v9_rtmp_ctl 12:34:56  no answer");
 }
 
-TEST(watch_frame, BreaksLongAdviceAtBlanks) {
+TEST(watch_frame, breaks_long_advice_at_blanks) {
     WatchModel model;
     take_in(model, Failure{ExitCode::NO_REPLY, "one two three aaaaaaaaaaaaaaaa"});
     const std::vector<std::string> lines = frame(model, 10, 24);
@@ -220,7 +220,7 @@ TEST(watch_frame, BreaksLongAdviceAtBlanks) {
     EXPECT_EQ(lines[7], "aaaaaa");
 }
 
-TEST(watch_frame, TheFootAsksAndTells) {
+TEST(watch_frame, the_foot_asks_and_tells) {
     WatchModel model = small_model();
     model.mode = WatchMode::DROP_ID;
     model.input = "1";
@@ -244,7 +244,7 @@ TEST(watch_frame, TheFootAsksAndTells) {
     EXPECT_EQ(frame(model, 80, 24)[23], "Dropped connection 1.");
 }
 
-TEST(watch_frame, ANoticeIsShownWhole) {
+TEST(watch_frame, a_notice_is_shown_whole) {
     WatchModel model = full_model();
     model.notice = "'" + std::string(64, 'x') + "' is no connection id. Give a number from 0 to 127.";
     const std::vector<std::string> lines = frame(model, 80, 24);
@@ -254,14 +254,14 @@ TEST(watch_frame, ANoticeIsShownWhole) {
     EXPECT_THAT(frame(model, 40, 2), ElementsAre("'" + std::string(39, 'x'), StartsWith("xxx")));
 }
 
-TEST(watch_frame, SaysThatItIsPausedAndFiltered) {
+TEST(watch_frame, says_that_it_is_paused_and_filtered) {
     WatchModel model = small_model();
     model.paused = true;
     model.filter = "cam";
     EXPECT_THAT(frame(model, 80, 24)[1], StartsWith("PAUSED  filter 'cam'  3 shown  in 102.0 KiB/s"));
 }
 
-TEST(watch_frame, TotalsFollowTheFilter) {
+TEST(watch_frame, totals_follow_the_filter) {
     WatchModel model = small_model();
     model.filter = "10.0.0.2";
     EXPECT_EQ(frame(model, 80, 24)[1],
@@ -273,7 +273,7 @@ TEST(watch_frame, TotalsFollowTheFilter) {
               "2 shown  in 102.0 KiB/s (102.0 KiB)  out 100 B/s (100 B)  sort id, reversed");
 }
 
-TEST(watch_frame, HelpFitsInto80x24) {
+TEST(watch_frame, help_fits_into_80x24) {
     WatchModel model = small_model();
     model.mode = WatchMode::HELP;
     const std::vector<FrameLine> lines = render_frame(model, {24, 200});
@@ -287,13 +287,13 @@ TEST(watch_frame, HelpFitsInto80x24) {
     }
 }
 
-TEST(watch_frame, AnEndlessFrameLeavesNothingOut) {
+TEST(watch_frame, an_endless_frame_leaves_nothing_out) {
     const std::vector<std::string> lines = texts(render_endless_frame(full_model()));
     EXPECT_EQ(lines.size(), 3U + 65U + 1U + 129U);
     EXPECT_THAT(lines.back(), StartsWith("127"));
 }
 
-TEST(watch_frame, FillsTheScreenToItsLastColumnAndLeavesNothingOfTheOldFrame) {
+TEST(watch_frame, fills_the_screen_to_its_last_column_and_leaves_nothing_of_the_old_frame) {
     for (const bool color : {false, true}) {
         TerminalScreen screen(3, 4);
         screen.feed("\x1b[?7l");
@@ -307,7 +307,7 @@ TEST(watch_frame, FillsTheScreenToItsLastColumnAndLeavesNothingOfTheOldFrame) {
     }
 }
 
-TEST(watch_frame, IsPaintedOverTheOldOneWithoutColorIfNotWanted) {
+TEST(watch_frame, is_painted_over_the_old_one_without_color_if_not_wanted) {
     const std::vector<FrameLine> lines{{"a", LineStyle::HEADING}, {"b", LineStyle::PLAIN}};
     EXPECT_EQ(paint_frame(lines, false), "\x1b[H\x1b[Ka\r\n\x1b[Jb");
     EXPECT_EQ(paint_frame(lines, true), "\x1b[H\x1b[K\x1b[1ma\x1b[0m\r\n\x1b[Jb");

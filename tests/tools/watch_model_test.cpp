@@ -44,13 +44,13 @@ WatchAction type(WatchModel& model, std::string_view characters) {
 
 }  // namespace
 
-TEST(watch_model, QuitsOnQ) {
+TEST(watch_model, quits_on_q) {
     WatchModel model = running_model();
     EXPECT_EQ(type(model, "x"), WatchAction::NONE);
     EXPECT_EQ(type(model, "q"), WatchAction::QUIT);
 }
 
-TEST(watch_model, MeasuresRatesFromLookToLook) {
+TEST(watch_model, measures_rates_from_look_to_look) {
     WatchModel model = running_model();
     EXPECT_EQ(model.listing.connections[1].sent_rate, std::nullopt);
     Listing next = sample_listing(3000000);
@@ -60,7 +60,7 @@ TEST(watch_model, MeasuresRatesFromLookToLook) {
     EXPECT_THAT(model.streams[0].out_rate, Optional(2000.0));
 }
 
-TEST(watch_model, ForgetsEverythingWhenTheServerIsGone) {
+TEST(watch_model, forgets_everything_when_the_server_is_gone) {
     WatchModel model = running_model();
     take_in(model, Failure{ExitCode::NOT_RUNNING, "gone"});
     EXPECT_FALSE(model.running);
@@ -74,7 +74,7 @@ TEST(watch_model, ForgetsEverythingWhenTheServerIsGone) {
     EXPECT_EQ(model.listing.connections[1].sent_rate, std::nullopt);
 }
 
-TEST(watch_model, SortsByTheNextKeyAtOnce) {
+TEST(watch_model, sorts_by_the_next_key_at_once) {
     WatchModel model = running_model();
     type(model, "s");
     EXPECT_EQ(model.sort, SortKey::STREAM);
@@ -85,7 +85,7 @@ TEST(watch_model, SortsByTheNextKeyAtOnce) {
     EXPECT_EQ(model.listing.connections[3].id, 3U);
 }
 
-TEST(watch_model, PausesWithPAndSpace) {
+TEST(watch_model, pauses_with_p_and_space) {
     WatchModel model = running_model();
     type(model, "p");
     EXPECT_TRUE(model.paused);
@@ -93,7 +93,7 @@ TEST(watch_model, PausesWithPAndSpace) {
     EXPECT_FALSE(model.paused);
 }
 
-TEST(watch_model, FiltersWhileTyped) {
+TEST(watch_model, filters_while_typed) {
     WatchModel model = running_model();
     type(model, "/cam");
     EXPECT_THAT(shown_connections(model), SizeIs(2));
@@ -110,7 +110,7 @@ TEST(watch_model, FiltersWhileTyped) {
     EXPECT_EQ(model.filter, "cam");
 }
 
-TEST(watch_model, FiltersByModeAndAddressToo) {
+TEST(watch_model, filters_by_mode_and_address_too) {
     WatchModel model = running_model();
     model.filter = "publish";
     EXPECT_THAT(shown_connections(model), SizeIs(1));
@@ -118,7 +118,7 @@ TEST(watch_model, FiltersByModeAndAddressToo) {
     EXPECT_THAT(shown_connections(model), SizeIs(1));
 }
 
-TEST(watch_model, DropsOnlyAfterAYes) {
+TEST(watch_model, drops_only_after_a_yes) {
     WatchModel model = running_model();
     type(model, "d1");
     static_cast<void>(press_key(model, ENTER));
@@ -136,7 +136,7 @@ TEST(watch_model, DropsOnlyAfterAYes) {
     EXPECT_EQ(model.mode, WatchMode::VIEW);
 }
 
-TEST(watch_model, DropsNobodyWhoIsNotListed) {
+TEST(watch_model, drops_nobody_who_is_not_listed) {
     WatchModel model = running_model();
     for (const char* typed : {"d99", "d128", "d1x", "d-1"}) {
         type(model, typed);
@@ -151,7 +151,7 @@ TEST(watch_model, DropsNobodyWhoIsNotListed) {
     EXPECT_FALSE(model.drop_candidate);
 }
 
-TEST(watch_model, HelpGoesAwayWithAnyKey) {
+TEST(watch_model, help_goes_away_with_any_key) {
     WatchModel model = running_model();
     type(model, "?");
     EXPECT_EQ(model.mode, WatchMode::HELP);
@@ -159,7 +159,7 @@ TEST(watch_model, HelpGoesAwayWithAnyKey) {
     EXPECT_EQ(model.mode, WatchMode::VIEW);
 }
 
-TEST(watch_model, ArrowsSelectAndTheSelectionStaysWithItsClient) {
+TEST(watch_model, arrows_select_and_the_selection_stays_with_its_client) {
     WatchModel model = running_model();
     press(model, KeyKind::UP);
     EXPECT_THAT(model.connection_cursor.selected, Optional(0U));
@@ -181,7 +181,7 @@ TEST(watch_model, ArrowsSelectAndTheSelectionStaysWithItsClient) {
     EXPECT_EQ(model.connection_cursor.selected, std::nullopt);
 }
 
-TEST(watch_model, TabSelectsAmongTheStreams) {
+TEST(watch_model, tab_selects_among_the_streams) {
     WatchModel model = running_model();
     press(model, KeyKind::TAB);
     press(model, KeyKind::END);
@@ -193,7 +193,7 @@ TEST(watch_model, TabSelectsAmongTheStreams) {
     EXPECT_EQ(*model.drop_stream, "demo");
 }
 
-TEST(watch_model, TheSelectedConnectionIsDroppedAfterAYes) {
+TEST(watch_model, the_selected_connection_is_dropped_after_a_yes) {
     WatchModel model = running_model();
     press(model, KeyKind::END);
     type(model, "d");
@@ -203,7 +203,7 @@ TEST(watch_model, TheSelectedConnectionIsDroppedAfterAYes) {
     EXPECT_FALSE(model.drop_candidate);
 }
 
-TEST(watch_model, EitherTableCanBeShownAlone) {
+TEST(watch_model, either_table_can_be_shown_alone) {
     WatchModel model = running_model();
     type(model, "v");
     EXPECT_EQ(model.view, WatchView::STREAMS);
@@ -215,7 +215,7 @@ TEST(watch_model, EitherTableCanBeShownAlone) {
     EXPECT_EQ(model.view, WatchView::BOTH);
 }
 
-TEST(watch_model, UnitAndColumnsAreChanged) {
+TEST(watch_model, unit_and_columns_are_changed) {
     WatchModel model = running_model();
     type(model, "ut");
     EXPECT_EQ(model.unit, RateUnit::BITS);
@@ -225,7 +225,7 @@ TEST(watch_model, UnitAndColumnsAreChanged) {
     EXPECT_EQ(model.keep, Keep::ADDRESSES);
 }
 
-TEST(watch_model, AFilterShowsTheStreamsOfWhatItShows) {
+TEST(watch_model, a_filter_shows_the_streams_of_what_it_shows) {
     WatchModel model = running_model();
     model.filter = "10.0.0.3";
     ASSERT_THAT(shown_streams(model), SizeIs(1));

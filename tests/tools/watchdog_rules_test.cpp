@@ -142,7 +142,7 @@ auto verdict(unsigned id, DropRule rule, const std::string& reason) {
 
 }  // namespace
 
-TEST_F(watchdog_rules_test, APlayerThatStandsStillBesideOthersIsDroppedAfterThirtySeconds) {
+TEST_F(watchdog_rules_test, a_player_that_stands_still_beside_others_is_dropped_after_thirty_seconds) {
     only(DropRule::STALLED);
     publisher(1, steady(FOUR_MBIT));
     player(2, steady(FOUR_MBIT));
@@ -154,7 +154,7 @@ TEST_F(watchdog_rules_test, APlayerThatStandsStillBesideOthersIsDroppedAfterThir
                                     "did")));
 }
 
-TEST_F(watchdog_rules_test, ALonePlayerThatStandsStillIsJudgedByThePublisher) {
+TEST_F(watchdog_rules_test, a_lone_player_that_stands_still_is_judged_by_the_publisher) {
     only(DropRule::STALLED);
     publisher(1, steady(FOUR_MBIT));
     player(3, until(100));
@@ -163,12 +163,12 @@ TEST_F(watchdog_rules_test, ALonePlayerThatStandsStillIsJudgedByThePublisher) {
                                              "it has taken nothing for 30 s while the publisher went on")));
 }
 
-TEST_F(watchdog_rules_test, ALonePlayerOfAStreamWithoutAPublisherIsKept) {
+TEST_F(watchdog_rules_test, a_lone_player_of_a_stream_without_a_publisher_is_kept) {
     player(3, until(1));
     EXPECT_EQ(first_verdict(3000), 0U);
 }
 
-TEST_F(watchdog_rules_test, ALonePlayerIsKeptWhileItIsNotKnownWhichOfTwoPublishersIsRelayed) {
+TEST_F(watchdog_rules_test, a_lone_player_is_kept_while_it_is_not_known_which_of_two_publishers_is_relayed) {
     only(DropRule::STALLED);
     publisher(1, steady(FOUR_MBIT));
     publisher(2, until(50));
@@ -176,7 +176,7 @@ TEST_F(watchdog_rules_test, ALonePlayerIsKeptWhileItIsNotKnownWhichOfTwoPublishe
     EXPECT_EQ(first_verdict(3000), 0U);
 }
 
-TEST_F(watchdog_rules_test, ARivalThatWaitsDoesNotProtectALonePlayerThatStandsStill) {
+TEST_F(watchdog_rules_test, a_rival_that_waits_does_not_protect_a_lone_player_that_stands_still) {
     // The second rival is seen to send too little for media.
     for (const std::uint64_t rival_rate : {2500U, 500U}) {
         clients.clear();
@@ -189,7 +189,7 @@ TEST_F(watchdog_rules_test, ARivalThatWaitsDoesNotProtectALonePlayerThatStandsSt
     }
 }
 
-TEST_F(watchdog_rules_test, ARivalThatWaitsDoesNotProtectALonePlayerThatFallsBehind) {
+TEST_F(watchdog_rules_test, a_rival_that_waits_does_not_protect_a_lone_player_that_falls_behind) {
     for (const std::uint64_t rival_rate : {std::uint64_t{2500}, 2 * FOUR_MBIT}) {
         clients.clear();
         now_s = 0;
@@ -201,7 +201,7 @@ TEST_F(watchdog_rules_test, ARivalThatWaitsDoesNotProtectALonePlayerThatFallsBeh
     }
 }
 
-TEST_F(watchdog_rules_test, ARivalThatWaitsDoesNotProtectASlowPlayerBesideOthers) {
+TEST_F(watchdog_rules_test, a_rival_that_waits_does_not_protect_a_slow_player_beside_others) {
     only(DropRule::BEHIND);
     publisher(1, steady(FOUR_MBIT));
     publisher(2, steady(2500), 3);
@@ -212,7 +212,8 @@ TEST_F(watchdog_rules_test, ARivalThatWaitsDoesNotProtectASlowPlayerBesideOthers
     EXPECT_THAT(ids(at(40)), ElementsAre(3));
 }
 
-TEST_F(watchdog_rules_test, PlayersOfARivalThatTookOverAreNotComparedWithThePublisherThatPaused) {
+TEST_F(watchdog_rules_test,
+       players_of_a_rival_that_took_over_are_not_compared_with_the_publisher_that_paused) {
     const Media paused = [](std::uint64_t s) { return (s < 20 ? s : s < 24 ? 20 : s - 4) * FOUR_MBIT; };
     only(DropRule::BEHIND);
     publisher(1, paused);
@@ -222,7 +223,7 @@ TEST_F(watchdog_rules_test, PlayersOfARivalThatTookOverAreNotComparedWithThePubl
     EXPECT_EQ(first_verdict(1000), 0U);
 }
 
-TEST_F(watchdog_rules_test, WhenAllPlayersStandStillOnlyTheirPublisherIsASuspect) {
+TEST_F(watchdog_rules_test, when_all_players_stand_still_only_their_publisher_is_a_suspect) {
     publisher(1, steady(FOUR_MBIT));
     for (unsigned id = 2; id < 22; ++id) {
         player(id, until(100));
@@ -230,7 +231,7 @@ TEST_F(watchdog_rules_test, WhenAllPlayersStandStillOnlyTheirPublisherIsASuspect
     EXPECT_EQ(first_verdict(3000), 0U);
 }
 
-TEST_F(watchdog_rules_test, OfTwentyPlayersOfAFrozenPublisherWithAWaitingRivalNoneIsDropped) {
+TEST_F(watchdog_rules_test, of_twenty_players_of_a_frozen_publisher_with_a_waiting_rival_none_is_dropped) {
     publisher(1, until(100));
     publisher(30, steady(FOUR_MBIT), 20);
     for (unsigned id = 2; id < 22; ++id) {
@@ -246,7 +247,7 @@ TEST_F(watchdog_rules_test, OfTwentyPlayersOfAFrozenPublisherWithAWaitingRivalNo
 }
 
 // What a new player is sent first is no sign that the others could have got something.
-TEST_F(watchdog_rules_test, PlayersThatJoinAFrozenStreamMakeNoOtherOnesLookStalled) {
+TEST_F(watchdog_rules_test, players_that_join_a_frozen_stream_make_no_other_ones_look_stalled) {
     only(DropRule::STALLED);
     limits.behind_us = WatchdogLimits().behind_us;
     publisher(1, until(100));
@@ -261,7 +262,7 @@ TEST_F(watchdog_rules_test, PlayersThatJoinAFrozenStreamMakeNoOtherOnesLookStall
     EXPECT_EQ(first_verdict(1000), 0U);
 }
 
-TEST_F(watchdog_rules_test, AnswersToWhatAPlayerSendsAreNoMedia) {
+TEST_F(watchdog_rules_test, answers_to_what_a_player_sends_are_no_media) {
     only(DropRule::STALLED);
     publisher(1, until(100));
     player(2, until(100));
@@ -269,7 +270,7 @@ TEST_F(watchdog_rules_test, AnswersToWhatAPlayerSendsAreNoMedia) {
     EXPECT_EQ(first_verdict(1000), 0U);
 }
 
-TEST_F(watchdog_rules_test, ASecondPlayerThatHasJustJoinedDoesNotProtectOneThatStandsStill) {
+TEST_F(watchdog_rules_test, a_second_player_that_has_just_joined_does_not_protect_one_that_stands_still) {
     only(DropRule::STALLED);
     publisher(1, steady(FOUR_MBIT));
     player(2, until(100));
@@ -277,7 +278,7 @@ TEST_F(watchdog_rules_test, ASecondPlayerThatHasJustJoinedDoesNotProtectOneThatS
     EXPECT_THAT(ids(at(130)), ElementsAre(2));
 }
 
-TEST_F(watchdog_rules_test, APlayerThatStandsStillForLessThanTheLimitIsKept) {
+TEST_F(watchdog_rules_test, a_player_that_stands_still_for_less_than_the_limit_is_kept) {
     only(DropRule::STALLED);
     publisher(1, steady(FOUR_MBIT));
     player(2, steady(FOUR_MBIT));
@@ -285,7 +286,7 @@ TEST_F(watchdog_rules_test, APlayerThatStandsStillForLessThanTheLimitIsKept) {
     EXPECT_EQ(first_verdict(1000), 0U);
 }
 
-TEST_F(watchdog_rules_test, AReaderOfAKilobyteASecondIsDroppedThoughItNeverStandsStill) {
+TEST_F(watchdog_rules_test, a_reader_of_a_kilobyte_a_second_is_dropped_though_it_never_stands_still) {
     publisher(1, steady(FOUR_MBIT));
     player(2, steady(FOUR_MBIT));
     player(4, steady(FOUR_MBIT));
@@ -295,7 +296,7 @@ TEST_F(watchdog_rules_test, AReaderOfAKilobyteASecondIsDroppedThoughItNeverStand
                                              "it is more than 15 s behind other players of the stream")));
 }
 
-TEST_F(watchdog_rules_test, ALoneReaderOfAKilobyteASecondIsJudgedByThePublisher) {
+TEST_F(watchdog_rules_test, a_lone_reader_of_a_kilobyte_a_second_is_judged_by_the_publisher) {
     publisher(1, steady(FOUR_MBIT));
     player(3, steady(1000));
     // Both settle in second 6; a tenth may be headers.
@@ -304,13 +305,13 @@ TEST_F(watchdog_rules_test, ALoneReaderOfAKilobyteASecondIsJudgedByThePublisher)
                 ElementsAre(verdict(3, DropRule::BEHIND, "it is more than 15 s behind its publisher")));
 }
 
-TEST_F(watchdog_rules_test, HeadersOfDifferentSizeMakeNoLonePlayerLookBehind) {
+TEST_F(watchdog_rules_test, headers_of_different_size_make_no_lone_player_look_behind) {
     publisher(1, steady(FOUR_MBIT));
     player(3, steady(FOUR_MBIT / 100 * 91));
     EXPECT_EQ(first_verdict(10000), 0U);
 }
 
-TEST_F(watchdog_rules_test, OneThatReadsNineTenthsBesideOthersIsDroppedInTheEnd) {
+TEST_F(watchdog_rules_test, one_that_reads_nine_tenths_beside_others_is_dropped_in_the_end) {
     publisher(1, steady(FOUR_MBIT));
     player(2, steady(FOUR_MBIT));
     player(3, steady(FOUR_MBIT / 10 * 9));
@@ -319,7 +320,7 @@ TEST_F(watchdog_rules_test, OneThatReadsNineTenthsBesideOthersIsDroppedInTheEnd)
 }
 
 // Chunks of 128 bytes have eight bytes of headers in a thousand more than large ones.
-TEST_F(watchdog_rules_test, PlayersWithLargeChunksAreKeptBesideThoseWithSmallOnes) {
+TEST_F(watchdog_rules_test, players_with_large_chunks_are_kept_beside_those_with_small_ones) {
     only(DropRule::BEHIND);
     publisher(1, steady(FOUR_MBIT / 1000 * 1008));
     for (unsigned id = 2; id < 8; ++id) {
@@ -330,7 +331,7 @@ TEST_F(watchdog_rules_test, PlayersWithLargeChunksAreKeptBesideThoseWithSmallOne
 }
 
 // Chunks of one byte have as many bytes of headers as of media.
-TEST_F(watchdog_rules_test, APlayerThatAsksForTinyChunksMakesNoOtherOneLookBehind) {
+TEST_F(watchdog_rules_test, a_player_that_asks_for_tiny_chunks_makes_no_other_one_look_behind) {
     for (const unsigned others : {1U, 2U, 5U}) {
         clients.clear();
         now_s = 0;
@@ -346,7 +347,7 @@ TEST_F(watchdog_rules_test, APlayerThatAsksForTinyChunksMakesNoOtherOneLookBehin
     }
 }
 
-TEST_F(watchdog_rules_test, ManySlowReadersDoNotProtectEachOther) {
+TEST_F(watchdog_rules_test, many_slow_readers_do_not_protect_each_other) {
     publisher(1, steady(FOUR_MBIT));
     player(2, steady(FOUR_MBIT));
     for (unsigned id = 3; id < 40; ++id) {
@@ -355,7 +356,7 @@ TEST_F(watchdog_rules_test, ManySlowReadersDoNotProtectEachOther) {
     EXPECT_THAT(at(60), SizeIs(37));
 }
 
-TEST_F(watchdog_rules_test, PlayersThatStandStillDoNotProtectOneThatFallsBehind) {
+TEST_F(watchdog_rules_test, players_that_stand_still_do_not_protect_one_that_falls_behind) {
     only(DropRule::BEHIND);
     publisher(1, steady(FOUR_MBIT));
     player(2, steady(FOUR_MBIT));
@@ -367,7 +368,7 @@ TEST_F(watchdog_rules_test, PlayersThatStandStillDoNotProtectOneThatFallsBehind)
     EXPECT_THAT(ids(at(216)), Contains(10));
 }
 
-TEST_F(watchdog_rules_test, APlayerThatCatchesUpIsKept) {
+TEST_F(watchdog_rules_test, a_player_that_catches_up_is_kept) {
     publisher(1, steady(FOUR_MBIT));
     player(2, steady(FOUR_MBIT));
     player(4, steady(FOUR_MBIT));
@@ -377,7 +378,7 @@ TEST_F(watchdog_rules_test, APlayerThatCatchesUpIsKept) {
 }
 
 // The other one settles while this one is slow, and then seems ahead by what it was behind.
-TEST_F(watchdog_rules_test, OneThatCatchesUpMakesNoOtherOneLookBehind) {
+TEST_F(watchdog_rules_test, one_that_catches_up_makes_no_other_one_look_behind) {
     publisher(1, steady(FOUR_MBIT));
     player(2, [](std::uint64_t s) { return (s >= 95 && s < 109 ? 95 : s) * FOUR_MBIT; });
     // Settles in second 105; it has short pauses of its own later.
@@ -389,7 +390,7 @@ TEST_F(watchdog_rules_test, OneThatCatchesUpMakesNoOtherOneLookBehind) {
 }
 
 // The watchdog starts while that one is 45 s behind, so all others seem to have got less since.
-TEST_F(watchdog_rules_test, OneThatWasFarBehindAndCatchesUpGetsNoOtherOneDropped) {
+TEST_F(watchdog_rules_test, one_that_was_far_behind_and_catches_up_gets_no_other_one_dropped) {
     publisher(1, steady(FOUR_MBIT));
     player(2, [](std::uint64_t s) { return (s < 8 ? s : s + 45) * FOUR_MBIT; });
     for (unsigned id = 3; id < 15; ++id) {
@@ -398,7 +399,7 @@ TEST_F(watchdog_rules_test, OneThatWasFarBehindAndCatchesUpGetsNoOtherOneDropped
     EXPECT_EQ(first_verdict(1000), 0U);
 }
 
-TEST_F(watchdog_rules_test, AStreamThatPausesMakesNoPlayerLookBehind) {
+TEST_F(watchdog_rules_test, a_stream_that_pauses_makes_no_player_look_behind) {
     const Media pausing = [](std::uint64_t s) {
         return (s / 100 * 50 + std::min<std::uint64_t>(s % 100, 50)) * FOUR_MBIT;
     };
@@ -410,13 +411,13 @@ TEST_F(watchdog_rules_test, AStreamThatPausesMakesNoPlayerLookBehind) {
     EXPECT_EQ(first_verdict(2000), 0U);
 }
 
-TEST_F(watchdog_rules_test, ALonePlayerThatGetsEverythingIsKept) {
+TEST_F(watchdog_rules_test, a_lone_player_that_gets_everything_is_kept) {
     publisher(1, steady(FOUR_MBIT));
     player(2, steady(FOUR_MBIT));
     EXPECT_EQ(first_verdict(10000), 0U);
 }
 
-TEST_F(watchdog_rules_test, PublishersThatSendLittleOrSeldomAreKeptAndSoAreTheirPlayers) {
+TEST_F(watchdog_rules_test, publishers_that_send_little_or_seldom_are_kept_and_so_are_their_players) {
     struct Row {
         const char* what;
         Media sent;
@@ -447,14 +448,14 @@ TEST_F(watchdog_rules_test, PublishersThatSendLittleOrSeldomAreKeptAndSoAreTheir
     }
 }
 
-TEST_F(watchdog_rules_test, AStalledPlayerOfASlowStreamIsDropped) {
+TEST_F(watchdog_rules_test, a_stalled_player_of_a_slow_stream_is_dropped) {
     publisher(1, steady(4500));
     player(2, steady(4400));
     player(3, until(100, 4400));
     EXPECT_NEAR(static_cast<double>(first_verdict(1000)), 119, 2);
 }
 
-TEST_F(watchdog_rules_test, AClientWithoutAStreamNameIsDroppedAfterTwentySeconds) {
+TEST_F(watchdog_rules_test, a_client_without_a_stream_name_is_dropped_after_twenty_seconds) {
     clients.push_back({7, "", steady(0), 1, ""});
     clients.push_back({8, "play", steady(0), 1, ""});
     EXPECT_THAT(at(20), IsEmpty());
@@ -462,13 +463,13 @@ TEST_F(watchdog_rules_test, AClientWithoutAStreamNameIsDroppedAfterTwentySeconds
                                     verdict(8, DropRule::UNNAMED, "it has had no stream name for 20 s")));
 }
 
-TEST_F(watchdog_rules_test, ASilentPublisherIsDroppedAfterThirtySeconds) {
+TEST_F(watchdog_rules_test, a_silent_publisher_is_dropped_after_thirty_seconds) {
     publisher(1, until(100));
     EXPECT_THAT(at(129), IsEmpty());
     EXPECT_THAT(at(130), ElementsAre(verdict(1, DropRule::SILENT, "it has sent nothing for 30 s")));
 }
 
-TEST_F(watchdog_rules_test, OfTwoSilentPublishersNoneIsPreferredToTheOther) {
+TEST_F(watchdog_rules_test, of_two_silent_publishers_none_is_preferred_to_the_other) {
     publisher(1, until(100));
     publisher(2, until(90));
     EXPECT_THAT(ids(at(115)), IsEmpty());
@@ -476,13 +477,13 @@ TEST_F(watchdog_rules_test, OfTwoSilentPublishersNoneIsPreferredToTheOther) {
     EXPECT_THAT(ids(at(130)), ElementsAre(1, 2));
 }
 
-TEST_F(watchdog_rules_test, ARivalOfAnotherStreamWaitsForNothing) {
+TEST_F(watchdog_rules_test, a_rival_of_another_stream_waits_for_nothing) {
     publisher(1, until(100));
     clients.push_back({2, "publish", steady(FOUR_MBIT), 1, "cam2"});
     EXPECT_THAT(at(129), IsEmpty());
 }
 
-TEST_F(watchdog_rules_test, PlayersAreDroppedForTheirAgeOneAfterTheOther) {
+TEST_F(watchdog_rules_test, players_are_dropped_for_their_age_one_after_the_other) {
     only(DropRule::AGE);
     player(4, steady(FOUR_MBIT));
     player(2, steady(FOUR_MBIT), 2);
@@ -498,19 +499,20 @@ TEST_F(watchdog_rules_test, PlayersAreDroppedForTheirAgeOneAfterTheOther) {
 }
 
 // Timestamps pass 24 bits after 4 h 39 min 37 s.
-TEST(watchdog_defaults, AFullTableOfPlayersIsDroppedForItsAgeBeforeTimestampsPassTwentyFourBits) {
+TEST(watchdog_defaults,
+     a_full_table_of_players_is_dropped_for_its_age_before_timestamps_pass_twenty_four_bits) {
     const WatchdogLimits limits;
     EXPECT_LT(*limits.age_us + (SLOT_COUNT - 1) * limits.stagger_us,
               std::uint64_t{1 << 24} * 1000 - 60 * SECOND);
 }
 
-TEST_F(watchdog_rules_test, TheNameAtTheLimitIsKeptAndALongerOneDropped) {
+TEST_F(watchdog_rules_test, the_name_at_the_limit_is_kept_and_a_longer_one_dropped) {
     clients.push_back({1, "publish", steady(100), 1, std::string(200, 'a')});
     clients.push_back({2, "play", steady(100), 1, std::string(201, 'a')});
     EXPECT_THAT(at(1), ElementsAre(verdict(2, DropRule::LONG_NAME, "its stream name has 201 bytes")));
 }
 
-TEST_F(watchdog_rules_test, PublishersFromElsewhereAreDroppedAndPlayersFromElsewhereKept) {
+TEST_F(watchdog_rules_test, publishers_from_elsewhere_are_dropped_and_players_from_elsewhere_kept) {
     limits.publish_from = {*parse_address_range("203.0.113.0/24"), *parse_address_range("10.1.2.3")};
     clients.push_back({1, "publish", steady(100), 1, "cam1", "203.0.113.255"});
     clients.push_back({2, "publish", steady(100), 1, "cam2", "203.0.114.0"});
@@ -519,7 +521,7 @@ TEST_F(watchdog_rules_test, PublishersFromElsewhereAreDroppedAndPlayersFromElsew
     EXPECT_THAT(at(1), ElementsAre(verdict(2, DropRule::ORIGIN, "publishers may not come from its address")));
 }
 
-TEST_F(watchdog_rules_test, ARuleThatIsOffDropsNoClient) {
+TEST_F(watchdog_rules_test, a_rule_that_is_off_drops_no_client) {
     limits = WatchdogLimits{std::nullopt, std::nullopt, std::nullopt,
                             std::nullopt, std::nullopt, std::nullopt,
                             std::nullopt, {},           0};
@@ -532,7 +534,7 @@ TEST_F(watchdog_rules_test, ARuleThatIsOffDropsNoClient) {
     EXPECT_EQ(first_verdict(17000), 0U);
 }
 
-TEST_F(watchdog_rules_test, ServerThatStoodStillMakesNoClientASuspect) {
+TEST_F(watchdog_rules_test, server_that_stood_still_makes_no_client_a_suspect) {
     publisher(1, until(10));
     player(2, until(10));
     clients.push_back({3, "", steady(0), 9, ""});
@@ -541,7 +543,7 @@ TEST_F(watchdog_rules_test, ServerThatStoodStillMakesNoClientASuspect) {
     EXPECT_THAT(at(now_s + 1), IsEmpty());
 }
 
-TEST(age_drops, ALookThatComesALittleEarlyIsInTimeForTheNextOne) {
+TEST(age_drops, a_look_that_comes_a_little_early_is_in_time_for_the_next_one) {
     constexpr std::uint64_t STAGGER_US = 4000000;
     AgeDrops drops{{"cam1", 10000000}};
     forget_age_drops(drops, 13400000, STAGGER_US, 1000000);

@@ -92,7 +92,7 @@ class loop_test : public testing::Test {
 
 }  // namespace
 
-TEST_F(loop_test, ARequestIsAnsweredAndTheConnectionEnds) {
+TEST_F(loop_test, a_request_is_answered_and_the_connection_ends) {
     Peer peer(address);
     ASSERT_TRUE(peer.say("GET / HTTP/1.1\r\n\r\n"));
     turn_until_end(peer);
@@ -100,7 +100,7 @@ TEST_F(loop_test, ARequestIsAnsweredAndTheConnectionEnds) {
     EXPECT_THAT(heads, testing::ElementsAre("GET / HTTP/1.1\r\n\r\n"));
 }
 
-TEST_F(loop_test, ARequestMayComeByteByByte) {
+TEST_F(loop_test, a_request_may_come_byte_by_byte) {
     Peer peer(address);
     for (const char c : std::string("GET / HTTP/1.1\r\n\r\n")) {
         ASSERT_TRUE(peer.say(std::string(1, c)));
@@ -110,7 +110,7 @@ TEST_F(loop_test, ARequestMayComeByteByByte) {
     EXPECT_EQ(peer.heard, reply);
 }
 
-TEST_F(loop_test, AReplyThatIsLargerThanTheSocketsBuffersArrivesWhole) {
+TEST_F(loop_test, a_reply_that_is_larger_than_the_sockets_buffers_arrives_whole) {
     reply = std::string(11000000, 'x');
     Peer peer(address);
     ASSERT_TRUE(peer.say("GET / HTTP/1.1\r\n\r\n"));
@@ -118,14 +118,14 @@ TEST_F(loop_test, AReplyThatIsLargerThanTheSocketsBuffersArrivesWhole) {
     EXPECT_EQ(peer.heard.size(), reply.size());
 }
 
-TEST_F(loop_test, WhatFollowsTheHeadDoesNotCostTheReply) {
+TEST_F(loop_test, what_follows_the_head_does_not_cost_the_reply) {
     Peer peer(address);
     ASSERT_TRUE(peer.say("POST / HTTP/1.1\r\n\r\n" + std::string(200000, 'b')));
     turn_until_end(peer);
     EXPECT_EQ(peer.heard, reply);
 }
 
-TEST_F(loop_test, AHeadThatIsTooLongEndsTheConnection) {
+TEST_F(loop_test, a_head_that_is_too_long_ends_the_connection) {
     Peer peer(address);
     ASSERT_TRUE(peer.say("GET / HTTP/1.1\r\nX: " + std::string(MAX_HEAD_BYTES, 'a')));
     turn_until_end(peer);
@@ -133,7 +133,7 @@ TEST_F(loop_test, AHeadThatIsTooLongEndsTheConnection) {
     EXPECT_TRUE(heads.empty());
 }
 
-TEST_F(loop_test, AClientThatSendsTooSlowlyIsGivenUp) {
+TEST_F(loop_test, a_client_that_sends_too_slowly_is_given_up) {
     Peer peer(address);
     ASSERT_TRUE(peer.say("GET / HTTP/1.1\r\n"));
     const Clock::time_point begin = Clock::now();
@@ -149,7 +149,7 @@ TEST_F(loop_test, AClientThatSendsTooSlowlyIsGivenUp) {
     EXPECT_EQ(loop->client_count(), 0U);
 }
 
-TEST_F(loop_test, ClientsThatSendNothingKeepNoOtherOut) {
+TEST_F(loop_test, clients_that_send_nothing_keep_no_other_out) {
     std::vector<std::unique_ptr<Peer>> silent;
     for (std::size_t i = 0; i < MAX_HTTP_CLIENTS; ++i) {
         silent.push_back(std::make_unique<Peer>(address));
@@ -167,7 +167,7 @@ TEST_F(loop_test, ClientsThatSendNothingKeepNoOtherOut) {
     EXPECT_TRUE(silent.back()->take());
 }
 
-TEST_F(loop_test, ClientsThatDoNotReadKeepNoOtherOut) {
+TEST_F(loop_test, clients_that_do_not_read_keep_no_other_out) {
     reply = std::string(11000000, 'x');
     std::vector<std::unique_ptr<Peer>> deaf;
     for (int i = 0; i < 8; ++i) {

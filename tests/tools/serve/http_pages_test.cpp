@@ -57,7 +57,7 @@ const std::string OWN_ORIGIN = "http://127.0.0.1:9935";
 
 }  // namespace
 
-TEST_F(pages_test, AreWhatTheyShouldBe) {
+TEST_F(pages_test, are_what_they_should_be) {
     EXPECT_THAT(get("/metrics"), AllOf(StartsWith("HTTP/1.1 200 "), HasSubstr("version=0.0.4"),
                                        EndsWith("\r\n\r\nv9_rtmp_up 1\n")));
     EXPECT_THAT(get("/connections.json"), AllOf(HasSubstr("application/json"), EndsWith("\r\n\r\n{}")));
@@ -68,13 +68,13 @@ TEST_F(pages_test, AreWhatTheyShouldBe) {
     EXPECT_THAT(get("/../../etc/passwd"), StartsWith("HTTP/1.1 404 "));
 }
 
-TEST_F(pages_test, HealthIsBadWhileTheServerDoesNotAnswer) {
+TEST_F(pages_test, health_is_bad_while_the_server_does_not_answer) {
     sickness = "there is no socket";
     EXPECT_THAT(get("/healthz"),
                 AllOf(StartsWith("HTTP/1.1 503 "), EndsWith("\r\n\r\nthere is no socket\n")));
 }
 
-TEST_F(pages_test, EachEndsItsConnectionAndIsProtected) {
+TEST_F(pages_test, each_ends_its_connection_and_is_protected) {
     for (const char* const path : {"/", "/metrics", "/connections.json", "/healthz", "/nothing"}) {
         EXPECT_THAT(
             get(path),
@@ -85,7 +85,7 @@ TEST_F(pages_test, EachEndsItsConnectionAndIsProtected) {
     }
 }
 
-TEST_F(pages_test, TheStatusPageRunsItsOwnScriptAlone) {
+TEST_F(pages_test, the_status_page_runs_its_own_script_alone) {
     const std::string reply = get("/");
     const std::size_t at = reply.find("script-src 'nonce-");
     ASSERT_NE(at, std::string::npos);
@@ -95,7 +95,7 @@ TEST_F(pages_test, TheStatusPageRunsItsOwnScriptAlone) {
     EXPECT_THAT(get("/"), Not(HasSubstr(nonce)));
 }
 
-TEST_F(pages_test, AreForNoOtherHost) {
+TEST_F(pages_test, are_for_no_other_host) {
     for (const char* const headers :
          {"Host: evil.example\r\n", "Host: \r\n", "", "Host: localhost.evil.example:9935\r\n"}) {
         const std::string reply = pages("").answer(request("GET /connections.json", headers));
@@ -105,7 +105,7 @@ TEST_F(pages_test, AreForNoOtherHost) {
                 StartsWith("HTTP/1.1 200 "));
 }
 
-TEST_F(pages_test, ADropNeedsOriginAndToken) {
+TEST_F(pages_test, a_drop_needs_origin_and_token) {
     EXPECT_THAT(drop("http://evil.example", TOKEN), StartsWith("HTTP/1.1 403 "));
     EXPECT_THAT(drop(OWN_ORIGIN, "wrong"), AllOf(StartsWith("HTTP/1.1 403 "), HasSubstr("not the token")));
     EXPECT_THAT(
@@ -116,25 +116,25 @@ TEST_F(pages_test, ADropNeedsOriginAndToken) {
     EXPECT_THAT(dropped, testing::ElementsAre("5 203.0.113.7:50000"));
 }
 
-TEST_F(pages_test, ADropIsAPost) {
+TEST_F(pages_test, a_drop_is_a_post) {
     EXPECT_THAT(pages(TOKEN).answer(request("GET /drop?id=5", drop_headers(OWN_ORIGIN, TOKEN))),
                 StartsWith("HTTP/1.1 404 "));
     EXPECT_THAT(dropped, IsEmpty());
 }
 
-TEST_F(pages_test, ADropIsOffWithoutAToken) {
+TEST_F(pages_test, a_drop_is_off_without_a_token) {
     const std::string reply = pages("").answer(request("POST /drop?id=5", drop_headers(OWN_ORIGIN, "")));
     EXPECT_THAT(reply, AllOf(StartsWith("HTTP/1.1 403 "), HasSubstr("--allow-drop")));
     EXPECT_THAT(dropped, IsEmpty());
 }
 
-TEST_F(pages_test, ADropThatFailsSaysWhy) {
+TEST_F(pages_test, a_drop_that_fails_says_why) {
     drop_failure = Failure{ExitCode::NEGATIVE_ANSWER, "there is no connection 5."};
     EXPECT_THAT(drop(OWN_ORIGIN, TOKEN),
                 AllOf(StartsWith("HTTP/1.1 409 "), EndsWith("there is no connection 5.\n")));
 }
 
-TEST_F(pages_test, SomethingElseThanARequestIsRefused) {
+TEST_F(pages_test, something_else_than_a_request_is_refused) {
     HttpPages& router = pages("");
     for (const std::string& head :
          {std::string("\r\n\r\n"), std::string("GET\r\n\r\n"), std::string("GET / HTTP/9.9\r\n\r\n"),
@@ -147,7 +147,7 @@ TEST_F(pages_test, SomethingElseThanARequestIsRefused) {
     EXPECT_THAT(dropped, IsEmpty());
 }
 
-TEST_F(pages_test, RangesAndCompressionAreNotServed) {
+TEST_F(pages_test, ranges_and_compression_are_not_served) {
     std::string ranges = "0-";
     while (ranges.size() < 7900) {
         ranges += ",0-";
@@ -160,7 +160,7 @@ TEST_F(pages_test, RangesAndCompressionAreNotServed) {
     }
 }
 
-TEST_F(pages_test, AnyBytesAreAnsweredOrNot) {
+TEST_F(pages_test, any_bytes_are_answered_or_not) {
     HttpPages& router = pages(TOKEN);
     std::mt19937 random(1);
     const std::string good = request("POST /drop?id=5&address=1", drop_headers(OWN_ORIGIN, TOKEN));

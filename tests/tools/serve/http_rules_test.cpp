@@ -10,14 +10,14 @@
 
 using testing::HasSubstr;
 
-TEST(http_host, AnAddressAndLocalhostAreTheServersOwn) {
+TEST(http_host, an_address_and_localhost_are_the_servers_own) {
     for (const char* const host : {"127.0.0.1", "127.0.0.1:9935", "192.0.2.7:80", "[::1]:9935", "[fe80::1]",
                                    "localhost", "localhost:9935", "LocalHost:1"}) {
         EXPECT_TRUE(is_own_host(host, {})) << host;
     }
 }
 
-TEST(http_host, OtherNamesAreNot) {
+TEST(http_host, other_names_are_not) {
     for (const char* const host : {"", "evil.example", "evil.example:9935", "localhost.evil.example",
                                    "127.0.0.1.evil.example", "127.0.0.1:9935:1", "127.0.0.1:x", "[localhost]",
                                    "[127.0.0.1]", "127.1", "0x7f000001", "127.0.0.1 "}) {
@@ -25,13 +25,13 @@ TEST(http_host, OtherNamesAreNot) {
     }
 }
 
-TEST(http_host, NamesThatWereGivenAre) {
+TEST(http_host, names_that_were_given_are) {
     EXPECT_TRUE(is_own_host("Relay.Example:9935", {"relay.example"}));
     EXPECT_TRUE(is_own_host("relay.example", {"other.example", "RELAY.example"}));
     EXPECT_FALSE(is_own_host("sub.relay.example", {"relay.example"}));
 }
 
-TEST(http_origin, OnlyTheServersOwnPageMayDrop) {
+TEST(http_origin, only_the_servers_own_page_may_drop) {
     EXPECT_TRUE(is_same_origin("http://127.0.0.1:9935", "127.0.0.1:9935", "same-origin"));
     EXPECT_TRUE(is_same_origin("https://relay.example", "relay.example", ""));
     EXPECT_FALSE(is_same_origin("http://evil.example", "127.0.0.1:9935", "cross-site"));
@@ -41,7 +41,7 @@ TEST(http_origin, OnlyTheServersOwnPageMayDrop) {
     EXPECT_FALSE(is_same_origin("http://127.0.0.1:9935", "127.0.0.1:9935", "same-site"));
 }
 
-TEST(http_token, HasToBeWhole) {
+TEST(http_token, has_to_be_whole) {
     const std::string token = "0123456789abcdef";
     EXPECT_TRUE(has_token("Bearer 0123456789abcdef", token));
     for (const char* const guess :
@@ -68,20 +68,20 @@ class token_file_test : public testing::Test {
 
 }  // namespace
 
-TEST_F(token_file_test, HoldsTheTokenInItsFirstLine) {
+TEST_F(token_file_test, holds_the_token_in_its_first_line) {
     EXPECT_FALSE(read("0123456789abcdef \r\nmore\n"));
     EXPECT_EQ(token, "0123456789abcdef");
     EXPECT_FALSE(read("0123456789abcdef", 0640));
 }
 
-TEST_F(token_file_test, OfEveryUserIsRefused) {
+TEST_F(token_file_test, of_every_user_is_refused) {
     const std::optional<Failure> failure = read("0123456789abcdef\n", 0644);
     ASSERT_TRUE(failure);
     EXPECT_EQ(failure->exit_code, ExitCode::USAGE);
     EXPECT_THAT(failure->message, HasSubstr("chmod o="));
 }
 
-TEST_F(token_file_test, WithTooShortATokenIsRefused) {
+TEST_F(token_file_test, with_too_short_a_token_is_refused) {
     for (const char* const content : {"", "\n", "0123456789abcde\n", "0123456789abcde f\n",
                                       "0123456789abcd\xff"
                                       "ef\n"}) {
@@ -91,13 +91,13 @@ TEST_F(token_file_test, WithTooShortATokenIsRefused) {
     }
 }
 
-TEST(token_file_that_is_missing, IsExplained) {
+TEST(token_file_that_is_missing, is_explained) {
     std::string token;
     const std::optional<Failure> failure = read_token("/nonexistent/token", token);
     ASSERT_TRUE(failure);
     EXPECT_THAT(failure->message, HasSubstr("/dev/urandom"));
 }
 
-TEST(html, GetsNoMeaningFromAName) {
+TEST(html, gets_no_meaning_from_a_name) {
     EXPECT_EQ(escape_html("<b a=\"1\" c='2'>&amp;"), "&lt;b a=&quot;1&quot; c=&#39;2&#39;&gt;&amp;amp;");
 }

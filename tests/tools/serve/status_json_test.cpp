@@ -33,7 +33,7 @@ class status_test : public testing::Test {
 
 }  // namespace
 
-TEST_F(status_test, HasStreamsAndConnectionsWithTheirRatesAndAges) {
+TEST_F(status_test, has_streams_and_connections_with_their_rates_and_ages) {
     for (std::uint64_t s = 1; s <= 7; ++s) {
         look(s, {observed_publisher(0, "cam1", 1000 * s), observed_player(1, "cam1", 500 * s),
                  observed_client(2, "", "", 0, 0)});
@@ -59,7 +59,7 @@ TEST_F(status_test, HasStreamsAndConnectionsWithTheirRatesAndAges) {
     EXPECT_EQ(status["connections"][2]["stream"], nullptr);
 }
 
-TEST_F(status_test, SaysWhyTheServerDoesNotAnswer) {
+TEST_F(status_test, says_why_the_server_does_not_answer) {
     view.failure = Failure{ExitCode::NOT_RUNNING, "there is no socket. <start> it."};
     const json status = document();
     EXPECT_EQ(status["running"], false);
@@ -68,7 +68,7 @@ TEST_F(status_test, SaysWhyTheServerDoesNotAnswer) {
     EXPECT_EQ(status_table(view), "<p>there is no socket. &lt;start&gt; it.</p>");
 }
 
-TEST_F(status_test, CutsNamesThatAreLong) {
+TEST_F(status_test, cuts_names_that_are_long) {
     const std::string name(1000000, 'n');
     look(1,
          {observed_publisher(0, name, 1), observed_publisher(1, "x" + std::string(300, '\xc3') + "\xa4", 1),
@@ -80,7 +80,7 @@ TEST_F(status_test, CutsNamesThatAreLong) {
     EXPECT_EQ(status["connections"][2]["stream"], std::string(199, 'e') + "\u2026");
 }
 
-TEST_F(status_test, TellsStreamsApartThatLookTheSame) {
+TEST_F(status_test, tells_streams_apart_that_look_the_same) {
     look(1, {observed_publisher(0, "a\xff", 1), observed_publisher(1, "a\xfe", 1)});
     const json status = document();
     ASSERT_EQ(status["streams"].size(), 2U);
@@ -88,14 +88,14 @@ TEST_F(status_test, TellsStreamsApartThatLookTheSame) {
     EXPECT_NE(status["streams"][0]["key"], status["streams"][1]["key"]);
 }
 
-TEST_F(status_test, TheTableGivesNamesNoMeaning) {
+TEST_F(status_test, the_table_gives_names_no_meaning) {
     look(1, {observed_publisher(0, "<script>alert(1)</script>\"'&\u202e", 1)});
     const std::string table = status_table(view);
     EXPECT_THAT(table, HasSubstr("&lt;script&gt;alert(1)&lt;/script&gt;&quot;&#39;&amp;\\xE2\\x80\\xAE"));
     EXPECT_THAT(table, Not(HasSubstr("<script")));
 }
 
-TEST(status_page, IsFilledOnce) {
+TEST(status_page, is_filled_once) {
     const std::string page = status_page("THE_NONCE", "<p>{{nonce}}</p>");
     EXPECT_THAT(page, HasSubstr("<script nonce=\"THE_NONCE\">"));
     EXPECT_THAT(page, HasSubstr("<style nonce=\"THE_NONCE\">"));
@@ -103,7 +103,7 @@ TEST(status_page, IsFilledOnce) {
     EXPECT_THAT(page, Not(HasSubstr("{{table}}")));
 }
 
-TEST(status_page, FetchesNothingFromElsewhereAndMakesNoMarkupOfData) {
+TEST(status_page, fetches_nothing_from_elsewhere_and_makes_no_markup_of_data) {
     const std::string page(STATUS_PAGE);
     for (const char* const word : {"innerHTML", "outerHTML", "insertAdjacentHTML", "document.write", "eval(",
                                    "http:", "https:", " src=", "@import", "onclick", "style=\""}) {
