@@ -109,12 +109,12 @@ void put_bytes(unsigned char*& d, std::string_view bytes) {
     }
 }
 
-// The value of a pair: what stands before its shared part, the shared part, and what stands after it.
+// The value of a pair: the bytes before its shared part, the shared part, and the bytes after it.
 using ValueParts = std::array<std::string_view, 3>;
 using SharedParts = std::vector<SharedPart>;
 
-// Returns the value of the pair at idx. *shared is the first shared part that no earlier pair has; advances
-// it if it belongs to this pair.
+// Returns the value of the pair at idx. *shared points to the next unused shared part; it is advanced if that
+// part belongs to this pair.
 ValueParts next_value(const FrameText& text, std::size_t idx, SharedParts::const_iterator* shared) {
     const std::string_view own = text.pairs[idx].second;
     if (*shared == text.shared_parts.end() || (*shared)->pair_idx != idx) {

@@ -81,7 +81,7 @@ TEST(ctl_check, without_a_server_is_critical) {
     EXPECT_THAT(
         run.out,
         AllOf(HasSubstr("critical: control socket: there is no socket at "),
-              HasSubstr("critical: RTMP: 127.0.0.1:1935: it takes no connection (Connection refused)"),
+              HasSubstr("critical: RTMP: 127.0.0.1:1935: it accepts no connection (Connection refused)"),
               Not(HasSubstr("ok: "))));
 }
 

@@ -382,7 +382,7 @@ TEST(ctl, drop_address_drops_what_comes_from_a_prefix) {
 TEST(ctl, an_id_is_looked_at_before_anything_is_sent) {
     // There is no server, and none is needed.
     for (const char* const id : {"128", "5x", "x5", "-1", "", " 5", "+5", "4294967301", "0x3"}) {
-        expect_failure(run_tool({"drop", "id", "--", id}), USAGE, "is no connection id");
+        expect_failure(run_tool({"drop", "id", "--", id}), USAGE, "is not a connection id");
     }
 }
 

@@ -1,5 +1,5 @@
 // The subcommands against a server that answers like the real one. Standard output and error are captured;
-// standard error is no terminal then, so nobody is asked.
+// standard error is not a terminal then, so no question is asked.
 #include "tools/v9_rtmp_ctl/commands.h"
 
 #include <gmock/gmock.h>
@@ -340,7 +340,7 @@ TEST_F(commands_test, of_several_ids_all_are_tried_and_the_worst_status_is_told)
     EXPECT_EQ(outcome.exit_code, 2);
     EXPECT_EQ(outcome.out, "dropped connection 3 of stream 'cam1'\ndropped connection 0 of stream 'cam1'\n");
     EXPECT_THAT(outcome.err, HasSubstr("there is no connection 5"));
-    EXPECT_THAT(outcome.err, HasSubstr("'200' is no connection id"));
+    EXPECT_THAT(outcome.err, HasSubstr("'200' is not a connection id"));
     EXPECT_EQ(other_requests().size(), 2U);
     settings.form = OutputForm::PLAIN;
     options.ids = {"3", "5"};
@@ -445,7 +445,7 @@ TEST_F(commands_test, streams_without_legend_is_only_the_rows) {
     EXPECT_EQ(outcome_of([&] { return run_streams(settings, options); }).out, row);
     options.no_legend = false;
     EXPECT_THAT(outcome_of([&] { return run_streams(settings, options); }).out,
-                testing::EndsWith("\n? is a guess: the server does not tell which one.\n"));
+                testing::EndsWith("\n? is a guess: the server does not say which one.\n"));
 }
 
 TEST_F(commands_test, drop_stream_needs_force_where_nobody_can_be_asked) {

@@ -28,7 +28,7 @@ TEST(reply_json, a_status_of_64_bits_is_whole) {
               R"({"status": 18446744073709551615, "command": "", "message": "", "pairs": []})");
 }
 
-TEST(reply_json, bytes_that_are_not_utf8become_the_replacement_character) {
+TEST(reply_json, bytes_that_are_not_utf8_become_the_replacement_character) {
     EXPECT_EQ(
         reply_json({0, "a\xff", "\xc3\xa4\xc3", {{"\x80", "ok\xf0\x9f"}}}),
         "{\"status\": 0, \"command\": \"a\xef\xbf\xbd\", \"message\": \"\xc3\xa4\xef\xbf\xbd\", \"pairs\": "

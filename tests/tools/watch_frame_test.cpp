@@ -246,7 +246,7 @@ TEST(watch_frame, the_foot_asks_and_tells) {
 
 TEST(watch_frame, a_notice_is_shown_whole) {
     WatchModel model = full_model();
-    model.notice = "'" + std::string(64, 'x') + "' is no connection id. Give a number from 0 to 127.";
+    model.notice = "'" + std::string(64, 'x') + "' is not a connection id. Give a number from 0 to 127.";
     const std::vector<std::string> lines = frame(model, 80, 24);
     ASSERT_EQ(lines.size(), 24U);
     EXPECT_THAT(lines[21], StartsWith("... "));
@@ -281,7 +281,7 @@ TEST(watch_frame, help_fits_into_80x24) {
         EXPECT_LE(line.text.size(), 80U) << line.text;
     }
     EXPECT_EQ(texts(lines), frame(model, 80, 24));
-    EXPECT_EQ(frame(model, 50, 20)[18], "relayed the server does not tell.");
+    EXPECT_EQ(frame(model, 50, 20)[18], "not say which one it relays.");
     for (const std::string& line : frame(model, 50, 20)) {
         EXPECT_THAT(line, testing::Not(testing::EndsWith("~")));
     }

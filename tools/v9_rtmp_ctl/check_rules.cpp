@@ -161,7 +161,8 @@ Finding judge_standard_error(const std::optional<std::string>& target) {
     const std::string place = escape_untrusted(*target);
     if (target->starts_with("pipe:")) {
         return {Level::WARNING, "log",
-                "standard error leads to a pipe: the relay stops while its reader does. Let the journal read "
+                "standard error leads to a pipe: the relay stops if its reader stops reading. Let the "
+                "journal read "
                 "it, or lead it "
                 "to /dev/null."};
     }

@@ -259,7 +259,7 @@ void CommandParser::add_force(CLI::App& command) {
 void CommandParser::add_sort(CLI::App& command, const std::vector<std::string>& keys,
                              const std::string& text) {
     command.add_option("--sort", sort, text)->type_name(CLI::detail::join(keys, "|"))->check(one_of(keys));
-    command.add_flag("-r,--reverse", reverse, "The other way round");
+    command.add_flag("-r,--reverse", reverse, "Reverse the order");
     command.add_flag("--no-legend", no_legend, "Print neither titles nor what stands below the table");
 }
 

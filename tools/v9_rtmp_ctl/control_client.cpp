@@ -204,7 +204,7 @@ std::optional<Failure> read_listing(const Reply& reply, Listing& listing, std::s
         }
         std::optional<Connection> connection = parse_connection_line(value);
         if (!connection) {
-            return unreadable_reply("'" + value.substr(0, 200) + "' is no line of a listing");
+            return unreadable_reply("'" + value.substr(0, 200) + "' is not a valid listing line");
         }
         cut_name(*connection, longest_name_bytes);
         listing.connections.push_back(std::move(*connection));

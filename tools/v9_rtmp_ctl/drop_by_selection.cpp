@@ -26,7 +26,7 @@ std::optional<Failure> drop_name(ControlClient& client, const std::string& name,
     }
     const std::optional<unsigned> dropped = dropped_count(reply.message);
     if (!dropped) {
-        return unreadable_reply("'" + reply.message + "' is no answer to a drop");
+        return unreadable_reply("'" + reply.message + "' is an unexpected reply to a drop");
     }
     result.dropped += *dropped;
     result.message = reply.message;

@@ -30,7 +30,7 @@ std::optional<Failure> confirm(const DropOptions& options, const std::string& qu
     }
     if (isatty(STDIN_FILENO) == 0 || isatty(STDERR_FILENO) == 0) {
         return Failure{ExitCode::USAGE,
-                       "nothing was dropped: standard input or error is no terminal, so no question can be "
+                       "nothing was dropped: standard input or error is not a terminal, so no question can be "
                        "asked. Add --force to drop without a question."};
     }
     if (!answered_yes(question)) {

@@ -58,7 +58,7 @@ std::optional<Failure> judge_drop_id(unsigned id, const std::string& guard, cons
     if (reply.message == "Stream name does not match") {
         return not_of_stream(id, guard);
     }
-    return unreadable_reply("'" + reply.message + "' is no answer to a drop");
+    return unreadable_reply("'" + reply.message + "' is an unexpected reply to a drop");
 }
 
 DropTarget target_of(const Connection& connection) {
@@ -113,7 +113,7 @@ std::optional<Failure> judge_candidate(const Connection& candidate, const std::v
 
 Failure bad_connection_id(const std::string& text) {
     return {ExitCode::USAGE, "'" + escape_untrusted(text) +
-                                 "' is no connection id. Give a number from 0 to " +
+                                 "' is not a connection id. Give a number from 0 to " +
                                  std::to_string(SLOT_COUNT - 1) + ", as 'v9_rtmp_ctl list' shows it."};
 }
 

@@ -107,7 +107,7 @@ std::string many_listeners(const std::vector<ListeningSocket>& sockets, const st
                                       " (" + process_list(owners) + ")"
                                 : std::to_string(sockets.size()) + " sockets listen on " + port_text();
     return who +
-           ", and the kernel deals clients out to all of them: players can land where their publisher is "
+           ", and the kernel distributes clients among them: players may reach one where their publisher is "
            "not. " +
            "The control socket belongs to process " + std::to_string(answering.pid) +
            ". Stop all but one, then start that one again if it is not the one that answers.";

@@ -69,7 +69,7 @@ Failure usage_failure(const std::string& reason, const std::string& command) {
 
 Failure nothing_to_do() {
     return {ExitCode::USAGE,
-            "say what to do. The usual commands:\n"
+            "a command is required. The usual ones:\n"
             "\n"
             "  hello    whether the server answers, and who listens on its port\n"
             "  list     who is connected\n"
@@ -82,8 +82,8 @@ Failure nothing_to_do() {
 
 Failure nothing_to_drop() {
     return {ExitCode::USAGE,
-            "say what to drop: 'drop id 5', 'drop stream cam1', 'drop address 203.0.113.0/24' or "
-            "'drop unnamed'. Each shows with --dry-run whom it would drop; 'v9_rtmp_ctl list' shows ids and "
+            "drop needs a target: 'drop id 5', 'drop stream cam1', 'drop address 203.0.113.0/24' or "
+            "'drop unnamed'. With --dry-run, each shows what it would drop; 'v9_rtmp_ctl list' shows ids and "
             "addresses."};
 }
 

@@ -177,7 +177,7 @@ void WatchObserver::finish_drop_stream(WatchModel& model) {
     if (reply.status != COMM_SOCKET_V4_STATUS_SUCCESS) {
         model.notice = refused_by_server(reply.message).message;
     } else if (!count) {
-        model.notice = unreadable_reply("'" + reply.message + "' is no answer to a drop").message;
+        model.notice = unreadable_reply("'" + reply.message + "' is an unexpected reply to a drop").message;
     } else {
         model.notice = "Dropped " + std::to_string(*count) + (*count == 1 ? " connection" : " connections") +
                        " of stream '" + name + "'.";

@@ -159,6 +159,6 @@ std::vector<std::string> help_texts() {
             "",
             "RIVALS publish a name that is published already.",
             "One takes over when that is silent for 2.5 s.",
-            "A publisher with ? is a guess: which one is",
-            "relayed the server does not tell."};
+            "A publisher with ? is a guess: the server does",
+            "not say which one it relays."};
 }

@@ -73,7 +73,7 @@ void add_watchdog_options(CLI::App& command, WatchdogOptions& options, WatchdogT
         ->check(bytes_or_off());
     command
         .add_option("--publish-from", texts.publish_from,
-                    "Drop publishers from elsewhere than these addresses")
+                    "Drop publishers from any other address")
         ->type_name("CIDR")
         ->check(address_range());
     command.add_option("--interval", options.interval_seconds, "Time from one look to the next")

@@ -175,8 +175,8 @@ class Judge {
                 return is_behind(record, *player, lead_us, 100);
             });
         };
-        // A player that was slow when the other settled and has caught up since seems ahead by as much. So a
-        // single player must be further ahead than it could have been behind.
+        // A player that was slow when the other settled and has caught up since seems to be ahead by the same
+        // amount. So a single player must be further ahead than it could have been behind.
         const auto half = static_cast<std::ptrdiff_t>((players.size() + 1) / 2);
         const bool is_alone_behind = !players.empty() && count_ahead(limit) >= half;
         return is_alone_behind || count_ahead(2 * limit) > 0 ? by + "other players of the stream" : Reason();

@@ -111,7 +111,7 @@ end
 complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in list' -l sort -x -a 'id stream rate' -d 'Order of the lines'
 complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in streams' -l sort -x -a 'stream rate' -d 'Order of the lines'
 for command in list streams
-    complete -c v9_rtmp_ctl -n "__v9_rtmp_ctl_in $command" -s r -l reverse -d 'The other way round'
+    complete -c v9_rtmp_ctl -n "__v9_rtmp_ctl_in $command" -s r -l reverse -d 'Reverse the order'
     complete -c v9_rtmp_ctl -n "__v9_rtmp_ctl_in $command" -l no-legend -d 'Neither titles nor the count'
 end
 complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in streams' -a '(__v9_rtmp_ctl_streams)' -d 'Stream'
