@@ -51,6 +51,7 @@ UNTIL_LIMIT_S = 30
 ADDRESS = "192.0.2.1"
 INSIDE = "V9_EXAMPLES_INSIDE"
 MARK = re.compile(r"<!-- (not run|with|until|says|as|status): (.+) -->$")
+LANGUAGES = ("sh", "text")
 FENCE = re.compile(r"```(\w*)$")
 VALUES = {"with": {"server", "stream"}, "as": {"user"}}
 
@@ -84,8 +85,10 @@ def parse(page, text):
                     errors.append(f"{page}:{number}: a command in a block that is not run")
         elif fence:
             language, begin, block = fence[1], number, []
-            if not language:
-                errors.append(f"{page}:{number}: a block without a language")
+            if language not in LANGUAGES:
+                errors.append(f"{page}:{number}: a block is ```sh or ```text, so that no command hides")
+        elif line.lstrip().startswith(("```", "~~~")):
+            errors.append(f"{page}:{number}: a fence stands at the line's begin and is made of ```")
         elif mark := MARK.match(line):
             marks[mark[1]] = mark[2]
             if mark[1] in VALUES and mark[2] not in VALUES[mark[1]]:

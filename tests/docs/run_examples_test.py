@@ -38,8 +38,9 @@ class the_commands_of_a_page(unittest.TestCase):
     def test_do_not_hide(self):
         self.assertEqual([], self.errors("text\n" + block("a", "with: stream")))
         for hidden in ("    ls\n", block("$ ls", language="text"), block("ls", language=""), "```sh\nls\n",
+                       block("ls", language="bash"), "- a\n\n  ```sh\n  ls\n  ```\n", "~~~sh\nls\n~~~\n",
                        block("ls", "with: beer"), "<!-- not run: x -->\n\n" + block("ls")):
-            self.assertEqual(1, len(self.errors(hidden)), hidden)
+            self.assertTrue(self.errors(hidden), hidden)
 
     def test_are_run_but_for_15_in_100(self):
         for left_out, good in ((3, True), (4, False)):
