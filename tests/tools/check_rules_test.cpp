@@ -78,7 +78,8 @@ TEST(check_rules, a_memory_limit_below_what_a_full_table_may_hold_is_a_warning) 
 TEST(check_rules, standard_error_may_lead_to_the_journal_or_nowhere) {
     EXPECT_EQ(judge_standard_error("socket:[123]").level, Level::OK);
     EXPECT_EQ(judge_standard_error("/dev/null").level, Level::OK);
-    EXPECT_THAT(judge_standard_error("pipe:[123]").text, HasSubstr("the relay stops if its reader stops reading"));
+    EXPECT_THAT(judge_standard_error("pipe:[123]").text,
+                HasSubstr("the relay stops if its reader stops reading"));
     EXPECT_THAT(judge_standard_error("/dev/pts/0").text, HasSubstr("Start the server as a service"));
     EXPECT_THAT(judge_standard_error("/var/log/a\nb").text,
                 HasSubstr("/var/log/a\\x0Ab, which strangers can fill"));
