@@ -232,12 +232,14 @@ void ConnectionHistory::take_in_client(const Connection& connection, const Clien
 
 void ConnectionHistory::forget_relayed(std::vector<ClientRecord>& before) const {
     for (ClientRecord& record : before) {
-        const bool has_players =
-            std::any_of(before.begin(), before.end(), [&record](const ClientRecord& other) {
-                return other.connection.mode == "play" && other.connection.stream == record.connection.stream;
-            });
-        record.is_relayed =
-            record.is_relayed && (has_players || last_us - record.quiet_since_us < TAKEOVER_US);
+        if (record.is_relayed && last_us - record.quiet_since_us >= TAKEOVER_US) {
+            // The stream has players.
+            record.is_relayed =
+                std::any_of(before.begin(), before.end(), [&record](const ClientRecord& other) {
+                    return other.connection.mode == "play" &&
+                           other.connection.stream == record.connection.stream;
+                });
+        }
     }
 }
 

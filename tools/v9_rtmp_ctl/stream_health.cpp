@@ -36,10 +36,6 @@ std::optional<std::uint64_t> find_lag_us(const ConnectionHistory& history, const
                                             static_cast<double>(wanted));
 }
 
-bool is_relayed_publisher(const ClientRecord& record) {
-    return record.connection.mode == "publish" && record.is_relayed;
-}
-
 // Returns how far the client is behind the foremost player. 0 if it keeps up with the relayed publisher,
 // because the foremost may only have smaller chunks; if that is not known, with any publisher. Also 0 if
 // there is no other player to compare with.
@@ -47,7 +43,7 @@ std::uint64_t behind_us(const ConnectionHistory& history, const ClientRecord& cl
     std::uint64_t behind = 0;
     const bool relayed_is_known =
         std::any_of(history.clients().begin(), history.clients().end(), [&client](const ClientRecord& other) {
-            return is_relayed_publisher(other) && other.connection.stream == client.connection.stream;
+            return other.is_relayed && other.connection.stream == client.connection.stream;
         });
     for (const ClientRecord& other : history.clients()) {
         const bool plays = other.connection.mode == "play";
