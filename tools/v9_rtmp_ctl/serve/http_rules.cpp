@@ -74,9 +74,10 @@ std::optional<Failure> read_token(const std::string& path, std::string& token) {
     }
     const bool is_plain = std::all_of(token.begin(), token.end(), [](char c) { return c > ' ' && c <= '~'; });
     if (token.size() < MIN_TOKEN_BYTES || !is_plain) {
-        return Failure{ExitCode::USAGE, "the first line of the token file " + name +
-                                            " is not a token. Write at least 16 characters without blanks into "
-                                            "it, for example from 'head -c 24 /dev/urandom | base64'."};
+        return Failure{ExitCode::USAGE,
+                       "the first line of the token file " + name +
+                           " is not a token. Write at least 16 characters without blanks into "
+                           "it, for example from 'head -c 24 /dev/urandom | base64'."};
     }
     return std::nullopt;
 }
