@@ -71,9 +71,7 @@ void add_watchdog_options(CLI::App& command, WatchdogOptions& options, WatchdogT
         ->type_name("BYTES")
         ->take_last()
         ->check(bytes_or_off());
-    command
-        .add_option("--publish-from", texts.publish_from,
-                    "Drop publishers from any other address")
+    command.add_option("--publish-from", texts.publish_from, "Drop publishers from any other address")
         ->type_name("CIDR")
         ->check(address_range());
     command.add_option("--interval", options.interval_seconds, "Time from one look to the next")
