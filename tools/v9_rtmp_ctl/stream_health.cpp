@@ -36,27 +36,18 @@ std::optional<std::uint64_t> find_lag_us(const ConnectionHistory& history, const
                                             static_cast<double>(wanted));
 }
 
-// Returns how far the client is behind the foremost player. 0 if it keeps up with the relayed publisher,
-// because the foremost may only have smaller chunks; if that is not known, with any publisher. Also 0 if
-// there is no other player to compare with.
-std::uint64_t behind_us(const ConnectionHistory& history, const ClientRecord& client) {
+// Returns how far the player is behind the foremost one of its stream; 0 if there is no other. Also 0 if it
+// keeps up with its publisher, because the foremost may only have smaller chunks.
+std::uint64_t behind_us(const ConnectionHistory& history, const ClientRecord& player) {
+    const Clients publishers = sources_of(history, player);
+    if (std::any_of(publishers.begin(), publishers.end(), [&](const ClientRecord* publisher) {
+            return keeps_up(history, player, *publisher, 3 * BEHIND_AFTER_US);
+        })) {
+        return 0;
+    }
     std::uint64_t behind = 0;
-    const bool relayed_is_known =
-        std::any_of(history.clients().begin(), history.clients().end(), [&client](const ClientRecord& other) {
-            return other.is_relayed && other.connection.stream == client.connection.stream;
-        });
-    for (const ClientRecord& other : history.clients()) {
-        const bool plays = other.connection.mode == "play";
-        const std::optional<std::uint64_t> lag_us =
-            other.connection.id == client.connection.id
-                ? std::nullopt
-                : find_lag_us(history, client, other, plays ? 100 : KEEPS_UP_PERCENT);
-        if (lag_us && plays) {
-            behind = std::max(behind, *lag_us);
-        } else if (lag_us && (!relayed_is_known || other.is_relayed) &&
-                   keeps_up(history, client, other, 3 * BEHIND_AFTER_US)) {
-            return 0;
-        }
+    for (const ClientRecord* const other : others_of_stream(history, player, "play")) {
+        behind = std::max(behind, find_lag_us(history, player, *other, 100).value_or(0));
     }
     return behind;
 }
@@ -96,6 +87,28 @@ std::map<std::string, StreamState> stream_states(const std::vector<Connection>& 
         }
     }
     return states;
+}
+
+Clients others_of_stream(const ConnectionHistory& history, const ClientRecord& client,
+                         std::string_view mode) {
+    Clients found;
+    if (client.connection.whole_name_bytes != 0) {
+        return found;
+    }
+    for (const ClientRecord& other : history.clients()) {
+        if (other.connection.id != client.connection.id &&
+            other.connection.stream == client.connection.stream && other.connection.mode == mode) {
+            found.push_back(&other);
+        }
+    }
+    return found;
+}
+
+Clients sources_of(const ConnectionHistory& history, const ClientRecord& player) {
+    Clients publishers = others_of_stream(history, player, "publish");
+    const auto relayed = std::find_if(publishers.begin(), publishers.end(),
+                                      [](const ClientRecord* p) { return p->is_relayed; });
+    return relayed == publishers.end() ? publishers : Clients{*relayed};
 }
 
 ClientHealth client_health(const ConnectionHistory& history, const ClientRecord& client) {

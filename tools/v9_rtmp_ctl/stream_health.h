@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <map>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "tools/v9_rtmp_ctl/connection_history.h"
@@ -28,6 +29,17 @@ enum class StreamState {
 // counts as live.
 [[nodiscard]] std::map<std::string, StreamState> stream_states(const std::vector<Connection>& connections,
                                                                const ConnectionHistory* history);
+
+using Clients = std::vector<const ClientRecord*>;
+
+// Returns the other clients of a client's stream that have this mode. Names that were cut can differ in the
+// part that is missing, so a client with such a name has none.
+[[nodiscard]] Clients others_of_stream(const ConnectionHistory& history, const ClientRecord& client,
+                                       std::string_view mode);
+
+// Returns the relayed publisher of a player's stream, or all its publishers if it is not known which one
+// is relayed.
+[[nodiscard]] Clients sources_of(const ConnectionHistory& history, const ClientRecord& player);
 
 struct ClientHealth {
     std::uint64_t age_us = 0;     // since first seen; for a player, since first seen playing

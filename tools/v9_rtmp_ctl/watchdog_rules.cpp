@@ -19,8 +19,6 @@ constexpr std::uint64_t PUBLISHER_PERCENT = 90;
 // Metadata is sent to some players sooner than to others.
 constexpr std::uint64_t SLACK_BYTES = 16384;
 
-using Clients = std::vector<const ClientRecord*>;
-
 std::string seconds_text(std::uint64_t us) {
     return std::to_string(us / US_PER_SECOND) + " s";
 }
@@ -110,7 +108,7 @@ class Judge {
         if (!limits.contested_us || !is_silent_publisher(record, *limits.contested_us)) {
             return std::nullopt;
         }
-        const Clients rivals = others(record, is_publisher);
+        const Clients rivals = others_of_stream(history, record, "publish");
         const bool is_awaited = std::any_of(rivals.begin(), rivals.end(), [this](const ClientRecord* rival) {
             return still_us(history, rival->received) < *limits.contested_us;
         });
@@ -132,7 +130,7 @@ class Judge {
         if (!limits.stalled_us || !is_player(record) || still < *limits.stalled_us) {
             return std::nullopt;
         }
-        Clients players = others(record, is_player);
+        Clients players = others_of_stream(history, record, "play");
         std::erase_if(players, [this](const ClientRecord* player) {
             return !recent_movement(history, *player, *limits.stalled_us, PARTS);
         });
@@ -159,7 +157,7 @@ class Judge {
         if (keeps_up_with_a_publisher(record, limit)) {
             return std::nullopt;
         }
-        Clients players = others(record, is_player);
+        Clients players = others_of_stream(history, record, "play");
         std::erase_if(players, [](const ClientRecord* player) { return player->settled_as == 0; });
         const std::string by = "it is more than " + seconds_text(limit) + " behind ";
         if (players.empty()) {
@@ -223,7 +221,7 @@ class Judge {
     // Also true if there is no publisher to compare with. Players alone cannot be trusted: one that asks for
     // chunks of one byte is sent twice the bytes, and all others seem behind it.
     [[nodiscard]] bool keeps_up_with_a_publisher(const ClientRecord& record, std::uint64_t limit_us) const {
-        Clients publishers = sources(record);
+        Clients publishers = sources_of(history, record);
         std::erase_if(publishers, [&](const ClientRecord* publisher) {
             return publisher->settled_as == 0 || !moves(*publisher, limit_us, PUBLISHER_BYTES_PER_SECOND);
         });
@@ -235,42 +233,18 @@ class Judge {
     }
 
     [[nodiscard]] bool is_oldest_player(const ClientRecord& record) const {
-        const Clients players = others(record, is_player);
+        const Clients players = others_of_stream(history, record, "play");
         return std::none_of(players.begin(), players.end(), [&record](const ClientRecord* player) {
             return std::pair(player->stream_seen_us, player->connection.id) <
                    std::pair(record.stream_seen_us, record.connection.id);
         });
     }
 
-    // Returns the relayed publisher, or all publishers of the stream if it is not known which one is relayed.
-    [[nodiscard]] Clients sources(const ClientRecord& record) const {
-        Clients publishers = others(record, is_publisher);
-        const auto relayed = std::find_if(publishers.begin(), publishers.end(),
-                                          [](const ClientRecord* p) { return p->is_relayed; });
-        return relayed == publishers.end() ? publishers : Clients{*relayed};
-    }
-
     // Whether the predicate holds for the relayed publisher, whichever it is.
     template <typename Predicate>
     [[nodiscard]] bool holds_for_source(const ClientRecord& record, const Predicate& predicate) const {
-        const Clients publishers = sources(record);
+        const Clients publishers = sources_of(history, record);
         return !publishers.empty() && std::all_of(publishers.begin(), publishers.end(), predicate);
-    }
-
-    template <typename Predicate>
-    [[nodiscard]] Clients others(const ClientRecord& record, const Predicate& predicate) const {
-        Clients found;
-        // Two cut names can differ in the part that was cut.
-        if (record.connection.whole_name_bytes != 0) {
-            return found;
-        }
-        for (const ClientRecord& other : history.clients()) {
-            if (&other != &record && other.connection.stream == record.connection.stream &&
-                predicate(other)) {
-                found.push_back(&other);
-            }
-        }
-        return found;
     }
 
     const ConnectionHistory& history;
