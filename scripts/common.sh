@@ -22,5 +22,20 @@ fail() {
     exit 1
 }
 
+# build_ahead PRESET...: builds in the background with the processor time that nothing else wants. stop_building_ahead
+# before the foreground builds the same preset: it finishes what is left, and shows the errors.
+ahead_pid=
+build_ahead() {
+    setsid chrt --idle 0 scripts/build "$@" >/dev/null 2>&1 &
+    ahead_pid=$!
+}
+stop_building_ahead() {
+    if [[ -n $ahead_pid ]]; then
+        kill -- "-$ahead_pid" 2>/dev/null || true
+        wait "$ahead_pid" 2>/dev/null || true
+        ahead_pid=
+    fi
+}
+
 # The header of the calling script, from its second line to the first line that is not a comment.
 print_usage() { sed -n -e '1d' -e '/^#/!q' -e 's/^# \{0,1\}//p' "$SCRIPT"; }
