@@ -1,4 +1,4 @@
-"""Starts and stops the programs of scripts/demo and scripts/interop: the server, encoders and players."""
+"""Starts and stops the programs of the scripts: the server, encoders and players."""
 
 import contextlib
 import fcntl
@@ -121,7 +121,8 @@ class Processes:
     def log(self, name):
         return self.path(name + ".log")
 
-    def start(self, name, arguments, *, environment=None, user=None, stdout=None, end_signal=signal.SIGKILL):
+    def start(self, name, arguments, *, environment=None, user=None, stdin=subprocess.DEVNULL, stdout=None,
+              end_signal=signal.SIGKILL):
         """Starts a program in its own session: Ctrl-C goes to the script, which stops the others in order."""
         identity = {}
         if user is not None:
@@ -129,7 +130,7 @@ class Processes:
             identity = {"user": entry.pw_uid, "group": entry.pw_gid, "extra_groups": []}
         with open(self.log(name), "w", encoding="utf-8") as log:
             process = subprocess.Popen(  # pylint: disable=consider-using-with
-                ["setpriv", "--pdeathsig", "TERM", "--", *arguments], stdin=subprocess.DEVNULL, stdout=stdout or log,
+                ["setpriv", "--pdeathsig", "TERM", "--", *arguments], stdin=stdin, stdout=stdout or log,
                 stderr=log, env={**os.environ, "HOME": self.directory, **(environment or {})}, cwd=self.directory,
                 start_new_session=True, **identity)
         process.end_signal = end_signal

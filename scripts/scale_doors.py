@@ -59,9 +59,8 @@ def tls_and_ipv6(run):
     with open(hosts, "w", encoding="ascii") as file:
         file.write(f"127.0.0.1 localhost\n{BALANCER} {LIVE} {STUDIO}\n")
     subprocess.run(["mount", "--bind", hosts, "/etc/hosts"], check=True)
-    encoder = subprocess.Popen(  # pylint: disable=consider-using-with
-        ["ffmpeg", "-nostdin", "-loglevel", "error", "-re", "-i", run.film, "-c", "copy", "-f", "flv",
-         f"rtmps://{STUDIO}:443/ombrex-live/cam2"])
+    run.lab.processes.start("rtmps_encoder", ["ffmpeg", "-nostdin", "-loglevel", "error", "-re", "-i", run.film, "-c", "copy",
+                                              "-f", "flv", f"rtmps://{STUDIO}:443/ombrex-live/cam2"])
     origin = next(machine for machine in run.origins if machine.has_address(ORIGIN))
     arrived = wait_until(lambda: any(line["stream"] == "cam2" for line in connections(origin)), 15)
     run.require(arrived, "an encoder by RTMPS does not reach the origin by its name")
@@ -71,8 +70,7 @@ def tls_and_ipv6(run):
     run.note("doors", **{f"frames_by_{name}": count for name, count in figures.items()})
     for name, count in figures.items():
         run.require(count == 25, f"a player by {name} got {count} of 25 frames")
-    encoder.kill()
-    encoder.wait()
+    run.lab.processes.end("rtmps_encoder", signal.SIGKILL, 5)
 
 
 def limits(run):
@@ -153,7 +151,7 @@ def browser(run):
     with open(os.path.join(directory, "player.html"), "w", encoding="utf-8") as file:
         file.write(text_of(os.path.join(EXAMPLES, "player.html")))
     command = [word.replace("127.0.0.1", run.edges[0].address) for word in unit_command(HLS_UNIT, i="cam1")]
-    hls = subprocess.Popen(command, cwd=directory)  # pylint: disable=consider-using-with
+    run.lab.processes.start("hls", ["env", f"--chdir={directory}", *command])
     server = http.server.ThreadingHTTPServer(("127.0.0.1", 8080), functools.partial(Files, directory=directory))
     threading.Thread(target=server.serve_forever, daemon=True).start()
     chromium = Browser()
@@ -177,6 +175,5 @@ def browser(run):
                     f"the browser does not play: {last}")
     finally:
         chromium.quit()
-        hls.kill()
-        hls.wait()
+        run.lab.processes.end("hls", signal.SIGKILL, 5)
         server.shutdown()

@@ -188,15 +188,13 @@ class Load:
     def __init__(self, lab, film, name="load"):
         self.events, self.tallies = [], {}
         self.changed = threading.Condition()
-        self.process = subprocess.Popen(  # pylint: disable=consider-using-with
-            ["setpriv", "--pdeathsig", "KILL", "--", lab.load, film], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
-            stderr=open(lab.processes.log(name), "w", encoding="utf-8"), text=True)
+        self.process = lab.processes.start(name, [lab.load, film], stdin=subprocess.PIPE, stdout=subprocess.PIPE)
         self.said = open(lab.processes.log(f"{name}.events"), "w", encoding="utf-8")  # pylint: disable=consider-using-with
         threading.Thread(target=self.read, daemon=True).start()
 
     def read(self):
         for line in self.process.stdout:
-            self.said.write(line)
+            self.said.write(line.decode())
             self.said.flush()
             event = json.loads(line)
             with self.changed:
@@ -209,7 +207,7 @@ class Load:
     def do(self, *words):
         if self.process.poll() is not None:
             raise RunError("scale_load has ended")
-        self.process.stdin.write(" ".join(map(str, words)) + "\n")
+        self.process.stdin.write((" ".join(map(str, words)) + "\n").encode())
         self.process.stdin.flush()
 
     def tally(self, name):
