@@ -543,11 +543,30 @@ TEST_F(watchdog_rules_test, server_that_stood_still_makes_no_client_a_suspect) {
     EXPECT_THAT(at(now_s + 1), IsEmpty());
 }
 
-TEST(age_drops, a_look_that_comes_a_little_early_is_in_time_for_the_next_one) {
+TEST(age_drops, the_delays_of_looks_do_not_add_up_over_a_full_table) {
     constexpr std::uint64_t STAGGER_US = 4000000;
-    AgeDrops drops{{"cam1", 10000000}};
-    forget_age_drops(drops, 13400000, STAGGER_US, 1000000);
+    AgeDrops drops;
+    std::uint64_t now_us = 0;
+    for (unsigned dropped = 0; dropped < SLOT_COUNT; now_us += 1060000) {
+        if (is_age_drop_due(drops, "cam1", now_us, STAGGER_US)) {
+            note_age_drop(drops, "cam1", now_us, STAGGER_US);
+            ++dropped;
+        }
+    }
+    EXPECT_LE(now_us, (SLOT_COUNT - 1) * STAGGER_US + 2 * SECOND);
+    EXPECT_GE(now_us, (SLOT_COUNT - 1) * STAGGER_US);
+}
+
+TEST(age_drops, of_another_stream_and_of_long_ago_do_not_delay) {
+    constexpr std::uint64_t STAGGER_US = 4000000;
+    AgeDrops drops;
+    note_age_drop(drops, "cam1", 10 * SECOND, STAGGER_US);
+    EXPECT_FALSE(is_age_drop_due(drops, "cam1", 13 * SECOND, STAGGER_US));
+    EXPECT_TRUE(is_age_drop_due(drops, "cam2", 13 * SECOND, STAGGER_US));
+    note_age_drop(drops, "cam1", 18 * SECOND, STAGGER_US);
+    EXPECT_FALSE(is_age_drop_due(drops, "cam1", 21 * SECOND, STAGGER_US));
+    forget_age_drops(drops, 25 * SECOND, STAGGER_US);
     EXPECT_THAT(drops, SizeIs(1));
-    forget_age_drops(drops, 13900000, STAGGER_US, 1000000);
+    forget_age_drops(drops, 26 * SECOND, STAGGER_US);
     EXPECT_THAT(drops, IsEmpty());
 }

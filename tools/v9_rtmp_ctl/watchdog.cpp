@@ -179,8 +179,7 @@ class Watchdog {
     }
 
     void act(const std::vector<Verdict>& verdicts) {
-        forget_age_drops(age_drops, history.now_us(), options.limits.stagger_us,
-                         microseconds(options.interval_seconds));
+        forget_age_drops(age_drops, history.now_us(), options.limits.stagger_us);
         if (options.dry_run) {
             announce(verdicts);
         } else if (!verdicts.empty()) {
@@ -261,7 +260,8 @@ class Watchdog {
         switch (event.action) {
             case WatchdogAction::DROPPED:
                 if (event.verdict.rule == DropRule::AGE) {
-                    age_drops[event.verdict.target.stream] = history.now_us();
+                    note_age_drop(age_drops, event.verdict.target.stream, history.now_us(),
+                                  options.limits.stagger_us);
                 }
                 [[fallthrough]];
             case WatchdogAction::WOULD_DROP:

@@ -185,10 +185,9 @@ class Judge {
             return std::nullopt;
         }
         const std::uint64_t age_us = history.now_us() - record.stream_seen_us;
-        const auto last = age_drops.find(record.connection.stream);
-        const bool waits_its_turn =
-            last != age_drops.end() && history.now_us() - last->second < limits.stagger_us;
-        if (age_us < *limits.age_us || waits_its_turn || !is_oldest_player(record)) {
+        if (age_us < *limits.age_us ||
+            !is_age_drop_due(age_drops, record.connection.stream, history.now_us(), limits.stagger_us) ||
+            !is_oldest_player(record)) {
             return std::nullopt;
         }
         return "it has played for " + age_text(age_us);
@@ -288,10 +287,23 @@ HistoryTimes history_times(const WatchdogLimits& limits, std::uint64_t settle_us
     return times;
 }
 
-void forget_age_drops(AgeDrops& age_drops, std::uint64_t now_us, std::uint64_t stagger_us,
-                      std::uint64_t interval_us) {
-    std::erase_if(age_drops,
-                  [&](const auto& entry) { return now_us - entry.second + interval_us / 2 >= stagger_us; });
+bool is_age_drop_due(const AgeDrops& age_drops, const std::string& stream, std::uint64_t now_us,
+                     std::uint64_t stagger_us) {
+    const auto last = age_drops.find(stream);
+    return last == age_drops.end() || now_us - last->second >= stagger_us;
+}
+
+void note_age_drop(AgeDrops& age_drops, const std::string& stream, std::uint64_t now_us,
+                   std::uint64_t stagger_us) {
+    forget_age_drops(age_drops, now_us, stagger_us);
+    const auto [last, is_first] = age_drops.try_emplace(stream, now_us);
+    if (!is_first) {
+        last->second += stagger_us;
+    }
+}
+
+void forget_age_drops(AgeDrops& age_drops, std::uint64_t now_us, std::uint64_t stagger_us) {
+    std::erase_if(age_drops, [&](const auto& entry) { return now_us - entry.second >= 2 * stagger_us; });
 }
 
 std::vector<Verdict> judge(const ConnectionHistory& history, const WatchdogLimits& limits,

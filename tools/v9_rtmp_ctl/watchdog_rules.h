@@ -51,13 +51,16 @@ struct Verdict {
     std::string reason;  // a sentence without its subject, for the log
 };
 
-// By stream: the monotonic time when a player was last dropped for its age.
+// By stream: the monotonic time when the last drop of a player for its age was due. The next one is
+// due stagger_us later. Looks come some time after a drop is due, and that must not add up over a
+// table of players.
 using AgeDrops = std::map<std::string, std::uint64_t>;
-
-// Removes the drops that are long enough ago for the next one. Looks come once in interval_us, but not
-// exactly on time, and the pause must not become one look longer.
-void forget_age_drops(AgeDrops& age_drops, std::uint64_t now_us, std::uint64_t stagger_us,
-                      std::uint64_t interval_us);
+[[nodiscard]] bool is_age_drop_due(const AgeDrops& age_drops, const std::string& stream, std::uint64_t now_us,
+                                   std::uint64_t stagger_us);
+void note_age_drop(AgeDrops& age_drops, const std::string& stream, std::uint64_t now_us,
+                   std::uint64_t stagger_us);
+// Removes the drops that are too long ago to matter.
+void forget_age_drops(AgeDrops& age_drops, std::uint64_t now_us, std::uint64_t stagger_us);
 
 // Returns at most one verdict per client, and one for age per stream, in the order of ids.
 [[nodiscard]] std::vector<Verdict> judge(const ConnectionHistory& history, const WatchdogLimits& limits,
