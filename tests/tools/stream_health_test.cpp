@@ -3,6 +3,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstdint>
+
 #include "tests/tools/observed_clients.h"
 
 using testing::ElementsAre;
@@ -85,9 +88,35 @@ TEST_F(health_test, a_player_with_large_chunks_is_not_behind_those_with_small_on
     EXPECT_EQ(of(2).behind_us, 0U);
 }
 
-TEST_F(health_test, a_lone_player_is_not_behind) {
+TEST_F(health_test, a_lone_player_that_reads_slowly_is_behind_its_publisher) {
     seconds(40, [](std::uint64_t s) {
         return std::vector{observed_publisher(0, "cam1", 1000 * s), observed_player(1, "cam1", 500 * s)};
+    });
+    // A tenth of what the publisher sent may not have been media.
+    EXPECT_GE(of(1).behind_us, 15 * ONE_SECOND_US);
+    EXPECT_LE(of(1).behind_us, 18 * ONE_SECOND_US);
+}
+
+TEST_F(health_test, a_lone_player_that_lacks_less_than_a_tenth_is_not_behind) {
+    seconds(4000, [](std::uint64_t s) {
+        return std::vector{observed_publisher(0, "cam1", 1000 * s), observed_player(1, "cam1", 910 * s)};
+    });
+    EXPECT_EQ(of(1).behind_us, 0U);
+}
+
+TEST_F(health_test, players_that_read_equally_slowly_are_behind_their_publisher) {
+    seconds(40, [](std::uint64_t s) {
+        return std::vector{observed_publisher(0, "cam1", 1000 * s), observed_player(1, "cam1", 500 * s),
+                           observed_player(2, "cam1", 500 * s)};
+    });
+    EXPECT_GE(of(1).behind_us, 15 * ONE_SECOND_US);
+    EXPECT_GE(of(2).behind_us, 15 * ONE_SECOND_US);
+}
+
+TEST_F(health_test, a_player_that_has_all_of_a_stopped_stream_is_not_behind) {
+    seconds(400, [](std::uint64_t s) {
+        const std::uint64_t bytes = 1000 * std::min<std::uint64_t>(s, 40);
+        return std::vector{observed_publisher(0, "cam1", bytes), observed_player(1, "cam1", bytes)};
     });
     EXPECT_EQ(of(1).behind_us, 0U);
 }

@@ -126,7 +126,7 @@ void write_health(Writer& writer, const ConnectionHistory& history) {
     writer.sample({}, seconds(oldest_us));
     writer.gauge("v9_rtmp_stalled_players", "Players that stand still while their stream goes on.")
         .sample({}, stalled);
-    writer.gauge("v9_rtmp_behind_players", "Players that are seconds behind the others of their stream.")
+    writer.gauge("v9_rtmp_behind_players", "Players that are seconds behind their stream.")
         .sample({}, behind);
 }
 

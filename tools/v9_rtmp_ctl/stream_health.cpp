@@ -11,6 +11,8 @@ constexpr std::uint64_t KEEPS_UP_PERCENT = 97;
 // The same for bytes sent recently, some of which may still be in transit.
 constexpr std::uint64_t KEEPS_UP_RECENTLY_PERCENT = 95;
 constexpr std::uint64_t LIMITS_PER_RECENT_TIME = 3;
+// What is not relayed, and larger headers, may make this much of a publisher's bytes.
+constexpr std::uint64_t PUBLISHER_PERCENT = 90;
 
 bool is_still(const ConnectionHistory& history, const ClientRecord& record) {
     return still_us(history, media_counter(record)) >= STILL_AFTER_US;
@@ -36,20 +38,23 @@ std::optional<std::uint64_t> find_lag_us(const ConnectionHistory& history, const
                                             static_cast<double>(wanted));
 }
 
-// Returns how far the player is behind the foremost one of its stream; 0 if there is no other. Also 0 if it
-// keeps up with its publisher, because the foremost may only have smaller chunks.
+// Returns how far the player is behind the foremost one of its stream, or behind its publisher where no
+// player is ahead. 0 if it keeps up with its publisher, because the foremost player may only have
+// smaller chunks.
 std::uint64_t behind_us(const ConnectionHistory& history, const ClientRecord& player) {
-    const Clients publishers = sources_of(history, player);
-    if (std::any_of(publishers.begin(), publishers.end(), [&](const ClientRecord* publisher) {
-            return keeps_up(history, player, *publisher, 3 * BEHIND_AFTER_US);
-        })) {
-        return 0;
+    std::uint64_t behind_publisher = UINT64_MAX;
+    for (const ClientRecord* const publisher : sources_of(history, player)) {
+        if (keeps_up(history, player, *publisher, 3 * BEHIND_AFTER_US)) {
+            return 0;
+        }
+        behind_publisher = std::min(behind_publisher,
+                                    find_lag_us(history, player, *publisher, PUBLISHER_PERCENT).value_or(0));
     }
     std::uint64_t behind = 0;
     for (const ClientRecord* const other : others_of_stream(history, player, "play")) {
         behind = std::max(behind, find_lag_us(history, player, *other, 100).value_or(0));
     }
-    return behind;
+    return behind != 0 || behind_publisher == UINT64_MAX ? behind : behind_publisher;
 }
 
 }  // namespace

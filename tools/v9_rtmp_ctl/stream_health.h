@@ -12,7 +12,7 @@
 
 // A client without media for this long stands still.
 constexpr std::uint64_t STILL_AFTER_US = 5000000;
-// A player further behind the others of its stream is reported.
+// A player further behind its stream is reported.
 constexpr std::uint64_t BEHIND_AFTER_US = 5000000;
 // Timestamps above 24 bits break most players. They are reached 4 h 39 min 37 s after a player joined.
 constexpr std::uint64_t TIMESTAMP_LIMIT_US = 16777216000;
@@ -45,7 +45,7 @@ struct ClientHealth {
     std::uint64_t age_us = 0;     // since first seen; for a player, since first seen playing
     std::uint64_t still_us = 0;   // since media last came from it or went to it
     bool is_stalled = false;      // player without media while its stream goes on
-    std::uint64_t behind_us = 0;  // how far a player is behind the foremost; 0 if it keeps up or is alone
+    std::uint64_t behind_us = 0;  // how far a player is behind its stream; 0 if it keeps up
     bool is_near_limit = false;   // player whose timestamps will soon exceed 24 bits
 };
 [[nodiscard]] ClientHealth client_health(const ConnectionHistory& history, const ClientRecord& client);
