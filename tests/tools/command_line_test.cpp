@@ -323,7 +323,7 @@ TEST(command_line, each_rule_of_the_watchdog_can_be_set_and_turned_off) {
         {"--contested", &WatchdogLimits::contested_us}, {"--age", &WatchdogLimits::age_us},
     };
     for (const auto& [name, limit] : rows) {
-        EXPECT_THAT(parsed({"watchdog", name, "1.5"}).watchdog.limits.*limit, Optional(1500000U)) << name;
+        EXPECT_THAT(parsed({"watchdog", name, "4.5"}).watchdog.limits.*limit, Optional(4500000U)) << name;
         EXPECT_EQ(parsed({"watchdog", name, "off"}).watchdog.limits.*limit, std::nullopt) << name;
         for (const char* const bad : {"", "0", "-1", "nan", "86401", "on", "5s"}) {
             EXPECT_EQ(refused({"watchdog", name, bad}).exit_code, ExitCode::USAGE) << name << bad;
@@ -336,6 +336,17 @@ TEST(command_line, each_rule_of_the_watchdog_can_be_set_and_turned_off) {
     EXPECT_TRUE(parsed({"watchdog", "-n"}).watchdog.dry_run);
     EXPECT_THAT(refused({"watchdog", "--stalled", "x"}).message,
                 HasSubstr("'x' is not a number of seconds from 0.1 to 86400, or off"));
+}
+
+TEST(command_line, rules_that_compare_need_four_looks) {
+    EXPECT_EQ(parsed({"watchdog", "--interval", "3.75"}).watchdog.interval_seconds, 3.75);
+    for (const Words& words : {Words{"watchdog", "--interval", "3.8"}, Words{"watchdog", "--stalled", "3.9"},
+                               Words{"watchdog", "--behind", "3.9"}}) {
+        EXPECT_THAT(refused(words).message, HasSubstr("must be at least 4 times --interval"));
+    }
+    EXPECT_EQ(parsed({"watchdog", "--interval", "10", "--behind", "off", "--stalled", "40"})
+                  .watchdog.limits.behind_us,
+              std::nullopt);
 }
 
 TEST(command_line, the_watchdog_takes_addresses_of_publishers) {

@@ -2,12 +2,14 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <cstdint>
 #include <utility>
 
 #include "tools/v9_rtmp_ctl/check_rules.h"
 #include "tools/v9_rtmp_ctl/command_parser.h"
 #include "tools/v9_rtmp_ctl/config_file.h"
 #include "tools/v9_rtmp_ctl/text.h"
+#include "tools/v9_rtmp_ctl/time_units.h"
 #include "tools/v9_rtmp_ctl/usage_failure.h"
 
 namespace {
@@ -23,6 +25,9 @@ std::size_t skip_options(const std::vector<std::string>& words, std::size_t idx)
     }
     return std::min(idx, words.size());
 }
+
+// Whether a counter grows steadily can be seen only over several looks.
+constexpr double LOOKS_PER_LIMIT = 4;
 
 std::optional<Failure> check_combinations(const CommandLine& line, bool has_request) {
     if (line.subcommand == Subcommand::RAW && !has_request) {
@@ -45,6 +50,13 @@ std::optional<Failure> check_combinations(const CommandLine& line, bool has_requ
     }
     if (line.subcommand == Subcommand::WATCHDOG && line.settings.form == OutputForm::PLAIN) {
         return usage_failure("watchdog has no --plain form; use 'watchdog --json'", "watchdog");
+    }
+    const WatchdogLimits& limits = line.watchdog.limits;
+    const double shortest_us = LOOKS_PER_LIMIT * line.watchdog.interval_seconds * US_PER_SECOND;
+    const std::uint64_t limit_us =
+        std::min(limits.stalled_us.value_or(UINT64_MAX), limits.behind_us.value_or(UINT64_MAX));
+    if (line.subcommand == Subcommand::WATCHDOG && static_cast<double>(limit_us) < shortest_us) {
+        return usage_failure("--stalled and --behind must be at least 4 times --interval", "watchdog");
     }
     return std::nullopt;
 }
