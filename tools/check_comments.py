@@ -97,6 +97,11 @@ def is_badly_filled(paragraph, lines):
     return paragraph.count > 1 and paragraph.last_words == 1 and paragraph.filled() != own
 
 
+def sources(root):
+    """Returns the paths of all C and C++ sources."""
+    return sorted(p for folder in FOLDERS for p in (root / folder).rglob("*") if p.suffix in (".h", ".cpp", ".c"))
+
+
 def check_file(path, name, write):
     text = path.read_text(encoding="utf-8")
     lines = text.split("\n")
@@ -116,7 +121,7 @@ def check_file(path, name, write):
 
 def check(root, write=False):
     wrong, files = [], 0
-    for path in sorted(p for folder in FOLDERS for p in (root / folder).rglob("*") if p.suffix in (".h", ".cpp", ".c")):
+    for path in sources(root):
         files += 1
         wrong += check_file(path, path.relative_to(root).as_posix(), write)
     print("".join(line + "\n" for line in wrong), end="")

@@ -44,8 +44,9 @@ class client_link_test : public testing::Test {
     [[nodiscard]] int fill(std::size_t long_frame_bytes = 4 * MEBIBYTE) const {
         link->queue(OutgoingFrame(std::string(long_frame_bytes, 'a')));
         int count = 0;
-        for (; link->can_queue() && link->send_error() == 0; count++)
+        for (; link->can_queue() && link->send_error() == 0; ++count) {
             link->queue(OutgoingFrame(std::string(MEBIBYTE, 'r')));
+        }
         return count;
     }
     std::unique_ptr<ClientLink> link;
@@ -75,7 +76,7 @@ TEST_F(client_link_test, reads_requests_that_come_byte_by_byte) {
 
 TEST_F(client_link_test, writes_all_of_a_reply_to_a_peer_that_reads_byte_by_byte) {
     std::string sent;
-    for (int i = 0; i < 300; i++) {
+    for (int i = 0; i < 300; ++i) {
         const std::string frame = reply_frame(static_cast<std::uint64_t>(i), "hello", "How are you?");
         link->queue(OutgoingFrame(std::string(frame)));
         sent += frame;
@@ -91,8 +92,9 @@ TEST_F(client_link_test, writes_all_of_a_reply_to_a_peer_that_reads_byte_by_byte
 
 TEST_F(client_link_test, a_long_reply_leaves_as_the_peer_reads) {
     std::string frame(5 * MEBIBYTE, '\0');
-    for (std::size_t i = 0; i < frame.size(); i++)
+    for (std::size_t i = 0; i < frame.size(); ++i) {
         frame[i] = static_cast<char>(i * 7 + i / 256);
+    }
     link->queue(OutgoingFrame(std::string(frame)));
     EXPECT_EQ(link->send_error(), 0);
     std::string received;
@@ -107,7 +109,7 @@ TEST_F(client_link_test, a_long_reply_leaves_as_the_peer_reads) {
 
 TEST_F(client_link_test, takes_16_mib_behind_the_reply_under_way_and_refuses_then) {
     link->queue(OutgoingFrame(std::string(100 * MEBIBYTE, 'a')));  // under way; its size does not count
-    for (int i = 0; i < 16; i++) {
+    for (int i = 0; i < 16; ++i) {
         ASSERT_TRUE(link->can_queue()) << i;
         link->queue(OutgoingFrame(std::string(MEBIBYTE, 'b')));
     }
@@ -179,7 +181,7 @@ TEST_F(client_link_test, reading_nothing_for_ten_seconds_ends_the_connection) {
 
 TEST_F(client_link_test, reading_a_little_within_ten_seconds_keeps_the_connection) {
     EXPECT_EQ(fill(), 17);
-    for (int i = 0; i < 5; i++) {
+    for (int i = 0; i < 5; ++i) {
         put_clock_forward(TIMEOUT_US - 1000000);
         ASSERT_FALSE(peer.read_available().empty());
         write();
@@ -208,7 +210,7 @@ TEST(client_link, half_a_frame_and_silence_for_ten_seconds_ends_the_connection) 
 
 TEST_F(client_link_test, a_frame_that_trickles_for_ten_seconds_ends_the_connection) {
     const std::string frame = request_frame(1, "hello");
-    for (std::size_t i = 0; i < 10; i++) {
+    for (std::size_t i = 0; i < 10; ++i) {
         peer.send_all(frame.substr(i, 1));
         read();
         EXPECT_TRUE(link->is_open()) << "after " << i << " s";
@@ -241,8 +243,9 @@ TEST_F(client_link_test, a_slow_server_is_not_the_clients_fault) {
     while (!link->has_request() && link->is_open()) {
         std::size_t budget = 1000;  // a server that has little time, and only every 11 s
         link->read_some(comm_socket::now_us(), &budget);
-        if (budget == 0)
+        if (budget == 0) {
             put_clock_forward(TIMEOUT_US + 1000000);
+        }
     }
     sender.join();
     EXPECT_TRUE(link->has_request());
@@ -251,9 +254,10 @@ TEST_F(client_link_test, a_slow_server_is_not_the_clients_fault) {
 TEST_F(client_link_test, reads_no_further_ahead_than_it_has_to) {
     const std::string frame = request_frame(1, std::string(1000, 'c'));
     std::size_t taken = 0;
-    for (int idle = 0; idle < 100; idle++) {
-        for (int i = 0; i < 1000; i++)
+    for (int idle = 0; idle < 100; ++idle) {
+        for (int i = 0; i < 1000; ++i) {
             taken += peer.send_some(frame);
+        }
         read();
     }
     EXPECT_LT(taken, 4 * MEBIBYTE);

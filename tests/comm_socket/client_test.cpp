@@ -129,9 +129,10 @@ TEST_F(client_test, calls_the_server_and_reads_the_reply) {
     EXPECT_STREQ(comm_socket_v4_packet_get_command(reply.get()), "echo");
     EXPECT_STREQ(comm_socket_v4_packet_get_message(reply.get()), "How are you?");
     Pairs pairs;
-    for (std::size_t i = 0; i < comm_socket_v4_packet_get_pair_count(reply.get()); i++)
+    for (std::size_t i = 0; i < comm_socket_v4_packet_get_pair_count(reply.get()); ++i) {
         pairs.emplace_back(comm_socket_v4_packet_get_pair_name(reply.get(), i),
                            comm_socket_v4_packet_get_pair_value(reply.get(), i));
+    }
     EXPECT_EQ(pairs, (Pairs{{"argument", "one"}, {"absent", ""}, {"argument", ""}, {"argument", "two"}}));
 }
 
@@ -148,13 +149,13 @@ TEST_F(client_test, an_error_status_is_a_reply_like_any_other) {
 TEST_F(client_test, several_requests_may_be_under_way) {
     const EchoServer server(path);
     const Connection connection = connected();
-    for (std::uint64_t id = 1; id <= 200; id++) {
+    for (std::uint64_t id = 1; id <= 200; ++id) {
         const Packet request = make_request("echo", {std::to_string(id)});
         ASSERT_EQ(comm_socket_v4_send_request(connection.get(), request.get(), PATIENT_US),
                   COMM_SOCKET_V4_OK);
         EXPECT_EQ(request->request_id, id);
     }
-    for (std::uint64_t id = 1; id <= 200; id++) {
+    for (std::uint64_t id = 1; id <= 200; ++id) {
         comm_socket_v4_packet* received = nullptr;
         ASSERT_EQ(comm_socket_v4_wait_reply(connection.get(), id, PATIENT_US, &received), COMM_SOCKET_V4_OK);
         const Packet reply(received);
@@ -189,8 +190,9 @@ TEST_F(client_test, a_request_at_the_limit_goes_through_and_one_beyond_is_not_se
               COMM_SOCKET_V4_TOO_LARGE);
     const Packet pairs = make_request("echo");
     ASSERT_EQ(comm_socket_v4_packet_begin_writing(pairs.get(), 0, "echo", ""), 0);
-    for (int i = 0; i < 65; i++)
+    for (int i = 0; i < 65; ++i) {
         ASSERT_EQ(comm_socket_v4_packet_write_nv_pair(pairs.get(), "n", "v"), 0);
+    }
     ASSERT_EQ(comm_socket_v4_packet_write_end(pairs.get()), 0);
     EXPECT_EQ(comm_socket_v4_call(connection.get(), pairs.get(), PATIENT_US, &received),
               COMM_SOCKET_V4_TOO_LARGE);
@@ -233,8 +235,9 @@ TEST_F(client_test, says_that_it_has_no_permission) {
     ASSERT_EQ(chmod(path.c_str(), 0), 0);
     const pid_t child = fork();
     if (child == 0) {
-        if (!obey_file_modes())
+        if (!obey_file_modes()) {
             _exit(3);
+        }
         comm_socket_v4_error error = COMM_SOCKET_V4_OK;
         const comm_socket_v4_connection* connection = comm_socket_v4_connect(path.c_str(), SHORT_US, &error);
         _exit(connection == nullptr && error == COMM_SOCKET_V4_PERMISSION ? 0 : 1);
@@ -266,8 +269,9 @@ TEST_F(client_test, connecting_waits_for_a_place_in_the_backlog) {
 TEST_F(client_test, a_full_server_closes_the_connection) {
     const DrivenServer server(path);
     std::vector<RawPeer> peers;
-    for (int i = 0; i < 64; i++)
+    for (int i = 0; i < 64; ++i) {
         peers.emplace_back(path);
+    }
     const Connection connection = connected();
     server.idle();
     const Packet request = make_request("hello");
@@ -286,9 +290,10 @@ TEST_F(client_test, the_mistakes_of_the_caller_are_named) {
     comm_socket_v4_packet_make_response(response.get());
     const Packet flags = make_request("x");
     flags->flags = 9;
-    for (comm_socket_v4_packet* packet : {empty.get(), response.get(), flags.get()})
+    for (comm_socket_v4_packet* packet : {empty.get(), response.get(), flags.get()}) {
         EXPECT_EQ(comm_socket_v4_call(connection.get(), packet, SHORT_US, &received),
                   COMM_SOCKET_V4_BAD_ARGUMENT);
+    }
     EXPECT_EQ(comm_socket_v4_call(nullptr, response.get(), SHORT_US, &received), COMM_SOCKET_V4_BAD_ARGUMENT);
     EXPECT_EQ(comm_socket_v4_call(connection.get(), nullptr, SHORT_US, &received),
               COMM_SOCKET_V4_BAD_ARGUMENT);
@@ -324,8 +329,9 @@ TEST_F(client_test, a_failed_call_leaves_no_reply_behind) {
 
 TEST_F(client_test, every_error_has_a_text_of_its_own) {
     std::set<std::string> texts;
-    for (int error = COMM_SOCKET_V4_OK; error <= COMM_SOCKET_V4_SYSTEM; error++)
+    for (int error = COMM_SOCKET_V4_OK; error <= COMM_SOCKET_V4_SYSTEM; ++error) {
         texts.insert(comm_socket_v4_error_text(static_cast<comm_socket_v4_error>(error)));
+    }
     EXPECT_EQ(texts.size(), static_cast<std::size_t>(COMM_SOCKET_V4_SYSTEM) + 1);
     EXPECT_EQ(texts.count("unknown error"), 0u);
     EXPECT_STREQ(comm_socket_v4_error_text(static_cast<comm_socket_v4_error>(COMM_SOCKET_V4_SYSTEM + 1)),
@@ -555,7 +561,7 @@ TEST_F(raw_server_test, every_kind_of_broken_reply_is_noticed) {
 
 TEST_F(raw_server_test, a_reply_cut_at_any_byte_is_told_from_none) {
     const std::string frame = reply_frame(1, "hello", "x", {{"a", "b"}});
-    for (std::size_t length = 0; length < frame.size(); length++) {
+    for (std::size_t length = 0; length < frame.size(); ++length) {
         connection = connected();
         server = listener.accept_one();
         server.send_all(frame.substr(0, length));

@@ -110,17 +110,19 @@ TEST_F(hostile_client_test, garbage_after_a_good_request_costs_the_connection_af
 
 TEST_F(hostile_client_test, disconnecting_at_any_byte_is_harmless) {
     const std::string frame = request_frame(1, "hello", {"argument", std::nullopt});
-    for (std::size_t length = 0; length <= frame.size(); length++) {
+    for (std::size_t length = 0; length <= frame.size(); ++length) {
         RawPeer hostile(server.path);
         hostile.send_all(frame.substr(0, length));
-        if (length % 2 == 0)
+        if (length % 2 == 0) {
             serve();
+        }
         hostile.close_now();
         serve();
     }
     expect_good_is_served();
-    while (comm_socket_v4_client* client = comm_socket_v4_get_disconnected_client(server.handle))
+    while (comm_socket_v4_client* client = comm_socket_v4_get_disconnected_client(server.handle)) {
         comm_socket_v4_free_client(client);
+    }
 }
 
 TEST_F(hostile_client_test, half_a_frame_and_silence_costs_the_connection_after_ten_seconds) {
@@ -137,11 +139,12 @@ TEST_F(hostile_client_test, ten_thousand_requests_and_no_reading_hold_nobody_up)
     const RawPeer hostile(server.path);
     const std::string request = request_frame(1, "hello");
     std::string flood;
-    for (int i = 0; i < 10000; i++)
+    for (int i = 0; i < 10000; ++i) {
         flood += request;
+    }
     std::size_t sent = 0;
     auto slowest = std::chrono::steady_clock::duration::zero();
-    for (int pass = 0; pass < 400; pass++) {
+    for (int pass = 0; pass < 400; ++pass) {
         sent += hostile.send_some(flood.substr(sent));
         const auto start = std::chrono::steady_clock::now();
         expect_good_is_served();
@@ -154,12 +157,13 @@ TEST_F(hostile_client_test, ten_thousand_requests_and_no_reading_hold_nobody_up)
 TEST_F(hostile_client_test, a_flood_of_long_replies_and_no_reading_costs_the_connection) {
     const RawPeer hostile(server.path);
     std::string flood;
-    for (int i = 0; i < 100; i++)
+    for (int i = 0; i < 100; ++i) {
         flood += request_frame(1, "long");
+    }
     hostile.send_all(flood);
     const std::string four_megabytes(4u << 20, 'm');
     int answered = 0;
-    for (int pass = 0; pass < 10; pass++) {
+    for (int pass = 0; pass < 10; ++pass) {
         server.idle();
         answered += server.answer_all(four_megabytes);  // fails the test if a reply is not taken over at once
     }
@@ -177,12 +181,14 @@ TEST_F(hostile_client_test, a_flood_of_long_replies_and_no_reading_costs_the_con
 TEST_F(hostile_client_test, many_connections_that_come_and_go_leave_nothing_behind) {
     expect_good_is_served();
     const int descriptors = count_descriptors();
-    for (int round = 0; round < 50; round++) {
+    for (int round = 0; round < 50; ++round) {
         std::vector<RawPeer> peers;
-        for (int i = 0; i < 100; i++)
+        for (int i = 0; i < 100; ++i) {
             peers.emplace_back(server.path);
-        for (const RawPeer& peer : peers)
+        }
+        for (const RawPeer& peer : peers) {
             (void)peer.send_some(round % 2 == 0 ? "garbage" : "CS");
+        }
         peers.clear();
         serve();
     }
@@ -196,15 +202,16 @@ TEST_F(hostile_client_test, any_number_of_clients_that_ask_and_leave_locks_nobod
     constexpr std::size_t CLIENTS = 50;
     const StoppedClock clock;  // on a busy machine 50 answers take longer than a service
     const std::string answer = reply_frame(1, "hello", "yes");
-    for (int round = 0; round < ROUNDS; round++) {
+    for (int round = 0; round < ROUNDS; ++round) {
         std::vector<RawPeer> peers;
-        for (std::size_t i = 0; i < CLIENTS; i++) {
+        for (std::size_t i = 0; i < CLIENTS; ++i) {
             peers.emplace_back(server.path);
             peers.back().send_all(request_frame(1, "hello"));
         }
         serve();
-        for (const RawPeer& peer : peers)
+        for (const RawPeer& peer : peers) {
             ASSERT_EQ(peer.read_available(), answer) << "in round " << round;
+        }
     }
 }
 
@@ -336,10 +343,11 @@ TEST_F(hostile_client_test, sixty_clients_that_send_long_requests_do_not_keep_a_
 TEST_F(hostile_client_test, random_changes_of_a_good_request_never_disturb_the_others) {
     std::srand(1);
     const std::string good_frame = request_frame(1, "hello", {"argument", std::nullopt, ""});
-    for (int round = 0; round < 300; round++) {
+    for (int round = 0; round < 300; ++round) {
         std::string frame = good_frame;
-        for (int change = 0; change < 3; change++)
+        for (int change = 0; change < 3; ++change) {
             frame[static_cast<std::size_t>(std::rand()) % frame.size()] = static_cast<char>(std::rand());
+        }
         const RawPeer hostile(server.path);
         hostile.send_all(frame);
         serve();

@@ -125,16 +125,18 @@ TEST(packet, forgets_what_was_written_when_it_is_begun_again) {
 
 TEST(packet, takes_64_arguments_and_no_more) {
     const Packet packet = begun();
-    for (int i = 0; i < 64; i++)
+    for (int i = 0; i < 64; ++i) {
         ASSERT_EQ(comm_socket_v4_packet_write_argv(packet.get(), i % 2 == 0 ? "x" : nullptr), 0);
+    }
     EXPECT_REFUSED(comm_socket_v4_packet_write_argv(packet.get(), "x"), EMSGSIZE);
     EXPECT_EQ(comm_socket_v4_packet_get_argv_count(packet.get()), 64u);
 }
 
 TEST(packet, takes_65536_pairs_and_no_more) {
     const Packet packet = begun();
-    for (int i = 0; i < 65536; i++)
+    for (int i = 0; i < 65536; ++i) {
         ASSERT_EQ(comm_socket_v4_packet_write_nv_pair(packet.get(), "", ""), 0);
+    }
     EXPECT_REFUSED(comm_socket_v4_packet_write_nv_pair(packet.get(), "", ""), EMSGSIZE);
     SharedBytes bytes("");
     EXPECT_REFUSED(comm_socket_v4_packet_write_nv_pair_shared(packet.get(), "", "", bytes.lend(), ""),

@@ -82,7 +82,7 @@ TEST_F(server_test, a_packet_can_be_sent_to_several_clients) {
     const RawPeer second(path);
     server.idle();
     comm_socket_v4_packet* packet = make_reply(1, "notice", "x");
-    for (int i = 0; i < 2; i++) {
+    for (int i = 0; i < 2; ++i) {
         comm_socket_v4_client* client = comm_socket_v4_accept_connection(server.handle);
         ASSERT_NE(client, nullptr);
         EXPECT_GT(comm_socket_v4_packet_send_to_client(client, packet), 0);
@@ -131,8 +131,9 @@ TEST_F(server_test, hands_out_64_requests_between_two_idles) {
     DrivenServer server(path);
     const RawPeer peer(path);
     std::string requests;
-    for (std::uint64_t id = 0; id < 150; id++)
+    for (std::uint64_t id = 0; id < 150; ++id) {
         requests += request_frame(id, "hello");
+    }
     peer.send_all(requests);
     for (const int expected : {64, 64, 22, 0}) {
         server.idle();
@@ -146,8 +147,9 @@ TEST_F(server_test, hands_out_requests_for_50_ms_and_one_at_least) {
     DrivenServer server(path);
     const RawPeer peer(path);
     std::string requests;
-    for (std::uint64_t id = 0; id < 5; id++)
+    for (std::uint64_t id = 0; id < 5; ++id) {
         requests += request_frame(id, "hello");
+    }
     peer.send_all(requests);
     server.idle();
     const auto hand_out = [&server] {
@@ -286,14 +288,16 @@ TEST_F(server_test, clients_take_turns) {
     const RawPeer flooder(path);
     const RawPeer other(path);
     std::string flood;
-    for (std::uint64_t id = 0; id < 1000; id++)
+    for (std::uint64_t id = 0; id < 1000; ++id) {
         flood += request_frame(id, "flood");
+    }
     flooder.send_all(flood);
-    for (std::uint64_t id = 0; id < 3; id++)
+    for (std::uint64_t id = 0; id < 3; ++id) {
         other.send_all(request_frame(id, "other"));
+    }
     server.idle();
     std::vector<std::string> order;
-    for (int i = 0; i < 6; i++) {
+    for (int i = 0; i < 6; ++i) {
         comm_socket_v4_packet* request = server.take();
         ASSERT_NE(request, nullptr);
         order.emplace_back(comm_socket_v4_packet_get_command(request));
@@ -306,7 +310,7 @@ TEST_F(server_test, serves_64_clients_and_closes_the_next_at_once) {
     const StoppedClock stopped;  // One service hands out for 50 ms at most.
     DrivenServer server(path);
     std::vector<RawPeer> peers;
-    for (std::uint64_t id = 0; id < 64; id++) {
+    for (std::uint64_t id = 0; id < 64; ++id) {
         peers.emplace_back(path);
         peers.back().send_all(request_frame(id, "hello"));
     }
@@ -314,8 +318,9 @@ TEST_F(server_test, serves_64_clients_and_closes_the_next_at_once) {
     server.idle();
     EXPECT_TRUE(surplus.is_closed());
     EXPECT_EQ(server.answer_all(), 64);
-    for (const RawPeer& peer : peers)
+    for (const RawPeer& peer : peers) {
         EXPECT_EQ(peer.read_available().substr(0, 2), "CS");
+    }
     // One leaves, and there is room for one at the same service.
     peers.pop_back();
     const RawPeer next(path);
@@ -371,13 +376,15 @@ TEST_F(server_test, a_client_known_by_its_requests_alone_stays_valid_until_the_i
 
 TEST_F(server_test, newcomers_wait_while_the_caller_has_4096_disconnected_clients_to_free) {
     DrivenServer server(path);
-    for (int round = 0; round < 64; round++) {
+    for (int round = 0; round < 64; ++round) {
         std::vector<RawPeer> peers;
-        for (int i = 0; i < 64; i++)
+        for (int i = 0; i < 64; ++i) {
             peers.emplace_back(path);
+        }
         server.idle();
-        for (int i = 0; i < 64; i++)
+        for (int i = 0; i < 64; ++i) {
             ASSERT_NE(comm_socket_v4_accept_connection(server.handle), nullptr);
+        }
         peers.clear();
         server.idle();
     }
@@ -521,8 +528,9 @@ TEST_F(server_test, returns_0_only_beyond_16_mib_and_then_times_out) {
     comm_socket_v4_packet* reply = make_reply(1, "long", std::string(4u << 20, 'm'));
     int sent = 0;
     int result = 0;
-    while ((result = comm_socket_v4_packet_send_to_client(client, reply)) > 0)
-        sent++;
+    while ((result = comm_socket_v4_packet_send_to_client(client, reply)) > 0) {
+        ++sent;
+    }
     EXPECT_EQ(result, 0);
     EXPECT_EQ(sent, 5) << "one under way, and 16 MiB with their headers behind it";
     EXPECT_EQ(comm_socket_v4_packet_send_to_client(client, reply), 0) << "it stays so, and costs nothing";
@@ -600,11 +608,13 @@ TEST_F(server_test, fails_without_the_permission_to_write_the_directory) {
     ASSERT_EQ(chmod(directory.path.c_str(), 0555), 0);
     const pid_t child = fork();
     if (child == 0) {
-        if (!obey_file_modes())
+        if (!obey_file_modes()) {
             _exit(3);
+        }
         comm_socket_v4* server = comm_socket_v4_create();
-        if (comm_socket_v4_create_server(server, path.c_str()) != -1)
+        if (comm_socket_v4_create_server(server, path.c_str()) != -1) {
             _exit(2);
+        }
         _exit(errno == EACCES ? 0 : 1);
     }
     int status = 0;

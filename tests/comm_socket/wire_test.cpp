@@ -35,8 +35,9 @@ class GuardedCopy {
         EXPECT_NE(base, MAP_FAILED);
         EXPECT_EQ(mprotect(base + readable, page, PROT_NONE), 0);
         start = base + readable - size;
-        if (size > 0)
+        if (size > 0) {
             std::memcpy(start, bytes.data(), size);
+        }
     }
     ~GuardedCopy() { munmap(base, mapped); }
     GuardedCopy(const GuardedCopy&) = delete;
@@ -112,7 +113,7 @@ TEST(wire, encodes_only_where_there_is_room_for_all) {
     FrameText text;
     ASSERT_TRUE(decodes(rich_body(), REQUEST_LIMITS, &head, &text));
     const std::string frame = frame_around(rich_body());
-    for (std::size_t room = 0; room <= frame.size(); room++) {
+    for (std::size_t room = 0; room <= frame.size(); ++room) {
         const GuardedCopy target(std::string(room, 'x'));
         unsigned char* d = target.begin();
         const bool fits = comm_socket::encode_frame(d, target.end(), head, text);
@@ -123,7 +124,7 @@ TEST(wire, encodes_only_where_there_is_room_for_all) {
 
 TEST(wire, a_body_cut_at_any_byte_is_broken_and_leaves_the_target_alone) {
     const std::string body = rich_body();
-    for (std::size_t length = 0; length < body.size(); length++) {
+    for (std::size_t length = 0; length < body.size(); ++length) {
         FrameHead head = {9, 9, 9};
         FrameText text;
         text.command = "before";
@@ -140,8 +141,9 @@ TEST(wire, a_byte_left_over_is_broken) {
 
 TEST(wire, unknown_flags_are_broken) {
     EXPECT_TRUE(decodes(frame_body(3, 1, 0, "x", "", {}, {}), REQUEST_LIMITS));
-    for (std::uint64_t flags : {4u, 8u, 0x80000000u})
+    for (std::uint64_t flags : {4u, 8u, 0x80000000u}) {
         EXPECT_FALSE(decodes(frame_body(flags, 1, 0, "x", "", {}, {}), REQUEST_LIMITS)) << flags;
+    }
 }
 
 TEST(wire, counts_hold_at_their_limit_and_not_beyond) {
@@ -171,14 +173,15 @@ TEST(wire, a_string_longer_than_the_body_is_broken) {
     const std::string start = be32(0) + be64(1) + be64(0);
     const std::string end = counted("") + be32(0) + be32(0);
     EXPECT_TRUE(decodes(start + be32(1) + "x" + end, REQUEST_LIMITS));
-    for (std::uint64_t length : {1000u, 0x7FFFFFFFu, 0xFFFFFFFEu, 0xFFFFFFFFu})
+    for (std::uint64_t length : {1000u, 0x7FFFFFFFu, 0xFFFFFFFEu, 0xFFFFFFFFu}) {
         EXPECT_FALSE(decodes(start + be32(length) + "x" + end, REQUEST_LIMITS)) << length;
+    }
 }
 
 TEST(wire, a_header_is_judged_byte_by_byte) {
     const std::string good = frame_around(rich_body()).substr(0, 8);
     std::size_t body_bytes = 0;
-    for (std::size_t length = 0; length < 8; length++) {
+    for (std::size_t length = 0; length < 8; ++length) {
         const GuardedCopy part(good.substr(0, length));
         EXPECT_EQ(comm_socket::decode_header(part.begin(), part.end(), REQUEST_LIMITS, &body_bytes),
                   FrameState::INCOMPLETE);
@@ -187,7 +190,7 @@ TEST(wire, a_header_is_judged_byte_by_byte) {
     EXPECT_EQ(comm_socket::decode_header(whole.begin(), whole.end(), REQUEST_LIMITS, &body_bytes),
               FrameState::COMPLETE);
     EXPECT_EQ(body_bytes, rich_body().size());
-    for (std::size_t wrong = 0; wrong < 4; wrong++) {
+    for (std::size_t wrong = 0; wrong < 4; ++wrong) {
         std::string bad = good.substr(0, wrong + 1);
         bad[wrong] = static_cast<char>(bad[wrong] + 1);
         const GuardedCopy part(bad);
@@ -233,7 +236,7 @@ TEST(wire, within_limits_says_what_the_receiver_will_say) {
 TEST(frame_buffer, finds_frames_whatever_the_pieces_they_come_in) {
     const std::string stream = frame_around(rich_body()) + request_frame(2, "hello") +
                                frame_around(rich_body()) + request_frame(4, "x");
-    for (std::size_t piece = 1; piece <= stream.size(); piece++) {
+    for (std::size_t piece = 1; piece <= stream.size(); ++piece) {
         FrameBuffer buffer(REQUEST_LIMITS);
         std::vector<std::string> commands;
         for (std::size_t at = 0; at < stream.size(); at += piece) {
