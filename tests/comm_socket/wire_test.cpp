@@ -100,7 +100,7 @@ TEST(wire, decodes_every_field) {
     EXPECT_EQ(text.pairs, (Pairs{{"name", "value"}, {"", ""}, {"name", "again"}}));
 }
 
-TEST(wire, encodes_what_was_decoded_into_the_same_bytes) {
+TEST(wire, encodes_a_decoded_frame_to_the_same_bytes) {
     FrameHead head;
     FrameText text;
     ASSERT_TRUE(decodes(rich_body(), REQUEST_LIMITS, &head, &text));
@@ -108,7 +108,7 @@ TEST(wire, encodes_what_was_decoded_into_the_same_bytes) {
     EXPECT_EQ(comm_socket::encode_frame(head, text), frame_around(rich_body()));
 }
 
-TEST(wire, encodes_only_where_there_is_room_for_all) {
+TEST(wire, encodes_only_if_there_is_room_for_the_whole_frame) {
     FrameHead head;
     FrameText text;
     ASSERT_TRUE(decodes(rich_body(), REQUEST_LIMITS, &head, &text));
@@ -122,7 +122,7 @@ TEST(wire, encodes_only_where_there_is_room_for_all) {
     }
 }
 
-TEST(wire, a_body_cut_at_any_byte_is_broken_and_leaves_the_target_alone) {
+TEST(wire, a_body_truncated_at_any_byte_is_broken_and_leaves_the_target_unchanged) {
     const std::string body = rich_body();
     for (std::size_t length = 0; length < body.size(); ++length) {
         FrameHead head = {9, 9, 9};
@@ -146,7 +146,7 @@ TEST(wire, unknown_flags_are_broken) {
     }
 }
 
-TEST(wire, counts_hold_at_their_limit_and_not_beyond) {
+TEST(wire, counts_are_accepted_at_their_limit_and_not_beyond) {
     const struct {
         const FrameLimits& limits;
         std::size_t arguments;
@@ -178,7 +178,7 @@ TEST(wire, a_string_longer_than_the_body_is_broken) {
     }
 }
 
-TEST(wire, a_header_is_judged_byte_by_byte) {
+TEST(wire, a_header_is_checked_byte_by_byte) {
     const std::string good = frame_around(rich_body()).substr(0, 8);
     std::size_t body_bytes = 0;
     for (std::size_t length = 0; length < 8; ++length) {
@@ -200,7 +200,7 @@ TEST(wire, a_header_is_judged_byte_by_byte) {
     }
 }
 
-TEST(wire, body_lengths_hold_at_their_limits_and_not_beyond) {
+TEST(wire, body_lengths_are_accepted_at_their_limits_and_not_beyond) {
     const struct {
         const FrameLimits& limits;
         std::uint64_t length;
@@ -221,7 +221,7 @@ TEST(wire, body_lengths_hold_at_their_limits_and_not_beyond) {
     }
 }
 
-TEST(wire, within_limits_says_what_the_receiver_will_say) {
+TEST(wire, within_limits_agrees_with_the_receiver) {
     FrameText text;
     text.command = std::string(2097152 - 36, 'c');
     EXPECT_TRUE(comm_socket::within_limits({1, 1, 0}, text, REQUEST_LIMITS));
@@ -233,7 +233,7 @@ TEST(wire, within_limits_says_what_the_receiver_will_say) {
     EXPECT_FALSE(comm_socket::within_limits({4, 1, 0}, text, REPLY_LIMITS));
 }
 
-TEST(frame_buffer, finds_frames_whatever_the_pieces_they_come_in) {
+TEST(frame_buffer, finds_frames_in_pieces_of_any_size) {
     const std::string stream = frame_around(rich_body()) + request_frame(2, "hello") +
                                frame_around(rich_body()) + request_frame(4, "x");
     for (std::size_t piece = 1; piece <= stream.size(); ++piece) {
@@ -255,7 +255,7 @@ TEST(frame_buffer, finds_frames_whatever_the_pieces_they_come_in) {
     }
 }
 
-TEST(frame_buffer, a_broken_body_stays_where_it_is) {
+TEST(frame_buffer, a_broken_body_stays_in_the_buffer) {
     FrameBuffer buffer(REQUEST_LIMITS);
     const std::string frame = frame_around(rich_body() + "surplus");
     buffer.append(bytes_of(frame), frame.size());

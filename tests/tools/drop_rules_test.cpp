@@ -53,7 +53,7 @@ TEST(drop_rules, only_a_plain_ok_means_that_it_was_dropped) {
     }
 }
 
-TEST(drop_rules, a_candidate_is_dropped_only_while_the_listing_has_it_as_it_was) {
+TEST(drop_rules, a_candidate_is_dropped_only_while_it_is_unchanged_in_the_listing) {
     const Connection unnamed = *parse_connection_line("5\t\t\t\t1\t2\t10.0.0.1:1");
     const Connection player = *parse_connection_line("6\tcam1\tplay\t\t1\t2\t10.0.0.2:2");
     Connection busier = player;
@@ -70,7 +70,7 @@ TEST(drop_rules, a_candidate_is_dropped_only_while_the_listing_has_it_as_it_was)
     EXPECT_THAT(judge_candidate(unnamed, {player})->message, testing::HasSubstr("there is no connection 5"));
 }
 
-TEST(drop_rules, a_client_that_has_chosen_a_stream_meanwhile_is_not_called_another) {
+TEST(drop_rules, a_client_that_has_since_chosen_a_stream_is_still_the_same_client) {
     const Connection unnamed = *parse_connection_line("5\t\t\t\t1\t2\t10.0.0.1:1");
     const Connection named = *parse_connection_line("5\tcam1\tpublish\t\t1\t2\t10.0.0.1:1");
     const std::optional<Failure> failure =
