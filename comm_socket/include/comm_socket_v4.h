@@ -196,8 +196,8 @@ size_t comm_socket_v4_packet_get_pair_count(const comm_socket_v4_packet* packet)
 /* Returns null if idx is out of range. */
 const char* comm_socket_v4_packet_get_pair_name(const comm_socket_v4_packet* packet, size_t idx);
 size_t comm_socket_v4_packet_get_pair_name_length(const comm_socket_v4_packet* packet, size_t idx);
-/* As above. A value with shared bytes is joined when it is first read; null if there is no memory
- * for that. */
+/* As above. A value with shared bytes is joined when it is first read; also returns null if there is no
+ * memory for that. */
 const char* comm_socket_v4_packet_get_pair_value(const comm_socket_v4_packet* packet, size_t idx);
 size_t comm_socket_v4_packet_get_pair_value_length(const comm_socket_v4_packet* packet, size_t idx);
 

@@ -159,9 +159,9 @@ class SoakReport(unittest.TestCase):
     def test_an_actor_that_did_nothing_fails(self):
         for who in soak_report.ALWAYS_SEEN + soak_report.SEEN_IN_A_LONG_RUN:
             self.totals["counts"] = {**good_totals()["counts"], who: 0}
-            self.assertEqual(self.failed_rows(), ["who did nothing"], who)
+            self.assertEqual(self.failed_rows(), ["actors that did nothing"], who)
             del self.totals["counts"][who]
-            self.assertEqual(self.failed_rows(), ["who did nothing"], who)
+            self.assertEqual(self.failed_rows(), ["actors that did nothing"], who)
 
     def test_in_a_short_run_not_every_actor_has_to_do_everything(self):
         for who in soak_report.SEEN_IN_A_LONG_RUN:
