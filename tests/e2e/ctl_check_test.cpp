@@ -41,7 +41,7 @@ TEST(ctl_check, sends_a_stream_through_the_server_and_warns_of_future_problems) 
          {"ok: control socket: it answered in ", "ok: list: listed in ",
           "ok: slots: 0 of 128 slots are used\n", " alone listens on it\n", "ok: RTMP: handshake in ",
           "ok: relay: a message came through in ",
-          "ok: descriptors: ", "ok: threads: ", "warning: log: standard error leads to a pipe"}) {
+          "ok: descriptors: ", "ok: threads: ", "warning: log: standard error goes to a pipe"}) {
         EXPECT_THAT(run.out, HasSubstr(line));
     }
     EXPECT_THAT(run.out, Not(HasSubstr("critical: ")));
@@ -55,13 +55,12 @@ TEST(ctl_check, a_server_whose_socket_is_gone_is_reported_with_its_process) {
     std::filesystem::remove("/var/run/v9_rtmp_server.socket");
     const ProgramRun run = run_tool({"check", "--quiet"});
     EXPECT_EQ(run.end, (ProgramEnd{CRITICAL, 0}));
-    EXPECT_THAT(
-        run.out,
-        HasSubstr("critical: control socket: there is no socket at /var/run/v9_rtmp_server.socket; "
-                  "process " +
-                  std::to_string(server.pid()) +
-                  " listens on port 1935 all the same. If that is a v9_rtmp_server, a second start took "
-                  "its control socket: stop it, then start it again.\n"));
+    EXPECT_THAT(run.out,
+                HasSubstr("critical: control socket: there is no socket at /var/run/v9_rtmp_server.socket; "
+                          "process " +
+                          std::to_string(server.pid()) +
+                          " still listens on port 1935. If that is a v9_rtmp_server, a second start took "
+                          "its control socket: stop it, then start it again.\n"));
 }
 
 TEST(ctl_check, the_advice_restores_the_control_socket_of_a_service_without_a_restart) {
@@ -71,7 +70,7 @@ TEST(ctl_check, the_advice_restores_the_control_socket_of_a_service_without_a_re
     for (const char* const command : {"check", "hello"}) {
         const ProgramRun run = run_tool({command});
         EXPECT_THAT(run.out + run.err,
-                    HasSubstr("'systemd-tmpfiles --create v9-rtmp-server.conf' as root brings it back."));
+                    HasSubstr("'systemd-tmpfiles --create v9-rtmp-server.conf' as root restores it."));
     }
 }
 

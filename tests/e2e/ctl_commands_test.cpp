@@ -155,7 +155,7 @@ TEST(ctl, hello_reports_that_a_server_without_control_socket_listens) {
     EXPECT_EQ(run.end, (ProgramEnd{NOT_RUNNING, 0}));
     EXPECT_THAT(run.err, HasSubstr("there is no socket at"));
     EXPECT_THAT(run.err,
-                HasSubstr("process " + std::to_string(server.pid()) + " listens on port 1935 all the same"));
+                HasSubstr("process " + std::to_string(server.pid()) + " still listens on port 1935"));
 }
 
 TEST(ctl, a_mistyped_socket_path_gives_no_advice_to_stop_the_server) {
@@ -172,7 +172,7 @@ TEST(ctl, plain_hello_reports_on_standard_error_what_it_could_not_find_out) {
     const ProgramRun run = run_program({"unshare", "--pid", "--fork", tool_path(), "--plain", "hello"});
     EXPECT_EQ(run.end, (ProgramEnd{DONE, 0}));
     EXPECT_THAT(run.out, MatchesRegex("How are you\\?\t[0-9.]+\n"));
-    EXPECT_THAT(run.err, HasSubstr("v9_rtmp_ctl: Who listens on port 1935 is not known"));
+    EXPECT_THAT(run.err, HasSubstr("v9_rtmp_ctl: It is not known which process listens on port 1935"));
 }
 
 TEST(ctl, hello_checks_the_network_of_the_server_that_answers) {

@@ -508,5 +508,5 @@ TEST_F(watchdog, it_continues_when_its_state_cannot_be_saved) {
     dog.stop();
     ASSERT_THAT(dog.err().lines_since(), SizeIs(1));
     EXPECT_THAT(dog.err().lines_since()[0],
-                StartsWith("v9_rtmp_ctl: warning: nothing can be kept in /run/watchdog (Not a directory)"));
+                StartsWith("v9_rtmp_ctl: warning: no state can be saved in /run/watchdog (Not a directory)"));
 }

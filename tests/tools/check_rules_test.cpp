@@ -82,7 +82,7 @@ TEST(check_rules, standard_error_may_go_to_the_journal_or_be_discarded) {
                 HasSubstr("the relay stops if its reader stops reading"));
     EXPECT_THAT(judge_standard_error("/dev/pts/0").text, HasSubstr("Start the server as a service"));
     EXPECT_THAT(judge_standard_error("/var/log/a\nb").text,
-                HasSubstr("/var/log/a\\x0Ab, which strangers can fill"));
+                HasSubstr("/var/log/a\\x0Ab, which untrusted clients can fill"));
     EXPECT_EQ(judge_standard_error(std::nullopt).level, Level::UNKNOWN);
 }
 

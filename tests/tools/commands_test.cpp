@@ -328,9 +328,8 @@ TEST_F(commands_test, the_watchdog_names_the_client_that_left_after_a_drop_witho
     std::filesystem::remove_all(options.state_directory);
     EXPECT_EQ(outcome.exit_code, 0);
     EXPECT_THAT(outcome.err, HasSubstr("v9_rtmp_ctl: "));
-    EXPECT_THAT(outcome.out,
-                testing::MatchesRegex("missed 9, .* from 10\\.0\\.0\\.3:3: .*\\(misses so far: "
-                                      "1\\); no reply came to the drop, and the client has gone\n"));
+    EXPECT_THAT(outcome.out, testing::MatchesRegex("missed 9, .* from 10\\.0\\.0\\.3:3: .*\\(misses so far: "
+                                                   "1\\); the drop got no reply, and the client has left\n"));
 }
 
 TEST_F(commands_test, all_of_several_ids_are_tried_and_the_worst_status_is_returned) {
@@ -364,7 +363,7 @@ TEST_F(commands_test, drop_id_that_sends_nothing_leaves_nothing_unknown) {
     EXPECT_THAT(unsent.err, Not(HasSubstr("is not known")));
     settings.socket_path = server.path();
     later_lines = {lines, {"garbage"}, {"garbage"}};
-    EXPECT_THAT(drop_id(of_id("3")).err, HasSubstr("What was dropped until then is not known"));
+    EXPECT_THAT(drop_id(of_id("3")).err, HasSubstr("It is not known what was dropped before that"));
 }
 
 TEST_F(commands_test, drop_id_without_list_needs_no_list) {
@@ -445,7 +444,7 @@ TEST_F(commands_test, streams_without_legend_is_only_the_rows) {
     EXPECT_EQ(outcome_of([&] { return run_streams(settings, options); }).out, row);
     options.no_legend = false;
     EXPECT_THAT(outcome_of([&] { return run_streams(settings, options); }).out,
-                testing::EndsWith("\n? is a guess: the server does not say which one.\n"));
+                testing::EndsWith("\n? is a guess: the server does not report which one.\n"));
 }
 
 TEST_F(commands_test, drop_stream_needs_force_without_a_terminal) {

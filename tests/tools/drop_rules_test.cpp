@@ -77,10 +77,11 @@ TEST(drop_rules, a_client_that_has_since_chosen_a_stream_is_still_the_same_clien
         judge_drop({5, "", unnamed}, {0, "", "OK", {}}, {1, {named}}, {2, {named}});
     ASSERT_TRUE(failure);
     EXPECT_EQ(failure->exit_code, ExitCode::ANOTHER_CLIENT);
-    EXPECT_THAT(failure->message,
-                testing::StartsWith("the client was dropped, and had changed its stream meanwhile: id 5 was "
-                                    "without a stream from 10.0.0.1:1 when it was looked up, and publish of "
-                                    "'cam1' from 10.0.0.1:1 when it was dropped."));
+    EXPECT_THAT(
+        failure->message,
+        testing::StartsWith("the client was dropped, but had changed its stream before that: id 5 was "
+                            "without a stream from 10.0.0.1:1 when it was looked up, and publish of "
+                            "'cam1' from 10.0.0.1:1 when it was dropped."));
 }
 
 TEST(drop_rules, only_what_both_listings_agree_on_is_certain) {

@@ -70,7 +70,7 @@ TEST(failure, advice_to_start_a_server_is_given_only_if_none_still_runs) {
 TEST(failure, the_advice_for_a_short_timeout_says_that_the_server_polls_ten_times_a_second) {
     EXPECT_EQ(no_answer(50000).exit_code, ExitCode::NO_REPLY);
     EXPECT_THAT(no_answer(50000).message,
-                HasSubstr("(0.05 s). It looks at its control socket ten times a second"));
+                HasSubstr("(0.05 s). It polls its control socket ten times a second"));
     EXPECT_THAT(no_answer(5000000).message, HasSubstr("wait longer with --timeout"));
 }
 

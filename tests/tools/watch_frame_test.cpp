@@ -281,7 +281,7 @@ TEST(watch_frame, help_fits_into_80x24) {
         EXPECT_LE(line.text.size(), 80U) << line.text;
     }
     EXPECT_EQ(texts(lines), frame(model, 80, 24));
-    EXPECT_EQ(frame(model, 50, 20)[18], "not say which one it relays.");
+    EXPECT_EQ(frame(model, 50, 20)[18], "not report which one it relays.");
     for (const std::string& line : frame(model, 50, 20)) {
         EXPECT_THAT(line, testing::Not(testing::EndsWith("~")));
     }

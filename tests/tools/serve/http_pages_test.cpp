@@ -107,7 +107,7 @@ TEST_F(pages_test, are_refused_for_any_other_host) {
 
 TEST_F(pages_test, a_drop_needs_origin_and_token) {
     EXPECT_THAT(drop("http://evil.example", TOKEN), StartsWith("HTTP/1.1 403 "));
-    EXPECT_THAT(drop(OWN_ORIGIN, "wrong"), AllOf(StartsWith("HTTP/1.1 403 "), HasSubstr("not the token")));
+    EXPECT_THAT(drop(OWN_ORIGIN, "wrong"), AllOf(StartsWith("HTTP/1.1 403 "), HasSubstr("token is wrong")));
     EXPECT_THAT(
         pages(TOKEN).answer(request("POST /drop?id=5", "Host: 127.0.0.1:9935\r\nContent-Length: 0\r\n")),
         StartsWith("HTTP/1.1 403 "));

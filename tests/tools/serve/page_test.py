@@ -160,7 +160,7 @@ class PageTest(unittest.TestCase):
         for second in range(2, 17):
             server.write(lines(second))
             time.sleep(1)
-        self.wait_for_text("Stream garden: the publisher has sent nothing for", "1 player stands still", "stalled for")
+        self.wait_for_text("Stream garden: the publisher has sent nothing for", "1 player is stalled", "stalled for")
         self.pictures("notes")
 
     def test_a_stopped_server_and_a_stopped_serve_are_reported(self):
@@ -191,7 +191,7 @@ class PageTest(unittest.TestCase):
             self.picture("drop")
             submit = """document.getElementById('token').value = arguments[0]; document.getElementById('confirm').click()"""
             self.browser.run(submit, "wrong")
-            self.wait_for_text("That is not the token.")
+            self.wait_for_text("The token is wrong.")
             self.browser.run(submit, TOKEN)
             wait_for("the dialog is closed", lambda: not self.browser.run("return document.getElementById('dialog').open"))
             client.settimeout(20)

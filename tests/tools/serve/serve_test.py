@@ -173,7 +173,7 @@ class ServeTest(unittest.TestCase):
         alone = shutil.copy(program("v9_rtmp_ctl"), self.directory)
         run = subprocess.run([alone, "serve"], capture_output=True, text=True, timeout=60)
         self.assertEqual(1, run.returncode)
-        self.assertIn("in a package of its own", run.stderr)
+        self.assertIn("in a separate package", run.stderr)
 
 
 class MetricsTest(unittest.TestCase):
