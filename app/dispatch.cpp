@@ -48,7 +48,7 @@ bool holds_large_values(const RTMP_Packet& pkt) {
            pkt.chunk.message.data_length >= LARGE_VALUES_BYTES;
 }
 
-// Handles the message at the front of the queue, where it stays meanwhile. Returns false if it is held back.
+// Handles the message at the front of the queue without removing it. Returns false if it is held back.
 bool handle_message(RTMPConnection& conn, RTMP_Packet& pkt) REQUIRES(conn.mutex, MAIN_THREAD) {
     switch (pkt.chunk.message_type_id) {
         case MESSAGE_AMF0_COMMAND:

@@ -17,8 +17,8 @@ void send_metadata(RTMPConnection& player, const StreamMetadata& metadata)
 // Sends the publisher's metadata to every player of its stream.
 void forward_metadata_to_players(const RTMPConnection& publisher) ON_MAIN_THREAD;
 
-// Whether the metadata is an object or an ECMA array; players are told of no other. It may still be too
-// large to send.
+// Whether the metadata is an object or an ECMA array. Other values are not sent to players. It may still be
+// too large to send.
 [[nodiscard]] bool is_stream_metadata(const StreamMetadata& metadata);
 
 // Returns "width", "height", "audiocodecid" and "videocodecid" of metadata, rounded half up. A member that is

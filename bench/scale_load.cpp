@@ -1,13 +1,14 @@
-// Publishers and players of scripts/scale-test, which come, go and connect again as told on standard input:
+// Publishers and players of scripts/scale-test, which connect, leave and reconnect by commands on
+// standard input:
 //
-//   publish NAME STREAM HOST PORT SKIP        a publisher of the film that leaves out every SKIP-th frame
-//   play NAME STREAM HOST PORT COUNT ADDRESS  so many players, ten for each address from this one on
+//   publish NAME STREAM HOST PORT SKIP        a publisher of the film that omits every SKIP-th frame
+//   play NAME STREAM HOST PORT COUNT ADDRESS  COUNT players, ten for each address, beginning with ADDRESS
 //   leave NAME                                ends those of that name
 //   tally NAME                                prints what the players have received since the last time
 //
-// SKIP 0 leaves out none, ADDRESS - is any.
+// SKIP 0 omits none, ADDRESS - is any.
 //
-// What happens is printed on standard output, a line of JSON each. It ends with its standard input.
+// Events are printed on standard output, one line of JSON each. It ends when its standard input ends.
 #include <algorithm>
 #include <cstdio>
 #include <iostream>

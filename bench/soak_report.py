@@ -79,10 +79,10 @@ def judge_late(totals, share):
 def judge_idle(counts, short, ended_early):
     wanted = ALWAYS_SEEN + ([] if short else SEEN_IN_A_LONG_RUN)
     idle = [who for who in wanted if counts.get(who, 0) == 0]
-    value = ", ".join(idle) or "nobody"
+    value = ", ".join(idle) or "none"
     if ended_early:
-        return Row("who did nothing", value, "not applied: ended early", None)
-    return Row("who did nothing", value, "nobody", not idle)
+        return Row("actors that did nothing", value, "not applied: ended early", None)
+    return Row("actors that did nothing", value, "none", not idle)
 
 
 def judge_flat(samples, who, what):

@@ -74,7 +74,7 @@ struct comm_socket_v4 {
     bool is_turn_of_left = false;
     bool has_served_connected = false;  // since the last idle
     bool begins_with_latest = false;    // the latest client has the next turn of a connected one
-    bool began_with_latest = false;     // so did the last service with a connected client's request
+    bool began_with_latest = false;     // its value at a connected client's last turn
     std::uint64_t turns = 0;            // turns given by idle so far
 
     comm_socket::HeldRequests held;

@@ -5,8 +5,7 @@
 
 #include "base/thread_roles.h"
 
-// Carries out a request and writes the reply into respkt, a response that already has the request's id.
-// Returns false if no reply is to be sent, because the client asked for none. A known command is not carried
-// out in that case.
+// Executes a request and writes the reply into respkt, a response that already has the request's id. Returns
+// false if no reply is to be sent, because the client asked for none. A known command is then not executed.
 [[nodiscard]] bool run_control_command(const comm_socket_v4_packet* request,
                                        comm_socket_v4_packet* respkt) ON_MAIN_THREAD;

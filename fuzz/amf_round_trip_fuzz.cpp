@@ -35,7 +35,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (!AMF_ReadValueChecked(decoded, s, data + size)) {
         return 0;
     }
-    // At most, every byte was an object whose end marker was left out.
+    // At most, every byte was an object without an end marker.
     const std::vector<unsigned char> bytes = encode(decoded, 4 * size);
     if (bytes.empty()) {
         return 0;

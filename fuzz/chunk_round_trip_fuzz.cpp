@@ -92,7 +92,7 @@ QueuedMessage next_message(InputBytes& input, std::size_t number) {
     message.type = input.u8();
     message.message_stream_id = input.u32();
     if (what == CHUNK_SIZE) {
-        // Nobody but the echo of a client's chunk size says this, and it has this header.
+        // Only the echo of a client's chunk size sends this, with this header.
         message.chunk_stream_id = 2;
         message.type = 1;
         message.payload = chunk_size_payload(message.message_stream_id);
@@ -132,7 +132,7 @@ OutgoingPacket outgoing_packet_of(const QueuedMessage& queued) {
     return outgoing;
 }
 
-// One thread plays all three, so nobody needs the lock.
+// One thread plays all three, so no lock is needed.
 // Runs the writer thread's loop until everything is sent or the client is gone.
 void write_all(RTMPConnection& conn) {
     while (!conn.connection_out.empty()) {
@@ -208,7 +208,7 @@ extern "C" ssize_t __wrap_recv(int fd, void* buffer, std::size_t c, int /*flags*
 }
 
 extern "C" int __wrap_usleep(useconds_t /*us*/) {
-    CHECK(false);  // Nobody has a reason to wait.
+    CHECK(false);  // Nothing has a reason to wait.
     return 0;
 }
 

@@ -15,8 +15,9 @@
 namespace {
 
 void require(bool holds) {
-    if (!holds)
+    if (!holds) {
         abort();
+    }
 }
 
 // The frame at *at in the input is the one that was just decoded.
@@ -43,16 +44,18 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         while (input.state() == comm_socket::FrameState::COMPLETE) {
             comm_socket::FrameHead head;
             comm_socket::FrameText text;
-            if (!input.take(&head, &text))
+            if (!input.take(&head, &text)) {
                 return 0;
+            }
             test_round_trip(data, size, &decoded, head, text);
             comm_socket_v4_packet* packet = comm_socket::make_packet(head, std::move(text));
             require(comm_socket_v4_packet_get_command(packet) != nullptr);
             comm_socket_v4_packet_dump_user_friendly(packet, nowhere);
             comm_socket_v4_packet_release(packet);
         }
-        if (input.state() == comm_socket::FrameState::BROKEN)
+        if (input.state() == comm_socket::FrameState::BROKEN) {
             return 0;
+        }
     }
     return 0;
 }

@@ -20,8 +20,9 @@ constexpr std::size_t SENT_AT_ONCE_BYTES = 65536;  // fits the socket, so that n
 constexpr std::uint64_t TIMEOUT_US = 1000000;
 
 void require(bool holds) {
-    if (!holds)
+    if (!holds) {
         abort();
+    }
 }
 
 // A file per process, because clients take a path.
@@ -49,11 +50,11 @@ void read_all_of(const comm_socket_v4_packet* reply) {
     require(bytes <= comm_socket_v4_packet_get_command_length(reply));
     bytes = strlen(comm_socket_v4_packet_get_message(reply));
     require(bytes <= comm_socket_v4_packet_get_message_length(reply));
-    for (std::size_t i = 0; i < comm_socket_v4_packet_get_argv_count(reply); i++) {
+    for (std::size_t i = 0; i < comm_socket_v4_packet_get_argv_count(reply); ++i) {
         const char* argument = comm_socket_v4_packet_get_argv(reply, i);
         require(argument == nullptr || strlen(argument) <= comm_socket_v4_packet_get_argv_length(reply, i));
     }
-    for (std::size_t i = 0; i < comm_socket_v4_packet_get_pair_count(reply); i++) {
+    for (std::size_t i = 0; i < comm_socket_v4_packet_get_pair_count(reply); ++i) {
         require(strlen(comm_socket_v4_packet_get_pair_name(reply, i)) <=
                 comm_socket_v4_packet_get_pair_name_length(reply, i));
         require(strlen(comm_socket_v4_packet_get_pair_value(reply, i)) <=

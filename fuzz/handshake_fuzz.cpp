@@ -56,7 +56,7 @@ bool is_echo(std::string_view c2) {
     return c2.substr(0, 4) == s1().substr(0, 4) && c2.substr(8) == s1().substr(8);
 }
 
-// The line that tells why the handshake failed; empty when it must succeed.
+// The line that gives the reason of a failed handshake; empty if it must succeed.
 std::string_view expected_failure(std::string_view bytes) {
     if (bytes.empty() || bytes[0] != 3) {
         return "C0 fail\n";

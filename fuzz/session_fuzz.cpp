@@ -317,7 +317,7 @@ int publisher_fd_of(const std::string& name) {
     return publisher == NO_CONNECTION ? -1 : get_connection(publisher)->fd;
 }
 
-// Looking a name up inserts a record, which the housekeeping then disposes of; nobody else can tell.
+// Looking up a name inserts a record, which the housekeeping removes; this has no other effect.
 void check_stream(const std::string& name) {
     const StreamRecord& record = find_or_insert_stream(name);
     if (record.publisher != NO_CONNECTION) {
@@ -358,8 +358,8 @@ bool is_publisher_in_force(const RTMPConnection& conn) {
            find_or_insert_stream(conn.stream_name).publisher == conn.conn_idx;
 }
 
-// Whoever loses a stream to another connection is dropped for it. Nobody has it once its record was
-// disposed of.
+// A publisher that loses its stream to another connection is dropped. A stream whose record was removed has
+// no publisher.
 void check_takeover(const RTMPConnection& conn, const Watched& watch) {
     if (watch.publisher_in_force && !is_publisher_in_force(conn)) {
         CHECK(conn.close_requested || find_or_insert_stream(conn.stream_name).publisher == NO_CONNECTION);
@@ -434,7 +434,7 @@ void check_after_pass() {
     }
 }
 
-// Nobody is turned away while a slot is free.
+// No client is refused while a slot is free.
 void accept_client() {
     const FakeClient* const client = fake_system::waiting_client();
     const bool full = count_connections([](const RTMPConnection&) { return true; }) == MAX_CONNECTIONS;
@@ -532,7 +532,7 @@ void act_for_client(Action action, Client& client, InputBytes& input) {
     }
 }
 
-// True when the action is nobody's in particular.
+// True if the action does not belong to a particular client.
 bool act_for_all(Action action, Client& client, InputBytes& input) {
     switch (action) {
         case Action::CONNECT: {
@@ -629,7 +629,7 @@ void start_up(unsigned options) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
-    // Packets of the operator that nobody knows are dumped there.
+    // Unknown requests of the operator are dumped there.
     stderr = std::fopen("/dev/null", "w");
     return 0;
 }

@@ -122,18 +122,18 @@ def measured(figures):
     return "\n\n".join([
         f"`scripts/scale-test`: {figures['setup']['edges']} edges, {steady['players']} players, one stream of 500 kbit/s.",
         steady_table(figures), cost_table(figures), killed_table(figures),
-        f"- **Sessions of the edges** {', '.join(map(str, steady['sessions_of_edges']))}; {steady['frames']:,} frames came, "
-        f"{steady['missing']} were missing. From nothing, all players played after {figures['start']['all_play_after_s']:.1f} s.\n"
+        f"- **Sessions of the edges** {', '.join(map(str, steady['sessions_of_edges']))}; {steady['frames']:,} frames arrived, "
+        f"{steady['missing']} were missing. All players played {figures['start']['all_play_after_s']:.1f} s after the start.\n"
         f"- **Drained**: {drain['sessions_of_old']} players stayed on the old server, {drain['sessions_of_new']} new ones went to "
-        f"the new one, {drain['established_lost']} were lost. At the age limit of {drain['age_limit_s']} s the rest was "
+        f"the new one, {drain['established_lost']} were lost. At the age limit of {drain['age_limit_s']} s the rest were "
         f"dropped and played again after {drain['rest_back_after_s']:.1f} s. When all had left, v9-rtmp-drain ended "
         f"{drain['empty_after_s']:.1f} s after its start.\n"
         f"- **A rival encoder**: all players play again {rival['back_after_close_s']:.1f} s after the first encoder was killed, "
         f"{rival['back_after_silence_s']:.1f} s after it fell silent.\n"
         f"- **RTMPS and IPv6**: {doors['frames_by_rtmps']} of 25 frames by RTMPS, {doors['frames_by_ipv6']} by IPv6, "
-        f"{doors['frames_by_rtmps_of_the_other_name']} by the name of the other servers.\n"
+        f"{doors['frames_by_rtmps_of_the_other_name']} by the name of the other group of servers.\n"
         f"- **Limit**: of {limits['connections_tried']} connections from one address {limits['kept']} were kept; another address "
-        f"was served meanwhile.\n"
+        f"was served at the same time.\n"
         f"- **Health**: the agent cost {health['lines_a_minute_by_agents']:.0f} lines of the log a minute; one TCP connect "
         f"costs {health['lines_of_one_tcp_connect']}.\n"
         f"- **Browser**: {browser['played_s']:.1f} s played in {browser['seconds']:.1f} s, "
@@ -175,7 +175,7 @@ def draw(figures, path):
 
 
 def text_of(figures):
-    return measured(figures) + "\n\nOn paper, with these figures:\n\n" + Arithmetic(figures).tables()
+    return measured(figures) + "\n\nCalculated from these figures:\n\n" + Arithmetic(figures).tables()
 
 
 def page_with(text):

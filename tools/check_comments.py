@@ -7,8 +7,9 @@ Finds comment lines over 110 columns, and paragraphs whose last line is a single
 avoid that. --write breaks such paragraphs into lines again; a comment after code has to be shortened by hand. Exits
 1 if anything is left.
 
-A paragraph is a run of lines that hold only a comment and begin in the same column. An empty line, a list item and a
-mark like NOLINT end it. Lines that are indented further, like a picture or an example, are not changed.
+A paragraph is a run of lines that hold only a comment, with slashes or with stars, and begin in the same column. An
+empty line, a list item and a mark like NOLINT end it. Lines that are indented further, like a picture or an example,
+are not changed.
 """
 import pathlib
 import re
@@ -17,16 +18,18 @@ import sys
 COLUMNS = 110
 NARROWEST = 80
 FOLDERS = ["base", "amf", "rtmp", "core", "relay", "app", "control", "comm_socket", "tools", "tests", "fuzz", "bench"]
-COMMENT_LINE = re.compile(r"^(?P<begin>\s*//)(?P<space> *)(?P<text>.*)$")
+COMMENT_LINE = re.compile(r"^(?P<begin>\s*(?://|/?\*(?= )))(?P<space> *)(?P<text>.*)$")
 ITEM = re.compile(r"(?:\d+\.|-) +")
 MARK = re.compile(r"clang-format |NOLINT|fallthrough|IWYU ")
-TRAILING = re.compile(r'^(?:[^"/]|"(?:\\.|[^"\\])*"|/(?!/))*//')
+BLOCK_END = "*/"
+TRAILING = re.compile(r'^(?:[^"/]|"(?:\\.|[^"\\])*"|/(?![/*]))*/[/*]')
 
 
 class Paragraph:
     def __init__(self, first, begin, item):
         self.first = first  # index of its first line
-        self.begin = begin  # up to and with the slashes
+        self.begin = begin  # up to and with the slashes or the star
+        self.next = begin.replace("/*", " *")  # the same of its other lines
         self.item = item    # "1. " or "- " of a list, or empty
         self.words = []
         self.count = 0      # lines
@@ -34,6 +37,8 @@ class Paragraph:
 
     def add(self, text):
         words = text.split()
+        if len(words) > 1 and words[-1] == BLOCK_END:
+            words[-2:] = [f"{words[-2]} {BLOCK_END}"]
         self.words += words
         self.last_words = len(words)
         self.count += 1
@@ -45,7 +50,7 @@ class Paragraph:
             lines = self.broken_at(columns)
             if len(lines) > len(fewest):
                 break
-            if len(lines) == 1 or " " in lines[-1][len(self.begin) + 1 + len(self.item):]:
+            if len(lines) == 1 or " " in lines[-1].removesuffix(" " + BLOCK_END)[len(self.begin) + 1 + len(self.item):]:
                 return lines
         return fewest
 
@@ -55,7 +60,7 @@ class Paragraph:
             if len(lines[-1]) + 1 + len(word) <= columns:
                 lines[-1] += " " + word
             else:
-                lines.append(f"{self.begin} {' ' * len(self.item)}{word}")
+                lines.append(f"{self.next} {' ' * len(self.item)}{word}")
         return lines
 
 
@@ -74,7 +79,7 @@ def paragraphs(lines):
             current = Paragraph(index, found["begin"], item[0])
             result.append(current)
             current.add(text[item.end():])
-        elif current and current.begin == found["begin"] and indent == 1 + len(current.item):
+        elif current and current.next == found["begin"] and indent == 1 + len(current.item):
             current.add(text)
         elif indent == 1:
             current = Paragraph(index, found["begin"], "")
@@ -90,6 +95,11 @@ def is_badly_filled(paragraph, lines):
     if any(len(line) > COLUMNS for line in own):
         return True
     return paragraph.count > 1 and paragraph.last_words == 1 and paragraph.filled() != own
+
+
+def sources(root):
+    """Returns the paths of all C and C++ sources."""
+    return sorted(p for folder in FOLDERS for p in (root / folder).rglob("*") if p.suffix in (".h", ".cpp", ".c"))
 
 
 def check_file(path, name, write):
@@ -111,7 +121,7 @@ def check_file(path, name, write):
 
 def check(root, write=False):
     wrong, files = [], 0
-    for path in sorted(p for folder in FOLDERS for p in (root / folder).rglob("*") if p.suffix in (".h", ".cpp", ".c")):
+    for path in sources(root):
         files += 1
         wrong += check_file(path, path.relative_to(root).as_posix(), write)
     print("".join(line + "\n" for line in wrong), end="")

@@ -72,7 +72,7 @@ class FilmPublisher : public Repeater {
 // What players have received.
 struct CrowdTally {
     std::uint64_t frames = 0;
-    std::uint64_t missing = 0;  // left out within a connection
+    std::uint64_t missing = 0;  // gaps within a connection
     std::uint64_t strange = 0;  // frames that no publisher has sent
     Lateness lateness;
 

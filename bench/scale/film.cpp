@@ -51,7 +51,7 @@ Film Film::read(const std::string& path) {
         }
     }
     if (film.headers.size() < 2 || film.frames.empty()) {
-        throw TestFailure(path + " is no FLV file with audio and video");
+        throw TestFailure(path + " is not an FLV file with audio and video");
     }
     return film;
 }

@@ -20,7 +20,7 @@ struct FilmFrame {
 };
 
 struct Film {
-    // Throws TestFailure if the file is no FLV file with audio and video.
+    // Throws TestFailure if the file is not an FLV file with audio and video.
     static Film read(const std::string& path);
 
     std::vector<FilmFrame> headers;  // of the decoders

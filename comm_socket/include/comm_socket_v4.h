@@ -166,11 +166,11 @@ int comm_socket_v4_packet_write_argv_bytes(comm_socket_v4_packet* packet, const 
 int comm_socket_v4_packet_write_nv_pair(comm_socket_v4_packet* packet, const char* name, const char* value);
 int comm_socket_v4_packet_write_nv_pair_bytes(comm_socket_v4_packet* packet, const void* name,
                                               size_t name_length, const void* value, size_t value_length);
-/* Appends a pair with the value before, shared and after, joined. Long shared bytes are not copied, which saves
- * time and memory; they must not change until release(owner) is called. It is called once, on the thread that
- * uses the packet or its server: when the packet has been released and every reply made from it has been sent
- * or discarded, or before this call returns if it fails. release must not be null (EINVAL), call the library or
- * change errno. */
+/* Appends a pair with the value before, shared and after, joined. Long shared bytes are not copied, which
+ * saves time and memory; they must not change until release(owner) is called. It is called once, on the
+ * thread that uses the packet or its server: when the packet has been released and every reply made from it
+ * has been sent or discarded, or before this call returns if it fails. release must not be null (EINVAL),
+ * call the library or change errno. */
 typedef struct comm_socket_v4_shared_bytes {
     const void* bytes;
     size_t length;
@@ -196,7 +196,8 @@ size_t comm_socket_v4_packet_get_pair_count(const comm_socket_v4_packet* packet)
 /* Returns null if idx is out of range. */
 const char* comm_socket_v4_packet_get_pair_name(const comm_socket_v4_packet* packet, size_t idx);
 size_t comm_socket_v4_packet_get_pair_name_length(const comm_socket_v4_packet* packet, size_t idx);
-/* As above. A value with shared bytes is joined when it is first read; null if there is no memory for that. */
+/* As above. A value with shared bytes is joined when it is first read; also returns null if there is no
+ * memory for that. */
 const char* comm_socket_v4_packet_get_pair_value(const comm_socket_v4_packet* packet, size_t idx);
 size_t comm_socket_v4_packet_get_pair_value_length(const comm_socket_v4_packet* packet, size_t idx);
 

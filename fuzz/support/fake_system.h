@@ -1,10 +1,10 @@
-// What the system gives the server, in memory: a listener with clients behind it, sockets, threads that take
+// What the system gives the server, in memory: a listener with waiting clients, sockets, threads that take
 // turns (fiber.h), sleep, the clock and random numbers. Link with --wrap for accept4, setsockopt, recv, send,
 // sendmsg, close, usleep, pthread_create, pthread_cancel and pthread_join.
 //
 // What the server must never do fails here: use or close a socket that is closed, close one under a running
-// thread, wait while holding its connection's lock, wait after cancellation, join a thread that nobody told
-// to end, leave one behind.
+// thread, wait while holding its connection's lock, wait after cancellation, join a thread that was not
+// asked to end, or leave a thread running.
 #pragma once
 
 #include <cstddef>
@@ -51,7 +51,7 @@ void restart();
 // A new client, which waits to be accepted. Stays until restart().
 FakeClient& connect_client();
 
-// Whoever will be accepted next; null: nobody waits.
+// The client that will be accepted next; null if none waits.
 FakeClient* waiting_client();
 
 // By the server's descriptor; null: none.
@@ -61,10 +61,10 @@ FakeClient* find_client(int fd);
 void run_threads();
 
 // Whether a thread that prints stops there until run_threads() is called again, and may be
-// cancelled meanwhile.
+// cancelled there.
 void stop_at_prints(bool stop);
 
-// So many threads cannot be created from now on.
+// The next count threads cannot be created.
 void refuse_threads(unsigned count);
 
 }  // namespace fake_system

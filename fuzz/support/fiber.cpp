@@ -14,7 +14,7 @@ constexpr std::size_t GUARD_BYTES = 4096;
 
 Fiber* current = nullptr;
 
-// Whoever resumed the running fiber.
+// The context that resumed the running fiber.
 ucontext_t resumer;
 const void* resumer_stack = nullptr;
 std::size_t resumer_stack_bytes = 0;

@@ -1,5 +1,5 @@
-// Threads that take turns on one: each runs until it waits, and goes on when it is told to. Thereby what a
-// fuzz target does with the server's threads depends on its input alone.
+// Threads that take turns on one real thread: each runs until it waits, and continues when it is resumed. So
+// the effect of a fuzz target on the server's threads depends only on its input.
 #pragma once
 
 #include <ucontext.h>
@@ -14,19 +14,19 @@ class Fiber {
     Fiber(Entry entry_function, void* entry_argument);
     Fiber(const Fiber&) = delete;
     Fiber& operator=(const Fiber&) = delete;
-    // It has finished, or never begun.
+    // Requires that it has finished or never begun.
     ~Fiber();
 
-    // The one that runs; null: none of them.
+    // Returns the running fiber; null if there is none.
     static Fiber* running();
 
     // Runs it until it waits or returns. Not from within a fiber.
     void resume();
 
-    // Has it leave its wait by an exception, as a cancelled thread does, so that it returns now.
+    // Makes it leave its wait by an exception, as a cancelled thread does, so that it returns now.
     void cancel();
 
-    // On the running fiber: back to whoever resumed it. May throw, and then is not called again.
+    // On the running fiber: returns to the caller of resume(). May throw, and is then not called again.
     void wait();
 
     [[nodiscard]] bool finished() const { return is_finished; }

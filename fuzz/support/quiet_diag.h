@@ -8,5 +8,5 @@
 std::string_view last_diagnostic();
 void forget_diagnostics();
 
-// Called before each line is printed; null: nobody. The real print is a place where a thread may be stopped.
+// Called before each line is printed, unless null. At the real print a thread may be cancelled.
 extern void (*before_diagnostic)();

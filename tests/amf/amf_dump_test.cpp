@@ -252,7 +252,7 @@ TEST(amf_dump, cuts_before_the_first_line_beyond_a_mebibyte) {
     EXPECT_EQ(dump(string_that_prints_as(AMF_DUMP_MAX_BYTES + 1)), "AMF var LongString\n" + std::string(CUT));
 }
 
-TEST(amf_dump, prints_nothing_behind_the_cut) {
+TEST(amf_dump, prints_nothing_after_the_cut) {
     AMF_Value v = of_type(AMF_Type::Object);
     v.member("a").set_string(std::string(AMF_DUMP_MAX_BYTES, 'x'));
     v.member("b").set_null();
@@ -260,7 +260,7 @@ TEST(amf_dump, prints_nothing_behind_the_cut) {
               "AMF var Object\n  Object: {\n    'a':\n      AMF var LongString\n" + std::string(CUT));
 }
 
-TEST(amf_dump, is_cut_before_whatever_line_comes_first_behind_the_limit) {
+TEST(amf_dump, is_cut_before_any_kind_of_line_past_the_limit) {
     const std::string before =
         "AMF var Object\n  Object: {\n    'a':\n      AMF var LongString\n        Value: '";
     const std::vector<std::string> lines = {"    'b':\n", "      AMF var Object\n", "        Object: {\n",

@@ -107,12 +107,12 @@ long fail_every_allocation_of(const Body& body) {
 
 }  // namespace
 
-TEST(amf_exhaustion, leaks_nothing_of_a_decoding) {
+TEST(amf_exhaustion, leaks_nothing_when_decoding_fails) {
     const long failures = fail_every_allocation_of([] { (void)sample(); });
     EXPECT_GT(failures, 10);
 }
 
-TEST(amf_exhaustion, leaks_nothing_of_a_copy) {
+TEST(amf_exhaustion, leaks_nothing_when_copying_fails) {
     AMF_Value source = sample();
     source.elements.append() = source;
     source.elements.append().elements.append();
@@ -131,7 +131,7 @@ TEST(amf_exhaustion, keeps_the_target_of_a_copy_assignment_that_fails) {
     EXPECT_EQ(target.find_member("kept").number, 1.0);
 }
 
-TEST(amf_exhaustion, leaks_nothing_of_building_and_encoding) {
+TEST(amf_exhaustion, leaks_nothing_when_building_or_encoding_fails) {
     const AMF_Value source = sample();
     const long failures = fail_every_allocation_of([&source] {
         AMF_Value v;

@@ -256,7 +256,7 @@ TEST(amf_read, refuses_the_types_that_are_not_supported_and_unknown_markers) {
     }
 }
 
-TEST(amf_read, checks_for_data_only_where_it_says_so) {
+TEST(amf_read, checks_for_data_only_in_the_checked_function) {
     const Bytes bytes = NULL_VALUE;
     GuardedBytes guarded(bytes);
     AMF_Value v;
@@ -277,7 +277,7 @@ TEST(amf_read, checks_for_data_only_where_it_says_so) {
     EXPECT_EQ(s, refused.data());
 }
 
-TEST(amf_read, leaves_target_and_cursor_of_a_refused_string_alone) {
+TEST(amf_read, leaves_target_and_cursor_unchanged_when_a_string_is_refused) {
     const struct {
         bool wide;
         Bytes bytes;
@@ -294,7 +294,7 @@ TEST(amf_read, leaves_target_and_cursor_of_a_refused_string_alone) {
     }
 }
 
-TEST(amf_read, reads_bare_strings_and_steps_behind_them) {
+TEST(amf_read, reads_bare_strings_and_steps_past_them) {
     const Bytes narrow{0, 2, 'a', 'b', 'c'};
     std::string out = "old";
     const unsigned char* s = narrow.data();
@@ -333,7 +333,7 @@ TEST(amf_read, reads_bare_payloads_without_touching_the_type) {
     EXPECT_EQ(v.boolean, 2);
 }
 
-TEST(amf_read_object, takes_a_marker_at_the_end_of_the_data_as_an_empty_object) {
+TEST(amf_read_object, reads_a_marker_at_the_end_of_the_data_as_an_empty_object) {
     const Decoded result = decode(OBJECT);
     EXPECT_TRUE(result.ok);
     EXPECT_EQ(result.consumed, 1U);
@@ -386,7 +386,7 @@ TEST(amf_read_object, keeps_the_last_of_several_members_with_one_key) {
     EXPECT_EQ(kinds.value.find_member("y").members.size(), 1U);
 }
 
-TEST(amf_read_object, stores_an_end_marker_under_a_key_and_goes_on) {
+TEST(amf_read_object, stores_an_end_marker_under_a_key_and_continues) {
     const Decoded result = decode(OBJECT + key("a") + Bytes{0x09} + key("b") + NULL_VALUE + END);
     EXPECT_TRUE(result.ok);
     EXPECT_EQ(result.value.members.size(), 2U);
@@ -407,7 +407,7 @@ TEST(amf_read_object, stores_any_other_value_under_the_empty_key) {
     EXPECT_EQ(&nothing.value.find_member(""), &AMF_UndefinedValue);
 }
 
-TEST(amf_read_object, puts_members_in_key_order_whatever_order_they_come_in) {
+TEST(amf_read_object, sorts_members_by_key) {
     const Decoded result = decode(OBJECT + key("b") + NULL_VALUE + key("") + NULL_VALUE + key("ab") +
                                   NULL_VALUE + key("\xff") + NULL_VALUE + key("B") + NULL_VALUE + END);
     std::vector<std::string> keys;
@@ -464,7 +464,7 @@ TEST(amf_read_object, keeps_the_earlier_member_when_its_replacement_fails) {
     }
 }
 
-TEST(amf_read_object, reads_a_bare_body_into_a_value_as_it_is) {
+TEST(amf_read_object, reads_a_bare_body_into_a_value_without_clearing_it) {
     AMF_Value v;
     v.type = AMF_Type::Object;
     v.member("kept").set_number(1);
@@ -536,7 +536,7 @@ TEST(amf_read_ecma_array, counts_stored_end_markers_and_empty_keys) {
     EXPECT_EQ(result.value.members.size(), 2U);
 }
 
-TEST(amf_read_ecma_array, looks_at_the_count_only_when_the_member_itself_is_sound) {
+TEST(amf_read_ecma_array, checks_the_count_only_after_a_valid_member) {
     expect_refused(ecma(0) + key("a") + HALF_A_NUMBER);
     expect_refused(ecma(0) + key("a") + ecma(1) + END, TOO_SHORT);
     expect_refused(ecma(0) + key("a") + OBJECT + END, TOO_LONG);
@@ -550,7 +550,7 @@ TEST(amf_read_ecma_array, does_not_store_the_member_that_is_too_many) {
     EXPECT_EQ(result.value.find_member("a").type, AMF_Type::Null);
 }
 
-TEST(amf_read_ecma_array, says_once_that_an_inner_array_is_wrong) {
+TEST(amf_read_ecma_array, reports_a_wrong_inner_array_once) {
     const Bytes outer = OBJECT + key("a") + number_value(1) + key("o") + ecma(1) + key("e");
     for (const auto& [inner, printed] :
          {std::pair(ecma(1) + END, TOO_SHORT), std::pair(ecma(0) + key("x") + NULL_VALUE + END, TOO_LONG)}) {
@@ -568,7 +568,7 @@ TEST(amf_read_ecma_array, closes_all_open_arrays_at_the_end_of_the_data) {
     expect_refused(ecma(2) + key("a") + ecma(1) + key("b") + OBJECT + key("c") + NULL_VALUE, TOO_SHORT);
 }
 
-TEST(amf_read_ecma_array, reads_a_bare_body_into_a_value_as_it_is) {
+TEST(amf_read_ecma_array, reads_a_bare_body_into_a_value_without_clearing_it) {
     AMF_Value v;
     v.type = AMF_Type::ECMAArray;
     GuardedBytes body(be32(1) + key("a") + NULL_VALUE + END);
@@ -633,7 +633,7 @@ TEST(amf_read_depth, decodes_and_destroys_the_deepest_object) {
     });
 }
 
-TEST(amf_read_depth, gives_up_the_deepest_object_at_its_last_byte) {
+TEST(amf_read_depth, refuses_the_deepest_object_for_its_last_byte) {
     Bytes bytes = nested_object_bytes(DEEPEST_NEST - 1);
     for (const Bytes& broken : {Bytes{0x00}, key("") + Bytes{0x0A}, key("a"), key("") + Bytes{0x08, 0x00}}) {
         const Bytes all = bytes + broken;
@@ -648,7 +648,7 @@ TEST(amf_read_depth, gives_up_the_deepest_object_at_its_last_byte) {
     }
 }
 
-TEST(amf_read_depth, gives_up_an_object_that_breaks_behind_a_deep_member) {
+TEST(amf_read_depth, refuses_an_object_that_is_malformed_after_a_deep_member) {
     const Bytes nest = nested_object_bytes(100000);
     Bytes bytes = OBJECT + key("deep") + nest;
     for (std::size_t i = 0; i < 100001; ++i) {

@@ -61,7 +61,7 @@ void expect_default_state(const AMF_Value& v) {
 
 }  // namespace
 
-TEST(amf_value, stays_small_because_a_message_may_hold_very_many) {
+TEST(amf_value, is_small_because_a_message_may_hold_very_many) {
     static_assert(sizeof(AMF_Value) <= 72);
     static_assert(std::is_nothrow_move_constructible_v<AMF_Value>);
     static_assert(std::is_nothrow_move_assignable_v<AMF_Value>);
@@ -136,7 +136,7 @@ TEST(amf_value, has_the_undefined_value_before_other_static_objects_are_initiali
     expect_default_state(COPIED_BEFORE_MAIN);
 }
 
-TEST(amf_value, inserts_a_member_once_and_leaves_the_type_alone) {
+TEST(amf_value, inserts_a_member_once_and_leaves_the_type_unchanged) {
     AMF_Value v;
     AMF_Value& member = v.member("a");
     expect_default_state(member);
@@ -158,7 +158,7 @@ TEST(amf_value, sets_numbers_and_null) {
     EXPECT_EQ(null.type, AMF_Type::Null);
 }
 
-TEST(amf_value, makes_strings_long_from_65536_bytes_on) {
+TEST(amf_value, makes_strings_of_65536_bytes_or_more_long) {
     const struct {
         std::size_t length;
         AMF_Type type;
@@ -210,7 +210,7 @@ TEST(amf_value, copies_the_whole_tree_so_that_neither_side_sees_the_other_change
     expect_small_tree(kept);
 }
 
-TEST(amf_value, moves_the_whole_tree_and_leaves_nothing_below_the_source) {
+TEST(amf_value, moves_the_whole_tree_and_leaves_the_source_without_members) {
     AMF_Value source = small_tree();
     const AMF_Value* inner = &source.find_member("o");
     AMF_Value constructed(std::move(source));
@@ -263,7 +263,7 @@ TEST(amf_value, is_in_the_default_state_after_a_reset) {
     expect_default_state(v);
 }
 
-TEST(amf_value, carries_its_elements_along) {
+TEST(amf_value, copies_and_moves_its_elements) {
     AMF_Value v;
     v.type = AMF_Type::StrictArray;
     v.elements.append().set_number(1);
@@ -359,7 +359,7 @@ TEST(amf_value_depth, replaces_a_member_that_is_the_deepest_tree) {
     EXPECT_EQ(v.find_member("a").number, 1.0);
 }
 
-TEST(amf_value_depth, copies_and_destroys_elements_and_members_nested_in_turns) {
+TEST(amf_value_depth, copies_and_destroys_alternately_nested_elements_and_members) {
     on_small_stack_in_time([] {
         AMF_Value v;
         AMF_Value* innermost = &v;

@@ -217,7 +217,7 @@ TEST(amf_write, refuses_a_key_with_more_than_a_16_bit_length) {
     EXPECT_TRUE(encode(too_long, ENOUGH).empty());
 }
 
-TEST(amf_write, fills_the_room_to_the_last_byte_and_refuses_one_less) {
+TEST(amf_write, fills_the_buffer_to_the_last_byte_and_refuses_one_byte_less) {
     const Bytes nine = encode(number(1), 9);
     EXPECT_EQ(nine.size(), 9U);
     EXPECT_TRUE(encode(number(1), 8).empty());
@@ -314,7 +314,7 @@ TEST(amf_write, writes_values_one_after_another_on_one_cursor) {
     EXPECT_EQ(d, buffer.end());
 }
 
-TEST(amf_write, writes_what_decodes_to_the_same_bytes_again) {
+TEST(amf_write, encodes_a_decoded_value_to_the_same_bytes) {
     const Bytes bytes{0x03, 0, 1, 'a', 0x08, 0,    0, 0,   2,    0,    1, 'n', 0x00, 0x3F, 0xF0, 0,
                       0,    0, 0, 0,   0,    0,    1, 'x', 0x0F, 0,    0, 0,   1,    '<',  0,    0,
                       0x09, 0, 1, 'b', 0x01, 0x02, 0, 1,   'c',  0x03, 0, 0,   0x09, 0,    0,    0x09};

@@ -55,7 +55,7 @@ TEST_F(command_table_test, unknown_commands_are_named_and_end_the_connection) {
     }
 }
 
-TEST_F(command_table_test, a_name_may_come_as_any_kind_of_string) {
+TEST_F(command_table_test, a_name_may_be_any_kind_of_string) {
     for (const Bytes& name : {amf_long_string("deleteStream"), amf_xml_document("deleteStream")}) {
         RTMPConnection& conn = add_connection();
         EXPECT_EQ(command(conn, name), "deleteStream, drop connection\nAMF0 error command\n");

@@ -31,7 +31,7 @@ class connect_test : public AppFixture {
 
 }  // namespace
 
-TEST_F(connect_test, admits_the_client_and_answers_with_the_servers_properties_in_key_order) {
+TEST_F(connect_test, accepts_the_client_and_answers_with_the_servers_properties_in_key_order) {
     RTMPConnection& conn = add_connection();
     scripted_draws = {1804289383, 846930886};
     receive(conn, make_packet(MESSAGE_AMF0_COMMAND, 17,
@@ -56,7 +56,7 @@ TEST_F(connect_test, sends_a_client_id_above_31_bits_as_a_positive_number) {
     EXPECT_EQ(take_queued(conn).back().payload, connect_reply(amf_number(1), 0xFFFFFFFE));
 }
 
-TEST_F(connect_test, admits_two_applications_with_at_most_one_slash_behind_them) {
+TEST_F(connect_test, accepts_two_applications_with_at_most_one_trailing_slash) {
     struct Case {
         Bytes command_object;
         std::string app_name;
@@ -81,7 +81,7 @@ TEST_F(connect_test, admits_two_applications_with_at_most_one_slash_behind_them)
     }
 }
 
-TEST_F(connect_test, rejects_every_other_application_after_the_draw_of_a_client_id) {
+TEST_F(connect_test, rejects_every_other_application_after_drawing_a_client_id) {
     struct Case {
         Bytes command_object;
         std::string printed_name;
@@ -117,7 +117,7 @@ TEST_F(connect_test, rejects_every_other_application_after_the_draw_of_a_client_
     }
 }
 
-TEST_F(connect_test, echoes_a_boolean_transaction_id_as_it_came) {
+TEST_F(connect_test, echoes_a_boolean_transaction_id_unchanged) {
     for (const int byte : {1, 2, 255}) {
         RTMPConnection& conn = add_connection();
         scripted_draws = {1, 1};
@@ -127,7 +127,7 @@ TEST_F(connect_test, echoes_a_boolean_transaction_id_as_it_came) {
     }
 }
 
-TEST_F(connect_test, fails_in_silence_when_it_is_not_transaction_1) {
+TEST_F(connect_test, fails_silently_when_it_is_not_transaction_1) {
     for (const Bytes& id :
          {amf_number(2), amf_number(1.5), amf_number(0), amf_number(-1),
           amf_number(std::numeric_limits<double>::quiet_NaN()), amf_number(std::nextafter(1.0, 2.0)),
@@ -140,7 +140,7 @@ TEST_F(connect_test, fails_in_silence_when_it_is_not_transaction_1) {
     }
 }
 
-TEST_F(connect_test, fails_in_silence_when_an_argument_is_missing_or_malformed) {
+TEST_F(connect_test, fails_silently_when_an_argument_is_missing_or_malformed) {
     for (const Bytes& arguments : std::vector<Bytes>{
              "",
              amf_number(1),
@@ -155,7 +155,7 @@ TEST_F(connect_test, fails_in_silence_when_an_argument_is_missing_or_malformed) 
     }
 }
 
-TEST_F(connect_test, ignores_one_further_argument_that_must_be_well_formed_and_does_not_look_behind_it) {
+TEST_F(connect_test, ignores_one_more_well_formed_argument_and_everything_after_it) {
     RTMPConnection& conn = add_connection();
     const Bytes request = connect_command(amf_number(1), app_object("ombrex-live"));
     scripted_draws = {1, 1};

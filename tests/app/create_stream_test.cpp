@@ -17,7 +17,7 @@ class create_stream_test : public AppFixture {
 
 }  // namespace
 
-TEST_F(create_stream_test, hands_out_the_product_of_two_draws_in_31_bits_and_never_0) {
+TEST_F(create_stream_test, returns_the_product_of_two_draws_in_31_bits_and_never_0) {
     struct Case {
         int first;
         int second;

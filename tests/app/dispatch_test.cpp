@@ -34,13 +34,13 @@ class dispatch_test : public AppFixture {
 
 }  // namespace
 
-TEST_F(dispatch_test, nothing_to_do_is_done_in_silence) {
+TEST_F(dispatch_test, a_pass_with_nothing_to_do_prints_nothing) {
     RTMPConnection& conn = add_connection();
     EXPECT_EQ(service(conn), "");
     EXPECT_TRUE(conn.ok());
 }
 
-TEST_F(dispatch_test, a_command_without_payload_is_consumed_in_silence) {
+TEST_F(dispatch_test, a_command_without_payload_is_silently_consumed) {
     RTMPConnection& conn = add_connection();
     EXPECT_EQ(command(conn, ""), "");
     EXPECT_TRUE(conn.connection_in.empty());
@@ -78,7 +78,7 @@ TEST_F(dispatch_test, a_command_whose_name_is_malformed_ends_the_connection) {
     }
 }
 
-TEST_F(dispatch_test, messages_of_other_types_are_discarded_in_silence) {
+TEST_F(dispatch_test, messages_of_other_types_are_silently_discarded) {
     RTMPConnection& conn = add_publisher();
     for (int type = 0; type < 256; ++type) {
         if (type == MESSAGE_AUDIO || type == MESSAGE_VIDEO || type == MESSAGE_AMF0_DATA ||
@@ -93,7 +93,7 @@ TEST_F(dispatch_test, messages_of_other_types_are_discarded_in_silence) {
     EXPECT_TRUE(conn.connection_out.empty());
 }
 
-TEST_F(dispatch_test, messages_are_handled_in_the_order_in_which_they_came) {
+TEST_F(dispatch_test, messages_are_handled_in_order_of_arrival) {
     RTMPConnection& conn = add_connection();
     for (int id = 0; id < 3; ++id) {
         receive_command(conn, amf_string("FCPublish") + amf_number(id) + amf_null());
@@ -123,7 +123,7 @@ TEST_F(dispatch_test, one_pass_takes_up_to_1000_messages_of_a_connection) {
     EXPECT_EQ(conn.connection_in.size(), 0U);
 }
 
-TEST_F(dispatch_test, messages_behind_a_failed_one_are_handled_in_the_same_pass) {
+TEST_F(dispatch_test, messages_after_a_failed_one_are_handled_in_the_same_pass) {
     RTMPConnection& conn = add_client();
     receive_command(conn, amf_string("badcmd"));
     receive_command(conn, publish_command("cam1"));
@@ -229,7 +229,7 @@ TEST_F(dispatch_test, messages_of_a_reader_that_has_ended_are_handled_before_the
               "Dropping connection\n");
 }
 
-TEST_F(dispatch_test, a_connection_whose_reader_has_ended_lives_while_its_media_is_ahead_of_time) {
+TEST_F(dispatch_test, a_connection_whose_reader_has_ended_is_kept_while_its_media_is_ahead_of_time) {
     RTMPConnection& conn = add_publisher();
     receive_audio(conn, 1);
     receive_audio(conn, 1001);
@@ -243,7 +243,7 @@ TEST_F(dispatch_test, a_connection_whose_reader_has_ended_lives_while_its_media_
     EXPECT_EQ(service(conn), "Dropping connection\n");
 }
 
-TEST_F(dispatch_test, a_message_that_is_held_back_stays_at_the_front_with_everything_behind_it) {
+TEST_F(dispatch_test, a_held_message_stays_at_the_front_of_the_queue) {
     RTMPConnection& conn = add_publisher();
     receive_audio(conn, 1);
     receive_audio(conn, 1001, AAC_HEADER);
@@ -260,7 +260,7 @@ TEST_F(dispatch_test, a_message_that_is_held_back_stays_at_the_front_with_everyt
     EXPECT_EQ(payload_of(conn.audio.seq_header), AAC_HEADER);
 }
 
-TEST_F(dispatch_test, media_that_the_relay_refuses_ends_the_publisher_and_is_taken_off_the_queue) {
+TEST_F(dispatch_test, media_that_the_relay_refuses_drops_the_publisher_and_leaves_the_queue) {
     RTMPConnection& conn = add_publisher();
     audio(conn, 1, AAC_FRAME);
     EXPECT_EQ(audio(conn, 1, MP3_FRAME), "Audio format change\nA/V error\n");
@@ -268,7 +268,7 @@ TEST_F(dispatch_test, media_that_the_relay_refuses_ends_the_publisher_and_is_tak
     EXPECT_TRUE(conn.connection_in.empty());
 }
 
-TEST_F(dispatch_test, a_data_message_that_is_malformed_ends_the_connection_and_is_taken_off_the_queue) {
+TEST_F(dispatch_test, a_malformed_data_message_ends_the_connection_and_leaves_the_queue) {
     RTMPConnection& conn = add_publisher();
     EXPECT_EQ(data_message(conn, bytes_of({0x0A})), "AMF0 error notify\n");
     EXPECT_TRUE(conn.close_requested);

@@ -58,7 +58,7 @@ TEST_F(failing_allocation_test, a_play_without_memory_for_its_reply_drops_the_cl
     EXPECT_TRUE(conn.close_requested);
 }
 
-TEST_F(failing_allocation_test, metadata_without_memory_is_not_sent_and_drops_nobody) {
+TEST_F(failing_allocation_test, metadata_without_memory_is_not_sent_and_drops_no_connection) {
     RTMPConnection& publisher = add_publisher();
     RTMPConnection& player = add_player();
     receive(publisher, make_packet(MESSAGE_AMF0_DATA, 0, set_metadata(amf_object({}))));
@@ -68,7 +68,7 @@ TEST_F(failing_allocation_test, metadata_without_memory_is_not_sent_and_drops_no
     EXPECT_FALSE(publisher.close_requested || player.close_requested);
 }
 
-TEST_F(failing_allocation_test, all_players_miss_a_message_without_memory_for_what_they_share) {
+TEST_F(failing_allocation_test, all_players_miss_a_message_without_memory_for_its_shared_payload) {
     RTMPConnection& publisher = add_publisher();
     RTMPConnection& player = add_player();
     RTMPConnection& other = add_player();

@@ -49,7 +49,7 @@ TEST_F(failing_lock_test, messages_wait_for_a_later_pass) {
     EXPECT_EQ(conn.connection_in.size(), 1U);
 }
 
-TEST_F(failing_lock_test, the_reader_gives_up_a_message_that_it_cannot_queue) {
+TEST_F(failing_lock_test, the_reader_discards_a_message_that_it_cannot_queue) {
     RTMPConnection& conn = add_client();
     const FailingLock failing(conn);
     EXPECT_EQ(printed_by([&] { EXPECT_FALSE(conn.add_to_incoming_queue(make_packet(9, 0, "x"))); }),
@@ -73,7 +73,7 @@ TEST_F(failing_lock_test, a_player_misses_the_message_and_the_others_get_it) {
     EXPECT_EQ(take_queued(second).size(), 1U);
 }
 
-TEST_F(failing_lock_test, a_player_misses_the_repeated_header_and_is_relayed_to_all_the_same) {
+TEST_F(failing_lock_test, a_player_misses_the_repeated_header_but_gets_the_media) {
     RTMPConnection& publisher = add_publisher();
     audio(publisher, 5, AAC_HEADER);
     RTMPConnection& player = add_player();
@@ -85,7 +85,7 @@ TEST_F(failing_lock_test, a_player_misses_the_repeated_header_and_is_relayed_to_
     EXPECT_EQ(take_queued(player).size(), 1U);
 }
 
-TEST_F(failing_lock_test, metadata_passes_a_player_by) {
+TEST_F(failing_lock_test, a_player_misses_the_metadata) {
     RTMPConnection& publisher = add_publisher();
     RTMPConnection& player = add_player();
     {

@@ -32,7 +32,8 @@ class large_values_test : public AppFixture {
 
 }  // namespace
 
-TEST_F(large_values_test, are_given_back_ten_seconds_after_their_message_and_ordinary_ones_are_not) {
+TEST_F(large_values_test,
+       are_returned_to_the_system_ten_seconds_after_their_message_and_ordinary_ones_are_not) {
     constexpr std::size_t LARGE = 4096;
     RTMPConnection& conn = add_publisher();
     const Bytes command_payload = amf_string("createStream") + amf_number(2) + amf_null();

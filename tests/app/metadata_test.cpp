@@ -24,7 +24,7 @@ using metadata_death_test = metadata_test;
 
 }  // namespace
 
-TEST_F(metadata_test, before_play_or_publish_is_ignored_whatever_it_is) {
+TEST_F(metadata_test, before_play_or_publish_is_ignored_without_being_decoded) {
     RTMPConnection& conn = add_client();
     for (const Bytes& payload : {Bytes(), bytes_of({0x0A}), set_metadata(amf_object({}))}) {
         EXPECT_EQ(data_message(conn, payload), "AMF0 notify without a stream name\n");
@@ -141,7 +141,7 @@ TEST_F(metadata_test, of_the_publisher_is_dumped_kept_and_sent_to_every_player) 
     EXPECT_EQ(record().last_activity_us, fake_clock_us);
 }
 
-TEST_F(metadata_test, names_may_come_as_any_kind_of_string_and_nothing_behind_the_value_is_read) {
+TEST_F(metadata_test, names_may_be_any_kind_of_string_and_nothing_after_the_value_is_read) {
     RTMPConnection& publisher = add_publisher();
     RTMPConnection& player = add_player();
     data_message(publisher, amf_long_string("@setDataFrame") + amf_xml_document("onMetaData") +
@@ -150,7 +150,7 @@ TEST_F(metadata_test, names_may_come_as_any_kind_of_string_and_nothing_behind_th
     EXPECT_FALSE(publisher.close_requested);
 }
 
-TEST_F(metadata_test, an_ecma_array_is_passed_on_as_one_sorted_and_without_duplicates) {
+TEST_F(metadata_test, an_ecma_array_is_relayed_sorted_and_without_duplicates) {
     RTMPConnection& publisher = add_publisher();
     RTMPConnection& player = add_player();
     data_message(publisher, set_metadata(amf_ecma_array(
@@ -161,7 +161,7 @@ TEST_F(metadata_test, an_ecma_array_is_passed_on_as_one_sorted_and_without_dupli
                    ON_META_DATA + amf_ecma_array(2, {{"a", amf_string("x")}, {"b", amf_number(2)}}), 9, 0}}));
 }
 
-TEST_F(metadata_test, of_another_type_is_kept_and_sent_to_nobody) {
+TEST_F(metadata_test, of_another_type_is_kept_but_not_sent) {
     RTMPConnection& publisher = add_publisher();
     RTMPConnection& player = add_player();
     data_message(publisher, set_metadata(number_member("width", 1280)));
@@ -194,7 +194,7 @@ TEST_F(metadata_test, sizes_are_rounded_half_up) {
     }
 }
 
-TEST_F(metadata_test, another_format_drops_every_player_that_was_told_one) {
+TEST_F(metadata_test, another_format_drops_every_player_that_was_sent_one) {
     struct Case {
         std::string key;
         double other;
@@ -230,7 +230,7 @@ TEST_F(metadata_test, another_format_drops_every_player_that_was_told_one) {
     }
 }
 
-TEST_F(metadata_test, a_member_that_is_absent_leaves_what_was_recorded) {
+TEST_F(metadata_test, an_absent_member_leaves_the_recorded_value) {
     RTMPConnection& publisher = add_publisher();
     RTMPConnection& player = add_player();
     data_message(publisher, set_metadata(number_member("width", 1280)));
@@ -305,7 +305,7 @@ TEST_F(metadata_test, of_more_than_65536_bytes_is_recorded_but_reaches_no_player
 }
 
 // 100 KB can be sent to nobody; everything else is done with them as with any metadata.
-TEST_F(metadata_test, that_is_too_large_is_dumped_and_settles_the_format_of_every_player_in_silence) {
+TEST_F(metadata_test, that_is_too_large_is_dumped_and_silently_sets_the_format_of_every_player) {
     RTMPConnection& publisher = add_publisher();
     RTMPConnection& first = add_player();
     RTMPConnection& second = add_player();
@@ -334,7 +334,7 @@ TEST_F(metadata_test, that_is_too_large_is_dumped_and_settles_the_format_of_ever
     }
 }
 
-TEST_F(metadata_test, that_is_too_large_drops_every_player_that_was_told_another_format) {
+TEST_F(metadata_test, that_is_too_large_drops_every_player_that_was_sent_another_format) {
     struct Case {
         std::string key;
         std::string printed;
@@ -361,7 +361,7 @@ TEST_F(metadata_test, that_is_too_large_drops_every_player_that_was_told_another
     }
 }
 
-TEST_F(metadata_test, that_can_be_sent_again_takes_the_place_of_what_was_too_large) {
+TEST_F(metadata_test, that_can_be_sent_replaces_metadata_that_was_too_large) {
     RTMPConnection& publisher = add_publisher();
     RTMPConnection& player = add_player();
     data_message(publisher, set_metadata(too_large({})));
@@ -372,7 +372,7 @@ TEST_F(metadata_test, that_can_be_sent_again_takes_the_place_of_what_was_too_lar
     EXPECT_EQ(take_queued(late_player).size(), 2U);
 }
 
-TEST_F(metadata_test, numbers_that_fit_no_integer_count_as_absent) {
+TEST_F(metadata_test, numbers_outside_the_integer_range_count_as_absent) {
     RTMPConnection& publisher = add_publisher();
     RTMPConnection& player = add_player();
     data_message(publisher, set_metadata(amf_object({{"width", amf_number(1e300)},
@@ -386,7 +386,7 @@ TEST_F(metadata_test, numbers_that_fit_no_integer_count_as_absent) {
     EXPECT_EQ(player.stream_format.video_codec_id, 0U);
 }
 
-TEST_F(metadata_test, of_a_connection_without_a_name_is_forwarded_to_nobody) {
+TEST_F(metadata_test, of_a_connection_without_a_name_is_not_forwarded) {
     RTMPConnection& conn = add_connection();
     conn.metadata.type = AMF_Type::Object;
     forward_metadata_to_players(conn);

@@ -30,7 +30,7 @@ Bytes play_arguments(const Bytes& behind_the_command_object) {
 
 }  // namespace
 
-TEST_F(play_test, subscribes_to_a_stream_that_nobody_publishes_yet) {
+TEST_F(play_test, subscribes_to_a_stream_without_a_publisher) {
     RTMPConnection& conn = add_client();
     receive(conn, make_packet(MESSAGE_AMF0_COMMAND, 4711, play_command("cam_01"), 8, 77));
     EXPECT_EQ(idle(conn), "Connection for play subscribed to 'cam_01'\n");
@@ -43,7 +43,7 @@ TEST_F(play_test, subscribes_to_a_stream_that_nobody_publishes_yet) {
     EXPECT_FALSE(conn.close_requested);
 }
 
-TEST_F(play_test, tells_a_late_player_the_metadata_right_behind_its_status) {
+TEST_F(play_test, sends_a_late_player_the_metadata_right_after_its_status) {
     RTMPConnection& publisher = add_publisher();
     const Bytes metadata = amf_ecma_array(2, {{"height", amf_number(720)}, {"width", amf_number(1280)}});
     data_message(publisher, set_metadata(metadata));
@@ -75,7 +75,7 @@ TEST_F(play_test, repeats_only_an_object_or_an_ecma_array) {
     }
 }
 
-TEST_F(play_test, repeats_metadata_that_is_too_large_in_the_log_alone_and_settles_the_format) {
+TEST_F(play_test, repeats_metadata_that_is_too_large_only_in_the_log_and_sets_the_format) {
     struct Case {
         Bytes metadata;
         bool repeated;
@@ -92,7 +92,7 @@ TEST_F(play_test, repeats_metadata_that_is_too_large_in_the_log_alone_and_settle
     }
 }
 
-TEST_F(play_test, takes_the_format_from_metadata_that_was_too_large_and_held_until_its_publisher_took_over) {
+TEST_F(play_test, sets_the_format_from_large_metadata_that_was_held_until_its_publisher_took_over) {
     RTMPConnection& publisher = add_publisher();
     RTMPConnection& rival = add_publisher();
     EXPECT_THAT(data_message(rival, set_metadata(too_large({{"width", amf_number(1280)}}))),
@@ -108,7 +108,7 @@ TEST_F(play_test, takes_the_format_from_metadata_that_was_too_large_and_held_unt
     EXPECT_TRUE(player.close_requested);
 }
 
-TEST_F(play_test, gives_the_metadata_of_the_publisher_in_force_and_not_of_its_rival) {
+TEST_F(play_test, sends_the_metadata_of_the_current_publisher_and_not_of_its_rival) {
     RTMPConnection& publisher = add_publisher();
     RTMPConnection& rival = add_publisher();
     data_message(publisher, set_metadata(amf_object({{"width", amf_number(1)}})));
@@ -120,7 +120,7 @@ TEST_F(play_test, gives_the_metadata_of_the_publisher_in_force_and_not_of_its_ri
     EXPECT_EQ(queued[1].payload, amf_string("onMetaData") + amf_object({{"width", amf_number(1)}}));
 }
 
-TEST_F(play_test, of_a_stream_whose_recorded_publisher_is_gone_repeats_nothing) {
+TEST_F(play_test, of_a_stream_whose_recorded_publisher_has_left_repeats_nothing) {
     record().publisher = MAX_CONNECTIONS - 1;
     RTMPConnection& conn = add_client();
     EXPECT_EQ(command(conn, play_command("cam1")), "Connection for play subscribed to 'cam1'\n");
@@ -138,7 +138,7 @@ TEST_F(play_test, of_the_empty_name_is_accepted_without_a_subscription) {
     }
 }
 
-TEST_F(play_test, ignores_start_and_duration_and_does_not_look_behind_them) {
+TEST_F(play_test, ignores_start_and_duration_and_everything_after_them) {
     const Bytes name = amf_string("cam1");
     for (const Bytes& arguments : {name + amf_number(-2), name + amf_number(-2) + amf_number(-1),
                                    name + amf_string("x") + amf_object({}),
@@ -149,7 +149,7 @@ TEST_F(play_test, ignores_start_and_duration_and_does_not_look_behind_them) {
     }
 }
 
-TEST_F(play_test, without_or_with_malformed_arguments_is_refused_in_silence) {
+TEST_F(play_test, with_missing_or_malformed_arguments_is_silently_refused) {
     const Bytes id = amf_number(4);
     const Bytes bad = bytes_of({0x0A});
     const Bytes name = amf_string("cam1");
@@ -198,14 +198,14 @@ TEST_F(play_test, is_refused_with_the_first_reason_that_applies) {
     }
 }
 
-TEST_F(play_test, under_a_refused_name_has_set_mode_and_name) {
+TEST_F(play_test, under_a_refused_name_still_sets_mode_and_name) {
     RTMPConnection& conn = add_client();
     command(conn, play_command("a-b"));
     EXPECT_EQ(conn.stream_mode, "play");
     EXPECT_EQ(conn.stream_name, "a-b");
 }
 
-TEST_F(play_test, after_publish_is_refused_and_the_other_way_round) {
+TEST_F(play_test, after_publish_is_refused_and_so_is_publish_after_play) {
     RTMPConnection& publisher = add_publisher();
     EXPECT_EQ(command(publisher, play_command("cam1")),
               "play rejected, stream mode already set\nAMF0 error command\n");

@@ -33,7 +33,7 @@ TEST_F(publish_test, makes_the_connection_the_publisher_of_a_free_name) {
     EXPECT_FALSE(conn.close_requested);
 }
 
-TEST_F(publish_test, does_not_displace_the_publisher_that_is_there) {
+TEST_F(publish_test, does_not_displace_the_current_publisher) {
     RTMPConnection& first = add_publisher();
     RTMPConnection& second = add_client();
     fake_clock_us += 7;
@@ -67,7 +67,7 @@ TEST_F(publish_test, echoes_a_transaction_id_of_any_type) {
     }
 }
 
-TEST_F(publish_test, takes_whatever_string_content_its_arguments_have) {
+TEST_F(publish_test, accepts_string_arguments_of_any_content) {
     struct Case {
         Bytes name;
         Bytes type;
@@ -142,7 +142,7 @@ TEST_F(publish_test, is_refused_with_the_first_reason_that_applies) {
     }
 }
 
-TEST_F(publish_test, under_a_refused_name_leaves_the_name_to_the_close) {
+TEST_F(publish_test, under_a_refused_name_creates_a_record_when_the_connection_closes) {
     RTMPConnection& conn = add_client();
     command(conn, publish_command("a-b"));
     EXPECT_EQ(conn.stream_mode, "publish");
@@ -154,7 +154,7 @@ TEST_F(publish_test, under_a_refused_name_leaves_the_name_to_the_close) {
     EXPECT_EQ(printed_by([] { dispose_idle_streams(); }), "Disposing old stream 'a-b'\n");
 }
 
-TEST_F(publish_test, without_or_with_malformed_arguments_is_refused_in_silence) {
+TEST_F(publish_test, with_missing_or_malformed_arguments_is_silently_refused) {
     const Bytes id = amf_number(5);
     const Bytes bad = bytes_of({0x0A});
     for (const Bytes& arguments : std::vector<Bytes>{

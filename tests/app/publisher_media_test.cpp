@@ -30,7 +30,7 @@ using publisher_media_death_test = publisher_media_test;
 
 }  // namespace
 
-TEST(pacing, lets_through_the_first_timestamp_and_a_millisecond_more_for_each_one_that_passes) {
+TEST(pacing, allows_the_first_timestamp_plus_the_milliseconds_that_have_passed) {
     constexpr std::uint64_t START_US = 7000000;
     struct Case {
         std::uint32_t av_start_ts;
@@ -117,7 +117,7 @@ TEST_F(publisher_media_test,
     EXPECT_TRUE(publisher.connection_in.empty());
 }
 
-TEST_F(publisher_media_test, is_paced_alike_where_timestamps_outgrow_24_bits) {
+TEST_F(publisher_media_test, is_paced_alike_when_timestamps_exceed_24_bits) {
     RTMPConnection& publisher = add_publisher();
     receive_audio(publisher, 0xFFFFFF);
     receive_audio(publisher, 0x1000000);
@@ -128,7 +128,7 @@ TEST_F(publisher_media_test, is_paced_alike_where_timestamps_outgrow_24_bits) {
     EXPECT_TRUE(publisher.connection_in.empty());
 }
 
-TEST_F(publisher_media_test, that_is_late_when_the_clock_wraps_waits_for_the_whole_round) {
+TEST_F(publisher_media_test, that_is_late_when_the_clock_wraps_waits_until_it_wraps_again) {
     RTMPConnection& publisher = add_publisher();
     receive_audio(publisher, HIGHEST);
     receive_audio(publisher, 0);
@@ -147,7 +147,7 @@ TEST_F(publisher_media_test, that_is_late_when_the_clock_wraps_waits_for_the_who
     EXPECT_TRUE(publisher.connection_in.empty());
 }
 
-TEST_F(publisher_media_test, moves_the_stall_deadline_each_time_it_is_looked_at) {
+TEST_F(publisher_media_test, moves_the_stall_deadline_each_time_it_is_checked) {
     RTMPConnection& publisher = add_publisher();
     EXPECT_EQ(publisher.stall_deadline_us, fake_clock_us + FIRST_MEDIA_GRACE_US);
     receive_audio(publisher, 1);
@@ -160,7 +160,7 @@ TEST_F(publisher_media_test, moves_the_stall_deadline_each_time_it_is_looked_at)
     }
 }
 
-TEST_F(publisher_media_test, without_players_is_announced_anew_each_pass_once_it_is_held_for_five_seconds) {
+TEST_F(publisher_media_test, without_players_is_announced_on_every_pass_once_it_is_held_for_five_seconds) {
     RTMPConnection& publisher = add_publisher();
     receive_audio(publisher, 1);
     receive_audio(publisher, 3600001);
@@ -276,7 +276,7 @@ TEST_F(publisher_media_test, does_not_take_the_place_of_a_slot_that_is_empty_or_
     EXPECT_FALSE(idle_client.close_requested);
 }
 
-TEST_F(publisher_media_test, on_another_message_stream_is_believed_once_for_each_stream_id_handed_out) {
+TEST_F(publisher_media_test, on_another_message_stream_replaces_each_assigned_stream_id_once) {
     RTMPConnection& publisher = add_publisher();
     publisher.stream_id = 4711;
     publisher.stream_id_unconfirmed = true;
@@ -296,14 +296,13 @@ TEST_F(publisher_media_test, on_another_message_stream_is_believed_once_for_each
     EXPECT_EQ(publisher.stream_id, HIGHEST);
 }
 
-TEST_F(publisher_media_test, on_any_message_stream_is_fine_when_none_was_handed_out) {
+TEST_F(publisher_media_test, on_any_message_stream_is_accepted_when_none_was_assigned) {
     RTMPConnection& publisher = add_publisher();
     EXPECT_EQ(audio(publisher, 1, AAC_FRAME, 5), "Lock on audio type 10\n");
     EXPECT_EQ(publisher.stream_id, 0U);
 }
 
-TEST_F(publisher_media_test,
-       is_shown_on_standard_output_each_time_it_is_looked_at_when_packets_are_debugged) {
+TEST_F(publisher_media_test, is_printed_on_standard_output_on_every_pass_when_packets_are_debugged) {
     RTMPConnection& publisher = add_publisher();
     RTMPConnection& neither = add_client();
     opt_dbg_pkt = true;

@@ -37,13 +37,13 @@ TEST_F(release_stream_test, echoes_a_transaction_id_of_any_type) {
     }
 }
 
-TEST_F(release_stream_test, does_not_look_behind_its_arguments) {
+TEST_F(release_stream_test, ignores_everything_after_its_arguments) {
     RTMPConnection& conn = add_connection();
     EXPECT_EQ(command(conn, amf_string("FCPublish") + amf_number(2) + amf_null() + bytes_of({0x0A})), "");
     EXPECT_EQ(take_queued(conn).size(), 1U);
 }
 
-TEST_F(release_stream_test, refuses_missing_malformed_and_unanswerable_arguments_in_silence) {
+TEST_F(release_stream_test, silently_refuses_missing_malformed_and_unanswerable_arguments) {
     for (const Bytes& arguments : std::vector<Bytes>{
              "", amf_number(2), amf_number(2).substr(0, 8), bytes_of({0x0A}),
              amf_number(2) + bytes_of({0x0A}), amf_number(2) + amf_string("cut").substr(0, 4),

@@ -58,7 +58,7 @@ TEST_F(reply_test, a_message_of_65536_bytes_is_encoded_and_a_longer_one_is_not) 
     EXPECT_FALSE(encode_values({&long_string}, pkt.chunk.message));
 }
 
-TEST_F(reply_test, a_reply_has_the_header_of_the_request_and_waits_behind_others) {
+TEST_F(reply_test, a_reply_has_the_header_of_the_request_and_is_queued_after_others) {
     RTMPConnection& conn = add_connection();
     EXPECT_TRUE(queue(conn, null_value()));
     EXPECT_TRUE(queue(conn, number_value(7)));
@@ -68,7 +68,7 @@ TEST_F(reply_test, a_reply_has_the_header_of_the_request_and_waits_behind_others
                                           {MESSAGE_AMF0_COMMAND, 4711, amf_number(7), 70, 9}}));
 }
 
-TEST_F(reply_test, nothing_is_queued_that_cannot_be_encoded) {
+TEST_F(reply_test, a_reply_that_cannot_be_encoded_is_not_queued) {
     RTMPConnection& conn = add_connection();
     AMF_Value too_long;
     too_long.set_string(std::string(MAX_ENCODED_BYTES, 'x'));

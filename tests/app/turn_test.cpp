@@ -55,7 +55,7 @@ TEST_F(turn_test, a_turn_ends_after_the_message_during_which_20_ms_have_passed) 
     }
 }
 
-TEST_F(turn_test, what_a_turn_has_left_keeps_its_order_and_is_handled_in_the_next_passes) {
+TEST_F(turn_test, messages_left_by_a_turn_keep_their_order_and_are_handled_in_the_next_passes) {
     RTMPConnection& conn = add_connection();
     receive_numbered(conn, 5);
     make_messages_take(conn, 10000);
@@ -64,7 +64,7 @@ TEST_F(turn_test, what_a_turn_has_left_keeps_its_order_and_is_handled_in_the_nex
     EXPECT_THAT(answered(conn), ElementsAre(4));
 }
 
-TEST_F(turn_test, a_long_turn_of_one_connection_takes_nothing_from_the_turn_of_the_next) {
+TEST_F(turn_test, a_long_turn_of_one_connection_does_not_shorten_the_next_ones) {
     RTMPConnection& slow = add_connection();
     RTMPConnection& next = add_connection();
     receive_numbered(slow, 2);
@@ -75,7 +75,7 @@ TEST_F(turn_test, a_long_turn_of_one_connection_takes_nothing_from_the_turn_of_t
     EXPECT_EQ(next.connection_in.size(), 0U);
 }
 
-TEST_F(turn_test, a_message_that_asks_for_the_close_does_not_end_the_turn) {
+TEST_F(turn_test, a_message_that_requests_a_close_does_not_end_the_turn) {
     RTMPConnection& conn = add_connection();
     receive_command(conn, amf_string("badcmd"));
     receive_numbered(conn, 4);

@@ -52,13 +52,13 @@ TEST(diag, writes_lines_of_any_length_whole) {
     }
 }
 
-TEST(diag, writes_the_one_line_for_standard_output_there) {
+TEST(diag, writes_lines_for_standard_output_there) {
     testing::internal::CaptureStdout();
     diag_stdout("A/V %lu\n", 7UL);
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "A/V 7\n");
 }
 
-TEST(diag, goes_on_where_an_interrupted_or_partial_write_stopped) {
+TEST(diag, continues_after_an_interrupted_or_partial_write) {
     next_writes = {-EINTR, 3, -EINTR, 1};
     testing::internal::CaptureStderr();
     diag("Dropping connection\n");
@@ -66,7 +66,7 @@ TEST(diag, goes_on_where_an_interrupted_or_partial_write_stopped) {
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "Dropping connection\n");
 }
 
-TEST(diag, gives_a_line_up_that_cannot_be_written) {
+TEST(diag, discards_a_line_that_cannot_be_written) {
     next_writes = {5, -EIO};
     testing::internal::CaptureStderr();
     diag("Dropping connection\n");

@@ -39,7 +39,7 @@ TEST(frame_schedule, a_stream_has_its_rate_its_key_frames_and_its_audio) {
     EXPECT_EQ(shape.key_interval_ms(), 2000U);
 }
 
-TEST(frame_schedule, key_frames_of_twelve_means_leave_the_rate_as_it_is) {
+TEST(frame_schedule, key_frames_of_twelve_times_the_mean_do_not_change_the_rate) {
     StreamShape shape;
     shape.set_video_kbit(8000);
     shape.key_frame_in_means = 12;
@@ -54,7 +54,7 @@ TEST(frame_schedule, a_stream_without_audio_has_none) {
     EXPECT_EQ(sum_of(shape, 1000).audio_bytes, 0U);
 }
 
-TEST(frame_schedule, a_stream_of_key_frames_only_has_no_others) {
+TEST(frame_schedule, a_stream_of_key_frames_only_has_no_other_frames) {
     StreamShape shape;
     shape.frames_per_key_frame = 1;
     EXPECT_EQ(sum_of(shape, 1000).key_frames, 30U);

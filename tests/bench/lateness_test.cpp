@@ -4,7 +4,7 @@
 
 namespace {
 
-TEST(lateness, percentiles_are_those_of_the_messages_to_half_a_millisecond) {
+TEST(lateness, percentiles_are_exact_to_half_a_millisecond) {
     Lateness lateness;
     for (std::uint64_t ms = 1; ms <= 100; ++ms) {
         lateness.add(ms * 1000 - 1);
@@ -15,13 +15,13 @@ TEST(lateness, percentiles_are_those_of_the_messages_to_half_a_millisecond) {
     EXPECT_EQ(lateness.count(), 100U);
 }
 
-TEST(lateness, a_percentile_is_never_more_than_the_most) {
+TEST(lateness, a_percentile_never_exceeds_the_maximum) {
     Lateness lateness;
     lateness.add(100);
     EXPECT_DOUBLE_EQ(lateness.percentile_ms(0.5), 0.1);
 }
 
-TEST(lateness, what_took_longer_than_the_limit_is_counted) {
+TEST(lateness, messages_later_than_the_limit_are_counted) {
     Lateness lateness;
     for (const std::uint64_t us : {100U, 249999U, 250000U, 251000U, 60000000U}) {
         lateness.add(us);
@@ -32,7 +32,7 @@ TEST(lateness, what_took_longer_than_the_limit_is_counted) {
     EXPECT_DOUBLE_EQ(lateness.most_ms(), 60000);
 }
 
-TEST(lateness, the_histogram_holds_every_step_that_is_not_empty) {
+TEST(lateness, the_histogram_lists_every_step_that_is_not_empty) {
     Lateness lateness;
     for (const std::uint64_t us : {100U, 400U, 500U, 7499U}) {
         lateness.add(us);
@@ -49,7 +49,7 @@ TEST(lateness, without_messages_everything_is_zero) {
     EXPECT_DOUBLE_EQ(lateness.most_ms(), 0);
 }
 
-TEST(lateness, merged_counts_are_those_of_both) {
+TEST(lateness, merged_counts_are_the_sum_of_both) {
     Lateness one;
     Lateness other;
     one.add(1000);

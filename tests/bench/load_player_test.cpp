@@ -99,7 +99,7 @@ class load_player_test : public testing::Test {
     FrameTally tally;
 };
 
-TEST_F(load_player_test, everything_in_its_place_is_counted_and_nothing_else) {
+TEST_F(load_player_test, an_intact_stream_is_counted_without_faults) {
     serve(headers() + frame(100) + frame(101) + frame(102, 1) + frame(103, 5000));
     let_read();
     expect_tally(4, 0, 0);
@@ -107,33 +107,33 @@ TEST_F(load_player_test, everything_in_its_place_is_counted_and_nothing_else) {
     EXPECT_EQ(tally.lateness.count(), 4U);
 }
 
-TEST_F(load_player_test, it_does_not_matter_how_the_bytes_are_cut) {
+TEST_F(load_player_test, bytes_may_be_split_anywhere) {
     serve(headers() + frame(100, 300) + frame(101, 257) + frame(102, 500));
     let_read(1);
     expect_tally(3, 0, 0);
 }
 
-TEST_F(load_player_test, frames_that_are_missing_are_lost) {
+TEST_F(load_player_test, missing_frames_count_as_lost) {
     serve(headers() + frame(100) + frame(103) + frame(104));
     let_read();
     expect_tally(3, 2, 0);
 }
 
-TEST_F(load_player_test, a_frame_that_comes_twice_is_doubled) {
+TEST_F(load_player_test, a_frame_that_arrives_twice_counts_as_doubled) {
     serve(headers() + frame(100) + frame(101) + frame(101) + frame(100) + frame(102));
     let_read();
     expect_tally(5, 0, 0);
     expect_order(2, 0);
 }
 
-TEST_F(load_player_test, a_frame_that_comes_after_a_later_one_is_swapped_and_not_lost) {
+TEST_F(load_player_test, a_frame_that_arrives_after_a_later_one_counts_as_swapped_and_not_as_lost) {
     serve(headers() + frame(100) + frame(102) + frame(101) + frame(103) + frame(106) + frame(104));
     let_read();
     expect_tally(6, 1, 0);
     expect_order(0, 2);
 }
 
-TEST_F(load_player_test, a_gap_of_many_frames_is_forgotten_after_ones_that_are_seen) {
+TEST_F(load_player_test, frames_before_a_long_gap_are_no_longer_remembered) {
     serve(headers() + frame(100) + frame(163) + frame(101) + frame(228) + frame(164) + frame(228));
     let_read();
     expect_tally(6, 62 - 1 + 64, 0);
@@ -146,7 +146,7 @@ TEST_F(load_player_test, the_first_picture_of_a_player_is_timed_once) {
     EXPECT_EQ(tally.first_pictures.count(), 1U);
 }
 
-TEST_F(load_player_test, a_changed_byte_is_damage) {
+TEST_F(load_player_test, a_changed_byte_counts_as_damage) {
     Bytes payload = stamped_frame(FrameKind::VIDEO_KEY, 1000, {100, media_ms(100), now_us()});
     payload[500] = static_cast<char>(payload[500] + 1);
     serve(headers() + video_message(payload, media_ms(100)));
@@ -154,7 +154,7 @@ TEST_F(load_player_test, a_changed_byte_is_damage) {
     expect_tally(1, 0, 1);
 }
 
-TEST_F(load_player_test, a_timestamp_that_leaves_the_players_clock_is_damage) {
+TEST_F(load_player_test, a_timestamp_off_the_players_clock_counts_as_damage) {
     const FrameStamp stamp{102, media_ms(102), now_us()};
     serve(headers() + frame(100) + frame(101) +
           video_message(stamped_frame(FrameKind::VIDEO_INTER, 1000, stamp), stamp.media_ms + 1));
@@ -162,14 +162,14 @@ TEST_F(load_player_test, a_timestamp_that_leaves_the_players_clock_is_damage) {
     expect_tally(3, 0, 1);
 }
 
-TEST_F(load_player_test, a_frame_before_its_decoder_settings_is_damage) {
+TEST_F(load_player_test, a_frame_before_its_decoder_settings_counts_as_damage) {
     serve(chunked({.type = MSG_VIDEO, .payload = avc_header(), .csid = VIDEO_CSID}) + frame(100) +
           frame(101));
     let_read();
     expect_tally(2, 0, 1);
 }
 
-TEST_F(load_player_test, a_continuation_of_another_chunk_stream_is_damage) {
+TEST_F(load_player_test, a_continuation_of_another_chunk_stream_counts_as_damage) {
     Bytes bytes = frame(100, 200);
     constexpr std::size_t CONTINUATION_OFFSET = 12 + DEFAULT_CHUNK_SIZE;
     ASSERT_EQ(static_cast<unsigned char>(bytes[CONTINUATION_OFFSET]), 0xC0 + VIDEO_CSID);
@@ -179,7 +179,7 @@ TEST_F(load_player_test, a_continuation_of_another_chunk_stream_is_damage) {
     expect_tally(1, 0, 1);
 }
 
-TEST_F(load_player_test, an_extended_timestamp_stands_behind_the_first_header_alone) {
+TEST_F(load_player_test, an_extended_timestamp_follows_only_the_first_header) {
     for (std::uint32_t sequence : {1000000U, 1000001U, 1000002U}) {
         serve((sequence == 1000000U ? headers() : Bytes()) + frame(sequence, 500));
     }
@@ -199,14 +199,14 @@ TEST_F(load_player_test, it_plays_when_connect_create_stream_and_play_have_been_
     EXPECT_EQ(player->next_frame(), std::nullopt);
 }
 
-TEST_F(load_player_test, lateness_is_left_out_where_only_loss_is_measured) {
+TEST_F(load_player_test, lateness_is_omitted_when_only_loss_is_measured) {
     serve(headers() + frame(100) + frame(102));
     let_read(1 << 16, Measure::LOSS_ONLY);
     expect_tally(2, 1, 0);
     EXPECT_EQ(tally.lateness.count(), 0U);
 }
 
-TEST_F(load_player_test, the_end_of_the_connection_is_told) {
+TEST_F(load_player_test, the_end_of_the_connection_is_reported) {
     shutdown(server, SHUT_WR);
     std::vector<char> buffer(16);
     pollfd entry{player->fd(), POLLIN, 0};

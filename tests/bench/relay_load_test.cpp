@@ -57,7 +57,7 @@ void PrintTo(const Counts& counts, std::ostream* out) {
          << counts.damaged << " damaged, " << counts.late << " late";
 }
 
-TEST(relay_load, finds_nothing_wrong_with_a_relay_that_keeps_to_the_rules) {
+TEST(relay_load, finds_no_fault_in_a_correct_relay) {
     const FakeRelay relay({});
     const LoadRun run = run_load(three_seconds_of(relay));
     EXPECT_EQ(counts_of(run.report), (Counts{0, 0, 0, 0, 0}));
@@ -97,7 +97,7 @@ struct OneFault {
 
 class relay_load_fault_test : public testing::TestWithParam<OneFault> {};
 
-TEST_P(relay_load_fault_test, is_counted_as_what_it_is_and_as_nothing_else) {
+TEST_P(relay_load_fault_test, is_counted_under_its_own_kind_only) {
     const FakeRelay relay({.faults = {{40, GetParam().fault}}});
     const LoadRun run = run_load({"--server", relay.address(), "--players", "1", "--seconds", "1.5", "--kbit",
                                   "400", "--chunk-size", "1000", "--publisher-chunk-size", "128"});
@@ -111,7 +111,7 @@ INSTANTIATE_TEST_SUITE_P(each, relay_load_fault_test,
                                          OneFault{Fault::FLIP, {0, 0, 0, 1, 0}},
                                          OneFault{Fault::DELAY, {0, 0, 0, 0, 1}}));
 
-TEST(relay_load, capacity_is_the_highest_rate_that_holds) {
+TEST(relay_load, capacity_is_the_highest_rate_that_passes) {
     // 6000 bytes are 1440 kbit/s at 30 frames a second.
     const FakeRelay relay({.faults = {}, .most_frame_bytes = 6000});
     const LoadRun run = run_load({"--mode", "capacity", "--server", relay.address(), "--players", "1",
@@ -122,7 +122,7 @@ TEST(relay_load, capacity_is_the_highest_rate_that_holds) {
     EXPECT_EQ(run.program.end, (ProgramEnd{0, 0}));
 }
 
-TEST(relay_load, a_port_that_is_no_port_is_refused) {
+TEST(relay_load, an_invalid_port_is_refused) {
     for (const char* const address : {"127.0.0.1:", "127.0.0.1:0", "127.0.0.1:x", "127.0.0.1:99999"}) {
         const ProgramRun run = run_program({RELAY_LOAD_PATH, "--server", address}, {}, RUN_WAIT);
         EXPECT_NE(run.end, (ProgramEnd{0, 0}));

@@ -69,7 +69,7 @@ class SoakReport(unittest.TestCase):
     def test_a_good_run_passes(self):
         self.assertEqual(self.failed_rows(), [])
 
-    def test_memory_that_is_not_given_back_fails(self):
+    def test_memory_that_is_not_returned_fails(self):
         self.totals["end"]["rss_kib"] = 3500 + 2048
         self.assertEqual(self.failed_rows(), [])
         self.totals["end"]["rss_kib"] += 1
@@ -77,7 +77,7 @@ class SoakReport(unittest.TestCase):
         self.options = ["--memory-rise", "none"]
         self.assertEqual(self.failed_rows(), [])
 
-    def test_memory_is_not_judged_where_nobody_waited_until_it_was_given_back(self):
+    def test_memory_is_not_judged_if_the_run_did_not_wait_for_its_return(self):
         self.totals["end"]["rss_kib"] = 3500 + 2049
         self.totals["end_at_rest"] = False
         self.assertEqual(self.failed_rows(), [])
@@ -139,7 +139,7 @@ class SoakReport(unittest.TestCase):
         self.options = ["--memory-rise", "none"]
         self.assertEqual(self.failed_rows(), [])
 
-    def test_a_thread_or_a_descriptor_that_stays_behind_fails(self):
+    def test_a_leaked_thread_or_descriptor_fails(self):
         self.totals["end"]["threads"] = 2
         self.totals["end"]["descriptors"] = 6
         self.assertEqual(self.failed_rows(), ["descriptors, start and end", "threads, start and end"])
@@ -159,17 +159,17 @@ class SoakReport(unittest.TestCase):
     def test_an_actor_that_did_nothing_fails(self):
         for who in soak_report.ALWAYS_SEEN + soak_report.SEEN_IN_A_LONG_RUN:
             self.totals["counts"] = {**good_totals()["counts"], who: 0}
-            self.assertEqual(self.failed_rows(), ["who did nothing"], who)
+            self.assertEqual(self.failed_rows(), ["actors that did nothing"], who)
             del self.totals["counts"][who]
-            self.assertEqual(self.failed_rows(), ["who did nothing"], who)
+            self.assertEqual(self.failed_rows(), ["actors that did nothing"], who)
 
-    def test_in_a_short_run_not_everybody_has_to_do_everything(self):
+    def test_in_a_short_run_not_every_actor_has_to_do_everything(self):
         for who in soak_report.SEEN_IN_A_LONG_RUN:
             self.totals["counts"][who] = 0
         self.options = ["--short"]
         self.assertEqual(self.failed_rows(), [])
 
-    def test_a_run_that_was_ended_early_is_not_blamed_for_who_had_no_turn_but_for_what_was_lost(self):
+    def test_a_run_that_ended_early_fails_for_losses_but_not_for_actors_without_a_turn(self):
         self.totals["ended_early"] = True
         self.totals["counts"] = {}
         self.assertEqual(self.failed_rows(), [])
@@ -200,7 +200,7 @@ class AroundReport(unittest.TestCase):
     def test_a_good_run_passes(self):
         self.assertEqual(self.failed_rows(), [])
 
-    def test_a_client_that_was_dropped_and_did_no_harm_fails(self):
+    def test_a_drop_of_a_harmless_client_fails(self):
         self.around["events"].append({"address": "127.0.0.1:50000", "action": "dropped"})
         self.assertEqual(self.failed_rows(), ["watchdog: others dropped"])
 
@@ -268,7 +268,7 @@ class SoakReportProgram(unittest.TestCase):
                 self.assertEqual(picture.exists(), bool(totals))
             return status, out.getvalue()
 
-    def test_the_exit_status_and_the_table_tell_whether_every_limit_holds(self):
+    def test_the_exit_status_and_the_table_show_whether_every_limit_holds(self):
         status, output = self.run_program(good_totals())
         self.assertEqual(status, 0)
         self.assertNotIn("FAILED", output)

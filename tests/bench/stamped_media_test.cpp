@@ -18,7 +18,7 @@ struct Kind {
 constexpr std::array<Kind, 3> KINDS{
     {{FrameKind::AUDIO, MSG_AUDIO}, {FrameKind::VIDEO_KEY, MSG_VIDEO}, {FrameKind::VIDEO_INTER, MSG_VIDEO}}};
 
-TEST(stamped_media, a_frame_tells_its_stamp) {
+TEST(stamped_media, a_frame_carries_its_stamp) {
     for (const auto& [kind, type] : KINDS) {
         const Bytes frame = stamped_frame(kind, 3000, STAMP);
         EXPECT_EQ(frame.size(), 3000U);
@@ -27,7 +27,7 @@ TEST(stamped_media, a_frame_tells_its_stamp) {
     }
 }
 
-TEST(stamped_media, a_frame_with_one_other_bit_anywhere_has_no_stamp) {
+TEST(stamped_media, a_frame_with_any_bit_changed_has_no_stamp) {
     for (const auto& [kind, type] : KINDS) {
         const Bytes frame = stamped_frame(kind, 60, STAMP);
         for (std::size_t bit = 0; bit < frame.size() * 8; ++bit) {
@@ -38,7 +38,7 @@ TEST(stamped_media, a_frame_with_one_other_bit_anywhere_has_no_stamp) {
     }
 }
 
-TEST(stamped_media, a_frame_that_is_cut_anywhere_has_no_stamp) {
+TEST(stamped_media, a_frame_truncated_anywhere_has_no_stamp) {
     for (const auto& [kind, type] : KINDS) {
         const Bytes frame = stamped_frame(kind, 60, STAMP);
         for (std::size_t size = 0; size < frame.size(); ++size) {
@@ -47,13 +47,13 @@ TEST(stamped_media, a_frame_that_is_cut_anywhere_has_no_stamp) {
     }
 }
 
-TEST(stamped_media, a_frame_has_room_for_its_stamp_however_small_it_is_to_be) {
+TEST(stamped_media, even_the_smallest_frame_has_room_for_its_stamp) {
     for (const auto& [kind, type] : KINDS) {
         EXPECT_EQ(read_stamp(type, stamped_frame(kind, 0, STAMP)), STAMP);
     }
 }
 
-TEST(stamped_media, decoder_settings_are_no_frames) {
+TEST(stamped_media, decoder_settings_are_not_frames) {
     EXPECT_TRUE(is_sequence_header(aac_header()));
     EXPECT_TRUE(is_sequence_header(avc_header()));
     EXPECT_FALSE(is_sequence_header({}));

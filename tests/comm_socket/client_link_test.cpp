@@ -44,8 +44,9 @@ class client_link_test : public testing::Test {
     [[nodiscard]] int fill(std::size_t long_frame_bytes = 4 * MEBIBYTE) const {
         link->queue(OutgoingFrame(std::string(long_frame_bytes, 'a')));
         int count = 0;
-        for (; link->can_queue() && link->send_error() == 0; count++)
+        for (; link->can_queue() && link->send_error() == 0; ++count) {
             link->queue(OutgoingFrame(std::string(MEBIBYTE, 'r')));
+        }
         return count;
     }
     std::unique_ptr<ClientLink> link;
@@ -75,7 +76,7 @@ TEST_F(client_link_test, reads_requests_that_come_byte_by_byte) {
 
 TEST_F(client_link_test, writes_all_of_a_reply_to_a_peer_that_reads_byte_by_byte) {
     std::string sent;
-    for (int i = 0; i < 300; i++) {
+    for (int i = 0; i < 300; ++i) {
         const std::string frame = reply_frame(static_cast<std::uint64_t>(i), "hello", "How are you?");
         link->queue(OutgoingFrame(std::string(frame)));
         sent += frame;
@@ -89,10 +90,11 @@ TEST_F(client_link_test, writes_all_of_a_reply_to_a_peer_that_reads_byte_by_byte
     EXPECT_EQ(received, sent);
 }
 
-TEST_F(client_link_test, a_long_reply_leaves_as_the_peer_reads) {
+TEST_F(client_link_test, a_long_reply_is_sent_as_the_peer_reads) {
     std::string frame(5 * MEBIBYTE, '\0');
-    for (std::size_t i = 0; i < frame.size(); i++)
+    for (std::size_t i = 0; i < frame.size(); ++i) {
         frame[i] = static_cast<char>(i * 7 + i / 256);
+    }
     link->queue(OutgoingFrame(std::string(frame)));
     EXPECT_EQ(link->send_error(), 0);
     std::string received;
@@ -105,9 +107,9 @@ TEST_F(client_link_test, a_long_reply_leaves_as_the_peer_reads) {
     EXPECT_EQ(received, frame);
 }
 
-TEST_F(client_link_test, takes_16_mib_behind_the_reply_under_way_and_refuses_then) {
+TEST_F(client_link_test, queues_16_mib_after_the_reply_being_sent_and_then_refuses) {
     link->queue(OutgoingFrame(std::string(100 * MEBIBYTE, 'a')));  // under way; its size does not count
-    for (int i = 0; i < 16; i++) {
+    for (int i = 0; i < 16; ++i) {
         ASSERT_TRUE(link->can_queue()) << i;
         link->queue(OutgoingFrame(std::string(MEBIBYTE, 'b')));
     }
@@ -117,7 +119,7 @@ TEST_F(client_link_test, takes_16_mib_behind_the_reply_under_way_and_refuses_the
     EXPECT_EQ(link->send_error(), 0);
 }
 
-TEST_F(client_link_test, a_client_with_too_much_waiting_is_not_asked_for_requests) {
+TEST_F(client_link_test, a_client_with_too_many_waiting_bytes_hands_out_no_requests) {
     EXPECT_EQ(fill(), 17);  // 16 MiB, and one more
     peer.send_all(request_frame(1, "hello"));
     read();
@@ -159,7 +161,7 @@ TEST_F(client_link_test, waiting_with_some_progress_keeps_the_connection) {
     EXPECT_FALSE(link->can_queue());
 }
 
-TEST_F(client_link_test, waiting_ends_when_the_peer_goes) {
+TEST_F(client_link_test, waiting_ends_when_the_peer_disconnects) {
     EXPECT_EQ(fill(), 17);
     peer.close_now();
     link->wait_until_writable(comm_socket::now_us() + 60000000);
@@ -179,7 +181,7 @@ TEST_F(client_link_test, reading_nothing_for_ten_seconds_ends_the_connection) {
 
 TEST_F(client_link_test, reading_a_little_within_ten_seconds_keeps_the_connection) {
     EXPECT_EQ(fill(), 17);
-    for (int i = 0; i < 5; i++) {
+    for (int i = 0; i < 5; ++i) {
         put_clock_forward(TIMEOUT_US - 1000000);
         ASSERT_FALSE(peer.read_available().empty());
         write();
@@ -187,7 +189,7 @@ TEST_F(client_link_test, reading_a_little_within_ten_seconds_keeps_the_connectio
     }
 }
 
-TEST(client_link, half_a_frame_and_silence_for_ten_seconds_ends_the_connection) {
+TEST(client_link, half_a_frame_and_silence_for_ten_seconds_end_the_connection) {
     const std::string frame = request_frame(1, "hello");
     for (const std::size_t length : {std::size_t{1}, std::size_t{8}, frame.size() - 1}) {
         int fds[2];
@@ -208,7 +210,7 @@ TEST(client_link, half_a_frame_and_silence_for_ten_seconds_ends_the_connection) 
 
 TEST_F(client_link_test, a_frame_that_trickles_for_ten_seconds_ends_the_connection) {
     const std::string frame = request_frame(1, "hello");
-    for (std::size_t i = 0; i < 10; i++) {
+    for (std::size_t i = 0; i < 10; ++i) {
         peer.send_all(frame.substr(i, 1));
         read();
         EXPECT_TRUE(link->is_open()) << "after " << i << " s";
@@ -219,7 +221,7 @@ TEST_F(client_link_test, a_frame_that_trickles_for_ten_seconds_ends_the_connecti
     EXPECT_FALSE(link->is_open());
 }
 
-TEST_F(client_link_test, silence_between_frames_may_last) {
+TEST_F(client_link_test, a_client_may_be_silent_between_frames) {
     peer.send_all(request_frame(1, "hello"));
     read();
     put_clock_forward(10 * TIMEOUT_US);
@@ -235,32 +237,34 @@ TEST_F(client_link_test, silence_between_frames_may_last) {
     EXPECT_TRUE(link->is_open());
 }
 
-TEST_F(client_link_test, a_slow_server_is_not_the_clients_fault) {
+TEST_F(client_link_test, a_slow_server_does_not_disconnect_the_client) {
     const std::string frame = request_frame(1, std::string(100000, 'c'));
     std::thread sender([this, &frame] { peer.send_all(frame); });
     while (!link->has_request() && link->is_open()) {
         std::size_t budget = 1000;  // a server that has little time, and only every 11 s
         link->read_some(comm_socket::now_us(), &budget);
-        if (budget == 0)
+        if (budget == 0) {
             put_clock_forward(TIMEOUT_US + 1000000);
+        }
     }
     sender.join();
     EXPECT_TRUE(link->has_request());
 }
 
-TEST_F(client_link_test, reads_no_further_ahead_than_it_has_to) {
+TEST_F(client_link_test, reads_ahead_only_up_to_a_limit) {
     const std::string frame = request_frame(1, std::string(1000, 'c'));
     std::size_t taken = 0;
-    for (int idle = 0; idle < 100; idle++) {
-        for (int i = 0; i < 1000; i++)
+    for (int idle = 0; idle < 100; ++idle) {
+        for (int i = 0; i < 1000; ++i) {
             taken += peer.send_some(frame);
+        }
         read();
     }
     EXPECT_LT(taken, 4 * MEBIBYTE);
     EXPECT_TRUE(link->is_open());
 }
 
-TEST_F(client_link_test, complete_requests_stay_when_the_peer_has_gone) {
+TEST_F(client_link_test, complete_requests_remain_after_the_peer_has_disconnected) {
     peer.send_all(request_frame(1, "one") + request_frame(2, "two") + "CS");
     peer.close_now();
     read();
@@ -296,7 +300,7 @@ TEST_F(client_link_test, a_half_closed_peer_gets_its_replies_before_the_link_fin
     EXPECT_TRUE(peer.is_closed());
 }
 
-TEST_F(client_link_test, what_was_sent_before_leaving_is_read_after_a_failed_reply) {
+TEST_F(client_link_test, requests_sent_before_closing_are_read_after_a_failed_reply) {
     peer.send_all(request_frame(1, "one") + request_frame(2, "two"));
     peer.close_now();
     link->queue(OutgoingFrame("reply"));

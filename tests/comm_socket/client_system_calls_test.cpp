@@ -90,7 +90,7 @@ class client_system_calls_test : public testing::Test {
 
 }  // namespace
 
-TEST_F(client_system_calls_test, a_refused_connection_says_why_and_leaves_no_descriptor) {
+TEST_F(client_system_calls_test, a_refused_connection_reports_the_reason_and_leaks_no_descriptor) {
     const int descriptors = count_descriptors();
     for (const Row& row : {Row{&NextErrors::socket, EMFILE, COMM_SOCKET_V4_SYSTEM},
                            {&NextErrors::connect, EACCES, COMM_SOCKET_V4_PERMISSION},
@@ -106,7 +106,7 @@ TEST_F(client_system_calls_test, a_refused_connection_says_why_and_leaves_no_des
     }
 }
 
-TEST_F(client_system_calls_test, a_refused_call_ends_the_request_with_its_reason) {
+TEST_F(client_system_calls_test, a_failed_system_call_ends_the_request_with_its_error) {
     for (const Row& row : {Row{&NextErrors::send, ECONNRESET, COMM_SOCKET_V4_CLOSED},
                            {&NextErrors::send, ENOBUFS, COMM_SOCKET_V4_SYSTEM},
                            {&NextErrors::recv, ECONNRESET, COMM_SOCKET_V4_CLOSED},
@@ -134,7 +134,7 @@ TEST_F(client_system_calls_test, after_a_failed_send_nothing_more_is_sent) {
               COMM_SOCKET_V4_CLOSED);
 }
 
-TEST_F(client_system_calls_test, several_requests_leave_in_one_write) {
+TEST_F(client_system_calls_test, several_requests_are_sent_in_one_write) {
     const Connection connection = connect_to_server(nullptr);
     const Packet list = make_request("list connections");
     const Packet drop = make_request("drop connection by id", {"5"});
@@ -144,7 +144,7 @@ TEST_F(client_system_calls_test, several_requests_leave_in_one_write) {
     EXPECT_EQ(sends, 1);
 }
 
-TEST_F(client_system_calls_test, interrupted_calls_are_made_again) {
+TEST_F(client_system_calls_test, interrupted_calls_are_restarted) {
     // A reply that is there at once needs no poll, so the first look finds none.
     next_errors = {.connect = {EINTR}, .poll = {EINTR}, .send = {EINTR}, .recv = {EINTR, EAGAIN}};
     comm_socket_v4_error error = COMM_SOCKET_V4_SYSTEM;

@@ -129,9 +129,10 @@ TEST_F(client_test, calls_the_server_and_reads_the_reply) {
     EXPECT_STREQ(comm_socket_v4_packet_get_command(reply.get()), "echo");
     EXPECT_STREQ(comm_socket_v4_packet_get_message(reply.get()), "How are you?");
     Pairs pairs;
-    for (std::size_t i = 0; i < comm_socket_v4_packet_get_pair_count(reply.get()); i++)
+    for (std::size_t i = 0; i < comm_socket_v4_packet_get_pair_count(reply.get()); ++i) {
         pairs.emplace_back(comm_socket_v4_packet_get_pair_name(reply.get(), i),
                            comm_socket_v4_packet_get_pair_value(reply.get(), i));
+    }
     EXPECT_EQ(pairs, (Pairs{{"argument", "one"}, {"absent", ""}, {"argument", ""}, {"argument", "two"}}));
 }
 
@@ -145,16 +146,16 @@ TEST_F(client_test, an_error_status_is_a_reply_like_any_other) {
     EXPECT_EQ(reply->status, COMM_SOCKET_V4_STATUS_ERROR);
 }
 
-TEST_F(client_test, several_requests_may_be_under_way) {
+TEST_F(client_test, several_requests_may_be_in_progress) {
     const EchoServer server(path);
     const Connection connection = connected();
-    for (std::uint64_t id = 1; id <= 200; id++) {
+    for (std::uint64_t id = 1; id <= 200; ++id) {
         const Packet request = make_request("echo", {std::to_string(id)});
         ASSERT_EQ(comm_socket_v4_send_request(connection.get(), request.get(), PATIENT_US),
                   COMM_SOCKET_V4_OK);
         EXPECT_EQ(request->request_id, id);
     }
-    for (std::uint64_t id = 1; id <= 200; id++) {
+    for (std::uint64_t id = 1; id <= 200; ++id) {
         comm_socket_v4_packet* received = nullptr;
         ASSERT_EQ(comm_socket_v4_wait_reply(connection.get(), id, PATIENT_US, &received), COMM_SOCKET_V4_OK);
         const Packet reply(received);
@@ -162,7 +163,7 @@ TEST_F(client_test, several_requests_may_be_under_way) {
     }
 }
 
-TEST_F(client_test, an_async_request_is_sent_and_not_waited_for) {
+TEST_F(client_test, an_async_request_is_sent_without_waiting) {
     const EchoServer server(path);
     const Connection connection = connected();
     const Packet async = make_request("hello");
@@ -180,7 +181,7 @@ TEST_F(client_test, an_async_request_is_sent_and_not_waited_for) {
     comm_socket_v4_packet_release(received);
 }
 
-TEST_F(client_test, a_request_at_the_limit_goes_through_and_one_beyond_is_not_sent) {
+TEST_F(client_test, a_request_at_the_limit_is_sent_and_a_larger_one_is_not) {
     const EchoServer server(path);
     const Connection connection = connected();
     comm_socket_v4_packet* received = nullptr;
@@ -189,8 +190,9 @@ TEST_F(client_test, a_request_at_the_limit_goes_through_and_one_beyond_is_not_se
               COMM_SOCKET_V4_TOO_LARGE);
     const Packet pairs = make_request("echo");
     ASSERT_EQ(comm_socket_v4_packet_begin_writing(pairs.get(), 0, "echo", ""), 0);
-    for (int i = 0; i < 65; i++)
+    for (int i = 0; i < 65; ++i) {
         ASSERT_EQ(comm_socket_v4_packet_write_nv_pair(pairs.get(), "n", "v"), 0);
+    }
     ASSERT_EQ(comm_socket_v4_packet_write_end(pairs.get()), 0);
     EXPECT_EQ(comm_socket_v4_call(connection.get(), pairs.get(), PATIENT_US, &received),
               COMM_SOCKET_V4_TOO_LARGE);
@@ -201,7 +203,7 @@ TEST_F(client_test, a_request_at_the_limit_goes_through_and_one_beyond_is_not_se
     EXPECT_EQ(reply->request_id, 1u) << "what was not sent used no id";
 }
 
-TEST_F(client_test, says_why_it_could_not_connect) {
+TEST_F(client_test, reports_why_it_could_not_connect) {
     EXPECT_EQ(connect_error(path), COMM_SOCKET_V4_NO_SOCKET);
     EXPECT_EQ(connect_error(directory.file("missing/socket")), COMM_SOCKET_V4_NO_SOCKET);
     std::ofstream(path) << "a file";
@@ -228,13 +230,14 @@ TEST_F(client_test, says_why_it_could_not_connect) {
     EXPECT_EQ(comm_socket_v4_connect(nullptr, SHORT_US, nullptr), nullptr);
 }
 
-TEST_F(client_test, says_that_it_has_no_permission) {
+TEST_F(client_test, reports_that_it_has_no_permission) {
     const DrivenServer server(path);
     ASSERT_EQ(chmod(path.c_str(), 0), 0);
     const pid_t child = fork();
     if (child == 0) {
-        if (!obey_file_modes())
+        if (!obey_file_modes()) {
             _exit(3);
+        }
         comm_socket_v4_error error = COMM_SOCKET_V4_OK;
         const comm_socket_v4_connection* connection = comm_socket_v4_connect(path.c_str(), SHORT_US, &error);
         _exit(connection == nullptr && error == COMM_SOCKET_V4_PERMISSION ? 0 : 1);
@@ -266,8 +269,9 @@ TEST_F(client_test, connecting_waits_for_a_place_in_the_backlog) {
 TEST_F(client_test, a_full_server_closes_the_connection) {
     const DrivenServer server(path);
     std::vector<RawPeer> peers;
-    for (int i = 0; i < 64; i++)
+    for (int i = 0; i < 64; ++i) {
         peers.emplace_back(path);
+    }
     const Connection connection = connected();
     server.idle();
     const Packet request = make_request("hello");
@@ -277,7 +281,7 @@ TEST_F(client_test, a_full_server_closes_the_connection) {
     EXPECT_EQ(received, nullptr);
 }
 
-TEST_F(client_test, the_mistakes_of_the_caller_are_named) {
+TEST_F(client_test, invalid_arguments_are_reported) {
     const DrivenServer server(path);
     const Connection connection = connected();
     comm_socket_v4_packet* received = nullptr;
@@ -286,9 +290,10 @@ TEST_F(client_test, the_mistakes_of_the_caller_are_named) {
     comm_socket_v4_packet_make_response(response.get());
     const Packet flags = make_request("x");
     flags->flags = 9;
-    for (comm_socket_v4_packet* packet : {empty.get(), response.get(), flags.get()})
+    for (comm_socket_v4_packet* packet : {empty.get(), response.get(), flags.get()}) {
         EXPECT_EQ(comm_socket_v4_call(connection.get(), packet, SHORT_US, &received),
                   COMM_SOCKET_V4_BAD_ARGUMENT);
+    }
     EXPECT_EQ(comm_socket_v4_call(nullptr, response.get(), SHORT_US, &received), COMM_SOCKET_V4_BAD_ARGUMENT);
     EXPECT_EQ(comm_socket_v4_call(connection.get(), nullptr, SHORT_US, &received),
               COMM_SOCKET_V4_BAD_ARGUMENT);
@@ -324,8 +329,9 @@ TEST_F(client_test, a_failed_call_leaves_no_reply_behind) {
 
 TEST_F(client_test, every_error_has_a_text_of_its_own) {
     std::set<std::string> texts;
-    for (int error = COMM_SOCKET_V4_OK; error <= COMM_SOCKET_V4_SYSTEM; error++)
+    for (int error = COMM_SOCKET_V4_OK; error <= COMM_SOCKET_V4_SYSTEM; ++error) {
         texts.insert(comm_socket_v4_error_text(static_cast<comm_socket_v4_error>(error)));
+    }
     EXPECT_EQ(texts.size(), static_cast<std::size_t>(COMM_SOCKET_V4_SYSTEM) + 1);
     EXPECT_EQ(texts.count("unknown error"), 0u);
     EXPECT_STREQ(comm_socket_v4_error_text(static_cast<comm_socket_v4_error>(COMM_SOCKET_V4_SYSTEM + 1)),
@@ -358,7 +364,7 @@ TEST_F(raw_server_test, reads_a_reply_of_many_megabytes) {
     EXPECT_STREQ(comm_socket_v4_packet_get_pair_value(reply.get(), 1), "x");
 }
 
-TEST_F(raw_server_test, skips_replies_to_other_requests_and_frames_that_are_no_replies) {
+TEST_F(raw_server_test, skips_replies_to_other_requests_and_frames_that_are_not_replies) {
     server.send_all(reply_frame(7, "late", "") + request_frame(1, "a request") + reply_frame(1, "mine", ""));
     Packet reply;
     ASSERT_EQ(wait(1, &reply), COMM_SOCKET_V4_OK);
@@ -375,7 +381,7 @@ TEST_F(raw_server_test, may_wait_again_after_a_time_out_in_the_middle_of_a_reply
     EXPECT_EQ(wait(1, &reply), COMM_SOCKET_V4_OK);
 }
 
-TEST_F(raw_server_test, takes_what_is_there_with_a_time_out_of_0) {
+TEST_F(raw_server_test, reads_a_reply_that_has_arrived_with_a_time_out_of_0) {
     server.send_all(reply_frame(1, "a", "") + reply_frame(2, "b", ""));
     Packet reply;
     EXPECT_EQ(wait(1, &reply, 0), COMM_SOCKET_V4_OK);
@@ -383,7 +389,7 @@ TEST_F(raw_server_test, takes_what_is_there_with_a_time_out_of_0) {
     EXPECT_EQ(wait(3, &reply, 0), COMM_SOCKET_V4_TIMEOUT);
 }
 
-TEST_F(raw_server_test, a_server_that_talks_without_end_does_not_stretch_the_time_out) {
+TEST_F(raw_server_test, a_server_that_never_stops_sending_does_not_extend_the_time_out) {
     // More than is read at a time: the deadline is looked at in between, and the rest is for the next call.
     const std::string chatter = reply_frame(999, "chatter", std::string(50000, 'x'));
     server.send_all(chatter + chatter + chatter + reply_frame(1, "mine", ""));
@@ -392,7 +398,7 @@ TEST_F(raw_server_test, a_server_that_talks_without_end_does_not_stretch_the_tim
     EXPECT_EQ(wait(1, &reply), COMM_SOCKET_V4_OK);
 }
 
-TEST_F(raw_server_test, a_reply_that_drips_is_waited_for_within_the_limits) {
+TEST_F(raw_server_test, a_slow_reply_is_awaited_within_the_limits) {
     const std::string mine = reply_frame(1, "hello", "How are you?");
     const std::string other = reply_frame(7, "chatter", std::string(200, 'x'));
     const std::string not_a_reply = request_frame(1, "chatter", {std::string(200, 'x')});
@@ -427,7 +433,7 @@ TEST_F(raw_server_test, a_reply_that_drips_is_waited_for_within_the_limits) {
     }
 }
 
-TEST_F(raw_server_test, a_reply_that_drips_does_not_stretch_the_plain_time_out) {
+TEST_F(raw_server_test, a_slow_reply_does_not_extend_the_plain_time_out) {
     const std::string frame = reply_frame(1, "hello", "How are you?");
     server.send_all(frame.substr(0, BYTES_TO_ID));
     const StoppedClock clock;
@@ -437,7 +443,7 @@ TEST_F(raw_server_test, a_reply_that_drips_does_not_stretch_the_plain_time_out) 
 }
 
 TEST_F(raw_server_test,
-       a_reply_that_stops_in_the_middle_times_out_after_the_silence_and_may_be_waited_for_again) {
+       a_reply_that_stops_in_the_middle_times_out_after_the_silence_and_may_be_awaited_again) {
     const std::string frame = reply_frame(1, "hello", "How are you?");
     server.send_all(frame.substr(0, 30));
     Packet reply;
@@ -448,7 +454,7 @@ TEST_F(raw_server_test,
     EXPECT_EQ(wait_within(1, SHORT_US, PATIENT_US, &reply), COMM_SOCKET_V4_OK);
 }
 
-TEST_F(raw_server_test, a_reply_that_came_while_the_client_was_stopped_is_read_all_the_same) {
+TEST_F(raw_server_test, a_reply_that_arrived_while_the_client_was_stopped_is_still_read) {
     server.send_all(reply_frame(1, "list", "", {{"long", std::string(150000, 'v')}}));
     Packet reply;
     EXPECT_EQ(wait_within(1, 1, PATIENT_US, &reply), COMM_SOCKET_V4_OK);
@@ -472,7 +478,7 @@ TEST_F(raw_server_test, sends_several_requests_in_their_order) {
     EXPECT_EQ(server.read_available(), "");
 }
 
-TEST_F(raw_server_test, of_several_requests_none_is_sent_when_one_cannot_be) {
+TEST_F(raw_server_test, several_requests_are_not_sent_when_one_of_them_is_invalid) {
     const Packet good = make_request("hello");
     const Packet unfinished(comm_socket_v4_packet_create());
     const Packet response = make_request("x");
@@ -534,7 +540,7 @@ TEST_F(raw_server_test, a_broken_reply_ends_the_connection) {
     EXPECT_EQ(comm_socket_v4_send_request(connection.get(), request.get(), SHORT_US), COMM_SOCKET_V4_CLOSED);
 }
 
-TEST_F(raw_server_test, every_kind_of_broken_reply_is_noticed) {
+TEST_F(raw_server_test, every_kind_of_broken_reply_is_detected) {
     const std::string rows[] = {
         frame_around(frame_body(0, 1, 0, "x", "", {}, {}), 5),
         std::string("CS\4\0", 4) + be32(268435457),
@@ -553,9 +559,9 @@ TEST_F(raw_server_test, every_kind_of_broken_reply_is_noticed) {
     }
 }
 
-TEST_F(raw_server_test, a_reply_cut_at_any_byte_is_told_from_none) {
+TEST_F(raw_server_test, a_truncated_reply_is_broken_and_an_absent_one_is_closed) {
     const std::string frame = reply_frame(1, "hello", "x", {{"a", "b"}});
-    for (std::size_t length = 0; length < frame.size(); length++) {
+    for (std::size_t length = 0; length < frame.size(); ++length) {
         connection = connected();
         server = listener.accept_one();
         server.send_all(frame.substr(0, length));
@@ -573,7 +579,7 @@ TEST_F(raw_server_test, sending_to_a_server_that_does_not_read_times_out_and_end
     EXPECT_EQ(comm_socket_v4_send_request(connection.get(), request.get(), SHORT_US), COMM_SOCKET_V4_CLOSED);
 }
 
-TEST_F(raw_server_test, sending_to_a_server_that_has_gone_says_closed) {
+TEST_F(raw_server_test, sending_to_a_server_that_has_closed_returns_closed) {
     server.close_now();
     const Packet request = make_request("hello");
     EXPECT_EQ(comm_socket_v4_send_request(connection.get(), request.get(), SHORT_US), COMM_SOCKET_V4_CLOSED);

@@ -45,7 +45,7 @@ std::string arguments_frame(std::size_t count) {
 
 }  // namespace
 
-TEST_F(hostile_client_test, a_broken_frame_costs_the_connection) {
+TEST_F(hostile_client_test, a_broken_frame_ends_the_connection) {
     const struct {
         const char* what;
         std::string bytes;
@@ -72,7 +72,7 @@ TEST_F(hostile_client_test, a_broken_frame_costs_the_connection) {
     }
 }
 
-TEST_F(hostile_client_test, what_is_just_within_the_limits_is_served) {
+TEST_F(hostile_client_test, requests_at_the_limits_are_served) {
     for (const std::string& bytes :
          {arguments_frame(64), frame_around(frame_body(1, 1, 0, "x", "", {}, Pairs(64)))}) {
         const RawPeer peer(server.path);
@@ -98,7 +98,7 @@ TEST_F(hostile_client_test, a_request_of_2_mib_is_served) {
     expect_good_is_served();
 }
 
-TEST_F(hostile_client_test, garbage_after_a_good_request_costs_the_connection_after_the_answer) {
+TEST_F(hostile_client_test, garbage_after_a_valid_request_ends_the_connection_after_the_reply) {
     const RawPeer hostile(server.path);
     hostile.send_all(request_frame(1, "hello") + "garbage");
     serve();
@@ -110,20 +110,22 @@ TEST_F(hostile_client_test, garbage_after_a_good_request_costs_the_connection_af
 
 TEST_F(hostile_client_test, disconnecting_at_any_byte_is_harmless) {
     const std::string frame = request_frame(1, "hello", {"argument", std::nullopt});
-    for (std::size_t length = 0; length <= frame.size(); length++) {
+    for (std::size_t length = 0; length <= frame.size(); ++length) {
         RawPeer hostile(server.path);
         hostile.send_all(frame.substr(0, length));
-        if (length % 2 == 0)
+        if (length % 2 == 0) {
             serve();
+        }
         hostile.close_now();
         serve();
     }
     expect_good_is_served();
-    while (comm_socket_v4_client* client = comm_socket_v4_get_disconnected_client(server.handle))
+    while (comm_socket_v4_client* client = comm_socket_v4_get_disconnected_client(server.handle)) {
         comm_socket_v4_free_client(client);
+    }
 }
 
-TEST_F(hostile_client_test, half_a_frame_and_silence_costs_the_connection_after_ten_seconds) {
+TEST_F(hostile_client_test, half_a_frame_and_ten_seconds_of_silence_end_the_connection) {
     const RawPeer hostile(server.path);
     hostile.send_all(request_frame(1, "hello").substr(0, 30));
     expect_good_is_served();
@@ -133,15 +135,16 @@ TEST_F(hostile_client_test, half_a_frame_and_silence_costs_the_connection_after_
     EXPECT_TRUE(hostile.is_closed());
 }
 
-TEST_F(hostile_client_test, ten_thousand_requests_and_no_reading_hold_nobody_up) {
+TEST_F(hostile_client_test, a_client_that_sends_ten_thousand_requests_and_reads_nothing_delays_no_other) {
     const RawPeer hostile(server.path);
     const std::string request = request_frame(1, "hello");
     std::string flood;
-    for (int i = 0; i < 10000; i++)
+    for (int i = 0; i < 10000; ++i) {
         flood += request;
+    }
     std::size_t sent = 0;
     auto slowest = std::chrono::steady_clock::duration::zero();
-    for (int pass = 0; pass < 400; pass++) {
+    for (int pass = 0; pass < 400; ++pass) {
         sent += hostile.send_some(flood.substr(sent));
         const auto start = std::chrono::steady_clock::now();
         expect_good_is_served();
@@ -151,15 +154,16 @@ TEST_F(hostile_client_test, ten_thousand_requests_and_no_reading_hold_nobody_up)
     EXPECT_LT(slowest, std::chrono::milliseconds(200));
 }
 
-TEST_F(hostile_client_test, a_flood_of_long_replies_and_no_reading_costs_the_connection) {
+TEST_F(hostile_client_test, a_client_that_reads_none_of_many_long_replies_is_disconnected) {
     const RawPeer hostile(server.path);
     std::string flood;
-    for (int i = 0; i < 100; i++)
+    for (int i = 0; i < 100; ++i) {
         flood += request_frame(1, "long");
+    }
     hostile.send_all(flood);
     const std::string four_megabytes(4u << 20, 'm');
     int answered = 0;
-    for (int pass = 0; pass < 10; pass++) {
+    for (int pass = 0; pass < 10; ++pass) {
         server.idle();
         answered += server.answer_all(four_megabytes);  // fails the test if a reply is not taken over at once
     }
@@ -174,15 +178,17 @@ TEST_F(hostile_client_test, a_flood_of_long_replies_and_no_reading_costs_the_con
     }));
 }
 
-TEST_F(hostile_client_test, many_connections_that_come_and_go_leave_nothing_behind) {
+TEST_F(hostile_client_test, many_short_connections_leak_nothing) {
     expect_good_is_served();
     const int descriptors = count_descriptors();
-    for (int round = 0; round < 50; round++) {
+    for (int round = 0; round < 50; ++round) {
         std::vector<RawPeer> peers;
-        for (int i = 0; i < 100; i++)
+        for (int i = 0; i < 100; ++i) {
             peers.emplace_back(server.path);
-        for (const RawPeer& peer : peers)
+        }
+        for (const RawPeer& peer : peers) {
             (void)peer.send_some(round % 2 == 0 ? "garbage" : "CS");
+        }
         peers.clear();
         serve();
     }
@@ -191,24 +197,25 @@ TEST_F(hostile_client_test, many_connections_that_come_and_go_leave_nothing_behi
     expect_good_is_served();
 }
 
-TEST_F(hostile_client_test, any_number_of_clients_that_ask_and_leave_locks_nobody_out) {
+TEST_F(hostile_client_test, clients_that_ask_and_leave_do_not_lock_out_others) {
     constexpr int ROUNDS = 100;
     constexpr std::size_t CLIENTS = 50;
     const StoppedClock clock;  // on a busy machine 50 answers take longer than a service
     const std::string answer = reply_frame(1, "hello", "yes");
-    for (int round = 0; round < ROUNDS; round++) {
+    for (int round = 0; round < ROUNDS; ++round) {
         std::vector<RawPeer> peers;
-        for (std::size_t i = 0; i < CLIENTS; i++) {
+        for (std::size_t i = 0; i < CLIENTS; ++i) {
             peers.emplace_back(server.path);
             peers.back().send_all(request_frame(1, "hello"));
         }
         serve();
-        for (const RawPeer& peer : peers)
+        for (const RawPeer& peer : peers) {
             ASSERT_EQ(peer.read_available(), answer) << "in round " << round;
+        }
     }
 }
 
-TEST_F(hostile_client_test, clients_that_have_left_requests_behind_take_no_place_and_no_turns) {
+TEST_F(hostile_client_test, disconnected_clients_with_waiting_requests_take_no_place_and_no_turns) {
     constexpr int LEAVERS = 100;
     constexpr int REQUESTS = 10;
     const StoppedClock clock;
@@ -237,7 +244,7 @@ TEST_F(hostile_client_test, clients_that_have_left_requests_behind_take_no_place
     EXPECT_EQ(expected, 0);
 }
 
-TEST_F(hostile_client_test, a_client_that_left_more_requests_than_are_read_ahead_takes_no_place) {
+TEST_F(hostile_client_test, a_disconnected_client_with_more_requests_than_are_read_ahead_takes_no_place) {
     const StoppedClock clock;
     std::string requests;
     while (requests.size() < 300000) {
@@ -266,7 +273,7 @@ TEST_F(hostile_client_test, a_client_that_left_more_requests_than_are_read_ahead
     EXPECT_FALSE(another.is_closed());
 }
 
-TEST_F(hostile_client_test, of_what_clients_left_behind_the_largest_parts_are_discarded_beyond_the_limits) {
+TEST_F(hostile_client_test, beyond_the_limits_the_largest_requests_of_disconnected_clients_are_discarded) {
     const StoppedClock clock;
     server.idle();  // takes in the well-behaved client
     std::string requests;
@@ -304,7 +311,7 @@ TEST_F(hostile_client_test, of_what_clients_left_behind_the_largest_parts_are_di
     EXPECT_EQ(count_of("single"), 1024U);
 }
 
-TEST_F(hostile_client_test, sixty_clients_that_send_long_requests_do_not_keep_a_short_one_waiting) {
+TEST_F(hostile_client_test, sixty_clients_that_send_long_requests_do_not_delay_a_short_one) {
     const StoppedClock clock;
     const std::string long_request = request_frame(1, std::string(2000000, 'c'));
     std::vector<RawPeer> senders;
@@ -333,13 +340,14 @@ TEST_F(hostile_client_test, sixty_clients_that_send_long_requests_do_not_keep_a_
     }
 }
 
-TEST_F(hostile_client_test, random_changes_of_a_good_request_never_disturb_the_others) {
+TEST_F(hostile_client_test, random_changes_to_a_valid_request_never_disturb_other_clients) {
     std::srand(1);
     const std::string good_frame = request_frame(1, "hello", {"argument", std::nullopt, ""});
-    for (int round = 0; round < 300; round++) {
+    for (int round = 0; round < 300; ++round) {
         std::string frame = good_frame;
-        for (int change = 0; change < 3; change++)
+        for (int change = 0; change < 3; ++change) {
             frame[static_cast<std::size_t>(std::rand()) % frame.size()] = static_cast<char>(std::rand());
+        }
         const RawPeer hostile(server.path);
         hostile.send_all(frame);
         serve();

@@ -28,7 +28,7 @@ int allocations_left = UNLIMITED;
     std::free(memory);
 }
 
-TEST(packet_exhaustion, a_packet_that_cannot_be_printed_is_at_least_mentioned) {
+TEST(packet_exhaustion, a_packet_that_cannot_be_printed_is_mentioned) {
     comm_socket_v4_packet* packet = comm_socket_v4_packet_create();
     testing::internal::CaptureStderr();
     allocations_left = 0;
@@ -38,7 +38,7 @@ TEST(packet_exhaustion, a_packet_that_cannot_be_printed_is_at_least_mentioned) {
     comm_socket_v4_packet_release(packet);
 }
 
-TEST(packet_exhaustion, shared_bytes_are_given_back_once_whichever_allocation_fails) {
+TEST(packet_exhaustion, shared_bytes_are_released_once_whichever_allocation_fails) {
     const std::string before(100, 'b');
     int refusals = 0;
     for (int result = -1; result != 0; ++refusals) {

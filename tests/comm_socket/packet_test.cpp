@@ -45,7 +45,7 @@ std::string pair_value(const comm_socket_v4_packet* packet, std::size_t idx) {
 
 }  // namespace
 
-TEST(packet, is_a_request_without_anything_when_created) {
+TEST(packet, is_an_empty_request_when_created) {
     const Packet packet(comm_socket_v4_packet_create());
     ASSERT_NE(packet, nullptr);
     EXPECT_EQ(packet->flags, COMM_SOCKET_V4_REQUEST);
@@ -113,7 +113,7 @@ TEST(packet, is_written_only_between_begin_and_end) {
     EXPECT_EQ(comm_socket_v4_packet_get_argv_count(packet.get()), 0u);
 }
 
-TEST(packet, forgets_what_was_written_when_it_is_begun_again) {
+TEST(packet, discards_its_contents_when_it_is_begun_again) {
     const Packet packet = begun();
     ASSERT_EQ(comm_socket_v4_packet_write_argv(packet.get(), "x"), 0);
     ASSERT_EQ(comm_socket_v4_packet_write_end(packet.get()), 0);
@@ -125,16 +125,18 @@ TEST(packet, forgets_what_was_written_when_it_is_begun_again) {
 
 TEST(packet, takes_64_arguments_and_no_more) {
     const Packet packet = begun();
-    for (int i = 0; i < 64; i++)
+    for (int i = 0; i < 64; ++i) {
         ASSERT_EQ(comm_socket_v4_packet_write_argv(packet.get(), i % 2 == 0 ? "x" : nullptr), 0);
+    }
     EXPECT_REFUSED(comm_socket_v4_packet_write_argv(packet.get(), "x"), EMSGSIZE);
     EXPECT_EQ(comm_socket_v4_packet_get_argv_count(packet.get()), 64u);
 }
 
 TEST(packet, takes_65536_pairs_and_no_more) {
     const Packet packet = begun();
-    for (int i = 0; i < 65536; i++)
+    for (int i = 0; i < 65536; ++i) {
         ASSERT_EQ(comm_socket_v4_packet_write_nv_pair(packet.get(), "", ""), 0);
+    }
     EXPECT_REFUSED(comm_socket_v4_packet_write_nv_pair(packet.get(), "", ""), EMSGSIZE);
     SharedBytes bytes("");
     EXPECT_REFUSED(comm_socket_v4_packet_write_nv_pair_shared(packet.get(), "", "", bytes.lend(), ""),
@@ -167,7 +169,7 @@ TEST(packet, takes_a_body_of_256_mib_and_not_a_byte_more) {
     EXPECT_REFUSED(comm_socket_v4_packet_write_argv(packet.get(), nullptr), EMSGSIZE);
 }
 
-TEST(packet, joins_a_shared_value_with_what_stands_before_and_after_it) {
+TEST(packet, joins_a_shared_value_with_the_text_before_and_after_it) {
     SharedBytes bytes("na\0me");
     {
         const Packet packet = begun();
@@ -187,7 +189,7 @@ TEST(packet, joins_a_shared_value_with_what_stands_before_and_after_it) {
     EXPECT_EQ(bytes.released, 2);
 }
 
-TEST(packet, gives_shared_bytes_back_once_when_it_is_begun_again) {
+TEST(packet, releases_shared_bytes_once_when_it_is_begun_again) {
     SharedBytes bytes("name");
     const Packet packet = begun();
     EXPECT_EQ(comm_socket_v4_packet_write_nv_pair_shared(packet.get(), "n", "", bytes.lend(), ""), 0);
@@ -199,7 +201,7 @@ TEST(packet, gives_shared_bytes_back_once_when_it_is_begun_again) {
     EXPECT_EQ(pair_value(packet.get(), 0), "another");
 }
 
-TEST(packet, gives_shared_bytes_back_before_it_refuses_them) {
+TEST(packet, releases_shared_bytes_before_it_refuses_them) {
     SharedBytes bytes("name");
     const auto write = [&bytes](comm_socket_v4_packet* packet, const char* name, const char* before,
                                 const char* after, std::size_t length = 4) {
@@ -237,7 +239,7 @@ TEST(packet, refuses_null_strings_and_a_reserved_value) {
     EXPECT_REFUSED(comm_socket_v4_packet_write_nv_pair_bytes(packet.get(), nullptr, 1, "", 0), EINVAL);
 }
 
-TEST(packet, a_null_packet_is_refused_everywhere_and_released_as_nothing) {
+TEST(packet, a_null_packet_is_refused_everywhere_but_may_be_released) {
     EXPECT_EQ(comm_socket_v4_packet_release(nullptr), nullptr);
     comm_socket_v4_packet_make_response(nullptr);
     comm_socket_v4_packet_set_async(nullptr, 1);
@@ -272,7 +274,7 @@ TEST(packet_dump, shows_every_field) {
               "  pair \"depth\" = \"3\"\n");
 }
 
-TEST(packet_dump, escapes_what_a_terminal_would_obey) {
+TEST(packet_dump, escapes_terminal_control_bytes) {
     const Packet packet = begun("\x1b[2J\n\"\\\x7f\xff~ ");
     comm_socket_v4_packet_make_response(packet.get());
     EXPECT_EQ(dump_of(packet.get()),

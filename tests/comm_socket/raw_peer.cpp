@@ -38,8 +38,9 @@ TemporaryDirectory::~TemporaryDirectory() {
 
 std::string be32(std::uint64_t value) {
     std::string bytes;
-    for (int shift = 24; shift >= 0; shift -= 8)
+    for (int shift = 24; shift >= 0; shift -= 8) {
         bytes += static_cast<char>(value >> shift);
+    }
     return bytes;
 }
 
@@ -63,11 +64,13 @@ std::string frame_body(std::uint64_t flags, std::uint64_t id, std::uint64_t stat
                        const Pairs& pairs) {
     std::string body = be32(flags) + be64(id) + be64(status) + counted(command) + counted(message);
     body += be32(arguments.size());
-    for (const auto& argument : arguments)
+    for (const auto& argument : arguments) {
         body += argument ? counted(*argument) : be32(0xFFFFFFFF);
+    }
     body += be32(pairs.size());
-    for (const auto& [name, value] : pairs)
+    for (const auto& [name, value] : pairs) {
         body += counted(name) + counted(value);
+    }
     return body;
 }
 
@@ -84,8 +87,9 @@ RawPeer::RawPeer(const std::string& path) : fd(socket(AF_UNIX, SOCK_STREAM | SOC
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     std::memcpy(address.sun_path, path.c_str(), path.size());
-    if (connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
+    if (connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
         close_now();
+    }
 }
 
 RawPeer& RawPeer::operator=(RawPeer&& other) noexcept {
@@ -95,8 +99,9 @@ RawPeer& RawPeer::operator=(RawPeer&& other) noexcept {
 }
 
 void RawPeer::close_now() {
-    if (fd >= 0)
+    if (fd >= 0) {
         close(fd);
+    }
     fd = -1;
 }
 
@@ -119,8 +124,9 @@ std::string RawPeer::read_bytes(std::size_t count) const {
     pollfd entry = {fd, POLLIN, 0};
     while (have < count && poll(&entry, 1, READ_WAIT_MS) > 0) {
         const ssize_t n = recv(fd, bytes.data() + have, count - have, 0);
-        if (n <= 0)
+        if (n <= 0) {
             break;
+        }
         have += static_cast<std::size_t>(n);
     }
     bytes.resize(have);
@@ -131,15 +137,17 @@ std::string RawPeer::read_available() const {
     std::string bytes;
     char chunk[65536];
     ssize_t n = 0;
-    while ((n = recv(fd, chunk, sizeof chunk, MSG_DONTWAIT)) > 0)
+    while ((n = recv(fd, chunk, sizeof chunk, MSG_DONTWAIT)) > 0) {
         bytes.append(chunk, static_cast<std::size_t>(n));
+    }
     return bytes;
 }
 
 bool RawPeer::is_closed(int wait_ms) const {
     pollfd entry = {fd, POLLIN, 0};
-    if (poll(&entry, 1, wait_ms) <= 0)
+    if (poll(&entry, 1, wait_ms) <= 0) {
         return false;
+    }
     char byte = 0;
     const ssize_t n = recv(fd, &byte, 1, MSG_DONTWAIT);
     return n == 0 || (n < 0 && errno == ECONNRESET);
@@ -187,7 +195,7 @@ int DrivenServer::answer_all(const std::string& message) const {
         EXPECT_NE(comm_socket_v4_packet_send_to_client(client, reply), 0);
         comm_socket_v4_packet_release(reply);
         comm_socket_v4_packet_release(request);
-        count++;
+        ++count;
     }
     return count;
 }
@@ -220,7 +228,7 @@ void answer_like_a_program(comm_socket_v4_client* client, const comm_socket_v4_p
     reply->status = known ? COMM_SOCKET_V4_STATUS_SUCCESS : COMM_SOCKET_V4_STATUS_ERROR;
     comm_socket_v4_packet_begin_writing(reply, 0, command.c_str(),
                                         known ? "How are you?" : "Unknown command");
-    for (std::size_t i = 0; command == "echo" && i < comm_socket_v4_packet_get_argv_count(request); i++) {
+    for (std::size_t i = 0; command == "echo" && i < comm_socket_v4_packet_get_argv_count(request); ++i) {
         const char* argument = comm_socket_v4_packet_get_argv(request, i);
         comm_socket_v4_packet_write_nv_pair_bytes(reply, argument != nullptr ? "argument" : "absent",
                                                   argument != nullptr ? 8 : 6, argument,
@@ -240,8 +248,9 @@ void EchoServer::run(std::stop_token stop) {
         comm_socket_v4_free_client(comm_socket_v4_get_disconnected_client(server.handle));
         comm_socket_v4_client* client = nullptr;
         while (comm_socket_v4_packet* request = server.take(&client)) {
-            if ((request->flags & COMM_SOCKET_V4_ASYNC) == 0)
+            if ((request->flags & COMM_SOCKET_V4_ASYNC) == 0) {
                 answer_like_a_program(client, request);
+            }
             comm_socket_v4_packet_release(request);
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
@@ -251,8 +260,9 @@ void EchoServer::run(std::stop_token stop) {
 Packet make_request(const std::string& command, const Arguments& arguments) {
     Packet request(comm_socket_v4_packet_create());
     EXPECT_EQ(comm_socket_v4_packet_begin_writing(request.get(), 0, command.c_str(), ""), 0);
-    for (const auto& argument : arguments)
+    for (const auto& argument : arguments) {
         EXPECT_EQ(comm_socket_v4_packet_write_argv(request.get(), argument ? argument->c_str() : nullptr), 0);
+    }
     EXPECT_EQ(comm_socket_v4_packet_write_end(request.get()), 0);
     return request;
 }
@@ -265,16 +275,18 @@ bool obey_file_modes() {
 
 int count_descriptors() {
     int count = 0;
-    for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator("/proc/self/fd"))
-        count++;
+    for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        ++count;
+    }
     return count;
 }
 
 bool eventually(const std::function<bool()>& step) {
     const auto deadline = std::chrono::steady_clock::now() + EVENTUALLY;
     while (!step()) {
-        if (std::chrono::steady_clock::now() > deadline)
+        if (std::chrono::steady_clock::now() > deadline) {
             return false;
+        }
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     return true;

@@ -82,7 +82,7 @@ TEST_F(server_test, a_packet_can_be_sent_to_several_clients) {
     const RawPeer second(path);
     server.idle();
     comm_socket_v4_packet* packet = make_reply(1, "notice", "x");
-    for (int i = 0; i < 2; i++) {
+    for (int i = 0; i < 2; ++i) {
         comm_socket_v4_client* client = comm_socket_v4_accept_connection(server.handle);
         ASSERT_NE(client, nullptr);
         EXPECT_GT(comm_socket_v4_packet_send_to_client(client, packet), 0);
@@ -94,7 +94,7 @@ TEST_F(server_test, a_packet_can_be_sent_to_several_clients) {
     EXPECT_EQ(second.read_bytes(expected.size()), expected);
 }
 
-TEST_F(server_test, hands_out_a_packet_that_is_no_request) {
+TEST_F(server_test, hands_out_a_packet_that_is_not_a_request) {
     DrivenServer server(path);
     const RawPeer peer(path);
     peer.send_all(reply_frame(5, "odd", "message", {{"a", "b"}}));
@@ -131,8 +131,9 @@ TEST_F(server_test, hands_out_64_requests_between_two_idles) {
     DrivenServer server(path);
     const RawPeer peer(path);
     std::string requests;
-    for (std::uint64_t id = 0; id < 150; id++)
+    for (std::uint64_t id = 0; id < 150; ++id) {
         requests += request_frame(id, "hello");
+    }
     peer.send_all(requests);
     for (const int expected : {64, 64, 22, 0}) {
         server.idle();
@@ -141,13 +142,14 @@ TEST_F(server_test, hands_out_64_requests_between_two_idles) {
     }
 }
 
-TEST_F(server_test, hands_out_requests_for_50_ms_and_one_at_least) {
+TEST_F(server_test, hands_out_requests_for_50_ms_and_at_least_one) {
     const StoppedClock clock;
     DrivenServer server(path);
     const RawPeer peer(path);
     std::string requests;
-    for (std::uint64_t id = 0; id < 5; id++)
+    for (std::uint64_t id = 0; id < 5; ++id) {
         requests += request_frame(id, "hello");
+    }
     peer.send_all(requests);
     server.idle();
     const auto hand_out = [&server] {
@@ -186,7 +188,7 @@ TEST_F(server_test, while_64_mib_wait_one_request_is_handed_out_and_the_latest_c
     }
 }
 
-TEST_F(server_test, clients_that_never_read_make_no_more_wait_than_64_mib_and_twelve_replies) {
+TEST_F(server_test, clients_that_never_read_have_at_most_64_mib_and_twelve_replies_waiting) {
     constexpr std::size_t REPLY_BYTES = 6 * MEBIBYTE;
     const StoppedClock clock;
     DrivenServer server(path);
@@ -234,7 +236,7 @@ TEST_F(server_test, in_a_crowd_a_client_that_reads_nothing_for_a_second_is_disco
     EXPECT_FALSE(peers[0].is_hung_up()) << "there is no crowd any more";
 }
 
-TEST_F(server_test, a_flush_sends_a_long_reply_to_its_end) {
+TEST_F(server_test, a_flush_sends_a_long_reply_completely) {
     DrivenServer server(path);
     const RawPeer peer(path);
     peer.send_all(request_frame(1, "long"));
@@ -268,7 +270,7 @@ TEST_F(server_test, a_flush_ends_at_its_deadline_however_slowly_its_clients_read
     }
 }
 
-TEST_F(server_test, a_flush_does_not_wait_for_a_client_that_has_gone) {
+TEST_F(server_test, a_flush_does_not_wait_for_a_client_that_has_disconnected) {
     DrivenServer server(path);
     RawPeer peer(path);
     peer.send_all(request_frame(1, "long"));
@@ -286,14 +288,16 @@ TEST_F(server_test, clients_take_turns) {
     const RawPeer flooder(path);
     const RawPeer other(path);
     std::string flood;
-    for (std::uint64_t id = 0; id < 1000; id++)
+    for (std::uint64_t id = 0; id < 1000; ++id) {
         flood += request_frame(id, "flood");
+    }
     flooder.send_all(flood);
-    for (std::uint64_t id = 0; id < 3; id++)
+    for (std::uint64_t id = 0; id < 3; ++id) {
         other.send_all(request_frame(id, "other"));
+    }
     server.idle();
     std::vector<std::string> order;
-    for (int i = 0; i < 6; i++) {
+    for (int i = 0; i < 6; ++i) {
         comm_socket_v4_packet* request = server.take();
         ASSERT_NE(request, nullptr);
         order.emplace_back(comm_socket_v4_packet_get_command(request));
@@ -306,7 +310,7 @@ TEST_F(server_test, serves_64_clients_and_closes_the_next_at_once) {
     const StoppedClock stopped;  // One service hands out for 50 ms at most.
     DrivenServer server(path);
     std::vector<RawPeer> peers;
-    for (std::uint64_t id = 0; id < 64; id++) {
+    for (std::uint64_t id = 0; id < 64; ++id) {
         peers.emplace_back(path);
         peers.back().send_all(request_frame(id, "hello"));
     }
@@ -314,8 +318,9 @@ TEST_F(server_test, serves_64_clients_and_closes_the_next_at_once) {
     server.idle();
     EXPECT_TRUE(surplus.is_closed());
     EXPECT_EQ(server.answer_all(), 64);
-    for (const RawPeer& peer : peers)
+    for (const RawPeer& peer : peers) {
         EXPECT_EQ(peer.read_available().substr(0, 2), "CS");
+    }
     // One leaves, and there is room for one at the same service.
     peers.pop_back();
     const RawPeer next(path);
@@ -348,7 +353,7 @@ TEST_F(server_test, an_accepted_client_stays_valid_until_it_is_freed) {
     comm_socket_v4_packet_release(reply);
 }
 
-TEST_F(server_test, a_client_known_by_its_requests_alone_stays_valid_until_the_idle_after_the_last_release) {
+TEST_F(server_test, a_client_known_only_by_its_requests_stays_valid_until_the_idle_after_the_last_release) {
     DrivenServer server(path);
     RawPeer peer(path);
     peer.send_all(request_frame(1, "hello"));
@@ -369,15 +374,17 @@ TEST_F(server_test, a_client_known_by_its_requests_alone_stays_valid_until_the_i
     EXPECT_EQ(comm_socket_v4_get_disconnected_client(server.handle), nullptr) << "it was freed silently";
 }
 
-TEST_F(server_test, newcomers_wait_while_the_caller_has_4096_disconnected_clients_to_free) {
+TEST_F(server_test, new_clients_wait_while_the_caller_has_4096_disconnected_clients_to_free) {
     DrivenServer server(path);
-    for (int round = 0; round < 64; round++) {
+    for (int round = 0; round < 64; ++round) {
         std::vector<RawPeer> peers;
-        for (int i = 0; i < 64; i++)
+        for (int i = 0; i < 64; ++i) {
             peers.emplace_back(path);
+        }
         server.idle();
-        for (int i = 0; i < 64; i++)
+        for (int i = 0; i < 64; ++i) {
             ASSERT_NE(comm_socket_v4_accept_connection(server.handle), nullptr);
+        }
         peers.clear();
         server.idle();
     }
@@ -394,7 +401,7 @@ TEST_F(server_test, newcomers_wait_while_the_caller_has_4096_disconnected_client
     EXPECT_EQ(server.answer_all(), 1);
 }
 
-TEST_F(server_test, a_request_survives_its_freed_client) {
+TEST_F(server_test, a_request_outlives_its_freed_client) {
     DrivenServer server(path);
     const RawPeer peer(path);
     peer.send_all(request_frame(1, "hello"));
@@ -408,7 +415,7 @@ TEST_F(server_test, a_request_survives_its_freed_client) {
     server.idle();
 }
 
-TEST_F(server_test, what_was_sent_before_closing_is_handed_out) {
+TEST_F(server_test, requests_sent_before_closing_are_handed_out) {
     const StoppedClock stopped;  // One service hands out for 50 ms at most.
     DrivenServer server(path);
     RawPeer peer(path);
@@ -442,7 +449,7 @@ TEST_F(server_test, a_client_that_closed_its_sending_side_gets_its_reply) {
     EXPECT_NE(comm_socket_v4_get_disconnected_client(server.handle), nullptr);
 }
 
-TEST_F(server_test, sends_shared_bytes_and_gives_them_back_when_they_have_left) {
+TEST_F(server_test, sends_shared_bytes_and_then_releases_them) {
     for (const std::size_t bytes : {std::size_t{0}, std::size_t{16383}, std::size_t{16384}, 3 * MEBIBYTE}) {
         SCOPED_TRACE(bytes);
         SharedBytes name(std::string(bytes, 'n'));
@@ -473,7 +480,7 @@ TEST_F(server_test, sends_shared_bytes_and_gives_them_back_when_they_have_left) 
     }
 }
 
-TEST_F(server_test, gives_shared_bytes_back_once_when_it_is_destroyed_with_two_waiting_replies) {
+TEST_F(server_test, releases_shared_bytes_once_when_it_is_destroyed_with_two_waiting_replies) {
     SharedBytes name(std::string(3 * MEBIBYTE, 'n'));
     std::optional<DrivenServer> server(std::in_place, path);
     const std::vector<RawPeer> peers = peers_that_sent(2, request_frame(1, "list"));
@@ -495,7 +502,7 @@ TEST_F(server_test, gives_shared_bytes_back_once_when_it_is_destroyed_with_two_w
     EXPECT_EQ(name.released, 1);
 }
 
-TEST_F(server_test, gives_shared_bytes_back_when_their_client_leaves) {
+TEST_F(server_test, releases_shared_bytes_when_their_client_disconnects) {
     SharedBytes name(std::string(3 * MEBIBYTE, 'n'));
     DrivenServer server(path);
     RawPeer peer(path);
@@ -521,8 +528,9 @@ TEST_F(server_test, returns_0_only_beyond_16_mib_and_then_times_out) {
     comm_socket_v4_packet* reply = make_reply(1, "long", std::string(4u << 20, 'm'));
     int sent = 0;
     int result = 0;
-    while ((result = comm_socket_v4_packet_send_to_client(client, reply)) > 0)
-        sent++;
+    while ((result = comm_socket_v4_packet_send_to_client(client, reply)) > 0) {
+        ++sent;
+    }
     EXPECT_EQ(result, 0);
     EXPECT_EQ(sent, 5) << "one under way, and 16 MiB with their headers behind it";
     EXPECT_EQ(comm_socket_v4_packet_send_to_client(client, reply), 0) << "it stays so, and costs nothing";
@@ -545,7 +553,7 @@ TEST_F(server_test, sets_mode_0660_whatever_the_umask) {
     }
 }
 
-TEST_F(server_test, replaces_whatever_socket_or_file_is_at_the_path) {
+TEST_F(server_test, replaces_any_socket_or_file_at_the_path) {
     {
         std::ofstream(path) << "a file";
         DrivenServer server(path);
@@ -571,7 +579,7 @@ TEST_F(server_test, replaces_a_stale_socket) {
     EXPECT_NE(RawPeer(path).fd, -1);
 }
 
-TEST_F(server_test, fails_where_it_cannot_bind_and_may_be_tried_again) {
+TEST_F(server_test, fails_if_it_cannot_bind_and_may_be_tried_again) {
     ASSERT_EQ(mkdir(directory.file("folder").c_str(), 0700), 0);
     comm_socket_v4* server = comm_socket_v4_create();
     const int descriptors = count_descriptors();
@@ -600,11 +608,13 @@ TEST_F(server_test, fails_without_the_permission_to_write_the_directory) {
     ASSERT_EQ(chmod(directory.path.c_str(), 0555), 0);
     const pid_t child = fork();
     if (child == 0) {
-        if (!obey_file_modes())
+        if (!obey_file_modes()) {
             _exit(3);
+        }
         comm_socket_v4* server = comm_socket_v4_create();
-        if (comm_socket_v4_create_server(server, path.c_str()) != -1)
+        if (comm_socket_v4_create_server(server, path.c_str()) != -1) {
             _exit(2);
+        }
         _exit(errno == EACCES ? 0 : 1);
     }
     int status = 0;
@@ -637,7 +647,7 @@ TEST_F(server_test, is_lost_when_its_path_is_removed_and_still_serves_its_client
     EXPECT_EQ(server.answer_all(), 1);
 }
 
-TEST_F(server_test, is_lost_when_a_file_takes_its_path_and_leaves_that_there) {
+TEST_F(server_test, is_lost_when_a_file_takes_its_path_and_keeps_that_file) {
     {
         DrivenServer server(path);
         ASSERT_EQ(unlink(path.c_str()), 0);
@@ -647,7 +657,7 @@ TEST_F(server_test, is_lost_when_a_file_takes_its_path_and_leaves_that_there) {
     EXPECT_TRUE(exists(path));
 }
 
-TEST_F(server_test, a_second_server_takes_the_path_and_keeps_it_when_the_first_goes) {
+TEST_F(server_test, a_second_server_takes_the_path_and_keeps_it_when_the_first_ends) {
     auto first = std::make_unique<DrivenServer>(path);
     DrivenServer second(path);
     EXPECT_EQ(comm_socket_v4_is_open(first->handle), 0);
@@ -658,7 +668,7 @@ TEST_F(server_test, a_second_server_takes_the_path_and_keeps_it_when_the_first_g
     EXPECT_NE(RawPeer(path).fd, -1);
 }
 
-TEST_F(server_test, an_unusable_listening_descriptor_is_noticed) {
+TEST_F(server_test, an_unusable_listening_descriptor_is_detected) {
     const int next_fd = dup(0);
     close(next_fd);
     DrivenServer server(path);  // its socket gets the lowest free descriptor, which is next_fd
@@ -671,7 +681,7 @@ TEST_F(server_test, an_unusable_listening_descriptor_is_noticed) {
     EXPECT_EQ(errno, ENOTSOCK);
 }
 
-TEST_F(server_test, destroying_removes_the_own_path_and_closes_everything) {
+TEST_F(server_test, destroying_removes_its_own_path_and_closes_everything) {
     const int descriptors = count_descriptors();
     RawPeer peer;
     {
@@ -687,7 +697,7 @@ TEST_F(server_test, destroying_removes_the_own_path_and_closes_everything) {
 }
 
 // The leak checker of the sanitizer build is the judge here.
-TEST_F(server_test, destroying_frees_requests_that_nobody_released) {
+TEST_F(server_test, destroying_frees_unreleased_requests) {
     DrivenServer server(path);
     RawPeer gone(path);
     const RawPeer there(path);

@@ -36,7 +36,7 @@ class programs_test : public testing::Test {
 
 }  // namespace
 
-TEST(wire_page, its_request_is_what_the_library_reads_and_writes) {
+TEST(wire_page, its_request_matches_what_the_library_reads_and_writes) {
     const std::string frame = example_bytes("control_request");
     const auto* s = reinterpret_cast<const unsigned char*>(frame.data());
     std::size_t body_bytes = 0;
@@ -56,7 +56,7 @@ TEST(wire_page, its_request_is_what_the_library_reads_and_writes) {
     EXPECT_EQ(comm_socket::encode_frame(head, text), frame);
 }
 
-TEST(wire_page, its_reply_is_what_the_library_reads_and_writes) {
+TEST(wire_page, its_reply_matches_what_the_library_reads_and_writes) {
     const std::string frame = example_bytes("control_reply");
     const auto* s = reinterpret_cast<const unsigned char*>(frame.data());
     comm_socket::FrameHead head;
@@ -73,7 +73,7 @@ TEST(wire_page, its_reply_is_what_the_library_reads_and_writes) {
     EXPECT_EQ(comm_socket::encode_frame(head, text), frame);
 }
 
-TEST_F(programs_test, the_python_client_of_the_page_runs_as_it_stands) {
+TEST_F(programs_test, the_python_client_of_the_page_runs_unchanged) {
     const EchoServer server(path);
     const ProgramRun hello = run_python({"hello"});
     EXPECT_EQ(hello.out + hello.err, "hello: How are you? (status 0)\n");

@@ -35,8 +35,9 @@ class GuardedCopy {
         EXPECT_NE(base, MAP_FAILED);
         EXPECT_EQ(mprotect(base + readable, page, PROT_NONE), 0);
         start = base + readable - size;
-        if (size > 0)
+        if (size > 0) {
             std::memcpy(start, bytes.data(), size);
+        }
     }
     ~GuardedCopy() { munmap(base, mapped); }
     GuardedCopy(const GuardedCopy&) = delete;
@@ -99,7 +100,7 @@ TEST(wire, decodes_every_field) {
     EXPECT_EQ(text.pairs, (Pairs{{"name", "value"}, {"", ""}, {"name", "again"}}));
 }
 
-TEST(wire, encodes_what_was_decoded_into_the_same_bytes) {
+TEST(wire, encodes_a_decoded_frame_to_the_same_bytes) {
     FrameHead head;
     FrameText text;
     ASSERT_TRUE(decodes(rich_body(), REQUEST_LIMITS, &head, &text));
@@ -107,12 +108,12 @@ TEST(wire, encodes_what_was_decoded_into_the_same_bytes) {
     EXPECT_EQ(comm_socket::encode_frame(head, text), frame_around(rich_body()));
 }
 
-TEST(wire, encodes_only_where_there_is_room_for_all) {
+TEST(wire, encodes_only_if_there_is_room_for_the_whole_frame) {
     FrameHead head;
     FrameText text;
     ASSERT_TRUE(decodes(rich_body(), REQUEST_LIMITS, &head, &text));
     const std::string frame = frame_around(rich_body());
-    for (std::size_t room = 0; room <= frame.size(); room++) {
+    for (std::size_t room = 0; room <= frame.size(); ++room) {
         const GuardedCopy target(std::string(room, 'x'));
         unsigned char* d = target.begin();
         const bool fits = comm_socket::encode_frame(d, target.end(), head, text);
@@ -121,9 +122,9 @@ TEST(wire, encodes_only_where_there_is_room_for_all) {
     }
 }
 
-TEST(wire, a_body_cut_at_any_byte_is_broken_and_leaves_the_target_alone) {
+TEST(wire, a_body_truncated_at_any_byte_is_broken_and_leaves_the_target_unchanged) {
     const std::string body = rich_body();
-    for (std::size_t length = 0; length < body.size(); length++) {
+    for (std::size_t length = 0; length < body.size(); ++length) {
         FrameHead head = {9, 9, 9};
         FrameText text;
         text.command = "before";
@@ -140,11 +141,12 @@ TEST(wire, a_byte_left_over_is_broken) {
 
 TEST(wire, unknown_flags_are_broken) {
     EXPECT_TRUE(decodes(frame_body(3, 1, 0, "x", "", {}, {}), REQUEST_LIMITS));
-    for (std::uint64_t flags : {4u, 8u, 0x80000000u})
+    for (std::uint64_t flags : {4u, 8u, 0x80000000u}) {
         EXPECT_FALSE(decodes(frame_body(flags, 1, 0, "x", "", {}, {}), REQUEST_LIMITS)) << flags;
+    }
 }
 
-TEST(wire, counts_hold_at_their_limit_and_not_beyond) {
+TEST(wire, counts_are_accepted_at_their_limit_and_not_beyond) {
     const struct {
         const FrameLimits& limits;
         std::size_t arguments;
@@ -171,14 +173,15 @@ TEST(wire, a_string_longer_than_the_body_is_broken) {
     const std::string start = be32(0) + be64(1) + be64(0);
     const std::string end = counted("") + be32(0) + be32(0);
     EXPECT_TRUE(decodes(start + be32(1) + "x" + end, REQUEST_LIMITS));
-    for (std::uint64_t length : {1000u, 0x7FFFFFFFu, 0xFFFFFFFEu, 0xFFFFFFFFu})
+    for (std::uint64_t length : {1000u, 0x7FFFFFFFu, 0xFFFFFFFEu, 0xFFFFFFFFu}) {
         EXPECT_FALSE(decodes(start + be32(length) + "x" + end, REQUEST_LIMITS)) << length;
+    }
 }
 
-TEST(wire, a_header_is_judged_byte_by_byte) {
+TEST(wire, a_header_is_checked_byte_by_byte) {
     const std::string good = frame_around(rich_body()).substr(0, 8);
     std::size_t body_bytes = 0;
-    for (std::size_t length = 0; length < 8; length++) {
+    for (std::size_t length = 0; length < 8; ++length) {
         const GuardedCopy part(good.substr(0, length));
         EXPECT_EQ(comm_socket::decode_header(part.begin(), part.end(), REQUEST_LIMITS, &body_bytes),
                   FrameState::INCOMPLETE);
@@ -187,7 +190,7 @@ TEST(wire, a_header_is_judged_byte_by_byte) {
     EXPECT_EQ(comm_socket::decode_header(whole.begin(), whole.end(), REQUEST_LIMITS, &body_bytes),
               FrameState::COMPLETE);
     EXPECT_EQ(body_bytes, rich_body().size());
-    for (std::size_t wrong = 0; wrong < 4; wrong++) {
+    for (std::size_t wrong = 0; wrong < 4; ++wrong) {
         std::string bad = good.substr(0, wrong + 1);
         bad[wrong] = static_cast<char>(bad[wrong] + 1);
         const GuardedCopy part(bad);
@@ -197,7 +200,7 @@ TEST(wire, a_header_is_judged_byte_by_byte) {
     }
 }
 
-TEST(wire, body_lengths_hold_at_their_limits_and_not_beyond) {
+TEST(wire, body_lengths_are_accepted_at_their_limits_and_not_beyond) {
     const struct {
         const FrameLimits& limits;
         std::uint64_t length;
@@ -218,7 +221,7 @@ TEST(wire, body_lengths_hold_at_their_limits_and_not_beyond) {
     }
 }
 
-TEST(wire, within_limits_says_what_the_receiver_will_say) {
+TEST(wire, within_limits_agrees_with_the_receiver) {
     FrameText text;
     text.command = std::string(2097152 - 36, 'c');
     EXPECT_TRUE(comm_socket::within_limits({1, 1, 0}, text, REQUEST_LIMITS));
@@ -230,10 +233,10 @@ TEST(wire, within_limits_says_what_the_receiver_will_say) {
     EXPECT_FALSE(comm_socket::within_limits({4, 1, 0}, text, REPLY_LIMITS));
 }
 
-TEST(frame_buffer, finds_frames_whatever_the_pieces_they_come_in) {
+TEST(frame_buffer, finds_frames_in_pieces_of_any_size) {
     const std::string stream = frame_around(rich_body()) + request_frame(2, "hello") +
                                frame_around(rich_body()) + request_frame(4, "x");
-    for (std::size_t piece = 1; piece <= stream.size(); piece++) {
+    for (std::size_t piece = 1; piece <= stream.size(); ++piece) {
         FrameBuffer buffer(REQUEST_LIMITS);
         std::vector<std::string> commands;
         for (std::size_t at = 0; at < stream.size(); at += piece) {
@@ -252,7 +255,7 @@ TEST(frame_buffer, finds_frames_whatever_the_pieces_they_come_in) {
     }
 }
 
-TEST(frame_buffer, a_broken_body_stays_where_it_is) {
+TEST(frame_buffer, a_broken_body_stays_in_the_buffer) {
     FrameBuffer buffer(REQUEST_LIMITS);
     const std::string frame = frame_around(rich_body() + "surplus");
     buffer.append(bytes_of(frame), frame.size());

@@ -132,7 +132,8 @@ TEST_F(control_commands_test, hello_is_answered) {
     EXPECT_EQ(printed, "");
 }
 
-TEST_F(control_commands_test, unknown_commands_are_answered_with_their_own_name_and_said_on_standard_error) {
+TEST_F(control_commands_test,
+       unknown_commands_are_answered_with_their_own_name_and_printed_on_standard_error) {
     for (const char* const command : {"foo", "", "Hello", "hello ", "hell", "drop connection",
                                       "drop connection by id ", "List connections", "%s%n"}) {
         EXPECT_EQ(ask(command, {"1"}), (Reply{command, "Unknown command", COMM_SOCKET_V4_STATUS_ERROR}));
@@ -141,7 +142,7 @@ TEST_F(control_commands_test, unknown_commands_are_answered_with_their_own_name_
     EXPECT_EQ(COMM_SOCKET_V4_STATUS_ERROR, 6U);
 }
 
-TEST_F(control_commands_test, an_unknown_command_that_wants_no_reply_is_printed_for_a_person) {
+TEST_F(control_commands_test, an_unknown_command_that_wants_no_reply_is_dumped_in_readable_form) {
     const std::string text = tell("foo", {"cam1", std::nullopt});
     EXPECT_TRUE(text.starts_with("Unknown command 'foo'\n")) << text;
     for (const char* const part : {"request, async, id 7", "\"foo\"", "\"cam1\"", "absent"}) {
@@ -149,7 +150,7 @@ TEST_F(control_commands_test, an_unknown_command_that_wants_no_reply_is_printed_
     }
 }
 
-TEST_F(control_commands_test, a_known_command_that_wants_no_reply_is_not_carried_out) {
+TEST_F(control_commands_test, a_known_command_that_wants_no_reply_is_not_executed) {
     add_stream("cam1", "play");
     EXPECT_EQ(tell("hello"), "");
     EXPECT_EQ(tell(DROP_BY_NAME, {"cam1"}), "");
@@ -172,7 +173,7 @@ TEST_F(control_commands_test, all_connections_of_a_stream_are_dropped_and_counte
     EXPECT_EQ(printed, "");
 }
 
-TEST_F(control_commands_test, dropping_a_stream_that_nobody_uses_drops_nobody) {
+TEST_F(control_commands_test, dropping_an_unused_stream_name_drops_no_connection) {
     add_stream("cam1", "play");
     EXPECT_EQ(ask(DROP_BY_NAME, {"cam2"}), (Reply{DROP_BY_NAME, "OK, 0 connections dropped", 0}));
     EXPECT_EQ(requested_closes(), std::vector<std::size_t>{});
@@ -224,7 +225,7 @@ TEST_F(control_commands_test, a_connection_is_dropped_by_the_number_its_id_begin
     }
 }
 
-TEST_F(control_commands_test, an_id_that_is_no_number_or_outside_the_table_is_an_error) {
+TEST_F(control_commands_test, an_id_that_is_not_a_number_or_outside_the_table_is_an_error) {
     add_connections(2);
     for (const Arguments& arguments :
          {Arguments{}, Arguments{std::nullopt}, Arguments{std::nullopt, "cam1"}, Arguments{""},
@@ -296,7 +297,7 @@ TEST_F(control_commands_test, connections_are_listed_in_slot_order) {
     EXPECT_EQ(printed, "");
 }
 
-TEST_F(control_commands_test, a_list_may_be_limited_to_one_mode) {
+TEST_F(control_commands_test, a_list_may_be_filtered_by_mode) {
     add_stream("cam1", "publish");
     add_stream("cam1", "play");
     add_connection();
@@ -345,7 +346,7 @@ TEST_F(control_commands_test, a_listing_keeps_the_names_of_connections_that_leav
     EXPECT_EQ(read_reply(response).pairs.back().second, line);
 }
 
-TEST_F(control_commands_test, a_reply_is_written_to_its_end) {
+TEST_F(control_commands_test, a_reply_is_written_completely) {
     const Packet request = make_request("hello", {});
     const Packet response = make_response(request);
     EXPECT_EQ(comm_socket_v4_packet_begin_writing(response.get(), 0, "left over", ""), 0);

@@ -204,7 +204,7 @@ TEST_F(control_server_test, starts_at_its_fixed_path) {
     EXPECT_EQ(library.sent_path, "/var/run/v9_rtmp_server.socket");
 }
 
-TEST_F(control_server_test, says_which_step_of_the_start_failed) {
+TEST_F(control_server_test, reports_which_step_of_the_start_failed) {
     library.create_fails = true;
     EXPECT_EQ(printed_by([] { EXPECT_FALSE(start_control_server()); }), "Failed to create comm socket\n");
     library = {};
@@ -218,7 +218,7 @@ TEST_F(control_server_test, stopping_without_a_socket_is_harmless) {
     EXPECT_EQ(library.calls, "destroy_null ");
 }
 
-TEST_F(control_server_test, a_service_goes_through_its_steps_in_order) {
+TEST_F(control_server_test, a_service_takes_its_steps_in_order) {
     start();
     add_request("hello", 0x123456789);
     EXPECT_EQ(service(), "");
@@ -228,7 +228,7 @@ TEST_F(control_server_test, a_service_goes_through_its_steps_in_order) {
     EXPECT_EQ(library.sent_flags, 0U);
 }
 
-TEST_F(control_server_test, a_service_frees_no_client_when_none_has_gone) {
+TEST_F(control_server_test, a_service_frees_no_client_when_none_has_disconnected) {
     start();
     library.client_has_gone = false;
     EXPECT_EQ(service(), "");
@@ -253,7 +253,7 @@ TEST_F(control_server_test, services_are_100_ms_apart) {
     EXPECT_NE(library.calls, "");
 }
 
-TEST_F(control_server_test, a_lost_socket_is_told_once_and_stays_dead) {
+TEST_F(control_server_test, a_lost_socket_is_reported_once_and_stays_closed) {
     start();
     library.open = false;
     EXPECT_EQ(service(), "Lost server socket\n");
@@ -263,7 +263,8 @@ TEST_F(control_server_test, a_lost_socket_is_told_once_and_stays_dead) {
     EXPECT_EQ(library.calls, "is_open destroy ");
 }
 
-TEST_F(control_server_test, a_failing_library_is_told_without_a_line_end_and_stays_dead) {
+TEST_F(control_server_test,
+       a_failed_library_call_is_reported_without_a_line_end_and_closes_the_socket_for_good) {
     start();
     library.idle_errno = EBADF;
     EXPECT_EQ(service(), "Idle failed: Bad file descriptor");
@@ -272,7 +273,7 @@ TEST_F(control_server_test, a_failing_library_is_told_without_a_line_end_and_sta
     EXPECT_EQ(service(), "");
 }
 
-TEST_F(control_server_test, a_reply_that_would_block_is_waited_for_ten_seconds_at_a_time) {
+TEST_F(control_server_test, a_blocked_reply_is_awaited_for_ten_seconds_at_a_time) {
     start();
     add_request("hello");
     library.send_results = {0, 0, 1};
@@ -281,7 +282,7 @@ TEST_F(control_server_test, a_reply_that_would_block_is_waited_for_ten_seconds_a
     EXPECT_EQ(library.wait_deadlines_us, (std::vector<std::uint64_t>(2, fake_clock_us + 10000000)));
 }
 
-TEST_F(control_server_test, a_reply_that_cannot_be_sent_is_told_and_the_next_request_is_answered) {
+TEST_F(control_server_test, a_reply_that_cannot_be_sent_is_reported_and_the_next_request_is_answered) {
     start();
     add_request("hello");
     add_request("hello");
@@ -291,7 +292,7 @@ TEST_F(control_server_test, a_reply_that_cannot_be_sent_is_told_and_the_next_req
     EXPECT_TRUE(library.calls.ends_with("get_packet send get_packet send get_packet flush "));
 }
 
-TEST_F(control_server_test, what_is_no_request_is_skipped) {
+TEST_F(control_server_test, packets_that_are_not_requests_are_skipped) {
     start();
     comm_socket_v4_packet_make_response(add_request("hello"));
     add_request("hello");
@@ -317,7 +318,7 @@ TEST_F(control_server_test, a_quit_signal_leaves_the_requests_to_the_end_of_the_
     comm_socket_v4_packet_release(kept);
 }
 
-TEST_F(control_server_death_test, a_reply_that_cannot_be_made_is_our_mistake) {
+TEST_F(control_server_death_test, a_reply_that_cannot_be_made_ends_the_process) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     start();
     add_request("list connections");

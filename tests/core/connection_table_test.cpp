@@ -18,7 +18,7 @@ TEST_F(connection_table, fills_slots_upwards_and_keeps_the_scan_at_the_last_one)
     EXPECT_EQ(connections_free_scan, 1U);
 }
 
-TEST_F(connection_table, refuses_when_full_and_gives_the_freed_slot_to_the_next_whatever_the_scan) {
+TEST_F(connection_table, refuses_when_full_and_gives_a_freed_slot_to_the_next_wherever_the_scan_is) {
     for (std::size_t i = 0; i < MAX_CONNECTIONS; ++i) {
         EXPECT_EQ(add_connection().conn_idx, i);
     }
@@ -35,7 +35,7 @@ TEST_F(connection_table, refuses_when_full_and_gives_the_freed_slot_to_the_next_
     close(fd);
 }
 
-TEST_F(connection_table, goes_on_after_the_last_slot_given_even_if_an_earlier_one_is_free) {
+TEST_F(connection_table, continues_after_the_last_slot_given_even_if_an_earlier_one_is_free) {
     add_connection();
     add_connection();
     add_connection();

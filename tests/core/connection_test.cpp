@@ -21,7 +21,7 @@ TEST_F(connection, begins_acknowledging_every_message) {
     expect_beginning(conn.conn_g_client);
 }
 
-TEST_F(connection, begins_without_acknowledging_when_told_so) {
+TEST_F(connection, begins_without_acknowledging_when_switched_off) {
     opt_no_def_ack = true;
     const RTMPConnection& conn = add_connection();
     opt_no_def_ack = false;
@@ -82,7 +82,7 @@ TEST_F(connection, closing_stops_both_threads_and_leaves_the_registry) {
     EXPECT_EQ(find_or_insert_stream("cam1").publisher, NO_CONNECTION);
 }
 
-TEST_F(connection, closing_leaves_another_publisher_alone) {
+TEST_F(connection, closing_keeps_another_publisher) {
     RTMPConnection& conn = add_connection();
     conn.stream_name = "cam1";
     find_or_insert_stream("cam1").publisher = 77;
@@ -90,7 +90,7 @@ TEST_F(connection, closing_leaves_another_publisher_alone) {
     EXPECT_EQ(find_or_insert_stream("cam1").publisher, 77U);
 }
 
-TEST_F(connection, closing_says_which_thread_had_ended_already) {
+TEST_F(connection, closing_reports_which_thread_had_already_ended) {
     RTMPConnection& conn = add_connection();
     // The idle threads of this test have to be ended as well as be marked.
     pthread_cancel(conn.thread);

@@ -35,7 +35,7 @@ TEST_F(options, may_be_absent) {
     EXPECT_FALSE(opt_dbg_pkt || opt_no_def_ack);
 }
 
-TEST_F(options, both_switches_may_come_in_any_order_with_any_dashes_and_again) {
+TEST_F(options, both_switches_may_be_repeated_in_any_order_with_any_dashes) {
     EXPECT_TRUE(parse({"--no-def-ack", "-dbg-pkt", "---no-def-ack"}));
     EXPECT_TRUE(opt_dbg_pkt && opt_no_def_ack);
     EXPECT_EQ(printed, "");

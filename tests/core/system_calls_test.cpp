@@ -50,7 +50,7 @@ int connect_to_server() {
 
 }  // namespace
 
-TEST_F(system_calls_test, a_message_that_is_cut_leaves_in_a_call_for_256_pieces) {
+TEST_F(system_calls_test, a_message_of_many_chunks_is_sent_in_calls_of_256_pieces) {
     RTMPConnection& conn = add_connection();
     const int large = 1 << 20;
     ASSERT_EQ(setsockopt(conn.fd, SOL_SOCKET, SO_SNDBUF, &large, sizeof large), 0);
@@ -68,7 +68,7 @@ TEST_F(system_calls_test, a_message_that_is_cut_leaves_in_a_call_for_256_pieces)
     EXPECT_EQ(bytes, 50000U + 12 + 390);
 }
 
-TEST_F(system_calls_test, all_messages_that_wait_leave_in_one_call) {
+TEST_F(system_calls_test, all_waiting_messages_are_sent_in_one_call) {
     RTMPConnection& conn = add_connection();
     conn.connection_out.push_back(make_packet(9, 0, "first"));
     conn.connection_out.push_back(make_packet(9, 0, ""));
@@ -112,7 +112,7 @@ TEST_F(system_calls_test, listener_and_clients_get_their_options) {
     close(client);
 }
 
-TEST_F(system_calls_test, clients_that_wait_together_are_accepted_one_a_pass) {
+TEST_F(system_calls_test, waiting_clients_are_accepted_one_per_pass) {
     ASSERT_TRUE(open_listener());
     const int first = connect_to_server();
     const int second = connect_to_server();
@@ -127,7 +127,7 @@ TEST_F(system_calls_test, clients_that_wait_together_are_accepted_one_a_pass) {
     close(second);
 }
 
-TEST_F(system_calls_test, a_client_whose_socket_refuses_its_options_is_served_in_silence) {
+TEST_F(system_calls_test, a_client_whose_socket_refuses_its_options_is_silently_served) {
     ASSERT_TRUE(open_listener());
     for (int refused = 1; refused <= 5; ++refused) {
         wrapped_calls = {};
@@ -140,7 +140,7 @@ TEST_F(system_calls_test, a_client_whose_socket_refuses_its_options_is_served_in
     server_shutdown();
 }
 
-TEST_F(system_calls_test, a_listener_goes_on_without_an_option_that_is_refused) {
+TEST_F(system_calls_test, a_listener_continues_without_an_option_that_is_refused) {
     for (const auto& [refused, text] : {std::pair{1, "WARNING: IPTV out cannot set SO_REUSEADDR\n"},
                                         std::pair{2, "WARNING: IPTV out cannot set SO_REUSEPORT\n"}}) {
         wrapped_calls = {};
@@ -200,7 +200,7 @@ TEST_F(system_calls_test, a_pass_sleeps_ten_milliseconds_and_then_looks_for_clie
     close(client);
 }
 
-TEST_F(system_calls_test, a_stop_gives_up_the_control_socket_then_the_listener_then_each_slot_in_order) {
+TEST_F(system_calls_test, a_stop_closes_the_control_socket_then_the_listener_then_each_slot_in_order) {
     std::map<int, std::size_t> slots;
     for (const char* const name : {"cam2", "cam3", "cam1"}) {
         RTMPConnection& conn = add_connection();
@@ -227,13 +227,13 @@ TEST_F(system_calls_test, a_stop_gives_up_the_control_socket_then_the_listener_t
     wrapped_calls = {};
 }
 
-TEST_F(system_calls_test, a_writer_with_nothing_to_send_looks_again_after_fifty_milliseconds) {
+TEST_F(system_calls_test, a_writer_with_nothing_to_send_checks_again_after_fifty_milliseconds) {
     RTMPConnection& conn = add_connection();
     EXPECT_TRUE(send_next(conn));
     EXPECT_EQ(wrapped_calls.sleeps, std::vector<useconds_t>{50000});
 }
 
-TEST_F(system_calls_test, a_reader_looks_every_ten_milliseconds_whether_fewer_than_eight_messages_wait) {
+TEST_F(system_calls_test, a_reader_checks_every_ten_milliseconds_whether_fewer_than_eight_messages_wait) {
     RTMPConnection& conn = add_connection();
     for (int i = 0; i < 7; ++i) {
         ASSERT_TRUE(conn.add_to_incoming_queue(make_packet(9, 0, "x")));
@@ -251,8 +251,7 @@ TEST_F(system_calls_test, a_reader_looks_every_ten_milliseconds_whether_fewer_th
     EXPECT_EQ(wrapped_calls.sleeps, (std::vector<useconds_t>{10000, 10000, 10000}));
 }
 
-TEST_F(system_calls_test,
-       free_memory_goes_back_to_the_system_ten_seconds_after_the_first_of_several_has_left) {
+TEST_F(system_calls_test, free_memory_is_returned_to_the_system_ten_seconds_after_the_first_client_has_left) {
     const std::uint64_t second_us = 1000000;
     const auto trims_after = [](std::uint64_t wait_us) {
         fake_clock_us += wait_us;
@@ -273,7 +272,7 @@ TEST_F(system_calls_test,
     EXPECT_EQ(wrapped_calls.malloc_trims, std::vector<std::size_t>{0});
 }
 
-TEST_F(system_calls_test, free_memory_whose_time_has_come_goes_back_within_a_pass) {
+TEST_F(system_calls_test, free_memory_that_is_due_is_returned_within_a_pass) {
     add_connection();
     (void)printed_by([] { free_connection(0); });
     fake_clock_us += 10000000;
@@ -281,7 +280,7 @@ TEST_F(system_calls_test, free_memory_whose_time_has_come_goes_back_within_a_pas
     EXPECT_EQ(wrapped_calls.malloc_trims, std::vector<std::size_t>{0});
 }
 
-TEST_F(system_calls_test, a_close_reports_what_it_could_not_do_and_goes_on) {
+TEST_F(system_calls_test, a_close_reports_what_it_could_not_do_and_continues) {
     RTMPConnection& conn = add_connection();
     wrapped_calls.cancel_result = ESRCH;
     wrapped_calls.join_result = ESRCH;
@@ -314,7 +313,7 @@ TEST_F(system_calls_death_test, a_failing_unlock_ends_the_process) {
                 assertion_line("ok", "connection_io_unlock()"));
 }
 
-TEST_F(system_calls_death_test, threads_that_come_back_after_they_were_joined_end_the_process) {
+TEST_F(system_calls_death_test, threads_that_reappear_after_they_were_joined_end_the_process) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     RTMPConnection& conn = add_connection();
     wrapped_calls.refuse_join = true;

@@ -59,12 +59,21 @@ class CheckComments(unittest.TestCase):
         self.expect_kept("// one two\n// NOLINT(why)\n")
         self.expect_kept("// one two\n    // three\n")
 
+    def test_a_comment_with_stars_is_filled_like_one_with_slashes(self):
+        self.expect_filled("/* " + WORDS + " abcd */\n", "/* " + WORDS.removesuffix(" word") + "\n * word abcd */\n")
+        self.expect_filled("/* one two\n * three */\n", "/* one two three */\n")
+        self.expect_filled("/* one\n *\n * two three\n * four\n */\n", "/* one\n *\n * two three four\n */\n")
+        self.expect_kept("/* " + WORDS + " */\n")
+        self.expect_kept("/* one two */\n/* three */\n")
+        self.expect_kept("/* one\n * two three */\n")
+
     def test_a_long_comment_after_code_is_found_but_not_changed(self):
         source = "int a = 0;  " + FULL + "\n"
         passed, printed, kept = self.check(source, write=True)
         self.assertFalse(passed)
         self.assertIn("base/a.cpp:1: a comment over 110 columns", printed)
         self.assertEqual(kept, source)
+        self.assertIn("base/a.cpp:1: a comment over 110", self.check("int a = 0;  /* " + WORDS + " */\n")[1])
 
     def test_a_long_string_with_slashes_is_not_a_comment(self):
         self.expect_kept('const char* a = "http://' + "x" * 110 + '";\n')

@@ -78,7 +78,7 @@ class CheckMessages(unittest.TestCase):
         self.change("app/dispatch.cpp", '"AMF0 error notify\\n"', '"AMF0 error "\n                     "notify\\n"')
         self.assertEqual(self.check()[0], True)
 
-    def test_a_text_in_a_comment_is_none(self):
+    def test_a_text_in_a_comment_is_ignored(self):
         self.change("app/dispatch.cpp", "namespace {", 'namespace {\n// diag("Not printed\\n");')
         self.assertEqual(self.check()[0], True)
 
@@ -98,7 +98,7 @@ class CheckMessages(unittest.TestCase):
         self.change("app/dispatch.cpp", "namespace {", 'namespace {\nvoid f() {\n    std::printf("x");\n}')
         self.expect_difference("printf prints beside base/diag")
 
-    def test_a_text_that_stands_twice_on_the_page_is_found(self):
+    def test_a_text_that_is_on_the_page_twice_is_found(self):
         self.change(CHECK.PAGE, "## Handshake", "| `RTMP begin` | Again. | Nothing |\n\n## Handshake")
         self.expect_difference("stands there twice: RTMP begin")
 

@@ -19,7 +19,7 @@ class UsedIncludes(unittest.TestCase):
             source.write_text(text, encoding="utf-8")
             return [line.removeprefix(f"{source}: ") for line in CHECK.findings(CHECK.output_for(str(source)))]
 
-    def test_a_source_that_includes_what_it_names_is_right(self):
+    def test_a_source_that_includes_what_it_names_passes(self):
         self.assertEqual(self.findings("#include <string>\nstd::string name;\n"), [])
 
     def test_a_missing_header_is_found(self):

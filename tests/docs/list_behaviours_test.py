@@ -66,7 +66,7 @@ class BehaviourList(unittest.TestCase):
         self.assertIn("- are complete\n", page)
         self.assertIn("- the pages are complete\n", page)
 
-    def test_a_file_that_fits_nowhere_is_listed_all_the_same(self):
+    def test_a_file_that_fits_nowhere_is_still_listed(self):
         self.write("novel/idea_test.cpp", "TEST(idea, is_new) {\n}\n")
         self.assertIn("## The server as a whole\n", self.page())
 

@@ -27,7 +27,7 @@ AMF_Value text_value(const char* text) {
 
 }  // namespace
 
-TEST(messages_page, shows_a_message_as_it_is_dumped) {
+TEST(messages_page, shows_a_message_as_the_server_dumps_it) {
     constexpr std::array<unsigned char, 17> HEADER{0x17, 0x00, 0x00, 0x00, 0x00, 0x01, 0x64, 0x00, 0x1F,
                                                    0xFF, 0xE1, 0x00, 0x19, 0x67, 0x64, 0x00, 0x1F};
     RTMP_Packet pkt;
@@ -44,7 +44,7 @@ TEST(messages_page, shows_a_message_as_it_is_dumped) {
     EXPECT_EQ(testing::internal::GetCapturedStderr(), example("message"));
 }
 
-TEST(messages_page, shows_a_value_as_it_is_dumped) {
+TEST(messages_page, shows_a_value_as_the_server_dumps_it) {
     AMF_Value metadata;
     metadata.type = AMF_Type::ECMAArray;
     metadata.member("width").set_number(1280);
@@ -59,7 +59,7 @@ TEST(messages_page, shows_a_value_as_it_is_dumped) {
     EXPECT_EQ(testing::internal::GetCapturedStderr(), example("value"));
 }
 
-TEST(messages_page, shows_a_control_packet_as_it_is_dumped) {
+TEST(messages_page, shows_a_control_packet_as_the_server_dumps_it) {
     comm_socket_v4_packet* packet = comm_socket_v4_packet_create();
     packet->flags = COMM_SOCKET_V4_REQUEST | COMM_SOCKET_V4_ASYNC;
     packet->request_id = 7;

@@ -153,7 +153,7 @@ TEST(amf_on_the_wire, nested_objects_are_indented_by_six) {
         }));
 }
 
-TEST(amf_on_the_wire, a_text_is_shown_to_its_first_zero_byte) {
+TEST(amf_on_the_wire, a_text_is_shown_up_to_its_first_zero_byte) {
     ServerProcess server;
     EXPECT_EQ(dump_of(server, amf_object({{std::string("k\0l", 3), amf_string(std::string("a\0b", 3))}})),
               object_lines({"\t    'k':", "\t      AMF var String", "\t        Value: 'a'"}));
@@ -231,7 +231,7 @@ TEST(amf_on_the_wire, values_that_are_cut_short_drop_the_client) {
     }
 }
 
-TEST(amf_on_the_wire, an_array_with_a_wrong_count_says_so_and_drops_the_client) {
+TEST(amf_on_the_wire, an_array_with_a_wrong_count_is_reported_and_drops_the_client) {
     ServerProcess server;
     const Lines too_short = {"AMF0 error ECMA array too short vs count", DROP[0], DROP[1], DROP[2]};
     const Lines too_long = {"AMF0 error ECMA array too long vs count", DROP[0], DROP[1], DROP[2]};

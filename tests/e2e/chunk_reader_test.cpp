@@ -191,7 +191,7 @@ TEST(chunk_reader, a_continuation_of_another_format_ends_the_reading) {
     }
 }
 
-TEST(chunk_reader, the_chunk_stream_id_of_a_continuation_is_not_looked_at) {
+TEST(chunk_reader, the_chunk_stream_id_of_a_continuation_is_ignored) {
     ServerProcess server;
     RtmpClient client = handshaken_client();
     const Bytes payload = request(600);
@@ -205,7 +205,7 @@ TEST(chunk_reader, the_chunk_stream_id_of_a_continuation_is_not_looked_at) {
     EXPECT_EQ(answer(client), (Header{8, 0, 0}));
 }
 
-TEST(chunk_reader, an_empty_message_is_taken_and_does_nothing) {
+TEST(chunk_reader, an_empty_message_is_accepted_and_does_nothing) {
     ServerProcess server;
     RtmpClient client = handshaken_client();
     for (const std::uint8_t type : {MSG_COMMAND, MSG_AUDIO, MSG_VIDEO, std::uint8_t{99}}) {
@@ -215,7 +215,7 @@ TEST(chunk_reader, an_empty_message_is_taken_and_does_nothing) {
     EXPECT_EQ(server.count("AMF0 error command"), 0U);
 }
 
-TEST(chunk_reader, a_message_of_1048575_bytes_is_taken) {
+TEST(chunk_reader, a_message_of_1048575_bytes_is_accepted) {
     ServerProcess server;
     RtmpClient client = handshaken_client();
     client.send_message({.type = 99, .payload = pattern_bytes(0xFFFFF)});
@@ -296,7 +296,7 @@ TEST(chunk_reader, bytes_may_come_one_at_a_time) {
     EXPECT_EQ(answer(client), (Header{400, 0x1000000, 0}));
 }
 
-TEST(chunk_reader, the_end_anywhere_in_a_message_is_no_error_of_its_own) {
+TEST(chunk_reader, a_close_anywhere_in_a_message_prints_no_error_of_its_own) {
     const Bytes message = chunked({.payload = request(200), .csid = 400, .timestamp = 0x1000000});
     ServerProcess server;
     for (const std::size_t sent :
@@ -311,7 +311,7 @@ TEST(chunk_reader, the_end_anywhere_in_a_message_is_no_error_of_its_own) {
     }
 }
 
-TEST(chunk_reader, messages_of_other_types_are_taken_in_silence) {
+TEST(chunk_reader, messages_of_other_types_are_silently_accepted) {
     ServerProcess server;
     RtmpClient client = handshaken_client();
     (void)client.round_trip();

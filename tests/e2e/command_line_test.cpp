@@ -121,7 +121,7 @@ TEST(command_line, help_prints_the_usage_and_exits_with_1) {
     }
 }
 
-TEST(command_line, switches_are_whole_words_in_small_letters) {
+TEST(command_line, switches_are_whole_words_in_lower_case) {
     expect_refusal({"-hx"}, "Unhandled switch hx\n");
     expect_refusal({"--HELP"}, "Unhandled switch HELP\n");
     expect_refusal({"--hel"}, "Unhandled switch hel\n");
@@ -148,7 +148,7 @@ TEST(command_line, the_first_argument_that_ends_the_program_decides) {
     expect_refusal({"--dbg-pkt", "--no-def-ack", "--dbg-pkt", "foo"}, "Unhandled arg 'foo'\n");
 }
 
-TEST(command_line, an_argument_is_never_taken_for_a_format) {
+TEST(command_line, an_argument_is_never_used_as_a_format_string) {
     expect_refusal({"--%s%n"}, "Unhandled switch %s%n\n");
     expect_refusal({"%d%s"}, "Unhandled arg '%d%s'\n");
 }
@@ -179,7 +179,7 @@ TEST(command_line, without_switches_messages_are_acknowledged_and_not_dumped) {
     EXPECT_EQ(server.err().count("Sending:"), 0U);
 }
 
-TEST(command_line, each_switch_alone_does_its_own_work_only) {
+TEST(command_line, each_switch_alone_has_only_its_own_effect) {
     {
         ServerProcess server({"--no-def-ack"});
         RtmpClient client = handshaken_client();
@@ -194,7 +194,7 @@ TEST(command_line, each_switch_alone_does_its_own_work_only) {
     EXPECT_EQ(server.err().count("Sending:"), 2U);
 }
 
-TEST(command_line, each_quit_signal_ends_the_server_at_once_and_in_silence) {
+TEST(command_line, each_quit_signal_ends_the_server_at_once_and_silently) {
     for (const int signal_number : {SIGTERM, SIGINT, SIGQUIT}) {
         ServerProcess server;
         const TimePoint start = SteadyClock::now();
@@ -282,7 +282,7 @@ TEST(command_line, the_socket_exists_while_the_server_runs_and_no_longer) {
     EXPECT_FALSE(std::filesystem::exists(CONTROL_SOCKET_PATH));
 }
 
-TEST(command_line, a_port_that_another_program_keeps_to_itself_prevents_the_start) {
+TEST(command_line, a_port_that_another_program_holds_exclusively_prevents_the_start) {
     const CleanSocketPath clean;
     {
         const PortOwner owner;
@@ -294,7 +294,7 @@ TEST(command_line, a_port_that_another_program_keeps_to_itself_prevents_the_star
     (void)connected_client();
 }
 
-TEST(command_line, a_second_instance_shares_the_port_and_takes_the_socket_path_over) {
+TEST(command_line, a_second_instance_shares_the_port_and_takes_over_the_socket_path) {
     const CleanSocketPath clean;
     ServerProcess first;
     ServerOptions options;
@@ -309,7 +309,7 @@ TEST(command_line, a_second_instance_shares_the_port_and_takes_the_socket_path_o
     EXPECT_FALSE(std::filesystem::exists(CONTROL_SOCKET_PATH));
 }
 
-TEST(command_line, no_descriptor_for_the_listener_ends_the_start_without_a_word) {
+TEST(command_line, a_missing_descriptor_for_the_listener_silently_ends_the_start) {
 #ifdef V9_COUNTS_COVERAGE
     GTEST_SKIP() << "the counters complain that they cannot be written without descriptors";
 #endif
@@ -344,7 +344,7 @@ TEST(command_line, closed_standard_descriptors_do_not_end_up_as_sockets) {
     }
 }
 
-TEST(command_line, closed_standard_descriptors_that_nothing_can_fill_end_the_start_without_a_word) {
+TEST(command_line, closed_standard_descriptors_that_cannot_be_replaced_silently_end_the_start) {
     const BareDev bare;
     const std::vector<std::vector<int>> rows = {{0}, {1}, {2}, {0, 1, 2}};
     for (const std::vector<int>& closed : rows) {
@@ -358,7 +358,7 @@ TEST(command_line, closed_standard_descriptors_that_nothing_can_fill_end_the_sta
     }
 }
 
-TEST(command_line, no_dev_null_does_not_prevent_the_start_with_open_standard_descriptors) {
+TEST(command_line, a_missing_dev_null_does_not_prevent_the_start_with_open_standard_descriptors) {
     const BareDev bare;
     ServerProcess server;
     (void)connected_client();

@@ -92,7 +92,7 @@ TEST(connect, both_applications_are_served) {
     server.wait_for_line("accepted app ombrex-live");
 }
 
-TEST(connect, one_slash_at_the_end_is_taken_off) {
+TEST(connect, one_slash_at_the_end_is_removed) {
     ServerProcess server;
     (void)connected_client("ombrex-live/");
     (void)connected_client("ombrex-output/");
@@ -115,7 +115,7 @@ TEST(connect, other_applications_are_refused_without_an_answer) {
     expect_rejected_app("%s%n", "%s%n");
 }
 
-TEST(connect, a_name_is_compared_to_its_end_but_shown_to_its_first_zero_byte) {
+TEST(connect, a_name_is_compared_whole_but_shown_up_to_its_first_zero_byte) {
     const std::string with_zero("ombrex-live\0x", 13);
     std::vector<std::string> lines = dump_of_app(LIVE);
     lines.emplace_back("rejected app ombrex-live");
@@ -168,7 +168,7 @@ TEST(connect, the_transaction_id_must_be_1) {
     }
 }
 
-TEST(connect, a_true_transaction_id_is_accepted_and_comes_back_as_it_was) {
+TEST(connect, a_true_transaction_id_is_accepted_and_echoed_unchanged) {
     ServerProcess server;
     for (const int byte : {1, 2, 255}) {
         RtmpClient client = handshaken_client();
@@ -178,7 +178,7 @@ TEST(connect, a_true_transaction_id_is_accepted_and_comes_back_as_it_was) {
     }
 }
 
-TEST(connect, a_request_that_is_cut_short_is_refused_in_silence) {
+TEST(connect, a_truncated_request_is_silently_refused) {
     EXPECT_EQ(lines_of_failure(amf_string("connect")), plus_drop({}));
     EXPECT_EQ(lines_of_failure(connect_with(amf_number(1), "")), plus_drop({})) << "only the transaction id";
     EXPECT_EQ(lines_of_failure(connect_with(amf_number(1).substr(0, 8), "")), plus_drop({}));
@@ -237,7 +237,7 @@ TEST(connect, a_refused_repeat_drops_the_client) {
     server.wait_for_lines({"rejected app x", "AMF0 error command", "Dropping connection"}, mark);
 }
 
-TEST(connect, the_answer_goes_to_a_client_in_byte_pieces_too) {
+TEST(connect, a_client_that_sends_byte_by_byte_gets_its_answer) {
     ServerProcess server;
     RtmpClient client = handshaken_client();
     client.send_in_pieces(chunked({.payload = connect_with(amf_number(1), app_object(amf_string(LIVE)))}), 1);

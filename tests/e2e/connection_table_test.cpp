@@ -66,7 +66,7 @@ TEST(connection_table, every_slot_comes_back) {
     EXPECT_THAT(bystander.round_trip(), IsEmpty());
 }
 
-TEST(connection_table, a_full_table_takes_as_many_as_have_left) {
+TEST(connection_table, a_full_table_accepts_as_many_clients_as_have_left) {
     ServerProcess server;
     Clients clients;
     add_clients(server, clients, MAX_CLIENTS);
@@ -87,7 +87,7 @@ TEST(connection_table, a_full_table_takes_as_many_as_have_left) {
     }
 }
 
-TEST(connection_table, a_full_table_goes_on_serving) {
+TEST(connection_table, a_full_table_keeps_serving) {
     ServerProcess server;
     RtmpClient player = playing_client("cam1");
     RtmpClient publisher = publishing_client("cam1");
@@ -101,7 +101,7 @@ TEST(connection_table, a_full_table_goes_on_serving) {
     EXPECT_EQ(server.count(REFUSAL), 30U);
 }
 
-TEST(connection_table, commands_sent_just_before_leaving_are_carried_out) {
+TEST(connection_table, commands_sent_just_before_leaving_are_executed) {
     ServerProcess server;
     RtmpClient client = handshaken_client();
     client.send_connect();
@@ -111,7 +111,7 @@ TEST(connection_table, commands_sent_just_before_leaving_are_carried_out) {
         {"accepted app ombrex-live", "Connection is publishing 'cam1'", "Dropping connection"});
 }
 
-TEST(connection_table, a_publisher_that_left_is_kept_until_its_held_media_is_out) {
+TEST(connection_table, a_publisher_that_left_is_kept_until_its_held_media_is_sent) {
     ServerProcess server;
     RtmpClient player = playing_client("cam1");
     MessageRecorder recorder(player);

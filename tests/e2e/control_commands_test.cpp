@@ -156,7 +156,7 @@ TEST(control_commands, hello_is_answered_with_a_question) {
     EXPECT_THAT(server.lines_since(mark), IsEmpty());
 }
 
-TEST(control_commands, unknown_commands_get_their_own_name_back_with_status_6_and_a_line_on_standard_error) {
+TEST(control_commands, unknown_commands_are_answered_with_their_name_and_status_6_and_print_a_line) {
     const ServerProcess server;
     for (const char* const command : {"foo", "", "Hello", "HELLO", "hello ", " hello", "hell", "helloo",
                                       "list", "List connections", "list connections ", "drop connection",
@@ -167,7 +167,7 @@ TEST(control_commands, unknown_commands_get_their_own_name_back_with_status_6_an
     }
 }
 
-TEST(control_commands, an_async_hello_is_met_with_silence) {
+TEST(control_commands, an_async_hello_gets_no_reply) {
     const ServerProcess server;
     const LineMark mark = server.mark();
     const ProgramRun run = run_tool({"raw", "--async", "hello"});
@@ -180,7 +180,7 @@ TEST(control_commands, an_async_hello_is_met_with_silence) {
     EXPECT_THAT(server.lines_since(mark), IsEmpty());
 }
 
-TEST(control_commands, an_async_unknown_command_is_printed_for_a_person_and_not_answered) {
+TEST(control_commands, an_async_unknown_command_is_dumped_in_readable_form_and_not_answered) {
     const ServerProcess server;
     const LineMark mark = server.mark();
     const ProgramRun run = run_tool({"raw", "--async", "foo bar", "cam1", "", "two\nlines\t\"quoted\""});
@@ -228,7 +228,7 @@ TEST(control_commands, a_connection_is_listed_with_slot_name_mode_size_bytes_and
     }
 }
 
-TEST(control_commands, a_player_is_listed_with_the_size_that_it_was_told) {
+TEST(control_commands, a_player_is_listed_with_the_size_that_it_was_sent) {
     const ServerProcess server;
     RtmpClient publisher = publishing_client("cam1");
     RtmpClient player = playing_client("cam1");
@@ -320,7 +320,7 @@ TEST(control_commands, a_full_table_is_listed_in_slot_order_and_all_unnamed_are_
     EXPECT_THAT(listed(), IsEmpty());
 }
 
-TEST(control_commands, the_list_is_in_slot_order_whoever_came_when) {
+TEST(control_commands, the_list_is_in_slot_order) {
     const ServerProcess server;
     Clients clients = silent_clients(server, SLOTS);
     for (const std::size_t leaving : {3U, 100U, 40U}) {
@@ -376,7 +376,7 @@ TEST(control_commands, an_id_keeps_its_lowest_32_bits) {
     EXPECT_THAT(listed(), SizeIs(5));
 }
 
-TEST(control_commands, what_is_no_id_of_a_slot_is_refused_with_status_6) {
+TEST(control_commands, an_invalid_slot_id_is_refused_with_status_6) {
     const ServerProcess server;
     const LineMark mark = server.mark();
     Clients clients = silent_clients(server, 8);
@@ -437,7 +437,7 @@ TEST(control_commands, an_empty_name_is_no_condition) {
     server.err().wait_for_count("Dropping connection", 2);
 }
 
-TEST(control_commands, a_connection_without_a_name_has_none_of_the_names_one_can_give) {
+TEST(control_commands, a_connection_without_a_name_matches_no_given_name) {
     const ServerProcess server;
     RtmpClient unnamed = connected_client();
     const std::string id = id_of(unnamed);
@@ -447,7 +447,7 @@ TEST(control_commands, a_connection_without_a_name_has_none_of_the_names_one_can
     unnamed.expect_closed_without_answer();
 }
 
-TEST(control_commands, a_publisher_whose_media_is_held_back_is_dropped_at_once_even_when_it_has_left) {
+TEST(control_commands, a_publisher_whose_media_is_held_is_dropped_at_once_even_if_it_has_left) {
     const ServerProcess server;
     for (const bool has_left : {false, true}) {
         RtmpClient publisher = publishing_client("cam1");
@@ -490,7 +490,7 @@ TEST(control_commands, all_connections_of_a_stream_are_dropped_and_no_other) {
     EXPECT_EQ(ask_raw(DROP_BY_NAME, {"cam1"}), dropped_reply(0)) << "they have gone";
 }
 
-TEST(control_commands, a_name_that_nobody_uses_drops_nobody) {
+TEST(control_commands, an_unused_name_drops_no_connection) {
     const ServerProcess server;
     RtmpClient publisher = publishing_client("cam1");
     RtmpClient unnamed = connected_client();
@@ -506,7 +506,7 @@ TEST(control_commands, a_name_that_nobody_uses_drops_nobody) {
     EXPECT_EQ(server.count("Dropping connection"), 0U);
 }
 
-TEST(control_commands, an_empty_name_and_no_name_stand_for_all_who_have_none) {
+TEST(control_commands, an_empty_or_absent_name_stands_for_all_connections_without_a_name) {
     const ServerProcess server;
     RtmpClient publisher = publishing_client("cam1");
     RtmpClient player = playing_client("cam1");
@@ -529,7 +529,7 @@ TEST(control_commands, an_empty_name_and_no_name_stand_for_all_who_have_none) {
 
 // ---- async
 
-TEST(control_commands, async_commands_are_not_carried_out) {
+TEST(control_commands, async_commands_are_not_executed) {
     const ServerProcess server;
     RtmpClient publisher = publishing_client("cam1");
     RtmpClient unnamed = connected_client();
@@ -564,7 +564,7 @@ TEST_F(control_commands_on_the_wire_test, a_reply_carries_the_id_of_its_request_
     }
 }
 
-TEST_F(control_commands_on_the_wire_test, requests_are_answered_in_their_order_sixty_four_at_a_service) {
+TEST_F(control_commands_on_the_wire_test, requests_are_answered_in_order_at_most_sixty_four_per_service) {
     constexpr std::uint64_t REQUESTS = 200;
     Bytes burst;
     for (std::uint64_t id = 1; id <= REQUESTS; ++id) {
@@ -579,7 +579,7 @@ TEST_F(control_commands_on_the_wire_test, requests_are_answered_in_their_order_s
     EXPECT_GE(elapsed_since(start), Milliseconds{300});
 }
 
-TEST_F(control_commands_on_the_wire_test, async_requests_get_no_reply_whatever_they_ask) {
+TEST_F(control_commands_on_the_wire_test, async_requests_never_get_a_reply) {
     Bytes requests;
     std::uint64_t id = 0;
     for (const char* const command : {"hello", "list connections", "drop connection by id",
@@ -592,7 +592,7 @@ TEST_F(control_commands_on_the_wire_test, async_requests_get_no_reply_whatever_t
     EXPECT_EQ(server.count("Unknown command 'nobody knows this'"), 1U);
 }
 
-TEST_F(control_commands_on_the_wire_test, a_packet_that_is_no_request_is_passed_over) {
+TEST_F(control_commands_on_the_wire_test, a_packet_that_is_not_a_request_is_skipped) {
     const LineMark mark = server.mark();
     RtmpClient client = connected_client();
     for (const std::uint32_t flags : {0U, CONTROL_ASYNC}) {
@@ -619,7 +619,7 @@ TEST_F(control_commands_on_the_wire_test, an_absent_argument_is_like_an_empty_na
 }
 
 TEST_F(control_commands_on_the_wire_test,
-       who_is_dropped_is_there_until_the_service_ends_and_not_at_the_next) {
+       a_dropped_connection_is_listed_until_the_service_ends_and_not_in_the_next) {
     RtmpClient publisher = publishing_client("cam1");
     RtmpClient player = playing_client("cam1");
     peer.send_bytes(control_request(1, DROP_BY_ID, {"0"}) + control_request(2, DROP_BY_NAME, {"cam1"}) +

@@ -91,7 +91,7 @@ TEST_P(control_examples_test, greets_lists_and_drops) {
     }
 }
 
-TEST_P(control_examples_test, fails_when_no_server_is_there) {
+TEST_P(control_examples_test, fails_when_no_server_is_running) {
     std::ofstream(SCRIPT) << page_client();
     std::filesystem::remove(CONTROL_SOCKET_PATH);
     const ProgramRun hello = ask({"hello"});
@@ -105,7 +105,7 @@ INSTANTIATE_TEST_SUITE_P(programs, control_examples_test,
                                          Example{"c_of_the_library", {V9_HELLO_EXAMPLE_PATH}, false}),
                          [](const testing::TestParamInfo<Example>& row) { return row.param.name; });
 
-TEST(control_examples, the_c_example_greets_when_it_is_told_nothing_else) {
+TEST(control_examples, the_c_example_greets_when_given_no_command) {
     const ServerProcess server;
     const ProgramRun hello = run_program({V9_HELLO_EXAMPLE_PATH, CONTROL_SOCKET_PATH});
     EXPECT_EQ(hello.end, (ProgramEnd{0, 0}));

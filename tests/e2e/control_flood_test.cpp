@@ -159,7 +159,7 @@ void expect_end(ControlPeer& peer) {
 
 }  // namespace
 
-TEST(control_flood, a_client_that_never_reads_and_one_that_sends_garbage_delay_neither_answers_nor_media) {
+TEST(control_flood, a_client_that_never_reads_and_one_that_sends_garbage_delay_neither_replies_nor_media) {
     ServerProcess server;
     TimedStream stream;
     (void)stream.run_for(Milliseconds{100});  // All that is printed about the stream itself.
@@ -203,7 +203,7 @@ TEST(control_flood, a_client_that_never_reads_and_one_that_sends_garbage_delay_n
               << " clients thrown out\n";
 }
 
-TEST(control_flood, sixty_clients_that_never_read_a_long_list_do_not_keep_hello_waiting) {
+TEST(control_flood, sixty_clients_that_never_read_a_long_list_do_not_delay_hello) {
     ServerProcess server;
     const std::vector<RtmpClient> publishers = publishers_with_long_names(6, 1000000);
     TimedStream stream;
@@ -223,7 +223,7 @@ TEST(control_flood, sixty_clients_that_never_read_a_long_list_do_not_keep_hello_
               << server.rss_kib() / 1024 << " MiB\n";
 }
 
-TEST(control_flood, sixty_clients_that_send_long_requests_do_not_keep_hello_waiting) {
+TEST(control_flood, sixty_clients_that_send_long_requests_do_not_delay_hello) {
     ServerProcess server;
     TimedStream stream;
     const Bytes request = control_request(1, "hello", {std::string(2000000, 'x')});
@@ -248,7 +248,7 @@ TEST(control_flood, sixty_clients_that_send_long_requests_do_not_keep_hello_wait
     std::cout << hellos.text() << "; lateness of media: " << lateness(disturbed).count() << " ms\n";
 }
 
-TEST(control_flood, clients_that_ask_and_leave_as_fast_as_they_can_lock_nobody_out) {
+TEST(control_flood, clients_that_ask_and_leave_as_fast_as_they_can_do_not_lock_out_others) {
     ServerProcess server;
     TimedStream stream;
     const Bytes request = control_request(1, "hello", {}, CONTROL_REQUEST | CONTROL_ASYNC);

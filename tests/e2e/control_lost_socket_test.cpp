@@ -77,7 +77,7 @@ Bytes hellos(std::uint64_t count) {
 
 // ---- who may connect
 
-TEST(control_socket, it_is_open_to_its_owner_and_group_whatever_the_umask_was) {
+TEST(control_socket, it_is_open_to_its_owner_and_group_whatever_the_umask) {
     for (const mode_t mask : {mode_t{0}, mode_t{022}, mode_t{0777}}) {
         const CleanSocketPath clean;
         const mode_t before = umask(mask);
@@ -91,7 +91,7 @@ TEST(control_socket, it_is_open_to_its_owner_and_group_whatever_the_umask_was) {
     }
 }
 
-TEST(control_socket, a_socket_that_was_left_over_is_replaced) {
+TEST(control_socket, a_stale_socket_is_replaced) {
     const CleanSocketPath clean;
     ServerProcess killed;
     const ControlPeer left_behind;
@@ -113,7 +113,7 @@ TEST(control_socket, a_file_in_its_place_is_replaced) {
 
 // ---- lost
 
-TEST(control_socket, when_its_path_is_removed_the_server_says_so_and_relays_on) {
+TEST(control_socket, when_its_path_is_removed_the_server_reports_it_and_keeps_relaying) {
     const CleanSocketPath clean;
     ServerProcess server;
     RtmpClient publisher = publishing_client("before");
@@ -132,7 +132,7 @@ TEST(control_socket, when_its_path_is_removed_the_server_says_so_and_relays_on) 
     EXPECT_EQ(server.count(LOST), 1U);
 }
 
-TEST(control_socket, what_took_its_place_stays_there) {
+TEST(control_socket, a_file_that_replaced_it_is_kept) {
     const CleanSocketPath clean;
     ServerProcess server;
     std::filesystem::remove(CONTROL_SOCKET_PATH);
@@ -168,7 +168,7 @@ TEST(control_socket, a_second_server_takes_it_over_and_keeps_it_when_the_first_e
     EXPECT_NE(inode, inode_of_first);
 }
 
-TEST(control_socket, a_server_that_never_lost_it_removes_it_at_its_end) {
+TEST(control_socket, a_server_that_never_lost_it_removes_it_when_it_ends) {
     const CleanSocketPath clean;
     ServerProcess server;
     expect_greeted();
@@ -179,7 +179,7 @@ TEST(control_socket, a_server_that_never_lost_it_removes_it_at_its_end) {
 
 // ---- clients that leave
 
-TEST(control_socket, a_client_that_leaves_before_its_answer_costs_a_line_and_nobody_else_anything) {
+TEST(control_socket, a_client_that_leaves_before_its_reply_causes_one_line_and_affects_no_other_client) {
     ServerProcess server;
     RtmpClient client = connected_client();
     ControlPeer stays;
@@ -196,7 +196,7 @@ TEST(control_socket, a_client_that_leaves_before_its_answer_costs_a_line_and_nob
     EXPECT_THAT(client.round_trip(), IsEmpty());
 }
 
-TEST(control_socket, what_was_asked_before_leaving_is_still_done) {
+TEST(control_socket, a_request_sent_before_leaving_is_still_executed) {
     ServerProcess server;
     RtmpClient client = connected_client();
     ControlPeer leaves;
@@ -209,7 +209,7 @@ TEST(control_socket, what_was_asked_before_leaving_is_still_done) {
     client.expect_closed_without_answer();
 }
 
-TEST(control_socket, a_client_that_only_stops_sending_gets_its_answers) {
+TEST(control_socket, a_client_that_only_stops_sending_gets_its_replies) {
     const ServerProcess server;
     ControlPeer peer;
     peer.send_bytes(hellos(3));
@@ -221,7 +221,7 @@ TEST(control_socket, a_client_that_only_stops_sending_gets_its_answers) {
     expect_greeted();
 }
 
-TEST(control_socket, half_a_request_and_the_end_is_no_request) {
+TEST(control_socket, a_request_cut_short_by_a_close_is_ignored) {
     const ServerProcess server;
     const RtmpClient client = connected_client();
     const LineMark mark = server.mark();
@@ -237,7 +237,7 @@ TEST(control_socket, half_a_request_and_the_end_is_no_request) {
     EXPECT_THAT(server.lines_since(mark), IsEmpty());
 }
 
-TEST(control_socket, the_sixty_fifth_client_is_turned_away_and_takes_a_place_that_becomes_free) {
+TEST(control_socket, the_sixty_fifth_client_is_refused_until_another_one_leaves) {
     constexpr std::size_t PLACES = 64;
     const ServerProcess server;
     std::vector<ControlPeer> peers;
@@ -259,7 +259,7 @@ TEST(control_socket, the_sixty_fifth_client_is_turned_away_and_takes_a_place_tha
 
 // ---- the end
 
-TEST(control_socket, requests_that_wait_at_the_end_are_not_answered_and_the_end_is_orderly) {
+TEST(control_socket, requests_that_wait_at_shutdown_are_not_answered_and_shutdown_is_orderly) {
     ServerProcess server;
     RtmpClient client = connected_client();
     ControlPeer peer;
@@ -275,7 +275,7 @@ TEST(control_socket, requests_that_wait_at_the_end_are_not_answered_and_the_end_
     EXPECT_FALSE(std::filesystem::exists(CONTROL_SOCKET_PATH));
 }
 
-TEST(control_socket, an_end_in_the_middle_of_many_requests_is_orderly) {
+TEST(control_socket, a_shutdown_in_the_middle_of_many_requests_is_orderly) {
     ServerProcess server;
     ControlPeer peer;
     peer.send_bytes(hellos(2000));

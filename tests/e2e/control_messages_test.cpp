@@ -235,7 +235,7 @@ TEST(acknowledgement, the_handshake_counts_towards_the_first_window) {
     EXPECT_EQ(client.expect_acknowledgement(), all_bytes + 1) << "the next byte fills the window";
 }
 
-TEST(set_chunk_size, is_told_back_and_then_acknowledged) {
+TEST(set_chunk_size, is_echoed_and_then_acknowledged) {
     ServerProcess server;
     RtmpClient client = handshaken_client();
     client.send_message(
@@ -245,7 +245,7 @@ TEST(set_chunk_size, is_told_back_and_then_acknowledged) {
     server.wait_for_line("RTMP: New chunk size 4096 accepted");
 }
 
-TEST(set_chunk_size, bytes_behind_the_number_are_told_back_too) {
+TEST(set_chunk_size, bytes_after_the_number_are_echoed_too) {
     ServerProcess server;
     RtmpClient client = handshaken_client();
     const Bytes payload = be32(200) + pattern_bytes(150);
@@ -280,7 +280,7 @@ TEST(set_chunk_size, less_than_4_bytes_are_refused) {
     }
 }
 
-TEST(set_chunk_size, is_taken_for_no_such_message_on_other_chunk_streams_and_message_streams) {
+TEST(set_chunk_size, is_not_recognized_on_other_chunk_streams_and_message_streams) {
     ServerProcess server;
     RtmpClient client = handshaken_client();
     client.send_message({.type = MSG_SET_CHUNK_SIZE, .payload = be32(4096), .csid = 3});
@@ -293,7 +293,7 @@ TEST(set_chunk_size, is_taken_for_no_such_message_on_other_chunk_streams_and_mes
     EXPECT_EQ(server.err().count_starting("RTMP: New chunk size"), 0U);
 }
 
-TEST(control_messages, acknowledgements_and_user_control_are_taken_in_silence) {
+TEST(control_messages, acknowledgements_and_user_control_are_silently_accepted) {
     ServerProcess server;
     RtmpClient client = handshaken_client();
     (void)client.round_trip();

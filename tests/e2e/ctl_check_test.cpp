@@ -31,7 +31,7 @@ std::string time_and(const std::string& event) {
 
 }  // namespace
 
-TEST(ctl_check, sends_a_stream_through_the_server_and_says_what_would_bite_later) {
+TEST(ctl_check, sends_a_stream_through_the_server_and_warns_of_future_problems) {
     ServerProcess server;
     const ProgramRun run = run_tool({"check", "--publish-test"});
     // The test reads the server's standard error through a pipe.
@@ -41,7 +41,7 @@ TEST(ctl_check, sends_a_stream_through_the_server_and_says_what_would_bite_later
          {"ok: control socket: it answered in ", "ok: list: listed in ",
           "ok: slots: 0 of 128 slots are used\n", " alone listens on it\n", "ok: RTMP: handshake in ",
           "ok: relay: a message came through in ",
-          "ok: descriptors: ", "ok: threads: ", "warning: log: standard error leads to a pipe"}) {
+          "ok: descriptors: ", "ok: threads: ", "warning: log: standard error goes to a pipe"}) {
         EXPECT_THAT(run.out, HasSubstr(line));
     }
     EXPECT_THAT(run.out, Not(HasSubstr("critical: ")));
@@ -50,28 +50,27 @@ TEST(ctl_check, sends_a_stream_through_the_server_and_says_what_would_bite_later
     EXPECT_EQ(server.err().count_starting("Hrmph"), 0U);
 }
 
-TEST(ctl_check, a_server_whose_socket_a_second_start_took_is_reported_with_its_process) {
+TEST(ctl_check, a_server_whose_socket_is_gone_is_reported_with_its_process) {
     ServerProcess server;
     std::filesystem::remove("/var/run/v9_rtmp_server.socket");
     const ProgramRun run = run_tool({"check", "--quiet"});
     EXPECT_EQ(run.end, (ProgramEnd{CRITICAL, 0}));
-    EXPECT_THAT(
-        run.out,
-        HasSubstr("critical: control socket: there is no socket at /var/run/v9_rtmp_server.socket; "
-                  "process " +
-                  std::to_string(server.pid()) +
-                  " listens on port 1935 all the same. If that is a v9_rtmp_server, a second start took "
-                  "its control socket: stop it, then start it again.\n"));
+    EXPECT_THAT(run.out,
+                HasSubstr("critical: control socket: there is no socket at /var/run/v9_rtmp_server.socket; "
+                          "process " +
+                          std::to_string(server.pid()) +
+                          " still listens on port 1935. If that is a v9_rtmp_server, a second start took "
+                          "its control socket: stop it, then start it again.\n"));
 }
 
-TEST(ctl_check, a_service_gets_its_control_socket_back_without_a_restart) {
+TEST(ctl_check, the_advice_restores_the_control_socket_of_a_service_without_a_restart) {
     ServerProcess server;
     std::filesystem::remove("/var/run/v9_rtmp_server.socket");
     std::filesystem::create_directory("/run/v9-rtmp-server");
     for (const char* const command : {"check", "hello"}) {
         const ProgramRun run = run_tool({command});
         EXPECT_THAT(run.out + run.err,
-                    HasSubstr("'systemd-tmpfiles --create v9-rtmp-server.conf' as root brings it back."));
+                    HasSubstr("'systemd-tmpfiles --create v9-rtmp-server.conf' as root restores it."));
     }
 }
 
@@ -105,13 +104,13 @@ TEST(ctl_check, a_second_process_on_the_port_is_critical) {
     EXPECT_THAT(run.out, HasSubstr("critical: port: 2 processes listen on port 1935"));
 }
 
-TEST(ctl_check, what_it_does_not_understand_is_unknown) {
+TEST(ctl_check, a_usage_error_is_unknown) {
     for (const char* const word : {"--no-such-option", "--rtmp=nowhere", "word"}) {
         EXPECT_EQ(run_tool({"check", word}).end, (ProgramEnd{UNKNOWN, 0})) << word;
     }
 }
 
-TEST(ctl_events, tell_of_each_client_and_run_a_program_for_each) {
+TEST(ctl_events, report_each_client_and_run_a_program_for_each) {
     ServerProcess server;
     const std::string hook = "/run/hook";
     std::ofstream(hook) << "#!/bin/sh\necho \"$V9_EVENT $V9_STREAM $V9_MODE\" >> /run/hook.out\n";
@@ -153,7 +152,7 @@ TEST(ctl_events, tell_of_each_client_and_run_a_program_for_each) {
     std::filesystem::remove("/run/hook.out");
 }
 
-TEST(ctl_events, end_after_the_program_that_runs_although_more_events_wait) {
+TEST(ctl_events, end_after_the_running_program_although_more_events_wait) {
     ServerProcess server;
     const std::string hook = "/run/hook";
     const std::string output = hook + ".out";

@@ -111,7 +111,7 @@ class OtherServer {
 
 // ---- what it prints
 
-TEST(ctl, hello_tells_the_greeting_and_the_round_trip) {
+TEST(ctl, hello_prints_the_greeting_and_the_round_trip_time) {
     const ServerProcess server;
     const ProgramRun people = run_tool({"hello"});
     expect_done(people);
@@ -125,7 +125,7 @@ TEST(ctl, hello_tells_the_greeting_and_the_round_trip) {
                                        "\"listeners\":\\[[0-9]+\\],\"notes\":\\[\\]\\}\n"));
 }
 
-TEST(ctl, hello_tells_that_two_servers_share_the_port) {
+TEST(ctl, hello_reports_that_two_servers_share_the_port) {
     const ServerProcess first;
     ServerOptions options;
     options.beside_another = true;
@@ -139,7 +139,7 @@ TEST(ctl, hello_tells_that_two_servers_share_the_port) {
                 HasSubstr("control socket belongs to process " + std::to_string(second.pid()) + "."));
 }
 
-TEST(ctl, hello_tells_that_another_process_listens_than_the_one_that_answers) {
+TEST(ctl, hello_reports_that_the_process_that_answers_is_not_the_one_that_listens) {
     const ServerProcess server;
     const OtherServer other(control_reply({0, 1, 0, "hello", "Hi", {}}));
     const ProgramRun run = run_tool({path_with_socket(OTHER_SOCKET), "hello", "--plain"});
@@ -148,17 +148,17 @@ TEST(ctl, hello_tells_that_another_process_listens_than_the_one_that_answers) {
                                    std::to_string(server.pid()) + " listens on port 1935"));
 }
 
-TEST(ctl, hello_tells_that_a_server_without_control_socket_listens) {
+TEST(ctl, hello_reports_that_a_server_without_control_socket_listens) {
     const ServerProcess server;
     std::filesystem::remove(CONTROL_SOCKET_PATH);
     const ProgramRun run = run_tool({"hello"});
     EXPECT_EQ(run.end, (ProgramEnd{NOT_RUNNING, 0}));
     EXPECT_THAT(run.err, HasSubstr("there is no socket at"));
     EXPECT_THAT(run.err,
-                HasSubstr("process " + std::to_string(server.pid()) + " listens on port 1935 all the same"));
+                HasSubstr("process " + std::to_string(server.pid()) + " still listens on port 1935"));
 }
 
-TEST(ctl, a_mistyped_socket_path_speaks_against_no_server) {
+TEST(ctl, a_mistyped_socket_path_gives_no_advice_to_stop_the_server) {
     const ServerProcess server;
     for (const char* const path : {"/etc/passwd", "/run/missing"}) {
         const ProgramRun run = run_tool({path_with_socket(path), "hello"});
@@ -167,22 +167,22 @@ TEST(ctl, a_mistyped_socket_path_speaks_against_no_server) {
     }
 }
 
-TEST(ctl, plain_hello_tells_on_standard_error_what_it_could_not_find_out) {
+TEST(ctl, plain_hello_reports_on_standard_error_what_it_could_not_find_out) {
     const ServerProcess server;
     const ProgramRun run = run_program({"unshare", "--pid", "--fork", tool_path(), "--plain", "hello"});
     EXPECT_EQ(run.end, (ProgramEnd{DONE, 0}));
     EXPECT_THAT(run.out, MatchesRegex("How are you\\?\t[0-9.]+\n"));
-    EXPECT_THAT(run.err, HasSubstr("v9_rtmp_ctl: Who listens on port 1935 is not known"));
+    EXPECT_THAT(run.err, HasSubstr("v9_rtmp_ctl: It is not known which process listens on port 1935"));
 }
 
-TEST(ctl, hello_looks_at_the_network_of_the_server_that_answers) {
+TEST(ctl, hello_checks_the_network_of_the_server_that_answers) {
     const ServerProcess server;
     const ProgramRun run = run_program({"unshare", "--net", tool_path(), "hello"});
     expect_done(run);
     EXPECT_THAT(run.out, MatchesRegex("How are you\\? [^\n]+\n"));
 }
 
-TEST(ctl, the_socket_can_be_named_in_the_environment) {
+TEST(ctl, the_socket_can_be_set_in_the_environment) {
     const OtherServer server(control_reply({0, 1, 0, "hello", "Hi", {}}));
     EXPECT_THAT(run_tool({"hello", "--plain"}, {.environment = {"V9_RTMP_SOCKET=" + OTHER_SOCKET}}).out,
                 StartsWith("Hi\t"));
@@ -223,7 +223,7 @@ TEST(ctl, list_prints_a_table_for_people_and_the_servers_own_fields_for_scripts)
                   shaken.local_address() + "\"}]}\n");
 }
 
-TEST(ctl, list_picks_by_mode_and_by_stream) {
+TEST(ctl, list_filters_by_mode_and_by_stream) {
     const ServerProcess server;
     const RtmpClient player = playing_client("cam2");
     const RtmpClient publisher = publishing_client("cam1");
@@ -303,7 +303,7 @@ TEST(ctl, streams_prints_publisher_players_size_and_rivals) {
                 AllOf(HasSubstr("\"publisher_is_guess\":true"), HasSubstr("\"bits_in_per_second\":")));
 }
 
-TEST(ctl, names_from_strangers_cannot_reach_the_terminal_as_they_are) {
+TEST(ctl, untrusted_names_are_escaped_on_the_terminal) {
     const OtherServer server(
         control_reply({0,
                        1,
@@ -318,7 +318,7 @@ TEST(ctl, names_from_strangers_cannot_reach_the_terminal_as_they_are) {
 
 // ---- what it drops
 
-TEST(ctl, drop_id_drops_the_connection_and_says_whose_it_was) {
+TEST(ctl, drop_id_drops_the_connection_and_prints_its_stream) {
     const ServerProcess server;
     RtmpClient publisher = publishing_client("cam1");
     RtmpClient player = playing_client("cam1");
@@ -336,7 +336,7 @@ TEST(ctl, drop_id_drops_the_connection_and_says_whose_it_was) {
     expect_failure(run_tool({"drop", "id", "0"}), NEGATIVE_ANSWER, "there is no connection 0");
 }
 
-TEST(ctl, several_ids_are_all_tried_and_the_worst_status_is_told) {
+TEST(ctl, several_ids_are_all_tried_and_the_worst_status_is_returned) {
     const ServerProcess server;
     RtmpClient first = publishing_client("cam1");
     RtmpClient second = playing_client("cam1");
@@ -356,7 +356,7 @@ TEST(ctl, several_ids_are_all_tried_and_the_worst_status_is_told) {
     third.expect_closed_without_answer();
 }
 
-TEST(ctl, drop_address_drops_what_comes_from_a_prefix) {
+TEST(ctl, drop_address_drops_connections_from_a_prefix) {
     const ServerProcess server;
     ClientOptions other_address;
     other_address.local_address = "127.0.1.1";
@@ -379,14 +379,14 @@ TEST(ctl, drop_address_drops_what_comes_from_a_prefix) {
                    "no connection matches");
 }
 
-TEST(ctl, an_id_is_looked_at_before_anything_is_sent) {
+TEST(ctl, an_id_is_checked_before_anything_is_sent) {
     // There is no server, and none is needed.
     for (const char* const id : {"128", "5x", "x5", "-1", "", " 5", "+5", "4294967301", "0x3"}) {
         expect_failure(run_tool({"drop", "id", "--", id}), USAGE, "is not a connection id");
     }
 }
 
-TEST(ctl, drop_stream_needs_force_where_nobody_can_be_asked) {
+TEST(ctl, drop_stream_needs_force_without_a_terminal) {
     const ServerProcess server;
     RtmpClient publisher = publishing_client("cam1");
     RtmpClient player = playing_client("cam1");
@@ -408,7 +408,7 @@ TEST(ctl, drop_stream_needs_force_where_nobody_can_be_asked) {
                    "no connection publishes or plays 'cam1'");
 }
 
-TEST(ctl, drop_stream_asks_on_a_terminal_and_does_what_is_answered) {
+TEST(ctl, drop_stream_asks_on_a_terminal_and_follows_the_answer) {
     const ServerProcess server;
     RtmpClient player = playing_client("cam1");
     for (const char* const answer : {"n\n", "\n", "nonsense\n", "\x04"}) {
@@ -427,7 +427,7 @@ TEST(ctl, drop_stream_asks_on_a_terminal_and_does_what_is_answered) {
     player.expect_closed_without_answer();
 }
 
-TEST(ctl, those_without_a_stream_are_dropped_only_by_the_word_for_it) {
+TEST(ctl, connections_without_a_stream_are_dropped_only_by_drop_unnamed) {
     const ServerProcess server;
     RtmpClient publisher = publishing_client("cam1");
     RtmpClient unnamed = connected_client();
@@ -463,7 +463,7 @@ TEST(ctl, raw_passes_arguments_as_they_are_given) {
     }
 }
 
-TEST(ctl, raw_shows_bytes_that_are_no_text_as_replacement_characters) {
+TEST(ctl, raw_shows_invalid_text_as_replacement_characters) {
     const ServerProcess server;
     const ProgramRun run = run_tool({"raw", "f\xff\xc3\xa4\"\\o"});
     expect_done(run);
@@ -504,7 +504,7 @@ TEST(ctl, wrong_usage_is_status_2) {
     }
 }
 
-TEST(ctl, no_socket_and_nothing_behind_it_are_status_3) {
+TEST(ctl, a_missing_socket_and_a_stale_one_are_status_3) {
     std::filesystem::remove(CONTROL_SOCKET_PATH);
     for (const std::vector<std::string>& words :
          std::vector<std::vector<std::string>>{{"hello"},
@@ -535,7 +535,7 @@ TEST(ctl, a_socket_that_this_user_may_not_use_is_status_4) {
     }
 }
 
-TEST(ctl, a_server_that_says_nothing_is_status_5_after_the_timeout) {
+TEST(ctl, a_server_that_does_not_answer_is_status_5_after_the_timeout) {
     const OtherServer server;
     for (const char* const command : {"hello", "list"}) {
         const ProgramRun run = run_tool({path_with_socket(OTHER_SOCKET), "--timeout", "0.4", command});
@@ -545,7 +545,7 @@ TEST(ctl, a_server_that_says_nothing_is_status_5_after_the_timeout) {
     }
 }
 
-TEST(ctl, an_answer_that_is_none_is_status_5) {
+TEST(ctl, an_invalid_answer_is_status_5) {
     struct Case {
         Bytes answer;
         const char* reason;

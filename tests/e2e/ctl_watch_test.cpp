@@ -125,7 +125,7 @@ class ctl_watch_test : public testing::Test {
 
 // ---- what it shows
 
-TEST_F(ctl_watch_test, a_frame_shows_the_streams_that_run_and_who_is_connected) {
+TEST_F(ctl_watch_test, a_frame_shows_the_streams_and_the_connections) {
     TerminalProgram watch(watch_command());
     expect_whole_frame(watch);
     for (const std::string& row : watch.screen().rows()) {
@@ -133,7 +133,7 @@ TEST_F(ctl_watch_test, a_frame_shows_the_streams_that_run_and_who_is_connected) 
     }
 }
 
-TEST_F(ctl_watch_test, it_shows_who_comes_and_goes_and_the_rates) {
+TEST_F(ctl_watch_test, it_shows_clients_that_connect_and_leave_and_the_rates) {
     TerminalProgram watch(watch_command());
     expect_whole_frame(watch);
     {
@@ -229,7 +229,7 @@ TEST_F(ctl_watch_test, the_drop_key_asks_first) {
     EXPECT_EQ(server.count("Dropping connection"), 1U);
 }
 
-TEST_F(ctl_watch_test, a_yes_drops_nobody_who_changed_while_the_question_waited) {
+TEST_F(ctl_watch_test, a_yes_drops_no_connection_that_changed_while_the_question_waited) {
     TerminalProgram watch(watch_command());
     expect_whole_frame(watch);
     watch.type("d3\r");
@@ -297,7 +297,7 @@ TEST_F(ctl_watch_test, the_view_key_shows_either_table_alone) {
     shows("both", true, true);
 }
 
-TEST_F(ctl_watch_test, options_pick_what_it_shows) {
+TEST_F(ctl_watch_test, options_select_what_it_shows) {
     std::vector<std::string> command = watch_command();
     command.insert(command.end(), {"--mode", "play", "--unit", "bits"});
     TerminalProgram watch(command);
@@ -307,7 +307,7 @@ TEST_F(ctl_watch_test, options_pick_what_it_shows) {
     EXPECT_THAT(rows, Not(Contains(HasSubstr(" publish "))));
 }
 
-TEST_F(ctl_watch_test, the_filter_key_leaves_what_contains_the_text) {
+TEST_F(ctl_watch_test, the_filter_key_keeps_lines_that_contain_the_text) {
     const RtmpClient other = playing_client("garden");
     TerminalProgram watch(watch_command());
     (void)watch.wait_for_text("garden");
@@ -336,7 +336,7 @@ TEST_F(ctl_watch_test, the_pause_key_keeps_the_frame_until_it_is_pressed_again) 
     EXPECT_THAT(rows[1], Not(HasSubstr("PAUSED")));
 }
 
-TEST_F(ctl_watch_test, the_sort_key_goes_through_the_orders) {
+TEST_F(ctl_watch_test, the_sort_key_cycles_through_the_orders) {
     const RtmpClient first_by_name = playing_client("a_stream");
     TerminalProgram watch(watch_command());
     const auto shows_order = [&watch](const std::string& name, const std::string& first,
@@ -365,14 +365,14 @@ TEST_F(ctl_watch_test, the_sort_key_goes_through_the_orders) {
 
 // ---- how it ends
 
-TEST_F(ctl_watch_test, it_leaves_the_terminal_as_it_was_when_q_is_pressed) {
+TEST_F(ctl_watch_test, it_restores_the_terminal_when_q_is_pressed) {
     TerminalProgram watch(watch_command());
     expect_whole_frame(watch);
     watch.type("q");
     expect_left_in_order(watch);
 }
 
-TEST_F(ctl_watch_test, it_leaves_the_terminal_as_it_was_when_ctrl_c_is_pressed) {
+TEST_F(ctl_watch_test, it_restores_the_terminal_when_ctrl_c_is_pressed) {
     for (const std::string& key : {CTRL_C, CTRL_BACKSLASH}) {
         TerminalProgram watch(watch_command());
         expect_whole_frame(watch);
@@ -381,7 +381,7 @@ TEST_F(ctl_watch_test, it_leaves_the_terminal_as_it_was_when_ctrl_c_is_pressed) 
     }
 }
 
-TEST_F(ctl_watch_test, it_leaves_the_terminal_as_it_was_when_it_is_ended_from_outside) {
+TEST_F(ctl_watch_test, it_restores_the_terminal_when_it_is_terminated) {
     for (const int number : {SIGTERM, SIGINT, SIGHUP, SIGUSR1, SIGUSR2, SIGALRM, SIGVTALRM, SIGPROF, SIGXCPU,
                              SIGXFSZ, SIGPIPE, SIGIO, SIGPWR, SIGSTKFLT, SIGRTMIN, SIGRTMAX}) {
         TerminalProgram watch(watch_command());
@@ -391,7 +391,7 @@ TEST_F(ctl_watch_test, it_leaves_the_terminal_as_it_was_when_it_is_ended_from_ou
     }
 }
 
-TEST_F(ctl_watch_test, it_leaves_the_terminal_as_it_was_in_the_middle_of_a_question) {
+TEST_F(ctl_watch_test, it_restores_the_terminal_in_the_middle_of_a_question) {
     for (const char* const keys : {"/cam", "d1", "d1\r", "?"}) {
         TerminalProgram watch(watch_command());
         expect_whole_frame(watch);
@@ -401,7 +401,7 @@ TEST_F(ctl_watch_test, it_leaves_the_terminal_as_it_was_in_the_middle_of_a_quest
     }
 }
 
-TEST_F(ctl_watch_test, it_leaves_the_terminal_as_it_was_while_no_server_runs) {
+TEST_F(ctl_watch_test, it_restores_the_terminal_while_no_server_runs) {
     server.stop();
     TerminalProgram watch(watch_command());
     (void)watch.wait_for_text("Trying again.");
@@ -409,7 +409,7 @@ TEST_F(ctl_watch_test, it_leaves_the_terminal_as_it_was_while_no_server_runs) {
     expect_left_in_order(watch);
 }
 
-TEST_F(ctl_watch_test, it_gives_the_terminal_back_while_it_is_stopped_and_takes_it_again) {
+TEST_F(ctl_watch_test, it_releases_the_terminal_while_it_is_stopped_and_then_takes_it_again) {
     TerminalProgram watch(watch_command());
     expect_whole_frame(watch);
     const std::vector<std::function<void()>> ways_to_stop = {
@@ -481,7 +481,7 @@ TEST_F(ctl_watch_test, it_ends_while_its_terminal_takes_no_output) {
     }
 }
 
-TEST_F(ctl_watch_test, it_goes_on_once_its_terminal_takes_output_again) {
+TEST_F(ctl_watch_test, it_continues_once_its_terminal_takes_output_again) {
     TerminalProgram watch(watch_command());
     expect_whole_frame(watch);
     watch.stop_taking_output();
@@ -523,7 +523,7 @@ TEST_F(ctl_watch_test, off_a_terminal_it_prints_a_frame_per_interval) {
     EXPECT_EQ(watch.err().raw_text(), "");
 }
 
-TEST_F(ctl_watch_test, a_terminal_that_can_do_nothing_gets_a_frame_per_interval_too) {
+TEST_F(ctl_watch_test, a_dumb_terminal_gets_a_frame_per_interval_too) {
     TerminalProgram watch(watch_command(), {"TERM=dumb"});
     (void)watch.wait_for_text("cam1");
     watch.type(CTRL_C);
@@ -531,7 +531,7 @@ TEST_F(ctl_watch_test, a_terminal_that_can_do_nothing_gets_a_frame_per_interval_
     EXPECT_THAT(watch.raw_text(), Not(HasSubstr("\x1b")));
 }
 
-TEST_F(ctl_watch_test, json_frames_are_one_document_a_line) {
+TEST_F(ctl_watch_test, json_frames_are_one_document_per_line) {
     std::vector<std::string> command = watch_command();
     command.emplace_back("--json");
     ProgramProcess watch(command);

@@ -124,7 +124,7 @@ std::string dropped(const std::string& rule, const std::string& reason) {
 
 }  // namespace
 
-TEST_F(watchdog, a_player_that_never_reads_is_dropped_and_the_others_notice_nothing) {
+TEST_F(watchdog, a_player_that_never_reads_is_dropped_and_the_others_are_not_affected) {
     ServerProcess server;
     LivePair live(fast_stream());
     RtmpClient stuck = playing_client("live", small_buffer());
@@ -163,7 +163,7 @@ TEST_F(watchdog, a_lone_player_that_stops_reading_is_dropped) {
     EXPECT_EQ(sending.failure(), "");
 }
 
-TEST_F(watchdog, a_player_that_trickles_is_dropped_beside_others_and_alone) {
+TEST_F(watchdog, a_player_that_reads_too_slowly_is_dropped_beside_others_and_alone) {
     ServerProcess server;
     LivePair live(fast_stream());
     RtmpClient beside = playing_client("live", small_buffer());
@@ -282,7 +282,7 @@ TEST_F(watchdog,
     EXPECT_EQ(waiting.failure(), "");
 }
 
-TEST_F(watchdog, clients_that_do_no_harm_are_left_alone) {
+TEST_F(watchdog, harmless_clients_are_kept) {
     ServerProcess server;
     LivePair live;
     // It is sent twice the bytes: chunks of one byte have a header of one byte each.
@@ -383,7 +383,7 @@ TEST_F(watchdog, a_client_of_a_restarted_server_is_not_as_old_as_the_one_that_ha
     EXPECT_THAT(dog.lines(), SizeIs(1));
 }
 
-TEST_F(watchdog, it_waits_for_a_server_that_is_not_there_and_says_so_once) {
+TEST_F(watchdog, it_waits_for_a_server_that_is_not_running_and_reports_it_once) {
     Watchdog dog(with(ALL_OFF, {"--unnamed", "1"}));
     std::string trouble;
     dog.err().wait_for_line_starting("v9_rtmp_ctl: there is no socket at", 0, &trouble);
@@ -404,7 +404,7 @@ TEST_F(watchdog, it_waits_for_a_server_that_is_not_there_and_says_so_once) {
     dog.stop();
 }
 
-TEST_F(watchdog, a_dry_run_drops_no_client_and_says_once_whom_it_would_drop) {
+TEST_F(watchdog, a_dry_run_drops_no_client_and_names_each_candidate_once) {
     ServerProcess server;
     RtmpClient player = playing_client(std::string(201, 'a'));
     Watchdog dog(with(ALL_OFF, {"--dry-run"}));
@@ -415,7 +415,7 @@ TEST_F(watchdog, a_dry_run_drops_no_client_and_says_once_whom_it_would_drop) {
     EXPECT_THAT(player.round_trip(), IsEmpty());
 }
 
-TEST_F(watchdog, only_one_keeps_its_state_in_a_directory_and_a_dry_run_leaves_that_alone) {
+TEST_F(watchdog, only_one_keeps_its_state_in_a_directory_and_a_dry_run_does_not_touch_it) {
     ServerProcess server;
     const RtmpClient player = playing_client(std::string(201, 'a'));
     Watchdog dog(with(ALL_OFF, {"--long-name", "300"}));
@@ -454,7 +454,7 @@ TEST_F(watchdog, that_was_stopped_says_so_and_one_that_was_killed_does_not) {
     EXPECT_THAT(metrics(), HasSubstr("v9_rtmp_watchdog_drops_total{"));
 }
 
-TEST_F(watchdog, publishers_from_elsewhere_are_dropped_and_what_was_done_is_counted) {
+TEST_F(watchdog, publishers_from_elsewhere_are_dropped_and_the_drops_are_counted) {
     ServerProcess server;
     const RtmpClient publisher = publishing_client("cam1");
     const RtmpClient player = playing_client("cam1");
@@ -499,7 +499,7 @@ TEST_F(watchdog, many_clients_with_names_of_a_megabyte_are_dropped_in_little_mem
     EXPECT_LT(std::filesystem::file_size(STATE + "/history.json"), 100000U);
 }
 
-TEST_F(watchdog, it_goes_on_when_nothing_can_be_kept) {
+TEST_F(watchdog, it_continues_when_its_state_cannot_be_saved) {
     std::ofstream(STATE) << "a file and no directory";
     ServerProcess server;
     const RtmpClient unnamed;
@@ -508,5 +508,5 @@ TEST_F(watchdog, it_goes_on_when_nothing_can_be_kept) {
     dog.stop();
     ASSERT_THAT(dog.err().lines_since(), SizeIs(1));
     EXPECT_THAT(dog.err().lines_since()[0],
-                StartsWith("v9_rtmp_ctl: warning: nothing can be kept in /run/watchdog (Not a directory)"));
+                StartsWith("v9_rtmp_ctl: warning: no state can be saved in /run/watchdog (Not a directory)"));
 }

@@ -59,7 +59,7 @@ TEST(dispatch, an_unknown_command_is_named_and_drops_the_connection) {
     }
 }
 
-TEST(dispatch, a_command_that_starts_with_no_string_has_an_empty_name) {
+TEST(dispatch, a_command_that_does_not_start_with_a_string_has_an_empty_name) {
     for (const Bytes& first :
          {amf_number(20), amf_null(), amf_boolean(1), amf_object({{"a", amf_string("connect")}}),
           bytes_of({AMF_OBJECT_END}), amf_string("")}) {
@@ -74,7 +74,7 @@ TEST(dispatch, a_name_that_cannot_be_decoded_drops_the_connection) {
               (Lines{"AMF0 error command", "Dropping connection", "Disposing old stream ''"}));
 }
 
-TEST(dispatch, a_name_is_shown_to_its_first_zero_byte_and_compared_to_its_end) {
+TEST(dispatch, a_name_is_shown_up_to_its_first_zero_byte_but_compared_whole) {
     EXPECT_EQ(
         lines_of_failure(amf_string(std::string("connect\0", 8)) + amf_number(1) + amf_object({})).at(0),
         "Unknown command 'connect'");
@@ -105,7 +105,7 @@ TEST(dispatch, media_from_a_client_that_does_not_publish_is_ignored) {
     EXPECT_TRUE(player.round_trip().empty()) << "nothing of it was relayed";
 }
 
-TEST(dispatch, a_failed_message_does_not_keep_those_behind_it_from_being_handled) {
+TEST(dispatch, messages_after_a_failed_one_are_still_handled) {
     ServerProcess server;
     RtmpClient publisher = publishing_client("cam1");
     const LineMark mark = server.mark();
@@ -130,7 +130,7 @@ TEST(dispatch, a_failed_message_does_not_keep_those_behind_it_from_being_handled
     EXPECT_NE(stream_id_line, "");
 }
 
-TEST(dispatch, a_message_ahead_of_the_clock_holds_back_the_commands_behind_it) {
+TEST(dispatch, a_message_ahead_of_the_clock_holds_back_the_commands_after_it) {
     ServerProcess server;
     RtmpClient publisher = publishing_client("cam1");
     const TimePoint start = SteadyClock::now();
@@ -140,7 +140,7 @@ TEST(dispatch, a_message_ahead_of_the_clock_holds_back_the_commands_behind_it) {
     EXPECT_GE(elapsed_since(start), Milliseconds{490});
 }
 
-TEST(dispatch, a_client_that_leaves_is_noticed_at_once) {
+TEST(dispatch, a_client_that_leaves_is_detected_at_once) {
     ServerProcess server;
     RtmpClient client = connected_client();
     const LineMark mark = server.mark();
@@ -150,7 +150,7 @@ TEST(dispatch, a_client_that_leaves_is_noticed_at_once) {
                             "Disposing old stream ''"));
 }
 
-TEST(dispatch, a_publisher_on_another_message_stream_is_noted_once) {
+TEST(dispatch, a_publisher_on_another_message_stream_is_reported_once) {
     ServerProcess server;
     RtmpClient publisher = connected_client();
     const std::uint32_t chosen = publisher.create_stream();
@@ -172,7 +172,7 @@ TEST(dispatch, a_publisher_on_another_message_stream_is_noted_once) {
     EXPECT_EQ(server.count(HRMPH + "8"), 1U);
 }
 
-TEST(dispatch, media_on_the_chosen_message_stream_does_not_settle_the_question) {
+TEST(dispatch, media_on_the_assigned_message_stream_does_not_rule_out_a_later_report) {
     ServerProcess server;
     RtmpClient publisher = connected_client();
     (void)publisher.create_stream();
@@ -186,7 +186,7 @@ TEST(dispatch, media_on_the_chosen_message_stream_does_not_settle_the_question) 
     EXPECT_EQ(server.count(HRMPH + "9"), 1U);
 }
 
-TEST(dispatch, without_createStream_any_message_stream_is_fine) {
+TEST(dispatch, without_createStream_any_message_stream_is_accepted) {
     ServerProcess server;
     RtmpClient publisher = publishing_client("cam1");
     publisher.media_stream_id = 1;
@@ -195,7 +195,7 @@ TEST(dispatch, without_createStream_any_message_stream_is_fine) {
     EXPECT_EQ(server.err().count_starting(HRMPH), 0U);
 }
 
-TEST(dispatch, each_look_at_a_media_message_is_told_on_standard_output_on_request) {
+TEST(dispatch, each_check_of_a_media_message_is_printed_on_standard_output_on_request) {
     ServerProcess server({"--dbg-pkt"});
     RtmpClient stranger = handshaken_client();
     stranger.send_audio(5, from_hex("AF 01 00"));
@@ -210,7 +210,7 @@ TEST(dispatch, each_look_at_a_media_message_is_told_on_standard_output_on_reques
     EXPECT_EQ(server.err().count_starting("A/V"), 0U);
 }
 
-TEST(dispatch, a_held_message_is_told_again_on_every_pass_on_request) {
+TEST(dispatch, a_held_message_is_printed_on_every_pass_on_request) {
     ServerProcess server({"--dbg-pkt"});
     RtmpClient publisher = publishing_client("cam1");
     publisher.send_audio(1, from_hex("AF 01 00"));
@@ -220,7 +220,7 @@ TEST(dispatch, a_held_message_is_told_again_on_every_pass_on_request) {
     EXPECT_GE(server.out().count_starting("A/V 301 "), 3U);
 }
 
-TEST(dispatch, nothing_is_told_on_standard_output_otherwise) {
+TEST(dispatch, nothing_is_printed_on_standard_output_otherwise) {
     ServerProcess server;
     RtmpClient publisher = publishing_client("cam1");
     publisher.send_audio(1, from_hex("AF 01 00"));

@@ -101,7 +101,7 @@ TEST(handshake, a_client_that_fails_before_its_random_bytes_are_due_draws_none) 
     EXPECT_EQ(to_hex(next.handshake().s1), to_hex(first_s1()));
 }
 
-TEST(handshake, each_answer_waits_for_what_it_answers) {
+TEST(handshake, each_answer_waits_for_the_bytes_that_it_answers) {
     ServerProcess server;
     RtmpClient client;
     EXPECT_FALSE(something_arrives(client, Milliseconds{100})) << "nothing before the client's version";
@@ -128,7 +128,7 @@ TEST(handshake, works_in_pieces_of_any_size) {
     }
 }
 
-TEST(handshake, works_when_everything_comes_at_once) {
+TEST(handshake, works_when_everything_arrives_at_once) {
     ServerProcess server;
     RtmpClient client;
     const Bytes connect =
@@ -156,7 +156,7 @@ TEST(handshake, a_client_that_sends_nothing_and_leaves_fails_at_the_version) {
     expect_handshake_failure(server, "C0 fail");
 }
 
-TEST(handshake, the_end_inside_the_first_block_fails_there) {
+TEST(handshake, a_close_inside_the_first_block_fails_there) {
     ServerProcess server;
     for (const std::size_t sent : {0UL, 1UL, 100UL, BLOCK - 1}) {
         const LineMark mark = server.mark();
@@ -169,7 +169,7 @@ TEST(handshake, the_end_inside_the_first_block_fails_there) {
     }
 }
 
-TEST(handshake, the_end_inside_the_second_block_fails_there) {
+TEST(handshake, a_close_inside_the_second_block_fails_there) {
     ServerProcess server;
     for (const std::size_t sent : {0UL, 1UL, BLOCK - 1}) {
         const LineMark mark = server.mark();
@@ -194,7 +194,7 @@ TEST(handshake, the_second_block_may_differ_in_its_second_four_bytes_only) {
     }
 }
 
-TEST(handshake, a_second_block_that_is_no_echo_is_refused) {
+TEST(handshake, a_second_block_that_is_not_an_echo_is_refused) {
     ServerProcess server;
     for (const std::size_t position : {0UL, 1UL, 2UL, 3UL, 8UL, 700UL, BLOCK - 1}) {
         const LineMark mark = server.mark();
@@ -207,7 +207,7 @@ TEST(handshake, a_second_block_that_is_no_echo_is_refused) {
     }
 }
 
-TEST(handshake, fails_when_the_client_is_gone_before_the_version_is_answered) {
+TEST(handshake, fails_when_the_client_has_closed_before_the_version_is_answered) {
     ServerProcess server;
     server.pause();
     RtmpClient client;
@@ -217,7 +217,7 @@ TEST(handshake, fails_when_the_client_is_gone_before_the_version_is_answered) {
     expect_handshake_failure(server, "S0 fail");
 }
 
-TEST(handshake, fails_when_the_client_is_gone_before_the_random_bytes_are_sent) {
+TEST(handshake, fails_when_the_client_has_closed_before_the_random_bytes_are_sent) {
     ServerProcess server;
     server.pause();
     RtmpClient client;
@@ -227,7 +227,7 @@ TEST(handshake, fails_when_the_client_is_gone_before_the_random_bytes_are_sent) 
     expect_handshake_failure(server, "S1 fail");
 }
 
-TEST(handshake, fails_when_the_client_is_gone_before_the_echo_is_sent) {
+TEST(handshake, fails_when_the_client_has_closed_before_the_echo_is_sent) {
     ServerProcess server;
     RtmpClient client;
     client.send_bytes(bytes_of({3}));
@@ -239,7 +239,7 @@ TEST(handshake, fails_when_the_client_is_gone_before_the_echo_is_sent) {
     expect_handshake_failure(server, "S2 fail");
 }
 
-TEST(handshake, a_failed_handshake_leaves_the_others_alone) {
+TEST(handshake, a_failed_handshake_does_not_affect_other_clients) {
     ServerProcess server;
     RtmpClient player = playing_client("cam1");
     RtmpClient broken;

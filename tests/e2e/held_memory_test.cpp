@@ -57,7 +57,7 @@ class held_memory_test : public testing::Test {
 
 }  // namespace
 
-TEST_F(held_memory_test, of_metadata_is_little_whatever_a_publisher_sends) {
+TEST_F(held_memory_test, of_metadata_is_small_whatever_a_publisher_sends) {
     const std::vector<Bytes> values = {open_nest(349000), many_members(170000, true),
                                        amf_long_string(std::string(1000000, 'x')), sparse_members()};
     std::vector<std::unique_ptr<RtmpClient>> publishers;
@@ -74,7 +74,7 @@ TEST_F(held_memory_test, of_metadata_is_little_whatever_a_publisher_sends) {
     expect_little_held(before_kib);
 }
 
-TEST_F(held_memory_test, of_a_large_command_is_little_while_its_sender_stays) {
+TEST_F(held_memory_test, of_a_large_command_is_small_while_its_sender_stays_connected) {
     RtmpClient client = connected_client();
     client.set_chunk_size(LARGE_CHUNKS);
     (void)client.expect_message(MSG_SET_CHUNK_SIZE);

@@ -162,7 +162,7 @@ TEST_F(the_server_outlives_test, many_members_in_any_order_as_metadata) {
     EXPECT_EQ(server.count(DUMP_CUT), 3U);
 }
 
-TEST_F(the_server_outlives_test, one_key_again_and_again) {
+TEST_F(the_server_outlives_test, the_same_key_many_times) {
     Bytes object = bytes_of({AMF_OBJECT});
     for (std::size_t i = 0; i < MEMBERS; ++i) {
         object += amf_key("key") + amf_null();
@@ -340,7 +340,7 @@ TEST_F(the_server_outlives_test, clients_that_stay_silent_on_every_other_slot) {
     server.err().wait_for_count("Dropping connection", 126);
 }
 
-TEST_F(the_server_outlives_test, messages_that_are_announced_and_never_come) {
+TEST_F(the_server_outlives_test, messages_that_are_announced_and_never_arrive) {
     const std::size_t before_kib = server.rss_kib();
     std::vector<std::unique_ptr<RtmpClient>> clients;
     for (int i = 0; i < 60; ++i) {

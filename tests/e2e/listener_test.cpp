@@ -120,7 +120,7 @@ TEST(listener, clients_that_connect_together_are_all_served) {
     EXPECT_EQ(server.count("Accepted connection"), clients.size());
 }
 
-TEST(listener, an_idle_connection_is_probed_for_life) {
+TEST(listener, an_idle_connection_is_probed_by_keepalives) {
     ServerProcess server;
     RtmpClient client;
     server.wait_for_line("Accepted connection");

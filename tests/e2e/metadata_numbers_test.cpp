@@ -36,7 +36,7 @@ Bytes metadata_message(const Bytes& value) {
 
 }  // namespace
 
-TEST(metadata_numbers, sizes_that_do_not_fit_or_are_not_positive_tell_the_player_nothing) {
+TEST(metadata_numbers, sizes_that_do_not_fit_or_are_not_positive_are_not_recorded_for_the_player) {
     std::vector<double> sizes = NUMBERS_THAT_NEVER_FIT;
     sizes.insert(sizes.end(), {2147483648.0, 4294967295.0, 2147483647.5, 0.0, -0.0, 0.49, -0.5, -0.51,
                                Limits::denorm_min(), -2147483648.0});
@@ -91,7 +91,7 @@ TEST(metadata_numbers, sizes_are_rounded_half_up_before_they_are_compared) {
     }
 }
 
-TEST(metadata_numbers, codecs_that_do_not_fit_leave_the_choice_to_the_payload) {
+TEST(metadata_numbers, codecs_that_do_not_fit_are_taken_from_the_payload) {
     std::vector<double> codecs = NUMBERS_THAT_NEVER_FIT;
     codecs.insert(codecs.end(), {0.0, -0.0, 0.49, -0.5, 4294967295.5});
     ServerProcess server;
@@ -132,7 +132,7 @@ TEST(metadata_numbers, codecs_that_fit_are_rounded_half_up) {
     }
 }
 
-TEST(metadata_numbers, a_transaction_id_that_is_no_number_is_refused) {
+TEST(metadata_numbers, a_transaction_id_that_is_not_a_number_is_refused) {
     ServerProcess server;
     for (const double id : NUMBERS_THAT_NEVER_FIT) {
         RtmpClient client = handshaken_client();

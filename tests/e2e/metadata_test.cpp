@@ -113,7 +113,7 @@ TEST(metadata, is_shown_kept_and_sent_to_the_player_without_its_wrapper) {
                     "\t    'width':", "\t      AMF var Number", "\t        Value: 1280.000", "\t  }"));
 }
 
-TEST(metadata, is_sent_again_when_it_comes_again) {
+TEST(metadata, is_sent_again_when_it_arrives_again) {
     Stream stream;
     const Bytes value = amf_ecma_array(4, {{"audiocodecid", amf_number(10)},
                                            {"height", amf_number(720)},
@@ -185,7 +185,7 @@ TEST(metadata, a_late_player_gets_none_when_there_is_none_to_repeat) {
     EXPECT_EQ(server.count("Repeating publisher's onMeta to new client"), 0U);
 }
 
-TEST(metadata, a_value_that_is_no_object_is_kept_but_not_sent) {
+TEST(metadata, a_value_that_is_not_an_object_is_kept_but_not_sent) {
     Stream stream;
     for (const Bytes& value : {amf_string("text"), amf_null(), amf_undefined()}) {
         stream.publisher.send_metadata(value);
@@ -195,7 +195,7 @@ TEST(metadata, a_value_that_is_no_object_is_kept_but_not_sent) {
     EXPECT_EQ(stream.server.count("onMetaData submitted by client"), 3U);
 }
 
-TEST(metadata, is_sent_on_in_the_servers_own_form) {
+TEST(metadata, is_relayed_in_the_servers_own_form) {
     Stream stream;
     stream.expect_forwarded(amf_object({}));
     stream.expect_forwarded(amf_ecma_array(0, {}));
@@ -234,14 +234,14 @@ TEST(metadata, may_be_65536_bytes_with_its_name_and_no_longer) {
     EXPECT_EQ(message.payload, amf_string("onMetaData") + object_for(65536));
 }
 
-TEST(metadata, what_was_too_long_to_send_still_settles_the_players_format) {
+TEST(metadata, if_too_long_to_send_still_sets_the_players_format) {
     Stream stream;
     stream.publisher.send_metadata(
         amf_object({{"text", amf_long_string(std::string(70000, 'x'))}, {"width", amf_number(5)}}));
     stream.expect_player_dropped(amf_object({{"width", amf_number(6)}}), "width changed");
 }
 
-TEST(metadata, what_was_too_long_to_send_is_repeated_to_a_late_player_in_the_log_alone) {
+TEST(metadata, if_too_long_to_send_is_repeated_for_a_late_player_only_in_the_log) {
     Stream stream;
     stream.publisher.send_metadata(
         amf_object({{"text", amf_long_string(std::string(100000, 'x'))}, {"width", amf_number(5)}}));
@@ -254,7 +254,7 @@ TEST(metadata, what_was_too_long_to_send_is_repeated_to_a_late_player_in_the_log
     EXPECT_EQ(stream.server.count("width changed"), 2U);
 }
 
-TEST(metadata, comes_before_the_media_that_was_sent_after_it) {
+TEST(metadata, arrives_before_media_that_was_sent_after_it) {
     Stream stream;
     stream.publisher.send_metadata(size_object(1, 2));
     stream.publisher.send_audio(1, from_hex("AF 01 11"));
@@ -262,7 +262,7 @@ TEST(metadata, comes_before_the_media_that_was_sent_after_it) {
     EXPECT_EQ(stream.player.read_message().type, MSG_AUDIO);
 }
 
-TEST(metadata, a_new_format_drops_the_player_that_was_told_another) {
+TEST(metadata, a_new_format_drops_a_player_that_was_sent_another) {
     struct Row {
         const char* key;
         const char* reason;
@@ -276,7 +276,7 @@ TEST(metadata, a_new_format_drops_the_player_that_was_told_another) {
     }
 }
 
-TEST(metadata, every_player_that_was_told_another_width_is_dropped_and_a_new_one_is_served) {
+TEST(metadata, every_player_that_was_sent_another_width_is_dropped_and_a_new_one_is_served) {
     Stream stream;
     RtmpClient second = playing_client("cam1");
     stream.expect_forwarded(size_object(1280, 720));
@@ -291,7 +291,7 @@ TEST(metadata, every_player_that_was_told_another_width_is_dropped_and_a_new_one
     EXPECT_EQ(third.expect_message(MSG_DATA).raw, metadata_message(size_object(1920, 720)));
 }
 
-TEST(metadata, the_first_difference_is_the_only_one_told) {
+TEST(metadata, only_the_first_difference_is_reported) {
     const std::vector<const char*> keys = {"width", "height", "audiocodecid", "videocodecid"};
     const std::vector<const char*> reasons = {"width changed", "height changed", "audio fourcc changed",
                                               "video fourcc changed"};
@@ -317,7 +317,7 @@ TEST(metadata, sizes_are_rounded_half_up) {
     stream.expect_player_dropped(size_object(1280.5, 720), "width changed");
 }
 
-TEST(metadata, what_is_left_out_stays_as_it_was) {
+TEST(metadata, absent_values_stay_unchanged) {
     Stream stream;
     stream.expect_forwarded(size_object(1280, 720));
     stream.expect_forwarded(amf_object({{"height", amf_number(720)}}));
@@ -330,7 +330,7 @@ TEST(metadata, what_is_left_out_stays_as_it_was) {
     stream.expect_player_dropped(amf_object({{"width", amf_number(1281)}}), "width changed");
 }
 
-TEST(metadata, values_that_are_no_sizes_or_codecs_count_as_left_out) {
+TEST(metadata, values_that_are_not_sizes_or_codecs_count_as_absent) {
     Stream stream;
     const auto all = [](const Bytes& value) {
         return amf_object(
@@ -369,7 +369,7 @@ TEST(metadata, keys_are_compared_exactly) {
         amf_object({{"Width", amf_number(1)}, {"widt", amf_number(2)}, {"width ", amf_number(3)}}));
 }
 
-TEST(data_messages, before_play_or_publish_are_ignored_with_a_word) {
+TEST(data_messages, before_play_or_publish_are_ignored_with_a_line) {
     ServerProcess server;
     RtmpClient client = handshaken_client();
     for (const Bytes& message : {Bytes(), from_hex("0A"), amf_string("@setDataFrame")}) {
@@ -416,7 +416,7 @@ TEST(data_messages, the_names_may_be_long_strings) {
     EXPECT_EQ(stream.player.expect_message(MSG_DATA).raw, metadata_message(size_object(1, 2)));
 }
 
-TEST(data_messages, one_that_is_cut_short_drops_the_publisher) {
+TEST(data_messages, a_truncated_one_drops_the_publisher) {
     expect_publisher_dropped(amf_string("@setDataFrame"));
     expect_publisher_dropped(amf_string("@setDataFrame") + amf_string("onMetaData"));
 }
@@ -434,7 +434,7 @@ TEST(data_messages, one_that_cannot_be_decoded_drops_the_publisher) {
         {"AMF0 error ECMA array too long vs count"});
 }
 
-TEST(data_messages, metadata_from_a_player_is_ignored_with_a_word) {
+TEST(data_messages, metadata_from_a_player_is_ignored_with_a_line) {
     ServerProcess server;
     RtmpClient player = playing_client("cam1");
     RtmpClient other = playing_client("cam1");

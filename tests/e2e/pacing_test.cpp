@@ -25,7 +25,7 @@ Milliseconds after(TimePoint start, TimePoint arrival) {
 
 }  // namespace
 
-TEST(pacing, media_ahead_of_its_time_is_held_back_and_arrives_when_its_time_has_come) {
+TEST(pacing, media_ahead_of_its_time_is_held_until_it_is_due) {
     ServerProcess server;
     RtmpClient player = playing_client("cam1");
     RtmpClient publisher = publishing_client("cam1");
@@ -47,7 +47,7 @@ TEST(pacing, media_ahead_of_its_time_is_held_back_and_arrives_when_its_time_has_
     }
 }
 
-TEST(pacing, media_that_comes_in_time_is_not_held) {
+TEST(pacing, media_that_arrives_in_time_is_not_held) {
     ServerProcess server;
     RtmpClient player = playing_client("cam1");
     RtmpClient publisher = publishing_client("cam1");
@@ -99,7 +99,7 @@ TEST(pacing, audio_and_video_share_one_clock) {
     EXPECT_LT(after(start, messages[2].arrival), Milliseconds{1000} + LATE);
 }
 
-TEST(pacing, what_stands_behind_a_held_message_waits_and_nobody_else_does) {
+TEST(pacing, messages_after_a_held_one_wait_and_other_connections_do_not) {
     ServerProcess server;
     RtmpClient player = playing_client("cam1");
     RtmpClient publisher = publishing_client("cam1");

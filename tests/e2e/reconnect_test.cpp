@@ -86,7 +86,7 @@ void visit(std::size_t from, std::size_t to) {
 
 }  // namespace
 
-TEST(reconnect, five_hundred_visits_of_every_kind_leave_threads_descriptors_and_memory_as_they_were) {
+TEST(reconnect, five_hundred_visits_of_every_kind_leak_no_threads_descriptors_or_memory) {
     ServerProcess server;
     RtmpClient publisher = publishing_client("shared");
     std::atomic<bool> stop_requested = false;

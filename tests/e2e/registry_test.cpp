@@ -21,7 +21,7 @@ std::string disposing(const std::string& name) {
 
 }  // namespace
 
-TEST(registry, a_stream_that_everybody_left_is_forgotten_after_five_seconds) {
+TEST(registry, a_stream_without_connections_is_forgotten_after_five_seconds) {
     ServerProcess server;
     RtmpClient publisher = publishing_client("cam_01");
     const TimePoint start = SteadyClock::now();
@@ -32,14 +32,14 @@ TEST(registry, a_stream_that_everybody_left_is_forgotten_after_five_seconds) {
     EXPECT_LT(elapsed_since(start), IDLE_STREAM + scaled(Milliseconds{2000}));
 }
 
-TEST(registry, a_connection_without_a_stream_leaves_nothing_behind) {
+TEST(registry, a_connection_without_a_stream_leaves_no_record) {
     ServerProcess server;
     RtmpClient client = connected_client();
     client.close();
     server.wait_for_consecutive_lines({"Dropping connection", disposing("")});
 }
 
-TEST(registry, a_refused_name_is_remembered_as_long) {
+TEST(registry, a_refused_name_is_remembered_for_five_seconds_too) {
     ServerProcess server;
     RtmpClient client = connected_client();
     const TimePoint start = SteadyClock::now();
@@ -95,7 +95,7 @@ TEST(registry, the_time_counts_from_when_the_last_player_left) {
     EXPECT_GE(elapsed_since(start), IDLE_STREAM);
 }
 
-TEST(registry, media_that_nobody_plays_keeps_its_stream) {
+TEST(registry, media_without_players_keeps_its_stream) {
     ServerProcess server;
     RtmpClient publisher = publishing_client("cam1");
     const TimePoint start = SteadyClock::now();
@@ -119,7 +119,7 @@ TEST(registry, a_silent_publisher_that_was_forgotten_publishes_again_with_its_ne
     EXPECT_EQ(player.expect_message(MSG_AUDIO).payload, aac_frame(2));
 }
 
-TEST(registry, subscribing_and_leaving_are_told_once_each) {
+TEST(registry, subscribing_and_leaving_are_reported_once_each) {
     ServerProcess server;
     RtmpClient player = playing_client("cam1");
     server.wait_for_line("Connection for play subscribed to 'cam1'");

@@ -106,7 +106,7 @@ TEST(relay, several_players_receive_identical_bytes) {
     }
 }
 
-TEST(relay, a_player_that_leaves_takes_nothing_from_the_others) {
+TEST(relay, a_player_that_leaves_does_not_affect_the_others) {
     ServerProcess server;
     RtmpClient first = playing_client("cam1");
     RtmpClient second = playing_client("cam1");
@@ -121,7 +121,7 @@ TEST(relay, a_player_that_leaves_takes_nothing_from_the_others) {
     expect_media(second.read_message(), MSG_AUDIO, 0, aac_frame(2));
 }
 
-TEST(relay, players_of_any_chunk_size_come_and_go_and_take_nothing_from_the_others) {
+TEST(relay, players_of_any_chunk_size_join_and_leave_without_affecting_the_others) {
     ServerProcess server;
     LivePair live({.stream_name = "live", .interval = Milliseconds{10}, .message_bytes = 20000});
     std::deque<RtmpClient> visitors;
@@ -220,7 +220,7 @@ TEST(relay, timestamps_before_the_players_first_message_become_zero) {
     expect_media(player.read_message(), MSG_AUDIO, 10, aac_frame(4));
 }
 
-TEST(relay, a_late_player_gets_the_saved_headers_first_with_the_timestamp_of_what_follows) {
+TEST(relay, a_late_player_gets_the_saved_headers_first_with_the_timestamp_of_the_next_message) {
     ServerProcess server;
     RtmpClient publisher = publisher_with_stream_id("cam1");
     publisher.send_video(1000, avc_header());
@@ -306,7 +306,7 @@ TEST(relay, a_saved_header_is_shown_in_the_log) {
          "  Data (4 bytes)", "    AF 00 12 10                                       ....            "});
 }
 
-TEST(relay, sequence_headers_are_known_by_their_first_two_bytes) {
+TEST(relay, sequence_headers_are_recognized_by_their_first_two_bytes) {
     struct Row {
         std::uint8_t type;
         const char* payload;
@@ -385,7 +385,7 @@ TEST(relay, a_payload_of_one_byte_is_relayed_and_locks_nothing) {
     EXPECT_EQ(server.err().count_starting("Lock on "), 1U);
 }
 
-TEST(relay, a_codec_in_the_metadata_decides_and_the_payload_is_not_asked) {
+TEST(relay, a_codec_in_the_metadata_decides_and_the_payload_is_not_examined) {
     ServerProcess server;
     RtmpClient publisher = publishing_client("cam1");
     publisher.send_metadata(amf_object({{"audiocodecid", amf_number(10)}, {"videocodecid", amf_number(7)}}));
@@ -510,7 +510,7 @@ TEST(relay, media_and_metadata_keep_their_order) {
     expect_media(player.read_message(), MSG_AUDIO, 0, aac_frame(3));
 }
 
-TEST(relay, media_of_a_player_goes_nowhere) {
+TEST(relay, media_from_a_player_is_not_relayed) {
     ServerProcess server;
     RtmpClient player = playing_client("cam1");
     RtmpClient talking_player = playing_client("cam1");

@@ -198,7 +198,7 @@ class segmentation : public testing::TestWithParam<std::string> {
 
 }  // namespace
 
-TEST_P(segmentation, a_session_that_comes_byte_by_byte_is_served_like_one_in_one_piece) {
+TEST_P(segmentation, a_session_that_arrives_byte_by_byte_is_served_like_one_in_one_piece) {
     EXPECT_FALSE(whole.acknowledgements.empty());
     EXPECT_GT(whole.answers.size() + whole.relayed.size(), 1000U);
     std::vector<std::size_t> ends{1, 2, 3, C2_OFFSET - 1};

@@ -179,7 +179,7 @@ TEST(acknowledged_commands, missing_arguments_drop_the_client) {
     }
 }
 
-TEST(publish, is_answered_and_told) {
+TEST(publish, is_answered_and_printed) {
     ServerProcess server;
     RtmpClient client = connected_client();
     const LineMark mark = server.mark();
@@ -219,7 +219,7 @@ TEST(publish, any_type_but_live_is_refused_by_name) {
                 ElementsAre("publish command must indicate 'live' type, not ''"));
 }
 
-TEST(publish, missing_arguments_drop_the_client_in_silence) {
+TEST(publish, missing_arguments_silently_drop_the_client) {
     EXPECT_THAT(reason_of_failure(publish_command(amf_number(1), amf_string("cam1"), "")), IsEmpty());
     EXPECT_THAT(reason_of_failure(publish_command(amf_number(1), "", "")), IsEmpty());
     EXPECT_THAT(reason_of_failure(amf_string("publish") + amf_number(1)), IsEmpty());
@@ -281,7 +281,7 @@ TEST(publish, an_empty_name_is_accepted_until_media_comes) {
         {"A/V packet without a stream name", "A/V error", "Dropping connection"}, mark);
 }
 
-TEST(publish, a_second_publisher_of_a_name_is_welcomed_and_waits) {
+TEST(publish, a_second_publisher_of_a_name_is_accepted_and_waits) {
     ServerProcess server;
     RtmpClient player = playing_client("cam1");
     RtmpClient first = publishing_client("cam1");
@@ -297,7 +297,7 @@ TEST(publish, a_second_publisher_of_a_name_is_welcomed_and_waits) {
         << "the second one's is not relayed";
 }
 
-TEST(publish, tells_of_the_time_reset_once_without_players_too) {
+TEST(publish, prints_the_time_reset_once_even_without_players) {
     ServerProcess server;
     RtmpClient client = publishing_client("cam1");
     client.send_audio(1, from_hex("AF 01 00"));
@@ -335,7 +335,7 @@ TEST(stream_names, any_other_byte_is_refused_by_publish_and_play_with_the_same_w
     }
 }
 
-TEST(play, is_answered_and_told) {
+TEST(play, is_answered_and_printed) {
     ServerProcess server;
     RtmpClient client = connected_client("ombrex-output");
     const LineMark mark = server.mark();
@@ -371,7 +371,7 @@ TEST(play, start_and_duration_are_decoded_and_ignored) {
     }
 }
 
-TEST(play, missing_arguments_drop_the_client_in_silence) {
+TEST(play, missing_arguments_silently_drop_the_client) {
     EXPECT_THAT(reason_of_failure(amf_string("play")), IsEmpty());
     EXPECT_THAT(reason_of_failure(amf_string("play") + amf_number(1)), IsEmpty());
     EXPECT_THAT(reason_of_failure(play_command(amf_number(1), "")), IsEmpty());

@@ -66,7 +66,7 @@ void let_it_stall(const Instant& last_sign_of_life) {
 
 }  // namespace
 
-TEST(takeover, a_rival_is_told_that_it_publishes_and_its_media_is_not_relayed) {
+TEST(takeover, a_rival_gets_a_success_reply_and_its_media_is_not_relayed) {
     ServerProcess server;
     RtmpClient player = playing_client("cam1");
     RtmpClient publisher = publishing_client("cam1");
@@ -178,7 +178,7 @@ TEST(takeover, players_that_had_media_are_dropped) {
     EXPECT_EQ(new_player.expect_message(MSG_AUDIO).payload, aac_frame(2));
 }
 
-TEST(takeover, a_takeover_with_another_codec_says_so_for_every_player_that_had_media) {
+TEST(takeover, a_takeover_with_another_codec_is_reported_for_every_player_that_had_media) {
     ServerProcess server;
     RtmpClient player = playing_client("cam1");
     RtmpClient publisher = publishing_client("cam1");
@@ -193,7 +193,7 @@ TEST(takeover, a_takeover_with_another_codec_says_so_for_every_player_that_had_m
                                       mark);
 }
 
-TEST(takeover, a_takeover_with_another_codec_in_the_metadata_says_so_too) {
+TEST(takeover, a_takeover_with_another_codec_in_the_metadata_is_reported_too) {
     ServerProcess server;
     RtmpClient publisher = publishing_client("cam1");
     RtmpClient rival = publishing_client("cam1");

@@ -51,7 +51,7 @@ bool is_in_system_call(pid_t thread, long call) {
 
 }  // namespace
 
-TEST(timer_slack, of_writers_is_5_ms_and_of_readers_and_the_main_thread_the_default) {
+TEST(timer_slack, is_5_ms_for_writers_and_the_default_for_readers_and_the_main_thread) {
     ServerProcess server;
     std::uint64_t readable = 0;
     if (!(slack_file(server.pid()) >> readable)) {

@@ -135,7 +135,7 @@ TEST(unread_player, players_that_never_read_do_not_disturb_the_one_that_does) {
     server.wait_for_thread_count(with_stuck - 2 * STUCK_PLAYERS);
 }
 
-TEST(unread_player, what_a_stuck_player_was_owed_is_freed_when_it_leaves) {
+TEST(unread_player, the_queue_of_a_stuck_player_is_freed_when_it_leaves) {
     ReadStream stream(1000000);
     // Reading 128 bytes at a time takes a sanitizer's build more than a second for each message.
     stream.send(20 / TIME_SCALE);
@@ -151,7 +151,7 @@ TEST(unread_player, what_a_stuck_player_was_owed_is_freed_when_it_leaves) {
     stream.send(1);
 }
 
-TEST(unread_player, players_that_read_nothing_share_what_waits_for_them) {
+TEST(unread_player, players_that_read_nothing_share_their_waiting_messages) {
     ReadStream stream(SHARED_MESSAGE_BYTES);
     stream.add_stuck(std::vector<std::uint32_t>(20, DEFAULT_CHUNK_SIZE));
     const std::size_t before_kib = stream.expect_one_copy_of(SHARED_MESSAGES);
@@ -168,7 +168,7 @@ TEST(unread_player, players_that_read_nothing_share_what_waits_for_them) {
     stream.send(1);
 }
 
-TEST(unread_player, a_hundred_with_a_hundred_chunk_sizes_share_what_waits_for_them) {
+TEST(unread_player, a_hundred_with_a_hundred_chunk_sizes_share_their_waiting_messages) {
     std::vector<std::uint32_t> chunk_sizes(100);
     std::iota(chunk_sizes.begin(), chunk_sizes.end(), DEFAULT_CHUNK_SIZE - 50);
     ReadStream stream(SHARED_MESSAGE_BYTES);
@@ -178,7 +178,7 @@ TEST(unread_player, a_hundred_with_a_hundred_chunk_sizes_share_what_waits_for_th
     stream.send(1);
 }
 
-TEST(unread_player, a_hundred_with_chunks_of_one_byte_share_what_waits_for_them) {
+TEST(unread_player, a_hundred_with_chunks_of_one_byte_share_their_waiting_messages) {
     ReadStream stream(SHARED_MESSAGE_BYTES);
     stream.add_stuck(std::vector<std::uint32_t>(100, 1));
     stream.expect_one_copy_of(SHARED_MESSAGES);
@@ -186,7 +186,7 @@ TEST(unread_player, a_hundred_with_chunks_of_one_byte_share_what_waits_for_them)
     stream.send(1);
 }
 
-TEST(unread_player, acknowledgements_that_nobody_reads_do_not_pile_up) {
+TEST(unread_player, unread_acknowledgements_do_not_pile_up) {
     shrink_loopback_packets();
     ServerProcess server;
     constexpr std::size_t PUBLISHERS = 5;

@@ -102,7 +102,7 @@ std::string unsubscribed(const std::string& stream_name) {
 
 }  // namespace
 
-TEST(vanished_player, with_nothing_under_way_is_dropped_after_six_probes_that_nobody_answers) {
+TEST(vanished_player, with_nothing_in_flight_is_dropped_after_six_unanswered_probes) {
     FarSide far;
     ServerProcess server;
     const RtmpClient player = far.player("cam1");
@@ -120,7 +120,7 @@ TEST(vanished_player, with_nothing_under_way_is_dropped_after_six_probes_that_no
 }
 
 // Linux sends no probes while it retransmits data, so such a player stays for a quarter of an hour.
-TEST(vanished_player, with_data_under_way_is_dropped_when_the_kernel_gives_up_repeating_it_and_not_before) {
+TEST(vanished_player, with_data_in_flight_is_dropped_only_when_the_kernel_gives_up_retransmitting) {
     std::ofstream("/proc/sys/net/ipv4/tcp_retries2") << RETRIES << std::flush;
     FarSide far;
     ServerProcess server;

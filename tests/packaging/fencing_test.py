@@ -233,7 +233,7 @@ class the_fences(unittest.TestCase):
         encoder.wait()
         self.assertEqual([ENCODER], [line.split("\t")[6].split(":")[0] for line in connections("--mode", "publish")])
 
-    def test_hold_the_server_s_own_port_against_those_who_are_no_encoders(self):
+    def test_keep_hosts_that_are_not_encoders_off_the_servers_own_port(self):
         self.start_fence_before_players()
         self.client(STRANGER).choose(b"play", b"cam1")
         self.assertEqual(["127.0.0.2"], [line.split("\t")[6].split(":")[0] for line in connections()])

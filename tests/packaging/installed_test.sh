@@ -116,11 +116,11 @@ answers >/dev/null || fail "a start by another user took the control socket"
 ! answers >/dev/null 2>&1 || fail "a start by root has left the link, so the page is wrong"
 # Both say what has happened and what to do.
 advice="systemd-tmpfiles --create v9-rtmp-server.conf"
-[[ $(v9_rtmp_ctl hello 2>&1) == *"process $before listens on port 1935"*"$advice"* ]] || fail "hello does not report it"
+[[ $(v9_rtmp_ctl hello 2>&1) == *"process $before still listens on port 1935"*"$advice"* ]] || fail "hello does not report it"
 status=0
 found=$(v9_rtmp_ctl check --quiet) || status=$?
 ((status == 2)) || fail "check ends with $status"
-grep -q "^critical: control socket: .*process $before listens on port 1935.*$advice" <<<"$found" ||
+grep -q "^critical: control socket: .*process $before still listens on port 1935.*$advice" <<<"$found" ||
     fail "check does not report it:"$'\n'"$found"
 systemd-tmpfiles --create v9-rtmp-server.conf
 answers >/dev/null || fail "the link is not back"

@@ -41,7 +41,7 @@ TEST_F(av_relay_test, media_without_a_stream_name_is_refused) {
     EXPECT_EQ(outcome.printed, "A/V packet without a stream name\n");
 }
 
-TEST_F(av_relay_test, the_codec_lock_is_announced_with_what_it_was_taken_from) {
+TEST_F(av_relay_test, the_codec_lock_is_announced_with_its_source) {
     struct Case {
         std::uint8_t type;
         std::uint32_t metadata_codec_id;
@@ -326,7 +326,7 @@ TEST_F(av_relay_test, a_player_locked_on_another_codec_is_dropped_and_the_others
     EXPECT_EQ(other_audio.audio.lock_type, 2);
 }
 
-TEST_F(av_relay_test, a_listed_player_that_is_gone_is_reported_and_taken_off_the_list) {
+TEST_F(av_relay_test, a_listed_player_that_has_left_is_reported_and_removed_from_the_list) {
     RTMPConnection& publisher = add_publisher();
     RTMPConnection& player = add_player();
     StreamRecord& record = find_or_insert_stream("cam1");
@@ -356,7 +356,7 @@ TEST_F(av_relay_test, a_player_whose_socket_is_closed_gets_nothing) {
     EXPECT_EQ(player.audio.lock_type, NO_CODEC_LOCK);
 }
 
-TEST_F(av_relay_test, a_payload_that_is_too_large_to_copy_reaches_nobody_and_does_not_end_the_publisher) {
+TEST_F(av_relay_test, a_payload_that_is_too_large_to_copy_is_not_sent_and_keeps_the_publisher) {
     RTMPConnection& publisher = add_publisher();
     RTMPConnection& player = add_player();
     RTMP_Packet pkt = make_packet(MESSAGE_AUDIO, 1000, "");

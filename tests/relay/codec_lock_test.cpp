@@ -54,7 +54,7 @@ TEST(codec_lock, follows_the_metadata_or_else_the_first_payload) {
     }
 }
 
-TEST(codec_lock, of_a_message_with_a_length_but_no_bytes_is_left_alone) {
+TEST(codec_lock, of_a_message_with_a_length_but_no_bytes_is_unchanged) {
     RTMP_Packet pkt = make_packet(MESSAGE_AUDIO, 0, "");
     pkt.chunk.message.data_length = 2;
     std::int32_t lock_type = NO_CODEC_LOCK;

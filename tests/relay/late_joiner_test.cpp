@@ -39,7 +39,7 @@ TEST_F(late_joiner_test, a_player_gets_the_saved_video_header_before_its_first_v
     EXPECT_EQ(take_queued(player), (Messages{{MESSAGE_VIDEO, 40, AVC_INTER_FRAME, 6}}));
 }
 
-TEST_F(late_joiner_test, a_repeated_header_carries_the_timestamp_of_the_message_behind_it) {
+TEST_F(late_joiner_test, a_repeated_header_carries_the_timestamp_of_the_message_after_it) {
     RTMPConnection& publisher = add_publisher();
     relay_audio(publisher, 900, AAC_HEADER);
     relay_video(publisher, 900, AVC_HEADER);
@@ -72,7 +72,7 @@ TEST_F(late_joiner_test, the_last_of_several_headers_is_repeated) {
     EXPECT_EQ(take_queued(player), (Messages{{MESSAGE_AUDIO, 0, newer}, {MESSAGE_AUDIO, 0, AAC_FRAME}}));
 }
 
-TEST_F(late_joiner_test, a_header_that_comes_as_the_first_message_is_not_sent_twice) {
+TEST_F(late_joiner_test, a_header_that_is_the_first_message_is_not_sent_twice) {
     RTMPConnection& publisher = add_publisher();
     relay_audio(publisher, 900, AAC_HEADER);
     relay_video(publisher, 900, AVC_HEADER);

@@ -19,7 +19,7 @@ TEST(stream_format, is_unknown_at_first) {
     EXPECT_TRUE(same(StreamFormat{}, StreamFormat{-1, -1, 0, 0}));
 }
 
-TEST(stream_format, of_a_publisher_keeps_what_an_update_does_not_know) {
+TEST(stream_format, of_a_publisher_keeps_values_that_an_update_lacks) {
     StreamFormat format = FULL_HD;
     update_format(format, StreamFormat{});
     EXPECT_TRUE(same(format, FULL_HD));
@@ -31,7 +31,7 @@ TEST(stream_format, of_a_publisher_keeps_what_an_update_does_not_know) {
     EXPECT_TRUE(same(format, StreamFormat{1, 1, 1, 1}));
 }
 
-TEST(stream_format, of_a_player_is_filled_in_by_what_it_is_told_first) {
+TEST(stream_format, of_a_player_takes_the_first_known_values) {
     StreamFormat told;
     EXPECT_EQ(tell_format(told, StreamFormat{1920, -1, 0, 7}), FormatChange::NONE);
     EXPECT_TRUE(same(told, StreamFormat{1920, -1, 0, 7}));
@@ -43,7 +43,7 @@ TEST(stream_format, of_a_player_is_filled_in_by_what_it_is_told_first) {
     EXPECT_TRUE(same(told, FULL_HD));
 }
 
-TEST(stream_format, counts_everything_below_1_as_not_told) {
+TEST(stream_format, counts_values_below_1_as_unknown) {
     StreamFormat told{0, -7, 0, 0};
     EXPECT_EQ(tell_format(told, FULL_HD), FormatChange::NONE);
     EXPECT_TRUE(same(told, FULL_HD));
@@ -68,7 +68,7 @@ TEST(stream_format, of_a_player_changes_by_any_other_known_value) {
     }
 }
 
-TEST(stream_format, behind_a_change_is_neither_compared_nor_recorded) {
+TEST(stream_format, is_neither_compared_nor_recorded_after_a_change) {
     StreamFormat told{-1, 720, 0, 0};
     EXPECT_EQ(tell_format(told, FULL_HD), FormatChange::HEIGHT);
     EXPECT_TRUE(same(told, StreamFormat{1920, 720, 0, 0}));

@@ -30,7 +30,7 @@ using stream_registry_death_test = stream_registry_test;
 
 }  // namespace
 
-TEST_F(stream_registry_test, a_look_up_makes_a_record_without_publisher_players_and_activity) {
+TEST_F(stream_registry_test, a_look_up_creates_a_record_without_publisher_players_and_activity) {
     const StreamRecord& record = find_or_insert_stream("cam1");
     EXPECT_EQ(record.publisher, NO_CONNECTION);
     EXPECT_EQ(record.last_activity_us, 0U);
@@ -39,7 +39,7 @@ TEST_F(stream_registry_test, a_look_up_makes_a_record_without_publisher_players_
     EXPECT_EQ(stream_count(), 1U);
 }
 
-TEST_F(stream_registry_test, names_are_told_apart_byte_by_byte) {
+TEST_F(stream_registry_test, names_are_compared_byte_by_byte) {
     const std::vector<std::string> names{"", "cam", "Cam", "cam1", std::string("cam\0", 4)};
     for (const std::string& name : names) {
         insert(name, fake_clock_us);
@@ -47,7 +47,7 @@ TEST_F(stream_registry_test, names_are_told_apart_byte_by_byte) {
     EXPECT_EQ(stream_count(), names.size());
 }
 
-TEST_F(stream_registry_test, subscribing_twice_is_said_once_and_listed_once) {
+TEST_F(stream_registry_test, subscribing_twice_is_reported_once_and_listed_once) {
     EXPECT_EQ(subscribe("live", 3), "Connection for play subscribed to 'live'\n");
     fake_clock_us += 7;
     EXPECT_EQ(subscribe("live", 3), "");
@@ -67,7 +67,7 @@ TEST_F(stream_registry_test, players_are_kept_in_the_order_of_their_subscription
     unsubscribe("live", 5);
 }
 
-TEST_F(stream_registry_test, unsubscribing_removes_every_occurrence_and_says_so_once) {
+TEST_F(stream_registry_test, unsubscribing_removes_every_occurrence_and_reports_it_once) {
     find_or_insert_stream("live").players = {3, 4, 3};
     EXPECT_EQ(unsubscribe("live", 3), "Connection for play unsubscribed from 'live'\n");
     EXPECT_EQ(find_or_insert_stream("live").players, std::vector<std::size_t>{4});
@@ -85,7 +85,7 @@ TEST_F(stream_registry_test, unsubscribing_from_an_unknown_name_leaves_a_record_
     EXPECT_EQ(stream_count(), 0U);
 }
 
-TEST_F(stream_registry_test, unsubscribing_somebody_who_does_not_play_counts_as_activity_in_silence) {
+TEST_F(stream_registry_test, unsubscribing_a_connection_that_does_not_play_silently_counts_as_activity) {
     subscribe("live", 3);
     fake_clock_us += 7;
     EXPECT_EQ(unsubscribe("live", 4), "");
@@ -94,7 +94,7 @@ TEST_F(stream_registry_test, unsubscribing_somebody_who_does_not_play_counts_as_
     unsubscribe("live", 3);
 }
 
-TEST_F(stream_registry_test, nobody_subscribes_to_or_unsubscribes_from_the_empty_name) {
+TEST_F(stream_registry_test, subscribing_to_the_empty_name_and_unsubscribing_from_it_do_nothing) {
     EXPECT_EQ(subscribe("", 3), "");
     EXPECT_EQ(unsubscribe("", 3), "");
     EXPECT_EQ(stream_count(), 0U);

@@ -19,7 +19,7 @@ using time_reset_death_test = time_reset_test;
 
 }  // namespace
 
-TEST_F(time_reset_test, is_announced_even_when_nobody_plays) {
+TEST_F(time_reset_test, is_announced_even_without_players) {
     EXPECT_EQ(reset(), "Notifing subscribers of time reset\n");
 }
 
@@ -71,7 +71,7 @@ TEST_F(time_reset_test, does_not_drop_a_listed_connection_that_does_not_play) {
     EXPECT_FALSE(listed.close_requested);
 }
 
-TEST_F(time_reset_test, passes_over_empty_slots) {
+TEST_F(time_reset_test, skips_empty_slots) {
     RTMPConnection& player = add_player();
     player.timebase.timebase_set = true;
     StreamRecord& record = find_or_insert_stream("cam1");
@@ -82,7 +82,7 @@ TEST_F(time_reset_test, passes_over_empty_slots) {
     record.players.erase(record.players.begin());
 }
 
-TEST_F(time_reset_test, shows_the_offset_it_left_once_and_then_continues_from_the_players_clock) {
+TEST_F(time_reset_test, adds_its_offset_once_and_then_continues_from_the_players_clock) {
     RTMPConnection& publisher = add_publisher();
     RTMPConnection& player = add_player();
     relay_audio(publisher, 5000, AAC_FRAME);

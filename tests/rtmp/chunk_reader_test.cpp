@@ -44,7 +44,7 @@ TEST_F(chunk_reader, joins_the_chunks_of_a_message) {
     EXPECT_EQ(conn.in_pkt.chunk.message_type_id, 20);
 }
 
-TEST_F(chunk_reader, uses_a_new_chunk_size_from_the_next_chunk_on) {
+TEST_F(chunk_reader, uses_a_new_chunk_size_from_the_next_chunk) {
     conn.conn_g_client.chunk_size = 4096;
     client_sends(header_of(300) + std::string(300, 'x'));
     ASSERT_TRUE(read_message());
@@ -157,7 +157,7 @@ TEST_F(chunk_reader, takes_the_64th_chunk_stream_and_no_header_after_it) {
     EXPECT_EQ(printed_by([&] { EXPECT_FALSE(read_message()); }), "RTMP: Too many streams\n");
 }
 
-TEST_F(chunk_reader, is_silent_when_the_client_ends_at_any_byte) {
+TEST_F(chunk_reader, is_silent_when_the_client_closes_at_any_byte) {
     const std::string message = header_of(130) + std::string(128, 'a') + "\xC3" + "yz";
     for (std::size_t length = 0; length < message.size(); ++length) {
         RTMPConnection& other = add_connection();
@@ -177,7 +177,7 @@ TEST_F(chunk_reader, refuses_a_packet_that_still_has_a_payload) {
 
 using chunk_reader_death = chunk_reader;
 
-TEST_F(chunk_reader_death, a_chunk_size_of_zero_is_our_mistake) {
+TEST_F(chunk_reader_death, a_chunk_size_of_zero_ends_the_process) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     conn.conn_g_client.chunk_size = 0;
     client_sends(header_of(3) + "abc");

@@ -151,7 +151,7 @@ TEST_F(chunk_writer, sends_the_packets_in_the_order_of_the_queue) {
     EXPECT_EQ(arrived(), chunked("1", 128) + chunked("2", 128));
 }
 
-TEST_F(chunk_writer, gives_up_when_the_client_is_gone) {
+TEST_F(chunk_writer, gives_up_when_the_client_has_closed) {
     shutdown(conn.fd, SHUT_WR);
     queue(make_packet(20, 0, "x", 3));
     EXPECT_FALSE(send_next());
@@ -206,7 +206,7 @@ TEST_F(chunk_writer, shared_payloads_around_an_echo_have_the_chunk_size_of_their
                              std::string("\x00\x00\x00\xC8", 4) + chunked(std::string(300, 'p'), 200));
 }
 
-TEST_F(chunk_writer, cancellation_at_any_send_repeats_nothing_and_frees_what_waits) {
+TEST_F(chunk_writer, cancellation_at_any_send_repeats_nothing_and_frees_the_waiting_messages) {
     const int small = 4096;
     constexpr std::size_t MESSAGES = 30;
     const std::string payload(1000, 'p');

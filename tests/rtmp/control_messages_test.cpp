@@ -38,7 +38,7 @@ using Queued = std::vector<std::pair<int, std::string>>;
 
 }  // namespace
 
-TEST_F(control_messages, a_chunk_size_is_echoed_acknowledged_and_handed_on) {
+TEST_F(control_messages, a_chunk_size_is_echoed_acknowledged_and_passed_on) {
     EXPECT_EQ(printed_by([&] { EXPECT_TRUE(process(1, big_endian(4096))); }),
               "RTMP: New chunk size 4096 accepted\n");
     EXPECT_EQ(conn.conn_g_client.chunk_size, 4096U);
@@ -78,7 +78,7 @@ TEST_F(control_messages, a_chunk_size_without_four_bytes_ends_the_reading) {
     EXPECT_EQ(printed_by([&] { EXPECT_FALSE(process(1, "")); }), "Chunk size rejected\n");
 }
 
-TEST_F(control_messages, a_chunk_size_on_another_stream_is_not_one) {
+TEST_F(control_messages, a_chunk_size_on_another_stream_is_not_recognized) {
     EXPECT_EQ(printed_by([&] {
                   EXPECT_TRUE(process(1, big_endian(4096), 3));
                   EXPECT_TRUE(process(1, big_endian(4096), 2, 1));
@@ -88,7 +88,7 @@ TEST_F(control_messages, a_chunk_size_on_another_stream_is_not_one) {
     EXPECT_EQ(conn.connection_in.size(), 2U);
 }
 
-TEST_F(control_messages, acknowledgements_and_user_control_are_handed_on_silently) {
+TEST_F(control_messages, acknowledgements_and_user_control_are_silently_passed_on) {
     EXPECT_EQ(printed_by([&] {
                   EXPECT_TRUE(process(3, big_endian(1)));
                   EXPECT_TRUE(process(4, "abcdef"));
@@ -105,7 +105,7 @@ TEST_F(control_messages, any_other_type_ends_the_reading) {
     }
 }
 
-TEST_F(control_messages, a_window_counts_from_its_own_message_on) {
+TEST_F(control_messages, a_window_counts_from_its_own_message) {
     EXPECT_TRUE(process(4, ""));  // the first message is acknowledged in any case
     conn.connection_out.clear();
     EXPECT_EQ(printed_by([&] { EXPECT_TRUE(process(5, big_endian(2500000))); }),
@@ -133,7 +133,7 @@ TEST_F(control_messages, a_window_of_zero_ends_acknowledging_by_count) {
     EXPECT_TRUE(conn.connection_out.empty());
 }
 
-TEST_F(control_messages, unread_acknowledgements_are_overwritten_from_1024_packets_on) {
+TEST_F(control_messages, unread_acknowledgements_are_overwritten_once_1024_packets_wait) {
     for (int i = 0; i < 1023; ++i) {
         conn.connection_out.push_back(make_packet(20, 0, "reply"));
     }

@@ -105,7 +105,7 @@ TEST_F(handshake, ignores_bytes_4_to_7_of_the_echo_and_no_others) {
 }
 
 // Reading ahead begins with the messages.
-TEST_F(handshake, that_fails_leaves_what_comes_behind_it_in_the_socket) {
+TEST_F(handshake, that_fails_leaves_the_bytes_after_it_in_the_socket) {
     struct Failure {
         std::string greeting;
         std::string line;

@@ -14,7 +14,7 @@ struct Probe {
 
 }  // namespace
 
-TEST(media_probe, sequence_headers_are_told_by_the_first_two_bytes) {
+TEST(media_probe, sequence_headers_are_recognized_by_the_first_two_bytes) {
     const std::vector<Probe> probes{
         {std::string("\xAF\x00", 2), true, false},
         {std::string("\xAF\x01", 2), false, false},

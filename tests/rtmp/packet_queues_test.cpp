@@ -86,7 +86,7 @@ TEST_F(packet_queues, a_batch_is_one_message_while_packets_are_dumped) {
     EXPECT_EQ(taken(), std::vector<std::string>{"1"});
 }
 
-TEST_F(packet_queues, what_a_batch_has_taken_counts_when_acknowledgements_are_merged) {
+TEST_F(packet_queues, messages_in_a_batch_count_when_acknowledgements_are_merged) {
     queue(std::vector<std::string>(1024, "reply"));
     ASSERT_TRUE(take_outgoing(conn));
     ASSERT_EQ(conn.connection_out.size(), 992U);

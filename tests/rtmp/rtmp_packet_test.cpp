@@ -26,7 +26,7 @@ TEST(rtmp_packet, a_copy_has_its_own_equal_payload) {
     EXPECT_FALSE(packet_data_different(source, copy));
 }
 
-TEST(rtmp_packet, copying_a_payload_leaves_the_header_alone) {
+TEST(rtmp_packet, copying_a_payload_leaves_the_header_unchanged) {
     RTMP_Packet source = packet_of(3, 1);
     source.chunk.timestamp = 77;
     RTMP_Packet copy;
@@ -65,7 +65,7 @@ TEST(rtmp_packet, room_is_made_for_up_to_the_largest_payload) {
     EXPECT_EQ(pkt.chunk.message.data, nullptr);
 }
 
-TEST(rtmp_packet, moving_takes_header_and_payload_and_leaves_no_payload_behind) {
+TEST(rtmp_packet, moving_takes_header_and_payload_and_leaves_no_payload_in_the_source) {
     RTMP_Packet source = packet_of(20, 9);
     source.chunk.timestamp = 1234;
     const unsigned char* const data = source.chunk.message.data;
@@ -109,7 +109,7 @@ TEST(rtmp_packet, two_empty_packets_do_not_differ) {
     EXPECT_FALSE(packet_data_different(RTMP_Packet(), RTMP_Packet()));
 }
 
-TEST(rtmp_packet_death, a_length_without_data_is_our_mistake) {
+TEST(rtmp_packet_death, a_length_without_data_ends_the_process) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     const RTMP_Packet good = packet_of(4, 1);
     RTMP_Packet bad;

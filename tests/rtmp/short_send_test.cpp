@@ -65,7 +65,7 @@ class short_send_test : public ConnectionFixture {
 
 }  // namespace
 
-TEST_F(short_send_test, that_ends_at_any_byte_of_a_batch_changes_nothing_and_counts_what_left) {
+TEST_F(short_send_test, that_ends_at_any_byte_of_a_batch_changes_nothing_and_counts_the_bytes_sent) {
     const std::string whole = sent_at_once();
     RTMPConnection& conn = add_connection();
     for (std::size_t cut = 1; cut < whole.size(); ++cut) {

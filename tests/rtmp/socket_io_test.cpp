@@ -19,7 +19,7 @@ TEST_F(socket_io, reading_collects_pieces_and_counts_them) {
     EXPECT_EQ(conn.conn_g_server.bytes_unacked, 6U);
 }
 
-TEST_F(socket_io, reading_up_to_the_end_returns_and_counts_what_came) {
+TEST_F(socket_io, reading_up_to_the_end_returns_and_counts_the_bytes_received) {
     ASSERT_EQ(send(peer(conn), "abc", 3, 0), 3);
     shutdown(peer(conn), SHUT_WR);
     char buffer[6];
@@ -27,21 +27,21 @@ TEST_F(socket_io, reading_up_to_the_end_returns_and_counts_what_came) {
     EXPECT_EQ(conn.conn_g_server.bytes_total, 3U);
 }
 
-TEST_F(socket_io, reading_at_the_end_is_minus_one_and_counts_nothing) {
+TEST_F(socket_io, reading_at_the_end_returns_minus_one_and_counts_nothing) {
     shutdown(peer(conn), SHUT_WR);
     char buffer[6];
     EXPECT_EQ(conn.cread(buffer, 6), -1);
     EXPECT_EQ(conn.conn_g_server.bytes_total, 0U);
 }
 
-TEST_F(socket_io, reading_takes_no_more_than_it_is_asked_for_before_the_handshake_is_complete) {
+TEST_F(socket_io, reading_takes_no_more_than_requested_before_the_handshake_is_complete) {
     ASSERT_EQ(send(peer(conn), "abcdef", 6, 0), 6);
     char buffer[6];
     EXPECT_EQ(conn.cread(buffer, 4), 4);
     EXPECT_EQ(recv(conn.fd, buffer, 6, MSG_DONTWAIT), 2);
 }
 
-TEST_F(socket_io, reading_ahead_counts_only_what_it_hands_out) {
+TEST_F(socket_io, reading_ahead_counts_only_what_it_returns) {
     conn.read_ahead.enabled = true;
     ASSERT_EQ(send(peer(conn), "abcdef", 6, 0), 6);
     char buffer[6];
@@ -67,7 +67,7 @@ TEST_F(socket_io, reading_ahead_fails_like_reading_when_the_client_closes) {
     EXPECT_EQ(conn.conn_g_server.bytes_total, 6U);
 }
 
-TEST_F(socket_io, a_large_block_is_joined_from_what_was_read_ahead_and_what_was_not) {
+TEST_F(socket_io, a_large_block_is_joined_from_bytes_read_ahead_and_bytes_from_the_socket) {
     conn.read_ahead.enabled = true;
     std::string sent;
     for (std::size_t i = 0; i < 50000; ++i) {
@@ -94,7 +94,7 @@ TEST_F(socket_io, writing_sends_and_counts_everything) {
     EXPECT_EQ(conn.conn_g_client.bytes_unacked, 5U);
 }
 
-TEST_F(socket_io, writing_nothing_or_to_nobody_is_minus_one) {
+TEST_F(socket_io, writing_nothing_or_to_a_closed_peer_returns_minus_one) {
     EXPECT_EQ(conn.cwrite("hello", 0), -1);
     shutdown(conn.fd, SHUT_WR);
     EXPECT_EQ(conn.cwrite("hello", 5), -1);

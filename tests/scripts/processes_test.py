@@ -72,7 +72,7 @@ class ProcessesOfScripts(unittest.TestCase):
         directory = self.processes.directory
         self.assertEqual(self.log("one"), f"out\nerr\n{directory}\n{os.path.realpath(directory)}\n")
 
-    def test_a_process_that_goes_on_after_the_first_signal_gets_a_second(self):
+    def test_a_process_that_continues_after_the_first_signal_gets_a_second(self):
         self.start_ready("player", IGNORES_THE_FIRST_SIGNAL)
         self.assertEqual(self.end("player", signal.SIGINT, LIMIT_S), (7, ""))
         self.assertEqual(self.log("player"), "ready\nfirst\n")

@@ -83,7 +83,7 @@ class segmentation : public testing::TestWithParam<Row> {
 }  // namespace
 
 // What is compared below is worth comparing.
-TEST_P(segmentation, a_session_in_one_piece_is_served_to_its_end) {
+TEST_P(segmentation, a_session_in_one_piece_is_served_completely) {
     EXPECT_THAT(whole.printed, HasSubstr("RTMP handshake complete\n"));
     EXPECT_THAT(whole.printed, HasSubstr("accepted app ombrex-"));
     if (session.plays) {
@@ -104,7 +104,7 @@ TEST_P(segmentation, a_session_in_one_piece_is_served_to_its_end) {
         << whole.printed;
 }
 
-TEST_P(segmentation, two_segments_are_served_like_one_wherever_they_meet) {
+TEST_P(segmentation, two_segments_are_served_like_one_wherever_the_split_is) {
     // A sanitizer's build, in which each takes ten times as long, makes one cut in seven. One that looks for
     // races, of which a single thread has none, makes one in seventy-one.
 #ifdef __SANITIZE_THREAD__

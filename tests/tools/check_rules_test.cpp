@@ -65,7 +65,7 @@ TEST(check_rules, a_server_without_a_memory_limit_is_a_warning) {
     EXPECT_EQ(judge_memory_limit(true, std::nullopt).level, Level::WARNING);
 }
 
-TEST(check_rules, a_memory_limit_that_cannot_be_seen_is_unknown) {
+TEST(check_rules, a_memory_limit_that_cannot_be_read_is_unknown) {
     EXPECT_EQ(judge_memory_limit(false, std::nullopt).level, Level::UNKNOWN);
 }
 
@@ -75,18 +75,18 @@ TEST(check_rules, a_memory_limit_below_what_a_full_table_may_hold_is_a_warning) 
     EXPECT_EQ(judge_memory_limit(true, "1912602623\n").level, Level::WARNING);
 }
 
-TEST(check_rules, standard_error_may_lead_to_the_journal_or_nowhere) {
+TEST(check_rules, standard_error_may_go_to_the_journal_or_be_discarded) {
     EXPECT_EQ(judge_standard_error("socket:[123]").level, Level::OK);
     EXPECT_EQ(judge_standard_error("/dev/null").level, Level::OK);
     EXPECT_THAT(judge_standard_error("pipe:[123]").text,
                 HasSubstr("the relay stops if its reader stops reading"));
     EXPECT_THAT(judge_standard_error("/dev/pts/0").text, HasSubstr("Start the server as a service"));
     EXPECT_THAT(judge_standard_error("/var/log/a\nb").text,
-                HasSubstr("/var/log/a\\x0Ab, which strangers can fill"));
+                HasSubstr("/var/log/a\\x0Ab, which untrusted clients can fill"));
     EXPECT_EQ(judge_standard_error(std::nullopt).level, Level::UNKNOWN);
 }
 
-TEST(check_rules, clock_and_kernel_are_looked_at) {
+TEST(check_rules, clock_and_kernel_are_checked) {
     EXPECT_EQ(judge_clock(true, true).level, Level::OK);
     EXPECT_EQ(judge_clock(true, false).level, Level::WARNING);
     EXPECT_EQ(judge_clock(false, false).level, Level::UNKNOWN);

@@ -66,7 +66,7 @@ TEST(command_line, every_subcommand_is_known) {
     }
 }
 
-TEST(command_line, without_options_the_defaults_hold) {
+TEST(command_line, without_options_the_defaults_apply) {
     const CommandLine line = parsed({"list"});
     EXPECT_EQ(line.settings.socket_path, "/var/run/v9_rtmp_server.socket");
     EXPECT_EQ(line.settings.timeout_us(), 5000000U);
@@ -80,7 +80,7 @@ TEST(command_line, without_options_the_defaults_hold) {
     EXPECT_EQ(parsed({"watch"}).watch.interval_seconds, 1);
 }
 
-TEST(command_line, global_options_stand_before_or_behind_the_subcommand) {
+TEST(command_line, global_options_may_come_before_or_after_the_subcommand) {
     for (const Words& words :
          {Words{"--socket", "/s", "--timeout", "0.25", "--unit", "bits", "--json", "--no-color", "-q",
                 "list"},
@@ -96,7 +96,7 @@ TEST(command_line, global_options_stand_before_or_behind_the_subcommand) {
     EXPECT_EQ(parsed({"drop", "unnamed", "-f", "--plain"}).settings.form, OutputForm::PLAIN);
 }
 
-TEST(command_line, list_is_picked_and_sorted) {
+TEST(command_line, list_is_filtered_and_sorted) {
     const CommandLine line = parsed({"list", "--mode", "none", "--stream", "cam1", "--stream", "d*",
                                      "--address", "10.0.0.0/8", "--sort", "rate", "-r", "--no-legend"});
     EXPECT_THAT(line.list.selection.mode, Optional(std::string("none")));
@@ -142,7 +142,7 @@ TEST(command_line, drop_takes_what_to_drop) {
     }
 }
 
-TEST(command_line, the_socket_can_stand_in_the_environment) {
+TEST(command_line, the_socket_may_be_set_in_the_environment) {
     setenv("V9_RTMP_SOCKET", "/run/mine", 1);
     EXPECT_EQ(parsed({"list"}).settings.socket_path, "/run/mine");
     EXPECT_EQ(parsed({"raw", "hello"}).settings.socket_path, "/run/mine");
@@ -180,7 +180,7 @@ TEST(command_line, an_error_says_what_to_do) {
     }
 }
 
-TEST(command_line, what_is_not_understood_is_a_usage_error_with_a_hint) {
+TEST(command_line, an_invalid_command_line_is_a_usage_error_with_a_hint) {
     for (const Words& words : {Words{},
                                Words{"bogus"},
                                Words{"--bogus", "list"},
@@ -217,7 +217,7 @@ TEST(command_line, what_is_not_understood_is_a_usage_error_with_a_hint) {
     }
 }
 
-TEST(command_line, help_is_told_about_the_tool_and_its_commands) {
+TEST(command_line, help_exists_for_the_tool_and_its_commands) {
     for (const Words& words : {Words{"help"}, Words{"--help"}, Words{"-h"}}) {
         const CommandLine line = parsed(words);
         EXPECT_EQ(line.subcommand, Subcommand::NONE);
@@ -265,7 +265,7 @@ TEST(raw_command_line, arguments_are_passed_as_given) {
     }
 }
 
-TEST(raw_command_line, options_of_the_tool_stand_before_the_command) {
+TEST(raw_command_line, options_of_the_tool_come_before_the_command) {
     const CommandLine line =
         parsed({"--socket", "/s", "-q", "raw", "--async", "--timeout", "2", "c", "--socket", "/t"});
     EXPECT_EQ(line.settings.socket_path, "/s");
@@ -275,7 +275,7 @@ TEST(raw_command_line, options_of_the_tool_stand_before_the_command) {
     EXPECT_THAT(line.raw.request.arguments, ElementsAre("--socket", "/t"));
 }
 
-TEST(raw_command_line, a_socket_called_raw_is_no_subcommand) {
+TEST(raw_command_line, a_socket_called_raw_is_not_a_subcommand) {
     const CommandLine line = parsed({"--socket", "raw", "hello"});
     EXPECT_EQ(line.subcommand, Subcommand::HELLO);
     EXPECT_EQ(line.settings.socket_path, "raw");
@@ -362,7 +362,7 @@ TEST(command_line, the_watchdog_takes_addresses_of_publishers) {
                 HasSubstr("is not an IPv4 address"));
 }
 
-TEST(command_line, the_watchdog_reads_options_from_a_file_and_those_of_the_line_count) {
+TEST(command_line, the_watchdog_reads_options_from_a_file_and_the_command_line_overrides_them) {
     const ConfigFile file(
         "# limits\n; more\nstalled = 40\nbehind=off\n\nsilent = 50\npublish-from = 10.0.0.0/8 192.0.2.1\n"
         "state = \"/run/other place\"\ndry-run = true\n");
@@ -380,7 +380,7 @@ TEST(command_line, the_watchdog_reads_options_from_a_file_and_those_of_the_line_
     EXPECT_TRUE(options.dry_run);
 }
 
-TEST(command_line, addresses_of_publishers_on_the_line_replace_those_of_the_file) {
+TEST(command_line, publisher_addresses_on_the_command_line_replace_those_of_the_file) {
     const ConfigFile file("publish-from = 10.0.0.0/8 192.0.2.1\n");
     const CommandLine line = parsed({"watchdog", "--config", file.path, "--publish-from", "192.0.2.7"});
     EXPECT_THAT(line.watchdog.limits.publish_from, ElementsAre(*parse_address_range("192.0.2.7")));
@@ -394,7 +394,7 @@ TEST(command_line, an_empty_file_of_options_changes_nothing) {
     EXPECT_THAT(parsed({"watchdog", "--config", file.path}).watchdog.limits.stalled_us, Optional(30000000U));
 }
 
-TEST(command_line, a_file_of_options_that_cannot_be_read_or_understood_is_refused_with_its_name) {
+TEST(command_line, a_file_of_options_that_cannot_be_read_or_is_invalid_is_refused_with_its_name) {
     EXPECT_THAT(refused({"watchdog", "--config", "/absent.conf"}).message,
                 HasSubstr("the options in /absent.conf cannot be read (No such file or directory)"));
     for (const char* const text : {"stalled = x\n", "stallled = 30\n", "[rules]\nstalled = 30\n",
@@ -430,21 +430,21 @@ TEST(command_line, check_takes_an_address) {
     }
 }
 
-TEST(command_line, a_usage_error_of_check_is_its_unknown) {
+TEST(command_line, a_usage_error_of_check_is_status_unknown) {
     EXPECT_EQ(failure_status({"check", "--foo"}, ExitCode::USAGE), 3);
     EXPECT_EQ(failure_status({"--timeout", "1", "check", "x"}, ExitCode::USAGE), 3);
     EXPECT_EQ(failure_status({"list", "check"}, ExitCode::USAGE), 2);
     EXPECT_EQ(failure_status({}, ExitCode::USAGE), 2);
 }
 
-TEST(command_line, a_failure_of_check_itself_is_its_unknown_and_not_a_warning) {
+TEST(command_line, a_failure_of_check_itself_is_status_unknown_and_not_a_warning) {
     EXPECT_EQ(failure_status({"check"}, ExitCode::NEGATIVE_ANSWER), 3);
     EXPECT_EQ(failure_status({"check"}, ExitCode::NO_REPLY), 3);
     EXPECT_EQ(failure_status({"list"}, ExitCode::NEGATIVE_ANSWER), 1);
     EXPECT_EQ(failure_status({"list"}, ExitCode::NO_REPLY), 5);
 }
 
-TEST(command_line, serve_listens_on_this_machine_alone_unless_told_otherwise) {
+TEST(command_line, serve_listens_on_loopback_by_default) {
     const ServeOptions usual = parsed({"serve"}).serve;
     EXPECT_EQ(usual.listen, "127.0.0.1:9935");
     EXPECT_FALSE(usual.allow_drop);

@@ -114,7 +114,7 @@ DropOptions of_stream(std::string stream, bool force) {
 
 }  // namespace
 
-TEST_F(commands_test, hello_tells_the_greeting) {
+TEST_F(commands_test, hello_prints_the_greeting) {
     message = "How are you?";
     EXPECT_THAT(outcome_of([&] { return run_hello(settings); }).out,
                 StartsWith("How are you? (answered in "));
@@ -157,7 +157,7 @@ TEST_F(commands_test, list_without_legend_is_only_the_rows) {
               "3  cam1  play     640x360  30 B  40 B  10.0.0.2:2\n");
 }
 
-TEST_F(commands_test, list_of_a_mode_is_picked_by_the_server_and_none_here) {
+TEST_F(commands_test, list_filters_mode_none_itself_and_other_modes_on_the_server) {
     settings.form = OutputForm::PLAIN;
     ListOptions options;
     options.selection.mode = "none";
@@ -168,7 +168,7 @@ TEST_F(commands_test, list_of_a_mode_is_picked_by_the_server_and_none_here) {
     EXPECT_THAT(requests[1].arguments, ElementsAre("play"));
 }
 
-TEST_F(commands_test, list_says_so_when_nothing_matches) {
+TEST_F(commands_test, list_reports_that_nothing_matches) {
     ListOptions options;
     options.selection.streams = {"cam2"};
     EXPECT_EQ(list(options).exit_code, 1);
@@ -184,7 +184,7 @@ TEST_F(commands_test, a_listing_that_cannot_be_read_is_exit_code_five) {
     EXPECT_EQ(outcome.out, "");
 }
 
-TEST_F(commands_test, raw_prints_whatever_was_answered) {
+TEST_F(commands_test, raw_prints_any_reply) {
     status = 6;
     message = "Unknown command";
     RawOptions options;
@@ -269,7 +269,7 @@ TEST_F(commands_test, drops_of_long_names_share_the_listing_between_them) {
     EXPECT_THAT(commands, ElementsAre("list", "list", "drop", "list", "drop", "list", "drop", "list"));
 }
 
-TEST_F(commands_test, drop_id_tells_whom_it_hit_when_the_slot_got_another_client) {
+TEST_F(commands_test, drop_id_names_the_client_it_dropped_when_the_slot_got_another_one) {
     const std::string newcomer = "3\tcam1\tplay\t\t0\t0\t10.0.0.9:9";
     later_lines = {lines, {newcomer}, {newcomer}};
     const Outcome outcome = drop_id(of_id("3"));
@@ -280,7 +280,7 @@ TEST_F(commands_test, drop_id_tells_whom_it_hit_when_the_slot_got_another_client
                           "was looked up, and play of 'cam1' from 10.0.0.9:9 when it was dropped."));
 }
 
-TEST_F(commands_test, drop_id_that_may_have_hit_another_client_says_so) {
+TEST_F(commands_test, drop_id_warns_that_it_may_have_dropped_another_client) {
     const std::string newcomer = "9\t\t\t\t0\t0\t10.0.0.9:9";
     settings.form = OutputForm::JSON;
     later_lines = {lines, lines, {newcomer}};
@@ -312,7 +312,7 @@ TEST_F(commands_test, the_watchdog_counts_a_drop_as_a_miss_when_the_slot_got_ano
                                       "dropped 9, .* from 10\\.0\\.0\\.9:9: .*\\(misses so far: 1\\)\n"));
 }
 
-TEST_F(commands_test, the_watchdog_tells_who_has_gone_after_a_drop_without_reply) {
+TEST_F(commands_test, the_watchdog_names_the_client_that_left_after_a_drop_without_reply) {
     WatchdogOptions options;
     options.limits.unnamed_us = 1;
     options.interval_seconds = 0.1;
@@ -328,12 +328,11 @@ TEST_F(commands_test, the_watchdog_tells_who_has_gone_after_a_drop_without_reply
     std::filesystem::remove_all(options.state_directory);
     EXPECT_EQ(outcome.exit_code, 0);
     EXPECT_THAT(outcome.err, HasSubstr("v9_rtmp_ctl: "));
-    EXPECT_THAT(outcome.out,
-                testing::MatchesRegex("missed 9, .* from 10\\.0\\.0\\.3:3: .*\\(misses so far: "
-                                      "1\\); no reply came to the drop, and the client has gone\n"));
+    EXPECT_THAT(outcome.out, testing::MatchesRegex("missed 9, .* from 10\\.0\\.0\\.3:3: .*\\(misses so far: "
+                                                   "1\\); the drop got no reply, and the client has left\n"));
 }
 
-TEST_F(commands_test, of_several_ids_all_are_tried_and_the_worst_status_is_told) {
+TEST_F(commands_test, all_of_several_ids_are_tried_and_the_worst_status_is_returned) {
     DropOptions options;
     options.ids = {"3", "5", "0", "3", "200"};
     const Outcome outcome = drop_id(options);
@@ -347,7 +346,7 @@ TEST_F(commands_test, of_several_ids_all_are_tried_and_the_worst_status_is_told)
     EXPECT_EQ(drop_id(options).out, "1\n");
 }
 
-TEST_F(commands_test, of_several_answers_the_document_has_none) {
+TEST_F(commands_test, the_document_for_several_ids_has_no_single_message) {
     settings.form = OutputForm::JSON;
     EXPECT_THAT(drop_id(of_id("3")).out, HasSubstr(R"("message":"OK")"));
     DropOptions options;
@@ -364,7 +363,7 @@ TEST_F(commands_test, drop_id_that_sends_nothing_leaves_nothing_unknown) {
     EXPECT_THAT(unsent.err, Not(HasSubstr("is not known")));
     settings.socket_path = server.path();
     later_lines = {lines, {"garbage"}, {"garbage"}};
-    EXPECT_THAT(drop_id(of_id("3")).err, HasSubstr("What was dropped until then is not known"));
+    EXPECT_THAT(drop_id(of_id("3")).err, HasSubstr("It is not known what was dropped before that"));
 }
 
 TEST_F(commands_test, drop_id_without_list_needs_no_list) {
@@ -391,7 +390,7 @@ TEST_F(commands_test, a_dry_run_of_ids_shows_them_and_drops_nothing) {
     EXPECT_THAT(other_requests(), IsEmpty());
 }
 
-TEST_F(commands_test, drop_address_drops_what_comes_from_there) {
+TEST_F(commands_test, drop_address_drops_connections_from_there) {
     DropOptions options;
     options.selection.addresses = {*parse_address_range("10.0.0.2/31")};
     options.dry_run = true;
@@ -445,17 +444,17 @@ TEST_F(commands_test, streams_without_legend_is_only_the_rows) {
     EXPECT_EQ(outcome_of([&] { return run_streams(settings, options); }).out, row);
     options.no_legend = false;
     EXPECT_THAT(outcome_of([&] { return run_streams(settings, options); }).out,
-                testing::EndsWith("\n? is a guess: the server does not say which one.\n"));
+                testing::EndsWith("\n? is a guess: the server does not report which one.\n"));
 }
 
-TEST_F(commands_test, drop_stream_needs_force_where_nobody_can_be_asked) {
+TEST_F(commands_test, drop_stream_needs_force_without_a_terminal) {
     const Outcome outcome = drop_stream(of_stream("cam1", false));
     EXPECT_EQ(outcome.exit_code, 2);
     EXPECT_THAT(outcome.err, HasSubstr("--force"));
     EXPECT_THAT(other_requests(), IsEmpty());
 }
 
-TEST_F(commands_test, drop_stream_forced_tells_how_many_were_dropped) {
+TEST_F(commands_test, drop_stream_forced_prints_how_many_were_dropped) {
     message = "OK, 2 connections dropped";
     EXPECT_EQ(drop_stream(of_stream("cam1", true)).out, "dropped 2 connections\n");
     ASSERT_EQ(other_requests().size(), 1U);

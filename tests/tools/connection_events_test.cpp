@@ -38,12 +38,12 @@ class events_test : public testing::Test {
 
 }  // namespace
 
-TEST_F(events_test, of_clients_that_were_there_before_there_are_none) {
+TEST_F(events_test, are_not_created_for_clients_that_were_connected_before) {
     EXPECT_THAT(listed({client(1, "publish"), client(2, "")}), IsEmpty());
     EXPECT_THAT(listed({client(1, "publish"), client(2, "")}), IsEmpty());
 }
 
-TEST_F(events_test, tell_what_each_client_begins_and_that_it_goes) {
+TEST_F(events_test, report_what_each_client_starts_and_when_it_leaves) {
     EXPECT_THAT(listed({}), IsEmpty());
     EXPECT_THAT(
         listed({client(1, ""), client(2, "play")}),
@@ -56,7 +56,7 @@ TEST_F(events_test, tell_what_each_client_begins_and_that_it_goes) {
         ElementsAre("gone 2, play of 'cam1' from 10.0.0.2:1 after 2 s, 2.0 KiB sent, 2.9 KiB received"));
 }
 
-TEST_F(events_test, a_slot_that_got_another_client_tells_of_both) {
+TEST_F(events_test, a_slot_that_got_another_client_yields_events_of_both) {
     EXPECT_THAT(listed({client(1, "play")}), IsEmpty());
     Connection other = client(1, "play", "cam2");
     other.address = "10.9.9.9:1";
@@ -66,7 +66,7 @@ TEST_F(events_test, a_slot_that_got_another_client_tells_of_both) {
                     "connect 1, play of 'cam2' from 10.9.9.9:1", "play 1, play of 'cam2' from 10.9.9.9:1"));
 }
 
-TEST_F(events_test, a_publisher_that_waited_takes_over_when_the_first_one_goes) {
+TEST_F(events_test, a_publisher_that_waited_takes_over_when_the_first_one_leaves) {
     EXPECT_THAT(listed({client(5, "publish")}), IsEmpty());
     EXPECT_THAT(listed({client(3, "publish"), client(5, "publish")}), testing::SizeIs(2));
     EXPECT_THAT(
@@ -76,7 +76,7 @@ TEST_F(events_test, a_publisher_that_waited_takes_over_when_the_first_one_goes) 
             "takeover 3, publish of 'cam1' from 10.0.0.3:1 after 5, publish of 'cam1' from 10.0.0.5:1"));
 }
 
-TEST_F(events_test, a_rival_that_goes_and_a_publisher_that_comes_later_take_nothing_over) {
+TEST_F(events_test, a_rival_that_leaves_and_a_later_publisher_are_not_takeovers) {
     EXPECT_THAT(listed({client(3, "publish"), client(5, "publish", "cam2")}), IsEmpty());
     EXPECT_THAT(listed({client(3, "publish"), client(4, "publish"), client(5, "publish", "cam2")}),
                 testing::SizeIs(2));
@@ -87,7 +87,7 @@ TEST_F(events_test, a_rival_that_goes_and_a_publisher_that_comes_later_take_noth
                             testing::StartsWith("publish 6, ")));
 }
 
-TEST_F(events_test, are_given_to_scripts_as_json_and_as_variables) {
+TEST_F(events_test, are_passed_to_scripts_as_json_and_as_variables) {
     ConnectionEvent event{EventKind::TAKEOVER, client(3, "publish"), client(5, "publish"), std::nullopt};
     EXPECT_EQ(
         event_json(event, 1760000000),
@@ -102,7 +102,7 @@ TEST_F(events_test, are_given_to_scripts_as_json_and_as_variables) {
                     Pair("V9_PREVIOUS_ID", "5"), Pair("V9_PREVIOUS_ADDRESS", "10.0.0.5:1")));
 }
 
-TEST_F(events_test, names_of_strangers_are_harmless_in_variables) {
+TEST_F(events_test, untrusted_names_are_harmless_in_variables) {
     const ConnectionEvent event{EventKind::PLAY, client(3, "play", "a\n$(b)\x1b" + std::string(5000, 'x')),
                                 std::nullopt, std::nullopt};
     EXPECT_THAT(event_variables(event),

@@ -77,7 +77,7 @@ TEST_F(history_test, a_choice_of_a_stream_is_made_by_the_same_client) {
     EXPECT_EQ(history.clients()[0].stream_seen_us, 1005 * SECOND);
 }
 
-TEST_F(history_test, another_address_stream_mode_or_a_counter_that_went_back_is_another_client) {
+TEST_F(history_test, another_address_stream_or_mode_or_a_smaller_counter_is_another_client) {
     Connection elsewhere = player(3, 10);
     elsewhere.address = "10.0.0.3:2";
     for (const Connection& other :
@@ -126,7 +126,7 @@ TEST_F(history_test, a_listing_without_address_or_counters_counts_against_no_cli
     EXPECT_THAT(history.clients(), IsEmpty());
 }
 
-TEST_F(history_test, a_clock_that_went_back_begins_a_new_history_of_clients) {
+TEST_F(history_test, a_clock_that_went_back_starts_a_new_history_of_clients) {
     listing_at(1000, {player(3, 10)});
     listing_at(1010, {player(3, 20)});
     listing_at(500, {player(3, 30)});
@@ -160,7 +160,7 @@ TEST_F(history_test, stall_seconds_count_only_while_the_stream_moves) {
     EXPECT_EQ(stream.publisher_silence_us, 2 * SECOND);
 }
 
-TEST_F(history_test, names_of_strangers_are_bounded) {
+TEST_F(history_test, untrusted_names_are_bounded) {
     const std::string longest(ConnectionHistory::MAX_NAME_BYTES, 'a');
     listing_at(1000, {client(1, "play", 1, 1, longest), client(2, "play", 1, 1, longest + "a")});
     EXPECT_THAT(history.streams(), SizeIs(1));
@@ -219,7 +219,7 @@ TEST_F(history_test, samples_stay_as_many_as_the_window_needs) {
     EXPECT_THAT(recent_movement(history, history.clients()[0], 60 * SECOND, 3)->bytes, 60U);
 }
 
-TEST_F(history_test, a_restored_history_goes_on_where_it_was_saved) {
+TEST_F(history_test, a_restored_history_continues_where_it_was_saved) {
     const auto both = [](std::uint64_t s) {
         return std::vector{client(1, "play", s * 10, 1, "a\"b\xc3\xa4"),
                            client(2, "play", 7, 1, "a\"b\xc3\xa4"), client(3, "", 1, 1)};
@@ -242,7 +242,7 @@ TEST_F(history_test, a_restored_history_goes_on_where_it_was_saved) {
     EXPECT_EQ(restored.streams().begin()->second.bytes_sent, now_s * 10 + 7);
 }
 
-TEST_F(history_test, of_another_boot_only_totals_are_restored) {
+TEST_F(history_test, only_totals_are_restored_after_another_boot) {
     seconds(3, [](std::uint64_t s) { return std::vector{player(1, s)}; });
     ConnectionHistory restored;
     ASSERT_TRUE(restored.restore(history.to_json(BOOT), "another boot"));
@@ -252,7 +252,7 @@ TEST_F(history_test, of_another_boot_only_totals_are_restored) {
     EXPECT_EQ(restored.streams().at("cam1").bytes_sent, 1003U + 2000U);
 }
 
-TEST_F(history_test, text_that_is_no_history_is_refused) {
+TEST_F(history_test, text_that_is_not_a_history_is_refused) {
     seconds(3, [](std::uint64_t s) { return std::vector{player(1, s)}; });
     const std::string saved = history.to_json(BOOT);
     for (const std::string& text :

@@ -81,7 +81,7 @@ TEST(connection_line, a_long_name_is_cut_and_its_length_is_kept) {
     EXPECT_EQ(connection.whole_name_bytes, 1000U);
 }
 
-TEST(connection_line, what_is_no_line_is_refused) {
+TEST(connection_line, an_invalid_line_is_refused) {
     for (const char* line :
          {"", "5", "5\tcam1\tplay\t\t1\t2",  // six fields
           "\tcam1\tplay\t\t1\t2\ta",         // no id
@@ -121,7 +121,7 @@ TEST(rates, are_bytes_per_second_between_two_listings) {
     EXPECT_THAT(total_rate(after.connections[0]), Optional(DoubleEq(2000)));
 }
 
-TEST(rates, are_unknown_for_somebody_else_in_the_same_slot) {
+TEST(rates, are_unknown_for_another_client_in_the_same_slot) {
     const Listing before = listing_of(1000000, "5\tcam1\tplay\t\t1000\t200\ta");
     for (const char* line : {"5\tcam1\tplay\t\t2000\t300\tb", "5\tcam2\tplay\t\t2000\t300\ta",
                              "5\tcam1\tpublish\t\t2000\t300\ta", "6\tcam1\tplay\t\t2000\t300\ta"}) {
@@ -132,7 +132,7 @@ TEST(rates, are_unknown_for_somebody_else_in_the_same_slot) {
     }
 }
 
-TEST(rates, are_unknown_where_a_counter_is_missing_or_went_back) {
+TEST(rates, are_unknown_if_a_counter_is_missing_or_went_back) {
     const Listing before = listing_of(1000000, "5\tcam1\tplay\t\t1000\t200\ta");
     Listing gone_back = listing_of(2000000, "5\tcam1\tplay\t\t999\t300\ta");
     add_rates(before, gone_back);

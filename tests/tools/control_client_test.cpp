@@ -89,7 +89,7 @@ TEST(control_client, calls_and_reads_the_whole_reply) {
     EXPECT_THAT(requests[0].arguments, ElementsAre("", "-1", std::string("x\0y", 3)));
 }
 
-TEST(control_client, every_way_to_fail_has_its_exit_code) {
+TEST(control_client, every_kind_of_failure_has_its_exit_code) {
     const std::string directory = make_directory();
     EXPECT_EQ(exit_code_of_call(directory + "/none", TIMEOUT_US), ExitCode::NOT_RUNNING);
     EXPECT_EQ(exit_code_of_call(std::string(200, 'x'), TIMEOUT_US), ExitCode::USAGE);
@@ -105,7 +105,7 @@ TEST(control_client, every_way_to_fail_has_its_exit_code) {
     EXPECT_EQ(exit_code_of_call(half_a_frame.path(), TIMEOUT_US), ExitCode::NO_REPLY);
 }
 
-TEST(control_client, a_request_above_a_limit_is_a_mistake_of_the_user) {
+TEST(control_client, a_request_above_a_limit_is_a_usage_error) {
     const FakeServer server([](const Request& request, bool) { return Reply{0, request.command, "", {}}; });
     ControlClient client(server.path(), TIMEOUT_US);
     Reply reply;
@@ -156,7 +156,7 @@ TEST(control_client, several_requests_get_their_replies_in_order) {
     EXPECT_EQ(replies[2].command, "three");
 }
 
-TEST(control_client, a_reply_that_keeps_coming_may_take_longer_than_silence) {
+TEST(control_client, a_reply_that_keeps_arriving_may_take_longer_than_the_silence) {
     for (const std::uint64_t silence_s : {0U, 1U, 5U, 60U, 61U, 1000U}) {
         const std::uint64_t silence_us = silence_s * 1000000;
         EXPECT_GT(longest_reply_us(silence_us), silence_us);

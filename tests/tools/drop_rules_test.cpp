@@ -53,7 +53,7 @@ TEST(drop_rules, only_a_plain_ok_means_that_it_was_dropped) {
     }
 }
 
-TEST(drop_rules, a_candidate_is_dropped_only_while_the_listing_has_it_as_it_was) {
+TEST(drop_rules, a_candidate_is_dropped_only_while_it_is_unchanged_in_the_listing) {
     const Connection unnamed = *parse_connection_line("5\t\t\t\t1\t2\t10.0.0.1:1");
     const Connection player = *parse_connection_line("6\tcam1\tplay\t\t1\t2\t10.0.0.2:2");
     Connection busier = player;
@@ -70,17 +70,18 @@ TEST(drop_rules, a_candidate_is_dropped_only_while_the_listing_has_it_as_it_was)
     EXPECT_THAT(judge_candidate(unnamed, {player})->message, testing::HasSubstr("there is no connection 5"));
 }
 
-TEST(drop_rules, a_client_that_has_chosen_a_stream_meanwhile_is_not_called_another) {
+TEST(drop_rules, a_client_that_has_since_chosen_a_stream_is_still_the_same_client) {
     const Connection unnamed = *parse_connection_line("5\t\t\t\t1\t2\t10.0.0.1:1");
     const Connection named = *parse_connection_line("5\tcam1\tpublish\t\t1\t2\t10.0.0.1:1");
     const std::optional<Failure> failure =
         judge_drop({5, "", unnamed}, {0, "", "OK", {}}, {1, {named}}, {2, {named}});
     ASSERT_TRUE(failure);
     EXPECT_EQ(failure->exit_code, ExitCode::ANOTHER_CLIENT);
-    EXPECT_THAT(failure->message,
-                testing::StartsWith("the client was dropped, and had changed its stream meanwhile: id 5 was "
-                                    "without a stream from 10.0.0.1:1 when it was looked up, and publish of "
-                                    "'cam1' from 10.0.0.1:1 when it was dropped."));
+    EXPECT_THAT(
+        failure->message,
+        testing::StartsWith("the client was dropped, but had changed its stream before that: id 5 was "
+                            "without a stream from 10.0.0.1:1 when it was looked up, and publish of "
+                            "'cam1' from 10.0.0.1:1 when it was dropped."));
 }
 
 TEST(drop_rules, only_what_both_listings_agree_on_is_certain) {

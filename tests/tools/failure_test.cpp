@@ -29,7 +29,7 @@ TEST(failure, every_error_has_its_exit_code) {
     }
 }
 
-TEST(failure, a_server_is_started_only_for_its_own_socket) {
+TEST(failure, advice_to_start_a_server_is_given_only_for_its_own_socket) {
     for (const comm_socket_v4_error error : {COMM_SOCKET_V4_NO_SOCKET, COMM_SOCKET_V4_REFUSED}) {
         EXPECT_THAT(describe_failure(error, DEFAULT_SOCKET_PATH).message, HasSubstr("start v9_rtmp_server"));
         const std::string message = describe_failure(error, "/etc/passwd").message;
@@ -54,7 +54,7 @@ TEST(failure, another_name_of_the_servers_socket_is_the_servers_socket) {
 }
 
 // After a second start by mistake, the first server still runs without its socket.
-TEST(failure, a_server_is_started_only_where_none_still_runs) {
+TEST(failure, advice_to_start_a_server_is_given_only_if_none_still_runs) {
     for (const comm_socket_v4_error error : {COMM_SOCKET_V4_NO_SOCKET, COMM_SOCKET_V4_REFUSED}) {
         const std::string message = describe_failure(error, DEFAULT_SOCKET_PATH).message;
         EXPECT_THAT(message, Not(HasSubstr("not running")));
@@ -67,14 +67,14 @@ TEST(failure, a_server_is_started_only_where_none_still_runs) {
                 HasSubstr(". No server was found: start v9_rtmp_server"));
 }
 
-TEST(failure, a_short_timeout_is_told_that_the_server_looks_ten_times_a_second) {
+TEST(failure, the_advice_for_a_short_timeout_says_that_the_server_polls_ten_times_a_second) {
     EXPECT_EQ(no_answer(50000).exit_code, ExitCode::NO_REPLY);
     EXPECT_THAT(no_answer(50000).message,
-                HasSubstr("(0.05 s). It looks at its control socket ten times a second"));
+                HasSubstr("(0.05 s). It polls its control socket ten times a second"));
     EXPECT_THAT(no_answer(5000000).message, HasSubstr("wait longer with --timeout"));
 }
 
-TEST(failure, a_server_that_is_sending_is_not_to_be_restarted) {
+TEST(failure, there_is_no_advice_to_restart_a_server_that_is_sending) {
     const Failure failure = answer_too_long(60000000);
     EXPECT_EQ(failure.exit_code, ExitCode::NO_REPLY);
     EXPECT_THAT(failure.message, HasSubstr("still sending its answer after 60 s"));
@@ -86,7 +86,7 @@ TEST(failure, the_exit_status_of_several_results_is_the_worst) {
     EXPECT_EQ(worse_of(ExitCode::ANOTHER_CLIENT, ExitCode::NO_REPLY), ExitCode::ANOTHER_CLIENT);
 }
 
-TEST(failure, a_socket_path_cannot_steer_the_terminal) {
+TEST(failure, a_socket_path_cannot_control_the_terminal) {
     EXPECT_THAT(describe_failure(COMM_SOCKET_V4_NO_SOCKET, "/x\x1b[2J").message, HasSubstr("/x\\x1B[2J"));
     EXPECT_THAT(refused_by_server("a\nb").message, HasSubstr("a\\x0Ab"));
     EXPECT_EQ(refused_by_server("x").exit_code, ExitCode::NEGATIVE_ANSWER);

@@ -64,7 +64,7 @@ TEST_F(hook_test, that_does_not_end_is_killed) {
                 Optional(std::string("ran for more than 1 s and was killed")));
 }
 
-TEST_F(hook_test, its_output_goes_to_standard_error_and_not_between_the_event_lines) {
+TEST_F(hook_test, has_its_output_on_standard_error_and_not_between_the_event_lines) {
     testing::internal::CaptureStdout();
     testing::internal::CaptureStderr();
     EXPECT_EQ(run("echo text"), std::nullopt);
@@ -72,7 +72,7 @@ TEST_F(hook_test, its_output_goes_to_standard_error_and_not_between_the_event_li
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
 }
 
-TEST_F(hook_test, that_is_killed_leaves_no_program_of_its_own_behind) {
+TEST_F(hook_test, that_is_killed_leaves_no_child_process) {
     // Each of the programs holds the writing end.
     std::array<int, 2> ends{};
     ASSERT_EQ(pipe(ends.data()), 0);

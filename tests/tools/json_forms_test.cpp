@@ -40,7 +40,7 @@ TEST(reply_json, control_bytes_quotes_and_zeros_are_escaped) {
               R"({"status": 0, "command": "a\tb\nc\"\\", "message": "x\u0000y\u001b", "pairs": []})");
 }
 
-TEST(reply_json, controls_that_a_terminal_would_obey_are_escaped_and_other_text_stays_as_it_is) {
+TEST(reply_json, terminal_control_characters_are_escaped_and_other_text_is_unchanged) {
     EXPECT_EQ(reply_json({0, "\x7f", "\xc2\x80\xc2\x9b\xc2\x9f\xc2\xa0\xc3\x9b", {}}),
               "{\"status\": 0, \"command\": \"\\u007f\", \"message\": "
               "\"\\u0080\\u009b\\u009f\xc2\xa0\xc3\x9b\", \"pairs\": []}");
@@ -95,7 +95,7 @@ TEST(watch_json, says_whether_the_server_runs) {
     EXPECT_EQ(watch_json(false, {}, {}), R"({"running":false,"slots":128,"streams":[],"connections":[]})");
 }
 
-TEST(other_json, tell_what_was_done) {
+TEST(other_json, reports_what_was_done) {
     EXPECT_EQ(hello_json({"How are you?", 12345, std::vector<unsigned>{17}, {}}),
               R"({"greeting":"How are you?","round_trip_ms":12.345,"listeners":[17],"notes":[]})");
     EXPECT_EQ(hello_json({"Hi", 1000, std::nullopt, {"two"}}),

@@ -6,7 +6,7 @@
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-TEST(keys, characters_and_editing_keys_are_told) {
+TEST(keys, characters_and_editing_keys_are_recognized) {
     EXPECT_THAT(decode_keys("q /"), ElementsAre(Key{KeyKind::CHARACTER, 'q'}, Key{KeyKind::CHARACTER, ' '},
                                                 Key{KeyKind::CHARACTER, '/'}));
     EXPECT_THAT(decode_keys("\r\n\x7f\b"),
@@ -22,7 +22,7 @@ TEST(keys, sequences_are_one_key) {
                             Key{KeyKind::END, 0}, Key{KeyKind::TAB, 0}, Key{KeyKind::END, 0}));
 }
 
-TEST(keys, unknown_sequences_type_nothing) {
+TEST(keys, unknown_sequences_are_ignored) {
     EXPECT_THAT(decode_keys("\x1b[15~q"), ElementsAre(Key{KeyKind::OTHER, 0}, Key{KeyKind::CHARACTER, 'q'}));
     EXPECT_THAT(decode_keys("\x1b[1;5Cq"), ElementsAre(Key{KeyKind::OTHER, 0}, Key{KeyKind::CHARACTER, 'q'}));
     EXPECT_THAT(decode_keys("\x1b["), ElementsAre(Key{KeyKind::OTHER, 0}));
@@ -33,7 +33,7 @@ TEST(keys, a_lone_escape_is_the_key) {
     EXPECT_THAT(decode_keys("\x1bq"), ElementsAre(Key{KeyKind::ESCAPE, 0}, Key{KeyKind::CHARACTER, 'q'}));
 }
 
-TEST(keys, other_bytes_type_nothing) {
+TEST(keys, other_bytes_are_ignored) {
     EXPECT_THAT(decode_keys("\x01\xc3\xa4"),
                 ElementsAre(Key{KeyKind::OTHER, 0}, Key{KeyKind::OTHER, 0}, Key{KeyKind::OTHER, 0}));
 }

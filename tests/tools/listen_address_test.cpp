@@ -11,7 +11,7 @@ TEST(listen_address, is_an_address_and_a_port) {
     }
 }
 
-TEST(listen_address, is_nothing_else) {
+TEST(listen_address, refuses_anything_else) {
     for (const char* const text :
          {"", ":9935", "127.0.0.1", "127.0.0.1:", "127.0.0.1:65536", "127.0.0.1:-1", "localhost:9935",
           "::1:9935", "[::1]9935", "[::1", "[127.0.0.1]:1", "1.2.3.4:80 "}) {

@@ -46,13 +46,13 @@ class metrics_test : public testing::Test {
 
 }  // namespace
 
-TEST_F(metrics_test, tell_that_the_server_does_not_answer) {
+TEST_F(metrics_test, report_that_the_server_does_not_answer) {
     const std::string text = metrics_text(source);
     EXPECT_THAT(text, HasSubstr("\nv9_rtmp_up 0\n"));
     EXPECT_THAT(text, Not(HasSubstr("v9_rtmp_connections")));
 }
 
-TEST_F(metrics_test, of_a_server_that_does_not_answer_are_its_counters_alone) {
+TEST_F(metrics_test, of_a_server_that_does_not_answer_are_only_its_counters) {
     static_cast<void>(everything());
     source.round_trip_s.reset();
     source.connections.clear();
@@ -80,7 +80,7 @@ TEST_F(metrics_test, count_connections_streams_and_bytes) {
     }
 }
 
-TEST_F(metrics_test, of_one_listing_leave_out_what_it_cannot_tell) {
+TEST_F(metrics_test, of_one_listing_omit_what_one_listing_cannot_show) {
     source.connections = {observed_publisher(0, "cam1", 100000)};
     source.round_trip_s = 0.05;
     const std::string text = metrics_text(source);

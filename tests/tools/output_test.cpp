@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-TEST(output, color_needs_a_terminal_and_nobody_who_declines) {
+TEST(output, color_needs_a_terminal_and_can_be_turned_off) {
     EXPECT_TRUE(wants_color(true, false, nullptr, "xterm"));
     EXPECT_TRUE(wants_color(true, false, "", "xterm"));
     EXPECT_FALSE(wants_color(false, false, nullptr, "xterm"));

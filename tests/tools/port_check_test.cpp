@@ -25,7 +25,7 @@ TEST(port_check, sockets_that_listen_on_the_port_are_found) {
     EXPECT_THAT(find_listening("", RTMP_PORT), IsEmpty());
 }
 
-TEST(port_check, what_cannot_be_seen_is_said) {
+TEST(port_check, what_cannot_be_read_is_reported) {
     const PortCheck check = check_port(Peer{});
     EXPECT_THAT(check.gap, testing::HasSubstr("/proc does not show the process that answers"));
     EXPECT_THAT(check.warnings, IsEmpty());

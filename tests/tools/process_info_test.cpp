@@ -22,7 +22,7 @@ std::string stat_line(const std::string& name) {
 
 }  // namespace
 
-TEST(process_info, is_read_from_the_fields_behind_the_name) {
+TEST(process_info, is_read_from_the_fields_after_the_name) {
     for (const char* const name : {"v9_rtmp_server", "a b", "a) S 9 9 9 (", ")"}) {
         ProcessInfo info;
         ASSERT_TRUE(read_process_stat(stat_line(name), 1000, info)) << name;
@@ -36,7 +36,7 @@ TEST(process_info, is_read_from_the_fields_behind_the_name) {
     }
 }
 
-TEST(process_info, is_not_read_from_something_else) {
+TEST(process_info, is_not_read_from_other_text) {
     ProcessInfo info;
     for (const std::string& text : {std::string(), std::string("4711 (name"),
                                     std::string("4711 (name) S 1 2"), stat_line("x").substr(0, 60)}) {
@@ -45,7 +45,7 @@ TEST(process_info, is_not_read_from_something_else) {
     EXPECT_FALSE(info.threads);
 }
 
-TEST(process_info, is_known_of_this_process_and_not_of_none) {
+TEST(process_info, is_known_for_this_process_and_not_for_a_missing_one) {
     const ProcessInfo own = find_process_info(getpid());
     EXPECT_THAT(own.open_descriptors, Optional(Gt(2U)));
     EXPECT_THAT(own.max_descriptors, Optional(Gt(2U)));

@@ -63,7 +63,7 @@ TEST(selection, an_address_may_have_a_port_or_be_a_prefix) {
     }
 }
 
-TEST(selection, of_each_kind_one_has_to_match) {
+TEST(selection, one_criterion_of_each_kind_has_to_match) {
     const Connection player = *parse_connection_line("5\tcam1\tplay\t\t1\t2\t10.0.0.1:1");
     const Connection unnamed = *parse_connection_line("6\t\t\t\t1\t2\t10.0.0.1:2");
     EXPECT_TRUE(matches({}, player));

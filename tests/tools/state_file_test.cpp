@@ -40,7 +40,7 @@ TEST_F(state_file_test, that_is_absent_has_no_text) {
     EXPECT_EQ(errno, ENOENT);
 }
 
-TEST_F(state_file_test, a_temporary_file_that_was_left_is_replaced_and_not_followed) {
+TEST_F(state_file_test, a_stale_temporary_file_is_replaced_and_not_followed) {
     const std::string other = directory / "other";
     std::ofstream(other) << "other";
     std::filesystem::create_symlink(other, path + ".new");
@@ -49,7 +49,7 @@ TEST_F(state_file_test, a_temporary_file_that_was_left_is_replaced_and_not_follo
     EXPECT_THAT(read_file(other), Optional(std::string("other")));
 }
 
-TEST_F(state_file_test, stays_as_it_was_when_it_cannot_be_replaced) {
+TEST_F(state_file_test, is_unchanged_when_it_cannot_be_replaced) {
     EXPECT_FALSE(replace_file(directory / "absent" / "state.json", "text"));
     EXPECT_EQ(errno, ENOENT);
     std::filesystem::create_directory(path);
@@ -57,7 +57,7 @@ TEST_F(state_file_test, stays_as_it_was_when_it_cannot_be_replaced) {
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(directory), {}), 1);
 }
 
-TEST_F(state_file_test, a_lock_is_held_once_until_it_is_given_back) {
+TEST_F(state_file_test, a_lock_is_held_once_until_it_is_released) {
     {
         const FileLock lock(path);
         EXPECT_FALSE(lock.is_held_elsewhere());

@@ -134,7 +134,7 @@ TEST_F(health_test, a_player_nears_the_limit_of_its_timestamps_twenty_minutes_be
     EXPECT_FALSE(of(0).is_near_limit);
 }
 
-TEST_F(health_test, a_stream_waits_until_it_has_a_publisher) {
+TEST_F(health_test, a_stream_is_waiting_until_it_has_a_publisher) {
     seconds(1, [](std::uint64_t s) {
         return std::vector{observed_player(0, "lobby", s), observed_publisher(1, "cam1", s),
                            observed_client(2, "", "", 0, 0)};

@@ -48,14 +48,14 @@ TEST_F(series_test, a_stream_has_its_own_once_it_has_carried_something) {
     EXPECT_EQ(series.other().bytes_received, StreamSeries::MIN_BYTES - 1);
 }
 
-TEST_F(series_test, a_counter_goes_on_where_its_client_comes_back) {
+TEST_F(series_test, a_counter_continues_when_its_client_comes_back) {
     look(1, {observed_publisher(0, "cam1", MUCH)});
     look(2, {});
     look(3, {observed_publisher(4, "cam1", 500)});
     EXPECT_EQ(series.listed().at("cam1").bytes_received, MUCH + 500);
 }
 
-TEST_F(series_test, names_beyond_the_most_are_counted_together) {
+TEST_F(series_test, names_above_the_limit_are_counted_together) {
     look(1, full_house(MUCH));
     EXPECT_THAT(series.listed(), SizeIs(StreamSeries::MAX_SERIES));
     std::vector<Connection> more = full_house(MUCH);
@@ -79,7 +79,7 @@ TEST_F(series_test, the_smallest_gives_way_to_a_name_of_twice_its_bytes) {
     EXPECT_EQ(series.listed().at("large").bytes_received, 2 * MUCH + 7);
 }
 
-TEST_F(series_test, a_stream_that_has_long_been_gone_gives_way) {
+TEST_F(series_test, a_stream_that_ended_long_ago_gives_way) {
     look(1, full_house(MUCH));
     look(2, {});
     const std::uint64_t kept_s = StreamSeries::KEEP_US / ONE_SECOND_US;
@@ -126,7 +126,7 @@ TEST_F(series_test, a_name_that_gave_way_needs_twice_its_bytes_to_come_back) {
     EXPECT_THAT(series.listed(), Contains(Key("s0")));
 }
 
-TEST_F(series_test, a_stream_whose_last_client_is_gone_gets_none) {
+TEST_F(series_test, a_stream_whose_last_client_has_left_gets_none) {
     std::vector<Connection> clients = full_house(MUCH);
     clients.push_back(observed_publisher(100, "one_more", MUCH));
     look(1, clients);
@@ -136,13 +136,13 @@ TEST_F(series_test, a_stream_whose_last_client_is_gone_gets_none) {
     EXPECT_THAT(series.listed(), Not(Contains(Key("s9"))));
 }
 
-TEST_F(series_test, a_stream_that_is_called_like_all_others_has_none_of_its_own) {
+TEST_F(series_test, a_stream_named_like_the_series_of_all_others_has_none_of_its_own) {
     look(1, {observed_publisher(0, OTHER_STREAMS, MUCH)});
     EXPECT_THAT(series.listed(), IsEmpty());
     EXPECT_EQ(series.other().bytes_received, MUCH);
 }
 
-TEST(stream_label, keeps_what_can_be_seen) {
+TEST(stream_label, keeps_visible_characters) {
     EXPECT_EQ(stream_label("cam1"), "cam1");
     EXPECT_EQ(stream_label("K\u00fcche \u98a8 \U0001f39e"), "K\u00fcche \u98a8 \U0001f39e");
     EXPECT_EQ(stream_label("a\tb\nc\x7f"), "a\\x09b\\x0Ac\\x7F");

@@ -58,11 +58,11 @@ TEST(stream_summary, players_may_wait_for_a_publisher) {
     EXPECT_EQ(plain_line(streams[0]), "cam1\t\t1\t\t\t\t");
 }
 
-TEST(stream_summary, leaves_out_who_has_no_stream) {
+TEST(stream_summary, omits_connections_without_a_stream) {
     EXPECT_THAT(summarize_streams({Connection()}, {}, SortKey::STREAM), IsEmpty());
 }
 
-TEST(stream_summary, of_several_publishers_the_one_that_sent_most_is_shown_first) {
+TEST(stream_summary, the_publisher_that_sent_most_is_shown_first) {
     const std::vector<StreamSummary> streams =
         summarize_streams({publisher(1, 10), publisher(2, 30), publisher(3, 30)}, {}, SortKey::STREAM);
     ASSERT_EQ(streams.size(), 1U);
@@ -90,7 +90,7 @@ TEST(stream_summary, another_client_in_the_publishers_slot_is_not_the_publisher)
     EXPECT_THAT(after[0].publisher_id, Optional(2U));
 }
 
-TEST(stream_summary, a_rival_that_has_sent_more_altogether_is_not_the_publisher) {
+TEST(stream_summary, a_rival_that_has_sent_more_in_total_is_not_the_publisher) {
     // The rival was relayed before it stalled; or it sent much at once and is held now.
     Connection relayed = publisher(1, 100000);
     relayed.received_rate = 50000;

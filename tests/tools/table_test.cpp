@@ -31,7 +31,7 @@ TEST(table, without_titles_only_the_content_counts) {
     EXPECT_THAT(layout_table(table, std::nullopt, false), ElementsAre("1  x"));
 }
 
-TEST(table, with_room_enough_nothing_is_cut) {
+TEST(table, nothing_is_cut_if_there_is_room) {
     EXPECT_EQ(layout_table(sample_table(), 80, true), layout_table(sample_table(), std::nullopt, true));
 }
 
@@ -41,7 +41,7 @@ TEST(table, the_widest_column_that_may_shrink_is_cut_first) {
                             "127  a_very_long~     12 B  10.0.0.2:50~"));
 }
 
-TEST(table, below_the_least_widths_lines_are_cut_at_their_end) {
+TEST(table, below_the_minimum_widths_lines_are_cut_at_their_end) {
     EXPECT_THAT(layout_table(sample_table(), 20, true),
                 ElementsAre(" ID  STREAM       S~", "  3  cam1      1.5 ~", "127  a_very_~     1~"));
 }
@@ -66,7 +66,7 @@ TEST(table, an_empty_table_has_its_titles) {
     EXPECT_THAT(layout_table(table, 80, false), IsEmpty());
 }
 
-TEST(table, columns_with_a_rank_are_shown_where_there_is_room) {
+TEST(table, columns_with_a_rank_are_shown_if_there_is_room) {
     const Table table{{{"ID", Align::RIGHT, 0},
                        {"STREAM", Align::LEFT, 8},
                        {"SENT", Align::RIGHT, 0, 2},

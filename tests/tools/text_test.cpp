@@ -5,7 +5,7 @@
 #include <cmath>
 #include <limits>
 
-TEST(text, strangers_bytes_are_shown_in_hex) {
+TEST(text, untrusted_bytes_are_shown_in_hex) {
     EXPECT_EQ(escape_untrusted("cam_1 ~!"), "cam_1 ~!");
     EXPECT_EQ(escape_untrusted("\x1b[2J"), "\\x1B[2J");
     EXPECT_EQ(escape_untrusted("a\tb\nc\x7f\x80\xff"), "a\\x09b\\x0Ac\\x7F\\x80\\xFF");
@@ -15,7 +15,7 @@ TEST(text, strangers_bytes_are_shown_in_hex) {
     EXPECT_EQ(escape_untrusted(""), "");
 }
 
-TEST(text, a_cut_text_says_that_it_was_cut) {
+TEST(text, a_cut_text_is_marked_as_cut) {
     EXPECT_EQ(cut_text("stream", 6), "stream");
     EXPECT_EQ(cut_text("stream", 5), "stre~");
     EXPECT_EQ(cut_text("stream", 1), "~");
@@ -61,7 +61,7 @@ TEST(text, rates_are_shown_per_second) {
     EXPECT_EQ(format_rate(std::numeric_limits<double>::infinity()), "-");
 }
 
-TEST(text, rates_are_in_bits_where_asked) {
+TEST(text, rates_are_shown_in_bits_on_request) {
     EXPECT_EQ(format_rate(0.0, RateUnit::BITS), "0 bit/s");
     EXPECT_EQ(format_rate(124.9, RateUnit::BITS), "999 bit/s");
     EXPECT_EQ(format_rate(124.95, RateUnit::BITS), "1.0 kbit/s");  // never 1000 bit/s

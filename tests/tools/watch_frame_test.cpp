@@ -95,7 +95,7 @@ TEST(watch_frame, fits_into_every_size) {
     }
 }
 
-TEST(watch_frame, says_what_there_is_no_room_for) {
+TEST(watch_frame, reports_how_much_did_not_fit) {
     const std::vector<std::string> lines = frame(full_model(), 80, 24);
     EXPECT_THAT(lines[3], StartsWith("STREAM"));
     EXPECT_EQ(lines[12], "... 56 more");  // ten rows for the streams: titles, eight of 64, and this
@@ -161,7 +161,7 @@ TEST(watch_frame, at_50_columns_the_address_goes_before_the_rates) {
     EXPECT_EQ(lines[19], "q quit  s sort  p pause  / filter  d drop  ? help");
 }
 
-TEST(watch_frame, at_160_columns_sizes_and_totals_stand_beside_the_rates) {
+TEST(watch_frame, at_160_columns_sizes_and_totals_are_shown_beside_the_rates) {
     const std::vector<std::string> lines = frame(small_model(), 160, 50);
     EXPECT_EQ(lines[6],
               "ID  STREAM  MODE        SIZE      SENT   RECEIVED     SENDING    RECEIVING  ADDRESS");
@@ -178,7 +178,7 @@ TEST(watch_frame, totals_can_be_kept_instead_of_addresses) {
     EXPECT_EQ(lines[7], " 0  cam1    publish  640x360     100 B  100.0 KiB     800 bit/s  819.2 kbit/s");
 }
 
-TEST(watch_frame, on_a_few_rows_the_connections_remain) {
+TEST(watch_frame, with_few_rows_only_the_connections_remain) {
     EXPECT_THAT(frame(small_model(), 80, 7),
                 ElementsAre(StartsWith("v9_rtmp_ctl"), StartsWith("in "), "", StartsWith("ID"),
                             StartsWith(" 0"), "... 3 more", StartsWith("q quit")));
@@ -190,7 +190,7 @@ TEST(watch_frame, cuts_lines_at_40_and_20_columns) {
     EXPECT_EQ(frame(small_model(), 20, 24)[7], " 0  cam1    pub~   ~");
 }
 
-TEST(watch_frame, shows_strangers_bytes_in_hex) {
+TEST(watch_frame, shows_untrusted_bytes_in_hex) {
     const WatchModel model = model_of({std::string("0\t\x1b[2J\n\tplay\t\t1\t2\t\x9b") + "1"});
     for (const FrameLine& line : render_frame(model, {24, 80})) {
         for (const char c : line.text) {
@@ -200,7 +200,7 @@ TEST(watch_frame, shows_strangers_bytes_in_hex) {
     EXPECT_THAT(frame(model, 80, 24)[4], StartsWith("\\x1B[2J\\x0A  "));
 }
 
-TEST(watch_frame, says_that_the_server_is_not_running) {
+TEST(watch_frame, shows_that_the_server_is_not_running) {
     WatchModel model = small_model();
     take_in(model, Failure{ExitCode::NOT_RUNNING, "there is no socket. Start it."});
     const std::vector<std::string> lines = frame(model, 80, 24);
@@ -220,7 +220,7 @@ TEST(watch_frame, breaks_long_advice_at_blanks) {
     EXPECT_EQ(lines[7], "aaaaaa");
 }
 
-TEST(watch_frame, the_foot_asks_and_tells) {
+TEST(watch_frame, the_footer_shows_questions_and_notices) {
     WatchModel model = small_model();
     model.mode = WatchMode::DROP_ID;
     model.input = "1";
@@ -254,7 +254,7 @@ TEST(watch_frame, a_notice_is_shown_whole) {
     EXPECT_THAT(frame(model, 40, 2), ElementsAre("'" + std::string(39, 'x'), StartsWith("xxx")));
 }
 
-TEST(watch_frame, says_that_it_is_paused_and_filtered) {
+TEST(watch_frame, shows_that_it_is_paused_and_filtered) {
     WatchModel model = small_model();
     model.paused = true;
     model.filter = "cam";
@@ -281,13 +281,13 @@ TEST(watch_frame, help_fits_into_80x24) {
         EXPECT_LE(line.text.size(), 80U) << line.text;
     }
     EXPECT_EQ(texts(lines), frame(model, 80, 24));
-    EXPECT_EQ(frame(model, 50, 20)[18], "not say which one it relays.");
+    EXPECT_EQ(frame(model, 50, 20)[18], "not report which one it relays.");
     for (const std::string& line : frame(model, 50, 20)) {
         EXPECT_THAT(line, testing::Not(testing::EndsWith("~")));
     }
 }
 
-TEST(watch_frame, an_endless_frame_leaves_nothing_out) {
+TEST(watch_frame, a_frame_of_unlimited_height_omits_nothing) {
     const std::vector<std::string> lines = texts(render_endless_frame(full_model()));
     EXPECT_EQ(lines.size(), 3U + 65U + 1U + 129U);
     EXPECT_THAT(lines.back(), StartsWith("127"));
@@ -307,7 +307,7 @@ TEST(watch_frame, fills_the_screen_to_its_last_column_and_leaves_nothing_of_the_
     }
 }
 
-TEST(watch_frame, is_painted_over_the_old_one_without_color_if_not_wanted) {
+TEST(watch_frame, is_painted_over_the_old_one_and_without_color_on_request) {
     const std::vector<FrameLine> lines{{"a", LineStyle::HEADING}, {"b", LineStyle::PLAIN}};
     EXPECT_EQ(paint_frame(lines, false), "\x1b[H\x1b[Ka\r\n\x1b[Jb");
     EXPECT_EQ(paint_frame(lines, true), "\x1b[H\x1b[K\x1b[1ma\x1b[0m\r\n\x1b[Jb");

@@ -50,7 +50,7 @@ TEST(watch_model, quits_on_q) {
     EXPECT_EQ(type(model, "q"), WatchAction::QUIT);
 }
 
-TEST(watch_model, measures_rates_from_look_to_look) {
+TEST(watch_model, measures_rates_between_two_looks) {
     WatchModel model = running_model();
     EXPECT_EQ(model.listing.connections[1].sent_rate, std::nullopt);
     Listing next = sample_listing(3000000);
@@ -60,7 +60,7 @@ TEST(watch_model, measures_rates_from_look_to_look) {
     EXPECT_THAT(model.streams[0].out_rate, Optional(2000.0));
 }
 
-TEST(watch_model, forgets_everything_when_the_server_is_gone) {
+TEST(watch_model, forgets_everything_when_the_server_stops) {
     WatchModel model = running_model();
     take_in(model, Failure{ExitCode::NOT_RUNNING, "gone"});
     EXPECT_FALSE(model.running);
@@ -93,7 +93,7 @@ TEST(watch_model, pauses_with_p_and_space) {
     EXPECT_FALSE(model.paused);
 }
 
-TEST(watch_model, filters_while_typed) {
+TEST(watch_model, filters_while_text_is_typed) {
     WatchModel model = running_model();
     type(model, "/cam");
     EXPECT_THAT(shown_connections(model), SizeIs(2));
@@ -136,7 +136,7 @@ TEST(watch_model, drops_only_after_a_yes) {
     EXPECT_EQ(model.mode, WatchMode::VIEW);
 }
 
-TEST(watch_model, drops_nobody_who_is_not_listed) {
+TEST(watch_model, ignores_ids_that_are_not_listed) {
     WatchModel model = running_model();
     for (const char* typed : {"d99", "d128", "d1x", "d-1"}) {
         type(model, typed);
@@ -151,7 +151,7 @@ TEST(watch_model, drops_nobody_who_is_not_listed) {
     EXPECT_FALSE(model.drop_candidate);
 }
 
-TEST(watch_model, help_goes_away_with_any_key) {
+TEST(watch_model, any_key_closes_the_help) {
     WatchModel model = running_model();
     type(model, "?");
     EXPECT_EQ(model.mode, WatchMode::HELP);
@@ -225,7 +225,7 @@ TEST(watch_model, unit_and_columns_are_changed) {
     EXPECT_EQ(model.keep, Keep::ADDRESSES);
 }
 
-TEST(watch_model, a_filter_shows_the_streams_of_what_it_shows) {
+TEST(watch_model, a_filter_shows_the_streams_of_the_connections_it_shows) {
     WatchModel model = running_model();
     model.filter = "10.0.0.3";
     ASSERT_THAT(shown_streams(model), SizeIs(1));

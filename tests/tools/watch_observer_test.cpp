@@ -25,7 +25,7 @@ class watch_of_a_silent_server_test : public testing::Test {
 
 }  // namespace
 
-TEST_F(watch_of_a_silent_server_test, says_that_nothing_came) {
+TEST_F(watch_of_a_silent_server_test, reports_that_nothing_arrived) {
     WatchObserver observer(settings, {});
     EXPECT_FALSE(observer.keep_time(model, 0));
     EXPECT_FALSE(observer.keep_time(model, 5 * SECOND_US - 1));
@@ -34,7 +34,7 @@ TEST_F(watch_of_a_silent_server_test, says_that_nothing_came) {
     EXPECT_THAT(model.trouble->message, HasSubstr("did not answer in time (5 s)"));
 }
 
-TEST_F(watch_of_a_silent_server_test, a_server_that_is_still_sending_is_not_to_be_restarted) {
+TEST_F(watch_of_a_silent_server_test, there_is_no_advice_to_restart_a_server_that_is_still_sending) {
     for (const std::uint64_t timeout : {5U, 60U, 100U}) {
         settings.timeout_seconds = static_cast<double>(timeout);
         WatchObserver observer(settings, {});

@@ -39,7 +39,7 @@ TEST(watchdog_log, a_drop_is_one_line_with_its_rule_and_reason) {
         R"("address":"203.0.113.7:50000","message":null})");
 }
 
-TEST(watchdog_log, a_client_that_had_left_was_kept_and_another_one_that_was_hit_is_a_miss) {
+TEST(watchdog_log, a_client_that_had_left_counts_as_kept_and_another_client_dropped_instead_as_a_miss) {
     const WatchdogEvent kept =
         event_of(stalled(), outcome(Failure{ExitCode::NEGATIVE_ANSWER, "It had left."}));
     EXPECT_EQ(kept.action, WatchdogAction::KEPT);
@@ -51,14 +51,14 @@ TEST(watchdog_log, a_client_that_had_left_was_kept_and_another_one_that_was_hit_
     EXPECT_EQ(event_line(missed, 1).substr(0, 10), "missed 17,");
 }
 
-TEST(watchdog_log, a_drop_that_no_name_guards_says_so_and_counts_misses) {
+TEST(watchdog_log, a_drop_without_a_name_as_guard_is_marked_and_counts_misses) {
     EXPECT_EQ(event_line({WatchdogAction::DROPPED, unnamed(), ""}, 3),
               "dropped 5, without a stream from 203.0.113.8:50000: unnamed: it has had no stream name for 20 "
               "s; no name "
               "guards such a drop, only the id (misses so far: 3)");
 }
 
-TEST(watchdog_log, names_of_strangers_can_neither_end_a_line_nor_steer_a_terminal) {
+TEST(watchdog_log, untrusted_names_can_neither_end_a_line_nor_control_a_terminal) {
     Verdict verdict = stalled();
     verdict.target.stream = "a\nb\x1b[2J" + std::string(1000, 'x');
     const std::string line = event_line({WatchdogAction::WOULD_DROP, verdict, ""}, 0);

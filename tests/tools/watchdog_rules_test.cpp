@@ -247,7 +247,7 @@ TEST_F(watchdog_rules_test, of_twenty_players_of_a_frozen_publisher_with_a_waiti
 }
 
 // What a new player is sent first is no sign that the others could have got something.
-TEST_F(watchdog_rules_test, players_that_join_a_frozen_stream_make_no_other_ones_look_stalled) {
+TEST_F(watchdog_rules_test, players_that_join_a_frozen_stream_do_not_make_others_look_stalled) {
     only(DropRule::STALLED);
     limits.behind_us = WatchdogLimits().behind_us;
     publisher(1, until(100));
@@ -262,7 +262,7 @@ TEST_F(watchdog_rules_test, players_that_join_a_frozen_stream_make_no_other_ones
     EXPECT_EQ(first_verdict(1000), 0U);
 }
 
-TEST_F(watchdog_rules_test, answers_to_what_a_player_sends_are_no_media) {
+TEST_F(watchdog_rules_test, answers_to_a_players_messages_are_not_media) {
     only(DropRule::STALLED);
     publisher(1, until(100));
     player(2, until(100));
@@ -305,13 +305,13 @@ TEST_F(watchdog_rules_test, a_lone_reader_of_a_kilobyte_a_second_is_judged_by_th
                 ElementsAre(verdict(3, DropRule::BEHIND, "it is more than 15 s behind its publisher")));
 }
 
-TEST_F(watchdog_rules_test, headers_of_different_size_make_no_lone_player_look_behind) {
+TEST_F(watchdog_rules_test, headers_of_different_size_do_not_make_a_lone_player_look_behind) {
     publisher(1, steady(FOUR_MBIT));
     player(3, steady(FOUR_MBIT / 100 * 91));
     EXPECT_EQ(first_verdict(10000), 0U);
 }
 
-TEST_F(watchdog_rules_test, one_that_reads_nine_tenths_beside_others_is_dropped_in_the_end) {
+TEST_F(watchdog_rules_test, a_player_that_reads_nine_tenths_beside_others_is_eventually_dropped) {
     publisher(1, steady(FOUR_MBIT));
     player(2, steady(FOUR_MBIT));
     player(3, steady(FOUR_MBIT / 10 * 9));
@@ -331,7 +331,7 @@ TEST_F(watchdog_rules_test, players_with_large_chunks_are_kept_beside_those_with
 }
 
 // Chunks of one byte have as many bytes of headers as of media.
-TEST_F(watchdog_rules_test, a_player_that_asks_for_tiny_chunks_makes_no_other_one_look_behind) {
+TEST_F(watchdog_rules_test, a_player_with_tiny_chunks_does_not_make_others_look_behind) {
     for (const unsigned others : {1U, 2U, 5U}) {
         clients.clear();
         now_s = 0;
@@ -378,7 +378,7 @@ TEST_F(watchdog_rules_test, a_player_that_catches_up_is_kept) {
 }
 
 // The other one settles while this one is slow, and then seems ahead by what it was behind.
-TEST_F(watchdog_rules_test, one_that_catches_up_makes_no_other_one_look_behind) {
+TEST_F(watchdog_rules_test, a_player_that_catches_up_does_not_make_others_look_behind) {
     publisher(1, steady(FOUR_MBIT));
     player(2, [](std::uint64_t s) { return (s >= 95 && s < 109 ? 95 : s) * FOUR_MBIT; });
     // Settles in second 105; it has short pauses of its own later.
@@ -390,7 +390,7 @@ TEST_F(watchdog_rules_test, one_that_catches_up_makes_no_other_one_look_behind) 
 }
 
 // The watchdog starts while that one is 45 s behind, so all others seem to have got less since.
-TEST_F(watchdog_rules_test, one_that_was_far_behind_and_catches_up_gets_no_other_one_dropped) {
+TEST_F(watchdog_rules_test, a_player_that_catches_up_from_far_behind_gets_no_other_one_dropped) {
     publisher(1, steady(FOUR_MBIT));
     player(2, [](std::uint64_t s) { return (s < 8 ? s : s + 45) * FOUR_MBIT; });
     for (unsigned id = 3; id < 15; ++id) {
@@ -399,7 +399,7 @@ TEST_F(watchdog_rules_test, one_that_was_far_behind_and_catches_up_gets_no_other
     EXPECT_EQ(first_verdict(1000), 0U);
 }
 
-TEST_F(watchdog_rules_test, a_stream_that_pauses_makes_no_player_look_behind) {
+TEST_F(watchdog_rules_test, a_stream_that_pauses_does_not_make_players_look_behind) {
     const Media pausing = [](std::uint64_t s) {
         return (s / 100 * 50 + std::min<std::uint64_t>(s % 100, 50)) * FOUR_MBIT;
     };
@@ -417,7 +417,7 @@ TEST_F(watchdog_rules_test, a_lone_player_that_gets_everything_is_kept) {
     EXPECT_EQ(first_verdict(10000), 0U);
 }
 
-TEST_F(watchdog_rules_test, publishers_that_send_little_or_seldom_are_kept_and_so_are_their_players) {
+TEST_F(watchdog_rules_test, publishers_that_send_little_or_rarely_are_kept_and_so_are_their_players) {
     struct Row {
         const char* what;
         Media sent;
@@ -469,7 +469,7 @@ TEST_F(watchdog_rules_test, a_silent_publisher_is_dropped_after_thirty_seconds) 
     EXPECT_THAT(at(130), ElementsAre(verdict(1, DropRule::SILENT, "it has sent nothing for 30 s")));
 }
 
-TEST_F(watchdog_rules_test, of_two_silent_publishers_none_is_preferred_to_the_other) {
+TEST_F(watchdog_rules_test, each_of_two_silent_publishers_is_dropped_at_its_own_limit) {
     publisher(1, until(100));
     publisher(2, until(90));
     EXPECT_THAT(ids(at(115)), IsEmpty());
@@ -477,7 +477,7 @@ TEST_F(watchdog_rules_test, of_two_silent_publishers_none_is_preferred_to_the_ot
     EXPECT_THAT(ids(at(130)), ElementsAre(1, 2));
 }
 
-TEST_F(watchdog_rules_test, a_rival_of_another_stream_waits_for_nothing) {
+TEST_F(watchdog_rules_test, a_publisher_of_another_stream_is_not_a_waiting_rival) {
     publisher(1, until(100));
     clients.push_back({2, "publish", steady(FOUR_MBIT), 1, "cam2"});
     EXPECT_THAT(at(129), IsEmpty());
@@ -534,7 +534,7 @@ TEST_F(watchdog_rules_test, a_rule_that_is_off_drops_no_client) {
     EXPECT_EQ(first_verdict(17000), 0U);
 }
 
-TEST_F(watchdog_rules_test, server_that_stood_still_makes_no_client_a_suspect) {
+TEST_F(watchdog_rules_test, a_server_that_stood_still_makes_no_client_a_suspect) {
     publisher(1, until(10));
     player(2, until(10));
     clients.push_back({3, "", steady(0), 9, ""});

@@ -27,7 +27,7 @@ TEST(watchdog_statistics, are_one_line_with_each_rule) {
     EXPECT_EQ(statistics_json(*read), statistics_json(statistics));
 }
 
-TEST(watchdog_statistics, go_on_counting_after_a_restart) {
+TEST(watchdog_statistics, continue_after_a_restart) {
     WatchdogStatistics earlier = make_statistics(WatchdogLimits());
     earlier.looks = 10;
     earlier.rules[DropRule::AGE].drops = 4;
@@ -41,7 +41,7 @@ TEST(watchdog_statistics, go_on_counting_after_a_restart) {
     EXPECT_FALSE(statistics.rules[DropRule::AGE].limit) << "the rule is off now";
 }
 
-TEST(watchdog_statistics, text_that_is_something_else_is_refused) {
+TEST(watchdog_statistics, other_text_is_refused) {
     for (const char* const text :
          {"", "{}", "[]", R"({"version":2})", R"({"version":1,"rules":{}})", "\xff"}) {
         EXPECT_FALSE(parse_statistics(text)) << text;

@@ -38,7 +38,7 @@ Finding time_finding(const std::string& what, const std::string& done, std::uint
     const std::string text = done + " in " + milliseconds(took_us);
     return took_us > SLOW_ANSWER_US
                ? Finding{Level::WARNING, what,
-                         text + ". See whether the machine or the log's reader is too slow."}
+                         text + ". Check whether the machine or the log's reader is too slow."}
                : Finding{Level::OK, what, text};
 }
 
@@ -91,7 +91,7 @@ Finding probe_finding(const std::string& what, const std::string& done, const st
                       const ProbeResult& result) {
     return result.problem ? Finding{Level::CRITICAL, what,
                                     address + ": " + *result.problem +
-                                        ". See the server's log, and whether --rtmp names its address."}
+                                        ". Check the server's log, and whether --rtmp names its address."}
                           : time_finding(what, done, result.took_us);
 }
 

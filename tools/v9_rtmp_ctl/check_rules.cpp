@@ -95,8 +95,7 @@ Finding judge_slots(std::size_t connections) {
                 used + ": no client can connect. Look at 'v9_rtmp_ctl list', and run the watchdog."};
     }
     if (connections + FEW_SLOTS > SLOT_COUNT) {
-        return {Level::WARNING, "slots",
-                used + ". See 'v9_rtmp_ctl list' for clients that need not be there."};
+        return {Level::WARNING, "slots", used + ". See 'v9_rtmp_ctl list' for clients that you can drop."};
     }
     return {Level::OK, "slots", used};
 }
@@ -141,14 +140,14 @@ Finding judge_memory_limit(bool is_known, const std::optional<std::string>& memo
     const std::optional<std::uint64_t> limit = read_limit(memory_max);
     if (!limit) {
         return {Level::WARNING, "memory limit",
-                "the server has none, and what waits for a player that does not read has no limit either. "
+                "the server has none, and the queue of a player that does not read is not limited either. "
                 "Run the watchdog, "
                 "and set MemoryMax in the server's unit."};
     }
     if (*limit < NEEDED_MEMORY_BYTES) {
         return {Level::WARNING, "memory limit",
                 format_bytes(limit) +
-                    " is less than the server and a full table of clients may hold. Allow " +
+                    " is less than the server and a full table of clients may need. Allow " +
                     format_bytes(NEEDED_MEMORY_BYTES) + " or more (MemoryMax)."};
     }
     return {Level::OK, "memory limit", format_bytes(limit)};
@@ -161,33 +160,31 @@ Finding judge_standard_error(const std::optional<std::string>& target) {
     const std::string place = escape_untrusted(*target);
     if (target->starts_with("pipe:")) {
         return {Level::WARNING, "log",
-                "standard error leads to a pipe: the relay stops if its reader stops reading. Let the "
-                "journal read "
-                "it, or lead it "
-                "to /dev/null."};
+                "standard error goes to a pipe: the relay stops if its reader stops reading. Let the journal "
+                "read it, or redirect it to /dev/null."};
     }
     if (target->starts_with("/dev/pts/") || target->starts_with("/dev/tty")) {
         return {Level::WARNING, "log",
-                "standard error leads to the terminal " + place +
-                    ": the relay stops while that is held. Start the server as a service."};
+                "standard error goes to the terminal " + place +
+                    ": the relay stops while its output is held. Start the server as a service."};
     }
     if (target->starts_with("/") && *target != "/dev/null") {
-        return {
-            Level::WARNING, "log",
-            "standard error leads to " + place +
-                ", which strangers can fill. Let the journal read it with a limit, or lead it to /dev/null."};
+        return {Level::WARNING, "log",
+                "standard error goes to " + place +
+                    ", which untrusted clients can fill. Let the journal read it with a limit, or redirect "
+                    "it to /dev/null."};
     }
-    return {Level::OK, "log", "standard error leads to " + place};
+    return {Level::OK, "log", "standard error goes to " + place};
 }
 
 Finding judge_clock(bool is_known, bool is_synchronized) {
     if (!is_known) {
         return {Level::UNKNOWN, "clock",
-                "the kernel does not say whether it is synchronized. Ask timedatectl."};
+                "the kernel does not report whether it is synchronized. Run timedatectl."};
     }
     if (!is_synchronized) {
         return {Level::WARNING, "clock",
-                "it is not synchronized, so that times in logs of several machines cannot be compared. Run a "
+                "it is not synchronized, so times in logs of several machines cannot be compared. Run a "
                 "time service "
                 "such as systemd-timesyncd."};
     }
@@ -201,8 +198,8 @@ Finding judge_kernel(const std::optional<std::uint64_t>& somaxconn,
     if (somaxconn && *somaxconn < NEEDED_BACKLOG) {
         return {Level::WARNING, "kernel",
                 "net.core.somaxconn is " + std::to_string(*somaxconn) +
-                    ": clients that come together are refused. Set " + std::to_string(NEEDED_BACKLOG) +
-                    " or more with sysctl."};
+                    ": clients that connect at the same time are refused. Set " +
+                    std::to_string(NEEDED_BACKLOG) + " or more with sysctl."};
     }
     if (threads_max && *threads_max < 2 * NEEDED_THREADS) {
         return {Level::WARNING, "kernel",

@@ -34,8 +34,8 @@ std::optional<Failure> check_combinations(const CommandLine& line, bool has_requ
         return usage_failure("raw needs a COMMAND to send, for example: v9_rtmp_ctl raw hello", "raw");
     }
     if (line.subcommand == Subcommand::WATCH && line.settings.form == OutputForm::PLAIN) {
-        return usage_failure(
-            "watch has no --plain form; use 'watch --json', or 'list --plain' again and again", "watch");
+        return usage_failure("watch has no --plain form; use 'watch --json', or repeat 'list --plain'",
+                             "watch");
     }
     if (line.subcommand == Subcommand::METRICS && line.metrics.interval_seconds &&
         line.metrics.file.empty()) {

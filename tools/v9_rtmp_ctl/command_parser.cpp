@@ -68,7 +68,7 @@ CommandParser::CommandParser(CommandLine& target) : line(target) {
     app.require_subcommand(0, 1);
     app.fallthrough();
     add_global_options();
-    add("hello", Subcommand::HELLO, "Greet the server, and look at who listens on its port");
+    add("hello", Subcommand::HELLO, "Greet the server and check which processes listen on its port");
     add_list();
     add_streams();
     add_drop();
@@ -221,19 +221,18 @@ void CommandParser::add_global_options() {
         ->capture_default_str()
         ->type_name("SECONDS")
         ->check(seconds(MIN_TIMEOUT_SECONDS));
-    app.add_option("--unit", unit, "What rates are counted in; bytes if not given")
+    app.add_option("--unit", unit, "Unit of rates; the default is bytes")
         ->type_name("bytes|bits")
         ->check(one_of({"bytes", "bits"}));
     CLI::Option* const json_option = app.add_flag("--json", json, "Print JSON");
     app.add_flag("--plain", plain, "Print fields separated by TABs")->excludes(json_option);
     app.add_flag("--no-color", s.no_color, "Print without color");
-    app.add_flag("-q,--quiet", s.quiet, "Say nothing about what was done");
+    app.add_flag("-q,--quiet", s.quiet, "Do not report what was done");
 }
 
 void CommandParser::add_stream_option(CLI::App& command) {
-    repeatable(
-        *command.add_option("--stream", streams, "Only those of this stream; * and ? stand for others")
-             ->type_name("NAME"));
+    repeatable(*command.add_option("--stream", streams, "Only those of this stream; * and ? are wildcards")
+                    ->type_name("NAME"));
 }
 
 void CommandParser::add_address_option(CLI::App& command) {
@@ -260,7 +259,7 @@ void CommandParser::add_sort(CLI::App& command, const std::vector<std::string>& 
                              const std::string& text) {
     command.add_option("--sort", sort, text)->type_name(CLI::detail::join(keys, "|"))->check(one_of(keys));
     command.add_flag("-r,--reverse", reverse, "Reverse the order");
-    command.add_flag("--no-legend", no_legend, "Print neither titles nor what stands below the table");
+    command.add_flag("--no-legend", no_legend, "Print neither the titles nor the count below the table");
 }
 
 void CommandParser::add_list() {
@@ -274,18 +273,17 @@ void CommandParser::add_list() {
 void CommandParser::add_streams() {
     CLI::App* const command =
         add("streams", Subcommand::STREAMS, "List the streams: publisher, players, picture, rates, rivals");
-    command->add_option("NAME", streams, "Only streams of these names; * and ? stand for others")
-        ->type_name("");
+    command->add_option("NAME", streams, "Only streams of these names; * and ? are wildcards")->type_name("");
     add_sort(*command, {"stream", "rate"}, "Order of the lines");
 }
 
 void CommandParser::add_drop_id(CLI::App& drop) {
-    CLI::App* const id = add(drop, "id", Subcommand::DROP_ID, "Drop connections by their numbers");
-    id->add_option("ID", line.drop.ids, "Their numbers in the list")->required()->type_name("");
-    drop_id_stream = id->add_option("--stream", expected_stream, "Keep those that are not of this stream")
+    CLI::App* const id = add(drop, "id", Subcommand::DROP_ID, "Drop connections by their ids");
+    id->add_option("ID", line.drop.ids, "Their ids in the list")->required()->type_name("");
+    drop_id_stream = id->add_option("--stream", expected_stream, "Drop only connections of this stream")
                          ->type_name("NAME");
     add_dry_run(*id);
-    id->add_flag("--no-list", line.drop.no_list, "Do not look at the list before and after")
+    id->add_flag("--no-list", line.drop.no_list, "Do not request the list before and after")
         ->excludes("--dry-run");
 }
 
@@ -294,7 +292,7 @@ void CommandParser::add_drop() {
     add_drop_id(*drop);
     CLI::App* const by_name =
         add(*drop, "stream", Subcommand::DROP_STREAM, "Drop all connections of streams");
-    by_name->add_option("NAME", streams, "The streams' names; * and ? stand for others")
+    by_name->add_option("NAME", streams, "The streams' names; * and ? are wildcards")
         ->required()
         ->type_name("");
     add_address_option(*by_name);
@@ -318,7 +316,7 @@ void CommandParser::add_drop() {
 
 void CommandParser::add_watch() {
     CLI::App* const watch = add("watch", Subcommand::WATCH, "Show streams and connections live");
-    watch->add_option("--interval", line.watch.interval_seconds, "Time from one look to the next")
+    watch->add_option("--interval", line.watch.interval_seconds, "Time between two looks")
         ->capture_default_str()
         ->type_name("SECONDS")
         ->check(seconds(MIN_INTERVAL_SECONDS));
@@ -339,29 +337,29 @@ void CommandParser::add_serve() {
 }
 
 void CommandParser::add_watchdog() {
-    CLI::App* const watchdog =
-        add("watchdog", Subcommand::WATCHDOG,
-            "Drop clients that stand still, fall behind or hold a slot without using it");
+    CLI::App* const watchdog = add("watchdog", Subcommand::WATCHDOG,
+                                   "Drop clients that stall, fall behind or hold a slot without using it");
     add_watchdog_options(*watchdog, line.watchdog, watchdog_texts);
 }
 
 void CommandParser::add_events() {
-    CLI::App* const events = add("events", Subcommand::EVENTS,
-                                 "Print a line when a client connects, publishes, plays, takes over or goes");
-    events->add_option("--interval", line.events.interval_seconds, "Time from one look to the next")
+    CLI::App* const events =
+        add("events", Subcommand::EVENTS,
+            "Print a line when a client connects, publishes, plays, takes over or leaves");
+    events->add_option("--interval", line.events.interval_seconds, "Time between two looks")
         ->capture_default_str()
         ->type_name("SECONDS")
         ->check(seconds(MIN_INTERVAL_SECONDS));
     events
         ->add_option("--exec", line.events.program,
-                     "Run this program for each event, which is in its environment")
+                     "Run this program for each event, with the event in its environment")
         ->type_name("PROGRAM");
 }
 
 void CommandParser::add_check() {
     CLI::App* const check =
-        add("check", Subcommand::CHECK, "Look for what is wrong with the server, or will be");
-    check->add_option("--rtmp", line.check.rtmp, "Where the server takes RTMP clients")
+        add("check", Subcommand::CHECK, "Report what is wrong with the server, or soon will be");
+    check->add_option("--rtmp", line.check.rtmp, "Where the server accepts RTMP clients")
         ->capture_default_str()
         ->type_name("HOST:PORT")
         ->check(rtmp_address());
@@ -369,11 +367,11 @@ void CommandParser::add_check() {
 }
 
 void CommandParser::add_raw() {
-    CLI::App* const raw = add("raw", Subcommand::RAW, "Send a command as it is and print the reply as JSON");
+    CLI::App* const raw = add("raw", Subcommand::RAW, "Send a command unchanged and print the reply as JSON");
     raw->footer(
-        "\nv9_rtmp_ctl raw [--async] COMMAND [ARG...]\nEvery ARG is passed as given, even if it begins "
-        "with '-'. A COMMAND that does is sent with 'raw -- COMMAND'.");
-    raw->add_flag("--async", line.raw.async, "Want no reply and print nothing");
+        "\nv9_rtmp_ctl raw [--async] COMMAND [ARG...]\nEvery ARG is passed unchanged, even if it begins with "
+        "'-'. A COMMAND that begins with '-' is sent with 'raw -- COMMAND'.");
+    raw->add_flag("--async", line.raw.async, "Request no reply and print nothing");
 }
 
 void CommandParser::add_completion() {

@@ -13,7 +13,7 @@ namespace {
 
 Failure bad_file(const std::string& path, const std::string& what) {
     return {ExitCode::USAGE, "in " + escape_untrusted(path) + ": " + escape_untrusted(what) +
-                                 ". Write one option a line, without its dashes, such as: stalled = 30"};
+                                 ". Write one option per line, without dashes, such as: stalled = 30"};
 }
 
 }  // namespace

@@ -117,7 +117,7 @@ ExitCode drop_connections(const Settings& settings, ControlClient& client,
 ExitCode run_drop_id(const Settings& settings, const DropOptions& options) {
     if (options.expected_stream && options.expected_stream->empty()) {
         return report(
-            {ExitCode::USAGE, "an empty --stream protects nothing. Name the stream, or leave --stream out."});
+            {ExitCode::USAGE, "an empty --stream is not a guard. Name the stream, or omit --stream."});
     }
     ExitCode worst = ExitCode::DONE;
     const std::vector<unsigned> ids = read_ids(options.ids, worst);

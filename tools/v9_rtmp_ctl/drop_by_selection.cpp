@@ -33,8 +33,8 @@ std::optional<Failure> drop_name(ControlClient& client, const std::string& name,
     return std::nullopt;
 }
 
-// Drops all connections of these stream names, including those that joined meanwhile. The empty name stands
-// for connections without a stream.
+// Drops all connections of these stream names, including those that joined after the list was
+// requested. The empty name stands for connections without a stream.
 ExitCode drop_names(const Settings& settings, ControlClient& client, const std::set<std::string>& names,
                     const Failure& nothing_matched) {
     DropResult result;
@@ -131,10 +131,9 @@ ExitCode drop_by_selection(const Settings& settings, const DropOptions& options,
 ExitCode run_drop_stream(const Settings& settings, const DropOptions& options) {
     const std::vector<std::string>& names = options.selection.streams;
     if (std::find(names.begin(), names.end(), "") != names.end()) {
-        return report(
-            {ExitCode::USAGE,
-             "the empty stream name stands for every connection that has not chosen a stream. If these are "
-             "meant, use 'v9_rtmp_ctl drop unnamed'."});
+        return report({ExitCode::USAGE,
+                       "the empty stream name stands for every connection that has not chosen a stream. If "
+                       "you mean these, use 'v9_rtmp_ctl drop unnamed'."});
     }
     std::string list;
     for (const std::string& name : names) {

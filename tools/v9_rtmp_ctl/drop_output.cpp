@@ -29,10 +29,9 @@ std::optional<Failure> confirm(const DropOptions& options, const std::string& qu
         return std::nullopt;
     }
     if (isatty(STDIN_FILENO) == 0 || isatty(STDERR_FILENO) == 0) {
-        return Failure{
-            ExitCode::USAGE,
-            "nothing was dropped: standard input or error is not a terminal, so no question can be "
-            "asked. Add --force to drop without a question."};
+        return Failure{ExitCode::USAGE,
+                       "nothing was dropped: standard input or error is not a terminal, so the tool cannot "
+                       "ask. Add --force to drop without asking."};
     }
     if (!answered_yes(question)) {
         return Failure{ExitCode::NEGATIVE_ANSWER, "nothing was dropped. Answer y next time, or add --force."};

@@ -90,7 +90,7 @@ std::optional<Failure> judge_drop(const DropTarget& target, const Reply& reply, 
             target.expected->address == earlier->address && !earlier->address.empty();
         return Failure{
             ExitCode::ANOTHER_CLIENT,
-            std::string(has_only_moved_on ? "the client was dropped, and had changed its stream meanwhile"
+            std::string(has_only_moved_on ? "the client was dropped, but had changed its stream before that"
                                           : "another client was dropped") +
                 ": id " + id + " was " + describe(*target.expected) + " when it was looked up, and " +
                 describe(*earlier) + " when it was dropped." + advice};
@@ -125,7 +125,7 @@ Failure not_of_stream(unsigned id, const std::string& stream) {
 
 Failure no_such_connection(unsigned id) {
     return {ExitCode::NEGATIVE_ANSWER,
-            "there is no connection " + std::to_string(id) + ". 'v9_rtmp_ctl list' shows those there are."};
+            "there is no connection " + std::to_string(id) + ". 'v9_rtmp_ctl list' shows all connections."};
 }
 
 std::string describe(const Connection& connection) {

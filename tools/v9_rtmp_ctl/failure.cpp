@@ -59,7 +59,7 @@ Failure no_server(const std::string& socket_path, const std::optional<std::strin
     if (!is_default_socket(socket_path)) {
         return {ExitCode::NOT_RUNNING,
                 fact + ". v9_rtmp_server listens at " + DEFAULT_SOCKET_PATH +
-                    ": leave out --socket and V9_RTMP_SOCKET, or name the path that its socket has here."};
+                    ": omit --socket and V9_RTMP_SOCKET, or give the path of its socket here."};
     }
     if (listeners && !listeners->empty()) {
         return {ExitCode::NOT_RUNNING, fact + "; " + *listeners};
@@ -76,23 +76,22 @@ Failure no_server(const std::string& socket_path, const std::optional<std::strin
 Failure no_answer(std::uint64_t silence_us) {
     const std::string what = "the server did not answer in time (" + seconds_text(silence_us) + "). ";
     if (silence_us < 2 * SERVICE_US) {
-        return {ExitCode::NO_REPLY,
-                what +
-                    "It looks at its control socket ten times a second: wait longer, with "
-                    "--timeout 0.2 or more."};
+        return {
+            ExitCode::NO_REPLY,
+            what +
+                "It polls its control socket ten times a second: wait longer, with --timeout 0.2 or more."};
     }
     return {ExitCode::NO_REPLY,
             what +
                 "Try again, or wait longer with --timeout. If 'v9_rtmp_ctl hello' is not answered either, "
-                "see whether its log is still being read, and then restart v9_rtmp_server."};
+                "check whether its log is still being read, then restart v9_rtmp_server."};
 }
 
 Failure answer_too_long(std::uint64_t total_us) {
-    return {
-        ExitCode::NO_REPLY,
-        "the server was still sending its answer after " + seconds_text(total_us) +
-            ". It runs: wait longer with --timeout, ask for fewer connections with 'list --mode', or drop "
-            "by id with --no-list."};
+    return {ExitCode::NO_REPLY, "the server was still sending its answer after " + seconds_text(total_us) +
+                                    ". It is running: wait longer with --timeout, ask for fewer connections "
+                                    "with 'list --mode', or drop "
+                                    "by id with --no-list."};
 }
 
 Failure describe_failure(comm_socket_v4_error error, const std::string& socket_path) {
@@ -137,10 +136,9 @@ Failure refused_by_server(const std::string& message) {
 }
 
 Failure unreadable_reply(const std::string& what) {
-    return {ExitCode::NO_REPLY,
-            "the reply cannot be read: " + escape_untrusted(what) +
-                ". Check that the server is of this tool's version; 'v9_rtmp_ctl raw' shows "
-                "the reply as it is."};
+    return {ExitCode::NO_REPLY, "the reply cannot be read: " + escape_untrusted(what) +
+                                    ". Check that the server is of this tool's version; 'v9_rtmp_ctl raw' "
+                                    "shows the reply unchanged."};
 }
 
 ExitCode report(const Failure& failure) {

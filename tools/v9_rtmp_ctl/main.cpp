@@ -75,7 +75,7 @@ int parse_and_run(const std::vector<std::string>& words) {
             words,
             report(
                 {ExitCode::NEGATIVE_ANSWER,
-                 "the output could not be written. Check the file or pipe that standard output leads to."}));
+                 "the output could not be written. Check the file or pipe that standard output goes to."}));
     }
     return static_cast<int>(exit_code);
 }

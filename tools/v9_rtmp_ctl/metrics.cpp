@@ -28,7 +28,7 @@ std::optional<Failure> write_metrics(const std::string& path, const std::string&
     return Failure{ExitCode::NEGATIVE_ANSWER,
                    "the metrics cannot be written to " + escape_untrusted(path) + " (" +
                        std::strerror(errno) +
-                       "). Check the directory, in which a temporary file is made too."};
+                       "). Check the directory; a temporary file is also created there."};
 }
 
 }  // namespace

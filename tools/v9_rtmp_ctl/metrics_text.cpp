@@ -64,8 +64,8 @@ void write_connections(Writer& writer, const std::vector<Connection>& connection
         return std::count_if(connections.begin(), connections.end(),
                              [mode](const Connection& c) { return c.mode == mode; });
     };
-    writer.gauge("v9_rtmp_slots", "Connections that the server takes at most.").sample({}, SLOT_COUNT);
-    writer.gauge("v9_rtmp_connections", "Connections by what they do; none has not chosen a stream yet.")
+    writer.gauge("v9_rtmp_slots", "Maximum number of connections.").sample({}, SLOT_COUNT);
+    writer.gauge("v9_rtmp_connections", "Connections by mode; none: has not chosen a stream yet.")
         .sample({{"mode", "publish"}}, count("publish"))
         .sample({{"mode", "play"}}, count("play"))
         .sample({{"mode", "none"}}, count(""));
@@ -95,16 +95,16 @@ void write_totals(Writer& writer, const StreamSeries& series, const Value& value
 
 void write_counters(Writer& writer, const StreamSeries& series) {
     writer.counter("v9_rtmp_stream_received_bytes_total",
-                   "Bytes received from the publishers of a stream. (other) stands for all that have no "
-                   "series of their own.");
+                   "Bytes received from the publishers of a stream. (other) counts all streams without their "
+                   "own series.");
     write_totals(writer, series, [](const StreamTotals& t) { return t.bytes_received; });
     writer.counter("v9_rtmp_stream_sent_bytes_total", "Bytes sent to the players of a stream.");
     write_totals(writer, series, [](const StreamTotals& t) { return t.bytes_sent; });
     writer.counter("v9_rtmp_player_stall_seconds_total",
-                   "Seconds for which players of a stream stood still while others of it did not.");
+                   "Seconds during which players of a stream were stalled while others were not.");
     write_totals(writer, series, [](const StreamTotals& t) { return seconds(t.player_stall_us); });
     writer.counter("v9_rtmp_publisher_silence_seconds_total",
-                   "Seconds for which publishers of a stream sent nothing.");
+                   "Seconds during which publishers of a stream sent nothing.");
     write_totals(writer, series, [](const StreamTotals& t) { return seconds(t.publisher_silence_us); });
 }
 
@@ -122,9 +122,9 @@ void write_health(Writer& writer, const ConnectionHistory& history) {
     }
     writer.gauge(
         "v9_rtmp_oldest_player_seconds",
-        "Age of the oldest player. Most players break at 16777 seconds, when timestamps pass 24 bits.");
+        "Age of the oldest player. Most players break at 16777 seconds, when timestamps exceed 24 bits.");
     writer.sample({}, seconds(oldest_us));
-    writer.gauge("v9_rtmp_stalled_players", "Players that stand still while their stream goes on.")
+    writer.gauge("v9_rtmp_stalled_players", "Players that are stalled while their stream continues.")
         .sample({}, stalled);
     writer.gauge("v9_rtmp_behind_players", "Players that are seconds behind their stream.")
         .sample({}, behind);
@@ -159,7 +159,7 @@ void write_watchdog(Writer& writer, const WatchdogStatistics& statistics) {
     writer.counter("v9_rtmp_watchdog_drops_total", "Connections that the watchdog has dropped.");
     each_rule([](const RuleCounts& counts) { return counts.drops; });
     writer.counter("v9_rtmp_watchdog_misses_total",
-                   "Drops by the watchdog that hit another client, or may have.");
+                   "Drops by the watchdog that hit, or may have hit, another client.");
     each_rule([](const RuleCounts& counts) { return counts.misses; });
     if (statistics.running) {
         writer.gauge(

@@ -107,10 +107,10 @@ std::string many_listeners(const std::vector<ListeningSocket>& sockets, const st
                                       " (" + process_list(owners) + ")"
                                 : std::to_string(sockets.size()) + " sockets listen on " + port_text();
     return who +
-           ", and the kernel distributes clients among them: players may reach one where their publisher is "
-           "not. " +
+           ", and the kernel distributes clients among them: players may reach one without their "
+           "publisher. " +
            "The control socket belongs to process " + std::to_string(answering.pid) +
-           ". Stop all but one, then start that one again if it is not the one that answers.";
+           ". Stop all but one, then restart that one if it is not the one that answers.";
 }
 
 // The directory of the service's socket; see packaging/tmpfiles.
@@ -124,11 +124,11 @@ std::string describe_listeners_without_answer() {
     }
     const std::vector<unsigned> owners = find_owners(*sockets);
     return (owners.empty() ? "a process of another user" : "process " + process_list(owners)) +
-           " listens on " + port_text() +
-           " all the same. If that is a v9_rtmp_server, a second start took its control socket: " +
+           " still listens on " + port_text() +
+           ". If that is a v9_rtmp_server, a second start took its control socket: " +
            (access(SERVICE_DIRECTORY, F_OK) == 0
-                ? "if it is the service, 'systemd-tmpfiles --create v9-rtmp-server.conf' as root brings it "
-                  "back. Otherwise stop it, then start it again."
+                ? "if it is the service, 'systemd-tmpfiles --create v9-rtmp-server.conf' as root restores "
+                  "it. Otherwise stop it, then start it again."
                 : "stop it, then start it again.");
 }
 
@@ -174,8 +174,8 @@ PortCheck check_port(const Peer& answering) {
     const std::optional<std::vector<ListeningSocket>> sockets =
         answering.pid > 0 ? find_listening_of(pid) : std::nullopt;
     if (!sockets) {
-        check.gap = "Who listens on " + port_text() +
-                    " is not known: /proc does not show the process that answers. Ask from where it runs.";
+        check.gap = "It is not known which process listens on " + port_text() +
+                    ": /proc does not show the process that answers. Run this where the server runs.";
         return check;
     }
     const std::vector<unsigned> owners = find_owners(*sockets);
@@ -196,11 +196,11 @@ PortCheck check_port(const Peer& answering) {
             "process " + pid + " answers, but " +
             (owners_known ? "process " + process_list(owners) : "a process of another user") +
             " listens on " + port_text() +
-            ": drops and listings do not concern the clients there. Stop both and start one.");
+            ": drops and listings do not include the clients there. Stop both and start one.");
     } else if (!answering_listens) {
-        check.gap = "Whether the process that answers, " + pid + ", is the one that listens on " +
-                    port_text() +
-                    " is not known: this user may not look at its descriptors. Run it again with sudo.";
+        check.gap = "It is not known whether the process that answers, " + pid +
+                    ", is the one that listens on " + port_text() +
+                    ": this user may not look at its descriptors. Run it again with sudo.";
     }
     return check;
 }

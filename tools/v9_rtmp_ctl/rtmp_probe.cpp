@@ -97,7 +97,7 @@ class Client {
         send(static_cast<char>(RTMP_VERSION) + c1);
         const Bytes s0 = receive(1);
         if (s0[0] != RTMP_VERSION) {
-            throw ProbeFailure("what answers there does not speak RTMP");
+            throw ProbeFailure("the program there does not speak RTMP");
         }
         const Bytes s1 = receive(HANDSHAKE_BYTES);
         if (receive(HANDSHAKE_BYTES).substr(8) != c1.substr(8)) {
@@ -226,7 +226,7 @@ class Client {
     void send(std::string_view bytes) {
         while (!bytes.empty()) {
             if (!wait_for(POLLOUT, deadline_us)) {
-                throw ProbeFailure("it does not read what it is sent");
+                throw ProbeFailure("it does not read the data it is sent");
             }
             const ssize_t sent = ::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
             if (sent < 0 && errno != EAGAIN) {
@@ -323,6 +323,6 @@ ProbeResult probe_stream(const RtmpAddress& address, const std::string& stream, 
                 }
             }
         }
-        throw ProbeFailure("what was published did not reach the player");
+        throw ProbeFailure("the published stream did not reach the player");
     });
 }

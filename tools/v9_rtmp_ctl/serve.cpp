@@ -24,9 +24,8 @@ ExitCode become_serve(const std::vector<std::string>& words) {
     }
     arguments.push_back(nullptr);
     execv(program.c_str(), arguments.data());
-    return report(
-        {ExitCode::NEGATIVE_ANSWER,
-         escape_untrusted(program) + " cannot be started (" + std::strerror(errno) +
-             "). It is in a package of its own, with the HTTP library that it needs: install that, or "
-             "build v9_rtmp_ctl-serve beside this program."});
+    return report({ExitCode::NEGATIVE_ANSWER, escape_untrusted(program) + " cannot be started (" +
+                                                  std::strerror(errno) +
+                                                  "). It is in a separate package: install that, or build "
+                                                  "v9_rtmp_ctl-serve in the directory of this program."});
 }

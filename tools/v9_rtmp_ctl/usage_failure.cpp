@@ -71,7 +71,7 @@ Failure nothing_to_do() {
     return {ExitCode::USAGE,
             "a command is required. The usual ones:\n"
             "\n"
-            "  hello    whether the server answers, and who listens on its port\n"
+            "  hello    whether the server answers, and which processes listen\n"
             "  list     who is connected\n"
             "  streams  who publishes and who plays each stream, and how fast\n"
             "  watch    the same live\n"
@@ -107,5 +107,5 @@ Failure too_many_words(const std::string& command, const std::vector<std::string
     for (const std::string& word : words) {
         list += (list.empty() ? "" : " ") + quoted(word);
     }
-    return usage_failure("'" + command + "' takes no " + list + ". Leave that out", command);
+    return usage_failure("'" + command + "' takes no " + list + ". Omit that", command);
 }

@@ -106,7 +106,7 @@ bool WatchObserver::take_replies(WatchModel& model, std::uint64_t now_us) {
 
 void WatchObserver::begin_drop(WatchModel& model, std::uint64_t now_us) {
     if (task != Task::NONE && task != Task::LOOK) {
-        model.notice = "The drop before is not answered yet. Try again in a moment.";
+        model.notice = "The previous drop has not been answered yet. Try again in a moment.";
     } else {
         client.disconnect();  // abandons the current look; another follows the drop at once
         candidate = model.drop_candidate;

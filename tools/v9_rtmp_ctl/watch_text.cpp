@@ -122,9 +122,9 @@ std::string foot_text(const WatchModel& model, std::size_t columns) {
         case WatchMode::VIEW:
             break;
         case WatchMode::FILTER:
-            return "filter: " + model.filter + "_  (Enter keeps it, Esc goes back)";
+            return "filter: " + model.filter + "_  (Enter keeps it, Esc restores the last one)";
         case WatchMode::HELP:
-            return "any key goes back";
+            return "any key closes the help";
         case WatchMode::DROP_ID:
             return "drop connection id: " + model.input + "_  (Enter, or Esc to leave)";
         case WatchMode::DROP_CONFIRM:
@@ -148,17 +148,17 @@ std::vector<std::string> help_texts() {
     return {"q           quit (Ctrl-C too)",
             "arrows      select a row; page keys, Home, End",
             "Tab         select in the other table",
-            "d           drop what is selected, or an id",
+            "d           drop the selection, or an id",
             "Esc         select nothing",
             "v           streams, connections, or both",
             "s, r        sort by id, stream or rate; reverse",
             "/           only what contains a text",
             "u           rates in bits or in bytes",
             "t           totals or addresses, if not both fit",
-            "p, space    pause, and go on",
+            "p, space    pause, continue",
             "",
-            "RIVALS publish a name that is published already.",
-            "One takes over when that is silent for 2.5 s.",
+            "RIVALS publish the same name as the publisher.",
+            "One takes over if it is silent for 2.5 s.",
             "A publisher with ? is a guess: the server does",
-            "not say which one it relays."};
+            "not report which one it relays."};
 }

@@ -75,9 +75,8 @@ class StateDirectory {
         const bool done = replace_file(file(WATCHDOG_HISTORY_FILE), history.to_json(boot) + "\n") &&
                           replace_file(file(WATCHDOG_STATISTICS_FILE), statistics_json(statistics) + "\n");
         if (!done && !has_failed) {
-            warn("nothing can be kept in " + path + " (" + std::strerror(errno) +
-                 "), so first-seen times will not survive the end of this watchdog. Name a directory that it "
-                 "may write to "
+            warn("no state can be saved in " + path + " (" + std::strerror(errno) +
+                 "), so first-seen times will be lost when this watchdog ends. Name a writable directory "
                  "with --state.");
         }
         has_failed = !done;
@@ -249,7 +248,7 @@ class Watchdog {
                                                    return is_same_client(record.connection, verdict.target);
                                                });
             if (has_gone) {
-                tell({WatchdogAction::MISSED, verdict, "no reply came to the drop, and the client has gone"});
+                tell({WatchdogAction::MISSED, verdict, "the drop got no reply, and the client has left"});
             }
         }
     }

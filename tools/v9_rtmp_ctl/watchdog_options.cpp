@@ -53,15 +53,15 @@ CLI::Option& add_limit(CLI::App& command, const std::string& name, std::string& 
 
 void add_watchdog_options(CLI::App& command, WatchdogOptions& options, WatchdogTexts& texts) {
     add_limit(command, "--stalled", texts.stalled, "30",
-              "Drop a player that takes nothing, while others do, for this long");
-    add_limit(command, "--behind", texts.behind, "15", "Drop a player that is so much of its stream behind");
+              "Drop a player that receives nothing for this long while others do");
+    add_limit(command, "--behind", texts.behind, "15", "Drop a player that is this far behind its stream");
     add_limit(command, "--unnamed", texts.unnamed, "20",
               "Drop a client that has no stream name for this long");
     add_limit(command, "--silent", texts.silent, "30", "Drop a publisher that sends nothing for this long");
     add_limit(command, "--contested", texts.contested, "15",
               "The same, while another publisher of the name waits");
-    add_limit(command, "--age", texts.age, "16200", "Drop a player before its timestamps pass 24 bits");
-    command.add_option("--stagger", texts.stagger, "Time from one such player of a stream to the next")
+    add_limit(command, "--age", texts.age, "16200", "Drop a player before its timestamps exceed 24 bits");
+    command.add_option("--stagger", texts.stagger, "Time between two such drops in a stream")
         ->default_str("4")
         ->type_name("SECONDS")
         ->take_last()
@@ -74,21 +74,21 @@ void add_watchdog_options(CLI::App& command, WatchdogOptions& options, WatchdogT
     command.add_option("--publish-from", texts.publish_from, "Drop publishers from any other address")
         ->type_name("CIDR")
         ->check(address_range());
-    command.add_option("--interval", options.interval_seconds, "Time from one look to the next")
+    command.add_option("--interval", options.interval_seconds, "Time between two looks")
         ->capture_default_str()
         ->type_name("SECONDS")
         ->take_last()
         ->check(seconds(MIN_INTERVAL_SECONDS));
     command
         .add_option("--settle", options.settle_seconds,
-                    "Compare a client from so long after its choice of a stream")
+                    "Time from a client's choice of a stream until it is compared")
         ->capture_default_str()
         ->type_name("SECONDS")
         ->take_last()
         ->check(seconds(0));
     command
         .add_option("--state", options.state_directory,
-                    "Keeps first-seen times and counters in this directory")
+                    "Keep first-seen times and counters in this directory")
         ->capture_default_str()
         ->type_name("DIR")
         ->take_last()
@@ -97,7 +97,7 @@ void add_watchdog_options(CLI::App& command, WatchdogOptions& options, WatchdogT
         .add_option("--config", options.config_path,
                     "Read options from this file too, such as 'stalled = 30'")
         ->type_name("FILE");
-    command.add_flag("-n,--dry-run", options.dry_run, "Only say what would be dropped");
+    command.add_flag("-n,--dry-run", options.dry_run, "Only print what would be dropped");
 }
 
 WatchdogLimits read_limits(const WatchdogTexts& texts) {

@@ -118,7 +118,7 @@ TEST_F(loop_test, a_reply_that_is_larger_than_the_sockets_buffers_arrives_whole)
     EXPECT_EQ(peer.heard.size(), reply.size());
 }
 
-TEST_F(loop_test, what_follows_the_head_does_not_cost_the_reply) {
+TEST_F(loop_test, bytes_after_the_head_do_not_prevent_the_reply) {
     Peer peer(address);
     ASSERT_TRUE(peer.say("POST / HTTP/1.1\r\n\r\n" + std::string(200000, 'b')));
     turn_until_end(peer);
@@ -133,7 +133,7 @@ TEST_F(loop_test, a_head_that_is_too_long_ends_the_connection) {
     EXPECT_TRUE(heads.empty());
 }
 
-TEST_F(loop_test, a_client_that_sends_too_slowly_is_given_up) {
+TEST_F(loop_test, a_client_that_sends_too_slowly_is_disconnected) {
     Peer peer(address);
     ASSERT_TRUE(peer.say("GET / HTTP/1.1\r\n"));
     const Clock::time_point begin = Clock::now();
@@ -149,7 +149,7 @@ TEST_F(loop_test, a_client_that_sends_too_slowly_is_given_up) {
     EXPECT_EQ(loop->client_count(), 0U);
 }
 
-TEST_F(loop_test, clients_that_send_nothing_keep_no_other_out) {
+TEST_F(loop_test, clients_that_send_nothing_do_not_block_others) {
     std::vector<std::unique_ptr<Peer>> silent;
     for (std::size_t i = 0; i < MAX_HTTP_CLIENTS; ++i) {
         silent.push_back(std::make_unique<Peer>(address));
@@ -167,7 +167,7 @@ TEST_F(loop_test, clients_that_send_nothing_keep_no_other_out) {
     EXPECT_TRUE(silent.back()->take());
 }
 
-TEST_F(loop_test, clients_that_do_not_read_keep_no_other_out) {
+TEST_F(loop_test, clients_that_do_not_read_do_not_block_others) {
     reply = std::string(11000000, 'x');
     std::vector<std::unique_ptr<Peer>> deaf;
     for (int i = 0; i < 8; ++i) {

@@ -57,7 +57,7 @@ const std::string OWN_ORIGIN = "http://127.0.0.1:9935";
 
 }  // namespace
 
-TEST_F(pages_test, are_what_they_should_be) {
+TEST_F(pages_test, have_the_expected_type_and_content) {
     EXPECT_THAT(get("/metrics"), AllOf(StartsWith("HTTP/1.1 200 "), HasSubstr("version=0.0.4"),
                                        EndsWith("\r\n\r\nv9_rtmp_up 1\n")));
     EXPECT_THAT(get("/connections.json"), AllOf(HasSubstr("application/json"), EndsWith("\r\n\r\n{}")));
@@ -95,7 +95,7 @@ TEST_F(pages_test, the_status_page_runs_its_own_script_alone) {
     EXPECT_THAT(get("/"), Not(HasSubstr(nonce)));
 }
 
-TEST_F(pages_test, are_for_no_other_host) {
+TEST_F(pages_test, are_refused_for_any_other_host) {
     for (const char* const headers :
          {"Host: evil.example\r\n", "Host: \r\n", "", "Host: localhost.evil.example:9935\r\n"}) {
         const std::string reply = pages("").answer(request("GET /connections.json", headers));
@@ -107,7 +107,7 @@ TEST_F(pages_test, are_for_no_other_host) {
 
 TEST_F(pages_test, a_drop_needs_origin_and_token) {
     EXPECT_THAT(drop("http://evil.example", TOKEN), StartsWith("HTTP/1.1 403 "));
-    EXPECT_THAT(drop(OWN_ORIGIN, "wrong"), AllOf(StartsWith("HTTP/1.1 403 "), HasSubstr("not the token")));
+    EXPECT_THAT(drop(OWN_ORIGIN, "wrong"), AllOf(StartsWith("HTTP/1.1 403 "), HasSubstr("token is wrong")));
     EXPECT_THAT(
         pages(TOKEN).answer(request("POST /drop?id=5", "Host: 127.0.0.1:9935\r\nContent-Length: 0\r\n")),
         StartsWith("HTTP/1.1 403 "));
@@ -134,7 +134,7 @@ TEST_F(pages_test, a_drop_that_fails_says_why) {
                 AllOf(StartsWith("HTTP/1.1 409 "), EndsWith("there is no connection 5.\n")));
 }
 
-TEST_F(pages_test, something_else_than_a_request_is_refused) {
+TEST_F(pages_test, anything_but_a_request_is_refused) {
     HttpPages& router = pages("");
     for (const std::string& head :
          {std::string("\r\n\r\n"), std::string("GET\r\n\r\n"), std::string("GET / HTTP/9.9\r\n\r\n"),
@@ -160,7 +160,7 @@ TEST_F(pages_test, ranges_and_compression_are_not_served) {
     }
 }
 
-TEST_F(pages_test, any_bytes_are_answered_or_not) {
+TEST_F(pages_test, any_bytes_are_handled) {
     HttpPages& router = pages(TOKEN);
     std::mt19937 random(1);
     const std::string good = request("POST /drop?id=5&address=1", drop_headers(OWN_ORIGIN, TOKEN));

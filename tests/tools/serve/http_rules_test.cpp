@@ -17,7 +17,7 @@ TEST(http_host, an_address_and_localhost_are_the_servers_own) {
     }
 }
 
-TEST(http_host, other_names_are_not) {
+TEST(http_host, other_names_are_not_the_servers_own) {
     for (const char* const host : {"", "evil.example", "evil.example:9935", "localhost.evil.example",
                                    "127.0.0.1.evil.example", "127.0.0.1:9935:1", "127.0.0.1:x", "[localhost]",
                                    "[127.0.0.1]", "127.1", "0x7f000001", "127.0.0.1 "}) {
@@ -25,7 +25,7 @@ TEST(http_host, other_names_are_not) {
     }
 }
 
-TEST(http_host, names_that_were_given_are) {
+TEST(http_host, configured_names_are_the_servers_own) {
     EXPECT_TRUE(is_own_host("Relay.Example:9935", {"relay.example"}));
     EXPECT_TRUE(is_own_host("relay.example", {"other.example", "RELAY.example"}));
     EXPECT_FALSE(is_own_host("sub.relay.example", {"relay.example"}));
@@ -41,7 +41,7 @@ TEST(http_origin, only_the_servers_own_page_may_drop) {
     EXPECT_FALSE(is_same_origin("http://127.0.0.1:9935", "127.0.0.1:9935", "same-site"));
 }
 
-TEST(http_token, has_to_be_whole) {
+TEST(http_token, must_match_completely) {
     const std::string token = "0123456789abcdef";
     EXPECT_TRUE(has_token("Bearer 0123456789abcdef", token));
     for (const char* const guess :
@@ -98,6 +98,6 @@ TEST(token_file_that_is_missing, is_explained) {
     EXPECT_THAT(failure->message, HasSubstr("/dev/urandom"));
 }
 
-TEST(html, gets_no_meaning_from_a_name) {
+TEST(html, special_characters_are_escaped) {
     EXPECT_EQ(escape_html("<b a=\"1\" c='2'>&amp;"), "&lt;b a=&quot;1&quot; c=&#39;2&#39;&gt;&amp;amp;");
 }

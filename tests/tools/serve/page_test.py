@@ -96,7 +96,7 @@ class PageTest(unittest.TestCase):
         self.assertTrue(names)
         self.assertEqual({serve.url + "connections.json"}, set(names))
 
-    def test_names_from_strangers_do_nothing(self):
+    def test_untrusted_names_are_harmless(self):
         server = self.keep(ListingServer(hostile_lines(1000)))
         serve = self.keep(Serve(control_socket=server.path))
         self.open(serve)
@@ -116,7 +116,7 @@ class PageTest(unittest.TestCase):
         self.pictures("hostile")
         self.assertEqual([], self.browser.complaints())
 
-    def test_the_policy_runs_no_script_that_was_slipped_in(self):
+    def test_the_policy_blocks_injected_scripts(self):
         server = self.keep(ListingServer([]))
         self.open(self.keep(Serve(control_socket=server.path)))
         self.browser.run("""const made = document.createElement('script'); made.textContent = 'window.hacked = 1';
@@ -150,7 +150,7 @@ class PageTest(unittest.TestCase):
         self.assertEqual(16, self.browser.run("return document.querySelectorAll('noscript tbody tr').length"))
         self.picture("without_script")
 
-    def test_it_shows_what_needs_a_look(self):
+    def test_it_shows_warnings(self):
         def lines(second):
             return [line(0, "cam1", "publish", 1, 100000 * second), line(1, "cam1", "play", 100000 * second, 1, "198.51.100.1:1"),
                     line(2, "cam1", "play", min(second, 8) * 100000, 1, "198.51.100.2:2"),
@@ -160,10 +160,10 @@ class PageTest(unittest.TestCase):
         for second in range(2, 17):
             server.write(lines(second))
             time.sleep(1)
-        self.wait_for_text("Stream garden: the publisher has sent nothing for", "1 player stands still", "stalled for")
+        self.wait_for_text("Stream garden: the publisher has sent nothing for", "1 player is stalled", "stalled for")
         self.pictures("notes")
 
-    def test_a_stopped_server_and_a_stopped_serve_are_told(self):
+    def test_a_stopped_server_and_a_stopped_serve_are_reported(self):
         server = start_server()
         serve = Serve()
         try:
@@ -191,7 +191,7 @@ class PageTest(unittest.TestCase):
             self.picture("drop")
             submit = """document.getElementById('token').value = arguments[0]; document.getElementById('confirm').click()"""
             self.browser.run(submit, "wrong")
-            self.wait_for_text("That is not the token.")
+            self.wait_for_text("The token is wrong.")
             self.browser.run(submit, TOKEN)
             wait_for("the dialog is closed", lambda: not self.browser.run("return document.getElementById('dialog').open"))
             client.settimeout(20)

@@ -97,7 +97,7 @@ class PrometheusTest(unittest.TestCase):
                 plain = target["expr"].replace("$__rate_interval", "10s").replace("$instance", ".+")
                 self.assertTrue(wait_for(plain, lambda: prometheus.query(plain)), plain)
 
-    def test_the_names_of_strangers_make_a_bounded_number_of_series(self):
+    def test_untrusted_names_make_a_bounded_number_of_series(self):
         server = self.keep(ListingServer([]))
         serve = self.serve(control_socket=server.path)
         for turn in range(6):

@@ -39,7 +39,7 @@ class ServeTest(unittest.TestCase):
     def serve(self, *options):
         return self.keep(Serve(*options))
 
-    def test_it_shows_who_publishes_and_who_plays(self):
+    def test_it_shows_publishers_and_players(self):
         serve = self.serve()
         self.keep(publish("cam1"))
         wait_for("the publisher", lambda: serve.status_json()["streams"])
@@ -95,7 +95,7 @@ class ServeTest(unittest.TestCase):
             self.server.popen.send_signal(18)
         wait_for("it is well", lambda: serve.ask("/healthz").status == 200)
 
-    def test_two_hundred_clients_that_trickle_delay_no_other(self):
+    def test_two_hundred_slow_clients_delay_no_other(self):
         serve = self.serve()
         stop = threading.Event()
         sockets = []
@@ -173,7 +173,7 @@ class ServeTest(unittest.TestCase):
         alone = shutil.copy(program("v9_rtmp_ctl"), self.directory)
         run = subprocess.run([alone, "serve"], capture_output=True, text=True, timeout=60)
         self.assertEqual(1, run.returncode)
-        self.assertIn("in a package of its own", run.stderr)
+        self.assertIn("in a separate package", run.stderr)
 
 
 class MetricsTest(unittest.TestCase):
@@ -223,7 +223,7 @@ class MetricsTest(unittest.TestCase):
         self.check(text)
         self.assertEqual(0o644, os.stat(self.file).st_mode & 0o777)
 
-    def test_names_that_strangers_would_choose_pass_the_check(self):
+    def test_hostile_names_pass_the_check(self):
         names = [b'a"} 1\nevil 9', b"\xff\xfe", b"\\", b"\xe2\x80\xaegpj", b"x" * 100000, b"{}", b" ", b"(other)"]
         server = ListingServer([line(i, name, "publish", 3000, 10 ** 6) for i, name in enumerate(names)])
         self.addCleanup(server.stop)

@@ -59,7 +59,7 @@ TEST_F(status_test, has_streams_and_connections_with_their_rates_and_ages) {
     EXPECT_EQ(status["connections"][2]["stream"], nullptr);
 }
 
-TEST_F(status_test, says_why_the_server_does_not_answer) {
+TEST_F(status_test, reports_why_the_server_does_not_answer) {
     view.failure = Failure{ExitCode::NOT_RUNNING, "there is no socket. <start> it."};
     const json status = document();
     EXPECT_EQ(status["running"], false);
@@ -68,7 +68,7 @@ TEST_F(status_test, says_why_the_server_does_not_answer) {
     EXPECT_EQ(status_table(view), "<p>there is no socket. &lt;start&gt; it.</p>");
 }
 
-TEST_F(status_test, cuts_names_that_are_long) {
+TEST_F(status_test, cuts_long_names) {
     const std::string name(1000000, 'n');
     look(1,
          {observed_publisher(0, name, 1), observed_publisher(1, "x" + std::string(300, '\xc3') + "\xa4", 1),
@@ -80,7 +80,7 @@ TEST_F(status_test, cuts_names_that_are_long) {
     EXPECT_EQ(status["connections"][2]["stream"], std::string(199, 'e') + "\u2026");
 }
 
-TEST_F(status_test, tells_streams_apart_that_look_the_same) {
+TEST_F(status_test, distinguishes_streams_that_look_the_same) {
     look(1, {observed_publisher(0, "a\xff", 1), observed_publisher(1, "a\xfe", 1)});
     const json status = document();
     ASSERT_EQ(status["streams"].size(), 2U);
@@ -88,7 +88,7 @@ TEST_F(status_test, tells_streams_apart_that_look_the_same) {
     EXPECT_NE(status["streams"][0]["key"], status["streams"][1]["key"]);
 }
 
-TEST_F(status_test, the_table_gives_names_no_meaning) {
+TEST_F(status_test, the_table_escapes_names) {
     look(1, {observed_publisher(0, "<script>alert(1)</script>\"'&\u202e", 1)});
     const std::string table = status_table(view);
     EXPECT_THAT(table, HasSubstr("&lt;script&gt;alert(1)&lt;/script&gt;&quot;&#39;&amp;\\xE2\\x80\\xAE"));

@@ -26,7 +26,7 @@ _v9_rtmp_ctl_addresses() {
     compadd -F typed -a addresses
 }
 
-# Offers ids that were not typed yet with whose they are, in numeric order.
+# Offers ids that were not typed yet, in numeric order, each with its stream and address.
 _v9_rtmp_ctl_ids() {
     local -a lines=(${(f)"$(_v9_rtmp_ctl_list | sort -n | awk -F '\t' '$1 ~ /^[0-9]+$/ {
         print $1 "  " ($2 == "" ? "no stream" : $3 " " substr($2, 1, 40)) " " $7 }')"})
@@ -42,19 +42,19 @@ _v9_rtmp_ctl_ids() {
 }
 
 _v9_rtmp_ctl() {
-    # Behind a command, words begins with that.
+    # After a command, words begins with that command.
     local -a typed=("${(@)words[1, CURRENT - 1]}")
     local -a global commands drops streams_picked addresses_picked mode_picked orders
     local curcontext=$curcontext state line
     local -A opt_args
     global=(
         '--socket=[the control socket of the server]:socket:_files'
-        '--timeout=[how long to wait for an answer]:seconds'
-        '--unit=[what rates are counted in]:unit:(bytes bits)'
+        '--timeout=[how long the server may be silent]:seconds'
+        '--unit=[unit of rates]:unit:(bytes bits)'
         '(--plain)--json[print JSON]'
         '(--json)--plain[print fields separated by TABs]'
         '--no-color[print without color]'
-        '(-q --quiet)'{-q,--quiet}'[say nothing about what was done]'
+        '(-q --quiet)'{-q,--quiet}'[do not report what was done]'
         '(-h --help)'{-h,--help}'[print help]'
         '(-V --version)'{-V,--version}'[print the version of this tool]'
     )
@@ -62,23 +62,23 @@ _v9_rtmp_ctl() {
     addresses_picked=('*--address=[only those from this address or prefix]:address:_v9_rtmp_ctl_addresses')
     mode_picked=('--mode=[only those that publish, play, or do neither]:mode:(publish play none)')
     orders=(
-        '(-r --reverse)'{-r,--reverse}'[the other way round]'
+        '(-r --reverse)'{-r,--reverse}'[reverse the order]'
         '--no-legend[print neither titles nor the count]'
     )
     local -a dry_run=('(-n --dry-run)'{-n,--dry-run}'[only show what would be dropped]')
     local -a force=('(-f --force)'{-f,--force}'[do not ask]')
     commands=(
-        'hello:greet the server and tell how long its answer took'
+        'hello:greet the server and check its port'
         'list:list the connections'
         'streams:list the streams'
         'drop:drop connections'
         'watch:show streams and connections live'
-        'watchdog:drop clients that stand still, fall behind or hold a slot without using it'
-        'events:print a line when a client connects, publishes, plays, takes over or goes'
-        'check:look for what is wrong with the server, or will be'
+        'watchdog:drop clients that stall, fall behind or hold a slot without using it'
+        'events:print a line when a client connects, publishes, plays, takes over or leaves'
+        'check:report what is wrong with the server, or soon will be'
         'metrics:print metrics in the text format of Prometheus'
         'serve:serve a status page and metrics over HTTP'
-        'raw:send a command as it is and print the reply as JSON'
+        'raw:send a command unchanged and print the reply as JSON'
         'completion:print the completion script of a shell'
         'version:print the version of this tool'
         'help:print help about a command'
@@ -111,8 +111,8 @@ _v9_rtmp_ctl() {
                             case $line[1] in
                                 id)
                                     _arguments $global $dry_run '*:id:_v9_rtmp_ctl_ids' \
-                                        '--stream=[keep those that are not of this stream]:stream:_v9_rtmp_ctl_streams' \
-                                        '--no-list[do not look at the list before and after]'
+                                        '--stream=[drop only connections of this stream]:stream:_v9_rtmp_ctl_streams' \
+                                        '--no-list[do not request the list before and after]'
                                     ;;
                                 stream)
                                     _arguments $global $addresses_picked $mode_picked $dry_run $force \
@@ -129,44 +129,44 @@ _v9_rtmp_ctl() {
                     ;;
                 watch)
                     _arguments $global $streams_picked $addresses_picked $mode_picked \
-                        '--interval=[time from one look to the next]:seconds'
+                        '--interval=[time between two looks]:seconds'
                     ;;
                 watchdog)
                     _arguments $global $dry_run \
-                        '--stalled=[drop a player that takes nothing]:seconds:(off)' \
-                        '--behind=[drop a player that is so much behind]:seconds:(off)' \
+                        '--stalled=[drop a player that receives nothing]:seconds:(off)' \
+                        '--behind=[drop a player that is this far behind]:seconds:(off)' \
                         '--unnamed=[drop a client without a stream name]:seconds:(off)' \
                         '--silent=[drop a publisher that sends nothing]:seconds:(off)' \
                         '--contested=[the same, while another one waits]:seconds:(off)' \
-                        '--age=[drop a player that has played for so long]:seconds:(off)' \
-                        '--stagger=[time from one such player to the next]:seconds' \
+                        '--age=[drop a player that has played this long]:seconds:(off)' \
+                        '--stagger=[time between two such drops]:seconds' \
                         '--long-name=[drop a client whose stream name is longer]:bytes:(off)' \
                         '*--publish-from=[drop publishers from elsewhere]:prefix' \
-                        '--interval=[time from one look to the next]:seconds' \
-                        '--settle=[compare a client from so long after its choice]:seconds' \
-                        '--state=[keeps first-seen times in this directory]:directory:_files -/' \
+                        '--interval=[time between two looks]:seconds' \
+                        '--settle=[time until a client is compared]:seconds' \
+                        '--state=[keep first-seen times in this directory]:directory:_files -/' \
                         '--config=[read options from this file too]:file:_files'
                     ;;
                 events)
-                    _arguments $global '--interval=[time from one look to the next]:seconds' \
+                    _arguments $global '--interval=[time between two looks]:seconds' \
                         '--exec=[run this program for each event]:program:_files'
                     ;;
                 check)
-                    _arguments $global '--rtmp=[where the server takes RTMP clients]:address' \
+                    _arguments $global '--rtmp=[where the server accepts RTMP clients]:address' \
                         '--publish-test[send a short stream through the server]'
                     ;;
                 metrics)
                     _arguments $global '(-o --output)'{-o,--output}'=[write them to this file]:file:_files' \
-                        '--interval=[time from one look to the next]:seconds' \
-                        "--watchdog-state=[the directory of the watchdog's state]:directory:_directories"
+                        '--interval=[time between two looks]:seconds' \
+                        "--watchdog-state=[the watchdog's state directory]:directory:_directories"
                     ;;
                 serve)
                     _arguments $global '--listen=[where to listen]:address and port' \
                         '*--host=[a name under which browsers reach it]:name' \
-                        '--allow-drop[let the page drop connections]' '--token-file=[the file with the token]:file:_files' \
-                        "--watchdog-state=[the directory of the watchdog's state]:directory:_directories"
+                        '--allow-drop[allow the page to drop connections]' '--token-file=[the file with the token]:file:_files' \
+                        "--watchdog-state=[the watchdog's state directory]:directory:_directories"
                     ;;
-                raw) _arguments $global '--async[want no reply]' '1:command:(hello)' '*:argument:' ;;
+                raw) _arguments $global '--async[request no reply]' '1:command:(hello)' '*:argument:' ;;
                 completion) _arguments $global '1:shell:(bash zsh fish)' ;;
                 help)
                     _arguments $global '1:command:(hello list streams drop watch watchdog events check metrics serve raw completion version)' \

@@ -115,7 +115,7 @@ class HttpPages::Router : public httplib::Server {
         add_pages();
         set_error_handler([](const auto& /*request*/, auto& response) {
             if (response.status == NOT_FOUND && response.body.empty()) {
-                refuse(response, NOT_FOUND, "There are /, /metrics, /connections.json and /healthz.");
+                refuse(response, NOT_FOUND, "The paths are /, /metrics, /connections.json and /healthz.");
             }
         });
     }
@@ -161,11 +161,11 @@ class HttpPages::Router : public httplib::Server {
         }
         if (!is_same_origin(request.get_header_value("Origin"), request.get_header_value("Host"),
                             request.get_header_value("Sec-Fetch-Site"))) {
-            refuse(response, FORBIDDEN, "A drop has to come from the status page itself.");
+            refuse(response, FORBIDDEN, "A drop must come from the status page itself.");
             return;
         }
         if (!has_token(request.get_header_value("Authorization"), rules.token)) {
-            refuse(response, FORBIDDEN, "That is not the token.");
+            refuse(response, FORBIDDEN, "The token is wrong.");
             return;
         }
         const std::optional<Failure> failure =

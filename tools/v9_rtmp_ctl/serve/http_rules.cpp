@@ -61,8 +61,8 @@ std::optional<Failure> read_token(const std::string& path, std::string& token) {
     if (!file || stat(path.c_str(), &status) != 0) {
         return Failure{ExitCode::USAGE,
                        "the token file " + name +
-                           " cannot be read. Make one: 'head -c 24 /dev/urandom | base64 > " + name +
-                           "', for the user of this program alone."};
+                           " cannot be read. Create one: 'head -c 24 /dev/urandom | base64 > " + name +
+                           "', readable only by the user of this program."};
     }
     if ((status.st_mode & (S_IROTH | S_IWOTH)) != 0) {
         return Failure{ExitCode::USAGE, "the token file " + name + " is open to every user: 'chmod o= " +

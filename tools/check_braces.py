@@ -1,0 +1,68 @@
+#!/usr/bin/env python3
+"""Checks that every if, else, for, while and do has braces, and that a counter is written ++i where its value is unused.
+
+    tools/check_braces.py [ROOT]
+
+Reads all C and C++ sources; clang-tidy checks the programs only. Exits 1 if anything is found.
+"""
+import pathlib
+import re
+import sys
+
+sys.dont_write_bytecode = True
+
+from check_comments import sources  # noqa: E402
+
+# What may contain words and brackets that are not code. A number is listed because its separators look like quotes.
+NOT_CODE = re.compile(r"""R"(?P<mark>[^()\s]*)\(.*?\)(?P=mark)"
+                        | "(?:\\.|[^"\\\n])*" | '(?:\\.|[^'\\\n])+' | \b\d[\w']*
+                        | //[^\n]* | /\*.*?\*/ | ^[ \t]*\#(?:\\\n|[^\n])*""", re.DOTALL | re.MULTILINE | re.VERBOSE)
+KEYWORD = re.compile(r"\b(?:(?P<condition>if|for|while)\b(?:\s+constexpr)?\s*\(|(?:else|do)\b)")
+COUNTED_AFTER = re.compile(r"[;{})]\s*(?P<counter>[A-Za-z_][\w.\[\]]*(?:->[\w.\[\]]+)*(?:\+\+|--))\s*[;)]")
+
+
+def without_text(source):
+    """Returns the source with strings, comments and preprocessor lines emptied; the lines keep their numbers."""
+    return NOT_CODE.sub(lambda found: "_" + "\n" * found[0].count("\n"), source)
+
+
+def end_of_condition(code, begin):
+    """Returns the position just past the bracket that closes the one before begin."""
+    depth, end = 1, begin
+    while depth > 0 and end < len(code):
+        depth += {"(": 1, ")": -1}.get(code[end], 0)
+        end += 1
+    return end
+
+
+def findings(source):
+    """Returns the line number and the advice of each finding."""
+    code = without_text(source)
+    result = []
+    for found in KEYWORD.finditer(code):
+        end = end_of_condition(code, found.end()) if found["condition"] else found.end()
+        body = code[end:].lstrip()
+        is_end_of_do = found["condition"] == "while" and code[:found.start()].rstrip().endswith("}") and body[:1] == ";"
+        is_else_if = found[0] == "else" and re.match(r"if\b", body)
+        if body[:1] != "{" and not is_end_of_do and not is_else_if:
+            result.append((code.count("\n", 0, found.start()) + 1, f"put braces around the body of this {found[0].rstrip(' (')}"))
+    for found in COUNTED_AFTER.finditer(code):
+        counter = found["counter"]
+        result.append((code.count("\n", 0, found.start("counter")) + 1, f"write {counter[-2:]}{counter[:-2]}, not {counter}"))
+    return sorted(result)
+
+
+def check(root):
+    wrong, files = [], 0
+    for path in sources(root):
+        files += 1
+        wrong += [f"{path.relative_to(root).as_posix()}:{line}: {advice}"
+                  for line, advice in findings(path.read_text(encoding="utf-8"))]
+    print("".join(line + "\n" for line in wrong), end="")
+    print(f"checked the braces and counters of {files} files, {len(wrong)} findings")
+    return files > 0 and not wrong
+
+
+if __name__ == "__main__":
+    root = pathlib.Path(sys.argv[1] if len(sys.argv) > 1 else pathlib.Path(__file__).resolve().parent.parent)
+    sys.exit(0 if check(root.resolve()) else 1)
