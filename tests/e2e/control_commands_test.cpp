@@ -9,7 +9,6 @@
 #include <vector>
 
 #include "tests/support/media_bytes.h"
-#include "tests/support/message_recorder.h"
 #include "tests/support/rtmp_client.h"
 #include "tests/support/server_process.h"
 #include "tests/support/test_failure.h"

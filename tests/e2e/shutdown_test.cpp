@@ -102,7 +102,7 @@ TEST(shutdown, players_that_do_not_read_do_not_delay_the_stop) {
         publisher.send_video(1000, avc_inter_frame(i, 1000000));
     }
     // More than any socket buffers, so every writer thread except the witness's is blocked in a send.
-    recorder.wait_for_type(12, MSG_VIDEO);
+    recorder.wait_for(12);
     EXPECT_LT(server.stop(), STOP_LIMIT);
 }
 
