@@ -10,7 +10,7 @@
 #include "tests/support/test_failure.h"
 
 std::string ServerProcess::status_field(const std::string& field) const {
-    std::ifstream file("/proc/" + std::to_string(child) + "/status");
+    std::ifstream file("/proc/" + std::to_string(pid()) + "/status");
     for (std::string line; std::getline(file, line);) {
         if (line.starts_with(field)) {
             return line.substr(line.find_first_not_of(" \t", field.size()));
@@ -33,7 +33,7 @@ void ServerProcess::wait_for_thread_count(std::size_t count, Milliseconds wait) 
 std::size_t ServerProcess::fd_count() const {
     std::error_code error;
     std::size_t count = 0;
-    for (std::filesystem::directory_iterator it("/proc/" + std::to_string(child) + "/fd", error), last;
+    for (std::filesystem::directory_iterator it("/proc/" + std::to_string(pid()) + "/fd", error), last;
          !error && it != last; it.increment(error)) {
         ++count;
     }
@@ -61,7 +61,7 @@ std::size_t ServerProcess::rss_kib_at_rest() const {
 }
 
 Milliseconds ServerProcess::cpu_time() const {
-    std::ifstream file("/proc/" + std::to_string(child) + "/stat");
+    std::ifstream file("/proc/" + std::to_string(pid()) + "/stat");
     std::stringstream text;
     text << file.rdbuf();
     // The name in parentheses may contain blanks. User and system time are fields 14 and 15.
@@ -80,7 +80,7 @@ Milliseconds ServerProcess::cpu_time() const {
 }
 
 bool ServerProcess::main_thread_writes_to_stderr() const {
-    std::ifstream file("/proc/" + std::to_string(child) + "/syscall");
+    std::ifstream file("/proc/" + std::to_string(pid()) + "/syscall");
     long call = -1;
     std::string first_argument;
     file >> call >> first_argument;

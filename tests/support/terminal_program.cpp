@@ -17,7 +17,6 @@
 
 namespace {
 
-constexpr int CANNOT_START = 127;
 // How long stopping may wait for the reading thread.
 constexpr int READ_SLICE_MS = 20;
 
@@ -65,9 +64,6 @@ std::string joined(const std::vector<std::string>& rows) {
 
 TerminalProgram::TerminalProgram(std::vector<std::string> command, std::vector<std::string> environment) {
     environment.insert(environment.end(), {"TERM=xterm", "NO_COLOR="});
-    environment = environment_with(environment);
-    const std::vector<char*> argv = exec_pointers(command);
-    const std::vector<char*> envp = exec_pointers(environment);
     const winsize size = size_of(TERMINAL_ROWS, TERMINAL_COLUMNS);
     checked(openpty(&master_fd, &terminal_fd, nullptr, nullptr, &size), "openpty");
     for (const int fd : {master_fd, terminal_fd}) {
@@ -76,27 +72,17 @@ TerminalProgram::TerminalProgram(std::vector<std::string> command, std::vector<s
     checked(tcgetattr(terminal_fd, &modes_before), "tcgetattr");
     const std::string prompt = TERMINAL_PROMPT + "\n";
     checked(static_cast<int>(write(terminal_fd, prompt.data(), prompt.size())), "write");
-    const pid_t parent = getpid();
-    child = checked(fork(), "fork");
-    if (child == 0) {
-        if (login_tty(terminal_fd) != 0) {
-            _exit(CANNOT_START);
-        }
-        become_program(parent, false, argv.data(), envp.data());
-    }
-    pump_thread = std::thread([this] { pump(); });
+    start(std::move(command), {.environment = std::move(environment)},
+          [this] { return login_tty(terminal_fd) == 0; });
+    pump_thread = std::jthread([this](const std::stop_token& stop_requested) { pump(stop_requested); });
 }
 
 TerminalProgram::~TerminalProgram() {
-    if (child > 0) {
-        (void)kill(child, SIGKILL);
-        (void)waitpid(child, nullptr, 0);
-    }
     hang_up();
 }
 
 void TerminalProgram::hang_up() {
-    pump_may_end = true;
+    pump_thread.request_stop();
     if (pump_thread.joinable()) {
         pump_thread.join();
         close(terminal_fd);
@@ -107,10 +93,6 @@ void TerminalProgram::hang_up() {
 
 void TerminalProgram::type(std::string_view keys) const {
     checked(static_cast<int>(write(master_fd, keys.data(), keys.size())), "write");
-}
-
-void TerminalProgram::send_signal(int signal_number) const {
-    checked(kill(child, signal_number), "kill");
 }
 
 void TerminalProgram::resize(std::size_t rows, std::size_t columns) {
@@ -179,20 +161,8 @@ std::vector<std::string> TerminalProgram::wait_for_row(const std::string& patter
         wait);
 }
 
-void TerminalProgram::wait_until_stopped(Milliseconds wait) const {
-    int status = 0;
-    const auto has_stopped = [&] {
-        return checked(waitpid(child, &status, WNOHANG | WUNTRACED), "waitpid") == child &&
-               WIFSTOPPED(status);
-    };
-    if (!holds_within(wait, has_stopped)) {
-        throw TestFailure("the program did not stop");
-    }
-}
-
 ProgramEnd TerminalProgram::wait_for_exit(Milliseconds wait) {
-    const ProgramEnd end = wait_for_child(child, wait);
-    child = -1;
+    const ProgramEnd end = wait_until_ended(wait);
     // The program's last output is in the terminal now, and the pump will read it.
     const TimePoint deadline = SteadyClock::now() + wait;
     pollfd entry{master_fd, POLLIN, 0};
@@ -221,8 +191,8 @@ std::string TerminalProgram::damage() const {
     return found;
 }
 
-void TerminalProgram::pump() {
-    while (!pump_may_end) {
+void TerminalProgram::pump(const std::stop_token& stop_requested) {
+    while (!stop_requested.stop_requested()) {
         pollfd entry{takes_output ? master_fd : -1, POLLIN, 0};
         if (poll(&entry, 1, READ_SLICE_MS) != 1) {
             continue;
