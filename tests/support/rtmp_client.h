@@ -27,8 +27,6 @@ struct RtmpMessage {
     Bytes raw;                             // as on the wire, headers included
     std::vector<std::size_t> chunk_sizes;  // payload bytes of each chunk
     TimePoint arrival;                     // when its last byte was read from the socket
-
-    std::vector<AmfNode> values() const { return amf_decode_all(payload); }
 };
 
 struct ClientOptions {

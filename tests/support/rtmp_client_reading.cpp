@@ -181,11 +181,11 @@ RtmpMessage RtmpClient::connect_app(std::string_view app, double transaction_id)
 std::uint32_t RtmpClient::create_stream(double transaction_id) {
     send_create_stream(transaction_id);
     const RtmpMessage reply = expect_message(MSG_COMMAND);
-    const std::vector<AmfNode> values = reply.values();
-    if (values.size() != 4 || values[0].string != "_result" || values[3].marker != AMF_NUMBER) {
+    const Bytes start = amf_string("_result") + amf_number(transaction_id) + amf_null();
+    if (!reply.payload.starts_with(start)) {
         fail("createStream was answered with " + describe(reply));
     }
-    media_stream_id = static_cast<std::uint32_t>(values[3].number);
+    media_stream_id = static_cast<std::uint32_t>(amf_decode_number(reply.payload.substr(start.size())));
     return media_stream_id;
 }
 
