@@ -96,8 +96,8 @@ Bytes control_frame(std::string_view body, std::uint8_t version) {
 }
 
 Bytes control_reply(const ControlReply& reply) {
-    Bytes body = be32(reply.flags) + be64(reply.request_id) + be64(reply.status) + counted(reply.command) +
-                 counted(reply.message) + be32(0) + be32(static_cast<std::uint32_t>(reply.pairs.size()));
+    Bytes body = be32(0) + be64(1) + be64(reply.status) + counted(reply.command) + counted(reply.message) +
+                 be32(0) + be32(static_cast<std::uint32_t>(reply.pairs.size()));
     for (const auto& [name, value] : reply.pairs) {
         body += counted(name) + counted(value);
     }

@@ -32,18 +32,19 @@ Bytes control_request(std::uint64_t id, std::string_view command, const ControlA
 Bytes control_frame(std::string_view body, std::uint8_t version = 4);
 
 struct ControlReply {
-    std::uint32_t flags = 0;
-    std::uint64_t request_id = 0;
     std::uint64_t status = 0;
     std::string command;
     std::string message;
-    ControlPairs pairs;
+    ControlPairs pairs = {};
+    std::uint32_t flags = 0;
+    std::uint64_t request_id = 0;
 
+    bool operator==(const ControlReply&) const = default;
     // Returns the values of the pairs with this name, in order.
     std::vector<std::string> values(std::string_view name) const;
 };
 
-// Returns one frame as a server sends it.
+// Returns one frame as a server sends it, in reply to a client's first request.
 Bytes control_reply(const ControlReply& reply);
 
 class ControlPeer {
