@@ -1,21 +1,21 @@
 #include "tests/support/terminal_program.h"
 
 #include <fcntl.h>
+#include <gmock/gmock.h>
 #include <poll.h>
 #include <pty.h>
-#include <regex.h>
 #include <sys/ioctl.h>
-#include <sys/wait.h>
 #include <unistd.h>
 #include <utmp.h>
 
 #include <algorithm>
 #include <array>
-#include <csignal>
 
 #include "tests/support/test_failure.h"
 
 namespace {
+
+using testing::Contains;
 
 // How long stopping may wait for the reading thread.
 constexpr int READ_SLICE_MS = 20;
@@ -30,34 +30,6 @@ winsize size_of(std::size_t rows, std::size_t columns) {
 bool same_modes(const termios& a, const termios& b) {
     return a.c_iflag == b.c_iflag && a.c_oflag == b.c_oflag && a.c_cflag == b.c_cflag &&
            a.c_lflag == b.c_lflag && std::equal(std::begin(a.c_cc), std::end(a.c_cc), std::begin(b.c_cc));
-}
-
-// An extended regular expression for whole rows.
-class RowPattern {
-  public:
-    explicit RowPattern(const std::string& pattern) {
-        if (regcomp(&compiled, ("^(" + pattern + ")$").c_str(), REG_EXTENDED | REG_NOSUB) != 0) {
-            throw TestFailure("not a regular expression: " + pattern);
-        }
-    }
-    ~RowPattern() { regfree(&compiled); }
-    RowPattern(const RowPattern&) = delete;
-    RowPattern& operator=(const RowPattern&) = delete;
-
-    bool operator()(const std::string& row) const {
-        return regexec(&compiled, row.c_str(), 0, nullptr, 0) == 0;
-    }
-
-  private:
-    regex_t compiled{};
-};
-
-std::string joined(const std::vector<std::string>& rows) {
-    std::string text;
-    for (const std::string& row : rows) {
-        text += "|" + row + "\n";
-    }
-    return text;
 }
 
 }  // namespace
@@ -135,30 +107,19 @@ std::vector<std::string> TerminalProgram::wait_for_rows(const std::string& what,
                                                         Milliseconds wait) const {
     std::unique_lock guard(mutex);
     if (!changed.wait_for(guard, wait, [&] { return wanted(shown.rows()); })) {
-        throw TestFailure("the terminal does not show " + what + ":\n" + joined(shown.rows()));
+        throw TestFailure("the terminal does not show " + what + ":\n" +
+                          testing::PrintToString(shown.rows()));
     }
     return shown.rows();
 }
 
 std::vector<std::string> TerminalProgram::wait_for_text(const std::string& text, Milliseconds wait) const {
-    return wait_for_rows(
-        "'" + text + "'",
-        [&text](const std::vector<std::string>& rows) {
-            return std::any_of(rows.begin(), rows.end(), [&text](const std::string& row) {
-                return row.find(text) != std::string::npos;
-            });
-        },
-        wait);
+    return wait_for_rows("'" + text + "'", testing::Matches(Contains(testing::HasSubstr(text))), wait);
 }
 
 std::vector<std::string> TerminalProgram::wait_for_row(const std::string& pattern, Milliseconds wait) const {
-    const RowPattern matches(pattern);
-    return wait_for_rows(
-        "a row like " + pattern,
-        [&matches](const std::vector<std::string>& rows) {
-            return std::any_of(rows.begin(), rows.end(), std::cref(matches));
-        },
-        wait);
+    return wait_for_rows("a row like " + pattern, testing::Matches(Contains(testing::MatchesRegex(pattern))),
+                         wait);
 }
 
 ProgramEnd TerminalProgram::wait_for_exit(Milliseconds wait) {
