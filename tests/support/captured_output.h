@@ -49,8 +49,8 @@ class CapturedOutput {
     void set_ended();
 
   private:
-    // Shows found() the index of one line after the other, until it says that the line is the last one of what
-    // is sought.
+    // Shows found() the index of one line after the other, until it says that the line is the last one of
+    // what is sought.
     template <typename Found>
     LineMark wait_until(const std::string& what, LineMark from, Milliseconds wait, Found found) const;
 
