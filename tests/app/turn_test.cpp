@@ -31,7 +31,8 @@ class turn_test : public AppFixture {
         EXPECT_EQ(idle(conn), "");
         std::vector<int> numbers;
         for (const QueuedMessage& reply : take_queued(conn)) {
-            numbers.push_back(static_cast<int>(amf_decode_all(reply.payload).at(1).number));
+            numbers.push_back(
+                static_cast<int>(amf_decode_number(reply.payload.substr(amf_string("_result").size()))));
         }
         return numbers;
     }

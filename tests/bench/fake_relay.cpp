@@ -19,9 +19,15 @@ namespace {
 
 constexpr std::size_t HANDSHAKE_BLOCK = 1536;
 constexpr std::size_t FIRST_HEADER_BYTES = 12;
-constexpr std::size_t PLAYED_NAME = 3;
 constexpr std::uint32_t FIRST_LARGE_LOSS = 10;
 constexpr int POLL_MS = 20;
+
+// Returns the name in a publish or play command.
+std::string stream_name(std::string_view payload, std::string_view command) {
+    const Bytes before = amf_string(command) + amf_number(0) + amf_null();
+    const std::string_view name = payload.substr(before.size());
+    return std::string(name.substr(3, get_be16(name, 1)));
+}
 
 bool send_all(int fd, std::string_view bytes) {
     while (!bytes.empty()) {
@@ -173,12 +179,11 @@ void FakeRelay::handle(Client& client, const Message& message) {
 }
 
 void FakeRelay::answer_command(Client& client, const Message& message) {
-    const std::vector<AmfNode> values = amf_decode_all(message.payload);
     send_message(client, {MSG_COMMAND, 0, amf_string("_result")});
-    if (values[0].string == "publish") {
-        client.publishes = values[PLAYED_NAME].string;
-    } else if (values[0].string == "play") {
-        client.plays = values[PLAYED_NAME].string;
+    if (message.payload.starts_with(amf_string("publish"))) {
+        client.publishes = stream_name(message.payload, "publish");
+    } else if (message.payload.starts_with(amf_string("play"))) {
+        client.plays = stream_name(message.payload, "play");
         for (const auto& [type, header] : headers[client.plays]) {
             send_message(client, header);
         }

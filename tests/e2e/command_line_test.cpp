@@ -32,7 +32,9 @@ struct CleanSocketPath {
 };
 
 void expect_refusal(const std::vector<std::string>& arguments, const std::string& text) {
-    const FinishedRun run = run_server_to_its_end(arguments);
+    ServerOptions options;
+    options.arguments = arguments;
+    const ProgramRun run = run_server_to_its_end(options);
     const std::string shown = testing::PrintToString(arguments);
     EXPECT_EQ(run.end.status, 1) << shown;
     EXPECT_EQ(run.err, text) << shown;
@@ -85,6 +87,7 @@ void leave_stale_socket() {
 class StuckServer {
   public:
     StuckServer() : server(options()), client(handshaken_client()) {
+        server.pause_draining_stderr();
         const AmfMembers members{{"long", amf_string(std::string(30000, 'x'))}};
         client.send_command(amf_string("connect") + amf_number(1) + amf_object(members));
         EXPECT_TRUE(holds_within(DEFAULT_WAIT, [this] { return server.main_thread_writes_to_stderr(); }))
@@ -99,7 +102,6 @@ class StuckServer {
     static ServerOptions options() {
         ServerOptions result;
         result.stderr_pipe_bytes = PIPE_BYTES;
-        result.drain_stderr = false;
         return result;
     }
 
@@ -199,7 +201,7 @@ TEST(command_line, each_quit_signal_ends_the_server_at_once_and_silently) {
         ServerProcess server;
         const TimePoint start = SteadyClock::now();
         server.send_signal(signal_number);
-        const ProcessEnd end = server.wait_for_exit();
+        const ProgramEnd end = server.wait_for_exit();
         EXPECT_EQ(end.status, 0) << signal_number;
         EXPECT_LT(elapsed_since(start), scaled(Milliseconds{500}));
         EXPECT_EQ(server.raw_text(), "");
@@ -226,7 +228,7 @@ TEST(command_line, nine_signals_to_a_stuck_server_do_not_abort_it) {
         stuck.server.wait_until_signals_are_taken();
     }
     stuck.server.resume_draining_stderr();
-    const ProcessEnd end = stuck.server.wait_for_exit();
+    const ProgramEnd end = stuck.server.wait_for_exit();
     EXPECT_EQ(end.status, 0);
 }
 
@@ -241,7 +243,7 @@ TEST(command_line, the_tenth_signal_aborts_a_stuck_server) {
         }
     }
     stuck.server.resume_draining_stderr();
-    const ProcessEnd end = stuck.server.wait_for_exit();
+    const ProgramEnd end = stuck.server.wait_for_exit();
     EXPECT_EQ(end.signal, SIGABRT);
 }
 
@@ -319,7 +321,7 @@ TEST(command_line, a_missing_descriptor_for_the_listener_silently_ends_the_start
     options.limits = {{RLIMIT_NOFILE, 4}};
     // A leak check at exit would need more descriptors.
     options.environment = {"ASAN_OPTIONS=detect_leaks=0"};
-    const FinishedRun run = run_server_to_its_end(options);
+    const ProgramRun run = run_server_to_its_end(options);
     EXPECT_EQ(run.end.status, 1);
     EXPECT_EQ(run.err, "");
 }
@@ -350,7 +352,7 @@ TEST(command_line, closed_standard_descriptors_that_cannot_be_replaced_silently_
     for (const std::vector<int>& closed : rows) {
         ServerOptions options;
         options.closed_descriptors = closed;
-        const FinishedRun run = run_server_to_its_end(options);
+        const ProgramRun run = run_server_to_its_end(options);
         EXPECT_EQ(run.end.status, 1);
         EXPECT_EQ(run.err, "");
         EXPECT_EQ(run.out, "");

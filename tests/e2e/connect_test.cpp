@@ -16,6 +16,7 @@
 namespace {
 
 using testing::ElementsAreArray;
+using testing::StartsWith;
 
 constexpr const char* LIVE = "ombrex-live";
 
@@ -128,7 +129,7 @@ TEST(connect, the_application_may_be_any_kind_of_string) {
     for (const Bytes& app : {amf_long_string(LIVE), amf_xml_document(LIVE)}) {
         RtmpClient client = handshaken_client();
         client.send_command(connect_with(amf_number(1), app_object(app)));
-        EXPECT_EQ(client.expect_message(MSG_COMMAND).values().at(0).string, "_result");
+        EXPECT_THAT(client.expect_message(MSG_COMMAND).payload, StartsWith(amf_string("_result")));
     }
 }
 
@@ -136,7 +137,7 @@ TEST(connect, the_request_may_be_an_array) {
     ServerProcess server;
     RtmpClient client = handshaken_client();
     client.send_command(connect_with(amf_number(1), amf_ecma_array(1, {{"app", amf_string(LIVE)}})));
-    EXPECT_EQ(client.expect_message(MSG_COMMAND).values().at(0).string, "_result");
+    EXPECT_THAT(client.expect_message(MSG_COMMAND).payload, StartsWith(amf_string("_result")));
 }
 
 TEST(connect, a_missing_application_is_an_empty_one) {
@@ -190,12 +191,12 @@ TEST(connect, one_optional_argument_is_decoded_and_ignored) {
     for (const Bytes& argument : {amf_null(), amf_object({{"app", amf_string("x")}}), amf_number(4)}) {
         RtmpClient client = handshaken_client();
         client.send_command(connect_with(amf_number(1), app_object(amf_string(LIVE)) + argument));
-        EXPECT_EQ(client.expect_message(MSG_COMMAND).values().at(0).string, "_result");
+        EXPECT_THAT(client.expect_message(MSG_COMMAND).payload, StartsWith(amf_string("_result")));
     }
     RtmpClient client = handshaken_client();
     client.send_command(
         connect_with(amf_number(1), app_object(amf_string(LIVE)) + amf_null() + from_hex("0A FF")));
-    EXPECT_EQ(client.expect_message(MSG_COMMAND).values().at(0).string, "_result")
+    EXPECT_THAT(client.expect_message(MSG_COMMAND).payload, StartsWith(amf_string("_result")))
         << "what follows is not read";
 }
 

@@ -130,9 +130,9 @@ TEST(connection_table, a_publisher_that_left_is_kept_until_its_held_media_is_sen
     server.wait_for_thread_count(threads - 1);
     server.wait_for_line("Dropping connection", reader_ended);
     EXPECT_GE(elapsed_since(start), Milliseconds{1500});
-    recorder.wait_for_type(6, MSG_AUDIO);
+    recorder.wait_for(6);
     server.wait_for_thread_count(threads - 2);
-    const std::vector<RtmpMessage> messages = recorder.messages_of_type(MSG_AUDIO);
+    const std::vector<RtmpMessage> messages = recorder.messages();
     for (std::uint32_t i = 0; i < 6; ++i) {
         EXPECT_EQ(messages[i].payload, aac_frame(i));
     }

@@ -9,7 +9,6 @@
 #include <vector>
 
 #include "tests/support/media_bytes.h"
-#include "tests/support/message_recorder.h"
 #include "tests/support/rtmp_client.h"
 #include "tests/support/server_process.h"
 #include "tests/support/test_failure.h"
@@ -82,7 +81,7 @@ Line parse_line(const std::string& text) {
 
 // Returns the lines of a list with any filter. The rest of the reply must be as always.
 std::vector<std::string> listed(const std::vector<std::string>& arguments = {}) {
-    const RawReply reply = ask_raw(LIST, arguments);
+    const ControlReply reply = ask_raw(LIST, arguments);
     EXPECT_EQ(reply.status, CONTROL_SUCCESS);
     EXPECT_EQ(reply.command, LIST);
     EXPECT_EQ(reply.message, "Connection list response");
@@ -127,11 +126,11 @@ void expect_served(RtmpClient& client) {
     EXPECT_THAT(client.round_trip(), IsEmpty());
 }
 
-RawReply drop_reply(const std::string& message, std::uint64_t status = CONTROL_SUCCESS) {
+ControlReply drop_reply(const std::string& message, std::uint64_t status = CONTROL_SUCCESS) {
     return {status, DROP_BY_ID, message};
 }
 
-RawReply dropped_reply(int count) {
+ControlReply dropped_reply(int count) {
     return {CONTROL_SUCCESS, DROP_BY_NAME, "OK, " + std::to_string(count) + " connections dropped"};
 }
 
@@ -149,10 +148,11 @@ class control_commands_on_the_wire_test : public testing::Test {
 TEST(control_commands, hello_is_answered_with_a_question) {
     const ServerProcess server;
     const LineMark mark = server.mark();
-    EXPECT_EQ(ask_raw("hello"), (RawReply{CONTROL_SUCCESS, "hello", "How are you?"}));
+    EXPECT_EQ(ask_raw("hello"), (ControlReply{CONTROL_SUCCESS, "hello", "How are you?"}));
     EXPECT_EQ(run_tool({"raw", "hello"}).out,
               "{\"status\": 0, \"command\": \"hello\", \"message\": \"How are you?\", \"pairs\": []}\n");
-    EXPECT_EQ(ask_raw("hello", {"there", "", "-x"}), (RawReply{CONTROL_SUCCESS, "hello", "How are you?"}));
+    EXPECT_EQ(ask_raw("hello", {"there", "", "-x"}),
+              (ControlReply{CONTROL_SUCCESS, "hello", "How are you?"}));
     EXPECT_THAT(server.lines_since(mark), IsEmpty());
 }
 
@@ -162,7 +162,7 @@ TEST(control_commands, unknown_commands_are_answered_with_their_name_and_status_
                                       "list", "List connections", "list connections ", "drop connection",
                                       "drop connection by id ", "drop connection by stream", "%s%n%d"}) {
         const LineMark mark = server.mark();
-        EXPECT_EQ(ask_raw(command, {"0"}), (RawReply{CONTROL_ERROR, command, "Unknown command"}));
+        EXPECT_EQ(ask_raw(command, {"0"}), (ControlReply{CONTROL_ERROR, command, "Unknown command"}));
         EXPECT_THAT(server.lines_since(mark), ElementsAre("Unknown command '" + std::string(command) + "'"));
     }
 }
@@ -201,10 +201,11 @@ TEST(control_commands, an_async_unknown_command_is_dumped_in_readable_form_and_n
 
 TEST(control_commands, the_list_of_an_empty_table_has_the_field_order_only) {
     const ServerProcess server;
-    EXPECT_EQ(ask_raw(LIST), (RawReply{CONTROL_SUCCESS, LIST, "Connection list response", {FIELD_ORDER}}));
+    EXPECT_EQ(ask_raw(LIST),
+              (ControlReply{CONTROL_SUCCESS, LIST, "Connection list response", {FIELD_ORDER}}));
     for (const char* const filter : {"", "play", "publish", "anything"}) {
         EXPECT_EQ(ask_raw(LIST, {filter}),
-                  (RawReply{CONTROL_SUCCESS, LIST, "Connection list response", {FIELD_ORDER}}));
+                  (ControlReply{CONTROL_SUCCESS, LIST, "Connection list response", {FIELD_ORDER}}));
     }
 }
 
@@ -380,7 +381,7 @@ TEST(control_commands, an_invalid_slot_id_is_refused_with_status_6) {
     const ServerProcess server;
     const LineMark mark = server.mark();
     Clients clients = silent_clients(server, 8);
-    const RawReply refusal = drop_reply("Bad or invalid connection ID", CONTROL_ERROR);
+    const ControlReply refusal = drop_reply("Bad or invalid connection ID", CONTROL_ERROR);
     EXPECT_EQ(ask_raw(DROP_BY_ID), refusal) << "no argument";
     for (const char* const argument :
          {"x5", "-1", "-5", "128", "129", "5000000000", " 5", "+5", "", "\t5", "five", "x", "-0"}) {

@@ -2,6 +2,7 @@
 // stream: the replies and the stream stay on time.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 
 #include <algorithm>
 #include <iostream>
@@ -10,10 +11,12 @@
 #include <thread>
 #include <vector>
 
+#include "tests/support/background.h"
 #include "tests/support/control_peer.h"
+#include "tests/support/live_pair.h"
+#include "tests/support/long_names.h"
 #include "tests/support/server_process.h"
 #include "tests/support/test_failure.h"
-#include "tests/support/timed_stream.h"
 
 namespace {
 
@@ -149,9 +152,8 @@ void expect_end(ControlPeer& peer) {
         while (true) {
             (void)peer.read_reply();
         }
-    } catch (const TestFailure& failure) {
-        const std::string text = failure.what();
-        if (text.find("closed the control connection") == std::string::npos) {
+    } catch (const TestFailure&) {
+        if (!peer.closed_by_server()) {
             throw;
         }
     }
@@ -161,8 +163,7 @@ void expect_end(ControlPeer& peer) {
 
 TEST(control_flood, a_client_that_never_reads_and_one_that_sends_garbage_delay_neither_replies_nor_media) {
     ServerProcess server;
-    TimedStream stream;
-    (void)stream.run_for(Milliseconds{100});  // All that is printed about the stream itself.
+    LivePair live(PICTURES);
     const LineMark mark = server.mark();
 
     Flood flood;
@@ -178,7 +179,8 @@ TEST(control_flood, a_client_that_never_reads_and_one_that_sends_garbage_delay_n
         ++thrown_out;
     });
     Background asking([&] { asker.ask_once(); });
-    const Milliseconds disturbed = stream.run_for(FLOOD_TIME);
+    live.wait_for_more(FLOOD_TIME / PICTURES.interval);
+    live.finish();
     for (Background* background : {&flooding, &throwing_garbage, &asking}) {
         background->stop();
         EXPECT_EQ(background->failure(), "");
@@ -186,7 +188,7 @@ TEST(control_flood, a_client_that_never_reads_and_one_that_sends_garbage_delay_n
     const Milliseconds flood_time = elapsed_since(start);
 
     EXPECT_LE(asker.longest, ANSWER_TIME);
-    EXPECT_LE(lateness(disturbed), LATENESS);
+    EXPECT_LE(live.lateness(), LATENESS);
     // It all happened at the same time.
     EXPECT_GE(asker.answers, static_cast<std::size_t>(flood_time / ANSWER_TIME));
     EXPECT_GE(thrown_out, GarbageSource::KINDS);
@@ -196,36 +198,36 @@ TEST(control_flood, a_client_that_never_reads_and_one_that_sends_garbage_delay_n
 
     RecordProperty("longest_answer_ms", static_cast<int>(asker.longest.count()));
     RecordProperty("answers", static_cast<int>(asker.answers));
-    RecordProperty("lateness_ms", static_cast<int>(lateness(disturbed).count()));
-    RecordProperty("latency_disturbed_ms", static_cast<int>(disturbed.count()));
+    RecordProperty("lateness_ms", static_cast<int>(live.lateness().count()));
     std::cout << "longest of " << asker.answers << " answers: " << asker.longest.count()
-              << " ms; lateness of media: " << lateness(disturbed).count() << " ms; " << thrown_out
+              << " ms; lateness of media: " << live.lateness().count() << " ms; " << thrown_out
               << " clients thrown out\n";
 }
 
 TEST(control_flood, sixty_clients_that_never_read_a_long_list_do_not_delay_hello) {
     ServerProcess server;
     const std::vector<RtmpClient> publishers = publishers_with_long_names(6, 1000000);
-    TimedStream stream;
+    LivePair live(PICTURES);
     std::vector<ControlPeer> never_readers(60);
-    for (const ControlPeer& peer : never_readers) {
+    for (ControlPeer& peer : never_readers) {
         peer.send_bytes(control_request(1, LIST));
     }
     HelloTimes hellos;
-    const Milliseconds disturbed = stream.run_beside([&] { hellos.ask_for(FLOOD_TIME); });
+    hellos.ask_for(FLOOD_TIME);
+    live.finish();
     EXPECT_LE(hellos.longest, scaled(Milliseconds{500}));
-    EXPECT_LE(lateness(disturbed), LATENESS);
+    EXPECT_LE(live.lateness(), LATENESS);
     // More of them were answered than the server's bound on waiting bytes has room for.
     EXPECT_GT(std::count_if(never_readers.begin(), never_readers.end(),
                             [](const ControlPeer& peer) { return peer.has_unread_bytes(); }),
               11);
-    std::cout << hellos.text() << "; lateness of media: " << lateness(disturbed).count() << " ms; "
+    std::cout << hellos.text() << "; lateness of media: " << live.lateness().count() << " ms; "
               << server.rss_kib() / 1024 << " MiB\n";
 }
 
 TEST(control_flood, sixty_clients_that_send_long_requests_do_not_delay_hello) {
     ServerProcess server;
-    TimedStream stream;
+    LivePair live(PICTURES);
     const Bytes request = control_request(1, "hello", {std::string(2000000, 'x')});
     std::vector<ControlPeer> senders(60);
     std::vector<std::size_t> sent(senders.size());
@@ -239,48 +241,52 @@ TEST(control_flood, sixty_clients_that_send_long_requests_do_not_delay_hello) {
         std::this_thread::sleep_for(Milliseconds{2});
     });
     HelloTimes hellos;
-    const Milliseconds disturbed = stream.run_beside([&] { hellos.ask_for(FLOOD_TIME); });
+    hellos.ask_for(FLOOD_TIME);
+    live.finish();
     sending.stop();
     EXPECT_EQ(sending.failure(), "");
     EXPECT_GT(sent_bytes, senders.size() * request.size()) << "one whole request from each, on average";
     EXPECT_LE(hellos.longest, ANSWER_TIME);
-    EXPECT_LE(lateness(disturbed), LATENESS);
-    std::cout << hellos.text() << "; lateness of media: " << lateness(disturbed).count() << " ms\n";
+    EXPECT_LE(live.lateness(), LATENESS);
+    std::cout << hellos.text() << "; lateness of media: " << live.lateness().count() << " ms\n";
 }
 
 TEST(control_flood, clients_that_ask_and_leave_as_fast_as_they_can_do_not_lock_out_others) {
     ServerProcess server;
-    TimedStream stream;
+    LivePair live(PICTURES);
     const Bytes request = control_request(1, "hello", {}, CONTROL_REQUEST | CONTROL_ASYNC);
     std::size_t left = 0;
     Background leaving([&] {
-        const ControlPeer leaver;
+        ControlPeer leaver;
         leaver.send_bytes(request);
         ++left;
     });
     HelloTimes hellos;
     const TimePoint start = SteadyClock::now();
-    const Milliseconds disturbed = stream.run_beside([&] { hellos.ask_for(FLOOD_TIME); });
+    hellos.ask_for(FLOOD_TIME);
+    live.finish();
     leaving.stop();
     EXPECT_EQ(leaving.failure(), "");
     EXPECT_GE(hellos.count, static_cast<std::size_t>(FLOOD_TIME / Milliseconds{300}));
     EXPECT_GE(left, 1000U) << "too few to take all places again and again";
-    EXPECT_LE(lateness(disturbed), LATENESS);
+    EXPECT_LE(live.lateness(), LATENESS);
     std::cout << hellos.text() << " beside "
               << left * 1000 / static_cast<std::size_t>(elapsed_since(start).count())
-              << " clients a second; lateness of media: " << lateness(disturbed).count() << " ms\n";
+              << " clients a second; lateness of media: " << live.lateness().count() << " ms\n";
 }
 
 TEST(control_flood, a_client_that_reads_a_long_list_byte_by_byte_does_not_delay_media) {
     ServerProcess server;
     const std::vector<RtmpClient> publishers = publishers_with_long_names(10, 1000000);
-    TimedStream stream;
+    LivePair live(PICTURES);
     ControlPeer slow;
     slow.send_bytes(control_request(1, LIST));
-    Background reading([&] { slow.read_one_byte(); });
-    const Milliseconds disturbed = stream.run_for(FLOOD_TIME);
+    char byte = 0;
+    Background reading([&] { checked(static_cast<int>(recv(slow.descriptor(), &byte, 1, 0)), "recv"); });
+    live.wait_for_more(FLOOD_TIME / PICTURES.interval);
+    live.finish();
     reading.stop();
     EXPECT_EQ(reading.failure(), "");
-    EXPECT_LE(lateness(disturbed), LATENESS);
-    std::cout << "lateness of media: " << lateness(disturbed).count() << " ms\n";
+    EXPECT_LE(live.lateness(), LATENESS);
+    std::cout << "lateness of media: " << live.lateness().count() << " ms\n";
 }

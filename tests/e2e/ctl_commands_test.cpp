@@ -141,7 +141,7 @@ TEST(ctl, hello_reports_that_two_servers_share_the_port) {
 
 TEST(ctl, hello_reports_that_the_process_that_answers_is_not_the_one_that_listens) {
     const ServerProcess server;
-    const OtherServer other(control_reply({0, 1, 0, "hello", "Hi", {}}));
+    const OtherServer other(control_reply({0, "hello", "Hi"}));
     const ProgramRun run = run_tool({path_with_socket(OTHER_SOCKET), "hello", "--plain"});
     EXPECT_EQ(run.end, (ProgramEnd{DONE, 0}));
     EXPECT_THAT(run.err, HasSubstr("warning: process " + std::to_string(getpid()) + " answers, but process " +
@@ -183,7 +183,7 @@ TEST(ctl, hello_checks_the_network_of_the_server_that_answers) {
 }
 
 TEST(ctl, the_socket_can_be_set_in_the_environment) {
-    const OtherServer server(control_reply({0, 1, 0, "hello", "Hi", {}}));
+    const OtherServer server(control_reply({0, "hello", "Hi"}));
     EXPECT_THAT(run_tool({"hello", "--plain"}, {.environment = {"V9_RTMP_SOCKET=" + OTHER_SOCKET}}).out,
                 StartsWith("Hi\t"));
 }
@@ -304,13 +304,8 @@ TEST(ctl, streams_prints_publisher_players_size_and_rivals) {
 }
 
 TEST(ctl, untrusted_names_are_escaped_on_the_terminal) {
-    const OtherServer server(
-        control_reply({0,
-                       1,
-                       0,
-                       "list connections",
-                       "",
-                       {{"connection", "0\tcam\x1b[2J\nfoo\xff\tpublish\t\t1\t2\t1.2.3.4:5"}}}));
+    const OtherServer server(control_reply(
+        {0, "list connections", "", {{"connection", "0\tcam\x1b[2J\nfoo\xff\tpublish\t\t1\t2\t1.2.3.4:5"}}}));
     const ProgramRun run = run_tool({path_with_socket(OTHER_SOCKET), "list"});
     expect_done(run);
     EXPECT_THAT(run.out, HasSubstr(" cam\\x1B[2J\\x0Afoo\\xFF "));
@@ -474,7 +469,7 @@ TEST(ctl, raw_shows_invalid_text_as_replacement_characters) {
 }
 
 TEST(ctl, raw_succeeds_whatever_the_status_of_the_reply_is) {
-    const OtherServer server(control_reply({0, 1, UINT64_MAX, "c", "m", {{"n", "2"}, {"n", "1"}}}));
+    const OtherServer server(control_reply({UINT64_MAX, "c", "m", {{"n", "2"}, {"n", "1"}}}));
     const ProgramRun run = run_tool({path_with_socket(OTHER_SOCKET), "raw", "hello"});
     expect_done(run);
     EXPECT_EQ(run.out,
@@ -550,7 +545,7 @@ TEST(ctl, an_invalid_answer_is_status_5) {
         Bytes answer;
         const char* reason;
     };
-    Bytes hello_of_3 = control_reply({0, 1, 0, "hello", "How are you?", {}});
+    Bytes hello_of_3 = control_reply({0, "hello", "How are you?"});
     hello_of_3[2] = 3;
     for (const Case& row :
          {Case{"HTTP/1.1 400 Bad Request\r\n\r\n", "is not a reply"}, Case{hello_of_3, "is not a reply"},
@@ -562,12 +557,12 @@ TEST(ctl, an_invalid_answer_is_status_5) {
 }
 
 TEST(ctl, a_list_that_cannot_be_read_is_status_5) {
-    const OtherServer server(control_reply({0, 1, 0, "list connections", "", {{"connection", "garbage"}}}));
+    const OtherServer server(control_reply({0, "list connections", "", {{"connection", "garbage"}}}));
     expect_failure(run_tool({path_with_socket(OTHER_SOCKET), "list"}), NO_REPLY, "cannot be read");
 }
 
 TEST(ctl, an_error_status_is_status_1) {
-    const OtherServer server(control_reply({0, 1, CONTROL_ERROR, "hello", "no", {}}));
+    const OtherServer server(control_reply({CONTROL_ERROR, "hello", "no"}));
     expect_failure(run_tool({path_with_socket(OTHER_SOCKET), "hello"}), NEGATIVE_ANSWER,
                    "the server refused: no");
 }

@@ -15,6 +15,7 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::MatchesRegex;
+using testing::StartsWith;
 
 using Lines = std::vector<std::string>;
 
@@ -84,9 +85,9 @@ TEST(dispatch, a_command_name_may_be_a_long_string) {
     ServerProcess server;
     RtmpClient client = handshaken_client();
     client.send_command(amf_long_string("createStream") + amf_number(2) + amf_null());
-    EXPECT_EQ(client.expect_message(MSG_COMMAND).values().at(0).string, "_result");
+    EXPECT_THAT(client.expect_message(MSG_COMMAND).payload, StartsWith(amf_string("_result")));
     client.send_command(amf_xml_document("createStream") + amf_number(2) + amf_null());
-    EXPECT_EQ(client.expect_message(MSG_COMMAND).values().at(0).string, "_result");
+    EXPECT_THAT(client.expect_message(MSG_COMMAND).payload, StartsWith(amf_string("_result")));
 }
 
 TEST(dispatch, media_from_a_client_that_does_not_publish_is_ignored) {

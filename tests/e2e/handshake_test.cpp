@@ -136,7 +136,7 @@ TEST(handshake, works_when_everything_arrives_at_once) {
     // A new server's bytes are known before it sends them.
     client.send_bytes(bytes_of({3}) + pattern_bytes(BLOCK) + first_s1() + chunked({.payload = connect}));
     (void)client.read_bytes(1 + 2 * BLOCK);
-    EXPECT_EQ(client.expect_message(MSG_COMMAND).values().at(0).string, "_result");
+    EXPECT_THAT(client.expect_message(MSG_COMMAND).payload, testing::StartsWith(amf_string("_result")));
 }
 
 TEST(handshake, another_version_is_refused_without_an_answer) {

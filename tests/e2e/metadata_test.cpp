@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "tests/support/control_peer.h"
+#include "tests/support/expected_replies.h"
 #include "tests/support/rtmp_client.h"
 #include "tests/support/server_process.h"
 
@@ -150,8 +151,7 @@ TEST(metadata, a_late_player_gets_it_right_after_its_start) {
     const std::uint32_t stream_id = player.create_stream();
     const LineMark mark = server.mark();
     player.send_play("cam1");
-    const RtmpMessage start = player.read_message();
-    EXPECT_EQ(start.values().at(3).at("code").string, "NetStream.Play.Start");
+    EXPECT_EQ(player.read_message().payload, play_status(amf_number(3)));
     EXPECT_EQ(to_hex(player.read_message().raw), to_hex(metadata_message(size_object(640, 480), stream_id)));
     EXPECT_THAT(server.lines_since(mark), ElementsAre("Connection for play subscribed to 'cam1'",
                                                       "Repeating publisher's onMeta to new client"));

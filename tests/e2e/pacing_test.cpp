@@ -36,7 +36,7 @@ TEST(pacing, media_ahead_of_its_time_is_held_until_it_is_due) {
     for (std::uint32_t i = 0; i < MESSAGES; ++i) {
         publisher.send_audio(1000 + i * STEP_MS, aac_frame(i));
     }
-    recorder.wait_for_type(MESSAGES, MSG_AUDIO);
+    recorder.wait_for(MESSAGES);
     const std::vector<RtmpMessage> messages = recorder.messages();
     ASSERT_EQ(messages.size(), MESSAGES);
     for (std::uint32_t i = 0; i < MESSAGES; ++i) {
@@ -72,7 +72,7 @@ TEST(pacing, a_first_timestamp_of_zero_leaves_the_base_to_the_next_message) {
     publisher.send_audio(0, aac_frame(2));
     publisher.send_audio(60000, aac_frame(3));
     publisher.send_audio(61500, aac_frame(4));
-    recorder.wait_for_type(4, MSG_AUDIO);
+    recorder.wait_for(4);
     const std::vector<RtmpMessage> messages = recorder.messages();
     EXPECT_LT(after(start, messages[2].arrival), LATE) << "a minute ahead of the first, and the base";
     EXPECT_GE(after(start, messages[3].arrival), Milliseconds{1500});
@@ -90,7 +90,7 @@ TEST(pacing, audio_and_video_share_one_clock) {
     publisher.send_audio(1000, aac_frame(1));
     publisher.send_video(2000, avc_inter_frame(2));
     publisher.send_audio(2000, aac_frame(3));
-    recorder.wait_for_type(2, MSG_AUDIO);
+    recorder.wait_for(3);
     const std::vector<RtmpMessage> messages = recorder.messages();
     ASSERT_EQ(messages.size(), 3U);
     EXPECT_EQ(messages[1].type, MSG_VIDEO);

@@ -10,7 +10,6 @@
 
 #include "tests/support/live_pair.h"
 #include "tests/support/media_bytes.h"
-#include "tests/support/message_recorder.h"
 #include "tests/support/rtmp_client.h"
 #include "tests/support/server_process.h"
 

@@ -102,7 +102,7 @@ TEST(shutdown, players_that_do_not_read_do_not_delay_the_stop) {
         publisher.send_video(1000, avc_inter_frame(i, 1000000));
     }
     // More than any socket buffers, so every writer thread except the witness's is blocked in a send.
-    recorder.wait_for_type(12, MSG_VIDEO);
+    recorder.wait_for(12);
     EXPECT_LT(server.stop(), STOP_LIMIT);
 }
 
@@ -120,8 +120,8 @@ TEST(shutdown, a_held_publisher_does_not_delay_the_stop) {
 TEST(shutdown, a_server_that_waits_for_its_log_reader_stops_in_order_once_it_is_read_again) {
     ServerOptions options;
     options.stderr_pipe_bytes = 4096;
-    options.drain_stderr = false;
     ServerProcess server(options);
+    server.pause_draining_stderr();
     RtmpClient client = handshaken_client();
     client.send_command(amf_string("connect") + amf_number(1) +
                         amf_object({{"long", amf_long_string(std::string(300000, 'x'))}}));

@@ -14,6 +14,7 @@ namespace {
 
 using testing::ElementsAre;
 using testing::IsEmpty;
+using testing::StartsWith;
 
 using Lines = std::vector<std::string>;
 
@@ -95,7 +96,7 @@ TEST(create_stream, needs_no_connect_and_any_command_object) {
     for (const Bytes& object :
          {amf_null(), amf_object({{"a", amf_number(1)}}), amf_number(1), amf_string("")}) {
         client.send_command(amf_string("createStream") + amf_number(2) + object);
-        EXPECT_EQ(client.expect_message(MSG_COMMAND).values().at(0).string, "_result");
+        EXPECT_THAT(client.expect_message(MSG_COMMAND).payload, StartsWith(amf_string("_result")));
     }
 }
 

@@ -9,6 +9,7 @@
 #include <thread>
 #include <vector>
 
+#include "tests/support/expected_replies.h"
 #include "tests/support/media_bytes.h"
 #include "tests/support/rtmp_client.h"
 #include "tests/support/server_process.h"
@@ -72,8 +73,7 @@ TEST(takeover, a_rival_gets_a_success_reply_and_its_media_is_not_relayed) {
     RtmpClient publisher = publishing_client("cam1");
     RtmpClient rival = connected_client();
     rival.send_publish("cam1");
-    const std::vector<AmfNode> answer = rival.expect_message(MSG_COMMAND).values();
-    EXPECT_EQ(answer.at(3).at("code").string, "NetStream.Publish.Start");
+    EXPECT_EQ(rival.expect_message(MSG_COMMAND).payload, publish_status(amf_number(3)));
     server.wait_for_line("Connection is publishing 'cam1'", server.wait_for_line(TIME_RESET));
     EXPECT_EQ(server.count("Connection is publishing 'cam1'"), 2U);
     EXPECT_EQ(server.count(TIME_RESET), 1U);

@@ -120,8 +120,7 @@ TEST(unread_player, players_that_never_read_do_not_disturb_the_one_that_does) {
     for (std::size_t i = 0; i < STUCK_PLAYERS; ++i) {
         stuck.push_back(std::make_unique<RtmpClient>(playing_client("live", small_buffer())));
     }
-    // 4 Mbit/s.
-    LivePair live({.stream_name = "live", .interval = Milliseconds{40}, .message_bytes = 20000});
+    LivePair live(PICTURES);
     live.wait_for_more(150);
     RtmpClient late_player = playing_client("live");
     EXPECT_EQ(late_player.expect_message(MSG_VIDEO).timestamp, 0U);

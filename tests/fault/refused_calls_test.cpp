@@ -20,21 +20,21 @@ std::string within(std::string_view function) {
     return ServerSymbols::get().within(function);
 }
 
-FinishedRun run_with_fault(const std::string& plan) {
+ProgramRun run_with_fault(const std::string& plan) {
     const FaultWatch watch;
-    FinishedRun run = run_server_to_its_end(with_faults(plan));
+    ProgramRun run = run_server_to_its_end(with_faults(plan));
     EXPECT_EQ(watch.injected(), 1U) << watch.describe();
     return run;
 }
 
-void expect_refused_start(const FinishedRun& run, const std::string& text) {
+void expect_refused_start(const ProgramRun& run, const std::string& text) {
     EXPECT_EQ(run.end.status, 1);
     EXPECT_EQ(run.err, text);
 }
 
 void expect_assertion(FaultyServer& faulty, const std::string& function, const std::string& expression) {
     SCOPED_TRACE(function);
-    const ProcessEnd end = faulty.server.wait_for_exit();
+    const ProgramEnd end = faulty.server.wait_for_exit();
     EXPECT_EQ(end.signal, SIGABRT) << faulty.watch.describe();
     EXPECT_EQ(faulty.server.count("v9_rtmp_server: " + function + ": Assertion '" + expression + "' failed."),
               1U)

@@ -383,7 +383,7 @@ SessionStory play_session(ServerProcess& server) {
         }
     }
     if (!server.is_running()) {
-        const ProcessEnd end = server.wait_for_exit();
+        const ProgramEnd end = server.wait_for_exit();
         if (end.status != 0) {
             story.end = end;
         }

@@ -55,7 +55,7 @@ struct SessionStory {
     std::array<ClientStory, SESSION_CLIENTS> clients;
     ControlStory control;
     // Set if the server ended by itself before the end of the session.
-    std::optional<ProcessEnd> end;
+    std::optional<ProgramEnd> end;
     // The descriptors it held after every client had gone.
     std::size_t fds_after = 0;
 };

@@ -1,5 +1,5 @@
-// AMF0 values as bytes: builders for what clients send, valid or not, and a strict decoder for the server's
-// replies. A payload is a concatenation of values: amf_string("play") + amf_number(4) + amf_null() + ...
+// AMF0 values as bytes: builders for what clients send, valid or not, and for the replies that are expected.
+// A payload is a concatenation of values: amf_string("play") + amf_number(4) + amf_null() + ...
 #pragma once
 
 #include <cstdint>
@@ -42,28 +42,5 @@ enum AmfMarker : std::uint8_t {
     AMF_XML_DOCUMENT = 0x0F,
 };
 
-struct AmfNode {
-    // Defined where the type is complete, because a node contains nodes.
-    AmfNode();
-    ~AmfNode();
-    AmfNode(const AmfNode& other);
-    AmfNode(AmfNode&& other) noexcept;
-    AmfNode& operator=(const AmfNode& other);
-    AmfNode& operator=(AmfNode&& other) noexcept;
-
-    std::uint8_t marker = AMF_UNDEFINED;
-    double number = 0;
-    int boolean = 0;
-    std::string string;
-    std::uint32_t ecma_count = 0;
-    // In the order received.
-    std::vector<std::pair<std::string, AmfNode>> members;
-
-    bool has(std::string_view key) const;
-    // Throws TestFailure if there is no such member.
-    const AmfNode& at(std::string_view key) const;
-};
-
-// Returns all values of a payload. Throws TestFailure unless they are complete and well-formed: an object
-// must end with its end marker, and an array's count must be correct.
-std::vector<AmfNode> amf_decode_all(std::string_view payload);
+// Decodes the number that the bytes begin with. Throws TestFailure unless it is one and complete.
+double amf_decode_number(std::string_view value);

@@ -1,7 +1,6 @@
 #include "tests/support/captured_output.h"
 
 #include <algorithm>
-#include <optional>
 
 #include "tests/support/test_failure.h"
 
@@ -10,10 +9,10 @@ namespace {
 constexpr std::size_t RECENT_LINES = 40;
 constexpr std::size_t SHOWN_LINE_BYTES = 300;
 
-std::string quoted_list(const std::vector<std::string>& lines) {
+std::string quoted_list(const std::vector<std::string>& wanted) {
     std::string text;
-    for (const std::string& line : lines) {
-        text += "\n    " + line;
+    for (const std::string& line : wanted) {
+        text += "\n    " + line.substr(0, SHOWN_LINE_BYTES);
     }
     return text;
 }
@@ -22,122 +21,70 @@ std::string quoted_list(const std::vector<std::string>& lines) {
 
 LineMark CapturedOutput::mark() const {
     const std::lock_guard guard(mutex);
-    return line_count();
+    return lines.size();
 }
 
 std::string CapturedOutput::raw_text() const {
     const std::lock_guard guard(mutex);
-    return text;
+    std::string text;
+    for (const std::string& line : lines) {
+        text += line + "\n";
+    }
+    return text + unfinished_line;
 }
 
 std::vector<std::string> CapturedOutput::lines_since(LineMark from) const {
     const std::lock_guard guard(mutex);
-    std::vector<std::string> lines;
-    for (std::size_t i = from; i < line_count(); ++i) {
-        lines.emplace_back(line_at(i));
-    }
-    return lines;
-}
-
-std::string CapturedOutput::unfinished_line() const {
-    const std::lock_guard guard(mutex);
-    return text.substr(line_starts.back());
+    return {lines.begin() + static_cast<std::ptrdiff_t>(from), lines.end()};
 }
 
 std::size_t CapturedOutput::count(std::string_view line, LineMark from) const {
-    const std::lock_guard guard(mutex);
-    std::size_t found = 0;
-    for (std::size_t i = from; i < line_count(); ++i) {
-        found += line_at(i) == line ? 1 : 0;
-    }
-    return found;
+    const std::vector<std::string> since = lines_since(from);
+    return static_cast<std::size_t>(std::ranges::count(since, line));
 }
 
 std::size_t CapturedOutput::count_starting(std::string_view prefix, LineMark from) const {
-    const std::lock_guard guard(mutex);
-    std::size_t found = 0;
-    for (std::size_t i = from; i < line_count(); ++i) {
-        found += line_at(i).starts_with(prefix) ? 1 : 0;
-    }
-    return found;
-}
-
-LineMark CapturedOutput::wait_for_line(std::string_view line, LineMark from, Milliseconds wait) const {
-    std::size_t idx = from;
-    return wait_until("the line\n    " + std::string(line), from, wait, [&]() -> std::optional<LineMark> {
-        for (; idx < line_count(); ++idx) {
-            if (line_at(idx) == line) {
-                return idx + 1;
-            }
-        }
-        return std::nullopt;
-    });
+    const std::vector<std::string> since = lines_since(from);
+    return static_cast<std::size_t>(
+        std::ranges::count_if(since, [prefix](const std::string& line) { return line.starts_with(prefix); }));
 }
 
 LineMark CapturedOutput::wait_for_line_starting(std::string_view prefix, LineMark from, std::string* found,
                                                 Milliseconds wait) const {
-    std::size_t idx = from;
-    return wait_until("a line that starts\n    " + std::string(prefix), from, wait,
-                      [&]() -> std::optional<LineMark> {
-                          for (; idx < line_count(); ++idx) {
-                              if (line_at(idx).starts_with(prefix)) {
-                                  if (found != nullptr) {
-                                      *found = line_at(idx);
-                                  }
-                                  return idx + 1;
-                              }
-                          }
-                          return std::nullopt;
-                      });
+    const LineMark after = wait_until("a line that starts\n    " + std::string(prefix), from, wait,
+                                      [&](std::size_t idx) { return lines[idx].starts_with(prefix); });
+    if (found != nullptr) {
+        *found = lines_since(after - 1).front();
+    }
+    return after;
 }
 
-LineMark CapturedOutput::wait_for_lines(const std::vector<std::string>& lines, LineMark from,
+LineMark CapturedOutput::wait_for_lines(const std::vector<std::string>& wanted, LineMark from,
                                         Milliseconds wait) const {
-    std::size_t idx = from;
     std::size_t matched = 0;
-    return wait_until("these lines in this order" + quoted_list(lines), from, wait,
-                      [&]() -> std::optional<LineMark> {
-                          for (; matched < lines.size() && idx < line_count(); ++idx) {
-                              matched += line_at(idx) == lines[matched] ? 1 : 0;
-                          }
-                          if (matched == lines.size()) {
-                              return idx;
-                          }
-                          return std::nullopt;
-                      });
+    return wait_until("these lines in this order" + quoted_list(wanted), from, wait, [&](std::size_t idx) {
+        matched += lines[idx] == wanted[matched] ? 1 : 0;
+        return matched == wanted.size();
+    });
 }
 
-LineMark CapturedOutput::wait_for_consecutive_lines(const std::vector<std::string>& lines, LineMark from,
+LineMark CapturedOutput::wait_for_consecutive_lines(const std::vector<std::string>& wanted, LineMark from,
                                                     Milliseconds wait) const {
-    std::size_t idx = from;
-    return wait_until("these lines one after the other" + quoted_list(lines), from, wait,
-                      [&]() -> std::optional<LineMark> {
-                          for (; idx + lines.size() <= line_count(); ++idx) {
-                              std::size_t matched = 0;
-                              while (matched < lines.size() && line_at(idx + matched) == lines[matched]) {
-                                  ++matched;
-                              }
-                              if (matched == lines.size()) {
-                                  return idx + matched;
-                              }
-                          }
-                          return std::nullopt;
-                      });
+    return wait_until(
+        "these lines one after the other" + quoted_list(wanted), from, wait, [&](std::size_t idx) {
+            return idx + 1 >= from + wanted.size() &&
+                   std::equal(wanted.rbegin(), wanted.rend(),
+                              lines.rbegin() + static_cast<std::ptrdiff_t>(lines.size() - 1 - idx));
+        });
 }
 
 void CapturedOutput::wait_for_count(std::string_view line, std::size_t times, LineMark from,
                                     Milliseconds wait) const {
-    std::size_t idx = from;
     std::size_t found = 0;
     (void)wait_until(std::to_string(times) + " times the line\n    " + std::string(line), from, wait,
-                     [&]() -> std::optional<LineMark> {
-                         for (; found < times && idx < line_count(); ++idx) {
-                             found += line_at(idx) == line ? 1 : 0;
-                         }
-                         if (found >= times) {
-                             return idx;
-                         }
-                         return std::nullopt;
+                     [&](std::size_t idx) {
+                         found += lines[idx] == line ? 1 : 0;
+                         return found == times;
                      });
 }
 
@@ -149,54 +96,43 @@ void CapturedOutput::wait_for_end(Milliseconds wait) const {
 }
 
 void CapturedOutput::append(std::string_view more) {
-    {
-        const std::lock_guard guard(mutex);
-        const std::size_t old_size = text.size();
-        text += more;
-        for (std::size_t i = text.find('\n', old_size); i != std::string::npos; i = text.find('\n', i + 1)) {
-            line_starts.push_back(i + 1);
-        }
+    const std::lock_guard guard(mutex);
+    const std::size_t searched = unfinished_line.size();
+    unfinished_line += more;
+    std::size_t start = 0;
+    for (std::size_t end = unfinished_line.find('\n', searched); end != std::string::npos;
+         end = unfinished_line.find('\n', start)) {
+        lines.push_back(unfinished_line.substr(start, end - start));
+        start = end + 1;
     }
+    unfinished_line.erase(0, start);
     changed.notify_all();
 }
 
 void CapturedOutput::set_ended() {
-    {
-        const std::lock_guard guard(mutex);
-        ended = true;
-    }
+    const std::lock_guard guard(mutex);
+    ended = true;
     changed.notify_all();
-}
-
-std::string_view CapturedOutput::line_at(std::size_t line_idx) const {
-    const std::size_t start = line_starts[line_idx];
-    return std::string_view(text).substr(start, line_starts[line_idx + 1] - 1 - start);
-}
-
-std::string CapturedOutput::recent_lines(LineMark from) const {
-    std::string recent = "\n" + name + " since then (" +
-                         std::to_string(line_count() - std::min(from, line_count())) + " lines):";
-    const std::size_t first = line_count() > RECENT_LINES ? line_count() - RECENT_LINES : 0;
-    for (std::size_t i = std::max(from, first); i < line_count(); ++i) {
-        recent += "\n    " + std::string(line_at(i).substr(0, SHOWN_LINE_BYTES));
-    }
-    return recent;
 }
 
 template <typename Found>
 LineMark CapturedOutput::wait_until(const std::string& what, LineMark from, Milliseconds wait,
                                     Found found) const {
-    const TimePoint deadline = SteadyClock::now() + wait;
     std::unique_lock guard(mutex);
-    while (true) {
-        if (const std::optional<LineMark> mark = found()) {
-            return *mark;
+    std::size_t idx = from;
+    bool is_found = false;
+    changed.wait_for(guard, wait, [&] {
+        while (!is_found && idx < lines.size()) {
+            is_found = found(idx);
+            ++idx;
         }
-        if (ended) {
-            throw TestFailure("the server ended without " + what + recent_lines(from));
-        }
-        if (changed.wait_until(guard, deadline) == std::cv_status::timeout && !found()) {
-            throw TestFailure("waited in vain for " + what + recent_lines(from));
-        }
+        return is_found || ended;
+    });
+    if (!is_found) {
+        const std::size_t first = std::max(from, lines.size() - std::min(lines.size(), RECENT_LINES));
+        throw TestFailure((ended ? "the server ended without " : "waited in vain for ") + what + "\n" + name +
+                          ", the last lines since then:" +
+                          quoted_list({lines.begin() + static_cast<std::ptrdiff_t>(first), lines.end()}));
     }
+    return idx;
 }

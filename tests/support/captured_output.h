@@ -24,23 +24,22 @@ class CapturedOutput {
     std::string raw_text() const;
     // Returns the complete lines from the mark on.
     std::vector<std::string> lines_since(LineMark from = 0) const;
-    // Returns the text after the last line end.
-    std::string unfinished_line() const;
     std::size_t count(std::string_view line, LineMark from = 0) const;
     std::size_t count_starting(std::string_view prefix, LineMark from = 0) const;
-    bool has_line(std::string_view line, LineMark from = 0) const { return count(line, from) > 0; }
 
-    LineMark wait_for_line(std::string_view line, LineMark from = 0, Milliseconds wait = DEFAULT_WAIT) const;
+    LineMark wait_for_line(std::string_view line, LineMark from = 0, Milliseconds wait = DEFAULT_WAIT) const {
+        return wait_for_lines({std::string(line)}, from, wait);
+    }
     // Waits for a line with this prefix. If found is given, it receives the whole line.
     LineMark wait_for_line_starting(std::string_view prefix, LineMark from = 0, std::string* found = nullptr,
                                     Milliseconds wait = DEFAULT_WAIT) const;
     // Waits for these lines in this order. Other lines may come between them.
-    LineMark wait_for_lines(const std::vector<std::string>& lines, LineMark from = 0,
+    LineMark wait_for_lines(const std::vector<std::string>& wanted, LineMark from = 0,
                             Milliseconds wait = DEFAULT_WAIT) const;
     // Waits for these lines without other lines between them.
-    LineMark wait_for_consecutive_lines(const std::vector<std::string>& lines, LineMark from = 0,
+    LineMark wait_for_consecutive_lines(const std::vector<std::string>& wanted, LineMark from = 0,
                                         Milliseconds wait = DEFAULT_WAIT) const;
-    // Waits until the line has been printed at least this many times since the mark.
+    // Waits until the line has been printed at least this many times, and once, since the mark.
     void wait_for_count(std::string_view line, std::size_t times, LineMark from = 0,
                         Milliseconds wait = DEFAULT_WAIT) const;
     void wait_for_end(Milliseconds wait = DEFAULT_WAIT) const;
@@ -50,17 +49,16 @@ class CapturedOutput {
     void set_ended();
 
   private:
-    std::string_view line_at(std::size_t line_idx) const;
-    std::size_t line_count() const { return line_starts.size() - 1; }
-    std::string recent_lines(LineMark from) const;
+    // Shows found() the index of one line after the other, until it says that the line is the last one of
+    // what is sought.
     template <typename Found>
     LineMark wait_until(const std::string& what, LineMark from, Milliseconds wait, Found found) const;
 
     const std::string name;
     mutable std::mutex mutex;
     mutable std::condition_variable changed;
-    // Guarded by the mutex. line_starts has one more entry than there are complete lines.
-    std::string text;
-    std::vector<std::size_t> line_starts{0};
+    // Guarded by the mutex.
+    std::vector<std::string> lines;
+    std::string unfinished_line;
     bool ended = false;
 };

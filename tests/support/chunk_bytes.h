@@ -8,11 +8,9 @@
 #include "tests/support/wire_bytes.h"
 
 constexpr std::uint8_t MSG_SET_CHUNK_SIZE = 1;
-constexpr std::uint8_t MSG_ABORT = 2;
 constexpr std::uint8_t MSG_ACKNOWLEDGEMENT = 3;
 constexpr std::uint8_t MSG_USER_CONTROL = 4;
 constexpr std::uint8_t MSG_WINDOW_ACK_SIZE = 5;
-constexpr std::uint8_t MSG_SET_PEER_BANDWIDTH = 6;
 constexpr std::uint8_t MSG_AUDIO = 8;
 constexpr std::uint8_t MSG_VIDEO = 9;
 constexpr std::uint8_t MSG_DATA = 18;

@@ -1,20 +1,17 @@
 #include "tests/support/control_peer.h"
 
-#include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
-#include <cstring>
 
 #include "tests/support/test_failure.h"
 
 namespace {
 
 constexpr std::size_t HEADER_BYTES = 8;
+constexpr std::size_t DISCARDED_AT_ONCE = 65536;
 constexpr std::uint32_t ABSENT = 0xFFFFFFFF;
 
 Bytes be64(std::uint64_t value) {
@@ -96,8 +93,8 @@ Bytes control_frame(std::string_view body, std::uint8_t version) {
 }
 
 Bytes control_reply(const ControlReply& reply) {
-    Bytes body = be32(reply.flags) + be64(reply.request_id) + be64(reply.status) + counted(reply.command) +
-                 counted(reply.message) + be32(0) + be32(static_cast<std::uint32_t>(reply.pairs.size()));
+    Bytes body = be32(0) + be64(1) + be64(reply.status) + counted(reply.command) + counted(reply.message) +
+                 be32(0) + be32(static_cast<std::uint32_t>(reply.pairs.size()));
     for (const auto& [name, value] : reply.pairs) {
         body += counted(name) + counted(value);
     }
@@ -115,89 +112,33 @@ std::vector<std::string> ControlReply::values(std::string_view name) const {
 }
 
 ControlPeer::ControlPeer(const std::string& path, int send_buffer_bytes)
-    : fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    : ClientSocket(checked(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0), "socket")) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     path.copy(address.sun_path, sizeof address.sun_path - 1);
     if (send_buffer_bytes > 0) {
-        (void)setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &send_buffer_bytes, sizeof send_buffer_bytes);
+        (void)setsockopt(descriptor(), SOL_SOCKET, SO_SNDBUF, &send_buffer_bytes, sizeof send_buffer_bytes);
     }
-    if (connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
-        const std::string reason = std::strerror(errno);
-        close();
-        throw TestFailure("connecting to " + path + ": " + reason);
-    }
-}
-
-ControlPeer::ControlPeer(ControlPeer&& other) noexcept
-    : fd(std::exchange(other.fd, -1)), last_id(other.last_id), buffer(std::move(other.buffer)) {}
-
-bool ControlPeer::try_send_bytes(std::string_view bytes, Milliseconds wait) const {
-    const TimePoint deadline = SteadyClock::now() + wait;
-    while (!bytes.empty()) {
-        const ssize_t sent = send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
-        if (sent > 0) {
-            bytes.remove_prefix(static_cast<std::size_t>(sent));
-            continue;
-        }
-        if (errno != EAGAIN && errno != EINTR) {
-            return false;
-        }
-        pollfd entry{fd, POLLOUT, 0};
-        if (poll(&entry, 1, poll_timeout_ms(deadline)) == 0) {
-            throw TestFailure(std::to_string(bytes.size()) + " bytes to the control socket did not leave");
-        }
-    }
-    return true;
-}
-
-void ControlPeer::send_bytes(std::string_view bytes, Milliseconds wait) const {
-    if (!try_send_bytes(bytes, wait)) {
-        throw TestFailure("the server closed the control connection while it was sent to");
-    }
+    checked(connect(descriptor(), reinterpret_cast<const sockaddr*>(&address), sizeof address), path.c_str());
 }
 
 std::size_t ControlPeer::send_some(std::string_view bytes) const {
-    const ssize_t sent = send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
-    if (sent < 0 && errno != EAGAIN && errno != EINTR) {
-        throw TestFailure("the server closed the control connection while it was sent to");
-    }
+    const ssize_t sent = send(descriptor(), bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+    checked(sent < 0 && errno != EAGAIN ? -1 : 0, "send");
     return sent > 0 ? static_cast<std::size_t>(sent) : 0;
 }
 
-bool ControlPeer::fill_buffer(TimePoint deadline) {
-    while (true) {
-        pollfd entry{fd, POLLIN, 0};
-        const int ready = poll(&entry, 1, poll_timeout_ms(deadline));
-        if (ready == 0) {
-            throw TestFailure("nothing came from the control socket");
-        }
-        std::array<char, 65536> chunk{};
-        const ssize_t count = recv(fd, chunk.data(), chunk.size(), MSG_DONTWAIT);
-        if (count > 0) {
-            buffer.append(chunk.data(), static_cast<std::size_t>(count));
-            return true;
-        }
-        if (count == 0 || (errno != EAGAIN && errno != EINTR)) {
-            return false;
-        }
+std::size_t ControlPeer::read_header(TimePoint deadline) {
+    const Bytes header = take_bytes(HEADER_BYTES, deadline);
+    if (!header.starts_with(bytes_of({'C', 'S', 4, 0}))) {
+        throw TestFailure("a control reply begins with " + to_hex(header));
     }
+    return get_be32(header, 4);
 }
 
 ControlReply ControlPeer::read_reply(Milliseconds wait) {
     const TimePoint deadline = SteadyClock::now() + wait;
-    while (buffer.size() < HEADER_BYTES || buffer.size() - HEADER_BYTES < get_be32(buffer, 4)) {
-        if (!fill_buffer(deadline)) {
-            throw TestFailure("the server closed the control connection instead of answering");
-        }
-    }
-    if (!buffer.starts_with(bytes_of({'C', 'S', 4, 0}))) {
-        throw TestFailure("a control reply begins with " + to_hex(buffer.substr(0, 4)));
-    }
-    const std::size_t length = get_be32(buffer, 4);
-    ControlReply reply = parse_reply(std::string_view(buffer).substr(HEADER_BYTES, length));
-    buffer.erase(0, HEADER_BYTES + length);
-    return reply;
+    return parse_reply(take_bytes(read_header(deadline), deadline));
 }
 
 ControlReply ControlPeer::ask(std::string_view command, const ControlArguments& arguments,
@@ -214,51 +155,21 @@ ControlReply ControlPeer::ask(std::string_view command, const ControlArguments& 
 std::size_t ControlPeer::ask_for_length(std::string_view command, Milliseconds wait) {
     const TimePoint deadline = SteadyClock::now() + wait;
     send_bytes(control_request(++last_id, command));
-    while (buffer.size() < HEADER_BYTES) {
-        if (!fill_buffer(deadline)) {
-            throw TestFailure("the server closed the control connection instead of answering");
-        }
-    }
-    const std::size_t length = get_be32(buffer, 4);
-    for (std::size_t left = HEADER_BYTES + length; left > 0;) {
-        if (buffer.empty() && !fill_buffer(deadline)) {
-            throw TestFailure("the server closed the control connection in the middle of a reply");
-        }
-        const std::size_t taken = std::min(left, buffer.size());
-        buffer.erase(0, taken);
-        left -= taken;
+    const std::size_t length = read_header(deadline);
+    for (std::size_t left = length; left > 0;) {
+        left -= take_bytes(std::min(left, DISCARDED_AT_ONCE), deadline).size();
     }
     return length;
 }
 
 bool ControlPeer::has_unread_bytes() const {
     char byte = 0;
-    return recv(fd, &byte, 1, MSG_PEEK | MSG_DONTWAIT) == 1;
-}
-
-void ControlPeer::read_one_byte(Milliseconds wait) const {
-    pollfd entry{fd, POLLIN, 0};
-    char byte = 0;
-    if (poll(&entry, 1, poll_timeout_ms(SteadyClock::now() + wait)) == 0 ||
-        recv(fd, &byte, 1, MSG_DONTWAIT) != 1) {
-        throw TestFailure("no byte came from the control socket");
-    }
+    return recv(descriptor(), &byte, 1, MSG_PEEK | MSG_DONTWAIT) == 1;
 }
 
 void ControlPeer::expect_closed(Milliseconds wait) {
     const TimePoint deadline = SteadyClock::now() + wait;
-    if (!buffer.empty() || fill_buffer(deadline)) {
+    if (!buffer.empty() || fill_buffer(deadline) != Fill::CLOSED) {
         throw TestFailure("bytes came from the control socket: " + to_hex(buffer.substr(0, 64)));
     }
-}
-
-void ControlPeer::half_close() const {
-    (void)shutdown(fd, SHUT_WR);
-}
-
-void ControlPeer::close() {
-    if (fd >= 0) {
-        ::close(fd);
-    }
-    fd = -1;
 }

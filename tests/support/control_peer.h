@@ -1,7 +1,5 @@
 // A client of the control socket, with control over every byte it sends. It encodes requests and strictly
 // decodes replies with its own code, so the server's code is checked independently.
-//
-// Every wait has a deadline and throws TestFailure when it passes.
 #pragma once
 
 #include <cstdint>
@@ -11,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "tests/support/client_socket.h"
 #include "tests/support/time_limits.h"
 #include "tests/support/wire_bytes.h"
 
@@ -32,31 +31,26 @@ Bytes control_request(std::uint64_t id, std::string_view command, const ControlA
 Bytes control_frame(std::string_view body, std::uint8_t version = 4);
 
 struct ControlReply {
-    std::uint32_t flags = 0;
-    std::uint64_t request_id = 0;
     std::uint64_t status = 0;
     std::string command;
     std::string message;
-    ControlPairs pairs;
+    ControlPairs pairs = {};
+    std::uint32_t flags = 0;
+    std::uint64_t request_id = 0;
 
+    bool operator==(const ControlReply&) const = default;
     // Returns the values of the pairs with this name, in order.
     std::vector<std::string> values(std::string_view name) const;
 };
 
-// Returns one frame as a server sends it.
+// Returns one frame as a server sends it, in reply to a client's first request.
 Bytes control_reply(const ControlReply& reply);
 
-class ControlPeer {
+class ControlPeer : public ClientSocket {
   public:
     // Connects. send_buffer_bytes 0 keeps the system's default.
     explicit ControlPeer(const std::string& path = CONTROL_SOCKET_PATH, int send_buffer_bytes = 0);
-    ~ControlPeer() { close(); }
-    ControlPeer(ControlPeer&& other) noexcept;
-    ControlPeer& operator=(ControlPeer&&) = delete;
 
-    // False if the server has closed the connection; some of the bytes may have been sent.
-    [[nodiscard]] bool try_send_bytes(std::string_view bytes, Milliseconds wait = DEFAULT_WAIT) const;
-    void send_bytes(std::string_view bytes, Milliseconds wait = DEFAULT_WAIT) const;
     // Sends without waiting and returns how many bytes the socket took. Throws if the server has closed
     // the connection.
     [[nodiscard]] std::size_t send_some(std::string_view bytes) const;
@@ -70,17 +64,12 @@ class ControlPeer {
     std::size_t ask_for_length(std::string_view command, Milliseconds wait = DEFAULT_WAIT);
     // Whether there are unread bytes from the server.
     [[nodiscard]] bool has_unread_bytes() const;
-    void read_one_byte(Milliseconds wait = DEFAULT_WAIT) const;
     // Requires that the server closes the connection without sending anything first.
     void expect_closed(Milliseconds wait = DEFAULT_WAIT);
-    void half_close() const;
-    void close();
 
   private:
-    // False if the server has closed; throws at the deadline.
-    bool fill_buffer(TimePoint deadline);
+    // Returns the length of the body that follows.
+    std::size_t read_header(TimePoint deadline);
 
-    int fd = -1;
     std::uint64_t last_id = 0;
-    Bytes buffer;
 };

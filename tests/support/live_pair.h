@@ -5,8 +5,8 @@
 #include <atomic>
 #include <cstdint>
 #include <string>
-#include <thread>
 
+#include "tests/support/background.h"
 #include "tests/support/message_recorder.h"
 #include "tests/support/rtmp_client.h"
 
@@ -16,28 +16,31 @@ struct LiveOptions {
     std::size_t message_bytes = 1000;
 };
 
+// 4 Mbit/s.
+inline const LiveOptions PICTURES{.message_bytes = 20000};
+
+// The latency of an undisturbed message: up to 10 ms until the main loop wakes up, and up to 50 ms until the
+// player's writer does. Only time beyond this counts as late.
+constexpr Milliseconds QUIET_LATENCY{60};
+
 class LivePair {
   public:
     // Returns once the player has received the first messages.
     explicit LivePair(const LiveOptions& options = {});
-    // Stops sending if finish() was not called.
-    ~LivePair();
-    LivePair(const LivePair&) = delete;
-    LivePair& operator=(const LivePair&) = delete;
 
     // Stops sending and waits for messages in transit. Throws TestFailure unless every message arrived
     // intact, once and in order.
     void finish();
+    // The longest time from when a message was due to be sent until the player had it, less the time that an
+    // undisturbed message takes. Call after finish().
+    Milliseconds lateness() const;
     // The longest time in which the player received nothing. Call after finish().
     Milliseconds longest_pause() const;
-    // The longest time from when a message was due to be sent until the player had it. Call after finish().
-    Milliseconds longest_delay() const;
-    std::uint32_t messages_sent() const { return sent; }
     // Waits until the player has received this many more messages.
-    void wait_for_more(std::size_t times) const;
+    void wait_for_more(std::size_t times) const { recorder.wait_for(recorder.messages().size() + times); }
 
   private:
-    void send_all();
+    void send_one();
     TimePoint due(std::uint32_t message_idx) const { return first_due + options.interval * message_idx; }
 
     const LiveOptions options;
@@ -46,8 +49,6 @@ class LivePair {
     RtmpClient publisher;
     MessageRecorder recorder;
     std::atomic<std::uint32_t> sent{0};
-    std::atomic<bool> stop_requested{false};
-    std::string sending_failure;
-    const TimePoint first_due;
-    std::thread sender;
+    const TimePoint first_due = SteadyClock::now();
+    Background sender;
 };

@@ -1,6 +1,5 @@
 #include "tests/support/message_recorder.h"
 
-#include <algorithm>
 #include <optional>
 
 #include "tests/support/test_failure.h"
@@ -12,106 +11,49 @@ constexpr Milliseconds READ_SLICE{20};
 
 }  // namespace
 
-MessageRecorder::MessageRecorder(RtmpClient& read_from, bool keep_acks)
-    : client(read_from), keep_acknowledgements(keep_acks), thread([this] { read_all(); }) {}
-
-MessageRecorder::~MessageRecorder() {
-    stop();
-}
+MessageRecorder::MessageRecorder(RtmpClient& read_from)
+    : client(read_from), thread([this](const std::stop_token& requested) { read_all(requested); }) {}
 
 std::vector<RtmpMessage> MessageRecorder::messages() const {
     const std::lock_guard guard(mutex);
     return received;
 }
 
-std::vector<RtmpMessage> MessageRecorder::messages_of_type(std::uint8_t type) const {
-    const std::lock_guard guard(mutex);
-    std::vector<RtmpMessage> result;
-    std::copy_if(received.begin(), received.end(), std::back_inserter(result),
-                 [type](const RtmpMessage& message) { return message.type == type; });
-    return result;
-}
-
-std::size_t MessageRecorder::count(const Wanted& wanted) const {
-    const std::lock_guard guard(mutex);
-    return static_cast<std::size_t>(std::count_if(received.begin(), received.end(), wanted));
-}
-
-void MessageRecorder::wait_for(std::size_t times, const Wanted& wanted, Milliseconds wait) const {
-    const TimePoint deadline = SteadyClock::now() + wait;
+void MessageRecorder::wait_for(std::size_t times, Milliseconds wait) const {
     std::unique_lock guard(mutex);
-    std::size_t next = 0;
-    std::size_t found = 0;
-    const auto enough = [&] {
-        for (; next < received.size(); ++next) {
-            found += wanted(received[next]) ? 1 : 0;
-        }
-        return found >= times;
-    };
-    changed.wait_until(guard, deadline, [&] { return enough() || connection_closed || !problem.empty(); });
-    if (!enough()) {
-        throw TestFailure("wanted " + std::to_string(times) + " messages, got " + std::to_string(found) +
-                          (connection_closed ? "; the server closed the connection" : "") +
-                          (problem.empty() ? "" : "; " + problem));
+    changed.wait_for(guard, wait, [&] { return received.size() >= times || !reason_of_end.empty(); });
+    if (received.size() < times) {
+        throw TestFailure("wanted " + std::to_string(times) + " messages, got " +
+                          std::to_string(received.size()) + "; " + reason_of_end);
     }
 }
 
-void MessageRecorder::wait_for_type(std::size_t times, std::uint8_t type, Milliseconds wait) const {
-    wait_for(
-        times, [type](const RtmpMessage& message) { return message.type == type; }, wait);
-}
-
-void MessageRecorder::wait_for_close(Milliseconds wait) const {
-    std::unique_lock guard(mutex);
-    if (!changed.wait_for(guard, wait, [&] { return connection_closed; })) {
-        throw TestFailure(std::string("the server did not close the connection") +
-                          (problem.empty() ? "" : "; " + problem));
-    }
-}
-
-bool MessageRecorder::closed() const {
+std::string MessageRecorder::end() const {
     const std::lock_guard guard(mutex);
-    return connection_closed;
-}
-
-std::string MessageRecorder::error() const {
-    const std::lock_guard guard(mutex);
-    return problem;
+    return reason_of_end;
 }
 
 void MessageRecorder::stop() {
-    {
-        const std::lock_guard guard(mutex);
-        stop_requested = true;
-    }
+    thread.request_stop();
     if (thread.joinable()) {
         thread.join();
     }
 }
 
-void MessageRecorder::read_all() {
-    while (true) {
+void MessageRecorder::read_all(const std::stop_token& stop_requested) {
+    std::string reason;
+    while (!stop_requested.stop_requested() && reason.empty()) {
         std::optional<RtmpMessage> message;
-        std::string failure;
         try {
             message = client.try_read_message(READ_SLICE);
+            reason = !message && client.closed_by_server() ? "the server closed the connection" : "";
         } catch (const TestFailure& error) {
-            failure = error.what();
+            reason = error.what();
         }
-        {
-            const std::lock_guard guard(mutex);
-            if (message) {
-                if (keep_acknowledgements || message->type != MSG_ACKNOWLEDGEMENT) {
-                    received.push_back(std::move(*message));
-                }
-            } else {
-                problem = failure;
-                connection_closed = client.closed_by_server();
-            }
-            if (stop_requested || connection_closed || !problem.empty()) {
-                changed.notify_all();
-                return;
-            }
+        const std::lock_guard guard(mutex);
+        reason_of_end = reason;
+        if (message && message->type != MSG_ACKNOWLEDGEMENT) {
+            received.push_back(std::move(*message));
         }
         changed.notify_all();
     }

@@ -3,8 +3,9 @@
 #pragma once
 
 #include <condition_variable>
-#include <functional>
 #include <mutex>
+#include <stop_token>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -12,40 +13,29 @@
 
 class MessageRecorder {
   public:
-    using Wanted = std::function<bool(const RtmpMessage&)>;
-
-    // The client must outlive the recorder. No other code may read from it or close it meanwhile.
-    // Acknowledgements are dropped unless keep_acknowledgements is set.
-    explicit MessageRecorder(RtmpClient& client, bool keep_acknowledgements = false);
-    // Stops reading. Then the client can be read directly again.
-    ~MessageRecorder();
+    // The client must outlive the recorder. No other code may read from it or close it until the recorder
+    // stops or is destroyed.
+    explicit MessageRecorder(RtmpClient& client);
     MessageRecorder(const MessageRecorder&) = delete;
     MessageRecorder& operator=(const MessageRecorder&) = delete;
 
-    // Returns a copy of all messages so far, or of the wanted ones.
+    // Returns a copy of all messages so far, without acknowledgements.
     std::vector<RtmpMessage> messages() const;
-    std::vector<RtmpMessage> messages_of_type(std::uint8_t type) const;
-    std::size_t count(const Wanted& wanted) const;
-    // Waits until this many wanted messages have arrived. Throws TestFailure at the deadline, on a broken
-    // chunk stream, or if the connection closes first.
-    void wait_for(std::size_t times, const Wanted& wanted, Milliseconds wait = DEFAULT_WAIT) const;
-    void wait_for_type(std::size_t times, std::uint8_t type, Milliseconds wait = DEFAULT_WAIT) const;
-    void wait_for_close(Milliseconds wait = DEFAULT_WAIT) const;
-    bool closed() const;
-    // Returns why reading ended. Empty while it continues and after an orderly close.
-    std::string error() const;
+    // Waits until this many messages have arrived. Throws TestFailure at the deadline, on a broken chunk
+    // stream, or if the connection closes first.
+    void wait_for(std::size_t times, Milliseconds wait = DEFAULT_WAIT) const;
+    // Returns why reading ended. Empty if it did not end before stop().
+    std::string end() const;
     void stop();
 
   private:
-    void read_all();
+    void read_all(const std::stop_token& stop_requested);
 
     RtmpClient& client;
-    const bool keep_acknowledgements;
     mutable std::mutex mutex;
     mutable std::condition_variable changed;
+    // Guarded by the mutex.
     std::vector<RtmpMessage> received;
-    bool connection_closed = false;
-    bool stop_requested = false;
-    std::string problem;
-    std::thread thread;
+    std::string reason_of_end;
+    std::jthread thread;
 };

@@ -2,16 +2,15 @@
 
 #include <fcntl.h>
 #include <linux/capability.h>
-#include <poll.h>
+#include <linux/close_range.h>
+#include <sys/mman.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
-#include <cerrno>
 #include <csignal>
-#include <cstdlib>
 
 #include "tests/support/test_failure.h"
 
@@ -19,43 +18,39 @@ namespace {
 
 constexpr int CANNOT_START = 127;
 
-// Returns NAME= of a NAME=value entry.
-std::string_view name_of(std::string_view entry) {
-    return entry.substr(0, entry.find('=') + 1);
-}
-
-}  // namespace
-
+// Returns the environment of this process, with these entries overriding its own.
 std::vector<std::string> environment_with(const std::vector<std::string>& entries) {
+    const auto name_of = [](std::string_view entry) { return entry.substr(0, entry.find('=') + 1); };
     std::vector<std::string> result = entries;
     for (char** own = environ; *own != nullptr; ++own) {
-        const std::string_view name = name_of(*own);
-        if (std::none_of(entries.begin(), entries.end(),
-                         [name](const std::string& entry) { return name_of(entry) == name; })) {
+        if (std::ranges::find(entries, name_of(*own), name_of) == entries.end()) {
             result.emplace_back(*own);
         }
     }
     return result;
 }
 
+// Returns pointers to the strings, followed by a null, as exec needs them.
 std::vector<char*> exec_pointers(std::vector<std::string>& strings) {
-    std::vector<char*> result;
-    result.reserve(strings.size() + 1);
-    for (std::string& string : strings) {
-        result.push_back(string.data());
-    }
-    result.push_back(nullptr);
+    std::vector<char*> result(strings.size() + 1);
+    std::ranges::transform(strings, result.begin(), [](std::string& string) { return string.data(); });
     return result;
 }
 
-void become_program(pid_t parent, bool obeys_file_modes, char* const* argv, char* const* envp) {
-    if (prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || getppid() != parent) {
+void require(bool done) {
+    if (!done) {
         _exit(CANNOT_START);
     }
+}
+
+// Runs between fork and exec, so it makes system calls only.
+[[noreturn]] void become_program(pid_t parent, const ProgramOptions& options, char* const* argv,
+                                 char* const* envp) {
+    require(prctl(PR_SET_PDEATHSIG, SIGKILL) == 0 && getppid() == parent);
     // exec does not restore to root what is dropped from the bounding set.
-    if (obeys_file_modes && (prctl(PR_CAPBSET_DROP, CAP_DAC_OVERRIDE, 0, 0, 0) != 0 ||
-                             prctl(PR_CAPBSET_DROP, CAP_DAC_READ_SEARCH, 0, 0, 0) != 0)) {
-        _exit(CANNOT_START);
+    if (options.obeys_file_modes) {
+        require(prctl(PR_CAPBSET_DROP, CAP_DAC_OVERRIDE, 0, 0, 0) == 0 &&
+                prctl(PR_CAPBSET_DROP, CAP_DAC_READ_SEARCH, 0, 0, 0) == 0);
     }
     sigset_t none;
     sigemptyset(&none);
@@ -63,96 +58,113 @@ void become_program(pid_t parent, bool obeys_file_modes, char* const* argv, char
     for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGPIPE}) {
         (void)signal(number, SIG_DFL);
     }
+    for (const auto& [resource, limit] : options.limits) {
+        const rlimit both{limit, limit};
+        require(setrlimit(static_cast<__rlimit_resource>(resource), &both) == 0);
+    }
+    for (const int fd : options.closed_descriptors) {
+        close(fd);
+    }
+    // The program must not inherit descriptors that the test's parent left open.
+    require(close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC) == 0);
     execvpe(argv[0], argv, envp);
     _exit(CANNOT_START);
 }
 
-ProgramEnd wait_for_child(pid_t child, Milliseconds wait) {
-    int status = 0;
-    if (!holds_within(wait, [&] { return checked(waitpid(child, &status, WNOHANG), "waitpid") == child; })) {
-        throw TestFailure("the program did not end");
-    }
-    return WIFEXITED(status) ? ProgramEnd{WEXITSTATUS(status), 0} : ProgramEnd{-1, WTERMSIG(status)};
+void replace_by_file(int fd, const std::string& path) {
+    const int file =
+        checked(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0644), path.c_str());
+    checked(dup3(file, fd, O_CLOEXEC), "dup3");
+    close(file);
 }
 
-ProgramProcess::ProgramProcess(std::vector<std::string> command, const ProgramOptions& options) {
+}  // namespace
+
+std::string ProgramEnd::text() const {
+    return "status " + std::to_string(status) + ", signal " + std::to_string(signal);
+}
+
+void ChildProcess::start(std::vector<std::string> command, const ProgramOptions& options,
+                         const std::function<bool()>& take_streams) {
     std::vector<std::string> environment = environment_with(options.environment);
     const std::vector<char*> argv = exec_pointers(command);
     const std::vector<char*> envp = exec_pointers(environment);
-    std::array<int, 2> out{};
-    std::array<int, 2> err{};
-    checked(pipe2(out.data(), O_CLOEXEC), "pipe2");
-    checked(pipe2(err.data(), O_CLOEXEC), "pipe2");
-    const int nothing = checked(open("/dev/null", O_RDONLY | O_CLOEXEC), "opening /dev/null");
     const pid_t parent = getpid();
     child = checked(fork(), "fork");
     if (child == 0) {
-        if (dup2(nothing, STDIN_FILENO) < 0 || dup2(out[1], STDOUT_FILENO) < 0 ||
-            dup2(err[1], STDERR_FILENO) < 0) {
-            _exit(CANNOT_START);
-        }
-        become_program(parent, options.obeys_file_modes, argv.data(), envp.data());
+        require(take_streams());
+        become_program(parent, options, argv.data(), envp.data());
     }
-    for (const int fd : {nothing, out[1], err[1]}) {
-        close(fd);
-    }
-    out_fd = out[0];
-    err_fd = err[0];
-    pump_thread = std::thread([this] { pump(); });
 }
 
-ProgramProcess::~ProgramProcess() {
-    if (child > 0) {
+ChildProcess::~ChildProcess() {
+    if (child > 0 && is_running()) {
         (void)kill(child, SIGKILL);
         (void)waitpid(child, nullptr, 0);
     }
-    pump_thread.join();
-    close(out_fd);
-    close(err_fd);
 }
 
-void ProgramProcess::send_signal(int signal_number) const {
+bool ChildProcess::is_running() {
+    int status = 0;
+    if (!ending && checked(waitpid(child, &status, WNOHANG), "waitpid") == child) {
+        ending = WIFEXITED(status) ? ProgramEnd{WEXITSTATUS(status), 0} : ProgramEnd{-1, WTERMSIG(status)};
+    }
+    return !ending;
+}
+
+void ChildProcess::send_signal(int signal_number) {
+    if (!is_running()) {
+        throw TestFailure("the program ended by itself, " + ending->text());
+    }
     checked(kill(child, signal_number), "kill");
 }
 
-ProgramEnd ProgramProcess::wait_for_exit(Milliseconds wait) {
-    const ProgramEnd end = wait_for_child(child, wait);
-    child = -1;
-    captured_out.wait_for_end(wait);
-    captured_err.wait_for_end(wait);
-    return end;
+void ChildProcess::wait_until_stopped(Milliseconds wait) const {
+    // The kernel reports this once every thread has stopped.
+    const auto has_stopped = [&] {
+        siginfo_t info{};
+        checked(waitid(P_PID, static_cast<id_t>(child), &info, WSTOPPED | WNOHANG), "waitid");
+        return info.si_pid == child;
+    };
+    if (!holds_within(wait, has_stopped)) {
+        throw TestFailure("the program did not stop");
+    }
 }
 
-void ProgramProcess::pump() const {
-    std::array<pollfd, 2> fds{{{out_fd, POLLIN, 0}, {err_fd, POLLIN, 0}}};
-    const std::array<CapturedOutput*, 2> captures{&captured_out, &captured_err};
-    while (fds[0].fd >= 0 || fds[1].fd >= 0) {
-        if (poll(fds.data(), fds.size(), -1) < 0) {
-            continue;
-        }
-        for (std::size_t i = 0; i < fds.size(); ++i) {
-            if (fds[i].fd < 0 || fds[i].revents == 0) {
-                continue;
-            }
-            std::array<char, 65536> chunk{};
-            const ssize_t count = read(fds[i].fd, chunk.data(), chunk.size());
-            if (count > 0) {
-                captures[i]->append({chunk.data(), static_cast<std::size_t>(count)});
-            } else if (count == 0 || errno != EINTR) {
-                fds[i].fd = -1;
-                captures[i]->set_ended();
-            }
-        }
+ProgramEnd ChildProcess::wait_until_ended(Milliseconds wait) {
+    if (!holds_within(wait, [this] { return !is_running(); })) {
+        throw TestFailure("the program did not end");
     }
+    return *ending;
+}
+
+ProgramProcess::ProgramProcess(std::vector<std::string> command, const ProgramOptions& options) {
+    if (options.stderr_pipe_bytes > 0) {
+        checked(fcntl(err_pipe.write_end(), F_SETPIPE_SZ, options.stderr_pipe_bytes), "F_SETPIPE_SZ");
+    }
+    if (!options.stderr_file.empty()) {
+        replace_by_file(err_pipe.write_end(), options.stderr_file);
+    }
+    const int nothing = checked(memfd_create("empty", MFD_CLOEXEC), "memfd_create");
+    start(std::move(command), options, [&] {
+        return dup2(nothing, STDIN_FILENO) >= 0 && dup2(out_pipe.write_end(), STDOUT_FILENO) >= 0 &&
+               dup2(err_pipe.write_end(), STDERR_FILENO) >= 0;
+    });
+    close(nothing);
+    out_pipe.close_write_end();
+    err_pipe.close_write_end();
+}
+
+ProgramEnd ProgramProcess::wait_for_exit(Milliseconds wait) {
+    const ProgramEnd end = wait_until_ended(wait);
+    out().wait_for_end(wait);
+    err().wait_for_end(wait);
+    return end;
 }
 
 ProgramRun run_program(std::vector<std::string> command, const ProgramOptions& options, Milliseconds wait) {
     const TimePoint start = SteadyClock::now();
     ProgramProcess program(std::move(command), options);
-    ProgramRun run;
-    run.end = program.wait_for_exit(wait);
-    run.took = elapsed_since(start);
-    run.out = program.out().raw_text();
-    run.err = program.err().raw_text();
-    return run;
+    const ProgramEnd end = program.wait_for_exit(wait);
+    return {end, program.out().raw_text(), program.err().raw_text(), elapsed_since(start)};
 }

@@ -1,5 +1,5 @@
-// A program other than the server as a child process: a tool, an example or a script. Its standard output and
-// standard error are captured while it runs. Its standard input is empty.
+// A program as a child process: the server, a tool, an example or a script. Its standard output and standard
+// error are captured while it runs. Its standard input is empty.
 //
 // The destructor kills a program that is still running. Start programs on the thread that lives as long as
 // the test.
@@ -7,11 +7,14 @@
 
 #include <sys/types.h>
 
+#include <functional>
+#include <optional>
 #include <string>
-#include <thread>
+#include <utility>
 #include <vector>
 
 #include "tests/support/captured_output.h"
+#include "tests/support/output_pipe.h"
 #include "tests/support/time_limits.h"
 
 struct ProgramOptions {
@@ -19,6 +22,14 @@ struct ProgramOptions {
     std::vector<std::string> environment = {};
     // Removes root's right to ignore file permissions.
     bool obeys_file_modes = false;
+    // Standard descriptors (0, 1, 2) to close before the program starts.
+    std::vector<int> closed_descriptors = {};
+    // setrlimit(2) pairs: resource and limit.
+    std::vector<std::pair<int, unsigned long>> limits = {};
+    // Size of the standard error pipe; 0: system default.
+    int stderr_pipe_bytes = 0;
+    // If set, standard error goes to this file and is not captured. For servers that run for hours.
+    std::string stderr_file = {};
 };
 
 // How a program ended: by exit with a status, or by a signal (status is -1).
@@ -27,33 +38,55 @@ struct ProgramEnd {
     int signal = 0;
 
     bool operator==(const ProgramEnd&) const = default;
+    // Returns "status S, signal N".
+    std::string text() const;
 };
 
-class ProgramProcess {
+class ChildProcess {
   public:
-    // command is the program and its arguments. A name without a slash is searched for in PATH. A program
-    // that cannot be started ends with status 127.
+    ChildProcess(const ChildProcess&) = delete;
+    ChildProcess& operator=(const ChildProcess&) = delete;
+
+    pid_t pid() const { return child; }
+    bool is_running();
+    // Throws TestFailure if the program has ended.
+    void send_signal(int signal_number);
+    // Waits until a signal has stopped every thread of the program. Throws TestFailure at the deadline.
+    void wait_until_stopped(Milliseconds wait = DEFAULT_WAIT) const;
+
+  protected:
+    ChildProcess() = default;
+    ~ChildProcess();
+
+    // command is the program and its arguments. A name without a slash is searched for in PATH. take_streams
+    // runs in the child. A program that cannot be started ends with status 127.
+    void start(std::vector<std::string> command, const ProgramOptions& options,
+               const std::function<bool()>& take_streams);
+    ProgramEnd wait_until_ended(Milliseconds wait);
+
+  private:
+    pid_t child = -1;
+    std::optional<ProgramEnd> ending;
+};
+
+class ProgramProcess : public ChildProcess {
+  public:
     explicit ProgramProcess(std::vector<std::string> command, const ProgramOptions& options = {});
-    ~ProgramProcess();
-    ProgramProcess(const ProgramProcess&) = delete;
-    ProgramProcess& operator=(const ProgramProcess&) = delete;
 
-    const CapturedOutput& out() const { return captured_out; }
-    const CapturedOutput& err() const { return captured_err; }
+    // Both contain everything the program had written before the call, except on standard error while its
+    // draining is paused. So after a reply has arrived, the lines printed before it are there.
+    const CapturedOutput& out() const { return out_pipe.captured(); }
+    const CapturedOutput& err() const { return err_pipe.captured(); }
+    // While paused, the program's standard error is not read.
+    void pause_draining_stderr() { err_pipe.pause_draining(); }
+    void resume_draining_stderr() { err_pipe.resume_draining(); }
 
-    void send_signal(int signal_number) const;
     // Waits until the program has ended and all its output is captured. Throws TestFailure at the deadline.
     ProgramEnd wait_for_exit(Milliseconds wait = DEFAULT_WAIT);
 
   private:
-    void pump() const;
-
-    pid_t child = -1;
-    int out_fd = -1;
-    int err_fd = -1;
-    mutable CapturedOutput captured_out{"standard output"};
-    mutable CapturedOutput captured_err{"standard error"};
-    std::thread pump_thread;
+    OutputPipe out_pipe{"standard output"};
+    OutputPipe err_pipe{"standard error"};
 };
 
 // The output and end of a program that was run to its end.
@@ -66,16 +99,3 @@ struct ProgramRun {
 };
 ProgramRun run_program(std::vector<std::string> command, const ProgramOptions& options = {},
                        Milliseconds wait = DEFAULT_WAIT);
-
-// Returns the environment of this process, with these entries overriding its own.
-std::vector<std::string> environment_with(const std::vector<std::string>& entries);
-
-// Waits for a child and reaps it. Throws TestFailure at the deadline.
-ProgramEnd wait_for_child(pid_t child, Milliseconds wait);
-
-// Call in the child between fork and exec: sets it to die with parent, resets ignored and blocked signals,
-// and executes the program.
-[[noreturn]] void become_program(pid_t parent, bool obeys_file_modes, char* const* argv, char* const* envp);
-
-// Returns pointers to the strings, followed by a null, as exec needs them.
-std::vector<char*> exec_pointers(std::vector<std::string>& strings);

@@ -4,14 +4,9 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <poll.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <array>
-#include <cerrno>
-#include <cstring>
-#include <utility>
 
 #include "tests/support/test_failure.h"
 
@@ -21,22 +16,6 @@ constexpr std::size_t HANDSHAKE_BLOCK = 1536;
 constexpr std::uint32_t COMMAND_CSID = 3;
 constexpr std::uint32_t AUDIO_CSID = 4;
 constexpr std::uint32_t VIDEO_CSID = 6;
-
-bool wait_for_events(int fd, short events, TimePoint deadline) {
-    pollfd entry{fd, events, 0};
-    while (true) {
-        const int result = poll(&entry, 1, poll_timeout_ms(deadline));
-        if (result > 0) {
-            return true;
-        }
-        if (result == 0 && SteadyClock::now() >= deadline) {
-            return false;
-        }
-        if (result < 0 && errno != EINTR) {
-            throw TestFailure(std::string("poll: ") + std::strerror(errno));
-        }
-    }
-}
 
 sockaddr_in ipv4_address(const std::string& host, std::uint16_t port) {
     sockaddr_in address{};
@@ -50,54 +29,26 @@ sockaddr_in ipv4_address(const std::string& host, std::uint16_t port) {
 
 }  // namespace
 
-RtmpClient::RtmpClient(const ClientOptions& options) : fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    const auto require = [this](bool done, const char* step) {
-        if (!done) {
-            const std::string reason = std::strerror(errno);
-            close();
-            throw TestFailure(std::string(step) + ": " + reason);
-        }
-    };
-    require(fd >= 0, "socket");
+RtmpClient::RtmpClient(const ClientOptions& options)
+    : ClientSocket(checked(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0), "socket")) {
+    const int on = 1;
+    checked(setsockopt(descriptor(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on), "TCP_NODELAY");
     if (options.receive_buffer_bytes > 0) {
-        require(setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &options.receive_buffer_bytes, sizeof(int)) == 0,
+        checked(setsockopt(descriptor(), SOL_SOCKET, SO_RCVBUF, &options.receive_buffer_bytes, sizeof(int)),
                 "SO_RCVBUF");
-    }
-    if (options.send_buffer_bytes > 0) {
-        require(setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &options.send_buffer_bytes, sizeof(int)) == 0,
-                "SO_SNDBUF");
     }
     if (!options.local_address.empty()) {
         const sockaddr_in local = ipv4_address(options.local_address, 0);
-        require(bind(fd, reinterpret_cast<const sockaddr*>(&local), sizeof local) == 0, "bind");
+        checked(bind(descriptor(), reinterpret_cast<const sockaddr*>(&local), sizeof local), "bind");
     }
-    const int on = 1;
-    require(setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on) == 0, "TCP_NODELAY");
     const sockaddr_in peer = ipv4_address(options.server, options.port);
-    require(connect(fd, reinterpret_cast<const sockaddr*>(&peer), sizeof peer) == 0, "connect to the server");
-    require(fcntl(fd, F_SETFL, O_NONBLOCK) == 0, "O_NONBLOCK");
+    checked(connect(descriptor(), reinterpret_cast<const sockaddr*>(&peer), sizeof peer),
+            "connect to the server");
+    checked(fcntl(descriptor(), F_SETFL, O_NONBLOCK), "O_NONBLOCK");
 }
-
-RtmpClient::~RtmpClient() {
-    close();
-}
-
-RtmpClient::RtmpClient(RtmpClient&& other) noexcept
-    : media_stream_id(other.media_stream_id),
-      fd(std::exchange(other.fd, -1)),
-      send_chunk_bytes(other.send_chunk_bytes),
-      sent_bytes(other.sent_bytes),
-      message_ends(other.message_ends),
-      round_trips(other.round_trips),
-      read_chunk_bytes(other.read_chunk_bytes),
-      buffer(std::move(other.buffer)),
-      buffer_start(other.buffer_start),
-      buffer_filled(other.buffer_filled),
-      peer_closed(other.peer_closed),
-      close_kind(other.close_kind) {}
 
 HandshakeReply RtmpClient::handshake(const HandshakeOptions& options) {
-    const Bytes greeting = bytes_of({options.c0}) + options.c1;
+    const Bytes greeting = bytes_of({3}) + options.c1;
     std::size_t offset = 0;
     for (const std::size_t piece : options.pieces) {
         send_bytes(std::string_view(greeting).substr(offset, piece));
@@ -116,36 +67,10 @@ HandshakeReply RtmpClient::handshake(const HandshakeOptions& options) {
     return reply;
 }
 
-void RtmpClient::send_bytes(std::string_view bytes, Milliseconds wait) {
-    if (!try_send_bytes(bytes, wait)) {
-        fail("the server closed the connection while it was being sent to");
-    }
-}
-
-bool RtmpClient::try_send_bytes(std::string_view bytes, Milliseconds wait) {
-    const TimePoint deadline = SteadyClock::now() + wait;
-    while (!bytes.empty()) {
-        const ssize_t count = send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-        if (count >= 0) {
-            sent_bytes += static_cast<std::uint64_t>(count);
-            bytes.remove_prefix(static_cast<std::size_t>(count));
-        } else if (errno == EAGAIN) {
-            if (!wait_for_events(fd, POLLOUT, deadline)) {
-                fail("the server does not read: " + std::to_string(bytes.size()) + " bytes left to send");
-            }
-        } else if (errno == EPIPE || errno == ECONNRESET) {
-            return false;
-        } else if (errno != EINTR) {
-            fail(std::string("send: ") + std::strerror(errno));
-        }
-    }
-    return true;
-}
-
 void RtmpClient::send_message(const OutMessage& message) {
     send_bytes(chunked(message, send_chunk_bytes));
     if (message_ends != nullptr) {
-        message_ends->push_back(sent_bytes);
+        message_ends->push_back(bytes_sent());
     }
 }
 
@@ -208,78 +133,17 @@ void RtmpClient::send_metadata(const Bytes& value) {
     send_data(amf_string("@setDataFrame") + amf_string("onMetaData") + value);
 }
 
-Bytes RtmpClient::read_bytes(std::size_t count, Milliseconds wait) {
-    const TimePoint deadline = SteadyClock::now() + wait;
-    while (buffer.size() - buffer_start < count) {
-        if (fill_buffer(deadline) != Fill::SOME) {
-            fail("wanted " + std::to_string(count) + " bytes, got " +
-                 std::to_string(buffer.size() - buffer_start));
-        }
-    }
-    Bytes result = buffer.substr(buffer_start, count);
-    buffer_start += count;
-    return result;
-}
-
-void RtmpClient::close() {
-    if (fd >= 0) {
-        ::close(fd);
-        fd = -1;
-    }
-}
-
 void RtmpClient::close_with_reset() {
     const linger at_once{1, 0};
-    if (setsockopt(fd, SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once) != 0) {
-        fail(std::string("SO_LINGER: ") + std::strerror(errno));
-    }
+    checked(setsockopt(descriptor(), SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once), "SO_LINGER");
     close();
-}
-
-void RtmpClient::half_close() {
-    if (shutdown(fd, SHUT_WR) != 0) {
-        fail(std::string("shutdown: ") + std::strerror(errno));
-    }
 }
 
 std::string RtmpClient::local_address() const {
     sockaddr_in address{};
     socklen_t length = sizeof address;
     std::array<char, INET_ADDRSTRLEN> text{};
-    if (getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0 ||
-        inet_ntop(AF_INET, &address.sin_addr, text.data(), text.size()) == nullptr) {
-        fail("no local address");
-    }
+    checked(getsockname(descriptor(), reinterpret_cast<sockaddr*>(&address), &length), "getsockname");
+    inet_ntop(AF_INET, &address.sin_addr, text.data(), text.size());
     return std::string(text.data()) + ":" + std::to_string(ntohs(address.sin_port));
-}
-
-RtmpClient::Fill RtmpClient::fill_buffer(TimePoint deadline) {
-    if (buffer_start > buffer.size() / 2) {
-        buffer.erase(0, buffer_start);
-        buffer_start = 0;
-    }
-    std::array<char, 65536> chunk{};
-    while (!peer_closed) {
-        const ssize_t count = recv(fd, chunk.data(), chunk.size(), 0);
-        if (count > 0) {
-            buffer.append(chunk.data(), static_cast<std::size_t>(count));
-            buffer_filled = SteadyClock::now();
-            return Fill::SOME;
-        }
-        if (count == 0 || errno == ECONNRESET || errno == EPIPE) {
-            peer_closed = true;
-            close_kind = count == 0 ? CloseKind::END_OF_STREAM : CloseKind::RESET;
-        } else if (errno == EAGAIN) {
-            if (!wait_for_events(fd, POLLIN, deadline)) {
-                return Fill::TIMED_OUT;
-            }
-        } else if (errno != EINTR) {
-            fail(std::string("recv: ") + std::strerror(errno));
-        }
-    }
-    return Fill::CLOSED;
-}
-
-void RtmpClient::fail(const std::string& what) const {
-    throw TestFailure("RTMP client: " + what);
 }

@@ -4,8 +4,7 @@
 //    in its shortest form and continues, without other chunks in between, with format 3 headers of the same
 //    chunk stream. The chunk size is 128 until the server echoes a set chunk size message; the echoed size
 //    applies from the next message on.
-// 2. Every wait has a deadline and throws TestFailure when it passes.
-// 3. Sending and reading share only the socket, so one thread may read while another sends.
+// 2. Sending and reading share only the socket, so one thread may read while another sends.
 #pragma once
 
 #include <cstdint>
@@ -16,6 +15,7 @@
 
 #include "tests/support/amf_bytes.h"
 #include "tests/support/chunk_bytes.h"
+#include "tests/support/client_socket.h"
 #include "tests/support/time_limits.h"
 
 struct RtmpMessage {
@@ -27,8 +27,6 @@ struct RtmpMessage {
     Bytes raw;                             // as on the wire, headers included
     std::vector<std::size_t> chunk_sizes;  // payload bytes of each chunk
     TimePoint arrival;                     // when its last byte was read from the socket
-
-    std::vector<AmfNode> values() const { return amf_decode_all(payload); }
 };
 
 struct ClientOptions {
@@ -36,11 +34,9 @@ struct ClientOptions {
     std::uint16_t port = 1935;
     std::string local_address;     // empty: any
     int receive_buffer_bytes = 0;  // 0: system default
-    int send_buffer_bytes = 0;
 };
 
 struct HandshakeOptions {
-    std::uint8_t c0 = 3;
     Bytes c1 = pattern_bytes(1536, 7);
     // Sizes of the first sends of C0 and C1; the rest follows in one send.
     std::vector<std::size_t> pieces;
@@ -54,31 +50,21 @@ struct HandshakeReply {
     Bytes s2;
 };
 
-enum class CloseKind { END_OF_STREAM, RESET };
-
-class RtmpClient {
+class RtmpClient : public ClientSocket {
   public:
     // Connects over TCP and sends nothing.
     explicit RtmpClient(const ClientOptions& options = {});
-    ~RtmpClient();
-    RtmpClient(RtmpClient&& other) noexcept;
-    RtmpClient& operator=(RtmpClient&&) = delete;
 
     // Performs the whole handshake. Throws if the server does not complete its part.
     HandshakeReply handshake(const HandshakeOptions& options = {});
 
     // ---- sending
-    void send_bytes(std::string_view bytes, Milliseconds wait = DEFAULT_WAIT);
-    // False if the server has closed the connection; some of the bytes may have been sent.
-    [[nodiscard]] bool try_send_bytes(std::string_view bytes, Milliseconds wait = DEFAULT_WAIT);
     void send_in_pieces(std::string_view bytes, std::size_t piece_bytes);
     void send_message(const OutMessage& message);
     // Sends a set chunk size message and uses that size for everything sent after it. The read size changes
     // when the server's echo is read.
     void set_chunk_size(std::uint32_t chunk_bytes);
     std::uint32_t send_chunk_size() const { return send_chunk_bytes; }
-    // Returns the bytes sent so far, including the handshake, as acknowledgements count them.
-    std::uint64_t bytes_sent() const { return sent_bytes; }
     // From now on, appends bytes_sent() to ends after each message sent.
     void note_message_ends(std::vector<std::uint64_t>& ends) { message_ends = &ends; }
 
@@ -95,10 +81,10 @@ class RtmpClient {
     // Sends "@setDataFrame", "onMetaData" and the value.
     void send_metadata(const Bytes& value);
 
-    // ---- reading Reads exactly count raw bytes.
-    Bytes read_bytes(std::size_t count, Milliseconds wait = DEFAULT_WAIT);
-    // Whether the end of the stream or a reset has been read.
-    bool closed_by_server() const { return peer_closed; }
+    // Reads exactly count raw bytes.
+    Bytes read_bytes(std::size_t count, Milliseconds wait = DEFAULT_WAIT) {
+        return take_bytes(count, SteadyClock::now() + wait);
+    }
 
     // ---- reading messages (rtmp_client_reading.cpp)
     //
@@ -132,41 +118,26 @@ class RtmpClient {
     std::vector<RtmpMessage> round_trip(Milliseconds wait = DEFAULT_WAIT);
 
     // ---- ending
-    void close();
     void close_with_reset();
-    void half_close();
-    bool is_open() const { return fd >= 0; }
-    int descriptor() const { return fd; }
     // The address as the server sees it, such as "127.0.0.1:40312".
     std::string local_address() const;
 
     std::uint32_t media_stream_id = 0;
 
   private:
-    enum class Fill { SOME, TIMED_OUT, CLOSED };
-
-    Fill fill_buffer(TimePoint deadline);
     struct HeaderSizes {
         std::size_t header;
         std::size_t payload;
     };
     std::optional<HeaderSizes> parse_header(std::string_view data, RtmpMessage& message) const;
     std::optional<RtmpMessage> parse_message();
-    [[noreturn]] void fail(const std::string& what) const;
 
-    int fd = -1;
     // Used by the sending thread.
     std::uint32_t send_chunk_bytes = DEFAULT_CHUNK_SIZE;
-    std::uint64_t sent_bytes = 0;
     std::vector<std::uint64_t>* message_ends = nullptr;
     double round_trips = 0;
     // Used by the reading thread.
     std::uint32_t read_chunk_bytes = DEFAULT_CHUNK_SIZE;
-    Bytes buffer;
-    std::size_t buffer_start = 0;
-    TimePoint buffer_filled;
-    bool peer_closed = false;
-    CloseKind close_kind = CloseKind::END_OF_STREAM;
 };
 
 // Clients that have completed the handshake; been accepted by an application; started to publish; started

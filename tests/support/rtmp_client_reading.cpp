@@ -10,6 +10,10 @@ constexpr std::size_t FULL_HEADER = 11;
 // Far above the ids that tests use for their own commands.
 constexpr double FIRST_ROUND_TRIP_ID = 1000000;
 
+[[noreturn]] void fail(const std::string& what) {
+    throw TestFailure("RTMP client: " + what);
+}
+
 std::string describe(const RtmpMessage& message) {
     return "a message of type " + std::to_string(message.type) + " on chunk stream " +
            std::to_string(message.csid) + ", message stream " + std::to_string(message.stream_id) + ", " +
@@ -62,7 +66,7 @@ std::optional<RtmpClient::HeaderSizes> RtmpClient::parse_header(std::string_view
 }
 
 std::optional<RtmpMessage> RtmpClient::parse_message() {
-    const std::string_view data = std::string_view(buffer).substr(buffer_start);
+    const std::string_view data = buffer;
     RtmpMessage message;
     const std::optional<HeaderSizes> sizes = parse_header(data, message);
     if (!sizes) {
@@ -93,7 +97,7 @@ std::optional<RtmpMessage> RtmpClient::parse_message() {
     }
     message.raw = data.substr(0, position);
     message.arrival = buffer_filled;
-    buffer_start += position;
+    buffer.erase(0, position);
     if (message.csid == CONTROL_CSID && message.type == MSG_SET_CHUNK_SIZE) {
         read_chunk_bytes = get_be32(message.payload);
     }
@@ -104,8 +108,8 @@ RtmpMessage RtmpClient::read_any_message(Milliseconds wait) {
     if (std::optional<RtmpMessage> message = try_read_message(wait)) {
         return std::move(*message);
     }
-    fail(peer_closed ? "the server closed the connection instead of sending a message"
-                     : "the server sent no message in time");
+    fail(closed_by_server() ? "the server closed the connection instead of sending a message"
+                            : "the server sent no message in time");
 }
 
 std::optional<RtmpMessage> RtmpClient::try_read_message(Milliseconds wait) {
@@ -144,12 +148,12 @@ std::uint32_t RtmpClient::expect_acknowledgement(Milliseconds wait) {
 
 CloseKind RtmpClient::expect_closed(Milliseconds wait, std::vector<RtmpMessage>* rest) {
     const TimePoint deadline = SteadyClock::now() + wait;
-    while (!peer_closed) {
+    while (!closed_by_server()) {
         std::optional<RtmpMessage> message = try_read_message(Milliseconds{poll_timeout_ms(deadline)});
         if (message && rest != nullptr) {
             rest->push_back(std::move(*message));
         }
-        if (!message && !peer_closed) {
+        if (!message && !closed_by_server()) {
             fail("the server did not close the connection");
         }
     }
@@ -181,11 +185,11 @@ RtmpMessage RtmpClient::connect_app(std::string_view app, double transaction_id)
 std::uint32_t RtmpClient::create_stream(double transaction_id) {
     send_create_stream(transaction_id);
     const RtmpMessage reply = expect_message(MSG_COMMAND);
-    const std::vector<AmfNode> values = reply.values();
-    if (values.size() != 4 || values[0].string != "_result" || values[3].marker != AMF_NUMBER) {
+    const Bytes start = amf_string("_result") + amf_number(transaction_id) + amf_null();
+    if (!reply.payload.starts_with(start)) {
         fail("createStream was answered with " + describe(reply));
     }
-    media_stream_id = static_cast<std::uint32_t>(values[3].number);
+    media_stream_id = static_cast<std::uint32_t>(amf_decode_number(reply.payload.substr(start.size())));
     return media_stream_id;
 }
 

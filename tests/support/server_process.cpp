@@ -1,27 +1,20 @@
 #include "tests/support/server_process.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <linux/close_range.h>
-#include <sys/eventfd.h>
-#include <sys/prctl.h>
-#include <sys/resource.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <array>
+#include <algorithm>
 #include <csignal>
 #include <cstdlib>
 #include <exception>
 #include <iostream>
 
-#include "tests/support/program_process.h"
 #include "tests/support/test_failure.h"
 
 namespace {
 
-constexpr int CANNOT_START = 127;
 constexpr std::size_t SHOWN_LINES = 200;
+
+int servers_alive = 0;
 
 // AddressSanitizer of GCC 12 reports a false stack overflow in a cancelled thread, because unwinding leaves
 // the marks of frames that are gone. It does so when it frees the thread's signal stack, and whenever a
@@ -33,35 +26,27 @@ std::string sanitizer_options() {
            "use_sigaltstack=0:detect_stack_use_after_return=1";
 }
 
-struct Pipe {
-    Pipe() {
-        std::array<int, 2> ends{};
-        checked(pipe2(ends.data(), O_CLOEXEC), "pipe2");
-        read_end = ends[0];
-        write_end = ends[1];
+std::vector<std::string> command_line(const ServerOptions& options) {
+    if (servers_alive > 0 && !options.beside_another) {
+        throw TestFailure("another server of this test is still alive");
     }
-    int read_end;
-    int write_end;
-};
-
-void replace_by_file(int fd, const std::string& path) {
-    const int file =
-        checked(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0644), path.c_str());
-    checked(dup3(file, fd, O_CLOEXEC), "dup3");
-    close(file);
+    std::vector<std::string> command = {server_path()};
+    command.insert(command.end(), options.arguments.begin(), options.arguments.end());
+    return command;
 }
 
-// Called from a destructor, so no exception may escape; GoogleTest can be configured to throw.
-void report_failure(const std::string& text) noexcept {
-    try {
-        ADD_FAILURE() << text;
-    } catch (...) {
-        std::cerr << text << '\n';
-    }
+ProgramOptions with_sanitizer_options(ProgramOptions options) {
+    // If two entries have the same name, the first counts.
+    options.environment.push_back(sanitizer_options());
+    return options;
 }
 
-void print_recent_lines(const CapturedOutput& captured) {
-    const std::vector<std::string> lines = captured.lines_since();
+bool is_sanitizer_report(const std::string& line) {
+    return line.find("Sanitizer: ") != std::string::npos ||
+           line.find(": runtime error: ") != std::string::npos;
+}
+
+void print_recent_lines(const std::vector<std::string>& lines) {
     std::cerr << "---- the server's standard error (" << lines.size() << " lines)\n";
     for (std::size_t i = lines.size() > SHOWN_LINES ? lines.size() - SHOWN_LINES : 0; i < lines.size(); ++i) {
         std::cerr << lines[i] << '\n';
@@ -69,55 +54,23 @@ void print_recent_lines(const CapturedOutput& captured) {
     std::cerr << "----\n";
 }
 
-// Runs between fork and exec, so it makes system calls only.
-[[noreturn]] void become_server(const ServerOptions& options, pid_t parent, int out_fd, int err_fd,
-                                char* const* argv, char* const* envp) {
-    if (prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || getppid() != parent || dup2(out_fd, STDOUT_FILENO) < 0 ||
-        dup2(err_fd, STDERR_FILENO) < 0) {
-        _exit(CANNOT_START);
-    }
-    sigset_t none;
-    sigemptyset(&none);
-    sigprocmask(SIG_SETMASK, &none, nullptr);
-    for (const auto& [resource, limit] : options.limits) {
-        const rlimit both{limit, limit};
-        if (setrlimit(static_cast<__rlimit_resource>(resource), &both) != 0) {
-            _exit(CANNOT_START);
-        }
-    }
-    for (const int fd : options.closed_descriptors) {
-        close(fd);
-    }
-    // The server must not inherit descriptors that the test's parent left open.
-    if (close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC) != 0) {
-        _exit(CANNOT_START);
-    }
-    execve(argv[0], argv, envp);
-    _exit(CANNOT_START);
-}
-
 }  // namespace
 
 std::string server_path() {
-    if (const char* path = std::getenv("V9_SERVER_PATH")) {
-        return path;
+    const char* const path = std::getenv("V9_SERVER_PATH");
+    return path != nullptr ? path : V9_SERVER_PATH;
+}
+
+ServerProcess::ServerProcess(const ServerOptions& options)
+    : ProgramProcess(command_line(options), with_sanitizer_options(options)) {
+    if (options.wait_until_ready) {
+        wait_until_ready();
     }
-#ifdef V9_SERVER_PATH
-    return V9_SERVER_PATH;
-#else
-    throw TestFailure("V9_SERVER_PATH does not say where the server's binary is");
-#endif
+    ++servers_alive;
 }
 
-ServerProcess::ServerProcess(const ServerOptions& options) {
-    start(options);
-}
-
-ServerProcess::ServerProcess(std::vector<std::string> arguments) {
-    ServerOptions options;
-    options.arguments = std::move(arguments);
-    start(options);
-}
+ServerProcess::ServerProcess(std::vector<std::string> arguments)
+    : ServerProcess(ServerOptions{{}, std::move(arguments)}) {}
 
 ServerProcess::~ServerProcess() {
     const bool unwinding = std::uncaught_exceptions() > 0;
@@ -126,70 +79,18 @@ ServerProcess::~ServerProcess() {
             stop();
         }
     } catch (const std::exception& failure) {
-        report_failure(failure.what());
+        ADD_FAILURE() << failure.what();
     }
-    end_pump();
-    const std::string report = sanitizer_report();
-    if (!report.empty()) {
-        report_failure("the server printed a report: " + report);
+    resume_draining_stderr();
+    const std::vector<std::string> lines = lines_since();
+    const auto report = std::ranges::find_if(lines, is_sanitizer_report);
+    if (report != lines.end()) {
+        ADD_FAILURE() << "the server printed a report: " << *report;
     }
     if (unwinding || testing::Test::HasFailure()) {
-        print_recent_lines(captured_err);
+        print_recent_lines(lines);
     }
     --servers_alive;
-    close(err_fd);
-    close(out_fd);
-    close(wake_fd);
-}
-
-void ServerProcess::start(const ServerOptions& options) {
-    if (servers_alive > 0 && !options.beside_another) {
-        throw TestFailure("another server of this test is still alive");
-    }
-    std::vector<std::string> argument_strings = {server_path()};
-    argument_strings.insert(argument_strings.end(), options.arguments.begin(), options.arguments.end());
-    // If two entries have the same name, the first counts.
-    std::vector<std::string> environment_strings = options.environment;
-    for (char** entry = environ; *entry != nullptr; ++entry) {
-        if (!std::string_view(*entry).starts_with("ASAN_OPTIONS=")) {
-            environment_strings.emplace_back(*entry);
-        }
-    }
-    environment_strings.push_back(sanitizer_options());
-    const std::vector<char*> argv = exec_pointers(argument_strings);
-    const std::vector<char*> envp = exec_pointers(environment_strings);
-
-    const Pipe out;
-    const Pipe err;
-    if (options.stderr_pipe_bytes > 0) {
-        checked(fcntl(err.write_end, F_SETPIPE_SZ, options.stderr_pipe_bytes), "F_SETPIPE_SZ");
-    }
-    if (!options.stderr_file.empty()) {
-        replace_by_file(err.write_end, options.stderr_file);
-    }
-    wake_fd = checked(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), "eventfd");
-    draining_stderr = options.drain_stderr;
-    const pid_t parent = getpid();
-    child = checked(fork(), "fork");
-    if (child == 0) {
-        become_server(options, parent, out.write_end, err.write_end, argv.data(), envp.data());
-    }
-    close(out.write_end);
-    close(err.write_end);
-    out_fd = out.read_end;
-    err_fd = err.read_end;
-    pump_thread = std::thread([this] { pump(); });
-    ++servers_alive;
-    if (options.wait_until_ready) {
-        try {
-            wait_until_ready();
-        } catch (...) {
-            kill();
-            end_pump();
-            --servers_alive;
-            throw;
-        }
-    }
 }
 
 void ServerProcess::wait_until_ready() {
@@ -197,71 +98,25 @@ void ServerProcess::wait_until_ready() {
     // sleeping. ThreadSanitizer can lose a signal that arrives before signal() has returned.
     constexpr unsigned long long SIGQUIT_BIT = 1ULL << (SIGQUIT - 1);
     const auto is_ready = [this] {
-        if (reap(WNOHANG)) {
-            captured_err.wait_for_end();
-            throw TestFailure("the server ended at start, status " + std::to_string(end.status) +
-                              ", signal " + std::to_string(end.signal) + ":\n" + captured_err.raw_text());
-        }
-        return (std::stoull(status_field("SigCgt:"), nullptr, 16) & SIGQUIT_BIT) != 0 &&
-               status_field("State:").starts_with('S');
+        return !is_running() || ((std::stoull(status_field("SigCgt:"), nullptr, 16) & SIGQUIT_BIT) != 0 &&
+                                 status_field("State:").starts_with('S'));
     };
-    if (!holds_within(DEFAULT_WAIT, is_ready)) {
-        throw TestFailure("the server did not get ready:\n" + captured_err.raw_text());
+    if (!holds_within(DEFAULT_WAIT, is_ready) || !is_running()) {
+        throw TestFailure("the server did not get ready:\n" + raw_text());
     }
 }
 
-bool ServerProcess::reap(int wait_options) {
-    if (ended) {
-        return true;
-    }
-    int status = 0;
-    const pid_t result = checked(waitpid(child, &status, wait_options), "waitpid");
-    if (result != child || WIFSTOPPED(status)) {
-        return false;
-    }
-    ended = true;
-    if (WIFEXITED(status)) {
-        end.status = WEXITSTATUS(status);
-    } else {
-        end.signal = WTERMSIG(status);
-    }
-    return true;
-}
-
-bool ServerProcess::wait_until_ended(Milliseconds wait) {
-    return holds_within(wait, [this] { return reap(WNOHANG); });
-}
-
-std::string ServerProcess::sanitizer_report() const {
-    for (const std::string& line : captured_err.lines_since()) {
-        for (const char* sign :
-             {"ERROR: AddressSanitizer", "ERROR: LeakSanitizer", "WARNING: ThreadSanitizer",
-              "FATAL: ThreadSanitizer", ": runtime error: ", "ERROR: UndefinedBehaviorSanitizer"}) {
-            if (line.find(sign) != std::string::npos) {
-                return line;
-            }
-        }
-    }
-    return {};
-}
-
-bool ServerProcess::is_running() {
-    return !reap(WNOHANG);
-}
-
-void ServerProcess::send_signal(int signal_number) {
-    if (reap(WNOHANG)) {
-        throw TestFailure("the server has ended before it got signal " + std::to_string(signal_number));
-    }
-    checked(::kill(child, signal_number), "kill");
+std::vector<std::string> ServerProcess::lines_through(std::string_view last_line, LineMark from,
+                                                      Milliseconds wait) const {
+    const LineMark to = wait_for_line(last_line, from, wait);
+    std::vector<std::string> lines = lines_since(from);
+    lines.resize(to - from);
+    return lines;
 }
 
 void ServerProcess::pause() {
     send_signal(SIGSTOP);
-    // The kernel reports this once every thread has stopped.
-    if (reap(WUNTRACED)) {
-        throw TestFailure("the server ended instead of stopping");
-    }
+    wait_until_stopped();
     paused = true;
 }
 
@@ -271,61 +126,34 @@ void ServerProcess::resume() {
 }
 
 Milliseconds ServerProcess::stop(Milliseconds wait) {
-    const auto describe = [this] {
-        return "status " + std::to_string(end.status) + ", signal " + std::to_string(end.signal);
-    };
     end_was_expected = true;
-    if (reap(WNOHANG)) {
-        throw TestFailure("the server ended by itself, " + describe());
-    }
-    const TimePoint start_time = SteadyClock::now();
     resume_draining_stderr();
     if (paused) {
         resume();
     }
-    checked(::kill(child, SIGTERM), "kill");
-    if (!wait_until_ended(wait)) {
-        kill();
-        throw TestFailure("the server did not end after SIGTERM");
-    }
-    const Milliseconds took = elapsed_since(start_time);
+    const TimePoint start_time = SteadyClock::now();
+    send_signal(SIGTERM);
+    const ProgramEnd end = wait_for_exit(wait);
     if (end.status != 0) {
-        throw TestFailure("the server was stopped and ended with " + describe());
+        throw TestFailure("the server was stopped and ended with " + end.text());
     }
-    captured_err.wait_for_end(wait);
-    return took;
+    return elapsed_since(start_time);
 }
 
-ProcessEnd ServerProcess::wait_for_exit(Milliseconds wait) {
-    if (!wait_until_ended(wait)) {
-        throw TestFailure("the server did not end");
-    }
+ProgramEnd ServerProcess::wait_for_exit(Milliseconds wait) {
+    const ProgramEnd end = ProgramProcess::wait_for_exit(wait);
     end_was_expected = true;
-    captured_err.wait_for_end(wait);
-    captured_out.wait_for_end(wait);
     return end;
 }
 
 void ServerProcess::kill() {
-    end_was_expected = true;
-    if (!reap(WNOHANG)) {
-        (void)::kill(child, SIGKILL);
-        (void)reap(0);
-    }
+    send_signal(SIGKILL);
+    (void)wait_for_exit();
 }
 
-FinishedRun run_server_to_its_end(std::vector<std::string> arguments, Milliseconds wait) {
-    ServerOptions options;
-    options.arguments = std::move(arguments);
-    return run_server_to_its_end(std::move(options), wait);
-}
-
-FinishedRun run_server_to_its_end(ServerOptions options, Milliseconds wait) {
+ProgramRun run_server_to_its_end(ServerOptions options, Milliseconds wait) {
     options.wait_until_ready = false;
     ServerProcess server(options);
-    FinishedRun run;
-    run.end = server.wait_for_exit(wait);
-    run.err = server.err().raw_text();
-    run.out = server.out().raw_text();
-    return run;
+    const ProgramEnd end = server.wait_for_exit(wait);
+    return {end, server.out().raw_text(), server.err().raw_text()};
 }

@@ -1,23 +1,22 @@
 #include "tests/support/terminal_program.h"
 
 #include <fcntl.h>
+#include <gmock/gmock.h>
 #include <poll.h>
 #include <pty.h>
-#include <regex.h>
 #include <sys/ioctl.h>
-#include <sys/wait.h>
 #include <unistd.h>
 #include <utmp.h>
 
 #include <algorithm>
 #include <array>
-#include <csignal>
 
 #include "tests/support/test_failure.h"
 
 namespace {
 
-constexpr int CANNOT_START = 127;
+using testing::Contains;
+
 // How long stopping may wait for the reading thread.
 constexpr int READ_SLICE_MS = 20;
 
@@ -33,41 +32,10 @@ bool same_modes(const termios& a, const termios& b) {
            a.c_lflag == b.c_lflag && std::equal(std::begin(a.c_cc), std::end(a.c_cc), std::begin(b.c_cc));
 }
 
-// An extended regular expression for whole rows.
-class RowPattern {
-  public:
-    explicit RowPattern(const std::string& pattern) {
-        if (regcomp(&compiled, ("^(" + pattern + ")$").c_str(), REG_EXTENDED | REG_NOSUB) != 0) {
-            throw TestFailure("not a regular expression: " + pattern);
-        }
-    }
-    ~RowPattern() { regfree(&compiled); }
-    RowPattern(const RowPattern&) = delete;
-    RowPattern& operator=(const RowPattern&) = delete;
-
-    bool operator()(const std::string& row) const {
-        return regexec(&compiled, row.c_str(), 0, nullptr, 0) == 0;
-    }
-
-  private:
-    regex_t compiled{};
-};
-
-std::string joined(const std::vector<std::string>& rows) {
-    std::string text;
-    for (const std::string& row : rows) {
-        text += "|" + row + "\n";
-    }
-    return text;
-}
-
 }  // namespace
 
 TerminalProgram::TerminalProgram(std::vector<std::string> command, std::vector<std::string> environment) {
     environment.insert(environment.end(), {"TERM=xterm", "NO_COLOR="});
-    environment = environment_with(environment);
-    const std::vector<char*> argv = exec_pointers(command);
-    const std::vector<char*> envp = exec_pointers(environment);
     const winsize size = size_of(TERMINAL_ROWS, TERMINAL_COLUMNS);
     checked(openpty(&master_fd, &terminal_fd, nullptr, nullptr, &size), "openpty");
     for (const int fd : {master_fd, terminal_fd}) {
@@ -76,27 +44,17 @@ TerminalProgram::TerminalProgram(std::vector<std::string> command, std::vector<s
     checked(tcgetattr(terminal_fd, &modes_before), "tcgetattr");
     const std::string prompt = TERMINAL_PROMPT + "\n";
     checked(static_cast<int>(write(terminal_fd, prompt.data(), prompt.size())), "write");
-    const pid_t parent = getpid();
-    child = checked(fork(), "fork");
-    if (child == 0) {
-        if (login_tty(terminal_fd) != 0) {
-            _exit(CANNOT_START);
-        }
-        become_program(parent, false, argv.data(), envp.data());
-    }
-    pump_thread = std::thread([this] { pump(); });
+    start(std::move(command), {.environment = std::move(environment)},
+          [this] { return login_tty(terminal_fd) == 0; });
+    pump_thread = std::jthread([this](const std::stop_token& stop_requested) { pump(stop_requested); });
 }
 
 TerminalProgram::~TerminalProgram() {
-    if (child > 0) {
-        (void)kill(child, SIGKILL);
-        (void)waitpid(child, nullptr, 0);
-    }
     hang_up();
 }
 
 void TerminalProgram::hang_up() {
-    pump_may_end = true;
+    pump_thread.request_stop();
     if (pump_thread.joinable()) {
         pump_thread.join();
         close(terminal_fd);
@@ -107,10 +65,6 @@ void TerminalProgram::hang_up() {
 
 void TerminalProgram::type(std::string_view keys) const {
     checked(static_cast<int>(write(master_fd, keys.data(), keys.size())), "write");
-}
-
-void TerminalProgram::send_signal(int signal_number) const {
-    checked(kill(child, signal_number), "kill");
 }
 
 void TerminalProgram::resize(std::size_t rows, std::size_t columns) {
@@ -153,46 +107,23 @@ std::vector<std::string> TerminalProgram::wait_for_rows(const std::string& what,
                                                         Milliseconds wait) const {
     std::unique_lock guard(mutex);
     if (!changed.wait_for(guard, wait, [&] { return wanted(shown.rows()); })) {
-        throw TestFailure("the terminal does not show " + what + ":\n" + joined(shown.rows()));
+        throw TestFailure("the terminal does not show " + what + ":\n" +
+                          testing::PrintToString(shown.rows()));
     }
     return shown.rows();
 }
 
 std::vector<std::string> TerminalProgram::wait_for_text(const std::string& text, Milliseconds wait) const {
-    return wait_for_rows(
-        "'" + text + "'",
-        [&text](const std::vector<std::string>& rows) {
-            return std::any_of(rows.begin(), rows.end(), [&text](const std::string& row) {
-                return row.find(text) != std::string::npos;
-            });
-        },
-        wait);
+    return wait_for_rows("'" + text + "'", testing::Matches(Contains(testing::HasSubstr(text))), wait);
 }
 
 std::vector<std::string> TerminalProgram::wait_for_row(const std::string& pattern, Milliseconds wait) const {
-    const RowPattern matches(pattern);
-    return wait_for_rows(
-        "a row like " + pattern,
-        [&matches](const std::vector<std::string>& rows) {
-            return std::any_of(rows.begin(), rows.end(), std::cref(matches));
-        },
-        wait);
-}
-
-void TerminalProgram::wait_until_stopped(Milliseconds wait) const {
-    int status = 0;
-    const auto has_stopped = [&] {
-        return checked(waitpid(child, &status, WNOHANG | WUNTRACED), "waitpid") == child &&
-               WIFSTOPPED(status);
-    };
-    if (!holds_within(wait, has_stopped)) {
-        throw TestFailure("the program did not stop");
-    }
+    return wait_for_rows("a row like " + pattern, testing::Matches(Contains(testing::MatchesRegex(pattern))),
+                         wait);
 }
 
 ProgramEnd TerminalProgram::wait_for_exit(Milliseconds wait) {
-    const ProgramEnd end = wait_for_child(child, wait);
-    child = -1;
+    const ProgramEnd end = wait_until_ended(wait);
     // The program's last output is in the terminal now, and the pump will read it.
     const TimePoint deadline = SteadyClock::now() + wait;
     pollfd entry{master_fd, POLLIN, 0};
@@ -221,8 +152,8 @@ std::string TerminalProgram::damage() const {
     return found;
 }
 
-void TerminalProgram::pump() {
-    while (!pump_may_end) {
+void TerminalProgram::pump(const std::stop_token& stop_requested) {
+    while (!stop_requested.stop_requested()) {
         pollfd entry{takes_output ? master_fd : -1, POLLIN, 0};
         if (poll(&entry, 1, READ_SLICE_MS) != 1) {
             continue;

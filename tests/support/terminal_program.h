@@ -4,13 +4,13 @@
 // The destructor kills a program that is still running.
 #pragma once
 
-#include <sys/types.h>
 #include <termios.h>
 
 #include <atomic>
 #include <condition_variable>
 #include <functional>
 #include <mutex>
+#include <stop_token>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -24,16 +24,13 @@ constexpr std::size_t TERMINAL_ROWS = 24;
 constexpr std::size_t TERMINAL_COLUMNS = 80;
 inline const std::string TERMINAL_PROMPT = "$ what was here before";
 
-class TerminalProgram {
+class TerminalProgram : public ChildProcess {
   public:
     // environment: NAME=value entries, which override TERM=xterm.
     explicit TerminalProgram(std::vector<std::string> command, std::vector<std::string> environment = {});
     ~TerminalProgram();
-    TerminalProgram(const TerminalProgram&) = delete;
-    TerminalProgram& operator=(const TerminalProgram&) = delete;
 
     void type(std::string_view keys) const;
-    void send_signal(int signal_number) const;
     void resize(std::size_t rows, std::size_t columns);
     // Makes the terminal accept no more output, as after Ctrl-S or on a hung network link; then accept
     // it again.
@@ -57,26 +54,22 @@ class TerminalProgram {
     // Waits until a whole row matches the extended regular expression.
     std::vector<std::string> wait_for_row(const std::string& pattern, Milliseconds wait = DEFAULT_WAIT) const;
 
-    // Waits until a signal has stopped the program. Throws TestFailure at the deadline.
-    void wait_until_stopped(Milliseconds wait = DEFAULT_WAIT) const;
     ProgramEnd wait_for_exit(Milliseconds wait = DEFAULT_WAIT);
     // Call after the exit or stop. Empty if the program has restored the terminal's modes, screens, cursor
     // and style; otherwise says what it left changed.
     std::string damage() const;
 
   private:
-    void pump();
+    void pump(const std::stop_token& stop_requested);
 
     int master_fd = -1;
     int terminal_fd = -1;  // keeps the terminal's modes after the program exits
     termios modes_before{};
-    pid_t child = -1;
-    std::atomic<bool> pump_may_end{false};
     std::atomic<bool> takes_output{true};
     mutable std::mutex mutex;
     mutable std::condition_variable changed;
     // Guarded by the mutex.
     TerminalScreen shown{TERMINAL_ROWS, TERMINAL_COLUMNS};
     std::string written;
-    std::thread pump_thread;
+    std::jthread pump_thread;
 };

@@ -6,6 +6,8 @@
 
 namespace {
 
+constexpr std::string_view DIGITS = "0123456789ABCDEF";
+
 std::uint32_t big_endian(std::string_view bytes, std::size_t offset, std::size_t width) {
     if (offset > bytes.size() || bytes.size() - offset < width) {
         throw TestFailure("a number of " + std::to_string(width) + " bytes at " + std::to_string(offset) +
@@ -19,14 +21,11 @@ std::uint32_t big_endian(std::string_view bytes, std::size_t offset, std::size_t
 }
 
 int hex_digit(char c) {
-    const auto lower = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    if (lower >= '0' && lower <= '9') {
-        return lower - '0';
+    const std::size_t value = DIGITS.find(static_cast<char>(std::toupper(static_cast<unsigned char>(c))));
+    if (value == std::string_view::npos) {
+        throw TestFailure(std::string("not a hex digit: ") + c);
     }
-    if (lower >= 'a' && lower <= 'f') {
-        return lower - 'a' + 10;
-    }
-    throw TestFailure(std::string("not a hex digit: ") + c);
+    return static_cast<int>(value);
 }
 
 }  // namespace
@@ -40,12 +39,8 @@ Bytes bytes_of(std::initializer_list<int> values) {
 }
 
 Bytes from_hex(std::string_view text) {
-    Bytes digits;
-    for (const char c : text) {
-        if (std::isspace(static_cast<unsigned char>(c)) == 0) {
-            digits.push_back(c);
-        }
-    }
+    Bytes digits(text);
+    std::erase_if(digits, [](unsigned char c) { return std::isspace(c) != 0; });
     if (digits.size() % 2 != 0) {
         throw TestFailure("an odd number of hex digits");
     }
@@ -57,7 +52,6 @@ Bytes from_hex(std::string_view text) {
 }
 
 std::string to_hex(std::string_view bytes) {
-    constexpr std::string_view DIGITS = "0123456789ABCDEF";
     std::string result;
     for (const char c : bytes) {
         const auto byte = static_cast<unsigned char>(c);
