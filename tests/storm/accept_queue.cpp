@@ -73,14 +73,3 @@ void wait_for_empty_accept_queue(Milliseconds wait) {
         throw TestFailure("the server does not accept everybody");
     }
 }
-
-std::size_t connections_left_to_the_kernel() {
-    std::ifstream file("/proc/self/net/tcp");
-    std::size_t count = 0;
-    SocketLine line;
-    while (read_line(file, line)) {
-        count +=
-            line.local.ends_with(PORT_1935) && line.state != LISTENING && line.state != ESTABLISHED ? 1 : 0;
-    }
-    return count;
-}

@@ -10,7 +10,3 @@ RtmpClient connect_through_queue(const ClientOptions& options = {});
 
 // Waits until the server has accepted all connections made so far.
 void wait_for_empty_accept_queue(Milliseconds wait = DEFAULT_WAIT);
-
-// Returns the number of connections on the server's port that the kernel keeps after the process has closed
-// them or ended.
-std::size_t connections_left_to_the_kernel();
