@@ -34,17 +34,6 @@ void expect_every_slot_in_use() {
     EXPECT_EQ(listed, all);
 }
 
-void expect_no_room(const ServerProcess& server) {
-    const LineMark mark = server.mark();
-    RtmpClient refused;
-    std::vector<RtmpMessage> sent;
-    (void)refused.expect_closed(DEFAULT_WAIT, &sent);
-    EXPECT_TRUE(sent.empty());
-    EXPECT_THROW((void)refused.read_bytes(1), std::runtime_error);
-    server.wait_for_line("Too many connections, dropping new connection", mark);
-    EXPECT_EQ(server.count("Accepted connection", mark), 0U);
-}
-
 void expect_media_through(std::deque<RtmpClient>& clients) {
     // Do each step for all clients before the next step; otherwise their waits would add up.
     for (RtmpClient& client : clients) {

@@ -15,8 +15,6 @@ std::deque<RtmpClient> fill_table(const ServerProcess& server, std::size_t prese
 
 // Requires that the server lists every slot once.
 void expect_every_slot_in_use();
-// Requires that one more client is closed at once without data, with one line in the log.
-void expect_no_room(const ServerProcess& server);
 // Makes new clients players and publishers by turns. Requires that media arrives from each publisher at the
 // player before it.
 void expect_media_through(std::deque<RtmpClient>& clients);
