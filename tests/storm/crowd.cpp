@@ -105,18 +105,15 @@ void Crowd::pay_visit(Random& random, ControlPeer& control) {
     const std::size_t number = visits++;
     const VisitPoint& point = visit_points()[number % visit_points().size()];
     Visit visit(random, number);
-    std::string ended_by = "somebody else, on the way";
     if (come_to(point, visit)) {
         std::this_thread::sleep_for(Milliseconds{draw(random, LONGEST_STAY_MS)});
         const VisitEnd& end = draw_end(visit, options.drops_at_random);
         end.carry_out(visit, control);
-        ended_by = end.name;
     }
     if (visit.held) {
         drop_by_stream_name(control, visit.own_stream);
     }
     connections_opened += visit.clients.size();
-    note_visit(point.name, ended_by);
 }
 
 void Crowd::drop_at_random(std::uint64_t seed) {
@@ -138,12 +135,6 @@ void Crowd::drop_somebody(Random& random, ControlPeer& control) {
         return left_alone.contains(connection.address) || draw(random, 6) != 0;
     });
     drop_listed(control, connections);
-}
-
-void Crowd::note_visit(const std::string& point, const std::string& end) {
-    const std::lock_guard guard(mutex);
-    ++visits_by_point[point];
-    ++visits_by_end[end];
 }
 
 void Crowd::note_failure(const std::string& what) {

@@ -5,7 +5,6 @@
 #pragma once
 
 #include <atomic>
-#include <map>
 #include <mutex>
 #include <set>
 #include <string>
@@ -39,9 +38,6 @@ class Crowd {
 
     // Call after wait().
     std::size_t opened() const { return connections_opened; }
-    // The number of visits by the point where they ended, and by the way they ended.
-    std::map<std::string, std::size_t> points() const { return visits_by_point; }
-    std::map<std::string, std::size_t> ends() const { return visits_by_end; }
 
   private:
     bool goes_on() const;
@@ -49,7 +45,6 @@ class Crowd {
     void pay_visit(Random& random, ControlPeer& control);
     void drop_at_random(std::uint64_t seed);
     void drop_somebody(Random& random, ControlPeer& control);
-    void note_visit(const std::string& point, const std::string& end);
     void note_failure(const std::string& what);
     // Runs the work with a control connection. Opens a new one after each failure that is permitted here.
     template <typename Work>
@@ -61,8 +56,6 @@ class Crowd {
     std::atomic<std::size_t> connections_opened{0};
     std::atomic<std::size_t> visits{0};
     std::mutex mutex;
-    std::map<std::string, std::size_t> visits_by_point;
-    std::map<std::string, std::size_t> visits_by_end;
     std::string failure;
     std::vector<std::thread> visitor_threads;
     std::thread dropper_thread;
