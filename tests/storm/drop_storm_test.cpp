@@ -1,8 +1,6 @@
 // Thousands of connections that are dropped at every point of a session, in every way.
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <atomic>
 #include <fstream>
 #include <iostream>
 #include <string>
@@ -14,6 +12,7 @@
 #include "tests/storm/storm_size.h"
 #include "tests/support/live_pair.h"
 #include "tests/support/server_process.h"
+#include "tests/support/timed_stream.h"
 
 namespace {
 
@@ -38,37 +37,6 @@ std::size_t occurrences(const std::string& text, const std::string& wanted) {
     return count;
 }
 
-// Reads the log with pauses, so that the server's threads wait in the middle of a line.
-class MoodyLogReader {
-  public:
-    MoodyLogReader(ServerProcess& log_server, std::uint64_t seed)
-        : server(log_server), thread([this, seed] { read(Random(seed)); }) {}
-    ~MoodyLogReader() { stop(); }
-    MoodyLogReader(const MoodyLogReader&) = delete;
-    MoodyLogReader& operator=(const MoodyLogReader&) = delete;
-
-    void stop() {
-        stop_requested = true;
-        if (thread.joinable()) {
-            thread.join();
-        }
-    }
-
-  private:
-    void read(Random random) {
-        while (!stop_requested) {
-            std::this_thread::sleep_for(Milliseconds{draw(random, 200)});
-            server.pause_draining_stderr();
-            std::this_thread::sleep_for(Milliseconds{draw(random, 40)});
-            server.resume_draining_stderr();
-        }
-    }
-
-    ServerProcess& server;
-    std::atomic<bool> stop_requested{false};
-    std::thread thread;
-};
-
 class drop_storm_test : public testing::TestWithParam<int> {};
 INSTANTIATE_TEST_SUITE_P(server, drop_storm_test, testing::Range(0, STORM_SHARDS));
 
@@ -90,7 +58,14 @@ TEST_P(drop_storm_test, leaves_nothing_behind_and_disturbs_nobody) {
     std::size_t rss_kib = 0;
     for (const int half : {0, 1}) {
         const std::size_t rss_before_kib = rss_kib;
-        MoodyLogReader log_reader(server, seed + 500 + static_cast<std::uint64_t>(half));
+        Random log_random(seed + 500 + static_cast<std::uint64_t>(half));
+        // Reads the log with pauses, so that the server's threads wait in the middle of a line.
+        Background log_reader([&] {
+            std::this_thread::sleep_for(Milliseconds{draw(log_random, 200)});
+            server.pause_draining_stderr();
+            std::this_thread::sleep_for(Milliseconds{draw(log_random, 40)});
+            server.resume_draining_stderr();
+        });
         Crowd crowd({.seed = seed + 100 * static_cast<std::uint64_t>(half), .connections = drops / 2});
         crowd.wait();
         log_reader.stop();
