@@ -70,7 +70,7 @@ TEST_P(drop_storm_test, leaves_nothing_behind_and_disturbs_nobody) {
         crowd.wait();
         log_reader.stop();
         opened += crowd.opened();
-        wait_for_empty_accept_queue();
+        wait_for_accept_queue(0);
         server.wait_for_thread_count(threads);
         // A sanitizer keeps freed memory for a while, and AddressSanitizer reports leaks at exit.
         if (TIME_SCALE == 1) {
