@@ -4,7 +4,6 @@
 #include <fstream>
 #include <iostream>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "tests/storm/accept_queue.h"
@@ -61,15 +60,14 @@ TEST_P(drop_storm_test, leaves_nothing_behind_and_disturbs_nobody) {
         Random log_random(seed + 500 + static_cast<std::uint64_t>(half));
         // Reads the log with pauses, so that the server's threads wait in the middle of a line.
         Background log_reader([&] {
-            std::this_thread::sleep_for(Milliseconds{draw(log_random, 200)});
+            linger(log_random, 200);
             server.pause_draining_stderr();
-            std::this_thread::sleep_for(Milliseconds{draw(log_random, 40)});
+            linger(log_random, 40);
             server.resume_draining_stderr();
         });
         Crowd crowd({.seed = seed + 100 * static_cast<std::uint64_t>(half), .connections = drops / 2});
-        crowd.wait();
+        opened += crowd.wait();
         log_reader.stop();
-        opened += crowd.opened();
         wait_for_accept_queue(0);
         server.wait_for_thread_count(threads);
         // A sanitizer keeps freed memory for a while, and AddressSanitizer reports leaks at exit.

@@ -47,14 +47,14 @@ TEST_P(stop_storm_test, a_server_told_to_stop_exits_in_order_within_a_second) {
     const std::size_t stops = storm_count("V9_STORM_STOPS", 120, 40) / STORM_SHARDS;
     Random random(seed);
     const Background broadcaster(broadcast);
-    const Crowd crowd({.seed = seed, .server_may_go = true, .drops_at_random = false});
+    const Crowd crowd({.seed = seed, .server_may_go = true});
     for (std::size_t i = 0; i < stops; ++i) {
         ServerProcess server({"--dbg-pkt"});
         if (i % BUSY_ONE_IN == 0) {
             ASSERT_TRUE(holds_within(DEFAULT_WAIT, [&] { return server.thread_count() >= BUSY_THREADS; }))
                 << "nobody comes";
         }
-        std::this_thread::sleep_for(Milliseconds{draw(random, LONGEST_LIFE_MS)});
+        linger(random, LONGEST_LIFE_MS);
         EXPECT_LE(server.stop(), STOP_LIMIT) << "stop " << i;
     }
 }
