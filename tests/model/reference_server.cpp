@@ -16,8 +16,6 @@ constexpr std::uint64_t STALL_US = 2500000;
 constexpr std::uint64_t IDLE_STREAM_US = 5000000;
 constexpr std::uint32_t LAST_SENT_SLACK_MS = 5000;
 constexpr std::uint32_t RESET_GAP_MS = 250;
-constexpr std::size_t MESSAGES_PER_TURN = 1000;
-constexpr std::uint64_t TURN_US = 20000;
 
 constexpr std::uint8_t TYPE_AUDIO = 8;
 constexpr std::uint8_t TYPE_VIDEO = 9;
@@ -163,7 +161,7 @@ std::optional<std::size_t> Server::join(bool admitted) {
     return std::nullopt;
 }
 
-std::uint64_t Server::pass(std::uint64_t time_us) {
+void Server::pass(std::uint64_t time_us) {
     now_us = time_us;
     for (std::size_t slot = 0; slot < SLOTS; ++slot) {
         if (slots[slot] == nullptr) {
@@ -178,7 +176,6 @@ std::uint64_t Server::pass(std::uint64_t time_us) {
         }
     }
     dispose_one();
-    return now_us;
 }
 
 void Server::end(std::uint64_t time_us) {
@@ -205,8 +202,7 @@ void Server::serve(std::size_t slot) {
     if (conn.drop) {
         close(slot);
     }
-    const std::uint64_t turn_ends_us = now_us + TURN_US;
-    for (std::size_t handled = 0; conn.open && !conn.in.empty() && handled < MESSAGES_PER_TURN; ++handled) {
+    while (conn.open && !conn.in.empty()) {
         const Received& received = conn.in.front();
         const std::uint8_t type = received.message.type;
         if (received.request == Request::MEDIA) {
@@ -222,11 +218,7 @@ void Server::serve(std::size_t slot) {
             said += "AMF0 error command\n";
             conn.drop = true;
         }
-        now_us += received.cost_us;
         conn.in.pop_front();
-        if (now_us >= turn_ends_us) {
-            break;
-        }
     }
     if (conn.reader_runs && conn.reader_ended) {
         said += "Thread 1 died\n";

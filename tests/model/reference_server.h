@@ -69,7 +69,6 @@ struct Received {
     std::string name;   // of the stream, the unknown command or the unknown data
     Metadata metadata;  // for SET_METADATA
     double transaction_id = 0;
-    std::uint64_t cost_us = 0;  // the time to handle it
 };
 
 enum Track : std::size_t { AUDIO = 0, VIDEO = 1, TRACKS = 2 };
@@ -125,8 +124,8 @@ class Server {
 
     // Adds a client, admitted to an application or not. Returns its slot.
     std::optional<std::size_t> join(bool admitted);
-    // Makes one pass over all connections, beginning at this time. Returns the time when it ends.
-    std::uint64_t pass(std::uint64_t time_us);
+    // Makes one pass over all connections.
+    void pass(std::uint64_t time_us);
     void end(std::uint64_t time_us);
 
     // Returns the connection in a slot, or null.

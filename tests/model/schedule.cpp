@@ -65,9 +65,6 @@ constexpr std::array<std::uint64_t, 24> WAITS{0,
                                               3600 * SECOND,
                                               WRAP - 10 * MS};
 
-// Possible times to handle a message, to end a turn of 20 ms early.
-constexpr std::array<std::uint64_t, 7> COSTS{1, 5 * MS, 10 * MS, 20 * MS - 1, 20 * MS, 35 * MS, SECOND};
-
 // The last one is 4 s before the wrap, so that a publisher may stall and be replaced before it.
 constexpr std::array<std::uint32_t, 14> FIRST_TIMESTAMPS{
     0,          0,          0,          1,          5000,       0xFFFFFA,   0xFFFFFF,
@@ -156,7 +153,6 @@ class Generator {
     // Properties of the schedule.
     unsigned plain_wait_percent = 0;
     unsigned odd_percent = 0;
-    unsigned slow_percent = 0;
     std::size_t names = 1;
 };
 
@@ -177,7 +173,6 @@ void Generator::receive(const Client& client, Request request, std::uint8_t type
         random.percent(90) ? 3 : 64 + static_cast<std::uint32_t>(random.below(9));
     received.message.message_stream_id = static_cast<std::uint32_t>(random.below(2));
     received.transaction_id = static_cast<double>(random.below(9));
-    received.cost_us = random.percent(slow_percent) ? random.one_of(COSTS) : 0;
 }
 
 const std::string& Generator::stream_name() {
@@ -357,7 +352,6 @@ Schedule Generator::draw(std::size_t passes) {
     schedule.first_slot = random.percent(90) ? 0 : 120 + random.below(8);
     plain_wait_percent = random.percent(50) ? 80 : 30;
     odd_percent = random.percent(20) ? 10 : 1;
-    slow_percent = random.percent(80) ? 0 : 50;
     names = random.percent(70) ? 1 : 3;
     const std::size_t wanted = passes != 0 ? passes : 10 + random.below(26);
     schedule.actions.reserve(3 * wanted + 8);
@@ -467,9 +461,8 @@ std::string shown(const Action& action) {
     }
     const Received& received = action.received;
     const reference::Message& message = received.message;
-    return who + " sends (" + std::to_string(received.cost_us) + " us) " +
-           REQUESTS[static_cast<std::size_t>(received.request)] + " '" + received.name + "' type " +
-           std::to_string(message.type) + " timestamp " + std::to_string(message.timestamp) +
+    return who + " sends " + REQUESTS[static_cast<std::size_t>(received.request)] + " '" + received.name +
+           "' type " + std::to_string(message.type) + " timestamp " + std::to_string(message.timestamp) +
            " chunk stream " + std::to_string(message.chunk_stream_id) + " message stream " +
            (action.on_own_stream ? "its own" : std::to_string(message.message_stream_id)) + " payload " +
            to_hex(encoded(received));
