@@ -212,6 +212,8 @@ class Comparison {
         }
         printed_text.clear();
         model.said.clear();
+        // Not compared: the model does not dump.
+        printed_dumps.clear();
     }
 
     const Schedule& schedule;

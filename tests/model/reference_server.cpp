@@ -30,12 +30,6 @@ std::string decimal(std::uint64_t value) {
     return std::to_string(value);
 }
 
-std::string three_decimals(double value) {
-    char text[400];
-    std::snprintf(text, sizeof text, "%.3f", value);
-    return text;
-}
-
 std::uint8_t byte_at(const std::string& payload, std::size_t idx) {
     return static_cast<std::uint8_t>(payload[idx]);
 }
@@ -81,35 +75,6 @@ std::uint32_t codec_in(const Metadata& metadata, Track track) {
     return static_cast<std::uint32_t>(whole_number(metadata, CODEC_KEY[track], 0, 4294967295.0).value_or(0));
 }
 
-std::string packet_dump(const Message& message) {
-    const std::string& payload = message.payload;
-    std::string text = "RTMP packet: chunk fmt=0 stream_id=" + decimal(message.chunk_stream_id) +
-                       " timestamp=" + decimal(message.timestamp) +
-                       " message_length=" + decimal(payload.size()) +
-                       " message_type_id=" + decimal(message.type) +
-                       " message_stream_id=" + decimal(message.message_stream_id) + "\n  Data (" +
-                       decimal(payload.size()) + " bytes)\n";
-    for (std::size_t row = 0; row < payload.size(); row += 16) {
-        std::string hex;
-        std::string characters;
-        for (std::size_t idx = row; idx < row + 16; ++idx) {
-            if (idx >= payload.size()) {
-                hex += "   ";
-                characters += ' ';
-                continue;
-            }
-            const std::uint8_t byte = byte_at(payload, idx);
-            constexpr const char* DIGITS = "0123456789ABCDEF";
-            hex += DIGITS[byte / 16];
-            hex += DIGITS[byte % 16];
-            hex += ' ';
-            characters += byte >= 0x20 && byte <= 0x7E ? payload[idx] : '.';
-        }
-        text += "    " + hex + "  " + characters + "\n";
-    }
-    return text;
-}
-
 }  // namespace
 
 std::string Metadata::encoded() const {
@@ -127,25 +92,6 @@ std::string Metadata::encoded() const {
     }
     return kind == Kind::OBJECT ? amf_object(values)
                                 : amf_ecma_array(static_cast<std::uint32_t>(values.size()), values);
-}
-
-std::string Metadata::dumped() const {
-    if (kind == Kind::NUMBER) {
-        return "\tAMF var Number\n\t  Value: " + three_decimals(number) + "\n";
-    }
-    if (kind == Kind::NOTHING) {
-        return "\tAMF var Null\n";
-    }
-    std::string text = kind == Kind::OBJECT ? "\tAMF var Object\n" : "\tAMF var ECMAArray\n";
-    text += "\t  Object: {\n";
-    for (const auto& [key, value] : members) {
-        const double* const as_number = std::get_if<double>(&value);
-        text += "\t    '" + key + "':\n";
-        text += as_number != nullptr
-                    ? "\t      AMF var Number\n\t        Value: " + three_decimals(*as_number) + "\n"
-                    : "\t      AMF var String\n\t        Value: '" + std::get<std::string>(value) + "'\n";
-    }
-    return text + "\t  }\n";
 }
 
 std::optional<std::size_t> Server::join(bool admitted) {
@@ -401,7 +347,7 @@ bool Server::data(std::size_t slot, const Received& received) {
         said += "onMetaData ignored from client\n";
         return true;
     }
-    said += "onMetaData submitted by client\n" + received.metadata.dumped();
+    said += "onMetaData submitted by client\n";
     conn.metadata = received.metadata;
     if (stream.publisher && *stream.publisher != slot) {
         said += "client is publisher but not current publisher, holding onMetaData for later\n";
@@ -529,7 +475,6 @@ bool Server::relay(std::size_t slot, const Message& message) {
         conn.saved_header[track] = message;
         said += track == VIDEO ? "RTMP: Saving a copy of the H.264 sequence header\n"
                                : "RTMP: Saving a copy of the audio sequence header\n";
-        said += packet_dump(message);
     }
     Stream& stream = streams[conn.name];
     stream.active_us = now_us;

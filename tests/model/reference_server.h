@@ -40,7 +40,6 @@ struct Metadata {
 
     bool has_members() const { return kind == Kind::OBJECT || kind == Kind::ECMA_ARRAY; }
     std::string encoded() const;
-    std::string dumped() const;
 };
 
 // The request in a message from a client.
