@@ -56,23 +56,22 @@ class Comparison {
     Comparison(const Comparison&) = delete;
     Comparison& operator=(const Comparison&) = delete;
 
-    std::optional<Difference> run(std::string* all_text) {
-        for (std::size_t i = 0; i < schedule.actions.size(); ++i) {
-            act(schedule.actions[i]);
-            if (schedule.actions[i].kind == Action::Kind::PASS) {
+    std::optional<std::string> run(std::string* all_text) {
+        for (const Action& action : schedule.actions) {
+            act(action);
+            if (action.kind == Action::Kind::PASS) {
                 compare_all();
                 keep_text(all_text);
             }
             if (!differences.empty()) {
-                return Difference{i, differences};
+                return differences;
             }
         }
         free_all_connections();
         model.end(fake_clock_us);
         compare_all();
         keep_text(all_text);
-        return differences.empty() ? std::nullopt
-                                   : std::optional(Difference{schedule.actions.size(), differences});
+        return differences.empty() ? std::nullopt : std::optional(differences);
     }
 
   private:
@@ -226,31 +225,17 @@ class Comparison {
 
 }  // namespace
 
-std::optional<Difference> compare(const Schedule& schedule, std::string* all_text) {
+std::optional<std::string> compare(const Schedule& schedule, std::string* all_text) {
     return Comparison(schedule).run(all_text);
 }
 
-Schedule shortened(const Schedule& schedule) {
-    Schedule best = schedule;
-    if (const std::optional<Difference> difference = compare(best)) {
-        best.actions.resize(std::min(difference->action + 1, best.actions.size()));
-    }
-    for (std::size_t length = best.actions.size() / 2; length > 0;) {
-        bool shorter = false;
-        for (std::size_t from = 0; from + length <= best.actions.size();) {
-            Schedule candidate = best;
-            const auto first = candidate.actions.begin() + static_cast<std::ptrdiff_t>(from);
-            candidate.actions.erase(first, first + static_cast<std::ptrdiff_t>(length));
-            if (compare(candidate)) {
-                best = std::move(candidate);
-                shorter = true;
-            } else {
-                from += length;
-            }
-        }
-        if (!shorter) {
-            length /= 2;
+Schedule shortened(Schedule schedule) {
+    for (std::size_t i = schedule.actions.size(); i-- > 0;) {
+        Schedule candidate = schedule;
+        candidate.actions.erase(candidate.actions.begin() + static_cast<std::ptrdiff_t>(i));
+        if (compare(candidate)) {
+            schedule = std::move(candidate);
         }
     }
-    return best;
+    return schedule;
 }

@@ -7,13 +7,8 @@
 
 #include "tests/model/schedule.h"
 
-struct Difference {
-    std::size_t action = 0;  // after which the two differed
-    std::string what;
-};
+// Returns how the two differed, if they did. If all_text is given, all printed text is appended to it.
+std::optional<std::string> compare(const Schedule& schedule, std::string* all_text = nullptr);
 
-// Empty if the two behaved the same. If all_text is given, all printed text is appended to it.
-std::optional<Difference> compare(const Schedule& schedule, std::string* all_text = nullptr);
-
-// Returns a schedule that still differs, shortened by removing actions.
-Schedule shortened(const Schedule& schedule);
+// Returns a schedule that still differs, without the actions that do not matter for that.
+Schedule shortened(Schedule schedule);

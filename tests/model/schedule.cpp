@@ -127,7 +127,7 @@ class Generator {
   public:
     explicit Generator(std::uint64_t seed) : random(seed) { schedule.seed = seed; }
 
-    Schedule draw(std::size_t passes);
+    Schedule draw();
 
   private:
     void join();
@@ -347,13 +347,13 @@ void Generator::pass() {
     add(Action::Kind::PASS, 0).wait_us = random.percent(plain_wait_percent) ? 10 * MS : random.one_of(WAITS);
 }
 
-Schedule Generator::draw(std::size_t passes) {
+Schedule Generator::draw() {
     schedule.start_us = random.percent(95) ? 1000 * SECOND + random.below(SECOND) : random.below(6 * SECOND);
     schedule.first_slot = random.percent(90) ? 0 : 120 + random.below(8);
     plain_wait_percent = random.percent(50) ? 80 : 30;
     odd_percent = random.percent(20) ? 10 : 1;
     names = random.percent(70) ? 1 : 3;
-    const std::size_t wanted = passes != 0 ? passes : 10 + random.below(26);
+    const std::size_t wanted = 10 + random.below(26);
     schedule.actions.reserve(3 * wanted + 8);
 
     for (std::size_t i = random.below(5); i > 0; --i) {
@@ -392,8 +392,8 @@ std::string metadata_bytes(const Metadata& metadata) {
 
 }  // namespace
 
-Schedule make_schedule(std::uint64_t seed, std::size_t passes) {
-    return Generator(seed).draw(passes);
+Schedule make_schedule(std::uint64_t seed) {
+    return Generator(seed).draw();
 }
 
 std::uint32_t random_number(std::uint64_t seed, std::uint64_t draw) {

@@ -28,8 +28,8 @@ struct Schedule {
     std::vector<Action> actions;
 };
 
-// Returns the schedule with this seed and number of passes. 0: the seed determines the number, 10 to 35.
-Schedule make_schedule(std::uint64_t seed, std::size_t passes);
+// Returns the schedule with this seed.
+Schedule make_schedule(std::uint64_t seed);
 
 // Returns the draw-th random number of the server for this seed.
 std::uint32_t random_number(std::uint64_t seed, std::uint64_t draw);
