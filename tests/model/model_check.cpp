@@ -37,7 +37,7 @@ void report(const Schedule& schedule) {
         std::printf("  %s\n", shown(action).c_str());
     }
     std::printf("Then:\n%sAgain: model_check --seed %llu --schedules 1\n",
-                compare(shortest).value_or("").c_str(), static_cast<unsigned long long>(schedule.seed));
+                compare(shortest).difference.c_str(), static_cast<unsigned long long>(schedule.seed));
 }
 
 }  // namespace
@@ -65,9 +65,7 @@ int main(int argc, char** argv) {
         "RTMP: Saving a copy of the audio sequence header\n",
         "Lock on audio type 10\n",
         "Lock on audio type 10 (0xa) ''\n",
-        "Lock on audio type 1836069985 (0x6d703461) 'mp4a'\n",
         "Lock on video type 7\n",
-        "Lock on video type -2147483648 (0x80000000)",
         "Audio format change\n",
         "Video format change\n",
         "Publisher changed audio codec\n",
@@ -76,7 +74,6 @@ int main(int argc, char** argv) {
         "A/V packet without a stream name\n",
         "A/V error\n",
         "AMF0 error command\n",
-        "AMF0 error notify\n",
         "width changed\n",
         "height changed\n",
         "audio fourcc changed\n",
@@ -86,18 +83,18 @@ int main(int argc, char** argv) {
         "Connection for play unsubscribed from 'a'\n",
         "Disposing old stream 'a'\n",
         "Not cancelling thread, it died\n",
-        "Thread 2 died\n",
+        "Thread 1 died\n",
     };
     for (std::uint64_t i = 0; i < schedules; ++i) {
         running_seed = first_seed + i;
         const Schedule schedule = make_schedule(running_seed);
-        std::string printed;
-        if (compare(schedule, &printed)) {
+        const Outcome outcome = compare(schedule);
+        if (!outcome.difference.empty()) {
             report(schedule);
             return 1;
         }
         std::erase_if(unreached,
-                      [&](std::string_view text) { return printed.find(text) != std::string::npos; });
+                      [&](std::string_view text) { return outcome.printed.find(text) != std::string::npos; });
     }
     if (schedules < MANY_SCHEDULES) {
         return 0;
