@@ -23,7 +23,7 @@ GROUPS = [
     ("Connections",
      "Who gets a slot, the two threads of a connection, and how it is closed and forgotten.",
      ["core/connection*", "core/listener_*", "core/system_calls_*", "e2e/connection_table_*", "e2e/listener_*",
-      "e2e/reconnect_*", "e2e/timer_slack_*", "e2e/vanished_player_*", "storm/connect_*", "storm/drop_*"]),
+      "e2e/reconnect_*", "e2e/timer_slack_*", "e2e/vanished_player_*", "storm/drop_*"]),
     ("Handshake", "The first 3073 bytes each way.", ["rtmp/handshake_*", "e2e/handshake_*"]),
     ("Messages on the wire",
      "Chunks in and out, protocol control messages, acknowledgements, and the queues between the threads.",

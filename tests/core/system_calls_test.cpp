@@ -3,6 +3,8 @@
 #include <fcntl.h>
 #include <netinet/tcp.h>
 
+#include <array>
+
 #include "core/heap.h"
 #include "core/listener.h"
 #include "core/main_loop.h"
@@ -191,13 +193,22 @@ TEST_F(system_calls_test, the_pass_that_accepts_a_connection_without_its_threads
     close(client);
 }
 
-TEST_F(system_calls_test, a_pass_sleeps_ten_milliseconds_and_then_looks_for_clients) {
+TEST_F(system_calls_test, a_pass_sleeps_ten_milliseconds_and_then_accepts_one_client) {
     ASSERT_TRUE(ensure_listener());
-    int client = -1;
-    EXPECT_EQ(printed_by([&client] { run_one_pass([&client] { client = connect_to_server(); }); }),
-              "Accepted connection\n");
-    EXPECT_EQ(wrapped_calls.sleeps, std::vector<useconds_t>{10000});
-    close(client);
+    const std::array<int, 2> clients{connect_to_server(), connect_to_server()};
+    std::vector<bool> accepted_before_the_sleep;
+    wrapped_calls.at_sleep = [&] {
+        for (const std::size_t slot : {0U, 1U}) {
+            accepted_before_the_sleep.push_back(get_connection(slot) != nullptr);
+        }
+        quit_signals = wrapped_calls.sleeps.size() == 3 ? 1 : 0;
+    };
+    EXPECT_EQ(printed_by([] { EXPECT_EQ(run_server(), 0); }), "Accepted connection\nAccepted connection\n");
+    quit_signals = 0;
+    EXPECT_THAT(accepted_before_the_sleep, testing::ElementsAre(false, false, true, false, true, true));
+    EXPECT_THAT(wrapped_calls.sleeps, testing::Each(10000));
+    close(clients[0]);
+    close(clients[1]);
 }
 
 TEST_F(system_calls_test, a_stop_closes_the_control_socket_then_the_listener_then_each_slot_in_order) {

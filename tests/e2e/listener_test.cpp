@@ -131,3 +131,16 @@ TEST(listener, an_idle_connection_is_probed_by_keepalives) {
     EXPECT_GT(timer.ticks, 4000);
     EXPECT_LE(timer.ticks, 6000) << "after at most 60 s";
 }
+
+TEST(listener, a_server_serves_within_a_second_after_another_was_killed_with_clients) {
+    ServerProcess killed;
+    // Its socket stays with the kernel until the client closes as well.
+    const RtmpClient client = connected_client();
+    killed.kill();
+    const TimePoint start = SteadyClock::now();
+    ServerOptions options;
+    options.beside_another = true;
+    const ServerProcess server(options);
+    (void)connected_client();
+    EXPECT_LT(elapsed_since(start), scaled(Milliseconds{1000}));
+}

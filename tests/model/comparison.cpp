@@ -1,19 +1,19 @@
 #include "tests/model/comparison.h"
 
-#include <algorithm>
 #include <cstring>
-#include <deque>
 #include <limits>
 #include <map>
-#include <string_view>
+#include <random>
+#include <utility>
+#include <vector>
 
 #include "core/connection.h"
 #include "core/connection_table.h"
+#include "core/limits.h"
 #include "relay/stream_registry.h"
 #include "tests/support/fake_clock.h"
 #include "tests/support/queued_payload.h"
 #include "tests/support/silent_system.h"
-#include "tests/support/wire_bytes.h"
 
 namespace {
 
@@ -21,272 +21,150 @@ namespace {
 constexpr std::size_t MOST_WAITING = 8;
 constexpr int PRETENDED_FD = 1000;
 
-bool same(const OutgoingPacket& pkt, const reference::Message& message) {
-    return pkt.chunk.message_type_id == message.type && pkt.chunk.timestamp == message.timestamp &&
-           pkt.chunk.stream_id == message.chunk_stream_id &&
-           pkt.chunk.message_stream_id == message.message_stream_id && payload_of(pkt) == message.payload;
-}
-
-std::string shown(std::uint32_t type, std::uint32_t timestamp, std::uint32_t chunk_stream,
-                  std::uint32_t message_stream, std::string_view payload) {
-    return "    type " + std::to_string(type) + " timestamp " + std::to_string(timestamp) + " chunk stream " +
-           std::to_string(chunk_stream) + " message stream " + std::to_string(message_stream) + " payload " +
-           to_hex(payload) + "\n";
-}
-
 // Resets the server to its state before the first client, whatever the previous schedule left.
-void start_server() {
+void start_server(const Schedule& schedule) {
     free_all_connections();
     fake_clock_us = std::numeric_limits<std::uint64_t>::max() / 2;
     while (stream_count() != 0) {
         dispose_idle_streams();
     }
     printed_text.clear();
+    connections_free_scan = 0;
+    fake_clock_us = schedule.start_us;
 }
 
-// The costs of the messages queued at a connection, in order.
-struct Costs {
-    const RTMPConnection* connection = nullptr;
-    std::deque<std::uint64_t> us;
-};
-
-// Keyed by the mutex that the server holds while it handles a message. A new connection may have the address
-// of an old one.
-std::map<const pthread_mutex_t*, Costs> costs;
-
-}  // namespace
-
-// The linker's --wrap redirects every call here. Time passes at the end of each message.
-extern "C" {
-
-int __real_pthread_mutex_unlock(pthread_mutex_t* mutex);
-
-int __wrap_pthread_mutex_unlock(pthread_mutex_t* mutex) {
-    if (const auto found = costs.find(mutex); found != costs.end()) {
-        auto& [connection, us] = found->second;
-        for (; us.size() > connection->connection_in.size(); us.pop_front()) {
-            fake_clock_us += us.front();
-        }
+std::vector<reference::Message> take_queued(RTMPConnection& conn) {
+    std::vector<reference::Message> messages;
+    for (const OutgoingPacket& pkt : conn.connection_out) {
+        messages.push_back({pkt.chunk.message_type_id, pkt.chunk.timestamp, pkt.chunk.stream_id,
+                            pkt.chunk.message_stream_id, payload_of(pkt)});
     }
-    return __real_pthread_mutex_unlock(mutex);
+    conn.connection_out.clear();
+    return messages;
 }
 
-}  // extern "C"
-
-namespace {
+std::string lines_of(const std::vector<reference::Message>& messages) {
+    std::string text;
+    for (const reference::Message& message : messages) {
+        text += "    " + shown(message) + "\n";
+    }
+    return text;
+}
 
 class Comparison {
   public:
-    explicit Comparison(const Schedule& a_schedule)
-        : schedule(a_schedule),
-          model([this] { return random_number(schedule.seed, model_draws++); }, schedule.first_slot) {
-        start_server();
-        connections_free_scan = schedule.first_slot;
-        fake_clock_us = schedule.start_us;
-        random_source = [this] { return random_number(schedule.seed, server_draws++); };
-    }
-    Comparison(const Comparison&) = delete;
-    Comparison& operator=(const Comparison&) = delete;
-
-    std::optional<Difference> run(std::string* all_text) {
-        for (std::size_t i = 0; i < schedule.actions.size(); ++i) {
-            act(schedule.actions[i]);
-            if (schedule.actions[i].kind == Action::Kind::PASS) {
-                compare_all();
-                keep_text(all_text);
-            }
-            if (!differences.empty()) {
-                return Difference{i, differences};
-            }
-        }
-        free_all_connections();
-        model.end(fake_clock_us);
-        compare_all();
-        keep_text(all_text);
-        return differences.empty() ? std::nullopt
-                                   : std::optional(Difference{schedule.actions.size(), differences});
+    explicit Comparison(const Schedule& schedule) : model(std::minstd_rand(seed_of(schedule))) {
+        start_server(schedule);
+        random_source = [draws = std::minstd_rand(seed_of(schedule))]() mutable {
+            return static_cast<std::uint32_t>(draws());
+        };
     }
 
-  private:
     void act(const Action& action) {
         if (action.kind == Action::Kind::JOIN) {
-            join(action);
-            return;
+            RTMPConnection& conn = *new_connection(PRETENDED_FD, "192.0.2.7:50512");
+            conn.app_name = "ombrex-live";
+            slots[action.connection] = conn.conn_idx;
+            model.connections[conn.conn_idx];
+        } else if (action.kind == Action::Kind::PASS) {
+            pass(action.wait_us);
+        } else if (const auto slot = slots.find(action.connection); slot != slots.end()) {
+            act_on(action, *get_connection(slot->second), model.connections.at(slot->second));
         }
-        if (action.kind == Action::Kind::PASS) {
-            fake_clock_us += action.wait_us;
-            const std::uint64_t began_us = fake_clock_us;
-            idle_all_connections();
-            if (model.pass(began_us) != fake_clock_us) {
-                differences += "the pass takes another time in the model\n";
-                fake_clock_us = began_us;
-            }
-            return;
-        }
-        const auto slot = slots.find(action.connection);
-        if (slot == slots.end()) {
-            return;
-        }
-        RTMPConnection& real = *get_connection(slot->second);
-        reference::Connection& expected = *model.at(slot->second);
+    }
+
+    Outcome outcome;
+
+  private:
+    static std::uint32_t seed_of(const Schedule& schedule) {
+        return static_cast<std::uint32_t>(schedule.seed);
+    }
+
+    static void act_on(const Action& action, RTMPConnection& real, reference::Connection& expected) {
         if (action.kind == Action::Kind::READER_ENDS) {
             real.thread_died = true;
             expected.reader_ended = true;
-        } else if (action.kind == Action::Kind::WRITER_ENDS) {
-            real.thread2_died = true;
-            expected.writer_ended = true;
         } else if (action.kind == Action::Kind::DROP) {
             real.close_requested = true;
             expected.drop = true;
-        } else {
+        } else if (!expected.reader_ended && expected.in.size() < MOST_WAITING) {
             receive(action, real, expected);
         }
     }
 
-    void join(const Action& action) {
-        RTMPConnection* const real = new_connection(PRETENDED_FD, "192.0.2.7:50512");
-        const std::optional<std::size_t> slot = model.join(action.admitted);
-        if (real == nullptr || !slot || real->conn_idx != *slot) {
-            differences += "the two give a new connection different slots\n";
-            return;
-        }
-        costs[&real->mutex.handle] = {real, {}};
-        if (action.admitted) {
-            real->app_name = "ombrex-live";
-        }
-        slots[action.connection] = *slot;
-    }
-
     static void receive(const Action& action, RTMPConnection& real, reference::Connection& expected) {
-        if (expected.reader_ended || !expected.reader_runs || expected.in.size() >= MOST_WAITING) {
-            return;
-        }
-        reference::Received received = action.received;
-        reference::Message& message = received.message;
+        reference::Message& message = expected.in.emplace_back(action.received).message;
         if (action.on_own_stream) {
             message.message_stream_id = expected.stream_id;
         }
-        const std::string payload = encoded(received);
         RTMP_Packet& pkt = real.connection_in.emplace_back();
         pkt.chunk.message_type_id = message.type;
         pkt.chunk.timestamp = message.timestamp;
         pkt.chunk.stream_id = message.chunk_stream_id;
         pkt.chunk.message_stream_id = message.message_stream_id;
-        pkt.chunk.message_length = static_cast<std::uint32_t>(payload.size());
-        if (!payload.empty() && pkt.chunk.message.allocate(static_cast<std::uint32_t>(payload.size()))) {
-            std::memcpy(pkt.chunk.message.data, payload.data(), payload.size());
+        const auto length = static_cast<std::uint32_t>(message.payload.size());
+        pkt.chunk.message_length = length;
+        if (length != 0 && pkt.chunk.message.allocate(length)) {
+            std::memcpy(pkt.chunk.message.data, message.payload.data(), length);
         }
-        costs.at(&real.mutex.handle).us.push_back(received.cost_us);
-        expected.in.push_back(std::move(received));
     }
 
-    void compare_all() {
+    void pass(std::uint64_t wait_us) {
+        fake_clock_us += wait_us;
+        idle_all_connections();
+        model.pass(fake_clock_us);
         if (printed_text != model.said) {
-            differences += "printed by the server:\n" + printed_text + "and by the model:\n" + model.said;
+            outcome.difference +=
+                "printed by the server:\n" + printed_text + "and by the model:\n" + model.said;
         }
-        std::erase_if(slots, [this](const auto& slot) { return model.at(slot.second) == nullptr; });
-        for (std::size_t slot = 0; slot < reference::Server::SLOTS; ++slot) {
+        for (std::size_t slot = 0; slot < MAX_CONNECTIONS; ++slot) {
             RTMPConnection* const real = get_connection(slot);
-            reference::Connection* const expected = model.at(slot);
-            if ((real == nullptr) != (expected == nullptr)) {
-                differences += "slot " + std::to_string(slot) + (real == nullptr ? " is free" : " is taken") +
-                               ", and in the model it is not\n";
+            const auto expected = model.connections.find(slot);
+            if ((real != nullptr) != (expected != model.connections.end())) {
+                outcome.difference += "slot " + std::to_string(slot) + " is free in one of the two only\n";
             } else if (real != nullptr) {
-                compare_connection(slot, *real, *expected);
+                compare_sent(slot, take_queued(*real), std::exchange(expected->second.out, {}));
             }
         }
-        compare_registry();
-    }
-
-    void compare_connection(std::size_t slot, RTMPConnection& real, reference::Connection& expected) {
-        const auto differs = [&](const std::string& text) {
-            differences += "slot " + std::to_string(slot) + ": " + text;
-        };
-        if (real.close_requested != expected.drop) {
-            differs(real.close_requested ? "is to be closed, not so in the model\n"
-                                         : "is not to be closed, in the model it is\n");
-        }
-        if (real.connection_in.size() != expected.in.size()) {
-            differs(std::to_string(real.connection_in.size()) + " messages are held back, in the model " +
-                    std::to_string(expected.in.size()) + "\n");
-        }
-        if (!std::equal(real.connection_out.begin(), real.connection_out.end(), expected.out.begin(),
-                        expected.out.end(), same)) {
-            std::string text = "is sent\n";
-            for (const OutgoingPacket& pkt : real.connection_out) {
-                text += shown(pkt.chunk.message_type_id, pkt.chunk.timestamp, pkt.chunk.stream_id,
-                              pkt.chunk.message_stream_id, payload_of(pkt));
-            }
-            text += "  and in the model\n";
-            for (const reference::Message& message : expected.out) {
-                text += shown(message.type, message.timestamp, message.chunk_stream_id,
-                              message.message_stream_id, message.payload);
-            }
-            differs(text);
-        }
-        real.connection_out.clear();
-        expected.out.clear();
-    }
-
-    void compare_registry() {
-        for (const auto& [name, expected] : model.streams) {
-            const StreamRecord& real = find_or_insert_stream(name);
-            const std::size_t publisher = expected.publisher.value_or(NO_CONNECTION);
-            if (real.publisher != publisher || real.players != expected.players ||
-                real.last_activity_us != expected.active_us) {
-                differences += "stream '" + name + "' has another publisher, other players or another time\n";
-            }
-        }
-        // A stream that only the model has was just inserted above with time 0, and is counted.
-        if (stream_count() != model.streams.size()) {
-            differences += std::to_string(stream_count()) + " streams, in the model " +
-                           std::to_string(model.streams.size()) + "\n";
-        }
-    }
-
-    void keep_text(std::string* all_text) {
-        if (all_text != nullptr) {
-            *all_text += model.said;
-        }
-        printed_text.clear();
+        std::erase_if(slots, [this](const auto& slot) { return !model.connections.contains(slot.second); });
+        outcome.printed += std::exchange(printed_text, {});
         model.said.clear();
+        // Not compared: the model does not dump.
+        printed_dumps.clear();
     }
 
-    const Schedule& schedule;
-    std::uint64_t server_draws = 0;
-    std::uint64_t model_draws = 0;
+    void compare_sent(std::size_t slot, const std::vector<reference::Message>& sent,
+                      const std::vector<reference::Message>& expected) {
+        if (sent != expected) {
+            outcome.difference += "slot " + std::to_string(slot) + ": is sent\n" + lines_of(sent) +
+                                  "  and in the model\n" + lines_of(expected);
+        }
+    }
+
     reference::Server model;
     std::map<std::uint32_t, std::size_t> slots;  // by number of the connection in the schedule
-    std::string differences;
 };
 
 }  // namespace
 
-std::optional<Difference> compare(const Schedule& schedule, std::string* all_text) {
-    return Comparison(schedule).run(all_text);
+Outcome compare(const Schedule& schedule) {
+    Comparison comparison(schedule);
+    for (const Action& action : schedule.actions) {
+        comparison.act(action);
+        if (!comparison.outcome.difference.empty()) {
+            break;
+        }
+    }
+    return std::move(comparison.outcome);
 }
 
-Schedule shortened(const Schedule& schedule) {
-    Schedule best = schedule;
-    if (const std::optional<Difference> difference = compare(best)) {
-        best.actions.resize(std::min(difference->action + 1, best.actions.size()));
-    }
-    for (std::size_t length = best.actions.size() / 2; length > 0;) {
-        bool shorter = false;
-        for (std::size_t from = 0; from + length <= best.actions.size();) {
-            Schedule candidate = best;
-            const auto first = candidate.actions.begin() + static_cast<std::ptrdiff_t>(from);
-            candidate.actions.erase(first, first + static_cast<std::ptrdiff_t>(length));
-            if (compare(candidate)) {
-                best = std::move(candidate);
-                shorter = true;
-            } else {
-                from += length;
-            }
-        }
-        if (!shorter) {
-            length /= 2;
+Schedule shortened(Schedule schedule) {
+    for (std::size_t i = schedule.actions.size(); i-- > 0;) {
+        Schedule candidate = schedule;
+        candidate.actions.erase(candidate.actions.begin() + static_cast<std::ptrdiff_t>(i));
+        if (!compare(candidate).difference.empty()) {
+            schedule = std::move(candidate);
         }
     }
-    return best;
+    return schedule;
 }

@@ -1,19 +1,17 @@
-// Runs a schedule through the server and its reference, and compares their visible state after every pass:
-// printed text, connections, queued messages, held messages, and the registry.
+// Runs a schedule through the server and its reference, and compares after every pass what they have printed,
+// which connections are left, and the messages queued for them.
 #pragma once
 
-#include <optional>
 #include <string>
 
 #include "tests/model/schedule.h"
 
-struct Difference {
-    std::size_t action = 0;  // after which the two differed
-    std::string what;
+struct Outcome {
+    std::string difference;  // empty if the two behaved the same
+    std::string printed;     // by the server
 };
 
-// Empty if the two behaved the same. If all_text is given, all printed text is appended to it.
-std::optional<Difference> compare(const Schedule& schedule, std::string* all_text = nullptr);
+Outcome compare(const Schedule& schedule);
 
-// Returns a schedule that still differs, shortened by removing actions.
-Schedule shortened(const Schedule& schedule);
+// Returns a schedule that still differs, without the actions that do not matter for that.
+Schedule shortened(Schedule schedule);

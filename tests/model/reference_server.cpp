@@ -1,7 +1,6 @@
 #include "tests/model/reference_server.h"
 
 #include <algorithm>
-#include <cmath>
 #include <cstdio>
 
 #include "tests/support/amf_bytes.h"
@@ -16,8 +15,6 @@ constexpr std::uint64_t STALL_US = 2500000;
 constexpr std::uint64_t IDLE_STREAM_US = 5000000;
 constexpr std::uint32_t LAST_SENT_SLACK_MS = 5000;
 constexpr std::uint32_t RESET_GAP_MS = 250;
-constexpr std::size_t MESSAGES_PER_TURN = 1000;
-constexpr std::uint64_t TURN_US = 20000;
 
 constexpr std::uint8_t TYPE_AUDIO = 8;
 constexpr std::uint8_t TYPE_VIDEO = 9;
@@ -26,16 +23,9 @@ constexpr std::uint32_t METADATA_CHUNK_STREAM = 9;
 
 constexpr const char* TRACK_NAME[TRACKS] = {"audio", "video"};
 constexpr const char* TRACK_NAME_UPPER[TRACKS] = {"Audio", "Video"};
-constexpr const char* CODEC_KEY[TRACKS] = {"audiocodecid", "videocodecid"};
 
 std::string decimal(std::uint64_t value) {
     return std::to_string(value);
-}
-
-std::string three_decimals(double value) {
-    char text[400];
-    std::snprintf(text, sizeof text, "%.3f", value);
-    return text;
 }
 
 std::uint8_t byte_at(const std::string& payload, std::size_t idx) {
@@ -57,137 +47,40 @@ bool is_sequence_header(Track track, const std::string& payload) {
     return first % 16 == 7 && second == 0;
 }
 
-// Returns a member's number, rounded half up. Empty if it is missing or out of range.
-std::optional<double> whole_number(const Metadata& metadata, const char* key, double low, double high) {
-    const auto member = metadata.members.find(key);
-    if (!metadata.has_members() || member == metadata.members.end()) {
-        return std::nullopt;
-    }
-    const double* const number = std::get_if<double>(&member->second);
-    if (number == nullptr || std::isnan(*number)) {
-        return std::nullopt;
-    }
-    const double rounded = std::floor(*number + 0.5);
-    if (rounded < low || rounded > high) {
-        return std::nullopt;
-    }
-    return rounded;
-}
-
-// 0: unknown.
-std::int32_t size_in(const Metadata& metadata, const char* key) {
-    return static_cast<std::int32_t>(whole_number(metadata, key, 1, 2147483647.0).value_or(0));
-}
-
-std::uint32_t codec_in(const Metadata& metadata, Track track) {
-    return static_cast<std::uint32_t>(whole_number(metadata, CODEC_KEY[track], 0, 4294967295.0).value_or(0));
-}
-
-std::string packet_dump(const Message& message) {
-    const std::string& payload = message.payload;
-    std::string text = "RTMP packet: chunk fmt=0 stream_id=" + decimal(message.chunk_stream_id) +
-                       " timestamp=" + decimal(message.timestamp) +
-                       " message_length=" + decimal(payload.size()) +
-                       " message_type_id=" + decimal(message.type) +
-                       " message_stream_id=" + decimal(message.message_stream_id) + "\n  Data (" +
-                       decimal(payload.size()) + " bytes)\n";
-    for (std::size_t row = 0; row < payload.size(); row += 16) {
-        std::string hex;
-        std::string characters;
-        for (std::size_t idx = row; idx < row + 16; ++idx) {
-            if (idx >= payload.size()) {
-                hex += "   ";
-                characters += ' ';
-                continue;
-            }
-            const std::uint8_t byte = byte_at(payload, idx);
-            constexpr const char* DIGITS = "0123456789ABCDEF";
-            hex += DIGITS[byte / 16];
-            hex += DIGITS[byte % 16];
-            hex += ' ';
-            characters += byte >= 0x20 && byte <= 0x7E ? payload[idx] : '.';
-        }
-        text += "    " + hex + "  " + characters + "\n";
-    }
-    return text;
-}
-
 }  // namespace
 
 std::string Metadata::encoded() const {
-    if (kind == Kind::NUMBER) {
-        return amf_number(number);
-    }
-    if (kind == Kind::NOTHING) {
-        return amf_null();
-    }
-    AmfMembers values;
-    for (const auto& [key, value] : members) {
-        const double* const as_number = std::get_if<double>(&value);
-        values.emplace_back(
-            key, as_number != nullptr ? amf_number(*as_number) : amf_string(std::get<std::string>(value)));
-    }
-    return kind == Kind::OBJECT ? amf_object(values)
-                                : amf_ecma_array(static_cast<std::uint32_t>(values.size()), values);
-}
-
-std::string Metadata::dumped() const {
-    if (kind == Kind::NUMBER) {
-        return "\tAMF var Number\n\t  Value: " + three_decimals(number) + "\n";
-    }
-    if (kind == Kind::NOTHING) {
-        return "\tAMF var Null\n";
-    }
-    std::string text = kind == Kind::OBJECT ? "\tAMF var Object\n" : "\tAMF var ECMAArray\n";
-    text += "\t  Object: {\n";
-    for (const auto& [key, value] : members) {
-        const double* const as_number = std::get_if<double>(&value);
-        text += "\t    '" + key + "':\n";
-        text += as_number != nullptr
-                    ? "\t      AMF var Number\n\t        Value: " + three_decimals(*as_number) + "\n"
-                    : "\t      AMF var String\n\t        Value: '" + std::get<std::string>(value) + "'\n";
-    }
-    return text + "\t  }\n";
-}
-
-std::optional<std::size_t> Server::join(bool admitted) {
-    for (std::size_t probes = 0; probes < SLOTS; ++probes) {
-        const std::size_t slot = (next_slot + probes) % SLOTS;
-        if (slots[slot] == nullptr) {
-            slots[slot] = std::make_unique<Connection>();
-            slots[slot]->admitted = admitted;
-            next_slot = slot;
-            return slot;
+    AmfMembers members;
+    const auto add = [&](const char* key, std::uint32_t value) {
+        if (value != 0) {
+            members.emplace_back(key, amf_number(value));
         }
-    }
-    return std::nullopt;
+    };
+    add("audiocodecid", codec_id[AUDIO]);
+    add("height", height);
+    add("serial", serial);
+    add("videocodecid", codec_id[VIDEO]);
+    add("width", width);
+    return amf_object(members);
 }
 
-std::uint64_t Server::pass(std::uint64_t time_us) {
+void Server::pass(std::uint64_t time_us) {
     now_us = time_us;
-    for (std::size_t slot = 0; slot < SLOTS; ++slot) {
-        if (slots[slot] == nullptr) {
-            continue;
+    for (auto it = connections.begin(); it != connections.end();) {
+        const auto current = it++;
+        auto& [slot, conn] = *current;
+        if (conn.drop) {
+            close(slot, conn);
+        } else {
+            serve(slot, conn);
         }
-        serve(slot);
-        const Connection& conn = *slots[slot];
-        const bool both_threads = conn.reader_runs && conn.writer_runs;
-        if (!conn.open || conn.drop || (!both_threads && conn.in.empty())) {
+        if (conn.drop || (conn.reader_joined && conn.in.empty())) {
             said += "Dropping connection\n";
-            remove(slot);
+            close(slot, conn);
+            connections.erase(current);
         }
     }
     dispose_one();
-    return now_us;
-}
-
-void Server::end(std::uint64_t time_us) {
-    now_us = time_us;
-    for (std::size_t slot = 0; slot < SLOTS; ++slot) {
-        if (slots[slot] != nullptr) {
-            remove(slot);
-        }
-    }
 }
 
 void Server::dispose_one() {
@@ -200,68 +93,38 @@ void Server::dispose_one() {
     }
 }
 
-void Server::serve(std::size_t slot) {
-    Connection& conn = *slots[slot];
-    if (conn.drop) {
-        close(slot);
-    }
-    const std::uint64_t turn_ends_us = now_us + TURN_US;
-    for (std::size_t handled = 0; conn.open && !conn.in.empty() && handled < MESSAGES_PER_TURN; ++handled) {
+void Server::serve(std::size_t slot, Connection& conn) {
+    bool waits = false;
+    while (!conn.in.empty() && !waits) {
         const Received& received = conn.in.front();
-        const std::uint8_t type = received.message.type;
         if (received.request == Request::MEDIA) {
-            if (!media(slot, received.message)) {
-                break;
-            }
-        } else if (type == TYPE_DATA) {
-            if (!data(slot, received)) {
-                said += "AMF0 error notify\n";
-                conn.drop = true;
-            }
-        } else if (received.request != Request::OTHER_TYPE && !command(slot, received)) {
+            waits = !media(slot, conn, received.message);
+        } else if (received.request == Request::SET_METADATA) {
+            data(slot, conn, received);
+        } else if (!command(slot, conn, received)) {
             said += "AMF0 error command\n";
             conn.drop = true;
         }
-        now_us += received.cost_us;
-        conn.in.pop_front();
-        if (now_us >= turn_ends_us) {
-            break;
+        if (!waits) {
+            conn.in.pop_front();
         }
     }
-    if (conn.reader_runs && conn.reader_ended) {
-        said += "Thread 1 died\n";
-        said += conn.open ? "WARNING: Thread terminated unexpectedly\n" : "";
-        conn.reader_runs = false;
-    }
-    if (conn.writer_runs && conn.writer_ended) {
-        said += "Thread 2 died\n";
-        said += conn.open ? "WARNING: Thread2 terminated unexpectedly\n" : "";
-        conn.writer_runs = false;
+    if (conn.reader_ended && !conn.reader_joined) {
+        said += "Thread 1 died\nWARNING: Thread terminated unexpectedly\n";
+        conn.reader_joined = true;
     }
 }
 
-void Server::close(std::size_t slot) {
-    Connection& conn = *slots[slot];
-    if (conn.reader_runs && conn.reader_ended) {
+void Server::close(std::size_t slot, Connection& conn) {
+    if (conn.reader_ended && !conn.reader_joined) {
         said += "Not cancelling thread, it died\n";
     }
-    conn.reader_runs = false;
-    if (conn.writer_runs && conn.writer_ended) {
-        said += "Not cancelling thread2, it died\n";
-    }
-    conn.writer_runs = false;
-    conn.drop = false;
-    conn.open = false;
+    conn.reader_joined = true;
     leave(conn.name, slot);
     Stream& stream = streams[conn.name];
     if (stream.publisher == slot) {
         stream.publisher.reset();
     }
-}
-
-void Server::remove(std::size_t slot) {
-    close(slot);
-    slots[slot].reset();
 }
 
 // Ends a subscription, if there is one.
@@ -276,166 +139,89 @@ void Server::leave(const std::string& name, std::size_t slot) {
     }
 }
 
-std::uint32_t Server::draw_id() {
-    const std::uint32_t first = draw_number();
-    return first * draw_number();
-}
-
-bool Server::command(std::size_t slot, const Received& received) {
-    Connection& conn = *slots[slot];
-    const auto reply = [&](std::string payload) {
-        Message answer = received.message;
-        answer.payload = std::move(payload);
-        conn.out.push_back(std::move(answer));
-    };
-    const Bytes transaction_id = amf_number(received.transaction_id);
-    switch (received.request) {
-        case Request::CREATE_STREAM:
-            conn.stream_id_in_doubt = true;
-            conn.stream_id = std::max(draw_id() & 0x7FFFFFFFU, 1U);
-            said += "I choose stream ID " + decimal(conn.stream_id) + "\n";
-            reply(create_stream_reply(transaction_id, conn.stream_id));
-            return true;
-        case Request::RELEASE_STREAM:
-            reply(plain_result(transaction_id));
-            return true;
-        case Request::STREAM_LENGTH:
-        case Request::EMPTY_COMMAND:
-            return true;
-        case Request::PUBLISH_RECORD:
-            said += "publish command must indicate 'live' type, not 'record'\n";
-            return false;
-        case Request::PUBLISH:
-            return publish(slot, received);
-        case Request::PLAY:
-            return play(slot, received);
-        case Request::DELETE_STREAM:
-            said += "deleteStream, drop connection\n";
-            return false;
-        default:
-            said += "Unknown command '" + received.name + "'\n";
-            return false;
+bool Server::command(std::size_t slot, Connection& conn, const Received& received) {
+    const Bytes transaction_id = amf_number(TRANSACTION_ID);
+    Message reply = received.message;
+    if (received.request == Request::CREATE_STREAM) {
+        const auto first = static_cast<std::uint32_t>(draw_number());
+        const auto second = static_cast<std::uint32_t>(draw_number());
+        conn.stream_id = std::max(first * second & 0x7FFFFFFFU, 1U);
+        conn.stream_id_in_doubt = true;
+        said += "I choose stream ID " + decimal(conn.stream_id) + "\n";
+        reply.payload = create_stream_reply(transaction_id, conn.stream_id);
+        conn.out.push_back(reply);
+        return true;
     }
-}
-
-bool Server::publish(std::size_t slot, const Received& received) {
-    Connection& conn = *slots[slot];
-    if (!conn.admitted) {
-        said += "publish rejected, app mode rejected\n";
-        return false;
-    }
+    const bool plays = received.request == Request::PLAY;
     if (conn.role != Connection::Role::NONE) {
-        said += "publish rejected, stream mode already set\n";
+        said += plays ? "play rejected, stream mode already set\n"
+                      : "publish rejected, stream mode already set\n";
         return false;
     }
-    conn.role = Connection::Role::PUBLISHER;
+    conn.role = plays ? Connection::Role::PLAYER : Connection::Role::PUBLISHER;
     conn.name = received.name;
-    if (received.name.find_first_of("-/. ") != std::string::npos) {
-        said += "play rejected, invalid stream name\n";
-        return false;
+    reply.payload = plays ? play_status(transaction_id) : publish_status(transaction_id);
+    conn.out.push_back(reply);
+    if (plays) {
+        play(slot, conn);
+    } else {
+        publish(slot, conn);
     }
-    Message answer = received.message;
-    answer.payload = publish_status(amf_number(received.transaction_id));
-    conn.out.push_back(std::move(answer));
-
-    Stream& stream = streams[conn.name];
-    stream.active_us = now_us;
-    if (!stream.publisher) {
-        stream.publisher = slot;
-        time_reset(stream);
-    }
-    conn.stalls_at_us = now_us + GRACE_AFTER_PUBLISH_US;
-    said += "Connection is publishing '" + conn.name + "'\n";
     return true;
 }
 
-bool Server::play(std::size_t slot, const Received& received) {
-    Connection& conn = *slots[slot];
-    if (!conn.admitted) {
-        said += "play rejected, app mode rejected\n";
-        return false;
+void Server::publish(std::size_t slot, Connection& conn) {
+    Stream& stream = streams[conn.name];
+    stream.active_us = now_us;
+    if (!stream.publisher) {
+        set_publisher(stream, slot);
     }
-    if (conn.role != Connection::Role::NONE) {
-        said += "play rejected, stream mode already set\n";
-        return false;
-    }
-    conn.role = Connection::Role::PLAYER;
-    conn.name = received.name;
-    if (received.name.find_first_of("-/. ") != std::string::npos) {
-        said += "play rejected, invalid stream name\n";
-        return false;
-    }
-    Message answer = received.message;
-    answer.payload = play_status(amf_number(received.transaction_id));
-    conn.out.push_back(std::move(answer));
+    conn.stalls_at_us = now_us + GRACE_AFTER_PUBLISH_US;
+    said += "Connection is publishing '" + conn.name + "'\n";
+}
 
+void Server::play(std::size_t slot, Connection& conn) {
     Stream& stream = streams[conn.name];
     stream.active_us = now_us;
     if (!conn.name.empty()) {
         said += "Connection for play subscribed to '" + conn.name + "'\n";
         stream.players.push_back(slot);
     }
-    const Connection* const publisher = stream.publisher ? slots[*stream.publisher].get() : nullptr;
-    if (publisher != nullptr && publisher->metadata.has_members()) {
+    if (stream.publisher && connections.at(*stream.publisher).metadata) {
         said += "Repeating publisher's onMeta to new client\n";
-        tell(conn, publisher->metadata);
+        tell(conn, *connections.at(*stream.publisher).metadata);
     }
-    return true;
 }
 
-bool Server::data(std::size_t slot, const Received& received) {
-    Connection& conn = *slots[slot];
+void Server::data(std::size_t slot, Connection& conn, const Received& received) {
     if (conn.name.empty()) {
         said += "AMF0 notify without a stream name\n";
-        return true;
+        return;
     }
     Stream& stream = streams[conn.name];
     stream.active_us = now_us;
-    switch (received.request) {
-        case Request::EMPTY_DATA:
-            return true;
-        case Request::SET_NOTHING:
-            return false;
-        case Request::BARE_METADATA:
-            said += "Unknown RTMP client notification: 'onMetaData'\n";
-            return true;
-        case Request::SET_OTHER:
-            said += "Unexpected setDataFrame and '" + received.name + "'\n";
-            return true;
-        default:
-            break;
-    }
     if (conn.role != Connection::Role::PUBLISHER) {
         said += "onMetaData ignored from client\n";
-        return true;
+        return;
     }
-    said += "onMetaData submitted by client\n" + received.metadata.dumped();
+    said += "onMetaData submitted by client\n";
     conn.metadata = received.metadata;
     if (stream.publisher && *stream.publisher != slot) {
         said += "client is publisher but not current publisher, holding onMetaData for later\n";
-        return true;
-    }
-    if (const std::int32_t width = size_in(conn.metadata, "width"); width > 0) {
-        conn.width = width;
-    }
-    if (const std::int32_t height = size_in(conn.metadata, "height"); height > 0) {
-        conn.height = height;
+        return;
     }
     for (const Track track : {AUDIO, VIDEO}) {
-        if (const std::uint32_t codec = codec_in(conn.metadata, track); codec != 0) {
-            conn.codec_id[track] = codec;
+        if (const std::uint32_t codec = received.metadata.codec_id[track]; codec != 0) {
+            conn.format.codec_id[track] = codec;
         }
     }
-    if (conn.metadata.has_members()) {
-        for (const std::size_t player_slot : stream.players) {
-            tell(*slots[player_slot], conn.metadata);
-        }
+    for (const std::size_t player_slot : stream.players) {
+        tell(connections.at(player_slot), received.metadata);
     }
-    return true;
 }
 
 void Server::tell(Connection& player, const Metadata& metadata) {
-    if (!format_fits(player, metadata)) {
+    if (!format_fits(player.format, metadata)) {
         player.drop = true;
         return;
     }
@@ -444,26 +230,22 @@ void Server::tell(Connection& player, const Metadata& metadata) {
 }
 
 // Whether the player may continue with this metadata. Also records values the player did not have before.
-bool Server::format_fits(Connection& player, const Metadata& metadata) {
-    const auto fits = [&](auto& known, auto none, auto told, const std::string& text) {
-        if (told <= none || told == known) {
-            return true;
+bool Server::format_fits(Metadata& known, const Metadata& told) {
+    const auto fits = [&](std::uint32_t& known_value, std::uint32_t told_value, const char* text) {
+        if (known_value == 0) {
+            known_value = told_value;
         }
-        if (known <= none) {
-            known = told;
-            return true;
-        }
-        said += text;
-        return false;
+        const bool same = told_value == 0 || told_value == known_value;
+        said += same ? "" : text;
+        return same;
     };
-    return fits(player.width, 0, size_in(metadata, "width"), "width changed\n") &&
-           fits(player.height, 0, size_in(metadata, "height"), "height changed\n") &&
-           fits(player.codec_id[AUDIO], 0U, codec_in(metadata, AUDIO), "audio fourcc changed\n") &&
-           fits(player.codec_id[VIDEO], 0U, codec_in(metadata, VIDEO), "video fourcc changed\n");
+    return fits(known.width, told.width, "width changed\n") &&
+           fits(known.height, told.height, "height changed\n") &&
+           fits(known.codec_id[AUDIO], told.codec_id[AUDIO], "audio fourcc changed\n") &&
+           fits(known.codec_id[VIDEO], told.codec_id[VIDEO], "video fourcc changed\n");
 }
 
-bool Server::media(std::size_t slot, const Message& message) {
-    Connection& conn = *slots[slot];
+bool Server::media(std::size_t slot, Connection& conn, const Message& message) {
     if (conn.role != Connection::Role::PUBLISHER) {
         return true;
     }
@@ -484,7 +266,7 @@ bool Server::media(std::size_t slot, const Message& message) {
 
     Stream& stream = streams[conn.name];
     if (stream.publisher && *stream.publisher != slot) {
-        Connection& rival = *slots[*stream.publisher];
+        Connection& rival = connections.at(*stream.publisher);
         if (rival.stalls_at_us <= now_us) {
             said += "Existing RTMP publisher for stream stalled, taking over as publisher\n";
             rival.stalls_at_us = 0;
@@ -494,28 +276,27 @@ bool Server::media(std::size_t slot, const Message& message) {
         }
     }
     if (!stream.publisher) {
-        stream.publisher = slot;
-        time_reset(stream);
+        set_publisher(stream, slot);
     }
     if (message.timestamp > limit) {
         return false;
     }
-    if (!relay(slot, message)) {
+    if (!relay(slot, conn, message)) {
         said += "A/V error\n";
         conn.drop = true;
     }
     return true;
 }
 
-void Server::time_reset(const Stream& stream) {
+void Server::set_publisher(Stream& stream, std::size_t slot) {
+    stream.publisher = slot;
     said += "Notifing subscribers of time reset\n";
     for (const std::size_t player_slot : stream.players) {
-        Connection& player = *slots[player_slot];
+        Connection& player = connections.at(player_slot);
         if (player.source_base) {
             player.offset = player.last_sent + *player.source_base + RESET_GAP_MS;
         }
         player.source_base.reset();
-        player.first_timestamp = 0;
         if (player.header_delivered[AUDIO] || player.header_delivered[VIDEO]) {
             said += "Dropping subscriber because format change\n";
             player.drop = true;
@@ -523,8 +304,7 @@ void Server::time_reset(const Stream& stream) {
     }
 }
 
-bool Server::relay(std::size_t slot, const Message& message) {
-    Connection& conn = *slots[slot];
+bool Server::relay(std::size_t slot, Connection& conn, const Message& message) {
     if (conn.name.empty()) {
         said += "A/V packet without a stream name\n";
         return false;
@@ -537,13 +317,12 @@ bool Server::relay(std::size_t slot, const Message& message) {
         conn.saved_header[track] = message;
         said += track == VIDEO ? "RTMP: Saving a copy of the H.264 sequence header\n"
                                : "RTMP: Saving a copy of the audio sequence header\n";
-        said += packet_dump(message);
     }
     Stream& stream = streams[conn.name];
     stream.active_us = now_us;
     if (stream.publisher == slot) {
         for (const std::size_t player_slot : stream.players) {
-            relay_to(*slots[player_slot], conn, message);
+            relay_to(connections.at(player_slot), conn, message);
         }
     }
     return true;
@@ -552,15 +331,13 @@ bool Server::relay(std::size_t slot, const Message& message) {
 bool Server::agree_on_codec(Connection& publisher, Track track, const std::string& payload) {
     std::int32_t& lock = publisher.lock[track];
     const std::string lock_text = std::string("Lock on ") + TRACK_NAME[track] + " type ";
-    if (const std::uint32_t announced = publisher.codec_id[track]; announced != 0) {
+    if (const std::uint32_t announced = publisher.format.codec_id[track]; announced != 0) {
         const auto wanted = static_cast<std::int32_t>(announced);
         if (lock != wanted) {
             lock = wanted;
-            char text[32];
-            const char four[5] = {static_cast<char>(announced >> 24), static_cast<char>(announced >> 16),
-                                  static_cast<char>(announced >> 8), static_cast<char>(announced), '\0'};
-            std::snprintf(text, sizeof text, " (0x%x) '%s'\n", announced, four);
-            said += lock_text + std::to_string(wanted) + text;
+            char hex[16];
+            std::snprintf(hex, sizeof hex, "0x%x", announced);
+            said += lock_text + std::to_string(wanted) + " (" + hex + ") ''\n";
         }
         return true;
     }

@@ -1,7 +1,8 @@
 #include "tests/model/schedule.h"
 
 #include <array>
-#include <limits>
+#include <map>
+#include <random>
 
 #include "tests/support/amf_bytes.h"
 
@@ -11,18 +12,10 @@ using reference::Request;
 
 namespace {
 
-constexpr std::uint64_t mixed(std::uint64_t value) {
-    value += 0x9E3779B97F4A7C15ULL;
-    value = (value ^ (value >> 30)) * 0xBF58476D1CE4E5B9ULL;
-    value = (value ^ (value >> 27)) * 0x94D049BB133111EBULL;
-    return value ^ (value >> 31);
-}
-
 class Random {
   public:
-    explicit Random(std::uint64_t seed) : state(mixed(seed)) {}
+    explicit Random(std::uint64_t seed) : bits(seed) {}
 
-    std::uint64_t bits() { return mixed(state++); }
     std::size_t below(std::size_t end) { return bits() % end; }
     bool percent(unsigned chance) { return below(100) < chance; }
     template <typename Value, std::size_t N>
@@ -31,7 +24,7 @@ class Random {
     }
 
   private:
-    std::uint64_t state;
+    std::mt19937_64 bits;
 };
 
 constexpr std::uint64_t MS = 1000;
@@ -65,9 +58,6 @@ constexpr std::array<std::uint64_t, 24> WAITS{0,
                                               3600 * SECOND,
                                               WRAP - 10 * MS};
 
-// Possible times to handle a message, to end a turn of 20 ms early.
-constexpr std::array<std::uint64_t, 7> COSTS{1, 5 * MS, 10 * MS, 20 * MS - 1, 20 * MS, 35 * MS, SECOND};
-
 // The last one is 4 s before the wrap, so that a publisher may stall and be replaced before it.
 constexpr std::array<std::uint32_t, 14> FIRST_TIMESTAMPS{
     0,          0,          0,          1,          5000,       0xFFFFFA,   0xFFFFFF,
@@ -79,22 +69,15 @@ constexpr std::array<std::int64_t, 24> TIMESTAMP_STEPS{
     250, -1, -10, -40, 1000, 2500, 5000, 5001, -5001, 3600000, -3600000, 0x80000000LL};
 
 const std::array<std::string, 4> STREAM_NAMES{"a", "b", "cam_1", ""};
+const std::map<Request, const char*> COMMANDS{
+    {Request::CREATE_STREAM, "createStream"}, {Request::PUBLISH, "publish"}, {Request::PLAY, "play"}};
+constexpr std::array<Request, 3> ANY_COMMAND{Request::CREATE_STREAM, Request::PUBLISH, Request::PLAY};
 
-constexpr double NAN_NUMBER = std::numeric_limits<double>::quiet_NaN();
-
-// A missing member is a string of one blank; see member_of().
-const Metadata::Value MISSING = std::string(" ");
-
-const std::array<Metadata::Value, 12> SIZES{MISSING, 640.0, 640.0, 640.0,      1280.0, 1280.4,
-                                            719.5,   0.4,   -5.0,  NAN_NUMBER, 1e300,  std::string("640")};
-const std::array<Metadata::Value, 8> OTHER_SIZES{MISSING, 360.0, 360.0,        720.0,
-                                                 0.5,     0.0,   2147483647.0, 2147483648.0};
-const std::array<Metadata::Value, 14> AUDIO_CODECS{
-    MISSING,      MISSING,      MISSING,      10.0,       10.0, 2.0,    std::string("mp4a"),
-    1836069985.0, 4294967295.0, 4294967306.0, NAN_NUMBER, -1.0, -1e300, 0.0};
-const std::array<Metadata::Value, 14> VIDEO_CODECS{
-    MISSING,      MISSING, MISSING, 7.0,          7.4,          2.0,          std::string("avc1"),
-    1752589105.0, 0.49,    0.5,     2147483648.0, 4294967295.4, 4294967295.5, -0.5};
+// 0: absent.
+constexpr std::array<std::uint32_t, 8> WIDTHS{0, 640, 640, 640, 640, 640, 1280, 2147483647};
+constexpr std::array<std::uint32_t, 6> HEIGHTS{0, 360, 360, 360, 720, 1};
+constexpr std::array<std::uint32_t, 8> AUDIO_CODECS{0, 0, 0, 0, 10, 10, 2, 1};
+constexpr std::array<std::uint32_t, 8> VIDEO_CODECS{0, 0, 0, 0, 7, 7, 2, 12};
 
 const std::array<std::string, 10> AUDIO_PAYLOADS{
     std::string("\xAF\x00\x12\x10", 4), "\xAF\x01", "\xAF\x01", "\xAF\x01", "\x2F\xFF",
@@ -130,7 +113,7 @@ class Generator {
   public:
     explicit Generator(std::uint64_t seed) : random(seed) { schedule.seed = seed; }
 
-    Schedule draw(std::size_t passes);
+    Schedule draw();
 
   private:
     void join();
@@ -138,13 +121,11 @@ class Generator {
     void one_action();
     void media(Client& client);
     void metadata(Client& client);
-    void odd_message(Client& client);
-    void pass();
-    void receive(const Client& client, Request request, std::uint8_t type, std::string name = {});
+    void command(const Client& client, Request request);
+    void receive(const Client& client, const Received& received, bool on_own_stream);
     Action& add(Action::Kind kind, std::uint32_t connection);
     std::string media_payload(const Client& client, bool video);
     const std::string& stream_name();
-    Metadata random_metadata();
     Client& any_client() { return clients[random.below(clients.size())]; }
     Client& any_publisher();
 
@@ -156,7 +137,6 @@ class Generator {
     // Properties of the schedule.
     unsigned plain_wait_percent = 0;
     unsigned odd_percent = 0;
-    unsigned slow_percent = 0;
     std::size_t names = 1;
 };
 
@@ -167,17 +147,22 @@ Action& Generator::add(Action::Kind kind, std::uint32_t connection) {
     return action;
 }
 
-void Generator::receive(const Client& client, Request request, std::uint8_t type, std::string name) {
+void Generator::receive(const Client& client, const Received& received, bool on_own_stream) {
     Action& action = add(Action::Kind::RECEIVE, client.connection);
-    Received& received = action.received;
-    received.request = request;
-    received.name = std::move(name);
-    received.message.type = type;
-    received.message.chunk_stream_id =
-        random.percent(90) ? 3 : 64 + static_cast<std::uint32_t>(random.below(9));
-    received.message.message_stream_id = static_cast<std::uint32_t>(random.below(2));
-    received.transaction_id = static_cast<double>(random.below(9));
-    received.cost_us = random.percent(slow_percent) ? random.one_of(COSTS) : 0;
+    action.received = received;
+    action.on_own_stream = on_own_stream;
+}
+
+void Generator::command(const Client& client, Request request) {
+    const std::string& name = stream_name();
+    Bytes payload = amf_string(COMMANDS.at(request)) + amf_number(reference::TRANSACTION_ID) + amf_null();
+    if (request != Request::CREATE_STREAM) {
+        payload += amf_string(name);
+    }
+    if (request == Request::PUBLISH) {
+        payload += amf_string("live");
+    }
+    receive(client, {.request = request, .message = {20, 0, 3, 0, payload}, .name = name}, false);
 }
 
 const std::string& Generator::stream_name() {
@@ -193,13 +178,12 @@ void Generator::join() {
     client.mp3 = random.percent(15);
     client.h263 = random.percent(15);
     client.on_own_stream = random.percent(50);
-    add(Action::Kind::JOIN, client.connection).admitted = !random.percent(1);
+    add(Action::Kind::JOIN, client.connection);
     if (random.percent(80)) {
-        receive(client, Request::CREATE_STREAM, 20);
+        command(client, Request::CREATE_STREAM);
     }
     if (!random.percent(2)) {
-        receive(client, client.publishes ? Request::PUBLISH : Request::PLAY, 20,
-                random.percent(1) ? "a-b" : stream_name());
+        command(client, client.publishes ? Request::PUBLISH : Request::PLAY);
     }
     if (clients.size() == MOST_CLIENTS) {
         clients.erase(clients.begin());
@@ -209,19 +193,13 @@ void Generator::join() {
 
 void Generator::leave() {
     const std::size_t idx = random.below(clients.size());
-    const Client client = clients[idx];
-    const std::size_t way = random.below(10);
-    if (way < 5) {
-        add(Action::Kind::READER_ENDS, client.connection);
-    } else if (way < 7) {
-        add(Action::Kind::WRITER_ENDS, client.connection);
-    } else if (way < 9) {
-        add(Action::Kind::DROP, client.connection);
-    } else {
-        receive(client, Request::DELETE_STREAM, 20);
+    const std::uint32_t connection = clients[idx].connection;
+    const bool reader_ends = random.percent(60);
+    if (reader_ends) {
+        add(Action::Kind::READER_ENDS, connection);
     }
-    if (way < 3) {
-        add(Action::Kind::DROP, client.connection);
+    if (!reader_ends || random.percent(50)) {
+        add(Action::Kind::DROP, connection);
     }
     if (random.percent(80)) {
         clients.erase(clients.begin() + static_cast<std::ptrdiff_t>(idx));
@@ -264,73 +242,25 @@ void Generator::media(Client& client) {
     if (random.percent(client.timestamp == 0 ? 20 : 1)) {
         client.timestamp = random.one_of(FIRST_TIMESTAMPS);
     }
-    receive(client, Request::MEDIA, video ? 9 : 8);
-    Action& action = schedule.actions.back();
-    action.on_own_stream = client.on_own_stream;
-    reference::Message& message = action.received.message;
-    message.timestamp = client.timestamp;
-    message.chunk_stream_id = video ? 6 : 4;
-    message.message_stream_id = random.percent(97) ? 1 : 2;
-    message.payload = media_payload(client, video);
-}
-
-Metadata Generator::random_metadata() {
-    Metadata metadata;
-    const std::size_t kind = random.below(20);
-    metadata.kind = kind == 0   ? Metadata::Kind::NUMBER
-                    : kind == 1 ? Metadata::Kind::NOTHING
-                    : kind < 10 ? Metadata::Kind::OBJECT
-                                : Metadata::Kind::ECMA_ARRAY;
-    metadata.number = 7;
-    const auto add_member = [&](const char* key, const Metadata::Value& value) {
-        if (value != MISSING) {
-            metadata.members.emplace(key, value);
-        }
-    };
-    // Mostly the same metadata, because otherwise its players would soon be dropped.
-    const bool plain = random.percent(60);
-    add_member("width", plain ? SIZES[1] : random.one_of(SIZES));
-    add_member("height", plain ? OTHER_SIZES[1] : random.one_of(OTHER_SIZES));
-    add_member("audiocodecid", plain ? AUDIO_CODECS[random.below(4)] : random.one_of(AUDIO_CODECS));
-    add_member("videocodecid", plain ? VIDEO_CODECS[random.below(4)] : random.one_of(VIDEO_CODECS));
-    add_member("serial", static_cast<double>(++serial));
-    return metadata;
+    const std::uint8_t type = video ? 9 : 8;
+    const std::uint32_t message_stream = random.percent(97) ? 1 : 2;
+    receive(
+        client,
+        {.message = {type, client.timestamp, video ? 6U : 4U, message_stream, media_payload(client, video)}},
+        client.on_own_stream);
 }
 
 void Generator::metadata(Client& client) {
-    receive(client, Request::SET_METADATA, 18);
-    schedule.actions.back().received.metadata = random_metadata();
-}
-
-void Generator::odd_message(Client& client) {
-    switch (random.below(13)) {
-        case 0:
-            return receive(client, Request::BARE_METADATA, 18);
-        case 1:
-            return receive(client, Request::SET_OTHER, 18, "onCuePoint");
-        case 2:
-            return receive(client, Request::SET_NOTHING, 18);
-        case 3:
-            return receive(client, Request::EMPTY_DATA, 18);
-        case 4:
-            return receive(client, Request::OTHER_TYPE, 4);
-        case 5:
-            return receive(client, Request::EMPTY_COMMAND, 20);
-        case 6:
-            return receive(client, Request::STREAM_LENGTH, 20);
-        case 7:
-            return receive(client, Request::RELEASE_STREAM, 20);
-        case 8:
-            return receive(client, Request::CREATE_STREAM, 20);
-        case 9:
-            return receive(client, Request::UNKNOWN_COMMAND, 20, "pause");
-        case 10:
-            return receive(client, Request::PUBLISH_RECORD, 20, stream_name());
-        case 11:
-            return receive(client, Request::PLAY, 20, stream_name());
-        default:
-            return receive(client, Request::PUBLISH, 20, stream_name());
-    }
+    Metadata metadata{.serial = ++serial};
+    // Mostly the same metadata, because otherwise its players would soon be dropped.
+    const bool plain = random.percent(60);
+    metadata.width = plain ? 640 : random.one_of(WIDTHS);
+    metadata.height = plain ? 360 : random.one_of(HEIGHTS);
+    metadata.codec_id = {plain ? 0 : random.one_of(AUDIO_CODECS), plain ? 0 : random.one_of(VIDEO_CODECS)};
+    const Bytes payload = amf_string("@setDataFrame") + amf_string("onMetaData") + metadata.encoded();
+    receive(client,
+            {.request = Request::SET_METADATA, .message = {18, 0, 4, 1, payload}, .metadata = metadata},
+            false);
 }
 
 void Generator::one_action() {
@@ -342,135 +272,52 @@ void Generator::one_action() {
     } else if (choice < 25) {
         metadata(any_publisher());
     } else if (choice < 25 + odd_percent) {
-        odd_message(any_client());
+        command(any_client(), random.one_of(ANY_COMMAND));
     } else {
         media(any_publisher());
     }
 }
 
-void Generator::pass() {
-    add(Action::Kind::PASS, 0).wait_us = random.percent(plain_wait_percent) ? 10 * MS : random.one_of(WAITS);
-}
-
-Schedule Generator::draw(std::size_t passes) {
+Schedule Generator::draw() {
     schedule.start_us = random.percent(95) ? 1000 * SECOND + random.below(SECOND) : random.below(6 * SECOND);
-    schedule.first_slot = random.percent(90) ? 0 : 120 + random.below(8);
     plain_wait_percent = random.percent(50) ? 80 : 30;
     odd_percent = random.percent(20) ? 10 : 1;
-    slow_percent = random.percent(80) ? 0 : 50;
     names = random.percent(70) ? 1 : 3;
-    const std::size_t wanted = passes != 0 ? passes : 10 + random.below(26);
-    schedule.actions.reserve(3 * wanted + 8);
-
     for (std::size_t i = random.below(5); i > 0; --i) {
         join();
     }
-    for (std::size_t done = 0; done < wanted; ++done) {
+    for (std::size_t passes = 10 + random.below(26); passes > 0; --passes) {
         const std::size_t messages = random.percent(5) ? random.below(9) : random.below(4);
         for (std::size_t i = 0; i < messages; ++i) {
             one_action();
         }
-        pass();
+        add(Action::Kind::PASS, 0).wait_us =
+            random.percent(plain_wait_percent) ? 10 * MS : random.one_of(WAITS);
     }
     return std::move(schedule);
 }
 
-std::string stream_command(const Received& received, const char* name) {
-    return amf_string(name) + amf_number(received.transaction_id) + amf_null();
-}
-
-// Uses an order of members different from the stored one.
-std::string metadata_bytes(const Metadata& metadata) {
-    if (!metadata.has_members()) {
-        return metadata.encoded();
-    }
-    AmfMembers members;
-    for (auto member = metadata.members.rbegin(); member != metadata.members.rend(); ++member) {
-        const double* const number = std::get_if<double>(&member->second);
-        members.emplace_back(member->first, number != nullptr
-                                                ? amf_number(*number)
-                                                : amf_string(std::get<std::string>(member->second)));
-    }
-    return metadata.kind == Metadata::Kind::OBJECT
-               ? amf_object(members)
-               : amf_ecma_array(static_cast<std::uint32_t>(members.size()), members);
-}
-
 }  // namespace
 
-Schedule make_schedule(std::uint64_t seed, std::size_t passes) {
-    return Generator(seed).draw(passes);
-}
-
-std::uint32_t random_number(std::uint64_t seed, std::uint64_t draw) {
-    const std::uint64_t bits = mixed(seed ^ mixed(draw));
-    return bits % 16 == 0 ? 0 : static_cast<std::uint32_t>(bits >> 33);
-}
-
-std::string encoded(const Received& received) {
-    const Bytes setter = amf_string("@setDataFrame");
-    switch (received.request) {
-        case Request::MEDIA:
-            return received.message.payload;
-        case Request::CREATE_STREAM:
-            return stream_command(received, "createStream");
-        case Request::PUBLISH:
-            return stream_command(received, "publish") + amf_string(received.name) + amf_string("live");
-        case Request::PUBLISH_RECORD:
-            return stream_command(received, "publish") + amf_string(received.name) + amf_string("record");
-        case Request::PLAY:
-            return stream_command(received, "play") + amf_string(received.name);
-        case Request::RELEASE_STREAM:
-            return stream_command(received, "releaseStream") + amf_string("a");
-        case Request::STREAM_LENGTH:
-            return stream_command(received, "getStreamLength") + amf_string("a");
-        case Request::DELETE_STREAM:
-            return stream_command(received, "deleteStream") + amf_number(1);
-        case Request::UNKNOWN_COMMAND:
-            return stream_command(received, received.name.c_str());
-        case Request::SET_METADATA:
-            return setter + amf_string("onMetaData") + metadata_bytes(received.metadata);
-        case Request::BARE_METADATA:
-            return amf_string("onMetaData") + amf_null();
-        case Request::SET_OTHER:
-            return setter + amf_string(received.name) + amf_null();
-        case Request::SET_NOTHING:
-            return setter;
-        case Request::OTHER_TYPE:
-            return std::string(6, '\0');
-        case Request::EMPTY_COMMAND:
-        case Request::EMPTY_DATA:
-            return {};
-    }
-    return {};
+Schedule make_schedule(std::uint64_t seed) {
+    return Generator(seed).draw();
 }
 
 std::string shown(const Action& action) {
-    static const std::array<const char*, 16> REQUESTS{
-        "media",           "createStream", "publish",    "publish record", "play",         "releaseStream",
-        "getStreamLength", "deleteStream", "unknown",    "empty command",  "set metadata", "bare metadata",
-        "set other",       "set nothing",  "empty data", "other type"};
-    const std::string who = "connection " + std::to_string(action.connection);
-    switch (action.kind) {
-        case Action::Kind::JOIN:
-            return who + (action.admitted ? " joins" : " joins without connect");
-        case Action::Kind::READER_ENDS:
-            return who + ": its reader ends";
-        case Action::Kind::WRITER_ENDS:
-            return who + ": its writer ends";
-        case Action::Kind::DROP:
-            return who + ": is to be dropped";
-        case Action::Kind::PASS:
-            return std::to_string(action.wait_us) + " us pass; the main loop runs";
-        case Action::Kind::RECEIVE:
-            break;
+    static constexpr std::array<const char*, 4> KINDS{" joins", " sends ", ": its reader ends",
+                                                      " is to be dropped"};
+    if (action.kind == Action::Kind::PASS) {
+        return std::to_string(action.wait_us) + " us pass; the main loop runs";
     }
-    const Received& received = action.received;
-    const reference::Message& message = received.message;
-    return who + " sends (" + std::to_string(received.cost_us) + " us) " +
-           REQUESTS[static_cast<std::size_t>(received.request)] + " '" + received.name + "' type " +
-           std::to_string(message.type) + " timestamp " + std::to_string(message.timestamp) +
+    const std::string text =
+        "connection " + std::to_string(action.connection) + KINDS[static_cast<std::size_t>(action.kind)];
+    return action.kind == Action::Kind::RECEIVE
+               ? text + (action.on_own_stream ? "on its own stream " : "") + shown(action.received.message)
+               : text;
+}
+
+std::string shown(const reference::Message& message) {
+    return "type " + std::to_string(message.type) + " timestamp " + std::to_string(message.timestamp) +
            " chunk stream " + std::to_string(message.chunk_stream_id) + " message stream " +
-           (action.on_own_stream ? "its own" : std::to_string(message.message_stream_id)) + " payload " +
-           to_hex(encoded(received));
+           std::to_string(message.message_stream_id) + " payload " + to_hex(message.payload);
 }

@@ -11,11 +11,10 @@
 #include "tests/model/reference_server.h"
 
 struct Action {
-    enum class Kind { JOIN, RECEIVE, READER_ENDS, WRITER_ENDS, DROP, PASS };
+    enum class Kind { JOIN, RECEIVE, READER_ENDS, DROP, PASS };
 
     Kind kind = Kind::PASS;
     std::uint32_t connection = 0;  // for all but PASS
-    bool admitted = true;          // for JOIN
     reference::Received received;  // for RECEIVE
     bool on_own_stream = false;    // for RECEIVE: on the message stream id that the client was given
     std::uint64_t wait_us = 0;     // for PASS: before it
@@ -24,18 +23,12 @@ struct Action {
 struct Schedule {
     std::uint64_t seed = 0;
     std::uint64_t start_us = 0;
-    std::size_t first_slot = 0;
     std::vector<Action> actions;
 };
 
-// Returns the schedule with this seed and number of passes. 0: the seed determines the number, 10 to 35.
-Schedule make_schedule(std::uint64_t seed, std::size_t passes);
+// Returns the schedule with this seed.
+Schedule make_schedule(std::uint64_t seed);
 
-// Returns the draw-th random number of the server for this seed.
-std::uint32_t random_number(std::uint64_t seed, std::uint64_t draw);
-
-// Returns the payload of this request.
-std::string encoded(const reference::Received& received);
-
-// Returns one line for an action.
+// Return one line for an action, and one for a message.
 std::string shown(const Action& action);
+std::string shown(const reference::Message& message);

@@ -49,6 +49,7 @@ class Replaying {
         connections_free_scan = 0;
         fake_clock_us = START_US;
         printed_text.clear();
+        printed_dumps.clear();
         random_source = [draws = 0U]() mutable { return random_number(draws++); };
     }
     Replaying(const Replaying&) = delete;
@@ -71,7 +72,7 @@ class Replaying {
         for (int i = 0; i < PASSES_AFTERWARDS; ++i) {
             sleep();
         }
-        result.printed = printed_text;
+        result.printed = printed_text + printed_dumps;
         return std::move(result);
     }
 

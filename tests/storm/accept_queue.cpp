@@ -1,8 +1,8 @@
 #include "tests/storm/accept_queue.h"
 
+#include <cstdio>
 #include <fstream>
 #include <mutex>
-#include <sstream>
 #include <string>
 
 #include "tests/support/test_failure.h"
@@ -11,76 +11,30 @@ namespace {
 
 // Below the server's backlog of 20.
 constexpr std::size_t MOST_WAITING = 15;
-const std::string PORT_1935 = ":078F";
-const std::string LISTENING = "0A";
-const std::string ESTABLISHED = "01";
 
-struct SocketLine {
-    std::string local;
-    std::string state;
-    std::size_t waiting = 0;  // of a listening socket: connections not yet accepted
-};
-
-bool read_line(std::istream& file, SocketLine& socket_line) {
-    std::string line;
-    if (!std::getline(file, line)) {
-        return false;
-    }
-    std::istringstream fields(line);
-    std::string slot, remote, queues;
-    fields >> slot >> socket_line.local >> remote >> socket_line.state >> queues;
-    if (slot != "sl") {
-        socket_line.waiting = std::stoul(queues.substr(queues.find(':') + 1), nullptr, 16);
-    }
-    return true;
-}
-
+// Returns the number of connections that the listening socket on port 1935 has not yet accepted.
 std::size_t accept_queue_length() {
     std::ifstream file("/proc/self/net/tcp");
-    SocketLine line;
-    // Listening sockets come first.
-    while (read_line(file, line)) {
-        if (line.state == LISTENING && line.local.ends_with(PORT_1935)) {
-            return line.waiting;
-        }
-        if (line.state == ESTABLISHED) {
-            break;
+    for (std::string line; std::getline(file, line);) {
+        std::size_t length = 0;
+        if (std::sscanf(line.c_str(), "%*d: %*x:078F %*x:%*x 0A %*x:%zx", &length) == 1) {
+            return length;
         }
     }
     throw TestFailure("nobody listens on port 1935");
-}
-
-bool queue_gets_down_to(std::size_t length, Milliseconds wait) {
-    return holds_within(wait, [length] { return accept_queue_length() <= length; });
 }
 
 }  // namespace
 
 RtmpClient connect_through_queue(const ClientOptions& options) {
     static std::mutex turn;
-    // After one thread has waited in vain, the others need not wait.
-    static bool given_up = false;
     const std::lock_guard guard(turn);
-    given_up = !queue_gets_down_to(MOST_WAITING, given_up ? Milliseconds{0} : DEFAULT_WAIT);
-    if (given_up) {
-        throw TestFailure("the server accepts nobody");
-    }
+    wait_for_accept_queue(MOST_WAITING);
     return RtmpClient(options);
 }
 
-void wait_for_empty_accept_queue(Milliseconds wait) {
-    if (!queue_gets_down_to(0, wait)) {
-        throw TestFailure("the server does not accept everybody");
+void wait_for_accept_queue(std::size_t most_waiting) {
+    if (!holds_within(DEFAULT_WAIT, [&] { return accept_queue_length() <= most_waiting; })) {
+        throw TestFailure("the server accepts nobody");
     }
-}
-
-std::size_t connections_left_to_the_kernel() {
-    std::ifstream file("/proc/self/net/tcp");
-    std::size_t count = 0;
-    SocketLine line;
-    while (read_line(file, line)) {
-        count +=
-            line.local.ends_with(PORT_1935) && line.state != LISTENING && line.state != ESTABLISHED ? 1 : 0;
-    }
-    return count;
 }

@@ -2,15 +2,13 @@
 // the queue full tries again a second later, which would measure the kernel instead of the server.
 #pragma once
 
+#include <cstddef>
+
 #include "tests/support/rtmp_client.h"
 
 // Connects once the queue has room. Threads take turns. Throws TestFailure if the queue stays full or nothing
 // listens on the port.
 RtmpClient connect_through_queue(const ClientOptions& options = {});
 
-// Waits until the server has accepted all connections made so far.
-void wait_for_empty_accept_queue(Milliseconds wait = DEFAULT_WAIT);
-
-// Returns the number of connections on the server's port that the kernel keeps after the process has closed
-// them or ended.
-std::size_t connections_left_to_the_kernel();
+// Waits until at most this many connections are not yet accepted.
+void wait_for_accept_queue(std::size_t most_waiting);

@@ -1,135 +1,85 @@
 #include "tests/storm/crowd.h"
 
 #include <exception>
-#include <vector>
 
 #include "tests/support/test_failure.h"
 
 namespace {
 
+constexpr std::size_t VISITORS = 48;
 constexpr std::size_t LONGEST_STAY_MS = 20;
 constexpr std::size_t LONGEST_PEACE_MS = 30;
 constexpr std::size_t LONGEST_ABSENCE_MS = 300;
 
-// False if the server has ended the visit earlier, on request or not.
-bool come_to(const VisitPoint& point, Visit& visit) {
-    try {
-        point.come_to(visit);
-    } catch (const TestFailure&) {
-        if (!visit.was_interrupted()) {
-            throw;
-        }
-        return false;
-    }
-    return true;
-}
-
-const VisitEnd& draw_end(Visit& visit, bool others_may_be_hit) {
-    while (true) {
-        const VisitEnd& end = visit_ends()[draw(visit.random, visit_ends().size())];
-        if ((!end.needs_free_media || !visit.held) && (!end.may_hit_others || others_may_be_hit)) {
-            return end;
-        }
-    }
-}
-
 }  // namespace
 
 Crowd::Crowd(const CrowdOptions& crowd_options) : options(crowd_options) {
+    const auto start = [this](Deed deed) {
+        threads.push_back(
+            std::async(std::launch::async, &Crowd::keep_doing, this, deed, options.seed + threads.size()));
+    };
     if (!options.server_may_go) {
         ControlPeer control;
         for (const ListedConnection& connection : list_connections(control)) {
             left_alone.insert(connection.address);
         }
+        start(&Crowd::drop_somebody);
     }
-    for (std::size_t i = 0; i < options.visitors; ++i) {
-        visitor_threads.emplace_back([this, i] { receive_visitor(options.seed + 1 + i); });
-    }
-    if (options.drops_at_random) {
-        dropper_thread = std::thread([this] { drop_at_random(options.seed); });
+    for (std::size_t i = 0; i < VISITORS; ++i) {
+        start(&Crowd::pay_visit);
     }
 }
 
-Crowd::~Crowd() {
-    stop();
-    try {
-        wait();
-    } catch (const std::exception&) {
-        // Without wait(), the test is already failing for another reason.
+std::size_t Crowd::wait() {
+    for (std::future<void>& thread : threads) {
+        thread.get();
     }
-}
-
-void Crowd::wait() {
-    for (std::thread& visitor : visitor_threads) {
-        visitor.join();
-    }
-    visitor_threads.clear();
-    if (dropper_thread.joinable()) {
-        dropper_thread.join();
-    }
-    if (!failure.empty()) {
-        throw TestFailure(failure);
-    }
+    return connections_opened;
 }
 
 bool Crowd::goes_on() const {
     return !stop_requested && (options.connections == 0 || connections_opened < options.connections);
 }
 
-template <typename Work>
-void Crowd::with_control(Random& random, Work work) {
+void Crowd::keep_doing(Deed deed, std::uint64_t seed) {
+    Random random(seed);
     while (goes_on()) {
         try {
             ControlPeer control;
-            work(control);
-        } catch (const std::exception& error) {
+            while (goes_on()) {
+                (this->*deed)(random, control);
+            }
+        } catch (const std::exception&) {
             if (!options.server_may_go) {
-                note_failure(error.what());
+                stop_requested = true;
+                throw;
             }
             // The next server needs a moment to start, and visitors stay away for a while.
-            std::this_thread::sleep_for(Milliseconds{draw(random, LONGEST_ABSENCE_MS)});
+            linger(random, LONGEST_ABSENCE_MS);
         }
     }
-}
-
-void Crowd::receive_visitor(std::uint64_t seed) {
-    Random random(seed);
-    with_control(random, [&](ControlPeer& control) {
-        while (goes_on()) {
-            pay_visit(random, control);
-        }
-    });
 }
 
 void Crowd::pay_visit(Random& random, ControlPeer& control) {
     const std::size_t number = visits++;
-    const VisitPoint& point = visit_points()[number % visit_points().size()];
     Visit visit(random, number);
-    std::string ended_by = "somebody else, on the way";
-    if (come_to(point, visit)) {
-        std::this_thread::sleep_for(Milliseconds{draw(random, LONGEST_STAY_MS)});
-        const VisitEnd& end = draw_end(visit, options.drops_at_random);
-        end.carry_out(visit, control);
-        ended_by = end.name;
+    try {
+        visit_points()[number % visit_points().size()](visit);
+    } catch (const TestFailure&) {
+        if (!visit.was_interrupted()) {
+            throw;
+        }
     }
+    linger(random, LONGEST_STAY_MS);
+    visit_ends()[draw(random, visit_ends().size())](visit, control);
     if (visit.held) {
         drop_by_stream_name(control, visit.own_stream);
     }
     connections_opened += visit.clients.size();
-    note_visit(point.name, ended_by);
-}
-
-void Crowd::drop_at_random(std::uint64_t seed) {
-    Random random(seed);
-    with_control(random, [&](ControlPeer& control) {
-        while (goes_on()) {
-            std::this_thread::sleep_for(Milliseconds{draw(random, LONGEST_PEACE_MS)});
-            drop_somebody(random, control);
-        }
-    });
 }
 
 void Crowd::drop_somebody(Random& random, ControlPeer& control) {
+    linger(random, LONGEST_PEACE_MS);
     std::vector<ListedConnection> connections = list_connections(control);
     if (draw(random, 8) == 0) {
         drop_by_stream_name(control, "");
@@ -138,18 +88,4 @@ void Crowd::drop_somebody(Random& random, ControlPeer& control) {
         return left_alone.contains(connection.address) || draw(random, 6) != 0;
     });
     drop_listed(control, connections);
-}
-
-void Crowd::note_visit(const std::string& point, const std::string& end) {
-    const std::lock_guard guard(mutex);
-    ++visits_by_point[point];
-    ++visits_by_end[end];
-}
-
-void Crowd::note_failure(const std::string& what) {
-    stop_requested = true;
-    const std::lock_guard guard(mutex);
-    if (failure.empty()) {
-        failure = what;
-    }
 }

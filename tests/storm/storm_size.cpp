@@ -1,7 +1,5 @@
 #include "tests/storm/storm_size.h"
 
-#include <sched.h>
-
 #include <cstdlib>
 #include <iostream>
 #include <random>
@@ -21,10 +19,4 @@ std::uint64_t storm_seed() {
     const std::uint64_t seed = given != nullptr ? std::stoull(given) : std::random_device()();
     std::cout << "V9_STORM_SEED=" << seed << '\n';
     return seed;
-}
-
-void go_first() {
-    sched_param priority{};
-    priority.sched_priority = sched_get_priority_min(SCHED_RR);
-    (void)sched_setscheduler(0, SCHED_RR | SCHED_RESET_ON_FORK, &priority);
 }

@@ -19,7 +19,3 @@ std::uint64_t storm_seed();
 // How much the second half of a storm may add to the memory used after the first half. A leak of 200 bytes
 // for each of a thousand connections exceeds it.
 constexpr std::size_t ALLOWED_GROWTH_KIB = 256;
-
-// For time measurements, which are meaningless on a machine busy with something else. If permitted, gives the
-// calling thread priority over all others, but not the threads and servers it starts.
-void go_first();

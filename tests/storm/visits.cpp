@@ -6,8 +6,9 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <functional>
 #include <optional>
-#include <set>
+#include <sstream>
 #include <thread>
 
 #include "tests/storm/accept_queue.h"
@@ -21,19 +22,10 @@ constexpr std::size_t ANSWER_BYTES = 3073;
 constexpr int SMALL_BUFFER = 2304;
 constexpr std::uint32_t START_MS = 1000;
 constexpr std::uint32_t AN_HOUR_LATER_MS = 3600000;
-constexpr Milliseconds PUBLISHER_STALL{2550};  // 2.5 s, and a little
-
-void linger(Random& random, std::size_t at_most_ms) {
-    std::this_thread::sleep_for(Milliseconds{draw(random, at_most_ms + 1)});
-}
 
 // Returns at least one byte, but not all.
 std::string_view cut(Random& random, std::string_view bytes) {
     return bytes.substr(0, 1 + draw(random, bytes.size() - 1));
-}
-
-Bytes mp3_frame() {
-    return from_hex("2F FF FB 90 64 00 00 00");
 }
 
 Bytes metadata_of_width(double width) {
@@ -43,16 +35,8 @@ Bytes metadata_of_width(double width) {
 
 // ---- the points
 
-void stay_silent(Visit& visit) {
-    visit.open();
-}
-
 void send_part_of_the_greeting(Visit& visit) {
     visit.open().send_bytes(cut(visit.random, "\x03" + Bytes(GREETING_BYTES - 1, 'x')));
-}
-
-void leave_the_answer_unread(Visit& visit) {
-    visit.open().send_bytes("\x03" + Bytes(GREETING_BYTES - 1, 'x'));
 }
 
 void send_part_of_the_echo(Visit& visit) {
@@ -61,19 +45,9 @@ void send_part_of_the_echo(Visit& visit) {
     client.send_bytes(cut(visit.random, client.read_bytes(ANSWER_BYTES).substr(1, 1536)));
 }
 
-void stop_after_the_handshake(Visit& visit) {
-    visit.open_handshaken();
-}
-
 void send_part_of_a_header(Visit& visit) {
     const Bytes header = basic_header(0, 3) + message_header({.payload = Bytes(100, 'x')});
     visit.open_handshaken().send_bytes(cut(visit.random, header));
-}
-
-void send_part_of_a_payload(Visit& visit) {
-    RtmpClient& client = visit.open_connected();
-    const Bytes message = chunked({.type = MSG_VIDEO, .payload = avc_key_frame(1, 20000), .csid = 6});
-    client.send_bytes(cut(visit.random, message));
 }
 
 void send_part_of_a_large_payload(Visit& visit) {
@@ -105,14 +79,6 @@ void play_and_never_read(Visit& visit) {
     linger(visit.random, 300);
 }
 
-void ask_and_never_read(Visit& visit) {
-    RtmpClient& client = visit.open_connected(SMALL_BUFFER);
-    for (int i = 0; i < 3; ++i) {
-        client.send_command(amf_string("releaseStream") + amf_string(std::string(4000, 'x')) + amf_null());
-    }
-    linger(visit.random, 200);
-}
-
 void publish_to_a_player(Visit& visit) {
     RtmpClient& player = visit.open_player(visit.own_stream);
     RtmpClient& publisher = visit.open_publisher();
@@ -131,14 +97,6 @@ void publish_from_the_future(Visit& visit) {
     publisher.send_audio(START_MS, aac_header());
     for (std::uint32_t i = 0; i < 12; ++i) {
         publisher.send_audio(START_MS + AN_HOUR_LATER_MS, aac_frame(i));
-    }
-}
-
-// The reader sleeps from time to time.
-void publish_faster_than_time(Visit& visit) {
-    RtmpClient& publisher = visit.open_publisher();
-    for (std::uint32_t i = 0; i < 20; ++i) {
-        publisher.send_audio(START_MS + 10 * i, aac_frame(i));
     }
 }
 
@@ -166,105 +124,67 @@ void be_dropped_for_a_new_publisher(Visit& visit) {
     visit.await_interruption();
 }
 
-void be_dropped_for_a_new_picture_size(Visit& visit) {
-    RtmpClient& player = visit.open_player(visit.own_stream);
-    RtmpClient& publisher = visit.open_publisher();
-    publisher.send_metadata(metadata_of_width(1280));
-    visit.await_message(player, MSG_DATA);
-    publisher.send_metadata(metadata_of_width(1920));
-    visit.await_interruption();
-}
-
-void be_dropped_for_a_new_codec(Visit& visit) {
-    RtmpClient& publisher = visit.open_publisher();
-    publisher.send_audio(START_MS, aac_header());
-    publisher.send_audio(START_MS, mp3_frame());
-    visit.await_interruption();
-}
-
-void be_dropped_by_a_takeover(Visit& visit) {
-    RtmpClient& publisher = visit.open_publisher();
-    publisher.send_audio(START_MS, aac_header());
-    (void)publisher.round_trip();
-    RtmpClient& rival = visit.open_publisher();
-    std::this_thread::sleep_for(PUBLISHER_STALL);
-    rival.send_audio(START_MS, aac_header());
-    visit.await_interruption();
-}
-
 // ---- the ends
 
-std::vector<RtmpClient*> open_clients(Visit& visit) {
-    std::vector<RtmpClient*> found;
-    for (RtmpClient& client : visit.clients) {
-        if (client.is_open()) {
-            found.push_back(&client);
-        }
-    }
-    return found;
-}
-
 // Data from the server precedes the end of the stream and may fill the buffers, so it is read and discarded.
-bool is_closed_by_server(const RtmpClient& client) {
+bool is_closed_by_server(const RtmpClient* client) {
     std::array<char, 65536> ignored{};
     ssize_t count = 0;
     do {
-        count = recv(client.descriptor(), ignored.data(), ignored.size(), MSG_DONTWAIT);
+        count = recv(client->descriptor(), ignored.data(), ignored.size(), MSG_DONTWAIT);
     } while (count > 0);
     return count == 0 || (errno != EAGAIN && errno != EINTR);
 }
 
-void await_close(const RtmpClient& client) {
-    const TimePoint deadline = SteadyClock::now() + DEFAULT_WAIT;
-    while (!is_closed_by_server(client)) {
-        pollfd entry{client.descriptor(), POLLIN, 0};
-        if (poll(&entry, 1, poll_timeout_ms(deadline)) == 0) {
-            throw TestFailure("the server has not closed the connection of " + client.local_address());
-        }
+// Repeats the request until the server has closed all connections of the visit.
+void await_close(Visit& visit, const std::function<void()>& request) {
+    const bool closed = holds_within(DEFAULT_WAIT, [&] {
+        request();
+        const std::vector<RtmpClient*> open = visit.open_clients();
+        return std::all_of(open.begin(), open.end(), is_closed_by_server);
+    });
+    if (!closed) {
+        throw TestFailure("the server has not closed the connections of a visit to " + visit.own_stream);
     }
 }
 
 // Returns the visit's entries in the server's list.
 std::vector<ListedConnection> listed_of(Visit& visit, ControlPeer& control) {
-    std::set<std::string> addresses;
-    for (const RtmpClient* const client : open_clients(visit)) {
-        addresses.insert(client->local_address());
-    }
     std::vector<ListedConnection> listed = list_connections(control);
-    std::erase_if(listed, [&](const ListedConnection& line) { return !addresses.contains(line.address); });
+    std::erase_if(listed, [&](const ListedConnection& line) {
+        return std::none_of(visit.clients.begin(), visit.clients.end(), [&](const RtmpClient& client) {
+            return client.is_open() && client.local_address() == line.address;
+        });
+    });
     return listed;
 }
 
 void close_all(Visit& visit, ControlPeer& /*control*/) {
-    for (RtmpClient* const client : open_clients(visit)) {
+    for (RtmpClient* const client : visit.open_clients()) {
         client->close();
     }
 }
 
 void reset_all(Visit& visit, ControlPeer& /*control*/) {
-    for (RtmpClient* const client : open_clients(visit)) {
+    for (RtmpClient* const client : visit.open_clients()) {
         client->close_with_reset();
     }
 }
 
-void stop_sending_and_be_closed(Visit& visit, ControlPeer& /*control*/) {
-    for (RtmpClient* const client : open_clients(visit)) {
+void stop_sending_and_be_closed(Visit& visit, ControlPeer& control) {
+    for (RtmpClient* const client : visit.open_clients()) {
         (void)shutdown(client->descriptor(), SHUT_WR);  // Fails if the server has closed first.
-        await_close(*client);
     }
+    await_close(visit, [&] {
+        if (visit.held) {
+            drop_by_stream_name(control, visit.own_stream);
+        }
+    });
 }
 
 void be_dropped_by_id(Visit& visit, ControlPeer& control) {
-    const TimePoint deadline = SteadyClock::now() + DEFAULT_WAIT;
-    std::vector<RtmpClient*> left = open_clients(visit);
-    while (!left.empty()) {
-        if (SteadyClock::now() >= deadline) {
-            throw TestFailure("the server does not drop " + left.front()->local_address());
-        }
-        // Some may not have been accepted yet.
-        drop_listed(control, listed_of(visit, control));
-        std::erase_if(left, [](const RtmpClient* client) { return is_closed_by_server(*client); });
-    }
+    // Some may not have been accepted yet.
+    await_close(visit, [&] { drop_listed(control, listed_of(visit, control)); });
 }
 
 void be_dropped_by_stream_name(Visit& visit, ControlPeer& control) {
@@ -272,55 +192,23 @@ void be_dropped_by_stream_name(Visit& visit, ControlPeer& control) {
     close_all(visit, control);
 }
 
-void be_dropped_while_leaving(Visit& visit, ControlPeer& control) {
-    const std::vector<ListedConnection> listed = listed_of(visit, control);
-    reset_all(visit, control);
-    drop_listed(control, listed);
-}
-
-void wait_for_others_and_close(Visit& visit, ControlPeer& control) {
-    linger(visit.random, 300);
-    close_all(visit, control);
-}
-
 }  // namespace
 
-const std::vector<VisitPoint>& visit_points() {
-    static const std::vector<VisitPoint> POINTS = {
-        {"silent", stay_silent},
-        {"in the greeting", send_part_of_the_greeting},
-        {"before the echo", leave_the_answer_unread},
-        {"in the echo", send_part_of_the_echo},
-        {"after the handshake", stop_after_the_handshake},
-        {"in a chunk header", send_part_of_a_header},
-        {"in a payload", send_part_of_a_payload},
-        {"in a large payload", send_part_of_a_large_payload},
-        {"with answers under way", wait_for_no_answer},
-        {"playing nothing", play_and_wait},
-        {"playing", play_what_is_live},
-        {"playing, not reading", play_and_never_read},
-        {"asking, not reading", ask_and_never_read},
-        {"publishing to a player", publish_to_a_player},
-        {"held back", publish_from_the_future},
-        {"paced", publish_faster_than_time},
-        {"logging", give_the_log_much_to_say},
-        {"new publisher", be_dropped_for_a_new_publisher},
-        {"new picture size", be_dropped_for_a_new_picture_size},
-        {"new codec", be_dropped_for_a_new_codec},
-        {"takeover", be_dropped_by_a_takeover},
+const std::vector<void (*)(Visit&)>& visit_points() {
+    static const std::vector<void (*)(Visit&)> POINTS = {
+        send_part_of_the_greeting, send_part_of_the_echo,
+        send_part_of_a_header,     send_part_of_a_large_payload,
+        wait_for_no_answer,        play_and_wait,
+        play_what_is_live,         play_and_never_read,
+        publish_to_a_player,       publish_from_the_future,
+        give_the_log_much_to_say,  be_dropped_for_a_new_publisher,
     };
     return POINTS;
 }
 
-const std::vector<VisitEnd>& visit_ends() {
-    static const std::vector<VisitEnd> ENDS = {
-        {"close", false, false, close_all},
-        {"reset", false, false, reset_all},
-        {"half close", true, false, stop_sending_and_be_closed},
-        {"drop by id", false, false, be_dropped_by_id},
-        {"drop by stream name", false, false, be_dropped_by_stream_name},
-        {"reset and drop", false, true, be_dropped_while_leaving},
-        {"somebody else", false, false, wait_for_others_and_close},
+const std::vector<void (*)(Visit&, ControlPeer&)>& visit_ends() {
+    static const std::vector<void (*)(Visit&, ControlPeer&)> ENDS = {
+        close_all, reset_all, stop_sending_and_be_closed, be_dropped_by_id, be_dropped_by_stream_name,
     };
     return ENDS;
 }
@@ -334,15 +222,14 @@ RtmpClient& Visit::open(int receive_buffer_bytes) {
     return clients.emplace_back(connect_through_queue(options));
 }
 
-RtmpClient& Visit::open_handshaken() {
-    RtmpClient& client = open();
+RtmpClient& Visit::open_handshaken(int receive_buffer_bytes) {
+    RtmpClient& client = open(receive_buffer_bytes);
     (void)client.handshake();
     return client;
 }
 
 RtmpClient& Visit::open_connected(int receive_buffer_bytes) {
-    RtmpClient& client = open(receive_buffer_bytes);
-    (void)client.handshake();
+    RtmpClient& client = open_handshaken(receive_buffer_bytes);
     (void)client.connect_app();
     return client;
 }
@@ -359,16 +246,25 @@ RtmpClient& Visit::open_player(const std::string& stream_name, int receive_buffe
     return client;
 }
 
+std::vector<RtmpClient*> Visit::open_clients() {
+    std::vector<RtmpClient*> found;
+    for (RtmpClient& client : clients) {
+        if (client.is_open()) {
+            found.push_back(&client);
+        }
+    }
+    return found;
+}
+
 bool Visit::was_interrupted() {
-    const std::vector<RtmpClient*> open = open_clients(*this);
-    return std::any_of(open.begin(), open.end(),
-                       [](const RtmpClient* client) { return is_closed_by_server(*client); });
+    const std::vector<RtmpClient*> open = open_clients();
+    return std::any_of(open.begin(), open.end(), is_closed_by_server);
 }
 
 // Whether the server has closed one of the clients, as far as this is visible before unread data.
 bool Visit::await_hang_up(Milliseconds wait) {
     std::vector<pollfd> entries;
-    for (const RtmpClient* const client : open_clients(*this)) {
+    for (const RtmpClient* const client : open_clients()) {
         entries.push_back({client->descriptor(), POLLRDHUP, 0});
     }
     return poll(entries.data(), entries.size(), static_cast<int>(wait.count())) > 0;
@@ -410,18 +306,17 @@ void drop_listed(ControlPeer& control, const std::vector<ListedConnection>& conn
 }
 
 std::vector<ListedConnection> list_connections(ControlPeer& control) {
-    constexpr std::size_t STREAM_NAME_FIELD = 1;
     std::vector<ListedConnection> connections;
     for (const std::string& line : control.ask("list connections").values("connection")) {
-        std::vector<std::string> fields(1);
-        for (const char c : line) {
-            if (c == '\t') {
-                fields.emplace_back();
-            } else {
-                fields.back() += c;
-            }
-        }
-        connections.push_back({fields.at(0), fields.at(STREAM_NAME_FIELD), fields.back()});
+        ListedConnection& connection = connections.emplace_back();
+        std::istringstream fields(line);
+        std::getline(fields, connection.id, '\t');
+        std::getline(fields, connection.stream_name, '\t');
+        connection.address = line.substr(line.rfind('\t') + 1);
     }
     return connections;
+}
+
+void linger(Random& random, std::size_t less_than_ms) {
+    std::this_thread::sleep_for(Milliseconds{draw(random, less_than_ms)});
 }

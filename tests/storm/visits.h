@@ -22,6 +22,8 @@ using Random = std::mt19937_64;
 inline std::size_t draw(Random& random, std::size_t limit) {
     return static_cast<std::size_t>(random() % limit);
 }
+// Waits a random time shorter than this.
+void linger(Random& random, std::size_t less_than_ms);
 
 // One visitor: the clients it has opened, and its random choices.
 class Visit {
@@ -32,10 +34,12 @@ class Visit {
     // Each connects once the accept queue has room, and proceeds to the named state. Throws TestFailure if
     // this fails.
     RtmpClient& open(int receive_buffer_bytes = 0);
-    RtmpClient& open_handshaken();
+    RtmpClient& open_handshaken(int receive_buffer_bytes = 0);
     RtmpClient& open_connected(int receive_buffer_bytes = 0);
     RtmpClient& open_publisher();
     RtmpClient& open_player(const std::string& stream_name, int receive_buffer_bytes = 0);
+    // Returns the clients that the visit has not closed itself.
+    std::vector<RtmpClient*> open_clients();
     // Whether the server has ended one of the clients, on request or not. Discards their unread data.
     bool was_interrupted();
     // Waits for the next message of this type. Throws TestFailure if the visit is interrupted or no such
@@ -53,21 +57,9 @@ class Visit {
     bool await_hang_up(Milliseconds wait);
 };
 
-struct VisitPoint {
-    const char* name;
-    void (*come_to)(Visit& visit);
-};
-const std::vector<VisitPoint>& visit_points();
-
-struct VisitEnd {
-    const char* name;
-    // Not usable with held media, which keeps the connection after the client closes.
-    bool needs_free_media;
-    // Drops by a slot number, which another client may have by then.
-    bool may_hit_others;
-    void (*carry_out)(Visit& visit, ControlPeer& control);
-};
-const std::vector<VisitEnd>& visit_ends();
+// The points of a session that a visit may reach, and the ways to end it there.
+const std::vector<void (*)(Visit&)>& visit_points();
+const std::vector<void (*)(Visit&, ControlPeer&)>& visit_ends();
 
 // Drops every connection on this stream. With an empty name, all that have not chosen a stream.
 void drop_by_stream_name(ControlPeer& control, const std::string& stream_name);

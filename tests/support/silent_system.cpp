@@ -9,6 +9,7 @@
 #include "base/diag.h"
 
 std::string printed_text;
+std::string printed_dumps;
 std::function<std::uint32_t()> random_source;
 
 namespace {
@@ -38,7 +39,7 @@ bool refuse(const char* format, ...) {
 }
 
 void diag_block(std::string_view text) {
-    printed_text += text;
+    printed_dumps += text;
 }
 
 void diag_stdout(const char* /*format*/, ...) {}

@@ -7,8 +7,9 @@
 #include <functional>
 #include <string>
 
-// All text for standard error, in order.
+// All text for standard error, in order: messages, and dumps of values and packets.
 extern std::string printed_text;
+extern std::string printed_dumps;
 
 // The source of rand().
 extern std::function<std::uint32_t()> random_source;
