@@ -1,7 +1,7 @@
 // Preloaded into the server: makes the calls named by V9_FAULT fail. Only calls by the program itself count;
 // calls within its libraries are not affected.
 //
-//   V9_FAULT      fault[;fault...], each CALL[.THREAD][@FROM-TO]:N[+]:ACTION
+//   V9_FAULT      CALL[.THREAD][@FROM-TO]:N[+]:ACTION
 //                 CALL     a name of FAULT_CALL_NAMES
 //                 THREAD   main, reader or writer: only calls by such a thread count
 //                 FROM-TO  addresses of a function in the program, hexadecimal: only calls from it count
@@ -9,8 +9,6 @@
 //                 ACTION   an errno such as EIO; or
 //                          short    recv, send, sendmsg: transfers only one byte
 //                          excess   recv, send, sendmsg: returns one byte more than requested
-//                          refuse   pthread_join: fails without joining
-//                          hold     the call waits until the page says `released`, then proceeds
 //   V9_FAULT_PAGE a file of the size of FaultPage, for the counts and the record
 //
 // With an errno, a call fails without being made. The exceptions are calls whose failure would otherwise
@@ -38,11 +36,9 @@
 
 namespace {
 
-constexpr std::size_t MAX_FAULTS = 4;
 constexpr std::size_t MAX_THREADS = 1024;
-constexpr useconds_t HOLD_POLL_US = 1000;
 
-enum class Action { ERRNO, SHORT, EXCESS, REFUSE, HOLD };
+enum class Action { ERRNO, SHORT, EXCESS };
 
 struct Fault {
     FaultCall call = FaultCall::SOCKET;
@@ -54,7 +50,6 @@ struct Fault {
     bool later_ones_too = false;
     Action action = Action::ERRNO;
     int error = 0;
-    std::atomic<std::uint64_t> seen{0};
 };
 
 struct CreatedThread {
@@ -72,8 +67,8 @@ struct ThreadIdentity {
     std::array<std::uint32_t, FAULT_CALL_NAMES.size()> calls{};
 };
 
-std::array<Fault, MAX_FAULTS> faults;
-std::size_t fault_count = 0;
+Fault planned_fault;
+bool fault_is_planned = false;
 std::uintptr_t program_base = 0;
 std::uintptr_t program_end = 0;
 FaultPage private_page;
@@ -117,17 +112,13 @@ int errno_by_name(std::string_view name) {
     reject(name);
 }
 
-void parse_action(Fault& fault, std::string_view text) {
+void parse_action(std::string_view text) {
     if (text == "short") {
-        fault.action = Action::SHORT;
+        planned_fault.action = Action::SHORT;
     } else if (text == "excess") {
-        fault.action = Action::EXCESS;
-    } else if (text == "refuse") {
-        fault.action = Action::REFUSE;
-    } else if (text == "hold") {
-        fault.action = Action::HOLD;
+        planned_fault.action = Action::EXCESS;
     } else {
-        fault.error = errno_by_name(text);
+        planned_fault.error = errno_by_name(text);
     }
 }
 
@@ -141,29 +132,29 @@ FaultThread thread_by_name(std::string_view name) {
     return name == "writer" ? FaultThread::WRITER : (reject(name), FaultThread::MAIN);
 }
 
-void parse_fault(Fault& fault, std::string_view text) {
+void parse_fault(std::string_view text) {
     std::string_view where = cut(text, ':');
     std::string_view range = where;
     where = cut(range, '@');
     if (!range.empty()) {
-        fault.from = number(cut(range, '-'), 16);
-        fault.to = number(range, 16);
+        planned_fault.from = number(cut(range, '-'), 16);
+        planned_fault.to = number(range, 16);
     }
     const std::string_view name = cut(where, '.');
     const auto* const known = std::find(FAULT_CALL_NAMES.begin(), FAULT_CALL_NAMES.end(), name);
     if (known == FAULT_CALL_NAMES.end()) {
         reject(name);
     }
-    fault.call = static_cast<FaultCall>(known - FAULT_CALL_NAMES.begin());
+    planned_fault.call = static_cast<FaultCall>(known - FAULT_CALL_NAMES.begin());
     if (!where.empty()) {
-        fault.any_thread = false;
-        fault.thread = thread_by_name(where);
+        planned_fault.any_thread = false;
+        planned_fault.thread = thread_by_name(where);
     }
     std::string_view nth = cut(text, ':');
-    fault.later_ones_too = nth.ends_with('+');
-    nth.remove_suffix(fault.later_ones_too ? 1 : 0);
-    fault.nth = number(nth, 10);
-    parse_action(fault, text);
+    planned_fault.later_ones_too = nth.ends_with('+');
+    nth.remove_suffix(planned_fault.later_ones_too ? 1 : 0);
+    planned_fault.nth = number(nth, 10);
+    parse_action(text);
 }
 
 int find_program(dl_phdr_info* info, std::size_t /*size*/, void* /*data*/) {
@@ -193,15 +184,9 @@ void map_page(const char* path) {
         map_page(path);
     }
     const char* const plan = std::getenv("V9_FAULT");
-    std::string_view rest = plan != nullptr ? plan : "";
-    while (!rest.empty()) {
-        // Each number ends at a delimiter, where strtoull stops.
-        const std::string_view text = cut(rest, ';');
-        if (fault_count == MAX_FAULTS) {
-            reject(text);
-        }
-        parse_fault(faults[fault_count], text);
-        ++fault_count;
+    if (plan != nullptr) {
+        parse_fault(plan);
+        fault_is_planned = true;
     }
 }
 
@@ -233,9 +218,10 @@ Stack program_stack() {
     return stack;
 }
 
-bool is_within(const Stack& stack, const Fault& fault) {
-    return std::any_of(stack.frames.begin(), stack.frames.begin() + stack.count,
-                       [&](std::uint64_t frame) { return fault.from <= frame && frame < fault.to; });
+bool is_within(const Stack& stack) {
+    return std::any_of(stack.frames.begin(), stack.frames.begin() + stack.count, [&](std::uint64_t frame) {
+        return planned_fault.from <= frame && frame < planned_fault.to;
+    });
 }
 
 // ---- the record
@@ -297,12 +283,6 @@ void record(const Stack& stack, FaultCall call, const Subject& subject) {
     page->injected.fetch_add(1);
 }
 
-void hold() {
-    while (page->released.load() == 0) {
-        usleep(HOLD_POLL_US);
-    }
-}
-
 // Counts the call. Returns the fault to inject, or null.
 const Fault* suffer(FaultCall call, const void* caller, const Subject& subject) {
     const bool by_anyone = call == FaultCall::NEW;  // Strings allocate from within the standard library.
@@ -311,26 +291,17 @@ const Fault* suffer(FaultCall call, const void* caller, const Subject& subject) 
     }
     page->calls[static_cast<std::size_t>(call)].fetch_add(1, std::memory_order_relaxed);
     ++self.calls[static_cast<std::size_t>(call)];
-    for (std::size_t i = 0; i < fault_count; ++i) {
-        Fault& fault = faults[i];
-        if (fault.call != call || !(fault.any_thread || fault.thread == self.role) ||
-            (fault.from != 0 && !is_within(program_stack(), fault))) {
-            continue;
-        }
-        const std::uint64_t seen = ++fault.seen;
-        if (i == 0) {
-            page->seen = seen;
-        }
-        if (seen == fault.nth || (fault.later_ones_too && seen > fault.nth)) {
-            record(program_stack(), call, subject);
-            if (fault.action == Action::HOLD) {
-                hold();
-                return nullptr;
-            }
-            return &fault;
-        }
+    if (!fault_is_planned || planned_fault.call != call ||
+        !(planned_fault.any_thread || planned_fault.thread == self.role) ||
+        (planned_fault.from != 0 && !is_within(program_stack()))) {
+        return nullptr;
     }
-    return nullptr;
+    const std::uint64_t seen = ++page->seen;
+    if (seen != planned_fault.nth && !(planned_fault.later_ones_too && seen > planned_fault.nth)) {
+        return nullptr;
+    }
+    record(program_stack(), call, subject);
+    return &planned_fault;
 }
 
 int fail_with(const Fault& fault) {
@@ -487,9 +458,6 @@ int pthread_cancel(pthread_t handle) {
 int pthread_join(pthread_t handle, void** result) {
     CreatedThread* const thread = is_program(CALLER) ? find_thread(handle) : nullptr;
     const Fault* const fault = suffer(FaultCall::PTHREAD_JOIN, CALLER, {.thread = handle});
-    if (fault != nullptr && fault->action == Action::REFUSE) {
-        return EDEADLK;
-    }
     const bool joined_already = thread != nullptr && thread->joined_already;
     const int joined = joined_already ? 0 : REAL(pthread_join)(handle, result);
     if (fault == nullptr || thread == nullptr) {

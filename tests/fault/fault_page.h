@@ -69,11 +69,9 @@ struct FaultRecord {
 struct FaultPage {
     // The number of calls by the program, by FaultCall.
     std::array<std::atomic<std::uint64_t>, FAULT_CALL_NAMES.size()> calls{};
-    // The number of these calls that match the first fault of the plan.
+    // The number of these calls that match the plan.
     std::atomic<std::uint64_t> seen{0};
     std::atomic<std::uint32_t> injected{0};
-    // Releases a call held by the action "hold".
-    std::atomic<std::uint32_t> released{0};
     // Valid once `injected` is not 0.
     FaultRecord first;
 };

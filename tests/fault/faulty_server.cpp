@@ -102,12 +102,6 @@ FaultWatch::~FaultWatch() {
     munmap(page, sizeof(FaultPage));
 }
 
-void FaultWatch::wait_until_injected(Milliseconds wait) const {
-    if (!holds_within(wait, [this] { return injected() != 0; })) {
-        throw TestFailure("the server never made the call that is to fail");
-    }
-}
-
 bool FaultWatch::came_through(std::string_view function_name) const {
     const std::vector<std::string> all = functions();
     return std::any_of(all.begin(), all.end(),

@@ -37,13 +37,10 @@ class FaultWatch {
     FaultWatch& operator=(const FaultWatch&) = delete;
 
     std::uint64_t calls(FaultCall call) const { return page->calls[static_cast<std::size_t>(call)]; }
-    // The number of calls of the kind, thread and function of the plan's first fault.
+    // The number of calls of the plan's kind, thread and function.
     std::uint64_t seen() const { return page->seen; }
-    // The number of calls that failed by injection or are held.
+    // The number of calls that failed by injection.
     std::uint32_t injected() const { return page->injected; }
-    void wait_until_injected(Milliseconds wait = DEFAULT_WAIT) const;
-    // Releases the held call.
-    void release() const { page->released = 1; }
     // Valid once a fault was injected.
     const FaultRecord& first() const { return page->first; }
     // The functions on the stack, innermost first.

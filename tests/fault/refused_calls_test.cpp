@@ -65,35 +65,6 @@ RtmpClient client_at_rest(const ServerProcess& server) {
     return client;
 }
 
-std::string drop(ControlPeer& peer, const std::string& id) {
-    return peer.ask("drop connection by id", {id}).message;
-}
-
-// The main thread is held between the drop and the pass that carries it out, in the call that sends
-// the reply.
-const std::string HELD_DROP = "sendmsg.main:2:hold";
-
-// Returns what the server prints if its client ends one of its threads meanwhile.
-std::vector<std::string> lines_of_held_drop(FaultyServer& faulty, void (*end_thread)(RtmpClient& client)) {
-    ControlPeer peer;
-    (void)peer.ask("hello");
-    const AtRest at_rest(faulty.server);
-    RtmpClient client = client_at_rest(faulty.server);
-    const std::size_t threads = faulty.server.thread_count();
-    peer.send_bytes(control_request(2, "drop connection by id", {"0"}));
-    faulty.watch.wait_until_injected();
-    const LineMark mark = faulty.server.mark();
-    end_thread(client);
-    faulty.server.wait_for_thread_count(threads - 1);
-    faulty.watch.release();
-    std::vector<std::string> lines = faulty.server.lines_through("Dropping connection", mark);
-    if (client.is_open()) {
-        (void)client.expect_closed();
-    }
-    at_rest.expect();
-    return lines;
-}
-
 }  // namespace
 
 // ---- the start
@@ -131,97 +102,6 @@ TEST(refused_calls, a_listener_that_is_refused_an_option_only_warns_and_serves) 
         LivePair live;
         live.finish();
     }
-}
-
-// ---- threads that cannot be created, cancelled or joined
-
-TEST(refused_calls, a_client_without_one_of_its_threads_is_accepted_and_dropped_and_leaves_nothing_behind) {
-    // Two threads belong to each of the live pair.
-    for (const int failing : {5, 6}) {
-        FaultyServer faulty("pthread_create:" + std::to_string(failing) + ":EAGAIN");
-        LivePair live;
-        const std::size_t threads = faulty.server.thread_count();
-        const std::size_t fds = faulty.server.fd_count();
-        const LineMark mark = faulty.server.mark();
-        RtmpClient client;
-        (void)client.expect_closed();
-        const std::vector<std::string> lines = faulty.server.lines_through("Dropping connection", mark);
-        EXPECT_EQ(faulty.server.count("WARNING: Failure to create thread", mark), 1U);
-        EXPECT_EQ(faulty.server.count("Accepted connection", mark), 1U);
-        EXPECT_EQ(faulty.server.count("Thread 1 died", mark), 0U);
-        EXPECT_EQ(lines.back(), "Dropping connection");
-        faulty.server.wait_for_thread_count(threads);
-        EXPECT_EQ(faulty.server.fd_count(), fds);
-        live.finish();
-    }
-}
-
-TEST(refused_calls, a_drop_says_which_thread_it_could_not_cancel_or_join_and_goes_on) {
-    struct Row {
-        const char* plan;
-        std::vector<std::string> texts;
-    };
-    for (const Row& row :
-         {Row{"pthread_cancel:1:ESRCH", {"WARNING: Failure to cancel thread"}},
-          Row{"pthread_cancel:2:ESRCH", {"WARNING: Failure to cancel thread2"}},
-          Row{"pthread_join:1:ESRCH", {"WARNING: Failure to pthread_join"}},
-          Row{"pthread_join:2:ESRCH", {"WARNING: Failure to pthread_join2"}},
-          Row{"pthread_cancel:1+:ESRCH;pthread_join:1+:ESRCH",
-              {"WARNING: Failure to cancel thread", "WARNING: Failure to pthread_join",
-               "WARNING: Failure to cancel thread2", "WARNING: Failure to pthread_join2"}}}) {
-        FaultyServer faulty(row.plan);
-        ControlPeer peer;
-        (void)peer.ask("hello");
-        const AtRest at_rest(faulty.server);
-        RtmpClient client = client_at_rest(faulty.server);
-        const LineMark mark = faulty.server.mark();
-        EXPECT_EQ(drop(peer, "0"), "OK");
-        std::vector<std::string> lines = row.texts;
-        lines.emplace_back("Dropping connection");
-        EXPECT_EQ(faulty.server.lines_through("Dropping connection", mark), lines);
-        (void)client.expect_closed();
-        at_rest.expect();
-    }
-}
-
-TEST(refused_calls, a_thread_that_cannot_be_joined_is_tried_again_on_every_pass) {
-    FaultyServer faulty("pthread_join:1:refuse;pthread_join:1:refuse;pthread_join:1:refuse");
-    const AtRest at_rest(faulty.server);
-    RtmpClient client = client_at_rest(faulty.server);
-    const LineMark mark = faulty.server.mark();
-    client.close();
-    const std::vector<std::string> lines = faulty.server.lines_through("Dropping connection", mark);
-    EXPECT_EQ(lines,
-              (std::vector<std::string>{"Thread 1 died", "Thread 1 died", "Thread 1 died", "Thread 1 died",
-                                        "WARNING: Thread terminated unexpectedly", "Dropping connection"}));
-    at_rest.expect();
-}
-
-TEST(refused_calls, a_thread_that_has_died_by_the_time_of_the_drop_is_not_cancelled) {
-    FaultyServer faulty(HELD_DROP);
-    EXPECT_EQ(lines_of_held_drop(faulty, [](RtmpClient& client) { client.close(); }),
-              (std::vector<std::string>{"Not cancelling thread, it died", "Dropping connection"}));
-}
-
-TEST(refused_calls, a_writer_that_has_died_by_the_time_of_the_drop_is_not_cancelled) {
-    FaultyServer faulty(HELD_DROP + ";sendmsg.writer:1:EPIPE");
-    // The acknowledgement of this message cannot be sent.
-    EXPECT_EQ(lines_of_held_drop(faulty, [](RtmpClient& client) { client.send_audio(1, aac_frame(1)); }),
-              (std::vector<std::string>{"Not cancelling thread2, it died", "Dropping connection"}));
-}
-
-TEST(refused_calls, the_tenth_quit_signal_ends_a_server_that_does_not_get_to_its_end) {
-    FaultyServer faulty("pthread_join:1:hold");
-    const RtmpClient client = client_at_rest(faulty.server);
-    for (int sent = 1; sent <= 10; ++sent) {
-        EXPECT_TRUE(faulty.server.is_running()) << "after " << sent - 1 << " signals";
-        faulty.server.send_signal(SIGTERM);
-        faulty.server.wait_until_signals_are_taken();
-        if (sent == 1) {
-            faulty.watch.wait_until_injected();
-        }
-    }
-    EXPECT_EQ(faulty.server.wait_for_exit().signal, SIGABRT);
 }
 
 // ---- sockets
