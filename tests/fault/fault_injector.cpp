@@ -8,7 +8,6 @@
 //                 N        the call that fails, from 1; with a plus sign all later ones also fail
 //                 ACTION   an errno such as EIO; or
 //                          short    recv, send, sendmsg: transfers only one byte
-//                          excess   recv, send, sendmsg: returns one byte more than requested
 //   V9_FAULT_PAGE a file of the size of FaultPage, for the counts and the record
 //
 // With an errno, a call fails without being made. The exceptions are calls whose failure would otherwise
@@ -38,7 +37,7 @@ namespace {
 
 constexpr std::size_t MAX_THREADS = 1024;
 
-enum class Action { ERRNO, SHORT, EXCESS };
+enum class Action { ERRNO, SHORT };
 
 struct Fault {
     FaultCall call = FaultCall::SOCKET;
@@ -115,8 +114,6 @@ int errno_by_name(std::string_view name) {
 void parse_action(std::string_view text) {
     if (text == "short") {
         planned_fault.action = Action::SHORT;
-    } else if (text == "excess") {
-        planned_fault.action = Action::EXCESS;
     } else {
         planned_fault.error = errno_by_name(text);
     }
@@ -327,25 +324,13 @@ Function real(Function& cached, const char* name) {
 
 ssize_t receive(int fd, void* buffer, std::size_t length, int flags, const void* caller) {
     const Fault* const fault = suffer(FaultCall::RECV, caller, {.fd = fd});
-    if (fault == nullptr) {
-        const ssize_t got = REAL(recv)(fd, buffer, length, flags);
-        self.received_bytes += static_cast<std::uint64_t>(std::max<ssize_t>(got, 0));
-        return got;
-    }
-    if (fault->action == Action::ERRNO) {
+    if (fault != nullptr && fault->action == Action::ERRNO) {
         return fail_with(*fault);
     }
-    const bool is_short = fault->action == Action::SHORT;
-    const ssize_t got = REAL(recv)(fd, buffer, is_short ? std::min<std::size_t>(length, 1) : length, flags);
-    return is_short || got < 0 ? got : static_cast<ssize_t>(length + 1);
-}
-
-std::size_t bytes_in(const msghdr& message) {
-    std::size_t bytes = 0;
-    for (std::size_t i = 0; i < message.msg_iovlen; ++i) {
-        bytes += message.msg_iov[i].iov_len;
-    }
-    return bytes;
+    const ssize_t got =
+        REAL(recv)(fd, buffer, fault != nullptr ? std::min<std::size_t>(length, 1) : length, flags);
+    self.received_bytes += static_cast<std::uint64_t>(std::max<ssize_t>(got, 0));
+    return got;
 }
 
 ssize_t send_one_byte(int fd, const msghdr& message, int flags) {
@@ -408,9 +393,7 @@ ssize_t send(int fd, const void* data, std::size_t length, int flags) {
     if (fault != nullptr && fault->action == Action::ERRNO) {
         return fail_with(*fault);
     }
-    const bool is_short = fault != nullptr && fault->action == Action::SHORT;
-    const ssize_t sent = REAL(send)(fd, data, is_short ? 1 : length, flags);
-    return fault == nullptr || is_short ? sent : static_cast<ssize_t>(length + 1);
+    return REAL(send)(fd, data, fault != nullptr ? std::min<std::size_t>(length, 1) : length, flags);
 }
 
 ssize_t sendmsg(int fd, const msghdr* message, int flags) {
@@ -418,14 +401,7 @@ ssize_t sendmsg(int fd, const msghdr* message, int flags) {
     if (fault == nullptr) {
         return REAL(sendmsg)(fd, message, flags);
     }
-    switch (fault->action) {
-        case Action::SHORT:
-            return send_one_byte(fd, *message, flags);
-        case Action::EXCESS:
-            return static_cast<ssize_t>(bytes_in(*message) + 1);
-        default:
-            return fail_with(*fault);
-    }
+    return fault->action == Action::SHORT ? send_one_byte(fd, *message, flags) : fail_with(*fault);
 }
 
 int pthread_create(pthread_t* handle, const pthread_attr_t* attributes, void* (*entry)(void*),
