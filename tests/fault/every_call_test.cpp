@@ -330,7 +330,8 @@ TEST(every_call, of_pthread_mutex_unlock_may_fail) {
 TEST(every_call, for_memory_that_may_be_refused_may_be_refused) {
     run_sweep({.call = FaultCall::NOTHROW_NEW, .action = "ENOMEM", .step = TIME_SCALE == 1 ? 1 : 3},
               {"AMF0 error command, dropped", "the reader dies, Failed to alloc pkt data",
-               "an acknowledgement is missed"});
+               "an acknowledgement is missed", "the chunk size is not echoed",
+               "Relay fail, all players of the stream miss a message"});
 }
 
 TEST(every_call, for_memory_in_the_control_server_may_be_refused) {
@@ -338,7 +339,8 @@ TEST(every_call, for_memory_in_the_control_server_may_be_refused) {
                .action = "ENOMEM",
                .within = ServerSymbols::get().within("server_idle"),
                .step = TIME_SCALE == 1 ? 1 : 3},
-              {"that control client is closed"});
+              {"that control client is closed", "that control client misses an answer",
+               "ends: v9_rtmp_server: answer: Assertion 'respkt != NULL' failed."});
 }
 
 TEST(every_call, for_memory_that_a_message_must_have_ends_the_process_when_refused) {
