@@ -1,7 +1,7 @@
 // One failing system call and all its consequences.
 #include <gtest/gtest.h>
 
-#include <string>
+#include <cerrno>
 
 #include "tests/fault/faulty_server.h"
 #include "tests/support/media_bytes.h"
@@ -9,26 +9,42 @@
 
 TEST(refused_calls, a_server_that_cannot_open_its_sockets_does_not_start_and_says_why) {
     struct Row {
-        std::string plan;
+        FaultPlan plan;
         const char* text;
     };
+    const char* const no_control_socket = "Failed to create server socket\n";
     for (const Row& row :
-         {Row{"new" + ServerSymbols::get().within("comm_socket_v4_create") + ":1:ENOMEM",
+         {Row{{.call = FaultCall::NEW,
+         .error = ENOMEM,
+         .within = ServerSymbols::get().within("comm_socket_v4_create"),
+         .nth = 1},
               "Failed to create comm socket\n"},
-          Row{"socket:1:EMFILE", "Failed to create server socket\n"},
-          Row{"bind:1:EACCES", "Failed to create server socket\n"},
-          Row{"listen:1:EADDRINUSE", "Failed to create server socket\n"}, Row{"socket:2:EMFILE", ""},
-          Row{"bind:2:EACCES", "Cannot bind socket\n"}, Row{"listen:2:EADDRINUSE", "Cannot listen\n"}}) {
-        const FaultWatch watch;
-        const FinishedRun run = run_server_to_its_end(with_faults(row.plan));
-        EXPECT_EQ(watch.injected(), 1U) << row.plan;
-        EXPECT_EQ(run.end.status, 1) << row.plan;
-        EXPECT_EQ(run.err, row.text) << row.plan;
+          Row{{.call = FaultCall::SOCKET, .error = EMFILE, .nth = 1}, no_control_socket},
+          Row{{.call = FaultCall::BIND, .error = EACCES, .nth = 1}, no_control_socket},
+          Row{{.call = FaultCall::LISTEN, .error = EADDRINUSE, .nth = 1}, no_control_socket},
+          Row{{.call = FaultCall::SOCKET, .error = EMFILE, .nth = 2}, ""},
+          Row{{.call = FaultCall::BIND, .error = EACCES, .nth = 2}, "Cannot bind socket\n"},
+          Row{{.call = FaultCall::LISTEN, .error = EADDRINUSE, .nth = 2}, "Cannot listen\n"}}) {
+        const FaultWatch watch(row.plan);
+        const FinishedRun run = run_server_to_its_end(with_injector());
+        EXPECT_EQ(watch.page().injected, 1U) << row.text;
+        EXPECT_EQ(run.end.status, 1) << row.text;
+        EXPECT_EQ(run.err, row.text);
+    }
+}
+
+TEST(refused_calls, a_started_server_has_made_no_other_socket) {
+    for (const FaultCall call : {FaultCall::SOCKET, FaultCall::BIND, FaultCall::LISTEN}) {
+        const FaultyServer faulty({.call = call});
+        EXPECT_EQ(faulty.watch.page().seen, 2U);
     }
 }
 
 TEST(refused_calls, a_writer_needs_no_memory_that_could_be_refused) {
-    FaultyServer faulty("new.writer:1:ENOMEM");
+    FaultyServer faulty({.call = FaultCall::NEW,
+                         .error = ENOMEM,
+                         .within = ServerSymbols::get().within("writer_thread"),
+                         .nth = 1});
     RtmpClient player = playing_client("cam1");
     RtmpClient publisher = publishing_client("cam1");
     for (std::uint32_t i = 1; i <= 200; ++i) {
@@ -37,5 +53,5 @@ TEST(refused_calls, a_writer_needs_no_memory_that_could_be_refused) {
     for (std::uint32_t i = 1; i <= 200; ++i) {
         EXPECT_EQ(player.expect_message(MSG_AUDIO).payload, aac_frame(i));
     }
-    EXPECT_EQ(faulty.watch.injected(), 0U);
+    EXPECT_EQ(faulty.watch.page().injected, 0U);
 }

@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <csignal>
 #include <iostream>
 #include <string>
@@ -25,8 +26,12 @@ constexpr Milliseconds TOOL_TIME = scaled(Milliseconds{30000});
 constexpr Milliseconds LATENESS = scaled(Milliseconds{250});
 
 // The server cannot request a larger buffer.
-std::string default_send_buffer() {
-    return "setsockopt.main" + ServerSymbols::get().within("comm_socket_v4_idle") + ":1+:ENOBUFS";
+FaultPlan default_send_buffer() {
+    return {.call = FaultCall::SETSOCKOPT,
+            .error = ENOBUFS,
+            .within = ServerSymbols::get().within("comm_socket_v4_idle"),
+            .all_later = true,
+            .nth = 1};
 }
 
 }  // namespace
@@ -49,7 +54,7 @@ TEST(small_send_buffer, strangers_with_names_of_1_mb_blind_nobody_and_delay_no_m
         EXPECT_EQ(peer.ask("drop connection by id", {std::to_string(PUBLISHERS / 2)}).message, "OK");
         drop_time = elapsed_since(drops_start);
     });
-    EXPECT_GT(faulty.watch.injected(), 0U);
+    EXPECT_GT(faulty.watch.page().injected, 0U);
     EXPECT_LE(list_time, LIST_TIME);
     EXPECT_LE(lateness(disturbed), LATENESS);
     std::cout << "list: " << list_time.count() << " ms; drop, list and drop: " << drop_time.count()
@@ -93,5 +98,5 @@ TEST(small_send_buffer, the_tool_lists_and_drops_strangers_with_names_of_1_mb_an
     });
     EXPECT_LE(lateness(disturbed), LATENESS);
     std::cout << "lateness of media: " << lateness(disturbed).count() << " ms\n";
-    EXPECT_GT(faulty.watch.injected(), 0U);
+    EXPECT_GT(faulty.watch.page().injected, 0U);
 }
