@@ -211,26 +211,6 @@ ControlReply ControlPeer::ask(std::string_view command, const ControlArguments& 
     return reply;
 }
 
-std::size_t ControlPeer::ask_for_length(std::string_view command, Milliseconds wait) {
-    const TimePoint deadline = SteadyClock::now() + wait;
-    send_bytes(control_request(++last_id, command));
-    while (buffer.size() < HEADER_BYTES) {
-        if (!fill_buffer(deadline)) {
-            throw TestFailure("the server closed the control connection instead of answering");
-        }
-    }
-    const std::size_t length = get_be32(buffer, 4);
-    for (std::size_t left = HEADER_BYTES + length; left > 0;) {
-        if (buffer.empty() && !fill_buffer(deadline)) {
-            throw TestFailure("the server closed the control connection in the middle of a reply");
-        }
-        const std::size_t taken = std::min(left, buffer.size());
-        buffer.erase(0, taken);
-        left -= taken;
-    }
-    return length;
-}
-
 bool ControlPeer::has_unread_bytes() const {
     char byte = 0;
     return recv(fd, &byte, 1, MSG_PEEK | MSG_DONTWAIT) == 1;

@@ -65,9 +65,6 @@ class ControlPeer {
     // Sends a request with the next id and waits for a reply, which must carry that id.
     ControlReply ask(std::string_view command, const ControlArguments& arguments = {},
                      Milliseconds wait = DEFAULT_WAIT);
-    // Sends a request with the next id, discards the reply and returns the length of its body. For replies of
-    // a hundred megabytes, which would otherwise cost the test more time than the server.
-    std::size_t ask_for_length(std::string_view command, Milliseconds wait = DEFAULT_WAIT);
     // Whether there are unread bytes from the server.
     [[nodiscard]] bool has_unread_bytes() const;
     void read_one_byte(Milliseconds wait = DEFAULT_WAIT) const;
