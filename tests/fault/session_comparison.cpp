@@ -1,5 +1,7 @@
 #include "tests/fault/session_comparison.h"
 
+#include <gtest/gtest.h>
+
 #include <algorithm>
 #include <csignal>
 #include <iterator>
@@ -10,17 +12,6 @@
 namespace {
 
 constexpr Times ONCE{1, 1};
-
-template <typename List>
-std::string joined(const List& list) {
-    std::ostringstream text;
-    const char* separator = "";
-    for (const auto& one : list) {
-        text << separator << one;
-        separator = ", ";
-    }
-    return "[" + text.str() + "]";
-}
 
 class Comparison {
   public:
@@ -105,7 +96,8 @@ class Comparison {
 
     void complain_of(std::size_t client, const std::string& what) {
         complain("client " + std::to_string(client) + " " + what + ": received " +
-                 joined(story.clients[client].received) + " of " + joined(whole_transcript(client)));
+                 testing::PrintToString(story.clients[client].received) + " of " +
+                 testing::PrintToString(whole_transcript(client)));
     }
 
     // The client received everything up to its end. If that came after its last message, only the
@@ -196,8 +188,8 @@ class Comparison {
                 as_expected = in_due != due.end() && std::equal(in_told, told.end(), in_due + 1, due.end());
             }
             if (!as_expected) {
-                complain("client " + std::to_string(i) + " was acknowledged " + joined(told) + " of " +
-                         joined(due));
+                complain("client " + std::to_string(i) + " was acknowledged " + testing::PrintToString(told) +
+                         " of " + testing::PrintToString(due));
             }
         }
     }
