@@ -85,13 +85,15 @@ TEST_F(failing_lock_test, a_player_misses_the_repeated_header_but_gets_the_media
     EXPECT_EQ(take_queued(player).size(), 1U);
 }
 
-TEST_F(failing_lock_test, a_player_misses_the_metadata) {
+TEST_F(failing_lock_test, a_player_misses_the_metadata_and_the_others_get_it) {
     RTMPConnection& publisher = add_publisher();
     RTMPConnection& player = add_player();
+    RTMPConnection& other = add_player();
     {
         const FailingLock failing(player);
         data_message(publisher, set_metadata(amf_object({{"width", amf_number(640)}})));
     }
     EXPECT_TRUE(take_queued(player).empty());
     EXPECT_EQ(player.stream_format.video_width, -1);
+    EXPECT_EQ(take_queued(other).size(), 1U);
 }

@@ -43,9 +43,9 @@ struct DocumentedOutcome {
     std::size_t misses = NOBODY;
     std::size_t most_who_miss = 1;
     // In addition to those that every session prints.
-    std::map<std::string, Times> texts;
+    std::map<std::string, Times> texts = {};
     // The last text if the process ends by an assertion or out of memory.
-    std::string last_words;
+    std::string last_words = {};
     bool control_socket_lost = false;
     // It is lost before it had the replies it waits for.
     bool control_client_lost = false;
@@ -57,4 +57,4 @@ struct DocumentedOutcome {
 
 // Returns the outcome for the failed call that the watch has recorded, or that of a normal session if there
 // is none.
-DocumentedOutcome documented_outcome(FaultCall call, const std::string& action, const FaultWatch& watch);
+DocumentedOutcome documented_outcome(const FaultPlan& plan, const FaultWatch& watch);

@@ -1,17 +1,5 @@
-// Preloaded into the server: makes the calls named by V9_FAULT fail. Only calls by the program itself count;
-// calls within its libraries are not affected.
-//
-//   V9_FAULT      fault[;fault...], each CALL[.THREAD][@FROM-TO]:N[+]:ACTION
-//                 CALL     a name of FAULT_CALL_NAMES
-//                 THREAD   main, reader or writer: only calls by such a thread count
-//                 FROM-TO  addresses of a function in the program, hexadecimal: only calls from it count
-//                 N        the call that fails, from 1; with a plus sign all later ones also fail
-//                 ACTION   an errno such as EIO; or
-//                          short    recv, send, sendmsg: transfers only one byte
-//                          excess   recv, send, sendmsg: returns one byte more than requested
-//                          refuse   pthread_join: fails without joining
-//                          hold     the call waits until the page says `released`, then proceeds
-//   V9_FAULT_PAGE a file of the size of FaultPage, for the counts and the record
+// Preloaded into the server: makes the call named by the page's plan fail. Only calls by the program itself
+// count; calls within its libraries are not affected.
 //
 // With an errno, a call fails without being made. The exceptions are calls whose failure would otherwise
 // leave the process in a state that the system cannot produce: a mutex that "cannot" be unlocked is unlocked,
@@ -30,36 +18,19 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <new>
-#include <string_view>
 
 #include "tests/fault/fault_page.h"
 
 namespace {
 
-constexpr std::size_t MAX_FAULTS = 4;
 constexpr std::size_t MAX_THREADS = 1024;
-constexpr useconds_t HOLD_POLL_US = 1000;
-
-enum class Action { ERRNO, SHORT, EXCESS, REFUSE, HOLD };
-
-struct Fault {
-    FaultCall call = FaultCall::SOCKET;
-    bool any_thread = true;
-    FaultThread thread = FaultThread::MAIN;
-    std::uintptr_t from = 0;  // 0: anywhere
-    std::uintptr_t to = 0;
-    std::uint64_t nth = 0;
-    bool later_ones_too = false;
-    Action action = Action::ERRNO;
-    int error = 0;
-    std::atomic<std::uint64_t> seen{0};
-};
 
 struct CreatedThread {
     void* (*entry)(void*) = nullptr;
     void* argument = nullptr;
+    FaultThread role = FaultThread::MAIN;
+    std::uint32_t connection = NO_FAULT_CONNECTION;
     std::atomic<pthread_t> handle{0};
     bool joined_already = false;
 };
@@ -69,101 +40,21 @@ struct ThreadIdentity {
     std::uint32_t connection = NO_FAULT_CONNECTION;
     bool looking_at_the_stack = false;
     std::uint64_t received_bytes = 0;
-    std::array<std::uint32_t, FAULT_CALL_NAMES.size()> calls{};
+    std::array<std::uint32_t, FAULT_CALLS> calls{};
 };
 
-std::array<Fault, MAX_FAULTS> faults;
-std::size_t fault_count = 0;
 std::uintptr_t program_base = 0;
 std::uintptr_t program_end = 0;
-FaultPage private_page;
+FaultPage private_page;  // until the shared one is mapped
 FaultPage* page = &private_page;
 // Two for each connection, in the order of creation: the reader's, then the writer's.
 std::array<CreatedThread, MAX_THREADS> threads;
 std::atomic<std::uint32_t> threads_created = 0;
 thread_local ThreadIdentity self;
 
-[[noreturn]] void reject(std::string_view text) {
-    std::fprintf(stderr, "V9_FAULT or V9_FAULT_PAGE is wrong at '%.*s'\n", static_cast<int>(text.size()),
-                 text.data());
+[[noreturn]] void give_up(const char* why) {
+    std::fprintf(stderr, "The fault injector gives up: %s\n", why);
     std::abort();
-}
-
-// ---- the plan
-
-std::string_view cut(std::string_view& text, char delimiter) {
-    const std::size_t end = std::min(text.find(delimiter), text.size());
-    const std::string_view head = text.substr(0, end);
-    text.remove_prefix(std::min(end + 1, text.size()));
-    return head;
-}
-
-std::uint64_t number(std::string_view text, int base) {
-    char* end = nullptr;
-    const std::uint64_t value = std::strtoull(text.data(), &end, base);
-    if (end != text.data() + text.size() || text.empty()) {
-        reject(text);
-    }
-    return value;
-}
-
-int errno_by_name(std::string_view name) {
-    for (int error = 1; error < 256; ++error) {
-        const char* const known = strerrorname_np(error);
-        if (known != nullptr && name == known) {
-            return error;
-        }
-    }
-    reject(name);
-}
-
-void parse_action(Fault& fault, std::string_view text) {
-    if (text == "short") {
-        fault.action = Action::SHORT;
-    } else if (text == "excess") {
-        fault.action = Action::EXCESS;
-    } else if (text == "refuse") {
-        fault.action = Action::REFUSE;
-    } else if (text == "hold") {
-        fault.action = Action::HOLD;
-    } else {
-        fault.error = errno_by_name(text);
-    }
-}
-
-FaultThread thread_by_name(std::string_view name) {
-    if (name == "main") {
-        return FaultThread::MAIN;
-    }
-    if (name == "reader") {
-        return FaultThread::READER;
-    }
-    return name == "writer" ? FaultThread::WRITER : (reject(name), FaultThread::MAIN);
-}
-
-void parse_fault(Fault& fault, std::string_view text) {
-    std::string_view where = cut(text, ':');
-    std::string_view range = where;
-    where = cut(range, '@');
-    if (!range.empty()) {
-        fault.from = number(cut(range, '-'), 16);
-        fault.to = number(range, 16);
-    }
-    const std::string_view name = cut(where, '.');
-    const auto* const known = std::find(FAULT_CALL_NAMES.begin(), FAULT_CALL_NAMES.end(), name);
-    if (known == FAULT_CALL_NAMES.end()) {
-        reject(name);
-    }
-    fault.call = static_cast<FaultCall>(known - FAULT_CALL_NAMES.begin());
-    if (!where.empty()) {
-        fault.any_thread = false;
-        fault.thread = thread_by_name(where);
-    }
-    std::string_view nth = cut(text, ':');
-    fault.later_ones_too = nth.ends_with('+');
-    nth.remove_suffix(fault.later_ones_too ? 1 : 0);
-    fault.nth = number(nth, 10);
-    parse_action(fault, text);
 }
 
 int find_program(dl_phdr_info* info, std::size_t /*size*/, void* /*data*/) {
@@ -177,32 +68,15 @@ int find_program(dl_phdr_info* info, std::size_t /*size*/, void* /*data*/) {
     return 1;  // The program comes first; skip the rest.
 }
 
-void map_page(const char* path) {
-    const int fd = open(path, O_RDWR | O_CLOEXEC);
+[[gnu::constructor]] void map_page() {
+    dl_iterate_phdr(find_program, nullptr);
+    const int fd = open(FAULT_PAGE_PATH, O_RDWR | O_CLOEXEC);
     void* const mapped = mmap(nullptr, sizeof(FaultPage), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-    if (fd < 0 || mapped == MAP_FAILED) {
-        reject(path);
+    if (mapped == MAP_FAILED) {
+        give_up("there is no page");
     }
     close(fd);
     page = static_cast<FaultPage*>(mapped);
-}
-
-[[gnu::constructor]] void read_plan() {
-    dl_iterate_phdr(find_program, nullptr);
-    if (const char* const path = std::getenv("V9_FAULT_PAGE")) {
-        map_page(path);
-    }
-    const char* const plan = std::getenv("V9_FAULT");
-    std::string_view rest = plan != nullptr ? plan : "";
-    while (!rest.empty()) {
-        // Each number ends at a delimiter, where strtoull stops.
-        const std::string_view text = cut(rest, ';');
-        if (fault_count == MAX_FAULTS) {
-            reject(text);
-        }
-        parse_fault(faults[fault_count], text);
-        ++fault_count;
-    }
 }
 
 // ---- the caller
@@ -212,18 +86,12 @@ bool is_program(const void* address) {
     return program_base <= value && value < program_end;
 }
 
-// The stack frames of the program itself.
-struct Stack {
-    std::array<std::uint64_t, MAX_FAULT_FRAMES> frames{};
-    std::uint32_t count = 0;
-};
-
-Stack program_stack() {
+FaultStack program_stack() {
+    FaultStack stack;
     std::array<void*, 2 * MAX_FAULT_FRAMES> all{};
     self.looking_at_the_stack = true;
     const int depth = backtrace(all.data(), static_cast<int>(all.size()));
     self.looking_at_the_stack = false;
-    Stack stack;
     for (int i = 0; i < depth && stack.count < MAX_FAULT_FRAMES; ++i) {
         void* const address = all[static_cast<std::size_t>(i)];
         if (is_program(address)) {
@@ -233,9 +101,9 @@ Stack program_stack() {
     return stack;
 }
 
-bool is_within(const Stack& stack, const Fault& fault) {
+bool is_within(const FaultStack& stack, const CodeRange& range) {
     return std::any_of(stack.frames.begin(), stack.frames.begin() + stack.count,
-                       [&](std::uint64_t frame) { return fault.from <= frame && frame < fault.to; });
+                       [&](std::uint64_t frame) { return range.from <= frame && frame < range.to; });
 }
 
 // ---- the record
@@ -244,19 +112,19 @@ std::uint32_t connection_of_mutex(const void* mutex) {
     const auto address = reinterpret_cast<std::uintptr_t>(mutex);
     std::uintptr_t nearest = 0;
     std::uint32_t found = NO_FAULT_CONNECTION;
-    for (std::uint32_t i = 0; i < std::min<std::uint32_t>(threads_created, MAX_THREADS); ++i) {
+    for (std::uint32_t i = 0; i < threads_created; ++i) {
         const auto argument = reinterpret_cast<std::uintptr_t>(threads[i].argument);
         // A later connection may have the address of an earlier one.
         if (argument <= address && argument >= nearest) {
             nearest = argument;
-            found = i / 2;
+            found = threads[i].connection;
         }
     }
     return found;
 }
 
 CreatedThread* find_thread(pthread_t handle) {
-    for (std::uint32_t i = std::min<std::uint32_t>(threads_created, MAX_THREADS); i-- > 0;) {
+    for (std::uint32_t i = threads_created; i-- > 0;) {
         if (threads[i].handle == handle) {
             return &threads[i];
         }
@@ -265,12 +133,11 @@ CreatedThread* find_thread(pthread_t handle) {
 }
 
 struct Subject {
-    int fd = -1;
     const void* mutex = nullptr;
-    pthread_t thread = 0;
+    const CreatedThread* thread = nullptr;
 };
 
-void record(const Stack& stack, FaultCall call, const Subject& subject) {
+void record(FaultCall call, const Subject& subject) {
     if (page->injected.load() == 0) {
         FaultRecord& first = page->first;
         first.thread = self.role;
@@ -278,63 +145,38 @@ void record(const Stack& stack, FaultCall call, const Subject& subject) {
         first.call_of_thread = self.calls[static_cast<std::size_t>(call)];
         first.sendmsg_calls = self.calls[static_cast<std::size_t>(FaultCall::SENDMSG)];
         first.received_bytes = self.received_bytes;
-        int domain = 0;
-        socklen_t length = sizeof domain;
-        first.on_control_socket =
-            subject.fd >= 0 && getsockopt(subject.fd, SOL_SOCKET, SO_DOMAIN, &domain, &length) == 0 &&
-                    domain == AF_UNIX
-                ? 1
-                : 0;
-        if (const CreatedThread* const target = find_thread(subject.thread);
-            subject.thread != 0 && target != nullptr) {
-            const auto idx = static_cast<std::uint32_t>(target - threads.data());
-            first.target_connection = idx / 2;
-            first.target_thread = idx % 2 == 0 ? FaultThread::READER : FaultThread::WRITER;
-        }
-        first.frame_count = stack.count;
-        first.frames = stack.frames;
+        first.target_thread = subject.thread != nullptr ? subject.thread->role : FaultThread::MAIN;
+        first.stack = program_stack();
     }
     page->injected.fetch_add(1);
 }
 
-void hold() {
-    while (page->released.load() == 0) {
-        usleep(HOLD_POLL_US);
-    }
-}
-
-// Counts the call. Returns the fault to inject, or null.
-const Fault* suffer(FaultCall call, const void* caller, const Subject& subject) {
+// Counts the call. Returns whether it is to fail.
+bool suffer(FaultCall call, const void* caller, const Subject& subject = {}) {
     const bool by_anyone = call == FaultCall::NEW;  // Strings allocate from within the standard library.
     if (!(by_anyone || is_program(caller)) || self.looking_at_the_stack) {
-        return nullptr;
+        return false;
     }
-    page->calls[static_cast<std::size_t>(call)].fetch_add(1, std::memory_order_relaxed);
     ++self.calls[static_cast<std::size_t>(call)];
-    for (std::size_t i = 0; i < fault_count; ++i) {
-        Fault& fault = faults[i];
-        if (fault.call != call || !(fault.any_thread || fault.thread == self.role) ||
-            (fault.from != 0 && !is_within(program_stack(), fault))) {
-            continue;
-        }
-        const std::uint64_t seen = ++fault.seen;
-        if (i == 0) {
-            page->seen = seen;
-        }
-        if (seen == fault.nth || (fault.later_ones_too && seen > fault.nth)) {
-            record(program_stack(), call, subject);
-            if (fault.action == Action::HOLD) {
-                hold();
-                return nullptr;
-            }
-            return &fault;
-        }
+    const FaultPlan& plan = page->plan;
+    if (plan.call != call || (plan.within.from != 0 && !is_within(program_stack(), plan.within))) {
+        return false;
     }
-    return nullptr;
+    const std::uint64_t seen = ++page->seen;
+    if (plan.nth == 0 || seen < plan.nth || (seen > plan.nth && !plan.all_later)) {
+        return false;
+    }
+    record(call, subject);
+    return true;
 }
 
-int fail_with(const Fault& fault) {
-    errno = fault.error;
+// Returns the error of a call that reports it as its result, or 0 if the call is not to fail.
+int error_of(FaultCall call, const void* caller, const Subject& subject = {}) {
+    return suffer(call, caller, subject) ? page->plan.error : 0;
+}
+
+int fail() {
+    errno = page->plan.error;
     return -1;
 }
 
@@ -354,27 +196,19 @@ Function real(Function& cached, const char* name) {
     }())
 #define CALLER __builtin_return_address(0)
 
-ssize_t receive(int fd, void* buffer, std::size_t length, int flags, const void* caller) {
-    const Fault* const fault = suffer(FaultCall::RECV, caller, {.fd = fd});
-    if (fault == nullptr) {
-        const ssize_t got = REAL(recv)(fd, buffer, length, flags);
-        self.received_bytes += static_cast<std::uint64_t>(std::max<ssize_t>(got, 0));
-        return got;
+// Returns the number of bytes that the call may transfer: all, one, or none if it is to fail.
+std::size_t granted(FaultCall call, std::size_t length, const void* caller) {
+    if (!suffer(call, caller)) {
+        return length;
     }
-    if (fault->action == Action::ERRNO) {
-        return fail_with(*fault);
-    }
-    const bool is_short = fault->action == Action::SHORT;
-    const ssize_t got = REAL(recv)(fd, buffer, is_short ? std::min<std::size_t>(length, 1) : length, flags);
-    return is_short || got < 0 ? got : static_cast<ssize_t>(length + 1);
+    return page->plan.error == SHORT_TRANSFER ? 1 : 0;
 }
 
-std::size_t bytes_in(const msghdr& message) {
-    std::size_t bytes = 0;
-    for (std::size_t i = 0; i < message.msg_iovlen; ++i) {
-        bytes += message.msg_iov[i].iov_len;
-    }
-    return bytes;
+ssize_t receive(int fd, void* buffer, std::size_t length, int flags, const void* caller) {
+    const std::size_t bytes = granted(FaultCall::RECV, length, caller);
+    const ssize_t got = bytes != 0 ? REAL(recv)(fd, buffer, bytes, flags) : fail();
+    self.received_bytes += static_cast<std::uint64_t>(std::max<ssize_t>(got, 0));
+    return got;
 }
 
 ssize_t send_one_byte(int fd, const msghdr& message, int flags) {
@@ -388,9 +222,8 @@ ssize_t send_one_byte(int fd, const msghdr& message, int flags) {
 
 void* run_thread(void* created) {
     const auto* const thread = static_cast<CreatedThread*>(created);
-    const auto idx = static_cast<std::uint32_t>(thread - threads.data());
-    self.role = idx % 2 == 0 ? FaultThread::READER : FaultThread::WRITER;
-    self.connection = idx / 2;
+    self.role = thread->role;
+    self.connection = thread->connection;
     return thread->entry(thread->argument);
 }
 
@@ -399,28 +232,24 @@ void* run_thread(void* created) {
 extern "C" {
 
 int socket(int domain, int type, int protocol) noexcept {
-    const Fault* const fault = suffer(FaultCall::SOCKET, CALLER, {});
-    return fault != nullptr ? fail_with(*fault) : REAL(socket)(domain, type, protocol);
+    return suffer(FaultCall::SOCKET, CALLER) ? fail() : REAL(socket)(domain, type, protocol);
 }
 
 int bind(int fd, const sockaddr* address, socklen_t length) noexcept {
-    const Fault* const fault = suffer(FaultCall::BIND, CALLER, {.fd = fd});
-    return fault != nullptr ? fail_with(*fault) : REAL(bind)(fd, address, length);
+    return suffer(FaultCall::BIND, CALLER) ? fail() : REAL(bind)(fd, address, length);
 }
 
 int listen(int fd, int backlog) noexcept {
-    const Fault* const fault = suffer(FaultCall::LISTEN, CALLER, {.fd = fd});
-    return fault != nullptr ? fail_with(*fault) : REAL(listen)(fd, backlog);
+    return suffer(FaultCall::LISTEN, CALLER) ? fail() : REAL(listen)(fd, backlog);
 }
 
 int accept4(int fd, sockaddr* address, socklen_t* length, int flags) {
-    const Fault* const fault = suffer(FaultCall::ACCEPT4, CALLER, {.fd = fd});
-    return fault != nullptr ? fail_with(*fault) : REAL(accept4)(fd, address, length, flags);
+    return suffer(FaultCall::ACCEPT4, CALLER) ? fail() : REAL(accept4)(fd, address, length, flags);
 }
 
 int setsockopt(int fd, int level, int option, const void* value, socklen_t length) noexcept {
-    const Fault* const fault = suffer(FaultCall::SETSOCKOPT, CALLER, {.fd = fd});
-    return fault != nullptr ? fail_with(*fault) : REAL(setsockopt)(fd, level, option, value, length);
+    return suffer(FaultCall::SETSOCKOPT, CALLER) ? fail()
+                                                 : REAL(setsockopt)(fd, level, option, value, length);
 }
 
 ssize_t recv(int fd, void* buffer, std::size_t length, int flags) {
@@ -433,28 +262,15 @@ ssize_t __recv_chk(int fd, void* buffer, std::size_t length, std::size_t /*room*
 }
 
 ssize_t send(int fd, const void* data, std::size_t length, int flags) {
-    const Fault* const fault = suffer(FaultCall::SEND, CALLER, {.fd = fd});
-    if (fault != nullptr && fault->action == Action::ERRNO) {
-        return fail_with(*fault);
-    }
-    const bool is_short = fault != nullptr && fault->action == Action::SHORT;
-    const ssize_t sent = REAL(send)(fd, data, is_short ? 1 : length, flags);
-    return fault == nullptr || is_short ? sent : static_cast<ssize_t>(length + 1);
+    const std::size_t bytes = granted(FaultCall::SEND, length, CALLER);
+    return bytes != 0 ? REAL(send)(fd, data, bytes, flags) : fail();
 }
 
 ssize_t sendmsg(int fd, const msghdr* message, int flags) {
-    const Fault* const fault = suffer(FaultCall::SENDMSG, CALLER, {.fd = fd});
-    if (fault == nullptr) {
+    if (!suffer(FaultCall::SENDMSG, CALLER)) {
         return REAL(sendmsg)(fd, message, flags);
     }
-    switch (fault->action) {
-        case Action::SHORT:
-            return send_one_byte(fd, *message, flags);
-        case Action::EXCESS:
-            return static_cast<ssize_t>(bytes_in(*message) + 1);
-        default:
-            return fail_with(*fault);
-    }
+    return page->plan.error == SHORT_TRANSFER ? send_one_byte(fd, *message, flags) : fail();
 }
 
 int pthread_create(pthread_t* handle, const pthread_attr_t* attributes, void* (*entry)(void*),
@@ -462,16 +278,18 @@ int pthread_create(pthread_t* handle, const pthread_attr_t* attributes, void* (*
     if (!is_program(CALLER)) {
         return REAL(pthread_create)(handle, attributes, entry, argument);
     }
-    const std::uint32_t idx = threads_created.fetch_add(1);
-    if (idx >= MAX_THREADS) {
-        reject("a thread too many");
+    const std::uint32_t idx = threads_created;
+    if (idx == MAX_THREADS) {
+        give_up("too many threads");
     }
     CreatedThread& thread = threads[idx];
     thread.entry = entry;
     thread.argument = argument;
-    const Fault* const fault = suffer(FaultCall::PTHREAD_CREATE, CALLER, {});
-    if (fault != nullptr) {
-        return fault->error;
+    thread.role = idx % 2 == 0 ? FaultThread::READER : FaultThread::WRITER;
+    thread.connection = idx / 2;
+    ++threads_created;
+    if (const int error = error_of(FaultCall::PTHREAD_CREATE, CALLER)) {
+        return error;
     }
     const int result = REAL(pthread_create)(handle, attributes, run_thread, &thread);
     thread.handle = *handle;
@@ -479,35 +297,33 @@ int pthread_create(pthread_t* handle, const pthread_attr_t* attributes, void* (*
 }
 
 int pthread_cancel(pthread_t handle) {
-    const Fault* const fault = suffer(FaultCall::PTHREAD_CANCEL, CALLER, {.thread = handle});
+    const int error = error_of(FaultCall::PTHREAD_CANCEL, CALLER, {.thread = find_thread(handle)});
     const int result = REAL(pthread_cancel)(handle);
-    return fault != nullptr ? fault->error : result;
+    return error != 0 ? error : result;
 }
 
 int pthread_join(pthread_t handle, void** result) {
-    CreatedThread* const thread = is_program(CALLER) ? find_thread(handle) : nullptr;
-    const Fault* const fault = suffer(FaultCall::PTHREAD_JOIN, CALLER, {.thread = handle});
-    if (fault != nullptr && fault->action == Action::REFUSE) {
-        return EDEADLK;
+    CreatedThread* const thread = find_thread(handle);
+    const int error = error_of(FaultCall::PTHREAD_JOIN, CALLER, {.thread = thread});
+    if (thread != nullptr && thread->joined_already) {
+        return error;
     }
-    const bool joined_already = thread != nullptr && thread->joined_already;
-    const int joined = joined_already ? 0 : REAL(pthread_join)(handle, result);
-    if (fault == nullptr || thread == nullptr) {
-        return joined;
+    const int joined = REAL(pthread_join)(handle, result);
+    if (error != 0) {
+        thread->joined_already = true;
     }
-    thread->joined_already = true;
-    return fault->error;
+    return error != 0 ? error : joined;
 }
 
 int pthread_mutex_lock(pthread_mutex_t* mutex) noexcept {
-    const Fault* const fault = suffer(FaultCall::PTHREAD_MUTEX_LOCK, CALLER, {.mutex = mutex});
-    return fault != nullptr ? fault->error : REAL(pthread_mutex_lock)(mutex);
+    const int error = error_of(FaultCall::PTHREAD_MUTEX_LOCK, CALLER, {.mutex = mutex});
+    return error != 0 ? error : REAL(pthread_mutex_lock)(mutex);
 }
 
 int pthread_mutex_unlock(pthread_mutex_t* mutex) noexcept {
-    const Fault* const fault = suffer(FaultCall::PTHREAD_MUTEX_UNLOCK, CALLER, {.mutex = mutex});
+    const int error = error_of(FaultCall::PTHREAD_MUTEX_UNLOCK, CALLER, {.mutex = mutex});
     const int result = REAL(pthread_mutex_unlock)(mutex);
-    return fault != nullptr ? fault->error : result;
+    return error != 0 ? error : result;
 }
 
 }  // extern "C"
@@ -517,7 +333,7 @@ int pthread_mutex_unlock(pthread_mutex_t* mutex) noexcept {
 namespace {
 
 void* allocate(FaultCall call, std::size_t bytes, const void* caller) {
-    return suffer(call, caller, {}) != nullptr ? nullptr : std::malloc(bytes != 0 ? bytes : 1);
+    return suffer(call, caller) ? nullptr : std::malloc(bytes != 0 ? bytes : 1);
 }
 
 void* allocate_or_throw(std::size_t bytes, const void* caller) {

@@ -3,8 +3,11 @@
 
 #include <array>
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
-#include <string_view>
+
+// In the private /run of the test.
+inline constexpr const char* FAULT_PAGE_PATH = "/run/v9_fault_page";
 
 enum class FaultCall : std::uint32_t {
     SOCKET,
@@ -23,28 +26,37 @@ enum class FaultCall : std::uint32_t {
     NOTHROW_NEW,
     NEW,
 };
+inline constexpr std::size_t FAULT_CALLS = static_cast<std::size_t>(FaultCall::NEW) + 1;
 
-// The names used in V9_FAULT, in the order above.
-inline constexpr std::array<std::string_view, 15> FAULT_CALL_NAMES{"socket",
-                                                                   "bind",
-                                                                   "listen",
-                                                                   "accept4",
-                                                                   "setsockopt",
-                                                                   "recv",
-                                                                   "send",
-                                                                   "sendmsg",
-                                                                   "pthread_create",
-                                                                   "pthread_cancel",
-                                                                   "pthread_join",
-                                                                   "pthread_mutex_lock",
-                                                                   "pthread_mutex_unlock",
-                                                                   "nothrow_new",
-                                                                   "new"};
+// The addresses of a function, relative to the program's load address. By default those of all functions.
+struct CodeRange {
+    std::uint64_t from = 0;
+    std::uint64_t to = UINT64_MAX;
+};
+
+// Makes recv, send and sendmsg transfer a single byte instead of failing.
+inline constexpr int SHORT_TRANSFER = 0;
+
+// The call that is to fail.
+struct FaultPlan {
+    FaultCall call = FaultCall::SOCKET;
+    int error = SHORT_TRANSFER;  // or an errno
+    CodeRange within = {};       // Only calls from this function count.
+    bool all_later = false;      // All later calls fail, too.
+    std::uint64_t nth = 0;       // The number of the call, from 1; 0: calls are only counted.
+};
 
 enum class FaultThread : std::uint32_t { MAIN, READER, WRITER };
 
 inline constexpr std::uint32_t NO_FAULT_CONNECTION = 0xFFFFFFFF;
+
 inline constexpr std::size_t MAX_FAULT_FRAMES = 32;
+
+// Return addresses within the program, innermost first, relative to its load address.
+struct FaultStack {
+    std::array<std::uint64_t, MAX_FAULT_FRAMES> frames{};
+    std::uint32_t count = 0;
+};
 
 // The first call that was made to fail.
 struct FaultRecord {
@@ -56,25 +68,17 @@ struct FaultRecord {
     // What this thread had done before: calls of sendmsg, bytes received by recv.
     std::uint32_t sendmsg_calls = 0;
     std::uint64_t received_bytes = 0;
-    // Whether the socket is the control socket or one of its clients.
-    std::uint32_t on_control_socket = 0;
-    // For pthread_cancel and pthread_join: the target's connection, and which of its two threads.
-    std::uint32_t target_connection = NO_FAULT_CONNECTION;
+    // For pthread_cancel and pthread_join: which of a connection's two threads.
     FaultThread target_thread = FaultThread::MAIN;
-    // Return addresses, innermost first, relative to the program's load address.
-    std::uint32_t frame_count = 0;
-    std::array<std::uint64_t, MAX_FAULT_FRAMES> frames{};
+    FaultStack stack;
 };
 
 struct FaultPage {
-    // The number of calls by the program, by FaultCall.
-    std::array<std::atomic<std::uint64_t>, FAULT_CALL_NAMES.size()> calls{};
-    // The number of these calls that match the first fault of the plan.
+    FaultPlan plan = {};  // Written before the program starts.
+    // The number of calls that match the plan, except for `nth`.
     std::atomic<std::uint64_t> seen{0};
     std::atomic<std::uint32_t> injected{0};
-    // Releases a call held by the action "hold".
-    std::atomic<std::uint32_t> released{0};
     // Valid once `injected` is not 0.
-    FaultRecord first;
+    FaultRecord first = {};
 };
 static_assert(std::atomic<std::uint64_t>::is_always_lock_free);

@@ -15,8 +15,6 @@
 
 namespace {
 
-constexpr const char* PAGE_PATH = "/run/v9_fault_page";
-
 // "a::(anonymous namespace)::b[abi:cxx11](int)" becomes "a::b".
 std::string plain_name(std::string function) {
     constexpr std::string_view ANONYMOUS = "(anonymous namespace)::";
@@ -62,22 +60,20 @@ ServerSymbols::ServerSymbols() {
     }
 }
 
-std::string ServerSymbols::within(std::string_view name) const {
+CodeRange ServerSymbols::within(std::string_view name) const {
     for (auto symbol = by_address.begin(); symbol != by_address.end(); ++symbol) {
         const auto next = std::next(symbol);
         if (next != by_address.end() && has_name(symbol->second, name)) {
-            std::ostringstream range;
-            range << '@' << std::hex << symbol->first << '-' << next->first;
-            return range.str();
+            return {symbol->first, next->first};
         }
     }
     throw TestFailure("the server has no function " + std::string(name));
 }
 
-std::vector<std::string> ServerSymbols::functions_of(const FaultRecord& record) const {
+std::vector<std::string> ServerSymbols::functions_of(const FaultStack& stack) const {
     std::vector<std::string> functions;
-    for (std::uint32_t i = 0; i < record.frame_count; ++i) {
-        auto symbol = by_address.lower_bound(record.frames[i]);  // A return address is after the call.
+    for (std::uint32_t i = 0; i < stack.count; ++i) {
+        auto symbol = by_address.lower_bound(stack.frames[i]);  // A return address is after the call.
         if (symbol != by_address.begin()) {
             functions.push_back(std::prev(symbol)->second);
         }
@@ -85,58 +81,42 @@ std::vector<std::string> ServerSymbols::functions_of(const FaultRecord& record) 
     return functions;
 }
 
-FaultWatch::FaultWatch() {
-    const int fd = open(PAGE_PATH, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    if (fd < 0 || ftruncate(fd, sizeof(FaultPage)) != 0) {
-        throw TestFailure(std::string("cannot make ") + PAGE_PATH);
-    }
-    void* const mapped = mmap(nullptr, sizeof(FaultPage), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+FaultWatch::FaultWatch(const FaultPlan& plan) {
+    const int fd =
+        checked(open(FAULT_PAGE_PATH, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600), FAULT_PAGE_PATH);
+    checked(ftruncate(fd, sizeof(FaultPage)), "ftruncate");
+    void* const memory = mmap(nullptr, sizeof(FaultPage), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
     close(fd);
-    if (mapped == MAP_FAILED) {
-        throw TestFailure(std::string("cannot map ") + PAGE_PATH);
+    if (memory == MAP_FAILED) {
+        throw TestFailure(std::string("cannot map ") + FAULT_PAGE_PATH);
     }
-    page = new (mapped) FaultPage;
+    mapped = new (memory) FaultPage{.plan = plan};
 }
 
 FaultWatch::~FaultWatch() {
-    munmap(page, sizeof(FaultPage));
-}
-
-void FaultWatch::wait_until_injected(Milliseconds wait) const {
-    if (!holds_within(wait, [this] { return injected() != 0; })) {
-        throw TestFailure("the server never made the call that is to fail");
-    }
+    munmap(mapped, sizeof(FaultPage));
 }
 
 bool FaultWatch::came_through(std::string_view function_name) const {
-    const std::vector<std::string> all = functions();
+    const std::vector<std::string> all = ServerSymbols::get().functions_of(mapped->first.stack);
     return std::any_of(all.begin(), all.end(),
                        [&](const std::string& function) { return has_name(function, function_name); });
 }
 
 std::string FaultWatch::describe() const {
-    if (injected() == 0) {
-        return "nothing injected";
-    }
-    constexpr const char* THREADS[] = {"main", "reader", "writer"};
-    std::string text = std::to_string(injected()) + " injected, first on the " +
-                       THREADS[static_cast<std::size_t>(first().thread)] + " thread, connection " +
-                       std::to_string(static_cast<int>(first().connection)) + ", call " +
-                       std::to_string(first().call_of_thread) + ", through";
-    for (const std::string& function : functions()) {
+    const FaultRecord& first = mapped->first;
+    std::string text = std::to_string(mapped->injected) + " injected, first for connection " +
+                       std::to_string(static_cast<int>(first.connection)) + " at call " +
+                       std::to_string(first.call_of_thread) + " of its thread, through";
+    for (const std::string& function : ServerSymbols::get().functions_of(first.stack)) {
         text += "\n    " + function;
     }
     return text;
 }
 
-ServerOptions with_faults(const std::string& plan, std::vector<std::string> arguments) {
+ServerOptions with_injector() {
     ServerOptions options;
-    options.arguments = std::move(arguments);
-    options.environment = {"LD_PRELOAD=" + linked_in_run(V9_FAULT_INJECTOR_PATH),
-                           std::string("V9_FAULT_PAGE=") + PAGE_PATH};
-    if (!plan.empty()) {
-        options.environment.push_back("V9_FAULT=" + plan);
-    }
+    options.environment = {"LD_PRELOAD=" + linked_in_run(V9_FAULT_INJECTOR_PATH)};
     options.limits = {{RLIMIT_CORE, 0}};  // Some must end by an assertion.
     return options;
 }

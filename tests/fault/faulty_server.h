@@ -1,6 +1,5 @@
-// A server with failing system calls, and information about the call that failed.
-//
-// A plan is the text that fault_injector.cpp reads from V9_FAULT. A test process has one server at a time.
+// A server with a failing call, and information about the call that failed. A test process has one server at
+// a time.
 #pragma once
 
 #include <map>
@@ -16,11 +15,11 @@ class ServerSymbols {
   public:
     static const ServerSymbols& get();
 
-    // Returns "@FROM-TO" for a plan: the addresses of the function with this name, qualified or not. Throws
-    // TestFailure if there is none.
-    std::string within(std::string_view name) const;
-    // Returns the names of the functions on the stack of the record's call, innermost first.
-    std::vector<std::string> functions_of(const FaultRecord& record) const;
+    // Returns the addresses of the function with this name, qualified or not. Throws TestFailure if there
+    // is none.
+    CodeRange within(std::string_view name) const;
+    // Returns the names of the functions on the stack, innermost first.
+    std::vector<std::string> functions_of(const FaultStack& stack) const;
 
   private:
     ServerSymbols();
@@ -28,40 +27,30 @@ class ServerSymbols {
     std::map<std::uint64_t, std::string> by_address;
 };
 
-// The page that the injector writes to. Create it before the server starts.
+// The page that the injector reads and writes. Create it before the server starts.
 class FaultWatch {
   public:
-    FaultWatch();
+    explicit FaultWatch(const FaultPlan& plan);
     ~FaultWatch();
     FaultWatch(const FaultWatch&) = delete;
     FaultWatch& operator=(const FaultWatch&) = delete;
 
-    std::uint64_t calls(FaultCall call) const { return page->calls[static_cast<std::size_t>(call)]; }
-    // The number of calls of the kind, thread and function of the plan's first fault.
-    std::uint64_t seen() const { return page->seen; }
-    // The number of calls that failed by injection or are held.
-    std::uint32_t injected() const { return page->injected; }
-    void wait_until_injected(Milliseconds wait = DEFAULT_WAIT) const;
-    // Releases the held call.
-    void release() const { page->released = 1; }
-    // Valid once a fault was injected.
-    const FaultRecord& first() const { return page->first; }
-    // The functions on the stack, innermost first.
-    std::vector<std::string> functions() const { return ServerSymbols::get().functions_of(first()); }
+    const FaultPage& page() const { return *mapped; }
+    // Whether the first call that failed came through this function.
     bool came_through(std::string_view function_name) const;
     // For the failure message.
     std::string describe() const;
 
   private:
-    FaultPage* page;
+    FaultPage* mapped;
 };
 
-ServerOptions with_faults(const std::string& plan, std::vector<std::string> arguments = {});
+// The options of a server whose calls pass through the injector.
+ServerOptions with_injector();
 
-// A server with a plan. An empty plan only counts.
 struct FaultyServer {
-    explicit FaultyServer(const std::string& plan) : server(with_faults(plan)) {}
+    explicit FaultyServer(const FaultPlan& plan) : watch(plan) {}
 
     FaultWatch watch;
-    ServerProcess server;
+    ServerProcess server{with_injector()};
 };

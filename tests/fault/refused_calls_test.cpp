@@ -1,451 +1,50 @@
 // One failing system call and all its consequences.
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <csignal>
-#include <string>
-#include <vector>
+#include <cerrno>
 
 #include "tests/fault/faulty_server.h"
-#include "tests/support/amf_bytes.h"
-#include "tests/support/control_peer.h"
-#include "tests/support/live_pair.h"
 #include "tests/support/media_bytes.h"
 #include "tests/support/rtmp_client.h"
-#include "tests/support/test_failure.h"
 
-namespace {
-
-std::string within(std::string_view function) {
-    return ServerSymbols::get().within(function);
-}
-
-ProgramRun run_with_fault(const std::string& plan) {
-    const FaultWatch watch;
-    ProgramRun run = run_server_to_its_end(with_faults(plan));
-    EXPECT_EQ(watch.injected(), 1U) << watch.describe();
-    return run;
-}
-
-void expect_refused_start(const ProgramRun& run, const std::string& text) {
-    EXPECT_EQ(run.end.status, 1);
-    EXPECT_EQ(run.err, text);
-}
-
-void expect_assertion(FaultyServer& faulty, const std::string& function, const std::string& expression) {
-    SCOPED_TRACE(function);
-    const ProgramEnd end = faulty.server.wait_for_exit();
-    EXPECT_EQ(end.signal, SIGABRT) << faulty.watch.describe();
-    EXPECT_EQ(faulty.server.count("v9_rtmp_server: " + function + ": Assertion '" + expression + "' failed."),
-              1U)
-        << faulty.server.raw_text() << faulty.watch.describe();
-}
-
-// Checks that a connection leaves nothing behind, compared with the state before it.
-class AtRest {
-  public:
-    explicit AtRest(const ServerProcess& process) : server(process), fds(process.fd_count()) {}
-
-    void expect() const {
-        server.wait_for_thread_count(THREADS_AT_REST);
-        server.wait_for_fd_count(fds);
-    }
-
-  private:
-    const ServerProcess& server;
-    const std::size_t fds;
-};
-
-// Returns a client whose threads have printed all their startup lines.
-RtmpClient client_at_rest(const ServerProcess& server) {
-    RtmpClient client = handshaken_client();
-    for (const char* const line : {"Accepted connection", "RTMP handshake complete", "RTMP xmit begin"}) {
-        server.wait_for_line(line);
-    }
-    return client;
-}
-
-std::string drop(ControlPeer& peer, const std::string& id) {
-    return peer.ask("drop connection by id", {id}).message;
-}
-
-// The main thread is held between the drop and the pass that carries it out, in the call that sends
-// the reply.
-const std::string HELD_DROP = "sendmsg.main:2:hold";
-
-// Returns what the server prints if its client ends one of its threads meanwhile.
-std::vector<std::string> lines_of_held_drop(FaultyServer& faulty, void (*end_thread)(RtmpClient& client)) {
-    ControlPeer peer;
-    (void)peer.ask("hello");
-    const AtRest at_rest(faulty.server);
-    RtmpClient client = client_at_rest(faulty.server);
-    const std::size_t threads = faulty.server.thread_count();
-    peer.send_bytes(control_request(2, "drop connection by id", {"0"}));
-    faulty.watch.wait_until_injected();
-    const LineMark mark = faulty.server.mark();
-    end_thread(client);
-    faulty.server.wait_for_thread_count(threads - 1);
-    faulty.watch.release();
-    std::vector<std::string> lines = faulty.server.lines_through("Dropping connection", mark);
-    if (client.is_open()) {
-        (void)client.expect_closed();
-    }
-    at_rest.expect();
-    return lines;
-}
-
-}  // namespace
-
-// ---- the start
-
-TEST(refused_calls, without_memory_for_the_control_socket_the_server_does_not_start) {
-    expect_refused_start(run_with_fault("new" + within("comm_socket_v4_create") + ":1:ENOMEM"),
-                         "Failed to create comm socket\n");
-}
-
-TEST(refused_calls,
-     a_control_socket_that_cannot_be_made_bound_or_listened_at_keeps_the_server_from_starting) {
-    for (const char* const plan : {"socket:1:EMFILE", "bind:1:EACCES", "listen:1:EADDRINUSE"}) {
-        expect_refused_start(run_with_fault(plan), "Failed to create server socket\n");
-    }
-}
-
-TEST(refused_calls, without_a_descriptor_for_the_listener_the_server_ends_in_silence) {
-    expect_refused_start(run_with_fault("socket:2:EMFILE"), "");
-}
-
-TEST(refused_calls, a_port_that_cannot_be_bound_keeps_the_server_from_starting) {
-    expect_refused_start(run_with_fault("bind:2:EACCES"), "Cannot bind socket\n");
-}
-
-TEST(refused_calls, a_port_that_cannot_be_listened_at_keeps_the_server_from_starting) {
-    expect_refused_start(run_with_fault("listen:2:EADDRINUSE"), "Cannot listen\n");
-}
-
-TEST(refused_calls, a_listener_that_is_refused_an_option_only_warns_and_serves) {
-    for (const auto& [plan, text] :
-         {std::pair{"setsockopt:1:ENOPROTOOPT", "WARNING: IPTV out cannot set SO_REUSEADDR\n"},
-          std::pair{"setsockopt:2:ENOPROTOOPT", "WARNING: IPTV out cannot set SO_REUSEPORT\n"}}) {
-        FaultyServer faulty(plan);
-        EXPECT_EQ(faulty.server.raw_text(), text);
-        LivePair live;
-        live.finish();
-    }
-}
-
-// ---- threads that cannot be created, cancelled or joined
-
-TEST(refused_calls, a_client_without_one_of_its_threads_is_accepted_and_dropped_and_leaves_nothing_behind) {
-    // Two threads belong to each of the live pair.
-    for (const int failing : {5, 6}) {
-        FaultyServer faulty("pthread_create:" + std::to_string(failing) + ":EAGAIN");
-        LivePair live;
-        const std::size_t threads = faulty.server.thread_count();
-        const std::size_t fds = faulty.server.fd_count();
-        const LineMark mark = faulty.server.mark();
-        RtmpClient client;
-        (void)client.expect_closed();
-        const std::vector<std::string> lines = faulty.server.lines_through("Dropping connection", mark);
-        EXPECT_EQ(faulty.server.count("WARNING: Failure to create thread", mark), 1U);
-        EXPECT_EQ(faulty.server.count("Accepted connection", mark), 1U);
-        EXPECT_EQ(faulty.server.count("Thread 1 died", mark), 0U);
-        EXPECT_EQ(lines.back(), "Dropping connection");
-        faulty.server.wait_for_thread_count(threads);
-        EXPECT_EQ(faulty.server.fd_count(), fds);
-        live.finish();
-    }
-}
-
-TEST(refused_calls, a_drop_says_which_thread_it_could_not_cancel_or_join_and_goes_on) {
+TEST(refused_calls, a_server_that_cannot_open_its_sockets_does_not_start_and_says_why) {
     struct Row {
-        const char* plan;
-        std::vector<std::string> texts;
-    };
-    for (const Row& row :
-         {Row{"pthread_cancel:1:ESRCH", {"WARNING: Failure to cancel thread"}},
-          Row{"pthread_cancel:2:ESRCH", {"WARNING: Failure to cancel thread2"}},
-          Row{"pthread_join:1:ESRCH", {"WARNING: Failure to pthread_join"}},
-          Row{"pthread_join:2:ESRCH", {"WARNING: Failure to pthread_join2"}},
-          Row{"pthread_cancel:1+:ESRCH;pthread_join:1+:ESRCH",
-              {"WARNING: Failure to cancel thread", "WARNING: Failure to pthread_join",
-               "WARNING: Failure to cancel thread2", "WARNING: Failure to pthread_join2"}}}) {
-        FaultyServer faulty(row.plan);
-        ControlPeer peer;
-        (void)peer.ask("hello");
-        const AtRest at_rest(faulty.server);
-        RtmpClient client = client_at_rest(faulty.server);
-        const LineMark mark = faulty.server.mark();
-        EXPECT_EQ(drop(peer, "0"), "OK");
-        std::vector<std::string> lines = row.texts;
-        lines.emplace_back("Dropping connection");
-        EXPECT_EQ(faulty.server.lines_through("Dropping connection", mark), lines);
-        (void)client.expect_closed();
-        at_rest.expect();
-    }
-}
-
-TEST(refused_calls, a_thread_that_cannot_be_joined_is_tried_again_on_every_pass) {
-    FaultyServer faulty("pthread_join:1:refuse;pthread_join:1:refuse;pthread_join:1:refuse");
-    const AtRest at_rest(faulty.server);
-    RtmpClient client = client_at_rest(faulty.server);
-    const LineMark mark = faulty.server.mark();
-    client.close();
-    const std::vector<std::string> lines = faulty.server.lines_through("Dropping connection", mark);
-    EXPECT_EQ(lines,
-              (std::vector<std::string>{"Thread 1 died", "Thread 1 died", "Thread 1 died", "Thread 1 died",
-                                        "WARNING: Thread terminated unexpectedly", "Dropping connection"}));
-    at_rest.expect();
-}
-
-TEST(refused_calls, a_thread_that_has_died_by_the_time_of_the_drop_is_not_cancelled) {
-    FaultyServer faulty(HELD_DROP);
-    EXPECT_EQ(lines_of_held_drop(faulty, [](RtmpClient& client) { client.close(); }),
-              (std::vector<std::string>{"Not cancelling thread, it died", "Dropping connection"}));
-}
-
-TEST(refused_calls, a_writer_that_has_died_by_the_time_of_the_drop_is_not_cancelled) {
-    FaultyServer faulty(HELD_DROP + ";sendmsg.writer:1:EPIPE");
-    // The acknowledgement of this message cannot be sent.
-    EXPECT_EQ(lines_of_held_drop(faulty, [](RtmpClient& client) { client.send_audio(1, aac_frame(1)); }),
-              (std::vector<std::string>{"Not cancelling thread2, it died", "Dropping connection"}));
-}
-
-TEST(refused_calls, the_tenth_quit_signal_ends_a_server_that_does_not_get_to_its_end) {
-    FaultyServer faulty("pthread_join:1:hold");
-    const RtmpClient client = client_at_rest(faulty.server);
-    for (int sent = 1; sent <= 10; ++sent) {
-        EXPECT_TRUE(faulty.server.is_running()) << "after " << sent - 1 << " signals";
-        faulty.server.send_signal(SIGTERM);
-        faulty.server.wait_until_signals_are_taken();
-        if (sent == 1) {
-            faulty.watch.wait_until_injected();
-        }
-    }
-    EXPECT_EQ(faulty.server.wait_for_exit().signal, SIGABRT);
-}
-
-// ---- sockets
-
-TEST(refused_calls, a_handshake_whose_answer_cannot_be_sent_says_which_part) {
-    struct Row {
-        const char* plan;
+        FaultPlan plan;
         const char* text;
-        std::size_t sent_before;
     };
-    for (const Row& row : {Row{"send:1:EPIPE", "S0 fail", 0}, Row{"send:2:EPIPE", "S1 fail", 1},
-                           Row{"send:3:EPIPE", "S2 fail", 1 + 1536}}) {
-        FaultyServer faulty(row.plan);
-        const AtRest at_rest(faulty.server);
-        RtmpClient client;
-        faulty.server.wait_for_line("RTMP xmit begin");
-        faulty.server.wait_for_line("Accepted connection");
-        client.send_bytes(bytes_of({3}) + pattern_bytes(1536, 7));
-        (void)client.read_bytes(row.sent_before);
-        (void)client.expect_closed();
-        const std::vector<std::string> lines = faulty.server.lines_through("Dropping connection");
-        EXPECT_THAT(std::vector<std::string>(lines.end() - 5, lines.end()),
-                    testing::ElementsAre(row.text, "RTMP handshake failed", "Thread 1 died",
-                                         "WARNING: Thread terminated unexpectedly", "Dropping connection"));
-        at_rest.expect();
-    }
-}
-
-TEST(refused_calls, a_writer_that_cannot_send_dies_and_takes_its_connection_with_it) {
-    FaultyServer faulty("sendmsg.writer:1:EPIPE");
-    const AtRest at_rest(faulty.server);
-    RtmpClient client = client_at_rest(faulty.server);
-    const LineMark mark = faulty.server.mark();
-    client.send_audio(1, aac_frame(1));
-    EXPECT_EQ(faulty.server.lines_through("Dropping connection", mark),
-              (std::vector<std::string>{"Thread 2 died", "WARNING: Thread2 terminated unexpectedly",
-                                        "Dropping connection"}));
-    (void)client.expect_closed();
-    at_rest.expect();
-}
-
-TEST(refused_calls, a_system_that_reports_more_bytes_than_were_asked_for_ends_the_process) {
-    for (const auto& [plan, function] :
-         {std::pair{"recv.reader:1:excess", "cread"}, std::pair{"send:1:excess", "cwrite"},
-          std::pair{"sendmsg.writer:1:excess", "flush"}}) {
-        FaultyServer faulty(plan);
-        RtmpClient client;
-        client.send_bytes(bytes_of({3}));
-        if (std::string(plan).starts_with("sendmsg")) {
-            client.send_bytes(pattern_bytes(1536, 7));
-            (void)client.read_bytes(1);
-            client.send_bytes(client.read_bytes(1536));
-            client.send_audio(1, aac_frame(1));
-        }
-        expect_assertion(faulty, function, "(size_t)ret <= c");
-    }
-}
-
-TEST(refused_calls, a_control_socket_that_cannot_accept_any_more_is_given_up_and_the_relay_goes_on) {
-    FaultyServer faulty("accept4" + within("comm_socket_v4_idle") + ":1:EINVAL");
-    LivePair live;
-    EXPECT_EQ(faulty.watch.injected(), 1U);
-    EXPECT_THAT(faulty.server.raw_text(), testing::StartsWith("Idle failed: Invalid argument"));
-    EXPECT_THROW(ControlPeer{}, TestFailure);
-    live.finish();
-}
-
-TEST(refused_calls, a_reply_that_the_system_refuses_costs_that_client_its_reply) {
-    FaultyServer faulty("sendmsg.main:1:EIO");
-    LivePair live;
-    ControlPeer unlucky;
-    unlucky.send_bytes(control_request(1, "hello"));
-    faulty.server.wait_for_line("Unable to send packet: Input/output error");
-    EXPECT_EQ(ControlPeer().ask("hello").message, "How are you?");
-    live.finish();
-}
-
-// ---- locks
-
-TEST(refused_calls, a_connection_whose_lock_fails_when_it_is_looked_at_is_dropped) {
-    FaultyServer faulty("pthread_mutex_lock" + within("RTMPConnection::ok") + ":1:EINVAL");
-    const AtRest at_rest(faulty.server);
-    RtmpClient client;
-    (void)client.expect_closed();
-    const std::vector<std::string> lines = faulty.server.lines_through("Dropping connection");
-    EXPECT_EQ(std::vector<std::string>(lines.end() - 2, lines.end()),
-              (std::vector<std::string>{"Lock fail", "Dropping connection"}));
-    at_rest.expect();
-}
-
-TEST(refused_calls, a_reader_that_cannot_lock_gives_up_reading) {
-    struct Row {
-        const char* function;
-        bool says_so;
-    };
+    const char* const no_control_socket = "Failed to create server socket\n";
     for (const Row& row :
-         {Row{"RTMPConnection::add_to_incoming_queue", true}, Row{"queue_acknowledgement", false},
-          Row{"wait_for_room_in_incoming_queue", false}}) {
-        FaultyServer faulty("pthread_mutex_lock.reader" + within(row.function) + ":1:EINVAL");
-        const AtRest at_rest(faulty.server);
-        RtmpClient client = client_at_rest(faulty.server);
-        const LineMark mark = faulty.server.mark();
-        client.send_connect();
-        (void)client.expect_closed();
-        const std::vector<std::string> lines = faulty.server.lines_through("Dropping connection", mark);
-        EXPECT_EQ(faulty.server.count("Failure to add to queue", mark), row.says_so ? 1U : 0U);
-        // Messages queued before are handled.
-        EXPECT_EQ(faulty.server.count("accepted app ombrex-live", mark), row.says_so ? 0U : 1U)
-            << row.function;
-        EXPECT_EQ(faulty.server.count("Thread 1 died", mark), 1U);
-        at_rest.expect();
+         {Row{{.call = FaultCall::NEW,
+         .error = ENOMEM,
+         .within = ServerSymbols::get().within("comm_socket_v4_create"),
+         .nth = 1},
+              "Failed to create comm socket\n"},
+          Row{{.call = FaultCall::SOCKET, .error = EMFILE, .nth = 1}, no_control_socket},
+          Row{{.call = FaultCall::BIND, .error = EACCES, .nth = 1}, no_control_socket},
+          Row{{.call = FaultCall::LISTEN, .error = EADDRINUSE, .nth = 1}, no_control_socket},
+          Row{{.call = FaultCall::SOCKET, .error = EMFILE, .nth = 2}, ""},
+          Row{{.call = FaultCall::BIND, .error = EACCES, .nth = 2}, "Cannot bind socket\n"},
+          Row{{.call = FaultCall::LISTEN, .error = EADDRINUSE, .nth = 2}, "Cannot listen\n"}}) {
+        const FaultWatch watch(row.plan);
+        const ProgramRun run = run_server_to_its_end(with_injector());
+        EXPECT_EQ(watch.page().injected, 1U) << row.text;
+        EXPECT_EQ(run.end.status, 1) << row.text;
+        EXPECT_EQ(run.err, row.text);
     }
 }
 
-TEST(refused_calls, a_chunk_size_that_cannot_be_echoed_for_want_of_the_lock_ends_the_reading) {
-    FaultyServer faulty("pthread_mutex_lock.reader" + within("queue_outgoing") + ":1:EINVAL");
-    RtmpClient client = handshaken_client();
-    client.set_chunk_size(4096);
-    EXPECT_EQ(client.expect_closed_without_answer(), CloseKind::END_OF_STREAM);
-    EXPECT_EQ(faulty.server.count("RTMP: New chunk size 4096 accepted"), 1U);
-    faulty.server.wait_for_line("Dropping connection");
-}
-
-TEST(refused_calls, a_writer_that_cannot_lock_tries_again) {
-    FaultyServer faulty("pthread_mutex_lock.writer:1:EINVAL");
-    LivePair live;
-    EXPECT_EQ(faulty.watch.injected(), 1U);
-    live.finish();
-}
-
-TEST(refused_calls, a_message_that_cannot_be_taken_for_want_of_the_lock_is_taken_on_the_next_pass) {
-    FaultyServer faulty("pthread_mutex_lock" + within("RTMPConnection::idle") + ":2:EINVAL");
-    LivePair live;
-    EXPECT_EQ(faulty.watch.injected(), 1U);
-    live.finish();
-}
-
-TEST(refused_calls, a_player_that_cannot_be_locked_misses_that_message_only) {
-    FaultyServer faulty("pthread_mutex_lock.main" + within("RTMPConnection::relay_from_publisher") +
-                        ":2:EINVAL");
-    RtmpClient player = playing_client("cam1");
-    RtmpClient publisher = publishing_client("cam1");
-    for (std::uint32_t i = 1; i <= 3; ++i) {
-        publisher.send_audio(1000, aac_frame(i));
+TEST(refused_calls, a_started_server_has_made_no_other_socket) {
+    for (const FaultCall call : {FaultCall::SOCKET, FaultCall::BIND, FaultCall::LISTEN}) {
+        const FaultyServer faulty({.call = call});
+        EXPECT_EQ(faulty.watch.page().seen, 2U);
     }
-    (void)publisher.round_trip();
-    EXPECT_EQ(player.expect_message(MSG_AUDIO).payload, aac_frame(1));
-    EXPECT_EQ(player.expect_message(MSG_AUDIO).payload, aac_frame(3));
-    EXPECT_EQ(faulty.server.count("Relay fail"), 1U);
-}
-
-TEST(refused_calls, a_player_that_cannot_be_locked_misses_the_metadata_in_silence) {
-    FaultyServer faulty("pthread_mutex_lock" + within("forward_metadata_to_players") + ":1:EINVAL");
-    RtmpClient player = playing_client("cam1");
-    RtmpClient publisher = publishing_client("cam1");
-    publisher.send_metadata(amf_object({{"width", amf_number(1)}}));
-    publisher.send_metadata(amf_object({{"width", amf_number(2)}}));
-    (void)publisher.round_trip();
-    EXPECT_EQ(faulty.watch.injected(), 1U);
-    EXPECT_EQ(player.expect_message(MSG_DATA).payload,
-              amf_string("onMetaData") + amf_object({{"width", amf_number(2)}}));
-    EXPECT_EQ(faulty.server.count("width changed"), 0U);
-}
-
-TEST(refused_calls, a_connection_that_cannot_be_locked_is_listed_without_what_the_lock_guards) {
-    FaultyServer faulty("pthread_mutex_lock" + within("connection_line") + ":1:EINVAL");
-    RtmpClient publisher = publishing_client("cam1");
-    ControlPeer peer;
-    EXPECT_EQ(peer.ask("list connections").values("connection"),
-              std::vector<std::string>{"0\tcam1\tpublish\t\t\t\t"});
-}
-
-TEST(refused_calls, an_unlock_that_fails_ends_the_process_and_says_where) {
-    struct Row {
-        const char* function;  // function that takes the lock
-        const char* named;     // name in the assertion
-        bool own;              // the thread's own connection
-    };
-    for (const Row& row :
-         {Row{"RTMPConnection::ok", "ok", true}, Row{"RTMPConnection::idle", "dispatch_front_message", true},
-          Row{"take_outgoing", "take_outgoing", true},
-          Row{"RTMPConnection::add_to_incoming_queue", "add_to_incoming_queue", true},
-          Row{"queue_acknowledgement", "queue_acknowledgement", true},
-          Row{"wait_for_room_in_incoming_queue", "look_at_incoming_queue", true},
-          Row{"RTMPConnection::relay_from_publisher", "queue_outgoing", true},
-          Row{"forward_metadata_to_players", "forward_metadata_to_players", false},
-          Row{"connection_line", "connection_line", false}}) {
-        FaultyServer faulty("pthread_mutex_unlock" + within(row.function) + ":1:EPERM");
-        try {
-            RtmpClient player = playing_client("cam1");
-            RtmpClient publisher = publishing_client("cam1");
-            publisher.send_metadata(amf_object({{"width", amf_number(1)}}));
-            publisher.send_audio(1000, aac_frame(1));
-            (void)player.expect_message(MSG_DATA);
-            (void)player.expect_message(MSG_AUDIO);
-            (void)ControlPeer().ask("list connections");
-            ADD_FAILURE() << row.function << ": the server lives on";
-        } catch (const TestFailure&) {
-            // When the server ended, so did its clients' connections.
-        }
-        expect_assertion(faulty, row.named, row.own ? "connection_io_unlock()" : "p->connection_io_unlock()");
-    }
-}
-
-// ---- memory
-
-TEST(refused_calls, without_memory_for_what_they_share_players_miss_that_message_only) {
-    FaultyServer faulty("nothrow_new.main" + within("SharedPayload::lay_out") + ":2:ENOMEM");
-    RtmpClient first = playing_client("cam1");
-    RtmpClient second = playing_client("cam1");
-    RtmpClient publisher = publishing_client("cam1");
-    for (std::uint32_t i = 1; i <= 3; ++i) {
-        publisher.send_audio(1000, aac_frame(i));
-    }
-    (void)publisher.round_trip();
-    for (RtmpClient* const player : {&first, &second}) {
-        EXPECT_EQ(player->expect_message(MSG_AUDIO).payload, aac_frame(1));
-        EXPECT_EQ(player->expect_message(MSG_AUDIO).payload, aac_frame(3));
-    }
-    EXPECT_EQ(faulty.server.count("Relay fail"), 2U);
 }
 
 TEST(refused_calls, a_writer_needs_no_memory_that_could_be_refused) {
-    FaultyServer faulty("new.writer:1:ENOMEM");
+    FaultyServer faulty({.call = FaultCall::NEW,
+                         .error = ENOMEM,
+                         .within = ServerSymbols::get().within("writer_thread"),
+                         .nth = 1});
     RtmpClient player = playing_client("cam1");
     RtmpClient publisher = publishing_client("cam1");
     for (std::uint32_t i = 1; i <= 200; ++i) {
@@ -454,47 +53,5 @@ TEST(refused_calls, a_writer_needs_no_memory_that_could_be_refused) {
     for (std::uint32_t i = 1; i <= 200; ++i) {
         EXPECT_EQ(player.expect_message(MSG_AUDIO).payload, aac_frame(i));
     }
-    EXPECT_EQ(faulty.watch.injected(), 0U);
-}
-
-TEST(refused_calls, a_message_for_which_there_is_no_memory_ends_the_reading) {
-    FaultyServer faulty("nothrow_new.reader:1:ENOMEM");
-    const AtRest at_rest(faulty.server);
-    RtmpClient client = handshaken_client();
-    client.send_audio(7, aac_frame(1));
-    (void)client.expect_closed();
-    const std::vector<std::string> lines = faulty.server.lines_through("Dropping connection");
-    EXPECT_THAT(lines, testing::IsSupersetOf(
-                           {std::string("Failed to alloc pkt data"),
-                            std::string("RTMP packet: chunk fmt=0 stream_id=4 timestamp=7 message_length=100 "
-                                        "message_type_id=8 message_stream_id=0"),
-                            std::string("Thread 1 died")}));
-    at_rest.expect();
-}
-
-TEST(refused_calls, a_chunk_size_without_memory_for_its_echo_is_accepted_and_not_echoed) {
-    FaultyServer faulty("nothrow_new.reader:2:ENOMEM");
-    RtmpClient client = handshaken_client();
-    client.set_chunk_size(4096);
-    EXPECT_TRUE(client.round_trip().empty());
-    EXPECT_EQ(client.read_chunk_size(), 128U);
-    EXPECT_EQ(faulty.server.count("RTMP: New chunk size 4096 accepted"), 1U);
-}
-
-TEST(refused_calls, a_control_reply_for_which_there_is_no_memory_ends_the_process) {
-    struct Row {
-        const char* function;
-        const char* named;
-        const char* expression;
-    };
-    for (const Row& row : {Row{"comm_socket_v4_packet_create", "answer", "respkt != NULL"},
-                           Row{"comm_socket_v4_packet_begin_writing", "begin_reply",
-                               "comm_socket_v4_packet_begin_writing(respkt, 0, command, message) == 0"},
-                           Row{"comm_socket::write_pair", "write_pair",
-                               "comm_socket_v4_packet_write_nv_pair(respkt, name, value) == 0"}}) {
-        FaultyServer faulty("new" + within(row.function) + ":1:ENOMEM");
-        ControlPeer peer;
-        peer.send_bytes(control_request(1, "list connections"));
-        expect_assertion(faulty, row.named, row.expression);
-    }
+    EXPECT_EQ(faulty.watch.page().injected, 0U);
 }

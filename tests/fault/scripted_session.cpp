@@ -16,6 +16,8 @@ constexpr std::uint32_t TIMESTAMP_MS = 1000;  // The same for all, so nothing is
 constexpr std::size_t CONTROL_PEERS = 3;
 constexpr Milliseconds ACKNOWLEDGEMENT_WAIT = scaled(Milliseconds{5000});
 constexpr Milliseconds END_WAIT = scaled(Milliseconds{2000});
+// The server's descriptors without clients: the standard three, the listener, the control socket.
+constexpr std::ptrdiff_t FDS_AT_REST = 5;
 
 const std::array<std::pair<std::string, Bytes>, 7> MEDIA{{{"audio header", aac_header()},
                                                           {"video header", avc_header()},
@@ -326,13 +328,11 @@ class Session {
         guest(SECOND_PLAYER).leave();
         server.err().wait_for_count("Dropping connection", SESSION_CLIENTS);
         server.wait_for_thread_count(THREADS_AT_REST);
-        std::size_t expected = 0;
-        const TimePoint deadline = SteadyClock::now() + END_WAIT;
-        do {
-            story.control.lost_at_rest = control_socket_is_lost();
-            expected = FDS_AT_REST - (story.control.lost_at_rest ? 1 : 0);
-            story.fds_after = server.fd_count();
-        } while (story.fds_after != expected && SteadyClock::now() < deadline);
+        (void)holds_within(END_WAIT, [this] {
+            story.fds_left = static_cast<std::ptrdiff_t>(server.fd_count()) -
+                             (control_socket_is_lost() ? FDS_AT_REST - 1 : FDS_AT_REST);
+            return story.fds_left == 0;
+        });
         (void)server.stop();
     }
 

@@ -24,9 +24,6 @@ constexpr std::size_t SECOND_PLAYER = 3;
 constexpr std::size_t LATE_PLAYER = 4;
 constexpr std::size_t SESSION_CLIENTS = 5;
 
-// The server's descriptors without clients: the standard three, the listener, the control socket.
-constexpr std::size_t FDS_AT_REST = 5;
-
 // Short names of messages: "metadata", "audio header", "answer" ...
 using Transcript = std::vector<std::string>;
 
@@ -45,8 +42,6 @@ struct ClientStory {
 struct ControlStory {
     // How many clients of the control socket were needed until one got a reply; 0: none did.
     int peers = 0;
-    // The socket was lost before the descriptors were counted. It may also be lost later.
-    bool lost_at_rest = false;
     std::optional<std::vector<std::string>> listed;  // the connection lines
     std::optional<std::string> dropped;              // the reply to the drop of the first stream
 };
@@ -56,8 +51,8 @@ struct SessionStory {
     ControlStory control;
     // Set if the server ended by itself before the end of the session.
     std::optional<ProgramEnd> end;
-    // The descriptors it held after every client had gone.
-    std::size_t fds_after = 0;
+    // The descriptors it still held for clients after every client had gone.
+    std::ptrdiff_t fds_left = 0;
 };
 
 // Returns what a client receives if nothing fails, without acknowledgements.

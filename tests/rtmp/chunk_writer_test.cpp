@@ -143,6 +143,13 @@ TEST_F(chunk_writer, the_echo_of_a_chunk_size_goes_out_under_the_old_size_and_co
     EXPECT_EQ(conn.conn_g_server.chunk_size, 2U);
 }
 
+TEST_F(chunk_writer, an_echo_without_memory_is_not_sent_and_keeps_the_old_size) {
+    queue(make_packet(1, 0, "", 2, 0));
+    ASSERT_TRUE(send_next());
+    EXPECT_EQ(arrived(), "");
+    EXPECT_EQ(conn.conn_g_server.chunk_size, 128U);
+}
+
 TEST_F(chunk_writer, sends_the_packets_in_the_order_of_the_queue) {
     queue(make_packet(20, 0, "1", 3));
     queue(make_packet(8, 0, ""));

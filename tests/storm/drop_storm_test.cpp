@@ -9,9 +9,9 @@
 #include "tests/storm/accept_queue.h"
 #include "tests/storm/crowd.h"
 #include "tests/storm/storm_size.h"
+#include "tests/support/background.h"
 #include "tests/support/live_pair.h"
 #include "tests/support/server_process.h"
-#include "tests/support/timed_stream.h"
 
 namespace {
 
@@ -41,7 +41,7 @@ INSTANTIATE_TEST_SUITE_P(server, drop_storm_test, testing::Range(0, STORM_SHARDS
 
 }  // namespace
 
-TEST_P(drop_storm_test, leaves_nothing_behind_and_disturbs_nobody) {
+TEST_P(drop_storm_test, drops_leak_nothing_and_disturb_no_other_client) {
     const std::uint64_t seed = storm_seed() + 1000 * static_cast<std::uint64_t>(GetParam());
     const std::size_t drops = storm_count("V9_STORM_DROPS", 4000, 1200) / STORM_SHARDS;
     shrink_send_buffers();

@@ -7,9 +7,9 @@
 #include "tests/storm/accept_queue.h"
 #include "tests/storm/crowd.h"
 #include "tests/storm/storm_size.h"
+#include "tests/support/background.h"
 #include "tests/support/media_bytes.h"
 #include "tests/support/server_process.h"
-#include "tests/support/timed_stream.h"
 
 namespace {
 

@@ -11,7 +11,6 @@
 namespace {
 
 constexpr std::size_t HEADER_BYTES = 8;
-constexpr std::size_t DISCARDED_AT_ONCE = 65536;
 constexpr std::uint32_t ABSENT = 0xFFFFFFFF;
 
 Bytes be64(std::uint64_t value) {
@@ -150,16 +149,6 @@ ControlReply ControlPeer::ask(std::string_view command, const ControlArguments& 
                           std::to_string(reply.request_id));
     }
     return reply;
-}
-
-std::size_t ControlPeer::ask_for_length(std::string_view command, Milliseconds wait) {
-    const TimePoint deadline = SteadyClock::now() + wait;
-    send_bytes(control_request(++last_id, command));
-    const std::size_t length = read_header(deadline);
-    for (std::size_t left = length; left > 0;) {
-        left -= take_bytes(std::min(left, DISCARDED_AT_ONCE), deadline).size();
-    }
-    return length;
 }
 
 bool ControlPeer::has_unread_bytes() const {

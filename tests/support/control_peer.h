@@ -59,9 +59,6 @@ class ControlPeer : public ClientSocket {
     // Sends a request with the next id and waits for a reply, which must carry that id.
     ControlReply ask(std::string_view command, const ControlArguments& arguments = {},
                      Milliseconds wait = DEFAULT_WAIT);
-    // Sends a request with the next id, discards the reply and returns the length of its body. For replies of
-    // a hundred megabytes, which would otherwise cost the test more time than the server.
-    std::size_t ask_for_length(std::string_view command, Milliseconds wait = DEFAULT_WAIT);
     // Whether there are unread bytes from the server.
     [[nodiscard]] bool has_unread_bytes() const;
     // Requires that the server closes the connection without sending anything first.

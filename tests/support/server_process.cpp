@@ -20,10 +20,12 @@ int servers_alive = 0;
 // the marks of frames that are gone. It does so when it frees the thread's signal stack, and whenever a
 // destructor called by the unwinding leaves a frame. Without signal stacks the first check is not made. With
 // frames on a fake stack, which also detects use after return, the marks are not on the real stack.
+//
+// A preloaded library may precede the sanitizer: the fault injector calls its interceptors.
 std::string sanitizer_options() {
     const char* given = std::getenv("ASAN_OPTIONS");
     return std::string("ASAN_OPTIONS=") + (given != nullptr ? std::string(given) + ":" : "") +
-           "use_sigaltstack=0:detect_stack_use_after_return=1";
+           "use_sigaltstack=0:detect_stack_use_after_return=1:verify_asan_link_order=0";
 }
 
 std::vector<std::string> command_line(const ServerOptions& options) {

@@ -67,10 +67,6 @@ int __wrap_setsockopt(int fd, int level, int option, const void* value, socklen_
     std::int32_t low = 0;
     std::memcpy(&low, value, sizeof low);
     wrapped_calls.options.push_back({level, option, low, length});
-    if (static_cast<int>(wrapped_calls.options.size()) == wrapped_calls.failing_setsockopt) {
-        errno = ENOPROTOOPT;
-        return -1;
-    }
     return __real_setsockopt(fd, level, option, value, length);
 }
 
@@ -93,7 +89,7 @@ int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, v
 
 int __wrap_pthread_cancel(pthread_t thread) {
     const int result = __real_pthread_cancel(thread);
-    return wrapped_calls.cancel_result != 0 ? wrapped_calls.cancel_result : result;
+    return wrapped_calls.stop_result != 0 ? wrapped_calls.stop_result : result;
 }
 
 int __wrap_pthread_join(pthread_t thread, void** result) {
@@ -101,7 +97,7 @@ int __wrap_pthread_join(pthread_t thread, void** result) {
     if (wrapped_calls.at_join) {
         wrapped_calls.at_join();
     }
-    return wrapped_calls.join_result != 0 ? wrapped_calls.join_result : joined;
+    return wrapped_calls.stop_result != 0 ? wrapped_calls.stop_result : joined;
 }
 
 int __wrap_pthread_mutex_lock(pthread_mutex_t* mutex) {

@@ -35,12 +35,10 @@ struct WrappedCalls {
 
     // The nth call of its kind (from 1) fails; 0: none does.
     int failing_listen = 0;
-    int failing_setsockopt = 0;
     int failing_pthread_create = 0;
 
-    // Returned instead of the real results. A cancel or join that "fails" has been done anyway.
-    int cancel_result = 0;
-    int join_result = 0;
+    // Returned by a cancel or join that has been done anyway.
+    int stop_result = 0;
     // The join really fails: nothing is joined.
     bool refuse_join = false;
     // The lock of this mutex is refused.
