@@ -7,6 +7,7 @@ import signal
 import subprocess
 import tempfile
 import time
+import urllib.error
 import urllib.request
 
 DIRECT = urllib.request.build_opener(urllib.request.ProxyHandler({}))
@@ -38,8 +39,11 @@ class Browser:
         request = urllib.request.Request(f"http://127.0.0.1:{PORT}{path}", method=method,
                                          data=None if body is None else json.dumps(body).encode(),
                                          headers={"Content-Type": "application/json"})
-        with DIRECT.open(request, timeout=120) as reply:
-            return json.load(reply)["value"]
+        try:
+            with DIRECT.open(request, timeout=120) as reply:
+                return json.load(reply)["value"]
+        except urllib.error.HTTPError as error:
+            raise RuntimeError(f"{method} {path}: {json.load(error)['value']['message']}") from error
 
     def ask(self, method, path, body=None):
         return self.call(method, f"/session/{self.session}{path}", body)
