@@ -54,7 +54,7 @@ class ProcessesOfScripts(unittest.TestCase):
 
     def start_ready(self, name, program, **options):
         self.processes.start(name, python(program), **options)
-        self.assertTrue(P.wait_until(lambda: "ready" in self.log(name), LIMIT_S), name)
+        self.assertTrue(P.wait_until(lambda: "ready\n" in self.log(name), LIMIT_S), name)
 
     def log(self, name):
         return P.text_of(self.processes.log(name))
