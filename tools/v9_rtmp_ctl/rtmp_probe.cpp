@@ -149,7 +149,8 @@ class Client {
         if (header.substr(0, 3) == "\xff\xff\xff") {
             static_cast<void>(receive(4));
         }
-        const std::size_t length = read_big_endian(std::string_view(header).substr(3, 3));
+        const std::size_t length =
+            static_cast<std::size_t>(read_big_endian(std::string_view(header).substr(3, 3)));
         if (length > MAX_MESSAGE_BYTES) {
             throw ProbeFailure("the server's messages cannot be read");
         }
