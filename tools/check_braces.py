@@ -18,7 +18,9 @@ NOT_CODE = re.compile(r"""R"(?P<mark>[^()\s]*)\(.*?\)(?P=mark)"
                         | "(?:\\.|[^"\\\n])*" | '(?:\\.|[^'\\\n])+' | \b\d[\w']*
                         | //[^\n]* | /\*.*?\*/ | ^[ \t]*\#(?:\\\n|[^\n])*""", re.DOTALL | re.MULTILINE | re.VERBOSE)
 KEYWORD = re.compile(r"\b(?:(?P<condition>if|for|while)\b(?:\s+constexpr)?\s*\(|(?:else|do)\b)")
-COUNTED_AFTER = re.compile(r"[;{})]\s*(?P<counter>[A-Za-z_][\w.\[\]]*(?:->[\w.\[\]]+)*(?:\+\+|--))\s*[;)]")
+COUNTED_AFTER = re.compile(r"(?:\+\+|--)(?=\s*([;),]))")
+COUNTER_PART = re.compile(r"(?:\w+|\.|->|::)$")
+LABEL = re.compile(r"\b(?:case\b[^;{}?]*|default\s*):$")
 
 
 def without_text(source):
@@ -35,6 +37,38 @@ def end_of_condition(code, begin):
     return end
 
 
+def begin_of_bracket(code, end):
+    """Returns the position of the open bracket that encloses the position before end."""
+    depth = 1
+    while depth > 0 and end > 0:
+        end -= 1
+        depth += {")": 1, "]": 1, "}": 1, "(": -1, "[": -1, "{": -1}.get(code[end], 0)
+    return end
+
+
+def begin_of_counter(code, end):
+    """Returns where the name, or the like, begins whose last character is before end."""
+    while end > 0:
+        part = COUNTER_PART.search(code, max(0, end - 100), end)
+        if code[end - 1] in ")]":
+            end = begin_of_bracket(code, end - 1)
+        elif part:
+            end = part.start()
+        else:
+            break
+    return end
+
+
+def is_unused(code, begin, after):
+    """Returns whether the value of the expression at begin is unused; after is the character that follows it."""
+    before = code[:begin].rstrip()
+    if before.endswith(","):
+        return code[:begin_of_bracket(code, begin)].rstrip().endswith("for")
+    if before.endswith("{"):
+        return after != ","
+    return before.endswith((";", "}", ")")) or LABEL.search(before) is not None
+
+
 def findings(source):
     """Returns the line number and the advice of each finding."""
     code = without_text(source)
@@ -47,8 +81,10 @@ def findings(source):
         if body[:1] != "{" and not is_end_of_do and not is_else_if:
             result.append((code.count("\n", 0, found.start()) + 1, f"put braces around the body of this {found[0].rstrip(' (')}"))
     for found in COUNTED_AFTER.finditer(code):
-        counter = found["counter"]
-        result.append((code.count("\n", 0, found.start("counter")) + 1, f"write {counter[-2:]}{counter[:-2]}, not {counter}"))
+        begin = begin_of_counter(code, found.start())
+        counter = code[begin:found.start()]
+        if counter and is_unused(code, begin, found[1]):
+            result.append((code.count("\n", 0, begin) + 1, f"write {found[0]}{counter}, not {counter}{found[0]}"))
     return sorted(result)
 
 

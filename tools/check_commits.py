@@ -36,7 +36,7 @@ def commits_to_check(root):
     added = git(root, "log", "--diff-filter=A", "--format=%H", "--", THIS_FILE).split()
     if not added:
         raise NoHistory(f"{THIS_FILE} is not committed")
-    return git(root, "rev-list", "--reverse", "--ancestry-path", f"{added[-1]}..HEAD").split()
+    return git(root, "rev-list", "--reverse", f"{added[-1]}..HEAD").split()
 
 
 def changed_lines(root, commit):
@@ -49,6 +49,8 @@ def problems_of(root, commit):
     problems = []
     if len(subject) > SUBJECT_COLUMNS:
         problems.append(f"the subject has {len(subject)} characters, at most {SUBJECT_COLUMNS} are allowed")
+    if subject.startswith(("Merge branch", "fixup!", "squash!", "WIP")):
+        problems.append("the subject does not say what the system now does")
     is_merge = len(parents.split()) > 1
     if not body.strip() and not is_merge and changed_lines(root, commit) > TRIVIAL_LINES:
         problems.append(f"no body gives the reason, and the commit changes more than {TRIVIAL_LINES} lines")

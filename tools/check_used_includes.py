@@ -3,7 +3,8 @@
 
     tools/check_used_includes.py [FILE.cpp]...
 
-Without files: every source of the daemon and of the control library, and the header of the same name.
+Without files: every source and header of the daemon and of the control library. The tool is left out, because the checker
+asks for the internal headers of the libraries that it uses.
 """
 import concurrent.futures
 import os
@@ -14,7 +15,7 @@ import sys
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 FOLDERS = ["base", "amf", "rtmp", "core", "relay", "app", "control", "comm_socket"]
-COMMAND = ["include-what-you-use", "-std=c++20", "-I.", "-Icomm_socket/include", "-Xiwyu", "--no_fwd_decls",
+COMMAND = ["include-what-you-use", "-xc++", "-std=c++20", "-I.", "-Icomm_socket/include", "-Xiwyu", "--no_fwd_decls",
            "-Xiwyu", "--max_line_length=10000"]
 # The header that a private one of the system belongs to.
 PUBLIC = {"<bits/types/struct_iovec.h>": "<sys/uio.h>"}
@@ -60,9 +61,14 @@ def output_for(source):
     return result.stdout
 
 
+def stands_alone(path):
+    """Whether a file is read by itself: a source, or a header that no source of the same name brings along."""
+    return path.suffix == ".cpp" or path.suffix == ".h" and not path.with_suffix(".cpp").exists()
+
+
 def main(arguments):
     sources = arguments or sorted(path.relative_to(ROOT).as_posix() for folder in FOLDERS
-                                  for path in (ROOT / folder).rglob("*.cpp"))
+                                  for path in (ROOT / folder).rglob("*.*") if stands_alone(path))
     with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
         wrong = findings("\n".join(pool.map(output_for, sources)))
     print("\n".join([*wrong, f"checked the includes of {len(sources)} sources, {len(wrong)} wrong"]))

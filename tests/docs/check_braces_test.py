@@ -31,11 +31,14 @@ class CheckBraces(unittest.TestCase):
                                           "do {\n} while (a);\nfor (;;) {\n    while (a) {\n    }\n}\n"), [])
 
     def test_a_counter_whose_value_is_unused_is_found(self):
-        for source in ("for (int i = 0; i < 9; i++) {\n}\n", "{\n    a->b.c[d]++;\n}\n", "a();\nb--;\n"):
+        for source in ("for (int i = 0; i < 9; i++) {\n}\n", "{\n    a->b.c[d]++;\n}\n", "a();\nb--;\n",
+                       "for (; a; b = c, d++) {\n}\n", "for (; a; b++, --c) {\n}\n", ";\na[b + 1]++;\n", ";\na[b - 1]--;\n",
+                       ";\n(*a)++;\n", ";\na().b++;\n", ";\na::b++;\n", "case 1:\n    a++;\n", "default:\n    a--;\n"):
             self.assertTrue(self.lines_found(source), source)
 
     def test_a_counter_whose_value_is_used_passes(self):
-        self.assertEqual(self.lines_found("*s++ = a;\nb(c++);\nd = {e++, f};\nfor (;; ++i) {\n}\n"), [])
+        self.assertEqual(self.lines_found("*s++ = a;\nb(c++);\nb(d, c++);\nd = {e++, f};\nd = {f, e++};\nfor (;; ++i) {\n}\n"
+                                          "a = b ? c : d++;\nreturn a++;\na[b++] = c;\n"), [])
 
     def test_words_that_are_not_code_pass(self):
         self.assertEqual(self.lines_found('a("if (b) c;");  // if (d) e; i++;\nf = \'"\';  g = 1\'000;\n'

@@ -281,8 +281,15 @@ TEST(control_flood, a_client_that_reads_a_long_list_byte_by_byte_does_not_delay_
     LivePair live(PICTURES);
     ControlPeer slow;
     slow.send_bytes(control_request(1, LIST));
+    timeval limit{};
+    limit.tv_sec = 10;
+    checked(setsockopt(slow.descriptor(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit)), "setsockopt");
     char byte = 0;
-    Background reading([&] { checked(static_cast<int>(recv(slow.descriptor(), &byte, 1, 0)), "recv"); });
+    Background reading([&] {
+        if (recv(slow.descriptor(), &byte, 1, 0) != 1) {
+            throw TestFailure("the next byte of the list did not come");
+        }
+    });
     live.wait_for_more(FLOOD_TIME / PICTURES.interval);
     live.finish();
     reading.stop();
