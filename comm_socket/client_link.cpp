@@ -34,7 +34,7 @@ bool peer_is_gone(int fd) {
 }  // namespace
 
 ClientLink::ClientLink(int connected_fd) : fd(connected_fd), input(REQUEST_LIMITS) {
-    // Lets a long reply leave in few writes. If the kernel grants less, it takes more of them.
+    // Lets a long reply be sent in few writes. If the kernel grants a smaller buffer, more writes are needed.
     setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &SEND_BUFFER_BYTES, sizeof SEND_BUFFER_BYTES);
 }
 

@@ -42,7 +42,7 @@ struct comm_socket_v4_content {
     std::shared_ptr<comm_socket::FrameText> text = std::make_shared<comm_socket::FrameText>();
     comm_socket::PacketState state = comm_socket::PacketState::EMPTY;
     std::uint64_t body_bytes = 0;                      // encoded size so far, while the packet is written
-    std::map<std::size_t, std::string> joined_values;  // by pair: values with a shared part that were read
+    std::map<std::size_t, std::string> joined_values;  // joined values that have been read, by pair index
 
     // For a request in held; null and empty otherwise.
     comm_socket::HeldRequests* held = nullptr;

@@ -73,8 +73,8 @@ struct comm_socket_v4 {
     ClientList forgotten;
     bool is_turn_of_left = false;
     bool has_served_connected = false;  // since the last idle
-    bool begins_with_latest = false;    // the latest client has the next turn of a connected one
-    bool began_with_latest = false;     // its value at a connected client's last turn
+    bool begins_with_latest = false;    // the next turn of a connected client goes to the latest one
+    bool began_with_latest = false;     // the same at the last service's first turn of a connected client
     std::uint64_t turns = 0;            // turns given by idle so far
 
     comm_socket::HeldRequests held;
@@ -303,8 +303,8 @@ comm_socket_v4_client* first_in_turn(ClientList* list, bool crowded) {
     return found == list->end() ? nullptr : &*found;
 }
 
-// Every other service begins with the client that connected or was answered last. So a short request does not
-// wait for all earlier long ones, which continue in the services in between.
+// Every other service begins with the client that most recently connected or was answered. So a short request
+// does not wait for all earlier long ones, which continue in the services in between.
 comm_socket_v4_client* next_connected(comm_socket_v4* server, bool crowded) {
     if (!server->begins_with_latest) {
         return first_in_turn(&server->clients, crowded);

@@ -18,7 +18,7 @@ constexpr unsigned char PREAMBLE[4] = {'C', 'S', WIRE_VERSION, 0};
 constexpr std::uint32_t KNOWN_FLAGS = COMM_SOCKET_V4_REQUEST | COMM_SOCKET_V4_ASYNC;
 constexpr std::size_t LENGTH_BYTES = 4;
 constexpr std::size_t SMALLEST_PAIR_BYTES = 2 * LENGTH_BYTES;
-constexpr std::size_t LONG_STRING_BYTES = 16384;  // shorter strings are cheaper to copy than to send apart
+constexpr std::size_t LONG_STRING_BYTES = 16384;  // shorter ones are cheaper to copy than to send separately
 constexpr std::uint64_t FIXED_BODY_BYTES = 4 + 8 + 8 + 4 * LENGTH_BYTES;  // all but the strings
 
 std::size_t room(const unsigned char* s, const unsigned char* end) {

@@ -223,8 +223,8 @@ void comm_socket_v4_packet_dump_user_friendly(const comm_socket_v4_packet* packe
  * COMM_SOCKET_V4_CLIENT_TIMEOUT_US after its first byte, even if bytes keep arriving. It is also disconnected
  * if it reads nothing for that time, or for COMM_SOCKET_V4_CROWD_TIMEOUT_US in a crowded server, while bytes
  * wait for it. Other clients are not affected: clients take turns, one request each, and connected clients
- * alternate with disconnected ones. After every other comm_socket_v4_idle the client that connected or was
- * answered last has the first turn.
+ * alternate with disconnected ones. After every other comm_socket_v4_idle the client that most recently
+ * connected or was answered has the first turn.
  */
 
 /* Creates a handle that does not listen yet. Returns null if there is no memory. */
@@ -337,7 +337,7 @@ typedef enum comm_socket_v4_error {
     COMM_SOCKET_V4_TOO_LARGE, /* the request is above a limit; nothing was sent */
     COMM_SOCKET_V4_NO_MEMORY,
     COMM_SOCKET_V4_BAD_ARGUMENT, /* the caller's mistake */
-    COMM_SOCKET_V4_SYSTEM        /* anything else; errno has it */
+    COMM_SOCKET_V4_SYSTEM        /* anything else; see errno */
 } comm_socket_v4_error;
 
 /* Returns a short English text without a line end; never null. */
