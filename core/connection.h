@@ -2,8 +2,8 @@
 //
 // 1. The main thread creates, services and frees connections. Each connection has its own reader thread and
 //    writer thread. They end by themselves or by cancellation, and the main thread joins them.
-// 2. `mutex` guards only the two queues and the number of messages last taken from one. The connection's own
-//    threads do not print, sleep or call a socket while holding it.
+// 2. `mutex` guards only the two queues and the number of messages in the writer thread's last batch. The
+//    connection's own threads do not print, sleep or call a socket while holding it.
 // 3. Only the main thread holds two of these mutexes: the publisher's, then one player's.
 // 4. Other connections are identified by slot index, never by pointer. Nothing outside points
 //    into a connection.
@@ -102,6 +102,7 @@ class RTMPConnection {
     StreamFormat stream_format GUARDED_BY(MAIN_THREAD);  // a publisher's own, or what a player was told
 
     // --- main thread, publisher: pacing and stall (in microseconds of monotonic_clock_us; 0 if not set)
+
     // when the first media message was examined; on a player, when the first one was relayed
     std::uint64_t av_start_us GUARDED_BY(MAIN_THREAD) = 0;
     // first media timestamp other than 0, in milliseconds

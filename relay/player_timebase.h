@@ -9,7 +9,8 @@ struct PlayerTimebase {
     bool timebase_set = false;           // source_timebase is valid
     std::uint32_t source_timebase = 0;   // publisher timestamp of the first packet since the last reset, ms
     std::uint32_t timestamp_offset = 0;  // added to rebased timestamps, ms
-    std::uint32_t last_sent_timestamp = 0;  // highest sent, but follows a fall of more than 5 s, ms
+    // highest timestamp sent, in ms; lowered if a timestamp falls by more than 5 s
+    std::uint32_t last_sent_timestamp = 0;
 };
 
 // Call for the first packet after a reset. Its timestamp becomes the source timebase, and the time since the
