@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Checks that every if, else, for, while and do has braces, and that a counter is written ++i where its value is unused.
+"""Checks that every if, else, for, while and do has braces, and that a counter is written ++i if its value is unused.
 
     tools/check_braces.py [ROOT]
 
@@ -13,7 +13,8 @@ sys.dont_write_bytecode = True
 
 from check_comments import sources  # noqa: E402
 
-# What may contain words and brackets that are not code. A number is listed because its separators look like quotes.
+# Text that may contain words and brackets that are not code. Numbers are included because their separators look like
+# quotes.
 NOT_CODE = re.compile(r"""R"(?P<mark>[^()\s]*)\(.*?\)(?P=mark)"
                         | "(?:\\.|[^"\\\n])*" | '(?:\\.|[^'\\\n])+' | \b\d[\w']*
                         | //[^\n]* | /\*.*?\*/ | ^[ \t]*\#(?:\\\n|[^\n])*""", re.DOTALL | re.MULTILINE | re.VERBOSE)

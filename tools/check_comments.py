@@ -28,8 +28,8 @@ TRAILING = re.compile(r'^(?:[^"/]|"(?:\\.|[^"\\])*"|/(?![/*]))*/[/*]')
 class Paragraph:
     def __init__(self, first, begin, item):
         self.first = first  # index of its first line
-        self.begin = begin  # up to and with the slashes or the star
-        self.next = begin.replace("/*", " *")  # the same of its other lines
+        self.begin = begin  # up to and including the slashes or the star
+        self.next = begin.replace("/*", " *")  # the same for its other lines
         self.item = item    # "1. " or "- " of a list, or empty
         self.words = []
         self.count = 0      # lines

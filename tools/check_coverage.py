@@ -1,11 +1,11 @@
 #!/usr/bin/env python3
-"""Compares what the tests ran with what they have to run.
+"""Compares the coverage of the tests with the required coverage.
 
 usage: check_coverage.py SUMMARY.json REASONS.md
 
-SUMMARY.json is gcovr's --json-summary of the daemon's folders. Prints a table, one line a folder, and fails when
-the lines or branches of all, or the lines of one folder, are below their limit, or when a file has more lines that
-no test runs than REASONS.md gives reasons for. REASONS.md has a table whose rows begin "| `file` | lines |".
+SUMMARY.json is gcovr's --json-summary of the daemon's folders. Prints a table with one line for each folder. Fails if
+the lines or branches of all folders, or the lines of one folder, are below their limit, or if a file has more lines
+that no test runs than REASONS.md gives reasons for. REASONS.md has a table whose rows begin "| `file` | lines |".
 """
 import collections
 import json

@@ -1,10 +1,10 @@
 #!/usr/bin/env python3
 """Checks which files include which. Prints every forbidden include line and exits with 1 if there is one.
 
-The matrix below is the whole rule: for each file, the first row with a pattern that matches it lists what it may include,
-as patterns and lists of patterns. Only the project's own includes are checked: those in quotes and of the control library.
-A pattern that no file matches, and a permission that no file of its row uses, is an error too. Code that tests the server
-from outside may not reach the server's code through any number of headers.
+The matrix below is the complete rule: for each file, the first row with a matching pattern lists the headers that it
+may include, as patterns and lists of patterns. Only the project's own includes are checked: those in quotes and the one
+of the control library. A pattern that no file matches, and a permission that no file of its row uses, are errors too.
+Code that tests the server from outside must not reach the server's code, not even through other headers.
 """
 import fnmatch
 import pathlib
@@ -23,7 +23,7 @@ SOURCES_OF_MODEL = [header[:-2] + ".*" for header in MODEL]
 SOURCES_OF_RELAY_VALUES = [header[:-2] + ".*" for header in RELAY_VALUES]
 
 RULES = [
-    # The bottom.
+    # The lowest layer.
     (["base/*"], ["base/*"]),
     (["comm_socket/*"], ["comm_socket/*", "comm_socket_v4.h"]),
     (["core/limits.h"], []),
@@ -36,18 +36,18 @@ RULES = [
     (SOURCES_OF_RELAY_VALUES, [RELAY_VALUES, MODEL, "base/*", LEAVES]),
     (["relay/stream_metadata.h"], ["amf/amf_value.h", "relay/stream_format.h", "rtmp/rtmp_packet.h"]),
     (["app/random_number.h"], []),
-    # The connection knows the values that it holds, and nothing that works on it.
+    # The connection includes the values that it holds, and no code that uses it.
     (["core/connection.h"], ["base/*", "core/connection_mutex.h", "relay/media_track.h", "relay/player_timebase.h",
                              "relay/stream_format.h", "relay/stream_metadata.h", "rtmp/read_ahead.h", MODEL]),
-    # What works on it.
+    # The code that uses the connection.
     (["rtmp/*"], ["rtmp/*", "base/*", "core/connection.h"]),
     (["relay/*"], ["relay/*", "rtmp/packet_queues.h", "base/*", MODEL, TABLE, LEAVES]),
     (["app/*"], ["app/*", "amf/*", "relay/*", "base/*", "core/heap.h", MODEL, TABLE, LEAVES]),
     (["control/*"], ["control/*", "comm_socket_v4.h", "base/*", "core/quit_signals.h", TABLE, LEAVES]),
-    # The two that know everything.
+    # These two may include everything; the rest of core/ may not.
     (["core/main.cpp", "core/main_loop.cpp"], ["*"]),
     (["core/*"], ["core/*", "base/*", "relay/stream_registry.h", "rtmp/session_threads.h"]),
-    # Beside the daemon.
+    # Outside the daemon.
     (["tools/*"], ["tools/*", "comm_socket_v4.h"]),
     (["bench/micro/*"], ["bench/micro/*", "tests/support/*", "amf/*", "rtmp/*", "relay/*", TABLE, LEAVES]),
     (["bench/*"], ["bench/*", "tests/support/*"]),
@@ -74,7 +74,7 @@ def flat(patterns):
 
 
 def included(root, rules):
-    """For each file, the line numbers and targets of its includes of our own."""
+    """Returns for each file the line numbers and targets of its includes of the project's own headers."""
     folders = sorted({pattern.split("/")[0] for patterns, _ in rules for pattern in patterns})
     includes = {}
     for path in sorted(path for folder in folders for path in (root / folder).rglob("*")):

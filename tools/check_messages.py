@@ -3,7 +3,7 @@
 
     tools/check_messages.py [ROOT]
 
-Prints what is on one side only and exits with 1 if there is anything. Its rules:
+Prints every text that is on one side only, and exits with 1 if there is one. Its rules:
 
 In the sources, a printed text is a string literal that ends in a line end, or one passed directly to a printing
 function. Adjacent literals are one. An assertion is the expression of a CHECK, or the text that reports a failed
@@ -24,7 +24,7 @@ ASSERTIONS_HEADING = "Assertions"
 
 PRINTERS = {"diag", "refuse", "diag_block", "diag_stdout", "fputs"}
 STANDARD_OUTPUT_PRINTERS = {"diag_stdout"}
-PASSED_ON = "%s"  # diag("%s", text): the text is complete where it is chosen
+PASSED_ON = "%s"  # diag("%s", text): the text is complete at the place where it is chosen
 OTHER_PRINTERS = re.compile(r"\b(?:v?f?d?printf|puts|fputs|fwrite|perror|syslog|cout|cerr|clog)\b")
 MAY_PRINT = ["base/diag.cpp", "base/diag.h", "comm_socket/packet_dump.cpp"]
 
@@ -130,7 +130,7 @@ class Page:
                 known, key = ((self.assertions, row["text"]) if heading == ASSERTIONS_HEADING else
                               (self.texts, (row["text"], row["note"])))
                 if key in known:
-                    self.wrong.append(f"{PAGE}:{number}: stands there twice: {row['text']}")
+                    self.wrong.append(f"{PAGE}:{number}: is listed twice: {row['text']}")
                 known[key] = f"{PAGE}:{number}"
 
 

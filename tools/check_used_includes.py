@@ -1,10 +1,10 @@
 #!/usr/bin/env python3
-"""Checks with include-what-you-use that the daemon's sources include what they name, and nothing else.
+"""Checks with include-what-you-use that the daemon's sources include the headers of what they use, and no others.
 
     tools/check_used_includes.py [FILE.cpp]...
 
-Without files: every source and header of the daemon and of the control library. The tool is left out, because the checker
-asks for the internal headers of the libraries that it uses.
+Without files, it checks every source and header of the daemon and of the control library. The tool is left out, because
+the checker asks for the internal headers of the libraries that the tool uses.
 """
 import concurrent.futures
 import os
@@ -17,9 +17,9 @@ ROOT = pathlib.Path(__file__).resolve().parent.parent
 FOLDERS = ["base", "amf", "rtmp", "core", "relay", "app", "control", "comm_socket"]
 COMMAND = ["include-what-you-use", "-xc++", "-std=c++20", "-I.", "-Icomm_socket/include", "-Xiwyu", "--no_fwd_decls",
            "-Xiwyu", "--max_line_length=10000"]
-# The header that a private one of the system belongs to.
+# Private headers of the system, and the public header to include instead.
 PUBLIC = {"<bits/types/struct_iovec.h>": "<sys/uio.h>"}
-# What a template of the standard library names, not the source.
+# Names that come from templates of the standard library, not from the source.
 TEMPLATE_PART = re.compile(r"__\w+|_Rb_tree\w*|(allocator_traits|tuple_element|add_const)<|operator==|basic_string$|pair$")
 
 HEADING = re.compile(r"(\S+) should (add|remove) these lines:$")
@@ -31,7 +31,7 @@ def names_something(reasons):
 
 
 def findings(output):
-    """One sentence for each line that is to be added or removed."""
+    """Returns one sentence for each line that is to be added or removed."""
     wrong = set()
     path = kind = None
     for line in output.splitlines():
@@ -45,7 +45,7 @@ def findings(output):
             wrong.add((path, PUBLIC.get(found[1], found[1]), "remove"))
         elif kind == "add" and found and names_something(found[2] or ""):
             wrong.add((path, PUBLIC.get(found[1], found[1]), "add"))
-    # Added by its private name and removed by its public one: it is right as it is.
+    # If a header is added by its private name and removed by its public one, the include is correct.
     return [f"{path}: {'does not include' if kind == 'add' else 'does not need'} {header}"
             for path, header, kind in sorted(wrong)
             if not {(path, header, "add"), (path, header, "remove")} <= wrong]
@@ -54,7 +54,7 @@ def findings(output):
 def output_for(source):
     result = subprocess.run([*COMMAND, source], cwd=ROOT, text=True, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
                             check=False)
-    # Its status is 2 whatever it finds. What it cannot read has no list of includes.
+    # Its exit status is always 2. If it cannot read a file, it prints no include list for it.
     if "error:" in result.stdout or not re.search(r"^(The full include-list for |\()" + re.escape(source) + r"\b",
                                                   result.stdout, re.MULTILINE):
         raise RuntimeError(f"include-what-you-use cannot read {source}:\n{result.stdout}")

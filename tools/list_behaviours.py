@@ -3,8 +3,8 @@
 
     tools/list_behaviours.py [ROOT]
 
-A test's name is a sentence: the suite is its subject, the test name the rest. Suites are grouped by file; the first
-matching pattern decides. Lists the tests of GoogleTest, Python's unittest and CMake's add_test.
+A test's name is a sentence: the suite is its subject, and the test name is the rest. Suites are grouped by file; the
+first matching pattern decides. Lists the tests of GoogleTest, Python's unittest and CMake's add_test.
 """
 import fnmatch
 import pathlib
@@ -17,43 +17,43 @@ TESTS = "tests"
 # Heading, introduction, files below tests/.
 GROUPS = [
     ("Starting and stopping",
-     "The command line, what must be there to start, quit signals, and how the server ends while others use it.",
+     "The command line, what the server needs to start, quit signals, and how it ends while clients are connected.",
      ["core/options_*", "e2e/command_line_*", "e2e/shutdown_*", "core/quit_signals_*",
       "storm/stop_*"]),
     ("Connections",
-     "Who gets a slot, the two threads of a connection, and how it is closed and forgotten.",
+     "Which clients get a slot, the two threads of a connection, and how it is closed and removed.",
      ["core/connection*", "core/listener_*", "core/system_calls_*", "e2e/connection_table_*", "e2e/listener_*",
       "e2e/reconnect_*", "e2e/timer_slack_*", "e2e/vanished_player_*", "storm/drop_*"]),
     ("Handshake", "The first 3073 bytes each way.", ["rtmp/handshake_*", "e2e/handshake_*"]),
     ("Messages on the wire",
      "Chunks in and out, protocol control messages, acknowledgements, and the queues between the threads.",
      ["rtmp/*", "e2e/chunk_*", "e2e/control_messages_*", "e2e/segmentation_*", "segmentation/*"]),
-    ("AMF0", "The values in commands and metadata: held, decoded, encoded and printed.",
+    ("AMF0", "The values in commands and metadata: how they are stored, decoded, encoded and printed.",
      ["amf/*", "e2e/amf_on_the_wire_*"]),
-    ("Commands", "What a client may ask for, in which order, and what it is answered.",
+    ("Commands", "Which commands a client may send, in which order, and the replies.",
      ["app/release_stream_*", "app/command_table_*", "app/connect_*", "app/create_stream_*", "app/dispatch_*", "app/play_*",
       "app/publish_*", "app/reply_*", "app/turn_*", "e2e/connect_*", "e2e/dispatch_*", "e2e/stream_commands_*"]),
-    ("Metadata", "What a publisher says of its stream, and what becomes of it when it changes.",
+    ("Metadata", "What a publisher announces about its stream, and what happens when that changes.",
      ["app/metadata_*", "relay/stream_format_*", "e2e/metadata*"]),
     ("Publishers: real time and takeover",
      "Media goes out no faster than real time, and a publisher that has stalled can be replaced.",
      ["app/publisher_media_*", "e2e/pacing_*", "e2e/takeover_*"]),
     ("Streams and the relay",
-     "Which connection publishes, who plays, and what each player is sent with which timestamp.",
+     "Which connection publishes, which ones play, and the messages and timestamps that each player receives.",
      ["relay/*", "e2e/relay_*", "e2e/registry_*", "e2e/unread_player_*", "model/*"]),
     ("Control socket", "Requests of other programs on the machine, and the library that carries them.",
      ["control/*", "comm_socket/*", "e2e/control_*"]),
     ("v9_rtmp_ctl", "The tool for operators.", ["tools/*", "e2e/ctl_*"]),
-    ("Hostile clients", "Clients that send what no client should, or nothing.",
+    ("Hostile clients", "Clients that send invalid or excessive data, or nothing.",
      ["app/large_values_*", "e2e/held_memory_*", "e2e/hostile_*", "e2e/slow_log_*"]),
-    ("When the system fails", "Refused memory, threads, locks and system calls.",
+    ("When the system fails", "Failing system calls, and refused memory, threads and locks.",
      ["app/failing_*", "app/broken_promise_*", "fault/*"]),
     ("Real clients", "Encoders and players that people use.", ["e2e/ffmpeg_*"]),
-    ("Load and time", "What is measured, and that the measure is right.", ["bench/*"]),
-    ("What everything stands on", "Bytes, lines, assertions, and the pages that describe the server.",
+    ("Load and time", "The benchmarks, and that they measure correctly.", ["bench/*"]),
+    ("Basics", "Bytes, lines, assertions, and the pages that describe the server.",
      ["base/*", "docs/*"]),
     ("The service", "Its units, its user, its sandbox and its packages.", ["packaging/*"]),
-    ("The server as a whole", "What belongs to no single part.", ["*"]),
+    ("The server as a whole", "Behaviours that do not belong to a single part.", ["*"]),
 ]
 
 GOOGLE_TEST = re.compile(r"^(?:TEST|TEST_F|TEST_P|TYPED_TEST)\(\s*(\w+),\s*(\w+)\s*\)", re.MULTILINE)

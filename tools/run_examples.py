@@ -1,24 +1,25 @@
 #!/usr/bin/env python3
-"""Runs the commands that the pages show, from the pages themselves.
+"""Runs the commands that the documentation pages show, directly from the pages.
 
     tools/run_examples.py [--programs DIRECTORY] [--list] [PAGE...]
 
-Without PAGE it takes all of PAGES that exist. --programs is where the built programs are; build/release if not given.
---list only counts. Every page runs in namespaces of its own: a network with a loopback, a /run, a copy of /etc in which
-SERVER is the name of this machine, and a directory that looks like the checkout and has film.mp4 and film.mkv.
+Without PAGE, it runs all existing pages of PAGES. --programs is the directory of the built programs, by default
+build/release. --list only counts the commands. Every page runs in its own namespaces, with a loopback network, its own
+/run, a copy of /etc in which SERVER is the name of this machine, and a directory like the checkout that also has
+film.mp4 and film.mkv.
 
-A block that begins with ```sh has commands. They run as they stand, in the order of the page, with bash -eu, and have to
-end with status 0. Lines right before the block change that; they are not seen on the page:
+A block that begins with ```sh contains commands. They run unchanged, in the order of the page, with bash -eu, and must
+end with status 0. Lines directly before the block change that; a reader of the page does not see them:
 
-    <!-- not run: REASON -->   the block is not run; at most 15 % of all commands may be so
-    <!-- with: server -->      a server runs beside the block; "stream": it also has a publisher of cam1
-    <!-- until: COMMAND -->    the block runs without end; it has done its work when COMMAND succeeds, and gets Ctrl-C
-    <!-- says: TEXT -->        the same, when TEXT has been printed
-    <!-- as: user -->          by a user other than root
-    <!-- status: 0 1 -->       the statuses with which it may end
+    <!-- not run: REASON -->   the block is not run; at most 15 % of all commands may be marked so
+    <!-- with: server -->      a server runs during the block; with "stream" it also has a publisher of cam1
+    <!-- until: COMMAND -->    the block runs without end; it has succeeded when COMMAND succeeds, and then gets Ctrl-C
+    <!-- says: TEXT -->        the same, but it has succeeded when it has printed TEXT
+    <!-- as: user -->          the block is run by a user other than root
+    <!-- status: 0 1 -->       the exit statuses that are allowed
 
-Output stands in ```text blocks. Commands may not hide: an indented block, a block without a language and a line that
-begins with "$ " in another block are errors.
+Output is in ```text blocks. So that no command goes untested, these are errors: an indented block, a block without a
+language, and a line that begins with "$ " in another block.
 """
 import argparse
 import contextlib
@@ -41,7 +42,7 @@ import processes  # noqa: E402
 
 PAGES = ["README.md", "docs/operations.md", "docs/scaling.md", "docs/clients.md", "SECURITY.md"]
 MOST_NOT_RUN = 0.15
-# For the marks "until": has a player of the stream received that much, or its publisher sent it?
+# For the marks "until": whether a player of the stream has received, or a publisher has sent, this many bytes.
 MARK_FUNCTIONS = """
 plays() { v9_rtmp_ctl --plain list --mode play --stream "$1" | awk -F'\\t' '$5 > 100000 {found = 1} END {exit !found}'; }
 publishes() { v9_rtmp_ctl --plain list --mode publish --stream "$1" | awk -F'\\t' '$6 > 20000 {found = 1} END {exit !found}'; }
@@ -69,7 +70,7 @@ class Example:
 
 
 def parse(page, text):
-    """Returns the examples of a page, and what is wrong with it."""
+    """Returns the examples of a page, and the errors on it."""
     examples, errors = [], []
     language, begin, block, marks = None, 0, [], {}
     for number, line in enumerate(text.splitlines(), 1):
@@ -86,26 +87,26 @@ def parse(page, text):
         elif fence:
             language, begin, block = fence[1], number, []
             if language not in LANGUAGES:
-                errors.append(f"{page}:{number}: a block is ```sh or ```text, so that no command hides")
+                errors.append(f"{page}:{number}: a block must be ```sh or ```text, so that every command is tested")
         elif line.lstrip().startswith(("```", "~~~")):
-            errors.append(f"{page}:{number}: a fence stands at the line's begin and is made of ```")
+            errors.append(f"{page}:{number}: a fence must begin the line and consist of ```")
         elif mark := MARK.match(line):
             marks[mark[1]] = mark[2]
             if mark[1] in VALUES and mark[2] not in VALUES[mark[1]]:
                 errors.append(f"{page}:{number}: '{mark[1]}' does not know '{mark[2]}'")
         else:
             if marks:
-                errors.append(f"{page}:{number}: the line before marks no block")
+                errors.append(f"{page}:{number}: the mark on an earlier line is not followed by a block")
                 marks = {}
             if line.startswith("    "):
-                errors.append(f"{page}:{number}: an indented block: commands stand between ```sh and ```")
+                errors.append(f"{page}:{number}: an indented block: commands must be between ```sh and ```")
     if language is not None:
         errors.append(f"{page}:{begin}: the block does not end")
     return examples, errors
 
 
 def report_not_run(examples):
-    """Prints the list; returns whether it is short enough."""
+    """Prints the commands that are not run. Returns whether they are few enough."""
     count = sum(len(example.commands()) for example in examples)
     left_out = [example for example in examples if "not run" in example.marks]
     left_out_count = sum(len(example.commands()) for example in left_out)
@@ -121,7 +122,7 @@ def report_not_run(examples):
 
 
 class Machine:
-    """What the examples of one page find. Made inside the namespaces."""
+    """The environment in which the examples of one page run. Created inside the namespaces."""
 
     def __init__(self, directory, programs):
         self.directory = pathlib.Path(directory)
@@ -131,14 +132,14 @@ class Machine:
         for made in (self.home, self.checkout / "build"):
             made.mkdir(parents=True)
         processes.set_up_namespaces(True)
-        # Some clients look names up only where there is an address besides the loopback's.
+        # Some clients look up names only if the machine has an address other than the loopback's.
         subprocess.run(["ip", "address", "add", f"{ADDRESS}/32", "dev", "lo"], check=True)
         self.make_etc()
         for entry in ROOT.iterdir():
             if entry.name not in ("build", "out", ".git"):
                 (self.checkout / entry.name).symlink_to(entry)
         (self.checkout / "build" / "release").symlink_to(programs)
-        # Players that need neither a screen nor a sound card, by their own settings.
+        # Settings of the players, so that they need neither a screen nor a sound card.
         (self.home / ".config" / "mpv").mkdir(parents=True)
         (self.home / ".config" / "vlc").mkdir()
         (self.home / ".config" / "vlc" / "vlcrc").write_text("[core]\nvout=dummy\naout=dummy\n", encoding="utf-8")
@@ -166,7 +167,7 @@ class Machine:
 
     @contextlib.contextmanager
     def beside(self, what, name):
-        """Runs the server, and a publisher of cam1, while an example runs."""
+        """Runs the server, or the server and a publisher of cam1, while an example runs."""
         with processes.Processes(str(self.directory / re.sub(r"\W", "_", name))) as running:
             if what is not None:
                 processes.Server(running, str(self.programs / "v9_rtmp_server"))
@@ -188,7 +189,7 @@ class Machine:
         return ended.returncode == 0
 
     def run(self, example):
-        """Returns none, or why the example has failed."""
+        """Returns None, or the reason why the example has failed."""
         command = self.shell(example.text)
         if example.marks.get("as") == "user":
             command = ["unshare", "--user", "--map-user=65534", "--", *command]
@@ -197,7 +198,7 @@ class Machine:
 
 
 def run_in_terminal(example, command, machine):
-    """Runs a command as at a terminal. Returns none, or why it has failed."""
+    """Runs a command in a terminal. Returns None, or the reason why it has failed."""
     until, says = example.marks.get("until"), example.marks.get("says")
     is_endless = until is not None or says is not None
     near, far = pty.openpty()
@@ -226,7 +227,7 @@ def run_in_terminal(example, command, machine):
     if not has_ended():
         if not done:
             why = f"not within {limit_s} s: {until or says or 'its end'}"
-        # Twice, because ffmpeg goes on waiting after the first.
+        # Twice, because ffmpeg continues to wait after the first.
         for number in (signal.SIGINT, signal.SIGINT, signal.SIGKILL):
             end_group(process, number)
             if processes.wait_until(has_ended, 5):
@@ -246,7 +247,7 @@ def end_group(process, number):
 
 
 def run_page(page, programs):
-    """Inside the namespaces. Returns whether all examples of the page have succeeded."""
+    """Runs inside the namespaces. Returns whether all examples of the page have succeeded."""
     examples, _ = parse(page, (ROOT / page).read_text(encoding="utf-8"))
     failed = 0
     with tempfile.TemporaryDirectory(prefix="v9_") as directory:
