@@ -24,5 +24,6 @@
 // have access to the file.
 [[nodiscard]] std::optional<Failure> read_token(const std::string& path, std::string& token);
 
-// Replaces the special characters of HTML by references, for use in elements and quoted attributes.
+// Replaces the special characters of HTML with character references, for use in elements and
+// quoted attributes.
 [[nodiscard]] std::string escape_html(std::string_view text);
