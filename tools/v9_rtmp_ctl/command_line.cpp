@@ -78,7 +78,8 @@ std::optional<Failure> parse_with_file(const std::vector<std::string>& words, Co
     if (failure) {
         failure->message = "in " + escape_untrusted(path) + ": " + failure->message;
     }
-    // A list would collect the words of both; those of the line must replace those of the file.
+    // A list option would collect the values from both; those on the command line must replace those in
+    // the file.
     if (!publish_from.empty()) {
         line.watchdog.limits.publish_from = publish_from;
     }

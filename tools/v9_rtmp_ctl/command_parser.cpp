@@ -358,7 +358,7 @@ void CommandParser::add_events() {
 
 void CommandParser::add_check() {
     CLI::App* const check =
-        add("check", Subcommand::CHECK, "Report what is wrong with the server, or soon will be");
+        add("check", Subcommand::CHECK, "Report what is wrong with the server, or about to go wrong");
     check->add_option("--rtmp", line.check.rtmp, "Where the server accepts RTMP clients")
         ->capture_default_str()
         ->type_name("HOST:PORT")

@@ -1,8 +1,8 @@
 // The events between two listings: connections, publishes, plays and disconnects. Pure.
 //
 // A connection that begins and ends between two listings is not seen. The listing does not say which of
-// several publishers of a name is relayed, so the first one is assumed. A takeover is when it leaves while
-// others stay. If several stay, the likeliest is named (see stream_summary.h).
+// several publishers of a name is relayed, so the first one is assumed. A takeover is reported when it leaves
+// while others stay. If several stay, the likeliest is named (see stream_summary.h).
 #pragma once
 
 #include <cstdint>

@@ -104,9 +104,8 @@ class ConnectionHistory {
 
   private:
     void take_in_client(const Connection& connection, const ClientRecord* before, std::uint64_t elapsed_us);
-    // A publisher that another one took over from is disconnected. So one that is still listed is still
-    // relayed, unless its stream had no player: the server forgets such a stream, and the next to send gets
-    // the name.
+    // A takeover disconnects the old publisher. So one that is still listed is still relayed, unless its
+    // stream had no player: the server forgets such a stream, and the next to send gets the name.
     void forget_relayed(std::vector<ClientRecord>& before) const;
     void follow_publisher(ClientRecord& record) const;
     void settle(ClientRecord& record);

@@ -53,7 +53,7 @@ ExitCode drop_names(const Settings& settings, ControlClient& client, const std::
     return result.dropped == 0 && worst == ExitCode::DONE ? report(nothing_matched) : worst;
 }
 
-// Removes connections that changed while the question waited, and reports them.
+// Removes connections that changed while the user was being asked, and reports them.
 ExitCode leave_out_changed(ControlClient& client, std::vector<Connection>& connections) {
     Listing listing;
     if (const std::optional<Failure> failure = take_listing(client, "", listing)) {

@@ -9,7 +9,8 @@
 #include "tools/v9_rtmp_ctl/control_client.h"
 #include "tools/v9_rtmp_ctl/failure.h"
 
-// whose ends the question: "of stream 'cam1'". nothing_matched is the message if there is nothing to drop.
+// The question ends with `whose`, for example "of stream 'cam1'". nothing_matched is the message if there is
+// nothing to drop.
 ExitCode drop_by_selection(const Settings& settings, const DropOptions& options, const std::string& whose,
                            const Failure& nothing_matched);
 

@@ -52,7 +52,7 @@ ExitCode run_metrics(const Settings& settings, const MetricsOptions& options) {
         monitor.look();
         const std::optional<Failure> failure =
             write_metrics(options.file, metrics_of(monitor.view(), MetricsSpan::ALL_LOOKS));
-        // A full disk may get room again, and going on keeps the counters.
+        // Disk space may become free again, and continuing keeps the counters.
         if (failure && failure->message != told) {
             static_cast<void>(report(*failure));
         }

@@ -28,14 +28,14 @@ struct MonitorView {
     std::optional<WatchdogStatistics> watchdog;  // from its file
 };
 
-// The settings of a history whose listings come once in interval_us.
+// The settings of a history whose listings come once every interval_us.
 [[nodiscard]] HistoryTimes times_between_looks(std::uint64_t interval_us);
 
 class Monitor {
   public:
     // A watchdog's state directory holds its statistics, and the ages of clients it saw before this object
-    // existed. Stream counters begin at 0 with the first look. Earlier counts of a watchdog or of the clients
-    // could be lower than a previous program had shown, and all of them would then be counted again.
+    // existed. Stream counters begin at 0 with the first look. Earlier counts are not used: if one were lower
+    // than the value last exported, Prometheus would see a counter reset and count it all again.
     Monitor(const std::string& socket_path, std::uint64_t silence_us, std::string watchdog_state,
             std::uint64_t interval_us = US_PER_SECOND);
 

@@ -5,21 +5,22 @@
 
 namespace {
 
-// Part of a publisher's bytes, since both can be compared, that a player must receive. Chunks of 128 bytes
-// have 0.8 percent more headers than large ones.
+// The percentage of the publisher's bytes that a player must have received since the two became comparable.
+// Chunks of 128 bytes have 0.8 percent more headers than large ones.
 constexpr std::uint64_t KEEPS_UP_PERCENT = 97;
 // The same for bytes sent recently, some of which may still be in transit.
 constexpr std::uint64_t KEEPS_UP_RECENTLY_PERCENT = 95;
 constexpr std::uint64_t LIMITS_PER_RECENT_TIME = 3;
-// What is not relayed, and larger headers, may make this much of a publisher's bytes.
+// A player compared with its publisher needs only this percentage, because headers differ and some messages
+// are not relayed.
 constexpr std::uint64_t PUBLISHER_PERCENT = 90;
 
 bool is_still(const ConnectionHistory& history, const ClientRecord& record) {
     return still_us(history, media_counter(record)) >= STILL_AFTER_US;
 }
 
-// Returns how long ago the other had transferred as much as this client has by now, both since they could be
-// compared. Only this percentage of the other's bytes counts. Empty while they cannot be compared.
+// Estimates how long ago the other had transferred as much as this client has now. Counts both from the time
+// they became comparable, and only percent of the other's bytes. Empty while they cannot be compared.
 std::optional<std::uint64_t> find_lag_us(const ConnectionHistory& history, const ClientRecord& client,
                                          const ClientRecord& other, std::uint64_t percent) {
     const std::optional<std::uint64_t> own = gained_beside(client, other);
@@ -31,16 +32,15 @@ std::optional<std::uint64_t> find_lag_us(const ConnectionHistory& history, const
     const std::uint64_t since_us =
         history.attended_us() - std::max(client.stream_attended_us, other.stream_attended_us);
     const std::uint64_t missing = wanted - std::min(*own, wanted);
-    // At the other's rate.
+    // At the other's mean rate.
     return wanted == 0
                ? 0
                : static_cast<std::uint64_t>(static_cast<double>(since_us) * static_cast<double>(missing) /
                                             static_cast<double>(wanted));
 }
 
-// Returns how far the player is behind the foremost one of its stream, or behind its publisher where no
-// player is ahead. 0 if it keeps up with its publisher, because the foremost player may only have
-// smaller chunks.
+// Returns how far the player is behind the foremost one of its stream, or behind its publisher if no player
+// is ahead. 0 if it keeps up with its publisher, because the foremost player may only have smaller chunks.
 std::uint64_t behind_us(const ConnectionHistory& history, const ClientRecord& player) {
     std::uint64_t behind_publisher = UINT64_MAX;
     for (const ClientRecord* const publisher : sources_of(history, player)) {

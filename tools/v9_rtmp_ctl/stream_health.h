@@ -10,7 +10,7 @@
 #include "tools/v9_rtmp_ctl/connection_history.h"
 #include "tools/v9_rtmp_ctl/connections.h"
 
-// A client without media for this long stands still.
+// A client without media for this long is stalled.
 constexpr std::uint64_t STILL_AFTER_US = 5000000;
 // A player further behind its stream is reported.
 constexpr std::uint64_t BEHIND_AFTER_US = 5000000;
@@ -44,7 +44,7 @@ using Clients = std::vector<const ClientRecord*>;
 struct ClientHealth {
     std::uint64_t age_us = 0;     // since first seen; for a player, since first seen playing
     std::uint64_t still_us = 0;   // since media last came from it or went to it
-    bool is_stalled = false;      // player without media while its stream goes on
+    bool is_stalled = false;      // player without media while its stream continues
     std::uint64_t behind_us = 0;  // how far a player is behind its stream; 0 if it keeps up
     bool is_near_limit = false;   // player whose timestamps will soon exceed 24 bits
 };

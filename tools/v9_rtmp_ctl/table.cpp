@@ -86,7 +86,7 @@ std::size_t* widest_to_cut(const Table& table, Widths& widths) {
 void shrink_to(const Table& table, std::size_t width, Widths& widths) {
     for (std::size_t i = 0; i < widths.size(); ++i) {
         if (table.columns[i].min_width != 0 && widths[i] != LEFT_OUT) {
-            // Shrink a name of a megabyte near the width in one step.
+            // Shrink a megabyte-long name to about the width in one step.
             widths[i] = std::min(widths[i], std::max(width, table.columns[i].min_width));
         }
     }

@@ -16,7 +16,7 @@ namespace {
 
 using Lines = std::vector<FrameLine>;
 
-// The titles and one row: less is of no use.
+// The titles and one row: fewer lines are not worth showing.
 constexpr std::size_t MIN_TABLE_ROWS = 2;
 constexpr std::size_t HEAD_ROWS = 2;
 

@@ -207,7 +207,7 @@ class Watchdog {
         return std::max(ConnectionHistory::MAX_NAME_BYTES, options.limits.long_name_bytes.value_or(0));
     }
 
-    // Long names are dropped first, so that the listings around the other drops lack them.
+    // Long names are dropped first, so that later listings do not contain them.
     void drop(std::vector<Verdict> verdicts) {
         auto begin_of_whole = std::stable_partition(
             verdicts.begin(), verdicts.end(),

@@ -8,7 +8,7 @@
 
 namespace {
 
-// Media makes a counter grow in every one of this many parts of the time.
+// A counter of media grows in each of this many equal parts of the window.
 constexpr unsigned PARTS = 3;
 // A player's counter also grows a little from replies.
 constexpr std::uint64_t PLAYER_BYTES_PER_SECOND = 250;
@@ -140,10 +140,10 @@ class Judge {
             return "it has taken nothing for " + seconds_text(still) +
                    " while other players of the stream did";
         }
-        const auto goes_on = [this](const ClientRecord* publisher) {
+        const auto sends_media = [this](const ClientRecord* publisher) {
             return moves(*publisher, *limits.stalled_us, PUBLISHER_BYTES_PER_SECOND);
         };
-        if (players.empty() && holds_for_source(record, goes_on)) {
+        if (players.empty() && holds_for_source(record, sends_media)) {
             return "it has taken nothing for " + seconds_text(still) + " while the publisher went on";
         }
         return std::nullopt;
@@ -173,8 +173,8 @@ class Judge {
                 return is_behind(record, *player, lead_us, 100);
             });
         };
-        // A player that was slow when the other settled and has caught up since seems to be ahead by the same
-        // amount. So a single player must be further ahead than it could have been behind.
+        // A player that was slow when the other settled and has caught up since appears to be ahead by that
+        // amount. A single player therefore counts only if it is ahead by twice the limit.
         const auto half = static_cast<std::ptrdiff_t>((players.size() + 1) / 2);
         const bool is_alone_behind = !players.empty() && count_ahead(limit) >= half;
         return is_alone_behind || count_ahead(2 * limit) > 0 ? by + "other players of the stream" : Reason();
@@ -205,7 +205,8 @@ class Judge {
                movement->bytes >= bytes_per_second * window_us / US_PER_SECOND;
     }
 
-    // Whether a client has less than the other had this long before the other last received something.
+    // Whether the client has received less than the other had received lead_us before the other's counter
+    // last grew.
     [[nodiscard]] static bool is_behind(const ClientRecord& record, const ClientRecord& other,
                                         std::uint64_t lead_us, std::uint64_t percent) {
         const std::uint64_t last_us = media_counter(other).grew_us;
@@ -218,7 +219,7 @@ class Judge {
     }
 
     // Also true if there is no publisher to compare with. Players alone cannot be trusted: one that asks for
-    // chunks of one byte is sent twice the bytes, and all others seem behind it.
+    // chunks of one byte is sent twice the bytes, and all others appear to be behind it.
     [[nodiscard]] bool keeps_up_with_a_publisher(const ClientRecord& record, std::uint64_t limit_us) const {
         Clients publishers = sources_of(history, record);
         std::erase_if(publishers, [&](const ClientRecord* publisher) {
@@ -279,8 +280,7 @@ HistoryTimes history_times(const WatchdogLimits& limits, std::uint64_t settle_us
     HistoryTimes times;
     times.longest_gap_us = 5 * interval_us;
     times.settle_us = settle_us;
-    // The comparison looks back from the last time the other received something, which is itself some
-    // time ago.
+    // The comparison looks back from the last time the other's counter grew, which is itself in the past.
     times.window_us =
         std::max({limits.stalled_us.value_or(0), 3 * limits.behind_us.value_or(0), interval_us}) +
         2 * interval_us;

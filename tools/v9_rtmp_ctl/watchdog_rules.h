@@ -3,9 +3,9 @@
 // A player is judged by what others received. It is compared with the other players of its stream. If none of
 // them has been there long enough, it is compared with the relayed publisher, provided that the publisher's
 // counter has grown as media does: in each third of the time, and by 2000 bytes a second. If several
-// publishers may be the relayed one, all of them must have grown so. If all players of a stream are stalled,
-// the publisher is suspected and no player is dropped. A player that keeps up with a publisher is not behind
-// others: counters include headers, and a player chooses its chunk size.
+// publishers may be the relayed one, all of them must have grown in this way. If all players of a stream are
+// stalled, the publisher is suspected and no player is dropped. A player that keeps up with a publisher is
+// not behind others: counters include headers, and a player chooses its chunk size.
 #pragma once
 
 #include <array>
@@ -51,9 +51,9 @@ struct Verdict {
     std::string reason;  // a sentence without its subject, for the log
 };
 
-// By stream: the monotonic time when the last drop of a player for its age was due. The next one is
-// due stagger_us later. Looks come some time after a drop is due, and that must not add up over a
-// table of players.
+// By stream: the monotonic time when the last drop of a player for its age was due. The next one is due
+// stagger_us later. Looks come some time after a drop is due, and these delays must not add up over a table
+// of players.
 using AgeDrops = std::map<std::string, std::uint64_t>;
 [[nodiscard]] bool is_age_drop_due(const AgeDrops& age_drops, const std::string& stream, std::uint64_t now_us,
                                    std::uint64_t stagger_us);

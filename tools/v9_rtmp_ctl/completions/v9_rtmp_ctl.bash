@@ -2,7 +2,7 @@
 #
 # Load it with: source <(v9_rtmp_ctl completion bash)
 
-# Prints the listing. Asks the socket that the command line names.
+# Prints the listing from the socket that the command line names.
 _v9_rtmp_ctl_list() {
     local i socket=()
     for ((i = 1; i < ${#typed[@]} - 2; i++)); do
@@ -13,7 +13,7 @@ _v9_rtmp_ctl_list() {
     command v9_rtmp_ctl --plain --timeout 1 "${socket[@]}" list 2>/dev/null
 }
 
-# Prints each stream name once. They are made of letters, digits and '_'; whatever else a listing holds is not offered.
+# Prints each stream name once. Names consist of letters, digits and '_'; other names are not offered.
 _v9_rtmp_ctl_streams() {
     _v9_rtmp_ctl_list | cut -f 2 | grep -xE '[A-Za-z0-9_]+' | sort -u
 }
@@ -22,20 +22,20 @@ _v9_rtmp_ctl_addresses() {
     _v9_rtmp_ctl_list | cut -f 7 | sed 's/:[0-9]*$//' | grep -xE '[0-9.]+' | sort -u
 }
 
-# Prints each id, and behind a TAB whose it is, in numeric order.
+# Prints each id, a TAB, and the client it belongs to, in numeric order.
 _v9_rtmp_ctl_ids() {
     _v9_rtmp_ctl_list | sort -n | awk -F '\t' '$1 ~ /^[0-9]+$/ {
         print $1 "\t" ($2 == "" ? "no stream" : $3 " " substr($2, 1, 40)) " " $7 }'
 }
 
-# Offers ids. Where several are listed, they are shown with whose they are; readline inserts nothing of that, because
-# no two ids have more in common than digits. What is inserted one after the other is ids alone.
+# Offers ids. If several ids match, each is shown with its client. readline inserts only the common prefix, which
+# consists of digits. When completions are cycled through, only the ids are offered.
 _v9_rtmp_ctl_offer_ids() {
-    local id whose ids=() described=()
-    while IFS=$'\t' read -r id whose; do
+    local id client ids=() described=()
+    while IFS=$'\t' read -r id client; do
         if [[ $id == "$cur"* && $given != *" $id "* ]]; then
             ids+=("$id")
-            described+=("$id -- $whose")
+            described+=("$id -- $client")
         fi
     done < <(_v9_rtmp_ctl_ids)
     case ${COMP_TYPE-} in
@@ -48,7 +48,7 @@ _v9_rtmp_ctl_offer_ids() {
     COMPREPLY+=("${ids[@]}")
 }
 
-# Offers those of the words on standard input that begin with what was typed and do not stand there yet.
+# Offers the words on standard input that begin with the typed text and have not been typed yet.
 _v9_rtmp_ctl_offer() {
     local word
     while IFS= read -r word; do
@@ -58,8 +58,8 @@ _v9_rtmp_ctl_offer() {
     done
 }
 
-# Stores in typed the words up to the cursor, an option and its value always as two: bash gives "--sort=id" as three
-# words, or as one where COMP_WORDBREAKS has no '='.
+# Stores the words up to the cursor in typed. An option and its value are always stored as two words: bash splits
+# "--sort=id" into three words, or into one if COMP_WORDBREAKS has no '='.
 _v9_rtmp_ctl_read_words() {
     local i word
     typed=()
@@ -205,7 +205,7 @@ _v9_rtmp_ctl_complete() {
     if [[ $cur == -* ]]; then
         words="$words $global"
     elif [[ -n $command ]]; then
-        # Options are offered once a dash was typed; arguments at once.
+        # Options are offered only after a dash has been typed; arguments always.
         words=$(printf '%s\n' $words | grep -v '^-')
     fi
     mapfile -t -O "${#COMPREPLY[@]}" COMPREPLY < <(compgen -W "$words" -- "$cur")

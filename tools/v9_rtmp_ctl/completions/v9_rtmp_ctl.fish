@@ -2,7 +2,7 @@
 #
 # Load it with: v9_rtmp_ctl completion fish | source
 
-# Prints the listing. Asks the socket that the command line names.
+# Prints the listing from the socket that the command line names.
 function __v9_rtmp_ctl_list
     set -l words (commandline -opc)
     set -l socket
@@ -15,7 +15,7 @@ function __v9_rtmp_ctl_list
     command v9_rtmp_ctl --plain --timeout 1 $socket list 2>/dev/null
 end
 
-# Prints each stream name once. They are made of letters, digits and '_'; whatever else a listing holds is not offered.
+# Prints each stream name once. Names consist of letters, digits and '_'; other names are not offered.
 function __v9_rtmp_ctl_streams
     __v9_rtmp_ctl_list | cut -f 2 | grep -xE '[A-Za-z0-9_]+' | sort -u
 end
@@ -24,7 +24,7 @@ function __v9_rtmp_ctl_addresses
     __v9_rtmp_ctl_list | cut -f 7 | sed 's/:[0-9]*$//' | grep -xE '[0-9.]+' | sort -u
 end
 
-# Prints each id that was not typed yet, and behind a TAB whose it is, in numeric order.
+# Prints each id that has not been typed yet, a TAB, and the client it belongs to, in numeric order.
 function __v9_rtmp_ctl_ids
     set -l typed (commandline -opc)
     for line in (__v9_rtmp_ctl_list | sort -n | awk -F '\t' '$1 ~ /^[0-9]+$/ {
@@ -59,13 +59,13 @@ function __v9_rtmp_ctl_plain_words
     or printf '%s\n' $found
 end
 
-# True when these words are those in $argv.
+# True if these words are those in $argv.
 function __v9_rtmp_ctl_at
     set -l found (__v9_rtmp_ctl_plain_words)
     test "$found" = "$argv"
 end
 
-# True when the first of these words are those in $argv.
+# True if the first of these words are those in $argv.
 function __v9_rtmp_ctl_in
     set -l found (__v9_rtmp_ctl_plain_words)
     set -l wanted (count $argv)

@@ -3,7 +3,7 @@
 #
 # Load it with: source <(v9_rtmp_ctl completion zsh), or store it as _v9_rtmp_ctl in a directory of $fpath.
 
-# Prints the listing. Asks the socket that the command line names.
+# Prints the listing from the socket that the command line names.
 _v9_rtmp_ctl_list() {
     local -a socket
     local at=${typed[(i)--socket]}
@@ -15,7 +15,7 @@ _v9_rtmp_ctl_list() {
     command v9_rtmp_ctl --plain --timeout 1 $socket list 2>/dev/null
 }
 
-# Offers stream names. They are made of letters, digits and '_'; whatever else a listing holds is not offered.
+# Offers stream names. Names consist of letters, digits and '_'; other names are not offered.
 _v9_rtmp_ctl_streams() {
     local -a names=(${(fu)"$(_v9_rtmp_ctl_list | cut -f 2 | grep -xE '[A-Za-z0-9_]+')"})
     compadd -F typed -a names
@@ -26,23 +26,23 @@ _v9_rtmp_ctl_addresses() {
     compadd -F typed -a addresses
 }
 
-# Offers ids that were not typed yet, in numeric order, each with its stream and address.
+# Offers ids that have not been typed yet, in numeric order, each with its stream and address.
 _v9_rtmp_ctl_ids() {
     local -a lines=(${(f)"$(_v9_rtmp_ctl_list | sort -n | awk -F '\t' '$1 ~ /^[0-9]+$/ {
         print $1 "  " ($2 == "" ? "no stream" : $3 " " substr($2, 1, 40)) " " $7 }')"})
-    local -a ids whose
+    local -a ids described
     local entry
     for entry in $lines; do
         if ((!${typed[(Ie)${entry%% *}]})); then
             ids+=("${entry%% *}")
-            whose+=("$entry")
+            described+=("$entry")
         fi
     done
-    compadd -V ids -l -d whose -a ids
+    compadd -V ids -l -d described -a ids
 }
 
 _v9_rtmp_ctl() {
-    # After a command, words begins with that command.
+    # After a command has been typed, the array words begins with that command.
     local -a typed=("${(@)words[1, CURRENT - 1]}")
     local -a global commands drops streams_picked addresses_picked mode_picked orders
     local curcontext=$curcontext state line
@@ -75,7 +75,7 @@ _v9_rtmp_ctl() {
         'watch:show streams and connections live'
         'watchdog:drop clients that stall, fall behind or hold a slot without using it'
         'events:print a line when a client connects, publishes, plays, takes over or leaves'
-        'check:report what is wrong with the server, or soon will be'
+        'check:report what is wrong with the server, or about to go wrong'
         'metrics:print metrics in the text format of Prometheus'
         'serve:serve a status page and metrics over HTTP'
         'raw:send a command unchanged and print the reply as JSON'
@@ -178,7 +178,7 @@ _v9_rtmp_ctl() {
     esac
 }
 
-# Read by the completion system, this file is the function; sourced, it registers it.
+# The completion system runs this file as the function; if the file is sourced, it registers the function.
 if [[ ${funcstack[1]} == _v9_rtmp_ctl ]]; then
     _v9_rtmp_ctl "$@"
 else
