@@ -18,9 +18,9 @@ from scale_lab import EXAMPLES, Lab, Load  # noqa: E402
 
 BALANCER, ORIGIN = "192.0.2.20", "192.0.2.30"
 BACK_LIMIT_S = 5
-# A forwarding notices after 15 s that nothing comes, and begins anew after 2 s.
+# A forwarder exits if nothing arrives for 15 s, and is restarted after 2 s.
 CUT_LIMIT_S = 28
-# Of an edge that was not busy when its forwarding began.
+# Of an edge that was not busy when its forwarder started.
 EDGE_LATE_LIMIT_MS = 1200
 
 

@@ -164,10 +164,10 @@ wait_for "nothing is recorded" has_recorded 1000
 for unit in v9-rtmp-forward@cam1 v9-rtmp-player@cam2; do
     [[ $(stat -c %U "/proc/$(systemctl show --value -p MainPID $unit)") != root ]] || fail "$unit runs as root"
 done
-# The forwarding is started again, and so is the player that was dropped with its stream.
+# The forwarder is started again, and so is the player that was dropped with its stream.
 systemctl kill --signal=KILL v9-rtmp-forward@cam1
 is_started_again() { (($(systemctl show --value -p NRestarts "$1") >= 1)); }
-wait_for "the forwarding is not started again" is_started_again v9-rtmp-forward@cam1
+wait_for "the forwarder is not started again" is_started_again v9-rtmp-forward@cam1
 wait_for "the player is not started again" is_started_again v9-rtmp-player@cam2
 wait_for "nothing is recorded after it" has_recorded $(($(bytes_recorded) + 1000))
 systemctl stop v9-rtmp-forward@cam1 v9-rtmp-player@cam2
