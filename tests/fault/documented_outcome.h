@@ -11,7 +11,7 @@
 #include "tests/fault/faulty_server.h"
 #include "tests/fault/scripted_session.h"
 
-inline constexpr std::size_t NOBODY = std::numeric_limits<std::size_t>::max();
+inline constexpr std::size_t NO_CLIENT = std::numeric_limits<std::size_t>::max();
 
 struct Times {
     int least = 0;
@@ -35,12 +35,12 @@ enum class Missing {
 
 struct DocumentedOutcome {
     std::string in_short = "nothing changes";
-    // A client is dropped. If `dropped` is NOBODY, the record does not say which.
+    // A client is dropped. If `dropped` is NO_CLIENT, the record does not say which.
     bool drops = false;
-    std::size_t dropped = NOBODY;
+    std::size_t dropped = NO_CLIENT;
     Ending ending = Ending::DROPPED_BY_SERVER;
     Missing missing = Missing::NOTHING;
-    std::size_t misses = NOBODY;
+    std::size_t misses = NO_CLIENT;
     std::size_t most_who_miss = 1;
     // In addition to those that every session prints.
     std::map<std::string, Times> texts = {};
@@ -51,8 +51,8 @@ struct DocumentedOutcome {
     bool control_client_lost = false;
     std::uint32_t control_answer_lost = 0;  // its number, from 1; 0: none
     // The client that misses one acknowledgement.
-    std::size_t misses_acknowledgement = NOBODY;
-    std::size_t listed_without_lock = NOBODY;
+    std::size_t misses_acknowledgement = NO_CLIENT;
+    std::size_t listed_without_lock = NO_CLIENT;
 };
 
 // Returns the outcome for the failed call that the watch has recorded, or that of a normal session if there

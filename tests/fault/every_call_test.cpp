@@ -147,11 +147,11 @@ void run_sweep(const FaultPlan& plan, const std::vector<std::string>& must_be_am
 
 }  // namespace
 
-TEST(every_call, a_session_in_which_nothing_fails_is_whole) {
+TEST(every_call, a_session_in_which_nothing_fails_is_complete) {
     EXPECT_EQ(run_session({}).outcome, "not reached");
 }
 
-TEST(every_call, of_accept4_may_find_descriptors_short) {
+TEST(every_call, of_accept4_may_fail_for_lack_of_descriptors) {
     run_sweep({.call = FaultCall::ACCEPT4, .error = EMFILE}, {"nothing changes"});
 }
 
@@ -176,11 +176,11 @@ TEST(every_call, of_recv_may_be_interrupted) {
     run_sweep({.call = FaultCall::RECV, .error = EINTR}, {"the reader dies, in silence"});
 }
 
-TEST(every_call, of_recv_may_bring_a_single_byte) {
+TEST(every_call, of_recv_may_return_a_single_byte) {
     run_sweep({.call = FaultCall::RECV, .error = SHORT_TRANSFER}, {"nothing changes"});
 }
 
-TEST(every_call, of_recv_and_all_later_ones_may_bring_a_single_byte) {
+TEST(every_call, of_recv_and_all_later_ones_may_return_a_single_byte) {
     run_sweep({.call = FaultCall::RECV, .error = SHORT_TRANSFER, .all_later = true}, {"nothing changes"}, 16);
 }
 
@@ -193,7 +193,7 @@ TEST(every_call, of_send_may_be_interrupted) {
     run_sweep({.call = FaultCall::SEND, .error = EINTR}, {"the reader dies, S2 fail"}, 1);
 }
 
-TEST(every_call, of_send_may_take_a_single_byte) {
+TEST(every_call, of_send_may_accept_a_single_byte) {
     run_sweep({.call = FaultCall::SEND, .error = SHORT_TRANSFER}, {"nothing changes"}, 1);
 }
 
@@ -212,11 +212,11 @@ TEST(every_call, of_sendmsg_may_be_interrupted) {
     run_sweep({.call = FaultCall::SENDMSG, .error = EINTR}, {"the writer dies"});
 }
 
-TEST(every_call, of_sendmsg_may_take_a_single_byte) {
+TEST(every_call, of_sendmsg_may_accept_a_single_byte) {
     run_sweep({.call = FaultCall::SENDMSG, .error = SHORT_TRANSFER}, {"nothing changes"});
 }
 
-TEST(every_call, of_sendmsg_and_all_later_ones_may_take_a_single_byte) {
+TEST(every_call, of_sendmsg_and_all_later_ones_may_accept_a_single_byte) {
     run_sweep({.call = FaultCall::SENDMSG, .error = SHORT_TRANSFER, .all_later = true}, {"nothing changes"},
               16);
 }

@@ -65,7 +65,7 @@ struct FaultRecord {
     std::uint32_t connection = NO_FAULT_CONNECTION;
     // The number of the call among those of this kind by this thread, from 1.
     std::uint32_t call_of_thread = 0;
-    // What this thread had done before: calls of sendmsg, bytes received by recv.
+    // Earlier activity of this thread: calls of sendmsg, bytes received by recv.
     std::uint32_t sendmsg_calls = 0;
     std::uint64_t received_bytes = 0;
     // For pthread_cancel and pthread_join: which of a connection's two threads.

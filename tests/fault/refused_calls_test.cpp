@@ -7,7 +7,7 @@
 #include "tests/support/media_bytes.h"
 #include "tests/support/rtmp_client.h"
 
-TEST(refused_calls, a_server_that_cannot_open_its_sockets_does_not_start_and_says_why) {
+TEST(refused_calls, a_server_that_cannot_open_its_sockets_does_not_start_and_reports_why) {
     struct Row {
         FaultPlan plan;
         const char* text;

@@ -93,7 +93,7 @@ class Guest {
         });
     }
 
-    // Waits for the acknowledgement of its last message, in vain if that one is missing.
+    // Waits for the acknowledgement of its last message. If none comes, the wait ends at its limit.
     void wait_for_acknowledgements() {
         act([this](RtmpClient& rtmp) {
             const TimePoint deadline = SteadyClock::now() + ACKNOWLEDGEMENT_WAIT;

@@ -53,12 +53,12 @@ class Comparison {
 
     // Determines which client was dropped if the record does not say: any that was.
     void find_dropped() {
-        dropped = expected.drops ? expected.dropped : NOBODY;
-        for (std::size_t i = 0; i < SESSION_CLIENTS && expected.drops && dropped == NOBODY; ++i) {
-            dropped = story.clients[i].dropped ? i : NOBODY;
+        dropped = expected.drops ? expected.dropped : NO_CLIENT;
+        for (std::size_t i = 0; i < SESSION_CLIENTS && expected.drops && dropped == NO_CLIENT; ++i) {
+            dropped = story.clients[i].dropped ? i : NO_CLIENT;
         }
         if (expected.drops && dropped >= SESSION_CLIENTS) {
-            complain("nobody was dropped");
+            complain("no client was dropped");
         }
     }
 
@@ -162,7 +162,7 @@ class Comparison {
         const Transcript& received = story.clients[client].received;
         Transcript whole = whole_transcript(client);
         const auto first = std::mismatch(whole.begin(), whole.end(), received.begin(), received.end()).first;
-        const bool right_client = expected.misses == NOBODY || expected.misses == client;
+        const bool right_client = expected.misses == NO_CLIENT || expected.misses == client;
         if (first == whole.end() || !may_be_missed(*first) || !right_client) {
             complain_of(client, "was disturbed");
             return;
@@ -346,7 +346,7 @@ class Comparison {
     const DocumentedOutcome& expected;
     const SessionStory& story;
     const std::string& text;
-    std::size_t dropped = NOBODY;
+    std::size_t dropped = NO_CLIENT;
     std::string problem;
 };
 
