@@ -21,7 +21,7 @@ std::size_t accept_queue_length() {
             return length;
         }
     }
-    throw TestFailure("nobody listens on port 1935");
+    throw TestFailure("no program listens on port 1935");
 }
 
 }  // namespace
@@ -35,6 +35,6 @@ RtmpClient connect_through_queue(const ClientOptions& options) {
 
 void wait_for_accept_queue(std::size_t most_waiting) {
     if (!holds_within(DEFAULT_WAIT, [&] { return accept_queue_length() <= most_waiting; })) {
-        throw TestFailure("the server accepts nobody");
+        throw TestFailure("the server accepts no client");
     }
 }

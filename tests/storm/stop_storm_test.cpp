@@ -52,7 +52,7 @@ TEST_P(stop_storm_test, a_server_told_to_stop_exits_in_order_within_a_second) {
         ServerProcess server({"--dbg-pkt"});
         if (i % BUSY_ONE_IN == 0) {
             ASSERT_TRUE(holds_within(DEFAULT_WAIT, [&] { return server.thread_count() >= BUSY_THREADS; }))
-                << "nobody comes";
+                << "no client comes";
         }
         linger(random, LONGEST_LIFE_MS);
         EXPECT_LE(server.stop(), STOP_LIMIT) << "stop " << i;

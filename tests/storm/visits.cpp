@@ -284,7 +284,7 @@ void Visit::await_message(RtmpClient& client, std::uint8_t type) {
 
 void Visit::await_interruption() {
     if (!await_hang_up(DEFAULT_WAIT)) {
-        throw TestFailure("nobody of a visit to " + own_stream + " was dropped");
+        throw TestFailure("no client of a visit to " + own_stream + " was dropped");
     }
 }
 
