@@ -39,7 +39,7 @@ class CapturedOutput {
     // Waits for these lines without other lines between them.
     LineMark wait_for_consecutive_lines(const std::vector<std::string>& wanted, LineMark from = 0,
                                         Milliseconds wait = DEFAULT_WAIT) const;
-    // Waits until the line has been printed at least this many times, and once, since the mark.
+    // Waits until the line has been printed `times` times since the mark; times is at least 1.
     void wait_for_count(std::string_view line, std::size_t times, LineMark from = 0,
                         Milliseconds wait = DEFAULT_WAIT) const;
     void wait_for_end(Milliseconds wait = DEFAULT_WAIT) const;
@@ -49,8 +49,8 @@ class CapturedOutput {
     void set_ended();
 
   private:
-    // Shows found() the index of one line after the other, until it says that the line is the last one of
-    // what is sought.
+    // Calls found() with the index of each line in turn, until it returns true: the match ends with
+    // that line.
     template <typename Found>
     LineMark wait_until(const std::string& what, LineMark from, Milliseconds wait, Found found) const;
 

@@ -17,7 +17,7 @@ namespace {
 [[gnu::format(printf, 1, 0)]] void append(const char* format, std::va_list args) {
     char text[512];
     const int length = std::vsnprintf(text, sizeof text, format, args);
-    // No text in a schedule is long enough to be cut here.
+    // No text in a schedule is so long that it would be cut here.
     printed_text.append(text, static_cast<std::size_t>(length));
 }
 
