@@ -17,7 +17,7 @@ namespace {
 constexpr std::size_t HANDSHAKE_RANDOM_OFFSET = 8;
 constexpr std::uint64_t START_US = 1000000000;
 constexpr std::uint64_t PASS_US = 10000;
-// After the last byte: until media that was ahead of its time is out.
+// After the last byte, so that media that was held back is sent as well.
 constexpr int PASSES_AFTERWARDS = 300;
 
 constexpr int CLIENT_FD = 1000;
@@ -33,7 +33,7 @@ std::uint32_t random_number(std::uint32_t draw) {
     return ((draw + 1) * 2654435761U) >> 1;
 }
 
-// The reader's connection was dropped under it: its thread would be cancelled where it waits.
+// The reader's connection was dropped while it waited, which would cancel its thread.
 struct ReaderCancelled {};
 
 class Replaying {
@@ -76,7 +76,7 @@ class Replaying {
         return std::move(result);
     }
 
-    // What recv(2) of the client's socket does.
+    // Stands in for recv(2) of the client's socket.
     std::size_t receive(void* buffer, std::size_t size) {
         const bool all_is_read = position == segment_end();
         if (all_is_read || main_loop == MainLoop::AT_EVERY_READ) {
@@ -110,7 +110,7 @@ class Replaying {
         (sending_acknowledgement ? output.acknowledgements : output.others) += bytes;
     }
 
-    // A sleep of the server: time goes on, and so does everybody else.
+    // A sleep of the server: time advances, and the other parts run.
     void sleep() {
         fake_clock_us += PASS_US;
         take_turns();
@@ -123,14 +123,14 @@ class Replaying {
         return segments_read < segment_ends.size() ? segment_ends[segments_read] : session.bytes.size();
     }
 
-    // The main loop can come between any two reads only where the server asks for no more than it needs.
+    // The main loop can run between any two reads only if the server requests no more than it needs.
     std::size_t without_read_ahead(std::size_t size) {
         ReadAhead& ahead = get_connection(client_slot)->read_ahead;
         return std::exchange(ahead.enabled, false) ? 1 : size;
     }
 
     void take_turns() {
-        // What is queued goes out before the main loop may end the connection.
+        // Queued messages are sent before the main loop may end the connection.
         write_all();
         idle_all_connections();
         write_all();
@@ -145,7 +145,7 @@ class Replaying {
             if (conn == nullptr) {
                 continue;
             }
-            // One by one, so that acknowledgements can be told from the rest.
+            // One by one, to tell acknowledgements from other messages.
             std::deque<OutgoingPacket> waiting = std::move(conn->connection_out);
             conn->connection_out.clear();
             for (OutgoingPacket& pkt : waiting) {
@@ -181,7 +181,7 @@ class Replaying {
         get_connection(other_slot)->connection_in.push_back(make_packet(type, timestamp, payload));
     }
 
-    // The client waited for it before it sent more, so what was asked for before has been answered.
+    // The client waits for the media before it sends more, so its earlier requests have been answered.
     void publish_media() {
         take_turns();
         receive_other(TYPE_AUDIO, 1000, aac_frame(1));

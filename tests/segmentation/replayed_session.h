@@ -1,12 +1,13 @@
-// One client's bytes through the server's own reader, main loop and writer, cut into segments at will.
+// Passes one client's bytes, cut into segments at any place, through the server's own reader, main loop
+// and writer.
 //
-// Everything runs on the test's thread. The reader asks for bytes and gets no more than what has arrived;
-// where it asks beyond the end of a segment it waits, and only then does the next segment arrive: nothing is
-// coalesced. While it waits the main loop and the writers run. Time stands still, except that it goes on by
-// 10 ms whenever the server itself would sleep. Random numbers are the same in every replay.
+// Everything runs on the test's thread. The reader requests bytes and gets no more than have arrived. If it
+// requests bytes beyond the end of a segment, it waits, and only then does the next segment arrive: nothing
+// is coalesced. While it waits, the main loop and the writers run. Time advances only when the server would
+// sleep, by 10 ms each time. Random numbers are the same in every replay.
 //
-// Two more connections may be there, whose messages are put straight into their queues: a player of the
-// stream from the start, and a publisher whose metadata and sequence headers are there already.
+// Two more connections are possible, whose messages are put directly into their queues: a player of the
+// stream from the start, and a publisher whose metadata and sequence headers have already been handled.
 #pragma once
 
 #include <cstddef>
