@@ -6,8 +6,9 @@
 // is coalesced. While it waits, the main loop and the writers run. Time advances only when the server would
 // sleep, by 10 ms each time. Random numbers are the same in every replay.
 //
-// Two more connections are possible, whose messages are put directly into their queues: a player of the
-// stream from the start, and a publisher whose metadata and sequence headers have already been handled.
+// One more connection exists, whose messages are put directly into its queue. If the client publishes, it is
+// a player of the stream from the start. If the client plays, it is a publisher whose metadata and sequence
+// headers have already been handled.
 #pragma once
 
 #include <cstddef>
