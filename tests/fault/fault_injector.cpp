@@ -152,7 +152,7 @@ void record(FaultCall call, const Subject& subject) {
 }
 
 // Counts the call. Returns whether it is to fail.
-bool suffer(FaultCall call, const void* caller, const Subject& subject = {}) {
+bool must_fail(FaultCall call, const void* caller, const Subject& subject = {}) {
     const bool by_anyone = call == FaultCall::NEW;  // Strings allocate from within the standard library.
     if (!(by_anyone || is_program(caller)) || self.looking_at_the_stack) {
         return false;
@@ -172,7 +172,7 @@ bool suffer(FaultCall call, const void* caller, const Subject& subject = {}) {
 
 // Returns the error of a call that reports it as its result, or 0 if the call is not to fail.
 int error_of(FaultCall call, const void* caller, const Subject& subject = {}) {
-    return suffer(call, caller, subject) ? page->plan.error : 0;
+    return must_fail(call, caller, subject) ? page->plan.error : 0;
 }
 
 int fail() {
@@ -198,7 +198,7 @@ Function real(Function& cached, const char* name) {
 
 // Returns the number of bytes that the call may transfer: all, one, or none if it is to fail.
 std::size_t granted(FaultCall call, std::size_t length, const void* caller) {
-    if (!suffer(call, caller)) {
+    if (!must_fail(call, caller)) {
         return length;
     }
     return page->plan.error == SHORT_TRANSFER ? 1 : 0;
@@ -232,24 +232,24 @@ void* run_thread(void* created) {
 extern "C" {
 
 int socket(int domain, int type, int protocol) noexcept {
-    return suffer(FaultCall::SOCKET, CALLER) ? fail() : REAL(socket)(domain, type, protocol);
+    return must_fail(FaultCall::SOCKET, CALLER) ? fail() : REAL(socket)(domain, type, protocol);
 }
 
 int bind(int fd, const sockaddr* address, socklen_t length) noexcept {
-    return suffer(FaultCall::BIND, CALLER) ? fail() : REAL(bind)(fd, address, length);
+    return must_fail(FaultCall::BIND, CALLER) ? fail() : REAL(bind)(fd, address, length);
 }
 
 int listen(int fd, int backlog) noexcept {
-    return suffer(FaultCall::LISTEN, CALLER) ? fail() : REAL(listen)(fd, backlog);
+    return must_fail(FaultCall::LISTEN, CALLER) ? fail() : REAL(listen)(fd, backlog);
 }
 
 int accept4(int fd, sockaddr* address, socklen_t* length, int flags) {
-    return suffer(FaultCall::ACCEPT4, CALLER) ? fail() : REAL(accept4)(fd, address, length, flags);
+    return must_fail(FaultCall::ACCEPT4, CALLER) ? fail() : REAL(accept4)(fd, address, length, flags);
 }
 
 int setsockopt(int fd, int level, int option, const void* value, socklen_t length) noexcept {
-    return suffer(FaultCall::SETSOCKOPT, CALLER) ? fail()
-                                                 : REAL(setsockopt)(fd, level, option, value, length);
+    return must_fail(FaultCall::SETSOCKOPT, CALLER) ? fail()
+                                                    : REAL(setsockopt)(fd, level, option, value, length);
 }
 
 ssize_t recv(int fd, void* buffer, std::size_t length, int flags) {
@@ -267,7 +267,7 @@ ssize_t send(int fd, const void* data, std::size_t length, int flags) {
 }
 
 ssize_t sendmsg(int fd, const msghdr* message, int flags) {
-    if (!suffer(FaultCall::SENDMSG, CALLER)) {
+    if (!must_fail(FaultCall::SENDMSG, CALLER)) {
         return REAL(sendmsg)(fd, message, flags);
     }
     return page->plan.error == SHORT_TRANSFER ? send_one_byte(fd, *message, flags) : fail();
@@ -333,7 +333,7 @@ int pthread_mutex_unlock(pthread_mutex_t* mutex) noexcept {
 namespace {
 
 void* allocate(FaultCall call, std::size_t bytes, const void* caller) {
-    return suffer(call, caller) ? nullptr : std::malloc(bytes != 0 ? bytes : 1);
+    return must_fail(call, caller) ? nullptr : std::malloc(bytes != 0 ? bytes : 1);
 }
 
 void* allocate_or_throw(std::size_t bytes, const void* caller) {
