@@ -1,5 +1,5 @@
-// Requests as a stranger may send them: the bytes arrive in pieces, every whole frame is decoded, printed and
-// encoded again, and must come out as the same bytes.
+// Requests with any bytes that a client may send. The bytes arrive in pieces; every whole frame is decoded,
+// printed and encoded again, and must come out as the same bytes.
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
