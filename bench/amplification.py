@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""What a stranger's bytes cost: bytes sent back, bytes of log and memory for each byte that a client sends.
+"""Measures the cost of a client's bytes: bytes sent back, bytes of log and memory for each byte that a client sends.
 
     bench/amplification.py [--programs DIRECTORY]
 
