@@ -178,7 +178,7 @@ class Demo:
         if problem:
             raise RunError(problem, self.server.log)
         if not wait_until(lambda: not any(self.processes.runs(name) for name in players), SETTLE_LIMIT_S):
-            say("A player goes on although the server has ended: interrupting it")
+            say("A player continues although the server has ended: interrupting it")
         for name in players:
             self.processes.end(name, signal.SIGINT, 5)
 

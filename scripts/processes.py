@@ -146,8 +146,8 @@ class Processes:
         return 128 - status if status is not None and status < 0 else status
 
     def end(self, name, number, limit_s):
-        """Ends a process and returns its exit status. It gets the signal twice, because ffmpeg goes on waiting for
-        packets after the first, and is killed if it does not end in time."""
+        """Ends a process and returns its exit status. It gets the signal twice, because ffmpeg continues to wait
+        for packets after the first, and is killed if it does not end in time."""
         process = self.by_name[name]
         for wait_s in (min(SECOND_SIGNAL_S, limit_s), limit_s - SECOND_SIGNAL_S):
             process.send_signal(number)  # Does nothing if the process has ended.

@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""Does what scripts/scale-test promises, in namespaces of its own: see there."""
+"""Runs the test that scripts/scale-test describes, in its own namespaces."""
 
 import argparse
 import json
