@@ -63,12 +63,12 @@ expect "demo" drop id 3 --stream = d
 expect "cam1" --socket /run/other drop stream c
 expect "cam1" --socket = /run/another drop stream c
 
-# Where several are listed, people see whose they are; one alone is completed.
+# If several ids match, each is shown with its client; a single one is completed.
 for COMP_TYPE in 9 63; do
     expect '0 -- publish cam1 10.0.0.1:5 3 -- play $(touch '"$scratch"'/owned) 10.0.0.1:6 12 -- play demo 10.0.0.2:5' drop id ""
     expect "12" drop id 1
 done
-# What is inserted one after the other is ids alone.
+# When completions are cycled through, only the ids are inserted.
 COMP_TYPE=37
 expect "0 3 12" drop id ""
 unset COMP_TYPE

@@ -1,6 +1,6 @@
 # shellcheck shell=bash
-# What the tests of the completions share; they source it. A stand-in for the tool, which lists two connections and one
-# with a name that a shell must not read, comes first in PATH and keeps its arguments in $scratch/calls.
+# Shared by the tests of the completions, which source it. A stand-in for the tool is first in PATH. It lists two
+# connections, and one whose name a shell must not evaluate, and records its arguments in $scratch/calls.
 set -u
 scratch=$(mktemp -d)
 trap 'rm -r "$scratch"' EXIT

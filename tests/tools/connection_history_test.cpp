@@ -32,7 +32,7 @@ Connection publisher(unsigned id, std::uint64_t received) {
     return client(id, "publish", 3000, received);
 }
 
-// One listing each second, that of each second with the counters of its own.
+// One listing for each second, each with its own counters.
 class history_test : public testing::Test {
   protected:
     template <typename MakeConnections>

@@ -31,7 +31,7 @@ expect "--sort=id --sort=rate --sort=stream" "list --sort="
 expect "cam1" "--socket /run/other drop stream c"
 expect "demo" "--socket=/run/another drop stream d"
 
-# Ids stand in numeric order, with whose they are.
+# Ids are in numeric order, each with its client.
 listed=$(fish --no-config -c 'source $argv[1]; complete -C "v9_rtmp_ctl drop id "' "$scratch/completion.fish")
 wanted=$(printf '0\tpublish cam1 10.0.0.1:5\n3\tplay $(touch %s/owned) 10.0.0.1:6\n12\tplay demo 10.0.0.2:5' "$scratch")
 if [[ $listed != "$wanted" ]]; then

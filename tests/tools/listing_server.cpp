@@ -1,4 +1,4 @@
-// A control server whose listing is a file: what no real server would let a stranger put into it.
+// A control server whose listing is a file, so it may contain lines that no real server would list.
 //
 //   listing_server FILE
 //

@@ -21,12 +21,12 @@ constexpr std::uint64_t FOUR_MBIT = 500000;  // bytes per second
 // Media bytes of a client in dependence of the second; the first listing is that of second 1.
 using Media = std::function<std::uint64_t(std::uint64_t second)>;
 
-// One that gets, or sends, as much each second.
+// A client that receives, or sends, the same amount each second.
 Media steady(std::uint64_t bytes_per_second) {
     return [bytes_per_second](std::uint64_t s) { return s * bytes_per_second; };
 }
 
-// One that stands still from a second on.
+// A client that transfers nothing after this second.
 Media until(std::uint64_t last_second, std::uint64_t bytes_per_second = FOUR_MBIT) {
     return [=](std::uint64_t s) { return std::min(s, last_second) * bytes_per_second; };
 }

@@ -5,7 +5,7 @@ source "$(dirname "$0")/completion_setup.sh"
 
 "$1" completion zsh >"$scratch/completion.zsh"
 cat >"$scratch/typist.zsh" <<'TYPIST'
-# Types the lines of its arguments into a zsh of its own, each with a TAB at its end, and lets that run them.
+# Types each argument into another zsh as a line with a TAB at its end, and lets it run the line.
 zmodload zsh/zpty
 zpty shell zsh -f -i
 await() {
@@ -27,7 +27,7 @@ timeout 50 zsh -f "$scratch/typist.zsh" "v9_rtmp_ctl drop id 1" "v9_rtmp_ctl --s
     "v9_rtmp_ctl drop address 10.0.0.2" "v9_rtmp_ctl streams d" "v9_rtmp_ctl watch --uni" \
     "v9_rtmp_ctl watchdog --behind=o" || failed=1
 
-# The stand-in was asked for the listing, and was then run with the completed line.
+# The stand-in was run for the listing, and then with the completed line.
 for call in "drop id 12" "--plain --timeout 1 --socket /run/other list" "--socket /run/other drop stream demo" \
     "--plain --timeout 1 --socket=/run/another list" "--socket=/run/another drop stream cam1" "list --sort=rate" "drop id 3 12" "drop address 10.0.0.2" "streams demo" \
     "watchdog --behind=off"; do
