@@ -134,7 +134,7 @@ TEST_F(chunk_reader, reads_the_extended_timestamp_of_format_0) {
 
 TEST_F(chunk_reader, refuses_a_message_above_the_limit_before_its_payload) {
     client_sends(header_of(0x100000) + "payload");
-    // Whoever waited for all of the payload would see the client end.
+    // A reader that waited for the whole payload would read the end of the stream instead.
     ASSERT_EQ(shutdown(peer(conn), SHUT_WR), 0);
     EXPECT_EQ(printed_by([&] { EXPECT_FALSE(read_message()); }),
               "Failed to alloc pkt data\n"
