@@ -33,6 +33,10 @@ stop_building_ahead() {
     if [[ -n $ahead_pid ]]; then
         kill -- "-$ahead_pid" 2>/dev/null || true
         wait "$ahead_pid" 2>/dev/null || true
+        # Ninja removes what its compilers have not finished, and only then may another one begin.
+        while kill -0 -- "-$ahead_pid" 2>/dev/null; do
+            sleep 0.1
+        done
         ahead_pid=
     fi
 }
