@@ -83,7 +83,7 @@ echo "lines kept of 100000: $(kept)"
 (($(kept) <= 30000)) || fail "too many lines were kept"
 answers >/dev/null || fail "the server does not answer after the flood"
 
-step "a flood of lines from the server is cut, and delays no stream"
+step "clients that come and go as fast as they can make the server log, and delay no stream"
 /opt/relay_load --server 127.0.0.1 --players 2 --kbit 1000 --seconds 10 --late 500 >/opt/flooded 2>&1 &
 load=$!
 wait_for "the stream does not begin" grep -q measuring /opt/flooded
@@ -94,10 +94,8 @@ while kill -0 $load 2>/dev/null; do
 done
 wait $load || { cat /opt/flooded; fail "the flood has cost frames"; }
 sed 's/^/    /' /opt/flooded
-kept_of_server() { journalctl --namespace=v9-rtmp -u v9-rtmp-server -o cat | wc -l; }
-# The server prints 9 lines about each.
-echo "lines kept of $((9 * visits)): $(kept_of_server)"
-((9 * visits > 2 * $(kept_of_server))) || fail "the flood was not cut"
+((visits >= 100)) || fail "only $visits clients came"
+echo "clients: $visits, lines: $(journalctl --namespace=v9-rtmp -u v9-rtmp-server -o cat | wc -l)"
 grep -qE '^late +0 frames' /opt/flooded || fail "the flood has delayed frames"
 
 step "a killed server is back"
