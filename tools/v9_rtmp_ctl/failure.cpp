@@ -90,8 +90,7 @@ Failure no_answer(std::uint64_t silence_us) {
 Failure answer_too_long(std::uint64_t total_us) {
     return {ExitCode::NO_REPLY, "the server was still sending its answer after " + seconds_text(total_us) +
                                     ". It is running: wait longer with --timeout, ask for fewer connections "
-                                    "with 'list --mode', or drop "
-                                    "by id with --no-list."};
+                                    "with 'list --mode', or drop by id with --no-list."};
 }
 
 Failure describe_failure(comm_socket_v4_error error, const std::string& socket_path) {

@@ -11,9 +11,6 @@ constexpr std::uint64_t KEEPS_UP_PERCENT = 97;
 // The same for bytes sent recently, some of which may still be in transit.
 constexpr std::uint64_t KEEPS_UP_RECENTLY_PERCENT = 95;
 constexpr std::uint64_t LIMITS_PER_RECENT_TIME = 3;
-// A player compared with its publisher needs only this percentage, because headers differ and some messages
-// are not relayed.
-constexpr std::uint64_t PUBLISHER_PERCENT = 90;
 
 bool is_still(const ConnectionHistory& history, const ClientRecord& record) {
     return still_us(history, media_counter(record)) >= STILL_AFTER_US;
@@ -42,19 +39,19 @@ std::optional<std::uint64_t> find_lag_us(const ConnectionHistory& history, const
 // Returns how far the player is behind the foremost one of its stream, or behind its publisher if no player
 // is ahead. 0 if it keeps up with its publisher, because the foremost player may only have smaller chunks.
 std::uint64_t behind_us(const ConnectionHistory& history, const ClientRecord& player) {
-    std::uint64_t behind_publisher = UINT64_MAX;
+    std::optional<std::uint64_t> behind_publisher;
     for (const ClientRecord* const publisher : sources_of(history, player)) {
         if (keeps_up(history, player, *publisher, 3 * BEHIND_AFTER_US)) {
             return 0;
         }
-        behind_publisher = std::min(behind_publisher,
-                                    find_lag_us(history, player, *publisher, PUBLISHER_PERCENT).value_or(0));
+        const std::uint64_t lag_us = find_lag_us(history, player, *publisher, PUBLISHER_PERCENT).value_or(0);
+        behind_publisher = std::min(behind_publisher.value_or(lag_us), lag_us);
     }
     std::uint64_t behind = 0;
     for (const ClientRecord* const other : others_of_stream(history, player, "play")) {
         behind = std::max(behind, find_lag_us(history, player, *other, 100).value_or(0));
     }
-    return behind != 0 || behind_publisher == UINT64_MAX ? behind : behind_publisher;
+    return behind != 0 ? behind : behind_publisher.value_or(0);
 }
 
 }  // namespace

@@ -17,6 +17,9 @@ constexpr std::uint64_t BEHIND_AFTER_US = 5000000;
 // Timestamps above 24 bits break most players. They are reached 4 h 39 min 37 s after a player joined.
 constexpr std::uint64_t TIMESTAMP_LIMIT_US = 16777216000;
 constexpr std::uint64_t NEAR_LIMIT_US = TIMESTAMP_LIMIT_US - 1200000000;
+// A player compared with its publisher needs only this percentage, because headers differ and some messages
+// are not relayed.
+constexpr std::uint64_t PUBLISHER_PERCENT = 90;
 
 enum class StreamState {
     LIVE,

@@ -14,8 +14,6 @@ constexpr unsigned PARTS = 3;
 constexpr std::uint64_t PLAYER_BYTES_PER_SECOND = 250;
 // A publisher's counter also grows from messages that are not relayed.
 constexpr std::uint64_t PUBLISHER_BYTES_PER_SECOND = 2000;
-// The headers around the same media differ in size between a publisher and its players.
-constexpr std::uint64_t PUBLISHER_PERCENT = 90;
 // Metadata is sent to some players sooner than to others.
 constexpr std::uint64_t SLACK_BYTES = 16384;
 
