@@ -140,7 +140,8 @@ const std::string* pair_value_at(const comm_socket_v4_packet* packet, size_t idx
     try {
         std::string& joined = packet->content->joined_values[idx];
         if (joined.empty()) {
-            joined.append(value, 0, shared->offset).append(shared->bytes).append(value, shared->offset);
+            // Only a whole value is kept.
+            joined = std::string(value).insert(shared->offset, shared->bytes);
         }
         return &joined;
     } catch (const std::exception&) {

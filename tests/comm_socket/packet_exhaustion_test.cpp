@@ -38,6 +38,32 @@ TEST(packet_exhaustion, a_packet_that_cannot_be_printed_is_mentioned) {
     comm_socket_v4_packet_release(packet);
 }
 
+TEST(packet_exhaustion, a_shared_value_is_never_printed_in_part_whichever_allocation_fails) {
+    comm_socket_v4_packet* packet = comm_socket_v4_packet_create();
+    ASSERT_EQ(comm_socket_v4_packet_begin_writing(packet, 0, "list", ""), 0);
+    std::string name(100, 'n');
+    const auto keep = [](void* /*owner*/) {};
+    ASSERT_EQ(comm_socket_v4_packet_write_nv_pair_shared(packet, "line", "before",
+                                                         {name.data(), name.size(), &name, keep}, "after"),
+              0);
+    ASSERT_EQ(comm_socket_v4_packet_write_end(packet), 0);
+    std::string printed;
+    int refusals = 0;
+    for (; printed.find(name) == std::string::npos; ++refusals) {
+        ASSERT_LT(refusals, 50);
+        testing::internal::CaptureStderr();
+        allocations_left = refusals;
+        comm_socket_v4_packet_dump_user_friendly(packet, stderr);
+        allocations_left = UNLIMITED;
+        printed = testing::internal::GetCapturedStderr();
+        if (printed.find(name) == std::string::npos) {
+            ASSERT_EQ(printed, "Packet: no memory to print it\n");
+        }
+    }
+    EXPECT_GT(refusals, 3);
+    comm_socket_v4_packet_release(packet);
+}
+
 TEST(packet_exhaustion, shared_bytes_are_released_once_whichever_allocation_fails) {
     const std::string before(100, 'b');
     int refusals = 0;
