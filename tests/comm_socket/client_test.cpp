@@ -301,6 +301,7 @@ TEST_F(client_test, invalid_arguments_are_reported) {
               COMM_SOCKET_V4_BAD_ARGUMENT);
     EXPECT_EQ(comm_socket_v4_send_request(nullptr, response.get(), SHORT_US), COMM_SOCKET_V4_BAD_ARGUMENT);
     EXPECT_EQ(comm_socket_v4_wait_reply(nullptr, 1, SHORT_US, &received), COMM_SOCKET_V4_BAD_ARGUMENT);
+    EXPECT_EQ(comm_socket_v4_wait_reply(connection.get(), 1, SHORT_US, nullptr), COMM_SOCKET_V4_BAD_ARGUMENT);
     EXPECT_EQ(comm_socket_v4_connection_get_fd(nullptr), -1);
     EXPECT_GE(comm_socket_v4_connection_get_fd(connection.get()), 0);
     EXPECT_EQ(comm_socket_v4_disconnect(nullptr), nullptr);

@@ -289,3 +289,13 @@ TEST(packet_dump, cuts_a_string_above_1024_bytes) {
     EXPECT_THAT(dump_of(begun(std::string(1025, 'c').c_str()).get()),
                 testing::HasSubstr("\"" + std::string(1024, 'c') + "\"... (1025 bytes)\n"));
 }
+
+TEST(packet_dump, shows_at_most_256_pairs) {
+    const Packet packet = begun();
+    for (int i = 0; i < 256; ++i) {
+        ASSERT_EQ(comm_socket_v4_packet_write_nv_pair(packet.get(), "n", std::to_string(i).c_str()), 0);
+    }
+    EXPECT_TRUE(dump_of(packet.get()).ends_with("  pair \"n\" = \"255\"\n"));
+    ASSERT_EQ(comm_socket_v4_packet_write_nv_pair(packet.get(), "n", "256"), 0);
+    EXPECT_TRUE(dump_of(packet.get()).ends_with("  pair \"n\" = \"255\"\n  ... (257 pairs)\n"));
+}

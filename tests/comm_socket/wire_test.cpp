@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <memory>
 
 #include "comm_socket/frame_buffer.h"
 #include "tests/comm_socket/raw_peer.h"
@@ -14,6 +15,7 @@ using comm_socket::FrameHead;
 using comm_socket::FrameLimits;
 using comm_socket::FrameState;
 using comm_socket::FrameText;
+using comm_socket::OutgoingFrame;
 using comm_socket::REPLY_LIMITS;
 using comm_socket::REQUEST_LIMITS;
 
@@ -106,6 +108,23 @@ TEST(wire, encodes_a_decoded_frame_to_the_same_bytes) {
     ASSERT_TRUE(decodes(rich_body(), REQUEST_LIMITS, &head, &text));
     EXPECT_EQ(comm_socket::encoded_body_bytes(text), rich_body().size());
     EXPECT_EQ(comm_socket::encode_frame(head, text), frame_around(rich_body()));
+}
+
+TEST(wire, an_outgoing_frame_points_to_long_arguments_and_copies_short_ones) {
+    const std::string long_argument(20000, 'l');
+    const Arguments arguments = {"one", std::nullopt, long_argument, "two"};
+    const auto text = std::make_shared<const FrameText>(FrameText{
+        .command = "command", .message = "", .arguments = arguments, .pairs = {}, .shared_parts = {}});
+    const OutgoingFrame frame(FrameHead{}, text);
+    std::string sent;
+    bool pointed_to = false;
+    for (std::size_t i = 0; i < frame.piece_count(); ++i) {
+        sent += frame.piece(i);
+        pointed_to = pointed_to || frame.piece(i).data() == text->arguments[2]->data();
+    }
+    EXPECT_EQ(sent, frame_around(frame_body(0, 0, 0, "command", "", arguments, {})));
+    EXPECT_EQ(frame.size(), sent.size());
+    EXPECT_TRUE(pointed_to);
 }
 
 TEST(wire, encodes_only_if_there_is_room_for_the_whole_frame) {

@@ -1,4 +1,4 @@
-// What the client makes of system calls that are refused. Its own executable, because it replaces them.
+// System calls that fail in a client or a server. Its own executable, because it replaces them.
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -15,10 +15,11 @@ namespace {
 constexpr std::uint64_t PATIENT_US = 10000000;
 
 // The errors of the next calls of each kind on this thread; when none is left they do what they always do.
-// The server of the tests runs on a thread of its own and is spared.
+// The echo server runs on a thread of its own and is spared.
 struct NextErrors {
     std::vector<int> socket = {};
     std::vector<int> connect = {};
+    std::vector<int> accept4 = {};
     std::vector<int> poll = {};
     std::vector<int> send = {};
     std::vector<int> recv = {};
@@ -40,11 +41,13 @@ bool is_refused(std::vector<int>& errors) {
 extern "C" {
 int __real_socket(int domain, int type, int protocol);
 int __real_connect(int fd, const sockaddr* address, socklen_t bytes);
+int __real_accept4(int fd, sockaddr* address, socklen_t* bytes, int flags);
 int __real_poll(pollfd* entries, nfds_t count, int timeout_ms);
 ssize_t __real_send(int fd, const void* data, size_t bytes, int flags);
 ssize_t __real_recv(int fd, void* data, size_t bytes, int flags);
 int __wrap_socket(int domain, int type, int protocol);
 int __wrap_connect(int fd, const sockaddr* address, socklen_t bytes);
+int __wrap_accept4(int fd, sockaddr* address, socklen_t* bytes, int flags);
 int __wrap_poll(pollfd* entries, nfds_t count, int timeout_ms);
 ssize_t __wrap_send(int fd, const void* data, size_t bytes, int flags);
 ssize_t __wrap_recv(int fd, void* data, size_t bytes, int flags);
@@ -54,6 +57,9 @@ int __wrap_socket(int domain, int type, int protocol) {
 }
 int __wrap_connect(int fd, const sockaddr* address, socklen_t bytes) {
     return is_refused(next_errors.connect) ? -1 : __real_connect(fd, address, bytes);
+}
+int __wrap_accept4(int fd, sockaddr* address, socklen_t* bytes, int flags) {
+    return is_refused(next_errors.accept4) ? -1 : __real_accept4(fd, address, bytes, flags);
 }
 int __wrap_poll(pollfd* entries, nfds_t count, int timeout_ms) {
     return is_refused(next_errors.poll) ? -1 : __real_poll(entries, count, timeout_ms);
@@ -159,5 +165,18 @@ TEST_F(client_system_calls_test, interrupted_calls_are_restarted) {
     for (const std::vector<int>& left :
          {next_errors.connect, next_errors.poll, next_errors.send, next_errors.recv}) {
         EXPECT_TRUE(left.empty());
+    }
+}
+
+TEST(server_system_calls, a_client_that_leaves_before_it_is_accepted_does_not_delay_the_next) {
+    const TemporaryDirectory directory;
+    DrivenServer server(directory.file("socket"));
+    for (const int error : {ECONNABORTED, EPROTO, EINTR}) {
+        const RawPeer peer(directory.file("socket"));
+        peer.send_all(request_frame(1, "hello"));
+        next_errors.accept4 = {error};
+        server.idle();
+        EXPECT_TRUE(next_errors.accept4.empty());
+        EXPECT_NE(server.take(), nullptr) << error;
     }
 }
