@@ -3,6 +3,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <fstream>
+#include <map>
+#include <string>
+
 using testing::HasSubstr;
 using testing::Optional;
 
@@ -53,10 +57,10 @@ TEST(check_rules, descriptors_and_threads_suffice_for_a_full_table) {
     EXPECT_EQ(judge_descriptor_limit(limits_with("1", "256")).level, Level::OK);
     EXPECT_EQ(judge_descriptor_limit(limits_with("1", "255")).level, Level::WARNING);
     EXPECT_EQ(judge_descriptor_limit(std::nullopt).level, Level::UNKNOWN);
-    EXPECT_EQ(judge_thread_limit(limits_with("300", "1"), std::nullopt).level, Level::OK);
-    EXPECT_EQ(judge_thread_limit(limits_with("299", "1"), std::nullopt).level, Level::WARNING);
-    EXPECT_EQ(judge_thread_limit(LIMITS, "300\n").level, Level::OK);
-    EXPECT_THAT(judge_thread_limit(LIMITS, "299\n").text, HasSubstr("may have 299 threads"));
+    EXPECT_EQ(judge_thread_limit(limits_with("272", "1"), std::nullopt).level, Level::OK);
+    EXPECT_EQ(judge_thread_limit(limits_with("271", "1"), std::nullopt).level, Level::WARNING);
+    EXPECT_EQ(judge_thread_limit(LIMITS, "272\n").level, Level::OK);
+    EXPECT_THAT(judge_thread_limit(LIMITS, "271\n").text, HasSubstr("may have 271 threads"));
     EXPECT_EQ(judge_thread_limit(LIMITS, "max\n").level, Level::OK);
     EXPECT_EQ(judge_thread_limit(std::nullopt, "1\n").level, Level::UNKNOWN);
 }
@@ -73,6 +77,20 @@ TEST(check_rules, a_memory_limit_that_cannot_be_read_is_unknown) {
 TEST(check_rules, a_memory_limit_below_what_a_full_table_may_hold_is_a_warning) {
     EXPECT_EQ(judge_memory_limit(true, "1912602624\n").level, Level::OK);
     EXPECT_EQ(judge_memory_limit(true, "1912602623\n").level, Level::WARNING);
+}
+
+TEST(check_rules, the_packaged_unit_allows_what_a_full_table_needs) {
+    std::ifstream unit(SERVER_UNIT);
+    std::map<std::string, std::string> settings;
+    for (std::string line; std::getline(unit, line);) {
+        settings[line.substr(0, line.find('='))] = line.substr(line.find('=') + 1);
+    }
+    EXPECT_EQ(judge_thread_limit(LIMITS, settings["TasksMax"] + '\n').level, Level::OK);
+    EXPECT_EQ(judge_descriptor_limit(limits_with("1", settings["LimitNOFILE"])).level, Level::OK);
+    const std::string& memory = settings["MemoryMax"];
+    ASSERT_TRUE(memory.ends_with('M')) << memory;
+    const std::uint64_t bytes = std::stoull(memory) << 20;
+    EXPECT_EQ(judge_memory_limit(true, std::to_string(bytes) + '\n').level, Level::OK);
 }
 
 TEST(check_rules, standard_error_may_go_to_the_journal_or_be_discarded) {
@@ -92,7 +110,7 @@ TEST(check_rules, clock_and_kernel_are_checked) {
     EXPECT_EQ(judge_clock(false, false).level, Level::UNKNOWN);
     EXPECT_EQ(judge_kernel(4096, 60000, 0).level, Level::OK);
     EXPECT_THAT(judge_kernel(19, 60000, 0).text, HasSubstr("net.core.somaxconn is 19"));
-    EXPECT_THAT(judge_kernel(4096, 599, 0).text, HasSubstr("kernel.threads-max is 599"));
+    EXPECT_THAT(judge_kernel(4096, 543, 0).text, HasSubstr("kernel.threads-max is 543"));
     EXPECT_THAT(judge_kernel(4096, 60000, 2).text, HasSubstr("vm.overcommit_memory is 2"));
     EXPECT_EQ(judge_kernel(std::nullopt, 60000, 0).level, Level::UNKNOWN);
 }
