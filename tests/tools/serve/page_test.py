@@ -154,14 +154,34 @@ class PageTest(unittest.TestCase):
         def lines(second):
             return [line(0, "cam1", "publish", 1, 100000 * second), line(1, "cam1", "play", 100000 * second, 1, "198.51.100.1:1"),
                     line(2, "cam1", "play", min(second, 8) * 100000, 1, "198.51.100.2:2"),
-                    line(3, "garden", "publish", 1, 5000, "198.51.100.3:3")]
+                    line(3, "garden", "publish", 1, 5000, "198.51.100.3:3"),
+                    line(4, "cam1", "play", 20000 * second, 1, "198.51.100.4:4")]
         server = self.keep(ListingServer(lines(1)))
         self.open(self.keep(Serve(control_socket=server.path)))
-        for second in range(2, 17):
+        expected = ["Stream garden: the publisher has sent nothing for", "1 player is stalled", "stalled for",
+                    "1 player is behind its stream", "s behind"]
+        for second in range(2, 60):
             server.write(lines(second))
             time.sleep(1)
-        self.wait_for_text("Stream garden: the publisher has sent nothing for", "1 player is stalled", "stalled for")
+            text = self.text()
+            if all(part in text for part in expected):
+                break
+        else:
+            self.fail(text)
         self.pictures("notes")
+
+    def test_it_shows_players_near_the_timestamp_limit(self):
+        server = self.keep(ListingServer([line(0, "cam1", "publish", 1, 1), line(1, "cam1", "play", 1, 1),
+                                          line(2, "cam1", "play", 1, 1)]))
+        self.open(self.keep(Serve(control_socket=server.path)))
+        # What serve sends for players of this age is tested elsewhere.
+        self.browser.run("""const fetch_real = window.fetch; window.fetch = async (...arguments_) => {
+                                const data = await (await fetch_real(...arguments_)).json();
+                                [[1, 16717], [2, 16800]].forEach(([id, age]) => Object.assign(
+                                    data.connections.find(c => c.id === id), { age_seconds: age, near_limit: true }));
+                                return new Response(JSON.stringify(data)); }""")
+        self.wait_for_text("2 players are about to break: timestamps exceed 24 bits 4 h 39 min after joining",
+                           "timestamp limit in 1 min", "timestamp limit passed")
 
     def test_a_stopped_server_and_a_stopped_serve_are_reported(self):
         server = start_server()

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <nlohmann/json.hpp>
+#include <vector>
 
 #include "tests/tools/observed_clients.h"
 #include "tools/v9_rtmp_ctl/serve/status_page.h"
@@ -57,6 +58,26 @@ TEST_F(status_test, has_streams_and_connections_with_their_rates_and_ages) {
     EXPECT_EQ(status["connections"][1]["age_seconds"], 6);
     EXPECT_EQ(status["connections"][1]["stalled"], false);
     EXPECT_EQ(status["connections"][2]["stream"], nullptr);
+}
+
+TEST_F(status_test, marks_players_that_are_stalled_behind_or_near_the_timestamp_limit) {
+    constexpr std::uint64_t AGE_S = 15578;  // just over 20 minutes before timestamps pass 24 bits
+    look(1, {observed_publisher(0, "cam1", 1000), observed_player(1, "cam1", 1000)});
+    for (std::uint64_t s = AGE_S - 40; s <= AGE_S + 1; ++s) {
+        look(s, {observed_publisher(0, "cam1", 1000 * s), observed_player(1, "cam1", 1000 * s),
+                 observed_player(2, "cam1", 300 * s), observed_player(3, "cam1", 1000 * (AGE_S - 30))});
+    }
+    const json connections = document()["connections"];
+    ASSERT_EQ(connections.size(), 4U);
+    const auto marks = [](const json& connection) {
+        return std::vector<bool>{connection["stalled"], connection["behind"], connection["near_limit"]};
+    };
+    EXPECT_EQ(marks(connections[1]), (std::vector<bool>{false, false, true}));
+    EXPECT_EQ(marks(connections[2]), (std::vector<bool>{false, true, false}));
+    EXPECT_TRUE(marks(connections[3])[0]);
+    EXPECT_EQ(connections[1]["age_seconds"], AGE_S);
+    EXPECT_GE(connections[2]["behind_seconds"], 20);
+    EXPECT_EQ(connections[1]["behind_seconds"], 0);
 }
 
 TEST_F(status_test, reports_why_the_server_does_not_answer) {
