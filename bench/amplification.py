@@ -123,7 +123,7 @@ class Stage:
 
 
 def first_byte(_stage):
-    """One byte of the greeting."""
+    """One byte of the handshake."""
     client = Client()
     client.send(b"\x03")
     client.socket.settimeout(0.5)
@@ -135,7 +135,7 @@ def first_byte(_stage):
 
 
 def handshake(_stage):
-    """The whole greeting."""
+    """The whole handshake."""
     client = Client().shake_hands()
     client.sent -= 16
     return client, {}

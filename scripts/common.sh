@@ -22,8 +22,8 @@ fail() {
     exit 1
 }
 
-# build_ahead PRESET...: builds in the background with the processor time that nothing else wants. stop_building_ahead
-# before the foreground builds the same preset: it finishes what is left, and shows the errors.
+# build_ahead PRESET...: builds in the background with otherwise idle processor time. Call stop_building_ahead before a
+# foreground build of the same preset, which finishes the rest and shows the errors.
 ahead_pid=
 build_ahead() {
     setsid chrt --idle 0 scripts/build "$@" >/dev/null 2>&1 &

@@ -58,8 +58,8 @@ def compare_player(directory, name, published, counts):
 
 def report(directory, counts):
     """Prints the table. Returns true if nothing was lost, changed or undecodable; otherwise prints a line for each
-    problem. Only the first packets count, so many of each kind: the end of the stream may be lost on the way to the
-    server."""
+    problem. Only the first packets count, counts[kind] of each kind, because the end of the stream may be lost on the
+    way to the server."""
     published = read_packets(os.path.join(directory, "published.flv"))
     problems = check_published(published, counts)
     firsts = [published[kind][0].dts_ms if published[kind] else "-" for kind in KINDS]

@@ -92,7 +92,7 @@ class Demo:
 
     def start_server(self):
         self.server = Server(self.processes, SERVER)
-        say(f"The server runs: process {self.processes.by_name['server'].pid}, it logs to {self.server.log}")
+        say(f"The server is running as process {self.processes.by_name['server'].pid} and logs to {self.server.log}")
 
     def start_publisher(self, name, output_format, target, *options):
         """A clock, a frame counter, and a tone that beeps every second."""
@@ -233,7 +233,7 @@ def print_urls(namespaces):
     if namespaces != "all":
         addresses = subprocess.run(["hostname", "-I"], capture_output=True, text=True, check=False).stdout.split()
         host = addresses[0] if addresses else host
-    remark = "" if host == "127.0.0.1" else f" On this machine {host} may as well be 127.0.0.1."
+    remark = "" if host == "127.0.0.1" else f" On this machine, 127.0.0.1 works as well as {host}."
     print(f"""
     The stream 'demo' runs until Ctrl-C.{remark}
 
@@ -270,8 +270,8 @@ def run(arguments):
             demo.start_server()
             demo.run_stream()
             if not demo.check_stream():
-                return fail("not everything arrived as it was published", "The lines below the table say what.",
-                            f"Recordings and logs: {OUT_DIR}")
+                return fail("not everything arrived as it was published",
+                            "The lines below the table say what is wrong.", f"Recordings and logs: {OUT_DIR}")
             say("Everything arrived")
             if not arguments.once:
                 demo.start_endless_stream(arguments.namespaces)

@@ -110,8 +110,8 @@ PLAYERS = (
     Player("rtmp2src", "gstreamer1.0-plugins-bad", "GStreamer rtmp2src", play_gstreamer("rtmp2src"),
            environment={"GST_DEBUG": "rtmp2src:5", "GST_DEBUG_NO_COLOR": "1"},
            cannot=CannotWork(
-               "it takes only messages with the message stream id that it was given itself; the server relays audio "
-               "and video with the publisher's",
+               "it accepts only messages with its own message stream id; the server relays audio and video with the "
+               "publisher's",
                client_says="Ignoring video message with stream|Ignoring audio message with stream")),
     Player("rtmpdump", "rtmpdump", "rtmpdump", play_rtmpdump()),
     Player("rtmpdump-live", "rtmpdump", "rtmpdump --live", play_rtmpdump("--live"), cannot=NO_FCSUBSCRIBE),

@@ -1,8 +1,8 @@
 """Runs publishers against players through the real server.
 
 All players play one publisher's stream at once, each twice: from before the stream begins, and joining late. A pair
-works if every player has every packet after its first one, unchanged and in order, with even timestamps that begin near
-0, and if every frame from the first key frame on can be decoded.
+works if every player has every packet after its first one, unchanged and in order, with accurate timestamps that begin
+near 0, and if every frame from the first key frame on can be decoded.
 """
 
 import os
@@ -136,7 +136,7 @@ class Session:
         """Checks the length: a short stream would make every comparison worthless."""
         video, least = published.counts["video"], LEAST_PUBLISHED * self.seconds * FRAMES_PER_S
         if "video" not in self.publisher.leaves_out and video < least:
-            raise RunError(f"{self.publisher.name} has published {video} frames, not {least:.0f} at least: "
+            raise RunError(f"{self.publisher.name} has published {video} frames; at least {least:.0f} are required: "
                               f"{tail_of(self.processes.log('publisher'))}")
 
     def packets_before_long_timestamps(self, published):
@@ -211,7 +211,7 @@ def run_refusals(directory, program, refusals, film):
             else:
                 refused.append(refusal.name)
             processes.end(refusal.name, signal.SIGKILL, 5)
-            # It may have left a connection that does not belong to the next one.
+            # It may have left a connection, which must not be counted for the next refusal.
             server.says("Dropping connection", server.count("Accepted connection"), 5)
         problem = server.stop()
         if problem:

@@ -33,7 +33,8 @@ def read_recording(path, pictures_only=False):
 
 
 def picture_digests(path):
-    """Of each video packet without its parameter sets, delimiters and supplements (NAL unit types 6 to 9)."""
+    """Returns the digest of each video packet without its parameter sets, delimiters and supplements (NAL unit types 6
+    to 9)."""
     listing = recordings.run_tool(
         ["ffmpeg", "-nostdin", "-v", "error", "-i", path, "-map", "0:v", "-c", "copy", "-copyinkf", "-copypriorss", "1",
          "-copyts", "-avoid_negative_ts", "disabled", "-bsf:v", "h264_mp4toannexb,filter_units=remove_types=6-9",
@@ -150,9 +151,9 @@ def judge(outcome, published, evidence):
         outcome.verdict = DEFECT if outcome.problems else WORKS
         return
     if any(outcome.received.values()):
-        outcome.problems = [f"{outcome.name}: received media, although it is said that it cannot"]
+        outcome.problems = [f"{outcome.name}: received media, although it is listed as unable to"]
     elif evidence:
-        outcome.problems = [f"{outcome.name}: received nothing, but not for the reason known: {evidence}"]
+        outcome.problems = [f"{outcome.name}: received nothing, but not for the known reason: {evidence}"]
     outcome.verdict = DEFECT if outcome.problems else CANNOT
 
 

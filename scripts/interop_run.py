@@ -57,7 +57,7 @@ def parse_arguments():
     if arguments.seconds < LEAST_S:
         parser.error(f"--seconds must be at least {LEAST_S}, or no player could join late")
     if arguments.update_page and (arguments.publisher or arguments.player or arguments.refusal):
-        parser.error("--update-page takes the whole matrix")
+        parser.error("--update-page requires the whole matrix")
     return arguments
 
 
@@ -76,9 +76,9 @@ def run(arguments, directory):
     for problem in wrong:
         print(f"    WRONG: {problem}")
     verdicts = collections.Counter(outcome.verdict for outcome in outcomes)
-    say(f"{verdicts[WORKS]} runs work, {verdicts[ENDS]} end where known, {verdicts[CANNOT]} cannot for a reason known, "
-        f"{verdicts[DEFECT]} defects; {len(refused)} refused as known; {len(wrong)} lines about what is wrong; "
-        f"{time.monotonic() - begin:.0f} s")
+    say(f"{verdicts[WORKS]} runs work, {verdicts[ENDS]} end where expected, "
+        f"{verdicts[CANNOT]} cannot for a known reason, {verdicts[DEFECT]} defects; "
+        f"{len(refused)} refused as expected; {len(wrong)} problems; {time.monotonic() - begin:.0f} s")
     return not wrong
 
 

@@ -12,7 +12,7 @@ RECORD_AGAIN = ("-c:v", "libx264", "-preset", "ultrafast")
 
 
 def with_options(name, *options, cannot=None):
-    """Returns an ffmpeg command with these options in place of the first ones for the recording."""
+    """Returns an ffmpeg player with these additional options for the recording, which override earlier ones."""
     plain = clients.play_ffmpeg()
 
     def command(url, recording):
@@ -28,7 +28,7 @@ def with_url(name, change, cannot=None):
 
 
 UNKNOWN_COMMAND = clients.NO_FCSUBSCRIBE
-NEVER_SAID = clients.CannotWork("nobody knows", client_says="never said")
+NEVER_SAID = clients.CannotWork("unknown", client_says="never said")
 
 # (player, verdict, part of what is reported)
 PLAYERS = (
@@ -38,9 +38,9 @@ PLAYERS = (
     (with_options("loses_frames", "-bsf:v", "noise=drop=eq(n\\,20)"), DEFECT, "1 frames are missing"),
     (with_options("changes_frames", *RECORD_AGAIN), DEFECT, "are corrupt or out of order"),
     (with_options("moves_sound", "-bsf:a", "setts=ts=TS+1000"), DEFECT, "not near 0"),
-    (with_options("works_after_all", cannot=NEVER_SAID), DEFECT, "although it is said that it cannot"),
+    (with_options("works_after_all", cannot=NEVER_SAID), DEFECT, "although it is listed as unable to"),
     (with_url("fails_for_another_reason", lambda url: url + "_2", cannot=NEVER_SAID), DEFECT,
-     "not for the reason known"),
+     "not for the known reason"),
     (clients.Player("refused", "ffmpeg", "refused", clients.play_ffmpeg("-rtmp_live", "live"), cannot=UNKNOWN_COMMAND),
      CANNOT, None),
 )
@@ -77,9 +77,9 @@ def run(directory, program):
     outcomes, refused, reported = run_matrix(directory, program, publishers, players, (REFUSED, ACCEPTED), LEAST_S)
     wrong = check_outcomes(outcomes)
     if refused != ["refused"]:
-        wrong.append(f"believed to be refused: {refused}, not the first one alone")
+        wrong.append(f"counted as refused: {refused}, instead of only 'refused'")
     if not any(line.startswith("accepted: ") for line in reported):
-        wrong.append("the refusal that is none was not reported")
+        wrong.append("the client that the server accepts was not reported")
     for line in wrong:
         print(f"    WRONG: {line}")
     say("The matrix finds what does not work" if not wrong else "The matrix misses something")

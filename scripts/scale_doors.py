@@ -1,4 +1,4 @@
-"""What scripts/scale-test tries at the doors: RTMPS, IPv6, limits, addresses, health, and a browser."""
+"""What scripts/scale-test checks from the clients' side: RTMPS, IPv6, limits, addresses, health, and a browser."""
 
 import functools
 import http.server
@@ -21,7 +21,7 @@ LIVE, STUDIO = "live.example", "studio.example"
 
 
 def give_certificates(machine):
-    """One for each name, signed by itself."""
+    """One self-signed certificate for each name."""
     machine.do("mkdir", "-p", "/etc/v9-rtmp/tls")
     for name in (LIVE, STUDIO):
         pem = machine.path(f"/etc/v9-rtmp/tls/{name}.pem")
@@ -34,7 +34,7 @@ def give_certificates(machine):
 
 
 def frames_of(url, frames=25):
-    """How many video frames ffmpeg gets of so many wanted."""
+    """Returns how many of the requested video frames ffmpeg receives."""
     done = subprocess.run(["timeout", "40", "ffmpeg", "-nostdin", "-loglevel", "error", "-i", url, "-map", "0:v", "-c", "copy",
                            "-frames:v", str(frames), "-progress", "-", "-f", "null", "-"], capture_output=True, text=True,
                           check=False)
@@ -48,7 +48,7 @@ def connections(machine):
 
 
 def would_drop(machine, address):
-    """The tool ends with 1 when there is no such client."""
+    """The tool exits with 1 if there is no such client."""
     command = machine.command(machine.lab.tool, "--plain", "drop", "address", address, "--dry-run")
     return len(subprocess.run(command, capture_output=True, text=True, check=False).stdout.splitlines())
 
@@ -137,7 +137,7 @@ def health(run):
 
 
 class Files(http.server.SimpleHTTPRequestHandler):
-    """Stands for a web server of files."""
+    """Stands in for a static web server."""
 
     def log_message(self, *_):
         pass
@@ -145,7 +145,7 @@ class Files(http.server.SimpleHTTPRequestHandler):
 
 def browser(run):
     say("A browser")
-    from browser import Browser  # Needs nothing of the rest.  pylint: disable=import-outside-toplevel,import-error
+    from browser import Browser  # Only this step needs it.  pylint: disable=import-outside-toplevel,import-error
     directory = os.path.join(run.lab.processes.directory, "hls")
     os.makedirs(directory)
     with open(os.path.join(directory, "player.html"), "w", encoding="utf-8") as file:
@@ -163,7 +163,7 @@ def browser(run):
         run.wait("the playlist", lambda: os.path.exists(os.path.join(directory, "index.m3u8")), 30)
         chromium.open("http://127.0.0.1:8080/player.html")
         run.wait("the first picture", lambda: chromium.run(look)["frames"] > 0, 60)
-        # After it has gone to the newest segments.
+        # After it has jumped to the newest segments.
         run.wait("it plays", lambda: chromium.run(look)["frames"] > 40, 30)
         first, begin = chromium.run(look), time.monotonic()
         time.sleep(5 if run.players < 100 else 20)

@@ -43,7 +43,7 @@ def set_up_bridge():
     for i in range(1, CLIENT_ADDRESSES + 1):
         run("ip", "address", "add", f"{CLIENT_NET}.{i}/24", "dev", BRIDGE)
     run("ip", "link", "set", BRIDGE, "up")
-    # A client gives up an address that does not answer after 3 s.
+    # A client gives up after 3 s on an address that does not answer.
     with open("/proc/sys/net/ipv4/tcp_syn_retries", "w", encoding="ascii") as file:
         file.write("1")
 
@@ -94,7 +94,7 @@ class Machine:
         return self.lab.processes.runs(f"{self.name}.{what}")
 
     def cpu_s(self, what):
-        """Of the program and the children that it has waited for, or that run."""
+        """Returns the CPU time of the program and of its children, both running and reaped."""
         pid = self.lab.processes.by_name[f"{self.name}.{what}"].pid
         total = 0
         for other in [pid, *children_of(pid)]:
@@ -103,7 +103,7 @@ class Machine:
         return total / os.sysconf("SC_CLK_TCK")
 
     def sent_bytes(self):
-        """By eth0."""
+        """Returns the bytes sent by eth0."""
         line = next(line for line in text_of(f"/proc/{self.holder.pid}/net/dev").splitlines() if line.strip().startswith("eth0:"))
         return int(line.split(":")[1].split()[8])
 
@@ -167,7 +167,7 @@ class Machine:
         return reply.decode()
 
     def states(self):
-        """What HAProxy has to say of the edges: name to state and sessions."""
+        """What HAProxy reports about the edges: name to state and sessions."""
         rows = [line.split(",") for line in self.haproxy_says("show stat").splitlines() if line]
         names = rows[0]
         return {row[1]: (row[names.index("status")], int(row[names.index("scur")]))

@@ -1,11 +1,11 @@
 #!/usr/bin/python3
-"""Writes what scripts/scale-test has measured into docs/scaling.md, carries it to more players on paper, and draws it.
+"""Writes what scripts/scale-test has measured into docs/scaling.md, extrapolates it to more players, and plots it.
 
 usage: scale_report.py SCALE.JSON [--update-page]
        scale_report.py --check-page
 
-Without --update-page only the plot is drawn, beside SCALE.JSON, and the tables are printed. --check-page ends with 1 if the
-page says something else than bench/results/scale.json.
+Without --update-page only the plot is drawn, beside SCALE.JSON, and the tables are printed. --check-page exits with 1
+if the page differs from bench/results/scale.json.
 """
 
 import json
@@ -19,10 +19,10 @@ ROOT = pathlib.Path(__file__).resolve().parents[1]
 PAGE = ROOT / "docs/scaling.md"
 RESULTS = ROOT / "bench/results"
 BEGIN, END = "<!-- measured: begin -->", "<!-- measured: end -->"
-# Players, or servers below, of one server: of 128 slots, 8 are for the source, checks and operators.
+# Players or downstream servers per server: of 128 slots, 8 are for the source, checks and operators.
 FAN_OUT = 120
 STREAM_MBIT = 0.5
-# What a machine may send, half of what a port of 10 Gbit/s can.
+# A machine's limit for sending: half of what a port of 10 Gbit/s can send.
 MACHINE_MBIT = 5000
 
 
@@ -40,7 +40,7 @@ def levels_for(players):
 
 
 class Arithmetic:
-    """What one level, one player and one Mbit/s cost, out of a run."""
+    """What one level, one player and one Mbit/s cost, derived from a run."""
 
     def __init__(self, figures):
         self.first_ms = figures["level0"]["late_ms"]["p50"]
@@ -48,13 +48,13 @@ class Arithmetic:
         crowd = figures["steady"]
         self.players_per_edge = crowd["players"] / figures["setup"]["edges"]
         self.edge_percent = figures["cpu_percent_of_a_core"]["edge_server"] + figures["cpu_percent_of_a_core"]["edge_forward"]
-        # Of a full edge, by the rate of the stream: here, and as scripts/bench has measured it.
+        # The load of a full edge for each stream rate: from this run, and as measured by scripts/bench.
         bench = json.loads((RESULTS / "results.json").read_text(encoding="utf-8"))["builds"]["this"]["players_120x4"]
         self.full_edge_percent = {
             STREAM_MBIT: self.edge_percent * FAN_OUT / self.players_per_edge,
             4: statistics.median(report["server"]["cpu_percent"] for report in bench)
             + figures["cpu_percent_of_a_core"]["edge_forward"]}
-        # With headers, the acknowledgements of TCP left out.
+        # Includes headers but not TCP acknowledgements.
         self.player_mbit = figures["network_mbit"]["edge"] / self.players_per_edge
         self.haproxy_percent_per_mbit = figures["cpu_percent_of_a_core"]["haproxy"] / figures["network_mbit"]["haproxy"]
 
@@ -80,7 +80,7 @@ def seconds(value):
 
 
 def killed_table(figures):
-    rows = [["what was done", "seen after", "players that lost their connection", "all play again after", "without media: median, most"]]
+    rows = [["what was done", "seen after", "players that lost their connection", "all play again after", "without media: median, maximum"]]
     names = {"edge_killed": "an edge's server killed", "edge_cut": "an edge's machine cut off",
              "origin_killed": "the origin's server killed", "origin_cut": "the origin's machine cut off",
              "haproxy_killed": "the active HAProxy killed"}
@@ -93,7 +93,7 @@ def killed_table(figures):
 
 
 def steady_table(figures):
-    rows = [["level", "late: median, 99 %, most"]]
+    rows = [["level", "late: median, 99 %, maximum"]]
     names = ["at the origin", "at the first edge", "at an edge of that edge"]
     for level, text in enumerate(names):
         late = figures[f"level{level}"]["late_ms"]
@@ -123,7 +123,7 @@ def measured(figures):
         f"`scripts/scale-test`: {figures['setup']['edges']} edges, {steady['players']} players, one stream of 500 kbit/s.",
         steady_table(figures), cost_table(figures), killed_table(figures),
         f"- **Sessions of the edges** {', '.join(map(str, steady['sessions_of_edges']))}; {steady['frames']:,} frames arrived, "
-        f"{steady['missing']} were missing. All players played {figures['start']['all_play_after_s']:.1f} s after the start.\n"
+        f"{steady['missing']} were missing. All players were playing {figures['start']['all_play_after_s']:.1f} s after the start.\n"
         f"- **Drained**: {drain['sessions_of_old']} players stayed on the old server, {drain['sessions_of_new']} new ones went to "
         f"the new one, {drain['established_lost']} were lost. At the age limit of {drain['age_limit_s']} s the rest were "
         f"dropped and played again after {drain['rest_back_after_s']:.1f} s. When all had left, v9-rtmp-drain ended "

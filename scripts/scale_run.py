@@ -20,7 +20,7 @@ BALANCER, ORIGIN = "192.0.2.20", "192.0.2.30"
 BACK_LIMIT_S = 5
 # A forwarder exits if nothing arrives for 15 s, and is restarted after 2 s.
 CUT_LIMIT_S = 28
-# Of an edge that was not busy when its forwarder started.
+# For an edge that was not busy when its forwarder started.
 EDGE_LATE_LIMIT_MS = 1200
 
 
@@ -56,7 +56,7 @@ class Run:
         for balancer in self.balancers:
             scale_doors.give_certificates(balancer)
             balancer.start_haproxy()
-        # The first ones begin: with nopreempt, whichever is first stays.
+        # The first machines start first: with nopreempt, the one that starts first keeps the address.
         self.origins[0].start_keepalived("keepalived-origin.conf", 100)
         self.balancers[0].start_keepalived("keepalived-haproxy.conf", 100)
         self.wait("the first machines have the shared addresses", lambda: self.origins[0].has_address(ORIGIN)
