@@ -40,23 +40,23 @@ def members(*pairs):
 
 
 def nest(levels):
-    """Objects in objects. Their ends may be missing."""
+    """Returns nested objects. Their ends are omitted, which is allowed."""
     return b"\x03" + b"\0\0\x03" * (levels - 1)
 
 
 def message(stream, kind, payload, stream_id=0):
-    """With a whole header, in one chunk."""
+    """Returns a message with a whole header, in one chunk."""
     return (bytes([stream]) + b"\0\0\0" + struct.pack(">I", len(payload))[1:] + bytes([kind])
             + struct.pack("<I", stream_id) + payload)
 
 
 def again(stream, payload):
-    """The same header once more, in one byte."""
+    """Returns a message that repeats the last header, in one byte."""
     return bytes([0xC0 | stream]) + payload
 
 
 def connect(extra=b""):
-    """Any further members stand before the end of the object; the decoder needs no end."""
+    """extra replaces the object that names the application. Its end may be missing: the decoder needs none."""
     return text(b"connect") + number(1) + (members((b"app", text(b"ombrex-live"))) if not extra else extra)
 
 
@@ -89,7 +89,7 @@ class Client:
         return self
 
     def wait(self):
-        """Until everything sent so far has been handled: a last command is answered. It is not counted."""
+        """Waits until everything sent so far has been handled, by the reply to one more command. Neither is counted."""
         sent, self.barriers = self.sent, self.barriers + 1
         mark = struct.pack(">d", 1e6 + self.barriers)
         self.send(message(BARRIER_STREAM, COMMAND, text(b"FCPublish") + b"\0" + mark + b"\x05"))
@@ -100,7 +100,7 @@ class Client:
                 raise ConnectionError("the server closed the connection")
             self.received += len(part)
             window = window[-16:] + part
-        # The answer, with its header.
+        # The reply, with its header.
         self.received -= 12 + 3 + len("_result") + 9 + 1
 
 

@@ -23,7 +23,7 @@ def value_of(figure):
 
 
 def table(figures, judged=True):
-    """For a terminal."""
+    """Returns the table as text for a terminal."""
     verdicts = {True: "ok", False: "MISSED"} if judged else {True: "", False: ""}
     cells = [(figure.name, value_of(figure), f"at most {figure.limit:g}", verdicts[figure.holds]) for figure in figures]
     widths = [max((len(cell[i]) for cell in cells), default=0) for i in range(3)]
@@ -86,7 +86,7 @@ def points(results, prefix, suffix, value):
 
 
 def plain_ticks(axis, values):
-    """Numbers as people write them on a logarithmic axis."""
+    """Labels a logarithmic axis with plain numbers."""
     axis.set_ticks(values, [f"{value:g}" for value in values])
     axis.set_ticks([], minor=True)
 
@@ -103,7 +103,7 @@ def draw_cost(document, axes):
 
 
 def theoretical_density(ms):
-    """The distribution of the sum of two uniform delays: the main loop's poll and the writer's."""
+    """Returns the density of the sum of two uniform delays: the main loop's poll and the writer's."""
     ramp_up, ramp_down = ms / MAIN_POLL_MS, (MAIN_POLL_MS + WRITER_POLL_MS - ms) / MAIN_POLL_MS
     return max(0.0, min(1.0, ramp_up, ramp_down)) / WRITER_POLL_MS
 

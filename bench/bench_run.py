@@ -77,14 +77,14 @@ class Run:
         self.spent = 0.0
 
     def plan(self):
-        """The round, case and build of each measurement, in order."""
+        """Returns the round, case and build of each measurement, in order."""
         def wanted(case):
             return not self.options.only or any(case.name.startswith(name) for name in self.options.only)
 
         def with_builds(number, case):
             if case.stands_in:
                 return [(number, case, None)]
-            # In turns: the first of this round is the last of the next.
+            # The order alternates: the first build of this round is the last of the next.
             names = list(self.builds)[::1 if number % 2 else -1]
             return [(number, case, name) for name in names]
 
@@ -169,7 +169,7 @@ class Run:
 
 
 def judge(run):
-    """Returns whether the run is valid; prints what is wrong with it."""
+    """Returns whether the run is valid; prints the reasons if it is not."""
     valid = True
     floor = run.results().cost("floor_120x4")
     if floor is not None:

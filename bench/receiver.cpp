@@ -113,7 +113,7 @@ void Receiver::run() {
     }
 }
 
-// A client in neither map has gone since the event.
+// A client in neither map has left since the event.
 void Receiver::serve(Id id) {
     if (const auto player = players.find(id); player != players.end()) {
         serve_player(id, player->second);

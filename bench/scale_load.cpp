@@ -1,14 +1,14 @@
-// Publishers and players of scripts/scale-test, which connect, leave and reconnect by commands on
+// Runs the publishers and players of scripts/scale-test, which connect and leave by commands on
 // standard input:
 //
 //   publish NAME STREAM HOST PORT SKIP        a publisher of the film that omits every SKIP-th frame
 //   play NAME STREAM HOST PORT COUNT ADDRESS  COUNT players, ten for each address, beginning with ADDRESS
-//   leave NAME                                ends those of that name
+//   leave NAME                                ends those with that name
 //   tally NAME                                prints what the players have received since the last time
 //
-// SKIP 0 omits none, ADDRESS - is any.
+// With SKIP 0 no frame is omitted. ADDRESS - stands for any address.
 //
-// Events are printed on standard output, one line of JSON each. It ends when its standard input ends.
+// Events go to standard output, one line of JSON each. The program ends when its standard input ends.
 #include <algorithm>
 #include <cstdio>
 #include <iostream>
@@ -22,7 +22,7 @@
 namespace {
 
 constexpr std::size_t PLAYERS_PER_ADDRESS = 10;
-// Players do not come back all at the same moment.
+// Not all players reconnect at the same moment.
 constexpr Milliseconds PAUSE{300};
 constexpr Milliseconds PAUSE_STEP{7};
 constexpr std::size_t PAUSES = 64;
@@ -40,7 +40,7 @@ class Crowds {
     Crowds(const Crowds&) = delete;
     Crowds& operator=(const Crowds&) = delete;
 
-    // False if the line is no command.
+    // False if the line is not a command.
     bool obey(const std::string& line) {
         std::istringstream words(line);
         std::string command;

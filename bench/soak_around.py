@@ -1,13 +1,13 @@
 #!/usr/bin/python3
-"""What runs around a server for years, beside the load of a soak: watchdog, serve, a Prometheus that scrapes it and a
-browser on its page. soak_load starts it and ends it with SIGTERM.
+"""Runs what accompanies a server for years, beside the load of a soak: watchdog, serve, a Prometheus that scrapes serve
+and a browser on its page. soak_load starts it and ends it with SIGTERM.
 
 usage: soak_around.py DIR [--short]
 
-V9_CTL_PATH is the tool. Once a second DIR/around.csv gets a line with what watchdog and serve hold. Meanwhile clients
-that the watchdog must drop come one after the other: one without a stream, and a player that stops reading. At the end
-DIR/around.json says which clients were dropped and what Prometheus and the browser saw. --short is for a run of seconds:
-the limits are shorter, and no player is tried, since its sockets take the media of half a minute first.
+V9_CTL_PATH is the tool. Once a second DIR/around.csv gets a line with the resources of watchdog and serve. Meanwhile
+clients that the watchdog must drop join one after the other: one without a stream, and a player that stops reading. At
+the end DIR/around.json says which clients were dropped and what Prometheus and the browser saw. --short is for a run of
+seconds: the limits are shorter, and no player is tried, since its sockets take the media of half a minute first.
 """
 import json
 import os
@@ -27,7 +27,7 @@ from programs import SOCKET, Process, Prometheus, Serve, play, program, wait_for
 STREAM = "load_0"
 READING_TIME_S = 3
 BETWEEN_CLIENTS_S = 20
-# Sockets fill in half a minute, then 30 s pass.
+# Sockets fill in half a minute, and the client is dropped 30 s later.
 DROP_WAIT_S = 150
 PAGE_SIZE = """gc(); return [document.getElementsByTagName('*').length, performance.memory.usedJSHeapSize]"""
 stopped = threading.Event()
@@ -97,7 +97,7 @@ class Offenders(threading.Thread):
 
 
 def sample(file, begin, programs, before):
-    """Adds a line about each program; before holds its CPU time at the last call."""
+    """Adds a line with the values of all programs; before holds their CPU times at the last call."""
     values = [f"{time.monotonic() - begin:.1f}"]
     for process in programs:
         now, cpu = time.monotonic(), process.cpu_s()

@@ -1,6 +1,6 @@
-// Decodes one value and dumps what there is, also of one that was refused. Instead of being printed, the text
-// is checked: whole lines, each starting with the indentation unless a string brought its own line end, and
-// never more than the limit.
+// Decodes one value and dumps what was decoded, even if the value was refused. Instead of being printed, the
+// text is checked: whole lines, each starting with the indentation unless a string brought its own line end,
+// and never more than the limit.
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -19,7 +19,7 @@ bool was_cut = false;
 
 }  // namespace
 
-// Refusals are the rule here, and are not worth a line each.
+// Refusals are common here, so they are not printed.
 void diag(const char*, ...) {}
 bool refuse(const char*, ...) {
     return false;

@@ -6,7 +6,7 @@
 #include "base/check.h"
 #include "base/diag.h"
 
-// Refusals are the rule here, and are not worth a line each.
+// Refusals are common here, so they are not printed.
 void diag(const char*, ...) {}
 bool refuse(const char*, ...) {
     return false;

@@ -9,7 +9,7 @@
 #include "base/check.h"
 #include "base/diag.h"
 
-// Refusals are the rule here, and are not worth a line each.
+// Refusals are common here, so they are not printed.
 void diag(const char*, ...) {}
 bool refuse(const char*, ...) {
     return false;
@@ -17,7 +17,7 @@ bool refuse(const char*, ...) {
 
 namespace {
 
-// Empty when the value cannot be encoded in so much room.
+// Empty if the value cannot be encoded in this much room.
 std::vector<unsigned char> encode(const AMF_Value& v, std::size_t room) {
     std::vector<unsigned char> bytes(room);
     unsigned char* d = bytes.data();
@@ -35,7 +35,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (!AMF_ReadValueChecked(decoded, s, data + size)) {
         return 0;
     }
-    // At most, every byte was an object without an end marker.
+    // In the worst case, every byte was an object without an end marker.
     const std::vector<unsigned char> bytes = encode(decoded, 4 * size);
     if (bytes.empty()) {
         return 0;

@@ -1,7 +1,7 @@
-// What a client sends after a good handshake, through the reader thread's own loop on one end of a socket
-// pair. A reader of the target's own says which messages these bytes are, where they are refused, and which
-// acknowledgements and echoes they are answered with. The main thread takes messages only when the reader
-// waits for it.
+// Passes what a client sends after a valid handshake through the reader thread's own loop, on one end of a
+// socket pair. An independent reader determines which messages these bytes contain and where they are
+// refused. The target computes from this which acknowledgements and echoes must answer them. The main thread
+// takes messages only when the reader waits for it.
 //
 //   input: options | the client's bytes
 #include <sys/socket.h>
@@ -38,8 +38,8 @@ constexpr unsigned OPTION_DUMP = 8;
 
 std::size_t piece_bytes = 0;
 RTMPConnection* connection = nullptr;
-std::vector<ParsedMessage> taken;     // what the main thread has had
-std::vector<ParsedMessage> answered;  // what the writer thread has had
+std::vector<ParsedMessage> taken;     // what the main thread has taken
+std::vector<ParsedMessage> answered;  // what the writer thread has taken
 
 ParsedMessage plain(const RTMP_Packet& pkt) {
     const RTMP_Packet::chunk_t& chunk = pkt.chunk;
@@ -47,7 +47,7 @@ ParsedMessage plain(const RTMP_Packet& pkt) {
             std::string(reinterpret_cast<const char*>(chunk.message.data), chunk.message.data_length)};
 }
 
-// The main thread and the writer thread, each taking everything. The lock must be free.
+// Does what the main thread and the writer thread do: takes everything. The lock must be free.
 void take_messages(std::size_t at_least) {
     const ConnectionLock lock(*connection);
     CHECK(connection->connection_in.size() >= at_least);
@@ -64,7 +64,7 @@ void take_messages(std::size_t at_least) {
     connection->connection_out.clear();
 }
 
-// The acknowledgements that are due, by the client's own account.
+// Computes independently which acknowledgements are due.
 struct Acknowledgements {
     bool at_once;
     std::uint32_t window;
@@ -128,13 +128,13 @@ std::size_t check_messages(std::string_view bytes) {
         left = parser.bytes_left();
     }
     CHECK(messages == taken.size());
-    // A chunk size that came with a message that was refused for another reason is not echoed.
+    // The chunk size of a refused message is not echoed.
     CHECK(answers == answered.size());
     return bytes.size() - parser.bytes_left();
 }
 
 const std::string& handshake_bytes() {
-    // C1 is anything; C2 echoes an S1 of this target's own random numbers.
+    // C1 may hold any bytes; C2 echoes an S1 made of this target's own random numbers.
     static const std::string bytes = "\x03" + std::string(BLOCK_BYTES, 'c') + std::string(8, '\0') +
                                      std::string(BLOCK_BYTES - 8, SERVER_RANDOM);
     return bytes;
@@ -151,12 +151,12 @@ extern "C" int rand() noexcept {
 }
 
 extern "C" ssize_t __wrap_recv(int fd, void* buffer, std::size_t c, int flags) {
-    // The handshake is not what is tested here.
+    // The handshake is not tested here.
     const bool shaken = connection->conn_g_server.bytes_total >= HANDSHAKE_BYTES;
     return __real_recv(fd, buffer, shaken ? std::min(c, piece_bytes) : c, flags);
 }
 
-// The reader waits: the main thread has been too slow.
+// The reader waits because the main thread has been too slow.
 extern "C" int __wrap_usleep(useconds_t /*us*/) {
     take_messages(MAX_WAITING_MESSAGES);
     return 0;

@@ -1,5 +1,5 @@
-// Messages through the real chunk writer into a socket that takes a few bytes at a time. A reader of the
-// target's own must find the same messages in what was sent, and so must the server's reader.
+// Sends messages through the real chunk writer into a socket that takes a few bytes at a time. An independent
+// reader must find the same messages in what was sent, and so must the server's reader.
 //
 //   input: options | for each message: what, layout | chunk stream | timestamp | length | type
 //          | message stream
@@ -42,16 +42,16 @@ constexpr unsigned OPTION_FAIL = 8;
 enum What : std::uint8_t { ORDINARY, LONG, CHUNK_SIZE, EMPTY, WHATS };
 
 constexpr std::uint32_t OWN_PAYLOAD = 0;
-// For which chunk size the payload is laid out to be shared.
+// The chunk sizes for which shared payloads are laid out.
 constexpr std::array<std::uint32_t, 12> LAYOUTS{OWN_PAYLOAD, 1,   2,   127, 128,  129,
                                                 255,         256, 299, 300, 4096, LARGEST_CHUNK_SIZE};
 
 std::size_t piece_bytes = ALL;
-std::size_t room = ALL;  // the client goes away after so many bytes
+std::size_t room = ALL;  // the client disconnects after this many bytes
 std::string sent;
 std::string_view unread;
 
-// Differs from its neighbours and from message to message.
+// Returns bytes that differ from their neighbours and from message to message.
 std::string payload_of(std::size_t length, std::size_t message) {
     static const std::string pattern = [] {
         std::string bytes(LONG_BYTES + MAX_MESSAGES, '\0');
@@ -84,7 +84,7 @@ QueuedMessage next_message(InputBytes& input, std::size_t number) {
     const std::uint8_t what = choice % WHATS;
     QueuedMessage queued;
     ParsedMessage& message = queued.message;
-    // All ids from 2 to 65599, but for a few in the middle.
+    // All ids from 2 to 65599, except a few in the middle.
     const std::uint32_t stream = input.u16();
     message.chunk_stream_id = stream + (stream < 0xF000 ? 2 : 64);
     message.timestamp = input.u32();
@@ -132,8 +132,8 @@ OutgoingPacket outgoing_packet_of(const QueuedMessage& queued) {
     return outgoing;
 }
 
-// One thread plays all three, so no lock is needed.
-// Runs the writer thread's loop until everything is sent or the client is gone.
+// One thread plays all roles, so no lock is needed. Runs the writer thread's loop until everything is sent or
+// the client is gone.
 void write_all(RTMPConnection& conn) {
     while (!conn.connection_out.empty()) {
         if (!conn.rtmp_send_packet()) {
@@ -161,7 +161,7 @@ void check_by_parser(const std::vector<QueuedMessage>& queued_messages) {
     CHECK(parser.next(parsed) == Parsed::END);
 }
 
-// The server's reader has the same opinion as the target's, up to the number of chunk streams that it admits.
+// The server's reader agrees with the independent one, up to the number of chunk streams that it accepts.
 void check_by_reader() {
     RTMPConnection conn(READER_FD, 1, {});
     unread = sent;

@@ -1,5 +1,5 @@
-// Requests with any bytes that a client may send. The bytes arrive in pieces; every whole frame is decoded,
-// printed and encoded again, and must come out as the same bytes.
+// Reads any bytes as a client's requests. The bytes arrive in pieces; every whole frame is decoded, printed
+// and encoded again, which must give the same bytes.
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>

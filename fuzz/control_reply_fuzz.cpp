@@ -1,5 +1,5 @@
-// A client whose server is broken or hostile: the bytes are the server's whole answer to request 1, the real
-// client reads them from a socket, and whatever it accepts must be readable to the end.
+// Tests a client whose server is broken or hostile: the bytes are the server's whole answer to request 1, the
+// real client reads them from a socket, and every reply that it accepts must be readable to the end.
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -25,7 +25,7 @@ void require(bool holds) {
     }
 }
 
-// A file per process, because clients take a path.
+// Each process has its own socket file, because clients take a path.
 struct Listener {
     Listener() {
         path = "/tmp/control_reply_fuzz." + std::to_string(getpid());

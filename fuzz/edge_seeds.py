@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""Writes the seeds that stand at a limit or go through a rule, below fuzz/corpus/. What clients really send is recorded
-by record_session.py; this is what they hardly ever send, and a fuzzer hardly ever finds."""
+"""Writes the seeds that test a limit or a rule, below fuzz/corpus/. record_session.py records what clients really send;
+these are inputs that clients hardly ever send and a fuzzer hardly ever finds."""
 import pathlib
 
 CORPUS = pathlib.Path(__file__).resolve().parent / "corpus"
@@ -97,7 +97,7 @@ def round_trip_seeds():
     write("chunk_round_trip", "empty", b"\0" + record(3, 3, 0, 0, 8, 1) + record(0, 3, 0, 5, 8, 1))
 
 
-# --- sessions: the actions of session_fuzz.cpp, by their place in its list
+# --- sessions: the actions of session_fuzz.cpp, by their position in its list
 
 (CONNECT, CONNECT_COMMAND, CREATE_STREAM, PUBLISH, PLAY, MEDIA, METADATA, CHUNK_SIZE, WINDOW, COMMAND, PAYLOAD, RAW,
  CLOSE, TIME, READING, LIST, DROP_ID, DROP_NAME, CONTROL, REFUSE_THREADS, CROWD) = range(21)
@@ -115,7 +115,7 @@ def media(client, what, step=STEP_23):
 
 
 def wait(client, tenths):
-    # One step of time has the square of its number, in hundredths of a second.
+    # The action's number is the square root of the time in hundredths of a second.
     return bytes([TIME, client, round((tenths * 10) ** 0.5)])
 
 

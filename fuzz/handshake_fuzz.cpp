@@ -1,5 +1,5 @@
-// The handshake with a client that sends anything, in pieces of any size, and takes only so many bytes: what
-// is answered, what is refused and what is said about it must follow from the bytes.
+// Performs the handshake with a client that sends any bytes, in pieces of any size, and reads only a limited
+// number. The answer, the refusal and the printed line must follow from the bytes.
 //
 //   input: how the bytes are cut | how many are taken | the client's bytes
 #include <sys/socket.h>
@@ -35,7 +35,7 @@ std::array<unsigned char, ANSWER_BYTES> answer;
 std::size_t answered = 0;
 std::size_t answer_room = 0;
 
-// S1 as the first connection of every process gets it, so that a recorded handshake is a good one.
+// S1 as the first connection of every process gets it, so that a recorded handshake is valid.
 struct ServerRandom {
     ServerRandom() {
         for (int& number : numbers) {
@@ -56,7 +56,7 @@ bool is_echo(std::string_view c2) {
     return c2.substr(0, 4) == s1().substr(0, 4) && c2.substr(8) == s1().substr(8);
 }
 
-// The line that gives the reason of a failed handshake; empty if it must succeed.
+// The line that gives the reason for a failed handshake; empty if it must succeed.
 std::string_view expected_failure(std::string_view bytes) {
     if (bytes.empty() || bytes[0] != 3) {
         return "C0 fail\n";
@@ -121,7 +121,7 @@ extern "C" ssize_t __wrap_send(int fd, const void* buffer, std::size_t c, int fl
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     InputBytes input(data, size);
     piece_bytes = PIECE_BYTES[input.u8() % PIECE_BYTES.size()];
-    // Mostly all of them.
+    // Usually the client reads the whole answer.
     const std::uint16_t room = input.u16();
     answer_room = room >= ANSWER_BYTES ? ANSWER_BYTES : room;
     const std::string_view bytes = input.take_all();

@@ -3,9 +3,9 @@
 
     unshare -nm fuzz/record_session.py [SERVER]
 
-SERVER is build/release/v9_rtmp_server unless given. Everything runs in private namespaces, which the call above makes:
+SERVER is build/release/v9_rtmp_server by default. Everything runs in private namespaces, which the call above makes:
 the script puts a tmpfs on /run and brings the loopback interface up. It needs root, ffmpeg and a built server.
-The recording has nothing random in it but timing, so making it again changes little.
+Only the timing varies between recordings, so recording again changes little.
 """
 import math
 import pathlib
@@ -23,7 +23,7 @@ URL = f"rtmp://127.0.0.1:{PROXY_PORT}/ombrex-live/cam1"
 HANDSHAKE_BYTES = 3073
 KEPT_BYTES = 8000  # of each client; what follows is more of the same
 
-# The actions of session_fuzz.cpp, by their place in its list.
+# The actions of session_fuzz.cpp, by their position in its list.
 CONNECT, RAW, TIME = 0, 11, 13
 
 COMMAND_START = b"\2\0\7connect\0\x3f\xf0\0\0\0\0\0\0"
@@ -78,7 +78,7 @@ def ffmpeg(*arguments):
 def wait_for_server():
     for _ in range(100):
         try:
-            # Says nothing, so the first real client is still the first to be given random numbers.
+            # Sends nothing, so the first real client is still the first to be given random numbers.
             socket.create_connection(("127.0.0.1", SERVER_PORT)).close()
             return
         except OSError:
@@ -110,7 +110,7 @@ def record(server):
 
 
 def messages(data, chunk_size=128):
-    """The messages of a chunk stream as (bytes, type, payload); one that is cut short at the end is left out."""
+    """Yields the messages of a chunk stream as (bytes, type, payload), without one that is cut short at the end."""
     streams = {}
     at = 0
     while at < len(data):
@@ -118,7 +118,7 @@ def messages(data, chunk_size=128):
         fmt, stream_id = data[at] >> 6, data[at] & 63
         at += 1
         if stream_id < 2:
-            sys.exit("record_session.py: long chunk stream ids are not expected of ffmpeg")
+            sys.exit("record_session.py: long chunk stream ids are not expected from ffmpeg")
         stream = streams.setdefault(stream_id, {"length": 0, "type": 0})
         header = data[at:at + (11, 7, 3, 0)[fmt]]
         at += len(header)
@@ -151,7 +151,7 @@ def whole_messages(data):
 
 
 def session(recordings):
-    """The clients' bytes after their handshakes, in the order and about at the times in which they came."""
+    """Returns the clients' bytes after their handshakes, in the order and at about the times at which they arrived."""
     events = []
     for client, recording in enumerate(recordings):
         passed = 0
@@ -189,12 +189,12 @@ def main():
     for recording in recordings:
         data = recording.bytes()
         after = data[HANDSHAKE_BYTES:]
-        # Random numbers of the server are the same in every run, but each connection gets other ones.
+        # The server's random numbers are the same in every run, but each connection gets different ones.
         write("handshake", recording.name, b"\x00\xff\xff" + data[:HANDSHAKE_BYTES])
         write("chunk_reader", recording.name, b"\x00" + whole_messages(after))
         for number, (_, kind, payload) in enumerate(m for m in messages(after) if m[1] in (18, 20)):
             write("amf_read", f"{recording.name}_{number}", payload)
-            # Their one object, alone: that is what is dumped, and sent on.
+            # Only the object in each of them, because that is what is dumped and forwarded.
             for name, before in (("connect", COMMAND_START), ("metadata", METADATA_START)):
                 if payload.startswith(before):
                     for target in ("amf_round_trip", "amf_dump"):

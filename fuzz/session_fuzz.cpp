@@ -1,8 +1,8 @@
-// Whole sessions: a list of what clients and operators do, against the real server from the accepted socket
-// to the sent chunk, in one thread and on a clock of its own. After every pass of the main loop the table,
-// the registry and the queues must fit together.
+// Plays whole sessions: a list of what clients and operators do, against the real server from the accepted
+// socket to the sent chunk, in one thread and on a clock of its own. After every pass of the main loop the
+// table, the registry and the queues must be consistent.
 //
-//   input: options | actions: what and when | whose | arguments
+//   input: options | actions: what and when | which client | arguments
 #include <comm_socket_v4.h>
 
 #include <algorithm>
@@ -50,11 +50,11 @@ constexpr unsigned OPTION_NO_DEFAULT_ACKNOWLEDGEMENT = 1;
 constexpr unsigned OPTION_DUMP = 2;
 constexpr unsigned OPTION_STOP_AT_PRINTS = 4;
 
-// How a client connects: without saying a word, and without the one before it having to go.
+// How a client connects: it sends nothing, or the previous one stays open.
 constexpr unsigned NO_HANDSHAKE = 7;
 constexpr unsigned STAYS_OPEN = 8;
 
-// Bit 7 of an action: the main loop does not get to run before the next one.
+// Bit 7 of an action: the main loop does not run before the next one.
 constexpr unsigned AT_ONCE = 0x80;
 
 enum class Action : std::uint8_t {
@@ -272,17 +272,17 @@ void ask_anything(InputBytes& input) {
 
 // --- what must hold
 
-// What the passes before this one have shown of a connection.
+// What the previous passes have shown about a connection.
 struct Watched {
     int fd = -1;
     bool close_requested = false;
     std::size_t waiting_in = 0;
     std::size_t waiting_out = 0;
     bool publisher_in_force = false;
-    // Of a publisher: its media never went back, nor so far that sums wrap.
+    // For a publisher: its timestamps never went back and stayed small enough that sums do not wrap.
     std::uint32_t newest_timestamp = 0;
     bool steady = true;
-    // Of a player: what it was sent last, and by whom.
+    // For a player: its publisher, and the last timestamp it was sent.
     int publisher_fd = -1;
     std::uint32_t last_output = 0;
 };
@@ -307,7 +307,7 @@ void check_queues(RTMPConnection& conn) {
 void check_counters(const RTMPConnection& conn) {
     const FakeClient* const client = fake_system::find_client(conn.fd);
     CHECK(client != nullptr && client->accepted && !client->closed_by_server);
-    // What a thread is in the middle of is counted when it is complete.
+    // A transfer that a thread has not completed is not counted yet.
     CHECK(conn.conn_g_server.bytes_total <= client->read_by_server);
     CHECK(conn.conn_g_client.bytes_total <= client->received.size());
 }
@@ -340,7 +340,7 @@ void check_connection(RTMPConnection& conn, std::size_t slot) {
     CHECK(conn.stream_mode.empty() || conn.stream_mode == "play" || conn.stream_mode == "publish");
     CHECK(conn.stream_mode.empty() == conn.stream_name.empty() || conn.stream_name.empty());
     if (!conn.stream_mode.empty()) {
-        // Who was refused has been dropped in the same pass.
+        // A client that was refused has been dropped in the same pass.
         CHECK(!conn.app_name.empty());
         CHECK(is_valid_stream_name(conn.stream_name));
     }
@@ -366,7 +366,7 @@ void check_takeover(const RTMPConnection& conn, const Watched& watch) {
     }
 }
 
-// Media that has come in since the last look.
+// Notes the media that has arrived since the last call.
 void note_input(RTMPConnection& conn, Watched& watch) {
     for (std::size_t i = watch.waiting_in; i < conn.connection_in.size(); ++i) {
         const RTMP_Packet& pkt = conn.connection_in[i];
@@ -401,7 +401,7 @@ void watch_before_pass() {
     }
 }
 
-// A player's media never goes back while its publisher's does not.
+// A player's timestamps never go back as long as its publisher's do not.
 void check_output(RTMPConnection& conn, Watched& watch) {
     if (conn.stream_mode != "play" || publisher_fd_of(conn.stream_name) != watch.publisher_fd ||
         watch.publisher_fd == -1) {
@@ -426,7 +426,7 @@ void check_after_pass() {
         }
         check_connection(*conn, i);
         if (conn->fd == watch.fd) {
-            CHECK(!watch.close_requested);  // Asked for before the pass, done in the pass.
+            CHECK(!watch.close_requested);  // Requested before the pass, so done in it.
             check_output(*conn, watch);
             check_takeover(*conn, watch);
         }
@@ -456,7 +456,7 @@ void pass_time(std::uint64_t us) {
     run_pass();
 }
 
-// --- the whole
+// --- whole sessions
 
 void close_client(Client& client, unsigned how) {
     if (how % 2 == 0) {
@@ -524,7 +524,7 @@ void act_for_client(Action action, Client& client, InputBytes& input) {
             break;
         }
         case Action::CROWD:
-            // The shortest message there is, again and again, on a chunk stream of its own.
+            // The shortest possible message, repeated on its own chunk stream.
             client.socket->send_to_server(std::string(std::size_t{input.u8()} * 8, '\xC5'));
             break;
         default:
@@ -538,7 +538,7 @@ bool act_for_all(Action action, Client& client, InputBytes& input) {
         case Action::CONNECT: {
             const unsigned how = input.u8();
             if (client.socket != nullptr && (how & STAYS_OPEN) == 0) {
-                client.socket->end_sending();  // The one before is left behind.
+                client.socket->end_sending();  // The previous client stops sending and is not used again.
             }
             connect_client(client, how % 8 != NO_HANDSHAKE);
             return true;
@@ -587,7 +587,7 @@ void run_action(InputBytes& input, std::size_t& clients_ever) {
     }
 }
 
-// Everything that the server has sent must be whole messages, up to where it stopped.
+// Everything that the server has sent must consist of whole messages, up to the place where it stopped.
 void check_received(const FakeClient& client) {
     if (client.received.size() < HANDSHAKE_BYTES) {
         return;
@@ -629,7 +629,7 @@ void start_up(unsigned options) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
-    // Unknown requests of the operator are dumped there.
+    // The operator's unknown requests are dumped there.
     stderr = std::fopen("/dev/null", "w");
     return 0;
 }

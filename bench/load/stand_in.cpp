@@ -101,7 +101,7 @@ void send_floor(const LoadOptions& load, int listener, int report_fd) {
         }
     }
     (void)!write(report_fd, &counts, sizeof counts);
-    // Its times are read while it is alive.
+    // Its CPU time is read while it is alive.
     pause();
 }
 

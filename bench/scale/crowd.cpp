@@ -8,13 +8,13 @@
 
 namespace {
 
-// A player gives up a connection on which nothing comes, as those of real players do.
+// A player gives up a connection on which nothing arrives for this time, as real players do.
 constexpr Milliseconds SILENCE{5000};
 constexpr Milliseconds LOOK{200};
 constexpr Milliseconds PUBLISHER_PAUSE{500};
 constexpr std::uint32_t CHUNK_BYTES = 4096;
 constexpr std::uint64_t PLAYING_WITHIN_US = 1000000;
-// Players are not asked to name what they missed over a change of publishers.
+// A gap of this size or more comes from a change of publishers and is not counted as missing.
 constexpr std::uint32_t LARGEST_GAP = 1000;
 
 }  // namespace

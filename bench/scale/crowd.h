@@ -19,7 +19,7 @@
 // Prints a line of JSON on standard output. Any thread may call it.
 void print_line(const nlohmann::json& object);
 
-// Prints one line: the time in seconds by CLOCK_MONOTONIC, who, what happened, and more of it.
+// Prints one line: the time in seconds by CLOCK_MONOTONIC, who, what happened, and details.
 void print_event(const std::string& who, const std::string& what,
                  nlohmann::json more = nlohmann::json::object());
 
@@ -51,7 +51,7 @@ class Repeater {
 };
 
 // Sends the film in real time, from its beginning whenever it has connected. Every skip_frame-th frame is
-// numbered but not sent: a proof that players notice; 0 for none.
+// numbered but not sent, to prove that players notice; 0 for none.
 class FilmPublisher : public Repeater {
   public:
     FilmPublisher(const std::string& name, std::string stream, const ClientOptions& options,
@@ -85,9 +85,9 @@ class FilmPlayer : public Repeater {
                const SentFrames& sent_frames, Milliseconds pause_between);
     ~FilmPlayer() override { stop(); }
 
-    // Whether a frame has come within the last second.
+    // Whether a frame has arrived within the last second.
     bool is_playing() const;
-    // What it has received since the last call.
+    // Returns what it has received since the last call.
     CrowdTally take_tally();
 
   private:

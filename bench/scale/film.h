@@ -28,11 +28,11 @@ struct Film {
     std::uint32_t length_ms = 0;
 };
 
-// Whether the payload is a frame; decoder settings and the end of a sequence are none.
+// Whether the payload is a frame; decoder settings and the end of a sequence are not.
 bool is_frame(std::string_view payload);
 
 struct SentFrame {
-    std::uint32_t sequence;  // among those of its type
+    std::uint32_t sequence;  // among the frames of its type
     std::uint64_t sent_us;
 };
 
@@ -40,7 +40,7 @@ struct SentFrame {
 class SentFrames {
   public:
     void note(std::string_view payload, SentFrame frame);
-    // When the frame was sent last; nothing if it never was.
+    // Returns when the frame was sent last. Empty if it never was.
     std::optional<SentFrame> find(std::string_view payload) const;
 
   private:

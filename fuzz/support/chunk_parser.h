@@ -1,4 +1,4 @@
-// A reader of chunk streams of its own, for comparison: it takes the bytes at once, from memory, and shares
+// An independent reader of chunk streams, for comparison: it takes all bytes at once, from memory, and shares
 // no code with the server.
 #pragma once
 
@@ -32,7 +32,7 @@ class ChunkParser {
     // With max_streams chunk streams in use, the next chunk is refused.
     ChunkParser(std::string_view stream, std::size_t max_streams) : rest(stream), stream_limit(max_streams) {}
 
-    // The next message. One that sets the chunk size has taken effect when it is returned.
+    // Reads the next message. One that sets the chunk size has taken effect when it is returned.
     Parsed next(ParsedMessage& message);
 
     [[nodiscard]] std::size_t bytes_left() const { return rest.size(); }
@@ -47,7 +47,7 @@ class ChunkParser {
     };
 
     bool take(std::size_t c, std::string_view& bytes);
-    // The format in fmt and the chunk stream in id.
+    // Puts the format into fmt and the chunk stream into id.
     Parsed basic_header(unsigned& fmt, std::uint32_t& id);
     Parsed message_header(unsigned fmt, Stream& stream);
     Parsed payload(std::uint32_t length, std::string& bytes);

@@ -44,15 +44,15 @@ struct FakeThread {
 
     Fiber fiber;
     WaitingFor waiting_for = WaitingFor::A_TURN;
-    unsigned round = 0;                  // of A_TURN: in which it has had its turn
-    const FakeClient* client = nullptr;  // of INPUT and ROOM
-    std::uint64_t wake_us = 0;           // of TIME
+    unsigned round = 0;                  // for A_TURN: the round in which it last ran
+    const FakeClient* client = nullptr;  // for INPUT and ROOM
+    std::uint64_t wake_us = 0;           // for TIME
     bool joined = false;
 };
 
 struct System {
     std::vector<std::unique_ptr<FakeClient>> clients;
-    std::vector<std::unique_ptr<FakeThread>> threads;  // all that ever were, by their handles
+    std::vector<std::unique_ptr<FakeThread>> threads;  // all since restart(), at handle - FIRST_THREAD
     std::vector<FakeThread*> unjoined_threads;
     FakeThread* running_thread = nullptr;  // while a fiber runs: its thread
     unsigned round = 0;                    // calls of run_threads()
@@ -114,7 +114,7 @@ FakeClient& open_client(int fd) {
     return *client;
 }
 
-// Room for at least one byte, or false when the client is gone.
+// Waits for room for at least one byte. False if the client is gone.
 bool wait_for_room(FakeClient& client) {
     while (client.room == 0 && !client.is_reset) {
         wait_for(WaitingFor::ROOM, &client, 0);

@@ -1,10 +1,10 @@
-// What the system gives the server, in memory: a listener with waiting clients, sockets, threads that take
-// turns (fiber.h), sleep, the clock and random numbers. Link with --wrap for accept4, setsockopt, recv, send,
-// sendmsg, close, usleep, pthread_create, pthread_cancel and pthread_join.
+// What the system provides to the server, in memory: a listener with waiting clients, sockets, threads that
+// take turns (fiber.h), sleep, the clock and random numbers. Link with --wrap for accept4, setsockopt, recv,
+// send, sendmsg, close, usleep, pthread_create, pthread_cancel and pthread_join.
 //
-// What the server must never do fails here: use or close a socket that is closed, close one under a running
-// thread, wait while holding its connection's lock, wait after cancellation, join a thread that was not
-// asked to end, or leave a thread running.
+// The target fails if the server does what it must never do: use or close a socket that is closed, close one
+// whose threads are not joined, wait while holding its connection's lock, wait after cancellation, join a
+// thread that was not asked to end, or leave a thread running.
 #pragma once
 
 #include <cstddef>
@@ -28,7 +28,7 @@ class FakeClient {
     void send_to_server(std::string_view bytes);
     void end_sending() { sending_ended = true; }
     void reset() { is_reset = true; }
-    // Reads so many bytes more before it stops reading; EVERYTHING: never stops.
+    // Reads this many more bytes, then stops reading; EVERYTHING: never stops.
     void read_at_most(std::size_t bytes) { room = bytes; }
 
     // --- the server, by its calls
@@ -36,7 +36,7 @@ class FakeClient {
     bool accepted = false;
     bool closed_by_server = false;
     std::string sent = {};           // by the client
-    std::size_t read_by_server = 0;  // bytes of it
+    std::size_t read_by_server = 0;  // how many of these bytes
     std::string received = {};       // sent by the server
     std::size_t room = EVERYTHING;   // bytes that the server can send before it has to wait
     bool sending_ended = false;
@@ -45,26 +45,26 @@ class FakeClient {
 
 namespace fake_system {
 
-// As after a start: no clients. Every thread must have ended, every socket must be closed.
+// Restores the initial state, without clients. Every thread must have ended, and every socket must be closed.
 void restart();
 
-// A new client, which waits to be accepted. Stays until restart().
+// Creates a client, which waits to be accepted. It exists until restart().
 FakeClient& connect_client();
 
 // The client that will be accepted next; null if none waits.
 FakeClient* waiting_client();
 
-// By the server's descriptor; null: none.
+// Returns the client with this server descriptor, or null.
 FakeClient* find_client(int fd);
 
-// Lets every thread run until all wait for something that is not there yet.
+// Lets the threads run until each of them waits for something that has not happened yet.
 void run_threads();
 
-// Whether a thread that prints stops there until run_threads() is called again, and may be
+// Sets whether a thread that prints stops there until run_threads() is called again, and may be
 // cancelled there.
 void stop_at_prints(bool stop);
 
-// The next count threads cannot be created.
+// Makes the creation of the next count threads fail.
 void refuse_threads(unsigned count);
 
 }  // namespace fake_system

@@ -61,7 +61,7 @@ void Fiber::run_current() {
     self.leave(nullptr);
 }
 
-// own_fake_stack null: for ever.
+// If own_fake_stack is null, the fiber never continues.
 void Fiber::leave(void** own_fake_stack) {
     __sanitizer_start_switch_fiber(own_fake_stack, resumer_stack, resumer_stack_bytes);
     swapcontext(&context, &resumer);
@@ -102,7 +102,7 @@ void Fiber::cancel() {
 
 void Fiber::wait() {
     CHECK(current == this);
-    CHECK(!is_cancelled);  // What is left behind by a cancelled thread must not wait.
+    CHECK(!is_cancelled);  // Code that runs while a cancelled thread unwinds must not wait.
     leave(&fake_stack);
     __sanitizer_finish_switch_fiber(fake_stack, &resumer_stack, &resumer_stack_bytes);
     if (is_cancelled) {

@@ -1,5 +1,5 @@
 // Threads that take turns on one real thread: each runs until it waits, and continues when it is resumed. So
-// the effect of a fuzz target on the server's threads depends only on its input.
+// the order in which the server's threads run depends only on the input of the fuzz target.
 #pragma once
 
 #include <ucontext.h>
@@ -14,13 +14,13 @@ class Fiber {
     Fiber(Entry entry_function, void* entry_argument);
     Fiber(const Fiber&) = delete;
     Fiber& operator=(const Fiber&) = delete;
-    // Requires that it has finished or never begun.
+    // Requires that it has finished or has never begun.
     ~Fiber();
 
     // Returns the running fiber; null if there is none.
     static Fiber* running();
 
-    // Runs it until it waits or returns. Not from within a fiber.
+    // Runs it until it waits or returns. Must not be called within a fiber.
     void resume();
 
     // Makes it leave its wait by an exception, as a cancelled thread does, so that it returns now.

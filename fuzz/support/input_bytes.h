@@ -1,4 +1,4 @@
-// An input taken apart from its front. What is no longer there reads as zero.
+// Reads an input from its beginning. Numbers past the end read as zero.
 #pragma once
 
 #include <algorithm>

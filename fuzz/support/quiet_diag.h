@@ -1,12 +1,12 @@
-// The server's diagnostics, linked in place of the real ones: every line is formatted, as an argument that
-// does not fit its format is a finding, and only the last one is kept.
+// The server's diagnostics, linked in place of the real ones: every line is formatted, so that an argument
+// that does not match its format is found, and only the last line is kept.
 #pragma once
 
 #include <string_view>
 
-// What was printed last, cut to its first bytes; empty before anything was.
+// Returns the first bytes of the last line; empty if none was printed.
 std::string_view last_diagnostic();
 void forget_diagnostics();
 
-// Called before each line is printed, unless null. At the real print a thread may be cancelled.
+// Called before each line is printed, unless null. A thread may be cancelled at the real print.
 extern void (*before_diagnostic)();

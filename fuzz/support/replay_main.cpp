@@ -1,5 +1,5 @@
 // Runs a fuzz target over files and over all files in folders, for builds without libFuzzer. A folder that
-// does not exist is empty, but there must be something to run.
+// does not exist is empty, but there must be at least one file to run.
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -16,10 +16,10 @@ namespace {
 
 void run_file(const std::filesystem::path& path) {
     std::printf("%s\n", path.c_str());
-    std::fflush(stdout);  // The name of the one that fails must be seen.
+    std::fflush(stdout);  // The name of the failing one must be visible.
     std::ifstream file(path, std::ios::binary);
     const std::vector<char> bytes{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-    // A block of exactly its size, so that reading beyond it is noticed.
+    // A block of exactly the file's size, so that reading beyond it is noticed.
     const std::unique_ptr<std::uint8_t[]> exact(new std::uint8_t[bytes.size()]);
     std::copy(bytes.begin(), bytes.end(), exact.get());
     LLVMFuzzerTestOneInput(exact.get(), bytes.size());

@@ -35,7 +35,7 @@ AMF_Value command_object() {
     return v;
 }
 
-// A string that prints, with its type line and with quotes, as exactly so many bytes.
+// A string whose dump, including type line and quotes, has exactly this many bytes.
 AMF_Value string_that_prints_as(std::size_t bytes) {
     constexpr std::string_view AROUND = "AMF var LongString\n  Value: ''\n";
     AMF_Value v;
@@ -43,7 +43,7 @@ AMF_Value string_that_prints_as(std::size_t bytes) {
     return v;
 }
 
-// How many bytes each single write to standard error had.
+// Returns the size of each single write to standard error.
 std::vector<std::size_t> sizes_of_writes(const AMF_Value& v) {
     int ends[2];
     EXPECT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET, 0, ends), 0);

@@ -1,5 +1,5 @@
-// What happens when memory runs out at any one allocation. The allocator of this executable counts what is
-// live and fails on command.
+// What happens when memory runs out at any one allocation. The allocator of this executable counts live
+// allocations and fails on command.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -46,7 +46,7 @@ void operator delete(void* memory, std::size_t) noexcept {
 namespace {
 
 // {'a long key, beyond the small string': 'a long string, …', 'e': ECMA {'n': {'m': 1}, 'o': null}, …}, of
-// which one key comes twice.
+// which one key occurs twice.
 constexpr unsigned char SAMPLE[] =
     "\x03"
     "\x00\x20"
@@ -85,7 +85,7 @@ AMF_Value sample() {
 }
 
 // Runs body with the first, second, … allocation failing until none fails any more. Expects std::bad_alloc
-// each time, and that afterwards as much is live as before. Returns how often it failed.
+// each time, and as many live allocations afterwards as before. Returns how often it failed.
 template <typename Body>
 long fail_every_allocation_of(const Body& body) {
     for (long allowed = 0;; ++allowed) {

@@ -29,7 +29,7 @@ struct Decoded {
     std::string printed;
 };
 
-// Decodes with the last byte before an unreadable page.
+// Decodes the bytes, which end at an unreadable page.
 Decoded decode(const Bytes& bytes) {
     GuardedBytes guarded(bytes);
     Decoded result;
@@ -97,7 +97,7 @@ void expect_refused(const Bytes& bytes, std::string_view printed = "") {
     EXPECT_TRUE(result.value.elements.empty());
 }
 
-// The values of an example on the page, one after another. Expects nothing else in it.
+// Decodes the values of an example on the page, one after another. Expects nothing else in it.
 std::vector<AMF_Value> decode_example(const std::string& name) {
     const std::string text = example_bytes(name);
     GuardedBytes bytes(Bytes(text.begin(), text.end()));
@@ -584,7 +584,7 @@ TEST(amf_read_ecma_array, reads_a_bare_body_into_a_value_without_clearing_it) {
 }
 
 TEST(amf_read, survives_truncation_at_every_byte) {
-    // A value may end behind a piece only where the end of the data closes every object that is open.
+    // A value may end after a piece only where the end of the data closes every object that is open.
     const struct {
         Bytes bytes;
         bool complete_behind;

@@ -14,7 +14,7 @@ namespace {
 
 using testing::ElementsAre;
 
-// Initialised while the objects of static lifetime are; the order among files is up to the linker.
+// Initialized together with the objects of static lifetime; the linker chooses the order of the files.
 const AMF_Type LOOKED_UP_BEFORE_MAIN = AMF_Value().find_member("app").type;
 const AMF_Value COPIED_BEFORE_MAIN = AMF_UndefinedValue;
 

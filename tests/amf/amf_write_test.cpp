@@ -23,8 +23,8 @@ using testing::ElementsAre;
 
 constexpr std::size_t ENOUGH = 2 * 1024 * 1024;
 
-// Encodes with room bytes before an unwritable page. Expects an unmoved cursor from a refusal, and returns
-// the bytes that were written, none when refused.
+// Encodes with room bytes before an unwritable page. Expects that a refusal does not move the cursor. Returns
+// the bytes that were written; none if refused.
 Bytes encode(const AMF_Value& v, std::size_t room = 4096) {
     GuardedBytes buffer(room);
     unsigned char* d = buffer.begin();
@@ -35,7 +35,7 @@ Bytes encode(const AMF_Value& v, std::size_t room = 4096) {
     return {buffer.begin(), d};
 }
 
-// Expects that v fits into exactly as many bytes as it takes, and into none less.
+// Expects that v fits into exactly as many bytes as it takes, and not into fewer.
 void expect_refused_in_less_room(const AMF_Value& v) {
     const Bytes whole = encode(v, ENOUGH);
     ASSERT_FALSE(whole.empty());
@@ -63,7 +63,7 @@ AMF_Value text(std::string_view s) {
     return v;
 }
 
-// Expects that the values, one after another, are the example of the page.
+// Expects that the values, one after another, are encoded as the example on the page.
 void expect_encoded(const std::vector<AMF_Value>& values, const std::string& example) {
     std::string bytes;
     for (const AMF_Value& v : values) {

@@ -42,7 +42,7 @@ inline AMF_Value nested_object(std::size_t levels) {
     return root;
 }
 
-// How many objects stand below v, each under the empty key.
+// Returns how many objects are nested in v, each under the empty key.
 inline std::size_t nested_levels(const AMF_Value& v) {
     std::size_t levels = 0;
     for (const AMF_Value* inner = &v; !inner->members.empty(); inner = &inner->members.begin()->second) {
@@ -69,22 +69,22 @@ inline Bytes wide_object_bytes(std::size_t members, bool ascending) {
     return bytes;
 }
 
-// What is not linear takes minutes. ThreadSanitizer makes everything here some ten times slower.
+// Code that is not linear takes minutes. ThreadSanitizer makes everything here about ten times slower.
 #if defined(__SANITIZE_THREAD__)
 constexpr std::chrono::seconds TIME_LIMIT(15);
 #else
 constexpr std::chrono::seconds TIME_LIMIT(3);
 #endif
 
-// CPU time, not time on the wall: a busy machine must not fail a test.
+// CPU time, not wall-clock time: a busy machine must not fail a test.
 inline std::chrono::nanoseconds cpu_time() {
     timespec now{};
     clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &now);
     return std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
 }
 
-// Runs the body with a stack of 256 KiB and fails the test if it takes longer than the limit. Some twenty
-// thousand levels of the smallest possible recursion do not fit such a stack.
+// Runs the body with a stack of 256 KiB and fails the test if it takes longer than the limit. About twenty
+// thousand levels of the smallest possible recursion do not fit on such a stack.
 inline void on_small_stack_in_time(const std::function<void()>& body) {
     const auto start = cpu_time();
     pthread_attr_t attributes;

@@ -32,7 +32,7 @@ inline Bytes set_metadata(const Bytes& metadata) {
     return amf_string("@setDataFrame") + amf_string("onMetaData") + metadata;
 }
 
-// An object that cannot be sent to players for its size.
+// An object that cannot be sent to players because of its size.
 inline const std::string LARGE_TEXT(100000, 'x');
 inline Bytes too_large(AmfMembers members) {
     members.emplace_back("text", amf_long_string(LARGE_TEXT));
@@ -52,7 +52,7 @@ class AppFixture : public ConnectionFixture {
         receive(conn, make_packet(MESSAGE_AUDIO, timestamp, payload, 4, message_stream_id));
     }
 
-    // One pass over the connection; returns what it printed.
+    // Makes one pass over the connection and returns what it printed.
     std::string idle(RTMPConnection& conn) {
         return printed_by([&] { conn.idle(); });
     }

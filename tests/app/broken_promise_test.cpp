@@ -1,4 +1,4 @@
-// What guards the main thread against the system and against its own parts: each of them breaks a
+// How the main thread is guarded against failures of the system and of its own parts, each of which breaks a
 // promise here.
 #include <cerrno>
 #include <functional>
@@ -85,7 +85,7 @@ TEST_F(main_thread_promise_death_test, of_an_unlock_ends_the_process_when_a_play
     EXPECT_EXIT(publisher.idle(), testing::KilledBySignal(SIGABRT),
                 assertion_line("forward_metadata_to_players", "p->connection_io_unlock()"));
 
-    // The saved header that a late player gets first.
+    // The same for the saved header that a late player gets first.
     wrapped_calls.failing_unlock = nullptr;
     relay_audio(AAC_HEADER);
     RTMPConnection& late_player = add_player();

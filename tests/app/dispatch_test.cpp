@@ -12,7 +12,7 @@ constexpr std::size_t MESSAGES_PER_PASS = 1000;
 
 class dispatch_test : public AppFixture {
   protected:
-    // The reader (or writer) thread comes to its end, as after a disconnect.
+    // Ends the reader (or writer) thread, as after a disconnect.
     static void end_reader(RTMPConnection& conn) {
         EXPECT_EQ(pthread_cancel(conn.thread), 0);
         conn.thread_died = true;

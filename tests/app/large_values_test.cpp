@@ -1,4 +1,4 @@
-// What decoding a large message took goes back to the system although no client leaves.
+// Memory used to decode a large message is returned to the system even if no client leaves.
 #include "core/heap.h"
 #include "tests/app/app_fixture.h"
 #include "tests/support/wrapped_calls.h"
@@ -10,20 +10,20 @@ constexpr std::uint64_t TEN_SECONDS_US = 10000000;
 class large_values_test : public AppFixture {
   protected:
     large_values_test() {
-        // What other tests have left.
+        // Discards what other tests have left.
         (void)trims_after(TEN_SECONDS_US);
         wrapped_calls = {};
     }
     ~large_values_test() override { wrapped_calls = {}; }
 
-    // How often free memory was given back so far, once so much more time has passed.
+    // Advances the clock by this time and returns how often free memory has been returned so far.
     static std::size_t trims_after(std::uint64_t us) {
         fake_clock_us += us;
         give_back_free_memory();
         return wrapped_calls.malloc_trims.size();
     }
 
-    // Nothing behind the last value is read.
+    // Nothing after the last value is read.
     static Bytes padded(Bytes payload, std::size_t bytes) {
         payload.resize(bytes, '\0');
         return payload;

@@ -304,7 +304,7 @@ TEST_F(metadata_test, of_more_than_65536_bytes_is_recorded_but_reaches_no_player
     EXPECT_FALSE(publisher.close_requested);
 }
 
-// 100 KB cannot be sent to any player; otherwise they are handled like any metadata.
+// Metadata of 100 KB cannot be sent to any player; otherwise it is handled like any other.
 TEST_F(metadata_test, that_is_too_large_is_dumped_and_silently_sets_the_format_of_every_player) {
     RTMPConnection& publisher = add_publisher();
     RTMPConnection& first = add_player();

@@ -11,7 +11,8 @@ using Messages = std::vector<QueuedMessage>;
 
 class play_test : public AppFixture {
   protected:
-    // A player that comes after a publisher with this metadata, which the log repeats to it or does not.
+    // Adds a publisher with this metadata and then a player. repeated says whether the log reports that the
+    // metadata is repeated to the player.
     RTMPConnection& late_player_of(const Bytes& metadata, bool repeated) {
         data_message(add_publisher(), set_metadata(metadata));
         RTMPConnection& player = add_client();

@@ -47,7 +47,7 @@ TEST_F(release_stream_test, silently_refuses_missing_malformed_and_unanswerable_
     for (const Bytes& arguments : std::vector<Bytes>{
              "", amf_number(2), amf_number(2).substr(0, 8), bytes_of({0x0A}),
              amf_number(2) + bytes_of({0x0A}), amf_number(2) + amf_string("cut").substr(0, 4),
-             bytes_of({AMF_OBJECT_END}) + amf_null(),  // Decodes, but nothing can be said with it.
+             bytes_of({AMF_OBJECT_END}) + amf_null(),  // It decodes, but cannot be encoded in a reply.
          }) {
         RTMPConnection& conn = add_connection();
         EXPECT_EQ(command(conn, amf_string("FCPublish") + arguments), "AMF0 error command\n")
@@ -58,7 +58,7 @@ TEST_F(release_stream_test, silently_refuses_missing_malformed_and_unanswerable_
 }
 
 TEST_F(release_stream_test, refuses_a_transaction_id_that_makes_the_reply_too_long) {
-    // Beside the text: 10 bytes of "_result", marker and length of the id, and 1 byte of null.
+    // Besides the text: 10 bytes of "_result", marker and length of the id, and 1 byte of null.
     constexpr std::size_t LONGEST_ID = 65536 - 10 - 3 - 1;
     RTMPConnection& conn = add_connection();
     const Bytes longest = amf_string(std::string(LONGEST_ID, 'x'));

@@ -1,8 +1,8 @@
-// The numbers that rand() is to return, linked in place of the C library's: tests say what is drawn, and see
-// how often.
+// Linked in place of the C library's rand(): tests set the numbers that it returns, and see how many
+// are drawn.
 #pragma once
 
 #include <deque>
 
-// Drawn from the front; a draw that was not foreseen fails the test and returns 0.
+// Drawn from the front; a draw from the empty queue fails the test and returns 0.
 extern std::deque<int> scripted_draws;

@@ -11,7 +11,7 @@ class turn_test : public AppFixture {
     turn_test() { wrapped_calls = {}; }
     ~turn_test() override { wrapped_calls = {}; }
 
-    // Every message of conn takes so long. A message is looked at under the lock, which is taken once
+    // Makes every message of conn take this long. A message is handled under the lock, which is taken once
     // for each.
     static void make_messages_take(const RTMPConnection& conn, std::uint64_t us) {
         wrapped_calls.at_lock = [&conn, us](const pthread_mutex_t* mutex) {
@@ -19,14 +19,14 @@ class turn_test : public AppFixture {
         };
     }
 
-    // Commands that are answered with their number.
+    // Receives this many commands, each of which is answered with its number.
     void receive_numbered(RTMPConnection& conn, int count) {
         for (int id = 0; id < count; ++id) {
             receive_command(conn, amf_string("FCPublish") + amf_number(id) + amf_null());
         }
     }
 
-    // One pass; returns the numbers that were answered in it.
+    // Makes one pass and returns the numbers that were answered in it.
     std::vector<int> answered(RTMPConnection& conn) {
         EXPECT_EQ(idle(conn), "");
         std::vector<int> numbers;

@@ -10,7 +10,8 @@
 
 namespace {
 
-// What the next calls of write() come to: so many bytes at most, or, below zero, an error. Then as always.
+// The results of the next calls of write(): at most this many bytes, or an error if negative. Later calls
+// behave normally.
 std::deque<int> next_writes;
 
 }  // namespace

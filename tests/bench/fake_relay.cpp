@@ -40,7 +40,7 @@ bool send_all(int fd, std::string_view bytes) {
     return true;
 }
 
-// The same frame with an earlier send time.
+// Returns the same frame with an earlier send time.
 Bytes delayed(std::uint8_t type, const Bytes& payload, std::uint64_t delay_us) {
     FrameStamp stamp = read_stamp(type, payload).value();
     stamp.sent_us -= delay_us;
@@ -135,7 +135,7 @@ bool FakeRelay::take_handshake(Client& client) const {
     return true;
 }
 
-// Messages of the load generators begin with a header of format 0 and are continued without another one
+// Messages of the load generators begin with a header of format 0 and continue without another message
 // in between.
 bool FakeRelay::take_message(Client& client) {
     const Bytes& input = client.input;

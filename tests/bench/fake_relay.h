@@ -1,6 +1,6 @@
-// A small relay that does to each player what it is told: it loses, doubles, swaps, changes or delays frames
-// at planned places. It proves that a load generator notices exactly that. One thread; a port of the system's
-// choice on the loopback.
+// A small relay that loses, doubles, swaps, changes or delays frames at planned places, for each player. It
+// proves that a load generator notices exactly that. It has one thread, and a port of the system's choice on
+// the loopback.
 #pragma once
 
 #include <atomic>
@@ -16,11 +16,11 @@
 enum class Fault { LOSE, DOUBLE, SWAP, FLIP, DELAY };
 
 struct FaultPlan {
-    // By the number of the frame among those that a player gets, from 1. SWAP sends the next one first.
+    // By the number, from 1, of the frame among those for a player. SWAP sends the next one first.
     std::map<std::uint32_t, Fault> faults;
     // Frames with a larger payload are lost, from the tenth on.
     std::size_t most_frame_bytes = SIZE_MAX;
-    // What a delayed frame's send time is put back by.
+    // How far a delayed frame's send time is set back.
     std::uint64_t delay_us = 6000000;
 };
 

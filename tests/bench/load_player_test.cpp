@@ -1,5 +1,5 @@
-// What the load's player makes of a server that keeps to the rules, and of one that loses, damages or
-// misplaces something. The server is a socket that says what it is told.
+// What the load's player reports about a server that keeps to the rules, and about one that loses, damages or
+// misplaces something. The server is a socket on which the test sends.
 #include "bench/load_player.h"
 
 #include <arpa/inet.h>
@@ -18,7 +18,7 @@ namespace {
 
 constexpr std::uint32_t AUDIO_CSID = 4;
 constexpr std::uint32_t VIDEO_CSID = 6;
-// What a late player's clock is behind the publisher's.
+// How far a late player's clock is behind the publisher's.
 constexpr std::uint32_t SHIFT_MS = 5000;
 
 class load_player_test : public testing::Test {
@@ -47,7 +47,7 @@ class load_player_test : public testing::Test {
         served_bytes += bytes.size();
     }
 
-    // Lets the player read everything that was served, so many bytes at a time.
+    // Lets the player read everything that was served, this many bytes at a time.
     void let_read(std::size_t bytes_at_a_time = 1 << 16, Measure measure = Measure::LATENESS) {
         std::vector<char> buffer(bytes_at_a_time);
         pollfd entry{player->fd(), POLLIN, 0};
@@ -67,7 +67,7 @@ class load_player_test : public testing::Test {
             {.type = MSG_VIDEO, .payload = payload, .csid = VIDEO_CSID, .timestamp = media_ms - SHIFT_MS});
     }
 
-    // Audio and video by turns, 20 ms apart.
+    // Alternately audio and video, 20 ms apart.
     static Bytes frame(std::uint32_t sequence, std::size_t size_bytes = 1000) {
         const FrameStamp stamp{sequence, media_ms(sequence), now_us()};
         if (sequence % 2 == 0) {

@@ -1,5 +1,5 @@
-// relay_load against a relay with planted faults: it must count exactly those. And each of its modes, in
-// short, with the real server.
+// Runs relay_load with a relay that has planted faults, of which it must count exactly those, and briefly in
+// each of its modes with the real server.
 #include <gtest/gtest.h>
 
 #include <nlohmann/json.hpp>
@@ -11,7 +11,7 @@
 namespace {
 
 constexpr Milliseconds RUN_WAIT = scaled(Milliseconds{120000});
-// What a slow machine adds to the lateness of a frame never comes near it.
+// Far more than a slow machine adds to the lateness of a frame.
 constexpr const char* LATE_MS = "5000";
 
 struct LoadRun {
@@ -32,7 +32,7 @@ LoadRun run_load(std::vector<std::string> arguments) {
     return run;
 }
 
-// So many frames come in three seconds that every planned place is reached.
+// In three seconds enough frames arrive to reach every planned place.
 std::vector<std::string> three_seconds_of(const FakeRelay& relay) {
     return {"--server", relay.address(), "--publishers", "2", "--players", "3", "--seconds",
             "3",        "--kbit",        "400"};
@@ -116,7 +116,7 @@ TEST(relay_load, capacity_is_the_highest_rate_that_passes) {
     const FakeRelay relay({.faults = {}, .most_frame_bytes = 6000});
     const LoadRun run = run_load({"--mode", "capacity", "--server", relay.address(), "--players", "1",
                                   "--seconds", "0.2", "--kbit", "400"});
-    // 400, 600, 900 and 1350 hold, 2025, 1687 and 1518 do not, 1434 does.
+    // 400, 600, 900 and 1350 pass; 2025, 1687 and 1518 do not; 1434 passes.
     EXPECT_EQ(run.report["capacity"]["video_kbit"], 1434);
     EXPECT_EQ(run.report["steps"].size(), 8U);
     EXPECT_EQ(run.program.end, (ProgramEnd{0, 0}));

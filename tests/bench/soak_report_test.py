@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""What soak_report.py makes of a run: of a good one, and of the same run with one thing wrong."""
+"""How soak_report.py judges a good run, and the same run with one thing wrong."""
 import contextlib
 import importlib.util
 import io
@@ -60,7 +60,7 @@ class SoakReport(unittest.TestCase):
         self.options = []
 
     def failed_rows(self):
-        """The figures that are out of their limits."""
+        """Returns the figures that miss their limits."""
         options = soak_report.parse_arguments(["."] + self.options)
         reports = soak_report.find_reports(self.log.splitlines(keepends=True))
         return [row.figure for row in soak_report.judge(self.samples, self.totals, reports, options)
@@ -248,7 +248,7 @@ class SoakReportProgram(unittest.TestCase):
         path.write_text("\n".join(lines) + "\n", encoding="utf-8")
 
     def run_program(self, totals, log="", around=None):
-        """Exit status and output for a directory with these totals and server messages."""
+        """Returns exit status and output for a directory with these totals and server messages."""
         with tempfile.TemporaryDirectory() as name:
             path = pathlib.Path(name)
             self.write_samples(path / "samples.csv", good_samples())

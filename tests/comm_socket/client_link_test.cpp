@@ -39,8 +39,8 @@ class client_link_test : public testing::Test {
         std::size_t budget = PLENTY;
         link->write_some(comm_socket::now_us(), TIMEOUT_US, &budget);
     }
-    // Queues a long frame, more than the socket holds, and frames of 1 MiB behind it until the limit refuses;
-    // the number of these.
+    // Queues a long frame, more than the socket holds, and after it frames of 1 MiB until the limit refuses
+    // another one. Returns the number of the latter.
     [[nodiscard]] int fill(std::size_t long_frame_bytes = 4 * MEBIBYTE) const {
         link->queue(OutgoingFrame(std::string(long_frame_bytes, 'a')));
         int count = 0;
@@ -108,7 +108,7 @@ TEST_F(client_link_test, a_long_reply_is_sent_as_the_peer_reads) {
 }
 
 TEST_F(client_link_test, queues_16_mib_after_the_reply_being_sent_and_then_refuses) {
-    link->queue(OutgoingFrame(std::string(100 * MEBIBYTE, 'a')));  // under way; its size does not count
+    link->queue(OutgoingFrame(std::string(100 * MEBIBYTE, 'a')));  // being sent; its size does not count
     for (int i = 0; i < 16; ++i) {
         ASSERT_TRUE(link->can_queue()) << i;
         link->queue(OutgoingFrame(std::string(MEBIBYTE, 'b')));
@@ -154,7 +154,7 @@ TEST_F(client_link_test, waiting_without_any_progress_ends_the_connection) {
 
 TEST_F(client_link_test, waiting_with_some_progress_keeps_the_connection) {
     EXPECT_EQ(fill(64 * MEBIBYTE), 17);
-    // All that the socket holds, so that a little more can leave, but not enough to make room.
+    // Reads all that the socket holds, so that a little more can be sent, but not enough to make room.
     EXPECT_FALSE(peer.read_available().empty());
     link->wait_until_writable(comm_socket::now_us() + 50000);
     EXPECT_EQ(link->send_error(), 0);
@@ -241,7 +241,7 @@ TEST_F(client_link_test, a_slow_server_does_not_disconnect_the_client) {
     const std::string frame = request_frame(1, std::string(100000, 'c'));
     std::thread sender([this, &frame] { peer.send_all(frame); });
     while (!link->has_request() && link->is_open()) {
-        std::size_t budget = 1000;  // a server that has little time, and only every 11 s
+        std::size_t budget = 1000;  // a server that reads little, and only every 11 s
         link->read_some(comm_socket::now_us(), &budget);
         if (budget == 0) {
             put_clock_forward(TIMEOUT_US + 1000000);

@@ -1,4 +1,4 @@
-// The client's end: against the library's own server, and against a plain socket that misbehaves.
+// Tests the client's end with the library's own server, and with a plain socket that misbehaves.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -25,7 +25,7 @@ constexpr std::uint64_t PATIENT_US = 10000000;
 constexpr std::uint64_t SHORT_US = 50000;
 constexpr std::uint64_t SECOND_US = 1000000;
 
-// A listening socket that accepts by hand and knows no frames.
+// A listening socket whose clients the test accepts by hand. It knows nothing of frames.
 class RawListener {
   public:
     explicit RawListener(const std::string& path, int backlog = 5)
@@ -62,7 +62,7 @@ class client_test : public testing::Test {
     }
 };
 
-// With a raw server behind the connection.
+// Tests of a connection to a raw server.
 class raw_server_test : public client_test {
   public:
     RawListener listener{path};
@@ -89,8 +89,7 @@ class raw_server_test : public client_test {
     }
 };
 
-// Sends a byte a second: the clock goes forward when the byte has been read, and then the next one follows
-// at once.
+// Sends a byte a second: once a byte has been read, the clock advances and the next byte follows at once.
 class DrippingServer {
   public:
     DrippingServer(const RawPeer& server, std::string bytes)
@@ -111,7 +110,7 @@ class DrippingServer {
     std::jthread thread;
 };
 
-// The first bytes of a frame, as far as its id.
+// The first bytes of a frame, up to and including its id.
 constexpr std::size_t BYTES_TO_ID = 20;
 
 }  // namespace
@@ -391,7 +390,8 @@ TEST_F(raw_server_test, reads_a_reply_that_has_arrived_with_a_time_out_of_0) {
 }
 
 TEST_F(raw_server_test, a_server_that_never_stops_sending_does_not_extend_the_time_out) {
-    // More than is read at a time: the deadline is looked at in between, and the rest is for the next call.
+    // More than is read at a time: the deadline is checked in between, and the rest is left for the
+    // next call.
     const std::string chatter = reply_frame(999, "chatter", std::string(50000, 'x'));
     server.send_all(chatter + chatter + chatter + reply_frame(1, "mine", ""));
     Packet reply;

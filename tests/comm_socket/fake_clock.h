@@ -1,4 +1,4 @@
-// The library's clock in these tests: the real one, which a test can put forward.
+// The library's clock in these tests: the real one, which a test can advance.
 #pragma once
 
 #include <cstdint>

@@ -1,5 +1,4 @@
-// What a broken or hostile client does costs it its own connection, and a well-behaved client next to
-// it nothing.
+// A broken or hostile client loses its own connection; a well-behaved client next to it loses nothing.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
@@ -16,14 +15,14 @@ namespace {
 
 class hostile_client_test : public testing::Test {
   public:
-    // A service ends after 50 ms, which a busy machine may take for fewer clients than these.
+    // A service ends after 50 ms, and a busy machine may need that long for fewer clients than these.
     StoppedClock stopped;
     TemporaryDirectory directory;
     DrivenServer server{directory.file("socket")};
     RawPeer good{server.path};
     std::uint64_t last_id = 0;
 
-    // One pass of a server's loop, in the order of a server's loop.
+    // Makes one pass of a server's loop, in its usual order.
     void serve() const {
         server.idle();
         comm_socket_v4_accept_connection(server.handle);
@@ -165,12 +164,12 @@ TEST_F(hostile_client_test, a_client_that_reads_none_of_many_long_replies_is_dis
     int answered = 0;
     for (int pass = 0; pass < 10; ++pass) {
         server.idle();
-        answered += server.answer_all(four_megabytes);  // fails the test if a reply is not taken over at once
+        answered += server.answer_all(four_megabytes);  // fails the test if a reply is not accepted at once
     }
     EXPECT_EQ(answered, 5) << "one under way, 16 MiB with their headers behind it, and no further request";
     expect_good_is_served();
     EXPECT_FALSE(hostile.read_available().empty()) << "it is still connected";
-    // What it has read makes room for a little more; then nothing moves again.
+    // What it has read makes room for a little more; then nothing more is sent.
     ASSERT_TRUE(eventually([this, &hostile] {
         put_clock_forward(COMM_SOCKET_V4_CLIENT_TIMEOUT_US);
         expect_good_is_served();
@@ -275,7 +274,7 @@ TEST_F(hostile_client_test, a_disconnected_client_with_more_requests_than_are_re
 
 TEST_F(hostile_client_test, beyond_the_limits_the_largest_requests_of_disconnected_clients_are_discarded) {
     const StoppedClock clock;
-    server.idle();  // takes in the well-behaved client
+    server.idle();  // accepts the well-behaved client
     std::string requests;
     while (requests.size() < 150000) {
         requests += request_frame(1, "many", {std::string(10000, 'a')});

@@ -13,7 +13,7 @@ int allocations_left = UNLIMITED;
 
 }  // namespace
 
-// Not inlined: where the compiler sees one of them and not the other, it takes them for mismatched.
+// Not inlined: a compiler that sees only one of the pair reports a mismatch.
 [[gnu::noinline]] void* operator new(std::size_t size) {
     void* const memory = allocations_left == 0 ? nullptr : std::malloc(size);
     allocations_left -= allocations_left > 0 ? 1 : 0;

@@ -35,7 +35,7 @@ std::string pair_value(const comm_socket_v4_packet* packet, std::size_t idx) {
             comm_socket_v4_packet_get_pair_value_length(packet, idx)};
 }
 
-// -1 and this errno.
+// Expects the result -1 and this errno.
 #define EXPECT_REFUSED(call, error) \
     do {                            \
         errno = 0;                  \

@@ -235,7 +235,7 @@ void answer_like_a_program(comm_socket_v4_client* client, const comm_socket_v4_p
                                                   comm_socket_v4_packet_get_argv_length(request, i));
     }
     comm_socket_v4_packet_write_end(reply);
-    // A client that has left meanwhile gets nothing; the others look at what they get.
+    // A client that has left meanwhile gets nothing; the others check what they get.
     (void)comm_socket_v4_packet_send_to_client(client, reply);
     comm_socket_v4_packet_release(reply);
 }

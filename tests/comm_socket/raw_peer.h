@@ -14,7 +14,7 @@
 
 #include "comm_socket/include/comm_socket_v4.h"
 
-// An empty directory of its own, removed with what is in it.
+// A new, empty directory, removed with its contents.
 class TemporaryDirectory {
   public:
     TemporaryDirectory();
@@ -31,7 +31,7 @@ using Pairs = std::vector<std::pair<std::string, std::string>>;
 std::string be32(std::uint64_t value);
 std::string be64(std::uint64_t value);
 std::string counted(const std::string& bytes);  // length and bytes
-// A frame around this body, with a header that is right unless told otherwise.
+// Returns a frame around this body. Its header is valid in version 4.
 std::string frame_around(const std::string& body, unsigned version = 4);
 std::string frame_body(std::uint64_t flags, std::uint64_t id, std::uint64_t status,
                        const std::string& command, const std::string& message, const Arguments& arguments,
@@ -40,7 +40,7 @@ std::string request_frame(std::uint64_t id, const std::string& command, const Ar
 std::string reply_frame(std::uint64_t id, const std::string& command, const std::string& message,
                         const Pairs& pairs = {}, std::uint64_t status = 0);
 
-// One end of a Unix stream socket, with no idea of frames.
+// One end of a Unix stream socket, which knows nothing of frames.
 class RawPeer {
   public:
     RawPeer() = default;
@@ -51,18 +51,18 @@ class RawPeer {
     RawPeer& operator=(RawPeer&& other) noexcept;
 
     void send_all(const std::string& bytes) const;
-    // Sends without blocking; how many bytes the socket took.
+    // Sends without blocking and returns how many bytes the socket took.
     [[nodiscard]] std::size_t send_some(std::string_view bytes) const;
-    // Reads until there are this many bytes, the end, or 5 s are over.
+    // Reads until this many bytes have arrived, the stream has ended, or nothing has arrived for 5 s.
     [[nodiscard]] std::string read_bytes(std::size_t count) const;
     [[nodiscard]] std::string read_available() const;
-    // The connection has ended: a read gives the end or a reset. Waits up to wait_ms for it.
+    // Whether the connection has ended: a read gives the end or a reset. Waits up to wait_ms for it.
     [[nodiscard]] bool is_closed(int wait_ms = 0) const;
-    // The other side has closed, whatever is still to be read.
+    // Whether the other side has closed, even if there is still something to read.
     [[nodiscard]] bool is_hung_up() const;
-    // How much the other side has sent and this one not read.
+    // How much the other side has sent and this one has not read.
     [[nodiscard]] std::size_t available_bytes() const;
-    // What this side has sent and the other has not read.
+    // Whether the other side has not yet read everything that this one has sent.
     [[nodiscard]] bool has_unread_bytes() const;
     void shut_sending() const;
     void close_now();
@@ -78,11 +78,11 @@ class DrivenServer {
     DrivenServer(const DrivenServer&) = delete;
     DrivenServer& operator=(const DrivenServer&) = delete;
 
-    // idle; fails the test if that fails.
+    // Calls idle, and fails the test if that fails.
     void idle() const;
-    // The next request, or null.
+    // Returns the next request, or null.
     [[nodiscard]] comm_socket_v4_packet* take(comm_socket_v4_client** client = nullptr) const;
-    // Answers all requests of one service with their own command and this message; how many they were.
+    // Answers all requests of one service with their own command and this message, and returns their number.
     int answer_all(const std::string& message = "yes") const;
 
     std::string path;
@@ -105,7 +105,7 @@ struct SharedBytes {
     int released = 0;
 };
 
-// A complete response to id with this message.
+// Returns a complete response to id with this message.
 comm_socket_v4_packet* make_reply(std::uint64_t id, const std::string& command, const std::string& message);
 
 // Runs a service loop of its own on a thread: answers "hello" with "How are you?", "echo" with a pair per
@@ -123,7 +123,7 @@ class EchoServer {
     std::jthread thread;
 };
 
-// The client's objects, with their owner.
+// Owners of the client's objects.
 struct Releaser {
     void operator()(comm_socket_v4_packet* packet) const { comm_socket_v4_packet_release(packet); }
     void operator()(comm_socket_v4_connection* connection) const { comm_socket_v4_disconnect(connection); }
@@ -131,14 +131,14 @@ struct Releaser {
 using Packet = std::unique_ptr<comm_socket_v4_packet, Releaser>;
 using Connection = std::unique_ptr<comm_socket_v4_connection, Releaser>;
 
-// Ready to be sent.
+// Returns a request that is ready to be sent.
 Packet make_request(const std::string& command, const Arguments& arguments = {});
 
-// From here on this process may do with files what their modes permit, also as root, and as the root of a
-// user namespace that has no other users. True on success.
+// From now on this process may do with files only what their modes permit, even as root, and even as the root
+// of a user namespace without other users. True on success.
 [[nodiscard]] bool obey_file_modes();
 
-// Open descriptors of this process.
+// Returns the number of open descriptors of this process.
 int count_descriptors();
 // Calls step every millisecond or so until it returns true; false after 10 s of real time.
 bool eventually(const std::function<bool()>& step);

@@ -29,7 +29,7 @@ class server_test : public testing::Test {
 
     [[nodiscard]] static bool exists(const std::string& file) { return access(file.c_str(), F_OK) == 0; }
 
-    // So many clients, each of which has sent these bytes.
+    // This many clients, each of which has sent these bytes.
     [[nodiscard]] std::vector<RawPeer> peers_that_sent(std::size_t count, const std::string& bytes) const {
         std::vector<RawPeer> peers;
         for (std::size_t i = 0; i < count; ++i) {
@@ -175,7 +175,7 @@ TEST_F(server_test, while_64_mib_wait_one_request_is_handed_out_and_the_latest_c
     const std::vector<RawPeer> unread =
         peers_that_sent(5, request_frame(1, "long") + request_frame(2, "long"));
     server.idle();
-    // Three times 24 MiB, less what the sockets take, are above the limit.
+    // Three times 24 MiB, less what the sockets take, exceed the limit.
     EXPECT_EQ(server.answer_all(std::string(24 * MEBIBYTE, 'm')), 3);
     const RawPeer other(path);
     other.send_all(request_frame(3, "hello"));
@@ -321,7 +321,7 @@ TEST_F(server_test, serves_64_clients_and_closes_the_next_at_once) {
     for (const RawPeer& peer : peers) {
         EXPECT_EQ(peer.read_available().substr(0, 2), "CS");
     }
-    // One leaves, and there is room for one at the same service.
+    // One leaves, and the same service has room for another.
     peers.pop_back();
     const RawPeer next(path);
     server.idle();
@@ -696,7 +696,7 @@ TEST_F(server_test, destroying_removes_its_own_path_and_closes_everything) {
     EXPECT_EQ(count_descriptors(), descriptors);
 }
 
-// The leak checker of the sanitizer build is the judge here.
+// A failure is found by the leak checker of the sanitizer build.
 TEST_F(server_test, destroying_frees_unreleased_requests) {
     DrivenServer server(path);
     RawPeer gone(path);

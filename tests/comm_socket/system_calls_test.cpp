@@ -1,4 +1,4 @@
-// System calls that fail in a client or a server. Its own executable, because it replaces them.
+// How client and server handle system calls that fail. Its own executable, because it replaces them.
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -14,8 +14,8 @@ namespace {
 
 constexpr std::uint64_t PATIENT_US = 10000000;
 
-// The errors of the next calls of each kind on this thread; when none is left they do what they always do.
-// The echo server runs on a thread of its own and is spared.
+// The errors of the next calls of each kind on this thread; later calls behave normally. The echo server runs
+// on its own thread and is not affected.
 struct NextErrors {
     std::vector<int> socket = {};
     std::vector<int> connect = {};
@@ -120,7 +120,7 @@ TEST_F(client_system_calls_test, a_failed_system_call_ends_the_request_with_its_
                            {&NextErrors::poll, EINVAL, COMM_SOCKET_V4_SYSTEM}}) {
         const Connection connection = connect_to_server(nullptr);
         const Packet request = make_request("hello");
-        // A reply that is there at once needs no poll.
+        // A reply that has already arrived needs no poll, so the first read finds none.
         next_errors = {.recv = {EAGAIN}};
         (next_errors.*row.call).insert((next_errors.*row.call).begin(), row.error);
         comm_socket_v4_packet* reply = nullptr;
@@ -151,7 +151,7 @@ TEST_F(client_system_calls_test, several_requests_are_sent_in_one_write) {
 }
 
 TEST_F(client_system_calls_test, interrupted_calls_are_restarted) {
-    // A reply that is there at once needs no poll, so the first look finds none.
+    // A reply that has already arrived needs no poll, so the first read finds none.
     next_errors = {.connect = {EINTR}, .poll = {EINTR}, .send = {EINTR}, .recv = {EINTR, EAGAIN}};
     comm_socket_v4_error error = COMM_SOCKET_V4_SYSTEM;
     const Connection connection = connect_to_server(&error);

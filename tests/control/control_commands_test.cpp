@@ -14,7 +14,7 @@
 
 namespace {
 
-// An argument that is not there is something else than an empty one.
+// An absent argument differs from an empty one.
 using Arguments = std::vector<std::optional<std::string>>;
 using Pairs = std::vector<std::pair<std::string, std::string>>;
 
@@ -351,7 +351,7 @@ TEST_F(control_commands_test, a_reply_is_written_completely) {
     const Packet response = make_response(request);
     EXPECT_EQ(comm_socket_v4_packet_begin_writing(response.get(), 0, "left over", ""), 0);
     EXPECT_TRUE(run_control_command(request.get(), response.get()));
-    // It was written to its end, so there is nothing left to end.
+    // It is already complete, so it cannot be ended again.
     EXPECT_EQ(comm_socket_v4_packet_write_end(response.get()), -1);
     EXPECT_EQ(read_reply(response), (Reply{"hello", "How are you?", 0}));
 }

@@ -1,4 +1,4 @@
-// The service of the control socket against a library that does as it is told.
+// Tests the service of the control socket with a fake library that does what each test sets.
 #include "control/control_server.h"
 
 #include <comm_socket_v4.h>
@@ -12,7 +12,7 @@
 
 namespace {
 
-// The order in which the server calls the library, and what the library does.
+// Records the order in which the server calls the library, and sets what the library does.
 struct FakeLibrary {
     std::string calls;
     bool create_fails = false;
@@ -20,7 +20,7 @@ struct FakeLibrary {
     bool open = true;
     int idle_errno = 0;
     std::deque<comm_socket_v4_packet*> requests;
-    std::deque<int> send_results;  // 1 when there are none left
+    std::deque<int> send_results;  // 1 when none are left
     int send_errno = 0;
     std::vector<std::uint64_t> wait_deadlines_us;
     std::vector<std::uint64_t> flush_deadlines_us;

@@ -24,7 +24,7 @@ TEST_F(connection_table, refuses_when_full_and_gives_a_freed_slot_to_the_next_wh
     }
     const int fd = dup(0);
     EXPECT_EQ(new_connection(fd, ""), nullptr);
-    EXPECT_EQ(connections_free_scan, 0U);  // one past 127
+    EXPECT_EQ(connections_free_scan, 0U);  // 127 is followed by 0
     EXPECT_EQ(new_connection(fd, ""), nullptr);
     EXPECT_EQ(connections_free_scan, 1U);
     for (const std::size_t scan : {0U, 5U, 6U, 127U}) {

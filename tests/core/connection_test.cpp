@@ -92,7 +92,7 @@ TEST_F(connection, closing_keeps_another_publisher) {
 
 TEST_F(connection, closing_reports_which_thread_had_already_ended) {
     RTMPConnection& conn = add_connection();
-    // The idle threads of this test have to be ended as well as be marked.
+    // The idle threads of this test must be both ended and marked.
     pthread_cancel(conn.thread);
     pthread_cancel(conn.thread2);
     conn.thread_died = true;
@@ -117,6 +117,6 @@ TEST_F(connection, a_requested_close_is_carried_out_by_the_next_pass) {
     RTMPConnection& conn = add_connection();
     conn.connection_in.push_back(make_packet(20, 0, "\x05"));
     conn.close_requested = true;
-    EXPECT_EQ(printed_by([&] { conn.idle(); }), "");  // its message is not looked at any more
+    EXPECT_EQ(printed_by([&] { conn.idle(); }), "");  // its message is no longer handled
     EXPECT_EQ(conn.fd, -1);
 }

@@ -7,7 +7,7 @@
 
 namespace {
 
-// Ends with status 0 when the process is still there after so many signals.
+// Ends with status 0 if the process still runs after this many signals and has counted them all.
 void raise_times(int signal_number, int times) {
     install_quit_handler();
     for (int i = 0; i < times; ++i) {

@@ -1,4 +1,4 @@
-// What the server asks of the system, and what it does when the system refuses.
+// What the server requests from the system, and what it does if the system refuses.
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/tcp.h>
@@ -25,7 +25,7 @@ class system_calls_test : public ConnectionFixture {
 
 using system_calls_death_test = system_calls_test;
 
-// Runs the main loop for one pass, up to the end of the stop.
+// Runs the server for one pass of the main loop, and its shutdown.
 void run_one_pass(const std::function<void()>& meanwhile = [] {}) {
     wrapped_calls.at_sleep = [&meanwhile] {
         meanwhile();
@@ -35,7 +35,7 @@ void run_one_pass(const std::function<void()>& meanwhile = [] {}) {
     quit_signals = 0;
 }
 
-// Takes a message that was queued as the writer thread does, and forgets what arrives.
+// Sends a batch of queued messages, as the writer thread does.
 bool send_next(RTMPConnection& conn) {
     return conn.rtmp_send_packet();
 }

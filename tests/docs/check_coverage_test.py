@@ -15,7 +15,7 @@ import check_coverage as CHECK  # noqa: E402
 
 
 def file(name, line_covered=1000, branch_covered=100):
-    """A file of 1000 lines and 100 branches."""
+    """Returns the summary of a file of 1000 lines and 100 branches."""
     return {"filename": name, "line_covered": line_covered, "line_total": 1000,
             "branch_covered": branch_covered, "branch_total": 100}
 

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""tools/check_messages.py finds what it is there to find: run on copies of page and sources with one change each."""
+"""tools/check_messages.py finds every kind of difference: run on copies of page and sources with one change each."""
 import io
 import contextlib
 import pathlib

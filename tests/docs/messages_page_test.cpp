@@ -13,7 +13,7 @@
 
 namespace {
 
-// The block of the page that is fenced with that word.
+// Returns the block of the page that is fenced with this word.
 std::string example(const std::string& word) {
     const std::string fence = "```" + word;
     return page_block(source_text("docs/messages.md"), fence, fence);

@@ -20,7 +20,7 @@ std::set<std::string> files_in(const std::string& folder, const std::string& ext
     return names;
 }
 
-// The names in the comments of a page that announce an example.
+// Returns the names of the examples that the comments of a page announce.
 std::vector<std::string> announced_examples(const std::string& page) {
     const std::string begin = "<!-- tests/data/";
     std::vector<std::string> names;

@@ -32,7 +32,7 @@ constexpr int FLOOD_SEND_BUFFER_BYTES = 1 << 20;
 // The control socket is polled every 100 ms.
 constexpr Milliseconds ANSWER_TIME = scaled(Milliseconds{300});
 constexpr Milliseconds LATENESS = scaled(Milliseconds{150});
-// Thirty services.
+// Thirty polls of the control socket.
 constexpr Milliseconds FLOOD_TIME{3000};
 
 // Sends one request after the other, each as soon as the last is answered.

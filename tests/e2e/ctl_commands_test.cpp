@@ -62,8 +62,8 @@ std::string path_with_socket(const std::string& path) {
     return "--socket=" + path;
 }
 
-// A foreign server at OTHER_SOCKET. It accepts one client, waits for its first bytes, sends the given answer
-// and closes. Without an answer it accepts clients and sends nothing.
+// Another program's server at OTHER_SOCKET. It accepts one client, waits for its first bytes, sends the given
+// answer and closes. Without an answer it accepts clients and sends nothing.
 class OtherServer {
   public:
     OtherServer() : fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {

@@ -515,7 +515,7 @@ TEST_F(ctl_watch_test, off_a_terminal_it_prints_a_frame_per_interval) {
         mark = watch.out().wait_for_line_starting("cam1 ", mark, &stream);
         EXPECT_THAT(stream, MatchesRegex("cam1 +0 127.0.0.1:[0-9]+ +2 +1280x720 .*"));
     }
-    // The first comes at once, each other one an interval later.
+    // The first frame comes at once, each further one an interval later.
     EXPECT_GE(elapsed_since(start), Milliseconds{200} * (FRAMES - 1));
     EXPECT_THAT(watch.out().raw_text(), Not(HasSubstr("\x1b")));
     watch.send_signal(SIGTERM);

@@ -327,7 +327,7 @@ TEST_F(the_server_outlives_test, clients_that_stay_silent_on_every_other_slot) {
                 clients.back()->send_bytes("\x03");
                 break;
             default:
-                // Up to the last byte but one of C2.
+                // Everything except the last byte of C2.
                 clients.back()->send_bytes("\x03" + pattern_bytes(1536));
                 clients.back()->send_bytes(clients.back()->read_bytes(3073).substr(1, 1535));
                 break;

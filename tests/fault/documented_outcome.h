@@ -47,7 +47,7 @@ struct DocumentedOutcome {
     // The last text if the process ends by an assertion or out of memory.
     std::string last_words = {};
     bool control_socket_lost = false;
-    // It is lost before it had the replies it waits for.
+    // The control client is lost before it has the replies it waits for.
     bool control_client_lost = false;
     std::uint32_t control_answer_lost = 0;  // its number, from 1; 0: none
     // The client that misses one acknowledgement.

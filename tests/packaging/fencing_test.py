@@ -52,13 +52,13 @@ class Outside:
         run("ip", "-n", "outside", "link", "set", "outer", "up")
         for network in ("198.51.100.0/24", "203.0.113.0/24"):
             run("ip", "route", "add", network, "dev", "inner")
-        # The kernel asks for the server's hardware address from any of these.
+        # The kernel asks for the server's hardware address from any of these addresses.
         for path in pathlib.Path("/proc/sys/net/ipv4/conf").glob("*/rp_filter"):
             path.write_text("0", encoding="ascii")
 
     @staticmethod
     def socket():
-        """Made in the other network; it stays there."""
+        """Returns a socket that is made in the other network and stays there."""
         libc = ctypes.CDLL(None, use_errno=True)
         with open("/proc/self/ns/net", encoding="ascii") as here, open("/run/netns/outside", encoding="ascii") as there:
             try:
@@ -172,12 +172,13 @@ class the_fences(unittest.TestCase):
         begin, count = time.monotonic(), 0
         with self.assertRaises(TimeoutError):
             while count < 100:
-                # Those beyond four at a time are refused, which counts as well: the kernel forgets the closed ones later.
+                # Those beyond four at a time are refused, which also counts: the kernel forgets the closed
+                # ones later.
                 with contextlib.suppress(ConnectionRefusedError):
                     self.client(STRANGER, limit_s=1).close_hard()
                 count += 1
         self.assertGreaterEqual(count, 10)
-        # One more every 2 s, also on a machine that is slow.
+        # One more every 2 s, even on a slow machine.
         self.assertLessEqual(count, 11 + (time.monotonic() - begin) / 2)
         self.client(VIEWER).choose(b"play", b"cam1")
 

@@ -23,7 +23,7 @@ wait_for() {
 main_pid() { systemctl show --value -p MainPID v9-rtmp-server; }
 status_field() { awk -v name="$1:" '$1 == name { print $2 }' "/proc/$(main_pid)/status"; }
 answers() { v9_rtmp_ctl list; }
-# Only looks at which the server has answered are counted.
+# Only looks that the server has answered are counted.
 watchdog_works() { grep -qE '"looks": ?[1-9]' /run/v9_rtmp_watchdog/watchdog.json; }
 serve_works() (
     exec 4<>/dev/tcp/127.0.0.1/9935
@@ -38,7 +38,7 @@ list_files() {
 }
 list_files >/opt/files_before
 
-# Loses and damages no frame, or fails.
+# Fails if a frame is lost or damaged.
 stream() { /opt/relay_load --server 127.0.0.1 --players 2 --kbit 1000 --seconds "$1" --warm-up 0.5 --late 9999; }
 
 step "the packages are installed, and the server runs"
@@ -179,7 +179,7 @@ group=/sys/fs/cgroup$(unit_limit ControlGroup)
 if [[ -e $group/memory.max && -e $group/pids.max ]]; then
     peak_file=$group/memory.peak
 else
-    # Where control groups are those of version 1, systemd cannot use them in here. The same limits, by hand.
+    # With control groups of version 1, systemd cannot use them in here, so the same limits are set by hand.
     echo "the limits of systemd are set by hand"
     for controller in memory pids; do
         mkdir -p "/mnt/$controller"
@@ -204,8 +204,8 @@ sample() {
     ((threads <= most_threads)) || most_threads=$threads
     ((descriptors <= most_descriptors)) || most_descriptors=$descriptors
 }
-# 100 Mbit/s for the 46 s that the formula of the memory limit counts with, beside players that read none of it, and
-# more control clients and connections than the server takes.
+# 100 Mbit/s for the 46 s that the formula of the memory limit assumes, with players that read none of it, and
+# with more control clients and connections than the server accepts.
 /opt/relay_load --server 127.0.0.1 --players 1 --stuck 119 --kbit 100000 --seconds 46 --late 9999 >/opt/attack 2>&1 &
 load=$!
 wait_for "the players are not there" grep -q measuring /opt/attack
@@ -230,7 +230,7 @@ echo "players that the watchdog dropped: $dropped"
 [[ $(main_pid) == "$before" ]] || fail "the attack has ended the server"
 ((most_threads <= 257)) || fail "the formula counts 257 threads"
 ((most_descriptors <= 199)) || fail "the formula counts 199 descriptors"
-# The stream has 548 MiB, which a single player that reads nothing would keep.
+# The stream has 548 MiB, all of which would be kept for a single player that reads nothing.
 ((dropped > 0 && peak_mib < 500)) || fail "the watchdog has not dropped the players that read nothing"
 ((most_threads >= 250 && most_descriptors >= 190)) || fail "the attack did not fill the server"
 wait_for "the server does not answer after the attack" answers
@@ -250,7 +250,7 @@ wait $load || fail "the upgrade has cost frames"
 grep -q "changed by the operator" /etc/default/v9-rtmp-server || fail "the upgrade has overwritten a setting"
 systemctl restart v9-rtmp-server
 wait_for "it does not answer after the restart" answers
-[[ $(main_pid) != "$before" ]] || fail "a restart is none"
+[[ $(main_pid) != "$before" ]] || fail "the restart did not replace the process"
 stream 1
 
 step "a removal ends the services and keeps the settings, a purge removes them"

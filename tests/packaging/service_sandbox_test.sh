@@ -1,11 +1,11 @@
 #!/bin/bash
 # Runs the server as v9-rtmp-server.service does, as far as that goes without a running systemd: as its own user, with
 # no capabilities, a read-only system and the directory of its control socket as its /run. The users, the directory and
-# the link come from the files that are installed, by systemd's own tools. Not here: the filter of system calls, the
-# control group, the journal.
+# the link come from the files that are installed, by systemd's own tools. Not tested here: the filter of system calls,
+# the control group, the journal.
 #
-# Usage: service_sandbox_test.sh PACKAGING_DIRECTORY SERVER TOOL. Needs root, who alone may become two other users:
-# status 77 otherwise.
+# Usage: service_sandbox_test.sh PACKAGING_DIRECTORY SERVER TOOL. Needs root, because only root may become two
+# other users; otherwise ends with status 77.
 set -euo pipefail
 if [[ ${4:-} != --inside ]]; then
     if [[ $(id -u) -ne 0 ]] || ! setpriv --reuid 65534 --clear-groups true 2>/dev/null; then
@@ -27,7 +27,7 @@ fail() {
 }
 step() { echo "== $*"; }
 
-# wait_for WHAT COMMAND...: until the command succeeds.
+# wait_for WHAT COMMAND...: waits until the command succeeds.
 wait_for() {
     local what=$1 deadline=$((SECONDS + DEADLINE_S))
     shift
@@ -37,7 +37,7 @@ wait_for() {
     done
 }
 
-# The value of a setting of the unit.
+# Prints the value of a setting of the unit.
 setting() { sed -n "s/^$1=//p" "$packaging/systemd/v9-rtmp-server.service"; }
 
 step "a machine with the users of the package, and a /run of its own"
@@ -51,7 +51,7 @@ for file in passwd group; do mount --bind "/run/root/etc/$file" "/etc/$file"; do
 id v9-rtmp-server
 systemd-tmpfiles --create "$packaging/tmpfiles/v9-rtmp-server.conf"
 [[ $(stat -c '%a %U %G' $SERVICE_DIR) == "750 v9-rtmp-server v9-rtmp" ]] || fail "$(stat $SERVICE_DIR)"
-# Programs where every user may run them, whatever the checkout's directories permit.
+# Copies the programs to where every user may run them, whatever the checkout's directories permit.
 mkdir /run/bin
 install -m 755 "$server" /run/bin/v9_rtmp_server
 install -m 755 "$tool" /run/bin/v9_rtmp_ctl
@@ -86,7 +86,7 @@ step "the server answers through the link"
 start_service
 [[ $(stat -c '%a %U %G' $SERVICE_DIR/v9_rtmp_server.socket) == "660 v9-rtmp-server v9-rtmp" ]] ||
     fail "$(stat $SERVICE_DIR/v9_rtmp_server.socket)"
-[[ -L $SOCKET_LINK ]] || fail "$SOCKET_LINK is no link"
+[[ -L $SOCKET_LINK ]] || fail "$SOCKET_LINK is not a link"
 status=/proc/$service_pid/status
 [[ $(awk '/^CapEff/ { print $2 }' "$status") == 0000000000000000 ]] || fail "it has capabilities"
 

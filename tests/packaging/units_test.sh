@@ -1,7 +1,8 @@
 #!/bin/bash
 # Checks the units with systemd's own tools. Usage: units_test.sh PACKAGING_DIRECTORY SERVER TOOL
 #
-# Works on copies, in which the programs of the build stand for the installed ones, and instances for the templates.
+# Works on copies that name the programs of the build instead of the installed ones, with instances of the
+# templates.
 set -euo pipefail
 packaging=$1 server=$2 tool=$3
 # What an attacker who has taken over the process may still do, as systemd counts it: 0 is nothing, 10 is everything.
@@ -23,7 +24,7 @@ complain() {
     failed=1
 }
 
-# check_syntax UNIT: complains of anything that the tool has to say. There is no manual page before the installation.
+# check_syntax UNIT: complains about everything that the tool prints. No manual page exists before the installation.
 check_syntax() {
     local said
     said=$(systemd-analyze verify --man=no "$1" 2>&1) || complain "$(basename "$1") is not valid"
@@ -43,7 +44,7 @@ for unit in "${units[@]}"; do
         complain "$(tail -n 1 <<<"$report") More than $limit:"$'\n'"$(grep '^✗' <<<"$report")"
 done
 
-# The examples, with the agent where they are.
+# The examples are checked as well, with the agent in the same directory.
 ln -s "$packaging/scaling/v9-rtmp-agent" "$copies/v9-rtmp-agent"
 for unit in "$packaging"/scaling/*.{service,socket}; do
     name=$(basename "$unit")
@@ -53,7 +54,7 @@ for copy in "$copies"/v9-rtmp-{hls@cam1.service,agent@cam1.service}; do
     check_syntax "$copy"
 done
 
-# The checks above can fail.
+# Proves that the checks above can fail.
 sed 's/^PrivateUsers=yes/PrivateUsers=perhaps/' "$packaging/systemd/v9-rtmp-server.service" |
     sed "s|/usr/bin/v9_|$copies/v9_|" >"$copies/doctored.service"
 [[ $(systemd-analyze verify --man=no "$copies/doctored.service" 2>&1) == *perhaps* ]] ||

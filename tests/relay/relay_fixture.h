@@ -1,4 +1,4 @@
-// Publishers and players as the commands leave them behind, without a command having been sent.
+// Publishers and players in the state that the commands leave, although no command was sent.
 #pragma once
 
 #include <string>
@@ -18,7 +18,7 @@ inline const std::string AVC_HEADER{"\x17\x00\x01\x64", 4};
 inline const std::string AVC_INTER_FRAME{"\x27\x01\x9A", 3};
 inline const std::string H263_FRAME{"\x22\x00\x9A", 3};
 
-// What became of a message that was given to the relay.
+// The outcome of relaying a message.
 struct RelayOutcome {
     bool publisher_kept;
     std::string printed;
@@ -26,7 +26,7 @@ struct RelayOutcome {
 
 class RelayFixture : public ConnectionFixture {
   protected:
-    // The publisher in force unless the name has one already.
+    // Adds the publisher in force, or a rival if the name already has a publisher.
     RTMPConnection& add_publisher(const std::string& name = "cam1") {
         RTMPConnection& conn = add_connection();
         conn.stream_mode = "publish";

@@ -1,4 +1,5 @@
-// What guards the transport against the system and against its own parts: each of them breaks a promise here.
+// How the transport is guarded against failures of the system and of its own parts, each of which breaks a
+// promise here.
 #include <cstdlib>
 #include <functional>
 #include <new>

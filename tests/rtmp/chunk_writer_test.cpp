@@ -175,7 +175,8 @@ TEST_F(chunk_writer, keeps_no_payload_once_it_is_sent) {
     EXPECT_TRUE(conn.out_batch.empty());
 }
 
-// The block is laid out for most of the players; the others get the same bytes as if it were theirs.
+// The block is laid out for most of the players; the others get the same bytes as if it were laid out
+// for them.
 TEST_F(chunk_writer, a_shared_payload_reaches_players_of_every_chunk_size) {
     std::string payload;
     for (std::size_t i = 0; i < 2000; ++i) {

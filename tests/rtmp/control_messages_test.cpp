@@ -19,7 +19,7 @@ class control_messages : public ConnectionFixture {
         return conn.rtmp_proc_packet();
     }
 
-    // Types and payloads of what waits to be sent.
+    // Returns the types and payloads of the queued messages.
     std::vector<std::pair<int, std::string>> queued() {
         std::vector<std::pair<int, std::string>> packets;
         for (const RTMP_Packet& pkt : conn.connection_out) {

@@ -1,5 +1,5 @@
-// A batch of messages that leaves in other pieces than it was handed to the system, or that is not sent to
-// its end.
+// A batch of messages that is sent in pieces other than those passed to the system, or that is not
+// sent completely.
 #include <pthread.h>
 
 #include "tests/support/connection_fixture.h"
@@ -21,8 +21,8 @@ class short_send_test : public ConnectionFixture {
     short_send_test() { wrapped_calls = {}; }
     ~short_send_test() override { wrapped_calls = {}; }
 
-    // Payloads of their own and shared ones, laid out for the size in force and for others, around
-    // its borders.
+    // Queues own payloads, and shared ones laid out for the current chunk size and for others, with lengths
+    // around its boundaries.
     static void queue_batch(RTMPConnection& conn) {
         add_own(conn, 300);
         add_shared(conn, 300, 128);
@@ -34,7 +34,7 @@ class short_send_test : public ConnectionFixture {
         add_own(conn, 128);
     }
 
-    // What the batch is on the wire, sent in one call.
+    // Returns the batch as it is on the wire, sent in one call.
     std::string sent_at_once() {
         RTMPConnection& conn = add_connection();
         queue_batch(conn);
@@ -129,7 +129,7 @@ TEST_F(short_send_test, after_which_the_writer_is_cancelled_leaves_the_batch_in_
         std::size_t sends = 0;
         wrapped_calls.sendmsg_takes = [&] {
             if (++sends == nth) {
-                pthread_cancel(pthread_self());  // The call itself is where the thread ends.
+                pthread_cancel(pthread_self());  // The thread ends inside the call.
             }
             return LENGTH;
         };

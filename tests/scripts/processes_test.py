@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""scripts/processes.py ends what it has started, in order, and whatever becomes of the script."""
+"""scripts/processes.py ends what it has started, in order, however the script ends."""
 import contextlib
 import io
 import os

@@ -9,7 +9,7 @@ constexpr const char* STREAM = "hand_made";
 // The base of the media: what follows crosses the end of the 24-bit field.
 constexpr std::uint32_t BASE = EXTENDED_TIMESTAMP - 20;
 
-// Puts messages behind each other in the chunk size that is in force.
+// Appends messages one after another, in the current chunk size.
 class Writer {
   public:
     Writer() : bytes("\x03" + pattern_bytes(2 * 1536, 5)) {}
@@ -25,7 +25,7 @@ class Writer {
         send({.type = MSG_COMMAND, .payload = payload, .csid = csid});
     }
 
-    // A message whose basic header has a form of so many bytes, which may be longer than needed. One chunk.
+    // Appends a message in one chunk, with a basic header of this many bytes, which may be more than needed.
     void send_with_basic_header(const OutMessage& message, int size) {
         bytes += basic_header(message.fmt, message.csid, size) + message_header(message) + message.payload;
     }
@@ -53,7 +53,7 @@ void open_stream(Writer& writer) {
                  .stream_id = 1});
 }
 
-// All formats on the shortest, the middle and the longest basic header.
+// Appends media in all formats, with basic headers of one, two and three bytes.
 void send_media(Writer& writer) {
     writer.send({.type = MSG_AUDIO, .payload = aac_header(), .csid = 4, .timestamp = BASE, .stream_id = 1});
     writer.send({.type = MSG_AUDIO, .payload = aac_frame(1, 20), .csid = 4, .timestamp = 10, .fmt = 1});
@@ -82,13 +82,13 @@ void send_media(Writer& writer) {
     writer.send_with_basic_header(
         {.type = MSG_AUDIO, .payload = aac_frame(11, 10), .csid = 65, .timestamp = BASE + 41, .stream_id = 1},
         3);
-    // No audio or video, and on a message stream where control messages have no meaning.
+    // Neither audio nor video, and control messages on streams where they have no meaning.
     writer.send({.type = 15, .payload = Bytes(9, 'x'), .csid = 6, .timestamp = EXTENDED_TIMESTAMP, .fmt = 1});
     writer.send({.type = MSG_SET_CHUNK_SIZE, .payload = be32(9), .csid = 2, .stream_id = 1});
     writer.send({.type = MSG_SET_CHUNK_SIZE, .payload = be32(9), .csid = 3});
 }
 
-// No answer of the main loop may be under way when a size changes: it would be cut by the one or the other.
+// No reply of the main loop may be in transit when a chunk size changes: it could be split by either size.
 void change_chunk_sizes(Writer& writer) {
     writer.set_chunk_size(1);
     writer.send({.type = MSG_AUDIO, .payload = aac_frame(12, 20), .csid = 4, .fmt = 3});

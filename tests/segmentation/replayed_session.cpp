@@ -209,7 +209,7 @@ Replaying* Replaying::current = nullptr;
 extern "C" {
 
 ssize_t __wrap_recv(int fd, void* buffer, std::size_t size, int flags) {
-    // A read that would not wait is none that is played here.
+    // Only reads that may wait are simulated here.
     EXPECT_EQ(fd, CLIENT_FD);
     EXPECT_EQ(flags, 0);
     return static_cast<ssize_t>(Replaying::current->receive(buffer, size));

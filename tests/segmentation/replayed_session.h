@@ -21,7 +21,7 @@
 // When the main loop and the writers have their turn.
 enum class MainLoop {
     AT_EVERY_READ,     // the reader never gets ahead of them: the order of all output is that of the messages
-    WHEN_ALL_IS_READ,  // the reader takes all that has arrived first, as far as back-pressure lets it
+    WHEN_ALL_IS_READ,  // the reader takes all that has arrived first, as far as back-pressure allows
 };
 
 struct Output {
@@ -38,7 +38,7 @@ struct Replay {
     std::vector<std::size_t> waits;  // where in the bytes the reader had to wait for a segment
 };
 
-// segment_ends: ascending positions inside of the bytes at which a segment ends. The last one ends with the
+// segment_ends: ascending positions within the bytes at which a segment ends. The last one ends with the
 // session, after which the client closes.
 Replay replay(const Session& session, const std::vector<std::size_t>& segment_ends, MainLoop main_loop);
 

@@ -1,8 +1,8 @@
-// How TCP cuts a client's bytes makes no difference to anything that the server says or sends.
+// How TCP cuts a client's bytes makes no difference to anything that the server prints or sends.
 //
-// The reader's acknowledgements and the main loop's answers are queued by two threads, so their order among
-// each other is free. Where the main loop has its turn at every read, all output is compared as it stands;
-// where the reader gets ahead, the acknowledgements are compared among themselves and the rest among itself.
+// The reader's acknowledgements and the main loop's answers are queued by two threads, so their relative
+// order is not fixed. If the main loop has its turn at every read, all output is compared as it stands; if
+// the reader gets ahead, the acknowledgements and the rest are compared separately.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -50,7 +50,7 @@ std::string row_name(const testing::TestParamInfo<Row>& row) {
 
 class segmentation : public testing::TestWithParam<Row> {
   protected:
-    // The same as in one piece, and really cut there.
+    // Whether the output is the same as for one piece, and the session was really cut there.
     testing::AssertionResult is_the_same_in(const std::vector<std::size_t>& ends) {
         const Replay cut = replay(session, ends, GetParam().main_loop);
         if (cut.waits != ends) {
@@ -82,7 +82,7 @@ class segmentation : public testing::TestWithParam<Row> {
 
 }  // namespace
 
-// What is compared below is worth comparing.
+// Proves that the comparisons below are about complete sessions.
 TEST_P(segmentation, a_session_in_one_piece_is_served_completely) {
     EXPECT_THAT(whole.printed, HasSubstr("RTMP handshake complete\n"));
     EXPECT_THAT(whole.printed, HasSubstr("accepted app ombrex-"));
@@ -105,8 +105,8 @@ TEST_P(segmentation, a_session_in_one_piece_is_served_completely) {
 }
 
 TEST_P(segmentation, two_segments_are_served_like_one_wherever_the_split_is) {
-    // A sanitizer's build, in which each takes ten times as long, makes one cut in seven. One that looks for
-    // races, of which a single thread has none, makes one in seventy-one.
+    // A sanitizer build, in which each cut takes ten times as long, tests one cut in seven. A build that
+    // looks for races, of which a single thread has none, tests one in seventy-one.
 #ifdef __SANITIZE_THREAD__
     constexpr std::size_t STEP = 71;
 #else

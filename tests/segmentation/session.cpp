@@ -17,7 +17,7 @@ std::string recorded_bytes(const std::string& name) {
     return bytes;
 }
 
-// The player went when it had enough media; its last message says so, after a header of 8 bytes.
+// The player left when it had enough media; its last message says so, after a header of 8 bytes.
 Session recorded_player() {
     const std::string bytes = recorded_bytes("player");
     const std::size_t goodbye = bytes.rfind(amf_string("deleteStream"));

@@ -11,7 +11,7 @@ struct Session {
     std::string bytes;   // from C0 on
     std::string stream;  // what it publishes or plays
     bool plays = false;
-    // Of one that plays: the media that it saw came when it had sent so many bytes, which end a message.
+    // For a player: the number of bytes it had sent, up to the end of a message, when its media arrived.
     std::size_t media_at = 0;
 };
 
@@ -22,9 +22,9 @@ constexpr std::size_t C2_OFFSET = 1 + HANDSHAKE_BLOCK_BYTES;
 // "publisher", "player" or "hand_made".
 Session session_named(const std::string& name);
 
-// Publishes with everything that chunks can look like: each header format, each form of the basic header,
-// extended timestamps, lengths of zero, changing chunk sizes down to 1, and every control message. Ends in
-// chunks of 100.
+// Publishes with chunks in all their forms: each header format, each form of the basic header, extended
+// timestamps, lengths of zero, changing chunk sizes down to 1, and every control message. Ends in chunks
+// of 100.
 Session hand_made_session();
 
 // Makes the session answer this S1, whatever server it was recorded with.

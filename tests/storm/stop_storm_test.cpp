@@ -20,7 +20,7 @@ constexpr std::size_t LONGEST_LIFE_MS = 500;
 constexpr std::size_t BUSY_ONE_IN = 3;
 constexpr std::size_t BUSY_THREADS = 40;
 
-// Publishes the stream for the crowd to play, until the server goes. For a player that does not read, a
+// Publishes the stream for the crowd to play, until the server ends. For a player that does not read, a
 // writer thread has to wait.
 void broadcast() {
     try {

@@ -247,7 +247,7 @@ TEST(raw_command_line, arguments_are_passed_as_given) {
          "c",
          {"--json", "--socket", "x", "-q", "--async"}},
         {{"raw", "c", "raw", "list"}, "c", {"raw", "list"}},
-        // One mark before the command ends the tool's options; behind it everything is an argument.
+        // One mark before the command ends the tool's options; everything after it is an argument.
         {{"raw", "--", "--c", "--a"}, "--c", {"--a"}},
         {{"raw", "c", "--", "-1"}, "c", {"--", "-1"}},
         {{"raw", "c", "--"}, "c", {"--"}},
@@ -284,7 +284,7 @@ TEST(raw_command_line, a_socket_called_raw_is_not_a_subcommand) {
 
 namespace {
 
-// A file of options that goes with the test.
+// A file of options that is removed after the test.
 class ConfigFile {
   public:
     explicit ConfigFile(const std::string& text) { std::ofstream(path) << text; }

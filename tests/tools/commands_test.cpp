@@ -57,7 +57,7 @@ class commands_test : public testing::Test {
         return answers_drops ? std::optional(Reply{status, request.command, message, {}}) : std::nullopt;
     }
 
-    // What was sent beside listings.
+    // The requests other than listings.
     std::vector<Request> other_requests() {
         const std::lock_guard lock(mutex);
         std::vector<Request> others = requests;

@@ -23,7 +23,7 @@ Connection client(unsigned id, const std::string& mode, const std::string& strea
 
 class events_test : public testing::Test {
   protected:
-    // The lines of a listing that comes a second later.
+    // Returns the lines about a listing one second later.
     std::vector<std::string> listed(const std::vector<Connection>& connections) {
         std::vector<std::string> lines;
         for (const ConnectionEvent& event : watch.take_in({++now_s * 1000000, connections})) {

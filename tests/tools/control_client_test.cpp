@@ -27,8 +27,7 @@ ExitCode exit_code_of_call(const std::string& path, std::uint64_t timeout_us) {
     return failure ? failure->exit_code : ExitCode::DONE;
 }
 
-// Listens, and sends what it is told to the first client, then closes it; sends nothing and keeps the client
-// when that is empty.
+// Accepts one client, reads its request, sends it these bytes, and then closes the connection if asked to.
 class RudeServer {
   public:
     explicit RudeServer(std::string bytes, bool closes) {
@@ -136,7 +135,7 @@ TEST(control_client, a_started_request_is_polled_for_its_reply) {
     for (const char* const command : {"one", "two"}) {
         Reply reply;
         bool found = false;
-        ASSERT_FALSE(client.poll_reply(reply, found));  // it may have come with the one before
+        ASSERT_FALSE(client.poll_reply(reply, found));  // it may have arrived with the previous one
         while (!found) {
             pollfd ready = {client.fd(), POLLIN, 0};
             ASSERT_EQ(poll(&ready, 1, 5000), 1);

@@ -1,4 +1,4 @@
-// A control server of its own for tests: answers every request with what a function returns, on a thread.
+// A control server for tests. On its own thread, it answers every request with what a function returns.
 #pragma once
 
 #include <atomic>
@@ -11,7 +11,7 @@
 
 class FakeServer {
   public:
-    // Nothing: the request is not answered.
+    // A request for which it returns nothing is not answered.
     using Answer = std::function<std::optional<Reply>(const Request& request, bool async)>;
 
     explicit FakeServer(Answer answer_function);

@@ -18,7 +18,7 @@ class hook_test : public testing::Test {
   protected:
     ~hook_test() override { std::filesystem::remove_all(directory); }
 
-    // A script of the shell's; what it writes to "$0.out" is its output.
+    // Runs a shell script; what it writes to "$0.out" is its output.
     std::optional<std::string> run(const std::string& script, std::uint64_t max_us = MAX_HOOK_US) {
         std::filesystem::create_directories(directory);
         std::ofstream(program) << "#!/bin/sh\n" << script << "\n";

@@ -3,7 +3,7 @@
 //   listing_server FILE
 //
 // Prints the path of its socket, and answers until its standard input ends. The file holds the lines of the
-// listing, each with a NUL behind it; it is read again for each answer. A drop is answered with "OK" and
+// listing, each followed by a NUL; it is read again for each answer. A drop is answered with "OK" and
 // changes nothing.
 #include <fstream>
 #include <iostream>

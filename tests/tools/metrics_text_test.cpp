@@ -24,7 +24,7 @@ class metrics_test : public testing::Test {
         source.connections = connections;
     }
 
-    // Of a server that answers, with everything that there can be.
+    // The metrics of a server that answers, with every kind of sample.
     std::string everything() {
         look(1, {observed_publisher(0, "cam1", 100000), observed_player(1, "cam1", 50000)});
         look(2, {observed_publisher(0, "cam1", 200000), observed_player(1, "cam1", 150000),

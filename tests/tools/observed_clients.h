@@ -1,4 +1,4 @@
-// Clients as listings show them second by second, for what is made of a history.
+// Clients as listings show them second by second, for tests of what is derived from a history.
 #pragma once
 
 #include <string>

@@ -15,7 +15,7 @@ namespace {
 
 class rate_plots_test : public testing::Test {
   protected:
-    // A publisher of 1000 and a player of 500 bytes a second, until the second.
+    // Lists a publisher of 1000 and a player of 500 bytes a second, up to this second.
     void run_until(std::uint64_t second) {
         for (; now_s <= second; ++now_s) {
             look({observed_publisher(0, "cam1", 1000 * now_s), observed_player(1, "cam1", 500 * now_s)});

@@ -63,7 +63,7 @@ TEST_F(health_test, a_player_that_reads_slowly_is_behind_the_foremost) {
                            observed_player(2, "cam1", 500 * s)};
     });
     EXPECT_EQ(of(1).behind_us, 0U);
-    // Half of what the other one got, in the 34 s since both could be compared or a little more.
+    // Half of what the other one received in the 34 s, or a little more, since both could be compared.
     EXPECT_GE(of(2).behind_us, 17 * ONE_SECOND_US);
     EXPECT_LE(of(2).behind_us, 20 * ONE_SECOND_US);
 }

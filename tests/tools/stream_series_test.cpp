@@ -118,7 +118,7 @@ TEST_F(series_test, a_name_that_gave_way_needs_twice_its_bytes_to_come_back) {
     clients.push_back(observed_publisher(100, "large", 2 * MUCH));
     look(2, clients);
     ASSERT_THAT(series.listed(), Not(Contains(Key("s0"))));
-    // Other names have been gone for long, so there is room.
+    // Other names have been gone for a long time, so there is room.
     const std::uint64_t later_s = StreamSeries::KEEP_US / ONE_SECOND_US + 2;
     look(later_s, {observed_publisher(0, "s0", 2 * MUCH - 1)});
     EXPECT_THAT(series.listed(), Not(Contains(Key("s0"))));

@@ -35,7 +35,7 @@ TEST(stream_summary, takes_the_connections_of_a_name_together) {
     Connection source = publisher(2, 100);
     source.size = VideoSize{1280, 720};
     source.received_rate = 500;
-    source.sent_rate = 7;  // acknowledgements are no media
+    source.sent_rate = 7;  // acknowledgements are not media
     const std::vector<StreamSummary> streams =
         summarize_streams({player(0, 300.0), player(1, 200.0), source}, {}, SortKey::STREAM);
     ASSERT_EQ(streams.size(), 1U);

@@ -79,7 +79,7 @@ TEST(table, columns_with_a_rank_are_shown_if_there_is_room) {
     EXPECT_THAT(layout_table(table, 31, false), ElementsAre("7  a_stream_~  1B  2B  10.0.0.1"));
     EXPECT_THAT(layout_table(table, 30, false), ElementsAre("7  a_stream_of_24_c~  10.0.0.1"));
     EXPECT_THAT(layout_table(table, 23, false), ElementsAre("7  a_stream_~  10.0.0.1"));
-    // What comes next may still fit where the one before does not.
+    // Columns of the next rank may still fit where that of the previous one does not.
     EXPECT_THAT(layout_table(table, 22, false), ElementsAre("7  a_stream_o~  1B  2B"));
     EXPECT_THAT(layout_table(table, 11, false), ElementsAre("7  a_strea~"));
 }

@@ -70,7 +70,7 @@ TEST(watch_model, forgets_everything_when_the_server_stops) {
     take_in(model, sample_listing(2000000));
     EXPECT_TRUE(model.running);
     EXPECT_FALSE(model.trouble);
-    // No rate is made up from before the restart.
+    // No rate is computed from a listing before the restart.
     EXPECT_EQ(model.listing.connections[1].sent_rate, std::nullopt);
 }
 

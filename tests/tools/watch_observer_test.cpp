@@ -42,7 +42,7 @@ TEST_F(watch_of_a_silent_server_test, there_is_no_advice_to_restart_a_server_tha
         EXPECT_FALSE(observer.keep_time(model, 0));
         const std::uint64_t end_us = longest_reply_us(timeout * SECOND_US);
         for (std::uint64_t now_us = 0; now_us < end_us; now_us += 4 * SECOND_US) {
-            EXPECT_FALSE(observer.take_replies(model, now_us));  // as if bytes had come
+            EXPECT_FALSE(observer.take_replies(model, now_us));  // as if bytes had arrived
             EXPECT_FALSE(observer.keep_time(model, now_us));
         }
         EXPECT_TRUE(observer.keep_time(model, end_us));

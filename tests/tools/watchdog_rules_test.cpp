@@ -18,7 +18,7 @@ namespace {
 constexpr std::uint64_t SECOND = 1000000;
 constexpr std::uint64_t FOUR_MBIT = 500000;  // bytes per second
 
-// Media bytes of a client in dependence of the second; the first listing is that of second 1.
+// Media bytes of a client as a function of the second; the first listing is that of second 1.
 using Media = std::function<std::uint64_t(std::uint64_t second)>;
 
 // A client that receives, or sends, the same amount each second.
@@ -58,7 +58,7 @@ class watchdog_rules_test : public testing::Test {
         return judge(history, limits, age_drops);
     }
 
-    // The first second in which a client is judged, up to a last one; 0 for never.
+    // Returns the first second, up to the last one, with a verdict on any client; 0 if there is none.
     std::uint64_t first_verdict(std::uint64_t last_second) {
         while (now_s < last_second) {
             look();
@@ -177,7 +177,7 @@ TEST_F(watchdog_rules_test, a_lone_player_is_kept_while_it_is_not_known_which_of
 }
 
 TEST_F(watchdog_rules_test, a_rival_that_waits_does_not_protect_a_lone_player_that_stands_still) {
-    // The second rival is seen to send too little for media.
+    // The second rival sends too little to be sending media.
     for (const std::uint64_t rival_rate : {2500U, 500U}) {
         clients.clear();
         now_s = 0;
@@ -246,7 +246,7 @@ TEST_F(watchdog_rules_test, of_twenty_players_of_a_frozen_publisher_with_a_waiti
     }
 }
 
-// What a new player is sent first is no sign that the others could have got something.
+// What a new player is sent first is not a sign that the others could have received something.
 TEST_F(watchdog_rules_test, players_that_join_a_frozen_stream_do_not_make_others_look_stalled) {
     only(DropRule::STALLED);
     limits.behind_us = WatchdogLimits().behind_us;
@@ -372,12 +372,12 @@ TEST_F(watchdog_rules_test, a_player_that_catches_up_is_kept) {
     publisher(1, steady(FOUR_MBIT));
     player(2, steady(FOUR_MBIT));
     player(4, steady(FOUR_MBIT));
-    // Stands for 14 seconds of each 100, and then has everything.
+    // Stalls for 14 seconds of each 100, and then has caught up.
     player(3, [](std::uint64_t s) { return (s % 100 < 14 ? s - s % 100 : s) * FOUR_MBIT; });
     EXPECT_EQ(first_verdict(2000), 0U);
 }
 
-// The other one settles while this one is slow, and then seems ahead by what it was behind.
+// The other player settles while this one is slow, and then seems ahead by as much as this one was behind.
 TEST_F(watchdog_rules_test, a_player_that_catches_up_does_not_make_others_look_behind) {
     publisher(1, steady(FOUR_MBIT));
     player(2, [](std::uint64_t s) { return (s >= 95 && s < 109 ? 95 : s) * FOUR_MBIT; });
@@ -389,7 +389,7 @@ TEST_F(watchdog_rules_test, a_player_that_catches_up_does_not_make_others_look_b
     EXPECT_EQ(first_verdict(1000), 0U);
 }
 
-// The watchdog starts while that one is 45 s behind, so all others seem to have got less since.
+// The watchdog starts while that player is 45 s behind, so all others seem to have received less since then.
 TEST_F(watchdog_rules_test, a_player_that_catches_up_from_far_behind_gets_no_other_one_dropped) {
     publisher(1, steady(FOUR_MBIT));
     player(2, [](std::uint64_t s) { return (s < 8 ? s : s + 45) * FOUR_MBIT; });

@@ -58,7 +58,7 @@ class Browser:
         return self.ask("POST", "/execute/sync", {"script": script, "args": list(arguments)})
 
     def complaints(self):
-        """What the page or its policy has made the browser say since the last time, but for requests that got no answer."""
+        """Returns the browser's new messages about the page and its policy, except on unanswered requests."""
         return [entry["message"] for entry in self.ask("POST", "/se/log", {"type": "browser"})
                 if "net::ERR_" not in entry["message"]]
 

@@ -35,7 +35,7 @@ class Peer {
     [[nodiscard]] bool say(const std::string& text) const {
         return send(fd, text.data(), text.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(text.size());
     }
-    // Takes what has come. False when the connection has ended.
+    // Takes what has arrived. False when the connection has ended.
     bool take() {
         std::array<char, 65536> bytes{};
         const ssize_t length = recv(fd, bytes.data(), bytes.size(), 0);
@@ -162,7 +162,7 @@ TEST_F(loop_test, clients_that_send_nothing_do_not_block_others) {
         EXPECT_THAT(peer.heard, EndsWith("well"));
     }
     EXPECT_LE(loop->client_count(), MAX_HTTP_CLIENTS);
-    // Only the first has given way.
+    // The first one was disconnected, the last one was not.
     EXPECT_FALSE(silent.front()->take());
     EXPECT_TRUE(silent.back()->take());
 }

@@ -41,7 +41,7 @@ class PageTest(unittest.TestCase):
 
     def setUp(self):
         self.browser.look_as(1280, 800, "light")
-        self.browser.complaints()  # Those of another test.
+        self.browser.complaints()  # Discards those of another test.
 
     def keep(self, process):
         self.addCleanup(process.stop)
@@ -218,7 +218,7 @@ class PageTest(unittest.TestCase):
             self.assertEqual(b"", client.recv(1))
 
     def test_a_page_that_stays_open_does_not_grow_and_ten_viewers_cost_little(self):
-        """The processor's time of serve while ten clients poll once a second as the page does, from /proc/PID/stat."""
+        """The CPU time of serve while ten clients poll once a second as the page does, from /proc/PID/stat."""
         seconds = int(os.environ.get("V9_PAGE_SECONDS", "5"))
         self.keep(start_server())
         serve = self.keep(Serve())

@@ -1,7 +1,7 @@
-"""The built programs in a network, a /run and a /proc of their own, for the tests of what serve answers.
+"""Runs the built programs in a network, a /run and a /proc of their own, for the tests of what serve answers.
 
-A test script calls run_tests(): it starts itself again in new namespaces, so tests run side by side, beside a real
-server, and every program that a test leaves ends with it.
+A test script calls run_tests(): it starts itself again in new namespaces, so tests can run in parallel with each other
+and with a real server, and every program that a test leaves ends with it.
 """
 import fcntl
 import json
@@ -39,7 +39,7 @@ def set_loopback_up():
         fcntl.ioctl(any_socket, set_flags, struct.pack("16sh14x", b"lo", flags | up))
 
 
-# GCC 12 misreads the stack of a cancelled thread otherwise.
+# Otherwise AddressSanitizer of GCC 12 reports false errors in a cancelled thread.
 os.environ.setdefault("ASAN_OPTIONS", "use_sigaltstack=0:detect_stack_use_after_return=1")
 
 
@@ -56,7 +56,7 @@ def enter_namespaces(script):
 
 
 def run_tests(script):
-    """With --programs DIRECTORY first, then the arguments of unittest."""
+    """Runs the tests of a script. Its arguments are --programs DIRECTORY, if given, and then those of unittest."""
     if sys.argv[1:2] == ["--programs"]:
         os.environ["V9_PROGRAMS"] = str(pathlib.Path(sys.argv[2]).resolve())
         del sys.argv[1:3]
@@ -65,7 +65,7 @@ def run_tests(script):
 
 
 def wait_for(what, condition, seconds=WAIT_S):
-    """What the condition returns once that is true."""
+    """Returns the condition's result once that is true."""
     deadline = time.monotonic() + seconds
     while True:
         result = condition()
@@ -162,7 +162,7 @@ class Serve(Process):
         return json.loads(self.ask("/connections.json").body)
 
     def metric(self, name):
-        """The value of a sample, given with its labels; nothing when there is none."""
+        """Returns the value of a sample, named with its labels; None if there is none."""
         for line in self.ask("/metrics").body.splitlines():
             if line.startswith(name + " "):
                 return float(line.rsplit(" ", 1)[1])
@@ -186,7 +186,7 @@ scrape_configs: [{{job_name: rtmp, static_configs: [{{targets: ["127.0.0.1:{serv
         self.wait_for_output("Server is ready to receive web requests.")
 
     def query(self, expression):
-        """Value by the labels, as Prometheus has it now."""
+        """Returns the values that Prometheus has now, by their labels."""
         url = f"http://127.0.0.1:{self.PORT}/api/v1/query?query={urllib.parse.quote(expression)}"
         with DIRECT.open(url, timeout=10) as reply:
             result = json.load(reply)["data"]["result"]
@@ -194,7 +194,7 @@ scrape_configs: [{{job_name: rtmp, static_configs: [{{targets: ["127.0.0.1:{serv
 
 
 class ListingServer(Process):
-    """A control server whose listing is what a test says."""
+    """A control server whose listing a test chooses."""
 
     def __init__(self, lines):
         self.directory = tempfile.mkdtemp()

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""What v9_rtmp_ctl serve and metrics answer, with the real server behind them.
+"""What v9_rtmp_ctl serve and metrics answer about the real server.
 
     serve_test.py --programs DIRECTORY [TEST...]
 """
@@ -108,7 +108,7 @@ class ServeTest(unittest.TestCase):
                         client.send(left[:1])
                         counts["sent"] += 1
                         sockets[i] = (client, left[1:] or b"a")
-                    except OSError:  # Given up by the server: the next one takes its place.
+                    except OSError:  # Disconnected: the next one takes its place.
                         client.close()
                         sockets[i] = (socket.create_connection(("127.0.0.1", serve.port)), b"GET /metrics HTTP/1.1\r\nX: ")
                 stop.wait(0.5)
