@@ -14,7 +14,7 @@
 // Formats like printf and writes to standard error. The format includes the line end.
 [[gnu::format(printf, 1, 2)]] void diag(const char* format, ...);
 
-// Refuses with one statement, `return refuse("...\n");`. Like diag, and always returns false.
+// Like diag, but always returns false, so a refusal is one statement: `return refuse("...\n");`.
 [[nodiscard, gnu::format(printf, 1, 2)]] bool refuse(const char* format, ...);
 
 // Writes already formatted text (a dump) to standard error.

@@ -57,7 +57,7 @@ class Patience {
     std::uint64_t silence_deadline_us;
 };
 
-// Returns OK if the socket may be ready, or TIMEOUT.
+// Returns OK if the socket may be ready, TIMEOUT at the deadline, or SYSTEM if poll fails.
 comm_socket_v4_error wait_for(int fd, short events, std::uint64_t deadline_us) {
     for (;;) {
         const int left_ms = comm_socket::poll_time_left_ms(deadline_us);
@@ -128,7 +128,7 @@ comm_socket_v4_error send_all(comm_socket_v4_connection* connection, const std::
         } else if (comm_socket::would_block(errno)) {
             const comm_socket_v4_error error = wait_for(connection->fd, POLLOUT, patience->deadline_us());
             if (error != COMM_SOCKET_V4_OK) {
-                connection->failure = COMM_SOCKET_V4_CLOSED;  // part of a frame was sent: nothing can follow
+                connection->failure = COMM_SOCKET_V4_CLOSED;  // a partial frame may have been sent
                 return error;
             }
         } else if (errno == EPIPE || errno == ECONNRESET) {

@@ -74,8 +74,9 @@ struct comm_socket_v4 {
     bool is_turn_of_left = false;
     bool has_served_connected = false;  // since the last idle
     bool begins_with_latest = false;    // the next turn of a connected client goes to the latest one
-    bool began_with_latest = false;     // the same at the last service's first turn of a connected client
-    std::uint64_t turns = 0;            // turns given by idle so far
+    // whether the last service that served a connected client began with the latest one
+    bool began_with_latest = false;
+    std::uint64_t turns = 0;  // turns given by idle so far
 
     comm_socket::HeldRequests held;
     std::size_t handed_out = 0;          // since the last idle
@@ -101,7 +102,8 @@ bool is_listening(int fd) {
     return fd >= 0 && getsockopt(fd, SOL_SOCKET, SO_ACCEPTCONN, &accepts, &length) == 0 && accepts != 0;
 }
 
-// Returns a listening socket at address. On failure returns -1 with errno, and the path is not this server's.
+// Returns a listening socket at address. On failure returns -1 with errno set and leaves no socket of this
+// server at the path.
 int listen_at(const sockaddr_un& address, struct stat* identity) {
     const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     if (fd < 0) {
@@ -201,7 +203,7 @@ void serve_client(comm_socket_v4_client* client, std::uint64_t stall_limit_us, s
     }
 }
 
-// Begins with the client whose last turn is longest ago, so clients that got no budget in one call come
+// Begins with the client whose last turn was longest ago, so clients that got no budget in one call come
 // first in the next.
 void serve_clients(comm_socket_v4* server, std::uint64_t stall_limit_us, std::size_t* read_budget,
                    std::size_t* write_budget) {

@@ -46,7 +46,7 @@ struct SharedPart {
     std::size_t pair_idx;
     std::size_t offset;  // in pairs[pair_idx].second, which holds the bytes before and after
     std::string_view bytes;
-    std::shared_ptr<void> owner;  // keeps the bytes
+    std::shared_ptr<void> owner;  // keeps the bytes alive
 };
 struct FrameText {
     std::string command;

@@ -5,7 +5,8 @@
 
 #include "core/connection.h"
 
-// A line in three parts. The stream name may have a megabyte and is shared with the connection, not copied.
+// A line in three parts. The stream name may be a megabyte long, so it is shared with the connection,
+// not copied.
 struct ConnectionLine {
     std::string before_name;
     SharedText stream_name;

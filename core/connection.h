@@ -3,7 +3,7 @@
 // 1. The main thread creates, services and frees connections. Each connection has its own reader thread and
 //    writer thread. They end by themselves or by cancellation, and the main thread joins them.
 // 2. `mutex` guards only the two queues and the number of messages in the writer thread's last batch. The
-//    connection's own threads do not print, sleep or call a socket while holding it.
+//    connection's own threads do not print, sleep or use a socket while holding it.
 // 3. Only the main thread holds two of these mutexes: the publisher's, then one player's.
 // 4. Other connections are identified by slot index, never by pointer. Nothing outside points
 //    into a connection.

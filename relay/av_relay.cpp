@@ -56,8 +56,8 @@ void save_sequence_header(RTMPConnection& publisher, const MediaKind& kind,
     dump_packet(pkt);
 }
 
-// Whether the player may get the message. Drops the player if the publisher now sends another codec than the
-// player was given.
+// Whether the player may get the message. Drops the player if the publisher's codec is no longer the one that
+// the player was given.
 bool agree_with_publisher(RTMPConnection& player, const RTMPConnection& publisher,
                           const MediaKind& kind) ON_MAIN_THREAD {
     if (agree_on_codec((player.*kind.track).lock_type, (publisher.*kind.track).lock_type)) {

@@ -24,7 +24,7 @@ enum class CodecLock {
 // Checks a player's lock: the player adopts the publisher's lock once. Returns false if the two differ.
 [[nodiscard]] bool agree_on_codec(std::int32_t& player_lock_type, std::int32_t publisher_lock_type);
 
-// The four bytes of a codec id as text, up to the first zero byte. This is a FourCC, or unreadable for
+// The four bytes of a codec id as text, up to the first zero byte. This is a FourCC, or empty for
 // small numbers.
 struct FourCcText {
     char text[5];

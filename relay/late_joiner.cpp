@@ -13,8 +13,8 @@ void repeat_header(RTMPConnection& player, const RTMP_Packet& saved, const char*
     RTMP_Packet copy;
     copy.copy_header_from(saved);
     copy.chunk.timestamp = output_timestamp;
-    // If memory or the lock fails, the player gets no header; its picture begins with the
-    // publisher's next one.
+    // If there is no memory or the lock fails, the player gets no header and has to wait for the publisher's
+    // next header.
     if (saved.chunk.message.copy_to(copy.chunk.message)) {
         static_cast<void>(queue_outgoing(player, std::move(copy)));
     }

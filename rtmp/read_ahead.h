@@ -1,6 +1,6 @@
 // Buffers bytes that one recv returned beyond those requested. Reader thread.
 //
-// Without it, each chunk takes three system calls, and clients send chunks of 128 bytes.
+// Without it, each chunk takes two or three system calls, and clients send chunks of 128 bytes.
 #pragma once
 
 #include <array>

@@ -2,7 +2,7 @@
 // connection_close ends them.
 //
 // Both are stopped by deferred cancellation, so they may end in any blocking call or print. The following
-// rules therefore apply to these threads. Never print, sleep or call a socket between lock and unlock. Use
+// rules therefore apply to these threads. Never print, sleep or use a socket between lock and unlock. Use
 // neither noexcept nor catch-all on a path with a cancellation point. No destructor may print, sleep or
 // close. A payload under construction is kept in the connection, never in a local variable across a
 // cancellation point.

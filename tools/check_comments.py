@@ -4,8 +4,8 @@
     tools/check_comments.py [--write] [ROOT]
 
 Finds comment lines over 110 columns, and paragraphs whose last line is a single word although other line breaks
-avoid that. --write breaks such paragraphs into lines again; a comment after code has to be shortened by hand. Exits
-1 if anything is left.
+would avoid it. --write breaks such paragraphs into lines again; a comment after code has to be shortened by hand.
+Exits 1 if anything is left.
 
 A paragraph is a run of lines that hold only a comment, with slashes or with stars, and begin in the same column. An
 empty line, a list item and a mark like NOLINT end it. Lines that are indented further, like a picture or an example,

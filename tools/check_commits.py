@@ -3,7 +3,8 @@
 
     tools/check_commits.py [ROOT]
 
-A clone without history has nothing to check, and a shallow one only its own commits; both pass.
+In a clone without history there is nothing to check, and the check passes. In a shallow clone, only the commits that
+are present are checked.
 """
 import pathlib
 import subprocess
@@ -53,7 +54,7 @@ def problems_of(root, commit):
         problems.append("the subject does not say what the system now does")
     is_merge = len(parents.split()) > 1
     if not body.strip() and not is_merge and changed_lines(root, commit) > TRIVIAL_LINES:
-        problems.append(f"no body gives the reason, and the commit changes more than {TRIVIAL_LINES} lines")
+        problems.append(f"the commit changes more than {TRIVIAL_LINES} lines, but has no body that gives the reason")
     return [f"{commit[:10]} {subject}\n    {problem}" for problem in problems]
 
 

@@ -98,7 +98,7 @@ def dead_rules(includes, rules):
     for patterns, targets in rules:
         for pattern in patterns:
             if not any(fnmatch.fnmatchcase(name, pattern) for name in rest):
-                yield f"the rule for {pattern} is for no file"
+                yield f"the rule for {pattern} matches no file"
         row = {name for name in rest if matches(name, patterns)}
         rest -= row
         used = {target for name in row for _, target in includes[name]}

@@ -99,7 +99,7 @@ class Sources:
             elif kind == "word" and text == "CHECK" and after == "(":
                 self.assertions[" ".join(balanced(source, found[position + 1][2]).split())] = where
             elif kind == "word" and OTHER_PRINTERS.fullmatch(text) and name not in MAY_PRINT:
-                self.wrong.append(f"{where}: {text} prints beside base/diag")
+                self.wrong.append(f"{where}: {text} prints without base/diag")
 
     def add_literal(self, name, where, text, before):
         printer = before[0] if len(before) == 2 and before[1] == "(" and before[0] in PRINTERS else None

@@ -3,8 +3,8 @@
 
     tools/check_used_includes.py [FILE.cpp]...
 
-Without files, it checks every source and header of the daemon and of the control library. The tool is left out, because
-the checker asks for the internal headers of the libraries that the tool uses.
+Without files, it checks every source and header of the daemon and of the control library. v9_rtmp_ctl is left out,
+because include-what-you-use asks for the internal headers of the libraries that v9_rtmp_ctl uses.
 """
 import concurrent.futures
 import os
@@ -62,7 +62,7 @@ def output_for(source):
 
 
 def stands_alone(path):
-    """Whether a file is read by itself: a source, or a header that no source of the same name brings along."""
+    """Whether a file is checked by itself: a source, or a header without a source of the same name."""
     return path.suffix == ".cpp" or path.suffix == ".h" and not path.with_suffix(".cpp").exists()
 
 

@@ -41,7 +41,7 @@ GROUPS = [
     ("Streams and the relay",
      "Which connection publishes, which ones play, and the messages and timestamps that each player receives.",
      ["relay/*", "e2e/relay_*", "e2e/registry_*", "e2e/unread_player_*", "model/*"]),
-    ("Control socket", "Requests of other programs on the machine, and the library that carries them.",
+    ("Control socket", "Requests from other programs on the machine, and the library that carries them.",
      ["control/*", "comm_socket/*", "e2e/control_*"]),
     ("v9_rtmp_ctl", "The tool for operators.", ["tools/*", "e2e/ctl_*"]),
     ("Hostile clients", "Clients that send invalid or excessive data, or nothing.",

@@ -93,7 +93,7 @@ def parse(page, text):
         elif mark := MARK.match(line):
             marks[mark[1]] = mark[2]
             if mark[1] in VALUES and mark[2] not in VALUES[mark[1]]:
-                errors.append(f"{page}:{number}: '{mark[1]}' does not know '{mark[2]}'")
+                errors.append(f"{page}:{number}: '{mark[2]}' is not a value of '{mark[1]}'")
         else:
             if marks:
                 errors.append(f"{page}:{number}: the mark on an earlier line is not followed by a block")
@@ -226,7 +226,7 @@ def run_in_terminal(example, command, machine):
     why = None
     if not has_ended():
         if not done:
-            why = f"not within {limit_s} s: {until or says or 'its end'}"
+            why = f"did not happen within {limit_s} s: {until or says or 'its end'}"
         # Twice, because ffmpeg continues to wait after the first.
         for number in (signal.SIGINT, signal.SIGINT, signal.SIGKILL):
             end_group(process, number)

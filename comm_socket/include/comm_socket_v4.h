@@ -94,8 +94,8 @@ extern "C" {
  * only one request is handed out between two calls of comm_socket_v4_idle, from a client with no
  * waiting replies.
  *
- * The total is therefore bounded by this limit, the reply that exceeds it, and one reply for each client. If
- * the clients read nothing at all, it is bounded by this limit and the replies made during
+ * The total is therefore at most the sum of this limit, the reply that exceeds it, and one reply for each
+ * client. If the clients read nothing at all, it is at most this limit plus the replies made during
  * COMM_SOCKET_V4_CROWD_TIMEOUT_US: 12 replies if comm_socket_v4_idle is called every 100 ms. */
 #define COMM_SOCKET_V4_MAX_TOTAL_WAITING_BYTES 67108864u
 
@@ -166,8 +166,8 @@ int comm_socket_v4_packet_write_argv_bytes(comm_socket_v4_packet* packet, const 
 int comm_socket_v4_packet_write_nv_pair(comm_socket_v4_packet* packet, const char* name, const char* value);
 int comm_socket_v4_packet_write_nv_pair_bytes(comm_socket_v4_packet* packet, const void* name,
                                               size_t name_length, const void* value, size_t value_length);
-/* Appends a pair with the value before, shared and after, joined. Long shared bytes are not copied, which
- * saves time and memory; they must not change until release(owner) is called. It is called once, on the
+/* Appends a pair whose value consists of before, shared and after, joined. Long shared bytes are not copied,
+ * which saves time and memory; they must not change until release(owner) is called. It is called once, on the
  * thread that uses the packet or its server: when the packet has been released and every reply made from it
  * has been sent or discarded, or before this call returns if it fails. release must not be null (EINVAL),
  * call the library or change errno. */
@@ -267,9 +267,9 @@ comm_socket_v4_client* comm_socket_v4_accept_connection(comm_socket_v4* server);
  * this at least as often as comm_socket_v4_accept_connection.
  *
  * A client that only comm_socket_v4_server_get_packet returned need not be freed. It is valid, connected or
- * not, until its last request is released and then until the next comm_socket_v4_idle. The caller has nothing
- * to do for clients that connect, send requests and disconnect between two services, however
- * many they are. */
+ * not, until its last request is released and then until the next comm_socket_v4_idle. The caller has
+ * nothing to do for clients that connect, send requests and disconnect between two services, however many
+ * there are. */
 comm_socket_v4_client* comm_socket_v4_get_disconnected_client(comm_socket_v4* server);
 
 /* Frees a client and disconnects it first if it is connected. Its requests that the caller still holds
@@ -380,8 +380,8 @@ comm_socket_v4_error comm_socket_v4_wait_reply(comm_socket_v4_connection* connec
 
 /* Waits for a reply with two limits: returns TIMEOUT if no byte of the reply has arrived for silence_us, or
  * after total_us in all. The silence begins with the call and restarts with each byte of the reply. Bytes
- * count once the frame is known to be the reply to request_id, which is after its first 20 bytes, up to the
- * id. Bytes of other frames do not count, so earlier replies that are still arriving do not extend
+ * count once the frame is known to be the reply to request_id, which is after its first 20 bytes: these end
+ * with the id. Bytes of other frames do not count, so earlier replies that are still arriving do not extend
  * the silence. */
 comm_socket_v4_error comm_socket_v4_wait_reply_within(comm_socket_v4_connection* connection,
                                                       uint64_t request_id, uint64_t silence_us,

@@ -72,12 +72,12 @@ class CommitMessages(unittest.TestCase):
 
     def test_a_change_of_11_lines_without_a_body_is_refused(self):
         self.commit("a change", lines=11)
-        self.assert_refused("a change\n", "no body gives the reason")
+        self.assert_refused("a change\n", "has no body that gives the reason")
 
     def test_a_binary_file_without_a_body_is_refused(self):
         (self.root / "picture").write_bytes(b"\0\1\2")
         self.commit("a picture", lines=0)
-        self.assert_refused("no body gives the reason")
+        self.assert_refused("has no body that gives the reason")
 
     def test_a_merge_needs_no_body_but_what_it_merges_does(self):
         self.git("checkout", "-q", "-b", "branch")

@@ -42,7 +42,7 @@ class CheckCoverage(unittest.TestCase):
         files = [file("base/a.cpp", 969), file("amf/b.cpp", 970)]
         status, errors = self.check(files, "| `base/a.cpp` | 31 | x |\n| `amf/b.cpp` | 30 | x |")
         self.assertEqual(status, 1)
-        self.assertIn("96.95 % of all lines run", errors)
+        self.assertIn("96.95 % of all lines are run", errors)
         files[0]["line_covered"] = 970
         self.assertEqual(self.check(files, "| `base/a.cpp` | 30 | x |\n| `amf/b.cpp` | 30 | x |"), (0, ""))
 
@@ -50,13 +50,13 @@ class CheckCoverage(unittest.TestCase):
         self.assertEqual(self.check([file("base/a.cpp", branch_covered=90)]), (0, ""))
         status, errors = self.check([file("base/a.cpp", branch_covered=89)])
         self.assertEqual(status, 1)
-        self.assertIn("89.00 % of all branches run", errors)
+        self.assertIn("89.00 % of all branches are taken", errors)
 
     def test_the_lines_of_a_folder_have_a_limit_of_their_own(self):
         files = [file("base/a.cpp", 949), file("amf/b.cpp"), file("amf/c.cpp"), file("amf/d.cpp")]
         status, errors = self.check(files, "| `base/a.cpp` | 51 | x |")
         self.assertEqual(status, 1)
-        self.assertEqual(errors, "coverage: 94.90 % of the lines in base/ run, 95.0 % have to\n")
+        self.assertEqual(errors, "coverage: 94.90 % of the lines in base/ are run, at least 95.0 % must be\n")
 
     def test_lines_that_no_test_runs_need_a_reason(self):
         status, errors = self.check([file("base/a.cpp", 998)], "| `base/b.cpp` | 2 | x |")

@@ -45,7 +45,7 @@ class Includes(unittest.TestCase):
                           "tests/e2e/relay_test.cpp -> tests/support/client.h -> tests/bytes.h -> base/diag.h"])
 
     def test_a_rule_for_no_file_is_found(self):
-        self.assertEqual(self.check(rules=[(["base/gone.h"], [])]), ["the rule for base/gone.h is for no file"])
+        self.assertEqual(self.check(rules=[(["base/gone.h"], [])]), ["the rule for base/gone.h matches no file"])
 
     def test_a_permission_that_is_not_used_is_found(self):
         self.assertEqual(self.check({"bench/load.cpp": ""}, rules=[(["bench/*"], ["base/*"])]),

@@ -96,7 +96,7 @@ class CheckMessages(unittest.TestCase):
 
     def test_a_print_beside_the_one_place_for_it_is_found(self):
         self.change("app/dispatch.cpp", "namespace {", 'namespace {\nvoid f() {\n    std::printf("x");\n}')
-        self.expect_difference("printf prints beside base/diag")
+        self.expect_difference("printf prints without base/diag")
 
     def test_a_text_that_is_on_the_page_twice_is_found(self):
         self.change(CHECK.PAGE, "## Handshake", "| `RTMP begin` | Again. | Nothing |\n\n## Handshake")

@@ -79,9 +79,10 @@ TEST(ctl_check, without_a_server_is_critical) {
     EXPECT_EQ(run.end, (ProgramEnd{CRITICAL, 0}));
     EXPECT_THAT(
         run.out,
-        AllOf(HasSubstr("critical: control socket: there is no socket at "),
-              HasSubstr("critical: RTMP: 127.0.0.1:1935: it accepts no connection (Connection refused)"),
-              Not(HasSubstr("ok: "))));
+        AllOf(
+            HasSubstr("critical: control socket: there is no socket at "),
+            HasSubstr("critical: RTMP: 127.0.0.1:1935: it does not accept connections (Connection refused)"),
+            Not(HasSubstr("ok: "))));
 }
 
 TEST(ctl_check, a_server_that_does_not_answer_is_critical) {

@@ -318,7 +318,7 @@ TEST(ctl, drop_id_drops_the_connection_and_prints_its_stream) {
     RtmpClient publisher = publishing_client("cam1");
     RtmpClient player = playing_client("cam1");
     const ProgramRun wrong_name = run_tool({"drop", "id", "0", "--stream", "cam2"});
-    expect_failure(wrong_name, NEGATIVE_ANSWER, "connection 0 is not of stream 'cam2' and was kept");
+    expect_failure(wrong_name, NEGATIVE_ANSWER, "connection 0 does not belong to stream 'cam2' and was kept");
     expect_served(publisher);
     const ProgramRun run = run_tool({"drop", "id", "0"});
     expect_done(run);

@@ -271,7 +271,7 @@ TEST_F(ctl_watch_test, a_selected_stream_is_dropped_after_a_yes) {
     watch.type("\t" + END_KEY);
     (void)watch.wait_for_row(">cam1 .*");
     watch.type("d");
-    (void)watch.wait_for_text("Drop all of stream 'cam1', 3 connections? [y/N]");
+    (void)watch.wait_for_text("Drop all 3 connections of stream 'cam1'? [y/N]");
     watch.type("y");
     (void)watch.wait_for_text("Dropped 3 connections of stream 'cam1'.");
     (void)watch.wait_for_text("1 of 128 slots used");

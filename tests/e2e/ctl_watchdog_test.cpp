@@ -130,9 +130,9 @@ TEST_F(watchdog, a_player_that_never_reads_is_dropped_and_the_others_are_not_aff
     LivePair live(fast_stream());
     RtmpClient stuck = playing_client("live", small_buffer());
     Watchdog dog(with(ALL_OFF, {"--stalled", "2"}));
-    EXPECT_THAT(
-        dog.line_about(stuck),
-        EndsWith(dropped("stalled", "it has taken nothing for 2 s while other players of the stream did")));
+    EXPECT_THAT(dog.line_about(stuck),
+                EndsWith(dropped(
+                    "stalled", "it has taken nothing for 2 s while other players of the stream took data")));
     server.wait_for_line("Connection for play unsubscribed from 'live'");
     live.wait_for_more(10);
     live.finish();
@@ -225,9 +225,8 @@ TEST_F(watchdog, clients_without_a_stream_name_are_dropped) {
         const std::string line = dog.line_about(*client);
         EXPECT_THAT(line, StartsWith("dropped "));
         EXPECT_THAT(
-            line,
-            EndsWith(": unnamed: it has had no stream name for 2 s; no name guards such a drop, only the "
-                     "id (misses so far: 0)"));
+            line, EndsWith(": unnamed: it has had no stream name for 2 s; such a drop is guarded only by the "
+                           "id, not by a name (misses so far: 0)"));
     }
     server.wait_for_thread_count(THREADS_AT_REST + 2);
     EXPECT_THAT(dog.lines(), SizeIs(3));
@@ -508,6 +507,7 @@ TEST_F(watchdog, it_continues_when_its_state_cannot_be_saved) {
     EXPECT_THAT(dog.line_about(unnamed), HasSubstr(": unnamed: "));
     dog.stop();
     ASSERT_THAT(dog.err().lines_since(), SizeIs(1));
-    EXPECT_THAT(dog.err().lines_since()[0],
-                StartsWith("v9_rtmp_ctl: warning: no state can be saved in /run/watchdog (Not a directory)"));
+    EXPECT_THAT(
+        dog.err().lines_since()[0],
+        StartsWith("v9_rtmp_ctl: warning: the state cannot be saved in /run/watchdog (Not a directory)"));
 }

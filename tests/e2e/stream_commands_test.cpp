@@ -260,7 +260,7 @@ TEST(publish, the_type_and_the_name_may_be_long_strings) {
     server.wait_for_line("Connection is publishing 'cam1'");
 }
 
-TEST(publish, a_name_that_is_no_string_is_the_empty_name) {
+TEST(publish, a_name_that_is_not_a_string_is_the_empty_name) {
     ServerProcess server;
     for (const Bytes& name : {amf_null(), amf_number(4), amf_object({})}) {
         RtmpClient client = connected_client();

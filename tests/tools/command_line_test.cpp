@@ -158,7 +158,7 @@ TEST(command_line, an_error_says_what_to_do) {
         const char* advice;
     };
     const Row rows[] = {
-        {{}, "'v9_rtmp_ctl help' has all commands"},
+        {{}, "'v9_rtmp_ctl help' shows all commands"},
         {{"drop"}, "'drop stream cam1', 'drop address 203.0.113.0/24'"},
         {{"drop", "id"}, "'drop id' needs an argument: ID. Try 'v9_rtmp_ctl help drop id'."},
         {{"strems"}, "there is no command 'strems'. Did you mean 'streams'?"},
@@ -166,7 +166,8 @@ TEST(command_line, an_error_says_what_to_do) {
         {{"bogus"}, "there is no command 'bogus'. Try"},
         {{"list", "--strem", "x"}, "'list' has no option '--strem'. Did you mean '--stream'?"},
         {{"list", "--modes=x"}, "Did you mean '--mode'?"},
-        {{"list", "one", "two", "three"}, "'list' takes no 'one' 'two' 'three'."},
+        {{"list", "one"}, "'list' does not take 'one'. Omit it. Try 'v9_rtmp_ctl help list'."},
+        {{"list", "one", "two", "three"}, "'list' does not take 'one' 'two' 'three'. Omit them. Try"},
         {{"--timeout", "0", "hello"}, "'0' is not a number of seconds from 0.001 to 86400."},
         {{"watch", "--interval", "0"}, "'0' is not a number of seconds from 0.1 to 86400."},
         {{"list", "--mode", "all"}, "'all' is not one of publish, play, none."},

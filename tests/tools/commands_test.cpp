@@ -276,8 +276,8 @@ TEST_F(commands_test, drop_id_names_the_client_it_dropped_when_the_slot_got_anot
     EXPECT_EQ(outcome.exit_code, 6);
     EXPECT_EQ(outcome.out, "");
     EXPECT_THAT(outcome.err,
-                HasSubstr("another client was dropped: id 3 was play of 'cam1' from 10.0.0.2:2 when it "
-                          "was looked up, and play of 'cam1' from 10.0.0.9:9 when it was dropped."));
+                HasSubstr("another client was dropped. Id 3 when it was looked up: play of 'cam1' from "
+                          "10.0.0.2:2; when it was dropped: play of 'cam1' from 10.0.0.9:9."));
 }
 
 TEST_F(commands_test, drop_id_warns_that_it_may_have_dropped_another_client) {
@@ -288,9 +288,10 @@ TEST_F(commands_test, drop_id_warns_that_it_may_have_dropped_another_client) {
     EXPECT_EQ(outcome.exit_code, 6);
     EXPECT_EQ(outcome.out,
               "{\"dropped\":0,\"dry_run\":false,\"message\":\"OK\",\"ids\":[],\"uncertain\":[9]}\n");
-    EXPECT_THAT(outcome.err,
-                HasSubstr("it is not certain which one that was: before the drop the id was without a "
-                          "stream from 10.0.0.3:3, after it without a stream from 10.0.0.9:9."));
+    EXPECT_THAT(
+        outcome.err,
+        HasSubstr("a client was dropped, but it is not certain which one. Id 9 before the drop: without "
+                  "a stream from 10.0.0.3:3; after it: without a stream from 10.0.0.9:9."));
 }
 
 TEST_F(commands_test, the_watchdog_counts_a_drop_as_a_miss_when_the_slot_got_another_client) {
@@ -386,7 +387,7 @@ TEST_F(commands_test, a_dry_run_of_ids_shows_them_and_drops_nothing) {
     EXPECT_EQ(outcome.exit_code, 1);
     options.ids = {"3"};
     options.expected_stream = "cam2";
-    EXPECT_THAT(drop_id(options).err, HasSubstr("connection 3 is not of stream 'cam2'"));
+    EXPECT_THAT(drop_id(options).err, HasSubstr("connection 3 does not belong to stream 'cam2'"));
     EXPECT_THAT(other_requests(), IsEmpty());
 }
 
@@ -498,6 +499,18 @@ TEST_F(commands_test, the_empty_name_is_dropped_only_as_unnamed) {
     options.force = true;
     EXPECT_EQ(outcome_of([&] { return run_drop_unnamed(settings, options); }).out, "dropped 1 connection\n");
     EXPECT_THAT(other_requests()[0].arguments, ElementsAre(""));
+}
+
+TEST_F(commands_test, drop_unnamed_says_whether_one_address_or_several_match_nothing) {
+    DropOptions options;
+    options.force = true;
+    options.selection.addresses = {*parse_address_range("10.0.0.1")};
+    EXPECT_THAT(outcome_of([&] { return run_drop_unnamed(settings, options); }).err,
+                HasSubstr("no connection from this address is without a stream."));
+    options.selection.addresses = {*parse_address_range("10.0.0.0/30")};
+    lines = {CAM1_PLAYER};
+    EXPECT_THAT(outcome_of([&] { return run_drop_unnamed(settings, options); }).err,
+                HasSubstr("no connection from these addresses is without a stream."));
 }
 
 TEST_F(commands_test, every_completion_script_is_printed) {

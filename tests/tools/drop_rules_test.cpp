@@ -79,9 +79,9 @@ TEST(drop_rules, a_client_that_has_since_chosen_a_stream_is_still_the_same_clien
     EXPECT_EQ(failure->exit_code, ExitCode::ANOTHER_CLIENT);
     EXPECT_THAT(
         failure->message,
-        testing::StartsWith("the client was dropped, but had changed its stream before that: id 5 was "
-                            "without a stream from 10.0.0.1:1 when it was looked up, and publish of "
-                            "'cam1' from 10.0.0.1:1 when it was dropped."));
+        testing::StartsWith("the client was dropped, but had changed its stream before that. Id 5 when it "
+                            "was looked up: without a stream from 10.0.0.1:1; when it was dropped: "
+                            "publish of 'cam1' from 10.0.0.1:1."));
 }
 
 TEST(drop_rules, only_what_both_listings_agree_on_is_certain) {
@@ -98,14 +98,14 @@ TEST(drop_rules, only_what_both_listings_agree_on_is_certain) {
     const Row rows[] = {
         {meant, {meant}, {meant}, ""},
         {std::nullopt, {other}, {other}, ""},
-        {meant, {other}, {other}, "another client was dropped: id 5 was play of 'cam1' from 10.0.0.1:1 when"},
         {meant,
-         {meant},
          {other},
-         "before the drop the id was play of 'cam1' from 10.0.0.1:1, after it play of"},
-        {meant, {meant}, {renamed}, "after it play of 'demo' from 10.0.0.1:1"},
-        {meant, {meant}, {}, "after it free"},
-        {meant, {}, {other}, "before the drop the id was free"},
+         {other},
+         "another client was dropped. Id 5 when it was looked up: play of 'cam1' from 10.0.0.1:1; when"},
+        {meant, {meant}, {other}, "Id 5 before the drop: play of 'cam1' from 10.0.0.1:1; after it: play of"},
+        {meant, {meant}, {renamed}, "after it: play of 'demo' from 10.0.0.1:1"},
+        {meant, {meant}, {}, "after it: free."},
+        {meant, {}, {other}, "before the drop: free;"},
         {meant, {unknown}, {unknown}, "from an unknown address"},
     };
     for (const Row& row : rows) {

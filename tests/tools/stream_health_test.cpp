@@ -68,7 +68,7 @@ TEST_F(health_test, a_player_that_reads_slowly_is_behind_the_foremost) {
     EXPECT_LE(of(2).behind_us, 20 * ONE_SECOND_US);
 }
 
-TEST_F(health_test, a_player_that_reads_slowly_is_behind_also_when_it_keeps_up_with_a_publisher_that_waits) {
+TEST_F(health_test, a_player_that_reads_slowly_is_behind_even_when_it_keeps_up_with_a_publisher_that_waits) {
     seconds(40, [](std::uint64_t s) {
         std::vector connections{observed_publisher(0, "cam1", 1000 * s), observed_player(1, "cam1", 1000 * s),
                                 observed_player(2, "cam1", 500 * s)};

@@ -235,7 +235,10 @@ TEST(watch_frame, the_footer_shows_questions_and_notices) {
               "Drop connection 12, publish 'cam1', 10.0.0.9:5009? It may be the one relayed. [y/N]");
     model.drop_candidate.reset();
     model.drop_stream = "cam1";
-    EXPECT_EQ(frame(model, 80, 24)[23], "Drop all of stream 'cam1', 3 connections? [y/N]");
+    EXPECT_EQ(frame(model, 80, 24)[23], "Drop all 3 connections of stream 'cam1'? [y/N]");
+    model.listing.connections[2].stream = "cam2";
+    model.drop_stream = "cam2";
+    EXPECT_EQ(frame(model, 80, 24)[23], "Drop the only connection of stream 'cam2'? [y/N]");
     model.mode = WatchMode::FILTER;
     model.filter = "ca";
     EXPECT_THAT(frame(model, 80, 24)[23], StartsWith("filter: ca_"));

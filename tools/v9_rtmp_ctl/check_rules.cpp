@@ -134,8 +134,8 @@ Finding judge_thread_limit(const std::optional<std::string>& limits,
 Finding judge_memory_limit(bool is_known, const std::optional<std::string>& memory_max) {
     if (!is_known) {
         return {Level::UNKNOWN, "memory limit",
-                "only control groups of version 2 show it, and none is visible here. Ask systemctl show -p "
-                "MemoryMax."};
+                "only control groups of version 2 show it, and none is visible here. Run 'systemctl show -p "
+                "MemoryMax' on the server's unit."};
     }
     const std::optional<std::uint64_t> limit = read_limit(memory_max);
     if (!limit) {
@@ -214,7 +214,7 @@ Finding judge_kernel(const std::optional<std::uint64_t>& somaxconn,
     }
     if (!somaxconn || !threads_max || !overcommit) {
         return {Level::UNKNOWN, "kernel",
-                "/proc/sys does not show its settings. Run it outside of this container."};
+                "/proc/sys does not show its settings. Run this outside of the container."};
     }
     return {Level::OK, "kernel", "kernel settings are sufficient"};
 }

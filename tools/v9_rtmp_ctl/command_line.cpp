@@ -26,7 +26,7 @@ std::size_t skip_options(const std::vector<std::string>& words, std::size_t idx)
     return std::min(idx, words.size());
 }
 
-// Whether a counter grows steadily can be seen only over several looks.
+// Several listings are needed to see whether a counter grows steadily.
 constexpr double LOOKS_PER_LIMIT = 4;
 
 std::optional<Failure> check_combinations(const CommandLine& line, bool has_request) {

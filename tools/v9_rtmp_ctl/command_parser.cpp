@@ -198,7 +198,8 @@ CLI::App* CommandParser::add(CLI::App& parent, const std::string& name, Subcomma
     CLI::App* const command = parent.add_subcommand(name, text);
     command->fallthrough();
     command->footer(
-        "\n'v9_rtmp_ctl help' has the options that every command takes, v9_rtmp_ctl(1) the rest.");
+        "\nSee 'v9_rtmp_ctl help' for the options that every command takes, and v9_rtmp_ctl(1) for the "
+        "rest.");
     if (subcommand != Subcommand::NONE) {
         command->callback([this, subcommand] { line.subcommand = subcommand; });
     }
@@ -316,7 +317,7 @@ void CommandParser::add_drop() {
 
 void CommandParser::add_watch() {
     CLI::App* const watch = add("watch", Subcommand::WATCH, "Show streams and connections live");
-    watch->add_option("--interval", line.watch.interval_seconds, "Time between two looks")
+    watch->add_option("--interval", line.watch.interval_seconds, "Time between two listings")
         ->capture_default_str()
         ->type_name("SECONDS")
         ->check(seconds(MIN_INTERVAL_SECONDS));
@@ -346,7 +347,7 @@ void CommandParser::add_events() {
     CLI::App* const events =
         add("events", Subcommand::EVENTS,
             "Print a line when a client connects, publishes, plays, takes over or leaves");
-    events->add_option("--interval", line.events.interval_seconds, "Time between two looks")
+    events->add_option("--interval", line.events.interval_seconds, "Time between two listings")
         ->capture_default_str()
         ->type_name("SECONDS")
         ->check(seconds(MIN_INTERVAL_SECONDS));

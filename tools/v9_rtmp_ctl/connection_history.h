@@ -98,8 +98,8 @@ class ConnectionHistory {
     //   {"version":1,"boot":"...","now_us":N,"attended_us":N,"settled":N,"clients":[...],"streams":[...]}
     [[nodiscard]] std::string to_json(const std::string& boot) const;
 
-    // Restores the output of to_json. After another boot only the streams' counters are restored. False, and
-    // nothing has changed, if the text is not valid.
+    // Restores the output of to_json. After another boot only the streams' counters are restored. Returns
+    // false and changes nothing if the text is not valid.
     [[nodiscard]] bool restore(std::string_view json, const std::string& boot);
 
   private:
@@ -137,8 +137,8 @@ class ConnectionHistory {
 [[nodiscard]] std::optional<std::uint64_t> gained_beside(const ClientRecord& client,
                                                          const ClientRecord& other);
 
-// The same at an earlier attended time, from the newest sample that is not later. 0 if both had not yet
-// settled then.
+// The same at an earlier attended time, from the newest sample that is not later. 0 if they had not both
+// settled by then.
 [[nodiscard]] std::optional<std::uint64_t> gained_beside_until(const ClientRecord& client,
                                                                const ClientRecord& other,
                                                                std::uint64_t attended_us);

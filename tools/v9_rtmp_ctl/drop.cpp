@@ -151,6 +151,6 @@ ExitCode run_drop_id(const Settings& settings, const DropOptions& options) {
 
 ExitCode run_drop_address(const Settings& settings, const DropOptions& options) {
     return drop_by_selection(
-        settings, options, "from there",
+        settings, options, addresses_text(options.selection),
         {ExitCode::NEGATIVE_ANSWER, "no connection matches. 'v9_rtmp_ctl list' shows the addresses."});
 }

@@ -4,8 +4,11 @@
 #include <comm_socket_v4.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <optional>
 #include <set>
+#include <string>
+#include <vector>
 
 #include "tools/v9_rtmp_ctl/drop_output.h"
 #include "tools/v9_rtmp_ctl/drop_rules.h"
@@ -91,6 +94,11 @@ ExitCode report_unmatched(const Selection& selection, const std::vector<Connecti
 
 }  // namespace
 
+std::string addresses_text(const Selection& selection) {
+    const std::vector<AddressRange>& ranges = selection.addresses;
+    return ranges.size() == 1 && ranges[0].mask == UINT32_MAX ? "from this address" : "from these addresses";
+}
+
 ExitCode drop_by_selection(const Settings& settings, const DropOptions& options, const std::string& whose,
                            const Failure& nothing_matched) {
     ControlClient client(settings.socket_path, settings.timeout_us());
@@ -150,10 +158,10 @@ ExitCode run_drop_stream(const Settings& settings, const DropOptions& options) {
 ExitCode run_drop_unnamed(const Settings& settings, const DropOptions& options) {
     DropOptions unnamed = options;
     unnamed.selection.streams = {""};
-    return drop_by_selection(
-        settings, unnamed, "without a stream",
-        {ExitCode::NEGATIVE_ANSWER,
-         options.selection.addresses.empty()
-             ? "every connection has chosen a stream. 'v9_rtmp_ctl list' shows them."
-             : "no connection from there is without a stream. 'v9_rtmp_ctl list' shows them all."});
+    return drop_by_selection(settings, unnamed, "without a stream",
+                             {ExitCode::NEGATIVE_ANSWER,
+                              options.selection.addresses.empty()
+                                  ? "every connection has chosen a stream. 'v9_rtmp_ctl list' shows them."
+                                  : "no connection " + addresses_text(options.selection) +
+                                        " is without a stream. 'v9_rtmp_ctl list' shows them all."});
 }

@@ -80,10 +80,9 @@ std::optional<Failure> judge_drop(const DropTarget& target, const Reply& reply, 
     const std::string advice = " Look at 'v9_rtmp_ctl list'.";
     if (earlier == nullptr || later == nullptr || !is_same_client(*earlier, *later)) {
         return Failure{ExitCode::ANOTHER_CLIENT,
-                       "the client with id " + id +
-                           " was dropped, and it is not certain which one that was: "
-                           "before the drop the id was " +
-                           describe(earlier) + ", after it " + describe(later) + "." + advice};
+                       "a client was dropped, but it is not certain which one. Id " + id +
+                           " before the drop: " + describe(earlier) + "; after it: " + describe(later) + "." +
+                           advice};
     }
     if (target.expected && !is_same_client(*target.expected, *earlier)) {
         const bool has_only_moved_on =
@@ -92,8 +91,8 @@ std::optional<Failure> judge_drop(const DropTarget& target, const Reply& reply, 
             ExitCode::ANOTHER_CLIENT,
             std::string(has_only_moved_on ? "the client was dropped, but had changed its stream before that"
                                           : "another client was dropped") +
-                ": id " + id + " was " + describe(*target.expected) + " when it was looked up, and " +
-                describe(*earlier) + " when it was dropped." + advice};
+                ". Id " + id + " when it was looked up: " + describe(*target.expected) +
+                "; when it was dropped: " + describe(*earlier) + "." + advice};
     }
     return std::nullopt;
 }
@@ -118,9 +117,9 @@ Failure bad_connection_id(const std::string& text) {
 }
 
 Failure not_of_stream(unsigned id, const std::string& stream) {
-    return {ExitCode::NEGATIVE_ANSWER, "connection " + std::to_string(id) + " is not of stream '" +
+    return {ExitCode::NEGATIVE_ANSWER, "connection " + std::to_string(id) + " does not belong to stream '" +
                                            escape_untrusted(stream) +
-                                           "' and was kept. 'v9_rtmp_ctl list' shows whose it is."};
+                                           "' and was kept. 'v9_rtmp_ctl list' shows its stream."};
 }
 
 Failure no_such_connection(unsigned id) {

@@ -42,7 +42,7 @@ void tell(const Settings& settings, const EventsOptions& options, const StopSign
     if (const std::optional<std::string> problem =
             run_hook(options.program, event_variables(event), stop.mask_before())) {
         static_cast<void>(report({ExitCode::DONE, "warning: " + escape_untrusted(options.program) + " " +
-                                                      *problem + " at: " + event_line(event)}));
+                                                      *problem + " for the event: " + event_line(event)}));
     }
 }
 
@@ -65,7 +65,7 @@ ExitCode run_events(const Settings& settings, const EventsOptions& options) {
         } else {
             trouble.tell_end();
             for (const ConnectionEvent& event : watch.take_in(listing)) {
-                // A program may run for each event.
+                // A program may run for each event and take seconds, so look for a stop signal before each.
                 if (stop.wait_until(0)) {
                     break;
                 }

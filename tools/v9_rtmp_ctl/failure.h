@@ -1,5 +1,5 @@
-// Why the tool gives up: an exit code for scripts, and a sentence or two for people that always says what to
-// do next. A function that can fail returns std::optional<Failure>; empty means success.
+// Why the tool gives up: an exit code for scripts, and a message for people, which always says what to do
+// next. A function that can fail returns std::optional<Failure>; empty means success.
 #pragma once
 
 #include <comm_socket_v4.h>

@@ -39,8 +39,8 @@ struct Greeting {
 };
 [[nodiscard]] std::string hello_json(const Greeting& greeting);
 
-// {"dropped":2,"dry_run":false,"message":"..."}; message is null if the server sent none. A drop by id adds
-// "ids", certainly dropped, and "uncertain", where another client may have been dropped.
+// {"dropped":2,"dry_run":false,"message":"..."}; message is null if the server sent none or several. A drop
+// by id adds "ids", certainly dropped, and "uncertain", where another client may have been dropped.
 struct DropResult {
     std::size_t dropped = 0;
     bool dry_run = false;

@@ -126,7 +126,7 @@ void write_health(Writer& writer, const ConnectionHistory& history) {
     writer.sample({}, seconds(oldest_us));
     writer.gauge("v9_rtmp_stalled_players", "Players that are stalled while their stream continues.")
         .sample({}, stalled);
-    writer.gauge("v9_rtmp_behind_players", "Players that are seconds behind their stream.")
+    writer.gauge("v9_rtmp_behind_players", "Players that are at least 5 seconds behind their stream.")
         .sample({}, behind);
 }
 
@@ -164,7 +164,7 @@ void write_watchdog(Writer& writer, const WatchdogStatistics& statistics) {
     if (statistics.running) {
         writer.gauge(
             "v9_rtmp_watchdog_updated_timestamp_seconds",
-            "When the watchdog last wrote its statistics, since the epoch. Absent once it was stopped.");
+            "When the watchdog last wrote its statistics, since the epoch. Absent once it has been stopped.");
         writer.sample({}, statistics.updated_unix_seconds);
     }
 }
@@ -210,7 +210,7 @@ std::string metrics_text(const MetricsSource& source) {
     writer.gauge("v9_rtmp_up", "Whether the server answers on its control socket.").sample({}, is_up ? 1 : 0);
     if (is_up) {
         writer.gauge_if("v9_rtmp_control_round_trip_seconds",
-                        "Time from the request of the listing to its end; up to 0.1 is usual.",
+                        "Time from requesting the listing to receiving all of it; up to 0.1 is usual.",
                         source.round_trip_s);
         write_connections(writer, source.connections);
         write_streams(writer, source);

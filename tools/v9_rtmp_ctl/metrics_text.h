@@ -13,9 +13,6 @@
 #include "tools/v9_rtmp_ctl/stream_series.h"
 #include "tools/v9_rtmp_ctl/watchdog_statistics.h"
 
-// A publisher that has sent nothing for this long is silent.
-constexpr std::uint64_t SILENT_AFTER_US = 5000000;
-
 // An absent value has no metrics.
 struct MetricsSource {
     std::vector<Connection> connections;  // of the last listing; empty while the server does not answer

@@ -191,7 +191,7 @@ class Client {
             }
             close(socket_fd);
         }
-        throw ProbeFailure(std::string("it accepts no connection (") + std::strerror(reason) + ")");
+        throw ProbeFailure(std::string("it does not accept connections (") + std::strerror(reason) + ")");
     }
 
     // Returns an errno, or 0 once connected.

@@ -20,8 +20,8 @@ namespace {
 constexpr std::string_view TAKE = "\x1b[?1049h\x1b[?25l\x1b[?7l\x1b[2J";
 constexpr std::string_view GIVE_BACK = "\x1b[0m\x1b[?7h\x1b[?25h\x1b[?1049l";
 
-// Returns the signals that would end or stop the process while it has the terminal. Without those that cannot
-// be blocked, and those of a crash, which should leave a core dump.
+// Returns the signals that would end or stop the process while it has the terminal, and SIGWINCH. Leaves out
+// those that cannot be blocked, and those of a crash, which should leave a core dump.
 sigset_t signals_to_tell() {
     sigset_t set;
     sigemptyset(&set);

@@ -7,7 +7,9 @@
 namespace {
 
 void add_watchdog_state(CLI::App& command, std::string& directory) {
-    command.add_option("--watchdog-state", directory, "The watchdog's state directory, for its drops")
+    command
+        .add_option("--watchdog-state", directory,
+                    "The watchdog's state directory, from which its drops are read")
         ->capture_default_str()
         ->type_name("DIRECTORY");
 }
@@ -15,11 +17,13 @@ void add_watchdog_state(CLI::App& command, std::string& directory) {
 }  // namespace
 
 void add_metrics_options(CLI::App& metrics, MetricsOptions& options) {
-    metrics.add_option("-o,--output", options.file, "Write them to this file, which is replaced in one step")
+    metrics
+        .add_option("-o,--output", options.file,
+                    "Write the metrics to this file, which is replaced in one step")
         ->type_name("FILE");
     metrics
         .add_option("--interval", options.interval_seconds,
-                    "Keep running and rewrite the file at this interval; without it, show only one look")
+                    "Keep running and rewrite the file at this interval; without it, write once and exit")
         ->type_name("SECONDS")
         ->check(seconds(MIN_INTERVAL_SECONDS));
     add_watchdog_state(metrics, options.watchdog_state);

@@ -16,8 +16,9 @@ bool is_still(const ConnectionHistory& history, const ClientRecord& record) {
     return still_us(history, media_counter(record)) >= STILL_AFTER_US;
 }
 
-// Estimates how long ago the other had transferred as much as this client has now. Counts both from the time
-// they became comparable, and only percent of the other's bytes. Empty while they cannot be compared.
+// Estimates how long ago the other had transferred as much as this client has now. Counts both from the
+// time they became comparable, and of the other's bytes only the given percentage. Empty while they cannot
+// be compared.
 std::optional<std::uint64_t> find_lag_us(const ConnectionHistory& history, const ClientRecord& client,
                                          const ClientRecord& other, std::uint64_t percent) {
     const std::optional<std::uint64_t> own = gained_beside(client, other);

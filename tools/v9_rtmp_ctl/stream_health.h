@@ -10,7 +10,8 @@
 #include "tools/v9_rtmp_ctl/connection_history.h"
 #include "tools/v9_rtmp_ctl/connections.h"
 
-// A client without media for this long is stalled.
+// A client without media for this long is still: a publisher is then silent, and a player is stalled if its
+// stream continues.
 constexpr std::uint64_t STILL_AFTER_US = 5000000;
 // A player further behind its stream is reported.
 constexpr std::uint64_t BEHIND_AFTER_US = 5000000;

@@ -24,7 +24,7 @@ void print_table(const Settings& settings, const StreamsOptions& options,
     const bool has_guess = std::any_of(streams.begin(), streams.end(),
                                        [](const StreamSummary& s) { return s.publisher_is_guess; });
     if (has_guess && !options.no_legend && !settings.quiet) {
-        std::cout << "? is a guess: the server does not report which one.\n";
+        std::cout << "? marks a guess: the server does not report which publisher it relays.\n";
     }
 }
 

@@ -11,7 +11,7 @@ enum class Align { LEFT, RIGHT };
 struct Column {
     std::string title;
     Align align = Align::LEFT;
-    std::size_t min_width = 0;  // least width when room is short; 0: never cut
+    std::size_t min_width = 0;  // least width when space is tight; 0: never cut
     unsigned rank = 0;          // 0: always shown; else if there is room, lower ranks first
 };
 
@@ -25,7 +25,7 @@ struct Table {
 
 // Returns one line for the titles, if wanted, and one for each row, without trailing blanks. If width is
 // given, no line is longer. Columns with a rank are then shown only if those that may be cut keep
-// COMFORTABLE_WIDTH. If room is still short, these shrink, the widest first; finally lines are cut at
+// COMFORTABLE_WIDTH. If space is still tight, these shrink, the widest first; finally lines are cut at
 // the end.
 [[nodiscard]] std::vector<std::string> layout_table(const Table& table, std::optional<std::size_t> width,
                                                     bool with_titles);

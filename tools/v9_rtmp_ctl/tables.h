@@ -15,7 +15,7 @@ struct TableStyle {
     RateUnit unit = RateUnit::BYTES;
 };
 
-// The columns, besides the rates, that are kept longest when room is short.
+// The columns, besides the rates, that are kept longest when space is tight.
 enum class Keep { ADDRESSES, TOTALS };
 
 // Shows totals since each connection began.

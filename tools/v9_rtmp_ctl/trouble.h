@@ -1,4 +1,4 @@
-// Reports, in a long-running command, once that the server does not answer, and once that it answers again.
+// In a long-running command, reports once that the server does not answer, and once that it answers again.
 #pragma once
 
 #include <string>
@@ -7,7 +7,7 @@
 
 class Trouble {
   public:
-    // If is_quiet, it is not reported that the server answers again.
+    // If is_quiet, does not report that the server answers again.
     explicit Trouble(bool is_quiet) : quiet(is_quiet) {}
 
     // Reports the failure unless it was the last one reported.

@@ -74,10 +74,10 @@ Failure nothing_to_do() {
             "  hello    whether the server answers, and which processes listen\n"
             "  list     who is connected\n"
             "  streams  who publishes and who plays each stream, and how fast\n"
-            "  watch    the same live\n"
+            "  watch    the same, updated live\n"
             "  drop     end connections by id, stream or address\n"
             "\n"
-            "'v9_rtmp_ctl help' has all commands and options, 'v9_rtmp_ctl help list' those of one command."};
+            "'v9_rtmp_ctl help' shows all commands, and 'v9_rtmp_ctl help list' shows the options of list."};
 }
 
 Failure nothing_to_drop() {
@@ -107,5 +107,7 @@ Failure too_many_words(const std::string& command, const std::vector<std::string
     for (const std::string& word : words) {
         list += (list.empty() ? "" : " ") + quoted(word);
     }
-    return usage_failure("'" + command + "' takes no " + list + ". Omit that", command);
+    return usage_failure(
+        "'" + command + "' does not take " + list + (words.size() == 1 ? ". Omit it." : ". Omit them."),
+        command);
 }

@@ -82,7 +82,7 @@ void watch_on_screen(const Settings& settings, const WatchOptions& options, Watc
             is_stale = true;
             continue;  // Earlier input was meant for the shell.
         }
-        // Making the next frame finds the new size.
+        // The new size is read when the next frame is painted.
         is_stale |= events.resize;
         // Handle the reply first: a key may end the wait for it.
         if (waited[2].revents != 0) {

@@ -40,8 +40,8 @@ Lines wrapped(const std::string& text, std::size_t columns, LineStyle style) {
     return lines;
 }
 
-// Returns how many rows from first on are shown in room lines below the titles. If more follow, the last line
-// says how many.
+// Returns how many rows, from first on, are shown if the number of lines below the titles is room. If more
+// follow, the last line says how many.
 std::size_t count_shown(std::size_t rows, std::size_t first, std::size_t room) {
     const std::size_t left = rows - first;
     return left <= room ? left : room - (room > 1 ? 1 : 0);

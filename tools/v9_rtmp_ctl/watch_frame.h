@@ -15,8 +15,9 @@ struct FrameLine {
 };
 
 // At most size.rows lines of at most size.columns. The last rows of the screen are the foot: the keys, a
-// question, or the result of the last drop. If both tables are shown, streams get up to half of the room,
-// connections the rest. If rows are omitted, a line says how many more follow.
+// question, or the result of the last drop. If both tables are shown, streams get up to half of the room, or
+// more if connections leave it free, and connections get the rest. If rows are omitted, a line says how many
+// more follow.
 [[nodiscard]] std::vector<FrameLine> render_frame(const WatchModel& model, const ScreenSize& size);
 
 // Scrolls the tables for render_frame at this size: selected rows are on the screen, and the last page

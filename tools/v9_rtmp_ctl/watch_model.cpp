@@ -92,7 +92,7 @@ void select_nothing(WatchModel& model) {
     model.connection_cursor.selected.reset();
 }
 
-// The first of these keys selects the first row shown.
+// If no row is selected, Up and Down select the first row shown.
 void move_selection(TableCursor& cursor, std::size_t rows, KeyKind key) {
     if (rows == 0) {
         return;

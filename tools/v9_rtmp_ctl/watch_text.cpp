@@ -55,8 +55,9 @@ std::string question(const WatchModel& model) {
         const auto count =
             std::count_if(connections.begin(), connections.end(),
                           [&model](const Connection& c) { return c.stream == *model.drop_stream; });
-        return "Drop all of stream '" + escape_untrusted(*model.drop_stream) + "', " + std::to_string(count) +
-               (count == 1 ? " connection" : " connections") + "? [y/N]";
+        return "Drop " +
+               (count == 1 ? "the only connection" : "all " + std::to_string(count) + " connections") +
+               " of stream '" + escape_untrusted(*model.drop_stream) + "'? [y/N]";
     }
     const Connection& c = *model.drop_candidate;
     const std::string stream = c.stream.empty()
@@ -152,13 +153,13 @@ std::vector<std::string> help_texts() {
             "Esc         select nothing",
             "v           streams, connections, or both",
             "s, r        sort by id, stream or rate; reverse",
-            "/           only what contains a text",
+            "/           show only rows that contain a text",
             "u           rates in bits or in bytes",
-            "t           totals or addresses, if not both fit",
+            "t           totals or addresses, if only one fits",
             "p, space    pause, continue",
             "",
             "RIVALS publish the same name as the publisher.",
-            "One takes over if it is silent for 2.5 s.",
+            "A rival replaces a publisher silent for 2.5 s.",
             "A publisher with ? is a guess: the server does",
             "not report which one it relays."};
 }

@@ -52,7 +52,7 @@ class StateDirectory {
             return Failure{
                 ExitCode::USAGE,
                 "another watchdog keeps its state in " + escape_untrusted(path) +
-                    ". Stop it, or name another directory with --state; --dry-run works beside it."};
+                    ". Stop it, or name another directory with --state; --dry-run can run alongside it."};
         }
         return std::nullopt;
     }
@@ -75,7 +75,7 @@ class StateDirectory {
         const bool done = replace_file(file(WATCHDOG_HISTORY_FILE), history.to_json(boot) + "\n") &&
                           replace_file(file(WATCHDOG_STATISTICS_FILE), statistics_json(statistics) + "\n");
         if (!done && !has_failed) {
-            warn("no state can be saved in " + path + " (" + std::strerror(errno) +
+            warn("the state cannot be saved in " + path + " (" + std::strerror(errno) +
                  "), so first-seen times will be lost when this watchdog ends. Name a writable directory "
                  "with --state.");
         }
@@ -142,7 +142,8 @@ class Watchdog {
         return std::nullopt;
     }
 
-    // Also while the server does not answer: the age of the file shows whether the watchdog runs.
+    // Saves at intervals, even while the server does not answer: the age of the file shows whether the
+    // watchdog runs.
     void save_when_due() {
         if (clock_us() - saved_us >= SAVE_EVERY_US) {
             save();

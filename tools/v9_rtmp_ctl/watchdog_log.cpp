@@ -38,7 +38,8 @@ std::string event_line(const WatchdogEvent& event, std::uint64_t misses) {
     std::string line = std::string(action_text(event.action)) + " " + std::to_string(target.id) + ", " +
                        describe(target) + ": " + rule_name(event.verdict.rule) + ": " + event.verdict.reason;
     if (target.stream.empty()) {
-        line += "; no name guards such a drop, only the id (misses so far: " + std::to_string(misses) + ")";
+        line += "; such a drop is guarded only by the id, not by a name (misses so far: " +
+                std::to_string(misses) + ")";
     }
     return event.message.empty() ? line : line + "; " + event.message;
 }

@@ -53,7 +53,7 @@ CLI::Option& add_limit(CLI::App& command, const std::string& name, std::string& 
 
 void add_watchdog_options(CLI::App& command, WatchdogOptions& options, WatchdogTexts& texts) {
     add_limit(command, "--stalled", texts.stalled, "30",
-              "Drop a player that receives nothing for this long while others do");
+              "Drop a player that receives nothing for this long while others receive data");
     add_limit(command, "--behind", texts.behind, "15", "Drop a player that is this far behind its stream");
     add_limit(command, "--unnamed", texts.unnamed, "20",
               "Drop a client that has no stream name for this long");
@@ -66,7 +66,7 @@ void add_watchdog_options(CLI::App& command, WatchdogOptions& options, WatchdogT
         ->type_name("SECONDS")
         ->take_last()
         ->check(seconds(0));
-    command.add_option("--long-name", texts.long_name, "Drop a client whose stream name is longer")
+    command.add_option("--long-name", texts.long_name, "Drop a client whose stream name is longer than this")
         ->default_str("200")
         ->type_name("BYTES")
         ->take_last()
@@ -74,7 +74,7 @@ void add_watchdog_options(CLI::App& command, WatchdogOptions& options, WatchdogT
     command.add_option("--publish-from", texts.publish_from, "Drop publishers from any other address")
         ->type_name("CIDR")
         ->check(address_range());
-    command.add_option("--interval", options.interval_seconds, "Time between two looks")
+    command.add_option("--interval", options.interval_seconds, "Time between two listings")
         ->capture_default_str()
         ->type_name("SECONDS")
         ->take_last()

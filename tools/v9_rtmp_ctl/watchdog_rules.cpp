@@ -136,7 +136,7 @@ class Judge {
                 return moves(*player, *limits.stalled_us, PLAYER_BYTES_PER_SECOND);
             })) {
             return "it has taken nothing for " + seconds_text(still) +
-                   " while other players of the stream did";
+                   " while other players of the stream took data";
         }
         const auto sends_media = [this](const ClientRecord* publisher) {
             return moves(*publisher, *limits.stalled_us, PUBLISHER_BYTES_PER_SECOND);

@@ -37,7 +37,7 @@ struct WatchdogLimits {
     std::optional<std::uint64_t> contested_us = 15000000;  // the same, while another one waits
     std::optional<std::uint64_t> age_us = 16200000000;     // a player has played for 4 h 30 min
     std::optional<std::size_t> long_name_bytes = 200;      // a stream name is longer than this
-    std::vector<AddressRange> publish_from;                // publishers come from other addresses; empty: off
+    std::vector<AddressRange> publish_from;                // a publisher is outside all of these; empty: off
     std::uint64_t stagger_us = 4000000;  // between players of a stream dropped for their age
 };
 

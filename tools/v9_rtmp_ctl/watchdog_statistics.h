@@ -7,9 +7,10 @@
 //             "contested":{...},"silent":{...},"stalled":{...},"behind":{...},"age":{...}}}
 //
 // limit is in seconds; for long-name in bytes, for origin the number of address ranges; null for a rule that
-// is off. The counters survive a restart of the watchdog: drops, misses (another client was dropped, or it is
-// uncertain which) and left (the client had already left). running is false once a signal has ended the
-// watchdog. If it is true and the file is no longer updated, the watchdog has failed.
+// is off. The counters survive a restart of the watchdog: drops, misses (another client was dropped, or it
+// is uncertain which) and left (the client had already left, or the server refused the drop). running is
+// false once a signal has ended the watchdog. If it is true and the file is no longer updated, the watchdog
+// has failed.
 #pragma once
 
 #include <cstdint>

@@ -100,19 +100,19 @@ complete -c v9_rtmp_ctl -n __v9_rtmp_ctl_at -a version -d 'Print the version'
 complete -c v9_rtmp_ctl -n __v9_rtmp_ctl_at -a help -d 'Print help about a command'
 
 for command in list watch 'drop stream' 'drop address'
-    complete -c v9_rtmp_ctl -n "__v9_rtmp_ctl_in $command" -l mode -x -a 'publish play none' -d 'Only these'
+    complete -c v9_rtmp_ctl -n "__v9_rtmp_ctl_in $command" -l mode -x -a 'publish play none' -d 'Only those that publish, play or do neither'
 end
 for command in list watch 'drop id' 'drop address'
     complete -c v9_rtmp_ctl -n "__v9_rtmp_ctl_in $command" -l stream -x -a '(__v9_rtmp_ctl_streams)' -d 'Only of this stream'
 end
 for command in list watch 'drop stream' 'drop unnamed'
-    complete -c v9_rtmp_ctl -n "__v9_rtmp_ctl_in $command" -l address -x -a '(__v9_rtmp_ctl_addresses)' -d 'Only from here'
+    complete -c v9_rtmp_ctl -n "__v9_rtmp_ctl_in $command" -l address -x -a '(__v9_rtmp_ctl_addresses)' -d 'Only from this address or prefix'
 end
 complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in list' -l sort -x -a 'id stream rate' -d 'Order of the lines'
 complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in streams' -l sort -x -a 'stream rate' -d 'Order of the lines'
 for command in list streams
     complete -c v9_rtmp_ctl -n "__v9_rtmp_ctl_in $command" -s r -l reverse -d 'Reverse the order'
-    complete -c v9_rtmp_ctl -n "__v9_rtmp_ctl_in $command" -l no-legend -d 'Neither titles nor the count'
+    complete -c v9_rtmp_ctl -n "__v9_rtmp_ctl_in $command" -l no-legend -d 'Print neither titles nor the count'
 end
 complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in streams' -a '(__v9_rtmp_ctl_streams)' -d 'Stream'
 
@@ -127,32 +127,32 @@ complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in drop id' -l no-list -d 'Do not requ
 complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in drop stream' -a '(__v9_rtmp_ctl_streams)' -d 'Stream'
 complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in drop address' -a '(__v9_rtmp_ctl_addresses)' -d 'Address'
 for command in 'drop id' 'drop stream' 'drop address' 'drop unnamed'
-    complete -c v9_rtmp_ctl -n "__v9_rtmp_ctl_in $command" -s n -l dry-run -d 'Only show'
+    complete -c v9_rtmp_ctl -n "__v9_rtmp_ctl_in $command" -s n -l dry-run -d 'Only show what would be dropped'
 end
 for command in 'drop stream' 'drop address' 'drop unnamed'
     complete -c v9_rtmp_ctl -n "__v9_rtmp_ctl_in $command" -s f -l force -d 'Do not ask'
 end
 
 for command in watch watchdog events metrics
-    complete -c v9_rtmp_ctl -n "__v9_rtmp_ctl_in $command" -l interval -x -d 'Time between two looks'
+    complete -c v9_rtmp_ctl -n "__v9_rtmp_ctl_in $command" -l interval -x -d 'Time between two listings'
 end
 complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in watchdog' -l stalled -x -a off -d 'Drop a player that receives nothing'
 complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in watchdog' -l behind -x -a off -d 'Drop a player that is this far behind'
 complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in watchdog' -l unnamed -x -a off -d 'Drop a client without a stream name'
 complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in watchdog' -l silent -x -a off -d 'Drop a publisher that sends nothing'
-complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in watchdog' -l contested -x -a off -d 'The same, while another one waits'
+complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in watchdog' -l contested -x -a off -d 'Drop a silent publisher while another one waits'
 complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in watchdog' -l age -x -a off -d 'Drop a player that has played this long'
-complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in watchdog' -l stagger -x -d 'Time between two such drops'
-complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in watchdog' -l long-name -x -a off -d 'Drop a client whose name is longer'
+complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in watchdog' -l stagger -x -d 'Time between two drops for age'
+complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in watchdog' -l long-name -x -a off -d 'Drop a client whose stream name is longer than this'
 complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in watchdog' -l publish-from -x -d 'Drop publishers from elsewhere'
 complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in watchdog' -l settle -x -d 'Time until a client is compared'
-complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in watchdog' -l state -r -F -d 'Keep first-seen times there'
+complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in watchdog' -l state -r -F -d 'Keep first-seen times in this directory'
 complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in watchdog' -l config -r -F -d 'Read options from this file too'
-complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in watchdog' -s n -l dry-run -d 'Only print'
+complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in watchdog' -s n -l dry-run -d 'Only print what would be dropped'
 complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in events' -l exec -r -F -d 'Run this program for each event'
 complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in check' -l rtmp -x -d 'Where the server accepts RTMP clients'
 complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in check' -l publish-test -d 'Send a short stream through the server'
-complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in metrics' -s o -l output -r -F -d 'Write them to this file'
+complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in metrics' -s o -l output -r -F -d 'Write the metrics to this file'
 complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in serve' -l listen -x -d 'Address and port'
 complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in serve' -l host -x -d 'A name under which browsers reach it'
 complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in serve' -l allow-drop -d 'Allow the page to drop connections'

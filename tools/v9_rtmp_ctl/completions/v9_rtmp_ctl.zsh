@@ -129,7 +129,7 @@ _v9_rtmp_ctl() {
                     ;;
                 watch)
                     _arguments $global $streams_picked $addresses_picked $mode_picked \
-                        '--interval=[time between two looks]:seconds'
+                        '--interval=[time between two listings]:seconds'
                     ;;
                 watchdog)
                     _arguments $global $dry_run \
@@ -137,18 +137,18 @@ _v9_rtmp_ctl() {
                         '--behind=[drop a player that is this far behind]:seconds:(off)' \
                         '--unnamed=[drop a client without a stream name]:seconds:(off)' \
                         '--silent=[drop a publisher that sends nothing]:seconds:(off)' \
-                        '--contested=[the same, while another one waits]:seconds:(off)' \
+                        '--contested=[drop a silent publisher while another one waits]:seconds:(off)' \
                         '--age=[drop a player that has played this long]:seconds:(off)' \
-                        '--stagger=[time between two such drops]:seconds' \
-                        '--long-name=[drop a client whose stream name is longer]:bytes:(off)' \
+                        '--stagger=[time between two drops for age]:seconds' \
+                        '--long-name=[drop a client whose stream name is longer than this]:bytes:(off)' \
                         '*--publish-from=[drop publishers from elsewhere]:prefix' \
-                        '--interval=[time between two looks]:seconds' \
+                        '--interval=[time between two listings]:seconds' \
                         '--settle=[time until a client is compared]:seconds' \
                         '--state=[keep first-seen times in this directory]:directory:_files -/' \
                         '--config=[read options from this file too]:file:_files'
                     ;;
                 events)
-                    _arguments $global '--interval=[time between two looks]:seconds' \
+                    _arguments $global '--interval=[time between two listings]:seconds' \
                         '--exec=[run this program for each event]:program:_files'
                     ;;
                 check)
@@ -156,8 +156,8 @@ _v9_rtmp_ctl() {
                         '--publish-test[send a short stream through the server]'
                     ;;
                 metrics)
-                    _arguments $global '(-o --output)'{-o,--output}'=[write them to this file]:file:_files' \
-                        '--interval=[time between two looks]:seconds' \
+                    _arguments $global '(-o --output)'{-o,--output}'=[write the metrics to this file]:file:_files' \
+                        '--interval=[time between two listings]:seconds' \
                         "--watchdog-state=[the watchdog's state directory]:directory:_directories"
                     ;;
                 serve)

@@ -65,7 +65,7 @@ std::optional<Failure> read_token(const std::string& path, std::string& token) {
                            "', readable only by the user of this program."};
     }
     if ((status.st_mode & (S_IROTH | S_IWOTH)) != 0) {
-        return Failure{ExitCode::USAGE, "the token file " + name + " is open to every user: 'chmod o= " +
+        return Failure{ExitCode::USAGE, "the token file " + name + " is open to every user. Run 'chmod o= " +
                                             name + "', and write a new token into it."};
     }
     std::getline(file, token);

@@ -13,7 +13,7 @@
 [[nodiscard]] bool is_own_host(std::string_view host, const std::vector<std::string>& names);
 
 // Whether a request comes from this server's own page: its Origin is http or https with the same host, and
-// the browser, if it says so, calls it same-origin.
+// its Sec-Fetch-Site, if the browser sends one, is same-origin.
 [[nodiscard]] bool is_same_origin(std::string_view origin, std::string_view host,
                                   std::string_view fetch_site);
 
