@@ -295,7 +295,7 @@ TEST(ctl, streams_prints_publisher_players_size_and_rivals) {
                 MatchesRegex("STREAM +PUBLISHER +PLAYERS +SIZE +IN +OUT +RIVALS\n"
                              "cam1 +0\\? 127[0-9.:]+ +2 +1280x720 +[0-9.]+ K?i?B/s +[0-9.]+ K?i?B/s +4\n"
                              "cam2 +- +1 +- +- +[0-9.]+ K?i?B/s +-\n"
-                             "\\? is a guess: [^\n]+\n"));
+                             "\\? marks a guess: [^\n]+\n"));
     const ProgramRun bits = run_tool({"--json", "--unit", "bits", "streams", "cam1"});
     expect_done(bits);
     EXPECT_THAT(bits.out, HasSubstr("\"publisher\":0,"));

@@ -444,8 +444,9 @@ TEST_F(commands_test, streams_without_legend_is_only_the_rows) {
     options.no_legend = true;
     EXPECT_EQ(outcome_of([&] { return run_streams(settings, options); }).out, row);
     options.no_legend = false;
-    EXPECT_THAT(outcome_of([&] { return run_streams(settings, options); }).out,
-                testing::EndsWith("\n? is a guess: the server does not report which one.\n"));
+    EXPECT_THAT(
+        outcome_of([&] { return run_streams(settings, options); }).out,
+        testing::EndsWith("\n? marks a guess: the server does not report which publisher it relays.\n"));
 }
 
 TEST_F(commands_test, drop_stream_needs_force_without_a_terminal) {

@@ -151,7 +151,7 @@ TEST_F(watchdog_rules_test, a_player_that_stands_still_beside_others_is_dropped_
     EXPECT_THAT(at(130),
                 ElementsAre(verdict(3, DropRule::STALLED,
                                     "it has taken nothing for 30 s while other players of the stream "
-                                    "did")));
+                                    "took data")));
 }
 
 TEST_F(watchdog_rules_test, a_lone_player_that_stands_still_is_judged_by_the_publisher) {
