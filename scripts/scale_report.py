@@ -155,7 +155,7 @@ def draw(figures, path):
     levels = range(3)
     late.plot(levels, [figures[f"level{i}"]["late_ms"]["p50"] for i in levels], "o-", label="median")
     late.plot(levels, [figures[f"level{i}"]["late_ms"]["p99"] for i in levels], "s-", label="99 %")
-    late.plot(range(4), [paper.first_ms + i * paper.level_ms for i in range(4)], "--", color="gray", label="on paper")
+    late.plot(range(4), [paper.first_ms + i * paper.level_ms for i in range(4)], "--", color="gray", label="calculated")
     late.set(xlabel="levels of edges between origin and player", ylabel="late by, ms", title="Lateness by level")
     late.set_xticks(range(4), ["0\n≤ 120 players", "1\n≤ 14,400", "2\n≤ 1.7 million", "3\n≤ 207 million"])
     late.legend(fontsize="small")
