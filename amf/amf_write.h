@@ -26,6 +26,6 @@
 // for ObjectEnd.
 [[nodiscard]] bool AMF_WriteValue(unsigned char*& d, unsigned char* df, const AMF_Value& v);
 
-// Writes everything of an Object or ECMAArray that follows the marker: the number of members (ECMAArray
+// Writes everything that follows the marker of an Object or ECMAArray: the number of members (ECMAArray
 // only), the members in key order, and the end marker.
 [[nodiscard]] bool AMF_WriteObjectBody(unsigned char*& d, unsigned char* df, const AMF_Value& v);

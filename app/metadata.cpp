@@ -50,7 +50,7 @@ StreamMetadata kept_metadata(const AMF_Value& value) ON_MAIN_THREAD {
     return kept;
 }
 
-// Keeps what is needed of the value, and forwards it if this connection is the current publisher.
+// Keeps what is needed of the value, and forwards it unless another connection is the current publisher.
 void accept_metadata(RTMPConnection& conn, const StreamRecord& record,
                      const AMF_Value& metadata) ON_MAIN_THREAD {
     diag("onMetaData submitted by client\n");

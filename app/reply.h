@@ -7,7 +7,7 @@
 #include "amf/amf_value.h"
 #include "core/connection.h"
 
-// The largest message that is sent.
+// The largest message that is encoded here. Relayed media may be larger.
 constexpr std::size_t MAX_ENCODED_BYTES = 65536;
 
 // Encodes the values one after another into message, which gets a buffer of exactly the encoded size. Returns

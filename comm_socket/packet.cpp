@@ -140,7 +140,7 @@ const std::string* pair_value_at(const comm_socket_v4_packet* packet, size_t idx
     try {
         std::string& joined = packet->content->joined_values[idx];
         if (joined.empty()) {
-            // Only a whole value is kept.
+            // Assigned only when complete, so a failed allocation leaves it empty.
             joined = std::string(value).insert(shared->offset, shared->bytes);
         }
         return &joined;

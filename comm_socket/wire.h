@@ -53,7 +53,8 @@ struct FrameText {
     std::string message;
     std::vector<std::optional<std::string>> arguments;
     std::vector<std::pair<std::string, std::string>> pairs;
-    std::vector<SharedPart> shared_parts;  // in the order of the pairs, at most one for each; never decoded
+    // In the order of the pairs, at most one for each. Empty in a decoded frame.
+    std::vector<SharedPart> shared_parts;
 };
 
 enum class FrameState { INCOMPLETE, COMPLETE, BROKEN };

@@ -3,8 +3,8 @@
 
 #include "base/thread_roles.h"
 
-// Makes the allocator use a single heap. By default it keeps one for every few threads, each as large as its
-// peak. Call before any other thread is created.
+// Makes the allocator use a single heap. By default it keeps several for each processor, each as large as
+// its peak. Call before any other thread is created.
 void use_one_small_heap() ON_MAIN_THREAD;
 
 // Call when a client has left or a large value has been decoded. Free memory is returned to the system 10 s

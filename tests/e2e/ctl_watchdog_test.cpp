@@ -158,8 +158,9 @@ TEST_F(watchdog, a_lone_player_that_stops_reading_is_dropped) {
     }
     Background sending(send_one);
     Watchdog dog(with(ALL_OFF, {"--stalled", "2"}));
-    EXPECT_THAT(dog.line_about(paused),
-                EndsWith(dropped("stalled", "it has taken nothing for 2 s while the publisher went on")));
+    EXPECT_THAT(
+        dog.line_about(paused),
+        EndsWith(dropped("stalled", "it has taken nothing for 2 s while the publisher kept sending")));
     sending.stop();
     EXPECT_EQ(sending.failure(), "");
 }

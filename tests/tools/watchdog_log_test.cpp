@@ -10,7 +10,7 @@ Verdict stalled() {
     connection.stream = "cam1";
     connection.mode = "play";
     connection.address = "203.0.113.7:50000";
-    return {connection, DropRule::STALLED, "it has taken nothing for 30 s while the publisher went on"};
+    return {connection, DropRule::STALLED, "it has taken nothing for 30 s while the publisher kept sending"};
 }
 
 Verdict unnamed() {
@@ -31,11 +31,11 @@ TEST(watchdog_log, a_drop_is_one_line_with_its_rule_and_reason) {
     EXPECT_EQ(
         event_line(event, 0),
         "dropped 17, play of 'cam1' from 203.0.113.7:50000: stalled: it has taken nothing for 30 s while the "
-        "publisher went on");
+        "publisher kept sending");
     EXPECT_EQ(
         event_json(event, 1760000000),
         R"({"unix_seconds":1760000000,"action":"dropped","rule":"stalled","reason":"it has taken nothing for )"
-        R"(30 s while the publisher went on","id":17,"stream":"cam1","mode":"play",)"
+        R"(30 s while the publisher kept sending","id":17,"stream":"cam1","mode":"play",)"
         R"("address":"203.0.113.7:50000","message":null})");
 }
 
@@ -44,7 +44,7 @@ TEST(watchdog_log, a_client_that_had_left_counts_as_kept_and_another_client_drop
         event_of(stalled(), outcome(Failure{ExitCode::NEGATIVE_ANSWER, "It had left."}));
     EXPECT_EQ(kept.action, WatchdogAction::KEPT);
     EXPECT_EQ(event_line(kept, 0).substr(0, 8), "kept 17,");
-    EXPECT_TRUE(event_line(kept, 0).ends_with("went on; It had left."));
+    EXPECT_TRUE(event_line(kept, 0).ends_with("kept sending; It had left."));
     const WatchdogEvent missed =
         event_of(stalled(), outcome(Failure{ExitCode::ANOTHER_CLIENT, "another client was dropped."}));
     EXPECT_EQ(missed.action, WatchdogAction::MISSED);

@@ -159,8 +159,9 @@ TEST_F(watchdog_rules_test, a_lone_player_that_stands_still_is_judged_by_the_pub
     publisher(1, steady(FOUR_MBIT));
     player(3, until(100));
     EXPECT_THAT(at(129), IsEmpty());
-    EXPECT_THAT(at(130), ElementsAre(verdict(3, DropRule::STALLED,
-                                             "it has taken nothing for 30 s while the publisher went on")));
+    EXPECT_THAT(at(130),
+                ElementsAre(verdict(3, DropRule::STALLED,
+                                    "it has taken nothing for 30 s while the publisher kept sending")));
 }
 
 TEST_F(watchdog_rules_test, a_lone_player_of_a_stream_without_a_publisher_is_kept) {

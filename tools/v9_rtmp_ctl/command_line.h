@@ -1,4 +1,4 @@
-// The command line: its grammar and the parsed result. Pure.
+// The command line: its grammar and the parsed result.
 //
 // Global options may precede or follow the subcommand. Everything after the COMMAND of raw is passed to the
 // server unchanged, so the tool's options end there. A COMMAND that begins with '-' must be preceded by "--".

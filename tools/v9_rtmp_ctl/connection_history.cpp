@@ -233,7 +233,7 @@ void ConnectionHistory::take_in_client(const Connection& connection, const Clien
 void ConnectionHistory::forget_relayed(std::vector<ClientRecord>& before) const {
     for (ClientRecord& record : before) {
         if (record.is_relayed && last_us - record.quiet_since_us >= TAKEOVER_US) {
-            // The stream has players.
+            // Still relayed if the stream has players.
             record.is_relayed =
                 std::any_of(before.begin(), before.end(), [&record](const ClientRecord& other) {
                     return other.connection.mode == "play" &&

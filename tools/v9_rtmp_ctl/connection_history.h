@@ -143,8 +143,8 @@ class ConnectionHistory {
                                                                const ClientRecord& other,
                                                                std::uint64_t attended_us);
 
-// The last window_us are divided into parts of equal length. Counts the parts in which the client's media
-// grew, and by how much it grew in the whole window. Empty if the client is younger than the window.
+// The last window_us are divided into parts of equal length. Gives the number of parts in which the client's
+// media grew, and its growth in the whole window. Empty if the client is younger than the window.
 struct Movement {
     unsigned parts = 0;
     std::uint64_t bytes = 0;

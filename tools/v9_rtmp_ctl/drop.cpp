@@ -30,7 +30,7 @@ std::string short_name(const std::string& name) {
     return cut_text(escape_untrusted(std::string_view(name).substr(0, MAX_NAME_BYTES + 1)), MAX_NAME_BYTES);
 }
 
-// Prints one line for each connection dropped, and the failure for each other one.
+// Prints one line for each connection dropped, and the failure for each of the others.
 ExitCode print_outcomes(const Settings& settings, const std::vector<DropOutcome>& outcomes) {
     DropResult result;
     result.ids.emplace();

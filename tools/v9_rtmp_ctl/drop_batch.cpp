@@ -6,7 +6,7 @@
 
 namespace {
 
-// The server carries out this many requests at once, of which two are listings.
+// Together with two listings, as many requests as the server carries out at once.
 constexpr std::size_t MAX_BATCH_TARGETS = COMM_SOCKET_V4_MAX_REQUESTS_PER_IDLE - 2;
 // Names can be megabytes long. The server reads more than this from a client at once, so it carries out a
 // whole batch at once.

@@ -200,7 +200,7 @@ PortCheck check_port(const Peer& answering) {
     } else if (!answering_listens) {
         check.gap = "It is not known whether the process that answers, " + pid +
                     ", is the one that listens on " + port_text() +
-                    ": this user may not look at its descriptors. Run it again with sudo.";
+                    ": this user may not look at its descriptors. Run this again with sudo.";
     }
     return check;
 }

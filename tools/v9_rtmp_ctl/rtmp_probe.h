@@ -1,5 +1,5 @@
-// A small RTMP client that checks whether the server relays, with a handshake only or with a short stream
-// from its own publisher to its own player. It implements just enough RTMP for that.
+// A small RTMP client that checks the server, with a handshake only or with a short stream from its own
+// publisher to its own player. It implements just enough RTMP for that.
 #pragma once
 
 #include <cstdint>

@@ -1,6 +1,6 @@
 // The terminal while watch uses it: the alternate screen, keys without echo, signals as events.
 //
-//   [usual] --open, resume--> [taken] --close, suspend, destructor--> [usual]
+//   [usual] --open, end of suspend--> [taken] --suspend, destructor--> [usual]
 //
 // The destructor restores the terminal, on return and on an exception. If the terminal takes no output, it is
 // given back within half a second and pending output is discarded. Signals that would end or stop the process

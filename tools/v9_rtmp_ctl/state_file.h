@@ -21,7 +21,7 @@ class FileLock {
     FileLock& operator=(const FileLock&) = delete;
 
     // Another program, or another FileLock of this one, holds the lock. False if the file cannot be opened,
-    // since then the protected files cannot be written either.
+    // because the protected files cannot be written either in that case.
     [[nodiscard]] bool is_held_elsewhere() const { return held_elsewhere; }
 
   private:

@@ -6,7 +6,7 @@
 namespace {
 
 // The percentage of the publisher's bytes that a player must have received since the two became comparable.
-// Chunks of 128 bytes have 0.8 percent more headers than large ones.
+// With chunks of 128 bytes, headers add 0.8 percent more bytes than with large chunks.
 constexpr std::uint64_t KEEPS_UP_PERCENT = 97;
 // The same for bytes sent recently, some of which may still be in transit.
 constexpr std::uint64_t KEEPS_UP_RECENTLY_PERCENT = 95;

@@ -293,7 +293,7 @@ class Watchdog {
     std::vector<Verdict> unanswered;  // unanswered drops of the last look
     Trouble trouble;
     std::uint64_t saved_us = 0;
-    bool has_news = false;  // something was dropped since the last save
+    bool has_news = false;  // a drop was attempted since the last save
 };
 
 }  // namespace

@@ -142,7 +142,7 @@ class Judge {
             return moves(*publisher, *limits.stalled_us, PUBLISHER_BYTES_PER_SECOND);
         };
         if (players.empty() && holds_for_source(record, sends_media)) {
-            return "it has taken nothing for " + seconds_text(still) + " while the publisher went on";
+            return "it has taken nothing for " + seconds_text(still) + " while the publisher kept sending";
         }
         return std::nullopt;
     }

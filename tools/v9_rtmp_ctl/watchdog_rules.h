@@ -1,11 +1,12 @@
 // Decides which clients the watchdog drops, and why. Pure: a function of the history and the limits.
 //
-// A player is judged by what others received. It is compared with the other players of its stream. If none of
-// them has been there long enough, it is compared with the relayed publisher, provided that the publisher's
-// counter has grown as media does: in each third of the time, and by 2000 bytes a second. If several
-// publishers may be the relayed one, all of them must have grown in this way. If all players of a stream are
-// stalled, the publisher is suspected and no player is dropped. A player that keeps up with a publisher is
-// not behind others: counters include headers, and a player chooses its chunk size.
+// A player is judged by what others received. It is compared with the other players of its stream. If none
+// of them has been there long enough, it is compared with the relayed publisher, provided that the
+// publisher's counter has grown as media does: in each third of the time, and by 2000 bytes a second. If
+// several publishers may be the relayed one, all of them must have grown in this way. If all the players
+// that it is compared with are stalled too, the publisher is suspected and the player is not dropped. A
+// player that keeps up with a publisher is not behind others: counters include headers, and a player chooses
+// its chunk size.
 #pragma once
 
 #include <array>
@@ -25,7 +26,8 @@ inline constexpr std::array ALL_DROP_RULES{DropRule::LONG_NAME, DropRule::ORIGIN
                                            DropRule::CONTESTED, DropRule::SILENT, DropRule::STALLED,
                                            DropRule::BEHIND,    DropRule::AGE};
 
-// For example "long-name". Used in the log, in the statistics, and as the option's name.
+// For example "long-name". Used in the log, in the statistics, and as the option's name, except that the
+// option of "origin" is --publish-from.
 [[nodiscard]] const char* rule_name(DropRule rule);
 
 // A rule without a limit is off.

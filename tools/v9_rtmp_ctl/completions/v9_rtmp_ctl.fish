@@ -59,13 +59,13 @@ function __v9_rtmp_ctl_plain_words
     or printf '%s\n' $found
 end
 
-# True if these words are those in $argv.
+# True if the plain words are exactly those in $argv.
 function __v9_rtmp_ctl_at
     set -l found (__v9_rtmp_ctl_plain_words)
     test "$found" = "$argv"
 end
 
-# True if the first of these words are those in $argv.
+# True if the plain words begin with those in $argv.
 function __v9_rtmp_ctl_in
     set -l found (__v9_rtmp_ctl_plain_words)
     set -l wanted (count $argv)

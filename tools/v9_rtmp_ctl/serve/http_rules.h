@@ -1,4 +1,5 @@
-// Access rules of serve: the host names it accepts, and the conditions for a drop. Pure.
+// Access rules of serve: the host names it accepts, and the conditions for a drop. Pure, except that
+// read_token reads a file.
 #pragma once
 
 #include <optional>
