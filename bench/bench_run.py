@@ -60,7 +60,7 @@ def machine():
 
 def commit():
     changed = git("status", "--porcelain", "--untracked-files=no", "--", ":!bench/results")
-    return git("rev-parse", "--short", "HEAD") + (", changed" if changed else "")
+    return git("rev-parse", "--short", "HEAD") + (", with uncommitted changes" if changed else "")
 
 
 class Run:

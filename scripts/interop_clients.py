@@ -121,7 +121,7 @@ PLAYERS = (
 )
 
 
-# A longer message has such a timestamp once, but every known player expects it in each chunk of the message. So players
+# A message of several chunks carries an extended timestamp once, but every known player expects it in each chunk. Players
 # that joined at the beginning stop; those that join later begin near 0 again.
 FIRST_LONG_TIMESTAMP_MS = 0xFFFFFF
 

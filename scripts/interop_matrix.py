@@ -100,7 +100,7 @@ class Session:
         return wrong
 
     def settle(self):
-        """Ends the players, which are not notified that a stream has ended."""
+        """Waits until the recordings stop growing: players are not notified that a stream has ended."""
         folder = self.processes.path("recordings")
         wait_until_unchanged(
             lambda: sum(entry.stat().st_size for entry in os.scandir(folder) if entry.name.endswith(".flv")),

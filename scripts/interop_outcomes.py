@@ -59,7 +59,7 @@ def count_published(packets, end_may_be_lost):
 
 
 def without_beginning(packets, recordings):
-    """Returns the published packets from the first that any recording has, with the recordings' own digests."""
+    """Returns the published packets from the first one with which a recording begins; all of them if there is none."""
     cut = {}
     for kind in KINDS:
         firsts = {recording[kind][0].digest for recording in recordings if recording[kind]}

@@ -130,7 +130,7 @@ def check_received(name, received, comparisons, must_join_late, kinds=KINDS, has
             problems.append(f"{name}: no {unit} at all")
             continue
         if must_join_late and comparison.before_join == 0:
-            problems.append(f"{name}: did not join late, it has the first of the {unit}")
+            problems.append(f"{name}: did not join late: it has the first of the {unit}")
         if not must_join_late and comparison.before_join > 0:
             problems.append(f"{name}: the first {comparison.before_join} {unit} are missing")
         if comparison.missing > 0:

@@ -63,13 +63,13 @@ def tls_and_ipv6(run):
                                               "-f", "flv", f"rtmps://{STUDIO}:443/ombrex-live/cam2"])
     origin = next(machine for machine in run.origins if machine.has_address(ORIGIN))
     arrived = wait_until(lambda: any(line["stream"] == "cam2" for line in connections(origin)), 15)
-    run.require(arrived, "an encoder by RTMPS does not reach the origin by its name")
+    run.require(arrived, "an encoder that uses RTMPS does not reach the origin by its name")
     urls = {"rtmps": f"rtmps://{LIVE}:443/ombrex-output/cam1", "ipv6": f"rtmp://[{BALANCER_6}]:1935/ombrex-output/cam1",
             "rtmps_of_the_other_name": f"rtmps://{STUDIO}:443/ombrex-output/cam2"}
     figures = {name: frames_of(url) for name, url in urls.items()}
     run.note("doors", **{f"frames_by_{name}": count for name, count in figures.items()})
     for name, count in figures.items():
-        run.require(count == 25, f"a player by {name} got {count} of 25 frames")
+        run.require(count == 25, f"a player over {name} got {count} of 25 frames")
     run.lab.processes.end("rtmps_encoder", signal.SIGKILL, 5)
 
 

@@ -80,7 +80,7 @@ class Machine:
         return self.root + inside
 
     def start(self, what, *words, end_signal=signal.SIGKILL):
-        """Starts a program on the machine; what is its name among those of the machine."""
+        """Starts a program on the machine, under the name given as what."""
         return self.lab.processes.start(f"{self.name}.{what}", self.command(*words), end_signal=end_signal,
                                         environment=self.lab.environment)
 
@@ -222,7 +222,7 @@ class Load:
         begin = time.monotonic()
         self.do("leave", name)
         if not wait_until(lambda: self.since(begin, name, "left", exact=True), 60):
-            raise RunError(f"{name} do not leave")
+            raise RunError(f"the players of {name} do not leave")
 
     def since(self, begin, name, what, exact=False):
         """Events of a group after a time."""
