@@ -16,7 +16,7 @@ class Random {
   public:
     explicit Random(std::uint64_t seed) : bits(seed) {}
 
-    std::size_t below(std::size_t end) { return bits() % end; }
+    std::size_t below(std::size_t end) { return static_cast<std::size_t>(bits() % end); }
     bool percent(unsigned chance) { return below(100) < chance; }
     template <typename Value, std::size_t N>
     const Value& one_of(const std::array<Value, N>& values) {
