@@ -165,7 +165,7 @@ def acknowledgements(stage):
 
 
 def windows(stage):
-    """Windows, again and again."""
+    """Window acknowledgement sizes, again and again."""
     window = struct.pack(">I", 0xFFFFFFFF)
     return repeated(stage, 5000, message(CONTROL_STREAM, WINDOW_SIZE, window), again(CONTROL_STREAM, window))
 

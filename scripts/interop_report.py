@@ -74,7 +74,7 @@ def page_tables(outcomes, refused):
         pairs = [by_pair[publisher.name, player.name] for player in players]
         lines.append(f"| {publisher.shown_as} | {published_cell(pairs[0])} | "
                      + " | ".join(page_cell(pair) for pair in pairs) + " |")
-    lines += ["", "| player | cannot, because |", "| --- | --- |"]
+    lines += ["", "| player | why it cannot play |", "| --- | --- |"]
     lines += [f"| {player.shown_as} | {player.cannot.reason} |" for player in players if player.cannot]
     lines += ["", "| refused | the server says | what works |", "| --- | --- | --- |"]
     lines += [f"| {refusal.shown_as} | `{refusal.server_says}` | {refusal.instead} |"
