@@ -200,6 +200,6 @@ void AMF_Value::reset() {
     elements.clear();
 }
 
-// Initialised before the objects of all other files, and so destroyed after them. 101 is the lowest priority
+// Initialised before the objects of all other files, and so destroyed after them. 101 is the highest priority
 // that is not reserved for the compiler.
 [[gnu::init_priority(101)]] const AMF_Value AMF_UndefinedValue;

@@ -21,8 +21,8 @@
 
 struct AMF_Value;
 
-// The marker byte of a value. May hold any number: if decoding refuses a marker without a name here, the
-// marker stays in `type`.
+// The marker byte of a value. May hold any byte: if the decoder refuses an unknown marker, that marker stays
+// in `type`.
 enum class AMF_Type : std::uint32_t {
     // NOLINTBEGIN(readability-identifier-naming): the names that AMF0 gives its types
     Number = 0x00,

@@ -43,7 +43,7 @@ AMF_Value connect_information(std::uint32_t client_id) {
     return information;
 }
 
-// Returns the "app" that the client asks for, without one trailing slash. The string is used whatever
+// Returns the "app" that the client asks for, with one trailing slash removed. The string is used whatever
 // the value's type.
 std::string requested_application(const AMF_Value& command_object) {
     std::string name = command_object.find_member("app").string;

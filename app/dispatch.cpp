@@ -38,7 +38,7 @@ bool run_command_message(RTMPConnection& conn, const RTMP_Packet& pkt) REQUIRES(
     const unsigned char* s = message.data;
     const unsigned char* const sf = s + message.data_length;
     AMF_Value name;
-    // A first value of a type without text yields an empty name, which no command has.
+    // If the first value has no text, the name is empty and matches no command.
     return AMF_ReadValue(name, s, sf) && run_command(conn, pkt, name.string, {s, sf});
 }
 

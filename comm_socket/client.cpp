@@ -190,7 +190,7 @@ comm_socket_v4_error find_reply(comm_socket_v4_connection* connection, std::uint
     }
 }
 
-// Returns the bytes received of the reply to request_id; 0 until its id has arrived.
+// Returns how many bytes of the reply to request_id have been received; 0 until its id has arrived.
 std::size_t awaited_bytes(const comm_socket_v4_connection* connection, std::uint64_t request_id) {
     comm_socket::FrameHead head;
     if (!connection->input.peek(&head) || (head.flags & COMM_SOCKET_V4_REQUEST) != 0 ||

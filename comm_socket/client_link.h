@@ -86,7 +86,7 @@ class ClientLink {
     std::deque<OutgoingFrame> output;     // the front one is being sent
     std::size_t front_written_bytes = 0;  // of output.front()
     std::size_t behind_front_bytes = 0;   // in output, not counting the front
-    std::uint64_t written_bytes = 0;      // ever
+    std::uint64_t written_bytes = 0;      // since the link was created
     std::uint64_t write_progress_us = 0;  // when bytes were last sent, or the queue became non-empty
 };
 

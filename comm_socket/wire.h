@@ -100,7 +100,7 @@ class OutgoingFrame {
 
     [[nodiscard]] std::size_t size() const { return all_bytes; }
     [[nodiscard]] std::size_t piece_count() const { return pieces.size(); }
-    // Returns a piece; they are numbered in the order of sending. Valid until the frame is moved.
+    // Returns the piece with this index. Pieces are in the order of sending. Valid until the frame is moved.
     [[nodiscard]] std::string_view piece(std::size_t idx) const;
 
   private:

@@ -156,8 +156,8 @@ class RTMPConnection {
     void idle() ON_MAIN_THREAD;
 
     // --- relay/av_relay.cpp
-    // Called on the player. Queues the publisher's message with a rebased timestamp. Returns false if this
-    // player gets nothing.
+    // Called on the player. Queues the publisher's message with a rebased timestamp. Returns false if the
+    // message was not queued.
     [[nodiscard]] bool relay_from_publisher(const RelayedMessage& message,
                                             RTMPConnection& publisher) ON_MAIN_THREAD;
 };

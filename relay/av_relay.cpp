@@ -67,8 +67,8 @@ bool agree_with_publisher(RTMPConnection& player, const RTMPConnection& publishe
     return refuse("%s", kind.codec_changed_text);
 }
 
-// Returns the output chunk size that most of the players use. Never below the default, because each chunk
-// adds a header to the shared payload.
+// Returns the most common output chunk size of the players. Never below the default, because each chunk adds
+// a header to the shared payload.
 std::uint32_t chunk_size_of_most(const std::vector<std::size_t>& players) ON_MAIN_THREAD {
     struct Tally {
         std::uint32_t chunk_size;

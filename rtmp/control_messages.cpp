@@ -14,7 +14,7 @@ namespace {
 constexpr std::uint32_t MAX_CHUNK_SIZE = 0x400000;
 constexpr std::uint32_t CONTROL_VALUE_BYTES = 4;
 
-// Returns false if the payload has no size, or the size is 0 or too large.
+// Returns false if the payload is too short to contain a size, or if the size is 0 or too large.
 bool read_chunk_size(const RTMP_Packet::chunk_t::message_t& message, std::uint32_t& chunk_size) {
     if (message.data_length < CONTROL_VALUE_BYTES) {
         return false;

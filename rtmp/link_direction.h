@@ -13,7 +13,7 @@ struct LinkDirection {
         : ack_flag(acknowledge_at_once), window_ack_size(window) {}
 
     std::atomic<std::uint64_t> bytes_total =
-        0;  // written by the counting thread; read by the control listing
+        0;  // written by the thread that sends or receives; read by the control listing
 
     // --- reader thread
     bool ack_flag GUARDED_BY(READER_THREAD);  // acknowledge the next message whatever the counts are
@@ -34,7 +34,7 @@ struct ServerSide : LinkDirection {
 struct ClientSide : LinkDirection {
     using LinkDirection::LinkDirection;
 
-    std::uint32_t bytes_unacked GUARDED_BY(WRITER_THREAD) = 0;  // since the last acknowledgement
+    std::uint32_t bytes_unacked GUARDED_BY(WRITER_THREAD) = 0;  // all bytes sent, modulo 2^32; never reset
     std::uint32_t chunk_size GUARDED_BY(READER_THREAD) = DEFAULT_CHUNK_SIZE;
 };
 

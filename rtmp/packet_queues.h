@@ -26,8 +26,8 @@
 
 // Clears out_batch and moves messages from the front of connection_out into it. A batch ends after the echo
 // of a chunk size, so one chunk size applies to the whole batch. While packets are dumped, a batch is a
-// single message, so each dump is followed by its bytes. Returns false if no message is waiting or the lock
-// failed. Writer thread.
+// single message, so each message is sent directly after its dump. Returns false if no message is waiting or
+// the lock failed. Writer thread.
 [[nodiscard]] bool take_outgoing(RTMPConnection& conn) ON_WRITER_THREAD EXCLUDES(conn.mutex);
 
 // Sleeps while connection_in is full, so that the client's TCP window fills instead of memory. Returns false

@@ -48,7 +48,7 @@ def begin_of_bracket(code, end):
 
 
 def begin_of_counter(code, end):
-    """Returns where the expression that ends just before end begins, such as a name or an element."""
+    """Returns the start of the expression that ends just before end, such as a name or an element."""
     while end > 0:
         part = COUNTER_PART.search(code, max(0, end - 100), end)
         if code[end - 1] in ")]":

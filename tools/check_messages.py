@@ -24,7 +24,7 @@ ASSERTIONS_HEADING = "Assertions"
 
 PRINTERS = {"diag", "refuse", "diag_block", "diag_stdout", "fputs"}
 STANDARD_OUTPUT_PRINTERS = {"diag_stdout"}
-PASSED_ON = "%s"  # diag("%s", text): the text is complete at the place where it is chosen
+PASSED_ON = "%s"  # diag("%s", text): the text itself is a literal elsewhere and is checked there
 OTHER_PRINTERS = re.compile(r"\b(?:v?f?d?printf|puts|fputs|fwrite|perror|syslog|cout|cerr|clog)\b")
 MAY_PRINT = ["base/diag.cpp", "base/diag.h", "comm_socket/packet_dump.cpp"]
 
@@ -50,8 +50,8 @@ STANDARD_OUTPUT = "standard output"
 
 
 def tokens(source):
-    """Returns (kind, text, offset) without comments, spaces and directives, with adjacent literals joined and
-    unescaped."""
+    """Returns (kind, text, offset) for each token except comments, spaces and directives. String literals are
+    unescaped, and adjacent ones are joined."""
     result = []
     for found in TOKEN.finditer(source):
         kind, text = found.lastgroup, found.group()

@@ -266,8 +266,8 @@ comm_socket_v4_client* comm_socket_v4_accept_connection(comm_socket_v4* server);
  * until then. While COMM_SOCKET_V4_MAX_UNFREED_CLIENTS clients are not freed, new clients must wait, so call
  * this at least as often as comm_socket_v4_accept_connection.
  *
- * A client that only comm_socket_v4_server_get_packet returned need not be freed. It is valid, connected or
- * not, until its last request is released and then until the next comm_socket_v4_idle. The caller has
+ * A client that only comm_socket_v4_server_get_packet returned need not be freed. Even if it disconnects,
+ * it stays valid until the first comm_socket_v4_idle after its last request is released. The caller has
  * nothing to do for clients that connect, send requests and disconnect between two services, however many
  * there are. */
 comm_socket_v4_client* comm_socket_v4_get_disconnected_client(comm_socket_v4* server);
@@ -304,7 +304,8 @@ comm_socket_v4_packet* comm_socket_v4_server_get_packet(comm_socket_v4* server,
  *                                 COMM_SOCKET_V4_CLIENT_TIMEOUT_US (in a crowded server
  *                                 COMM_SOCKET_V4_CROWD_TIMEOUT_US), and is disconnected
  *             EINVAL              the packet is not complete, or its flags are unknown
- *             ENOMEM              there is no memory; the client stays connected
+ *             ENOMEM              there is no memory; the client stays connected unless it was disconnected
+ *                                 for lack of memory earlier
  *
  * Sending to a client that has disconnected but is not freed is allowed and returns -1. */
 int comm_socket_v4_packet_send_to_client(comm_socket_v4_client* client, const comm_socket_v4_packet* packet);

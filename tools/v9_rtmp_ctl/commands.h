@@ -1,4 +1,4 @@
-// The options of each subcommand and the functions that run them, one source file each.
+// The options of each subcommand and the functions that run them.
 //
 // Every run_ function prints its result on standard output, reports its own failures, and returns the
 // exit code.
@@ -116,7 +116,7 @@ ExitCode run_completion(const std::string& shell);
 ExitCode run_version(const Settings& settings);
 
 // Replaces this process with the serve program, which has its own package, and passes it the words of the
-// command line. Returns only if that program is missing.
+// command line. Returns only if that program cannot be started.
 ExitCode become_serve(const std::vector<std::string>& words);
 // In the serve program: serves until a signal ends the process.
 ExitCode run_serve(const Settings& settings, const ServeOptions& options);

@@ -1,4 +1,4 @@
-// What successive listings have shown of each client and each stream. No I/O; times are passed in.
+// What successive listings have shown about each client and each stream. No I/O; times are passed in.
 //
 // A client is identified by its id and address. A different address, a counter that went back, or a change
 // from one stream to another means a different client; choosing its first stream does not. A client listed

@@ -29,8 +29,8 @@ struct DropOutcome {
 [[nodiscard]] std::vector<Request> batch_requests(const std::vector<DropTarget>& batch,
                                                   const std::optional<Listing>& before);
 
-// Appends the outcomes of the batch. replies answer batch_requests called with the same earlier listing. That
-// listing is replaced by the last one, for use by the next batch.
+// Appends the outcomes of the batch. replies holds the replies to the requests that batch_requests returned
+// for the same earlier listing. That listing is replaced by the last one, for use by the next batch.
 [[nodiscard]] std::optional<Failure> judge_batch(const std::vector<DropTarget>& batch,
                                                  const std::vector<Reply>& replies,
                                                  std::optional<Listing>& before,

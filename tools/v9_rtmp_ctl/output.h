@@ -18,8 +18,8 @@ struct ScreenSize {
     std::size_t columns = 80;
 };
 
-// Whether to use color: on a terminal that is not dumb, unless the user declines it. A null variable is not
-// set; an empty NO_COLOR does not decline.
+// Whether to use color: on a terminal that is not dumb, unless the user declines it. A null pointer means
+// that the variable is not set. An empty NO_COLOR does not turn color off.
 [[nodiscard]] bool wants_color(bool is_terminal, bool no_color_option, const char* no_color_variable,
                                const char* term_variable);
 

@@ -16,9 +16,9 @@ bool is_still(const ConnectionHistory& history, const ClientRecord& record) {
     return still_us(history, media_counter(record)) >= STILL_AFTER_US;
 }
 
-// Estimates how long ago the other had transferred as much as this client has now. Counts both from the
-// time they became comparable, and of the other's bytes only the given percentage. Empty while they cannot
-// be compared.
+// Estimates how long ago the other had transferred as much as this client has now. Both are counted from the
+// time they became comparable. Only the given percentage of the other's bytes is counted. Empty while they
+// cannot be compared.
 std::optional<std::uint64_t> find_lag_us(const ConnectionHistory& history, const ClientRecord& client,
                                          const ClientRecord& other, std::uint64_t percent) {
     const std::optional<std::uint64_t> own = gained_beside(client, other);
@@ -38,7 +38,8 @@ std::optional<std::uint64_t> find_lag_us(const ConnectionHistory& history, const
 }
 
 // Returns how far the player is behind the foremost one of its stream, or behind its publisher if no player
-// is ahead. 0 if it keeps up with its publisher, because the foremost player may only have smaller chunks.
+// is ahead. 0 if it keeps up with its publisher, because the foremost player may be ahead only by the header
+// bytes of smaller chunks.
 std::uint64_t behind_us(const ConnectionHistory& history, const ClientRecord& player) {
     std::optional<std::uint64_t> behind_publisher;
     for (const ClientRecord* const publisher : sources_of(history, player)) {

@@ -30,7 +30,8 @@ class StreamSeries {
     static constexpr std::uint64_t MIN_BYTES = 65536;
     static constexpr std::uint64_t KEEP_US = 3600000000;
 
-    // Optional; call before take_in(). Then earlier bytes count for rules 2 and 3, but in no counter.
+    // Optional; call before take_in(). Earlier bytes then count for rules 2 and 3, but are not included in
+    // any counter.
     void begin(const ConnectionHistory& history) { last = history.streams(); }
 
     void take_in(const ConnectionHistory& history);

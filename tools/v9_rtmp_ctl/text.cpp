@@ -7,7 +7,7 @@
 
 namespace {
 
-// The names of a unit and its multiples, each step times the previous one. Whole units are shown
+// The names of a unit and its multiples, each step times the previous one. Values in the first unit are shown
 // without decimals.
 struct Scale {
     std::array<const char*, 7> names;

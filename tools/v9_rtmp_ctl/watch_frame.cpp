@@ -40,15 +40,15 @@ Lines wrapped(const std::string& text, std::size_t columns, LineStyle style) {
     return lines;
 }
 
-// Returns how many rows, from first on, are shown if the number of lines below the titles is room. If more
-// follow, the last line says how many.
+// Returns how many rows, starting at first, are shown in the room lines below the titles. If more follow, the
+// last line says how many.
 std::size_t count_shown(std::size_t rows, std::size_t first, std::size_t room) {
     const std::size_t left = rows - first;
     return left <= room ? left : room - (room > 1 ? 1 : 0);
 }
 
-// Appends the titles and as many rows from the cursor's on as fit into room lines. If a row is selected,
-// every line begins with a column for its mark.
+// Appends the titles and as many rows, starting at cursor.scroll, as fit into room lines. If a row is
+// selected, every line begins with a column for its mark.
 void append_table(const Table& table, std::optional<std::size_t> columns, const TableCursor& cursor,
                   std::size_t room, Lines& lines) {
     if (room == 0) {

@@ -1,4 +1,4 @@
-// Makes the requests of watch (looks and confirmed drops) on time and without delaying the keys.
+// Makes the requests of watch (looks and confirmed drops) on time. Keys wait only while it connects or sends.
 //
 //   [idle] --time for a look--> [LOOK] --listing--> [idle]
 //   [idle, LOOK] --begin_drop, of a connection--> [CHECK] --unchanged--> [DROP] --list, drop, list--> [idle]

@@ -195,7 +195,7 @@ class Judge {
         return is_publisher(record) && still_us(history, record.received) >= limit_us;
     }
 
-    // Whether the client's counter has grown as media makes it grow.
+    // Whether the client's counter has grown as it does with media.
     [[nodiscard]] bool moves(const ClientRecord& record, std::uint64_t window_us,
                              std::uint64_t bytes_per_second) const {
         const std::optional<Movement> movement = recent_movement(history, record, window_us, PARTS);

@@ -1,12 +1,12 @@
 // Decides which clients the watchdog drops, and why. Pure: a function of the history and the limits.
 //
-// A player is judged by what others received. It is compared with the other players of its stream. If none
-// of them has been there long enough, it is compared with the relayed publisher, provided that the
-// publisher's counter has grown as media does: in each third of the time, and by 2000 bytes a second. If
-// several publishers may be the relayed one, all of them must have grown in this way. If all the players
-// that it is compared with are stalled too, the publisher is suspected and the player is not dropped. A
-// player that keeps up with a publisher is not behind others: counters include headers, and a player chooses
-// its chunk size.
+// A player is judged by what others received. It is compared with the other players of its stream. If none of
+// them has been there long enough, it is compared with the relayed publisher, provided that the publisher's
+// counter has grown as it does with media: in each third of the time, and by 2000 bytes a second. If several
+// publishers may be the relayed one, the counters of all of them must have grown in this way. If all the
+// players that it is compared with are stalled too, the publisher is suspected and the player is not dropped.
+// A player that keeps up with a publisher is not behind others: counters include headers, and a player
+// chooses its chunk size.
 #pragma once
 
 #include <array>
@@ -50,7 +50,7 @@ struct WatchdogLimits {
 struct Verdict {
     Connection target;
     DropRule rule = DropRule::STALLED;
-    std::string reason;  // a sentence without its subject, for the log
+    std::string reason;  // a clause about the client, for the log
 };
 
 // By stream: the monotonic time when the last drop of a player for its age was due. The next one is due
@@ -61,7 +61,7 @@ using AgeDrops = std::map<std::string, std::uint64_t>;
                                    std::uint64_t stagger_us);
 void note_age_drop(AgeDrops& age_drops, const std::string& stream, std::uint64_t now_us,
                    std::uint64_t stagger_us);
-// Removes the drops that are too long ago to matter.
+// Removes the drops that happened too long ago to matter.
 void forget_age_drops(AgeDrops& age_drops, std::uint64_t now_us, std::uint64_t stagger_us);
 
 // Returns at most one verdict per client, and one for age per stream, in the order of ids.

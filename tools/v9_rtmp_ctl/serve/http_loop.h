@@ -1,6 +1,7 @@
 // Serves HTTP clients on one thread: reads a request's head, asks for the reply, sends it, closes.
 //
-// 1. Memory is bounded: at most MAX_HTTP_CLIENTS connections with MAX_HEAD_BYTES each.
+// 1. Memory is bounded: at most MAX_HTTP_CLIENTS connections, each with one head of about MAX_HEAD_BYTES or
+//    one reply.
 // 2. A connection carries one request. Its head must be complete within HEAD_LIMIT, and its reply taken
 //    within REPLY_LIMIT.
 // 3. When the table is full, a new connection replaces the one whose request has been incomplete the longest.

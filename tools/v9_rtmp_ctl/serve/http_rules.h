@@ -21,8 +21,8 @@
 // Whether an Authorization header holds the token. Takes the same time for all guesses of the same length.
 [[nodiscard]] bool has_token(std::string_view authorization, std::string_view token);
 
-// Reads the token, the first line of the file. It must have at least 16 characters, and other users must not
-// have access to the file.
+// Reads the token, the first line of the file. It must have at least 16 characters, and only the file's owner
+// and group may read or write the file.
 [[nodiscard]] std::optional<Failure> read_token(const std::string& path, std::string& token);
 
 // Replaces the special characters of HTML with character references, for use in elements and
