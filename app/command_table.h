@@ -11,7 +11,7 @@
 // connection is then dropped without a reply.
 using CommandHandler = bool (*)(RTMPConnection& conn, const RTMP_Packet& request, CommandArgs args);
 
-// Runs the handler of a command and returns its result. Prints an unknown name and returns false.
+// Runs the handler of a command and returns its result. If the name is unknown, prints it and returns false.
 [[nodiscard]] bool run_command(RTMPConnection& conn, const RTMP_Packet& request, const std::string& name,
                                CommandArgs args) REQUIRES(conn.mutex, MAIN_THREAD);
 

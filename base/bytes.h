@@ -1,4 +1,4 @@
-// Reads and writes big-endian and little-endian numbers of 2, 3 and 4 bytes.
+// Reads and writes big-endian numbers of 2, 3 and 4 bytes and little-endian numbers of 4 bytes.
 //
 // No function checks bounds: the caller has already tested for room with `end - s < n`. Pure; any thread.
 #pragma once

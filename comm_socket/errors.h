@@ -1,4 +1,4 @@
-// What both ends do with errno.
+// Helpers for errno, shared by the client and the server.
 #pragma once
 
 #include <cerrno>

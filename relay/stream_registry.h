@@ -30,8 +30,8 @@ void stream_subscribe_for_play(const std::string& name, std::size_t connection) 
 void stream_unsubscribe_for_play(const std::string& name, std::size_t connection) ON_MAIN_THREAD;
 
 // Removes at most one record; called on every pass of the main loop. Picks the first one, in byte order of
-// the names, that has no players and has been inactive for 5 s. intended: a publisher does not keep its
-// record alive; its next media message creates a new one.
+// the names, that has no players and has been inactive for 5 s. intended: a publisher that sends nothing
+// does not keep its record alive; its next media message creates a new one.
 void dispose_idle_streams() ON_MAIN_THREAD;
 
 // Returns the number of records, for tests.

@@ -37,7 +37,7 @@ bool accept_chunk_size(RTMPConnection& conn, const RTMP_Packet& pkt) ON_READER_T
     diag("RTMP: New chunk size %lu accepted\n", static_cast<unsigned long>(chunk_size));
     conn.conn_g_client.chunk_size = chunk_size;
 
-    // Do not print from here to the queue: the packet is a local, so there must be no cancellation point.
+    // Do not print until the echo is queued: it is a local variable, so there must be no cancellation point.
     RTMP_Packet echo;
     echo.copy_header_from(pkt);
     // If there is no memory, the echo stays empty: nothing is sent, and the old output size stays.

@@ -1,5 +1,5 @@
 // The two queues of a connection. Every access holds the lock. The connection's own threads hold it for at
-// most MAX_BATCH_MESSAGES moves, the main thread also while it handles a message.
+// most MAX_BATCH_MESSAGES moves. The main thread also holds it while it handles a message.
 //
 //   reader thread -- connection_in --> main thread
 //   reader thread, main thread -- connection_out --> writer thread

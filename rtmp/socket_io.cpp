@@ -1,5 +1,5 @@
-// The socket primitives of a connection: blocking, counting reads and writes, and all-or-nothing ones
-// built on them.
+// The socket primitives of a connection. cread and cwrite block and count bytes; read_whole and write_whole
+// are built on them and are all or nothing.
 #include "rtmp/socket_io.h"
 
 #include <sys/socket.h>

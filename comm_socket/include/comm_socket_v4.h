@@ -267,9 +267,9 @@ comm_socket_v4_client* comm_socket_v4_accept_connection(comm_socket_v4* server);
  * this at least as often as comm_socket_v4_accept_connection.
  *
  * A client that only comm_socket_v4_server_get_packet returned need not be freed. Even if it disconnects,
- * it stays valid until the first comm_socket_v4_idle after its last request is released. The caller has
- * nothing to do for clients that connect, send requests and disconnect between two services, however many
- * there are. */
+ * it stays valid until the first comm_socket_v4_idle after its last request is released. Any number of
+ * clients may connect, send requests and disconnect between two calls of comm_socket_v4_idle; the caller need
+ * not free those that comm_socket_v4_accept_connection did not return. */
 comm_socket_v4_client* comm_socket_v4_get_disconnected_client(comm_socket_v4* server);
 
 /* Frees a client and disconnects it first if it is connected. Its requests that the caller still holds

@@ -57,10 +57,11 @@ struct ClientRecord {
     std::uint64_t quiet_since_us = 0;  // monotonic; possibly silent since then
 
     // For the counter that media_counter() returns.
-    std::deque<CounterSample> samples;             // oldest first
-    std::uint64_t settled_as = 0;                  // 0 until settled; later clients have larger numbers
-    std::uint64_t settled_bytes = 0;               // at that moment
-    std::map<std::uint64_t, std::uint64_t> since;  // settled_as of a later client to the bytes at that moment
+    std::deque<CounterSample> samples;  // oldest first
+    std::uint64_t settled_as = 0;       // 0 until settled; later clients have larger numbers
+    std::uint64_t settled_bytes = 0;    // at that moment
+    // Maps the settled_as of each client that settled later to this client's bytes at that moment.
+    std::map<std::uint64_t, std::uint64_t> since;
 };
 
 // The counters of a stream name. They survive reconnects and never decrease while the name is known.

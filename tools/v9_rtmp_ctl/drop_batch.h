@@ -2,7 +2,7 @@
 //
 // The server knows only ids and, as a guard, stream names. At any moment another client of the same name, or
 // another without a name, can take over a slot. So one write requests a listing, the drops and another
-// listing. The server usually handles these at once. A drop is certain only if both listings agree.
+// listing. The server usually handles all of them in one pass. A drop is certain only if both listings agree.
 #pragma once
 
 #include <cstddef>

@@ -20,8 +20,8 @@ class FileLock {
     FileLock(const FileLock&) = delete;
     FileLock& operator=(const FileLock&) = delete;
 
-    // Another program, or another FileLock of this one, holds the lock. False if the file cannot be opened,
-    // because the protected files cannot be written either in that case.
+    // Whether another program, or another FileLock of this program, holds the lock. False if the file cannot
+    // be opened: the protected files cannot be written then either.
     [[nodiscard]] bool is_held_elsewhere() const { return held_elsewhere; }
 
   private:

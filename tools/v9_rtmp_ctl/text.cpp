@@ -7,8 +7,8 @@
 
 namespace {
 
-// The names of a unit and its multiples, each step times the previous one. Values in the first unit are shown
-// without decimals.
+// The names of a unit and its multiples. Each multiple is the previous one times step. Values in the first
+// unit are shown without decimals.
 struct Scale {
     std::array<const char*, 7> names;
     double step;

@@ -40,8 +40,8 @@ Lines wrapped(const std::string& text, std::size_t columns, LineStyle style) {
     return lines;
 }
 
-// Returns how many rows, starting at first, are shown in the room lines below the titles. If more follow, the
-// last line says how many.
+// Returns how many rows, starting at first, are shown. The space below the titles is `room` lines. If more
+// rows follow, the last line says how many.
 std::size_t count_shown(std::size_t rows, std::size_t first, std::size_t room) {
     const std::size_t left = rows - first;
     return left <= room ? left : room - (room > 1 ? 1 : 0);

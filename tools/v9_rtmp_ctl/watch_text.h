@@ -10,8 +10,8 @@
 
 constexpr std::size_t ANY_WIDTH = std::numeric_limits<std::size_t>::max();
 
-// Two lines: what the server has, and the totals of what is shown, in the longest form that fits
-// into columns.
+// The two heading lines, each in the longest form that fits into columns: the server's slots and connections,
+// and the totals of the connections shown.
 [[nodiscard]] std::string heading_text(const WatchModel& model, std::size_t columns);
 [[nodiscard]] std::string totals_text(const WatchModel& model, std::size_t columns);
 

@@ -4,8 +4,9 @@
 //    one reply.
 // 2. A connection carries one request. Its head must be complete within HEAD_LIMIT, and its reply taken
 //    within REPLY_LIMIT.
-// 3. When the table is full, a new connection replaces the one whose request has been incomplete the longest.
-//    So clients that send slowly or not at all do not keep out clients that send their request at once.
+// 3. When the table is full, a new connection replaces the one whose request has been incomplete the longest,
+//    or the oldest connection if no request is incomplete. So clients that send slowly or not at all do not
+//    keep out clients that send their request at once.
 // 4. Bodies are not read: the request ends at its first empty line.
 #pragma once
 

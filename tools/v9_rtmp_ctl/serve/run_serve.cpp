@@ -69,7 +69,7 @@ class Board {
     std::shared_ptr<const MonitorView> pinned = std::make_shared<const MonitorView>();
 };
 
-// Looks a second apart, or immediately if the previous look took longer.
+// Looks once a second, or immediately if the previous look took longer than that.
 [[noreturn]] void look_for_ever(Monitor& monitor, Board& board) {
     for (auto next = std::chrono::steady_clock::now() + LOOK_INTERVAL;;) {
         std::this_thread::sleep_until(next);
