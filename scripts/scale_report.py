@@ -122,11 +122,12 @@ def measured(figures):
     return "\n\n".join([
         f"`scripts/scale-test`: {figures['setup']['edges']} edges, {steady['players']} players, one stream of 500 kbit/s.",
         steady_table(figures), cost_table(figures), killed_table(figures),
-        f"- **Sessions of the edges** {', '.join(map(str, steady['sessions_of_edges']))}; {steady['frames']:,} frames arrived, "
+        f"- **Sessions of the edges**:  {', '.join(map(str, steady['sessions_of_edges']))}; {steady['frames']:,} frames arrived, "
         f"{steady['missing']} were missing. All players were playing {figures['start']['all_play_after_s']:.1f} s after the start.\n"
         f"- **Drained**: {drain['sessions_of_old']} players stayed on the old server, {drain['sessions_of_new']} new ones went to "
         f"the new one, {drain['established_lost']} were lost. After its limit of {drain['age_limit_s']} s, v9-rtmp-drain "
-        f"returned and the old server was stopped; the rest played again after {drain['rest_back_after_s']:.1f} s. When all had left, v9-rtmp-drain ended "
+        f"returned and the old server was stopped; the rest played again after {drain['rest_back_after_s']:.1f} s. In a "
+        "second run, in which all players left by themselves, v9-rtmp-drain ended "
         f"{drain['empty_after_s']:.1f} s after its start.\n"
         f"- **A rival encoder**: all players play again {rival['back_after_close_s']:.1f} s after the first encoder was killed, "
         f"{rival['back_after_silence_s']:.1f} s after it fell silent.\n"
