@@ -42,10 +42,10 @@ struct comm_socket_v4_client {
     comm_socket_v4_client(comm_socket_v4* owner, int fd) : server(owner), link(fd) {}
 
     comm_socket_v4* server;
-    comm_socket::ClientLink link;
     std::shared_ptr<std::size_t> unreleased = std::make_shared<std::size_t>(0);  // requests handed out
-    std::uint64_t last_turn = 0;  // value of server->turns at the client's last turn; 0: none yet
-    bool announced = false;       // returned by accept_connection, so the caller must free it
+    comm_socket::ClientLink link;  // after unreleased: once it owns the socket, construction cannot fail
+    std::uint64_t last_turn = 0;   // value of server->turns at the client's last turn; 0: none yet
+    bool announced = false;        // returned by accept_connection, so the caller must free it
     ClientList* home = nullptr;
     ClientList::iterator position;
 };

@@ -1,17 +1,32 @@
-// Packets for which there is no memory. The allocator of this executable fails on command.
-#include <comm_socket_v4.h>
+// Packets and clients for which there is no memory. The allocator of this executable fails on command.
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <new>
 #include <string>
+
+#include "comm_socket/include/comm_socket_v4.h"
+#include "tests/comm_socket/raw_peer.h"
 
 namespace {
 
 constexpr int UNLIMITED = 1000000;
 int allocations_left = UNLIMITED;
+int closes_of_closed_descriptors = 0;
 
 }  // namespace
+
+extern "C" {
+int __real_close(int fd);
+int __wrap_close(int fd);
+
+int __wrap_close(int fd) {
+    const int result = __real_close(fd);
+    closes_of_closed_descriptors += result != 0 && errno == EBADF ? 1 : 0;
+    return result;
+}
+}
 
 // Not inlined: a compiler that sees only one of the pair reports a mismatch.
 [[gnu::noinline]] void* operator new(std::size_t size) {
@@ -83,4 +98,26 @@ TEST(packet_exhaustion, shared_bytes_are_released_once_whichever_allocation_fail
         EXPECT_EQ(released, 1);
     }
     EXPECT_GT(refusals, 3);  // the owner's count, the value, the pair and the part
+}
+
+// A second close could hit a descriptor that another thread has opened in between.
+TEST(client_exhaustion, a_client_is_closed_once_whichever_allocation_fails) {
+    const TemporaryDirectory directory;
+    const DrivenServer server(directory.file("socket"));
+    closes_of_closed_descriptors = 0;
+    int refusals = 0;
+    for (bool accepted = false; !accepted; ++refusals) {
+        ASSERT_LT(refusals, 20);
+        const RawPeer peer(server.path);
+        const int before = count_descriptors();
+        allocations_left = refusals;
+        const int result = comm_socket_v4_idle(server.handle);
+        allocations_left = UNLIMITED;
+        EXPECT_EQ(result, 0);
+        accepted = comm_socket_v4_accept_connection(server.handle) != nullptr;
+        EXPECT_EQ(count_descriptors(), accepted ? before + 1 : before);
+        EXPECT_EQ(peer.is_closed(), !accepted);
+    }
+    EXPECT_GT(refusals, 2);  // the client and the count of its requests
+    EXPECT_EQ(closes_of_closed_descriptors, 0);
 }
