@@ -15,7 +15,7 @@
 // Limit for one call, not counting the line that reports the cut.
 constexpr std::size_t AMF_DUMP_MAX_BYTES = 1024 * 1024;
 
-// The indent of every dump that the server prints.
+// The indent of every AMF dump that the server prints.
 inline constexpr const char* DUMP_INDENT = "\t";
 
 // Prints the type, the payload and all members of v. Every line begins with indent. For an object:

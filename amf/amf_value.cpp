@@ -2,8 +2,8 @@
 
 #include <type_traits>  // IWYU pragma: keep, for is_same_v
 
-// Destroys trees of any depth without recursion: pending blocks form a linked list through a field of their
-// own. A block is freed only after its values have given up their children.
+// Destroys trees of any depth without recursion: pending blocks are linked through a field of the block. A
+// block is freed only after its values have given up their children.
 class AMF_PendingBlocks {
   public:
     void take(AMF_Value& value) {

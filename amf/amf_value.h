@@ -21,8 +21,8 @@
 
 struct AMF_Value;
 
-// The marker byte of a value. May hold any byte: if the decoder refuses an unknown marker, that marker stays
-// in `type`.
+// The marker byte of a value. Other bytes than these can occur: if the decoder refuses an unknown marker,
+// that marker stays in `type`.
 enum class AMF_Type : std::uint32_t {
     // NOLINTBEGIN(readability-identifier-naming): the names that AMF0 gives its types
     Number = 0x00,
@@ -45,11 +45,11 @@ enum class AMF_Type : std::uint32_t {
     // NOLINTEND(readability-identifier-naming)
 };
 
-// The shortest string whose length does not fit in 16 bits.
+// The smallest string length that does not fit in 16 bits.
 constexpr std::size_t AMF_LONG_STRING_BYTES = 65536;
 
-// The values directly below a value. The container is allocated with the first of them, since most values
-// have none and a message may hold a hundred thousand values.
+// The values directly below a value. The container is allocated when the first one is added, since most
+// values have none and a message may hold a hundred thousand values.
 template <typename Container>
 class AMF_Children {
   public:
@@ -61,7 +61,7 @@ class AMF_Children {
 
     [[nodiscard]] bool empty() const { return block == nullptr || block->items.empty(); }
     [[nodiscard]] std::size_t size() const { return block == nullptr ? 0 : block->items.size(); }
-    // Without a container, both return the value-initialised iterator, which compares equal to itself.
+    // Without a container, both return a value-initialised iterator, and two of these compare equal.
     [[nodiscard]] auto begin() const {
         return block == nullptr ? typename Container::const_iterator{} : block->items.cbegin();
     }
@@ -104,8 +104,8 @@ class AMF_Members : public AMF_Children<AMF_MemberMap> {
     AMF_Value& append(const std::string& key);
 };
 
-// The items of a strict array. The decoder and the encoder do not support strict arrays, so only our own
-// code fills it.
+// The items of a strict array. The decoder and the encoder do not support strict arrays, so a received value
+// never has any.
 class AMF_Elements : public AMF_Children<std::vector<AMF_Value>> {
   public:
     AMF_Value& append();
@@ -147,5 +147,5 @@ struct AMF_Value {
 };
 
 // The result of looking up an absent member. Always in the default state. Initialised before any other object
-// of static lifetime.
+// of static storage duration.
 extern const AMF_Value AMF_UndefinedValue;

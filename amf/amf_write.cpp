@@ -21,7 +21,7 @@ constexpr std::ptrdiff_t END_BYTES = 3;
 struct OpenObject {
     AMF_MemberMap::const_iterator next;
     AMF_MemberMap::const_iterator end;
-    std::size_t unwritten;  // of the announced count
+    std::size_t unwritten;  // members not written yet
 };
 
 bool room_for_string(const unsigned char* d, const unsigned char* df, std::ptrdiff_t length_bytes,

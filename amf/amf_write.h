@@ -18,7 +18,7 @@
 // Writes a 32-bit length and the bytes. Unlike the decoder, accepts every length that fits.
 [[nodiscard]] bool AMF_WriteStringU32(unsigned char*& d, unsigned char* df, std::string_view s);
 
-// Writes the payload of a number or boolean only, without a marker; the bits are not changed.
+// Writes only the payload of a number or boolean, without a marker; the bits are not changed.
 [[nodiscard]] bool AMF_WriteNumber(unsigned char*& d, unsigned char* df, const AMF_Value& v);
 [[nodiscard]] bool AMF_WriteBoolean(unsigned char*& d, unsigned char* df, const AMF_Value& v);
 

@@ -7,8 +7,8 @@
 #include "core/connection.h"
 
 // Handles one command. Called with the connection's lock held, so replies are pushed directly onto
-// connection_out. Returns false on a protocol error, after printing the handler's line if it has one. The
-// connection is then dropped without a reply.
+// connection_out. Returns false if the connection is to be dropped without a reply: on an error, a refusal or
+// deleteStream. Some handlers print one line before that.
 using CommandHandler = bool (*)(RTMPConnection& conn, const RTMP_Packet& request, CommandArgs args);
 
 // Runs the handler of a command and returns its result. If the name is unknown, prints it and returns false.

@@ -10,7 +10,8 @@
 
 namespace {
 
-// Returns 1 to 2,147,483,647. Random, so that a client that ignores the reply and uses 1 is detected.
+// Returns a random id from 1 to 2,147,483,647, so that a client that ignores the reply and uses 1
+// is detected.
 std::uint32_t choose_stream_id() {
     constexpr std::uint32_t POSITIVE = 0x7FFFFFFF;
     const std::uint32_t stream_id = random_product() & POSITIVE;

@@ -16,7 +16,8 @@
 
 namespace {
 
-// The time from publish to the first media message. Each media message then sets a shorter deadline.
+// The time allowed between publish and the first media message. Each media message then sets a
+// shorter deadline.
 constexpr std::uint64_t FIRST_MEDIA_GRACE_US = 3500000;
 
 }  // namespace

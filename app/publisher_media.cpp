@@ -25,7 +25,7 @@ void adopt_stream_id(RTMPConnection& conn, std::uint32_t message_stream_id) ON_M
     }
 }
 
-// Starts the pacing clock. intended: after a first timestamp of 0, the next message sets the base.
+// Starts the pacing clock. intended: if the first timestamp is 0, the next message sets av_start_ts.
 void note_media(RTMPConnection& conn, std::uint32_t timestamp, std::uint64_t now_us) ON_MAIN_THREAD {
     if (conn.av_start_us == 0) {
         conn.av_start_us = now_us;
@@ -33,7 +33,7 @@ void note_media(RTMPConnection& conn, std::uint32_t timestamp, std::uint64_t now
     if (conn.av_start_ts == 0) {
         conn.av_start_ts = timestamp;
     }
-    // This includes messages that are then held back: their publisher is ahead, not stalled.
+    // Messages that are then held back count too: their publisher is ahead, not stalled.
     conn.stall_deadline_us = now_us + STALL_US;
 }
 

@@ -15,7 +15,7 @@ enum class MediaResult {
     HELD,  // it is ahead of real time: leave it at the front and try again on the next pass
 };
 
-// Handles an audio or video message at the front of a connection's queue. Ignored if the connection does not
-// publish. May make the connection the publisher of its stream and drop one that has stalled.
+// Handles an audio or video message at the front of a connection's queue. Ignores it if the connection is not
+// publishing. May make the connection the publisher of its stream and drop a publisher that has stalled.
 [[nodiscard]] MediaResult handle_media(RTMPConnection& conn, RTMP_Packet& pkt)
     REQUIRES(conn.mutex, MAIN_THREAD);

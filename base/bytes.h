@@ -1,6 +1,6 @@
 // Reads and writes big-endian numbers of 2, 3 and 4 bytes and little-endian numbers of 4 bytes.
 //
-// No function checks bounds: the caller has already tested for room with `end - s < n`. Pure; any thread.
+// No function checks bounds: the caller must first test for room with `end - s < n`. Pure; any thread.
 #pragma once
 
 #include <cstdint>
@@ -21,7 +21,7 @@ constexpr std::uint32_t read_le32(const unsigned char* s) {
     return std::uint32_t{s[3]} << 24 | std::uint32_t{s[2]} << 16 | std::uint32_t{s[1]} << 8 | s[0];
 }
 
-// Each writes the low bits of value: 16, 24 or 32 of them. Higher bits are dropped.
+// Each writes the low 16, 24 or 32 bits of value. Higher bits are dropped.
 constexpr void write_be16(unsigned char* d, std::uint32_t value) {
     d[0] = static_cast<unsigned char>(value >> 8);
     d[1] = static_cast<unsigned char>(value);

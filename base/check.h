@@ -1,4 +1,4 @@
-// The assertion. It is active in every build, and is for our own mistakes, never for a peer's bytes.
+// The assertion, active in every build. It catches our own mistakes and never checks a peer's bytes.
 //
 // CHECK(expression) evaluates the expression exactly once, so it may have a side effect (an unlock). When it
 // is false, the process prints

@@ -1,4 +1,4 @@
-// The server's only clock. All times in the server are microseconds of this clock.
+// The server's only clock. All times in the server, except media timestamps, are microseconds of this clock.
 #pragma once
 
 #include <cstdint>

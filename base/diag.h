@@ -1,7 +1,7 @@
 // The server's diagnostics: lines on standard error, and one kind of line on standard output.
 //
-// 1. A call is one write(2), unless the descriptor takes less at a time, so lines from different
-//    threads do not mix.
+// 1. A call is one write(2), unless the descriptor accepts only part of it, so lines from different threads
+//    do not mix.
 // 2. No stdio lock is held. A thread that is cancelled while a full pipe blocks its write leaves nothing
 //    locked, and no other thread waits for it.
 // 3. Every call is a cancellation point. On a connection's own threads, never call these functions while

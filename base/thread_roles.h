@@ -27,12 +27,12 @@ inline constexpr ThreadRole MAIN_THREAD{};    // the thread that runs main()
 inline constexpr ThreadRole READER_THREAD{};  // a connection's reader
 inline constexpr ThreadRole WRITER_THREAD{};  // a connection's writer
 
-// Placed after a function's parameters: only such a thread may call the function.
+// Placed after a function's parameters: only a thread that holds the role may call the function.
 #define ON_MAIN_THREAD REQUIRES(MAIN_THREAD)
 #define ON_READER_THREAD REQUIRES(READER_THREAD)
 #define ON_WRITER_THREAD REQUIRES(WRITER_THREAD)
 
 // Tells the checker that this thread holds the role from here on. Called at the start of a thread, and where
-// another thread does the role's work exclusively.
+// another thread does the role's work while the role's own thread does not.
 inline void assume_role(const ThreadRole& role) ASSERT_CAPABILITY(role);
 inline void assume_role(const ThreadRole& /*role*/) {}

@@ -27,7 +27,7 @@ struct comm_socket_v4_connection {
     int fd;
     comm_socket::FrameBuffer input{comm_socket::REPLY_LIMITS};
     std::uint64_t last_request_id = 0;
-    comm_socket_v4_error failure = COMM_SOCKET_V4_OK;  // the error that ended the connection
+    comm_socket_v4_error failure = COMM_SOCKET_V4_OK;  // OK while the connection can be used
 };
 
 namespace {
@@ -35,7 +35,7 @@ namespace {
 constexpr std::size_t READ_CHUNK_BYTES = 65536;
 constexpr int FULL_BACKLOG_RETRY_MS = 10;
 
-// The time limits of a call: in all, and without progress.
+// The two time limits of a call: for the whole call, and for the time without progress.
 class Patience {
   public:
     Patience(std::uint64_t silence, std::uint64_t total)
@@ -216,8 +216,8 @@ comm_socket_v4_error wait_reply(comm_socket_v4_connection* connection, std::uint
             const std::size_t received_before =
                 std::exchange(received, awaited_bytes(connection, request_id));
             const bool has_grown = received > received_before;
-            // A server that never stops sending does not extend the deadline; what has arrived
-            // by then counts.
+            // The deadline holds even if the server never stops sending, but bytes that have arrived by
+            // then count.
             if (was_last_look && (!has_grown || patience->total_is_over())) {
                 return COMM_SOCKET_V4_TIMEOUT;
             }

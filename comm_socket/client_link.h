@@ -1,7 +1,7 @@
-// The server's end of one client: its socket, the requests that have not been taken yet, and the replies that
-// wait to be sent. Used by the thread that owns the server. Only wait_until_writable blocks.
+// The server's end of a connection to one client: its socket, the requests that have not been taken yet, and
+// the replies that wait to be sent. Used by the thread that owns the server. Only wait_until_writable blocks.
 //
-//   OPEN --the peer shuts its sending side--> HALF_CLOSED --answered and flushed: finish()--> CLOSED
+//   OPEN --the peer shuts down its sending side--> HALF_CLOSED --answered and flushed: finish()--> CLOSED
 //   OPEN, HALF_CLOSED --the peer disconnects--> CLOSED, complete requests can still be taken
 //   OPEN, HALF_CLOSED --drop()--> CLOSED, requests are discarded
 //
@@ -49,7 +49,8 @@ class ClientLink {
     // client is being answered.
     void finish();
 
-    // Disconnects and discards everything. Sending fails with error from then on.
+    // Disconnects and discards everything. Sending fails from then on, with error unless it has
+    // failed before.
     void drop(int error);
 
     // Returns 0, or the errno with which sending to this client fails.
@@ -72,7 +73,7 @@ class ClientLink {
     [[nodiscard]] bool wants_to_read() const;
     void test_input_after_reading(std::uint64_t now, bool drained);
     void close_socket(int error);
-    // Returns false if the socket accepts no more at present.
+    // Returns false if the socket accepts no more at present or has failed.
     bool write_once(std::size_t limit_bytes, std::size_t* written);
     void remove_written(std::size_t bytes);
 

@@ -263,7 +263,7 @@ int comm_socket_v4_packet_write_nv_pair_shared(comm_socket_v4_packet* packet, co
         return comm_socket::refuse(EINVAL);
     }
     try {
-        // Calls release if it throws.
+        // If the constructor of the shared_ptr throws, it calls release.
         comm_socket::SharedPart part{0, 0, {}, std::shared_ptr<void>(shared.owner, shared.release)};
         if (name == nullptr || before == nullptr || after == nullptr ||
             !comm_socket::is_bytes(shared.bytes, shared.length)) {

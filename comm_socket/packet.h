@@ -28,8 +28,8 @@ using HeldRequests = std::list<comm_socket_v4_packet*>;
 // Creates a COMPLETE packet with these texts. Throws std::bad_alloc.
 comm_socket_v4_packet* make_packet(const FrameHead& head, FrameText&& text);
 
-// Adds the request to held and counts it in *unreleased until it is released. Throws std::bad_alloc and then
-// changes nothing.
+// Adds the request to held and counts it in *unreleased until it is released. If it throws std::bad_alloc,
+// nothing has changed.
 void hold_request(comm_socket_v4_packet* packet, HeldRequests* held,
                   const std::shared_ptr<std::size_t>& unreleased);
 

@@ -128,7 +128,8 @@ int listen_at(const sockaddr_un& address, struct stat* identity) {
     return comm_socket::refuse(error);
 }
 
-// Moves disconnected clients from clients to left. Call before counting room for new clients.
+// Moves disconnected clients from clients to left. Call before checking whether there is room for
+// new clients.
 void move_disconnected_to_left(comm_socket_v4* server) {
     for (auto next = server->clients.begin(); next != server->clients.end();) {
         comm_socket_v4_client* client = &*next++;
@@ -305,8 +306,8 @@ comm_socket_v4_client* first_in_turn(ClientList* list, bool crowded) {
     return found == list->end() ? nullptr : &*found;
 }
 
-// Every other service begins with the client that most recently connected or was answered. So a short request
-// does not wait for all earlier long ones, which continue in the services in between.
+// Every other service begins with the client that most recently connected or was answered. This keeps a short
+// request from waiting for all earlier long ones, which continue in the services in between.
 comm_socket_v4_client* next_connected(comm_socket_v4* server, bool crowded) {
     if (!server->begins_with_latest) {
         return first_in_turn(&server->clients, crowded);

@@ -1,4 +1,4 @@
-// Encodes and decodes frames, using a cursor and an end. No I/O. Pure; any thread.
+// Encodes and decodes frames, using a cursor and an end pointer. No I/O. Pure; any thread.
 //
 //      0       1       2       3       4               8
 //     +-------+-------+-------+-------+---------------+------------------------------------+
@@ -35,7 +35,7 @@ struct FrameLimits {
 extern const FrameLimits REQUEST_LIMITS;  // to the server
 extern const FrameLimits REPLY_LIMITS;    // to the client
 
-// The contents of a frame after its header.
+// The fixed fields at the beginning of a frame's body.
 struct FrameHead {
     std::uint32_t flags = 0;
     std::uint64_t request_id = 0;
@@ -48,6 +48,7 @@ struct SharedPart {
     std::string_view bytes;
     std::shared_ptr<void> owner;  // keeps the bytes alive
 };
+// The rest of the body.
 struct FrameText {
     std::string command;
     std::string message;
@@ -100,7 +101,8 @@ class OutgoingFrame {
 
     [[nodiscard]] std::size_t size() const { return all_bytes; }
     [[nodiscard]] std::size_t piece_count() const { return pieces.size(); }
-    // Returns the piece with this index. Pieces are in the order of sending. Valid until the frame is moved.
+    // Returns the piece with this index. Pieces are in the order of sending. The view is valid until the
+    // frame is moved.
     [[nodiscard]] std::string_view piece(std::size_t idx) const;
 
   private:

@@ -39,7 +39,7 @@ void write_shared_pair(comm_socket_v4_packet* respkt, const char* name, const ch
     CHECK(comm_socket_v4_packet_write_nv_pair_shared(respkt, name, before, shared, after) == 0);
 }
 
-// The reply keeps the stream name until it has been sent, even if the connection leaves before that.
+// The reply keeps the stream name until it has been sent, even if the connection is closed before that.
 void write_connection(comm_socket_v4_packet* respkt, const ConnectionLine& line) {
     auto* const name = new SharedText(line.stream_name);
     const auto release = [](void* owner) { delete static_cast<SharedText*>(owner); };
@@ -60,7 +60,7 @@ void greet(const comm_socket_v4_packet* /*request*/, comm_socket_v4_packet* resp
     write_reply(respkt, "hello", "How are you?");
 }
 
-// intended: an empty or absent name drops every connection that has not chosen a stream yet.
+// intended: an empty or absent name drops every connection whose stream name is empty.
 void drop_by_stream_name(const comm_socket_v4_packet* request, comm_socket_v4_packet* respkt) ON_MAIN_THREAD {
     const std::string_view name = argument_or_empty(request, 0);
     int dropped = 0;

@@ -29,7 +29,7 @@ bool socket_is_usable() ON_MAIN_THREAD {
         return refuse("Lost server socket\n");
     }
     if (comm_socket_v4_idle(comm_server) != 0) {
-        return refuse("Idle failed: %s", std::strerror(errno));  // intended: no line end
+        return refuse("Idle failed: %s", std::strerror(errno));  // intended: no newline
     }
     return true;
 }

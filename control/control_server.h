@@ -15,8 +15,8 @@
 // Accepts waiting clients, frees one that has disconnected, and answers requests: always the first one, then
 // more until 64 have been answered or 50 ms have passed. The rest wait for the next service. While more than
 // 64 MiB of replies are waiting, answers only one. A request is always handled completely, however long that
-// takes. Then sends the rest of the replies, for at most 20 ms for all clients together. Stops early after a
-// quit signal.
+// takes. Then spends at most 20 ms, for all clients together, on sending the rest of the replies. Stops early
+// after a quit signal.
 void server_idle() ON_MAIN_THREAD;
 
 // Closes the socket and frees everything that belongs to it. Does nothing if it is already closed.

@@ -12,11 +12,11 @@ RTMPConnection::RTMPConnection(int accepted_fd, std::size_t slot, std::string pe
       address(std::move(peer_address)),
       conn_g_server(!opt_no_def_ack, opt_no_def_ack ? 0 : 1),
       conn_g_client(!opt_no_def_ack, opt_no_def_ack ? 0 : 1) {
-    // The writer thread fills it under the lock and must not allocate there, so memory is reserved now.
+    // The writer thread fills out_batch under the lock and must not allocate there, so reserve memory now.
     out_batch.reserve(MAX_BATCH_MESSAGES);
 }
 
-// The checker cannot follow a lock that may fail, so it checks ConnectionLock instead.
+// The checker cannot follow a lock that may fail, so it checks only the uses of ConnectionLock.
 bool RTMPConnection::connection_io_lock() NO_THREAD_SAFETY_ANALYSIS {
     return pthread_mutex_lock(&mutex.handle) == 0;
 }

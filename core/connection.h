@@ -7,7 +7,7 @@
 // 3. Only the main thread holds two of these mutexes: the publisher's, then one player's.
 // 4. Other connections are identified by slot index, never by pointer. Nothing outside points
 //    into a connection.
-// 5. The fields are grouped by who may touch them. The clang build checks the annotated ones.
+// 5. The fields are grouped by the thread that may touch them. The clang build checks the annotated ones.
 //
 //                  new_connection                 a thread ends
 //    [free slot] ----------------> [open] ---------------------------> [draining]
@@ -87,7 +87,7 @@ class RTMPConnection {
     bool thread2_init GUARDED_BY(MAIN_THREAD) = false;  // the writer thread exists and is not joined
     // set to request a close; idle() acts on it
     bool close_requested GUARDED_BY(MAIN_THREAD) = false;
-    bool closing GUARDED_BY(MAIN_THREAD) = false;  // a thread is being stopped; for the debugger
+    bool closing GUARDED_BY(MAIN_THREAD) = false;  // stopping of a thread has begun; for the debugger
     bool closed GUARDED_BY(MAIN_THREAD) = false;   // both threads have been stopped; for the debugger
 
     // --- main thread, app: what the client has requested
@@ -95,7 +95,7 @@ class RTMPConnection {
     std::string stream_mode GUARDED_BY(MAIN_THREAD);      // "publish", "play" or empty; set once
     SharedText stream_name GUARDED_BY(MAIN_THREAD);       // shared with the listings that are being sent
     std::uint32_t client_id GUARDED_BY(MAIN_THREAD) = 0;  // sent in the reply to connect
-    std::uint32_t stream_id GUARDED_BY(MAIN_THREAD) = 0;  // message stream id assigned by createStream
+    std::uint32_t stream_id GUARDED_BY(MAIN_THREAD) = 0;  // message stream id, from createStream or media
     // set by createStream; cleared when media arrives on another id
     bool stream_id_unconfirmed GUARDED_BY(MAIN_THREAD) = false;
     StreamMetadata metadata GUARDED_BY(MAIN_THREAD);     // a publisher's last onMetaData, whatever its type
@@ -130,12 +130,11 @@ class RTMPConnection {
     // Joins threads that have ended by themselves.
     void reap_dead_threads() ON_MAIN_THREAD;
 
-    // --- rtmp/socket_io.cpp
-    // Reads c bytes, or fewer if the peer closes first. Returns the number of bytes read, or -1 for none,
-    // and counts them.
+    // --- rtmp/socket_io.cpp Reads c bytes, or fewer if the peer closes first, and counts them. Returns the
+    // number of bytes read, or -1 if there were none.
     ssize_t cread(void* buffer, std::size_t c) ON_READER_THREAD;
-    // Sends c bytes, or fewer if the peer closes first. Returns the number of bytes sent, or -1 for none,
-    // and counts them.
+    // Sends c bytes, or fewer if the peer closes first, and counts them. Returns the number of bytes sent, or
+    // -1 if there were none.
     ssize_t cwrite(const void* buffer, std::size_t c) ON_READER_THREAD;
 
     // --- rtmp/handshake.cpp, rtmp/chunk_reader.cpp, rtmp/reader_thread.cpp, rtmp/packet_queues.cpp

@@ -72,8 +72,8 @@ void RTMPConnection::close_connection() {
     stop_threads(*this);
     CHECK(!thread_init);
 
-    // Close only now: a descriptor that is closed under a running thread may be reused at once
-    // for another file.
+    // Close only now: if a descriptor is closed while a thread still uses it, it may be reused at once for
+    // another file.
     if (fd >= 0) {
         close(fd);
         fd = -1;

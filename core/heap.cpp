@@ -9,7 +9,7 @@
 namespace {
 
 constexpr int GIVE_BACK_BYTES = 65536;
-// Pages that are soon needed again are cheaper to keep than to return.
+// It is cheaper to keep pages that will soon be needed again than to return them.
 constexpr std::uint64_t GIVE_BACK_DELAY_US = 10000000;
 
 std::uint64_t give_back_at_us GUARDED_BY(MAIN_THREAD) = 0;  // 0 if nothing is to be returned

@@ -28,7 +28,7 @@ constexpr int KEEPALIVE_INTERVAL_S = 10;
 constexpr int KEEPALIVE_PROBES = 6;
 
 bool enable_option(int option) ON_MAIN_THREAD {
-    const std::int64_t on = 1;  // The kernel reads the low 32 bits.
+    const std::int64_t on = 1;  // The kernel reads the first 4 bytes: the low half (little-endian).
     return setsockopt(listen_fd, SOL_SOCKET, option, &on, sizeof on) == 0;
 }
 

@@ -8,7 +8,7 @@
 
 namespace {
 
-// Opens standard descriptors that are closed; otherwise a socket could become descriptor 2 and be sent every
+// Opens standard descriptors that are closed; otherwise a socket could become descriptor 2 and receive every
 // diagnostic line. Returns false on failure.
 bool open_closed_standard_descriptors() {
     for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {

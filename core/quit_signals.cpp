@@ -19,8 +19,8 @@ extern "C" void on_quit_signal(int /*signal_number*/) {
 }  // namespace
 
 void install_quit_handler() {
-    // signal() restarts interrupted calls: a quit signal delivered to a reader thread must not
-    // interrupt its recv.
+    // Calls interrupted by a handler from signal() are restarted: a quit signal delivered to a reader thread
+    // must not interrupt its recv.
     for (const int number : {SIGINT, SIGTERM, SIGQUIT}) {
         std::signal(number, on_quit_signal);
     }

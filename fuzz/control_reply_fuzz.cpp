@@ -74,7 +74,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     require(bytes == 0 || send(server, data, bytes, MSG_NOSIGNAL) == static_cast<ssize_t>(bytes));
     close(server);
 
-    // The end of the connection ends every wait, so a time-out is a fault of the client.
+    // The end of the connection ends every wait, so a timeout is a fault of the client.
     comm_socket_v4_packet* reply = nullptr;
     error = comm_socket_v4_wait_reply(connection, 1, TIMEOUT_US, &reply);
     require((error == COMM_SOCKET_V4_OK) == (reply != nullptr));

@@ -24,7 +24,7 @@
 
 namespace {
 
-// Whether the publisher keeps its codec. The first message locks the codec and prints one line.
+// Whether the publisher keeps its codec. Prints one line if the message sets the lock or breaks it.
 bool lock_codec(RTMPConnection& publisher, const MediaKind& kind, const RTMP_Packet& pkt) ON_MAIN_THREAD {
     const bool audio = &kind == &AUDIO_KIND;
     std::int32_t& lock_type = (publisher.*kind.track).lock_type;

@@ -16,12 +16,12 @@ enum class CodecLock {
 };
 
 // Checks a publisher's audio or video message and updates lock_type if the result says so. If
-// metadata_codec_id is 0, the metadata gives no codec: the first message sets the lock, and messages without
-// a codec nibble (fewer than 2 bytes) pass. A changed metadata_codec_id replaces the lock.
+// metadata_codec_id is 0, the metadata gives no codec: the first message sets the lock, and messages of fewer
+// than 2 bytes pass unexamined. A changed metadata_codec_id replaces the lock.
 [[nodiscard]] CodecLock check_codec_lock(std::int32_t& lock_type, std::uint32_t metadata_codec_id,
                                          const RTMP_Packet& pkt);
 
-// Checks a player's lock: the player adopts the publisher's lock once. Returns false if the two differ.
+// Checks a player's lock. A player without a lock adopts the publisher's. Returns false if the two differ.
 [[nodiscard]] bool agree_on_codec(std::int32_t& player_lock_type, std::int32_t publisher_lock_type);
 
 // The four bytes of a codec id as text, up to the first zero byte. This is a FourCC, or empty for

@@ -12,6 +12,6 @@ struct MediaTrack {
     std::int32_t lock_type = NO_CODEC_LOCK;
     // On a publisher: the last sequence header received; empty if none.
     RTMP_Packet seq_header;
-    // On a player: a message of this kind, and any saved header before it, has been queued.
+    // On a player: the first message of this kind has been relayed; no saved header is sent after that.
     bool header_delivered = false;
 };

@@ -22,7 +22,8 @@ struct StreamRecord {
 // Returns the record of a name; the empty name has one too.
 [[nodiscard]] StreamRecord& find_or_insert_stream(const std::string& name) ON_MAIN_THREAD;
 
-// Adds a player at the end. Does nothing if it is already listed or the name is empty.
+// Adds a player at the end; a player that is already listed keeps its place. Does nothing if the name
+// is empty.
 void stream_subscribe_for_play(const std::string& name, std::size_t connection) ON_MAIN_THREAD;
 
 // Removes a player; the others keep their order. An unknown name gets a record. Does nothing if the

@@ -9,7 +9,7 @@
 //   |fmt|  1 |  id-64 (LE)     |
 //   +--------+--------+--------+
 //
-// A format 0 timestamp of 0xFFFFFF is followed by the actual timestamp in 4 bytes.
+// If a format 0 timestamp is 0xFFFFFF, the actual timestamp follows the message header in 4 bytes.
 #pragma once
 
 #include <array>
@@ -25,7 +25,7 @@ constexpr std::uint32_t EXTENDED_TIMESTAMP = 0xFFFFFF;
 constexpr std::size_t MAX_BASIC_HEADER_BYTES = 3;
 constexpr std::size_t MAX_MESSAGE_HEADER_BYTES = 15;
 
-// The state of a chunk stream after its last message, for the compressed header formats.
+// The state of a chunk stream after its last message header, for the compressed header formats.
 struct ChunkStreamState {
     std::uint32_t timestamp = 0;  // absolute
     std::uint32_t message_length = 0;

@@ -25,7 +25,7 @@
 namespace {
 
 constexpr useconds_t IDLE_SLEEP_US = 50000;
-// The most pieces in one sendmsg. They occupy 4 KiB on the stack of every writer thread.
+// The most pieces in one sendmsg. They occupy up to 4 KiB on the stack of every writer thread.
 constexpr std::size_t MAX_PIECES = 256;
 
 // Collects pieces that are sent in one call. The bytes they point to must stay valid until flush() returns.
@@ -179,8 +179,8 @@ bool send_batch(RTMPConnection& conn) ON_WRITER_THREAD {
     return pieces.flush(0);
 }
 
-// Adopts an echoed chunk size for the messages after the echo, which is the last of its batch. An echo
-// without payload, for lack of memory, was not sent; the old size then stays.
+// Adopts an echoed chunk size for the messages after the echo, which is the last of its batch. An echo whose
+// payload could not be allocated was not sent; the old size then stays.
 void adopt_chunk_size(RTMPConnection& conn, const RTMP_Packet::chunk_t& sent) ON_WRITER_THREAD {
     if (sent.message.data_length != 0) {
         CHECK(sent.message.data_length >= 4);

@@ -25,7 +25,7 @@ struct LinkDirection {
 struct ServerSide : LinkDirection {
     using LinkDirection::LinkDirection;
 
-    std::uint32_t bytes_unacked GUARDED_BY(READER_THREAD) = 0;   // since the last acknowledgement
+    std::uint32_t bytes_unacked GUARDED_BY(READER_THREAD) = 0;   // received, not yet acknowledged
     std::atomic<std::uint32_t> chunk_size = DEFAULT_CHUNK_SIZE;  // writer thread; read by the main thread
 };
 

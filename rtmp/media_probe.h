@@ -1,5 +1,5 @@
-// Recognises sequence headers by the first bytes of an audio or video payload. Pure; codecs are not
-// parsed any further.
+// Recognises sequence headers by the first bytes of an audio or video payload. Pure; payloads are not parsed
+// any further.
 #pragma once
 
 #include "rtmp/rtmp_packet.h"

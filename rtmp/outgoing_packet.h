@@ -8,8 +8,8 @@
 #include "rtmp/rtmp_packet.h"
 #include "rtmp/shared_payload.h"
 
-// Limits of a batch that the writer thread sends. Only waiting messages are taken. A batch may always have
-// one message, whatever its length.
+// Limits of a batch that the writer thread sends. The writer never waits to fill a batch. A single message
+// may exceed the byte limit.
 constexpr std::size_t MAX_BATCH_MESSAGES = 32;
 constexpr std::size_t MAX_BATCH_BYTES = 262144;
 

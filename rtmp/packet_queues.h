@@ -15,9 +15,9 @@
 // connection_out directly.
 [[nodiscard]] bool queue_outgoing(RTMPConnection& conn, OutgoingPacket&& pkt) EXCLUDES(conn.mutex);
 
-// Queues an acknowledgement of total_bytes (the low 32 bits). If the client does not read and many packets
-// are waiting, overwrites an acknowledgement at the back of the queue instead, since only the latest
-// count matters.
+// Queues an acknowledgement of total_bytes (the low 32 bits). If many packets are waiting because the
+// client does not read, overwrites an acknowledgement at the back of the queue instead, since only the
+// latest count matters.
 [[nodiscard]] bool queue_acknowledgement(RTMPConnection& conn, std::uint64_t total_bytes) ON_READER_THREAD
     EXCLUDES(conn.mutex);
 
@@ -30,7 +30,7 @@
 // the lock failed. Writer thread.
 [[nodiscard]] bool take_outgoing(RTMPConnection& conn) ON_WRITER_THREAD EXCLUDES(conn.mutex);
 
-// Sleeps while connection_in is full, so that the client's TCP window fills instead of memory. Returns false
-// if the lock failed. Reader thread.
+// Sleeps while connection_in is full, so that TCP flow control stops the client before memory fills up.
+// Returns false if the lock failed. Reader thread.
 [[nodiscard]] bool wait_for_room_in_incoming_queue(RTMPConnection& conn) ON_READER_THREAD
     EXCLUDES(conn.mutex);

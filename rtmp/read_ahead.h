@@ -1,6 +1,6 @@
 // Buffers bytes that one recv returned beyond those requested. Reader thread.
 //
-// Without it, each chunk takes two or three system calls, and clients send chunks of 128 bytes.
+// Without it, each chunk takes two or three system calls, and a chunk has only 128 bytes by default.
 #pragma once
 
 #include <array>
@@ -12,7 +12,7 @@ struct ReadAhead {
     bool enabled = false;  // set when the handshake is complete
     std::size_t begin = 0;
     std::size_t end = 0;
-    // Not initialised, so that a client that sends little touches few of its pages.
+    // Not initialised: if the client sends little, most of the buffer's pages are never touched.
     std::array<unsigned char, CAPACITY_BYTES> bytes;
 
     // Moves up to c bytes to d. Returns the number of bytes moved, 0 if the buffer is empty.

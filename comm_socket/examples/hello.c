@@ -10,7 +10,7 @@
 
 #define TIMEOUT_US 5000000u
 
-/* Returns a request with the command and count arguments, or null if it cannot be built. */
+/* Returns a request with the command and its arguments, or null if it cannot be built. */
 static comm_socket_v4_packet* make_request(const char* command, char** arguments, int count) {
     comm_socket_v4_packet* request = comm_socket_v4_packet_create();
     int failed = comm_socket_v4_packet_begin_writing(request, 0, command, "");

@@ -27,10 +27,11 @@
  * status of a reply is data, not a result: see COMM_SOCKET_V4_STATUS_SUCCESS.
  *
  * Null. comm_socket_v4_destroy, _disconnect, _packet_release and _free_client accept null and do nothing. All
- * other calls fail if the handle or packet is null: with EINVAL, COMM_SOCKET_V4_BAD_ARGUMENT, null, or 0 for
- * a length or count. Strings are never null except where a comment says so.
+ * other calls that return a result fail if the handle or packet is null: with EINVAL,
+ * COMM_SOCKET_V4_BAD_ARGUMENT, null, a descriptor of -1, or 0 for a length, a count or is_open. Calls without
+ * a result do nothing. Strings are never null except where a comment says so.
  *
- * Strings. A string may contain any bytes. Accessors return them with a terminating NUL; if a string may
+ * Strings. Strings may contain any bytes. Accessors return them with a terminating NUL; if a string may
  * contain a NUL, the ..._length accessor gives its whole length.
  *
  * Threads. There is no global state, and the library starts no threads. Only one thread at a time may use a
@@ -39,7 +40,7 @@
  *
  * Blocking. Server calls never block, except comm_socket_v4_flush and
  * comm_socket_v4_wait_for_server_to_client_writeable, which take a deadline. Client calls block for at most
- * their time-out; those with two limits, for at most total_us.
+ * their timeout; those with two limits, for at most total_us.
  *
  * Signals. No call raises SIGPIPE. Interrupted system calls are restarted.
  */
@@ -56,12 +57,12 @@ extern "C" {
 
 /* ---- Limits ---- */
 
-/* The largest body of a frame: to the server (2 MiB) and to the client (256 MiB). */
+/* The largest body of a frame sent to the server (2 MiB) and to the client (256 MiB). */
 #define COMM_SOCKET_V4_MAX_REQUEST_BYTES 2097152u
 #define COMM_SOCKET_V4_MAX_REPLY_BYTES 268435456u
 
-/* The most positional arguments in a packet, and the most name/value pairs to the server and to
- * the client. */
+/* The maximum number of positional arguments in a packet, and of name/value pairs in a request and in
+ * a reply. */
 #define COMM_SOCKET_V4_MAX_ARGUMENTS 64u
 #define COMM_SOCKET_V4_MAX_REQUEST_PAIRS 64u
 #define COMM_SOCKET_V4_MAX_REPLY_PAIRS 65536u
@@ -129,7 +130,7 @@ typedef struct comm_socket_v4_packet comm_socket_v4_packet;
  * request is sent. */
 struct comm_socket_v4_packet {
     uint32_t flags;      /* COMM_SOCKET_V4_REQUEST, COMM_SOCKET_V4_ASYNC */
-    uint64_t request_id; /* chosen by the client; the reply carries the same */
+    uint64_t request_id; /* assigned when the request is sent; the reply carries the same */
     uint64_t status;     /* of a reply: COMM_SOCKET_V4_STATUS_SUCCESS or another value; 0 in a request */
     struct comm_socket_v4_content* content; /* private to the library */
 };
@@ -152,8 +153,8 @@ void comm_socket_v4_packet_set_async(comm_socket_v4_packet* packet, int async);
  * failure the packet is unchanged, and errno is EINVAL (a null string, or a call not between begin and end),
  * EMSGSIZE (above a limit) or ENOMEM.
  *
- * While a packet is written, the limits of replies apply. The limits of requests are checked when
- * it is sent. */
+ * While a packet is being written, the limits of replies apply. The limits of requests are checked when it
+ * is sent. */
 
 /* reserved must be 0. A request has a command and normally an empty message. */
 int comm_socket_v4_packet_begin_writing(comm_socket_v4_packet* packet, int reserved, const char* command,
@@ -168,9 +169,9 @@ int comm_socket_v4_packet_write_nv_pair_bytes(comm_socket_v4_packet* packet, con
                                               size_t name_length, const void* value, size_t value_length);
 /* Appends a pair whose value consists of before, shared and after, joined. Long shared bytes are not copied,
  * which saves time and memory; they must not change until release(owner) is called. It is called once, on the
- * thread that uses the packet or its server: when the packet has been released and every reply made from it
- * has been sent or discarded, or before this call returns if it fails. release must not be null (EINVAL),
- * call the library or change errno. */
+ * thread that uses the packet or its server: when the packet has been released or begun again and every reply
+ * made from it has been sent or discarded, or before this call returns if it fails. release must not be null
+ * (EINVAL). It must neither call the library nor change errno. */
 typedef struct comm_socket_v4_shared_bytes {
     const void* bytes;
     size_t length;
@@ -196,12 +197,12 @@ size_t comm_socket_v4_packet_get_pair_count(const comm_socket_v4_packet* packet)
 /* Returns null if idx is out of range. */
 const char* comm_socket_v4_packet_get_pair_name(const comm_socket_v4_packet* packet, size_t idx);
 size_t comm_socket_v4_packet_get_pair_name_length(const comm_socket_v4_packet* packet, size_t idx);
-/* As above. A value with shared bytes is joined when it is first read; also returns null if there is no
- * memory for that. */
+/* Returns null if idx is out of range. A value with shared bytes is joined when it is first read; returns
+ * null if there is no memory for that. */
 const char* comm_socket_v4_packet_get_pair_value(const comm_socket_v4_packet* packet, size_t idx);
 size_t comm_socket_v4_packet_get_pair_value_length(const comm_socket_v4_packet* packet, size_t idx);
 
-/* Prints the packet for people to read, one field per line. Bytes outside 0x20 to 0x7E, quotes and
+/* Prints the packet in human-readable form, one field per line. Bytes outside 0x20 to 0x7E, quotes and
  * backslashes are escaped, and strings longer than 1024 bytes are cut, so packets from untrusted clients can
  * be printed. */
 void comm_socket_v4_packet_dump_user_friendly(const comm_socket_v4_packet* packet, FILE* stream);
@@ -223,7 +224,7 @@ void comm_socket_v4_packet_dump_user_friendly(const comm_socket_v4_packet* packe
  * COMM_SOCKET_V4_CLIENT_TIMEOUT_US after its first byte, even if bytes keep arriving. It is also disconnected
  * if it reads nothing for that time, or for COMM_SOCKET_V4_CROWD_TIMEOUT_US in a crowded server, while bytes
  * wait for it. Other clients are not affected: clients take turns, one request each, and connected clients
- * alternate with disconnected ones. After every other comm_socket_v4_idle the client that most recently
+ * alternate with disconnected ones. In every other service of connected clients, the one that most recently
  * connected or was answered has the first turn.
  */
 
@@ -266,10 +267,10 @@ comm_socket_v4_client* comm_socket_v4_accept_connection(comm_socket_v4* server);
  * until then. While COMM_SOCKET_V4_MAX_UNFREED_CLIENTS clients are not freed, new clients must wait, so call
  * this at least as often as comm_socket_v4_accept_connection.
  *
- * A client that only comm_socket_v4_server_get_packet returned need not be freed. Even if it disconnects,
- * it stays valid until the first comm_socket_v4_idle after its last request is released. Any number of
- * clients may connect, send requests and disconnect between two calls of comm_socket_v4_idle; the caller need
- * not free those that comm_socket_v4_accept_connection did not return. */
+ * A client that was returned only by comm_socket_v4_server_get_packet need not be freed. Even if it
+ * disconnects, it stays valid until the first comm_socket_v4_idle after its last request is released. Any
+ * number of clients may connect, send requests and disconnect between two calls of comm_socket_v4_idle; the
+ * caller need not free those that comm_socket_v4_accept_connection did not return. */
 comm_socket_v4_client* comm_socket_v4_get_disconnected_client(comm_socket_v4* server);
 
 /* Frees a client and disconnects it first if it is connected. Its requests that the caller still holds
@@ -278,18 +279,19 @@ void comm_socket_v4_free_client(comm_socket_v4_client* client);
 
 /* Returns the next complete request and stores its sender in *client (client may be null). Returns null if
  * there is none, if COMM_SOCKET_V4_MAX_REQUESTS_PER_IDLE requests have been handed out since the last
- * comm_socket_v4_idle, or if at least one has and COMM_SOCKET_V4_MAX_US_PER_IDLE have passed. The remaining
- * requests are handed out after the next comm_socket_v4_idle.
+ * comm_socket_v4_idle, or if at least one has been handed out and COMM_SOCKET_V4_MAX_US_PER_IDLE microseconds
+ * have passed. The remaining requests are handed out after the next comm_socket_v4_idle.
  *
- * If more than COMM_SOCKET_V4_MAX_WAITING_BYTES of replies wait for a client, its next request is not handed
- * out until it reads. A server that answers each request before it takes the next therefore never gets 0 from
- * comm_socket_v4_packet_send_to_client. In a crowded server (COMM_SOCKET_V4_MAX_TOTAL_WAITING_BYTES) only one
- * request is handed out after each comm_socket_v4_idle, from a client with no waiting replies.
+ * If more than COMM_SOCKET_V4_MAX_WAITING_BYTES wait for a client after the reply that is being sent, its
+ * next request is not handed out until it reads. A server that answers each request before it takes the next
+ * therefore never gets 0 from comm_socket_v4_packet_send_to_client. In a crowded server
+ * (COMM_SOCKET_V4_MAX_TOTAL_WAITING_BYTES) only one request is handed out after each comm_socket_v4_idle,
+ * from a client with no waiting replies.
  *
- * Complete requests of a disconnected client are still handed out: a client may send a command and close at
- * once, within COMM_SOCKET_V4_MAX_LEFT_CLIENTS and COMM_SOCKET_V4_MAX_LEFT_BYTES. A client that has closed
- * only its sending side gets its replies. The packet may lack COMM_SOCKET_V4_REQUEST: clients are
- * not trusted. */
+ * Complete requests of a disconnected client are still handed out, within the limits
+ * COMM_SOCKET_V4_MAX_LEFT_CLIENTS and COMM_SOCKET_V4_MAX_LEFT_BYTES, so a client may send a command and close
+ * at once. A client that has closed only its sending side gets its replies. The packet may lack
+ * COMM_SOCKET_V4_REQUEST: clients are not trusted. */
 comm_socket_v4_packet* comm_socket_v4_server_get_packet(comm_socket_v4* server,
                                                         comm_socket_v4_client** client);
 
@@ -299,7 +301,7 @@ comm_socket_v4_packet* comm_socket_v4_server_get_packet(comm_socket_v4* server,
  *   0         Not now: after the reply that is being sent to this client, more than
  *             COMM_SOCKET_V4_MAX_WAITING_BYTES are already waiting. Wait and send again.
  *   -1        The packet is not sent; errno gives the reason:
- *             EPIPE, ECONNRESET   the client has disconnected, or was disconnected for what it sent
+ *             EPIPE, ECONNRESET   the client has left, or was dropped for a bad or unfinished request
  *             ETIMEDOUT           it read nothing while the caller waited, or for
  *                                 COMM_SOCKET_V4_CLIENT_TIMEOUT_US (in a crowded server
  *                                 COMM_SOCKET_V4_CROWD_TIMEOUT_US), and is disconnected
@@ -324,7 +326,7 @@ void comm_socket_v4_wait_for_server_to_client_writeable(comm_socket_v4_client* c
  *     comm_socket_v4_packet_write_end(request);
  *     error = comm_socket_v4_call(connection, request, timeout_us, &reply);
  *
- * examples/hello.c is a complete program. Time-outs are in microseconds, counted from the call.
+ * examples/hello.c is a complete program. Timeouts are in microseconds, counted from the call.
  */
 
 typedef enum comm_socket_v4_error {
@@ -332,8 +334,8 @@ typedef enum comm_socket_v4_error {
     COMM_SOCKET_V4_NO_SOCKET,    /* nothing at the path: the server is not running, or the path is wrong */
     COMM_SOCKET_V4_REFUSED,      /* nothing listens: a stale socket, a socket of another kind, or a file */
     COMM_SOCKET_V4_PERMISSION,   /* the mode of the path or of a directory in it excludes this user */
-    COMM_SOCKET_V4_TIMEOUT,      /* not completed within the time-out */
-    COMM_SOCKET_V4_BROKEN_FRAME, /* the bytes are not of this protocol or version, or are above a limit */
+    COMM_SOCKET_V4_TIMEOUT,      /* not completed within the timeout */
+    COMM_SOCKET_V4_BROKEN_FRAME, /* a reply is malformed, of another version, above a limit, or cut off */
     COMM_SOCKET_V4_CLOSED,    /* the server closed the connection: it stopped, is full, or refused a frame */
     COMM_SOCKET_V4_TOO_LARGE, /* the request is above a limit; nothing was sent */
     COMM_SOCKET_V4_NO_MEMORY,
@@ -341,7 +343,7 @@ typedef enum comm_socket_v4_error {
     COMM_SOCKET_V4_SYSTEM        /* anything else; see errno */
 } comm_socket_v4_error;
 
-/* Returns a short English text without a line end; never null. */
+/* Returns a short English text without a newline; never null. */
 const char* comm_socket_v4_error_text(comm_socket_v4_error error);
 
 /* Connects. Returns null on failure, with the reason in *error (error may be null). Success does not mean
@@ -352,10 +354,10 @@ comm_socket_v4_connection* comm_socket_v4_connect(const char* path, uint64_t tim
 /* Closes and frees. Returns null, to be stored where the connection was. */
 comm_socket_v4_connection* comm_socket_v4_disconnect(comm_socket_v4_connection* connection);
 
-/* Returns the socket, for programs that poll several descriptors; -1 for null. Only poll it: reading, writing
- * or closing it breaks the connection. A reply may have been read together with the previous one, so a
- * program with several requests in progress must call comm_socket_v4_wait_reply with a time-out of 0
- * before it polls. */
+/* Returns the socket, for programs that poll several descriptors; -1 for null. Only poll it: reading,
+ * writing or closing it breaks the connection. A reply may have been read together with the previous one, so
+ * a program with several requests in progress must call comm_socket_v4_wait_reply with a timeout of 0 before
+ * it polls. */
 int comm_socket_v4_connection_get_fd(const comm_socket_v4_connection* connection);
 
 /* Assigns the next id of this connection to the request (request->request_id, counting from 1) and sends it.
@@ -365,9 +367,9 @@ int comm_socket_v4_connection_get_fd(const comm_socket_v4_connection* connection
 comm_socket_v4_error comm_socket_v4_send_request(comm_socket_v4_connection* connection,
                                                  comm_socket_v4_packet* request, uint64_t timeout_us);
 
-/* Sends several requests in the same way. They get consecutive ids in their order and are sent in one write
- * if the socket accepts it. All are checked before the first byte is sent, so after TOO_LARGE, BAD_ARGUMENT
- * and NO_MEMORY none has been sent or has an id. No request may be null; a count of 0 sends nothing. */
+/* Sends several requests in the same way. They get consecutive ids in order and are sent in one write if the
+ * socket accepts it. All are checked before the first byte is sent, so after TOO_LARGE, BAD_ARGUMENT or
+ * NO_MEMORY none has been sent or given an id. No request may be null; a count of 0 sends nothing. */
 comm_socket_v4_error comm_socket_v4_send_requests(comm_socket_v4_connection* connection,
                                                   comm_socket_v4_packet* const* requests, size_t count,
                                                   uint64_t timeout_us);
