@@ -3,7 +3,7 @@
 
     tools/check_braces.py [ROOT]
 
-Reads all C and C++ sources; clang-tidy checks the programs only. Exits 1 if anything is found.
+Reads all C and C++ sources, because clang-tidy checks only the programs. Exits 1 if anything is found.
 """
 import pathlib
 import re
@@ -39,7 +39,7 @@ def end_of_condition(code, begin):
 
 
 def begin_of_bracket(code, end):
-    """Returns the position of the open bracket that encloses the position before end."""
+    """Returns the position of the opening bracket that encloses the position before end."""
     depth = 1
     while depth > 0 and end > 0:
         end -= 1
@@ -61,7 +61,7 @@ def begin_of_counter(code, end):
 
 
 def is_unused(code, begin, after):
-    """Returns whether the value of the expression at begin is unused; after is the character that follows it."""
+    """Whether the value of the expression at begin is unused. The character that follows it is passed as after."""
     before = code[:begin].rstrip()
     if before.endswith(","):
         return code[:begin_of_bracket(code, begin)].rstrip().endswith("for")

@@ -49,7 +49,7 @@ def problems_of(root, commit):
     parents, subject, body = git(root, "show", "--no-patch", "--format=%P%n%s%n%b", commit).split("\n", 2)
     problems = []
     if len(subject) > SUBJECT_COLUMNS:
-        problems.append(f"the subject has {len(subject)} characters, at most {SUBJECT_COLUMNS} are allowed")
+        problems.append(f"the subject has {len(subject)} characters; at most {SUBJECT_COLUMNS} are allowed")
     if subject.startswith(("Merge branch", "fixup!", "squash!", "WIP")):
         problems.append("the subject does not say what the system now does")
     is_merge = len(parents.split()) > 1

@@ -44,12 +44,12 @@ def table_row(name, counts):
 def find_failures(folders, total, files, reasons):
     lines, branches = shares(total)
     if lines < LINES_OF_ALL:
-        yield f"{lines:.2f} % of all lines are run, at least {LINES_OF_ALL} % must be"
+        yield f"{lines:.2f} % of all lines are run; at least {LINES_OF_ALL} % must be"
     if branches < BRANCHES_OF_ALL:
-        yield f"{branches:.2f} % of all branches are taken, at least {BRANCHES_OF_ALL} % must be"
+        yield f"{branches:.2f} % of all branches are taken; at least {BRANCHES_OF_ALL} % must be"
     for name, counts in sorted(folders.items()):
         if shares(counts)[0] < LINES_OF_A_FOLDER:
-            yield (f"{shares(counts)[0]:.2f} % of the lines in {name}/ are run,"
+            yield (f"{shares(counts)[0]:.2f} % of the lines in {name}/ are run;"
                    f" at least {LINES_OF_A_FOLDER} % must be")
     explained = {name: int(count) for name, count in re.findall(r"^\| `([\w/]+\.\w+)` \| (\d+) \|", reasons, re.M)}
     for file in files:

@@ -130,7 +130,7 @@ class Page:
                 known, key = ((self.assertions, row["text"]) if heading == ASSERTIONS_HEADING else
                               (self.texts, (row["text"], row["note"])))
                 if key in known:
-                    self.wrong.append(f"{PAGE}:{number}: is listed twice: {row['text']}")
+                    self.wrong.append(f"{PAGE}:{number}: listed twice: {row['text']}")
                 known[key] = f"{PAGE}:{number}"
 
 

@@ -67,8 +67,9 @@ WORDS = re.compile(r"[A-Z]{2,}(?=[A-Z][a-z]|\b|_|\d)|[A-Z]?[a-z]+|[A-Z]|\d+(?:x\
 INTRODUCTION = """\
 # The behaviour that the tests check
 
-Each line is a test, and its name is the sentence; the files with the tests follow each subject. {count} behaviours.
-`ctest --test-dir build/release -R NAME` runs the test of a line: NAME is the sentence with `_` for each blank.
+Each line is the name of a test, as a sentence. The files that contain the tests are named after each subject. For a
+line from a `.cpp` file, `ctest --test-dir build/release -R NAME` runs the test: NAME is the sentence with `_` for each
+blank. {count} behaviours.
 """
 
 

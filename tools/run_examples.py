@@ -8,8 +8,8 @@ build/release. --list only counts the commands. Every page runs in its own names
 /run, a copy of /etc in which SERVER is the name of this machine, and a directory like the checkout that also has
 film.mp4 and film.mkv.
 
-A block that begins with ```sh contains commands. They run unchanged, in the order of the page, with bash -eu, and must
-end with status 0. Lines directly before the block change that; a reader of the page does not see them:
+A block that begins with ```sh contains commands. They run unchanged, in the order of the page, with bash -euo pipefail, and
+must end with status 0. Lines directly before the block change that; a reader of the page does not see them:
 
     <!-- not run: REASON -->   the block is not run; at most 15 % of all commands may be marked so
     <!-- with: server -->      a server runs during the block; with "stream" it also has a publisher of cam1
@@ -116,7 +116,7 @@ def report_not_run(examples):
         for command in example.commands():
             print(f"        {command}")
     if left_out_count > MOST_NOT_RUN * count:
-        print(f"FAILED: {left_out_count} of {count} commands are not run, at most {MOST_NOT_RUN:.0%} may be")
+        print(f"FAILED: {left_out_count} of {count} commands are not run; at most {MOST_NOT_RUN:.0%} may be")
         return False
     return True
 

@@ -64,7 +64,7 @@ class CommitMessages(unittest.TestCase):
     def test_a_subject_of_73_characters_is_refused(self):
         self.commit("a" * 73 + "\n\nThe reason.")
         self.commit("a later one\n\nThe reason.")
-        self.assert_refused("a" * 73, "the subject has 73 characters, at most 72 are allowed")
+        self.assert_refused("a" * 73, "the subject has 73 characters; at most 72 are allowed")
 
     def test_a_change_of_10_lines_needs_no_body(self):
         self.commit("a small change", lines=10)

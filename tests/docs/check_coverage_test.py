@@ -56,7 +56,7 @@ class CheckCoverage(unittest.TestCase):
         files = [file("base/a.cpp", 949), file("amf/b.cpp"), file("amf/c.cpp"), file("amf/d.cpp")]
         status, errors = self.check(files, "| `base/a.cpp` | 51 | x |")
         self.assertEqual(status, 1)
-        self.assertEqual(errors, "coverage: 94.90 % of the lines in base/ are run, at least 95.0 % must be\n")
+        self.assertEqual(errors, "coverage: 94.90 % of the lines in base/ are run; at least 95.0 % must be\n")
 
     def test_lines_that_no_test_runs_need_a_reason(self):
         status, errors = self.check([file("base/a.cpp", 998)], "| `base/b.cpp` | 2 | x |")

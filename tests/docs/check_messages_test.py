@@ -100,7 +100,7 @@ class CheckMessages(unittest.TestCase):
 
     def test_a_text_that_is_on_the_page_twice_is_found(self):
         self.change(CHECK.PAGE, "## Handshake", "| `RTMP begin` | Again. | Nothing |\n\n## Handshake")
-        self.expect_difference("is listed twice: RTMP begin")
+        self.expect_difference("listed twice: RTMP begin")
 
     def test_an_empty_page_does_not_agree(self):
         (self.root / CHECK.PAGE).write_text("", encoding="utf-8")

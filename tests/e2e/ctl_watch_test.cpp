@@ -237,7 +237,7 @@ TEST_F(ctl_watch_test, a_yes_drops_no_connection_that_changed_while_the_question
     unnamed.create_stream();
     unnamed.publish("garden");
     watch.type("y");
-    (void)watch.wait_for_text("Connection 3 has changed and was kept. Look again, then drop it.");
+    (void)watch.wait_for_text("connection 3 has changed and was kept. Look again, then drop it.");
     EXPECT_THAT(unnamed.round_trip(), IsEmpty());
 
     watch.type("d2\r");

@@ -65,7 +65,7 @@ TEST(drop_rules, a_candidate_is_dropped_only_while_it_is_unchanged_in_the_listin
         const std::optional<Failure> failure =
             judge_candidate(unnamed, {player, *parse_connection_line(line)});
         ASSERT_TRUE(failure) << line;
-        EXPECT_EQ(failure->message, "Connection 5 has changed and was kept. Look again, then drop it.");
+        EXPECT_EQ(failure->message, "connection 5 has changed and was kept. Look again, then drop it.");
     }
     EXPECT_THAT(judge_candidate(unnamed, {player})->message, testing::HasSubstr("there is no connection 5"));
 }

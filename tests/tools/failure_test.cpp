@@ -58,8 +58,9 @@ TEST(failure, advice_to_start_a_server_is_given_only_if_none_still_runs) {
     for (const comm_socket_v4_error error : {COMM_SOCKET_V4_NO_SOCKET, COMM_SOCKET_V4_REFUSED}) {
         const std::string message = describe_failure(error, DEFAULT_SOCKET_PATH).message;
         EXPECT_THAT(message, Not(HasSubstr("not running")));
-        EXPECT_THAT(message, HasSubstr("'v9_rtmp_ctl hello' shows whether a server still runs; if none does, "
-                                       "start v9_rtmp_server"));
+        EXPECT_THAT(message,
+                    HasSubstr("'v9_rtmp_ctl hello' shows whether a server is still running; if none is, "
+                              "start v9_rtmp_server"));
     }
     const std::string still_there = no_server(DEFAULT_SOCKET_PATH, "process 7 listens. Stop it.").message;
     EXPECT_TRUE(still_there.ends_with("; process 7 listens. Stop it.")) << still_there;

@@ -83,7 +83,7 @@ void check_listeners(const Peer& peer, Findings& findings) {
         findings.push_back({Level::UNKNOWN, "port", port.gap});
     } else if (port.warnings.empty()) {
         findings.push_back(
-            {Level::OK, "port", "process " + std::to_string(peer.pid) + " alone listens on it"});
+            {Level::OK, "port", "only process " + std::to_string(peer.pid) + " listens on it"});
     }
 }
 

@@ -134,7 +134,7 @@ Finding judge_thread_limit(const std::optional<std::string>& limits,
 Finding judge_memory_limit(bool is_known, const std::optional<std::string>& memory_max) {
     if (!is_known) {
         return {Level::UNKNOWN, "memory limit",
-                "only control groups of version 2 show it, and none is visible here. Run 'systemctl show -p "
+                "only version 2 control groups show it, and none is visible here. Run 'systemctl show -p "
                 "MemoryMax' on the server's unit."};
     }
     const std::optional<std::uint64_t> limit = read_limit(memory_max);
@@ -214,7 +214,7 @@ Finding judge_kernel(const std::optional<std::uint64_t>& somaxconn,
     }
     if (!somaxconn || !threads_max || !overcommit) {
         return {Level::UNKNOWN, "kernel",
-                "/proc/sys does not show its settings. Run this outside of the container."};
+                "/proc/sys does not show its settings. Run this outside the container."};
     }
     return {Level::OK, "kernel", "kernel settings are sufficient"};
 }

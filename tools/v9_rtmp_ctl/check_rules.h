@@ -41,7 +41,7 @@ constexpr std::uint64_t NEEDED_THREADS = 272;
 // pids_max is the pids.max of the cgroup.
 [[nodiscard]] Finding judge_thread_limit(const std::optional<std::string>& limits,
                                          const std::optional<std::string>& pids_max);
-// memory_max is the memory.max of the cgroup; empty if it has none, or if it is not known.
+// memory_max is the memory.max of the cgroup; empty if no limit is set, or if the limit is not known.
 [[nodiscard]] Finding judge_memory_limit(bool is_known, const std::optional<std::string>& memory_max);
 // target is the target of the link /proc/PID/fd/2.
 [[nodiscard]] Finding judge_standard_error(const std::optional<std::string>& target);

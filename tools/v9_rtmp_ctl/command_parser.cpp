@@ -28,7 +28,7 @@ CLI::Validator one_of(const std::vector<std::string>& words) {
         "");
 }
 
-// Takes one value each time and may be repeated.
+// Lets the option be repeated, with one value each time.
 void repeatable(CLI::Option& option) {
     option.allow_extra_args(false)->take_all();
 }

@@ -12,8 +12,9 @@
 namespace {
 
 Failure bad_file(const std::string& path, const std::string& what) {
-    return {ExitCode::USAGE, "in " + escape_untrusted(path) + ": " + escape_untrusted(what) +
-                                 ". Write one option per line, without dashes, such as: stalled = 30"};
+    return {ExitCode::USAGE,
+            "in " + escape_untrusted(path) + ": " + escape_untrusted(what) +
+                ". Write one option per line, without leading dashes, such as: stalled = 30"};
 }
 
 }  // namespace

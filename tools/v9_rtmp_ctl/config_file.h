@@ -1,5 +1,5 @@
-// An option file. Each line is "name = value", with the option names of the command line without dashes.
-// Lines that begin with '#' or ';' are comments.
+// An option file. Each line is "name = value". The names are those of the command line's options, without the
+// leading dashes. Lines that begin with '#' or ';' are comments.
 #pragma once
 
 #include <optional>

@@ -1,8 +1,9 @@
 // The events between two listings: connections, publishes, plays and disconnects. Pure.
 //
 // A connection that begins and ends between two listings is not seen. The listing does not say which of
-// several publishers of a name is relayed, so the first one is assumed. A takeover is reported when it leaves
-// while others stay. If several stay, the likeliest is named (see stream_summary.h).
+// several publishers of a name is relayed, so the first one seen is assumed, or the likeliest of several (see
+// stream_summary.h). A takeover is reported when that publisher leaves while others stay. If several stay,
+// the likeliest is named.
 #pragma once
 
 #include <cstdint>
@@ -51,7 +52,7 @@ class EventWatch {
 //  "bytes_received":N,"previous_id":null,"previous_address":null}
 [[nodiscard]] std::string event_json(const ConnectionEvent& event, std::int64_t unix_seconds);
 
-// The same as environment variables: V9_EVENT, V9_ID, V9_STREAM, V9_MODE, V9_ADDRESS, V9_SECONDS,
-// V9_BYTES_SENT, V9_BYTES_RECEIVED, V9_PREVIOUS_ID, V9_PREVIOUS_ADDRESS; an absent value is an empty string.
-// Untrusted bytes are escaped; names are cut after 1024 bytes.
+// The same, except for the time, as environment variables: V9_EVENT, V9_ID, V9_STREAM, V9_MODE, V9_ADDRESS,
+// V9_SECONDS, V9_BYTES_SENT, V9_BYTES_RECEIVED, V9_PREVIOUS_ID, V9_PREVIOUS_ADDRESS; an absent value is an
+// empty string. Untrusted bytes are escaped; names are cut after 1024 bytes.
 [[nodiscard]] std::vector<std::pair<std::string, std::string>> event_variables(const ConnectionEvent& event);

@@ -1,13 +1,13 @@
 // What successive listings have shown about each client and each stream. No I/O; times are passed in.
 //
-// A client is identified by its id and address. A different address, a counter that went back, or a change
-// from one stream to another means a different client; choosing its first stream does not. A client listed
-// without address or counters is left as it was.
+// A client is identified by its id and address. A different address, a counter that went back, or a change of
+// stream or mode means a different client; choosing its first stream does not. A client listed without
+// address or counters is left as it was.
 //
 // Two clocks:
-//   monotonic  that of Listing::taken_us, for ages. It advances while nothing is listed.
-//   attended   the sum of the times between listings, each at most HistoryTimes::longest_gap_us. A stopped
-//              server or a watchdog that did not run makes no client look stalled.
+//   monotonic  the clock of Listing::taken_us, for ages. It advances while nothing is listed.
+//   attended   the sum of the times between listings, each at most HistoryTimes::longest_gap_us. Clients do
+//              not look stalled because the server was stopped or the watchdog did not run.
 //
 // Clients are compared by what each has received since both settled in the stream. Neither a client's age nor
 // the data sent when it joined affects the result.
@@ -68,22 +68,22 @@ struct ClientRecord {
 struct StreamTotals {
     std::uint64_t bytes_received = 0;        // from publishers, including waiting ones
     std::uint64_t bytes_sent = 0;            // to players
-    std::uint64_t player_stall_us = 0;       // players stalled while another client of the stream did not
+    std::uint64_t player_stall_us = 0;       // players received nothing while their stream went on
     std::uint64_t publisher_silence_us = 0;  // publishers sent nothing
     std::uint64_t last_member_us = 0;        // monotonic time when a client of this name was last listed
 };
 
 class ConnectionHistory {
   public:
-    // Names are untrusted. Longer names have no totals. Above this many names, those whose last client left
-    // the longest ago are forgotten.
+    // Names are untrusted. Names longer than MAX_NAME_BYTES have no totals. If there are more than
+    // MAX_STREAMS names, those whose last client left longest ago are forgotten.
     static constexpr std::size_t MAX_NAME_BYTES = 200;
     static constexpr std::size_t MAX_STREAMS = 512;
 
     explicit ConnectionHistory(HistoryTimes all_times = {});
 
-    // Listings must come in the order of their times. A listing earlier than the last begins a new history
-    // of clients.
+    // Listings are expected in the order of their times. One that is earlier than the last begins a new
+    // history of clients.
     void take_in(const Listing& listing);
 
     // The clients of the last listing, by id.
@@ -94,19 +94,21 @@ class ConnectionHistory {
     [[nodiscard]] std::uint64_t now_us() const { return last_us; }
     [[nodiscard]] std::uint64_t attended_us() const { return attended; }
 
-    // One line without a line end. boot identifies the boot of the machine, because the monotonic clock
-    // restarts with each:
+    // One line without a newline:
     //   {"version":1,"boot":"...","now_us":N,"attended_us":N,"settled":N,"clients":[...],"streams":[...]}
+    // boot identifies the boot of the machine. It is needed because the monotonic clock restarts at
+    // every boot.
     [[nodiscard]] std::string to_json(const std::string& boot) const;
 
-    // Restores the output of to_json. After another boot only the streams' counters are restored. Returns
-    // false and changes nothing if the text is not valid.
+    // Restores a history from the output of to_json. After another boot only the streams' counters are
+    // restored. Returns false and changes nothing if the text is not valid.
     [[nodiscard]] bool restore(std::string_view json, const std::string& boot);
 
   private:
     void take_in_client(const Connection& connection, const ClientRecord* before, std::uint64_t elapsed_us);
-    // A takeover disconnects the old publisher. So one that is still listed is still relayed, unless its
-    // stream had no player: the server forgets such a stream, and the next to send gets the name.
+    // Clears is_relayed of publishers that may have lost their name. A takeover disconnects the old
+    // publisher, so a listed publisher is still relayed unless its stream had no player: the server forgets
+    // such a stream, and the next publisher to send gets the name.
     void forget_relayed(std::vector<ClientRecord>& before) const;
     void follow_publisher(ClientRecord& record) const;
     void settle(ClientRecord& record);
@@ -144,8 +146,8 @@ class ConnectionHistory {
                                                                const ClientRecord& other,
                                                                std::uint64_t attended_us);
 
-// The last window_us are divided into parts of equal length. Gives the number of parts in which the client's
-// media grew, and its growth in the whole window. Empty if the client is younger than the window.
+// Divides the last window_us into parts of equal length. Returns the number of parts in which the client's
+// media counter grew, and its growth over the whole window. Empty if the client is younger than the window.
 struct Movement {
     unsigned parts = 0;
     std::uint64_t bytes = 0;

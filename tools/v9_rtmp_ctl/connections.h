@@ -1,7 +1,7 @@
 // The server's connections as its listing gives them: parsed, sorted and with rates. Pure.
 //
 // A rate comes from two listings a known time apart. It is known only for a connection in both: the same
-// slot, address and stream, and counters that have not gone back.
+// slot, address, stream and mode, and counters that have not gone back.
 #pragma once
 
 #include <cstddef>
@@ -30,7 +30,7 @@ struct Connection {
     std::optional<std::uint64_t> bytes_sent;      // to the client
     std::optional<std::uint64_t> bytes_received;  // from the client
     std::string address;                          // with port; may be empty
-    std::size_t whole_name_bytes = 0;             // length of a stream name that was cut; 0: not cut
+    std::size_t whole_name_bytes = 0;             // length of the stream name before it was cut; 0: not cut
 
     // Bytes per second; filled in by add_rates.
     std::optional<double> sent_rate;
@@ -52,14 +52,14 @@ enum class SortKey { ID, STREAM, RATE };
 // not a slot.
 [[nodiscard]] std::optional<Connection> parse_connection_line(std::string_view line);
 
-// Cuts a stream name longer than this and appends an ellipsis, so it cannot equal a whole name.
+// Cuts a stream name longer than longest_bytes and appends an ellipsis, so it cannot equal a whole name.
 void cut_name(Connection& connection, std::size_t longest_bytes);
 
 // Returns null if there is no such connection.
 [[nodiscard]] const Connection* find_connection(const std::vector<Connection>& connections, unsigned id);
 
 // Returns the server's seven fields, separated by TABs. Untrusted bytes are escaped, so a stream name cannot
-// begin a field or a line.
+// start a new field or line.
 [[nodiscard]] std::string plain_line(const Connection& connection);
 
 // "1280x720", or empty if unknown.

@@ -43,7 +43,7 @@ class ControlClient {
     ControlClient(const ControlClient&) = delete;
     ControlClient& operator=(const ControlClient&) = delete;
 
-    // Connects now, so that the time of a call covers only request and reply.
+    // Connects now, so that a timed call covers only the request and the reply.
     [[nodiscard]] std::optional<Failure> connect();
 
     // Sends and waits for the reply, which may carry any status.
@@ -86,7 +86,7 @@ class ControlClient {
 // Returns the request for the connections of one mode, or of all modes if mode is empty.
 [[nodiscard]] Request list_request(const std::string& mode);
 
-// Reads the reply to list_request. Names above longest_name_bytes are cut. After a failure, listing
+// Reads the reply to list_request. Names longer than longest_name_bytes are cut. After a failure, listing
 // is unspecified.
 [[nodiscard]] std::optional<Failure> read_listing(const Reply& reply, Listing& listing,
                                                   std::size_t longest_name_bytes = SIZE_MAX);

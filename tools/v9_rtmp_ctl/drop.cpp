@@ -126,7 +126,7 @@ ExitCode run_drop_id(const Settings& settings, const DropOptions& options) {
     }
     ControlClient client(settings.socket_path, settings.timeout_us());
     std::vector<DropTarget> targets;
-    // With a name as guard, no lookup is needed first.
+    // If a name is the guard, the ids need not be looked up first.
     if (options.no_list || (options.expected_stream && !options.dry_run)) {
         for (const unsigned id : ids) {
             targets.push_back({id, options.expected_stream.value_or(""), std::nullopt});

@@ -14,7 +14,7 @@ constexpr std::size_t MAX_BATCH_NAME_BYTES = 65536;
 
 using Batch = std::vector<DropTarget>;
 
-// False if the server was not reached, or if the tool itself refused the request.
+// Whether the request may have reached the server. False if the tool itself refused it.
 bool may_have_been_sent(const Failure& failure) {
     return failure.exit_code == ExitCode::NO_REPLY || failure.exit_code == ExitCode::NEGATIVE_ANSWER;
 }

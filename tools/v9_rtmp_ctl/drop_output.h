@@ -20,5 +20,5 @@
 // Shows which connections a drop would affect.
 void print_dry_run(const Settings& settings, const std::vector<const Connection*>& connections);
 
-// Reports what was dropped. In text output prints line, which may be empty.
+// Reports what was dropped. The form for people is line, which may be empty; with --quiet it is not printed.
 void print_dropped(const Settings& settings, const DropResult& result, const std::string& line);

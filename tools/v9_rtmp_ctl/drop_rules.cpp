@@ -106,7 +106,7 @@ std::optional<Failure> judge_candidate(const Connection& candidate, const std::v
         found->mode == candidate.mode) {
         return std::nullopt;
     }
-    return Failure{ExitCode::NEGATIVE_ANSWER, "Connection " + std::to_string(candidate.id) +
+    return Failure{ExitCode::NEGATIVE_ANSWER, "connection " + std::to_string(candidate.id) +
                                                   " has changed and was kept. Look again, then drop it."};
 }
 

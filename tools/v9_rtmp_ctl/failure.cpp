@@ -69,7 +69,7 @@ Failure no_server(const std::string& socket_path, const std::optional<std::strin
     return {ExitCode::NOT_RUNNING,
             fact +
                 (listeners ? ". No server was found: "
-                           : ". 'v9_rtmp_ctl hello' shows whether a server still runs; if none does, ") +
+                           : ". 'v9_rtmp_ctl hello' shows whether a server is still running; if none is, ") +
                 start};
 }
 
@@ -84,7 +84,7 @@ Failure no_answer(std::uint64_t silence_us) {
     return {ExitCode::NO_REPLY,
             what +
                 "Try again, or wait longer with --timeout. If 'v9_rtmp_ctl hello' is not answered either, "
-                "check whether its log is still being read, then restart v9_rtmp_server."};
+                "check whether the server's log is still being read, then restart v9_rtmp_server."};
 }
 
 Failure answer_too_long(std::uint64_t total_us) {
@@ -100,14 +100,13 @@ Failure describe_failure(comm_socket_v4_error error, const std::string& socket_p
         case COMM_SOCKET_V4_REFUSED:
             return no_server(socket_path);
         case COMM_SOCKET_V4_PERMISSION:
-            return {ExitCode::PERMISSION,
-                    "permission to use " + path +
-                        " is missing. Run this as the server's user or group, or with sudo."};
+            return {ExitCode::PERMISSION, "no permission to use " + path +
+                                              ". Run this as the server's user or group, or with sudo."};
         case COMM_SOCKET_V4_BROKEN_FRAME:
             return {ExitCode::NO_REPLY,
-                    "what came from " + path +
+                    "the data received from " + path +
                         " is not a reply. Check that --socket names the control socket of "
-                        "v9_rtmp_server, and that both are of the same version."};
+                        "v9_rtmp_server, and that the server is of this tool's version."};
         case COMM_SOCKET_V4_CLOSED:
             return {
                 ExitCode::NO_REPLY,
@@ -115,7 +114,7 @@ Failure describe_failure(comm_socket_v4_error error, const std::string& socket_p
                 "clients. Try again in a moment."};
         case COMM_SOCKET_V4_TOO_LARGE:
             return {ExitCode::USAGE,
-                    "the request is too large, nothing was sent. Pass at most 64 arguments and 2 MiB."};
+                    "the request is too large; nothing was sent. Pass at most 64 arguments and 2 MiB."};
         case COMM_SOCKET_V4_BAD_ARGUMENT:
             return {ExitCode::USAGE,
                     path + " cannot be the path of a socket. Give --socket a path of 1 to 107 bytes."};

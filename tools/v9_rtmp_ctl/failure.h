@@ -34,8 +34,8 @@ struct Failure {
 [[nodiscard]] Failure describe_failure(comm_socket_v4_error error, const std::string& socket_path);
 
 // No server answers at the path. Looks at what is there. listeners describes what listens on the server's
-// port anyway; it is empty if nothing does, and used only for the server's default path. Without it the
-// advice is to run hello.
+// port anyway, and is an empty string if nothing does. It is used only for the server's default path. If it
+// is not given, the advice is to run hello.
 [[nodiscard]] Failure no_server(const std::string& socket_path,
                                 const std::optional<std::string>& listeners = std::nullopt);
 

@@ -59,7 +59,7 @@ int spawn(const std::string& program, const std::vector<std::pair<std::string, s
     return error;
 }
 
-// False if the process group had to be killed.
+// Whether the program ended in time. If not, its process group has been killed.
 bool wait_for_end(pid_t child, std::uint64_t max_us) {
     const auto process = static_cast<int>(syscall(SYS_pidfd_open, child, 0));
     pollfd waited{process, POLLIN, 0};
@@ -85,7 +85,7 @@ std::optional<std::string> run_hook(const std::string& program,
     const bool ended_by_itself = wait_for_end(child, max_us);
     int status = 0;
     if (waitpid(child, &status, 0) != child) {
-        return "was lost";
+        return "could not be waited for";
     }
     if (!ended_by_itself) {
         return "ran for more than " + std::to_string(max_us / 1000000) + " s and was killed";

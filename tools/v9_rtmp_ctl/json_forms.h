@@ -40,7 +40,8 @@ struct Greeting {
 [[nodiscard]] std::string hello_json(const Greeting& greeting);
 
 // {"dropped":2,"dry_run":false,"message":"..."}; message is null if the server sent none or several. A drop
-// by id adds "ids", certainly dropped, and "uncertain", where another client may have been dropped.
+// by id adds "ids", certainly dropped, and "uncertain", where another client may have been dropped. A dry run
+// adds them too: "ids" are then those that would be dropped, and "uncertain" is empty.
 struct DropResult {
     std::size_t dropped = 0;
     bool dry_run = false;
@@ -80,7 +81,7 @@ struct EventLine {
 };
 [[nodiscard]] std::string event_line_json(const EventLine& line);
 
-// {"findings":[{"level":"warning","what":"limits","text":"..."}],"worst":"warning"}
+// {"worst":"warning","findings":[{"level":"warning","what":"slots","text":"..."}]}
 struct FindingLine {
     std::string level;
     std::string what;

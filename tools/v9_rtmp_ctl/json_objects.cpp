@@ -9,7 +9,7 @@ namespace {
 // only in strings, where an escape means the same.
 std::string escape_controls(const std::string& json) {
     constexpr char DEL = '\x7f';
-    constexpr char FIRST_OF_TWO = '\xc2';  // of U+0080 to U+00BF; the second is the code point
+    constexpr char FIRST_OF_TWO = '\xc2';  // begins U+0080 to U+00BF; the other byte is the code point
     std::string escaped;
     for (std::size_t i = 0; i < json.size(); ++i) {
         const bool two_bytes = json[i] == FIRST_OF_TWO && static_cast<unsigned char>(json[i + 1]) < 0xA0;

@@ -13,7 +13,8 @@
 
 namespace {
 
-// Otherwise the control socket could become standard output, and the server would receive the user's output.
+// Opens /dev/null on each standard descriptor that is closed. Otherwise the control socket could become
+// standard output, and the server would receive the user's output.
 void open_closed_standard_descriptors() {
     for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
         if (fcntl(fd, F_GETFD) < 0) {

@@ -52,7 +52,7 @@ ExitCode run_metrics(const Settings& settings, const MetricsOptions& options) {
         monitor.look();
         const std::optional<Failure> failure =
             write_metrics(options.file, metrics_of(monitor.view(), MetricsSpan::ALL_LOOKS));
-        // Disk space may become free again, and continuing keeps the counters.
+        // A failed write does not end the loop: disk space may become free again, and the counters are kept.
         if (failure && failure->message != told) {
             static_cast<void>(report(*failure));
         }

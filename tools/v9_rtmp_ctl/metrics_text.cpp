@@ -101,7 +101,7 @@ void write_counters(Writer& writer, const StreamSeries& series) {
     writer.counter("v9_rtmp_stream_sent_bytes_total", "Bytes sent to the players of a stream.");
     write_totals(writer, series, [](const StreamTotals& t) { return t.bytes_sent; });
     writer.counter("v9_rtmp_player_stall_seconds_total",
-                   "Seconds during which players of a stream were stalled while others were not.");
+                   "Seconds during which players of a stream were stalled while the stream continued.");
     write_totals(writer, series, [](const StreamTotals& t) { return seconds(t.player_stall_us); });
     writer.counter("v9_rtmp_publisher_silence_seconds_total",
                    "Seconds during which publishers of a stream sent nothing.");
@@ -162,9 +162,9 @@ void write_watchdog(Writer& writer, const WatchdogStatistics& statistics) {
                    "Drops by the watchdog that hit, or may have hit, another client.");
     each_rule([](const RuleCounts& counts) { return counts.misses; });
     if (statistics.running) {
-        writer.gauge(
-            "v9_rtmp_watchdog_updated_timestamp_seconds",
-            "When the watchdog last wrote its statistics, since the epoch. Absent once it has been stopped.");
+        writer.gauge("v9_rtmp_watchdog_updated_timestamp_seconds",
+                     "Time of the watchdog's last write of its statistics, since the epoch. Absent once it "
+                     "has been stopped.");
         writer.sample({}, statistics.updated_unix_seconds);
     }
 }
@@ -183,7 +183,7 @@ void write_process(Writer& writer, const ProcessInfo& process) {
     writer.gauge_if("v9_rtmp_server_open_fds", "Open descriptors of the server.", process.open_descriptors);
     writer.gauge_if("v9_rtmp_server_max_fds", "Descriptors that the server may open.",
                     process.max_descriptors);
-    writer.gauge_if("v9_rtmp_server_start_time_seconds", "When the server was started, since the epoch.",
+    writer.gauge_if("v9_rtmp_server_start_time_seconds", "Start time of the server, since the epoch.",
                     process.start_time_s);
 }
 

@@ -29,8 +29,8 @@ std::vector<std::string> split(const std::string& line) {
     return fields;
 }
 
-// Returns the listening sockets in the network namespace of a process: "self" or an id. Empty if this process
-// may not look there.
+// Returns the sockets that listen on the RTMP port in the network namespace of a process: "self" or an id.
+// Empty if this process may not look there.
 std::optional<std::vector<ListeningSocket>> find_listening_of(const std::string& process) {
     std::vector<ListeningSocket> all;
     bool found = false;
@@ -96,6 +96,11 @@ std::string process_list(const std::vector<unsigned>& pids) {
     return list;
 }
 
+// "process 12" or "processes 12, 13".
+std::string process_text(const std::vector<unsigned>& pids) {
+    return (pids.size() > 1 ? "processes " : "process ") + process_list(pids);
+}
+
 std::string port_text() {
     return "port " + std::to_string(RTMP_PORT);
 }
@@ -123,12 +128,12 @@ std::string describe_listeners_without_answer() {
         return "";
     }
     const std::vector<unsigned> owners = find_owners(*sockets);
-    return (owners.empty() ? "a process of another user" : "process " + process_list(owners)) +
-           " still listens on " + port_text() +
+    return (owners.empty() ? "a process of another user" : process_text(owners)) +
+           (owners.size() > 1 ? " still listen on " : " still listens on ") + port_text() +
            ". If that is a v9_rtmp_server, a second start took its control socket: " +
            (access(SERVICE_DIRECTORY, F_OK) == 0
-                ? "if it is the service, 'systemd-tmpfiles --create v9-rtmp-server.conf' as root restores "
-                  "it. Otherwise stop it, then start it again."
+                ? "for the service, run 'systemd-tmpfiles --create v9-rtmp-server.conf' as root to restore "
+                  "the socket. Otherwise stop the server, then start it again."
                 : "stop it, then start it again.");
 }
 
@@ -194,8 +199,8 @@ PortCheck check_port(const Peer& answering) {
     } else if (!answering_listens && (owners_known || sockets->front().uid != answering.uid)) {
         check.warnings.push_back(
             "process " + pid + " answers, but " +
-            (owners_known ? "process " + process_list(owners) : "a process of another user") +
-            " listens on " + port_text() +
+            (owners_known ? process_text(owners) : "a process of another user") +
+            (owners.size() > 1 ? " listen on " : " listens on ") + port_text() +
             ": drops and listings do not include the clients there. Stop both and start one.");
     } else if (!answering_listens) {
         check.gap = "It is not known whether the process that answers, " + pid +

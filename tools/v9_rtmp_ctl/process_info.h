@@ -21,5 +21,5 @@ struct ProcessInfo {
 // machine's boot time since the epoch. On invalid text returns false and leaves info unchanged.
 [[nodiscard]] bool read_process_stat(std::string_view stat, double boot_time_s, ProcessInfo& info);
 
-// For a running process. All values are absent if this process cannot see it.
+// Returns the values of a running process. All are absent if this process cannot see that one.
 [[nodiscard]] ProcessInfo find_process_info(pid_t pid);

@@ -115,11 +115,11 @@ class Client {
 
     void create_stream() {
         send(chunked(COMMAND, 0, 0, amf_string("createStream") + amf_number(2) + AMF_NULL));
-        // The reply is "_result", the transaction id, null, the stream id.
+        // The reply is "_result", the transaction id, null and the message stream id.
         const Bytes result = wait_for_command("_result");
         constexpr std::size_t NUMBER_AT = 10 + 9 + 1 + 1;
         if (result.size() < NUMBER_AT + 8) {
-            throw ProbeFailure("the server gave no stream number");
+            throw ProbeFailure("the server returned no message stream id");
         }
         stream_id = static_cast<std::uint32_t>(
             std::bit_cast<double>(read_big_endian(std::string_view(result).substr(NUMBER_AT, 8))));

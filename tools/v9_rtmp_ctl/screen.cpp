@@ -42,8 +42,8 @@ bool can_fill_a_screen() {
            std::string_view(term) != "dumb";
 }
 
-// If this is a background process, the system stops it with SIGTTOU until it is brought to the foreground.
-// False if no shell can do that, or if there is no terminal.
+// Waits until this process is in the foreground: the system stops a background process with SIGTTOU. False if
+// no shell can bring it to the foreground, or if there is no terminal.
 bool wait_for_foreground() {
     int result = 0;
     do {

@@ -43,7 +43,7 @@ class Screen {
     // False if the terminal is gone.
     [[nodiscard]] bool write(std::string_view bytes) const;
 
-    // Whether another job has the terminal although this process was not asked to give it back.
+    // Whether another job has the terminal. This can happen without a signal to this process.
     [[nodiscard]] static bool is_in_background();
 
     // Gives the terminal back, stops the process until it is continued in the foreground, and takes the

@@ -28,7 +28,7 @@ struct AddressRange {
 
 [[nodiscard]] std::optional<AddressRange> parse_address_range(std::string_view text);
 
-// Whether the range contains an address of the listing, such as "203.0.113.7:50000".
+// Whether the range contains the address, which is written as in the listing: "203.0.113.7:50000".
 [[nodiscard]] bool matches_address(const AddressRange& range, std::string_view address);
 
 // A connection matches if it matches one entry of each kind given.

@@ -13,7 +13,7 @@ class StopSignals {
     StopSignals(const StopSignals&) = delete;
     StopSignals& operator=(const StopSignals&) = delete;
 
-    // Waits until a moment of clock_us(). True if a signal has arrived, during the wait or before.
+    // Waits until clock_us() reaches moment_us or a signal arrives. True if one has arrived, now or earlier.
     [[nodiscard]] bool wait_until(std::uint64_t moment_us);
 
     // The previous signal mask, for child processes.

@@ -16,9 +16,9 @@ bool is_still(const ConnectionHistory& history, const ClientRecord& record) {
     return still_us(history, media_counter(record)) >= STILL_AFTER_US;
 }
 
-// Estimates how long ago the other had transferred as much as this client has now. Both are counted from the
-// time they became comparable. Only the given percentage of the other's bytes is counted. Empty while they
-// cannot be compared.
+// Estimates how long ago the other had transferred as much as this client has now. The bytes of both are
+// counted from the time they became comparable. Only the given percentage of the other's bytes is counted.
+// Empty while they cannot be compared.
 std::optional<std::uint64_t> find_lag_us(const ConnectionHistory& history, const ClientRecord& client,
                                          const ClientRecord& other, std::uint64_t percent) {
     const std::optional<std::uint64_t> own = gained_beside(client, other);
@@ -30,7 +30,7 @@ std::optional<std::uint64_t> find_lag_us(const ConnectionHistory& history, const
     const std::uint64_t since_us =
         history.attended_us() - std::max(client.stream_attended_us, other.stream_attended_us);
     const std::uint64_t missing = wanted - std::min(*own, wanted);
-    // At the other's mean rate.
+    // The time also includes settling, so this may exceed the lag at the other's mean rate.
     return wanted == 0
                ? 0
                : static_cast<std::uint64_t>(static_cast<double>(since_us) * static_cast<double>(missing) /

@@ -10,16 +10,16 @@
 #include "tools/v9_rtmp_ctl/connection_history.h"
 #include "tools/v9_rtmp_ctl/connections.h"
 
-// A client without media for this long is still: a publisher is then silent, and a player is stalled if its
-// stream continues.
+// A client that has carried no media for this long counts as still. A still publisher is silent, and a still
+// player is stalled if its stream continues.
 constexpr std::uint64_t STILL_AFTER_US = 5000000;
-// A player further behind its stream is reported.
+// A player at least this far behind its stream is reported.
 constexpr std::uint64_t BEHIND_AFTER_US = 5000000;
 // Timestamps above 24 bits break most players. They are reached 4 h 39 min 37 s after a player joined.
 constexpr std::uint64_t TIMESTAMP_LIMIT_US = 16777216000;
 constexpr std::uint64_t NEAR_LIMIT_US = TIMESTAMP_LIMIT_US - 1200000000;
-// A player compared with its publisher needs only this percentage, because headers differ and some messages
-// are not relayed.
+// A player compared with its publisher needs only this percentage of the publisher's bytes, because headers
+// differ and some messages are not relayed.
 constexpr std::uint64_t PUBLISHER_PERCENT = 90;
 
 enum class StreamState {
@@ -50,11 +50,12 @@ struct ClientHealth {
     std::uint64_t still_us = 0;   // since media last came from it or went to it
     bool is_stalled = false;      // player without media while its stream continues
     std::uint64_t behind_us = 0;  // how far a player is behind its stream; 0 if it keeps up
-    bool is_near_limit = false;   // player whose timestamps will soon exceed 24 bits
+    bool is_near_limit = false;   // player whose timestamps will soon exceed 24 bits, or already do
 };
 [[nodiscard]] ClientHealth client_health(const ConnectionHistory& history, const ClientRecord& client);
 
 // Whether a player receives what a publisher of its stream sends, both recently and in total. Counters
-// include headers, which depend on the chunk size, so a few percent may be missing. Both must have settled.
+// include headers, which depend on the chunk size, so a few percent may be missing. The player and the
+// publisher must have settled.
 [[nodiscard]] bool keeps_up(const ConnectionHistory& history, const ClientRecord& player,
                             const ClientRecord& publisher, std::uint64_t limit_us);

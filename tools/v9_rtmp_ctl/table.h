@@ -24,9 +24,9 @@ struct Table {
 };
 
 // Returns one line for the titles, if wanted, and one for each row, without trailing blanks. If width is
-// given, no line is longer. Columns with a rank are then shown only if those that may be cut keep
-// COMFORTABLE_WIDTH. If space is still tight, these shrink, the widest first; finally lines are cut at
-// the end.
+// given, no line is longer. Columns with a rank are then shown only if the columns that may be cut keep
+// COMFORTABLE_WIDTH. If space is still tight, the columns that may be cut shrink, the widest first. Finally,
+// lines are cut at the end.
 [[nodiscard]] std::vector<std::string> layout_table(const Table& table, std::optional<std::size_t> width,
                                                     bool with_titles);
 

@@ -14,7 +14,7 @@ std::string or_dash(std::string text) {
     return text.empty() ? "-" : std::move(text);
 }
 
-// Names may be megabytes long. The part that does not fit into a line is not escaped.
+// Names may be megabytes long, so the part that does not fit into a line is dropped before escaping.
 std::string name_text(const std::string& name, const TableStyle& style) {
     const std::size_t length = style.width ? *style.width + 1 : std::numeric_limits<std::size_t>::max();
     return or_dash(escape_untrusted(std::string_view(name).substr(0, length)));

@@ -11,8 +11,9 @@
 // column per byte and cannot control a terminal or end a line.
 [[nodiscard]] std::string escape_untrusted(std::string_view text);
 
-// Returns the length in bytes of the visible UTF-8 character at the start of text. Returns 0 for a control
-// character, one that changes text direction or has no width, a byte that is not UTF-8, and an empty text.
+// Returns the length in bytes of the printable UTF-8 character at the start of text. Returns 0 for a control
+// character, an invisible formatting character such as U+200B, one that changes text direction, a byte that
+// is not UTF-8, and an empty text.
 [[nodiscard]] std::size_t printable_utf8_length(std::string_view text);
 
 // Returns at most width columns; a cut text ends with '~'.

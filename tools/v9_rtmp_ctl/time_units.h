@@ -1,4 +1,4 @@
-// Times are in microseconds, except in output for people and other programs.
+// Times are in microseconds unless a name says otherwise.
 #pragma once
 
 #include <cstdint>

@@ -51,7 +51,7 @@ std::string find_nearest(std::string_view word, const std::vector<std::string>& 
             continue;
         }
         const std::size_t mistakes = count_mistakes(word, candidate);
-        // In a short word, two mistakes leave nothing in common.
+        // In a short word, two mistakes leave too little in common.
         if (mistakes < fewest && 2 * mistakes < std::max(word.size(), candidate.size())) {
             fewest = mistakes;
             nearest = candidate;
@@ -73,7 +73,7 @@ Failure nothing_to_do() {
             "\n"
             "  hello    whether the server answers, and which processes listen\n"
             "  list     who is connected\n"
-            "  streams  who publishes and who plays each stream, and how fast\n"
+            "  streams  who publishes each stream, how many play it, and how fast\n"
             "  watch    the same, updated live\n"
             "  drop     end connections by id, stream or address\n"
             "\n"

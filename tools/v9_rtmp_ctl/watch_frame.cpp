@@ -48,7 +48,7 @@ std::size_t count_shown(std::size_t rows, std::size_t first, std::size_t room) {
 }
 
 // Appends the titles and as many rows, starting at cursor.scroll, as fit into room lines. If a row is
-// selected, every line begins with a column for its mark.
+// selected, every line begins with one more column, which marks that row.
 void append_table(const Table& table, std::optional<std::size_t> columns, const TableCursor& cursor,
                   std::size_t room, Lines& lines) {
     if (room == 0) {
@@ -159,8 +159,8 @@ void append_body(const WatchModel& model, const ScreenSize& size, Lines& lines) 
     }
 }
 
-// A notice ends with what to do next, and a question names its connection, so both get as many rows as
-// they need.
+// A notice may end with what to do next, and a question names what would be dropped, so both get as many rows
+// as they need.
 Lines foot_lines(const WatchModel& model, const ScreenSize& size) {
     const bool has_notice = model.mode == WatchMode::VIEW && !model.notice.empty();
     Lines foot =

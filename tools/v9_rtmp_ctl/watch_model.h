@@ -64,8 +64,8 @@ enum class WatchAction { NONE, QUIT, DROP };
 // Handles a key. DROP: the caller drops drop_candidate or drop_stream.
 [[nodiscard]] WatchAction press_key(WatchModel& model, const Key& key);
 
-// Takes in a listing. Rates are relative to the previous one. The selection follows its client or stream; if
-// that has gone, it keeps its place.
+// Takes in a listing. Rates are computed from the previous one and this one. The selection follows its client
+// or stream; if that is gone, the selection keeps its row.
 void take_in(WatchModel& model, Listing listing);
 
 // Takes in a failed look.

@@ -145,7 +145,8 @@ void WatchObserver::finish(WatchModel& model, std::uint64_t now_us) {
     replies.clear();
 }
 
-// A client that took the slot or changed what it does while the user was being asked is not the intended one.
+// A client that took the slot, or changed its stream or mode, after the user was asked is not the
+// intended one.
 void WatchObserver::finish_check(WatchModel& model, std::uint64_t now_us) {
     Listing listing;
     std::optional<Failure> failure = read_listing(replies.front(), listing);

@@ -1,4 +1,4 @@
-// Makes the requests of watch (looks and confirmed drops) on time. Keys wait only while it connects or sends.
+// Sends the requests of watch (looks and confirmed drops) when they are due. Blocks only to connect and send.
 //
 //   [idle] --time for a look--> [LOOK] --listing--> [idle]
 //   [idle, LOOK] --begin_drop, of a connection--> [CHECK] --unchanged--> [DROP] --list, drop, list--> [idle]
@@ -19,7 +19,7 @@
 #include "tools/v9_rtmp_ctl/failure.h"
 #include "tools/v9_rtmp_ctl/watch_model.h"
 
-// Takes in a listing or its failure, with the wall-clock time.
+// Take in a listing, or the failure to get one, and set the model's wall-clock time.
 void take_in_answer(WatchModel& model, const Reply& reply, std::uint64_t now_us);
 void take_in_failure(WatchModel& model, const Failure& failure);
 

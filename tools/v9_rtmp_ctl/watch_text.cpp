@@ -150,7 +150,7 @@ std::vector<std::string> help_texts() {
             "arrows      select a row; page keys, Home, End",
             "Tab         select in the other table",
             "d           drop the selection, or an id",
-            "Esc         select nothing",
+            "Esc         clear the selection",
             "v           streams, connections, or both",
             "s, r        sort by id, stream or rate; reverse",
             "/           show only rows that contain a text",

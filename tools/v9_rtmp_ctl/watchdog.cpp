@@ -32,7 +32,7 @@ namespace {
 
 // Interval for saving the state while nothing happens.
 constexpr std::uint64_t SAVE_EVERY_US = 10000000;
-// The server takes half a second to read a name of a megabyte. Other drops must not wait for all of them.
+// The server takes half a second to read a name of a megabyte. Other drops must not wait for many such names.
 constexpr std::ptrdiff_t LONG_NAMES_PER_LOOK = 4;
 constexpr mode_t DIRECTORY_MODE = 0755;
 

@@ -11,7 +11,7 @@ enum class WatchdogAction {
     WOULD_DROP,  // in a dry run
     DROPPED,
     KEPT,    // the client had left, or the server refused
-    MISSED,  // another client was dropped, or it is uncertain which
+    MISSED,  // another client was dropped, or it is uncertain which client was, if any
 };
 
 struct WatchdogEvent {
@@ -23,8 +23,9 @@ struct WatchdogEvent {
 // Returns the event for the outcome of a drop.
 [[nodiscard]] WatchdogEvent event_of(const Verdict& verdict, const DropOutcome& outcome);
 
-// "dropped 17, play of 'cam1' from 203.0.113.7:50000: stalled: it has taken nothing for 30 s while ..."
-// Without a stream name, a drop is guarded by the id alone. Such a line says so and gives the misses so far.
+// "dropped 17, play of 'cam1' from 203.0.113.7:50000: stalled: it has taken nothing for 30 s while ..." If
+// the client has no stream name, the drop is guarded by the id alone. The line then says so and gives the
+// number of misses so far.
 [[nodiscard]] std::string event_line(const WatchdogEvent& event, std::uint64_t misses);
 
 // {"unix_seconds":N,"action":"dropped","rule":"stalled","reason":"...","id":17,"stream":"cam1","mode":"play",

@@ -39,7 +39,7 @@ CLI::Validator bytes_or_off() {
         "");
 }
 
-// If both the file and the command line give a value, the last one counts.
+// If both the file and the command line give a value, the one on the command line comes last and is used.
 CLI::Option& add_limit(CLI::App& command, const std::string& name, std::string& text,
                        const std::string& default_text, const std::string& help) {
     return *command.add_option(name, text, help)
@@ -56,7 +56,7 @@ void add_watchdog_options(CLI::App& command, WatchdogOptions& options, WatchdogT
               "Drop a player that receives nothing for this long while others receive data");
     add_limit(command, "--behind", texts.behind, "15", "Drop a player that is this far behind its stream");
     add_limit(command, "--unnamed", texts.unnamed, "20",
-              "Drop a client that has no stream name for this long");
+              "Drop a client that has had no stream name for this long");
     add_limit(command, "--silent", texts.silent, "30", "Drop a publisher that sends nothing for this long");
     add_limit(command, "--contested", texts.contested, "15",
               "The same, while another publisher of the name waits");
@@ -81,7 +81,7 @@ void add_watchdog_options(CLI::App& command, WatchdogOptions& options, WatchdogT
         ->check(seconds(MIN_INTERVAL_SECONDS));
     command
         .add_option("--settle", options.settle_seconds,
-                    "Time from a client's choice of a stream until it is compared")
+                    "Time from a client's choice of a stream until the client is compared with others")
         ->capture_default_str()
         ->type_name("SECONDS")
         ->take_last()
@@ -95,7 +95,7 @@ void add_watchdog_options(CLI::App& command, WatchdogOptions& options, WatchdogT
         ->envname("RUNTIME_DIRECTORY");
     command
         .add_option("--config", options.config_path,
-                    "Read options from this file too, such as 'stalled = 30'")
+                    "Also read options, such as 'stalled = 30', from this file")
         ->type_name("FILE");
     command.add_flag("-n,--dry-run", options.dry_run, "Only print what would be dropped");
 }

@@ -1,4 +1,4 @@
-// The options of the watchdog, from the command line and its file.
+// The options of the watchdog, from the command line and its option file.
 #pragma once
 
 #include <CLI/CLI.hpp>

@@ -8,7 +8,7 @@
 
 namespace {
 
-// A counter of media grows in each of this many equal parts of the window.
+// A counter that grows with media grows in each of this many equal parts of the window.
 constexpr unsigned PARTS = 3;
 // A player's counter also grows a little from replies.
 constexpr std::uint64_t PLAYER_BYTES_PER_SECOND = 250;
@@ -171,8 +171,8 @@ class Judge {
                 return is_behind(record, *player, lead_us, 100);
             });
         };
-        // A player that was slow when the other settled and has caught up since appears to be ahead by that
-        // amount. A single player therefore counts only if it is ahead by twice the limit.
+        // A player that lagged when the judged one settled, and has caught up since, appears to be ahead by
+        // that lag. Fewer than half of the players therefore count only if one is ahead by twice the limit.
         const auto half = static_cast<std::ptrdiff_t>((players.size() + 1) / 2);
         const bool is_alone_behind = !players.empty() && count_ahead(limit) >= half;
         return is_alone_behind || count_ahead(2 * limit) > 0 ? by + "other players of the stream" : Reason();

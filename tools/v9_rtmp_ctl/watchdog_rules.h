@@ -54,8 +54,8 @@ struct Verdict {
 };
 
 // By stream: the monotonic time when the last drop of a player for its age was due. The next one is due
-// stagger_us later. Looks come some time after a drop is due, and these delays must not add up over a table
-// of players.
+// stagger_us later. Looks come some time after a drop is due, and these delays must not add up over
+// many drops.
 using AgeDrops = std::map<std::string, std::uint64_t>;
 [[nodiscard]] bool is_age_drop_due(const AgeDrops& age_drops, const std::string& stream, std::uint64_t now_us,
                                    std::uint64_t stagger_us);
@@ -64,6 +64,6 @@ void note_age_drop(AgeDrops& age_drops, const std::string& stream, std::uint64_t
 // Removes the drops that happened too long ago to matter.
 void forget_age_drops(AgeDrops& age_drops, std::uint64_t now_us, std::uint64_t stagger_us);
 
-// Returns at most one verdict per client, and one for age per stream, in the order of ids.
+// Returns at most one verdict per client, and at most one for age per stream, in the order of ids.
 [[nodiscard]] std::vector<Verdict> judge(const ConnectionHistory& history, const WatchdogLimits& limits,
                                          const AgeDrops& age_drops);

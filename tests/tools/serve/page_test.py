@@ -180,7 +180,7 @@ class PageTest(unittest.TestCase):
                                 [[1, 16717], [2, 16800]].forEach(([id, age]) => Object.assign(
                                     data.connections.find(c => c.id === id), { age_seconds: age, near_limit: true }));
                                 return new Response(JSON.stringify(data)); }""")
-        self.wait_for_text("2 players are about to break: timestamps exceed 24 bits 4 h 39 min after joining",
+        self.wait_for_text("2 players are near or past the limit: timestamps exceed 24 bits 4 h 39 min after joining",
                            "timestamp limit in 1 min", "timestamp limit passed")
 
     def test_a_stopped_server_and_a_stopped_serve_are_reported(self):

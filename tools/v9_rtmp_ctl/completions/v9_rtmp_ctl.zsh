@@ -42,7 +42,7 @@ _v9_rtmp_ctl_ids() {
 }
 
 _v9_rtmp_ctl() {
-    # After a command has been typed, the array words begins with that command.
+    # Copied before _arguments shortens the array words so that it begins with the command.
     local -a typed=("${(@)words[1, CURRENT - 1]}")
     local -a global commands drops streams_picked addresses_picked mode_picked orders
     local curcontext=$curcontext state line
@@ -162,7 +162,7 @@ _v9_rtmp_ctl() {
                     ;;
                 serve)
                     _arguments $global '--listen=[where to listen]:address and port' \
-                        '*--host=[a name under which browsers reach it]:name' \
+                        '*--host=[a name under which browsers reach the page]:name' \
                         '--allow-drop[allow the page to drop connections]' '--token-file=[the file with the token]:file:_files' \
                         "--watchdog-state=[the watchdog's state directory]:directory:_directories"
                     ;;

@@ -17,7 +17,7 @@
 namespace {
 
 constexpr std::string_view HEAD_END = "\r\n\r\n";
-// Enough for every viewer at once; more wait in the kernel for the next turn.
+// Further clients wait in the kernel until the next turn.
 constexpr int MAX_ACCEPTS_PER_TURN = 64;
 
 }  // namespace

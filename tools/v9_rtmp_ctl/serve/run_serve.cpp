@@ -46,7 +46,7 @@ std::optional<Failure> open_listener(const ServeOptions& options, int& listener)
         listen(listener, BACKLOG) == 0) {
         return std::nullopt;
     }
-    return Failure{ExitCode::NEGATIVE_ANSWER, "cannot listen at " + options.listen + " (" +
+    return Failure{ExitCode::NEGATIVE_ANSWER, "cannot listen on " + options.listen + " (" +
                                                   std::strerror(errno) +
                                                   "). Name another address or port with --listen."};
 }
@@ -162,7 +162,7 @@ ExitCode run_serve(const Settings& settings, const ServeOptions& options) {
     if (const std::optional<Failure> failure = open_listener(options, listener)) {
         return report(*failure);
     }
-    // The first look precedes the first client. Both objects last as long as the process.
+    // The first look precedes the first client. The board and the monitor last as long as the process.
     static Board board;
     static Monitor monitor(settings.socket_path, settings.timeout_us(), options.watchdog_state);
     monitor.look();

@@ -74,7 +74,7 @@ void add_history(Json& object, const std::deque<RatePoint>& points) {
     object["history_out"] = std::move(out);
 }
 
-// Returns the silence of the publisher that has sent most recently.
+// Returns how long the publisher that sent most recently has been silent. 0 if there is none.
 std::uint64_t silence_us(const ConnectionHistory& history, const std::string& stream) {
     std::optional<std::uint64_t> silence;
     for (const ClientRecord& record : history.clients()) {
