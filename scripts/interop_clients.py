@@ -100,7 +100,7 @@ def play_vlc(url, recording):
 
 
 NO_FCSUBSCRIBE = CannotWork(
-    "the option makes it send FCSubscribe, a command that the server does not know: it drops the connection",
+    "the option makes it send FCSubscribe, a command that the server does not know: the server drops the connection",
     server_says="Unknown command 'FCSubscribe'")
 
 PLAYERS = (
@@ -277,7 +277,7 @@ REFUSALS = (
     Refusal("application", "ffmpeg", "publish to `live/cam1`", "`ombrex-live` or `ombrex-output`", "rejected app live",
             publish_to("live/cam1")),
     Refusal("late-clock", "ffmpeg", "publish with a first timestamp of 4 h 40 min or more (`-output_ts_offset 17000`)",
-            "begin near 0: without `-copyts` and offsets, encoder restarted",
+            "begin near 0: restart the encoder, and use neither `-copyts` nor an offset",
             "fmt=1 and not first packet!", publish_to("ombrex-live/cam1", "-output_ts_offset", "17000")),
     Refusal("play-hyphen", "rtmpdump", "play `cam-1`", NAMES_ONLY, "play rejected, invalid stream name",
             lambda film: ["rtmpdump", "-r", PLAY_URL + "cam-1", "-o", "/dev/null"]),
