@@ -1,11 +1,11 @@
 #!/usr/bin/python3
-"""Runs what accompanies a server for years, beside the load of a soak: watchdog, serve, a Prometheus that scrapes serve
-and a browser on its page. soak_load starts it and ends it with SIGTERM.
+"""Runs the programs that accompany a server for years beside the load of a soak: watchdog, serve, a Prometheus that
+scrapes serve and a browser on its page. soak_load starts it and ends it with SIGTERM.
 
 usage: soak_around.py DIR [--short]
 
 V9_CTL_PATH is the tool. Once a second DIR/around.csv gets a line with the resources of watchdog and serve. Meanwhile
-clients that the watchdog must drop join one after the other: one without a stream, and a player that stops reading. At
+clients that the watchdog must drop join one after another: one without a stream, and a player that stops reading. At
 the end DIR/around.json says which clients were dropped and what Prometheus and the browser saw. --short is for a run of
 seconds: the limits are shorter, and no player is tried, since its sockets take the media of half a minute first.
 """

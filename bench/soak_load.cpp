@@ -289,7 +289,7 @@ int main(int argc, char** argv) {
     add("--tool-pause", soak.operator_seconds, "seconds between two uses of the control tool", 0, 3600);
     add("--takeover-pause", soak.takeover_seconds, "seconds between two takeovers", 0, 3600);
     add("--garbage-pause", soak.garbage_ms, "milliseconds between two garbage clients", 0, 60000);
-    add("--late", soak.late_ms, "a frame that took longer, in milliseconds, is late", 1, 10000);
+    add("--late", soak.late_ms, "milliseconds after which a frame is late", 1, 10000);
     add("--seed", soak.seed, "of the garbage", 0, 1U << 30);
     add("--skip-frame", soak.skip_frame,
         "number every so manieth frame without sending it: the report must notice", 0, 1U << 30);

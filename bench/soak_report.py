@@ -60,7 +60,7 @@ def judge_memory(samples, limit, column="rss_kib", figure="memory slope"):
 
 
 def judge_memory_left(totals, applies):
-    """All memory is returned, whatever the load was."""
+    """Nearly all memory must be returned, whatever the load was."""
     rise = totals["end"]["rss_kib"] - totals["start"]["rss_kib"]
     value = f"{rise:+d} KiB"
     if not applies:

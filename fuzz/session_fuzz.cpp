@@ -193,7 +193,7 @@ void send_media(Client& client, InputBytes& input) {
 
 using ControlPacket = comm_socket_v4_packet;
 
-// What the server answers to a request with these arguments; the caller releases it.
+// Returns the server's reply to a request with these arguments. The caller releases it.
 ControlPacket* ask(const std::string& command, const std::vector<std::string>& arguments, bool async,
                    bool* answered) {
     ControlPacket* const request = comm_socket_v4_packet_create();

@@ -48,7 +48,7 @@ def connections(machine):
 
 
 def would_drop(machine, address):
-    """The tool exits with 1 if there is no such client."""
+    """Returns how many lines the tool prints for a dry run. It exits with 1 if there is no such client."""
     command = machine.command(machine.lab.tool, "--plain", "drop", "address", address, "--dry-run")
     return len(subprocess.run(command, capture_output=True, text=True, check=False).stdout.splitlines())
 

@@ -85,7 +85,7 @@ class Machine:
                                         environment=self.lab.environment)
 
     def kill(self, what):
-        """As if it had crashed: the program and all that it has started."""
+        """Kills the program and everything it has started, as in a crash."""
         process = self.lab.processes.by_name[f"{self.name}.{what}"]
         os.killpg(process.pid, signal.SIGKILL)
         process.wait()
@@ -126,12 +126,12 @@ class Machine:
         return any(line.split()[1].endswith(f":{port:04X}") and line.split()[3] == "0A" for line in table.splitlines()[1:])
 
     def start_agent(self):
-        """As v9-rtmp-agent.socket starts it."""
+        """Starts the agent as v9-rtmp-agent.socket does."""
         self.start("agent", "systemd-socket-activate", "--listen=9936", "--accept", "--inetd", "--setenv=V9_CTL",
                    "--setenv=PATH", "/run/agent")
 
     def repeat(self, what, words):
-        """As a unit with Restart=always and RestartSec=2."""
+        """Runs a program again and again, like a unit with Restart=always and RestartSec=2."""
         self.start(what, "sh", "-c", 'while :; do "$@"; sleep 2; done', what, *words)
 
     def start_forward(self, source, stream="cam1"):
@@ -167,7 +167,7 @@ class Machine:
         return reply.decode()
 
     def states(self):
-        """What HAProxy reports about the edges: name to state and sessions."""
+        """Returns the state and sessions that HAProxy reports for each server of its backend "edges"."""
         rows = [line.split(",") for line in self.haproxy_says("show stat").splitlines() if line]
         names = rows[0]
         return {row[1]: (row[names.index("status")], int(row[names.index("scur")]))

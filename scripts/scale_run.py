@@ -258,7 +258,7 @@ class Run:
 
     @staticmethod
     def mark_drained(machine, is_drained):
-        """As v9-rtmp-drain does it, which also waits."""
+        """Sets or removes the mark that v9-rtmp-drain uses, without waiting as that script does."""
         mark = machine.path("/run/v9-rtmp-agent/drain")
         if is_drained:
             with open(mark, "w", encoding="ascii"):
@@ -267,7 +267,7 @@ class Run:
             os.remove(mark)
 
     def drain_until_empty(self, draining, other):
-        """And back: this time the players leave by themselves long before the limit."""
+        """Drains in the other direction. This time the players leave by themselves long before the limit."""
         other.do(os.path.join(EXAMPLES, "v9-rtmp-drain"), "--undo")
         other.start_server()
         self.wait("the other server is up", lambda: self.states_of([other]) == {"UP"}, 30)

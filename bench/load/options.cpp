@@ -33,9 +33,9 @@ void add_clients(CLI::App& app, LoadOptions& load) {
     app.add_option("--players", load.players, "players of each stream")
         ->capture_default_str()
         ->check(CLI::Range(0, 127));
-    app.add_option("--stuck", load.stuck, "players beside them that read nothing, of the first stream")
+    app.add_option("--stuck", load.stuck, "additional players of the first stream that read nothing")
         ->check(CLI::Range(0, 127));
-    app.add_option("--seconds", load.seconds, "seconds that are measured")
+    app.add_option("--seconds", load.seconds, "seconds to measure")
         ->capture_default_str()
         ->check(CLI::Range(0.1, 36000.0));
     app.add_option("--warm-up", load.warm_up_seconds, "seconds of media before that")
@@ -50,7 +50,7 @@ void add_clients(CLI::App& app, LoadOptions& load) {
     app.add_option("--publisher-chunk-size", load.publisher_chunk_bytes, "chunk size of the publishers")
         ->capture_default_str()
         ->check(CLI::Range(1, 65536));
-    app.add_option("--late", load.late_ms, "a frame that took longer, in milliseconds, is late")
+    app.add_option("--late", load.late_ms, "milliseconds after which a frame is late")
         ->capture_default_str()
         ->check(CLI::Range(1, 9999));
 }
@@ -73,7 +73,8 @@ void add_media(CLI::App& app, StreamShape& shape, Rate& rate) {
     app.add_option("--key-every", shape.frames_per_key_frame, "video frames from one key frame to the next")
         ->capture_default_str()
         ->check(CLI::Range(1, 100000));
-    app.add_option("--key-size", shape.key_frame_in_means, "size of a key frame in means of all frames")
+    app.add_option("--key-size", shape.key_frame_in_means,
+                   "size of a key frame as a multiple of the mean frame size")
         ->capture_default_str()
         ->check(CLI::Range(0.1, 1000.0));
     app.add_option("--audio-kbit", shape.audio_kbit_per_second, "audio of a stream in kbit/s; 0: none")
@@ -104,12 +105,12 @@ void check(const LoadOptions& load) {
     const unsigned slots =
         load.publishers * (1 + load.players) + load.stuck + (load.mode == Mode::STORM ? STORM_SLOTS : 0);
     require(load.mode == Mode::SLEEPERS || slots <= TABLE_SLOTS,
-            "the server takes 128 connections: publishers, players, stuck ones, and 16 for a storm");
+            "the server accepts 128 connections: publishers, players, stuck players, and 16 for a storm");
     require(!stands_in || load.server_host.empty(), "--server is not for --mode " + load.mode_name);
     require(load.mode != Mode::FLOOR || (load.publishers == 1 && load.stuck == 0),
-            "--mode floor takes one stream and no stuck players");
+            "--mode floor requires one stream and no stuck players");
     require(load.shape.largest_frame_bytes() <= MOST_FRAME_BYTES,
-            "the server takes messages below 1 MiB: take smaller frames, or more a second");
+            "the server accepts only messages below 1 MiB: use smaller frames, or more per second");
 }
 
 }  // namespace
@@ -121,9 +122,8 @@ LoadOptions read_command_line(int argc, char** argv) {
     CLI::App app(DESCRIPTION);
     add_clients(app, load);
     add_media(app, load.shape, rate);
-    app.add_option("--server", address, "HOST[:PORT] (IPv4) of a server that runs already");
-    app.add_option("--pid", load.server_pid,
-                   "its process, when it runs on this machine: its cost is reported")
+    app.add_option("--server", address, "HOST[:PORT] (IPv4) of a server that is already running");
+    app.add_option("--pid", load.server_pid, "its process id if it runs on this machine, to report its cost")
         ->check(CLI::PositiveNumber);
     app.add_option("--json", load.json_path, "file for the figures; - for standard output");
     try {

@@ -134,8 +134,8 @@ class RelayRun {
         }
     }
 
-    // Players join one after the other. After a few more joins each leaves, alternately by an orderly close
-    // and by a reset.
+    // Players join one after another. After a few more joins each leaves, alternately by an orderly close and
+    // by a reset.
     void storm_until(TimePoint end) {
         std::deque<Receiver::Id> visitors;
         std::uint64_t visits = 0;

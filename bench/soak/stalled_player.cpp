@@ -45,7 +45,8 @@ void StalledPlayer::step(Actor& self) {
     journal.count("stalls");
 }
 
-// Records whether the server's writer is blocked; first the sockets take a few megabytes.
+// Counts the stall if the server's writer is blocked, which happens once the sockets have taken a
+// few megabytes.
 void StalledPlayer::note_full_socket(Actor& self, const std::string& address) const {
     const auto bytes_sent = [&] { return listed_connection(address).at("bytes_sent").get<std::uint64_t>(); };
     const std::uint64_t before = bytes_sent();

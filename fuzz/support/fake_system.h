@@ -51,7 +51,7 @@ void restart();
 // Creates a client, which waits to be accepted. It exists until restart().
 FakeClient& connect_client();
 
-// The client that will be accepted next; null if none waits.
+// Returns the client that will be accepted next, or null if none is waiting.
 FakeClient* waiting_client();
 
 // Returns the client with this server descriptor, or null.

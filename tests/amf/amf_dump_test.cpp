@@ -300,7 +300,7 @@ TEST(amf_dump_depth, prints_a_deep_object_that_fits_to_its_last_brace) {
     EXPECT_EQ(text.find(CUT), std::string::npos);
 }
 
-TEST(amf_dump_width, prints_many_members_that_fit_to_the_last) {
+TEST(amf_dump_width, prints_every_one_of_many_members_that_fit) {
     const AMF_Value v = members_to_print(FITTING_MEMBERS);
     std::string text;
     on_small_stack_in_time([&] { text = dump(v); });
@@ -310,7 +310,7 @@ TEST(amf_dump_width, prints_many_members_that_fit_to_the_last) {
     EXPECT_TRUE(text.ends_with("    'k124999':\n      AMF var Null\n  }\n"));
 }
 
-TEST(amf_dump_width, cuts_as_many_members_as_a_message_holds) {
+TEST(amf_dump_width, is_cut_for_as_many_members_as_a_message_holds) {
     const AMF_Value v = members_to_print(MOST_MEMBERS);
     std::string text;
     on_small_stack_in_time([&] { text = dump(v); });

@@ -256,7 +256,7 @@ TEST(amf_read, refuses_the_types_that_are_not_supported_and_unknown_markers) {
     }
 }
 
-TEST(amf_read, checks_for_data_only_in_the_checked_function) {
+TEST(amf_read, the_checked_function_refuses_empty_data_and_moves_the_cursor_only_on_success) {
     const Bytes bytes = NULL_VALUE;
     GuardedBytes guarded(bytes);
     AMF_Value v;

@@ -236,7 +236,7 @@ TEST(amf_value, is_unchanged_when_assigned_to_itself) {
     expect_small_tree(v);
 }
 
-TEST(amf_value, can_become_a_value_below_itself) {
+TEST(amf_value, can_be_assigned_a_value_from_inside_itself) {
     AMF_Value copied;
     copied.member("deep").member("er") = small_tree();
     copied = copied.find_member("deep").find_member("er");

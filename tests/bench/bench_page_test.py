@@ -47,7 +47,7 @@ class Figures(unittest.TestCase):
             self.assertEqual(row.value, 3)
             self.assertFalse(row.holds)
 
-    def test_the_main_threads_time_for_one_more_is_without_what_it_needs_at_rest(self):
+    def test_the_main_threads_time_for_one_more_excludes_its_time_at_rest(self):
         def main(frames, main_cpu_s):
             return [relay(1, frames=frames, server={"main_cpu_s": main_cpu_s})]
 

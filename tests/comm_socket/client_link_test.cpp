@@ -39,8 +39,8 @@ class client_link_test : public testing::Test {
         std::size_t budget = PLENTY;
         link->write_some(comm_socket::now_us(), TIMEOUT_US, &budget);
     }
-    // Queues a long frame, more than the socket holds, and after it frames of 1 MiB until the limit refuses
-    // another one. Returns the number of the latter.
+    // Queues a long frame, more than the socket holds, and then frames of 1 MiB until the limit refuses
+    // another one. Returns the number of 1 MiB frames.
     [[nodiscard]] int fill(std::size_t long_frame_bytes = 4 * MEBIBYTE) const {
         link->queue(OutgoingFrame(std::string(long_frame_bytes, 'a')));
         int count = 0;

@@ -166,7 +166,7 @@ TEST_F(hostile_client_test, a_client_that_reads_none_of_many_long_replies_is_dis
         server.idle();
         answered += server.answer_all(four_megabytes);  // fails the test if a reply is not accepted at once
     }
-    EXPECT_EQ(answered, 5) << "one under way, 16 MiB with their headers behind it, and no further request";
+    EXPECT_EQ(answered, 5) << "one being sent, 16 MiB with their headers after it, and no further request";
     expect_good_is_served();
     EXPECT_FALSE(hostile.read_available().empty()) << "it is still connected";
     // What it has read makes room for a little more; then nothing more is sent.

@@ -29,7 +29,7 @@ class server_test : public testing::Test {
 
     [[nodiscard]] static bool exists(const std::string& file) { return access(file.c_str(), F_OK) == 0; }
 
-    // This many clients, each of which has sent these bytes.
+    // Returns this many clients, each of which has sent these bytes.
     [[nodiscard]] std::vector<RawPeer> peers_that_sent(std::size_t count, const std::string& bytes) const {
         std::vector<RawPeer> peers;
         for (std::size_t i = 0; i < count; ++i) {

@@ -120,7 +120,7 @@ TEST_F(client_system_calls_test, a_failed_system_call_ends_the_request_with_its_
                            {&NextErrors::poll, EINVAL, COMM_SOCKET_V4_SYSTEM}}) {
         const Connection connection = connect_to_server(nullptr);
         const Packet request = make_request("hello");
-        // A reply that has already arrived needs no poll, so the first read finds none.
+        // The first read must find no reply: one that has already arrived would need no poll.
         next_errors = {.recv = {EAGAIN}};
         (next_errors.*row.call).insert((next_errors.*row.call).begin(), row.error);
         comm_socket_v4_packet* reply = nullptr;
@@ -151,7 +151,7 @@ TEST_F(client_system_calls_test, several_requests_are_sent_in_one_write) {
 }
 
 TEST_F(client_system_calls_test, interrupted_calls_are_restarted) {
-    // A reply that has already arrived needs no poll, so the first read finds none.
+    // The first read must find no reply: one that has already arrived would need no poll.
     next_errors = {.connect = {EINTR}, .poll = {EINTR}, .send = {EINTR}, .recv = {EINTR, EAGAIN}};
     comm_socket_v4_error error = COMM_SOCKET_V4_SYSTEM;
     const Connection connection = connect_to_server(&error);

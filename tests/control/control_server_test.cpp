@@ -307,7 +307,7 @@ TEST_F(control_server_test, a_reply_carries_the_async_bit_only_where_one_is_sent
     EXPECT_EQ(library.calls.find("send"), std::string::npos);
 }
 
-TEST_F(control_server_test, a_quit_signal_leaves_the_requests_to_the_end_of_the_socket) {
+TEST_F(control_server_test, a_service_handles_no_request_after_a_quit_signal) {
     start();
     comm_socket_v4_packet* const kept = add_request("hello");
     add_request("hello");

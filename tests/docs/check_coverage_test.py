@@ -32,13 +32,13 @@ class CheckCoverage(unittest.TestCase):
                 status = CHECK.main(summary, page)
         return status, errors.getvalue()
 
-    def test_everything_run_passes(self):
+    def test_full_coverage_passes(self):
         self.assertEqual(self.check([file("base/a.cpp"), file("amf/b.cpp")]), (0, ""))
 
     def test_an_empty_summary_fails(self):
         self.assertEqual(self.check([])[0], 1)
 
-    def test_the_lines_of_all_have_a_limit(self):
+    def test_line_coverage_has_a_minimum_over_all_files(self):
         files = [file("base/a.cpp", 969), file("amf/b.cpp", 970)]
         status, errors = self.check(files, "| `base/a.cpp` | 31 | x |\n| `amf/b.cpp` | 30 | x |")
         self.assertEqual(status, 1)
@@ -46,13 +46,13 @@ class CheckCoverage(unittest.TestCase):
         files[0]["line_covered"] = 970
         self.assertEqual(self.check(files, "| `base/a.cpp` | 30 | x |\n| `amf/b.cpp` | 30 | x |"), (0, ""))
 
-    def test_the_branches_of_all_have_a_limit(self):
+    def test_branch_coverage_has_a_minimum_over_all_files(self):
         self.assertEqual(self.check([file("base/a.cpp", branch_covered=90)]), (0, ""))
         status, errors = self.check([file("base/a.cpp", branch_covered=89)])
         self.assertEqual(status, 1)
         self.assertIn("89.00 % of all branches are taken", errors)
 
-    def test_the_lines_of_a_folder_have_a_limit_of_their_own(self):
+    def test_line_coverage_has_a_minimum_for_each_folder(self):
         files = [file("base/a.cpp", 949), file("amf/b.cpp"), file("amf/c.cpp"), file("amf/d.cpp")]
         status, errors = self.check(files, "| `base/a.cpp` | 51 | x |")
         self.assertEqual(status, 1)

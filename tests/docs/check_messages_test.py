@@ -94,7 +94,7 @@ class CheckMessages(unittest.TestCase):
         self.change("amf/amf_dump.cpp", '"Object: {"', '"Struct: {"')
         self.expect_difference("word of a dump not on the page: 'Struct: {'")
 
-    def test_a_print_beside_the_one_place_for_it_is_found(self):
+    def test_a_print_outside_base_diag_is_found(self):
         self.change("app/dispatch.cpp", "namespace {", 'namespace {\nvoid f() {\n    std::printf("x");\n}')
         self.expect_difference("printf prints without base/diag")
 

@@ -32,7 +32,7 @@ class the_page_of_limits(unittest.TestCase):
             with self.subTest(name):
                 self.assertEqual(int(value.replace(",", "")), value_in_code(file, name))
 
-    def test_says_the_same_above(self):
+    def test_gives_the_same_numbers_in_the_text_above_the_table(self):
         text = (ROOT / "docs" / "limits.md").read_text(encoding="utf-8").split("## The numbers")[0]
         milliseconds = value_in_code("rtmp/chunk_format.h", "EXTENDED_TIMESTAMP")
         seconds = milliseconds // 1000

@@ -86,7 +86,7 @@ class BehaviourList(unittest.TestCase):
         self.assertEqual(self.run_tool()[0], 1)
         self.assertFalse((self.root / "out/behaviours.md").exists())
 
-    def test_every_pattern_of_the_groups_matches_tests_that_are_there(self):
+    def test_every_pattern_of_the_groups_matches_a_test(self):
         folder = ROOT / LIST.TESTS
         names = [path.relative_to(folder).as_posix() for path in folder.rglob("*") if path.is_file()]
         for heading, _, patterns in LIST.GROUPS:

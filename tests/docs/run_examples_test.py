@@ -35,14 +35,14 @@ class the_commands_of_a_page(unittest.TestCase):
         self.assertEqual([["a    b", "c"]], [example.commands() for example in examples])
         self.assertEqual({"with": "server"}, examples[0].marks)
 
-    def test_do_not_hide(self):
+    def test_cannot_be_hidden(self):
         self.assertEqual([], self.errors("text\n" + block("a", "with: stream")))
         for hidden in ("    ls\n", block("$ ls", language="text"), block("ls", language=""), "```sh\nls\n",
                        block("ls", language="bash"), "- a\n\n  ```sh\n  ls\n  ```\n", "~~~sh\nls\n~~~\n",
                        block("ls", "with: beer"), "<!-- not run: x -->\n\n" + block("ls")):
             self.assertTrue(self.errors(hidden), hidden)
 
-    def test_are_run_but_for_15_in_100(self):
+    def test_are_run_except_for_at_most_15_in_100(self):
         for left_out, good in ((3, True), (4, False)):
             text = block("\n".join(["a"] * left_out), "not run: why") + block("\n".join(["b"] * (20 - left_out)))
             said = io.StringIO()
@@ -57,7 +57,7 @@ class the_commands_of_a_page(unittest.TestCase):
         self.assertIsNone(self.judge("exit 1", "status: 0 1"))
         self.assertIn("status 2", self.judge("exit 2", "status: 0 1"))
 
-    def test_that_run_without_end_have_to_do_their_work(self):
+    def test_that_run_endlessly_must_have_done_their_work(self):
         self.assertIsNone(self.judge("sleep 60", "until: true"))
         self.assertIsNone(self.judge("echo hello; sleep 60", "says: hello"))
         self.assertIn("ended before", self.judge("echo hello", "until: false"))

@@ -247,7 +247,7 @@ TEST(chunk_reader, the_largest_length_is_refused_with_any_format) {
                            "message_type_id=20 message_stream_id=0"});
 }
 
-TEST(chunk_reader, the_64th_chunk_stream_is_served_and_the_next_header_of_any_is_not) {
+TEST(chunk_reader, the_64th_chunk_stream_is_served_and_any_header_after_it_is_refused) {
     for (const std::uint32_t next_csid : {nth_csid(64), nth_csid(0)}) {
         ServerProcess server;
         RtmpClient client = handshaken_client();
@@ -323,7 +323,7 @@ TEST(chunk_reader, messages_of_other_types_are_silently_accepted) {
     EXPECT_THAT(server.lines_since(mark), ElementsAre());
 }
 
-TEST(chunk_reader, a_received_message_is_dumped_on_request) {
+TEST(chunk_reader, a_received_message_is_dumped_with_dbg_pkt) {
     ServerProcess server({"--dbg-pkt"});
     RtmpClient client = handshaken_client();
     server.wait_for_line("RTMP handshake complete");
@@ -364,7 +364,7 @@ TEST(chunk_reader, an_empty_message_and_a_short_header_are_dumped_as_they_are) {
     });
 }
 
-TEST(chunk_reader, audio_and_video_are_never_dumped_on_request) {
+TEST(chunk_reader, audio_and_video_are_not_dumped_even_with_dbg_pkt) {
     ServerProcess server({"--dbg-pkt"});
     RtmpClient client = handshaken_client();
     client.send_audio(1, from_hex("AF 01 00"));

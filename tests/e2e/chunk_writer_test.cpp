@@ -194,7 +194,7 @@ TEST(chunk_writer, replies_that_wait_when_the_chunk_size_changes_keep_the_old_on
     }
 }
 
-TEST(chunk_writer, a_sent_message_is_dumped_on_request_before_its_length_is_known) {
+TEST(chunk_writer, a_sent_message_is_dumped_before_its_length_is_known_with_dbg_pkt) {
     ServerProcess server({"--dbg-pkt"});
     RtmpClient client = handshaken_client();
     const Bytes payload = amf_string("releaseStream") + amf_number(2) + amf_null();
@@ -222,7 +222,7 @@ TEST(chunk_writer, a_sent_message_is_dumped_on_request_before_its_length_is_know
     });
 }
 
-TEST(chunk_writer, relayed_media_is_not_dumped_on_request) {
+TEST(chunk_writer, relayed_media_is_not_dumped_even_with_dbg_pkt) {
     ServerProcess server({"--dbg-pkt", "--no-def-ack"});
     RtmpClient player = playing_client("cam1");
     RtmpClient publisher = publishing_client("cam1");

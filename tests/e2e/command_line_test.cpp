@@ -48,7 +48,7 @@ class PortOwner {
         sockaddr_in address{};
         address.sin_family = AF_INET;
         address.sin_port = htons(1935);
-        // Past connections of the port may linger; a listener still blocks the server.
+        // Allows for earlier connections on the port that linger. This listener still blocks the server.
         const int on = 1;
         if (setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0 ||
             bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||

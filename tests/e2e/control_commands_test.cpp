@@ -393,7 +393,7 @@ TEST(control_commands, an_invalid_slot_id_is_refused_with_status_6) {
     EXPECT_EQ(server.count("Dropping connection", mark), 0U);
 }
 
-TEST(control_commands, a_slot_without_a_connection_is_no_error) {
+TEST(control_commands, a_slot_without_a_connection_is_not_an_error) {
     const ServerProcess server;
     for (const char* const argument : {"0", "5", "127"}) {
         EXPECT_EQ(ask_raw(DROP_BY_ID, {argument}), drop_reply("OK, no such connection")) << argument;

@@ -35,7 +35,7 @@ constexpr Milliseconds LATENESS = scaled(Milliseconds{150});
 // Thirty polls of the control socket.
 constexpr Milliseconds FLOOD_TIME{3000};
 
-// Sends one request after the other, each as soon as the last is answered.
+// Sends one request after another, each as soon as the previous one is answered.
 class Asker {
   public:
     void ask_once() {

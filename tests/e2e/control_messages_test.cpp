@@ -212,7 +212,7 @@ TEST(acknowledgement, no_more_than_one_window_is_carried_over) {
     EXPECT_EQ(acknowledgements(messages_until_answered(client)), sender.due());
 }
 
-TEST(acknowledgement, none_are_sent_on_request_until_a_window_is_announced) {
+TEST(acknowledgement, with_no_def_ack_none_are_sent_until_a_window_is_announced) {
     ServerProcess server({"--no-def-ack"});
     RtmpClient client = handshaken_client();
     client.send_message({.type = 99, .payload = pattern_bytes(200000)});

@@ -196,7 +196,7 @@ TEST(dispatch, without_createStream_any_message_stream_is_accepted) {
     EXPECT_EQ(server.err().count_starting(HRMPH), 0U);
 }
 
-TEST(dispatch, each_check_of_a_media_message_is_printed_on_standard_output_on_request) {
+TEST(dispatch, each_check_of_a_media_message_is_printed_on_standard_output_with_dbg_pkt) {
     ServerProcess server({"--dbg-pkt"});
     RtmpClient stranger = handshaken_client();
     stranger.send_audio(5, from_hex("AF 01 00"));
@@ -211,7 +211,7 @@ TEST(dispatch, each_check_of_a_media_message_is_printed_on_standard_output_on_re
     EXPECT_EQ(server.err().count_starting("A/V"), 0U);
 }
 
-TEST(dispatch, a_held_message_is_printed_on_every_pass_on_request) {
+TEST(dispatch, a_held_message_is_printed_on_every_pass_with_dbg_pkt) {
     ServerProcess server({"--dbg-pkt"});
     RtmpClient publisher = publishing_client("cam1");
     publisher.send_audio(1, from_hex("AF 01 00"));
@@ -221,7 +221,7 @@ TEST(dispatch, a_held_message_is_printed_on_every_pass_on_request) {
     EXPECT_GE(server.out().count_starting("A/V 301 "), 3U);
 }
 
-TEST(dispatch, nothing_is_printed_on_standard_output_otherwise) {
+TEST(dispatch, nothing_is_printed_on_standard_output_without_dbg_pkt) {
     ServerProcess server;
     RtmpClient publisher = publishing_client("cam1");
     publisher.send_audio(1, from_hex("AF 01 00"));

@@ -285,7 +285,7 @@ TEST_F(ffmpeg_peers_test, players_that_wait_receive_every_access_unit_that_is_pu
     }
 }
 
-TEST_F(ffmpeg_peers_test, with_acknowledgements_only_what_the_encoders_reset_discards_is_lost) {
+TEST_F(ffmpeg_peers_test, with_acknowledgements_nothing_is_lost_except_what_the_encoders_reset_discards) {
     ServerProcess server;
     Ffmpeg player(scratch / "player.log", list_arguments(PLAY_URL, "played"));
     server.wait_for_line("Connection for play subscribed to 'camera'");

@@ -79,7 +79,7 @@ TEST_F(held_memory_test, of_a_large_command_is_small_while_its_sender_stays_conn
     client.set_chunk_size(LARGE_CHUNKS);
     (void)client.expect_message(MSG_SET_CHUNK_SIZE);
     const std::size_t before_kib = server.rss_kib();
-    // The name is kept, and is allocated after everything decoded before it.
+    // The name is kept, and is allocated only after the large value that precedes it.
     client.send_command(amf_string("publish") + amf_number(2) + many_members(160000, false) +
                         amf_string(std::string(20000, 'n')) + amf_string("live"));
     (void)client.expect_message(MSG_COMMAND);

@@ -100,7 +100,7 @@ TEST_F(the_server_outlives_test, objects_nested_to_the_end_of_the_message_as_tra
     }
 }
 
-TEST_F(the_server_outlives_test, a_nested_transaction_id_and_echoes_it_as_long_as_the_reply_holds_it) {
+TEST_F(the_server_outlives_test, a_nested_transaction_id_and_echoes_it_if_the_reply_can_hold_it) {
     RtmpClient client = stranger();
     const Bytes nest = closed_nest(10000);
     client.send_command(amf_string("releaseStream") + nest + amf_null());

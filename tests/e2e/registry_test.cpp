@@ -59,7 +59,7 @@ TEST(registry, old_streams_are_forgotten_in_the_order_of_their_names) {
     }
     publishers.clear();
     server.err().wait_for_count("Dropping connection", 5);
-    // Served after the last of them was closed.
+    // This client is served only after the last of them was closed.
     RtmpClient bystander = connected_client();
     // While the server is stopped all of them grow old, including the last.
     server.pause();

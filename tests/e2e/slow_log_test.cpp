@@ -79,7 +79,7 @@ class SlowLog {
     std::thread reader;
 };
 
-// Sends one connect after the other on its own thread, each of which makes the server print a dump of the
+// Sends one connect after another on its own thread, each of which makes the server print a dump of the
 // largest size. Replaces a connection that the server closes.
 class FloodOfConnects {
   public:

@@ -28,7 +28,7 @@ Bytes play_command(const Bytes& id, const Bytes& rest) {
     return amf_string("play") + id + amf_null() + rest;
 }
 
-// Sends a command that must fail; returns the lines before the two of every failure.
+// Sends a command that must fail. Returns the lines printed before the two that every failure prints.
 Lines reason_of_failure(const ServerProcess& server, RtmpClient& client, const Bytes& payload) {
     (void)client.round_trip();
     const LineMark mark = server.mark();
@@ -47,7 +47,7 @@ Lines reason_of_failure(const Bytes& payload) {
     return reason_of_failure(server, client, payload);
 }
 
-// Sent by connections that already publish or play.
+// Requires that the command is refused to a publisher and to a player, for this reason.
 void expect_refused_to_both(const Bytes& command, const std::string& reason) {
     const ServerProcess server;
     RtmpClient publisher = publishing_client("cam1");

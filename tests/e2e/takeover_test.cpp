@@ -197,7 +197,7 @@ TEST(takeover, a_takeover_with_another_codec_in_the_metadata_is_reported_too) {
     ServerProcess server;
     RtmpClient publisher = publishing_client("cam1");
     RtmpClient rival = publishing_client("cam1");
-    // Without players and media, after a while the stream has no publisher any more, so the rival's metadata
+    // After a while without players and media, the stream no longer has a publisher, so the rival's metadata
     // is applied.
     server.wait_for_line("Disposing old stream 'cam1'", 0, Milliseconds{5000} + DEFAULT_WAIT);
     rival.send_metadata(amf_object({{"audiocodecid", amf_number(2)}}));

@@ -32,7 +32,7 @@ ThreadIds threads_of(const ServerProcess& server) {
     return ids;
 }
 
-// The kernel shows the value of a thread under /proc as for a process, not below task/.
+// The kernel shows a thread's value in /proc/TID, as for a process, and not in the task/ directory.
 std::ifstream slack_file(pid_t thread) {
     return std::ifstream("/proc/" + std::to_string(thread) + "/timerslack_ns");
 }

@@ -24,7 +24,7 @@ using testing::IsEmpty;
 
 constexpr std::size_t STUCK_PLAYERS = 4;
 constexpr std::size_t SHARED_MESSAGE_BYTES = 50000;
-// A sanitizer's build, whose memory has no upper limit here, needs fewer for its queues to grow.
+// Fewer in a sanitizer build: its queues grow sooner, and the test does not limit its memory.
 constexpr std::uint32_t SHARED_MESSAGES = 400 / TIME_SCALE;
 
 // Makes packets on the private loopback as small as on a slow link, so that socket buffers also stay small.
@@ -51,7 +51,8 @@ class ReadStream {
         publisher.set_chunk_size(1 << 20);
     }
 
-    // Returns once the player has them. Each of the server's two polls handles several of them.
+    // Sends this many messages and waits until the player has them. Sends several at a time, so that each of
+    // the server's two polls handles several.
     void send(std::uint32_t count) {
         const auto at_once = static_cast<std::uint32_t>(std::max<std::size_t>(1, 500000 / message_bytes));
         for (std::uint32_t sent = 0; sent < count; sent += at_once) {

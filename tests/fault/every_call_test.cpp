@@ -250,7 +250,7 @@ TEST(every_call, of_pthread_mutex_unlock_may_fail) {
     run_sweep({.call = FaultCall::PTHREAD_MUTEX_UNLOCK, .error = EPERM}, {});
 }
 
-TEST(every_call, for_memory_that_may_be_refused_may_be_refused) {
+TEST(every_call, for_memory_may_be_refused_where_the_server_can_continue) {
     run_sweep({.call = FaultCall::NOTHROW_NEW, .error = ENOMEM},
               {"AMF0 error command, dropped", "the reader dies, Failed to alloc pkt data",
                "an acknowledgement is missed", "the chunk size is not echoed",

@@ -328,7 +328,7 @@ int pthread_mutex_unlock(pthread_mutex_t* mutex) noexcept {
 
 }  // extern "C"
 
-// ---- allocations: all of them and all releases pass here, so malloc() and free() serve them
+// ---- allocations: every allocation and release passes through here and uses malloc() and free()
 
 namespace {
 

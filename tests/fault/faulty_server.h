@@ -45,7 +45,7 @@ class FaultWatch {
     FaultPage* mapped;
 };
 
-// The options of a server whose calls pass through the injector.
+// Returns the options of a server whose calls pass through the injector.
 ServerOptions with_injector();
 
 struct FaultyServer {

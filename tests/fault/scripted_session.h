@@ -32,8 +32,8 @@ struct ClientStory {
     // rest varies.
     Transcript received;
     std::vector<std::uint64_t> acknowledged;
-    // Their required values: the bytes the client had sent, including the handshake, at the end of
-    // each message.
+    // The values that the acknowledgements must have: the bytes that the client had sent, including the
+    // handshake, at the end of each message.
     std::vector<std::uint64_t> to_acknowledge;
     // Closed by the server without a request.
     bool dropped = false;

@@ -98,8 +98,8 @@ class Comparison {
                  testing::PrintToString(whole_transcript(client)));
     }
 
-    // The client received everything up to its end. If that came after its last message, only the
-    // server noticed.
+    // Requires that the client received everything up to the end of its connection. If that end came after
+    // the last message, only the server noticed it.
     void compare_dropped(std::size_t client) {
         const Transcript& received = story.clients[client].received;
         Transcript whole = whole_transcript(client);
@@ -267,8 +267,8 @@ class Comparison {
         };
         add("Dropping connection", {SESSION_CLIENTS, SESSION_CLIENTS});
         for (std::size_t i = 0; i < SESSION_CLIENTS; ++i) {
-            // A client that leaves just when its writer dies also leaves a dead reader. A thread that died
-            // just before a drop is found dead by the drop.
+            // If a client leaves just as its writer dies, its reader is dead as well. If a thread died just
+            // before a drop, the drop finds it dead.
             const bool late = i == dropped && !story.clients[i].dropped;
             const Times seldom{0, late ? 1 : 0};
             const Times surely{late ? 0 : 1, 1};

@@ -13,5 +13,5 @@ struct Outcome {
 
 Outcome compare(const Schedule& schedule);
 
-// Returns a schedule that still differs, without the actions that do not matter for that.
+// Returns the schedule without the actions that are not needed to show a difference.
 Schedule shortened(Schedule schedule);

@@ -1,5 +1,5 @@
-// A second, simplest implementation of how the server handles its clients' messages: pacing, takeover,
-// rebasing, the codec lock, late joiners, metadata and the registry.
+// A second implementation, as simple as possible, of how the server handles its clients' messages: pacing,
+// takeover, rebasing, the codec lock, late joiners, metadata and the registry.
 //
 // It shares no code and no type with the server. It gets the meaning of a message along with its bytes, so it
 // never parses. It has no threads, locks or sockets: a connection is an input queue and an output queue, and

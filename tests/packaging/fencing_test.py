@@ -134,7 +134,7 @@ class the_fences(unittest.TestCase):
             one.connect_ex((SERVER, 1935))
 
     def wait_until_none_come(self):
-        """The kernel tries to connect again after 1 s and 3 s."""
+        """Waits until no more connections come. The kernel tries to connect again after 1 s and 3 s."""
         last = []
 
         def look():

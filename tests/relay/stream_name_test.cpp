@@ -21,7 +21,7 @@ TEST(stream_name, may_be_as_long_as_a_message_can_carry) {
     EXPECT_FALSE(is_valid_stream_name(name));
 }
 
-TEST(stream_name, has_exactly_63_valid_bytes) {
+TEST(stream_name, may_contain_exactly_63_byte_values) {
     for (int value = 0; value < 256; ++value) {
         const bool valid = value == '_' || (value >= '0' && value <= '9') || (value >= 'A' && value <= 'Z') ||
                            (value >= 'a' && value <= 'z');

@@ -168,7 +168,8 @@ TEST_F(broken_promise_death_test, of_a_payload_that_shrinks_while_it_is_read_end
                 assertion_line("read_chunk", "(dp+todo) <= dpf"));
 }
 
-TEST_F(broken_promise_death_test, of_a_kernel_that_received_more_than_asked_for_ends_the_process) {
+TEST_F(broken_promise_death_test,
+       of_a_kernel_that_reports_more_received_bytes_than_requested_ends_the_process) {
     client_sends("\x03");
     wrapped_calls.recv_result = [](ssize_t received) { return received + 1; };
     EXPECT_EXIT((void)read_message(), testing::KilledBySignal(SIGABRT),
@@ -179,7 +180,7 @@ TEST_F(broken_promise_death_test, of_a_kernel_that_received_more_than_asked_for_
                 assertion_line("fill", "(size_t)ret <= c"));
 }
 
-TEST_F(broken_promise_death_test, of_a_kernel_that_sent_more_than_asked_for_ends_the_process) {
+TEST_F(broken_promise_death_test, of_a_kernel_that_reports_more_sent_bytes_than_requested_ends_the_process) {
     wrapped_calls.send_result = [](ssize_t sent) { return sent + 1; };
     wrapped_calls.sendmsg_result = [](ssize_t sent) { return sent + 1; };
     EXPECT_EXIT((void)conn.cwrite("x", 1), testing::KilledBySignal(SIGABRT),

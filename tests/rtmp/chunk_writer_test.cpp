@@ -196,7 +196,7 @@ TEST_F(chunk_writer, a_shared_payload_reaches_players_of_every_chunk_size) {
     }
 }
 
-TEST_F(chunk_writer, shared_payloads_around_an_echo_have_the_chunk_size_of_their_time) {
+TEST_F(chunk_writer, shared_payloads_before_an_echo_have_the_old_chunk_size_and_those_after_it_the_new_one) {
     const RTMP_Packet pkt = make_packet(20, 0, std::string(300, 'p'), 3);
     const SharedPayload payload = SharedPayload::lay_out(pkt.chunk, 128);
     const auto queue_share = [&] {

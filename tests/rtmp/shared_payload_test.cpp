@@ -47,7 +47,8 @@ TEST(shared_payload, gives_its_plain_bytes_from_any_offset) {
     }
 }
 
-TEST(shared_payload, is_laid_out_for_its_chunk_size_and_where_neither_size_cuts) {
+TEST(shared_payload,
+     of_one_chunk_is_laid_out_for_every_size_that_holds_it_and_a_longer_one_only_for_its_own) {
     const SharedPayload shared = lay_out(std::string(300, 'x'), 128);
     EXPECT_TRUE(shared.is_laid_out_for(128));
     EXPECT_FALSE(shared.is_laid_out_for(127));

@@ -81,7 +81,7 @@ class ProcessesOfScripts(unittest.TestCase):
         self.start_ready("player", IGNORES_ALL_SIGNALS)
         self.assertEqual(self.end("player", signal.SIGINT, 0.5), (137, "==> player does not end: killing it\n"))
 
-    def test_the_end_of_an_ended_process_is_its_status(self):
+    def test_ending_a_process_that_has_already_ended_returns_its_status(self):
         self.processes.start("player", ["sh", "-c", "exit 4"])
         self.assertTrue(P.wait_until(lambda: not self.processes.runs("player"), LIMIT_S))
         self.assertEqual(self.end("player", signal.SIGINT, LIMIT_S), (4, ""))

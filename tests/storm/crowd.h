@@ -1,4 +1,4 @@
-// Dozens of visitors, each a thread that makes one visit after the other. Unless the server may go, another
+// Dozens of visitors, each a thread that makes one visit after another. Unless the server may go, another
 // thread drops their connections through the control socket at random moments.
 //
 // Connections that exist before the crowd starts are not dropped.

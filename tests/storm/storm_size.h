@@ -5,8 +5,8 @@
 #include <cstddef>
 #include <cstdint>
 
-// The number of servers under storm in parallel, each in its own namespaces. One server accepts a hundred
-// clients a second.
+// The number of servers that are stormed in parallel, each in its own namespaces. One server accepts a
+// hundred clients a second.
 constexpr int STORM_SHARDS = 4;
 
 // Returns the value of the variable, or the default, which is lower under a sanitizer because it is several

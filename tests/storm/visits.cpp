@@ -261,7 +261,7 @@ bool Visit::was_interrupted() {
     return std::any_of(open.begin(), open.end(), is_closed_by_server);
 }
 
-// Whether the server has closed one of the clients, as far as this is visible before unread data.
+// Waits for the server to close one of the clients. Detects only what poll(2) reports while data is unread.
 bool Visit::await_hang_up(Milliseconds wait) {
     std::vector<pollfd> entries;
     for (const RtmpClient* const client : open_clients()) {

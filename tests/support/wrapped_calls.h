@@ -37,13 +37,13 @@ struct WrappedCalls {
     int failing_listen = 0;
     int failing_pthread_create = 0;
 
-    // Returned by a cancel or join that has been done anyway.
+    // The result reported by a cancel or join that was nevertheless carried out.
     int stop_result = 0;
     // The join really fails: nothing is joined.
     bool refuse_join = false;
-    // The lock of this mutex is refused.
+    // Locking this mutex is refused.
     const pthread_mutex_t* failing_lock = nullptr;
-    // The unlock of this mutex is done but reported as failed.
+    // Unlocking this mutex succeeds but is reported as failed.
     const pthread_mutex_t* failing_unlock = nullptr;
 
     // Computes the returned result from the real one; unset: the real one is returned.

@@ -157,7 +157,7 @@ TEST_F(commands_test, list_without_legend_is_only_the_rows) {
               "3  cam1  play     640x360  30 B  40 B  10.0.0.2:2\n");
 }
 
-TEST_F(commands_test, list_filters_mode_none_itself_and_other_modes_on_the_server) {
+TEST_F(commands_test, list_filters_mode_none_in_the_tool_and_other_modes_on_the_server) {
     settings.form = OutputForm::PLAIN;
     ListOptions options;
     options.selection.mode = "none";

@@ -69,7 +69,7 @@ TEST_F(history_test, a_clients_age_begins_when_it_is_first_seen) {
     EXPECT_THAT(history.clients(), IsEmpty());
 }
 
-TEST_F(history_test, a_choice_of_a_stream_is_made_by_the_same_client) {
+TEST_F(history_test, a_client_that_chooses_a_stream_is_still_the_same_client) {
     listing_at(1000, {client(3, "", 10, 10)});
     EXPECT_EQ(history.clients()[0].stream_seen_us, 0U);
     listing_at(1005, {client(3, "play", 10, 10)});
@@ -77,7 +77,7 @@ TEST_F(history_test, a_choice_of_a_stream_is_made_by_the_same_client) {
     EXPECT_EQ(history.clients()[0].stream_seen_us, 1005 * SECOND);
 }
 
-TEST_F(history_test, another_address_stream_or_mode_or_a_smaller_counter_is_another_client) {
+TEST_F(history_test, another_address_stream_or_mode_or_a_smaller_counter_means_another_client) {
     Connection elsewhere = player(3, 10);
     elsewhere.address = "10.0.0.3:2";
     for (const Connection& other :
@@ -92,7 +92,7 @@ TEST_F(history_test, another_address_stream_or_mode_or_a_smaller_counter_is_anot
     }
 }
 
-TEST_F(history_test, a_counter_stands_still_from_the_listing_that_last_showed_it_grown) {
+TEST_F(history_test, a_counter_stands_still_from_the_last_listing_in_which_it_had_grown) {
     listing_at(1000, {player(3, 10)});
     listing_at(1001, {player(3, 20)});
     seconds(7, [](std::uint64_t /*second*/) { return std::vector{player(3, 20)}; });
@@ -126,7 +126,7 @@ TEST_F(history_test, a_listing_without_address_or_counters_counts_against_no_cli
     EXPECT_THAT(history.clients(), IsEmpty());
 }
 
-TEST_F(history_test, a_clock_that_went_back_starts_a_new_history_of_clients) {
+TEST_F(history_test, a_clock_that_was_set_back_starts_a_new_history_of_clients) {
     listing_at(1000, {player(3, 10)});
     listing_at(1010, {player(3, 20)});
     listing_at(500, {player(3, 30)});

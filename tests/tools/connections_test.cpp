@@ -132,7 +132,7 @@ TEST(rates, are_unknown_for_another_client_in_the_same_slot) {
     }
 }
 
-TEST(rates, are_unknown_if_a_counter_is_missing_or_went_back) {
+TEST(rates, are_unknown_if_a_counter_is_missing_or_has_decreased) {
     const Listing before = listing_of(1000000, "5\tcam1\tplay\t\t1000\t200\ta");
     Listing gone_back = listing_of(2000000, "5\tcam1\tplay\t\t999\t300\ta");
     add_rates(before, gone_back);

@@ -63,7 +63,7 @@ TEST_F(health_test, a_player_that_reads_slowly_is_behind_the_foremost) {
                            observed_player(2, "cam1", 500 * s)};
     });
     EXPECT_EQ(of(1).behind_us, 0U);
-    // Half of what the other one received in the 34 s, or a little more, since both could be compared.
+    // Half of what the other one received in the 34 s since both could be compared, or a little more.
     EXPECT_GE(of(2).behind_us, 17 * ONE_SECOND_US);
     EXPECT_LE(of(2).behind_us, 20 * ONE_SECOND_US);
 }
@@ -121,7 +121,7 @@ TEST_F(health_test, a_player_that_has_all_of_a_stopped_stream_is_not_behind) {
     EXPECT_EQ(of(1).behind_us, 0U);
 }
 
-TEST_F(health_test, a_player_nears_the_limit_of_its_timestamps_twenty_minutes_before) {
+TEST_F(health_test, a_player_is_near_its_timestamp_limit_twenty_minutes_before_reaching_it) {
     const auto both = [](std::uint64_t s) {
         return std::vector{observed_publisher(0, "cam1", 1000 * s), observed_player(1, "cam1", 1000 * s)};
     };

@@ -89,7 +89,7 @@ TEST_F(series_test, a_stream_that_ended_long_ago_gives_way) {
     EXPECT_EQ(series.listed().at("new").bytes_received, 5U);
 }
 
-TEST_F(series_test, names_that_come_and_go_do_not_add_up) {
+TEST_F(series_test, names_that_come_and_go_do_not_accumulate) {
     for (unsigned second = 1; second < 5 * StreamSeries::MAX_SERIES; ++second) {
         look(second, {observed_publisher(second % 128, "name" + std::to_string(second), MUCH)});
     }

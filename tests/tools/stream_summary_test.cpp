@@ -31,7 +31,7 @@ Connection player(unsigned id, std::optional<double> sent_rate, const char* stre
 
 }  // namespace
 
-TEST(stream_summary, takes_the_connections_of_a_name_together) {
+TEST(stream_summary, groups_the_connections_of_each_name) {
     Connection source = publisher(2, 100);
     source.size = VideoSize{1280, 720};
     source.received_rate = 500;

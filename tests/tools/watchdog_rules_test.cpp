@@ -320,7 +320,7 @@ TEST_F(watchdog_rules_test, a_player_that_reads_nine_tenths_beside_others_is_eve
     EXPECT_NEAR(static_cast<double>(first_verdict(1000)), 157, 3);
 }
 
-// Chunks of 128 bytes have eight bytes of headers in a thousand more than large ones.
+// With 128-byte chunks, headers add eight bytes in a thousand compared with large chunks.
 TEST_F(watchdog_rules_test, players_with_large_chunks_are_kept_beside_those_with_small_ones) {
     only(DropRule::BEHIND);
     publisher(1, steady(FOUR_MBIT / 1000 * 1008));
@@ -544,7 +544,7 @@ TEST_F(watchdog_rules_test, a_server_that_stood_still_makes_no_client_a_suspect)
     EXPECT_THAT(at(now_s + 1), IsEmpty());
 }
 
-TEST(age_drops, the_delays_of_looks_do_not_add_up_over_a_full_table) {
+TEST(age_drops, the_delays_of_looks_do_not_accumulate_over_a_full_table) {
     constexpr std::uint64_t STAGGER_US = 4000000;
     AgeDrops drops;
     std::uint64_t now_us = 0;

@@ -74,7 +74,7 @@ TEST_F(token_file_test, holds_the_token_in_its_first_line) {
     EXPECT_FALSE(read("0123456789abcdef", 0640));
 }
 
-TEST_F(token_file_test, of_every_user_is_refused) {
+TEST_F(token_file_test, that_every_user_can_read_is_refused) {
     const std::optional<Failure> failure = read("0123456789abcdef\n", 0644);
     ASSERT_TRUE(failure);
     EXPECT_EQ(failure->exit_code, ExitCode::USAGE);

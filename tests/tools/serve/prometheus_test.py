@@ -68,7 +68,7 @@ class PrometheusTest(unittest.TestCase):
             checked = promtool(*arguments, cwd=RULE_TESTS.parent)
             self.assertEqual(0, checked.returncode, checked.stdout + checked.stderr)
 
-    def test_alerts_and_dashboard_use_only_metrics_that_there_are(self):
+    def test_alerts_and_dashboard_use_only_existing_metrics(self):
         server = self.keep(ListingServer([line(0, "cam1", "publish", 3000, 10 ** 6)]))
         text = self.serve(control_socket=server.path).ask("/metrics").body
         there = set(re.findall(r"^# TYPE (\S+)", text, re.MULTILINE))

@@ -83,7 +83,7 @@ class ServeTest(unittest.TestCase):
         wait_for("it is well", lambda: serve.ask("/healthz").status == 200)
         self.assertEqual(1, serve.metric("v9_rtmp_up"))
 
-    def test_a_server_that_stands_still_stops_no_page(self):
+    def test_a_server_that_stands_still_does_not_block_the_pages(self):
         serve = self.serve()
         self.server.popen.send_signal(19)
         try:
