@@ -44,7 +44,7 @@ bool FrameBuffer::take(FrameHead* head, FrameText* text) {
 }
 
 void FrameBuffer::clear() {
-    bytes = {};
+    bytes = std::vector<unsigned char>();  // {} would keep the memory
     start = 0;
 }
 

@@ -107,6 +107,23 @@ TEST_F(client_link_test, a_long_reply_is_sent_as_the_peer_reads) {
     EXPECT_EQ(received, frame);
 }
 
+TEST_F(client_link_test, reads_and_writes_no_more_than_its_budget_and_reduces_it) {
+    EXPECT_EQ(fill(), 17);
+    EXPECT_FALSE(peer.read_available().empty());
+    std::size_t budget = 1500;
+    for (const std::size_t expected : {1500u, 0u}) {
+        link->write_some(comm_socket::now_us(), TIMEOUT_US, &budget);
+        EXPECT_EQ(peer.read_available().size(), expected);
+        EXPECT_EQ(budget, 0u);
+    }
+    peer.send_all(std::string(request_frame(1, std::string(2000, 'c'))));
+    budget = 1500;
+    link->read_some(comm_socket::now_us(), &budget);
+    EXPECT_EQ(budget, 0u);
+    EXPECT_TRUE(peer.has_unread_bytes());
+    EXPECT_FALSE(link->has_complete_frame());
+}
+
 TEST_F(client_link_test, queues_16_mib_after_the_reply_being_sent_and_then_refuses) {
     link->queue(OutgoingFrame(std::string(100 * MEBIBYTE, 'a')));  // being sent; its size does not count
     for (int i = 0; i < 16; ++i) {
@@ -277,6 +294,24 @@ TEST_F(client_link_test, complete_requests_remain_after_the_peer_has_disconnecte
     EXPECT_EQ(text.command, "two");
 }
 
+TEST_F(client_link_test, a_request_remains_after_a_peer_has_disconnected_without_reading_its_replies) {
+    EXPECT_EQ(fill(), 17);
+    peer.send_all(request_frame(1, "one"));
+    peer.close_now();
+    read();
+    EXPECT_FALSE(link->is_open());
+    EXPECT_EQ(link->waiting_bytes(), 0u);
+    EXPECT_TRUE(link->has_request());
+}
+
+TEST_F(client_link_test, half_a_request_of_a_half_closed_peer_is_not_kept) {
+    peer.send_all(request_frame(1, "one").substr(0, 20));
+    peer.shut_sending();
+    read();
+    EXPECT_TRUE(link->is_open());
+    EXPECT_EQ(link->untaken_bytes(), 0u);
+}
+
 TEST_F(client_link_test, a_half_closed_peer_gets_its_replies_before_the_link_finishes) {
     peer.send_all(request_frame(1, "one"));
     peer.shut_sending();
@@ -297,6 +332,7 @@ TEST_F(client_link_test, a_half_closed_peer_gets_its_replies_before_the_link_fin
     }
     link->finish();
     EXPECT_FALSE(link->is_open());
+    EXPECT_EQ(link->send_error(), EPIPE);
     EXPECT_TRUE(peer.is_closed());
 }
 

@@ -419,8 +419,8 @@ TEST_F(raw_server_test, a_slow_reply_is_awaited_within_the_limits) {
         {"beyond the total", mine.substr(0, BYTES_TO_ID), mine.substr(BYTES_TO_ID), 5 * SECOND_US,
          20 * SECOND_US, COMM_SOCKET_V4_TIMEOUT},
         {"its id not in time", "", mine, 5 * SECOND_US, 1000 * SECOND_US, COMM_SOCKET_V4_TIMEOUT},
-        {"another one", "", other + mine, 5 * SECOND_US, 1000 * SECOND_US, COMM_SOCKET_V4_TIMEOUT},
-        {"a request with its id", "", not_a_reply + mine, 5 * SECOND_US, 1000 * SECOND_US,
+        {"another one", "", other + mine, 25 * SECOND_US, 1000 * SECOND_US, COMM_SOCKET_V4_TIMEOUT},
+        {"a request with its id", "", not_a_reply + mine, 25 * SECOND_US, 1000 * SECOND_US,
          COMM_SOCKET_V4_TIMEOUT},
     };
     for (const auto& row : rows) {

@@ -270,6 +270,17 @@ TEST_F(server_test, a_flush_ends_at_its_deadline_however_slowly_its_clients_read
     }
 }
 
+TEST_F(server_test, a_flush_after_its_deadline_returns_although_a_client_could_take_more) {
+    DrivenServer server(path);
+    const RawPeer peer(path);
+    peer.send_all(request_frame(1, "long"));
+    server.idle();
+    ASSERT_EQ(server.answer_all(std::string(20 * MEBIBYTE, 'm')), 1);
+    EXPECT_FALSE(peer.read_available().empty());
+    comm_socket_v4_flush(server.handle, comm_socket::now_us());
+    EXPECT_EQ(peer.available_bytes(), 0u);
+}
+
 TEST_F(server_test, a_flush_does_not_wait_for_a_client_that_has_disconnected) {
     DrivenServer server(path);
     RawPeer peer(path);

@@ -2,12 +2,15 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 
 #include <cerrno>
+#include <fstream>
 #include <string>
 #include <vector>
 
 #include "comm_socket/include/comm_socket_v4.h"
+#include "tests/comm_socket/fake_clock.h"
 #include "tests/comm_socket/raw_peer.h"
 
 namespace {
@@ -23,9 +26,13 @@ struct NextErrors {
     std::vector<int> poll = {};
     std::vector<int> send = {};
     std::vector<int> recv = {};
+    std::vector<int> fchmod = {};
+    std::vector<int> listen = {};
 };
 thread_local NextErrors next_errors;
 thread_local int sends = 0;
+thread_local std::vector<int> poll_timeouts_ms;
+thread_local std::uint64_t poll_takes_us = 0;  // added to the clock by each poll
 
 bool is_refused(std::vector<int>& errors) {
     if (errors.empty()) {
@@ -45,12 +52,16 @@ int __real_accept4(int fd, sockaddr* address, socklen_t* bytes, int flags);
 int __real_poll(pollfd* entries, nfds_t count, int timeout_ms);
 ssize_t __real_send(int fd, const void* data, size_t bytes, int flags);
 ssize_t __real_recv(int fd, void* data, size_t bytes, int flags);
+int __real_fchmod(int fd, mode_t mode);
+int __real_listen(int fd, int backlog);
 int __wrap_socket(int domain, int type, int protocol);
 int __wrap_connect(int fd, const sockaddr* address, socklen_t bytes);
 int __wrap_accept4(int fd, sockaddr* address, socklen_t* bytes, int flags);
 int __wrap_poll(pollfd* entries, nfds_t count, int timeout_ms);
 ssize_t __wrap_send(int fd, const void* data, size_t bytes, int flags);
 ssize_t __wrap_recv(int fd, void* data, size_t bytes, int flags);
+int __wrap_fchmod(int fd, mode_t mode);
+int __wrap_listen(int fd, int backlog);
 
 int __wrap_socket(int domain, int type, int protocol) {
     return is_refused(next_errors.socket) ? -1 : __real_socket(domain, type, protocol);
@@ -62,6 +73,8 @@ int __wrap_accept4(int fd, sockaddr* address, socklen_t* bytes, int flags) {
     return is_refused(next_errors.accept4) ? -1 : __real_accept4(fd, address, bytes, flags);
 }
 int __wrap_poll(pollfd* entries, nfds_t count, int timeout_ms) {
+    poll_timeouts_ms.push_back(timeout_ms);
+    put_clock_forward(poll_takes_us);
     return is_refused(next_errors.poll) ? -1 : __real_poll(entries, count, timeout_ms);
 }
 ssize_t __wrap_send(int fd, const void* data, size_t bytes, int flags) {
@@ -70,6 +83,12 @@ ssize_t __wrap_send(int fd, const void* data, size_t bytes, int flags) {
 }
 ssize_t __wrap_recv(int fd, void* data, size_t bytes, int flags) {
     return is_refused(next_errors.recv) ? -1 : __real_recv(fd, data, bytes, flags);
+}
+int __wrap_fchmod(int fd, mode_t mode) {
+    return is_refused(next_errors.fchmod) ? -1 : __real_fchmod(fd, mode);
+}
+int __wrap_listen(int fd, int backlog) {
+    return is_refused(next_errors.listen) ? -1 : __real_listen(fd, backlog);
 }
 }
 
@@ -83,7 +102,10 @@ struct Row {
 
 class client_system_calls_test : public testing::Test {
   protected:
-    ~client_system_calls_test() override { next_errors = {}; }
+    ~client_system_calls_test() override {
+        next_errors = {};
+        poll_takes_us = 0;
+    }
 
     Connection connect_to_server(comm_socket_v4_error* error) const {
         return Connection(comm_socket_v4_connect(path.c_str(), PATIENT_US, error));
@@ -166,6 +188,43 @@ TEST_F(client_system_calls_test, interrupted_calls_are_restarted) {
          {next_errors.connect, next_errors.poll, next_errors.send, next_errors.recv}) {
         EXPECT_TRUE(left.empty());
     }
+}
+
+TEST_F(client_system_calls_test, interruptions_do_not_extend_the_timeout) {
+    const Connection connection = connect_to_server(nullptr);
+    const StoppedClock clock;
+    next_errors.poll = {EINTR, EINTR, EINTR, EINTR};
+    poll_timeouts_ms.clear();
+    poll_takes_us = PATIENT_US / 4;
+    comm_socket_v4_packet* reply = nullptr;
+    EXPECT_EQ(comm_socket_v4_wait_reply(connection.get(), 1, PATIENT_US, &reply), COMM_SOCKET_V4_TIMEOUT);
+    EXPECT_EQ(poll_timeouts_ms, (std::vector<int>{10000, 7500, 5000, 2500, 0}));
+}
+
+TEST(server_system_calls, a_server_that_fails_before_it_takes_the_path_keeps_the_file_there) {
+    const TemporaryDirectory directory;
+    const std::string path = directory.file("socket");
+    std::ofstream(path) << "text";
+    comm_socket_v4* server = comm_socket_v4_create();
+    next_errors.fchmod = {EIO};
+    EXPECT_EQ(comm_socket_v4_create_server(server, path.c_str()), -1);
+    EXPECT_EQ(errno, EIO);
+    struct stat found {};
+    EXPECT_EQ(stat(path.c_str(), &found), 0);
+    EXPECT_EQ(found.st_size, 4);
+    comm_socket_v4_destroy(server);
+}
+
+TEST(server_system_calls, a_server_that_cannot_listen_leaves_no_socket_at_the_path) {
+    const TemporaryDirectory directory;
+    const std::string path = directory.file("socket");
+    comm_socket_v4* server = comm_socket_v4_create();
+    next_errors.listen = {EADDRINUSE};
+    EXPECT_EQ(comm_socket_v4_create_server(server, path.c_str()), -1);
+    EXPECT_EQ(errno, EADDRINUSE);
+    struct stat found {};
+    EXPECT_NE(lstat(path.c_str(), &found), 0);
+    comm_socket_v4_destroy(server);
 }
 
 TEST(server_system_calls, a_client_that_leaves_before_it_is_accepted_does_not_delay_the_next) {

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/control_peer.h"
 #include "tests/support/large_values.h"
 #include "tests/support/rtmp_client.h"
 #include "tests/support/server_process.h"
@@ -83,5 +84,18 @@ TEST_F(held_memory_test, of_a_large_command_is_small_while_its_sender_stays_conn
     client.send_command(amf_string("publish") + amf_number(2) + many_members(160000, false) +
                         amf_string(std::string(20000, 'n')) + amf_string("live"));
     (void)client.expect_message(MSG_COMMAND);
+    expect_little_held(before_kib);
+}
+
+TEST_F(held_memory_test, of_long_control_requests_is_small_while_their_senders_stay_connected) {
+    const Bytes request = control_request(1, "no such command", {std::string(1000000, 'a')});
+    const std::size_t before_kib = server.rss_kib();
+    std::vector<ControlPeer> clients(10);
+    for (ControlPeer& client : clients) {
+        client.send_bytes(request);
+    }
+    for (ControlPeer& client : clients) {
+        EXPECT_EQ(client.read_reply().status, CONTROL_ERROR);
+    }
     expect_little_held(before_kib);
 }
