@@ -2,6 +2,7 @@
 #include "tests/support/assertion_line.h"
 #include "tests/support/connection_fixture.h"
 #include "tests/support/page_example.h"
+#include "tests/support/soiled_stack.h"
 
 namespace {
 
@@ -16,6 +17,7 @@ class chunk_reader : public ConnectionFixture {
 
     bool read_message() {
         conn.in_pkt.chunk.message.release();
+        soil_stack();
         return conn.rtmp_read_packet(conn.in_pkt);
     }
 };

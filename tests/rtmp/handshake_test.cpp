@@ -5,6 +5,7 @@
 #include "rtmp/reader_thread.h"
 #include "tests/support/connection_fixture.h"
 #include "tests/support/page_example.h"
+#include "tests/support/soiled_stack.h"
 
 namespace {
 
@@ -30,7 +31,10 @@ class handshake : public ConnectionFixture {
     template <typename Client>
     bool shake(Client client) {
         bool result = false;
-        std::thread server([&] { result = conn.handshake(); });
+        std::thread server([&] {
+            soil_stack();
+            result = conn.handshake();
+        });
         client();
         shutdown(peer(conn), SHUT_WR);
         server.join();

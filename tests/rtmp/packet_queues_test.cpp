@@ -105,3 +105,19 @@ TEST_F(packet_queues, an_acknowledgement_is_queued_although_a_batch_has_taken_ev
     ASSERT_TRUE(queue_acknowledgement(conn, 1));
     EXPECT_EQ(conn.connection_out.size(), 1U);
 }
+
+TEST_F(packet_queues, only_acknowledgements_are_merged_into_the_last_message) {
+    const std::string size("\x00\x00\x10\x00", 4);
+    const RTMP_Packet others[] = {make_packet(1, 0, size, 2, 0), make_packet(3, 0, size, 4),
+                                  make_packet(3, 0, size + "x", 2, 0)};
+    for (const RTMP_Packet& last : others) {
+        conn.connection_out.clear();
+        queue(std::vector<std::string>(1024, "reply"));
+        conn.connection_out.push_back(
+            make_packet(last.chunk.message_type_id, 0, payload_of(last), last.chunk.stream_id));
+        ASSERT_TRUE(queue_acknowledgement(conn, 1));
+        ASSERT_EQ(conn.connection_out.size(), 1026U);
+        EXPECT_EQ(payload_of(conn.connection_out[1024]), payload_of(last));
+        EXPECT_EQ(payload_of(conn.connection_out[1025]), std::string("\x00\x00\x00\x01", 4));
+    }
+}
