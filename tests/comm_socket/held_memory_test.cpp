@@ -1,5 +1,5 @@
-// The memory that the server's end of the control socket still holds after a request or a client has gone. The
-// allocator of this executable counts it.
+// The memory that the server's end of the control socket still holds after a request or a client has gone.
+// The allocator of this executable counts it.
 #include <gtest/gtest.h>
 #include <malloc.h>
 
