@@ -49,7 +49,7 @@ def figures_table(document):
         values = [columns[build].get(name) for build in columns]
         rows.append([name, *(value_of(v) if v else "" for v in values), f"{figure.limit:g}",
                      ("yes" if figure.holds else "**no**") if document["judged"] else "not judged"])
-    return markdown(["figure", *columns, "at most", "holds"], rows)
+    return markdown(["figure", *(LABELS[build] for build in columns), "at most", "holds"], rows)
 
 
 def cases_table(document):
@@ -195,7 +195,7 @@ def floor_line(document):
     is_void = document["judged"] and statistics.median(floor) > bench_cases.MOST_FLOOR_S_PER_GB
     verdict = " **This run is void.**" if is_void else ""
     return (f"The floor of 120 players x 4 Mbit/s cost {statistics.median(floor):.3f} s of CPU per GB here, "
-            f"{min(floor):.3f} to {max(floor):.3f}; above {bench_cases.MOST_FLOOR_S_PER_GB} the run is void.{verdict}\n")
+            f"{min(floor):.3f} to {max(floor):.3f}; above {bench_cases.MOST_FLOOR_S_PER_GB} the run is invalid.{verdict}\n")
 
 
 def write(document, out_dir):
