@@ -181,9 +181,9 @@ def figures_of(results):
         Figure("100 stuck players: memory in use after they left", memory_left, STUCK_LEFT_KIB, "KiB"),
         Figure("100 stuck players: change of the others' 99 %", results.stuck_shift(), 5, "ms"),
         Figure("main thread, each further message and player: 60 to 127 players", results.growth("main_players", MAIN_PLAYERS), 1.2,
-               f"x that of up to {MAIN_PLAYERS[1]}"),
+               f"x that of {MAIN_PLAYERS[0]} to {MAIN_PLAYERS[1]}"),
         Figure("main thread, each further message and player: 20 to 60 streams", results.growth("main_streams", MAIN_STREAMS), 1.2,
-               f"x that of up to {MAIN_STREAMS[1]}"),
+               f"x that of {MAIN_STREAMS[0]} to {MAIN_STREAMS[1]}"),
         Figure("frames lost or damaged, in all", results.faults(), 0),
     ]
     return [row for row in rows if row.value is not None]
