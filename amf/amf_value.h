@@ -21,7 +21,7 @@
 
 struct AMF_Value;
 
-// The marker byte of a value. Other bytes than these can occur: if the decoder refuses an unknown marker,
+// The marker byte of a value. Values other than these can occur: if the decoder refuses an unknown marker,
 // that marker stays in `type`.
 enum class AMF_Type : std::uint32_t {
     // NOLINTBEGIN(readability-identifier-naming): the names that AMF0 gives its types

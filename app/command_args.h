@@ -1,4 +1,5 @@
-// The arguments of a command, decoded from its payload one AMF0 value at a time. Main thread.
+// The arguments of a command, or the values of a data message, decoded from the payload one AMF0 value at a
+// time. Main thread.
 #pragma once
 
 #include "amf/amf_read.h"
@@ -6,7 +7,8 @@
 
 class CommandArgs {
   public:
-    // s points just past the command name, sf to the end of the payload, which must outlive this object.
+    // s points to the first value to decode (in a command, just past its name), sf to the end of the payload,
+    // which must outlive this object.
     CommandArgs(const unsigned char* s, const unsigned char* sf) : cursor(s), end(sf) {}
 
     [[nodiscard]] bool at_end() const { return cursor >= end; }

@@ -25,7 +25,7 @@ void adopt_stream_id(RTMPConnection& conn, std::uint32_t message_stream_id) ON_M
     }
 }
 
-// Starts the pacing clock. intended: if the first timestamp is 0, the next message sets av_start_ts.
+// Starts the pacing clock. intended: av_start_ts is set by the first message whose timestamp is not 0.
 void note_media(RTMPConnection& conn, std::uint32_t timestamp, std::uint64_t now_us) ON_MAIN_THREAD {
     if (conn.av_start_us == 0) {
         conn.av_start_us = now_us;

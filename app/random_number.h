@@ -5,7 +5,7 @@
 #include <cstdlib>
 
 // Returns the product of two draws from the generator, with wrap-around. intended: the generator is never
-// seeded, so the sequence of ids is the same in every run with the same clients.
+// seeded, so the ids repeat in every run in which the same clients act in the same order.
 [[nodiscard]] inline std::uint32_t random_product() {
     const auto first = static_cast<std::uint32_t>(std::rand());
     const auto second = static_cast<std::uint32_t>(std::rand());

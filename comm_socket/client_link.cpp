@@ -19,10 +19,10 @@ namespace comm_socket {
 namespace {
 
 constexpr std::size_t READ_CHUNK_BYTES = 16384;
-constexpr std::size_t READ_SHARE_BYTES = 262144;    // one client, one call
+constexpr std::size_t READ_SHARE_BYTES = 262144;    // per client and call
 constexpr std::size_t READ_AHEAD_BYTES = 262144;    // further complete requests stay in the socket
 constexpr int SEND_BUFFER_BYTES = 1048576;          // requested; the kernel doubles what it grants
-constexpr std::size_t WRITE_SHARE_BYTES = 4194304;  // one client, one call; more than the socket holds
+constexpr std::size_t WRITE_SHARE_BYTES = 4194304;  // per client and call; more than the socket holds
 constexpr std::size_t PIECES_PER_WRITE = 64;
 
 // Whether the peer has closed both directions. A half-closed peer still reads.

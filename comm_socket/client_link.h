@@ -29,7 +29,7 @@ class ClientLink {
 
     [[nodiscard]] bool is_open() const { return fd >= 0; }
 
-    // Reads the bytes that have arrived, at most *budget_bytes and the link's own share, and subtracts them
+    // Reads the bytes that have arrived, within *budget_bytes and the link's own share, and subtracts them
     // from the budget. Drops the client if it breaks the format or leaves a request unfinished for too long.
     // Throws std::bad_alloc.
     void read_some(std::uint64_t now, std::size_t* budget_bytes);

@@ -16,7 +16,7 @@ inline std::uint64_t deadline_after(std::uint64_t timeout_us) {
     return now > UINT64_MAX - timeout_us ? UINT64_MAX : now + timeout_us;
 }
 
-// Returns the time left in milliseconds, for poll. Rounded up, so the caller does not spin for less than a
+// Returns the time left in milliseconds, for poll. Rounded up, so the caller does not spin during the last
 // millisecond; 0 if the deadline has passed.
 inline int poll_time_left_ms(std::uint64_t deadline_us) {
     const std::uint64_t now = now_us();

@@ -75,7 +75,7 @@ void drop_by_stream_name(const comm_socket_v4_packet* request, comm_socket_v4_pa
     write_reply(respkt, "drop connection by stream name", message.c_str());
 }
 
-// Parses a number that begins with a digit, in 32 bits, and ignores what follows it. Returns -1 for
+// Parses a number that begins with a digit and ignores what follows it. Returns its low 32 bits, or -1 for
 // anything else.
 std::int32_t parse_connection_id(const char* argument) {
     if (argument == nullptr || *argument < '0' || *argument > '9') {

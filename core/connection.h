@@ -87,7 +87,7 @@ class RTMPConnection {
     bool thread2_init GUARDED_BY(MAIN_THREAD) = false;  // the writer thread exists and is not joined
     // set to request a close; idle() acts on it
     bool close_requested GUARDED_BY(MAIN_THREAD) = false;
-    bool closing GUARDED_BY(MAIN_THREAD) = false;  // stopping of a thread has begun; for the debugger
+    bool closing GUARDED_BY(MAIN_THREAD) = false;  // set before a thread is stopped; for the debugger
     bool closed GUARDED_BY(MAIN_THREAD) = false;   // both threads have been stopped; for the debugger
 
     // --- main thread, app: what the client has requested
@@ -130,8 +130,9 @@ class RTMPConnection {
     // Joins threads that have ended by themselves.
     void reap_dead_threads() ON_MAIN_THREAD;
 
-    // --- rtmp/socket_io.cpp Reads c bytes, or fewer if the peer closes first, and counts them. Returns the
-    // number of bytes read, or -1 if there were none.
+    // --- rtmp/socket_io.cpp
+    // Reads c bytes, or fewer if the peer closes first, and counts them. Returns the number of bytes read, or
+    // -1 if there were none.
     ssize_t cread(void* buffer, std::size_t c) ON_READER_THREAD;
     // Sends c bytes, or fewer if the peer closes first, and counts them. Returns the number of bytes sent, or
     // -1 if there were none.

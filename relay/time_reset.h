@@ -6,8 +6,8 @@
 #include "base/thread_roles.h"
 #include "relay/stream_registry.h"
 
-// Makes a connection the publisher of a stream and resets the players. Call if there is no publisher or
-// it has stalled.
+// Makes a connection the publisher of a stream and resets the players. Call if there is no publisher or the
+// current one has stalled.
 void set_publisher(StreamRecord& record, std::size_t conn_idx) ON_MAIN_THREAD;
 
 // Restarts every player's timebase with the next packet. Drops a player that has received media, because its

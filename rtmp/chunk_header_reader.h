@@ -11,7 +11,8 @@ enum class ChunkPosition {
     FURTHER,  // must be a continuation, which has no message header
 };
 
-// For the first chunk of a message, reads the message header into pkt. For a further chunk, only checks the
-// format. Returns false after printing one line, or silently if the client closes first.
+// For the first chunk of a message, reads the message header into pkt. For a further chunk, checks the
+// format. Refuses every chunk once 64 chunk streams have been used. Returns false after printing one line, or
+// silently if the client closes first.
 [[nodiscard]] bool resolve_chunk_header(RTMPConnection& conn, RTMP_Packet& pkt,
                                         ChunkPosition position) ON_READER_THREAD;

@@ -109,8 +109,8 @@ bool add_shared_bytes(GatheredPieces& pieces, const SharedPayload& shared, std::
     return true;
 }
 
-// Adds the next chunk of the payload; left bytes remain. Returns the bytes added, or 0 if sending earlier
-// pieces failed.
+// Adds the next chunk of the payload, of which `left` bytes remain. Returns the bytes added, or 0 if sending
+// earlier pieces failed.
 std::size_t add_chunk(GatheredPieces& pieces, const OutgoingPacket& pkt, std::size_t left,
                       std::size_t chunk_size) ON_WRITER_THREAD {
     const std::size_t todo = std::min(chunk_size, left);

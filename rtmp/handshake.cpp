@@ -25,7 +25,8 @@ constexpr std::size_t BLOCK_BYTES = 1536;
 
 using HandshakeBlock = std::array<unsigned char, BLOCK_BYTES>;
 
-// The generator is never seeded: clients only echo the bytes, and every run produces the same trace.
+// The generator is never seeded: clients only echo the bytes, and runs with the same order of events produce
+// the same trace.
 void fill_random(HandshakeBlock& block) {
     for (std::size_t i = RANDOM_OFFSET; i < BLOCK_BYTES; ++i) {
         block[i] = static_cast<unsigned char>(std::rand());

@@ -10,7 +10,7 @@ void dump_packet(const RTMP_Packet& pkt);
 // Whether the switch dbg-pkt is on: messages that are read or sent are then dumped, except audio and video.
 [[nodiscard]] bool packets_are_dumped();
 
-// If the switch is on, dump a message that is neither audio nor video. Call the first function after reading
-// it and the second before sending it; the second prints a line before the dump.
+// Dump a message if the switch is on and it is neither audio nor video. Call the first function after reading
+// a message and the second before sending one; the second prints a line before the dump.
 void dump_read_packet(const RTMP_Packet& pkt);
 void dump_packet_to_send(const RTMP_Packet& pkt);

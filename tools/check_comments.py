@@ -4,7 +4,7 @@
     tools/check_comments.py [--write] [ROOT]
 
 Finds comment lines over 110 columns, and paragraphs whose last line is a single word although other line breaks
-would avoid it. --write breaks such paragraphs into lines again; a comment after code has to be shortened by hand.
+would avoid it. --write refills such paragraphs; a comment after code has to be shortened by hand.
 Exits 1 if anything is left.
 
 A paragraph is a run of lines that hold only a comment, with slashes or with stars, and begin in the same column. An
@@ -127,7 +127,7 @@ def check(root, write=False):
     print("".join(line + "\n" for line in wrong), end="")
     print(f"checked the comments of {files} files, {len(wrong)} findings")
     if wrong:
-        print("What to do: tools/check_comments.py --write fills paragraphs; shorten a comment after code.")
+        print("What to do: tools/check_comments.py --write refills paragraphs; shorten comments that follow code by hand.")
     return files > 0 and not wrong
 
 

@@ -31,7 +31,7 @@ RULES = [
     (["core/connection_mutex.h"], ["base/*"]),
     (["core/quit_signals.*"], ["core/quit_signals.h"]),
     (["amf/*"], ["amf/*", "base/*"]),
-    # Values and rules, without I/O and without the connection.
+    # Values and rules, without sockets and without the connection.
     (SOURCES_OF_MODEL, [MODEL, "base/*", LEAVES]),
     (SOURCES_OF_RELAY_VALUES, [RELAY_VALUES, MODEL, "base/*", LEAVES]),
     (["relay/stream_metadata.h"], ["amf/amf_value.h", "relay/stream_format.h", "rtmp/rtmp_packet.h"]),

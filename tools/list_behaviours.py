@@ -49,7 +49,7 @@ GROUPS = [
     ("When the system fails", "Failing system calls, and refused memory, threads and locks.",
      ["app/failing_*", "app/broken_promise_*", "fault/*"]),
     ("Real clients", "Encoders and players that people use.", ["e2e/ffmpeg_*"]),
-    ("Load and time", "The benchmarks, and that they measure correctly.", ["bench/*"]),
+    ("Load and time", "The benchmarks, and the checks that they measure correctly.", ["bench/*"]),
     ("Basics", "Bytes, lines, assertions, and the pages that describe the server.",
      ["base/*", "docs/*"]),
     ("The service", "Its units, its user, its sandbox and its packages.", ["packaging/*"]),
@@ -67,7 +67,7 @@ WORDS = re.compile(r"[A-Z]{2,}(?=[A-Z][a-z]|\b|_|\d)|[A-Z]?[a-z]+|[A-Z]|\d+(?:x\
 INTRODUCTION = """\
 # The behaviour that the tests check
 
-Each line is the name of a test, as a sentence. The files that contain the tests are named after each subject. For a
+Each line is the name of a test, as a sentence. The files that contain the tests are listed after each subject. For a
 line from a `.cpp` file, `ctest --test-dir build/release -R NAME` runs the test: NAME is the sentence with `_` for each
 blank. {count} behaviours.
 """

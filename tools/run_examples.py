@@ -18,8 +18,8 @@ must end with status 0. Lines directly before the block change that; a reader of
     <!-- as: user -->          the block is run by a user other than root
     <!-- status: 0 1 -->       the exit statuses that are allowed
 
-Output is in ```text blocks. So that no command goes untested, these are errors: an indented block, a block without a
-language, and a line that begins with "$ " in another block.
+Output is in ```text blocks. So that no command goes untested, these are errors: an indented block, a block with any
+other language or none, and a line that begins with "$ " in another block.
 """
 import argparse
 import contextlib

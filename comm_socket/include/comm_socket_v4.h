@@ -139,7 +139,7 @@ struct comm_socket_v4_packet {
  * is no memory. */
 comm_socket_v4_packet* comm_socket_v4_packet_create(void);
 
-/* Frees the packet. Returns null, to be stored where the packet was. */
+/* Frees the packet. Returns null, to assign to the pointer that led to it. */
 comm_socket_v4_packet* comm_socket_v4_packet_release(comm_socket_v4_packet* packet);
 
 /* Clears COMM_SOCKET_V4_REQUEST. */
@@ -159,7 +159,8 @@ void comm_socket_v4_packet_set_async(comm_socket_v4_packet* packet, int async);
 /* reserved must be 0. A request has a command and normally an empty message. */
 int comm_socket_v4_packet_begin_writing(comm_socket_v4_packet* packet, int reserved, const char* command,
                                         const char* message);
-/* Appends a positional argument. A null argument is an absent one, which is not the same as an empty one. */
+/* Appends a positional argument. For write_argv, null means an absent argument, which is not the same as an
+ * empty one. For write_argv_bytes, null is allowed only with a length of 0 and means an empty argument. */
 int comm_socket_v4_packet_write_argv(comm_socket_v4_packet* packet, const char* argument);
 int comm_socket_v4_packet_write_argv_bytes(comm_socket_v4_packet* packet, const void* argument,
                                            size_t length);
@@ -224,8 +225,8 @@ void comm_socket_v4_packet_dump_user_friendly(const comm_socket_v4_packet* packe
  * COMM_SOCKET_V4_CLIENT_TIMEOUT_US after its first byte, even if bytes keep arriving. It is also disconnected
  * if it reads nothing for that time, or for COMM_SOCKET_V4_CROWD_TIMEOUT_US in a crowded server, while bytes
  * wait for it. Other clients are not affected: clients take turns, one request each, and connected clients
- * alternate with disconnected ones. In every other service of connected clients, the one that most recently
- * connected or was answered has the first turn.
+ * alternate with disconnected ones. After every other comm_socket_v4_idle that lets connected clients have a
+ * turn, the first of these turns goes to the client that most recently connected or was answered.
  */
 
 /* Creates a handle that does not listen yet. Returns null if there is no memory. */
@@ -239,7 +240,7 @@ comm_socket_v4* comm_socket_v4_create(void);
 int comm_socket_v4_create_server(comm_socket_v4* server, const char* path);
 
 /* Disconnects all clients, frees everything that belongs to the handle, and removes the path if it still
- * leads to this server's socket. Returns null, to be stored where the handle was. */
+ * leads to this server's socket. Returns null, to assign to the pointer that held the handle. */
 comm_socket_v4* comm_socket_v4_destroy(comm_socket_v4* server);
 
 /* Returns non-zero while clients can reach this server: it is listening, and the path leads to its socket.
@@ -351,7 +352,7 @@ const char* comm_socket_v4_error_text(comm_socket_v4_error error);
 comm_socket_v4_connection* comm_socket_v4_connect(const char* path, uint64_t timeout_us,
                                                   comm_socket_v4_error* error);
 
-/* Closes and frees. Returns null, to be stored where the connection was. */
+/* Closes and frees the connection. Returns null, to assign to the pointer that led to it. */
 comm_socket_v4_connection* comm_socket_v4_disconnect(comm_socket_v4_connection* connection);
 
 /* Returns the socket, for programs that poll several descriptors; -1 for null. Only poll it: reading,
