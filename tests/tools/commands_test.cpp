@@ -291,7 +291,7 @@ TEST_F(commands_test, drop_id_warns_that_it_may_have_dropped_another_client) {
     EXPECT_THAT(
         outcome.err,
         HasSubstr("a client was dropped, but it is not certain which one. Id 9 before the drop: without "
-                  "a stream from 10.0.0.3:3; after it: without a stream from 10.0.0.9:9."));
+                  "a stream, from 10.0.0.3:3; after it: without a stream, from 10.0.0.9:9."));
 }
 
 TEST_F(commands_test, the_watchdog_counts_a_drop_as_a_miss_when_the_slot_got_another_client) {

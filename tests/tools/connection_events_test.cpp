@@ -47,7 +47,7 @@ TEST_F(events_test, report_what_each_client_starts_and_when_it_leaves) {
     EXPECT_THAT(listed({}), IsEmpty());
     EXPECT_THAT(
         listed({client(1, ""), client(2, "play")}),
-        ElementsAre("connect 1, without a stream from 10.0.0.1:1",
+        ElementsAre("connect 1, without a stream, from 10.0.0.1:1",
                     "connect 2, play of 'cam1' from 10.0.0.2:1", "play 2, play of 'cam1' from 10.0.0.2:1"));
     EXPECT_THAT(listed({client(1, "publish"), client(2, "play")}),
                 ElementsAre("publish 1, publish of 'cam1' from 10.0.0.1:1"));

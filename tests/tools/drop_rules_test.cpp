@@ -80,7 +80,7 @@ TEST(drop_rules, a_client_that_has_since_chosen_a_stream_is_still_the_same_clien
     EXPECT_THAT(
         failure->message,
         testing::StartsWith("the client was dropped, but had changed its stream before that. Id 5 when it "
-                            "was looked up: without a stream from 10.0.0.1:1; when it was dropped: "
+                            "was looked up: without a stream, from 10.0.0.1:1; when it was dropped: "
                             "publish of 'cam1' from 10.0.0.1:1."));
 }
 

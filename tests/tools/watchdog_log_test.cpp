@@ -52,9 +52,10 @@ TEST(watchdog_log, a_client_that_had_left_counts_as_kept_and_another_client_drop
 }
 
 TEST(watchdog_log, a_drop_without_a_name_as_guard_is_marked_and_counts_misses) {
-    EXPECT_EQ(event_line({WatchdogAction::DROPPED, unnamed(), ""}, 3),
-              "dropped 5, without a stream from 203.0.113.8:50000: unnamed: it has had no stream name for 20 "
-              "s; such a drop is guarded only by the id, not by a name (misses so far: 3)");
+    EXPECT_EQ(
+        event_line({WatchdogAction::DROPPED, unnamed(), ""}, 3),
+        "dropped 5, without a stream, from 203.0.113.8:50000: unnamed: it has had no stream name for 20 "
+        "s; such a drop is guarded only by the id, not by a name (misses so far: 3)");
 }
 
 TEST(watchdog_log, untrusted_names_can_neither_end_a_line_nor_control_a_terminal) {

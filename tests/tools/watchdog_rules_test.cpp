@@ -519,7 +519,7 @@ TEST_F(watchdog_rules_test, publishers_from_elsewhere_are_dropped_and_players_fr
     clients.push_back({2, "publish", steady(100), 1, "cam2", "203.0.114.0"});
     clients.push_back({3, "publish", steady(100), 1, "cam3", "10.1.2.3"});
     clients.push_back({4, "play", steady(100), 1, "cam3", "198.51.100.1"});
-    EXPECT_THAT(at(1), ElementsAre(verdict(2, DropRule::ORIGIN, "publishers may not come from its address")));
+    EXPECT_THAT(at(1), ElementsAre(verdict(2, DropRule::ORIGIN, "its address is not allowed to publish")));
 }
 
 TEST_F(watchdog_rules_test, a_rule_that_is_off_drops_no_client) {

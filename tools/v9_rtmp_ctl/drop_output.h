@@ -14,7 +14,8 @@
 // "1 connection", "2 connections".
 [[nodiscard]] std::string connections_text(std::size_t count);
 
-// Asks on the terminal. Without a terminal, options.force is required. Empty means yes.
+// Asks on the terminal. Returns empty if the answer is yes, or if options.force is set, which skips the
+// question. Without a terminal, options.force is required.
 [[nodiscard]] std::optional<Failure> confirm(const DropOptions& options, const std::string& question);
 
 // Shows which connections a drop would affect.

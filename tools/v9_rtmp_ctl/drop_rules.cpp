@@ -132,6 +132,6 @@ std::string describe(const Connection& connection) {
     const std::string mode = connection.mode.empty() ? "" : escape_untrusted(connection.mode) + " of ";
     const std::string name = cut_text(
         escape_untrusted(std::string_view(connection.stream).substr(0, MAX_NAME_BYTES + 1)), MAX_NAME_BYTES);
-    return (connection.stream.empty() ? "without a stream" : mode + "'" + name + "'") + " from " +
+    return (connection.stream.empty() ? "without a stream," : mode + "'" + name + "'") + " from " +
            (connection.address.empty() ? "an unknown address" : escape_untrusted(connection.address));
 }

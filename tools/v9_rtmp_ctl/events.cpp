@@ -42,7 +42,7 @@ void tell(const Settings& settings, const EventsOptions& options, const StopSign
     if (const std::optional<std::string> problem =
             run_hook(options.program, event_variables(event), stop.mask_before())) {
         static_cast<void>(report({ExitCode::DONE, "warning: " + escape_untrusted(options.program) + " " +
-                                                      *problem + " for the event: " + event_line(event)}));
+                                                      *problem + "; the event was: " + event_line(event)}));
     }
 }
 

@@ -65,7 +65,7 @@ void write_connections(Writer& writer, const std::vector<Connection>& connection
                              [mode](const Connection& c) { return c.mode == mode; });
     };
     writer.gauge("v9_rtmp_slots", "Maximum number of connections.").sample({}, SLOT_COUNT);
-    writer.gauge("v9_rtmp_connections", "Connections by mode; none: has not chosen a stream yet.")
+    writer.gauge("v9_rtmp_connections", "Connections by mode; none: no stream chosen yet.")
         .sample({{"mode", "publish"}}, count("publish"))
         .sample({{"mode", "play"}}, count("play"))
         .sample({{"mode", "none"}}, count(""));
@@ -76,9 +76,9 @@ void write_streams(Writer& writer, const MetricsSource& source) {
     for (const auto& [name, state] : stream_states(source.connections, source.history)) {
         ++states[state];
     }
-    writer.gauge(
-        "v9_rtmp_streams",
-        "Stream names by state: live, silent (its publisher sends nothing) or waiting (it has none).");
+    writer.gauge("v9_rtmp_streams",
+                 "Stream names by state: live, silent (the publisher sends nothing) or waiting (there is no "
+                 "publisher).");
     for (const StreamState state : {StreamState::LIVE, StreamState::SILENT, StreamState::WAITING}) {
         writer.sample({{"state", state_text(state)}}, states[state]);
     }

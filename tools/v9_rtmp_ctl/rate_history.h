@@ -20,7 +20,7 @@ class RateHistory {
     static constexpr std::size_t MAX_POINTS = 60;
 
     // Adds a point to every stream at the end of each step. Forgets streams that the history no longer has,
-    // and those without clients that have carried nothing since the oldest point.
+    // and streams that have no client and have carried nothing since the oldest point.
     void take_in(const ConnectionHistory& history);
 
     // By stream name, oldest point first.

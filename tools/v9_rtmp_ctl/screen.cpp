@@ -58,7 +58,7 @@ unsigned device_of(int fd) {
 }
 
 // Opens the terminal of standard output again, so that O_NONBLOCK affects this process only: the shell shares
-// the original description. If the terminal cannot be opened again, the result blocks.
+// the original open file description. If the terminal cannot be opened again, the result blocks.
 int open_output() {
     for (const char* const path : {"/dev/tty", "/proc/self/fd/1"}) {
         const int fd = open(path, O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);

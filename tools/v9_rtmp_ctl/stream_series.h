@@ -5,10 +5,11 @@
 // 1. At most MAX_SERIES names have their own metrics; all others are counted together as OTHER_STREAMS.
 // 2. A name must first have carried MIN_BYTES.
 // 3. A name gets its own metrics only while it has a client. If all places are taken, it replaces a name
-//    whose last client has been gone for KEEP_US, or else the smallest name, if it has carried twice as much
-//    in total. A name that gave way to a larger one returns only after it has carried twice as much as it had
-//    then. So untrusted clients can add at most MAX_SERIES names per KEEP_US for free; each further one costs
-//    twice the bytes of the smallest.
+//    whose last client has been gone for KEEP_US. Otherwise it replaces the name that has carried the
+//    fewest bytes, but only if it has itself carried at least twice as many. A name replaced in this second
+//    way returns only after it has carried twice the bytes it had carried then. So untrusted clients can
+//    add at most MAX_SERIES names per KEEP_US for free; each further one costs twice the bytes of the name
+//    it replaces.
 // 4. No counter decreases. A name's own counters begin at 0; bytes already counted as OTHER_STREAMS
 //    stay there.
 #pragma once

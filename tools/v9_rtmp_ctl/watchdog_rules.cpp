@@ -91,7 +91,7 @@ class Judge {
                                             [&](const AddressRange& range) {
                                                 return matches_address(range, record.connection.address);
                                             });
-        return is_allowed ? Reason() : "publishers may not come from its address";
+        return is_allowed ? Reason() : "its address is not allowed to publish";
     }
 
     [[nodiscard]] Reason judge_unnamed(const ClientRecord& record) const {

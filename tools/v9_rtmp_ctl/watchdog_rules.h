@@ -64,6 +64,7 @@ void note_age_drop(AgeDrops& age_drops, const std::string& stream, std::uint64_t
 // Removes the drops that happened too long ago to matter.
 void forget_age_drops(AgeDrops& age_drops, std::uint64_t now_us, std::uint64_t stagger_us);
 
-// Returns at most one verdict per client, and at most one for age per stream, in the order of ids.
+// Returns at most one verdict per client, in the order of ids. There is at most one for age per stream,
+// except for names that were cut.
 [[nodiscard]] std::vector<Verdict> judge(const ConnectionHistory& history, const WatchdogLimits& limits,
                                          const AgeDrops& age_drops);

@@ -13,7 +13,7 @@ _v9_rtmp_ctl_list() {
     command v9_rtmp_ctl --plain --timeout 1 "${socket[@]}" list 2>/dev/null
 }
 
-# Prints each stream name once. Names consist of letters, digits and '_'; other names are not offered.
+# Prints each stream name once. Only names of letters, digits and '_' are offered; the server accepts no others.
 _v9_rtmp_ctl_streams() {
     _v9_rtmp_ctl_list | cut -f 2 | grep -xE '[A-Za-z0-9_]+' | sort -u
 }

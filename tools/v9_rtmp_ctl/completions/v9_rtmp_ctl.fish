@@ -15,7 +15,7 @@ function __v9_rtmp_ctl_list
     command v9_rtmp_ctl --plain --timeout 1 $socket list 2>/dev/null
 end
 
-# Prints each stream name once. Names consist of letters, digits and '_'; other names are not offered.
+# Prints each stream name once. Only names of letters, digits and '_' are offered; the server accepts no others.
 function __v9_rtmp_ctl_streams
     __v9_rtmp_ctl_list | cut -f 2 | grep -xE '[A-Za-z0-9_]+' | sort -u
 end
@@ -103,10 +103,10 @@ for command in list watch 'drop stream' 'drop address'
     complete -c v9_rtmp_ctl -n "__v9_rtmp_ctl_in $command" -l mode -x -a 'publish play none' -d 'Only those that publish, play or do neither'
 end
 for command in list watch 'drop id' 'drop address'
-    complete -c v9_rtmp_ctl -n "__v9_rtmp_ctl_in $command" -l stream -x -a '(__v9_rtmp_ctl_streams)' -d 'Only of this stream'
+    complete -c v9_rtmp_ctl -n "__v9_rtmp_ctl_in $command" -l stream -x -a '(__v9_rtmp_ctl_streams)' -d 'Only those of this stream'
 end
 for command in list watch 'drop stream' 'drop unnamed'
-    complete -c v9_rtmp_ctl -n "__v9_rtmp_ctl_in $command" -l address -x -a '(__v9_rtmp_ctl_addresses)' -d 'Only from this address or prefix'
+    complete -c v9_rtmp_ctl -n "__v9_rtmp_ctl_in $command" -l address -x -a '(__v9_rtmp_ctl_addresses)' -d 'Only those from this address or prefix'
 end
 complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in list' -l sort -x -a 'id stream rate' -d 'Order of the lines'
 complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in streams' -l sort -x -a 'stream rate' -d 'Order of the lines'

@@ -15,7 +15,7 @@ _v9_rtmp_ctl_list() {
     command v9_rtmp_ctl --plain --timeout 1 $socket list 2>/dev/null
 }
 
-# Offers stream names. Names consist of letters, digits and '_'; other names are not offered.
+# Offers stream names. Only names of letters, digits and '_' are offered; the server accepts no others.
 _v9_rtmp_ctl_streams() {
     local -a names=(${(fu)"$(_v9_rtmp_ctl_list | cut -f 2 | grep -xE '[A-Za-z0-9_]+')"})
     compadd -F typed -a names
@@ -42,7 +42,7 @@ _v9_rtmp_ctl_ids() {
 }
 
 _v9_rtmp_ctl() {
-    # Copied before _arguments shortens the array words so that it begins with the command.
+    # Copied now, because _arguments later shortens the array "words" to begin with the command.
     local -a typed=("${(@)words[1, CURRENT - 1]}")
     local -a global commands drops streams_picked addresses_picked mode_picked orders
     local curcontext=$curcontext state line

@@ -25,7 +25,7 @@
 
 namespace {
 
-// Names may be megabytes long, and every viewer gets them every second.
+// Every viewer gets the names every second. Monitor has already cut them to about this length.
 constexpr std::size_t MAX_NAME_BYTES = 200;
 
 std::string cut_name(const std::string& name) {
