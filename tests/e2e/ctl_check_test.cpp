@@ -1,7 +1,12 @@
 // v9_rtmp_ctl check and events against the real server.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
@@ -61,6 +66,26 @@ TEST(ctl_check, a_server_whose_socket_is_gone_is_reported_with_its_process) {
                           std::to_string(server.pid()) +
                           " still listens on port 1935. If that is a v9_rtmp_server, a second start took "
                           "its control socket: stop it, then start it again.\n"));
+}
+
+TEST(ctl_check, several_processes_that_hold_the_listening_socket_are_all_named) {
+    const int listening = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const sockaddr_in address{AF_INET, htons(1935), {htonl(INADDR_LOOPBACK)}, {}};
+    ASSERT_EQ(bind(listening, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    ASSERT_EQ(listen(listening, 1), 0);
+    const pid_t child = fork();
+    if (child == 0) {
+        for (;;) {
+            pause();
+        }
+    }
+    const ProgramRun run = run_tool({"hello"});
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
+    close(listening);
+    const auto [first, second] = std::minmax({getpid(), child});
+    EXPECT_THAT(run.err, HasSubstr("; processes " + std::to_string(first) + ", " + std::to_string(second) +
+                                   " still listen on port 1935."));
 }
 
 TEST(ctl_check, the_advice_restores_the_control_socket_of_a_service_without_a_restart) {

@@ -96,13 +96,18 @@ std::string process_list(const std::vector<unsigned>& pids) {
     return list;
 }
 
-// "process 12" or "processes 12, 13".
-std::string process_text(const std::vector<unsigned>& pids) {
-    return (pids.size() > 1 ? "processes " : "process ") + process_list(pids);
-}
-
 std::string port_text() {
     return "port " + std::to_string(RTMP_PORT);
+}
+
+// "process 12 listens on port 1935", "processes 12, 13 listen on ..."; without owners, "a process of another
+// user listens on ...". adverb stands before the verb.
+std::string who_listens(const std::vector<unsigned>& owners, const std::string& adverb = "") {
+    const bool several = owners.size() > 1;
+    const std::string who = owners.empty() ? "a process of another user"
+                            : several      ? "processes " + process_list(owners)
+                                           : "process " + process_list(owners);
+    return who + adverb + (several ? " listen on " : " listens on ") + port_text();
 }
 
 std::string many_listeners(const std::vector<ListeningSocket>& sockets, const std::vector<unsigned>& owners,
@@ -127,9 +132,7 @@ std::string describe_listeners_without_answer() {
     if (!sockets || sockets->empty()) {
         return "";
     }
-    const std::vector<unsigned> owners = find_owners(*sockets);
-    return (owners.empty() ? "a process of another user" : process_text(owners)) +
-           (owners.size() > 1 ? " still listen on " : " still listens on ") + port_text() +
+    return who_listens(find_owners(*sockets), " still") +
            ". If that is a v9_rtmp_server, a second start took its control socket: " +
            (access(SERVICE_DIRECTORY, F_OK) == 0
                 ? "for the service, run 'systemd-tmpfiles --create v9-rtmp-server.conf' as root to restore "
@@ -198,9 +201,7 @@ PortCheck check_port(const Peer& answering) {
                                  port_text() + ". Restart it.");
     } else if (!answering_listens && (owners_known || sockets->front().uid != answering.uid)) {
         check.warnings.push_back(
-            "process " + pid + " answers, but " +
-            (owners_known ? process_text(owners) : "a process of another user") +
-            (owners.size() > 1 ? " listen on " : " listens on ") + port_text() +
+            "process " + pid + " answers, but " + who_listens(owners) +
             ": drops and listings do not include the clients there. Stop both and start one.");
     } else if (!answering_listens) {
         check.gap = "It is not known whether the process that answers, " + pid +
