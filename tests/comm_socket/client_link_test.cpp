@@ -116,7 +116,7 @@ TEST_F(client_link_test, reads_and_writes_no_more_than_its_budget_and_reduces_it
         EXPECT_EQ(peer.read_available().size(), expected);
         EXPECT_EQ(budget, 0u);
     }
-    peer.send_all(std::string(request_frame(1, std::string(2000, 'c'))));
+    peer.send_all(request_frame(1, std::string(2000, 'c')));
     budget = 1500;
     link->read_some(comm_socket::now_us(), &budget);
     EXPECT_EQ(budget, 0u);

@@ -1,11 +1,15 @@
-// Packets and clients for which there is no memory. The allocator of this executable fails on command.
+// Packets and clients for which there is no memory, and the memory that is still held after a request or a
+// client has gone. The allocator of this executable fails on command and counts the bytes it has given out.
 #include <gtest/gtest.h>
+#include <malloc.h>
 
 #include <cerrno>
 #include <cstdlib>
 #include <new>
 #include <string>
+#include <vector>
 
+#include "comm_socket/frame_buffer.h"
 #include "comm_socket/include/comm_socket_v4.h"
 #include "tests/comm_socket/raw_peer.h"
 
@@ -13,6 +17,10 @@ namespace {
 
 constexpr int UNLIMITED = 1000000;
 int allocations_left = UNLIMITED;
+
+constexpr std::size_t LITTLE_BYTES = 1000;
+std::size_t held_bytes = 0;
+
 int closes_of_closed_descriptors = 0;
 
 }  // namespace
@@ -32,15 +40,17 @@ int __wrap_close(int fd) {
 [[gnu::noinline]] void* operator new(std::size_t size) {
     void* const memory = allocations_left == 0 ? nullptr : std::malloc(size);
     allocations_left -= allocations_left > 0 ? 1 : 0;
+    held_bytes += malloc_usable_size(memory);
     return memory != nullptr ? memory : throw std::bad_alloc();
 }
 
 [[gnu::noinline]] void operator delete(void* memory) noexcept {
+    held_bytes -= malloc_usable_size(memory);
     std::free(memory);
 }
 
 [[gnu::noinline]] void operator delete(void* memory, std::size_t /*size*/) noexcept {
-    std::free(memory);
+    operator delete(memory);
 }
 
 TEST(packet_exhaustion, a_packet_that_cannot_be_printed_is_mentioned) {
@@ -120,4 +130,36 @@ TEST(client_exhaustion, a_client_is_closed_once_whichever_allocation_fails) {
     }
     EXPECT_GT(refusals, 2);  // the client and the count of its requests
     EXPECT_EQ(closes_of_closed_descriptors, 0);
+}
+
+TEST(held_memory, of_a_long_request_that_has_been_taken_is_given_back) {
+    const std::string frame = request_frame(1, std::string(1000000, 'c'));
+    const std::size_t before = held_bytes;
+    comm_socket::FrameBuffer buffer(comm_socket::REQUEST_LIMITS);
+    buffer.append(reinterpret_cast<const unsigned char*>(frame.data()), frame.size());
+    EXPECT_GE(held_bytes, before + frame.size());
+    {
+        comm_socket::FrameHead head;
+        comm_socket::FrameText text;
+        ASSERT_TRUE(buffer.take(&head, &text));
+    }
+    EXPECT_LT(held_bytes, before + LITTLE_BYTES);
+}
+
+TEST(held_memory, of_clients_that_were_never_accepted_is_given_back) {
+    const TemporaryDirectory directory;
+    const DrivenServer server(directory.file("socket"));
+    const std::size_t before = held_bytes;
+    for (int round = 0; round < 20; ++round) {
+        {
+            std::vector<RawPeer> peers;
+            for (int i = 0; i < 50; ++i) {
+                peers.emplace_back(server.path);
+            }
+            server.idle();
+        }
+        server.idle();
+    }
+    server.idle();
+    EXPECT_LT(held_bytes, before + LITTLE_BYTES);
 }
