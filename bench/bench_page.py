@@ -192,10 +192,11 @@ def floor_line(document):
     floor = [report["cpu_s_per_gb"] for report in document["stand_ins"].get("floor_120x4", [])]
     if not floor:
         return ""
-    is_void = document["judged"] and statistics.median(floor) > bench_cases.MOST_FLOOR_S_PER_GB
-    verdict = " **This run is void.**" if is_void else ""
+    is_invalid = document["judged"] and statistics.median(floor) > bench_cases.MOST_FLOOR_S_PER_GB
+    verdict = " **This run is invalid.**" if is_invalid else ""
     return (f"The floor of 120 players x 4 Mbit/s cost {statistics.median(floor):.3f} s of CPU per GB here, "
-            f"{min(floor):.3f} to {max(floor):.3f}; above {bench_cases.MOST_FLOOR_S_PER_GB} the run is invalid.{verdict}\n")
+            f"{min(floor):.3f} to {max(floor):.3f}; above {bench_cases.MOST_FLOOR_S_PER_GB} the run is invalid."
+            f"{verdict}\n")
 
 
 def write(document, out_dir):

@@ -83,10 +83,10 @@ class Page(unittest.TestCase):
         page = self.page(self.document(1))
         for text in ("p, 2 cores", "abc", "`scripts/bench`", "| 3 x floor | 1.2 | **no** |"):
             self.assertIn(text, page)
-        self.assertNotIn("void.**", page)
+        self.assertNotIn("invalid.**", page)
 
-    def test_a_run_with_an_expensive_floor_is_void(self):
-        self.assertIn("**This run is void.**", self.page(self.document(1.6)))
+    def test_a_run_with_an_expensive_floor_is_invalid(self):
+        self.assertIn("**This run is invalid.**", self.page(self.document(1.6)))
 
     def test_the_two_polls_are_at_most_60_ms_and_their_density_is_whole(self):
         steps = [ms / 10 for ms in range(0, 700)]
