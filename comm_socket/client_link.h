@@ -49,8 +49,8 @@ class ClientLink {
     // client is being answered.
     void finish();
 
-    // Disconnects and discards everything. Sending fails from then on, with error unless it has
-    // failed before.
+    // Disconnects and discards everything. From then on, sending fails with this error, or with the earlier
+    // one if it had already failed.
     void drop(int error);
 
     // Returns 0, or the errno with which sending to this client fails.

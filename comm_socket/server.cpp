@@ -43,7 +43,7 @@ struct comm_socket_v4_client {
 
     comm_socket_v4* server;
     std::shared_ptr<std::size_t> unreleased = std::make_shared<std::size_t>(0);  // requests handed out
-    comm_socket::ClientLink link;  // after unreleased: once it owns the socket, construction cannot fail
+    comm_socket::ClientLink link;  // after unreleased: nothing may throw once it owns the socket
     std::uint64_t last_turn = 0;   // value of server->turns at the client's last turn; 0: none yet
     bool announced = false;        // returned by accept_connection, so the caller must free it
     ClientList* home = nullptr;
@@ -74,13 +74,13 @@ struct comm_socket_v4 {
     bool is_turn_of_left = false;
     bool has_served_connected = false;  // since the last idle
     bool begins_with_latest = false;    // the next turn of a connected client goes to the latest one
-    // whether the last service that served a connected client began with the latest one
+    // begins_with_latest in the last round that gave a connected client a turn
     bool began_with_latest = false;
     std::uint64_t turns = 0;  // turns given by idle so far
 
     comm_socket::HeldRequests held;
-    std::size_t handed_out = 0;          // since the last idle
-    std::uint64_t service_began_us = 0;  // time of the last idle
+    std::size_t handed_out = 0;        // since the last idle
+    std::uint64_t round_began_us = 0;  // time of the last idle
 };
 
 namespace {
@@ -292,7 +292,7 @@ bool is_crowded(const comm_socket_v4* server) {
 bool service_is_over(const comm_socket_v4* server, bool crowded) {
     return server->handed_out != 0 &&
            (crowded || server->handed_out >= COMM_SOCKET_V4_MAX_REQUESTS_PER_IDLE ||
-            comm_socket::now_us() - server->service_began_us >= COMM_SOCKET_V4_MAX_US_PER_IDLE);
+            comm_socket::now_us() - server->round_began_us >= COMM_SOCKET_V4_MAX_US_PER_IDLE);
 }
 
 // Whether a request of this client can be handed out now.
@@ -306,8 +306,8 @@ comm_socket_v4_client* first_in_turn(ClientList* list, bool crowded) {
     return found == list->end() ? nullptr : &*found;
 }
 
-// Every other service begins with the client that most recently connected or was answered. This keeps a short
-// request from waiting for all earlier long ones, which continue in the services in between.
+// Every other round begins with the client that most recently connected or was answered. This keeps a short
+// request from waiting for all earlier long ones, which continue in the rounds in between.
 comm_socket_v4_client* next_connected(comm_socket_v4* server, bool crowded) {
     if (!server->begins_with_latest) {
         return first_in_turn(&server->clients, crowded);
@@ -417,7 +417,7 @@ int comm_socket_v4_idle(comm_socket_v4* server) {
         server->has_served_connected = false;
         server->begins_with_latest = !server->began_with_latest;
     }
-    server->service_began_us = comm_socket::now_us();
+    server->round_began_us = comm_socket::now_us();
     std::size_t read_budget = READ_BYTES_PER_IDLE;
     std::size_t write_budget = WRITE_BYTES_PER_IDLE;
     const std::uint64_t stall_limit_us =

@@ -139,7 +139,7 @@ struct comm_socket_v4_packet {
  * is no memory. */
 comm_socket_v4_packet* comm_socket_v4_packet_create(void);
 
-/* Frees the packet. Returns null, to assign to the pointer that led to it. */
+/* Frees the packet. Returns null, which the caller can assign to its pointer. */
 comm_socket_v4_packet* comm_socket_v4_packet_release(comm_socket_v4_packet* packet);
 
 /* Clears COMM_SOCKET_V4_REQUEST. */
@@ -210,7 +210,7 @@ void comm_socket_v4_packet_dump_user_friendly(const comm_socket_v4_packet* packe
 
 /* ---- Server ----
  *
- * A server regularly makes these calls (a few times a second is enough):
+ * A server makes these calls in rounds (a few times a second is enough):
  *
  *     if (!comm_socket_v4_is_open(server) || comm_socket_v4_idle(server) != 0) ... the socket is lost
  *     comm_socket_v4_accept_connection(server);
@@ -225,8 +225,8 @@ void comm_socket_v4_packet_dump_user_friendly(const comm_socket_v4_packet* packe
  * COMM_SOCKET_V4_CLIENT_TIMEOUT_US after its first byte, even if bytes keep arriving. It is also disconnected
  * if it reads nothing for that time, or for COMM_SOCKET_V4_CROWD_TIMEOUT_US in a crowded server, while bytes
  * wait for it. Other clients are not affected: clients take turns, one request each, and connected clients
- * alternate with disconnected ones. After every other comm_socket_v4_idle that lets connected clients have a
- * turn, the first of these turns goes to the client that most recently connected or was answered.
+ * alternate with disconnected ones. In every other round that gives connected clients a turn, the first of
+ * these turns goes to the client that most recently connected or was answered.
  */
 
 /* Creates a handle that does not listen yet. Returns null if there is no memory. */
@@ -352,7 +352,7 @@ const char* comm_socket_v4_error_text(comm_socket_v4_error error);
 comm_socket_v4_connection* comm_socket_v4_connect(const char* path, uint64_t timeout_us,
                                                   comm_socket_v4_error* error);
 
-/* Closes and frees the connection. Returns null, to assign to the pointer that led to it. */
+/* Closes and frees the connection. Returns null, which the caller can assign to its pointer. */
 comm_socket_v4_connection* comm_socket_v4_disconnect(comm_socket_v4_connection* connection);
 
 /* Returns the socket, for programs that poll several descriptors; -1 for null. Only poll it: reading,
