@@ -37,7 +37,7 @@ class DumpText {
   public:
     explicit DumpText(const std::string& prefix) : indent(prefix) {}
 
-    // Appends the indentation, the spaces, the three pieces and a line end. Returns false if the text would
+    // Appends the indentation, the spaces, the three pieces and a newline. Returns false if the text would
     // become too long; the line is then not built, and every later call returns false too.
     [[nodiscard]] bool line(std::size_t spaces, std::string_view head, std::string_view middle,
                             std::string_view tail) {

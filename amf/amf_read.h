@@ -17,7 +17,7 @@
 // The longest LongString or XMLDocument that is accepted.
 constexpr std::uint32_t AMF_READ_STRING_U32_MAX_BYTES = 1048576;
 
-// Reads a 16-bit or 32-bit length and that many bytes of any value. On failure out is unchanged.
+// Reads a 16-bit or 32-bit length and that many bytes, which may be arbitrary. On failure out is unchanged.
 [[nodiscard]] bool AMF_ReadStringU16(std::string& out, const unsigned char*& s, const unsigned char* sf);
 [[nodiscard]] bool AMF_ReadStringU32(std::string& out, const unsigned char*& s, const unsigned char* sf);
 

@@ -17,9 +17,9 @@
 
 namespace {
 
-// The turn of one connection in a pass ends at the first of these limits. A message that is under way when
-// the time runs out is completed. The cost of messages differs by a factor of a thousand, and one
-// connection's expensive messages must not block the others.
+// The turn of one connection in a pass ends at the first of these limits. A message that is being handled
+// when the time runs out is handled completely. The cost of messages differs by a factor of a thousand, and
+// one connection's expensive messages must not block the others.
 constexpr int MAX_MESSAGES_PER_TURN = 1000;
 constexpr std::uint64_t TURN_US = 20000;
 

@@ -1,5 +1,5 @@
 // Decodes one value and dumps what was decoded, even if the value was refused. Instead of being printed, the
-// text is checked: whole lines, each starting with the indentation unless a string brought its own line end,
+// text is checked: whole lines, each starting with the indentation unless a string brought its own newline,
 // and never more than the limit.
 #include <cstddef>
 #include <cstdint>

@@ -1,17 +1,17 @@
 #!/usr/bin/env python3
-"""Compares docs/messages.md with the sources of the server, in both directions and to the byte.
+"""Compares docs/messages.md with the sources of the server, in both directions and byte for byte.
 
     tools/check_messages.py [ROOT]
 
 Prints every text that is on one side only, and exits with 1 if there is one. Its rules:
 
-In the sources, a printed text is a string literal that ends in a line end, or one passed directly to a printing
+In the sources, a printed text is a string literal that ends with a newline, or one passed directly to a printing
 function. Adjacent literals are one. An assertion is the expression of a CHECK, or the text that reports a failed
 unlock. A dump built from pieces must have each of its words on the page; the unit tests compare the examples on the
 page with real dumps. Only base/diag and the dump of a control packet print.
 
-On the page, a text is the code at the beginning of a table row, without its line end. It may be followed by "(no line
-end)" or "(standard output)". Under the heading "Assertions" it is an expression.
+On the page, a text is the code span at the beginning of a table row, without its newline. It may be followed by "(no
+newline)" or "(standard output)". Under the heading "Assertions" it is an expression.
 """
 import pathlib
 import re
@@ -45,7 +45,7 @@ ESCAPED = {"n": "\n", "t": "\t", "0": "\0"}
 ROW = re.compile(r"^\| `(?P<text>[^`]+)`(?: \((?P<note>[^)]*)\))? \|")
 UNLOCK_NAMES = {"unlock_expression", "OTHER_UNLOCK_EXPRESSION"}
 
-NO_LINE_END = "no line end"
+NO_NEWLINE = "no newline"
 STANDARD_OUTPUT = "standard output"
 
 
@@ -109,7 +109,7 @@ class Sources:
             if text not in NOT_WORDS and re.search("[A-Za-z]{2}", text):
                 self.words[text.strip()] = where
         elif printer and text != PASSED_ON or (text.endswith("\n") and len(text) > 1):
-            note = None if text.endswith("\n") else NO_LINE_END
+            note = None if text.endswith("\n") else NO_NEWLINE
             if printer in STANDARD_OUTPUT_PRINTERS:
                 note = STANDARD_OUTPUT
             self.texts[(text.removesuffix("\n"), note)] = where

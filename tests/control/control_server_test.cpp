@@ -264,7 +264,7 @@ TEST_F(control_server_test, a_lost_socket_is_reported_once_and_stays_closed) {
 }
 
 TEST_F(control_server_test,
-       a_failed_library_call_is_reported_without_a_line_end_and_closes_the_socket_for_good) {
+       a_failed_library_call_is_reported_without_a_newline_and_closes_the_socket_for_good) {
     start();
     library.idle_errno = EBADF;
     EXPECT_EQ(service(), "Idle failed: Bad file descriptor");

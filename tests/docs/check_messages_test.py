@@ -58,13 +58,13 @@ class CheckMessages(unittest.TestCase):
         self.expect_difference("not on the page: 'Notifying subscribers of time reset'",
                                "not in the sources: 'Notifing subscribers of time reset'")
 
-    def test_a_lost_line_end_is_found(self):
+    def test_a_lost_newline_is_found(self):
         self.change("app/dispatch.cpp", '"AMF0 error notify\\n"', '"AMF0 error notify"')
-        self.expect_difference("'AMF0 error notify' (no line end)")
+        self.expect_difference("'AMF0 error notify' (no newline)")
 
-    def test_a_refusal_without_a_line_end_is_found(self):
+    def test_a_refusal_without_a_newline_is_found(self):
         self.change("rtmp/handshake.cpp", '"C0 fail\\n"', '"C0 fail"')
-        self.expect_difference("'C0 fail' (no line end)")
+        self.expect_difference("'C0 fail' (no newline)")
 
     def test_a_text_on_the_other_stream_is_found(self):
         self.change("app/dispatch.cpp", 'diag("AMF0 error notify', 'diag_stdout("AMF0 error notify')

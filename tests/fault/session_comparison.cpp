@@ -314,7 +314,7 @@ class Comparison {
 
     void compare_texts() {
         std::string rest = text;
-        const std::string idle_failed = "Idle failed: Invalid argument";  // no line end
+        const std::string idle_failed = "Idle failed: Invalid argument";  // no newline
         const std::size_t found = rest.find(idle_failed);
         if ((found != std::string::npos) != expected.control_socket_lost) {
             complain("the control socket was lost, or it should have been");

@@ -3,7 +3,7 @@
 //
 // A LineMark counts complete lines. Every wait starts at a mark and returns the mark after what it found, so
 // the next wait can continue there. Every wait has a deadline. It throws TestFailure with the recent lines if
-// the deadline passes or the stream ends without the text. Whole lines are compared, without the line end.
+// the deadline passes or the stream ends without the text. Whole lines are compared, without the newline.
 #pragma once
 
 #include <condition_variable>

@@ -14,7 +14,7 @@ std::string tool_path();
 ProgramRun run_tool(std::vector<std::string> arguments, const ProgramOptions& options = {},
                     Milliseconds wait = DEFAULT_WAIT);
 
-// Prints the reply as "raw" does, without the line end.
+// Prints the reply as "raw" does, without the newline.
 void PrintTo(const ControlReply& reply, std::ostream* stream);
 
 // Sends a command through the tool's "raw". Throws TestFailure unless it exits with 0, prints nothing on

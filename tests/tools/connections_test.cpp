@@ -65,7 +65,7 @@ TEST(connection_line, a_tab_in_the_stream_name_forges_no_field) {
               "3\tcam\\x09play\\x091x1\\x099\\x099\\x096.6.6.6:6\tpublish\t2x2\t1\t2\t10.0.0.1:5000");
 }
 
-TEST(connection_line, a_line_end_in_the_stream_name_forges_no_line) {
+TEST(connection_line, a_newline_in_the_stream_name_forges_no_line) {
     const std::optional<Connection> connection = parse_connection_line("3\tx\n4\tplay\t\t1\t2\ta");
     ASSERT_TRUE(connection);
     EXPECT_EQ(plain_line(*connection), "3\tx\\x0A4\tplay\t\t1\t2\ta");
