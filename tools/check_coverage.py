@@ -58,7 +58,7 @@ def find_failures(folders, total, files, reasons):
             yield (f"{file['filename']} has {not_run} lines that no test runs, and reasons are given for"
                    f" {explained.get(file['filename'], 0)}")
     for name in sorted(explained.keys() - {file["filename"] for file in files}):
-        yield f"{name} has reasons, but is not counted"
+        yield f"reasons are given for {name}, which is not in the summary"
 
 
 def main(summary_path, reasons_path):

@@ -4,7 +4,8 @@
     tools/list_behaviours.py [ROOT]
 
 A test's name is a sentence: the suite is its subject, and the test name is the rest. Suites are grouped by file; the
-first matching pattern decides. Lists the tests of GoogleTest, Python's unittest and CMake's add_test.
+first matching pattern decides. Lists the tests written with GoogleTest or Python's unittest, and those added
+with CMake's add_test.
 """
 import fnmatch
 import pathlib

@@ -19,7 +19,7 @@ must end with status 0. Lines directly before the block change that; a reader of
     <!-- status: 0 1 -->       the exit statuses that are allowed
 
 Output is in ```text blocks. So that no command goes untested, these are errors: an indented block, a block with any
-other language or none, and a line that begins with "$ " in another block.
+other language or none, and a line that begins with "$ " in a ```text block.
 """
 import argparse
 import contextlib
@@ -226,7 +226,7 @@ def run_in_terminal(example, command, machine):
     why = None
     if not has_ended():
         if not done:
-            why = f"did not happen within {limit_s} s: {until or says or 'its end'}"
+            why = f"did not succeed within {limit_s} s: {until or says}" if is_endless else f"did not end within {limit_s} s"
         # Twice, because ffmpeg continues to wait after the first.
         for number in (signal.SIGINT, signal.SIGINT, signal.SIGKILL):
             end_group(process, number)

@@ -64,7 +64,7 @@ TEST(ctl_check, a_server_whose_socket_is_gone_is_reported_with_its_process) {
                 HasSubstr("critical: control socket: there is no socket at /var/run/v9_rtmp_server.socket; "
                           "process " +
                           std::to_string(server.pid()) +
-                          " still listens on port 1935. If that is a v9_rtmp_server, a second start took "
+                          " still listens on port 1935. If that is a v9_rtmp_server, a second instance took "
                           "its control socket: stop it, then start it again.\n"));
 }
 

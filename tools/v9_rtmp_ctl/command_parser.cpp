@@ -272,8 +272,8 @@ void CommandParser::add_list() {
 }
 
 void CommandParser::add_streams() {
-    CLI::App* const command =
-        add("streams", Subcommand::STREAMS, "List the streams: publisher, players, picture, rates, rivals");
+    CLI::App* const command = add("streams", Subcommand::STREAMS,
+                                  "List the streams: publisher, players, video size, bit rates, rivals");
     command->add_option("NAME", streams, "Only streams of these names; * and ? are wildcards")->type_name("");
     add_sort(*command, {"stream", "rate"}, "Order of the lines");
 }

@@ -78,7 +78,7 @@ struct ServeOptions {
 struct WatchdogOptions {
     WatchdogLimits limits;
     double interval_seconds = 1;
-    double settle_seconds = 5;  // from choosing a stream until a client is compared
+    double settle_seconds = 5;  // from a client's choice of a stream until it is compared with others
     bool dry_run = false;
     std::string state_directory = DEFAULT_WATCHDOG_STATE;
     std::string config_path;  // file with more options; empty: none

@@ -1,9 +1,9 @@
 // The events between two listings: connections, publishes, plays and disconnects. Pure.
 //
 // A connection that begins and ends between two listings is not seen. The listing does not say which of
-// several publishers of a name is relayed, so the first one seen is assumed, or the likeliest of several (see
-// stream_summary.h). A takeover is reported when that publisher leaves while others stay. If several stay,
-// the likeliest is named.
+// several publishers of a name is relayed, so the first one seen is assumed to be. If several are first seen
+// in the same listing, the likeliest of them is (see stream_summary.h). A takeover is reported when that
+// publisher leaves while others stay. If several stay, the likeliest is named.
 #pragma once
 
 #include <cstdint>

@@ -6,8 +6,8 @@
 //
 // Two clocks:
 //   monotonic  the clock of Listing::taken_us, for ages. It advances while nothing is listed.
-//   attended   the sum of the times between listings, each at most HistoryTimes::longest_gap_us. Clients do
-//              not look stalled because the server was stopped or the watchdog did not run.
+//   attended   the sum of the times between listings, each at most HistoryTimes::longest_gap_us. A stop
+//              of the server or of the watchdog therefore does not make clients look stalled.
 //
 // Clients are compared by what each has received since both settled in the stream. Neither a client's age nor
 // the data sent when it joined affects the result.
@@ -26,7 +26,7 @@
 
 struct HistoryTimes {
     std::uint64_t longest_gap_us = 5000000;
-    std::uint64_t settle_us = 5000000;   // from choosing a stream until a client is compared
+    std::uint64_t settle_us = 5000000;   // from a client's choice of a stream until it is compared
     std::uint64_t window_us = 60000000;  // how far back counter values are kept
 };
 
@@ -52,7 +52,8 @@ struct ClientRecord {
     CounterHistory received;
 
     // For publishers only: the server relays this one. A name's only publisher is relayed until it has sent
-    // nothing for 2.5 s and another one sends. Also false if it is not known.
+    // nothing for 2.5 s and another one sends. Also false if it is not known
+    // whether this one is relayed.
     bool is_relayed = false;
     std::uint64_t quiet_since_us = 0;  // monotonic; possibly silent since then
 

@@ -57,9 +57,9 @@ Failure no_server(const std::string& socket_path, const std::optional<std::strin
         fact = "nothing listens at " + path;
     }
     if (!is_default_socket(socket_path)) {
-        return {ExitCode::NOT_RUNNING,
-                fact + ". v9_rtmp_server listens at " + DEFAULT_SOCKET_PATH +
-                    ": omit --socket and V9_RTMP_SOCKET, or give the path of its socket here."};
+        return {ExitCode::NOT_RUNNING, fact + ". v9_rtmp_server listens at " + DEFAULT_SOCKET_PATH +
+                                           ": omit --socket and unset V9_RTMP_SOCKET, or set one of them to "
+                                           "the path of the server's socket."};
     }
     if (listeners && !listeners->empty()) {
         return {ExitCode::NOT_RUNNING, fact + "; " + *listeners};

@@ -26,7 +26,7 @@ constexpr const char* DEFAULT_SOCKET_PATH = "/var/run/v9_rtmp_server.socket";
 
 struct Failure {
     ExitCode exit_code = ExitCode::NO_REPLY;
-    std::string message;  // without line end
+    std::string message;  // without a newline
 };
 
 // Explains an error of the control library to the user, after a look at the path. error is neither

@@ -1,6 +1,6 @@
 // The JSON that scripts read; the manual page describes each form member by member. Pure.
 //
-// Every form is one line without a line end. Bytes that are not UTF-8 become U+FFFD.
+// Every form is one line without a newline. Bytes that are not UTF-8 become U+FFFD.
 #pragma once
 
 #include <cstddef>

@@ -11,7 +11,7 @@
 
 using Json = nlohmann::ordered_json;
 
-// One line without a line end. Bytes that are not UTF-8 become U+FFFD. Terminal control characters
+// One line without a newline. Bytes that are not UTF-8 become U+FFFD. Terminal control characters
 // are escaped.
 [[nodiscard]] std::string dump(const Json& json);
 

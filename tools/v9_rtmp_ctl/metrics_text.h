@@ -23,7 +23,7 @@ struct MetricsSource {
     std::optional<WatchdogStatistics> watchdog;
 };
 
-// Ends with a line end.
+// Ends with a newline.
 [[nodiscard]] std::string metrics_text(const MetricsSource& source);
 
 // Escapes a label's value for use between quotes.

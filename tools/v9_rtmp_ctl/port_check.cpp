@@ -133,7 +133,7 @@ std::string describe_listeners_without_answer() {
         return "";
     }
     return who_listens(find_owners(*sockets), " still") +
-           ". If that is a v9_rtmp_server, a second start took its control socket: " +
+           ". If that is a v9_rtmp_server, a second instance took its control socket: " +
            (access(SERVICE_DIRECTORY, F_OK) == 0
                 ? "for the service, run 'systemd-tmpfiles --create v9-rtmp-server.conf' as root to restore "
                   "the socket. Otherwise stop the server, then start it again."

@@ -145,7 +145,7 @@ complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in watchdog' -l age -x -a off -d 'Drop
 complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in watchdog' -l stagger -x -d 'Time between two drops for age'
 complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in watchdog' -l long-name -x -a off -d 'Drop a client whose stream name is longer than this'
 complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in watchdog' -l publish-from -x -d 'Drop publishers from elsewhere'
-complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in watchdog' -l settle -x -d 'Time until a client is compared'
+complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in watchdog' -l settle -x -d 'Time from choosing a stream until a client is compared with others'
 complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in watchdog' -l state -r -F -d 'Keep first-seen times in this directory'
 complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in watchdog' -l config -r -F -d 'Read options from this file too'
 complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in watchdog' -s n -l dry-run -d 'Only print what would be dropped'

@@ -143,7 +143,7 @@ _v9_rtmp_ctl() {
                         '--long-name=[drop a client whose stream name is longer than this]:bytes:(off)' \
                         '*--publish-from=[drop publishers from elsewhere]:prefix' \
                         '--interval=[time between two listings]:seconds' \
-                        '--settle=[time until a client is compared]:seconds' \
+                        '--settle=[time from choosing a stream until a client is compared with others]:seconds' \
                         '--state=[keep first-seen times in this directory]:directory:_files -/' \
                         '--config=[read options from this file too]:file:_files'
                     ;;

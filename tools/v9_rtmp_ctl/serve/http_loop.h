@@ -34,7 +34,7 @@ class HttpLoop {
     HttpLoop(const HttpLoop&) = delete;
     HttpLoop& operator=(const HttpLoop&) = delete;
 
-    // Waits for events, at most for wait, and handles them.
+    // Waits for events for no longer than wait, and handles them.
     void turn(std::chrono::milliseconds wait);
 
     [[nodiscard]] std::size_t client_count() const { return clients.size(); }

@@ -11,7 +11,7 @@
 
 #include "tools/v9_rtmp_ctl/failure.h"
 
-// The pages, generated for each request.
+// The contents of the pages. The functions are called for each request.
 struct PageContents {
     std::function<std::string()> metrics;
     std::function<std::string()> connections_json;

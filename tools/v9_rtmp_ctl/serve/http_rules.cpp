@@ -61,8 +61,8 @@ std::optional<Failure> read_token(const std::string& path, std::string& token) {
     if (!file || stat(path.c_str(), &status) != 0) {
         return Failure{ExitCode::USAGE,
                        "the token file " + name +
-                           " cannot be read. Create one: 'head -c 24 /dev/urandom | base64 > " + name +
-                           "', readable only by the user of this program."};
+                           " cannot be read. Create it with 'head -c 24 /dev/urandom | base64 > " + name +
+                           "', and make it readable only by the user that this program runs as."};
     }
     if ((status.st_mode & (S_IROTH | S_IWOTH)) != 0) {
         return Failure{ExitCode::USAGE, "the token file " + name + " is open to every user. Run 'chmod o= " +
