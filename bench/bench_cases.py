@@ -126,7 +126,7 @@ class Results:
 
     def faults(self):
         return sum(max(report.get(kind, 0), 0) for reports in self.reports.values() for report in reports
-                   for kind in ("lost", "doubled", "swapped", "damaged", "not_arrived"))
+                   for kind in ("lost", "duplicated", "reordered", "damaged", "not_arrived"))
 
     def failures(self):
         return [f"{name}: {text}" for name, reports in self.reports.items() for report in reports

@@ -222,7 +222,7 @@ Written by `{document["command"]}`; do not edit. `bench/README.md` says what the
 
 ## Every case
 
-CPU is the server's, in per cent of one core; *waits/s* is how often its threads went to sleep in a second.
+CPU is the server's, in per cent of one core; *waits/s* is the number of times per second that its threads went to sleep.
 
 {cases_table(document)}
 """

@@ -29,8 +29,8 @@ void FrameTally::merge(const FrameTally& other) {
     bytes += other.bytes;
     frames += other.frames;
     lost += other.lost;
-    doubled += other.doubled;
-    swapped += other.swapped;
+    duplicated += other.duplicated;
+    reordered += other.reordered;
     damaged += other.damaged;
     lateness.merge(other.lateness);
     first_pictures.merge(other.first_pictures);
@@ -180,11 +180,11 @@ void LoadPlayer::check_place(const FrameStamp& stamp, FrameTally& tally) {
 void LoadPlayer::check_earlier(std::uint32_t places, FrameTally& tally) {
     const std::uint64_t bit = places < RECENT_FRAMES ? 1ULL << places : 0;
     if (bit == 0 || (recent & bit) != 0) {
-        ++tally.doubled;
+        ++tally.duplicated;
         return;
     }
     recent |= bit;
-    ++tally.swapped;
+    ++tally.reordered;
     --tally.lost;
 }
 

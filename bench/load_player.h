@@ -20,15 +20,15 @@ struct FrameTally {
     std::uint64_t frames = 0;
     // Frames missing in gaps. Negative in a tally that begins between a gap and the frame that fills it.
     std::int64_t lost = 0;
-    std::uint64_t doubled = 0;
-    std::uint64_t swapped = 0;  // arrived after a later frame of the stream
+    std::uint64_t duplicated = 0;
+    std::uint64_t reordered = 0;  // arrived after a later frame of the stream
     // Wrong bytes, timestamp or chunk header, or a frame before its decoder settings.
     std::uint64_t damaged = 0;
     Lateness lateness;
     // From the start of each player's connection to its first video frame.
     Lateness first_pictures;
 
-    std::uint64_t faults() const { return doubled + swapped + damaged; }
+    std::uint64_t faults() const { return duplicated + reordered + damaged; }
     void merge(const FrameTally& other);
 };
 

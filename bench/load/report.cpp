@@ -66,10 +66,11 @@ void print_lateness(const char* name, const nlohmann::json& figures) {
 }
 
 void print_frames(const nlohmann::json& report) {
-    print_line("frames",
-               text_of("%.0f; %.0f lost, %.0f doubled, %.0f swapped, %.0f damaged, %.0f not arrived",
-                       number(report, "frames"), number(report, "lost"), number(report, "doubled"),
-                       number(report, "swapped"), number(report, "damaged"), number(report, "not_arrived")));
+    print_line(
+        "frames",
+        text_of("%.0f; %.0f lost, %.0f duplicated, %.0f reordered, %.0f damaged, %.0f not arrived",
+                number(report, "frames"), number(report, "lost"), number(report, "duplicated"),
+                number(report, "reordered"), number(report, "damaged"), number(report, "not_arrived")));
     print_line("relayed",
                text_of("%.3f GB in %.1f s", number(report, "bytes") / 1e9, number(report, "seconds")));
     print_lateness("late by", report["lateness"]);
@@ -167,8 +168,8 @@ nlohmann::json figures_of(const Lateness& lateness) {
 
 nlohmann::json faults_of(const FrameTally& tally) {
     return {{"lost", tally.lost},
-            {"doubled", tally.doubled},
-            {"swapped", tally.swapped},
+            {"duplicated", tally.duplicated},
+            {"reordered", tally.reordered},
             {"damaged", tally.damaged}};
 }
 

@@ -14,7 +14,7 @@ import bench_page  # noqa: E402
 
 def relay(cost, **others):
     return {"setup": {"publishers": 1, "players_each": 120}, "seconds": 5, "cpu_s_per_gb": cost, "frames": 1000,
-            "bytes": 1000, "lost": 0, "doubled": 0, "swapped": 0, "damaged": 0, "not_arrived": 0, "failures": [],
+            "bytes": 1000, "lost": 0, "duplicated": 0, "reordered": 0, "damaged": 0, "not_arrived": 0, "failures": [],
             "server": {"main_cpu_s": 0.1, "cpu_percent": 10, "rss_kib": 4096, "voluntary_switches": 10},
             "lateness": {"p50_ms": 30, "p99_ms": 60, "p999_ms": 70, "histogram": [[30.0, 10], [30.5, 10]]}, **others}
 
@@ -42,7 +42,7 @@ class Figures(unittest.TestCase):
         self.assertEqual(names, ["frames lost or damaged, in all"])
 
     def test_every_kind_of_fault_counts(self):
-        for kind in ("lost", "doubled", "swapped", "damaged", "not_arrived"):
+        for kind in ("lost", "duplicated", "reordered", "damaged", "not_arrived"):
             row = figure({"players_10x4": [relay(1, **{kind: 3})]}, "frames lost")
             self.assertEqual(row.value, 3)
             self.assertFalse(row.holds)

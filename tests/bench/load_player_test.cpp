@@ -87,9 +87,9 @@ class load_player_test : public testing::Test {
         EXPECT_EQ(tally.damaged, damaged);
     }
 
-    void expect_order(std::uint64_t doubled, std::uint64_t swapped) const {
-        EXPECT_EQ(tally.doubled, doubled);
-        EXPECT_EQ(tally.swapped, swapped);
+    void expect_order(std::uint64_t duplicated, std::uint64_t reordered) const {
+        EXPECT_EQ(tally.duplicated, duplicated);
+        EXPECT_EQ(tally.reordered, reordered);
     }
 
     int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);

@@ -40,8 +40,8 @@ std::vector<std::string> three_seconds_of(const FakeRelay& relay) {
 
 struct Counts {
     int lost;
-    int doubled;
-    int swapped;
+    int duplicated;
+    int reordered;
     int damaged;
     int late;
 
@@ -49,12 +49,12 @@ struct Counts {
 };
 
 Counts counts_of(const nlohmann::json& report) {
-    return {report["lost"], report["doubled"], report["swapped"], report["damaged"], report["late"]};
+    return {report["lost"], report["duplicated"], report["reordered"], report["damaged"], report["late"]};
 }
 
 void PrintTo(const Counts& counts, std::ostream* out) {
-    *out << counts.lost << " lost, " << counts.doubled << " doubled, " << counts.swapped << " swapped, "
-         << counts.damaged << " damaged, " << counts.late << " late";
+    *out << counts.lost << " lost, " << counts.duplicated << " duplicated, " << counts.reordered
+         << " reordered, " << counts.damaged << " damaged, " << counts.late << " late";
 }
 
 TEST(relay_load, finds_no_fault_in_a_correct_relay) {
