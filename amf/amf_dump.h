@@ -27,5 +27,5 @@ inline constexpr const char* DUMP_INDENT = "\t";
 //       }
 void AMF_DumpValue(const AMF_Value& v, const std::string& indent);
 
-// Prints only the members of v, as they appear within the braces: indented by two more than indent.
+// Prints only the members of v, as they appear within the braces: each preceded by indent and two spaces.
 void AMF_DumpMembers(const AMF_Value& v, const std::string& indent);
