@@ -61,7 +61,7 @@ def begin_of_counter(code, end):
 
 
 def is_unused(code, begin, after):
-    """Whether the value of the expression at begin is unused. The character that follows it is passed as after."""
+    """Whether the value of the expression at begin is unused. The parameter after is the character that follows it."""
     before = code[:begin].rstrip()
     if before.endswith(","):
         return code[:begin_of_bracket(code, begin)].rstrip().endswith("for")

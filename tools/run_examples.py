@@ -42,7 +42,8 @@ import processes  # noqa: E402
 
 PAGES = ["README.md", "docs/operations.md", "docs/scaling.md", "docs/clients.md", "SECURITY.md"]
 MOST_NOT_RUN = 0.15
-# For the marks "until": whether a player of the stream has received, or a publisher has sent, this many bytes.
+# For "until" marks. plays succeeds once a player of the stream has received more than 100,000 bytes, publishes once a
+# publisher of it has sent more than 20,000.
 MARK_FUNCTIONS = """
 plays() { v9_rtmp_ctl --plain list --mode play --stream "$1" | awk -F'\\t' '$5 > 100000 {found = 1} END {exit !found}'; }
 publishes() { v9_rtmp_ctl --plain list --mode publish --stream "$1" | awk -F'\\t' '$6 > 20000 {found = 1} END {exit !found}'; }
@@ -201,6 +202,7 @@ def run_in_terminal(example, command, machine):
     """Runs a command in a terminal. Returns None, or the reason why it has failed."""
     until, says = example.marks.get("until"), example.marks.get("says")
     is_endless = until is not None or says is not None
+    awaited = f"it did not print: {says}" if until is None else f"this did not succeed: {until}"
     near, far = pty.openpty()
     process = subprocess.Popen(command, cwd=machine.checkout, env=machine.environment, stdin=far, stdout=far, stderr=far,
                                start_new_session=True)
@@ -226,7 +228,7 @@ def run_in_terminal(example, command, machine):
     why = None
     if not has_ended():
         if not done:
-            why = f"did not succeed within {limit_s} s: {until or says}" if is_endless else f"did not end within {limit_s} s"
+            why = f"{limit_s} s have passed; {awaited if is_endless else 'it did not end'}"
         # Twice, because ffmpeg continues to wait after the first.
         for number in (signal.SIGINT, signal.SIGINT, signal.SIGKILL):
             end_group(process, number)
@@ -235,7 +237,7 @@ def run_in_terminal(example, command, machine):
     elif str(process.returncode) not in example.marks.get("status", "0").split():
         why = f"ended with status {process.returncode}"
     elif is_endless and not done and not is_done():
-        why = f"ended before: {until or says}"
+        why = f"ended too early; {awaited}"
     end_group(process, signal.SIGKILL)
     os.close(near)
     return why and f"{why}\n{said.decode(errors='replace')[-3000:]}"

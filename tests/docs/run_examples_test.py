@@ -60,8 +60,8 @@ class the_commands_of_a_page(unittest.TestCase):
     def test_that_run_endlessly_must_have_done_their_work(self):
         self.assertIsNone(self.judge("sleep 60", "until: true"))
         self.assertIsNone(self.judge("echo hello; sleep 60", "says: hello"))
-        self.assertIn("ended before", self.judge("echo hello", "until: false"))
-        self.assertIn("ended before", self.judge("echo good day", "says: hello"))
+        self.assertIn("ended too early; this did not succeed: false", self.judge("echo hello", "until: false"))
+        self.assertIn("ended too early; it did not print: hello", self.judge("echo good day", "says: hello"))
         self.assertIn("status 3", self.judge("exit 3", "says: hello"))
 
 

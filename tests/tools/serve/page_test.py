@@ -217,6 +217,22 @@ class PageTest(unittest.TestCase):
             client.settimeout(20)
             self.assertEqual(b"", client.recv(1))
 
+    def test_a_drop_asks_whether_a_publisher_or_a_player_is_meant(self):
+        directory = tempfile.mkdtemp()
+        self.addCleanup(shutil.rmtree, directory)
+        server = self.keep(ListingServer([line(3, "cam1", "publish", 1, 1, "203.0.113.1:1"),
+                                          line(4, "cam1", "play", 1, 1, "203.0.113.2:2"),
+                                          line(5, "cam1", "", 1, 1, "203.0.113.3:3")]))
+        self.open(self.keep(Serve("--allow-drop", "--token-file", write_token(directory), control_socket=server.path)))
+        wait_for("the buttons", lambda: self.browser.run("return document.querySelectorAll('#connections button').length") == 3)
+        questions = self.browser.run("""return [...document.querySelectorAll('#connections button')].map(button => {
+                                            button.click();
+                                            document.getElementById('cancel').click();
+                                            return document.getElementById('question').textContent; })""")
+        self.assertEqual(["Drop connection 3, a publisher of “cam1”, from 203.0.113.1:1?",
+                          "Drop connection 4, a player of “cam1”, from 203.0.113.2:2?",
+                          "Drop connection 5, with the stream “cam1”, from 203.0.113.3:3?"], sorted(questions))
+
     def test_a_page_that_stays_open_does_not_grow_and_ten_viewers_cost_little(self):
         """The CPU time of serve while ten clients poll once a second as the page does, from /proc/PID/stat."""
         seconds = int(os.environ.get("V9_PAGE_SECONDS", "5"))
