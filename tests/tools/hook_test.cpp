@@ -51,8 +51,8 @@ TEST_F(hook_test, gets_values_in_its_environment_and_no_arguments) {
 }
 
 TEST_F(hook_test, that_fails_is_reported) {
-    EXPECT_THAT(run("exit 3"), Optional(std::string("ended with status 3")));
-    EXPECT_THAT(run("kill -TERM $$"), Optional(std::string("was ended by signal 15")));
+    EXPECT_THAT(run("exit 3"), Optional(std::string("exited with status 3")));
+    EXPECT_THAT(run("kill -TERM $$"), Optional(std::string("was killed by signal 15")));
     sigset_t mask;
     sigemptyset(&mask);
     EXPECT_THAT(run_hook("/absent/program", {}, mask),

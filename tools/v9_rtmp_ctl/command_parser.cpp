@@ -376,7 +376,7 @@ void CommandParser::add_raw() {
 }
 
 void CommandParser::add_completion() {
-    add("completion", Subcommand::COMPLETION, "Print the completion script of a shell")
+    add("completion", Subcommand::COMPLETION, "Print the completion script for a shell")
         ->add_option("SHELL", line.shell, "bash, zsh or fish")
         ->required()
         ->type_name("")

@@ -1,7 +1,7 @@
 // What successive listings have shown about each client and each stream. No I/O; times are passed in.
 //
-// A client is identified by its id and address. A different address, a counter that went back, or a change of
-// stream or mode means a different client; choosing its first stream does not. A client listed without
+// A client is identified by its id and address. A different address, a counter that decreased, or a change of
+// stream or mode means a different client; choosing a first stream does not. A client listed without
 // address or counters is left as it was.
 //
 // Two clocks:

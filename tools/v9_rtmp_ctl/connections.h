@@ -1,7 +1,7 @@
 // The server's connections as its listing gives them: parsed, sorted and with rates. Pure.
 //
 // A rate comes from two listings a known time apart. It is known only for a connection in both: the same
-// slot, address, stream and mode, and counters that have not gone back.
+// slot, address, stream and mode, and counters that have not decreased.
 #pragma once
 
 #include <cstddef>

@@ -80,7 +80,7 @@ class ControlClient {
     std::deque<std::uint64_t> awaited_ids;
 };
 
-// Microseconds of a clock that never goes back.
+// Returns the monotonic clock in microseconds.
 [[nodiscard]] std::uint64_t clock_us();
 
 // Returns the request for the connections of one mode, or of all modes if mode is empty.

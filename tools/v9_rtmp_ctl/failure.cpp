@@ -106,7 +106,7 @@ Failure describe_failure(comm_socket_v4_error error, const std::string& socket_p
             return {ExitCode::NO_REPLY,
                     "the data received from " + path +
                         " is not a reply. Check that --socket names the control socket of "
-                        "v9_rtmp_server, and that the server is of this tool's version."};
+                        "v9_rtmp_server, and that the server has the same version as this tool."};
         case COMM_SOCKET_V4_CLOSED:
             return {
                 ExitCode::NO_REPLY,
@@ -129,14 +129,16 @@ Failure describe_failure(comm_socket_v4_error error, const std::string& socket_p
 }
 
 Failure refused_by_server(const std::string& message) {
-    return {ExitCode::NEGATIVE_ANSWER, "the server refused: " + escape_untrusted(message) +
-                                           ". Check that it is a v9_rtmp_server of this tool's version."};
+    return {ExitCode::NEGATIVE_ANSWER,
+            "the server refused: " + escape_untrusted(message) +
+                ". Check that it is a v9_rtmp_server with the same version as this tool."};
 }
 
 Failure unreadable_reply(const std::string& what) {
-    return {ExitCode::NO_REPLY, "the reply cannot be read: " + escape_untrusted(what) +
-                                    ". Check that the server is of this tool's version; 'v9_rtmp_ctl raw' "
-                                    "shows the reply unchanged."};
+    return {ExitCode::NO_REPLY,
+            "the reply cannot be read: " + escape_untrusted(what) +
+                ". Check that the server has the same version as this tool; 'v9_rtmp_ctl raw' "
+                "shows the reply unchanged."};
 }
 
 ExitCode report(const Failure& failure) {

@@ -93,7 +93,7 @@ std::optional<std::string> run_hook(const std::string& program,
     if (WIFEXITED(status)) {
         return WEXITSTATUS(status) == 0
                    ? std::nullopt
-                   : std::optional("ended with status " + std::to_string(WEXITSTATUS(status)));
+                   : std::optional("exited with status " + std::to_string(WEXITSTATUS(status)));
     }
-    return "was ended by signal " + std::to_string(WTERMSIG(status));
+    return "was killed by signal " + std::to_string(WTERMSIG(status));
 }

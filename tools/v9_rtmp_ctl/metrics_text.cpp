@@ -174,7 +174,7 @@ void write_process(Writer& writer, const ProcessInfo& process) {
         writer.counter("v9_rtmp_server_cpu_seconds_total", "CPU time that the server has used.")
             .sample({}, *process.cpu_seconds);
     }
-    writer.gauge_if("v9_rtmp_server_resident_memory_bytes", "Memory of the server that is in RAM.",
+    writer.gauge_if("v9_rtmp_server_resident_memory_bytes", "Resident memory of the server.",
                     process.resident_bytes);
     writer.gauge_if("v9_rtmp_server_virtual_memory_bytes", "Address space of the server.",
                     process.virtual_bytes);

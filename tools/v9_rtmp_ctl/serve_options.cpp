@@ -36,7 +36,7 @@ void add_serve_options(CLI::App& serve, ServeOptions& options) {
         ->check(address_and_port());
     serve
         .add_option("--host", options.host_names,
-                    "A name under which browsers reach the page, besides addresses and localhost")
+                    "A host name that browsers may use to reach the page, besides addresses and localhost")
         ->type_name("NAME")
         ->allow_extra_args(false)
         ->take_all();

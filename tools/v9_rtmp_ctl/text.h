@@ -1,4 +1,4 @@
-// Text output: untrusted bytes escaped, columns cut and padded, sizes and rates with units. Pure.
+// Text output: untrusted bytes escaped, columns cut, sizes and rates with units. Pure.
 #pragma once
 
 #include <cstddef>

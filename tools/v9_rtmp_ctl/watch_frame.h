@@ -24,7 +24,7 @@ struct FrameLine {
 // is full.
 void settle(WatchModel& model, const ScreenSize& size);
 
-// For output that is not a terminal: all rows, without foot, and nothing cut.
+// For output that is not a terminal: all rows, uncut, and without the foot.
 [[nodiscard]] std::vector<FrameLine> render_endless_frame(const WatchModel& model);
 
 // Returns the bytes that paint the frame over the current screen.

@@ -53,7 +53,7 @@ struct WatchModel {
     std::string input;          // for DROP_ID
     TableCursor stream_cursor;
     TableCursor connection_cursor;
-    bool streams_have_keys = false;            // the arrow keys move in the streams, not the connections
+    bool streams_have_keys = false;            // the arrow keys select streams, not connections
     std::optional<Connection> drop_candidate;  // for DROP_CONFIRM: one connection
     std::optional<std::string> drop_stream;    // or all of one stream
     std::string notice;                        // result of the last drop; shown until the next key
@@ -75,5 +75,5 @@ void take_in(WatchModel& model, const Failure& failure);
 [[nodiscard]] std::vector<const Connection*> shown_connections(const WatchModel& model);
 [[nodiscard]] std::vector<const StreamSummary*> shown_streams(const WatchModel& model);
 
-// Whether the arrow keys move in the streams.
+// Whether the arrow keys select streams.
 [[nodiscard]] bool keys_are_for_streams(const WatchModel& model);

@@ -154,7 +154,7 @@ complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in check' -l rtmp -x -d 'Where the ser
 complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in check' -l publish-test -d 'Send a short stream through the server'
 complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in metrics' -s o -l output -r -F -d 'Write the metrics to this file'
 complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in serve' -l listen -x -d 'Address and port'
-complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in serve' -l host -x -d 'A name under which browsers reach the page'
+complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in serve' -l host -x -d 'A host name that browsers may use to reach the page'
 complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in serve' -l allow-drop -d 'Allow the page to drop connections'
 complete -c v9_rtmp_ctl -n '__v9_rtmp_ctl_in serve' -l token-file -r -F -d 'The file with the token'
 for command in metrics serve

@@ -79,7 +79,7 @@ _v9_rtmp_ctl() {
         'metrics:print metrics in the text format of Prometheus'
         'serve:serve a status page and metrics over HTTP'
         'raw:send a command unchanged and print the reply as JSON'
-        'completion:print the completion script of a shell'
+        'completion:print the completion script for a shell'
         'version:print the version of this tool'
         'help:print help about a command'
     )
@@ -162,7 +162,7 @@ _v9_rtmp_ctl() {
                     ;;
                 serve)
                     _arguments $global '--listen=[where to listen]:address and port' \
-                        '*--host=[a name under which browsers reach the page]:name' \
+                        '*--host=[a host name that browsers may use to reach the page]:name' \
                         '--allow-drop[allow the page to drop connections]' '--token-file=[the file with the token]:file:_files' \
                         "--watchdog-state=[the watchdog's state directory]:directory:_directories"
                     ;;
