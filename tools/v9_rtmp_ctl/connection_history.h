@@ -5,7 +5,7 @@
 // address or counters is left as it was.
 //
 // Two clocks:
-//   monotonic  the clock of Listing::taken_us, for ages. It advances while nothing is listed.
+//   monotonic  the clock of Listing::taken_us, for ages. It also advances while no listings are taken.
 //   attended   the sum of the times between listings, each at most HistoryTimes::longest_gap_us. A stop
 //              of the server or of the watchdog therefore does not make clients look stalled.
 //
