@@ -11,7 +11,7 @@
 
 #include <string_view>
 
-// Formats like printf and writes to standard error. The format must include the newline.
+// Formats like printf and writes to standard error. The text must include its newline.
 [[gnu::format(printf, 1, 2)]] void diag(const char* format, ...);
 
 // Like diag, but always returns false, so a refusal is one statement: `return refuse("...\n");`.

@@ -216,7 +216,7 @@ comm_socket_v4_error wait_reply(comm_socket_v4_connection* connection, std::uint
             const std::size_t received_before =
                 std::exchange(received, awaited_bytes(connection, request_id));
             const bool has_grown = received > received_before;
-            // A server that never stops sending cannot postpone the deadline, but the bytes that have
+            // A server that never stops sending cannot postpone the total deadline, but the bytes that have
             // arrived before it may complete the reply.
             if (was_last_look && (!has_grown || patience->total_is_over())) {
                 return COMM_SOCKET_V4_TIMEOUT;

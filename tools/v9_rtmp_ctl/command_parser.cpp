@@ -273,7 +273,7 @@ void CommandParser::add_list() {
 
 void CommandParser::add_streams() {
     CLI::App* const command = add("streams", Subcommand::STREAMS,
-                                  "List the streams: publisher, players, video size, bit rates, rivals");
+                                  "List the streams: publisher, players, picture size, rates, rivals");
     command->add_option("NAME", streams, "Only streams of these names; * and ? are wildcards")->type_name("");
     add_sort(*command, {"stream", "rate"}, "Order of the lines");
 }

@@ -73,7 +73,7 @@ Failure nothing_to_do() {
             "\n"
             "  hello    whether the server answers, and which processes listen\n"
             "  list     who is connected\n"
-            "  streams  who publishes each stream, how many play it, and the bit rates\n"
+            "  streams  who publishes each stream, how many play it, and the data rates\n"
             "  watch    the same, updated live\n"
             "  drop     end connections by id, stream or address\n"
             "\n"
