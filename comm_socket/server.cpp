@@ -289,7 +289,7 @@ bool is_crowded(const comm_socket_v4* server) {
 // Whether no more requests are handed out until the next idle. A flood of requests, or a few with huge
 // replies, must not block the caller. The first request is always handed out, so even the slowest machine
 // makes progress.
-bool service_is_over(const comm_socket_v4* server, bool crowded) {
+bool round_is_over(const comm_socket_v4* server, bool crowded) {
     return server->handed_out != 0 &&
            (crowded || server->handed_out >= COMM_SOCKET_V4_MAX_REQUESTS_PER_IDLE ||
             comm_socket::now_us() - server->round_began_us >= COMM_SOCKET_V4_MAX_US_PER_IDLE);
@@ -306,8 +306,9 @@ comm_socket_v4_client* first_in_turn(ClientList* list, bool crowded) {
     return found == list->end() ? nullptr : &*found;
 }
 
-// Every other round begins with the client that most recently connected or was answered. This keeps a short
-// request from waiting for all earlier long ones, which continue in the rounds in between.
+// In every other round that gives connected clients a turn, the first of these turns goes to the client that
+// most recently connected or was answered. This keeps a short request from waiting for all earlier long ones,
+// which continue in the rounds in between.
 comm_socket_v4_client* next_connected(comm_socket_v4* server, bool crowded) {
     if (!server->begins_with_latest) {
         return first_in_turn(&server->clients, crowded);
@@ -507,7 +508,7 @@ comm_socket_v4_packet* comm_socket_v4_server_get_packet(comm_socket_v4* server,
         return nullptr;
     }
     const bool crowded = is_crowded(server);
-    if (service_is_over(server, crowded)) {
+    if (round_is_over(server, crowded)) {
         return nullptr;
     }
     while (comm_socket_v4_client* candidate = next_in_turn(server, crowded)) {

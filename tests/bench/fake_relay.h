@@ -1,6 +1,6 @@
-// A small relay that loses, doubles, swaps, changes or delays frames at planned places, for each player. It
-// proves that a load generator notices exactly that. It has one thread, and a port of the system's choice on
-// the loopback.
+// A small relay that loses, duplicates, reorders, changes or delays frames at planned places, for each
+// player. It proves that a load generator notices exactly that. It has one thread, and a port of the system's
+// choice on the loopback.
 #pragma once
 
 #include <atomic>

@@ -119,14 +119,14 @@ TEST_F(load_player_test, missing_frames_count_as_lost) {
     expect_tally(3, 2, 0);
 }
 
-TEST_F(load_player_test, a_frame_that_arrives_twice_counts_as_doubled) {
+TEST_F(load_player_test, a_frame_that_arrives_twice_counts_as_duplicated) {
     serve(headers() + frame(100) + frame(101) + frame(101) + frame(100) + frame(102));
     let_read();
     expect_tally(5, 0, 0);
     expect_order(2, 0);
 }
 
-TEST_F(load_player_test, a_frame_that_arrives_after_a_later_one_counts_as_swapped_and_not_as_lost) {
+TEST_F(load_player_test, a_frame_that_arrives_after_a_later_one_counts_as_reordered_and_not_as_lost) {
     serve(headers() + frame(100) + frame(102) + frame(101) + frame(103) + frame(106) + frame(104));
     let_read();
     expect_tally(6, 1, 0);

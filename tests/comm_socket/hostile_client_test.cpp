@@ -15,7 +15,7 @@ namespace {
 
 class hostile_client_test : public testing::Test {
   public:
-    // A service ends after 50 ms, and a busy machine may need that long for fewer clients than these.
+    // A round ends after 50 ms, and a busy machine may need that long for fewer clients than these.
     StoppedClock stopped;
     TemporaryDirectory directory;
     DrivenServer server{directory.file("socket")};
@@ -199,7 +199,7 @@ TEST_F(hostile_client_test, many_short_connections_leak_nothing) {
 TEST_F(hostile_client_test, clients_that_ask_and_leave_do_not_lock_out_others) {
     constexpr int ROUNDS = 100;
     constexpr std::size_t CLIENTS = 50;
-    const StoppedClock clock;  // on a busy machine 50 answers take longer than a service
+    const StoppedClock clock;  // on a busy machine 50 answers take longer than a round
     const std::string answer = reply_frame(1, "hello", "yes");
     for (int round = 0; round < ROUNDS; ++round) {
         std::vector<RawPeer> peers;
@@ -326,16 +326,16 @@ TEST_F(hostile_client_test, sixty_clients_that_send_long_requests_do_not_delay_a
         }
     };
     const std::string answer = reply_frame(1, "hello", "yes");
-    for (int round = 0; round < 20; ++round) {
+    for (int request = 0; request < 20; ++request) {
         good.send_all(request_frame(1, "hello"));
-        int services = 0;
-        for (std::string received; received != answer; ++services) {
-            ASSERT_LT(services, 10);
+        int rounds = 0;
+        for (std::string received; received != answer; ++rounds) {
+            ASSERT_LT(rounds, 10);
             send_on();
             serve();
             received += good.read_available();
         }
-        EXPECT_LE(services, 2) << "in round " << round;
+        EXPECT_LE(rounds, 2) << "at request " << request;
     }
 }
 

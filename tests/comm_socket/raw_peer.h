@@ -82,7 +82,7 @@ class DrivenServer {
     void idle() const;
     // Returns the next request, or null.
     [[nodiscard]] comm_socket_v4_packet* take(comm_socket_v4_client** client = nullptr) const;
-    // Answers all requests of one service with their own command and this message, and returns their number.
+    // Answers all requests of one round with their own command and this message, and returns their number.
     int answer_all(const std::string& message = "yes") const;
 
     std::string path;
@@ -108,7 +108,7 @@ struct SharedBytes {
 // Returns a complete response to id with this message.
 comm_socket_v4_packet* make_reply(std::uint64_t id, const std::string& command, const std::string& message);
 
-// Runs a service loop of its own on a thread: answers "hello" with "How are you?", "echo" with a pair per
+// Runs a server loop of its own on a thread: answers "hello" with "How are you?", "echo" with a pair per
 // argument (absent: the name "absent"), and everything else with status 6 and "Unknown command".
 class EchoServer {
   public:

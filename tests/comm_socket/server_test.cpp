@@ -195,7 +195,7 @@ TEST_F(server_test, clients_that_never_read_have_at_most_64_mib_and_twelve_repli
     const std::vector<RawPeer> unread = peers_that_sent(60, request_frame(1, "long"));
     int answered = 0;
     std::size_t most = 0;
-    for (int service = 0; service < 60; ++service) {
+    for (int round = 0; round < 60; ++round) {
         server.idle();
         answered += server.answer_all(std::string(REPLY_BYTES, 'm'));
         std::size_t waiting = 0;
@@ -215,7 +215,7 @@ TEST_F(server_test, in_a_crowd_a_client_that_reads_nothing_for_a_second_is_disco
     const StoppedClock clock;
     DrivenServer server(path);
     std::vector<RawPeer> peers = peers_that_sent(4, request_frame(1, "long"));
-    for (int service = 0; service < 2; ++service) {
+    for (int round = 0; round < 2; ++round) {
         server.idle();
         server.answer_all(std::string(24 * MEBIBYTE, 'm'));
     }
@@ -254,7 +254,7 @@ TEST_F(server_test, a_flush_ends_at_its_deadline_however_slowly_its_clients_read
     std::vector<RawPeer> peers = peers_that_sent(6, request_frame(1, "long"));
     server.idle();
     {
-        const StoppedClock clock;  // six such answers may take longer than a service
+        const StoppedClock clock;  // six such answers may take longer than a round
         ASSERT_EQ(server.answer_all(std::string(6 * MEBIBYTE, 'm')), 6);
     }
     std::jthread reader([&peers](const std::stop_token& stop) {
@@ -318,7 +318,7 @@ TEST_F(server_test, clients_take_turns) {
 }
 
 TEST_F(server_test, serves_64_clients_and_closes_the_next_at_once) {
-    const StoppedClock stopped;  // One service hands out for 50 ms at most.
+    const StoppedClock stopped;  // A round hands out for 50 ms at most.
     DrivenServer server(path);
     std::vector<RawPeer> peers;
     for (std::uint64_t id = 0; id < 64; ++id) {
@@ -332,7 +332,7 @@ TEST_F(server_test, serves_64_clients_and_closes_the_next_at_once) {
     for (const RawPeer& peer : peers) {
         EXPECT_EQ(peer.read_available().substr(0, 2), "CS");
     }
-    // One leaves, and the same service has room for another.
+    // One leaves, and the same round has room for another.
     peers.pop_back();
     const RawPeer next(path);
     server.idle();
@@ -427,7 +427,7 @@ TEST_F(server_test, a_request_outlives_its_freed_client) {
 }
 
 TEST_F(server_test, requests_sent_before_closing_are_handed_out) {
-    const StoppedClock stopped;  // One service hands out for 50 ms at most.
+    const StoppedClock stopped;  // A round hands out for 50 ms at most.
     DrivenServer server(path);
     RawPeer peer(path);
     peer.send_all(request_frame(1, "one") + request_frame(2, "two"));

@@ -62,8 +62,7 @@ std::optional<Failure> check_combinations(const CommandLine& line, bool has_requ
 }
 
 // Parses the line again with the file's options first, so that the watchdog's options on the line take
-// precedence. A global option with a value, such as --socket, is refused
-// if it is in both places.
+// precedence. A global option with a value, such as --socket, is refused if it is in both places.
 std::optional<Failure> parse_with_file(const std::vector<std::string>& words, CommandLine& line) {
     const std::string path = line.watchdog.config_path;
     const auto publish_from = line.watchdog.limits.publish_from;

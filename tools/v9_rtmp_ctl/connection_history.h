@@ -52,8 +52,7 @@ struct ClientRecord {
     CounterHistory received;
 
     // For publishers only: the server relays this one. A name's only publisher is relayed until it has sent
-    // nothing for 2.5 s and another one sends. Also false if it is not known
-    // whether this one is relayed.
+    // nothing for 2.5 s and another one sends. Also false if it is not known whether this one is relayed.
     bool is_relayed = false;
     std::uint64_t quiet_since_us = 0;  // monotonic; possibly silent since then
 

@@ -27,7 +27,7 @@ std::optional<Failure> for_each_batch(const Batch& targets, const Call& call) {
         const auto begin = targets.begin() + static_cast<std::ptrdiff_t>(idx);
         if (std::optional<Failure> failure = call(Batch(begin, begin + static_cast<std::ptrdiff_t>(count)))) {
             if (idx > 0 || may_have_been_sent(*failure)) {
-                failure->message += " Some of the connections may have been dropped: see 'v9_rtmp_ctl list'.";
+                failure->message += " Connections may have been dropped: see 'v9_rtmp_ctl list'.";
             }
             return failure;
         }

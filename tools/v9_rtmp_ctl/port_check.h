@@ -1,9 +1,8 @@
 // Finds the processes that listen on the server's RTMP port, from /proc.
 //
 // A second server started by mistake takes over the control socket. If the same user runs it, it also shares
-// the port, and players may reach one server while their publisher is
-// connected to the other. The first server prints "Lost
-// server socket". Neither server reports that the port is shared.
+// the port, and players may reach one server while their publisher is connected to the other. The first
+// server prints "Lost server socket". Neither server reports that the port is shared.
 #pragma once
 
 #include <sys/types.h>

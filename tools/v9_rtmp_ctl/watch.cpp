@@ -135,7 +135,8 @@ void watch_in_frames(const Settings& settings, const WatchOptions& options, Watc
 }  // namespace
 
 ExitCode run_watch(const Settings& settings, const WatchOptions& options) {
-    // If the server is not running, start and wait for it. If permission is missing, say so and end.
+    // If the server is not running, start and wait for it. If permission is missing or the path cannot be
+    // used, say so and end.
     ControlClient probe(settings.socket_path, std::min(settings.timeout_us(), MAX_PROBE_US));
     const std::optional<Failure> failure = probe.connect();
     if (failure && (failure->exit_code == ExitCode::PERMISSION || failure->exit_code == ExitCode::USAGE)) {
