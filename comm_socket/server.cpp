@@ -286,9 +286,8 @@ bool is_crowded(const comm_socket_v4* server) {
     return bytes > COMM_SOCKET_V4_MAX_TOTAL_WAITING_BYTES;
 }
 
-// Whether no more requests are handed out until the next idle. A flood of requests, or a few with huge
-// replies, must not block the caller. The first request is always handed out, so even the slowest machine
-// makes progress.
+// Whether this round hands out no more requests. A flood of requests, or a few with huge replies, must not
+// block the caller. The first request is always handed out, so even the slowest machine makes progress.
 bool round_is_over(const comm_socket_v4* server, bool crowded) {
     return server->handed_out != 0 &&
            (crowded || server->handed_out >= COMM_SOCKET_V4_MAX_REQUESTS_PER_IDLE ||

@@ -15,7 +15,8 @@ namespace {
 
 class hostile_client_test : public testing::Test {
   public:
-    // A round ends after 50 ms, and a busy machine may need that long for fewer clients than these.
+    // A round hands out for 50 ms at most, and a busy machine may need that long for fewer clients
+    // than these.
     StoppedClock stopped;
     TemporaryDirectory directory;
     DrivenServer server{directory.file("socket")};
