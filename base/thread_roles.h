@@ -33,6 +33,6 @@ inline constexpr ThreadRole WRITER_THREAD{};  // a connection's writer
 #define ON_WRITER_THREAD REQUIRES(WRITER_THREAD)
 
 // Tells the checker that this thread holds the role from here on. Called at the start of a thread, and where
-// another thread does the role's work while the role's own thread does not.
+// another thread does work of this role at a time when the role's own thread cannot be doing it.
 inline void assume_role(const ThreadRole& role) ASSERT_CAPABILITY(role);
 inline void assume_role(const ThreadRole& /*role*/) {}

@@ -4,7 +4,7 @@
 //   reader thread -- connection_in --> main thread
 //   reader thread, main thread -- connection_out --> writer thread
 //
-// If a packet cannot be queued because the lock failed, it is released and the function returns false.
+// If the lock fails, the function returns false, and a packet meant for connection_out is released.
 #pragma once
 
 #include <cstdint>

@@ -8,8 +8,8 @@
 // cancellation point.
 #pragma once
 
-// argument: the RTMPConnection. Does the handshake, then reads messages until the client closes or breaks a
-// rule. Sets thread_died at the end.
+// argument: the RTMPConnection. Does the handshake, then reads messages until the client closes the
+// connection or violates the protocol. Sets thread_died at the end.
 extern "C" void* reader_thread(void* argument);
 
 // argument: the RTMPConnection. Sends what is in connection_out until a send fails. Sets

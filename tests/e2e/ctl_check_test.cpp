@@ -96,7 +96,7 @@ TEST(ctl_check, the_advice_restores_the_control_socket_of_a_service_without_a_re
         const ProgramRun run = run_tool({command});
         EXPECT_THAT(
             run.out + run.err,
-            HasSubstr("'systemd-tmpfiles --create v9-rtmp-server.conf' as root to restore the socket."));
+            HasSubstr("'systemd-tmpfiles --create v9-rtmp-server.conf' as root to restore the socket;"));
     }
 }
 

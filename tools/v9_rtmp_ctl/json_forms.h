@@ -40,8 +40,9 @@ struct Greeting {
 [[nodiscard]] std::string hello_json(const Greeting& greeting);
 
 // {"dropped":2,"dry_run":false,"message":"..."}; message is null if the server sent none or several. A drop
-// by id adds "ids", certainly dropped, and "uncertain", where another client may have been dropped. A dry run
-// adds them too: "ids" are then those that would be dropped, and "uncertain" is empty.
+// by id adds "ids", the connections certainly dropped, and "uncertain", the ids for which another client may
+// have been dropped instead. A dry run adds them too: "ids" are then those that would be dropped, and
+// "uncertain" is empty.
 struct DropResult {
     std::size_t dropped = 0;
     bool dry_run = false;

@@ -117,10 +117,10 @@ std::string many_listeners(const std::vector<ListeningSocket>& sockets, const st
                                       " (" + process_list(owners) + ")"
                                 : std::to_string(sockets.size()) + " sockets listen on " + port_text();
     return who +
-           ", and the kernel distributes clients among them: players may reach one without their "
-           "publisher. " +
+           ", and the kernel distributes clients among them: a player may reach a different process from "
+           "its publisher. " +
            "The control socket belongs to process " + std::to_string(answering.pid) +
-           ". Stop all but one, then restart that one if it is not the one that answers.";
+           ". Stop all but one. If the one left is not that process, restart it.";
 }
 
 // The directory of the service's socket; see packaging/tmpfiles.
@@ -135,8 +135,8 @@ std::string describe_listeners_without_answer() {
     return who_listens(find_owners(*sockets), " still") +
            ". If that is a v9_rtmp_server, a second instance took its control socket: " +
            (access(SERVICE_DIRECTORY, F_OK) == 0
-                ? "for the service, run 'systemd-tmpfiles --create v9-rtmp-server.conf' as root to restore "
-                  "the socket. Otherwise stop the server, then start it again."
+                ? "if the server runs as the service, run 'systemd-tmpfiles --create v9-rtmp-server.conf' as "
+                  "root to restore the socket; if not, stop the server, then start it again."
                 : "stop it, then start it again.");
 }
 

@@ -30,8 +30,8 @@ std::optional<std::uint64_t> find_lag_us(const ConnectionHistory& history, const
     const std::uint64_t since_us =
         history.attended_us() - std::max(client.stream_attended_us, other.stream_attended_us);
     const std::uint64_t missing = wanted - std::min(*own, wanted);
-    // since_us includes the time for settling but the counts do not, so this may exceed the lag at the
-    // other's mean rate.
+    // since_us includes the settling time but the byte counts do not, so the result may exceed the time that
+    // the other needs for the missing bytes at its mean rate.
     return wanted == 0
                ? 0
                : static_cast<std::uint64_t>(static_cast<double>(since_us) * static_cast<double>(missing) /
