@@ -336,7 +336,7 @@ TEST(command_line, each_rule_of_the_watchdog_can_be_set_and_turned_off) {
     EXPECT_EQ(parsed({"watchdog", "--stagger", "0.5"}).watchdog.limits.stagger_us, 500000U);
     EXPECT_TRUE(parsed({"watchdog", "-n"}).watchdog.dry_run);
     EXPECT_THAT(refused({"watchdog", "--stalled", "x"}).message,
-                HasSubstr("'x' is not a number of seconds from 0.1 to 86400, or off"));
+                HasSubstr("'x' is neither 'off' nor a number of seconds from 0.1 to 86400"));
 }
 
 TEST(command_line, rules_that_compare_need_four_looks) {

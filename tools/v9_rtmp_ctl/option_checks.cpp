@@ -14,28 +14,28 @@ namespace {
 constexpr const char* OFF = "off";
 
 // Returns the advice for an invalid number of seconds. Empty if the number is valid.
-std::string advise(const std::string& text, double min, const char* alternative) {
+std::string advise(const std::string& text, double min, const char* is_not_a) {
     double value = 0;
     // In this form the test also fails for NaN.
     if (CLI::detail::lexical_cast(text, value) && value >= min && value <= MAX_SECONDS) {
         return "";
     }
     std::ostringstream advice;
-    advice << "'" << escape_untrusted(text) << "' is not a number of seconds from " << min << " to "
-           << MAX_SECONDS << alternative;
+    advice << "'" << escape_untrusted(text) << "' " << is_not_a << " number of seconds from " << min << " to "
+           << MAX_SECONDS;
     return advice.str();
 }
 
 }  // namespace
 
 CLI::Validator seconds(double min) {
-    return CLI::Validator([min](const std::string& text) { return advise(text, min, ""); }, "");
+    return CLI::Validator([min](const std::string& text) { return advise(text, min, "is not a"); }, "");
 }
 
 CLI::Validator seconds_or_off(double min) {
     return CLI::Validator(
         [min](const std::string& text) {
-            return text == OFF ? std::string() : advise(text, min, ", or off");
+            return text == OFF ? std::string() : advise(text, min, "is neither 'off' nor a");
         },
         "");
 }

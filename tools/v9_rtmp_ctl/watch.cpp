@@ -80,7 +80,7 @@ void watch_on_screen(const Settings& settings, const WatchOptions& options, Watc
                 return;
             }
             is_stale = true;
-            continue;  // Earlier input was meant for the shell.
+            continue;  // The poll results are stale: the shell may have read that input.
         }
         // The new size is read when the next frame is painted.
         is_stale |= events.resize;
@@ -135,8 +135,8 @@ void watch_in_frames(const Settings& settings, const WatchOptions& options, Watc
 }  // namespace
 
 ExitCode run_watch(const Settings& settings, const WatchOptions& options) {
-    // If the server is not running, start and wait for it. If permission is missing or the path cannot be
-    // used, say so and end.
+    // If the server is not running, watch starts anyway and waits for it. If permission is missing or the
+    // path cannot be used, it says so and ends.
     ControlClient probe(settings.socket_path, std::min(settings.timeout_us(), MAX_PROBE_US));
     const std::optional<Failure> failure = probe.connect();
     if (failure && (failure->exit_code == ExitCode::PERMISSION || failure->exit_code == ExitCode::USAGE)) {

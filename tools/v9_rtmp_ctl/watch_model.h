@@ -71,7 +71,8 @@ void take_in(WatchModel& model, Listing listing);
 // Takes in a failed look.
 void take_in(WatchModel& model, const Failure& failure);
 
-// Returns those that pass the selection and the filter. The pointers are valid until the model changes.
+// Returns the connections or streams that match the selection of the command line and the filter. The
+// pointers are valid until the model changes.
 [[nodiscard]] std::vector<const Connection*> shown_connections(const WatchModel& model);
 [[nodiscard]] std::vector<const StreamSummary*> shown_streams(const WatchModel& model);
 

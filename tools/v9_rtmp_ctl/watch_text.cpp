@@ -153,7 +153,7 @@ std::vector<std::string> help_texts() {
             "Esc         clear the selection",
             "v           streams, connections, or both",
             "s, r        sort by id, stream or rate; reverse",
-            "/           show only rows that contain a text",
+            "/           show only rows that contain some text",
             "u           rates in bits or in bytes",
             "t           totals or addresses, if only one fits",
             "p, space    pause, continue",

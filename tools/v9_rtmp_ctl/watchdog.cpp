@@ -208,7 +208,7 @@ class Watchdog {
         return std::max(ConnectionHistory::MAX_NAME_BYTES, options.limits.long_name_bytes.value_or(0));
     }
 
-    // Long names are dropped first, so that later listings do not contain them.
+    // Clients with long names are dropped first, so that later listings do not contain those names.
     void drop(std::vector<Verdict> verdicts) {
         auto begin_of_whole = std::stable_partition(
             verdicts.begin(), verdicts.end(),

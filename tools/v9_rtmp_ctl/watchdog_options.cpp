@@ -34,7 +34,7 @@ CLI::Validator bytes_or_off() {
             std::size_t bytes = 0;
             return text == OFF || (parse_number(text, bytes) && bytes > 0)
                        ? std::string()
-                       : "'" + escape_untrusted(text) + "' is not a positive number of bytes, or off";
+                       : "'" + escape_untrusted(text) + "' is neither 'off' nor a positive number of bytes";
         },
         "");
 }

@@ -8,7 +8,7 @@
 
 namespace {
 
-// A counter that grows with media grows in each of this many equal parts of the window.
+// While a client carries media, its counter grows in each of this many equal parts of the window.
 constexpr unsigned PARTS = 3;
 // A player's counter also grows a little from replies.
 constexpr std::uint64_t PLAYER_BYTES_PER_SECOND = 250;

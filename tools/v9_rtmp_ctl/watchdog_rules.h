@@ -5,8 +5,8 @@
 // counter has grown as it does with media: in each third of the time, and by 2000 bytes a second. If several
 // publishers may be the relayed one, the counters of all of them must have grown in this way. If all the
 // players that it is compared with are stalled too, the publisher is suspected and the player is not dropped.
-// A player that keeps up with a publisher is not behind others: counters include headers, and a player
-// chooses its chunk size.
+// A player that keeps up with a publisher is never judged to be behind other players: counters include chunk
+// headers, and a player with smaller chunks only appears to be ahead.
 #pragma once
 
 #include <array>
