@@ -43,9 +43,10 @@ struct comm_socket_v4_client {
 
     comm_socket_v4* server;
     std::shared_ptr<std::size_t> unreleased = std::make_shared<std::size_t>(0);  // requests handed out
-    comm_socket::ClientLink link;  // after unreleased: nothing may throw once it owns the socket
-    std::uint64_t last_turn = 0;   // value of server->turns at the client's last turn; 0: none yet
-    bool announced = false;        // returned by accept_connection, so the caller must free it
+    // Declared after unreleased: nothing may throw once the link owns the socket.
+    comm_socket::ClientLink link;
+    std::uint64_t last_turn = 0;  // value of server->turns at the client's last turn; 0: none yet
+    bool announced = false;       // returned by accept_connection, so the caller must free it
     ClientList* home = nullptr;
     ClientList::iterator position;
 };

@@ -100,12 +100,12 @@ extern "C" {
  * COMM_SOCKET_V4_CROWD_TIMEOUT_US: 12 replies if comm_socket_v4_idle is called every 100 ms. */
 #define COMM_SOCKET_V4_MAX_TOTAL_WAITING_BYTES 67108864u
 
-/* How long, in a crowded server, a client's socket may accept no bytes while bytes wait for it (1 s). A full
- * socket accepts more only after about 50 KB have been read from it, so a client that reads slowly is
- * disconnected too. */
+/* How long (1 s), in a crowded server, a client's socket may go without accepting bytes while bytes wait for
+ * it. A full socket accepts more only after about 50 KB have been read from it, so a client that reads slowly
+ * is disconnected too. */
 #define COMM_SOCKET_V4_CROWD_TIMEOUT_US 1000000u
 
-/* How long a client may take to send one request, and how long it may read nothing while bytes wait
+/* How long a client may take to send one request, and how long it may go without reading while bytes wait
  * for it (10 s). */
 #define COMM_SOCKET_V4_CLIENT_TIMEOUT_US 10000000u
 
@@ -203,9 +203,9 @@ size_t comm_socket_v4_packet_get_pair_name_length(const comm_socket_v4_packet* p
 const char* comm_socket_v4_packet_get_pair_value(const comm_socket_v4_packet* packet, size_t idx);
 size_t comm_socket_v4_packet_get_pair_value_length(const comm_socket_v4_packet* packet, size_t idx);
 
-/* Prints the packet in human-readable form, one field per line. Bytes outside 0x20 to 0x7E, quotes and
- * backslashes are escaped, and strings longer than 1024 bytes are cut, so packets from untrusted clients can
- * be printed. */
+/* Prints the packet in human-readable form: one line for its kind, id and status, then one line for each
+ * string or pair. Bytes outside 0x20 to 0x7E, quotes and backslashes are escaped, and strings longer than
+ * 1024 bytes are cut, so packets from untrusted clients can be printed. */
 void comm_socket_v4_packet_dump_user_friendly(const comm_socket_v4_packet* packet, FILE* stream);
 
 /* ---- Server ----
