@@ -179,7 +179,7 @@ def figures_of(results):
         Figure("120 players: late, 99.9 %", median("players_120x4", "lateness", "p999_ms"), 75, "ms"),
         Figure("100 stuck players: memory", memory_share, 1, "x what they may take"),
         Figure("100 stuck players: memory in use after they left", memory_left, STUCK_LEFT_KIB, "KiB"),
-        Figure("100 stuck players: change of the others' 99 %", results.stuck_shift(), 5, "ms"),
+        Figure("100 stuck players: change in the others' lateness, 99 %", results.stuck_shift(), 5, "ms"),
         Figure("main thread, each further message and player: 60 to 127 players",
                results.growth("main_players", MAIN_PLAYERS), 1.2,
                f"x that of {MAIN_PLAYERS[0]} to {MAIN_PLAYERS[1]}"),

@@ -150,10 +150,10 @@ def draw_chunks(document, axes):
     axes.set_ylim(bottom=0)
 
 
-PLOTS = {"cost_over_players": ("What a GB costs, over players", draw_cost, "players_120x4"),
+PLOTS = {"cost_over_players": ("CPU per GB by number of players", draw_cost, "players_120x4"),
          "lateness": ("How late frames are, 120 players", draw_lateness, "players_120x4"),
-         "memory_over_connections": ("Memory over connections", draw_memory, "idle_120"),
-         "cost_over_chunk_size": ("What a GB costs, over chunk size, 120 players", draw_chunks, "chunk_4096")}
+         "memory_over_connections": ("Memory by number of connections", draw_memory, "idle_120"),
+         "cost_over_chunk_size": ("CPU per GB by chunk size, 120 players", draw_chunks, "chunk_4096")}
 
 
 def draw(document, out_dir):

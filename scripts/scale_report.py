@@ -80,7 +80,7 @@ def seconds(value):
 
 
 def killed_table(figures):
-    rows = [["what was done", "seen after", "players that lost their connection", "all play again after", "without media: median, maximum"]]
+    rows = [["what was done", "detected after", "players that lost their connection", "all play again after", "without media: median, maximum"]]
     names = {"edge_killed": "an edge's server killed", "edge_cut": "an edge's machine cut off",
              "origin_killed": "the origin's server killed", "origin_cut": "the origin's machine cut off",
              "haproxy_killed": "the active HAProxy killed"}
@@ -138,7 +138,7 @@ def measured(figures):
         f"- **Health**: the agent cost {health['lines_a_minute_by_agents']:.0f} lines of the log a minute; one TCP connect "
         f"costs {health['lines_of_one_tcp_connect']}.\n"
         f"- **Browser**: {browser['played_s']:.1f} s played in {browser['seconds']:.1f} s, "
-        f"{browser['pictures_a_second']:.0f} pictures a second, {browser['dropped']} dropped."])
+        f"{browser['pictures_a_second']:.0f} frames a second, dropped frames: {browser['dropped']}."])
 
 
 def draw(figures, path):
