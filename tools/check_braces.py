@@ -61,7 +61,7 @@ def begin_of_counter(code, end):
 
 
 def is_unused(code, begin, after):
-    """Whether the value of the expression at begin is unused. The parameter after is the character that follows it."""
+    """Whether the value of the expression at begin is unused. after: the character that follows the expression."""
     before = code[:begin].rstrip()
     if before.endswith(","):
         return code[:begin_of_bracket(code, begin)].rstrip().endswith("for")

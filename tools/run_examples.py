@@ -90,7 +90,7 @@ def parse(page, text):
             if language not in LANGUAGES:
                 errors.append(f"{page}:{number}: a block must be ```sh or ```text, so that every command is tested")
         elif line.lstrip().startswith(("```", "~~~")):
-            errors.append(f"{page}:{number}: a fence must begin the line and consist of ```")
+            errors.append(f"{page}:{number}: a fence must begin the line, and only a language may follow its three backticks")
         elif mark := MARK.match(line):
             marks[mark[1]] = mark[2]
             if mark[1] in VALUES and mark[2] not in VALUES[mark[1]]:

@@ -166,7 +166,8 @@ Finding judge_standard_error(const std::optional<std::string>& target) {
     if (target->starts_with("/dev/pts/") || target->starts_with("/dev/tty")) {
         return {Level::WARNING, "log",
                 "standard error goes to the terminal " + place +
-                    ": the relay stops while its output is held. Start the server as a service."};
+                    ": the relay stops while the terminal's output is paused (Ctrl-S). Start the server as a "
+                    "service."};
     }
     if (target->starts_with("/") && *target != "/dev/null") {
         return {Level::WARNING, "log",
@@ -198,7 +199,8 @@ Finding judge_kernel(const std::optional<std::uint64_t>& somaxconn,
     if (somaxconn && *somaxconn < NEEDED_BACKLOG) {
         return {Level::WARNING, "kernel",
                 "net.core.somaxconn is " + std::to_string(*somaxconn) +
-                    ": clients that connect at the same time are refused. Set " +
+                    ": if many clients connect at the same time, some attempts are dropped and repeated "
+                    "later. Set " +
                     std::to_string(NEEDED_BACKLOG) + " or more with sysctl."};
     }
     if (threads_max && *threads_max < 2 * NEEDED_THREADS) {

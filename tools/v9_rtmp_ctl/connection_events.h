@@ -2,8 +2,8 @@
 //
 // A connection that begins and ends between two listings is not seen. The listing does not say which of
 // several publishers of a name is relayed, so the first one seen is assumed to be. If several are first seen
-// in the same listing, the likeliest of them is (see stream_summary.h). A takeover is reported when that
-// publisher leaves while others stay. If several stay, the likeliest is named.
+// in the same listing, the likeliest of them is assumed to be relayed (see stream_summary.h). A takeover is
+// reported when that publisher leaves while others stay. If several stay, the likeliest is named.
 #pragma once
 
 #include <cstdint>

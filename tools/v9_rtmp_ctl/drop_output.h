@@ -21,5 +21,5 @@
 // Shows which connections a drop would affect.
 void print_dry_run(const Settings& settings, const std::vector<const Connection*>& connections);
 
-// Reports what was dropped. The form for people is line, which may be empty; with --quiet it is not printed.
+// Reports what was dropped. In the form for people, prints line, which may be empty, or with --quiet nothing.
 void print_dropped(const Settings& settings, const DropResult& result, const std::string& line);
