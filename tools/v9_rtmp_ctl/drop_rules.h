@@ -50,5 +50,5 @@ struct DropTarget {
 [[nodiscard]] Failure no_such_connection(unsigned id);
 [[nodiscard]] Failure not_of_stream(unsigned id, const std::string& stream);
 
-// "play of 'cam1' from 203.0.113.7:50000", for people.
+// The human-readable "play of 'cam1' from 203.0.113.7:50000".
 [[nodiscard]] std::string describe(const Connection& connection);
