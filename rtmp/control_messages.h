@@ -6,7 +6,7 @@
 
 // Handles a message on message stream 0 and chunk stream 2, which must be a control message. On message
 // stream 0, a lower chunk stream id is a protocol violation. Ignores all other messages. Returns false if the
-// lock failed, or after printing what is wrong if the message violates the protocol. Reading then ends.
+// lock failed, or after printing what is wrong if the server does not accept the message. Reading then ends.
 [[nodiscard]] bool act_on_control_message(RTMPConnection& conn, const RTMP_Packet& pkt) ON_READER_THREAD;
 
 // Queues an acknowledgement of all bytes read so far if one is due. Returns false if the lock failed.

@@ -3,6 +3,6 @@
 
 #include "core/connection.h"
 
-// Does the handshake, then reads messages until the client closes the connection or violates the protocol.
-// Does not check for a stop request: the main thread cancels the thread instead.
+// Does the handshake, then reads messages until the client closes the connection or sends something that the
+// server does not accept. Does not check for a stop request: the main thread cancels the thread instead.
 void read_session(RTMPConnection& conn) ON_READER_THREAD;

@@ -9,7 +9,7 @@
 #pragma once
 
 // argument: the RTMPConnection. Does the handshake, then reads messages until the client closes the
-// connection or violates the protocol. Sets thread_died at the end.
+// connection or sends something that the server does not accept. Sets thread_died at the end.
 extern "C" void* reader_thread(void* argument);
 
 // argument: the RTMPConnection. Sends what is in connection_out until a send fails. Sets

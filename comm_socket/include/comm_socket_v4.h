@@ -204,8 +204,8 @@ const char* comm_socket_v4_packet_get_pair_value(const comm_socket_v4_packet* pa
 size_t comm_socket_v4_packet_get_pair_value_length(const comm_socket_v4_packet* packet, size_t idx);
 
 /* Prints the packet in human-readable form: one line for its kind, id and status, then one line for each
- * string or pair. Bytes outside 0x20 to 0x7E, quotes and backslashes are escaped, and strings longer than
- * 1024 bytes are cut, so packets from untrusted clients can be printed. */
+ * string, argument and pair, up to 256 pairs. Bytes outside 0x20 to 0x7E, quotes and backslashes are escaped,
+ * and strings longer than 1024 bytes are cut, so packets from untrusted clients can be printed. */
 void comm_socket_v4_packet_dump_user_friendly(const comm_socket_v4_packet* packet, FILE* stream);
 
 /* ---- Server ----

@@ -98,7 +98,7 @@ Parsed ChunkParser::payload(std::uint32_t length, std::string& bytes) {
     return Parsed::MESSAGE;
 }
 
-// Carries out the message if it is a control message. False if it violates the protocol.
+// Carries out the message if it is a control message. False if the server would not accept it.
 bool ChunkParser::obey(const ParsedMessage& message) {
     if (message.message_stream_id != 0 || message.chunk_stream_id != 2 || message.type == 3 ||
         message.type == 4 || message.type == 5) {

@@ -1,9 +1,9 @@
 // Drops connections by their ids, and finds out which clients were dropped.
 //
-// A drop request can identify a connection only by its id and, as a guard, its stream name. At any moment
-// another client of the same stream can take over its slot; if it has no stream, any other client can. So one
-// write requests a listing, the drops and another listing. The server usually handles all of them in one
-// pass. A drop is certain only if both listings agree.
+// A drop request can identify a connection only by its id and, as a guard, its stream name. The guard does
+// not detect that another client of the same stream has taken the slot; without a stream name, there is no
+// guard. So one write requests a listing, the drops and another listing. The server usually handles all of
+// them in one pass. A drop is certain only if both listings agree.
 #pragma once
 
 #include <cstddef>
