@@ -151,7 +151,7 @@ def look_around(directory, is_short):
                 "events": events, "watchdog_said": said,
                 "scrapes": sum(prometheus.query(f"count_over_time(up{span})").values()),
                 "scrapes_failed": sum(prometheus.query(f"count_over_time(up{span}) - sum_over_time(up{span})").values()),
-                "looks_failed": sum(prometheus.query(f"count_over_time(v9_rtmp_up{span}) - sum_over_time(v9_rtmp_up{span})")
+                "polls_failed": sum(prometheus.query(f"count_over_time(v9_rtmp_up{span}) - sum_over_time(v9_rtmp_up{span})")
                                     .values()),
                 "page": [{"elements": elements, "heap_kib": heap // 1024} for elements, heap in page],
                 "complaints": browser.complaints(),

@@ -114,7 +114,7 @@ def judge_around(samples, around, memory_rise, ended_early):
             not around["watchdog_said"] and around["problem"] is None),
         Row("Prometheus: scrapes that failed", f"{around['scrapes_failed']:.0f} of {around['scrapes']:.0f}", "0",
             around["scrapes_failed"] == 0 and around["scrapes"] > 0),
-        Row("serve: looks that failed", f"{around['looks_failed']:.0f}", "0", around["looks_failed"] == 0),
+        Row("serve: failed polls", f"{around['polls_failed']:.0f}", "0", around["polls_failed"] == 0),
         Row("the browser's complaints", str(len(around["complaints"])), "0", not around["complaints"]),
         judge_page(around["page"]),
     ]

@@ -135,8 +135,8 @@ def measured(figures):
         f"{doors['frames_by_rtmps_of_the_other_name']} over RTMPS under the name that selects the origin.\n"
         f"- **Limit**: of {limits['connections_tried']} connections from one address {limits['kept']} were kept; another address "
         f"was served at the same time.\n"
-        f"- **Health**: the agent cost {health['lines_a_minute_by_agents']:.0f} lines of the log a minute; one TCP connect "
-        f"costs {health['lines_of_one_tcp_connect']}.\n"
+        f"- **Health**: the agent made the server log {health['lines_a_minute_by_agents']:.0f} lines a minute; one TCP "
+        f"connect causes {health['lines_of_one_tcp_connect']}.\n"
         f"- **Browser**: {browser['played_s']:.1f} s played in {browser['seconds']:.1f} s, "
         f"{browser['pictures_a_second']:.0f} frames a second, dropped frames: {browser['dropped']}."])
 

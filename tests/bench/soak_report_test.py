@@ -48,7 +48,7 @@ def good_around():
     return {"offenders": ["127.0.0.1:40000", "127.0.0.1:40002"],
             "offenders_dropped": ["127.0.0.1:40000", "127.0.0.1:40002"], "problem": None,
             "events": [{"address": address, "action": "dropped"} for address in ("127.0.0.1:40000", "127.0.0.1:40002")],
-            "watchdog_said": [], "scrapes": SECONDS, "scrapes_failed": 0, "looks_failed": 0, "complaints": [],
+            "watchdog_said": [], "scrapes": SECONDS, "scrapes_failed": 0, "polls_failed": 0, "complaints": [],
             "page": [{"elements": 900 + i % 2, "heap_kib": 3000 + i} for i in range(20)]}
 
 
@@ -219,7 +219,7 @@ class AroundReport(unittest.TestCase):
     def test_a_failed_scrape_or_look_fails_and_so_does_a_run_without_scrapes(self):
         for change, row in (({"scrapes_failed": 1}, "Prometheus: scrapes that failed"),
                             ({"scrapes": 0}, "Prometheus: scrapes that failed"),
-                            ({"looks_failed": 1}, "serve: looks that failed"),
+                            ({"polls_failed": 1}, "serve: failed polls"),
                             ({"complaints": ["a policy was violated"]}, "the browser's complaints")):
             self.around = {**good_around(), **change}
             self.assertEqual(self.failed_rows(), [row])
@@ -280,9 +280,9 @@ class SoakReportProgram(unittest.TestCase):
         status, output = self.run_program(good_totals(), around=good_around())
         self.assertEqual(status, 0)
         self.assertRegex(output, r"watchdog: dropped of those it must +2 of 2 ")
-        status, output = self.run_program(good_totals(), around={**good_around(), "looks_failed": 3})
+        status, output = self.run_program(good_totals(), around={**good_around(), "polls_failed": 3})
         self.assertEqual(status, 1)
-        self.assertRegex(output, r"serve: looks that failed +3 +0 +FAILED")
+        self.assertRegex(output, r"serve: failed polls +3 +0 +FAILED")
 
     def test_a_sanitizer_report_of_the_server_is_shown(self):
         report = "WARNING: ThreadSanitizer: data race (pid=1)"

@@ -144,8 +144,8 @@ TEST(ctl_events, report_each_client_and_run_a_program_for_each) {
     std::filesystem::permissions(hook, std::filesystem::perms::owner_all);
     RtmpClient first = publishing_client("cam1");
     ProgramProcess events({tool_path(), "events", "--interval", "0.1", "--exec", hook});
-    // What exists before the first look is not an event. The hook's first line shows that events has taken
-    // its first look.
+    // What exists before the first listing is not an event. The hook's first line shows that events has taken
+    // its first listing.
     std::vector<RtmpClient> probes;
     EXPECT_TRUE(holds_within(DEFAULT_WAIT, [&] {
         probes.emplace_back();
@@ -194,7 +194,7 @@ TEST(ctl_events, end_after_the_running_program_although_more_events_wait) {
         clients.emplace_back();
         return holds_within(Milliseconds{300}, [&] { return runs() > 0; });
     }));
-    // The first hook is still running, so the next look finds all of these.
+    // The first hook is still running, so the next listing contains all of these.
     for (int i = 0; i < 10; ++i) {
         clients.emplace_back();
     }

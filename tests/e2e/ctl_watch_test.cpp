@@ -328,7 +328,7 @@ TEST_F(ctl_watch_test, the_pause_key_keeps_the_frame_until_it_is_pressed_again) 
     watch.type("p");
     (void)watch.wait_for_text("PAUSED");
     const RtmpClient other = playing_client("garden");
-    // Long enough for two looks.
+    // Long enough for two polls.
     std::this_thread::sleep_for(Milliseconds{500});
     EXPECT_THAT(watch.screen().rows(), Not(Contains(HasSubstr("garden"))));
     watch.type("p");

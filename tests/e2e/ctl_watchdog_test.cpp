@@ -130,9 +130,10 @@ TEST_F(watchdog, a_player_that_never_reads_is_dropped_and_the_others_are_not_aff
     LivePair live(fast_stream());
     RtmpClient stuck = playing_client("live", small_buffer());
     Watchdog dog(with(ALL_OFF, {"--stalled", "2"}));
-    EXPECT_THAT(dog.line_about(stuck),
-                EndsWith(dropped(
-                    "stalled", "it has taken nothing for 2 s while other players of the stream took data")));
+    EXPECT_THAT(
+        dog.line_about(stuck),
+        EndsWith(dropped("stalled",
+                         "it has received nothing for 2 s while other players of the stream received data")));
     server.wait_for_line("Connection for play unsubscribed from 'live'");
     live.wait_for_more(10);
     live.finish();
@@ -160,7 +161,7 @@ TEST_F(watchdog, a_lone_player_that_stops_reading_is_dropped) {
     Watchdog dog(with(ALL_OFF, {"--stalled", "2"}));
     EXPECT_THAT(
         dog.line_about(paused),
-        EndsWith(dropped("stalled", "it has taken nothing for 2 s while the publisher kept sending")));
+        EndsWith(dropped("stalled", "it has received nothing for 2 s while the publisher kept sending")));
     sending.stop();
     EXPECT_EQ(sending.failure(), "");
 }

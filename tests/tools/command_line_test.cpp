@@ -339,7 +339,7 @@ TEST(command_line, each_rule_of_the_watchdog_can_be_set_and_turned_off) {
                 HasSubstr("'x' is neither 'off' nor a number of seconds from 0.1 to 86400"));
 }
 
-TEST(command_line, rules_that_compare_need_four_looks) {
+TEST(command_line, rules_that_compare_need_four_polls) {
     EXPECT_EQ(parsed({"watchdog", "--interval", "3.75"}).watchdog.interval_seconds, 3.75);
     for (const Words& words : {Words{"watchdog", "--interval", "3.8"}, Words{"watchdog", "--stalled", "3.9"},
                                Words{"watchdog", "--behind", "3.9"}}) {

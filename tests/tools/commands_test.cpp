@@ -300,7 +300,7 @@ TEST_F(commands_test, the_watchdog_counts_a_drop_as_a_miss_when_the_slot_got_ano
     options.limits.unnamed_us = 1;
     options.interval_seconds = 0.1;
     options.state_directory = make_directory();
-    // Two looks until the client is old enough; then the listings before and after its drop.
+    // Two polls until the client is old enough; then the listings before and after its drop.
     later_lines = {{UNNAMED},  {UNNAMED},  {UNNAMED},  {newcomer}, {newcomer},
                    {newcomer}, {newcomer}, {newcomer}, {}};
     ends_after_last_listing = true;
@@ -320,7 +320,7 @@ TEST_F(commands_test, the_watchdog_names_the_client_that_left_after_a_drop_witho
     options.state_directory = make_directory();
     settings.timeout_seconds = 0.2;
     answers_drops = false;
-    // Two looks until the clients are old enough, the listings around the drops, then a look at who
+    // Two polls until the clients are old enough, the listings around the drops, then a listing of who
     // has stayed.
     const std::string stays = "7\t\t\t\t0\t0\t10.0.0.7:7";
     later_lines = {{UNNAMED, stays}, {UNNAMED, stays}, {UNNAMED, stays}, {UNNAMED, stays}, {stays}};

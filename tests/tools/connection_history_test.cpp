@@ -264,7 +264,7 @@ TEST_F(history_test, text_that_is_not_a_history_is_refused) {
 }
 
 TEST_F(history_test,
-       a_publisher_stays_the_relayed_one_over_a_pause_between_looks_while_its_stream_has_players) {
+       a_publisher_stays_the_relayed_one_over_a_pause_between_polls_while_its_stream_has_players) {
     for (const bool has_player : {true, false}) {
         history = ConnectionHistory();
         const auto both = [has_player](std::uint64_t s) {

@@ -18,7 +18,7 @@ const std::string HOSTILE = "a\"} 1\nevil_metric 9\n\\ \xff\xc3 \u202e{}\t";
 
 class metrics_test : public testing::Test {
   protected:
-    void look(std::uint64_t second, const std::vector<Connection>& connections) {
+    void poll(std::uint64_t second, const std::vector<Connection>& connections) {
         history.take_in({second * ONE_SECOND_US, connections});
         series.take_in(history);
         source.connections = connections;
@@ -26,8 +26,8 @@ class metrics_test : public testing::Test {
 
     // The metrics of a server that answers, with every kind of sample.
     std::string everything() {
-        look(1, {observed_publisher(0, "cam1", 100000), observed_player(1, "cam1", 50000)});
-        look(2, {observed_publisher(0, "cam1", 200000), observed_player(1, "cam1", 150000),
+        poll(1, {observed_publisher(0, "cam1", 100000), observed_player(1, "cam1", 50000)});
+        poll(2, {observed_publisher(0, "cam1", 200000), observed_player(1, "cam1", 150000),
                  observed_publisher(2, HOSTILE, 70000), observed_client(3, "", "", 0, 0)});
         source.round_trip_s = 0.05;
         source.process = {1.25, 1700000000.5, 9, 1000000, 500000, 17, 1024};
@@ -121,7 +121,7 @@ TEST_F(metrics_test, each_has_its_help_and_type_once) {
 }
 
 TEST_F(metrics_test, two_names_that_look_the_same_share_a_series) {
-    look(1, {observed_publisher(0, "a\xff", 100000), observed_publisher(1, "a\\xFF", 100000)});
+    poll(1, {observed_publisher(0, "a\xff", 100000), observed_publisher(1, "a\\xFF", 100000)});
     source.round_trip_s = 0.05;
     source.history = &history;
     source.series = &series;

@@ -32,7 +32,7 @@ TEST_F(monitor_test, takes_the_ages_of_a_watchdogs_history_and_not_its_counters)
     ASSERT_TRUE(replace_file(state + "/" + WATCHDOG_HISTORY_FILE, watchdogs.to_json(boot_id())));
     Monitor monitor(server.path(), 5 * ONE_SECOND_US, state);
     for (const std::uint64_t received_since : {0U, 50U, 100U}) {
-        monitor.look();
+        monitor.poll();
         ASSERT_FALSE(monitor.view().failure);
         EXPECT_EQ(monitor.view().series.listed().at("cam1").bytes_received, received_since);
     }
@@ -43,14 +43,14 @@ TEST_F(monitor_test, takes_the_ages_of_a_watchdogs_history_and_not_its_counters)
 TEST_F(monitor_test, counts_from_its_first_look_if_no_watchdog_runs) {
     Monitor monitor(server.path(), 5 * ONE_SECOND_US, state);
     for (const std::uint64_t received_since : {0U, 50U}) {
-        monitor.look();
+        monitor.poll();
         ASSERT_FALSE(monitor.view().failure);
         EXPECT_EQ(monitor.view().series.listed().at("cam1").bytes_received, received_since);
     }
 }
 
-TEST(monitor, counts_all_of_the_time_between_looks_that_are_far_apart) {
-    ConnectionHistory history(times_between_looks(15 * ONE_SECOND_US));
+TEST(monitor, counts_all_of_the_time_between_polls_that_are_far_apart) {
+    ConnectionHistory history(times_between_polls(15 * ONE_SECOND_US));
     for (const std::uint64_t second : {100U, 115U, 130U}) {
         history.take_in({second * ONE_SECOND_US, {observed_publisher(0, "cam1", 100000)}});
     }

@@ -18,10 +18,10 @@ class rate_plots_test : public testing::Test {
     // Lists a publisher of 1000 and a player of 500 bytes a second, up to this second.
     void run_until(std::uint64_t second) {
         for (; now_s <= second; ++now_s) {
-            look({observed_publisher(0, "cam1", 1000 * now_s), observed_player(1, "cam1", 500 * now_s)});
+            poll({observed_publisher(0, "cam1", 1000 * now_s), observed_player(1, "cam1", 500 * now_s)});
         }
     }
-    void look(const std::vector<Connection>& connections) {
+    void poll(const std::vector<Connection>& connections) {
         history.take_in({now_s * ONE_SECOND_US, connections});
         rates.take_in(history);
     }
@@ -54,11 +54,11 @@ TEST_F(rate_plots_test, keep_the_last_minutes_only) {
 TEST_F(rate_plots_test, forget_a_stream_that_has_been_gone_for_minutes) {
     run_until(20);
     for (; now_s < 100; ++now_s) {
-        look({});
+        poll({});
     }
     EXPECT_THAT(rates.streams(), Contains(Key("cam1")));
     for (; now_s < 400; ++now_s) {
-        look({});
+        poll({});
     }
     EXPECT_THAT(rates.streams(), Not(Contains(Key("cam1"))));
 }

@@ -50,7 +50,7 @@ TEST(watch_model, quits_on_q) {
     EXPECT_EQ(type(model, "q"), WatchAction::QUIT);
 }
 
-TEST(watch_model, measures_rates_between_two_looks) {
+TEST(watch_model, measures_rates_between_two_polls) {
     WatchModel model = running_model();
     EXPECT_EQ(model.listing.connections[1].sent_rate, std::nullopt);
     Listing next = sample_listing(3000000);

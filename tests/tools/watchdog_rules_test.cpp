@@ -53,7 +53,7 @@ class watchdog_rules_test : public testing::Test {
     std::vector<Verdict> at(std::uint64_t second) {
         EXPECT_GE(second, now_s) << "time does not go back";
         while (now_s < second) {
-            look();
+            poll();
         }
         return judge(history, limits, age_drops);
     }
@@ -61,7 +61,7 @@ class watchdog_rules_test : public testing::Test {
     // Returns the first second, up to the last one, with a verdict on any client; 0 if there is none.
     std::uint64_t first_verdict(std::uint64_t last_second) {
         while (now_s < last_second) {
-            look();
+            poll();
             if (!judge(history, limits, age_drops).empty()) {
                 return now_s;
             }
@@ -114,7 +114,7 @@ class watchdog_rules_test : public testing::Test {
     ConnectionHistory history{history_times(WatchdogLimits(), 5 * SECOND, SECOND)};
 
   private:
-    void look() {
+    void poll() {
         ++now_s;
         Listing listing{now_s * SECOND, {}};
         for (const Client& client : clients) {
@@ -150,8 +150,8 @@ TEST_F(watchdog_rules_test, a_player_that_stands_still_beside_others_is_dropped_
     EXPECT_THAT(at(129), IsEmpty());
     EXPECT_THAT(at(130),
                 ElementsAre(verdict(3, DropRule::STALLED,
-                                    "it has taken nothing for 30 s while other players of the stream "
-                                    "took data")));
+                                    "it has received nothing for 30 s while other players of the stream "
+                                    "received data")));
 }
 
 TEST_F(watchdog_rules_test, a_lone_player_that_stands_still_is_judged_by_the_publisher) {
@@ -161,7 +161,7 @@ TEST_F(watchdog_rules_test, a_lone_player_that_stands_still_is_judged_by_the_pub
     EXPECT_THAT(at(129), IsEmpty());
     EXPECT_THAT(at(130),
                 ElementsAre(verdict(3, DropRule::STALLED,
-                                    "it has taken nothing for 30 s while the publisher kept sending")));
+                                    "it has received nothing for 30 s while the publisher kept sending")));
 }
 
 TEST_F(watchdog_rules_test, a_lone_player_of_a_stream_without_a_publisher_is_kept) {
@@ -544,7 +544,7 @@ TEST_F(watchdog_rules_test, a_server_that_stood_still_makes_no_client_a_suspect)
     EXPECT_THAT(at(now_s + 1), IsEmpty());
 }
 
-TEST(age_drops, the_delays_of_looks_do_not_accumulate_over_a_full_table) {
+TEST(age_drops, the_delays_of_polls_do_not_accumulate_over_a_full_table) {
     constexpr std::uint64_t STAGGER_US = 4000000;
     AgeDrops drops;
     std::uint64_t now_us = 0;

@@ -34,7 +34,7 @@ std::optional<std::uint64_t> read_limit(const std::optional<std::string>& text) 
 }
 
 Finding unreadable(const std::string& what) {
-    return {Level::UNKNOWN, what, "this user may not look at the server's process. Run this again as root."};
+    return {Level::UNKNOWN, what, "this user may not inspect the server's process. Run this again as root."};
 }
 
 }  // namespace
@@ -92,7 +92,7 @@ Finding judge_slots(std::size_t connections) {
         std::to_string(connections) + " of " + std::to_string(SLOT_COUNT) + " slots are used";
     if (connections >= SLOT_COUNT) {
         return {Level::CRITICAL, "slots",
-                used + ": no client can connect. Look at 'v9_rtmp_ctl list', and run the watchdog."};
+                used + ": no client can connect. See 'v9_rtmp_ctl list', and run the watchdog."};
     }
     if (connections + FEW_SLOTS > SLOT_COUNT) {
         return {Level::WARNING, "slots", used + ". See 'v9_rtmp_ctl list' for clients that you can drop."};

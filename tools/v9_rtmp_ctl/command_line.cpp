@@ -27,7 +27,7 @@ std::size_t skip_options(const std::vector<std::string>& words, std::size_t idx)
 }
 
 // Several listings are needed to see whether a counter grows steadily.
-constexpr double LOOKS_PER_LIMIT = 4;
+constexpr double LISTINGS_PER_LIMIT = 4;
 
 std::optional<Failure> check_combinations(const CommandLine& line, bool has_request) {
     if (line.subcommand == Subcommand::RAW && !has_request) {
@@ -52,7 +52,7 @@ std::optional<Failure> check_combinations(const CommandLine& line, bool has_requ
         return usage_failure("watchdog has no --plain form; use 'watchdog --json'", "watchdog");
     }
     const WatchdogLimits& limits = line.watchdog.limits;
-    const double shortest_us = LOOKS_PER_LIMIT * line.watchdog.interval_seconds * US_PER_SECOND;
+    const double shortest_us = LISTINGS_PER_LIMIT * line.watchdog.interval_seconds * US_PER_SECOND;
     const std::uint64_t limit_us =
         std::min(limits.stalled_us.value_or(UINT64_MAX), limits.behind_us.value_or(UINT64_MAX));
     if (line.subcommand == Subcommand::WATCHDOG && static_cast<double>(limit_us) < shortest_us) {

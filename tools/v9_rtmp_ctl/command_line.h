@@ -54,7 +54,7 @@ struct CommandLine {
 [[nodiscard]] std::optional<Failure> parse_command_line(const std::vector<std::string>& words,
                                                         CommandLine& command_line);
 
-// Returns the exit status when the tool itself fails with exit_code. For check it is 3, its UNKNOWN.
+// Returns the exit status when the tool itself fails with exit_code. For check this is 3 (UNKNOWN).
 [[nodiscard]] int failure_status(const std::vector<std::string>& words, ExitCode exit_code);
 
 // The words of a raw command, split into those for the tool and the request after them.

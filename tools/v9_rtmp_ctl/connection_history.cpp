@@ -49,7 +49,7 @@ void add_sample(ClientRecord& record, std::uint64_t attended_us, std::uint64_t w
         return;
     }
     samples.push_back({attended_us, media_counter(record).bytes});
-    // Keep one sample as old as the window.
+    // Keep one sample that is at least as old as the window.
     while (samples.size() > 1 && attended_us - samples[1].attended_us >= window_us) {
         samples.pop_front();
     }

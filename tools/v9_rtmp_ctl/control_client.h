@@ -30,8 +30,8 @@ struct Reply {
     std::vector<std::pair<std::string, std::string>> pairs;  // in the order sent; names may repeat
 };
 
-// Returns the time limit for a whole reply whose bytes keep coming, when pauses may last silence_us: 60 s or
-// twice silence_us, whichever is longer. A slow reply is thus distinguished from silence.
+// Returns the time limit for a whole reply whose bytes keep arriving, with pauses of at most silence_us: 60 s
+// or twice silence_us, whichever is longer. A slow reply is thus distinguished from silence.
 [[nodiscard]] std::uint64_t longest_reply_us(std::uint64_t silence_us);
 
 class ControlClient {

@@ -44,7 +44,7 @@ struct DropOutcome {
 
 // Drops clients whose names were cut. The whole names, used as guards, come from one more listing. They
 // are copied one at a time and do not appear in outcomes. No listing follows: a name of that length is
-// guard enough.
+// a sufficient guard.
 [[nodiscard]] std::optional<Failure> drop_cut_names(ControlClient& client,
                                                     const std::vector<Connection>& targets,
                                                     std::vector<DropOutcome>& outcomes);

@@ -77,7 +77,7 @@ std::optional<Failure> judge_drop(const DropTarget& target, const Reply& reply, 
     const Connection* const earlier = find_connection(before.connections, target.id);
     const Connection* const later = find_connection(after.connections, target.id);
     const std::string id = std::to_string(target.id);
-    const std::string advice = " Look at 'v9_rtmp_ctl list'.";
+    const std::string advice = " See 'v9_rtmp_ctl list'.";
     if (earlier == nullptr || later == nullptr || !is_same_client(*earlier, *later)) {
         return Failure{ExitCode::ANOTHER_CLIENT,
                        "a client was dropped, but it is not certain which one. Id " + id +

@@ -29,13 +29,13 @@ struct Failure {
     std::string message;  // without a newline
 };
 
-// Explains an error of the control library to the user, after a look at the path. error is neither
+// Explains an error of the control library to the user, after examining the path. error is neither
 // COMM_SOCKET_V4_OK nor COMM_SOCKET_V4_TIMEOUT.
 [[nodiscard]] Failure describe_failure(comm_socket_v4_error error, const std::string& socket_path);
 
-// No server answers at the path. Looks at what is there. listeners describes what listens on the server's
-// port anyway, and is an empty string if nothing does. It is used only for the server's default path. If it
-// is not given, the advice is to run hello.
+// No server answers at the path; the message says what is there. listeners describes what listens on the
+// server's port anyway, and is an empty string if nothing does. It is used only for the server's default
+// path. If it is not given, the advice is to run hello.
 [[nodiscard]] Failure no_server(const std::string& socket_path,
                                 const std::optional<std::string>& listeners = std::nullopt);
 

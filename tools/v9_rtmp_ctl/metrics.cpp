@@ -37,10 +37,10 @@ ExitCode run_metrics(const Settings& settings, const MetricsOptions& options) {
     Monitor monitor(settings.socket_path, settings.timeout_us(), options.watchdog_state,
                     static_cast<std::uint64_t>(options.interval_seconds.value_or(1) * US_PER_SECOND));
     if (!options.interval_seconds) {
-        monitor.look();
+        monitor.poll();
         const MonitorView& view = monitor.view();
         const std::optional<Failure> failure =
-            write_metrics(options.file, metrics_of(view, MetricsSpan::ONE_LOOK));
+            write_metrics(options.file, metrics_of(view, MetricsSpan::ONE_POLL));
         if (failure) {
             return report(*failure);
         }
@@ -49,9 +49,9 @@ ExitCode run_metrics(const Settings& settings, const MetricsOptions& options) {
     const std::chrono::microseconds every(static_cast<std::int64_t>(*options.interval_seconds * 1e6));
     std::string told;
     for (auto next = std::chrono::steady_clock::now();; std::this_thread::sleep_until(next)) {
-        monitor.look();
+        monitor.poll();
         const std::optional<Failure> failure =
-            write_metrics(options.file, metrics_of(monitor.view(), MetricsSpan::ALL_LOOKS));
+            write_metrics(options.file, metrics_of(monitor.view(), MetricsSpan::ALL_POLLS));
         // A failed write does not end the loop: disk space may become free again, and the counters are kept.
         if (failure && failure->message != told) {
             static_cast<void>(report(*failure));

@@ -7,7 +7,7 @@
 #include "tools/v9_rtmp_ctl/port_check.h"
 #include "tools/v9_rtmp_ctl/state_file.h"
 
-HistoryTimes times_between_looks(std::uint64_t interval_us) {
+HistoryTimes times_between_polls(std::uint64_t interval_us) {
     HistoryTimes times;
     times.longest_gap_us = std::max(times.longest_gap_us, 5 * interval_us);
     times.window_us = std::max(times.window_us, 5 * interval_us);
@@ -17,7 +17,7 @@ HistoryTimes times_between_looks(std::uint64_t interval_us) {
 Monitor::Monitor(const std::string& socket_path, std::uint64_t silence_us, std::string watchdog_state,
                  std::uint64_t interval_us)
     : state(std::move(watchdog_state)), client(socket_path, silence_us) {
-    current.history = ConnectionHistory(times_between_looks(interval_us));
+    current.history = ConnectionHistory(times_between_polls(interval_us));
     const std::optional<std::string> history = read_file(state + "/" + WATCHDOG_HISTORY_FILE);
     // If this fails, the history begins now.
     static_cast<void>(history && current.history.restore(*history, boot_id()));
@@ -28,7 +28,7 @@ void Monitor::read_watchdog() {
     current.watchdog = text ? parse_statistics(*text) : std::nullopt;
 }
 
-void Monitor::look() {
+void Monitor::poll() {
     read_watchdog();
     const Listing before = std::exchange(current.listing, {});
     current.process = {};
@@ -38,7 +38,7 @@ void Monitor::look() {
         current.failure = take_listing(client, "", current.listing, ConnectionHistory::MAX_NAME_BYTES);
     }
     if (current.failure) {
-        // The next look may find another server.
+        // The next poll may find another server.
         client.disconnect();
         current.listing = {};
         return;
@@ -47,8 +47,8 @@ void Monitor::look() {
     current.process = find_process_info(find_peer(client.fd()).value_or(Peer()).pid);
     add_rates(before, current.listing);
     current.history.take_in(current.listing);
-    if (!std::exchange(has_looked, true)) {
-        // Bytes the clients transferred before the first look are not counted.
+    if (!std::exchange(has_polled, true)) {
+        // Bytes the clients transferred before the first poll are not counted.
         current.series.begin(current.history);
     }
     current.series.take_in(current.history);
@@ -63,7 +63,7 @@ std::string metrics_of(const MonitorView& view, MetricsSpan span) {
     }
     source.process = view.process;
     source.watchdog = view.watchdog;
-    if (span == MetricsSpan::ALL_LOOKS) {
+    if (span == MetricsSpan::ALL_POLLS) {
         source.history = &view.history;
         source.series = &view.series;
     }

@@ -16,10 +16,10 @@
 #include "tools/v9_rtmp_ctl/time_units.h"
 #include "tools/v9_rtmp_ctl/watchdog_statistics.h"
 
-// The state after a look.
+// The state after a poll.
 struct MonitorView {
     std::optional<Failure> failure;  // empty: the server answered
-    Listing listing;                 // with rates since the previous look; empty after a failure
+    Listing listing;                 // with rates since the previous poll; empty after a failure
     std::uint64_t round_trip_us = 0;
     ProcessInfo process;
     ConnectionHistory history;
@@ -29,18 +29,18 @@ struct MonitorView {
 };
 
 // The settings of a history whose listings come once every interval_us.
-[[nodiscard]] HistoryTimes times_between_looks(std::uint64_t interval_us);
+[[nodiscard]] HistoryTimes times_between_polls(std::uint64_t interval_us);
 
 class Monitor {
   public:
     // A watchdog's state directory holds its statistics, and the ages of clients it saw before this object
-    // existed. Stream counters begin at 0 with the first look. Earlier counts are not used: if one were lower
+    // existed. Stream counters begin at 0 with the first poll. Earlier counts are not used: if one were lower
     // than the value last exported, Prometheus would see a counter reset and count it all again.
     Monitor(const std::string& socket_path, std::uint64_t silence_us, std::string watchdog_state,
             std::uint64_t interval_us = US_PER_SECOND);
 
     // Requests a listing. Takes at most as long as ControlClient waits.
-    void look();
+    void poll();
 
     [[nodiscard]] const MonitorView& view() const { return current; }
 
@@ -50,9 +50,9 @@ class Monitor {
     const std::string state;
     ControlClient client;
     MonitorView current;
-    bool has_looked = false;  // a look has succeeded
+    bool has_polled = false;  // a poll has succeeded
 };
 
-// Metrics of all looks so far, or of the last listing alone.
-enum class MetricsSpan { ALL_LOOKS, ONE_LOOK };
+// Metrics of all polls so far, or of the last listing alone.
+enum class MetricsSpan { ALL_POLLS, ONE_POLL };
 [[nodiscard]] std::string metrics_of(const MonitorView& view, MetricsSpan span);

@@ -30,7 +30,7 @@ std::vector<std::string> split(const std::string& line) {
 }
 
 // Returns the sockets that listen on the RTMP port in the network namespace of a process: "self" or an id.
-// Empty if this process may not look there.
+// Empty if this process has no permission for that.
 std::optional<std::vector<ListeningSocket>> find_listening_of(const std::string& process) {
     std::vector<ListeningSocket> all;
     bool found = false;
@@ -206,7 +206,7 @@ PortCheck check_port(const Peer& answering) {
     } else if (!answering_listens) {
         check.gap = "It is not known whether the process that answers, " + pid +
                     ", is the one that listens on " + port_text() +
-                    ": this user may not look at its descriptors. Run this again with sudo.";
+                    ": this user may not read its descriptors. Run this again with sudo.";
     }
     return check;
 }

@@ -58,7 +58,8 @@ unsigned device_of(int fd) {
 }
 
 // Opens the terminal of standard output again, so that O_NONBLOCK affects this process only: the shell shares
-// the original open file description. If the terminal cannot be opened again, the result blocks.
+// the original open file description. If the terminal cannot be opened again, the returned descriptor is a
+// blocking one.
 int open_output() {
     for (const char* const path : {"/dev/tty", "/proc/self/fd/1"}) {
         const int fd = open(path, O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
@@ -72,7 +73,7 @@ int open_output() {
     return fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0);
 }
 
-// Writes bytes and removes those the terminal took. False if the terminal is gone.
+// Writes bytes and removes those that the terminal accepted. False if the terminal is gone.
 bool write_some(int fd, std::string_view& bytes) {
     const ssize_t n = ::write(fd, bytes.data(), bytes.size());
     if (n < 0) {

@@ -2,10 +2,10 @@
 //
 //   [usual] --open, end of suspend--> [taken] --suspend, destructor--> [usual]
 //
-// The destructor restores the terminal, on return and on an exception. If the terminal takes no output, it is
-// given back within half a second and pending output is discarded. Signals that would end or stop the process
-// are blocked until then; read_signals reports them. A background process does not take the terminal: it is
-// stopped until it is brought to the foreground. At most one object exists, used by one thread.
+// The destructor restores the terminal, on return and on an exception. If the terminal accepts no output, it
+// is given back within half a second and pending output is discarded. Signals that would end or stop the
+// process are blocked until then; read_signals reports them. A background process does not take the terminal:
+// it is stopped until it is brought to the foreground. At most one object exists, used by one thread.
 #pragma once
 
 #include <termios.h>

@@ -46,8 +46,8 @@ class StreamSeries {
     [[nodiscard]] bool make_room(std::uint64_t bytes, std::uint64_t now_us);
 
     std::map<std::string, StreamTotals> series;
-    std::map<std::string, std::uint64_t> carried;   // by listed names: bytes since first seen
-    std::map<std::string, std::uint64_t> gave_way;  // by names that gave way: bytes at that moment
+    std::map<std::string, std::uint64_t> carried;   // by listed name: its bytes since it was first seen
+    std::map<std::string, std::uint64_t> gave_way;  // by replaced name: its bytes when it was replaced
     StreamTotals rest;
     std::map<std::string, StreamTotals> last;  // last totals of the history, by name
 };

@@ -2,7 +2,7 @@
 //
 // The listing does not say which of several publishers of one name is relayed, so the one named here is a
 // guess. A publisher with a picture size is likelier: the server does not apply the metadata of one that is
-// not relayed. Ties are broken by the bytes sent since the last look, then by the previous guess, then by the
+// not relayed. Ties are broken by the bytes sent since the last poll, then by the previous guess, then by the
 // bytes sent in total.
 #pragma once
 

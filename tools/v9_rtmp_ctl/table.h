@@ -12,7 +12,7 @@ struct Column {
     std::string title;
     Align align = Align::LEFT;
     std::size_t min_width = 0;  // least width when space is tight; 0: never cut
-    unsigned rank = 0;          // 0: always shown; else if there is room, lower ranks first
+    unsigned rank = 0;          // 0: always shown; otherwise if there is room, lower ranks first
 };
 
 constexpr std::size_t COMFORTABLE_WIDTH = 10;

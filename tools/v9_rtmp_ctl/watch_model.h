@@ -31,11 +31,11 @@ struct TableCursor {
 
 struct WatchModel {
     // From the server.
-    bool running = false;            // the last look was answered
-    std::optional<Failure> trouble;  // why it was not; empty before the first look
+    bool running = false;            // the last poll was answered
+    std::optional<Failure> trouble;  // why it was not; empty before the first poll
     Listing listing;                 // sorted; empty while not running
     std::vector<StreamSummary> streams;
-    std::string clock;  // wall-clock time of the last look
+    std::string clock;  // wall-clock time of the last poll
 
     // From the command line.
     Selection selection;
@@ -64,11 +64,11 @@ enum class WatchAction { NONE, QUIT, DROP };
 // Handles a key. DROP: the caller drops drop_candidate or drop_stream.
 [[nodiscard]] WatchAction press_key(WatchModel& model, const Key& key);
 
-// Takes in a listing. Rates are computed from the previous one and this one. The selection follows its client
+// Records a listing. Rates are computed from the previous one and this one. The selection follows its client
 // or stream; if that is gone, the selection keeps its row.
 void take_in(WatchModel& model, Listing listing);
 
-// Takes in a failed look.
+// Records a failed poll.
 void take_in(WatchModel& model, const Failure& failure);
 
 // Returns the connections or streams that match the selection of the command line and the filter. The

@@ -64,7 +64,7 @@ void WatchObserver::begin(WatchModel& model, Task next_task, const std::vector<R
 
 void WatchObserver::fail(WatchModel& model, const Failure& failure) {
     client.disconnect();
-    if (task == Task::LOOK) {
+    if (task == Task::POLL) {
         take_in_failure(model, failure);
     } else {
         model.notice = failure.message;
@@ -82,7 +82,7 @@ bool WatchObserver::keep_time(WatchModel& model, std::uint64_t now_us) {
         return false;
     }
     next_us = now_us + every_us;
-    begin(model, Task::LOOK, {list_request("")}, now_us);
+    begin(model, Task::POLL, {list_request("")}, now_us);
     return task == Task::NONE;
 }
 
@@ -105,10 +105,10 @@ bool WatchObserver::take_replies(WatchModel& model, std::uint64_t now_us) {
 }
 
 void WatchObserver::begin_drop(WatchModel& model, std::uint64_t now_us) {
-    if (task != Task::NONE && task != Task::LOOK) {
+    if (task != Task::NONE && task != Task::POLL) {
         model.notice = "The previous drop has not been answered yet. Try again in a moment.";
     } else {
-        client.disconnect();  // abandons the current look; another follows the drop at once
+        client.disconnect();  // abandons the current poll; another follows the drop at once
         candidate = model.drop_candidate;
         stream = model.drop_stream.value_or("");
         if (candidate) {
@@ -125,7 +125,7 @@ void WatchObserver::finish(WatchModel& model, std::uint64_t now_us) {
     const Task finished = task;
     task = Task::NONE;
     switch (finished) {
-        case Task::LOOK:
+        case Task::POLL:
             take_in_answer(model, replies.front(), now_us);
             break;
         case Task::CHECK:

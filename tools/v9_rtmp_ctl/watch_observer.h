@@ -1,8 +1,8 @@
-// Sends the requests of watch (looks and confirmed drops) when they are due. Blocks only to connect and send.
+// Sends the requests of watch (polls and confirmed drops) when they are due. Blocks only to connect and send.
 //
-//   [idle] --time for a look--> [LOOK] --listing--> [idle]
-//   [idle, LOOK] --begin_drop, of a connection--> [CHECK] --unchanged--> [DROP] --list, drop, list--> [idle]
-//   [idle, LOOK] --begin_drop, of a stream--> [DROP_STREAM] --count--> [idle]
+//   [idle] --time for a poll--> [POLL] --listing--> [idle]
+//   [idle, POLL] --begin_drop, of a connection--> [CHECK] --unchanged--> [DROP] --list, drop, list--> [idle]
+//   [idle, POLL] --begin_drop, of a stream--> [DROP_STREAM] --count--> [idle]
 //
 // A failure leads to [idle] from every state. The results are stored in the model.
 #pragma once
@@ -19,7 +19,7 @@
 #include "tools/v9_rtmp_ctl/failure.h"
 #include "tools/v9_rtmp_ctl/watch_model.h"
 
-// Take in a listing, or the failure to get one, and set the model's wall-clock time.
+// Record a listing, or the failure to get one, and set the model's wall-clock time.
 void take_in_answer(WatchModel& model, const Reply& reply, std::uint64_t now_us);
 void take_in_failure(WatchModel& model, const Failure& failure);
 
@@ -27,7 +27,7 @@ class WatchObserver {
   public:
     WatchObserver(const Settings& all_settings, const WatchOptions& options);
 
-    // Begins a look when one is due, and gives up on a late answer. True if the model has changed.
+    // Starts a poll when one is due, and gives up if the answer is late. True if the model has changed.
     bool keep_time(WatchModel& model, std::uint64_t now_us);
 
     // Takes the replies received; call when fd() is readable. True if the model has changed.
@@ -43,7 +43,7 @@ class WatchObserver {
     [[nodiscard]] int time_left_ms(const WatchModel& model, std::uint64_t now_us) const;
 
   private:
-    enum class Task { NONE, LOOK, CHECK, DROP, DROP_STREAM };
+    enum class Task { NONE, POLL, CHECK, DROP, DROP_STREAM };
 
     void begin(WatchModel& model, Task next_task, const std::vector<Request>& requests, std::uint64_t now_us);
     void finish(WatchModel& model, std::uint64_t now_us);
@@ -56,7 +56,7 @@ class WatchObserver {
     const std::uint64_t every_us;
     ControlClient client;
     Task task = Task::NONE;
-    std::uint64_t next_us = 0;          // time of the next look
+    std::uint64_t next_us = 0;          // time of the next poll
     std::uint64_t silent_until_us = 0;  // deadline of the answer, extended by each byte
     std::uint64_t give_up_us = 0;
     std::size_t awaited = 0;

@@ -33,7 +33,7 @@ namespace {
 // Interval for saving the state while nothing happens.
 constexpr std::uint64_t SAVE_EVERY_US = 10000000;
 // The server takes half a second to read a name of a megabyte. Other drops must not wait for many such names.
-constexpr std::ptrdiff_t LONG_NAMES_PER_LOOK = 4;
+constexpr std::ptrdiff_t LONG_NAMES_PER_POLL = 4;
 constexpr mode_t DIRECTORY_MODE = 0755;
 
 std::uint64_t microseconds(double seconds) {
@@ -117,8 +117,8 @@ class Watchdog {
         return std::nullopt;
     }
 
-    // Takes one listing and makes the drops it calls for. Returns a failure if further looks are pointless.
-    [[nodiscard]] std::optional<Failure> look() {
+    // Takes one listing and makes the drops it calls for. Returns a failure if further polls are pointless.
+    [[nodiscard]] std::optional<Failure> poll() {
         Listing listing;
         if (std::optional<Failure> failure = take_listing(client, "", listing, longest_name_bytes())) {
             ++statistics.failed_looks;
@@ -187,7 +187,7 @@ class Watchdog {
         }
     }
 
-    // In a dry run the client stays and is judged again at each look, so it is reported once for each rule.
+    // In a dry run the client stays and is judged again at each poll, so it is reported once for each rule.
     void announce(const std::vector<Verdict>& verdicts) {
         std::vector<std::pair<Connection, DropRule>> now;
         for (const Verdict& verdict : verdicts) {
@@ -213,8 +213,8 @@ class Watchdog {
         auto begin_of_whole = std::stable_partition(
             verdicts.begin(), verdicts.end(),
             [](const Verdict& verdict) { return verdict.target.whole_name_bytes != 0; });
-        if (begin_of_whole - verdicts.begin() > LONG_NAMES_PER_LOOK) {
-            begin_of_whole = verdicts.erase(verdicts.begin() + LONG_NAMES_PER_LOOK, begin_of_whole);
+        if (begin_of_whole - verdicts.begin() > LONG_NAMES_PER_POLL) {
+            begin_of_whole = verdicts.erase(verdicts.begin() + LONG_NAMES_PER_POLL, begin_of_whole);
         }
         std::vector<Connection> cut;
         std::vector<DropTarget> targets;
@@ -290,7 +290,7 @@ class Watchdog {
     StateDirectory state;
     AgeDrops age_drops;
     std::vector<std::pair<Connection, DropRule>> announced;
-    std::vector<Verdict> unanswered;  // unanswered drops of the last look
+    std::vector<Verdict> unanswered;  // unanswered drops of the last poll
     Trouble trouble;
     std::uint64_t saved_us = 0;
     bool has_news = false;  // a drop was attempted since the last save
@@ -307,7 +307,7 @@ ExitCode run_watchdog(const Settings& settings, const WatchdogOptions& options) 
     const std::uint64_t every_us = microseconds(options.interval_seconds);
     std::uint64_t next_us = clock_us();
     do {
-        if (const std::optional<Failure> failure = watchdog.look()) {
+        if (const std::optional<Failure> failure = watchdog.poll()) {
             return report(*failure);
         }
         next_us = std::max(next_us + every_us, clock_us());

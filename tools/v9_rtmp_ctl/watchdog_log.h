@@ -23,7 +23,7 @@ struct WatchdogEvent {
 // Returns the event for the outcome of a drop.
 [[nodiscard]] WatchdogEvent event_of(const Verdict& verdict, const DropOutcome& outcome);
 
-// "dropped 17, play of 'cam1' from 203.0.113.7:50000: stalled: it has taken nothing for 30 s while ..." If
+// "dropped 17, play of 'cam1' from 203.0.113.7:50000: stalled: it has received nothing for 30 s while ..." If
 // the client has no stream name, the drop is guarded by the id alone. The line then says so and gives the
 // number of misses so far.
 [[nodiscard]] std::string event_line(const WatchdogEvent& event, std::uint64_t misses);

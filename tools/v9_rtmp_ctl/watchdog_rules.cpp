@@ -135,14 +135,14 @@ class Judge {
         if (std::any_of(players.begin(), players.end(), [this](const ClientRecord* player) {
                 return moves(*player, *limits.stalled_us, PLAYER_BYTES_PER_SECOND);
             })) {
-            return "it has taken nothing for " + seconds_text(still) +
-                   " while other players of the stream took data";
+            return "it has received nothing for " + seconds_text(still) +
+                   " while other players of the stream received data";
         }
         const auto sends_media = [this](const ClientRecord* publisher) {
             return moves(*publisher, *limits.stalled_us, PUBLISHER_BYTES_PER_SECOND);
         };
         if (players.empty() && holds_for_source(record, sends_media)) {
-            return "it has taken nothing for " + seconds_text(still) + " while the publisher kept sending";
+            return "it has received nothing for " + seconds_text(still) + " while the publisher kept sending";
         }
         return std::nullopt;
     }

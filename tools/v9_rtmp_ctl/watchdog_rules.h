@@ -54,7 +54,7 @@ struct Verdict {
 };
 
 // By stream: the monotonic time when the last drop of a player for its age was due. The next one is due
-// stagger_us later. Looks come some time after a drop is due, and these delays must not add up over
+// stagger_us later. Polls come some time after a drop is due, and these delays must not add up over
 // many drops.
 using AgeDrops = std::map<std::string, std::uint64_t>;
 [[nodiscard]] bool is_age_drop_due(const AgeDrops& age_drops, const std::string& stream, std::uint64_t now_us,
@@ -64,7 +64,7 @@ void note_age_drop(AgeDrops& age_drops, const std::string& stream, std::uint64_t
 // Removes the drops that happened too long ago to matter.
 void forget_age_drops(AgeDrops& age_drops, std::uint64_t now_us, std::uint64_t stagger_us);
 
-// Returns at most one verdict per client, in the order of ids. There is at most one for age per stream,
-// except for names that were cut.
+// Returns at most one verdict per client, in the order of ids. At most one verdict per stream is for age,
+// except that each player of a stream whose name was cut is judged alone.
 [[nodiscard]] std::vector<Verdict> judge(const ConnectionHistory& history, const WatchdogLimits& limits,
                                          const AgeDrops& age_drops);

@@ -189,7 +189,7 @@ class MetricsTest(unittest.TestCase):
         checked = subprocess.run(["promtool", "check", "metrics"], input=text, capture_output=True, text=True, timeout=60)
         self.assertEqual((0, ""), (checked.returncode, checked.stdout + checked.stderr))
 
-    def test_one_look_is_printed(self):
+    def test_a_single_poll_is_printed(self):
         server = start_server()
         try:
             with socket.create_connection(("127.0.0.1", 1935)):

@@ -17,7 +17,7 @@ namespace {
 
 class status_test : public testing::Test {
   protected:
-    void look(std::uint64_t second, const std::vector<Connection>& connections) {
+    void poll(std::uint64_t second, const std::vector<Connection>& connections) {
         const Listing before = view.listing;
         view.listing = {second * ONE_SECOND_US, connections};
         add_rates(before, view.listing);
@@ -36,7 +36,7 @@ class status_test : public testing::Test {
 
 TEST_F(status_test, has_streams_and_connections_with_their_rates_and_ages) {
     for (std::uint64_t s = 1; s <= 7; ++s) {
-        look(s, {observed_publisher(0, "cam1", 1000 * s), observed_player(1, "cam1", 500 * s),
+        poll(s, {observed_publisher(0, "cam1", 1000 * s), observed_player(1, "cam1", 500 * s),
                  observed_client(2, "", "", 0, 0)});
     }
     const json status = document(true);
@@ -62,9 +62,9 @@ TEST_F(status_test, has_streams_and_connections_with_their_rates_and_ages) {
 
 TEST_F(status_test, marks_players_that_are_stalled_behind_or_near_the_timestamp_limit) {
     constexpr std::uint64_t AGE_S = 15578;  // just over 20 minutes before timestamps pass 24 bits
-    look(1, {observed_publisher(0, "cam1", 1000), observed_player(1, "cam1", 1000)});
+    poll(1, {observed_publisher(0, "cam1", 1000), observed_player(1, "cam1", 1000)});
     for (std::uint64_t s = AGE_S - 40; s <= AGE_S + 1; ++s) {
-        look(s, {observed_publisher(0, "cam1", 1000 * s), observed_player(1, "cam1", 1000 * s),
+        poll(s, {observed_publisher(0, "cam1", 1000 * s), observed_player(1, "cam1", 1000 * s),
                  observed_player(2, "cam1", 300 * s), observed_player(3, "cam1", 1000 * (AGE_S - 30))});
     }
     const json connections = document()["connections"];
@@ -91,7 +91,7 @@ TEST_F(status_test, reports_why_the_server_does_not_answer) {
 
 TEST_F(status_test, cuts_long_names) {
     const std::string name(1000000, 'n');
-    look(1,
+    poll(1,
          {observed_publisher(0, name, 1), observed_publisher(1, "x" + std::string(300, '\xc3') + "\xa4", 1),
           observed_publisher(2, std::string(199, 'e') + "\u00e4\u00e4", 1)});
     EXPECT_LT(status_json(view, {}).size(), 5000U);
@@ -102,7 +102,7 @@ TEST_F(status_test, cuts_long_names) {
 }
 
 TEST_F(status_test, distinguishes_streams_that_look_the_same) {
-    look(1, {observed_publisher(0, "a\xff", 1), observed_publisher(1, "a\xfe", 1)});
+    poll(1, {observed_publisher(0, "a\xff", 1), observed_publisher(1, "a\xfe", 1)});
     const json status = document();
     ASSERT_EQ(status["streams"].size(), 2U);
     EXPECT_EQ(status["streams"][0]["stream"], status["streams"][1]["stream"]);
@@ -110,7 +110,7 @@ TEST_F(status_test, distinguishes_streams_that_look_the_same) {
 }
 
 TEST_F(status_test, the_table_escapes_names) {
-    look(1, {observed_publisher(0, "<script>alert(1)</script>\"'&\u202e", 1)});
+    poll(1, {observed_publisher(0, "<script>alert(1)</script>\"'&\u202e", 1)});
     const std::string table = status_table(view);
     EXPECT_THAT(table, HasSubstr("&lt;script&gt;alert(1)&lt;/script&gt;&quot;&#39;&amp;\\xE2\\x80\\xAE"));
     EXPECT_THAT(table, Not(HasSubstr("<script")));

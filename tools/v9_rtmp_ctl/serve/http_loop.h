@@ -1,4 +1,5 @@
-// Serves HTTP clients on one thread: reads a request's head, asks for the reply, sends it, closes.
+// Serves HTTP clients on one thread: reads a request's head, gets the reply from a function, sends it and
+// closes the connection.
 //
 // 1. Memory is bounded: at most MAX_HTTP_CLIENTS connections, each with one head of about MAX_HEAD_BYTES or
 //    one reply.

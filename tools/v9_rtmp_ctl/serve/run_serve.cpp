@@ -1,4 +1,4 @@
-// serve: one thread looks at the server once a second, another answers HTTP clients with the results.
+// serve: one thread polls the server once a second, another answers HTTP clients with the results.
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -32,7 +32,7 @@
 
 namespace {
 
-constexpr std::chrono::seconds LOOK_INTERVAL{1};
+constexpr std::chrono::seconds POLL_INTERVAL{1};
 // Other viewers wait while a drop is carried out.
 constexpr std::uint64_t MAX_DROP_US = 1000000;
 constexpr int BACKLOG = 256;
@@ -51,7 +51,7 @@ std::optional<Failure> open_listener(const ServeOptions& options, int& listener)
                                                   "). Name another address or port with --listen."};
 }
 
-// The result of the last look, shared by both threads.
+// The result of the last poll, shared by both threads.
 class Board {
   public:
     void pin(const MonitorView& view) {
@@ -69,13 +69,13 @@ class Board {
     std::shared_ptr<const MonitorView> pinned = std::make_shared<const MonitorView>();
 };
 
-// Looks once a second, or immediately if the previous look took longer than that.
-[[noreturn]] void look_for_ever(Monitor& monitor, Board& board) {
-    for (auto next = std::chrono::steady_clock::now() + LOOK_INTERVAL;;) {
+// Polls once a second, or immediately if the previous poll took longer than that.
+[[noreturn]] void poll_forever(Monitor& monitor, Board& board) {
+    for (auto next = std::chrono::steady_clock::now() + POLL_INTERVAL;;) {
         std::this_thread::sleep_until(next);
-        monitor.look();
+        monitor.poll();
         board.pin(monitor.view());
-        next = std::max(next + LOOK_INTERVAL, std::chrono::steady_clock::now());
+        next = std::max(next + POLL_INTERVAL, std::chrono::steady_clock::now());
     }
 }
 
@@ -84,7 +84,7 @@ double seconds_since_epoch() {
     return static_cast<double>(std::chrono::duration_cast<std::chrono::milliseconds>(now).count()) / 1000;
 }
 
-// All viewers get the same document until the next look.
+// All viewers get the same document until the next poll.
 class StatusDocument {
   public:
     const std::string& of(const std::shared_ptr<const MonitorView>& view, bool allows_drop) {
@@ -123,7 +123,7 @@ std::optional<Failure> drop(const Settings& settings, const MonitorView& view, c
 
 PageContents make_contents(const Settings& settings, const Board& board, bool allows_drop) {
     PageContents contents;
-    contents.metrics = [&board] { return metrics_of(*board.take(), MetricsSpan::ALL_LOOKS); };
+    contents.metrics = [&board] { return metrics_of(*board.take(), MetricsSpan::ALL_POLLS); };
     contents.connections_json = [&board, allows_drop, document = std::make_shared<StatusDocument>()] {
         return document->of(board.take(), allows_drop);
     };
@@ -162,16 +162,17 @@ ExitCode run_serve(const Settings& settings, const ServeOptions& options) {
     if (const std::optional<Failure> failure = open_listener(options, listener)) {
         return report(*failure);
     }
-    // The first look precedes the first client. The board and the monitor last as long as the process.
+    // The first poll is complete before the first client is served. The board and the monitor last as long as
+    // the process.
     static Board board;
     static Monitor monitor(settings.socket_path, settings.timeout_us(), options.watchdog_state);
-    monitor.look();
+    monitor.poll();
     board.pin(monitor.view());
-    std::thread(look_for_ever, std::ref(monitor), std::ref(board)).detach();
+    std::thread(poll_forever, std::ref(monitor), std::ref(board)).detach();
     HttpPages pages(rules, make_contents(settings, board, options.allow_drop));
     HttpLoop loop(listener, [&pages](const std::string& head) { return pages.answer(head); });
     print_listening(settings, listener);
     for (;;) {
-        loop.turn(LOOK_INTERVAL);
+        loop.turn(POLL_INTERVAL);
     }
 }
