@@ -30,7 +30,7 @@ using stream_registry_death_test = stream_registry_test;
 
 }  // namespace
 
-TEST_F(stream_registry_test, a_look_up_creates_a_record_without_publisher_players_and_activity) {
+TEST_F(stream_registry_test, a_lookup_creates_a_record_without_publisher_players_and_activity) {
     const StreamRecord& record = find_or_insert_stream("cam1");
     EXPECT_EQ(record.publisher, NO_CONNECTION);
     EXPECT_EQ(record.last_activity_us, 0U);

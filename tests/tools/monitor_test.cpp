@@ -40,7 +40,7 @@ TEST_F(monitor_test, takes_the_ages_of_a_watchdogs_history_and_not_its_counters)
     EXPECT_GE(history.now_us() - history.clients().at(0).first_seen_us, 60 * ONE_SECOND_US);
 }
 
-TEST_F(monitor_test, counts_from_its_first_look_if_no_watchdog_runs) {
+TEST_F(monitor_test, counts_from_its_first_poll_if_no_watchdog_runs) {
     Monitor monitor(server.path(), 5 * ONE_SECOND_US, state);
     for (const std::uint64_t received_since : {0U, 50U}) {
         monitor.poll();
