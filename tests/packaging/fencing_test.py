@@ -57,14 +57,14 @@ class Outside:
             path.write_text("0", encoding="ascii")
 
     @staticmethod
-    def socket():
+    def socket(kind=socket.SOCK_STREAM):
         """Returns a socket that is made in the other network and stays there."""
         libc = ctypes.CDLL(None, use_errno=True)
         with open("/proc/self/ns/net", encoding="ascii") as here, open("/run/netns/outside", encoding="ascii") as there:
             try:
                 if libc.setns(there.fileno(), CLONE_NEWNET) != 0:
                     raise OSError(ctypes.get_errno(), "setns")
-                return socket.socket()
+                return socket.socket(type=kind)
             finally:
                 libc.setns(here.fileno(), CLONE_NEWNET)
 
@@ -166,6 +166,23 @@ class the_fences(unittest.TestCase):
         self.client(ENCODER).choose(b"publish", b"cam1", b"live")
         self.assertEqual(1, len(connections("--mode", "play")))
         self.assertEqual(1, len(connections("--mode", "publish")))
+
+    def test_let_all_other_traffic_through(self):
+        self.load("limits.nft")
+        service, other_port = socket.socket(type=socket.SOCK_DGRAM), socket.create_server((SERVER, 8080), backlog=100)
+        service.bind((SERVER, 5004))
+        for one in (service, other_port):
+            self.addCleanup(one.close)
+            one.settimeout(5)
+        for number in range(100):
+            sender, client = Outside.socket(socket.SOCK_DGRAM), Outside.socket()
+            for one in (sender, client):
+                self.addCleanup(one.close)
+                one.bind((STRANGER, 0))
+                one.settimeout(5)
+            sender.sendto(b"%d" % number, (SERVER, 5004))
+            self.assertEqual(b"%d" % number, service.recv(100))
+            client.connect((SERVER, 8080))
 
     def test_let_one_address_begin_ten_connections_at_once_and_then_few(self):
         self.load("limits.nft")
