@@ -65,7 +65,7 @@ TEST(ctl_check, a_server_whose_socket_is_gone_is_reported_with_its_process) {
                           "process " +
                           std::to_string(server.pid()) +
                           " still listens on port 1935. If that is a v9_rtmp_server, a second instance took "
-                          "its control socket: stop it, then start it again.\n"));
+                          "its control socket: stop the server that still listens, then start it again.\n"));
 }
 
 TEST(ctl_check, several_processes_that_hold_the_listening_socket_are_all_named) {

@@ -137,7 +137,7 @@ std::string describe_listeners_without_answer() {
            (access(SERVICE_DIRECTORY, F_OK) == 0
                 ? "if the server runs as the service, run 'systemd-tmpfiles --create v9-rtmp-server.conf' as "
                   "root to restore the socket; if not, stop the server, then start it again."
-                : "stop it, then start it again.");
+                : "stop the server that still listens, then start it again.");
 }
 
 }  // namespace

@@ -203,7 +203,8 @@ class Watchdog {
         announced = std::move(now);
     }
 
-    // Names are untrusted, and those of a listing together can be too long to copy.
+    // Longer names are cut: names are untrusted, and the names of one listing can add up to more than should
+    // be copied.
     [[nodiscard]] std::size_t longest_name_bytes() const {
         return std::max(ConnectionHistory::MAX_NAME_BYTES, options.limits.long_name_bytes.value_or(0));
     }
