@@ -161,8 +161,8 @@ TEST(ctl_events, report_each_client_and_run_a_program_for_each) {
     wait_for(", publish of 'cam1' from " + second.local_address() + "\n");
     const std::string address = first.local_address();
     first.close();
-    wait_for(", publish of 'cam1' from " + second.local_address() + " after 0, publish of 'cam1' from " +
-             address + "\n");
+    wait_for(", publish of 'cam1' from " + second.local_address() +
+             "; the previous publisher was 0, publish of 'cam1' from " + address + "\n");
     EXPECT_TRUE(holds_within(DEFAULT_WAIT, [] {
         std::ostringstream text;
         text << std::ifstream("/run/hook.out").rdbuf();

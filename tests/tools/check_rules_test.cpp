@@ -97,7 +97,7 @@ TEST(check_rules, standard_error_may_go_to_the_journal_or_be_discarded) {
     EXPECT_EQ(judge_standard_error("socket:[123]").level, Level::OK);
     EXPECT_EQ(judge_standard_error("/dev/null").level, Level::OK);
     EXPECT_THAT(judge_standard_error("pipe:[123]").text,
-                HasSubstr("the relay stops if its reader stops reading"));
+                HasSubstr("the relay stops if the process that reads the pipe stops reading"));
     EXPECT_THAT(judge_standard_error("/dev/pts/0").text, HasSubstr("Start the server as a service"));
     EXPECT_THAT(judge_standard_error("/var/log/a\nb").text,
                 HasSubstr("/var/log/a\\x0Ab, which untrusted clients can fill"));

@@ -160,8 +160,9 @@ Finding judge_standard_error(const std::optional<std::string>& target) {
     const std::string place = escape_untrusted(*target);
     if (target->starts_with("pipe:")) {
         return {Level::WARNING, "log",
-                "standard error goes to a pipe: the relay stops if its reader stops reading. Let the journal "
-                "read it, or redirect it to /dev/null."};
+                "standard error goes to a pipe: the relay stops if the process that reads the pipe stops "
+                "reading. "
+                "Send it to the journal, or redirect it to /dev/null."};
     }
     if (target->starts_with("/dev/pts/") || target->starts_with("/dev/tty")) {
         return {Level::WARNING, "log",
@@ -172,8 +173,8 @@ Finding judge_standard_error(const std::optional<std::string>& target) {
     if (target->starts_with("/") && *target != "/dev/null") {
         return {Level::WARNING, "log",
                 "standard error goes to " + place +
-                    ", which untrusted clients can fill. Let the journal read it with a limit, or redirect "
-                    "it to /dev/null."};
+                    ", which untrusted clients can fill. Send it to the journal, with a size limit, or "
+                    "redirect it to /dev/null."};
     }
     return {Level::OK, "log", "standard error goes to " + place};
 }

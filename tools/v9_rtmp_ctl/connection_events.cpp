@@ -130,7 +130,8 @@ std::string event_line(const ConnectionEvent& event) {
     std::string line = std::string(event_name(event.kind)) + " " + std::to_string(event.client.id) + ", " +
                        describe(event.client);
     if (event.previous) {
-        line += " after " + std::to_string(event.previous->id) + ", " + describe(*event.previous);
+        line += "; the previous publisher was " + std::to_string(event.previous->id) + ", " +
+                describe(*event.previous);
     }
     if (event.kind == EventKind::GONE) {
         line += " after " + number_text(seconds_of(event.age_us)) + " s, " +

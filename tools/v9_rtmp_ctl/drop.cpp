@@ -116,8 +116,7 @@ ExitCode drop_connections(const Settings& settings, ControlClient& client,
 
 ExitCode run_drop_id(const Settings& settings, const DropOptions& options) {
     if (options.expected_stream && options.expected_stream->empty()) {
-        return report(
-            {ExitCode::USAGE, "an empty --stream is not a guard. Name the stream, or omit --stream."});
+        return report({ExitCode::USAGE, "--stream must not be empty. Name the stream, or omit --stream."});
     }
     ExitCode worst = ExitCode::DONE;
     const std::vector<unsigned> ids = read_ids(options.ids, worst);

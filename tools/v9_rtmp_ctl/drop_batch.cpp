@@ -8,8 +8,8 @@ namespace {
 
 // Together with two listings, as many requests as the server carries out at once.
 constexpr std::size_t MAX_BATCH_TARGETS = COMM_SOCKET_V4_MAX_REQUESTS_PER_IDLE - 2;
-// Names can be megabytes long. The server reads more than this from a client at once, so it carries out a
-// whole batch at once.
+// Bytes of names in a batch, which can be megabytes each. The server reads more than this from a client in
+// one pass, so it carries out the whole batch in that pass.
 constexpr std::size_t MAX_BATCH_NAME_BYTES = 65536;
 
 using Batch = std::vector<DropTarget>;

@@ -21,5 +21,6 @@
 // Shows which connections a drop would affect.
 void print_dry_run(const Settings& settings, const std::vector<const Connection*>& connections);
 
-// Reports what was dropped. Human-readable output is line, which may be empty, or nothing with --quiet.
+// Reports what was dropped. In human-readable form prints `line`, which may be empty, or nothing
+// with --quiet.
 void print_dropped(const Settings& settings, const DropResult& result, const std::string& line);

@@ -100,11 +100,12 @@ void write_counters(Writer& writer, const StreamSeries& series) {
     write_totals(writer, series, [](const StreamTotals& t) { return t.bytes_received; });
     writer.counter("v9_rtmp_stream_sent_bytes_total", "Bytes sent to the players of a stream.");
     write_totals(writer, series, [](const StreamTotals& t) { return t.bytes_sent; });
-    writer.counter("v9_rtmp_player_stall_seconds_total",
-                   "Seconds during which players of a stream were stalled while the stream continued.");
+    writer.counter(
+        "v9_rtmp_player_stall_seconds_total",
+        "Seconds that players of a stream were stalled while it continued, summed over the players.");
     write_totals(writer, series, [](const StreamTotals& t) { return seconds(t.player_stall_us); });
     writer.counter("v9_rtmp_publisher_silence_seconds_total",
-                   "Seconds during which publishers of a stream sent nothing.");
+                   "Seconds that publishers of a stream sent nothing, summed over the publishers.");
     write_totals(writer, series, [](const StreamTotals& t) { return seconds(t.publisher_silence_us); });
 }
 
