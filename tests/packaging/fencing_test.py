@@ -124,12 +124,17 @@ class the_fences(unittest.TestCase):
         self.clients.append(client)
         return client
 
+    def socket_of(self, address, kind=socket.SOCK_STREAM):
+        """Returns a socket with this address in the other network. It is closed after the test."""
+        one = Outside.socket(kind)
+        self.addCleanup(one.close)
+        one.bind((address, 0))
+        return one
+
     def storm(self, address, count):
         """Connects without waiting for answers."""
         for _ in range(count):
-            one = Outside.socket()
-            self.addCleanup(one.close)
-            one.bind((address, 0))
+            one = self.socket_of(address)
             one.setblocking(False)
             one.connect_ex((SERVER, 1935))
 
@@ -175,13 +180,10 @@ class the_fences(unittest.TestCase):
             self.addCleanup(one.close)
             one.settimeout(5)
         for number in range(100):
-            sender, client = Outside.socket(socket.SOCK_DGRAM), Outside.socket()
-            for one in (sender, client):
-                self.addCleanup(one.close)
-                one.bind((STRANGER, 0))
-                one.settimeout(5)
-            sender.sendto(b"%d" % number, (SERVER, 5004))
+            self.socket_of(STRANGER, socket.SOCK_DGRAM).sendto(b"%d" % number, (SERVER, 5004))
             self.assertEqual(b"%d" % number, service.recv(100))
+            client = self.socket_of(STRANGER)
+            client.settimeout(5)
             client.connect((SERVER, 8080))
 
     def test_let_one_address_begin_ten_connections_at_once_and_then_few(self):
@@ -206,8 +208,7 @@ class the_fences(unittest.TestCase):
             run("ip", "-n", "outside", "address", "add", address + "/24", "dev", "outer")
         for address in crowd:
             self.storm(address, 1)
-        rules = subprocess.run(["nft", "list", "chain", "inet", "v9_rtmp_limits", "input"], check=True, capture_output=True,
-                               text=True)
+        rules = subprocess.run(["nft", "list", "table", "inet", "v9_rtmp_limits"], check=True, capture_output=True, text=True)
         of_all = next(line for line in rules.stdout.splitlines() if "limit rate over 50/second" in line and "@" not in line)
         self.assertNotIn("packets 0 ", of_all)
         self.client(VIEWER).choose(b"play", b"cam1")
