@@ -31,8 +31,7 @@ TEST(watchdog_log, a_drop_is_one_line_with_its_rule_and_reason) {
     const WatchdogEvent event = event_of(stalled(), outcome(std::nullopt));
     EXPECT_EQ(event_line(event, 0),
               "dropped 17, play of 'cam1' from 203.0.113.7:50000: stalled: it has received nothing for 30 s "
-              "while the "
-              "publisher kept sending");
+              "while the publisher kept sending");
     EXPECT_EQ(
         event_json(event, 1760000000),
         R"({"unix_seconds":1760000000,"action":"dropped","rule":"stalled","reason":"it has received nothing for )"
