@@ -8,9 +8,9 @@
 // Handles an AMF0 data message. Returns false if it is malformed; the connection is then dropped.
 [[nodiscard]] bool handle_data_message(RTMPConnection& conn, const RTMP_Packet& pkt) ON_MAIN_THREAD;
 
-// Sends a publisher's metadata to one player as "onMetaData", unless its picture size or a codec differs from
-// what the player was told. The player is then dropped, even if the metadata could not have been sent. Takes
-// no lock; the caller holds the player's.
+// Sends a publisher's metadata to one player as "onMetaData". If its picture size or a codec differs from
+// what the player was told, drops the player instead, even if the metadata could not have been sent. Takes no
+// lock; the caller holds the player's.
 void send_metadata(RTMPConnection& player, const StreamMetadata& metadata)
     REQUIRES(player.mutex, MAIN_THREAD);
 

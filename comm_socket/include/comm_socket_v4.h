@@ -95,9 +95,9 @@ extern "C" {
  * only one request is handed out between two calls of comm_socket_v4_idle, from a client with no
  * waiting replies.
  *
- * The total is therefore at most the sum of this limit, the reply that exceeds it, and one reply for each
- * client. If the clients read nothing at all, it is at most this limit plus the replies made during
- * COMM_SOCKET_V4_CROWD_TIMEOUT_US: 12 replies if comm_socket_v4_idle is called every 100 ms. */
+ * The total is therefore at most the sum of this limit, the reply that takes the total above it, and one
+ * reply for each client. If the clients read nothing at all, it is at most this limit plus the replies made
+ * during COMM_SOCKET_V4_CROWD_TIMEOUT_US: 12 replies if comm_socket_v4_idle is called every 100 ms. */
 #define COMM_SOCKET_V4_MAX_TOTAL_WAITING_BYTES 67108864u
 
 /* How long (1 s), in a crowded server, a client's socket may go without accepting bytes while bytes wait for

@@ -68,8 +68,8 @@ struct ClientRecord {
 struct StreamTotals {
     std::uint64_t bytes_received = 0;        // from publishers, including waiting ones
     std::uint64_t bytes_sent = 0;            // to players
-    std::uint64_t player_stall_us = 0;       // players received nothing while their stream went on
-    std::uint64_t publisher_silence_us = 0;  // publishers sent nothing
+    std::uint64_t player_stall_us = 0;       // stalled while the stream went on, sum of all players
+    std::uint64_t publisher_silence_us = 0;  // silent, sum of all publishers
     std::uint64_t last_member_us = 0;        // monotonic time when a client of this name was last listed
 };
 
