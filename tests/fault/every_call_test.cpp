@@ -68,8 +68,8 @@ void run_share(FaultPlan plan, const std::string& share) {
 
 // Returns n if a later session may miss one in n of the counted calls. The number of repeated calls, such as
 // polls, depends on how long a session takes. Threads that poll for work lock most often, and the machine may
-// have been busier during the counted sessions than later. Whether the reader or the main thread allocates the
-// next block of an output queue depends on which of them appends first.
+// have been busier during the counted sessions than later. Whether the reader or the main thread allocates
+// the next block of an output queue depends on which of them appends first.
 int unreached_part(FaultCall call) {
     switch (call) {
         case FaultCall::ACCEPT4:
