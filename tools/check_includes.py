@@ -4,7 +4,8 @@
 The matrix below is the complete rule: for each file, the first row with a matching pattern lists the headers that it
 may include, as patterns and lists of patterns. Only the project's own includes are checked: those in quotes and the one
 of the control library. A pattern that no file matches, and a permission that no file of its row uses, are errors too.
-Code that tests the server from outside must not reach the server's code, not even through other headers.
+Code that tests the server from outside must not reach the server's code, not even through other headers and the sources
+that belong to them.
 """
 import fnmatch
 import pathlib
@@ -108,12 +109,14 @@ def dead_rules(includes, rules):
 
 
 def ways_into_the_server(includes):
+    sources = {name.removesuffix(".cpp") + ".h": name for name in includes if name.endswith(".cpp")}
     for name in includes:
         ways = {name: name} if matches(name, TESTED_FROM_OUTSIDE) else {}
         open_ends = list(ways)
         while open_ends:
             at = open_ends.pop()
-            for _, target in includes.get(at, []):
+            targets = [target for _, target in includes.get(at, [])]
+            for target in targets + ([sources[at]] if at in sources else []):
                 if matches(target, SERVER):
                     yield f"{name}: reaches the server's code: {ways[at]} -> {target}"
                 elif target not in ways:

@@ -44,6 +44,11 @@ class Includes(unittest.TestCase):
                          ["tests/e2e/relay_test.cpp: reaches the server's code: "
                           "tests/e2e/relay_test.cpp -> tests/support/client.h -> tests/bytes.h -> base/diag.h"])
 
+    def test_an_end_to_end_test_reaches_the_server_through_no_source_of_a_header(self):
+        self.assertEqual(self.check({"tests/support/client.cpp": '#include "base/diag.h"\n'}),
+                         ["tests/e2e/relay_test.cpp: reaches the server's code: tests/e2e/relay_test.cpp -> "
+                          "tests/support/client.h -> tests/support/client.cpp -> base/diag.h"])
+
     def test_a_rule_for_no_file_is_found(self):
         self.assertEqual(self.check(rules=[(["base/gone.h"], [])]), ["the rule for base/gone.h matches no file"])
 
