@@ -16,6 +16,7 @@
 #include <utility>
 
 #include "tools/v9_rtmp_ctl/control_client.h"
+#include "tools/v9_rtmp_ctl/io_errors.h"
 #include "tools/v9_rtmp_ctl/parse_number.h"
 
 namespace {
@@ -230,7 +231,7 @@ class Client {
                 throw ProbeFailure("it does not read the data it is sent");
             }
             const ssize_t sent = ::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-            if (sent < 0 && errno != EAGAIN) {
+            if (sent < 0 && !can_try_again(errno)) {
                 throw ProbeFailure("it closed the connection");
             }
             bytes.remove_prefix(sent > 0 ? static_cast<std::size_t>(sent) : 0);
@@ -244,7 +245,7 @@ class Client {
                 throw ProbeFailure("it did not answer in time");
             }
             const ssize_t length = recv(fd, buffer.data(), buffer.size(), 0);
-            if (length == 0 || (length < 0 && errno != EAGAIN)) {
+            if (length == 0 || (length < 0 && !can_try_again(errno))) {
                 throw ProbeFailure("it closed the connection");
             }
             received.append(buffer.data(), length > 0 ? static_cast<std::size_t>(length) : 0);
