@@ -587,7 +587,7 @@ TEST(amf_read, survives_truncation_at_every_byte) {
     // A value may end after a piece only where the end of the data closes every object that is open.
     const struct {
         Bytes bytes;
-        bool complete_behind;
+        bool complete_after;
     } pieces[] = {
         {OBJECT, true},
         {key("str"), false},
@@ -613,9 +613,9 @@ TEST(amf_read, survives_truncation_at_every_byte) {
         for (std::size_t i = 0; i < piece.bytes.size(); ++i) {
             bytes.push_back(piece.bytes[i]);
             const Decoded result = decode(bytes);
-            const bool complete = i + 1 == piece.bytes.size() && piece.complete_behind;
-            EXPECT_EQ(result.ok, complete) << "cut behind byte " << bytes.size();
-            EXPECT_EQ(result.consumed, complete ? bytes.size() : 0) << "cut behind byte " << bytes.size();
+            const bool complete = i + 1 == piece.bytes.size() && piece.complete_after;
+            EXPECT_EQ(result.ok, complete) << "cut after byte " << bytes.size();
+            EXPECT_EQ(result.consumed, complete ? bytes.size() : 0) << "cut after byte " << bytes.size();
             EXPECT_EQ(result.value.type, AMF_Type::Object);
         }
     }

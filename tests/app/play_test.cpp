@@ -25,8 +25,8 @@ class play_test : public AppFixture {
 
 using play_death_test = play_test;
 
-Bytes play_arguments(const Bytes& behind_the_command_object) {
-    return amf_string("play") + amf_number(4) + amf_null() + behind_the_command_object;
+Bytes play_arguments(const Bytes& after_command_object) {
+    return amf_string("play") + amf_number(4) + amf_null() + after_command_object;
 }
 
 }  // namespace

@@ -413,7 +413,7 @@ TEST_F(raw_server_test, a_slow_reply_is_awaited_within_the_limits) {
     } rows[] = {
         {"within the silence", mine.substr(0, BYTES_TO_ID), mine.substr(BYTES_TO_ID), 5 * SECOND_US,
          1000 * SECOND_US, COMM_SOCKET_V4_OK},
-        {"behind another one", other + mine.substr(0, BYTES_TO_ID), mine.substr(BYTES_TO_ID), 5 * SECOND_US,
+        {"after another one", other + mine.substr(0, BYTES_TO_ID), mine.substr(BYTES_TO_ID), 5 * SECOND_US,
          1000 * SECOND_US, COMM_SOCKET_V4_OK},
         {"from its first byte", "", mine, 25 * SECOND_US, 1000 * SECOND_US, COMM_SOCKET_V4_OK},
         {"beyond the total", mine.substr(0, BYTES_TO_ID), mine.substr(BYTES_TO_ID), 5 * SECOND_US,

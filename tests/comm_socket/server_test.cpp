@@ -543,7 +543,7 @@ TEST_F(server_test, returns_0_only_beyond_16_mib_and_then_times_out) {
         ++sent;
     }
     EXPECT_EQ(result, 0);
-    EXPECT_EQ(sent, 5) << "one under way, and 16 MiB with their headers behind it";
+    EXPECT_EQ(sent, 5) << "one being sent, and after it 16 MiB with their headers";
     EXPECT_EQ(comm_socket_v4_packet_send_to_client(client, reply), 0) << "it stays so, and costs nothing";
     comm_socket_v4_wait_for_server_to_client_writeable(client, 0);
     EXPECT_EQ(comm_socket_v4_packet_send_to_client(client, reply), -1);

@@ -37,7 +37,7 @@ class BodyReader {
 
     void expect_end() const {
         if (!rest.empty()) {
-            throw TestFailure("a control reply has " + std::to_string(rest.size()) + " bytes behind its end");
+            throw TestFailure("a control reply has " + std::to_string(rest.size()) + " bytes after its end");
         }
     }
 
