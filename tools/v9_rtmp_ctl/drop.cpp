@@ -1,10 +1,8 @@
 // drop id and drop address: drop connections by their ids.
 #include <algorithm>
-#include <cstddef>
 #include <iterator>
 #include <optional>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "tools/v9_rtmp_ctl/commands.h"
@@ -16,18 +14,11 @@
 #include "tools/v9_rtmp_ctl/drop_rules.h"
 #include "tools/v9_rtmp_ctl/failure.h"
 #include "tools/v9_rtmp_ctl/json_forms.h"
-#include "tools/v9_rtmp_ctl/text.h"
 
 namespace {
 
 ExitCode report_worse(ExitCode so_far, const Failure& failure) {
     return worse_of(so_far, report(failure));
-}
-
-// Names may be megabytes long.
-std::string short_name(const std::string& name) {
-    constexpr std::size_t MAX_NAME_BYTES = 64;
-    return cut_text(escape_untrusted(std::string_view(name).substr(0, MAX_NAME_BYTES + 1)), MAX_NAME_BYTES);
 }
 
 // Prints one line for each connection dropped, and the failure for each of the others.

@@ -127,11 +127,15 @@ Failure no_such_connection(unsigned id) {
             "there is no connection " + std::to_string(id) + ". 'v9_rtmp_ctl list' shows all connections."};
 }
 
+std::string short_name(std::string_view name) {
+    constexpr std::size_t MAX_COLUMNS = 64;
+    return cut_text(escape_untrusted(name.substr(0, MAX_COLUMNS + 1)), MAX_COLUMNS);
+}
+
 std::string describe(const Connection& connection) {
-    constexpr std::size_t MAX_NAME_BYTES = 64;
     const std::string mode = connection.mode.empty() ? "" : escape_untrusted(connection.mode) + " of ";
-    const std::string name = cut_text(
-        escape_untrusted(std::string_view(connection.stream).substr(0, MAX_NAME_BYTES + 1)), MAX_NAME_BYTES);
-    return (connection.stream.empty() ? "without a stream," : mode + "'" + name + "'") + " from " +
+    return (connection.stream.empty() ? "without a stream,"
+                                      : mode + "'" + short_name(connection.stream) + "'") +
+           " from " +
            (connection.address.empty() ? "an unknown address" : escape_untrusted(connection.address));
 }

@@ -26,7 +26,7 @@
 namespace {
 
 // Every viewer gets the names every second. Monitor has already cut them to about this length.
-constexpr std::size_t MAX_NAME_BYTES = 200;
+constexpr std::size_t MAX_NAME_BYTES = ConnectionHistory::MAX_NAME_BYTES;
 
 std::string cut_name(const std::string& name) {
     if (name.size() <= MAX_NAME_BYTES) {
