@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <cerrno>
 #include <filesystem>
@@ -55,6 +56,20 @@ TEST_F(state_file_test, is_unchanged_when_it_cannot_be_replaced) {
     std::filesystem::create_directory(path);
     EXPECT_FALSE(replace_file(path, "text"));
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(directory), {}), 1);
+}
+
+TEST_F(state_file_test, replaces_regular_files_only) {
+    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+    EXPECT_FALSE(replace_file(path, "text"));
+    EXPECT_EQ(errno, ENOTSUP);
+    EXPECT_TRUE(std::filesystem::is_fifo(path));
+
+    const std::string link = directory / "link";
+    std::filesystem::create_symlink(path, link);
+    EXPECT_FALSE(replace_file(link, "text"));
+    EXPECT_EQ(errno, ENOTSUP);
+    EXPECT_TRUE(std::filesystem::is_symlink(link));
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(directory), {}), 2);
 }
 
 TEST_F(state_file_test, a_lock_is_held_once_until_it_is_released) {

@@ -25,6 +25,12 @@ std::optional<Failure> write_metrics(const std::string& path, const std::string&
     if (replace_file(path, text)) {
         return std::nullopt;
     }
+    if (errno == ENOTSUP) {
+        return Failure{ExitCode::NEGATIVE_ANSWER, "the metrics cannot be written to " +
+                                                      escape_untrusted(path) +
+                                                      ", because it is not a regular file. Omit --output to "
+                                                      "print them."};
+    }
     return Failure{ExitCode::NEGATIVE_ANSWER,
                    "the metrics cannot be written to " + escape_untrusted(path) + " (" +
                        std::strerror(errno) +

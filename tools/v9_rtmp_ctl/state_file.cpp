@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <array>
@@ -49,6 +50,12 @@ std::optional<std::string> read_file(const std::string& path) {
 }
 
 bool replace_file(const std::string& path, const std::string& text) {
+    // The rename would replace a device such as /dev/null as well.
+    struct stat existing {};
+    if (lstat(path.c_str(), &existing) == 0 && !S_ISREG(existing.st_mode)) {
+        errno = ENOTSUP;
+        return false;
+    }
     const std::string temporary = path + ".new";
     // Do not write into a file of that name that another program left or is still writing.
     unlink(temporary.c_str());

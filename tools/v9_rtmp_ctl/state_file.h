@@ -8,7 +8,8 @@
 [[nodiscard]] std::optional<std::string> read_file(const std::string& path);
 
 // Writes a temporary file next to the file at path and renames it, so readers see either the old text or the
-// new one. On failure returns false, leaves the file unchanged and sets errno.
+// new one. On failure returns false, leaves the file unchanged and sets errno: ENOTSUP if path is not a
+// regular file, for example a device or a symbolic link.
 [[nodiscard]] bool replace_file(const std::string& path, const std::string& text);
 
 // Holds a lock on a file, which is created if it is absent. Programs that write the same files use it to
