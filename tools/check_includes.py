@@ -109,14 +109,15 @@ def dead_rules(includes, rules):
 
 
 def ways_into_the_server(includes):
-    sources = {name.removesuffix(".cpp") + ".h": name for name in includes if name.endswith(".cpp")}
     for name in includes:
         ways = {name: name} if matches(name, TESTED_FROM_OUTSIDE) else {}
         open_ends = list(ways)
         while open_ends:
             at = open_ends.pop()
             targets = [target for _, target in includes.get(at, [])]
-            for target in targets + ([sources[at]] if at in sources else []):
+            if (source := at.removesuffix(".h") + ".cpp") in includes:
+                targets.append(source)
+            for target in targets:
                 if matches(target, SERVER):
                     yield f"{name}: reaches the server's code: {ways[at]} -> {target}"
                 elif target not in ways:

@@ -23,6 +23,12 @@ TEST(text, a_cut_text_is_marked_as_cut) {
     EXPECT_EQ(cut_text("", 0), "");
 }
 
+TEST(text, a_quoted_text_is_escaped_and_cut_to_64_columns) {
+    EXPECT_EQ(quote_untrusted("a\nb"), "'a\\x0Ab'");
+    EXPECT_EQ(quote_untrusted(std::string(64, 'x')), "'" + std::string(64, 'x') + "'");
+    EXPECT_EQ(quote_untrusted(std::string(65, 'x')), "'" + std::string(63, 'x') + "~'");
+}
+
 TEST(text, bytes_are_shown_in_iec_units) {
     struct Row {
         std::uint64_t bytes;

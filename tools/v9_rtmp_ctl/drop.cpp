@@ -14,6 +14,7 @@
 #include "tools/v9_rtmp_ctl/drop_rules.h"
 #include "tools/v9_rtmp_ctl/failure.h"
 #include "tools/v9_rtmp_ctl/json_forms.h"
+#include "tools/v9_rtmp_ctl/text.h"
 
 namespace {
 
@@ -31,7 +32,7 @@ ExitCode print_outcomes(const Settings& settings, const std::vector<DropOutcome>
             ++result.dropped;
             result.ids->push_back(outcome.id);
             lines += "dropped connection " + std::to_string(outcome.id) +
-                     (outcome.guard.empty() ? "" : " of stream '" + short_name(outcome.guard) + "'") + "\n";
+                     (outcome.guard.empty() ? "" : " of stream " + quote_untrusted(outcome.guard)) + "\n";
         } else if (outcome.failure->exit_code == ExitCode::ANOTHER_CLIENT) {
             result.uncertain_ids.push_back(outcome.id);
         } else {

@@ -127,15 +127,9 @@ Failure no_such_connection(unsigned id) {
             "there is no connection " + std::to_string(id) + ". 'v9_rtmp_ctl list' shows all connections."};
 }
 
-std::string short_name(std::string_view name) {
-    constexpr std::size_t MAX_COLUMNS = 64;
-    return cut_text(escape_untrusted(name.substr(0, MAX_COLUMNS + 1)), MAX_COLUMNS);
-}
-
 std::string describe(const Connection& connection) {
     const std::string mode = connection.mode.empty() ? "" : escape_untrusted(connection.mode) + " of ";
-    return (connection.stream.empty() ? "without a stream,"
-                                      : mode + "'" + short_name(connection.stream) + "'") +
+    return (connection.stream.empty() ? "without a stream," : mode + quote_untrusted(connection.stream)) +
            " from " +
            (connection.address.empty() ? "an unknown address" : escape_untrusted(connection.address));
 }

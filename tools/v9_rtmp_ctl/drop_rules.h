@@ -50,9 +50,5 @@ struct DropTarget {
 [[nodiscard]] Failure no_such_connection(unsigned id);
 [[nodiscard]] Failure not_of_stream(unsigned id, const std::string& stream);
 
-// Returns a stream's name for a line of text: escaped, and cut to 64 columns, since names may be
-// megabytes long.
-[[nodiscard]] std::string short_name(std::string_view name);
-
 // The human-readable "play of 'cam1' from 203.0.113.7:50000".
 [[nodiscard]] std::string describe(const Connection& connection);

@@ -25,16 +25,12 @@ std::optional<Failure> write_metrics(const std::string& path, const std::string&
     if (replace_file(path, text)) {
         return std::nullopt;
     }
-    if (errno == ENOTSUP) {
-        return Failure{ExitCode::NEGATIVE_ANSWER, "the metrics cannot be written to " +
-                                                      escape_untrusted(path) +
-                                                      ", because it is not a regular file. Omit --output to "
-                                                      "print them."};
-    }
+    const std::string reason = errno == ENOTSUP
+                                   ? ", because it is not a regular file. Omit --output to print them."
+                                   : std::string(" (") + std::strerror(errno) +
+                                         "). Check the directory; a temporary file is also created there.";
     return Failure{ExitCode::NEGATIVE_ANSWER,
-                   "the metrics cannot be written to " + escape_untrusted(path) + " (" +
-                       std::strerror(errno) +
-                       "). Check the directory; a temporary file is also created there."};
+                   "the metrics cannot be written to " + escape_untrusted(path) + reason};
 }
 
 }  // namespace

@@ -116,6 +116,11 @@ std::string cut_text(std::string_view text, std::size_t width) {
     return width == 0 ? std::string() : std::string(text.substr(0, width - 1)) + '~';
 }
 
+std::string quote_untrusted(std::string_view text) {
+    constexpr std::size_t MAX_COLUMNS = 64;
+    return "'" + cut_text(escape_untrusted(text.substr(0, MAX_COLUMNS + 1)), MAX_COLUMNS) + "'";
+}
+
 std::string format_bytes(std::optional<std::uint64_t> bytes) {
     return bytes ? scaled(static_cast<double>(*bytes), BYTE_SCALE, "") : "-";
 }

@@ -19,6 +19,10 @@
 // Returns at most width columns; a cut text ends with '~'.
 [[nodiscard]] std::string cut_text(std::string_view text, std::size_t width);
 
+// Returns an untrusted name or word for a line of text: in single quotes, escaped, and cut to 64 columns,
+// since it may be megabytes long.
+[[nodiscard]] std::string quote_untrusted(std::string_view text);
+
 // "0 B", "1023 B", "1.0 KiB", "12.3 MiB"; "-" if unknown.
 [[nodiscard]] std::string format_bytes(std::optional<std::uint64_t> bytes);
 

@@ -10,7 +10,6 @@
 namespace {
 
 constexpr std::size_t MAX_MISTAKES = 2;
-constexpr std::size_t MAX_QUOTED_BYTES = 64;
 
 // Returns the edit distance: letters inserted, deleted or replaced, and neighbors swapped.
 std::size_t count_mistakes(std::string_view a, std::string_view b) {
@@ -29,10 +28,6 @@ std::size_t count_mistakes(std::string_view a, std::string_view b) {
         before_last = std::exchange(last, std::move(row));
     }
     return last[b.size()];
-}
-
-std::string quoted(const std::string& word) {
-    return "'" + cut_text(escape_untrusted(word.substr(0, MAX_QUOTED_BYTES + 1)), MAX_QUOTED_BYTES) + "'";
 }
 
 // Returns a sentence to append to another. Empty if no word is close.
@@ -90,7 +85,7 @@ Failure nothing_to_drop() {
 Failure unknown_command(const std::string& parent, const std::string& word,
                         const std::vector<std::string>& known) {
     return usage_failure((parent.empty() ? "there is no command " : "'" + parent + "' has no command ") +
-                             quoted(word) + "." + suggestion(word, known),
+                             quote_untrusted(word) + "." + suggestion(word, known),
                          parent);
 }
 
@@ -98,14 +93,14 @@ Failure unknown_option(const std::string& command, const std::string& word,
                        const std::vector<std::string>& known) {
     const std::string name = word.substr(0, word.find('='));
     return usage_failure((command.empty() ? "there is no option " : "'" + command + "' has no option ") +
-                             quoted(name) + "." + suggestion(name, known),
+                             quote_untrusted(name) + "." + suggestion(name, known),
                          command);
 }
 
 Failure too_many_words(const std::string& command, const std::vector<std::string>& words) {
     std::string list;
     for (const std::string& word : words) {
-        list += (list.empty() ? "" : " ") + quoted(word);
+        list += (list.empty() ? "" : " ") + quote_untrusted(word);
     }
     return usage_failure(
         "'" + command + "' does not take " + list + (words.size() == 1 ? ". Omit it." : ". Omit them."),
