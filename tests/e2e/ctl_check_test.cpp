@@ -131,6 +131,33 @@ TEST(ctl_check, a_second_process_on_the_port_is_critical) {
     EXPECT_THAT(run.out, HasSubstr("critical: port: 2 processes listen on port 1935"));
 }
 
+TEST(ctl_check, an_ipv6_proxy_beside_the_server_does_not_share_its_port) {
+    const ServerProcess server;
+    constexpr uid_t NOBODY = 65534;
+    for (const uid_t user : {NOBODY, geteuid()}) {
+        const uid_t own_user = geteuid();
+        ASSERT_EQ(seteuid(user), 0);
+        const int proxy = socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        ASSERT_EQ(seteuid(own_user), 0);
+        if (proxy < 0) {
+            GTEST_SKIP() << "the kernel has no IPv6";
+        }
+        const int on = 1;
+        sockaddr_in6 address{};
+        address.sin6_family = AF_INET6;
+        address.sin6_port = htons(1935);
+        ASSERT_EQ(setsockopt(proxy, IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof on), 0);
+        ASSERT_EQ(bind(proxy, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+        ASSERT_EQ(listen(proxy, 1), 0);
+        const ProgramRun run = run_tool({"check"});
+        close(proxy);
+        EXPECT_THAT(run.out, Not(HasSubstr("critical: ")));
+        EXPECT_THAT(run.out, user == NOBODY
+                                 ? HasSubstr("ok: port: only process ")
+                                 : HasSubstr("unknown: port: It is not known whether another socket"));
+    }
+}
+
 TEST(ctl_check, a_usage_error_is_unknown) {
     for (const char* const word : {"--no-such-option", "--rtmp=nowhere", "word"}) {
         EXPECT_EQ(run_tool({"check", word}).end, (ProgramEnd{UNKNOWN, 0})) << word;

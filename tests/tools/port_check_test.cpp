@@ -20,7 +20,7 @@ TEST(port_check, sockets_that_listen_on_the_port_are_found) {
         "00:00000000 00000000     7        0 4714 1 0 100 0\n"
         "garbage\n\n";
     EXPECT_THAT(find_listening(TABLE, RTMP_PORT),
-                ElementsAre(ListeningSocket{4711, 1000}, ListeningSocket{4714, 7}));
+                ElementsAre(ListeningSocket{4711, 1000, false}, ListeningSocket{4714, 7, true}));
     EXPECT_THAT(find_listening(TABLE, 80), IsEmpty());
     EXPECT_THAT(find_listening("", RTMP_PORT), IsEmpty());
 }

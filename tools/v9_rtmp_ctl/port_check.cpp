@@ -44,6 +44,21 @@ std::optional<std::vector<ListeningSocket>> find_listening_of(const std::string&
     return found ? std::optional(all) : std::nullopt;
 }
 
+// Removes the IPv6 sockets if there are others, since the server is IPv4 only. A socket of another user cannot
+// share the port of the server and takes IPv6 clients only. Returns whether a removed socket may also take IPv4
+// clients: the table does not show which do.
+bool remove_ipv6_sockets(std::vector<ListeningSocket>& sockets, unsigned server_uid) {
+    const auto is_ipv6 = [](const ListeningSocket& socket) { return socket.is_ipv6; };
+    if (std::all_of(sockets.begin(), sockets.end(), is_ipv6)) {
+        return false;
+    }
+    const bool may_share = std::any_of(sockets.begin(), sockets.end(), [&](const ListeningSocket& socket) {
+        return socket.is_ipv6 && socket.uid == server_uid;
+    });
+    std::erase_if(sockets, is_ipv6);
+    return may_share;
+}
+
 std::vector<std::string> entries(const std::string& path) {
     std::vector<std::string> names;
     const Directory directory(opendir(path.c_str()));
@@ -149,6 +164,7 @@ std::vector<ListeningSocket> find_listening(std::string_view table, std::uint16_
     constexpr std::size_t INODE = 9;
     constexpr std::string_view LISTEN = "0A";
     constexpr int HEX = 16;
+    constexpr std::size_t IPV6_DIGITS = 32;
     std::vector<ListeningSocket> sockets;
     std::istringstream lines{std::string(table)};
     for (std::string line; std::getline(lines, line);) {
@@ -157,9 +173,11 @@ std::vector<ListeningSocket> find_listening(std::string_view table, std::uint16_
             continue;
         }
         const std::string_view local = fields[LOCAL_ADDRESS];
+        const std::size_t address_digits = local.rfind(':');
         std::uint16_t local_port = 0;
         ListeningSocket socket;
-        if (parse_number(local.substr(local.rfind(':') + 1), local_port, HEX) && local_port == port &&
+        socket.is_ipv6 = address_digits == IPV6_DIGITS;
+        if (parse_number(local.substr(address_digits + 1), local_port, HEX) && local_port == port &&
             parse_number(fields[UID], socket.uid) && parse_number(fields[INODE], socket.inode)) {
             sockets.push_back(socket);
         }
@@ -179,13 +197,14 @@ std::optional<Peer> find_peer(int fd) {
 PortCheck check_port(const Peer& answering) {
     PortCheck check;
     const std::string pid = std::to_string(answering.pid);
-    const std::optional<std::vector<ListeningSocket>> sockets =
+    std::optional<std::vector<ListeningSocket>> sockets =
         answering.pid > 0 ? find_listening_of(pid) : std::nullopt;
     if (!sockets) {
         check.gap = "It is not known which process listens on " + port_text() +
                     ": /proc does not show the process that answers. Run this where the server runs.";
         return check;
     }
+    const bool ipv6_may_share = remove_ipv6_sockets(*sockets, answering.uid);
     const std::vector<unsigned> owners = find_owners(*sockets);
     const bool answering_listens =
         std::find(owners.begin(), owners.end(), static_cast<unsigned>(answering.pid)) != owners.end();
@@ -207,6 +226,9 @@ PortCheck check_port(const Peer& answering) {
         check.gap = "It is not known whether the process that answers, " + pid +
                     ", is the one that listens on " + port_text() +
                     ": this user may not read its descriptors. Run this again with sudo.";
+    } else if (ipv6_may_share) {
+        check.gap = "It is not known whether another socket on " + port_text() +
+                    " takes IPv6 clients only: it belongs to the server's user. Run it as another user.";
     }
     return check;
 }

@@ -21,6 +21,7 @@ constexpr std::uint16_t RTMP_PORT = 1935;
 struct ListeningSocket {
     std::uint64_t inode = 0;
     unsigned uid = 0;
+    bool is_ipv6 = false;
 
     bool operator==(const ListeningSocket&) const = default;
 };
