@@ -45,6 +45,13 @@ TEST(check_rules, limits_are_read_from_the_kernels_table) {
     EXPECT_EQ(find_cgroup("1:name=x:/a\n"), "");
 }
 
+TEST(check_rules, the_smallest_limit_of_a_cgroup_and_its_ancestors_applies) {
+    EXPECT_THAT(find_smallest_limit({"1536\n", "max\n", "256\n", "", "512\n"}),
+                Optional(std::string("256\n")));
+    EXPECT_THAT(find_smallest_limit({"256\n", "1536\n"}), Optional(std::string("256\n")));
+    EXPECT_EQ(find_smallest_limit({"max\n", ""}), std::nullopt);
+}
+
 TEST(check_rules, slots_warn_when_a_tenth_is_left_and_are_critical_when_none_is) {
     EXPECT_EQ(judge_slots(115).level, Level::OK);
     EXPECT_EQ(judge_slots(116).level, Level::WARNING);

@@ -114,16 +114,14 @@ std::optional<std::string> find_link(const std::string& path) {
                       : std::optional(std::string(target.data(), static_cast<std::size_t>(length)));
 }
 
-// Returns a limit of the server's cgroup, or of the nearest ancestor that sets it.
+// Returns the smallest limit of the server's cgroup and its ancestors, which all apply. Empty if none is set.
 std::optional<std::string> find_cgroup_limit(std::string cgroup, const char* name) {
+    std::vector<std::string> limits;
     for (;;) {
-        std::optional<std::string> text =
-            read_file("/sys/fs/cgroup" + (cgroup == "/" ? "" : cgroup) + "/" + name);
-        if (text && *text != "max\n") {
-            return text;
-        }
+        limits.push_back(
+            read_file("/sys/fs/cgroup" + (cgroup == "/" ? "" : cgroup) + "/" + name).value_or(""));
         if (cgroup.empty() || cgroup == "/") {
-            return std::nullopt;
+            return find_smallest_limit(limits);
         }
         cgroup.resize(cgroup.rfind('/') == std::string::npos ? 0 : cgroup.rfind('/'));
     }

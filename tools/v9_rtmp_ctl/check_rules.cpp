@@ -87,6 +87,17 @@ std::string find_cgroup(std::string_view text) {
     return "";
 }
 
+std::optional<std::string> find_smallest_limit(const std::vector<std::string>& texts) {
+    std::optional<std::string> smallest;
+    for (const std::string& text : texts) {
+        const std::optional<std::uint64_t> limit = read_limit(text);
+        if (limit && *limit < read_limit(smallest).value_or(UNLIMITED)) {
+            smallest = text;
+        }
+    }
+    return smallest;
+}
+
 Finding judge_slots(std::size_t connections) {
     const std::string used =
         std::to_string(connections) + " of " + std::to_string(SLOT_COUNT) + " slots are used";
