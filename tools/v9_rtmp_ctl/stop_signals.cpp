@@ -12,11 +12,15 @@
 
 namespace {
 
+// A signal that was ignored at the start stays ignored: nohup and background jobs of scripts rely on that.
 sigset_t stop_signals() {
     sigset_t signals;
     sigemptyset(&signals);
     for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
-        sigaddset(&signals, signal);
+        struct sigaction action {};
+        if (sigaction(signal, nullptr, &action) == 0 && action.sa_handler != SIG_IGN) {
+            sigaddset(&signals, signal);
+        }
     }
     return signals;
 }

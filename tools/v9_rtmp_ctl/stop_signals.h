@@ -1,5 +1,5 @@
 // The signals that end a long-running command: SIGINT, SIGTERM and SIGHUP. While a StopSignals exists, it
-// reports them and they do not end the process.
+// reports them and they do not end the process. A signal that was ignored before stays ignored.
 #pragma once
 
 #include <signal.h>
