@@ -34,8 +34,8 @@ constexpr std::uint64_t NEEDED_THREADS = 272;
 
 // Returns the path of the version 2 cgroup from the text of /proc/PID/cgroup. Empty if there is none.
 [[nodiscard]] std::string find_cgroup(std::string_view text);
-// Returns the text with the smallest number, such as that of several pids.max. Leaves out "max" and texts that
-// are not a number; empty if no text remains.
+// Returns the text with the smallest number, such as that of several pids.max. Leaves out "max" and texts
+// that are not a number; empty if no text remains.
 [[nodiscard]] std::optional<std::string> find_smallest_limit(const std::vector<std::string>& texts);
 
 [[nodiscard]] Finding judge_slots(std::size_t connections);

@@ -44,9 +44,9 @@ std::optional<std::vector<ListeningSocket>> find_listening_of(const std::string&
     return found ? std::optional(all) : std::nullopt;
 }
 
-// Removes the IPv6 sockets if there are others, since the server is IPv4 only. A socket of another user cannot
-// share the port of the server and takes IPv6 clients only. Returns whether a removed socket may also take IPv4
-// clients: the table does not show which do.
+// Removes the IPv6 sockets if there are others, since the server is IPv4 only. A socket of another user
+// cannot share the port of the server and takes IPv6 clients only. Returns whether a removed socket may also
+// take IPv4 clients: the table does not show which do.
 bool remove_ipv6_sockets(std::vector<ListeningSocket>& sockets, unsigned server_uid) {
     const auto is_ipv6 = [](const ListeningSocket& socket) { return socket.is_ipv6; };
     if (std::all_of(sockets.begin(), sockets.end(), is_ipv6)) {
