@@ -114,6 +114,23 @@ TEST(control_client, a_request_above_a_limit_is_a_usage_error) {
     EXPECT_EQ(failure->exit_code, ExitCode::USAGE);
 }
 
+TEST(control_client, connects_to_a_server_that_has_replaced_the_previous_one) {
+    const std::string directory = make_directory();
+    const std::string path = directory + "/socket";
+    ControlClient client(path, TIMEOUT_US);
+    for (const std::string name : {"first", "second"}) {
+        const FakeServer server([&name](const Request& request, bool) {
+            return Reply{0, request.command, name, {}};
+        });
+        std::filesystem::remove(path);
+        std::filesystem::create_symlink(server.path(), path);
+        Reply reply;
+        EXPECT_FALSE(client.call({"hello", {}}, reply)) << name;
+        EXPECT_EQ(reply.message, name);
+    }
+    std::filesystem::remove_all(directory);
+}
+
 TEST(control_client, connects_again_after_a_failure) {
     bool silent = true;
     const FakeServer server([&silent](const Request& request, bool) {

@@ -1,6 +1,7 @@
 #include "tools/v9_rtmp_ctl/control_client.h"
 
 #include <comm_socket_v4.h>
+#include <poll.h>
 
 #include <algorithm>
 #include <chrono>
@@ -53,6 +54,11 @@ Reply read_reply(const comm_socket_v4_packet* packet) {
     return reply;
 }
 
+bool has_been_closed(int fd) {
+    pollfd ended{fd, POLLRDHUP, 0};
+    return poll(&ended, 1, 0) > 0;
+}
+
 }  // namespace
 
 std::uint64_t longest_reply_us(std::uint64_t silence_us) {
@@ -86,6 +92,9 @@ std::optional<Failure> ControlClient::fail_to_wait(comm_socket_v4_error error, s
 }
 
 std::optional<Failure> ControlClient::connect() {
+    if (awaited_ids.empty() && has_been_closed(fd())) {
+        disconnect();
+    }
     if (connection != nullptr) {
         return std::nullopt;
     }

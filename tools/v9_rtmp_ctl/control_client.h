@@ -1,7 +1,8 @@
 // One connection to the server's control socket. Sends requests, reads replies, and gives advice with
 // every failure.
 //
-// Connects at the first request and again after a failure. Used by one thread.
+// Connects at the first request, and again after a failure or if the server has closed the connection since
+// the last reply, as a restart does. Used by one thread.
 #pragma once
 
 #include <comm_socket_v4.h>
