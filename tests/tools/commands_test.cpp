@@ -367,6 +367,14 @@ TEST_F(commands_test, drop_id_that_sends_nothing_leaves_nothing_unknown) {
     EXPECT_THAT(drop_id(of_id("3")).err, HasSubstr("Connections may have been dropped"));
 }
 
+TEST_F(commands_test, drop_stream_without_a_reply_may_have_dropped_connections) {
+    settings.timeout_seconds = 0.2;
+    answers_drops = false;
+    const Outcome outcome = drop_stream(of_stream("cam1", true));
+    EXPECT_EQ(outcome.exit_code, 5);
+    EXPECT_THAT(outcome.err, HasSubstr("Connections may have been dropped: see 'v9_rtmp_ctl list'."));
+}
+
 TEST_F(commands_test, drop_id_without_list_needs_no_list) {
     DropOptions options = of_id("3");
     options.no_list = true;

@@ -6,6 +6,7 @@
 #include "tests/tools/fake_server.h"
 
 using testing::HasSubstr;
+using testing::StartsWith;
 
 namespace {
 
@@ -32,6 +33,19 @@ TEST_F(watch_of_a_silent_server_test, reports_that_nothing_arrived) {
     EXPECT_TRUE(observer.keep_time(model, 5 * SECOND_US));
     ASSERT_TRUE(model.trouble);
     EXPECT_THAT(model.trouble->message, HasSubstr("did not answer in time (5 s)"));
+}
+
+TEST_F(watch_of_a_silent_server_test, a_drop_without_a_reply_may_have_been_carried_out) {
+    WatchObserver observer(settings, {});
+    model.drop_stream = "cam1";
+    observer.begin_drop(model, 0);
+    EXPECT_TRUE(observer.keep_time(model, 5 * SECOND_US));
+    EXPECT_THAT(model.notice, StartsWith("The drop may have been carried out: the server did not answer"));
+    // The listing that precedes the drop of one connection drops nothing.
+    model.drop_candidate.emplace();
+    observer.begin_drop(model, 5 * SECOND_US);
+    EXPECT_TRUE(observer.keep_time(model, 10 * SECOND_US));
+    EXPECT_THAT(model.notice, StartsWith("the server did not answer"));
 }
 
 TEST_F(watch_of_a_silent_server_test, there_is_no_advice_to_restart_a_server_that_is_still_sending) {

@@ -26,10 +26,7 @@ std::optional<Failure> for_each_batch(const Batch& targets, const Call& call) {
         const std::size_t count = count_batch(targets, idx);
         const auto begin = targets.begin() + static_cast<std::ptrdiff_t>(idx);
         if (std::optional<Failure> failure = call(Batch(begin, begin + static_cast<std::ptrdiff_t>(count)))) {
-            if (idx > 0 || may_have_been_sent(*failure)) {
-                failure->message += " Connections may have been dropped: see 'v9_rtmp_ctl list'.";
-            }
-            return failure;
+            return idx > 0 || may_have_been_sent(*failure) ? with_drop_warning(*failure) : *failure;
         }
         idx += count;
     }
@@ -124,7 +121,7 @@ std::optional<Failure> drop_cut_names(ControlClient& client, const std::vector<C
             }
             if (std::optional<Failure> failure =
                     client.call(drop_id_request(target.id, whole->stream), reply)) {
-                return failure;
+                return may_have_been_sent(*failure) ? with_drop_warning(*failure) : *failure;
             }
             kept = judge_drop_id(target.id, target.stream, reply);
         }

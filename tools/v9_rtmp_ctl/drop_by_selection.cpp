@@ -44,7 +44,8 @@ ExitCode drop_names(const Settings& settings, ControlClient& client, const std::
     ExitCode worst = ExitCode::DONE;
     for (const std::string& name : names) {
         if (const std::optional<Failure> failure = drop_name(client, name, result)) {
-            worst = worse_of(worst, report(*failure));
+            const bool is_unknown = failure->exit_code == ExitCode::NO_REPLY;
+            worst = worse_of(worst, report(is_unknown ? with_drop_warning(*failure) : *failure));
         }
     }
     if (names.size() > 1) {

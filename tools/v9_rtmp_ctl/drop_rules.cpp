@@ -27,13 +27,13 @@ std::optional<unsigned> parse_connection_id(std::string_view text) {
 
 std::optional<unsigned> dropped_count(std::string_view message) {
     constexpr std::string_view BEFORE = "OK, ";
-    constexpr std::string_view BEHIND = " connections dropped";
-    if (message.size() < BEFORE.size() + BEHIND.size() || !message.starts_with(BEFORE) ||
-        !message.ends_with(BEHIND)) {
+    constexpr std::string_view AFTER = " connections dropped";
+    if (message.size() < BEFORE.size() + AFTER.size() || !message.starts_with(BEFORE) ||
+        !message.ends_with(AFTER)) {
         return std::nullopt;
     }
     message.remove_prefix(BEFORE.size());
-    message.remove_suffix(BEHIND.size());
+    message.remove_suffix(AFTER.size());
     return parse_unsigned(message);
 }
 
@@ -108,6 +108,11 @@ std::optional<Failure> judge_candidate(const Connection& candidate, const std::v
     }
     return Failure{ExitCode::NEGATIVE_ANSWER, "connection " + std::to_string(candidate.id) +
                                                   " has changed and was kept. Look again, then drop it."};
+}
+
+Failure with_drop_warning(Failure failure) {
+    failure.message += " Connections may have been dropped: see 'v9_rtmp_ctl list'.";
+    return failure;
 }
 
 Failure bad_connection_id(const std::string& text) {

@@ -46,6 +46,9 @@ struct DropTarget {
 [[nodiscard]] std::optional<Failure> judge_candidate(const Connection& candidate,
                                                      const std::vector<Connection>& listed);
 
+// Adds to the message of a failed call that contained drops, that they may have been carried out.
+[[nodiscard]] Failure with_drop_warning(Failure failure);
+
 [[nodiscard]] Failure bad_connection_id(const std::string& text);
 [[nodiscard]] Failure no_such_connection(unsigned id);
 [[nodiscard]] Failure not_of_stream(unsigned id, const std::string& stream);

@@ -66,6 +66,9 @@ void WatchObserver::fail(WatchModel& model, const Failure& failure) {
     client.disconnect();
     if (task == Task::POLL) {
         take_in_failure(model, failure);
+    } else if (task != Task::CHECK && failure.exit_code == ExitCode::NO_REPLY) {
+        // First, since the end of a long notice is cut.
+        model.notice = "The drop may have been carried out: " + failure.message;
     } else {
         model.notice = failure.message;
     }
