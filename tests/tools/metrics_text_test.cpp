@@ -36,6 +36,7 @@ class metrics_test : public testing::Test {
         source.watchdog = make_statistics({});
         source.watchdog->rules[DropRule::STALLED].drops = 3;
         source.watchdog->updated_unix_seconds = 1700000001;
+        source.polled_unix_seconds = 1700000002;
         return metrics_text(source);
     }
 
@@ -47,7 +48,9 @@ class metrics_test : public testing::Test {
 }  // namespace
 
 TEST_F(metrics_test, report_that_the_server_does_not_answer) {
+    source.polled_unix_seconds = 1700000002;
     const std::string text = metrics_text(source);
+    EXPECT_THAT(text, HasSubstr("\nv9_rtmp_polled_timestamp_seconds 1700000002\n"));
     EXPECT_THAT(text, HasSubstr("\nv9_rtmp_up 0\n"));
     EXPECT_THAT(text, Not(HasSubstr("v9_rtmp_connections")));
 }
@@ -65,9 +68,10 @@ TEST_F(metrics_test, of_a_server_that_does_not_answer_are_only_its_counters) {
 TEST_F(metrics_test, count_connections_streams_and_bytes) {
     const std::string text = everything();
     for (const char* const line :
-         {"v9_rtmp_up 1", "v9_rtmp_slots 128", R"(v9_rtmp_connections{mode="publish"} 2)",
-          R"(v9_rtmp_connections{mode="play"} 1)", R"(v9_rtmp_connections{mode="none"} 1)",
-          R"(v9_rtmp_streams{state="live"} 2)", R"(v9_rtmp_streams{state="waiting"} 0)",
+         {"v9_rtmp_up 1", "v9_rtmp_polled_timestamp_seconds 1700000002", "v9_rtmp_slots 128",
+          R"(v9_rtmp_connections{mode="publish"} 2)", R"(v9_rtmp_connections{mode="play"} 1)",
+          R"(v9_rtmp_connections{mode="none"} 1)", R"(v9_rtmp_streams{state="live"} 2)",
+          R"(v9_rtmp_streams{state="waiting"} 0)",
           R"(v9_rtmp_stream_received_bytes_total{stream="cam1"} 200000)",
           R"(v9_rtmp_stream_sent_bytes_total{stream="cam1"} 150000)",
           R"(v9_rtmp_stream_players{stream="cam1"} 1)",

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <ctime>
 #include <filesystem>
 
 #include "tests/tools/fake_server.h"
@@ -42,8 +43,11 @@ TEST_F(monitor_test, takes_the_ages_of_a_watchdogs_history_and_not_its_counters)
 
 TEST_F(monitor_test, counts_from_its_first_poll_if_no_watchdog_runs) {
     Monitor monitor(server.path(), 5 * ONE_SECOND_US, state);
+    EXPECT_EQ(monitor.view().polled_unix_seconds, std::nullopt);
+    const std::int64_t earliest = std::time(nullptr);
     for (const std::uint64_t received_since : {0U, 50U}) {
         monitor.poll();
+        EXPECT_GE(monitor.view().polled_unix_seconds, earliest);
         ASSERT_FALSE(monitor.view().failure);
         EXPECT_EQ(monitor.view().series.listed().at("cam1").bytes_received, received_since);
     }

@@ -209,6 +209,9 @@ std::string metrics_text(const MetricsSource& source) {
     Writer writer;
     const bool is_up = source.round_trip_s.has_value();
     writer.gauge("v9_rtmp_up", "Whether the server answers on its control socket.").sample({}, is_up ? 1 : 0);
+    writer.gauge_if("v9_rtmp_polled_timestamp_seconds",
+                    "Time of the last poll of the server, answered or not, since the epoch.",
+                    source.polled_unix_seconds);
     if (is_up) {
         writer.gauge_if("v9_rtmp_control_round_trip_seconds",
                         "Time from requesting the listing to receiving all of it; up to 0.1 is usual.",

@@ -21,6 +21,7 @@ struct MetricsSource {
     const ConnectionHistory* history = nullptr;  // null: only one listing
     const StreamSeries* series = nullptr;        // set with history
     std::optional<WatchdogStatistics> watchdog;
+    std::optional<std::int64_t> polled_unix_seconds;
 };
 
 // Ends with a newline.

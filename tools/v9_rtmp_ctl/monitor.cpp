@@ -1,6 +1,7 @@
 #include "tools/v9_rtmp_ctl/monitor.h"
 
 #include <algorithm>
+#include <ctime>
 #include <utility>
 
 #include "tools/v9_rtmp_ctl/metrics_text.h"
@@ -29,6 +30,7 @@ void Monitor::read_watchdog() {
 }
 
 void Monitor::poll() {
+    current.polled_unix_seconds = std::time(nullptr);
     read_watchdog();
     const Listing before = std::exchange(current.listing, {});
     current.process = {};
@@ -63,6 +65,7 @@ std::string metrics_of(const MonitorView& view, MetricsSpan span) {
     }
     source.process = view.process;
     source.watchdog = view.watchdog;
+    source.polled_unix_seconds = view.polled_unix_seconds;
     if (span == MetricsSpan::ALL_POLLS) {
         source.history = &view.history;
         source.series = &view.series;

@@ -18,8 +18,9 @@
 
 // The state after a poll.
 struct MonitorView {
-    std::optional<Failure> failure;  // empty: the server answered
-    Listing listing;                 // with rates since the previous poll; empty after a failure
+    std::optional<std::int64_t> polled_unix_seconds;  // empty before the first poll
+    std::optional<Failure> failure;                   // empty: the server answered
+    Listing listing;  // with rates since the previous poll; empty after a failure
     std::uint64_t round_trip_us = 0;
     ProcessInfo process;
     ConnectionHistory history;
