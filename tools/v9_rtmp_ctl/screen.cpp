@@ -214,7 +214,8 @@ bool Screen::suspend() {
     // The terminal has been given back, so signals may have their usual effect.
     sigset_t told;
     pthread_sigmask(SIG_SETMASK, &usual_mask, &told);
-    kill(getpid(), SIGSTOP);
+    // SIGSTOP would also stop a process that no shell can continue, and stop it for good.
+    raise(SIGTSTP);
     const bool in_foreground = wait_for_foreground();
     pthread_sigmask(SIG_SETMASK, &told, nullptr);
     return in_foreground && take();

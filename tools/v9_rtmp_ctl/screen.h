@@ -47,7 +47,7 @@ class Screen {
     [[nodiscard]] static bool is_in_background();
 
     // Gives the terminal back, stops the process until it is continued in the foreground, and takes the
-    // terminal again. False if the terminal is gone.
+    // terminal again. Does not stop it if there is no shell with job control. False if the terminal is gone.
     [[nodiscard]] bool suspend();
 
   private:
