@@ -80,6 +80,41 @@ TEST_F(health_test, a_player_that_reads_slowly_is_behind_even_when_it_keeps_up_w
     EXPECT_GE(of(2).behind_us, 17 * ONE_SECOND_US);
 }
 
+TEST_F(health_test, the_time_that_players_waited_for_a_publisher_does_not_count) {
+    seconds(600, [](std::uint64_t) {
+        return std::vector{observed_player(1, "cam1", 3000), observed_player(2, "cam1", 3000)};
+    });
+    const auto one_second_apart = [](std::uint64_t s) {
+        const std::uint64_t sent = 1000 * (s - 600);
+        return std::vector{observed_publisher(0, "cam1", sent), observed_player(1, "cam1", 3000 + sent),
+                           observed_player(2, "cam1", 2000 + sent)};
+    };
+    for (const unsigned later : {1U, 1U, 3U, 95U}) {
+        seconds(later, one_second_apart);
+        EXPECT_LE(of(2).behind_us, ONE_SECOND_US) << now_s;
+    }
+}
+
+TEST_F(health_test, a_player_that_lacks_the_end_of_a_stopped_stream_is_no_further_behind_later) {
+    seconds(400, [](std::uint64_t s) {
+        const std::uint64_t bytes = 1000 * std::min<std::uint64_t>(s, 390);
+        // It receives nothing from the 10th to the 20th second.
+        const std::uint64_t late =
+            std::max(std::min<std::uint64_t>(bytes, 10000), bytes - std::min<std::uint64_t>(bytes, 10000));
+        return std::vector{observed_player(1, "cam1", bytes), observed_player(2, "cam1", late)};
+    });
+    EXPECT_EQ(of(1).behind_us, 10 * ONE_SECOND_US);
+}
+
+TEST_F(health_test, a_player_that_stopped_longer_ago_than_samples_are_kept_is_behind_by_the_mean_rate) {
+    seconds(400, [](std::uint64_t s) {
+        return std::vector{observed_player(1, "cam1", 1000 * s),
+                           observed_player(2, "cam1", 1000 * std::min<std::uint64_t>(s, 200))};
+    });
+    EXPECT_GE(of(1).behind_us, 200 * ONE_SECOND_US);
+    EXPECT_LE(of(1).behind_us, 205 * ONE_SECOND_US);
+}
+
 TEST_F(health_test, a_player_with_large_chunks_is_not_behind_those_with_small_ones) {
     seconds(4000, [](std::uint64_t s) {
         return std::vector{observed_publisher(0, "cam1", 1000 * s), observed_player(1, "cam1", 1008 * s),

@@ -1,6 +1,8 @@
 #include "tools/v9_rtmp_ctl/stream_health.h"
 
 #include <algorithm>
+#include <deque>
+#include <iterator>
 #include <optional>
 
 namespace {
@@ -16,9 +18,29 @@ bool is_still(const ConnectionHistory& history, const ClientRecord& record) {
     return still_us(history, media_counter(record)) >= STILL_AFTER_US;
 }
 
-// Estimates how long ago the other had transferred as much as this client has now. The bytes of both are
-// counted from the time they became comparable. Only the given percentage of the other's bytes is counted.
-// Empty while they cannot be compared.
+// Returns when, on the attended clock, the client's media counter had this value, which is less than its last
+// one. Empty if that was before its samples.
+std::optional<double> find_time_of(const ClientRecord& client, double bytes) {
+    const std::deque<CounterSample>& samples = client.samples;
+    const auto later = std::partition_point(samples.begin(), samples.end(), [bytes](const CounterSample& s) {
+        return static_cast<double>(s.bytes) <= bytes;
+    });
+    if (later == samples.begin()) {
+        return std::nullopt;
+    }
+    const CounterHistory& counter = media_counter(client);
+    const CounterSample before = *std::prev(later);
+    const CounterSample after =
+        later == samples.end() ? CounterSample{counter.grew_us, counter.bytes} : *later;
+    const double part =
+        (bytes - static_cast<double>(before.bytes)) / static_cast<double>(after.bytes - before.bytes);
+    return static_cast<double>(before.attended_us) +
+           part * static_cast<double>(after.attended_us - before.attended_us);
+}
+
+// Estimates how long before its counter last grew the other had transferred as much as this client has now.
+// The bytes of both are counted from the time they became comparable. Only the given percentage of the
+// other's bytes is counted. Empty while they cannot be compared.
 std::optional<std::uint64_t> find_lag_us(const ConnectionHistory& history, const ClientRecord& client,
                                          const ClientRecord& other, std::uint64_t percent) {
     const std::optional<std::uint64_t> own = gained_beside(client, other);
@@ -26,16 +48,22 @@ std::optional<std::uint64_t> find_lag_us(const ConnectionHistory& history, const
     if (!own || !all) {
         return std::nullopt;
     }
-    const std::uint64_t wanted = *all / 100 * percent;
+    const double wanted = static_cast<double>(*all) / 100 * static_cast<double>(percent);
+    const auto got = static_cast<double>(*own);
+    if (got >= wanted) {
+        return 0;
+    }
+    const CounterHistory& counter = media_counter(other);
+    const double counted = static_cast<double>(*all) * got / wanted;
+    const std::optional<double> reached_us =
+        find_time_of(other, static_cast<double>(counter.bytes - *all) + counted);
+    if (reached_us) {
+        return static_cast<std::uint64_t>(std::max(static_cast<double>(counter.grew_us) - *reached_us, 0.0));
+    }
+    // So long ago that the mean rate has to do.
     const std::uint64_t since_us =
         history.attended_us() - std::max(client.stream_attended_us, other.stream_attended_us);
-    const std::uint64_t missing = wanted - std::min(*own, wanted);
-    // since_us includes the settling time but the byte counts do not, so the result may exceed the time that
-    // the other needs for the missing bytes at its mean rate.
-    return wanted == 0
-               ? 0
-               : static_cast<std::uint64_t>(static_cast<double>(since_us) * static_cast<double>(missing) /
-                                            static_cast<double>(wanted));
+    return static_cast<std::uint64_t>(static_cast<double>(since_us) * (wanted - got) / wanted);
 }
 
 // Returns how far the player is behind the foremost one of its stream, or behind its publisher if no player
