@@ -17,7 +17,7 @@
 
 #include "tools/v9_rtmp_ctl/control_client.h"
 #include "tools/v9_rtmp_ctl/io_errors.h"
-#include "tools/v9_rtmp_ctl/parse_number.h"
+#include "tools/v9_rtmp_ctl/listen_address.h"
 
 namespace {
 
@@ -288,13 +288,11 @@ ProbeResult run_probe(const Probe& probe) {
 }  // namespace
 
 std::optional<RtmpAddress> parse_rtmp_address(const std::string& text) {
-    const std::size_t colon = text.rfind(':');
-    std::uint16_t port = 0;
-    if (colon == 0 || colon == std::string::npos ||
-        !parse_number(std::string_view(text).substr(colon + 1), port) || port == 0) {
+    const std::optional<HostAndPort> split = split_host(text);
+    if (!split || split->host.empty() || split->port.value_or(0) == 0) {
         return std::nullopt;
     }
-    return RtmpAddress{text.substr(0, colon), text.substr(colon + 1)};
+    return RtmpAddress{split->host, std::to_string(*split->port)};
 }
 
 ProbeResult probe_handshake(const RtmpAddress& address, std::uint64_t max_us) {

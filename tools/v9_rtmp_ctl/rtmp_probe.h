@@ -11,7 +11,8 @@ struct ProbeResult {
     std::uint64_t took_us = 0;
 };
 
-// The host and port of "HOST:PORT". Empty if the text does not have this form.
+// The host and port of "HOST:PORT". An IPv6 address stands in brackets, as in "[::1]:1935". Empty if the text
+// does not have this form.
 struct RtmpAddress {
     std::string host;
     std::string port;
