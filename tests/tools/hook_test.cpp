@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -57,6 +58,12 @@ TEST_F(hook_test, that_fails_is_reported) {
     sigemptyset(&mask);
     EXPECT_THAT(run_hook("/absent/program", {}, mask),
                 Optional(std::string("could not be started (No such file or directory)")));
+}
+
+TEST_F(hook_test, is_waited_for_although_a_parent_ignored_the_end_of_children) {
+    std::signal(SIGCHLD, SIG_IGN);
+    EXPECT_EQ(run("exit 0"), std::nullopt);
+    EXPECT_THAT(run("exit 3"), Optional(std::string("exited with status 3")));
 }
 
 TEST_F(hook_test, that_does_not_end_is_killed) {

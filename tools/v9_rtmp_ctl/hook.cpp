@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <utility>
@@ -78,6 +79,8 @@ bool wait_for_end(pid_t child, std::uint64_t max_us) {
 std::optional<std::string> run_hook(const std::string& program,
                                     const std::vector<std::pair<std::string, std::string>>& variables,
                                     const sigset_t& signal_mask, std::uint64_t max_us) {
+    // A parent may have left it ignored; the child's end could then not be waited for.
+    std::signal(SIGCHLD, SIG_DFL);
     pid_t child = -1;
     if (const int error = spawn(program, variables, signal_mask, child)) {
         return std::string("could not be started (") + std::strerror(error) + ")";
