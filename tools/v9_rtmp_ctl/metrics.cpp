@@ -14,6 +14,7 @@
 #include "tools/v9_rtmp_ctl/state_file.h"
 #include "tools/v9_rtmp_ctl/text.h"
 #include "tools/v9_rtmp_ctl/time_units.h"
+#include "tools/v9_rtmp_ctl/trouble.h"
 
 namespace {
 
@@ -49,9 +50,15 @@ ExitCode run_metrics(const Settings& settings, const MetricsOptions& options) {
         return view.failure ? report(*view.failure) : ExitCode::DONE;
     }
     const std::chrono::microseconds every(static_cast<std::int64_t>(*options.interval_seconds * 1e6));
+    Trouble trouble(settings.quiet);
     std::string told;
     for (auto next = std::chrono::steady_clock::now();; std::this_thread::sleep_until(next)) {
         monitor.poll();
+        if (monitor.view().failure) {
+            trouble.tell(*monitor.view().failure);
+        } else {
+            trouble.tell_end();
+        }
         const std::optional<Failure> failure =
             write_metrics(options.file, metrics_of(monitor.view(), MetricsSpan::ALL_POLLS));
         // A failed write does not end the loop: disk space may become free again, and the counters are kept.

@@ -223,6 +223,18 @@ class MetricsTest(unittest.TestCase):
         self.check(text)
         self.assertEqual(0o644, os.stat(self.file).st_mode & 0o777)
 
+    def test_a_writer_reports_once_that_the_server_does_not_answer_and_once_that_it_does(self):
+        writer = Process(program("v9_rtmp_ctl"), "metrics", "-o", self.file, "--interval", "0.1")
+        self.addCleanup(writer.stop)
+        writer.wait_for_output("there is no socket")
+        # Several polls must not repeat the line.
+        written = {os.stat(self.file).st_ino}
+        wait_for("more polls", lambda: written.add(os.stat(self.file).st_ino) or len(written) > 1)
+        server = start_server()
+        self.addCleanup(server.stop)
+        lines = writer.wait_for_output("v9_rtmp_ctl: the server answers.").splitlines()
+        self.assertEqual(len(set(lines)), len(lines), lines)
+
     def test_hostile_names_pass_the_check(self):
         names = [b'a"} 1\nevil 9', b"\xff\xfe", b"\\", b"\xe2\x80\xaegpj", b"x" * 100000, b"{}", b" ", b"(other)"]
         server = ListingServer([line(i, name, "publish", 3000, 10 ** 6) for i, name in enumerate(names)])
