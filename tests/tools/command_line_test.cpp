@@ -334,6 +334,7 @@ TEST(command_line, each_rule_of_the_watchdog_can_be_set_and_turned_off) {
     EXPECT_EQ(parsed({"watchdog", "--long-name", "off"}).watchdog.limits.long_name_bytes, std::nullopt);
     EXPECT_EQ(refused({"watchdog", "--long-name", "-1"}).exit_code, ExitCode::USAGE);
     EXPECT_EQ(parsed({"watchdog", "--stagger", "0.5"}).watchdog.limits.stagger_us, 500000U);
+    EXPECT_EQ(parsed({"watchdog", "--stagger", "1e-400"}).watchdog.limits.stagger_us, 0U);
     EXPECT_TRUE(parsed({"watchdog", "-n"}).watchdog.dry_run);
     EXPECT_THAT(refused({"watchdog", "--stalled", "x"}).message,
                 HasSubstr("'x' is neither 'off' nor a number of seconds from 0.1 to 86400"));

@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <new>
+#include <stdexcept>
 
 #include "tests/tools/fake_server.h"
 
@@ -98,4 +100,10 @@ TEST(failure, is_reported_on_standard_error) {
     testing::internal::CaptureStderr();
     EXPECT_EQ(report({ExitCode::PERMISSION, "no. Do this."}), ExitCode::PERMISSION);
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "v9_rtmp_ctl: no. Do this.\n");
+}
+
+TEST(failure, an_exception_is_lack_of_memory_or_a_bug) {
+    EXPECT_EQ(gave_up(std::bad_alloc()).message, "there is not enough memory. Free some and try again.");
+    EXPECT_EQ(gave_up(std::out_of_range("stod")).message,
+              "gave up: stod. This is a bug: report it with the command line that shows it.");
 }

@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <filesystem>
 #include <iostream>
+#include <new>
+#include <sstream>
 #include <system_error>
 
 #include "tools/v9_rtmp_ctl/text.h"
@@ -139,6 +141,14 @@ Failure unreadable_reply(const std::string& what) {
             "the reply cannot be read: " + escape_untrusted(what) +
                 ". Check that the server has the same version as this tool; 'v9_rtmp_ctl raw' "
                 "shows the reply unchanged."};
+}
+
+Failure gave_up(const std::exception& error) {
+    if (dynamic_cast<const std::bad_alloc*>(&error) != nullptr) {
+        return {ExitCode::NO_REPLY, "there is not enough memory. Free some and try again."};
+    }
+    return {ExitCode::NO_REPLY, std::string("gave up: ") + error.what() +
+                                    ". This is a bug: report it with the command line that shows it."};
 }
 
 ExitCode report(const Failure& failure) {

@@ -5,6 +5,7 @@
 #include <comm_socket_v4.h>
 
 #include <cstdint>
+#include <exception>
 #include <optional>
 #include <string>
 
@@ -50,6 +51,9 @@ struct Failure {
 
 // For a reply that is complete but does not have the expected form.
 [[nodiscard]] Failure unreadable_reply(const std::string& what);
+
+// For an exception that ends the tool: lack of memory, or a bug.
+[[nodiscard]] Failure gave_up(const std::exception& error);
 
 // Prints "v9_rtmp_ctl: MESSAGE" on standard error and returns the failure's exit code.
 ExitCode report(const Failure& failure);

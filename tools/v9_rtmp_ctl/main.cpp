@@ -90,7 +90,6 @@ int main(int argc, char** argv) {
         words.assign(argv + (argc > 0 ? 1 : 0), argv + argc);
         return parse_and_run(words);
     } catch (const std::exception& error) {
-        return failure_status(words, report({ExitCode::NO_REPLY, std::string("gave up: ") + error.what() +
-                                                                     ". Free some memory and try again."}));
+        return failure_status(words, report(gave_up(error)));
     }
 }

@@ -21,7 +21,6 @@ int main(int argc, char** argv) {
         }
         return static_cast<int>(run_serve(line.settings, line.serve));
     } catch (const std::exception& error) {
-        return static_cast<int>(report({ExitCode::NO_REPLY, std::string("gave up: ") + error.what() +
-                                                                ". Free some memory and try again."}));
+        return static_cast<int>(report(gave_up(error)));
     }
 }
