@@ -412,7 +412,7 @@ TEST_F(ctl_watch_test, it_releases_the_terminal_while_it_is_stopped_and_then_tak
     // A shell with job control that leaves the terminal's modes alone. After each stop it prints the id of
     // the process and waits for Enter.
     const std::string script =
-        "set -m; n=0; " + tool_path() +
+        "set -m; n=0; " + linked_in_run(tool_path()) +
         " watch --interval 0.2; while [ $? -gt 128 ]; do n=$((n+1)); printf \"stop $n of \"; "
         "jobs -p; read -r line; fg >/dev/null; done";
     TerminalProgram shell({"dash", "-c", script});
