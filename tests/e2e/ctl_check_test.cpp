@@ -7,11 +7,13 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "tests/support/program_process.h"
@@ -98,6 +100,33 @@ TEST(ctl_check, the_advice_restores_the_control_socket_of_a_service_without_a_re
             run.out + run.err,
             HasSubstr("'systemd-tmpfiles --create v9-rtmp-server.conf' as root to restore the socket;"));
     }
+}
+
+TEST(ctl_check, a_handshake_that_found_no_free_slot_is_repeated_once_there_is_one) {
+    ServerProcess server;
+    // The first client is closed at once, as by a full server.
+    const int listening = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const sockaddr_in address{AF_INET, htons(1936), {htonl(INADDR_LOOPBACK)}, {}};
+    ASSERT_EQ(bind(listening, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    ASSERT_EQ(listen(listening, 1), 0);
+    std::atomic<unsigned> clients = 0;
+    std::thread thread([&] {
+        for (;;) {
+            const int client = accept4(listening, nullptr, nullptr, SOCK_CLOEXEC);
+            if (client < 0) {
+                return;
+            }
+            ++clients;
+            close(client);
+        }
+    });
+    const ProgramRun run = run_tool({"check", "--quiet", "--rtmp", "127.0.0.1:1936"});
+    shutdown(listening, SHUT_RDWR);
+    thread.join();
+    close(listening);
+    EXPECT_EQ(clients, 2U);
+    EXPECT_THAT(run.out, HasSubstr("critical: RTMP: 127.0.0.1:1936: it closed the connection"));
+    EXPECT_THAT(run.out, Not(HasSubstr("slots")));
 }
 
 TEST(ctl_check, without_a_server_is_critical) {

@@ -126,6 +126,20 @@ TEST_F(commands_test, hello_prints_the_greeting) {
     EXPECT_EQ(outcome_of([&] { return run_hello(settings); }).out, "");
 }
 
+TEST_F(commands_test, check_names_the_slots_if_the_last_was_taken_before_the_handshake) {
+    CheckOptions options;
+    options.rtmp = "127.0.0.1:1";
+    std::vector<std::string> full;
+    for (unsigned id = 0; id < SLOT_COUNT; ++id) {
+        full.push_back(std::to_string(id) + "\tcam1\tplay\t\t30\t40\t10.0.0.2:2");
+    }
+    later_lines = {{CAM1_PUBLISHER}, full};
+    const Outcome outcome = outcome_of([&] { return run_check(settings, options); });
+    EXPECT_THAT(outcome.out, HasSubstr("critical: slots: 128 of 128 slots are used"));
+    EXPECT_THAT(outcome.out, Not(HasSubstr("1 of 128 slots are used")));
+    EXPECT_THAT(outcome.out, HasSubstr("critical: RTMP: 127.0.0.1:1: "));
+}
+
 TEST_F(commands_test, an_error_status_is_exit_code_one) {
     status = 6;
     message = "Unknown command";

@@ -95,15 +95,40 @@ Finding probe_finding(const std::string& what, const std::string& done, const st
                           : time_finding(what, done, result.took_us);
 }
 
+// Whether all slots are used now. False if the server does not answer.
+bool is_full(const Settings& settings) {
+    ControlClient client(settings.socket_path, settings.timeout_us());
+    Listing listing;
+    return !take_listing(client, "", listing) && listing.connections.size() >= SLOT_COUNT;
+}
+
+// A full server closes a new client at once, and the slots may have been taken since they were judged. If a
+// probe fails at once, judges them again, or, if not all are used, repeats the probe.
+template <typename Probe>
+ProbeResult probe_with_free_slots(const Settings& settings, Findings& findings, const Probe& probe) {
+    ProbeResult result = probe();
+    if (!result.problem || result.took_us > SLOW_ANSWER_US) {
+        return result;
+    }
+    if (!is_full(settings)) {
+        return probe();
+    }
+    std::erase_if(findings, [](const Finding& finding) { return finding.what == "slots"; });
+    findings.push_back(judge_slots(SLOT_COUNT));
+    return result;
+}
+
 void check_rtmp(const Settings& settings, const CheckOptions& options, const RtmpAddress& address,
                 Findings& findings) {
     const std::string place = escape_untrusted(options.rtmp);
-    findings.push_back(
-        probe_finding("RTMP", "handshake", place, probe_handshake(address, settings.timeout_us())));
+    const ProbeResult handshake = probe_with_free_slots(
+        settings, findings, [&] { return probe_handshake(address, settings.timeout_us()); });
+    findings.push_back(probe_finding("RTMP", "handshake", place, handshake));
     if (options.publish_test) {
         const std::string stream = "check_" + std::to_string(getpid()) + "_" + std::to_string(clock_us());
-        findings.push_back(probe_finding("relay", "a message came through", place,
-                                         probe_stream(address, stream, settings.timeout_us())));
+        const ProbeResult relay = probe_with_free_slots(
+            settings, findings, [&] { return probe_stream(address, stream, settings.timeout_us()); });
+        findings.push_back(probe_finding("relay", "a message came through", place, relay));
     }
 }
 
