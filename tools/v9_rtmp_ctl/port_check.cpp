@@ -44,8 +44,8 @@ std::optional<std::vector<ListeningSocket>> find_listening_of(const std::string&
     return found ? std::optional(all) : std::nullopt;
 }
 
-// Removes the IPv6 sockets if there are others, since the server is IPv4 only. A socket of another user
-// cannot share the port of the server and takes IPv6 clients only. Returns whether a removed socket may also
+// Removes the IPv6 sockets if there are others, since the server is IPv4 only. An IPv6 socket of another user
+// cannot share the server's port, so it accepts IPv6 clients only. Returns whether a removed socket may also
 // take IPv4 clients: the table does not show which do.
 bool remove_ipv6_sockets(std::vector<ListeningSocket>& sockets, unsigned server_uid) {
     const auto is_ipv6 = [](const ListeningSocket& socket) { return socket.is_ipv6; };
@@ -228,7 +228,8 @@ PortCheck check_port(const Peer& answering) {
                     ": this user may not read its descriptors. Run this again with sudo.";
     } else if (ipv6_may_share) {
         check.gap = "It is not known whether another socket on " + port_text() +
-                    " takes IPv6 clients only: it belongs to the server's user. Run it as another user.";
+                    " takes IPv6 clients only: it belongs to the server's user. Run the program that owns "
+                    "the socket as another user.";
     }
     return check;
 }

@@ -3,6 +3,7 @@
 //   VIEW --'/'--> FILTER --Enter, Esc--> VIEW
 //   VIEW --'?'--> HELP --any key--> VIEW
 //   VIEW --'d', no row selected--> DROP_ID --Enter--> DROP_CONFIRM --'y': drop; any other key--> VIEW
+//   DROP_ID --Esc, or Enter without the id of a listed connection--> VIEW
 //   VIEW --'d', a row selected--> DROP_CONFIRM
 #pragma once
 

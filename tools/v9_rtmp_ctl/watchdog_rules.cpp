@@ -203,8 +203,8 @@ class Judge {
                movement->bytes >= bytes_per_second * window_us / US_PER_SECOND;
     }
 
-    // Whether the client has received less than the other had received lead_us before the other's counter
-    // last grew.
+    // Whether the client's bytes and SLACK_BYTES are less than this percentage of the bytes that the other
+    // had carried lead_us before its counter last grew.
     [[nodiscard]] static bool is_behind(const ClientRecord& record, const ClientRecord& other,
                                         std::uint64_t lead_us, std::uint64_t percent) {
         const std::uint64_t last_us = media_counter(other).grew_us;
