@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <atomic>
 #include <csignal>
+#include <cstdint>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -31,6 +32,17 @@ using testing::Not;
 constexpr int WARNING = 1;
 constexpr int CRITICAL = 2;
 constexpr int UNKNOWN = 3;
+
+// Returns a listening socket, or -1.
+int listen_at_loopback(std::uint16_t port) {
+    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const sockaddr_in address{AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
+    if (bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 && listen(fd, 1) == 0) {
+        return fd;
+    }
+    close(fd);
+    return -1;
+}
 
 std::string time_and(const std::string& event) {
     return "[0-9-]* [0-9:]* " + event;
@@ -71,10 +83,8 @@ TEST(ctl_check, a_server_whose_socket_is_gone_is_reported_with_its_process) {
 }
 
 TEST(ctl_check, several_processes_that_hold_the_listening_socket_are_all_named) {
-    const int listening = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const sockaddr_in address{AF_INET, htons(1935), {htonl(INADDR_LOOPBACK)}, {}};
-    ASSERT_EQ(bind(listening, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-    ASSERT_EQ(listen(listening, 1), 0);
+    const int listening = listen_at_loopback(1935);
+    ASSERT_GE(listening, 0);
     const pid_t child = fork();
     if (child == 0) {
         for (;;) {
@@ -104,11 +114,9 @@ TEST(ctl_check, the_advice_restores_the_control_socket_of_a_service_without_a_re
 
 TEST(ctl_check, a_handshake_that_found_no_free_slot_is_repeated_once_there_is_one) {
     ServerProcess server;
-    // The first client is closed at once, as by a full server.
-    const int listening = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const sockaddr_in address{AF_INET, htons(1936), {htonl(INADDR_LOOPBACK)}, {}};
-    ASSERT_EQ(bind(listening, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-    ASSERT_EQ(listen(listening, 1), 0);
+    // Closes each client at once, as a full server does.
+    const int listening = listen_at_loopback(1936);
+    ASSERT_GE(listening, 0);
     std::atomic<unsigned> clients = 0;
     std::thread thread([&] {
         for (;;) {
