@@ -102,8 +102,8 @@ bool is_full(const Settings& settings) {
     return !take_listing(client, "", listing) && listing.connections.size() >= SLOT_COUNT;
 }
 
-// A full server closes a new client at once, and the slots may have been taken since they were judged. If a
-// probe fails at once, judges them again, or, if not all are used, repeats the probe.
+// A full server closes a new client at once, and the last slot may have been taken since the slots were
+// judged. If a probe fails at once, judges the slots again; if one is free, repeats the probe.
 template <typename Probe>
 ProbeResult probe_with_free_slots(const Settings& settings, Findings& findings, const Probe& probe) {
     ProbeResult result = probe();

@@ -46,7 +46,7 @@ struct DropTarget {
 [[nodiscard]] std::optional<Failure> judge_candidate(const Connection& candidate,
                                                      const std::vector<Connection>& listed);
 
-// Adds to the message of a failed call that contained drops, that they may have been carried out.
+// Adds that connections may have been dropped. For the failure of a call that contained drops.
 [[nodiscard]] Failure with_drop_warning(Failure failure);
 
 [[nodiscard]] Failure bad_connection_id(const std::string& text);

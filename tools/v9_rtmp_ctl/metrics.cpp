@@ -50,22 +50,14 @@ ExitCode run_metrics(const Settings& settings, const MetricsOptions& options) {
         return view.failure ? report(*view.failure) : ExitCode::DONE;
     }
     const std::chrono::microseconds every(static_cast<std::int64_t>(*options.interval_seconds * 1e6));
-    Trouble trouble(settings.quiet);
-    std::string told;
+    Trouble server_trouble(settings.quiet);
+    Trouble write_trouble(true);
     for (auto next = std::chrono::steady_clock::now();; std::this_thread::sleep_until(next)) {
         monitor.poll();
-        if (monitor.view().failure) {
-            trouble.tell(*monitor.view().failure);
-        } else {
-            trouble.tell_end();
-        }
-        const std::optional<Failure> failure =
-            write_metrics(options.file, metrics_of(monitor.view(), MetricsSpan::ALL_POLLS));
+        server_trouble.take_in(monitor.view().failure);
         // A failed write does not end the loop: disk space may become free again, and the counters are kept.
-        if (failure && failure->message != told) {
-            static_cast<void>(report(*failure));
-        }
-        told = failure ? failure->message : "";
+        write_trouble.take_in(
+            write_metrics(options.file, metrics_of(monitor.view(), MetricsSpan::ALL_POLLS)));
         next = std::max(next + every, std::chrono::steady_clock::now());
     }
 }

@@ -15,9 +15,9 @@ constexpr const char* OFF = "off";
 
 // Returns the advice for an invalid number of seconds. Empty if the number is valid.
 std::string advise(const std::string& text, double min, const char* is_not_a) {
-    double value = 0;
+    const std::optional<double> value = read_seconds(text);
     // In this form the test also fails for NaN.
-    if (CLI::detail::lexical_cast(text, value) && value >= min && value <= MAX_SECONDS) {
+    if (value && *value >= min && *value <= MAX_SECONDS) {
         return "";
     }
     std::ostringstream advice;
@@ -27,6 +27,11 @@ std::string advise(const std::string& text, double min, const char* is_not_a) {
 }
 
 }  // namespace
+
+std::optional<double> read_seconds(const std::string& text) {
+    double value = 0;
+    return CLI::detail::lexical_cast(text, value) ? std::optional(value) : std::nullopt;
+}
 
 CLI::Validator seconds(double min) {
     return CLI::Validator([min](const std::string& text) { return advise(text, min, "is not a"); }, "");

@@ -60,7 +60,7 @@ std::optional<std::uint64_t> find_lag_us(const ConnectionHistory& history, const
     if (reached_us) {
         return static_cast<std::uint64_t>(std::max(static_cast<double>(counter.grew_us) - *reached_us, 0.0));
     }
-    // So long ago that the mean rate has to do.
+    // That was before the samples, so the mean rate is used.
     const std::uint64_t since_us =
         history.attended_us() - std::max(client.stream_attended_us, other.stream_attended_us);
     return static_cast<std::uint64_t>(static_cast<double>(since_us) * (wanted - got) / wanted);

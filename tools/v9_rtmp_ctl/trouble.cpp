@@ -13,3 +13,11 @@ void Trouble::tell_end() {
     }
     last.clear();
 }
+
+void Trouble::take_in(const std::optional<Failure>& failure) {
+    if (failure) {
+        tell(*failure);
+    } else {
+        tell_end();
+    }
+}

@@ -1,6 +1,8 @@
-// In a long-running command, reports once that the server does not answer, and once that it answers again.
+// In a long-running command, reports a failure once and not at each attempt; by default, also once that the
+// server answers again.
 #pragma once
 
+#include <optional>
 #include <string>
 
 #include "tools/v9_rtmp_ctl/failure.h"
@@ -13,8 +15,10 @@ class Trouble {
     // Reports the failure unless it was the last one reported.
     void tell(const Failure& failure);
     void tell_end();
+    // Calls tell() for a failure, and tell_end() if there was none.
+    void take_in(const std::optional<Failure>& failure);
 
   private:
     const bool quiet;
-    std::string last;  // empty while the server answers
+    std::string last;  // empty after a success
 };

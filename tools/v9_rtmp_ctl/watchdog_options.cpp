@@ -16,11 +16,9 @@ namespace {
 constexpr const char* OFF = "off";
 constexpr double MIN_LIMIT_SECONDS = 0.1;
 
+// The text has passed the checks of the options.
 std::uint64_t microseconds(const std::string& text) {
-    // As the checks of the options read it; std::stod refuses numbers that are almost 0.
-    double value = 0;
-    static_cast<void>(CLI::detail::lexical_cast(text, value));
-    return static_cast<std::uint64_t>(value * US_PER_SECOND);
+    return static_cast<std::uint64_t>(read_seconds(text).value() * US_PER_SECOND);
 }
 
 void read_limit(const std::string& text, std::optional<std::uint64_t>& limit_us) {
